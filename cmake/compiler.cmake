@@ -1,0 +1,27 @@
+# SPDX-License-Identifier: Apache-2.0
+# One set of warnings and hardening for everything that is ours: target keel_compiler.
+add_library(keel_compiler INTERFACE)
+target_compile_options(keel_compiler INTERFACE
+  -Wall -Wextra -Wpedantic -Werror -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-qual
+  -Wconversion -Wsign-conversion -Woverloaded-virtual -Wimplicit-fallthrough -Wundef
+  -fno-omit-frame-pointer -fstack-protector-strong -fvisibility=hidden)
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  target_compile_definitions(keel_compiler INTERFACE _FORTIFY_SOURCE=2)
+endif()
+
+if(KEEL_SANITIZERS)
+  target_compile_options(keel_compiler INTERFACE -fsanitize=${KEEL_SANITIZERS} -fno-sanitize-recover=all)
+  target_link_options(keel_compiler INTERFACE -fsanitize=${KEEL_SANITIZERS})
+endif()
+if(KEEL_FUZZERS)
+  target_compile_options(keel_compiler INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+find_program(MOLD mold)
+if(MOLD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  add_link_options(-fuse-ld=mold)
+endif()
