@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+// Our own mistake: the daemon cannot go on. Says where on standard error and aborts.
+
+namespace keel {
+
+[[noreturn]] void checkFailed(const char* condition, const char* file, int line) noexcept;
+
+}  // namespace keel
+
+#define KEEL_CHECK(condition)                              \
+  do {                                                     \
+    if (!(condition)) [[unlikely]]                         \
+      ::keel::checkFailed(#condition, __FILE__, __LINE__); \
+  } while (false)
