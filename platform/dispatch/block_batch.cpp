@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/dispatch/block_batch.h"
+
+#include "platform/dispatch/block_date.h"
+
+namespace keel {
+
+void BlockBatch::run() noexcept {
+  for (Block& block : blocks_) {
+    beginDateOfBlock();
+    block();
+    block = Block();
+  }
+  endDateOfBlock();
+  if (blocks_.capacity() > kKeptCount) {
+    blocks_ = std::vector<Block>();
+  } else {
+    blocks_.clear();
+  }
+}
+
+}  // namespace keel
