@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string_view>
+
+#include "platform/foundation/string.h"
+
+// What the product Calder fixes: its version, names, paths and error codes.
+
+namespace keel {
+
+// The product's build version.
+String TBCopyCalderBuildVersion();
+
+inline constexpr std::string_view KLNErrorDomain = "KLNErrorDomain";
+
+// Codes of KLNErrorDomain.
+inline constexpr int errAuthFailed = 5;             // password, or answer to a challenge, rejected
+inline constexpr int errAuthIDNotFound = 6;         // no challenge in progress under that ID on this connection
+inline constexpr int errPublisherDisconnected = 8;  // the publisher's connection went away
+inline constexpr int errDuplicate = 9;              // already published, or already subscribed from this connection
+inline constexpr int errNotOwner = 10;              // the calling connection is not the item's publisher
+inline constexpr int errNotFound = 11;              // no item of that name, or not published by this connection
+inline constexpr int errNilName = 12;               // a required name was missing
+inline constexpr int errRequestFailed = 13;         // nothing given, nothing made, or an exception while serving
+inline constexpr int errNotAdmin = 14;              // credentials good, but the user is not in the group "admin"
+
+inline constexpr const char* kNotifyServiceName = "com.vantor.keeld.notify";
+inline constexpr const char* kAuthServiceName = "com.vantor.keeld.auth";
+// Where services have their sockets, each under its service name.
+inline constexpr const char* kServiceDirectory = "/run/keeld";
+inline constexpr const char* kLockDirectory = "/private/var/keeld";
+inline constexpr const char* kBundlesDirectory = "/Applications/Calder.app/Contents/CalderRoot/usr/share/keeld/bundles/";
+
+}  // namespace keel
