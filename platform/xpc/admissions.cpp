@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/xpc/admissions.h"
+
+#include <sys/resource.h>
+
+#include <algorithm>
+
+#include "platform/xpc/limits.h"
+
+namespace keel::xpc {
+
+namespace {
+
+std::size_t connectionLimitOfProcess() {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const std::size_t descriptors = std::min<std::size_t>(limit.rlim_cur, limits::kConnections + limits::kReservedDescriptors);
+  // With very few descriptors the reserve shrinks: some clients are better than none.
+  return descriptors > 2 * limits::kReservedDescriptors ? descriptors - limits::kReservedDescriptors : descriptors / 2;
+}
+
+}  // namespace
+
+std::shared_ptr<Admissions> Admissions::ofProcess() {
+  static const auto& admissions = *new std::shared_ptr<Admissions>(std::make_shared<Admissions>(connectionLimitOfProcess()));
+  return admissions;
+}
+
+bool Admissions::full() const {
+  const std::lock_guard lock(mutex_);
+  return count_ >= connectionLimit_;
+}
+
+Admissions::Refusal Admissions::admit(uid_t uid, std::shared_ptr<void>& admission) {
+  const std::lock_guard lock(mutex_);
+  if (count_ >= connectionLimit_) return Refusal::full;
+  const auto share = static_cast<std::size_t>(static_cast<double>(connectionLimit_) * limits::kConnectionShareOfOneUser);
+  std::size_t& ofUser = countByUser_[uid];
+  if (uid != 0 && ofUser >= share) return Refusal::tooManyOfUser;
+  ++ofUser;
+  ++count_;
+  admission = std::shared_ptr<void>(nullptr, [self = shared_from_this(), uid](void*) {
+    const std::lock_guard dropping(self->mutex_);
+    --self->count_;
+    const auto found = self->countByUser_.find(uid);
+    if (--found->second == 0) self->countByUser_.erase(found);
+  });
+  return Refusal::none;
+}
+
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+}  // namespace keel::xpc

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/xpc/client_endpoint.h"
+
+#include "platform/xpc/frame_stream.h"
+#include "platform/xpc/limits.h"
+#include "platform/xpc/service_socket.h"
+
+namespace keel::xpc {
+
+std::expected<std::shared_ptr<Connection>, Error> connectToService(const std::string& directory, const std::string& name,
+                                                                   Reactor& reactor) {
+  auto socket = connectSocket(directory, name);
+  if (!socket) return std::unexpected(socket.error());
+  return clientConnection(std::move(*socket), reactor);
+}
+
+std::shared_ptr<Connection> clientConnection(FileDescriptor connectedSocket, Reactor& reactor) {
+  // Who serves is known by the path of the socket, which only the administrator can place; a client has no need to ask further.
+  Connection::Options options;
+  options.receiveLimitBytes = limits::kFrameBytesFromDaemon;
+  return Connection::create(PeerIdentity(),
+                            std::make_unique<FrameStream>(std::move(connectedSocket), reactor, options.receiveLimitBytes), options);
+}
+
+}  // namespace keel::xpc

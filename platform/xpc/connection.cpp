@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/xpc/connection.h"
+
+#include <fmt/format.h>
+
+#include "platform/foundation/value.h"
+#include "platform/xpc/remote_proxy.h"
+
+namespace keel::xpc {
+
+namespace {
+
+// Connections are told apart in texts by a number; they are made on whatever thread has a reactor.
+std::atomic<std::uint32_t> lastConnectionNumber{0};
+
+// One message per thread to build in, so that none is allocated.
+OutgoingMessage& scratchMessage() {
+  thread_local OutgoingMessage message;
+  return message;
+}
+
+}  // namespace
+
+Error connectionError(ConnectionErrorCode code, std::string_view description) {
+  return Error(kConnectionErrorDomain, static_cast<std::int64_t>(code),
+               Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), description}})));
+}
+
+std::shared_ptr<Connection> Connection::create(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options) {
+  return std::shared_ptr<Connection>(new Connection(std::move(peer), std::move(transport), options));
+}
+
+Connection::Connection(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options)
+    : number_(++lastConnectionNumber), options_(options), peer_(std::move(peer)), transport_(std::move(transport)) {}
+
+Connection::~Connection() = default;
+
+std::string Connection::description() const {
+  return fmt::format("<connection {} pid {} ({}) uid {} session {}>", number_, peer_.pid, peer_.processName, peer_.uid,
+                     peer_.auditSession);
+}
+
+void Connection::resume() {
+  KEEL_CHECK(state_ == State::configured);
+  state_ = State::running;
+  keptAlive_ = shared_from_this();
+  sendHello();
+  transport_->start(*this);
+}
+
+void Connection::invalidate(std::string_view goodbye) { end(goodbye, /*transportIsClosed=*/false); }
+
+void Connection::sendHello() {
+  OutgoingMessage& message = scratchMessage();
+  cbor::Writer writer = message.begin();
+  const auto selectors = exportedInterface_ != nullptr ? exportedInterface_->selectors() : std::span<const std::string_view>();
+  writer.array(4);
+  writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::hello));
+  writer.unsignedInteger(kProtocolVersion);
+  writer.array(selectors.size());
+  for (const std::string_view selector : selectors) writer.text(selector);
+  writer.map(1);
+  writer.text("descriptors");
+  writer.boolean(options_.takesDescriptors);
+  message.finish();
+  transport_->send(message, EndOfTurn::Urgency::normal);
+}
+
+std::int64_t Connection::methodNumber(const Interface& interface, std::size_t place) const {
+  if (&interface != remoteInterface_ || !methodNumbers_) return -1;
+  return (*methodNumbers_)[place];
+}
+
+std::uint64_t Connection::expectReply(ReplyReader read, ErrorBlock onError) {
+  const std::uint64_t id = nextRequestId_++;
+  expected_.emplace(id, Expected{std::move(read), std::move(onError)});
+  return id;
+}
+
+void Connection::unexpectReply(std::uint64_t requestId, Error error) {
+  auto found = expected_.extract(requestId);
+  if (!found.empty()) reportError(std::move(found.mapped().onError), std::move(error));
+}
+
+void Connection::reportError(ErrorBlock onError, Error error) {
+  Block report = [onError = std::move(onError), error = std::move(error)]() mutable { onError(std::move(error)); };
+  if (queue_) {
+    queue_->async(std::move(report));
+  } else {
+    transport_->performLater(std::move(report));
+  }
+}
+
+void Connection::sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write, void* results) {
+  OutgoingMessage& message = scratchMessage();
+  cbor::Writer writer = message.begin();
+  writer.array(3);
+  writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::reply));
+  writer.unsignedInteger(requestId);
+  writer.array(resultCount);
+  ArgumentWriter arguments{message, peerTakesDescriptors_};
+  write(results, arguments);
+  if (!message.finish()) {
+    return sendFailure(requestId, FailureCode::unsendable,
+                       fmt::format("the answer is longer than a frame can be ({} bytes)", limits::kFrameBytesFromDaemon));
+  }
+  sendAnswer(message);
+}
+
+void Connection::sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text) {
+  OutgoingMessage& message = scratchMessage();
+  writeFailure(message, requestId, code, text);
+  sendAnswer(message);
+}
+
+void Connection::sendAnswer(OutgoingMessage& message) {
+  if (transport_->onIoThread()) {
+    transport_->send(message, EndOfTurn::Urgency::urgent);
+    return requestAnswered();
+  }
+  transport_->perform([self = shared_from_this(), moved = std::move(message)] {
+    self->transport_->send(moved, EndOfTurn::Urgency::urgent);
+    self->requestAnswered();
+  });
+}
+
+void Connection::requestAnswered() {
+  --unansweredCount_;
+  if (readingPaused_) adjustReading();
+}
+
+void Connection::adjustReading() {
+  // Once paused, half of each limit has to be free again: not a pause for every message.
+  const std::size_t divisor = readingPaused_ ? 2 : 1;
+  const bool pause = unansweredCount_ > limits::kUnansweredRequests / divisor || queuedBytes_ > limits::kPauseReadingBytes / divisor;
+  if (pause == readingPaused_ || state_ != State::running) return;
+  readingPaused_ = pause;
+  transport_->setReading(!pause);
+}
+
+void Connection::end(std::string_view goodbye, bool transportIsClosed) {
+  if (state_ == State::ended) return;
+  const std::shared_ptr<Connection> self = shared_from_this();
+  state_ = State::ended;
+  keptAlive_.reset();
+  admission_.reset();
+  if (!transportIsClosed) transport_->close(goodbye);
+  auto unanswered = std::exchange(expected_, {});
+  const std::string why = farewell_.empty() ? "the connection ended" : "the connection ended: " + farewell_;
+  for (auto& [id, expected] : unanswered) {
+    reportError(std::move(expected.onError), connectionError(ConnectionErrorCode::invalid, why));
+  }
+  runOnQueue([self] {
+    if (self->invalidationHandler_) self->invalidationHandler_();
+    self->invalidationHandler_ = {};
+    self->interruptionHandler_ = {};
+    self->readyHandler_ = {};
+    self->exportedObject_.reset();
+  });
+}
+
+void Connection::runOnQueue(Block block) {
+  if (queue_) {
+    queue_->async(std::move(block));
+  } else {
+    block();
+  }
+}
+
+}  // namespace keel::xpc

@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/dispatch/block.h"
+#include "platform/dispatch/reactor.h"
+#include "platform/dispatch/serial_queue.h"
+#include "platform/foundation/error.h"
+#include "platform/xpc/interface.h"
+#include "platform/xpc/limits.h"
+#include "platform/xpc/peer_identity.h"
+#include "platform/xpc/transport.h"
+
+namespace keel::xpc {
+
+template <class Protocol, class ErrorHandler>
+class RemoteProxy;
+
+// Domain of errors that say why a call could not be made or was not answered; the code is a ConnectionErrorCode.
+inline constexpr std::string_view kConnectionErrorDomain = "KLNConnectionErrorDomain";
+
+enum class ConnectionErrorCode : std::int64_t {
+  invalid = 1,         // the connection ended, before the call or before its answer
+  notImplemented = 2,  // the peer's list lacks that selector
+  refused = 3,         // the peer answered with a failure; its code and text are in the user info
+  badReply = 4,        // the peer's answer does not fit the method
+};
+
+// One connection between two processes. Each side exports an object for the other to call and calls the other's through a proxy.
+//
+// Life: made, configured (interfaces, object, handlers), resumed; from then on the transport's machinery keeps it alive until it
+// is invalidated, by either side. Then the invalidation handler runs once, and the exported object and both handlers are let go.
+//
+// Messages and handlers run on the connection's queue: the I/O thread itself, or the queue given with setQueue(). Replies may be
+// sent from any thread; everything else belongs on the I/O thread.
+class Connection final : public std::enable_shared_from_this<Connection>, public ReplyRoute, private Transport::Receiver {
+ public:
+  // `options` differ between the daemon's end and a client's.
+  struct Options {
+    // Whether this side takes sealed memory files.
+    bool takesDescriptors = true;
+    // The largest value that is taken, however it travels.
+    std::size_t receiveLimitBytes = limits::kFrameBytes;
+  };
+
+  static std::shared_ptr<Connection> create(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options);
+  ~Connection() override;
+
+  pid_t processIdentifier() const { return peer_.pid; }
+  uid_t effectiveUserIdentifier() const { return peer_.uid; }
+  std::int32_t auditSessionIdentifier() const { return peer_.auditSession; }
+  const PeerIdentity& peer() const { return peer_; }
+  // Stable text for people: "<connection 12 pid 345 (mailmod) uid 501 session 3>".
+  std::string description() const;
+
+  // Configuration, before resume().
+  void setExportedInterface(const Interface& interface) { exportedInterface_ = &interface; }
+  template <class Protocol>
+  void setExportedObject(std::shared_ptr<Protocol> object) {
+    KEEL_CHECK(exportedInterface_ == &Interface::interfaceWithProtocol<Protocol>());
+    exportedObject_ = std::move(object);
+  }
+  void setRemoteObjectInterface(const Interface& interface) { remoteInterface_ = &interface; }
+  // The peer sent something that could not be decoded; the connection stays usable.
+  void setInterruptionHandler(Block handler) { interruptionHandler_ = std::move(handler); }
+  void setInvalidationHandler(Block handler) { invalidationHandler_ = std::move(handler); }
+  // Messages and handlers run on `queue` instead of the I/O thread.
+  void setQueue(std::shared_ptr<SerialQueue> queue) { queue_ = std::move(queue); }
+  // Called once, on the I/O thread, when the peer's hello has come and calls can be made.
+  void setReadyHandler(Block handler) { readyHandler_ = std::move(handler); }
+
+  // Dropped when the connection ends: its place among those that may be open.
+  void setAdmission(std::shared_ptr<void> admission) { admission_ = std::move(admission); }
+
+  void resume();
+  // Ends the connection from this side; `goodbye`, unless empty, tells the peer why. Idempotent.
+  void invalidate(std::string_view goodbye = {});
+
+  // A proxy that sends asynchronously. `onError(Error)` is called on the connection's queue, later, when a call cannot be made
+  // or its answer does not come. remote_proxy.h has the calls.
+  template <class Protocol, class ErrorHandler>
+  RemoteProxy<Protocol, ErrorHandler> remoteObjectProxyWithErrorHandler(ErrorHandler onError) {
+    return RemoteProxy<Protocol, ErrorHandler>(shared_from_this(), std::move(onError));
+  }
+
+  // The peer's last words, empty when it said none. For the invalidation handler.
+  const std::string& farewell() const { return farewell_; }
+
+  // For RemoteProxy.
+  using ErrorBlock = std::move_only_function<void(Error)>;
+  using ReplyReader = std::move_only_function<bool(ArgumentReader& results, std::uint64_t resultCount)>;
+  // The number by which the peer knows the method at `place` of `interface`; negative when it has none, or no hello came yet.
+  std::int64_t methodNumber(const Interface& interface, std::size_t place) const;
+  bool takesDescriptors() const { return peerTakesDescriptors_; }
+  bool isValid() const { return state_ == State::running; }
+  void sendOneWay(const OutgoingMessage& message) { transport_->send(message, EndOfTurn::Urgency::normal); }
+  // Registers the answer's reader and returns the id to send.
+  std::uint64_t expectReply(ReplyReader read, ErrorBlock onError);
+  // The request cannot be sent after all.
+  void unexpectReply(std::uint64_t requestId, Error error);
+  void sendRequest(const OutgoingMessage& message) { transport_->send(message, EndOfTurn::Urgency::normal); }
+  // Runs onError(error) later, on the connection's queue.
+  void reportError(ErrorBlock onError, Error error);
+
+  // ReplyRoute.
+  void sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write, void* results) override;
+  void sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text) override;
+
+ private:
+  enum class State : std::uint8_t { configured, running, ended };
+  struct Expected {
+    ReplyReader read;
+    ErrorBlock onError;
+  };
+
+  Connection(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options);
+
+  // Transport::Receiver.
+  void onFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) override;
+  void onOversizedFrame(std::size_t sizeBytes, std::span<const std::byte> beginning) override;
+  void onClosed(std::string_view reason) override;
+  std::shared_ptr<void> holdAlive() override { return shared_from_this(); }
+
+  void sendHello();
+  void receiveHello(std::span<const std::byte> bytes);
+  // On the connection's queue.
+  void receive(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files);
+  void receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  void receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  void receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  void dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files, Interface::Call& call);
+  // Answers what cannot be served (`requestId` empty for a one-way message) and tells the interruption handler.
+  void refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);
+  void interrupted(std::string_view why);
+  void sendAnswer(OutgoingMessage& message);
+  // On the I/O thread.
+  void requestAnswered();
+  void adjustReading();
+  void protocolViolation(std::string_view what);
+  void end(std::string_view goodbye, bool transportIsClosed);
+  void runOnQueue(Block block);
+
+  const std::uint32_t number_;
+  std::atomic<State> state_ = State::configured;
+  bool helloReceived_ = false;
+  bool peerTakesDescriptors_ = false;
+  bool interruptionLogged_ = false;
+  bool readingPaused_ = false;
+  const Options options_;
+  // Requests that were dispatched and not answered yet, and bytes of messages that wait on the queue.
+  std::atomic<std::uint32_t> unansweredCount_{0};
+  std::atomic<std::size_t> queuedBytes_{0};
+  PeerIdentity peer_;
+  std::unique_ptr<Transport> transport_;
+  std::shared_ptr<SerialQueue> queue_;
+  const Interface* exportedInterface_ = nullptr;
+  const Interface* remoteInterface_ = nullptr;
+  std::shared_ptr<void> exportedObject_;
+  std::shared_ptr<void> admission_;
+  Block interruptionHandler_;
+  Block invalidationHandler_;
+  Block readyHandler_;
+  // Place in remoteInterface_ to the peer's number; shared by connections whose peers have the same list.
+  std::shared_ptr<const std::vector<std::int64_t>> methodNumbers_;
+  std::uint64_t lastRequestId_ = 0;
+  std::uint64_t nextRequestId_ = 1;
+  std::unordered_map<std::uint64_t, Expected> expected_;
+  std::string farewell_;
+  std::shared_ptr<Connection> keptAlive_;  // from resume() until the end
+};
+
+}  // namespace keel::xpc

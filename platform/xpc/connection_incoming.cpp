@@ -1,0 +1,233 @@
+// SPDX-License-Identifier: Apache-2.0
+// What comes in on a connection. docs/protocol.md has the rules; in short: what cannot be served is answered with a failure and the
+// connection stays, answers are never answered, and only a peer that does not even begin properly is turned away.
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "platform/logging/logger.h"
+#include "platform/xpc/connection.h"
+#include "platform/xpc/remote_proxy.h"
+
+namespace keel::xpc {
+
+namespace {
+
+Logger& logger() {
+  static Logger& runtime = _loggerForCategory("runtime");
+  return runtime;
+}
+
+using MethodNumbers = std::vector<std::int64_t>;
+
+// Reads a hello's list of selectors as the numbers of `interface`'s methods. Most peers are alike: a list equal to the last one
+// shares its numbers.
+std::shared_ptr<const MethodNumbers> readMethodNumbers(cbor::Cursor& cursor, const Interface* interface) {
+  const std::span<const std::string_view> wanted = interface != nullptr ? interface->selectors() : std::span<const std::string_view>();
+  std::uint64_t count = 0;
+  if (!cursor.array(count)) return nullptr;
+  MethodNumbers numbers(wanted.size(), -1);
+  for (std::uint64_t number = 0; number < count; ++number) {
+    std::string_view selector;
+    if (!cursor.text(selector)) return nullptr;
+    const auto found = std::find(wanted.begin(), wanted.end(), selector);
+    if (found != wanted.end()) numbers[static_cast<std::size_t>(found - wanted.begin())] = static_cast<std::int64_t>(number);
+  }
+  thread_local std::shared_ptr<const MethodNumbers> last;
+  if (!last || *last != numbers) last = std::make_shared<const MethodNumbers>(std::move(numbers));
+  return last;
+}
+
+}  // namespace
+
+void Connection::onFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
+  if (!helloReceived_) return receiveHello(bytes);
+  if (!queue_) return receive(bytes, files);
+  queuedBytes_ += bytes.size();
+  adjustReading();
+  queue_->async([self = shared_from_this(), frame = Buffer::copyOf(bytes), taken = std::move(files)]() mutable {
+    if (self->state_ == State::running) self->receive(frame->bytes(), taken);
+    self->transport_->perform([self, size = frame->size()] {
+      self->queuedBytes_ -= size;
+      self->adjustReading();
+    });
+  });
+  files.clear();
+}
+
+void Connection::onOversizedFrame(std::size_t sizeBytes, std::span<const std::byte> beginning) {
+  if (!helloReceived_) return protocolViolation(fmt::format("a hello of {} bytes is too large", sizeBytes));
+  const std::optional<Envelope> envelope = peekEnvelope(beginning);
+  const std::string text = fmt::format("a message of {} bytes is too large; at most {} are taken", sizeBytes, limits::kFrameBytes);
+  if (envelope && envelope->kind != MessageKind::request && envelope->kind != MessageKind::oneWay) return interrupted(text);
+  runOnQueue([self = shared_from_this(), id = envelope ? envelope->requestId : std::nullopt, text] {
+    if (id) {
+      if (*id <= self->lastRequestId_) return self->refuse(id, FailureCode::badRequestId, "request ids must rise");
+      self->lastRequestId_ = *id;
+    }
+    self->refuse(id, FailureCode::tooLarge, text);
+  });
+}
+
+void Connection::onClosed(std::string_view reason) {
+  if (!reason.empty() && state_ == State::running) logger().error("{} dropped: {}", description(), reason);
+  if (farewell_.empty()) farewell_ = reason;
+  end({}, /*transportIsClosed=*/true);
+}
+
+void Connection::receiveHello(std::span<const std::byte> bytes) {
+  cbor::Cursor cursor(bytes);
+  std::uint64_t count = 0;
+  std::uint64_t kind = 0;
+  std::uint64_t version = 0;
+  if (!cursor.array(count) || count < 1 || !cursor.unsignedInteger(kind)) return protocolViolation("its hello cannot be decoded");
+  if (kind == static_cast<std::uint64_t>(MessageKind::goodbye)) {
+    std::string_view text;
+    if (count == 2 && cursor.text(text)) farewell_ = text;
+    return end({}, /*transportIsClosed=*/false);
+  }
+  if (kind != static_cast<std::uint64_t>(MessageKind::hello)) return protocolViolation("its first message is no hello");
+  if (!cursor.unsignedInteger(version)) return protocolViolation("its hello cannot be decoded");
+  if (version != kProtocolVersion) {
+    return protocolViolation(fmt::format("protocol version {} is not known here; this side speaks {}", version, kProtocolVersion));
+  }
+  std::shared_ptr<const MethodNumbers> numbers = readMethodNumbers(cursor, remoteInterface_);
+  std::uint64_t optionCount = 0;
+  bool takesDescriptors = false;
+  bool understood = numbers != nullptr && count == 4 && cursor.map(optionCount);
+  for (std::uint64_t i = 0; understood && i < optionCount; ++i) {
+    std::string_view option;
+    understood = cursor.text(option) &&
+                 (option == "descriptors" ? cursor.boolean(takesDescriptors) : cursor.item(limits::kDepth).has_value());
+  }
+  if (!understood || !cursor.atEnd()) return protocolViolation("its hello cannot be decoded");
+  methodNumbers_ = std::move(numbers);
+  peerTakesDescriptors_ = takesDescriptors;
+  helloReceived_ = true;
+  transport_->liftHelloBound();
+  if (readyHandler_) std::exchange(readyHandler_, {})();
+}
+
+void Connection::receive(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
+  cbor::Cursor cursor(bytes);
+  std::uint64_t count = 0;
+  std::uint64_t kind = 0;
+  if (!cursor.array(count) || !cursor.unsignedInteger(kind)) {
+    return refuse(std::nullopt, FailureCode::undecodable, "the message cannot be decoded");
+  }
+  switch (static_cast<MessageKind>(kind)) {
+    case MessageKind::request:
+      return receiveRequest(cursor, count, files);
+    case MessageKind::oneWay:
+      return receiveOneWay(cursor, count, files);
+    case MessageKind::reply:
+    case MessageKind::failure:
+      return receiveAnswer(static_cast<MessageKind>(kind), cursor, count, files);
+    case MessageKind::goodbye: {
+      std::string_view text;
+      if (count != 2 || !cursor.text(text) || !cursor.atEnd()) return interrupted("a goodbye that cannot be decoded");
+      transport_->perform([self = shared_from_this(), words = std::string(text)] {
+        self->farewell_ = words;
+        self->end({}, /*transportIsClosed=*/false);
+      });
+      return;
+    }
+    case MessageKind::hello:
+      transport_->perform([self = shared_from_this()] { self->protocolViolation("it said hello twice"); });
+      return;
+  }
+  refuse(std::nullopt, FailureCode::undecodable, fmt::format("there is no message of kind {}", kind));
+}
+
+void Connection::receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
+  std::uint64_t id = 0;
+  std::uint64_t method = 0;
+  if (!cursor.unsignedInteger(id)) return refuse(std::nullopt, FailureCode::undecodable, "the message cannot be decoded");
+  if (id <= lastRequestId_) return refuse(id, FailureCode::badRequestId, "request ids must rise");
+  lastRequestId_ = id;
+  if (count != 4 || !cursor.unsignedInteger(method)) return refuse(id, FailureCode::undecodable, "the message cannot be decoded");
+  Interface::Call call{shared_from_this(), id};
+  dispatch(method, cursor, files, call);
+}
+
+void Connection::receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
+  std::uint64_t method = 0;
+  if (count != 3 || !cursor.unsignedInteger(method)) {
+    return refuse(std::nullopt, FailureCode::undecodable, "the message cannot be decoded");
+  }
+  Interface::Call call{nullptr, 0};
+  dispatch(method, cursor, files, call);
+}
+
+void Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files, Interface::Call& call) {
+  const std::optional<std::uint64_t> id = call.route ? std::optional(call.requestId) : std::nullopt;
+  const Interface::Dispatch function = exportedInterface_ != nullptr ? exportedInterface_->dispatchAt(method) : nullptr;
+  if (function == nullptr || !exportedObject_) {
+    files.clear();
+    return refuse(id, FailureCode::unknownMethod, fmt::format("there is no method {}", method));
+  }
+  std::uint64_t argumentCount = 0;
+  if (!cursor.array(argumentCount)) return refuse(id, FailureCode::undecodable, "the message cannot be decoded");
+  // Held for the call: it may end the connection, which lets go of the object.
+  const std::shared_ptr<void> object = exportedObject_;
+  ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes);
+  if (call.route) {
+    ++unansweredCount_;
+    if (unansweredCount_ > limits::kUnansweredRequests && !readingPaused_) {
+      transport_->perform([self = shared_from_this()] { self->adjustReading(); });
+    }
+  }
+  if (function(object.get(), reader, argumentCount, call)) return;
+  if (call.route) --unansweredCount_;
+  files.clear();
+  refuse(id, FailureCode::wrongArguments, fmt::format("the arguments do not fit {}", exportedInterface_->selectors()[method]));
+}
+
+void Connection::receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
+  std::uint64_t id = 0;
+  if (kind == MessageKind::failure && count == 4 && cursor.null()) {
+    return interrupted("the peer could not serve a one-way message");
+  }
+  if (!cursor.unsignedInteger(id)) return interrupted("an answer that cannot be decoded");
+  auto found = expected_.extract(id);
+  if (found.empty()) return interrupted("an answer to no request");
+  Expected expected = std::move(found.mapped());
+  if (kind == MessageKind::failure) {
+    std::uint64_t code = 0;
+    std::string_view text;
+    if (count != 4 || !cursor.unsignedInteger(code) || !cursor.text(text) || !cursor.atEnd()) {
+      interrupted("a failure that cannot be decoded");
+    }
+    const Value userInfo = Value::map({{std::string(NSLocalizedDescriptionKey), text}, {"failureCode", code}});
+    return expected.onError(
+        Error(kConnectionErrorDomain, static_cast<std::int64_t>(ConnectionErrorCode::refused), Dictionary(userInfo)));
+  }
+  std::uint64_t resultCount = 0;
+  const bool framed = count == 3 && cursor.array(resultCount);
+  ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes);
+  if (framed && expected.read(reader, resultCount)) return;
+  expected.onError(connectionError(ConnectionErrorCode::badReply, "the peer's answer does not fit the method"));
+  interrupted("an answer that does not fit its method");
+}
+
+void Connection::refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text) {
+  OutgoingMessage message;
+  writeFailure(message, requestId, code, text);
+  transport_->perform([self = shared_from_this(), moved = std::move(message)] {
+    self->transport_->send(moved, EndOfTurn::Urgency::urgent);
+  });
+  interrupted(text);
+}
+
+void Connection::interrupted(std::string_view why) {
+  // Once per connection: who sends nonsense must not fill the log.
+  if (!std::exchange(interruptionLogged_, true)) logger().error("{} sent what cannot be served: {}", description(), why);
+  if (interruptionHandler_) interruptionHandler_();
+}
+
+void Connection::protocolViolation(std::string_view what) {
+  if (state_ == State::running) logger().error("{} dropped: {}", description(), what);
+  end(what, /*transportIsClosed=*/false);
+}
+
+}  // namespace keel::xpc

@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "platform/dispatch/reactor.h"
+#include "platform/foundation/file_descriptor.h"
+#include "platform/xpc/output_queue.h"
+
+namespace keel::xpc {
+
+// Writes what is left in `output` to a socket that nobody owns any more, then closes it; gives up after limits::kFarewell.
+// Nothing is read. Lives by itself on the reactor.
+void sendFarewell(FileDescriptor socket, BorrowedOutputQueue output, Reactor& reactor);
+
+}  // namespace keel::xpc

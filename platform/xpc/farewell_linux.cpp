@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/xpc/farewell.h"
+
+#include <memory>
+
+#include "platform/xpc/limits.h"
+
+namespace keel::xpc {
+
+namespace {
+
+class Farewell final : public std::enable_shared_from_this<Farewell>, private Reactor::Watcher {
+ public:
+  Farewell(FileDescriptor socket, BorrowedOutputQueue output, Reactor& reactor)
+      : socket_(std::move(socket)), output_(std::move(output)), reactor_(reactor) {}
+
+  void begin() {
+    reactor_.watch(socket_.get(), EPOLLOUT, *this);
+    deadline_ = reactor_.after(limits::kFarewell, [self = shared_from_this()] { self->end(); });
+  }
+
+ private:
+  void onReady(std::uint32_t events) override {
+    const auto self = shared_from_this();
+    const bool gone = (events & (EPOLLERR | EPOLLHUP)) != 0;
+    if (gone || !output_->flush(socket_.get()) || output_->empty()) end();
+  }
+
+  void end() {
+    if (!socket_) return;
+    reactor_.unwatch(socket_.get(), *this);
+    socket_.reset();
+    reactor_.cancel(deadline_);
+  }
+
+  FileDescriptor socket_;
+  BorrowedOutputQueue output_;
+  Reactor& reactor_;
+  Reactor::TimerId deadline_ = 0;
+};
+
+}  // namespace
+
+void sendFarewell(FileDescriptor socket, BorrowedOutputQueue output, Reactor& reactor) {
+  if (!output || !output->flush(socket.get()) || output->empty()) return;
+  std::make_shared<Farewell>(std::move(socket), std::move(output), reactor)->begin();
+}
+
+}  // namespace keel::xpc

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/xpc/frame_splitter.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/foundation/check.h"
+#include "platform/xpc/wire.h"
+
+namespace keel::xpc {
+
+void FrameSplitter::give(std::span<const std::byte> bytes) {
+  KEEL_CHECK(rest_.empty());
+  if (kept_.empty()) {
+    rest_ = bytes;
+    return;
+  }
+  kept_.insert(kept_.end(), bytes.begin(), bytes.end());
+  rest_ = kept_;
+}
+
+FrameSplitter::Found FrameSplitter::next() {
+  if (skipBytes_ > 0) {
+    const std::size_t skipped = std::min(skipBytes_, rest_.size());
+    rest_ = rest_.subspan(skipped);
+    skipBytes_ -= skipped;
+  }
+  if (rest_.size() < kLengthBytes) return Found::nothing;
+  std::size_t length = 0;
+  for (std::size_t i = 0; i < kLengthBytes; ++i) length |= std::to_integer<std::size_t>(rest_[i]) << (8 * i);
+  frameSizeBytes_ = length;
+  if (length > garbageBytes_) return Found::garbage;
+  const std::size_t present = rest_.size() - kLengthBytes;
+  if (length > limitBytes_) {
+    const std::size_t wanted = std::min(length, kBeginningBytes);
+    if (present < wanted) return Found::nothing;
+    frame_ = rest_.subspan(kLengthBytes, wanted);
+    rest_ = rest_.subspan(kLengthBytes);
+    skipBytes_ = length;
+    return Found::oversized;
+  }
+  if (present < length) return Found::nothing;
+  frame_ = rest_.subspan(kLengthBytes, length);
+  rest_ = rest_.subspan(kLengthBytes + length);
+  return Found::frame;
+}
+
+void FrameSplitter::keepRest() {
+  if (rest_.empty()) {
+    // Gives the memory of a large frame back; an idle connection holds none.
+    kept_ = {};
+  } else if (!kept_.empty() && rest_.data() >= kept_.data() && rest_.data() < kept_.data() + kept_.size()) {
+    kept_.erase(kept_.begin(), kept_.end() - static_cast<std::ptrdiff_t>(rest_.size()));
+  } else {
+    kept_.assign(rest_.begin(), rest_.end());
+  }
+  rest_ = {};
+  frame_ = {};
+}
+
+std::size_t FrameSplitter::take(std::span<std::byte> destination) {
+  KEEL_CHECK(rest_.empty() && destination.size() >= kept_.size());
+  const std::size_t taken = kept_.size();
+  if (taken > 0) std::memcpy(destination.data(), kept_.data(), taken);
+  kept_ = {};
+  return taken;
+}
+
+}  // namespace keel::xpc

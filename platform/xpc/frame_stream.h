@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sys/socket.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/dispatch/reactor.h"
+#include "platform/foundation/file_descriptor.h"
+#include "platform/xpc/frame_splitter.h"
+#include "platform/xpc/output_queue.h"
+#include "platform/xpc/transport.h"
+
+namespace keel::xpc {
+
+// Frames over a connected stream socket (unix(7)), with back-pressure both ways: a reader that is too slow is dropped, a peer
+// that does not take what it is sent is not read.
+class FrameStream final : public Transport, private Reactor::Watcher, private EndOfTurn {
+ public:
+  // `frameLimitBytes` bounds the frames that are taken once the hello bound is lifted. The reactor is borrowed.
+  FrameStream(FileDescriptor socket, Reactor& reactor, std::size_t frameLimitBytes);
+  ~FrameStream();
+
+  void start(Receiver& receiver) override;
+  void send(const OutgoingMessage& message, EndOfTurn::Urgency urgency) override;
+  void setReading(bool reading) override;
+  void liftHelloBound() override;
+  void close(std::string_view goodbye) override;
+  void perform(Block block) override;
+  void performLater(Block block) override;
+  bool onIoThread() const override;
+
+ private:
+  void onReady(std::uint32_t events) override;
+  void onEndOfTurn() override;
+
+  // Each returns false when the stream has ended.
+  bool readOnce();
+  bool takeFiles(msghdr& header);
+  bool handFramesOver();
+  bool flush();
+
+  // Ends it because of the peer or the socket, with a word to the peer unless `goodbye` is empty.
+  void fail(std::string_view reason, std::string_view goodbye);
+  void detach();
+  void sayGoodbye(std::string_view goodbye, bool dropWaiting);
+  void watchAsNeeded();
+  bool wantsToRead() const { return reading_ && !outputFull_; }
+
+  FileDescriptor socket_;
+  Reactor& reactor_;
+  Receiver* receiver_ = nullptr;
+  FrameSplitter splitter_;
+  const std::size_t frameLimitBytes_;
+  std::size_t countedWaitingBytes_ = 0;  // of this stream in the sum over all streams
+  BorrowedOutputQueue output_;
+  std::vector<FileDescriptor> files_;  // received, not yet claimed
+  std::uint32_t watchedEvents_ = 0;
+  bool watching_ = false;
+  bool reading_ = true;
+  bool outputFull_ = false;     // so much waits that the peer's requests have to
+  bool outputBlocked_ = false;  // the socket takes no more for now
+  bool handOverPending_ = false;
+  bool tooSlow_ = false;
+  bool handingOver_ = false;
+};
+
+}  // namespace keel::xpc

@@ -1,0 +1,274 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The life of a frame on its way in: one recvmsg(2) per turn takes what the socket has, up to limits::kReadBytes, into a buffer
+// that all streams of the thread share. Whole frames are handed over where they lie; only a frame that came in part is copied
+// to the stream's own memory, and put back in front of what the next read brings. So an idle connection owns no buffer at all.
+//
+// On its way out: send() appends to the output queue and asks to be told when the turn ends; then one sendmsg(2) writes all that
+// the turn produced for this peer. What the socket does not take stays, and the stream waits for EPOLLOUT.
+//
+// Nothing here calls the receiver from within a call that the receiver made: a stream that has to end because of what was sent
+// (a reader too slow) ends at the end of the turn.
+#include "platform/xpc/frame_stream.h"
+
+#include <fmt/format.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/xpc/farewell.h"
+#include "platform/xpc/limits.h"
+
+namespace keel::xpc {
+
+namespace {
+
+// Room in front of what is read for the beginning of a frame that came before; longer beginnings stay with the stream.
+constexpr std::size_t kHeadroomBytes = 64u << 10;
+
+std::span<std::byte> readBuffer() {
+  constexpr std::size_t kSizeBytes = kHeadroomBytes + limits::kReadBytes;
+  thread_local const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kSizeBytes);
+  return {buffer.get(), kSizeBytes};
+}
+
+// Sums over all streams; written on the I/O thread alone in the daemon, atomic for programs with several reactors.
+std::atomic<std::size_t> totalWaitingBytes{0};
+std::atomic<std::size_t> totalUnclaimedFiles{0};
+
+}  // namespace
+
+FrameStream::FrameStream(FileDescriptor socket, Reactor& reactor, std::size_t frameLimitBytes)
+    : socket_(std::move(socket)),
+      reactor_(reactor),
+      splitter_(std::min(limits::kHelloBytes, frameLimitBytes), limits::kFrameBytesFromDaemon),
+      frameLimitBytes_(frameLimitBytes) {}
+
+FrameStream::~FrameStream() { detach(); }
+
+void FrameStream::start(Receiver& receiver) {
+  receiver_ = &receiver;
+  watchAsNeeded();
+}
+
+void FrameStream::send(const OutgoingMessage& message, EndOfTurn::Urgency urgency) {
+  if (!socket_ || tooSlow_) return;
+  output_.borrow();
+  output_->append(message);
+  const std::size_t waiting = output_->waitingBytes();
+  if (outputBlocked_ && waiting > limits::kPauseReadingBytes) [[unlikely]] {
+    totalWaitingBytes += waiting - countedWaitingBytes_;
+    countedWaitingBytes_ = waiting;
+    outputFull_ = true;
+    const bool pressed = totalWaitingBytes > limits::kTotalWaitingBytes;
+    if (waiting > (pressed ? limits::kWaitingBytesUnderPressure : limits::kWaitingBytes)) {
+      tooSlow_ = true;
+      reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
+      return;
+    }
+  }
+  if (!outputBlocked_ || outputFull_) reactor_.atEndOfTurn(*this, urgency);
+}
+
+void FrameStream::setReading(bool reading) {
+  if (reading == reading_) return;
+  reading_ = reading;
+  if (!socket_) return;
+  if (reading && splitter_.keptBytes() > 0) {
+    handOverPending_ = true;
+    reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
+  }
+  if (!handingOver_) watchAsNeeded();
+}
+
+void FrameStream::liftHelloBound() { splitter_.setLimit(frameLimitBytes_); }
+
+void FrameStream::close(std::string_view goodbye) {
+  if (!socket_) return;
+  sayGoodbye(goodbye, /*dropWaiting=*/false);
+}
+
+void FrameStream::perform(Block block) {
+  if (reactor_.isCurrent()) return block();
+  reactor_.post(std::move(block));
+}
+
+void FrameStream::performLater(Block block) { reactor_.post(std::move(block)); }
+
+bool FrameStream::onIoThread() const { return reactor_.isCurrent(); }
+
+void FrameStream::onReady(std::uint32_t events) {
+  const std::shared_ptr<void> alive = receiver_->holdAlive();
+  if ((events & EPOLLOUT) != 0) {
+    outputBlocked_ = false;
+    if (!flush()) return;
+  }
+  if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
+    // A peer that hung up is read to its end, whether or not it is its turn: what it asked before still counts.
+    const bool ended = (events & (EPOLLHUP | EPOLLERR)) != 0;
+    if (wantsToRead() || ended) {
+      if (!readOnce()) return;
+    }
+  }
+  watchAsNeeded();
+}
+
+void FrameStream::onEndOfTurn() {
+  const std::shared_ptr<void> alive = receiver_ != nullptr ? receiver_->holdAlive() : nullptr;
+  if (tooSlow_) {
+    const std::string reason = fmt::format("too slow: {} bytes were waiting", output_->waitingBytes());
+    return fail(reason, reason);
+  }
+  if (!flush()) return;
+  if (handOverPending_ && wantsToRead()) {
+    handOverPending_ = false;
+    splitter_.give({});
+    if (!handFramesOver()) return;
+  }
+  watchAsNeeded();
+}
+
+bool FrameStream::readOnce() {
+  const std::span<std::byte> buffer = readBuffer();
+  const std::size_t kept = splitter_.keptBytes() <= kHeadroomBytes ? splitter_.take(buffer) : 0;
+  iovec vector{buffer.data() + kept, limits::kReadBytes};
+  alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerRead * sizeof(int))> control;
+  msghdr header{};
+  header.msg_iov = &vector;
+  header.msg_iovlen = 1;
+  header.msg_control = control.data();
+  header.msg_controllen = control.size();
+  ssize_t received = 0;
+  do {
+    received = ::recvmsg(socket_.get(), &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+  } while (received < 0 && errno == EINTR);
+  const int problem = received < 0 ? errno : 0;
+  const bool again = problem == EAGAIN || problem == EWOULDBLOCK;
+  splitter_.give({buffer.data(), kept + (received > 0 ? static_cast<std::size_t>(received) : 0)});
+  if (received > 0 && !takeFiles(header)) return false;
+  if (received > 0 || again) return handFramesOver();
+  splitter_.keepRest();
+  fail(problem == 0 || problem == ECONNRESET ? std::string_view() : std::string_view(std::strerror(problem)), {});
+  return false;
+}
+
+bool FrameStream::takeFiles(msghdr& header) {
+  if (header.msg_controllen == 0) return true;
+  for (cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr; item = CMSG_NXTHDR(&header, item)) {
+    if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_RIGHTS) continue;
+    const std::size_t count = (item->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (std::size_t i = 0; i < count; ++i) {
+      int descriptor = -1;
+      std::memcpy(&descriptor, CMSG_DATA(item) + i * sizeof(int), sizeof(int));
+      files_.emplace_back(descriptor);
+      ++totalUnclaimedFiles;
+    }
+  }
+  if ((header.msg_flags & MSG_CTRUNC) == 0) return true;
+  splitter_.keepRest();
+  fail("it sent too many descriptors at once", "too many descriptors at once");
+  return false;
+}
+
+bool FrameStream::handFramesOver() {
+  handingOver_ = true;
+  while (reading_) {
+    const FrameSplitter::Found found = splitter_.next();
+    if (found == FrameSplitter::Found::nothing) break;
+    if (found == FrameSplitter::Found::garbage) {
+      const std::string reason = fmt::format("a frame of {} bytes makes no sense", splitter_.frameSizeBytes());
+      splitter_.keepRest();
+      fail(reason, reason);
+      return false;
+    }
+    const std::size_t filesBefore = files_.size();
+    if (found == FrameSplitter::Found::frame) {
+      receiver_->onFrame(splitter_.frame(), files_);
+    } else {
+      receiver_->onOversizedFrame(splitter_.frameSizeBytes(), splitter_.frame());
+    }
+    totalUnclaimedFiles -= filesBefore - files_.size();
+    if (!socket_) return false;
+  }
+  handingOver_ = false;
+  splitter_.keepRest();
+  // Descriptors come with the first byte of their frame: none may be left when no frame is under way.
+  if (!files_.empty() && (!splitter_.inFrame() || totalUnclaimedFiles > limits::kUnclaimedDescriptors)) {
+    fail("it sent descriptors that no message claims", "descriptors that no message claims");
+    return false;
+  }
+  return true;
+}
+
+bool FrameStream::flush() {
+  if (!output_ || outputBlocked_) return true;
+  if (auto flushed = output_->flush(socket_.get()); !flushed) {
+    // EPIPE and ECONNRESET: the peer is gone; what it sent before is not read any more, as nobody could be answered.
+    const int problem = flushed.error().value();
+    fail(problem == EPIPE || problem == ECONNRESET ? std::string_view() : std::string_view(std::strerror(problem)), {});
+    return false;
+  }
+  outputBlocked_ = !output_->empty();
+  const std::size_t waiting = output_->waitingBytes();
+  if (countedWaitingBytes_ > 0) {
+    totalWaitingBytes -= countedWaitingBytes_ - std::min(countedWaitingBytes_, waiting);
+    countedWaitingBytes_ = std::min(countedWaitingBytes_, waiting);
+  }
+  if (outputFull_ && waiting <= limits::kPauseReadingBytes / 2) {
+    outputFull_ = false;
+    if (splitter_.keptBytes() > 0) {
+      handOverPending_ = true;
+      reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
+    }
+  }
+  if (!outputBlocked_) output_.giveBack();
+  return true;
+}
+
+void FrameStream::fail(std::string_view reason, std::string_view goodbye) {
+  sayGoodbye(goodbye, tooSlow_);
+  receiver_->onClosed(reason);
+}
+
+void FrameStream::sayGoodbye(std::string_view goodbye, bool dropWaiting) {
+  FileDescriptor socket = std::move(socket_);
+  if (watching_) reactor_.unwatch(socket.get(), *this);
+  watching_ = false;
+  if (output_ && dropWaiting) output_->dropUnbegunFrames();
+  if (!goodbye.empty()) {
+    OutgoingMessage message;
+    writeGoodbye(message, goodbye);
+    output_.borrow();
+    output_->append(message);
+  }
+  sendFarewell(std::move(socket), std::move(output_), reactor_);
+  detach();
+}
+
+void FrameStream::detach() {
+  if (watching_) reactor_.unwatch(socket_.get(), *this);
+  watching_ = false;
+  cancelEndOfTurn();
+  totalWaitingBytes -= std::exchange(countedWaitingBytes_, 0);
+  totalUnclaimedFiles -= files_.size();
+  files_.clear();
+  socket_.reset();
+}
+
+void FrameStream::watchAsNeeded() {
+  if (!socket_) return;
+  const std::uint32_t events = (wantsToRead() ? EPOLLIN : 0u) | (outputBlocked_ ? EPOLLOUT : 0u);
+  if (!watching_) {
+    reactor_.watch(socket_.get(), events, *this);
+    watching_ = true;
+  } else if (events != watchedEvents_) {
+    reactor_.rewatch(socket_.get(), events, *this);
+  }
+  watchedEvents_ = events;
+}
+
+}  // namespace keel::xpc

@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+// Every limit of the transport, with its reason. docs/protocol.md repeats those that a client must know.
+
+namespace keel::xpc::limits {
+
+// A frame that a peer may send. Larger ones are skipped unread. Bounds what one message can make us hold; larger values than
+// this have no business in a notification.
+inline constexpr std::size_t kFrameBytes = 16u << 20;
+
+// A frame that a client accepts from the daemon, whose dumps may be larger than any request.
+inline constexpr std::size_t kFrameBytesFromDaemon = 1u << 30;
+
+// Nesting of values. Deep enough for any sensible data, shallow enough for every recursive decoder of our clients.
+inline constexpr std::size_t kDepth = 64;
+// Arrays may be nested deeper by this much: a dump wraps published values in two more levels.
+inline constexpr std::size_t kArrayWrapping = 2;
+
+// Bytes that a connection may send before its hello is complete. A hello is a few hundred bytes.
+inline constexpr std::size_t kHelloBytes = 64u << 10;
+
+// Requests of one connection that wait for their answer; above it the connection is not read until half are answered.
+inline constexpr std::size_t kUnansweredRequests = 8192;
+
+// Bytes that may wait for a slow reader before its connection is invalidated.
+inline constexpr std::size_t kWaitingBytes = 64u << 20;
+// The same once all connections together hold more than kTotalWaitingBytes: then the slow ones have to go first.
+inline constexpr std::size_t kWaitingBytesUnderPressure = 1u << 20;
+inline constexpr std::size_t kTotalWaitingBytes = 512u << 20;
+
+// Bytes waiting for a connection above which its own requests are not read: who does not take answers gets no more work done.
+inline constexpr std::size_t kPauseReadingBytes = 1u << 20;
+
+// How long the goodbye to an invalidated connection, and what stood before it, may take to leave.
+inline constexpr std::chrono::seconds kFarewell{5};
+
+// Values of at least this size travel as a sealed memory file where the peer takes descriptors. Below it the system calls
+// for the file cost more than the copy.
+inline constexpr std::size_t kSealedMemoryBytes = 64u << 10;
+
+// Values of at least this size are sent from where they lie; smaller ones are copied behind one another.
+inline constexpr std::size_t kSharedPieceBytes = 4u << 10;
+
+// Descriptors that may come with one read. A message carries at most one in practice.
+inline constexpr std::size_t kDescriptorsPerRead = 8;
+// Received descriptors, of all connections together, whose message has not come whole.
+inline constexpr std::size_t kUnclaimedDescriptors = 64;
+// Sealed memory files that are kept as such; values beyond are copied, so that they cannot use up the descriptor table.
+inline constexpr std::size_t kSealedFiles = 512;
+
+// What one read takes at most from one connection, so that each gets its turn.
+inline constexpr std::size_t kReadBytes = 256u << 10;
+
+// Connections of this process, as far as its descriptors suffice. More clients than any one machine has processes.
+inline constexpr std::size_t kConnections = 1u << 20;
+
+// Connections accepted in a row before others get their turn.
+inline constexpr int kAcceptsPerTurn = 64;
+
+// Descriptors that are kept back for the daemon's own needs (journal, memory files, supervisor, helpers).
+inline constexpr std::size_t kReservedDescriptors = 256 + kSealedFiles;
+
+// The share of all connections that one user other than root may hold: no single user can lock the others out.
+inline constexpr double kConnectionShareOfOneUser = 0.5;
+
+// How long accepting pauses when descriptors or memory ran out, unless a connection ends before.
+inline constexpr std::chrono::milliseconds kAcceptPause{100};
+
+}  // namespace keel::xpc::limits

@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/xpc/output_queue.h"
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/foundation/check.h"
+#include "platform/xpc/limits.h"
+
+namespace keel::xpc {
+
+namespace {
+
+// The first chunk of a queue is small, since most connections have one frame to send at a time; those behind it are large.
+constexpr std::size_t kFirstChunkBytes = 2u << 10;
+constexpr std::size_t kChunkBytes = 32u << 10;
+
+// Frame ends for which an empty queue keeps its memory.
+constexpr std::size_t kKeptFrameEnds = 8192;
+
+// Idle queues that a thread keeps ready.
+constexpr std::size_t kReadyQueues = 1024;
+
+constexpr std::size_t kPiecesPerWrite = 64;
+
+std::vector<std::unique_ptr<OutputQueue>>& readyQueues() {
+  thread_local std::vector<std::unique_ptr<OutputQueue>> queues;
+  return queues;
+}
+
+}  // namespace
+
+void OutputQueue::append(const OutgoingMessage& frame) {
+  if (!frame.files().empty()) {
+    // The files go with the frame's first byte, so a piece begins here.
+    pieces_.emplace_back().files = frame.files();
+  }
+  std::span<const std::byte> own = frame.bytes();
+  std::size_t taken = 0;
+  for (const OutgoingMessage::Splice& splice : frame.splices()) {
+    appendBytes(own.subspan(taken, splice.offset - taken));
+    taken = splice.offset;
+    Piece& piece = pieces_.emplace_back();
+    piece.shared = splice.buffer;
+    piece.end = splice.buffer->size();
+    appendedBytes_ += piece.end;
+  }
+  appendBytes(own.subspan(taken));
+  frameEnds_.push_back(appendedBytes_);
+}
+
+void OutputQueue::appendBytes(std::span<const std::byte> bytes) {
+  while (!bytes.empty()) {
+    if (pieces_.empty() || pieces_.back().shared || (pieces_.back().chunk && pieces_.back().end == pieces_.back().capacity)) {
+      pieces_.emplace_back();
+    }
+    Piece& piece = pieces_.back();
+    if (!piece.chunk) {
+      piece.capacity = std::max(pieces_.size() == 1 ? kFirstChunkBytes : kChunkBytes, std::min(bytes.size(), kChunkBytes));
+      piece.chunk = std::make_unique_for_overwrite<std::byte[]>(piece.capacity);
+    }
+    const std::size_t copied = std::min(bytes.size(), piece.capacity - piece.end);
+    std::memcpy(piece.chunk.get() + piece.end, bytes.data(), copied);
+    piece.end += copied;
+    appendedBytes_ += copied;
+    bytes = bytes.subspan(copied);
+  }
+}
+
+std::expected<void, std::error_code> OutputQueue::flush(int socket) {
+  while (!empty()) {
+    while (pieces_[first_].begin == pieces_[first_].end) ++first_;
+    std::array<iovec, kPiecesPerWrite> vectors;
+    std::size_t count = 0;
+    for (std::size_t i = first_; i < pieces_.size() && count < vectors.size(); ++i) {
+      const Piece& piece = pieces_[i];
+      if (i > first_ && !piece.files.empty()) break;
+      vectors[count++] = {const_cast<std::byte*>(piece.data()) + piece.begin, piece.end - piece.begin};
+    }
+    msghdr header{};
+    header.msg_iov = vectors.data();
+    header.msg_iovlen = count;
+    alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerRead * sizeof(int))> control;
+    const std::vector<BufferRef>& files = pieces_[first_].files;
+    if (!files.empty()) {
+      KEEL_CHECK(files.size() <= limits::kDescriptorsPerRead);
+      header.msg_control = control.data();
+      header.msg_controllen = CMSG_SPACE(files.size() * sizeof(int));
+      cmsghdr* rights = CMSG_FIRSTHDR(&header);
+      rights->cmsg_level = SOL_SOCKET;
+      rights->cmsg_type = SCM_RIGHTS;
+      rights->cmsg_len = CMSG_LEN(files.size() * sizeof(int));
+      for (std::size_t i = 0; i < files.size(); ++i) {
+        const int descriptor = files[i]->sealedFile();
+        std::memcpy(CMSG_DATA(rights) + i * sizeof(int), &descriptor, sizeof(int));
+      }
+    }
+    const ssize_t sent = ::sendmsg(socket, &header, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0) {
+      if (errno == EINTR) continue;
+      // ETOOMANYREFS: too many descriptors are on their way already; the peer will take some.
+      if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ETOOMANYREFS || errno == ENOBUFS) return {};
+      return std::unexpected(std::error_code(errno, std::system_category()));
+    }
+    consume(static_cast<std::size_t>(sent));
+  }
+  return {};
+}
+
+void OutputQueue::consume(std::size_t sent) {
+  sentBytes_ += sent;
+  if (sent > 0) pieces_[first_].files.clear();
+  while (sent > 0) {
+    Piece& piece = pieces_[first_];
+    const std::size_t taken = std::min(sent, piece.end - piece.begin);
+    piece.begin += taken;
+    sent -= taken;
+    if (piece.begin < piece.end) break;
+    piece.shared = BufferRef();
+    ++first_;
+  }
+  if (empty()) return clear();
+  // Written pieces are dropped once they are many; frame ends likewise, so that a queue that never quite empties stays bounded.
+  if (first_ >= kPiecesPerWrite) {
+    pieces_.erase(pieces_.begin(), pieces_.begin() + static_cast<std::ptrdiff_t>(first_));
+    first_ = 0;
+    const auto waiting = std::upper_bound(frameEnds_.begin(), frameEnds_.end(), sentBytes_);
+    if (waiting != frameEnds_.begin()) prunedEnd_ = *(waiting - 1);
+    frameEnds_.erase(frameEnds_.begin(), waiting);
+  }
+}
+
+void OutputQueue::clear() {
+  // The first chunk stays for the next frames, if it is a chunk; whatever grew beyond it goes.
+  if (!pieces_.empty()) {
+    Piece& kept = pieces_.front();
+    kept.shared = BufferRef();
+    kept.files.clear();
+    kept.begin = kept.end = 0;
+    pieces_.erase(pieces_.begin() + 1, pieces_.end());
+    if (kept.capacity > kFirstChunkBytes || !kept.chunk) pieces_.clear();
+  }
+  if (frameEnds_.capacity() > kKeptFrameEnds) frameEnds_ = {};
+  frameEnds_.clear();
+  first_ = 0;
+  appendedBytes_ = sentBytes_ = prunedEnd_ = 0;
+}
+
+void OutputQueue::dropUnbegunFrames() {
+  // The end of the frame that is under way, or of what is sent when the next frame is not begun.
+  std::uint64_t keepUntil = sentBytes_;
+  std::uint64_t begin = prunedEnd_;
+  for (const std::uint64_t end : frameEnds_) {
+    if (begin < sentBytes_ && sentBytes_ < end) keepUntil = end;
+    begin = end;
+  }
+  std::uint64_t excess = appendedBytes_ - keepUntil;
+  while (excess > 0) {
+    Piece& last = pieces_.back();
+    const std::size_t dropped = static_cast<std::size_t>(std::min<std::uint64_t>(excess, last.end - last.begin));
+    last.end -= dropped;
+    excess -= dropped;
+    if (last.begin == last.end) pieces_.pop_back();
+  }
+  appendedBytes_ = keepUntil;
+  std::erase_if(frameEnds_, [keepUntil](std::uint64_t end) { return end > keepUntil; });
+  if (empty()) clear();
+}
+
+void BorrowedOutputQueue::borrow() {
+  if (queue_) return;
+  auto& ready = readyQueues();
+  if (ready.empty()) {
+    queue_ = std::make_unique<OutputQueue>();
+  } else {
+    queue_ = std::move(ready.back());
+    ready.pop_back();
+  }
+}
+
+void BorrowedOutputQueue::giveBack() {
+  KEEL_CHECK(!queue_ || queue_->empty());
+  if (queue_ && readyQueues().size() < kReadyQueues) readyQueues().push_back(std::move(queue_));
+  queue_.reset();
+}
+
+}  // namespace keel::xpc

@@ -1,0 +1,211 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/xpc/output_queue.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "platform/foundation/sealed_memory.h"
+#include "platform/xpc/limits.h"
+
+namespace keel::xpc {
+namespace {
+
+struct SocketPair {
+  SocketPair() {
+    int both[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
+    ours.reset(both[0]);
+    theirs.reset(both[1]);
+  }
+  std::string receive() {
+    std::string all;
+    char buffer[65536];
+    for (ssize_t got = ::read(theirs.get(), buffer, sizeof(buffer)); got > 0; got = ::read(theirs.get(), buffer, sizeof(buffer))) {
+      all.append(buffer, static_cast<std::size_t>(got));
+    }
+    return all;
+  }
+  FileDescriptor ours;
+  FileDescriptor theirs;
+};
+
+BufferRef bufferOf(std::size_t sizeBytes, char fill) {
+  return Buffer::make(sizeBytes, [&](std::byte* bytes) { std::fill_n(bytes, sizeBytes, static_cast<std::byte>(fill)); });
+}
+
+// A frame as it is on the wire, for comparison.
+std::string flat(const OutgoingMessage& message) {
+  std::string all;
+  std::size_t taken = 0;
+  const auto own = [&](std::size_t until) {
+    all.append(reinterpret_cast<const char*>(message.bytes().data()) + taken, until - taken);
+    taken = until;
+  };
+  for (const auto& splice : message.splices()) {
+    own(splice.offset);
+    all.append(reinterpret_cast<const char*>(splice.buffer->bytes().data()), splice.buffer->size());
+  }
+  own(message.bytes().size());
+  return all;
+}
+
+OutgoingMessage messageOf(std::size_t smallBytes, std::size_t largeBytes, char fill) {
+  OutgoingMessage message;
+  cbor::Writer writer = message.begin();
+  writer.text(std::string(smallBytes, fill));
+  if (largeBytes > 0) message.item(bufferOf(largeBytes, fill));
+  message.writer().text("end");
+  EXPECT_TRUE(message.finish());
+  return message;
+}
+
+TEST(OutputQueue, SmallAndLargeFramesArriveInOrder) {
+  SocketPair pair;
+  OutputQueue queue;
+  std::string expected;
+  for (int i = 0; i < 20; ++i) {
+    const OutgoingMessage message = messageOf(static_cast<std::size_t>(i) * 37, i % 3 == 0 ? 5000 : 0, static_cast<char>('a' + i));
+    EXPECT_EQ(flat(message).size(), message.wireBytes());
+    expected += flat(message);
+    queue.append(message);
+  }
+  EXPECT_EQ(queue.waitingBytes(), expected.size());
+  ASSERT_TRUE(queue.flush(pair.ours.get()));
+  EXPECT_TRUE(queue.empty());
+  EXPECT_EQ(pair.receive(), expected);
+}
+
+TEST(OutputQueue, FullSocketKeepsTheRestInOrder) {
+  SocketPair pair;
+  OutputQueue queue;
+  std::string expected;
+  std::string received;
+  std::mt19937 random(99);
+  for (int i = 0; i < 300; ++i) {
+    const OutgoingMessage message = messageOf(random() % 3000, random() % 4 == 0 ? 4096 + random() % 30000 : 0,
+                                              static_cast<char>('a' + i % 26));
+    expected += flat(message);
+    queue.append(message);
+    ASSERT_TRUE(queue.flush(pair.ours.get()));
+    EXPECT_EQ(queue.waitingBytes() == 0, queue.empty());
+    if (random() % 8 == 0) received += pair.receive();
+  }
+  while (!queue.empty()) {
+    received += pair.receive();
+    ASSERT_TRUE(queue.flush(pair.ours.get()));
+  }
+  received += pair.receive();
+  EXPECT_TRUE(received == expected);
+}
+
+TEST(OutputQueue, DroppingKeepsTheFrameThatIsUnderWayWhole) {
+  for (const std::size_t largeBytes : {std::size_t{0}, std::size_t{300'000}}) {
+    SocketPair pair;
+    OutputQueue queue;
+    std::vector<std::string> frames;
+    for (int i = 0; i < 400; ++i) {
+      const OutgoingMessage message = messageOf(2000, largeBytes, static_cast<char>('a' + i % 26));
+      frames.push_back(flat(message));
+      queue.append(message);
+      ASSERT_TRUE(queue.flush(pair.ours.get()));
+    }
+    ASSERT_FALSE(queue.empty());
+    queue.dropUnbegunFrames();
+    OutgoingMessage last;
+    last.begin().text("last");
+    last.finish();
+    queue.append(last);
+    std::string received = pair.receive();
+    while (!queue.empty()) {
+      ASSERT_TRUE(queue.flush(pair.ours.get()));
+      received += pair.receive();
+    }
+    std::string expected;
+    for (std::size_t i = 0; expected.size() + flat(last).size() < received.size(); ++i) expected += frames.at(i);
+    EXPECT_TRUE(received == expected + flat(last));
+  }
+}
+
+TEST(OutputQueue, DroppingBeforeAnythingWasSentDropsAll) {
+  OutputQueue queue;
+  queue.append(messageOf(10, 5000, 'x'));
+  queue.append(messageOf(10, 0, 'y'));
+  queue.dropUnbegunFrames();
+  EXPECT_TRUE(queue.empty());
+}
+
+TEST(OutputQueue, SealedFilesArriveWithTheirFrames) {
+  SocketPair pair;
+  OutputQueue queue;
+  queue.append(messageOf(10, 0, 'a'));
+  OutgoingMessage message;
+  message.begin();
+  const BufferRef large = bufferOf(100'000, 'z');
+  ASSERT_TRUE(message.sealedItem(large));
+  ASSERT_TRUE(message.finish());
+  queue.append(message);
+  queue.append(messageOf(10, 0, 'b'));
+  ASSERT_TRUE(queue.flush(pair.ours.get()));
+
+  char bytes[4096];
+  std::size_t filesSeen = 0;
+  std::string all;
+  for (;;) {
+    alignas(cmsghdr) char control[CMSG_SPACE(8 * sizeof(int))];
+    iovec vector{bytes, sizeof(bytes)};
+    msghdr header{};
+    header.msg_iov = &vector;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = sizeof(control);
+    const ssize_t got = ::recvmsg(pair.theirs.get(), &header, MSG_CMSG_CLOEXEC);
+    if (got <= 0) break;
+    all.append(bytes, static_cast<std::size_t>(got));
+    if (cmsghdr* rights = CMSG_FIRSTHDR(&header); rights != nullptr) {
+      int descriptor = -1;
+      std::memcpy(&descriptor, CMSG_DATA(rights), sizeof(int));
+      auto opened = openSealedMemory(FileDescriptor(descriptor), 100'000);
+      ASSERT_TRUE(opened);
+      EXPECT_TRUE(std::ranges::equal((*opened)->bytes(), large->bytes()));
+      ++filesSeen;
+    }
+  }
+  EXPECT_EQ(filesSeen, 1u);
+  EXPECT_EQ(all, flat(messageOf(10, 0, 'a')) + flat(message) + flat(messageOf(10, 0, 'b')));
+}
+
+TEST(OutputQueue, ClosedPeerIsAnError) {
+  SocketPair pair;
+  pair.theirs.reset();
+  OutputQueue queue;
+  queue.append(messageOf(10, 0, 'a'));
+  const auto flushed = queue.flush(pair.ours.get());
+  ASSERT_FALSE(flushed);
+  EXPECT_EQ(flushed.error().value(), EPIPE);
+}
+
+TEST(OutputQueue, BorrowedQueueIsUsedAgain) {
+  BorrowedOutputQueue first;
+  first.borrow();
+  first->append(messageOf(10, 0, 'a'));
+  SocketPair pair;
+  ASSERT_TRUE(first->flush(pair.ours.get()));
+  first.giveBack();
+  EXPECT_FALSE(first);
+  BorrowedOutputQueue second;
+  second.borrow();
+  EXPECT_TRUE(second->empty());
+  second->append(messageOf(10, 0, 'b'));
+  ASSERT_TRUE(second->flush(pair.ours.get()));
+  EXPECT_EQ(pair.receive(), flat(messageOf(10, 0, 'a')) + flat(messageOf(10, 0, 'b')));
+  second.giveBack();
+}
+
+}  // namespace
+}  // namespace keel::xpc

@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <tuple>
+#include <utility>
+
+#include "platform/xpc/connection.h"
+
+namespace keel::xpc {
+
+// An error of the connection's own domain with a description.
+Error connectionError(ConnectionErrorCode code, std::string_view description);
+
+// Calls the object that the peer exports. Typed by the protocol; a call never waits:
+//
+//   connection->remoteObjectProxyWithErrorHandler<SubscriberProxy>(onError)
+//       .template call<&SubscriberProxy::updateSubscriptionFor>(name, item, flags, error);
+//
+// A method with a reply takes a block behind its arguments, called with the results on the connection's queue. On the I/O
+// thread only.
+template <class Protocol, class ErrorHandler>
+class RemoteProxy {
+ public:
+  RemoteProxy(std::shared_ptr<Connection> connection, ErrorHandler onError)
+      : connection_(std::move(connection)), onError_(std::move(onError)) {}
+
+  template <auto Member, class... Given>
+  void call(Given&&... given) {
+    using M = typename MethodsOf<Protocol>::template MethodOf<Member>;
+    if constexpr (M::kHasReply) {
+      static_assert(sizeof...(Given) == std::tuple_size_v<typename M::Sent> + 1, "arguments, then a block for the reply");
+      callForReply<M>(std::make_index_sequence<sizeof...(Given) - 1>(), std::forward_as_tuple(std::forward<Given>(given)...));
+    } else {
+      callOneWay<M>(typename M::Sent(std::forward<Given>(given)...));
+    }
+  }
+
+ private:
+  // The last one-way call of this method, encoded: a call to many connections in a row, with the same arguments, is encoded once.
+  template <class M>
+  struct Memo {
+    typename M::Sent arguments;
+    std::int64_t number = -1;
+    bool takesDescriptors = false;
+    OutgoingMessage message;
+  };
+
+  template <class M>
+  void callOneWay(typename M::Sent arguments) {
+    const std::int64_t number = numberOf<M>();
+    if (number < 0) return;
+    thread_local Memo<M> memo;
+    const bool takesDescriptors = connection_->takesDescriptors();
+    if (memo.number != number || memo.takesDescriptors != takesDescriptors || !same<M>(memo.arguments, arguments)) {
+      cbor::Writer writer = memo.message.begin();
+      writer.array(3);
+      writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::oneWay));
+      writer.unsignedInteger(static_cast<std::uint64_t>(number));
+      memo.number = -1;
+      if (!write(memo.message, takesDescriptors, arguments)) return fail(ConnectionErrorCode::refused, "the message is too large");
+      memo.arguments = std::move(arguments);
+      memo.number = number;
+      memo.takesDescriptors = takesDescriptors;
+    }
+    connection_->sendOneWay(memo.message);
+  }
+
+  template <class M, std::size_t... Places, class Given>
+  void callForReply(std::index_sequence<Places...>, Given given) {
+    const std::int64_t number = numberOf<M>();
+    if (number < 0) return;
+    typename M::Sent arguments(std::get<Places>(std::move(given))...);
+    auto block = std::get<sizeof...(Places)>(std::move(given));
+    const std::uint64_t id = connection_->expectReply(replyReader<M>(std::move(block), static_cast<typename M::ReplyBlock*>(nullptr)),
+                                                      std::move(onError_));
+    OutgoingMessage message;
+    cbor::Writer writer = message.begin();
+    writer.array(4);
+    writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::request));
+    writer.unsignedInteger(id);
+    writer.unsignedInteger(static_cast<std::uint64_t>(number));
+    if (!write(message, connection_->takesDescriptors(), arguments)) {
+      return connection_->unexpectReply(id, connectionError(ConnectionErrorCode::refused, "the message is too large"));
+    }
+    connection_->sendRequest(message);
+  }
+
+  template <class M, class Block, class... Results>
+  static Connection::ReplyReader replyReader(Block block, Reply<Results...>*) {
+    return [block = std::move(block)](ArgumentReader& reader, std::uint64_t count) mutable {
+      std::tuple<Results...> results;
+      if (count != sizeof...(Results)) return false;
+      const bool read = std::apply([&](auto&... each) { return (Argument<Results>::read(reader, each) && ...); }, results);
+      if (!read || !reader.cursor.atEnd()) return false;
+      std::apply([&](auto&... each) { block(std::move(each)...); }, results);
+      return true;
+    };
+  }
+
+  template <class Sent>
+  static bool write(OutgoingMessage& message, bool takesDescriptors, const Sent& arguments) {
+    message.writer().array(std::tuple_size_v<Sent>);
+    ArgumentWriter writer{message, takesDescriptors};
+    std::apply([&](const auto&... each) { (Argument<std::decay_t<decltype(each)>>::write(writer, each), ...); }, arguments);
+    return message.finish();
+  }
+
+  template <class M>
+  static bool same(const typename M::Sent& left, const typename M::Sent& right) {
+    return [&]<std::size_t... Places>(std::index_sequence<Places...>) {
+      return (Argument<std::tuple_element_t<Places, typename M::Sent>>::sameAs(std::get<Places>(left), std::get<Places>(right)) && ...);
+    }(std::make_index_sequence<std::tuple_size_v<typename M::Sent>>());
+  }
+
+  // The peer's number of the method; negative, and the error reported, when the call cannot be made.
+  template <class M>
+  std::int64_t numberOf() {
+    const std::int64_t number = connection_->methodNumber(Interface::interfaceWithProtocol<Protocol>(),
+                                                          MethodsOf<Protocol>::template placeOf<M::kMember>());
+    if (!connection_->isValid()) {
+      fail(ConnectionErrorCode::invalid, "the connection is invalid");
+      return -1;
+    }
+    if (number < 0) fail(ConnectionErrorCode::notImplemented, "the peer does not implement the method");
+    return number;
+  }
+
+  void fail(ConnectionErrorCode code, std::string_view text);
+
+  std::shared_ptr<Connection> connection_;
+  ErrorHandler onError_;
+};
+
+template <class Protocol, class ErrorHandler>
+void RemoteProxy<Protocol, ErrorHandler>::fail(ConnectionErrorCode code, std::string_view text) {
+  connection_->reportError(Connection::ErrorBlock(std::move(onError_)), connectionError(code, text));
+}
+
+}  // namespace keel::xpc

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+
+#include "platform/foundation/collections.h"
+#include "platform/foundation/error.h"
+#include "platform/foundation/string.h"
+#include "platform/xpc/method_table.h"
+#include "platform/xpc/reply.h"
+
+namespace keel::protocols {
+
+// What the service "com.vantor.keeld.auth" does for its clients: proof that a user is an administrator. A success is remembered
+// under the audit session of the calling connection. A null error means success; codes 5, 6 and 14 are of KLNErrorDomain.
+class AuthProxy {
+ public:
+  virtual ~AuthProxy() = default;
+
+  // Says that the service is alive: a null error.
+  virtual void authServiceCheckWithHandler(xpc::Reply<Error> handler) = 0;
+
+  // Codes 5, 14.
+  virtual void authenticateUser(String user, String withPassword, xpc::Reply<Error> andHandler) = 0;
+
+  // `using_` is an authorization reference in its external form of 32 bytes. Statuses of Authorization Services in
+  // NSOSStatusErrorDomain, code 14.
+  virtual void authenticateForUser(String user, Data using_, xpc::Reply<Error> withHandler) = 0;
+
+  // The realm of the challenges below.
+  virtual void authGetDefaultRealm(xpc::Reply<String, Error> handler) = 0;
+
+  // Both reply with the challenge, the ID under which its answer is awaited, and a null error.
+  virtual void authBasicStartWithHandler(xpc::Reply<String, String, Error> handler) = 0;
+  virtual void authDigestStartWithHandler(xpc::Reply<String, String, Error> handler) = 0;
+
+  // Replies with a response text, the user's name, and an error: codes 5, 6, 14.
+  virtual void authValidate(String answer, String andID, xpc::Reply<String, String, Error> withHandler) = 0;
+
+  // Whether anybody was proved an administrator in that audit session.
+  virtual void isAuthedASID(std::int32_t asid, xpc::Reply<bool> withHandler) = 0;
+};
+
+using AuthProxyMethods = xpc::MethodTable<
+    xpc::Method<"authServiceCheckWithHandler:", &AuthProxy::authServiceCheckWithHandler>,
+    xpc::Method<"authenticateUser:withPassword:andHandler:", &AuthProxy::authenticateUser>,
+    xpc::Method<"authenticateForUser:using:withHandler:", &AuthProxy::authenticateForUser>,
+    xpc::Method<"authGetDefaultRealm:", &AuthProxy::authGetDefaultRealm>,
+    xpc::Method<"authBasicStartWithHandler:", &AuthProxy::authBasicStartWithHandler>,
+    xpc::Method<"authDigestStartWithHandler:", &AuthProxy::authDigestStartWithHandler>,
+    xpc::Method<"authValidate:andID:withHandler:", &AuthProxy::authValidate>,
+    xpc::Method<"isAuthedASID:withHandler:", &AuthProxy::isAuthedASID>>;
+AuthProxyMethods methodTableOf(const AuthProxy*);
+
+}  // namespace keel::protocols

@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+
+#include "platform/foundation/collections.h"
+#include "platform/foundation/error.h"
+
+namespace keel {
+class KLNSubscriptionObject;
+}
+
+namespace keel::protocols {
+
+// How a published item takes news and passes it on. On the notification input queue.
+class PublishBehavior {
+ public:
+  virtual ~PublishBehavior() = default;
+  virtual void updateWithData(Dictionary data) = 0;
+  virtual void updateWithError(Error error) = 0;
+  // The publisher's connection has ended.
+  virtual void connectionIsInvalid() = 0;
+  // Whether the item may be dropped: nobody follows it.
+  virtual bool remove() = 0;
+  virtual void addSubscriber(std::shared_ptr<KLNSubscriptionObject> subscriber) = 0;
+  virtual void removeSubscriber(const std::shared_ptr<KLNSubscriptionObject>& subscriber) = 0;
+};
+
+}  // namespace keel::protocols

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "platform/foundation/collections.h"
+#include "platform/foundation/error.h"
+
+namespace keel::protocols {
+
+// How news of a followed name reaches the client that follows it. On the notification input queue.
+class SubscriberBehavior {
+ public:
+  virtual ~SubscriberBehavior() = default;
+  virtual void updateWithData(Dictionary data) = 0;
+  virtual void updateWithError(Error error) = 0;
+  // The subscriber's own connection has ended.
+  virtual void connectionIsInvalid() = 0;
+};
+
+}  // namespace keel::protocols
