@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/dispatch/qz_strand.h"
+#include "platform/foundation/error.h"
+#include "platform/foundation/string.h"
+
+namespace keel {
+
+// Which users have proved to be administrators, by audit session. Shared by all connections of both services; what is recorded
+// counts for the life of the process. All operations return at once, from any thread; they take effect, and call their handlers,
+// on the strand, in the order of the calls. Made with make_shared.
+class KLNAuthService : public QZStrand, public std::enable_shared_from_this<KLNAuthService> {
+ public:
+  // The session in decimal, to the names in the order of their recording. A name may stand more than once; no list is empty.
+  using AuthTable = std::unordered_map<std::string, std::vector<String>>;
+  class Override;
+
+  // The one service of this process, made on the first call. From any thread.
+  static const std::shared_ptr<KLNAuthService>& defaultService();
+
+  KLNAuthService() = default;
+  // On `executor`, which is borrowed and outlives the service.
+  explicit KLNAuthService(Executor& executor) : QZStrand(executor) {}
+
+  // A null user is not recorded.
+  void addUser(String user, std::int32_t andASID);
+  void removeASID(std::int32_t asid);
+  // Whether that very name, case included, was recorded for the session; the error is always null.
+  void isAuthedUser(String user, std::int32_t andASID, std::move_only_function<void(bool, Error)> withHandler);
+  // Whether any name was.
+  void isAuthedASID(std::int32_t asid, std::move_only_function<void(bool)> withHandler);
+
+  // Both on the strand only.
+  AuthTable& authTable() { return authTable_; }
+  void setAuthTable(AuthTable table) { authTable_ = std::move(table); }
+
+ private:
+  static std::shared_ptr<KLNAuthService>& overridingService();
+
+  AuthTable authTable_;
+};
+
+// For tests: makes `service` the default one until the token is destroyed. Tokens nest.
+class KLNAuthService::Override {
+ public:
+  explicit Override(std::shared_ptr<KLNAuthService> service);
+  ~Override();
+  Override(const Override&) = delete;
+  Override& operator=(const Override&) = delete;
+
+ private:
+  std::shared_ptr<KLNAuthService> outer_;
+};
+
+}  // namespace keel

@@ -1,0 +1,216 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "notify/notification_handler.h"
+
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "auth/auth_service.h"
+#include "modules/module_manager.h"
+#include "notify/notification_service.h"
+#include "platform/foundation/value.h"
+#include "platform/logging/logger.h"
+#include "platform/product/product.h"
+
+namespace keel {
+
+namespace {
+
+Logger& log = _loggerForCategory("notification");
+
+// Everything a request needs travels in the block itself.
+template <class Work>
+void queueWork(const KLNNotificationService& service, Work work) {
+  static_assert(sizeof(Work) <= Block::kInlineBytes && std::is_nothrow_move_constructible_v<Work>);
+  service.inputQueue()->async(std::move(work));
+}
+
+std::string describe(const std::shared_ptr<xpc::Connection>& connection) {
+  return connection ? connection->description() : "(null)";
+}
+
+Error exceptionError(std::string_view nameKey, const Name& name, const Exception& raised) {
+  const auto& symbols = raised.callStackSymbols();
+  return Error(KLNErrorDomain, errRequestFailed,
+               Dictionary(Value::map({
+                   {std::string(nameKey), name.view()},
+                   {"exception", Value::map({{"name", raised.name()}, {"reason", raised.reason()}})},
+                   {"backtrace", Value::List(symbols.begin(), symbols.end())},
+               })));
+}
+
+// The exception guard of a request: what `serve` raises is logged and becomes the request's error.
+template <class Serve>
+Error guarded(fmt::format_string<const Name&> text, std::string_view nameKey, const Name& name, Serve serve) {
+  try {
+    return serve();
+  } catch (const Exception& raised) {
+    log.error(text, name);
+    return exceptionError(nameKey, name, raised);
+  } catch (const std::exception& raised) {
+    log.error(text, name);
+    return exceptionError(nameKey, name, Exception("std::exception", raised.what()));
+  }
+}
+
+template <class Table>
+std::vector<Name> allKeys(const Table& table) {
+  std::vector<Name> names;
+  names.reserve(table.size());
+  for (const auto& [name, object] : table) names.push_back(name);
+  return names;
+}
+
+}  // namespace
+
+void KLNNotificationHandler::authCheckForUser(String user, std::int32_t andASID, xpc::Reply<bool, Error> withHandler) {
+  KLNAuthService::defaultService()->isAuthedUser(
+      std::move(user), andASID,
+      [reply = std::move(withHandler)](bool authenticated, Error error) mutable { reply(authenticated, std::move(error)); });
+}
+
+void KLNNotificationHandler::subscribeTo(Name name, std::uint64_t withFlags, xpc::Reply<Dictionary, Error> andHandler) {
+  log.debug("NotificationHandler we have a subscription request: {}", name);
+  if (name.isNull()) return andHandler(nullptr, Error(KLNErrorDomain, errNilName));
+  const auto& service = KLNNotificationService::defaultService();
+  queueWork(*service, [handler = shared_from_this(), name = std::move(name), reply = std::move(andHandler), service,
+                       withFlags]() mutable {
+    Error error = guarded("NotificationHandler: subscribeTo: received an exception processing a subscription request for {}",
+                          "subscriptionName", name, [&] { return handler->subscribe(*service, name, withFlags); });
+    reply(nullptr, std::move(error));
+  });
+}
+
+Error KLNNotificationHandler::subscribe(KLNNotificationService& service, const Name& name, std::uint64_t flags) {
+  if (const auto existing = subscriptions_.find(name); existing != subscriptions_.end()) {
+    log.standard("NotificationHandler: subscribeTo: already subscribed to {} subscription {}", name,
+                 fmt::ptr(existing->second.get()));
+    return Error(KLNErrorDomain, errDuplicate);
+  }
+  const auto subscription = service.newSubscriptionObjectForName(name, flags, 0, xpcConnection());
+  log.debug("NotificationHandler subscribing {} with {}", name, fmt::ptr(subscription.get()));
+  Error error;
+  if (subscription && service.subscribe(subscription, &error)) subscriptions_[name] = subscription;
+  return error;
+}
+
+// The connection lives until the work is done: were it gone by then, the registry could not find its subscription, which would
+// stay with the item for good.
+void KLNNotificationHandler::unsubscribeFrom(Name name) {
+  log.debug("unsubscribeFrom {}", name);
+  const auto& service = KLNNotificationService::defaultService();
+  queueWork(*service, [handler = shared_from_this(), name = std::move(name), service, connection = xpcConnection()] {
+    handler->unsubscribe(*service, name);
+  });
+}
+
+void KLNNotificationHandler::unsubscribe(KLNNotificationService& service, const Name& name) {
+  Error error;
+  if (const auto found = subscriptions_.find(name); found == subscriptions_.end()) {
+    error = Error(KLNErrorDomain, errNotFound);
+  } else {
+    log.debug("unsubscribeFrom {} subscription {}", name, fmt::ptr(found->second.get()));
+    service.removeSubscriptionForName(name, xpcConnection(), &error);
+    subscriptions_.erase(found);
+  }
+  if (error) log.error("unsubscribeFrom {} failed to find subscription", name);
+}
+
+void KLNNotificationHandler::publishItem(Dictionary item, Name name, std::uint64_t flags, std::int64_t value,
+                                         xpc::Reply<Error> withHandler) {
+  if (log.enabled(LogLevel::debug)) {
+    log.debug("NotificationHandler we have a publish request: {} from {}", name, describe(xpcConnection()));
+  }
+  if (name.isNull()) return withHandler(Error(KLNErrorDomain, errNilName));
+  const auto& service = KLNNotificationService::defaultService();
+  queueWork(*service, [handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler), service,
+                       item = std::move(item), flags, value]() mutable {
+    reply(guarded("NotificationHandler: publishItem: received an exception publishing {}", "publishName", name,
+                  [&] { return handler->publish(*service, item, name, flags, value); }));
+  });
+}
+
+Error KLNNotificationHandler::publish(KLNNotificationService& service, const Dictionary& item, const Name& name,
+                                      std::uint64_t flags, std::int64_t value) {
+  if (publishedItems_.contains(name)) {
+    log.error("NotificationHandler we don't allow duplicate publications {}", name);
+    return Error(KLNErrorDomain, errDuplicate);
+  }
+  auto published = service.newPublishedObjectWith(item, name, flags, value, xpcConnection());
+  if (!published) return Error(KLNErrorDomain, errRequestFailed);
+  Error error;
+  if (service.publish(published, &error)) publishedItems_[name] = published;
+  return error;
+}
+
+void KLNNotificationHandler::updatePublishedItem(Dictionary item, Name name, xpc::Reply<Error> withHandler) {
+  if (log.enabled(LogLevel::debug)) {
+    log.debug("updatePublishedItem: updating {} from {}", name, describe(xpcConnection()));
+  }
+  queueWork(*KLNNotificationService::defaultService(),
+            [handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler),
+             item = std::move(item)]() mutable { reply(handler->update(std::move(item), name)); });
+}
+
+Error KLNNotificationHandler::update(Dictionary item, const Name& name) {
+  const auto found = publishedItems_.find(name);
+  if (found == publishedItems_.end()) {
+    log.error("updatePublishedItem: item : {} not found", name);
+    return Error(KLNErrorDomain, errNotFound);
+  }
+  found->second->updateWithData(std::move(item));
+  return nullptr;
+}
+
+void KLNNotificationHandler::removePublishedItemForName(Name name, xpc::Reply<Error> withHandler) {
+  const auto& service = KLNNotificationService::defaultService();
+  queueWork(*service, [handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler), service]() mutable {
+    reply(handler->remove(*service, name));
+  });
+}
+
+Error KLNNotificationHandler::remove(KLNNotificationService& service, const Name& name) {
+  const auto found = publishedItems_.find(name);
+  if (found == publishedItems_.end()) return Error(KLNErrorDomain, errNotFound);
+  Error error;
+  service.removePublishedItemForName(name, xpcConnection(), &error);
+  if (!error) publishedItems_.erase(found);
+  return error;
+}
+
+void KLNNotificationHandler::getModuleTableWithHandler(xpc::Reply<Dictionary> handler) {
+  handler(KLNModuleManager::defaultManager()->moduleTable().dictionary());
+}
+
+void KLNNotificationHandler::connectionInterupted() {
+  const auto connection = xpcConnection();
+  log.debug("NotifyService connection from ({}){} interrupted", connection ? connection->processIdentifier() : 0,
+            connection ? connection->auditSessionIdentifier() : 0);
+}
+
+void KLNNotificationHandler::connectionInvalidated() {
+  const auto connection = xpcConnection();
+  log.debug("NotifyService  connection from ({}){} invalidated", connection ? connection->processIdentifier() : 0,
+            connection ? connection->auditSessionIdentifier() : 0);
+  queueWork(*KLNNotificationService::defaultService(), [handler = shared_from_this()] { handler->cleanUp(); });
+}
+
+void KLNNotificationHandler::cleanUp() {
+  log.debug("NotifyService unsubscribing");
+  for (const Name& name : allKeys(subscriptions_)) {
+    const auto found = subscriptions_.find(name);
+    if (found == subscriptions_.end()) continue;
+    found->second->connectionIsInvalid();
+    subscriptions_.erase(name);
+  }
+  log.debug("NotifyService unpublishing");
+  for (const Name& name : allKeys(publishedItems_)) {
+    const auto found = publishedItems_.find(name);
+    if (found == publishedItems_.end()) continue;
+    found->second->connectionIsInvalid();
+    publishedItems_.erase(name);
+  }
+}
+
+}  // namespace keel

@@ -1,0 +1,212 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "notify/notification_service.h"
+
+#include <utility>
+
+#include "notify/publish_behavior.h"
+#include "notify/subscriber_behavior.h"
+#include "platform/dispatch/reactor.h"
+#include "platform/dispatch/system.h"
+#include "platform/logging/logger.h"
+#include "platform/product/product.h"
+
+namespace keel {
+
+namespace {
+
+Logger& log = _loggerForCategory("notification");
+
+bool refuse(Error* error, int code, Dictionary userInfo = nullptr) {
+  if (error != nullptr) *error = Error(KLNErrorDomain, code, std::move(userInfo));
+  return false;
+}
+
+// An owner that is gone is nobody, and so is null.
+bool isOwner(const KLNPublishedObject& item, const std::shared_ptr<xpc::Connection>& connection) {
+  return connection && item.owner() == connection;
+}
+
+}  // namespace
+
+const std::shared_ptr<KLNNotificationService>& KLNNotificationService::defaultService() {
+  if (const auto& overriding = overridingService()) [[unlikely]]
+    return overriding;
+  // Never destroyed: other threads use it while the process ends.
+  static const auto& service = *new std::shared_ptr<KLNNotificationService>(std::make_shared<KLNNotificationService>());
+  return service;
+}
+
+KLNNotificationService::KLNNotificationService() : KLNNotificationService(ioReactor()) {}
+
+KLNNotificationService::KLNNotificationService(Executor& executor)
+    : inputQ_(SerialQueue::create("KLNNotificationInputQ", executor)),
+      updateQ_(SerialQueue::create("KLNNotificationUpdateQ", executor)) {}
+
+KLNNotificationService::~KLNNotificationService() = default;
+
+std::shared_ptr<KLNPublishedObject> KLNNotificationService::newPublishedObjectWith(
+    Dictionary data, Name name, std::uint64_t flags, std::int64_t value, const std::shared_ptr<xpc::Connection>& fromConnection) {
+  auto item = KLNPublishedObject::initWithName(std::move(name));
+  if (!item) return nullptr;
+  const auto behavior = newPublishBehaviorFromFlags(flags, value);
+  item->setOwner(fromConnection);
+  if (behavior) behavior->addTarget(item);
+  item->updateWithData(std::move(data));
+  addPublisher(fromConnection);
+  return item;
+}
+
+std::shared_ptr<KLNPublishBehavior> KLNNotificationService::newPublishBehaviorFromFlags(std::uint64_t, std::int64_t) {
+  return std::make_shared<KLNPublishBehavior>();
+}
+
+bool KLNNotificationService::publish(std::shared_ptr<KLNPublishedObject>& item, Error* error) {
+  if (!item) return refuse(error, errRequestFailed);
+  const auto placeholder = itemOfName(item->name());
+  if (!placeholder) {
+    published_[item->name()] = item;
+    return true;
+  }
+  if (placeholder->delegate()) {
+    const std::string text = fmt::format("the key {} has already been published", item->name());
+    return refuse(error, errDuplicate, Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), text}})));
+  }
+  placeholder->setOwner(item->owner());
+  if (const auto behavior = std::dynamic_pointer_cast<KLNPublishBehavior>(item->delegate())) behavior->addTarget(placeholder);
+  const auto made = std::exchange(item, placeholder);
+  placeholder->updateWithData(made->data());
+  return true;
+}
+
+bool KLNNotificationService::publishItem(Dictionary data, Name name, std::uint64_t flags, std::int64_t value,
+                                         const std::shared_ptr<xpc::Connection>& fromConnection, Error* error) {
+  const auto placeholder = itemOfName(name);
+  if (!placeholder) {
+    auto item = newPublishedObjectWith(std::move(data), name, flags, value, fromConnection);
+    if (!item) return refuse(error, errRequestFailed);
+    published_[std::move(name)] = std::move(item);
+    return true;
+  }
+  log.debug("publishItem: we are publishing to an item ({}) that already has subscribers", name);
+  if (placeholder->delegate()) {
+    log.error("publishItem: someone else has already published {}", name);
+    return refuse(error, errDuplicate);
+  }
+  const auto behavior = newPublishBehaviorFromFlags(flags, value);
+  placeholder->setOwner(fromConnection);
+  if (behavior) behavior->addTarget(placeholder);
+  placeholder->updateWithData(std::move(data));
+  return true;
+}
+
+bool KLNNotificationService::updatePublishedItem(Dictionary data, const Name& name,
+                                                 const std::shared_ptr<xpc::Connection>& fromConnection, Error* error) {
+  const auto item = itemOfName(name);
+  if (!item) return refuse(error, errNotFound);
+  if (!isOwner(*item, fromConnection)) return refuse(error, errNotOwner);
+  item->updateWithData(std::move(data));
+  return true;
+}
+
+bool KLNNotificationService::removePublishedItemForName(const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection,
+                                                        Error* error) {
+  const auto item = itemOfName(name);
+  log.debug("removePublishedItemForName {} ", name);
+  if (!item) return refuse(error, errNotFound);
+  if (!isOwner(*item, fromConnection)) return refuse(error, errNotOwner);
+  if (item->remove()) {
+    published_.erase(name);
+  } else {
+    item->setDelegate(nullptr);
+  }
+  return true;
+}
+
+std::shared_ptr<KLNSubscriptionObject> KLNNotificationService::newSubscriptionObjectForName(
+    Name name, std::uint64_t flags, std::int64_t value, const std::shared_ptr<xpc::Connection>& fromConnection) {
+  auto subscription = KLNSubscriptionObject::initWithName(std::move(name), fromConnection);
+  if (!subscription) return nullptr;
+  const auto behavior = newSubscriberBehaviorFromFlags(flags, value);
+  subscription->setOwner(fromConnection);
+  if (behavior) behavior->addTarget(subscription);
+  return subscription;
+}
+
+std::shared_ptr<SubscriberBehavior> KLNNotificationService::newSubscriberBehaviorFromFlags(std::uint64_t, std::int64_t) {
+  return std::make_shared<SubscriberBehavior>();
+}
+
+bool KLNNotificationService::subscribe(const std::shared_ptr<KLNSubscriptionObject>& subscription, Error* error) {
+  if (!subscription) return refuse(error, errRequestFailed);
+  const Name& name = subscription->name();
+  if (const auto item = itemOfName(name)) {
+    if (item->subscriberForConnection(subscription->owner())) {
+      log.error("subscribe: already subscribed to {} from this connection", name);
+      return refuse(error, errDuplicate);
+    }
+    follow(subscription, item);
+    queueFirstDelivery(subscription, item);
+    return true;
+  }
+  const auto placeholder = KLNPublishedObject::initWithName(name);
+  published_[name] = placeholder;
+  follow(subscription, placeholder);
+  return true;
+}
+
+bool KLNNotificationService::subscribeTo(const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection,
+                                         std::uint64_t withFlags, Error*) {
+  const auto subscription = newSubscriptionObjectForName(name, withFlags, 0, fromConnection);
+  if (!subscription) return true;
+  if (const auto item = itemOfName(name)) {
+    follow(subscription, item);
+    queueFirstDelivery(subscription, item);
+    return true;
+  }
+  const auto item = KLNPublishedObject::init();
+  published_[name] = item;
+  follow(subscription, item);
+  return true;
+}
+
+bool KLNNotificationService::removeSubscriptionForName(const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection,
+                                                       Error*) {
+  const auto item = itemOfName(name);
+  if (!item) return false;
+  const auto subscription = item->subscriberForConnection(fromConnection);
+  if (!subscription) return false;
+  item->removeSubscriber(subscription);
+  return true;
+}
+
+void KLNNotificationService::addPublisher(const std::shared_ptr<xpc::Connection>&) {}
+
+std::shared_ptr<KLNNotificationService>& KLNNotificationService::overridingService() {
+  static auto& service = *new std::shared_ptr<KLNNotificationService>();
+  return service;
+}
+
+std::shared_ptr<KLNPublishedObject> KLNNotificationService::itemOfName(const Name& name) const {
+  const auto found = published_.find(name);
+  return found == published_.end() ? nullptr : found->second;
+}
+
+void KLNNotificationService::follow(const std::shared_ptr<KLNSubscriptionObject>& subscription,
+                                    const std::shared_ptr<KLNPublishedObject>& item) {
+  item->addSubscriber(subscription);
+  subscription->setTarget(item);
+}
+
+void KLNNotificationService::queueFirstDelivery(std::shared_ptr<KLNSubscriptionObject> subscription,
+                                                std::shared_ptr<KLNPublishedObject> item) {
+  inputQ_->async([subscription = std::move(subscription), item = std::move(item)] { subscription->updateWithData(item->data()); });
+}
+
+KLNNotificationService::Override::Override(std::shared_ptr<KLNNotificationService> service)
+    : outer_(std::exchange(overridingService(), std::move(service))) {}
+
+KLNNotificationService::Override::~Override() {
+  overridingService() = std::move(outer_);
+}
+
+}  // namespace keel

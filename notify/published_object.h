@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "notify/subscriber_set.h"
+#include "platform/foundation/collections.h"
+#include "platform/foundation/date.h"
+#include "platform/foundation/string.h"
+#include "protocols/publish_behavior.h"
+
+namespace keel {
+
+namespace xpc {
+class Connection;
+}
+
+// All that is known of one name: its data, when they were set, who publishes it, who follows it. Lives on the notification input
+// queue. Held by the registry and by its publisher's handler; it holds its behaviour and its subscriptions, and refers to its
+// publisher weakly. Without a behaviour it is a placeholder: it keeps what it has and waits for a publisher.
+class KLNPublishedObject final : public protocols::PublishBehavior {
+ public:
+  // An item with no name and no set of subscribers: subscribers added to it are not recorded.
+  static std::shared_ptr<KLNPublishedObject> init();
+  // Null name: logs and yields nothing.
+  static std::shared_ptr<KLNPublishedObject> initWithName(Name name);
+
+  // The last subscription of that connection, in the set's order; null when it has none.
+  std::shared_ptr<KLNSubscriptionObject> subscriberForConnection(const std::shared_ptr<xpc::Connection>& connection);
+
+  // The behaviour's business where there is one. A placeholder stores data without a date and tells nobody, ignores errors, may
+  // always be dropped, and keeps its set of subscribers itself.
+  void updateWithData(Dictionary data) override;
+  void updateWithError(Error error) override;
+  void connectionIsInvalid() override;
+  bool remove() override;
+  void addSubscriber(std::shared_ptr<KLNSubscriptionObject> subscriber) override;
+  void removeSubscriber(const std::shared_ptr<KLNSubscriptionObject>& subscriber) override;
+
+  const std::shared_ptr<protocols::PublishBehavior>& delegate() const { return delegate_; }
+  void setDelegate(std::shared_ptr<protocols::PublishBehavior> delegate) { delegate_ = std::move(delegate); }
+  const Dictionary& data() const { return data_; }
+  void setData(Dictionary data) { data_ = std::move(data); }
+  // When the behaviour last stored data.
+  const std::optional<Date>& lastUpdated() const { return lastUpdated_; }
+  void setLastUpdated(std::optional<Date> date) { lastUpdated_ = date; }
+  const Name& name() const { return name_; }
+  void setName(Name name) { name_ = std::move(name); }
+  // The publisher's connection; null once it is gone.
+  std::shared_ptr<xpc::Connection> owner() const { return owner_.lock(); }
+  void setOwner(const std::shared_ptr<xpc::Connection>& owner) { owner_ = owner; }
+  // Null for an item made with init().
+  SubscriberSet* subscribers() { return subscribers_ ? &*subscribers_ : nullptr; }
+
+ private:
+  KLNPublishedObject() = default;
+
+  std::shared_ptr<protocols::PublishBehavior> delegate_;
+  Dictionary data_;
+  std::optional<Date> lastUpdated_;
+  Name name_;
+  std::weak_ptr<xpc::Connection> owner_;
+  std::optional<SubscriberSet> subscribers_;
+};
+
+}  // namespace keel

@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "notify/subscriber_behavior.h"
+
+#include "notify/published_object.h"
+#include "notify/subscription_object.h"
+#include "platform/dispatch/block_date.h"
+#include "platform/logging/logger.h"
+#include "platform/product/product.h"
+#include "platform/xpc/remote_proxy.h"
+#include "protocols/subscriber_proxy.h"
+
+namespace keel {
+
+using protocols::SubscriberProxy;
+
+namespace {
+
+Logger& log = _loggerForCategory("notification");
+
+Name nameOf(const std::shared_ptr<KLNSubscriptionObject>& subscriber) {
+  return subscriber ? subscriber->name() : nullptr;
+}
+
+}  // namespace
+
+void SubscriberBehavior::addTarget(const std::shared_ptr<KLNSubscriptionObject>& subscription) {
+  setSubscriber(subscription);
+  if (subscription) subscription->setDelegate(shared_from_this());
+}
+
+// Once per subscriber and update: what is not needed to send is left out of the way of it.
+void SubscriberBehavior::updateWithData(Dictionary data) {
+  auto held = subscriber();
+  if (log.enabled(LogLevel::debug)) log.debug("updateWithData: {} behavior", nameOf(held));
+  const auto connection = held ? held->owner() : nullptr;
+  if (!connection) return log.error("behavior updateWithData: connection is nil");
+  // Whoever calls holds the subscription too.
+  KLNSubscriptionObject& subscription = *held;
+  auto onError = [subscriber = std::move(held)](Error error) {
+    log.error("behavior updateWithData: ({}) connection returned an error {}", subscriber->name(), error);
+  };
+  connection->remoteObjectProxyWithErrorHandler<SubscriberProxy>(std::move(onError))
+      .call<&SubscriberProxy::updateSubscriptionFor>(subscription.name(), std::move(data), 0, nullptr);
+  log.debug("updateWithData: {} behavior notification sent", subscription.name());
+  subscription.setLastUpdated(dateOfBlock());
+}
+
+void SubscriberBehavior::updateWithError(Error error) {
+  const auto held = subscriber();
+  if (log.enabled(LogLevel::debug)) log.debug("SubscriberBehavior:updateWithError: {}", nameOf(held));
+  if (error.code() == errPublisherDisconnected) {
+    return log.debug("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected({})", error.code());
+  }
+  const auto connection = held ? held->owner() : nullptr;
+  if (!connection) return log.error("behavior updateWithError: connection is nil");
+  auto onError = [subscriber = held, sent = error](Error sendError) {
+    log.error("behavior updateWithError: ({}) connection returned an error {} when sending error {}", subscriber->name(),
+              sendError, sent);
+  };
+  connection->remoteObjectProxyWithErrorHandler<SubscriberProxy>(std::move(onError))
+      .call<&SubscriberProxy::updateSubscriptionFor>(held->name(), nullptr, 0, std::move(error));
+  held->setLastUpdated(dateOfBlock());
+}
+
+void SubscriberBehavior::connectionIsInvalid() {
+  const auto held = subscriber();
+  if (log.enabled(LogLevel::debug)) log.debug("behavior connectionIsInvalid: unsubscribing from {}", nameOf(held));
+  const auto item = held ? held->target() : nullptr;
+  if (!item) return;
+  item->removeSubscriber(held);
+  held->setTarget(nullptr);
+}
+
+}  // namespace keel

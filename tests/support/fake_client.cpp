@@ -1,0 +1,214 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tests/support/fake_client.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/dispatch/serial_queue.h"
+
+namespace keel::testing {
+
+using protocols::SubscriberProxy;
+
+namespace {
+
+std::vector<std::byte> wholeFrame(const xpc::OutgoingMessage& message) {
+  std::vector<std::byte> frame;
+  std::size_t offset = xpc::kLengthBytes;
+  const auto append = [&frame](std::span<const std::byte> bytes) { frame.insert(frame.end(), bytes.begin(), bytes.end()); };
+  const std::span<const std::byte> own = message.bytes();
+  for (const auto& splice : message.splices()) {
+    append(own.subspan(offset, splice.offset - offset));
+    append(splice.buffer->bytes());
+    offset = splice.offset;
+  }
+  append(own.subspan(offset));
+  return frame;
+}
+
+std::span<const std::byte> requireItem(cbor::Cursor& cursor) {
+  const auto item = cursor.item(xpc::limits::kDepth + 2);
+  KEEL_CHECK(item.has_value());
+  return *item;
+}
+
+}  // namespace
+
+// Everything happens on the test's thread, which counts as the I/O thread.
+class FakeClient::FakeTransport final : public xpc::Transport {
+ public:
+  FakeTransport(FakeClient& client, ManualExecutor& executor)
+      : client_(&client), later_(SerialQueue::create("fake I/O thread", executor)) {}
+  ~FakeTransport() override {
+    if (client_ != nullptr) client_->transport_ = nullptr;
+  }
+
+  void start(Receiver& receiver) override {
+    receiver_ = &receiver;
+    client_->sayHello();
+  }
+  void send(const xpc::OutgoingMessage& message, EndOfTurn::Urgency) override {
+    if (client_ != nullptr) client_->onMessage(wholeFrame(message));
+  }
+  void setReading(bool) override {}
+  void liftHelloBound() override {}
+  void close(std::string_view goodbye) override {
+    if (client_ == nullptr) return;
+    if (!goodbye.empty()) client_->received_.push_back({.kind = Received::Kind::goodbye, .text = std::string(goodbye)});
+    detach();
+  }
+  void perform(Block block) override { block(); }
+  bool onIoThread() const override { return true; }
+  void performLater(Block block) override { later_->async(std::move(block)); }
+
+  void deliver(std::span<const std::byte> frame) {
+    std::vector<FileDescriptor> noFiles;
+    if (receiver_ != nullptr) receiver_->onFrame(frame, noFiles);
+  }
+  // The client is gone: nothing comes and nothing goes any more.
+  Receiver* detach() {
+    if (client_ != nullptr) client_->transport_ = nullptr;
+    client_ = nullptr;
+    return std::exchange(receiver_, nullptr);
+  }
+
+ private:
+  FakeClient* client_;
+  Receiver* receiver_ = nullptr;
+  std::shared_ptr<SerialQueue> later_;
+};
+
+// What the client exports.
+class FakeClient::Recorder final : public SubscriberProxy {
+ public:
+  explicit Recorder(std::vector<Received>& received) : received_(received) {}
+
+  void updateSubscriptionFor(Name name, Dictionary withItem, std::uint64_t flags, Error error) override {
+    received_.push_back({.kind = Received::Kind::update,
+                         .name = std::move(name),
+                         .item = std::move(withItem),
+                         .flags = flags,
+                         .error = std::move(error)});
+  }
+  void getClientInfoViaHandler(xpc::Reply<Dictionary> handler) override { handler(nullptr); }
+
+ private:
+  std::vector<Received>& received_;
+};
+
+FakeClient::FakeClient(ManualExecutor& executor, xpc::PeerIdentity peer) : recorder_(std::make_shared<Recorder>(received_)) {
+  for (const auto selector : xpc::MethodsOf<SubscriberProxy>::kSelectors) selectors_.emplace_back(selector);
+  auto transport = std::make_unique<FakeTransport>(*this, executor);
+  transport_ = transport.get();
+  connection_ = xpc::Connection::create(std::move(peer), std::move(transport), {.takesDescriptors = false});
+}
+
+FakeClient::~FakeClient() { die(); }
+
+xpc::PeerIdentity FakeClient::identity(pid_t pid, std::int32_t auditSession) {
+  return {.pid = pid, .uid = 501, .gid = 20, .startTime = 1, .auditSession = auditSession, .processName = "fake"};
+}
+
+void FakeClient::die(std::string_view reason) {
+  xpc::Transport::Receiver* const receiver = transport_ != nullptr ? transport_->detach() : nullptr;
+  // The connection lives through the call by its own means, as it does in the daemon.
+  connection_.reset();
+  if (receiver != nullptr) receiver->onClosed(reason);
+}
+
+std::vector<Received> FakeClient::take() { return std::exchange(received_, {}); }
+
+bool FakeClient::isAnswered(std::uint64_t requestId) const {
+  return std::ranges::any_of(received_, [requestId](const Received& each) {
+    return (each.kind == Received::Kind::reply || each.kind == Received::Kind::failure) && each.requestId == requestId;
+  });
+}
+
+void FakeClient::sendNonsense() {
+  xpc::OutgoingMessage message;
+  message.begin().text("nonsense");
+  message.finish();
+  deliver(message);
+}
+
+void FakeClient::sayHello() {
+  xpc::OutgoingMessage message;
+  cbor::Writer writer = message.begin();
+  writer.array(4);
+  writer.unsignedInteger(static_cast<std::uint64_t>(xpc::MessageKind::hello));
+  writer.unsignedInteger(xpc::kProtocolVersion);
+  writer.array(selectors_.size());
+  for (const auto& selector : selectors_) writer.text(selector);
+  writer.map(0);
+  message.finish();
+  deliver(message);
+}
+
+void FakeClient::deliver(const xpc::OutgoingMessage& message) {
+  if (transport_ != nullptr) transport_->deliver(wholeFrame(message));
+}
+
+void FakeClient::onMessage(std::vector<std::byte> frame) {
+  cbor::Cursor cursor(frame);
+  std::uint64_t count = 0;
+  std::uint64_t kind = 0;
+  KEEL_CHECK(cursor.array(count) && cursor.unsignedInteger(kind));
+  switch (static_cast<xpc::MessageKind>(kind)) {
+    case xpc::MessageKind::hello:
+      return onHello(cursor);
+    case xpc::MessageKind::oneWay: {
+      std::uint64_t method = 0;
+      std::uint64_t argumentCount = 0;
+      KEEL_CHECK(cursor.unsignedInteger(method) && cursor.array(argumentCount));
+      KEEL_CHECK(method < selectors_.size());
+      const auto& interface = xpc::Interface::interfaceWithProtocol<SubscriberProxy>();
+      const auto place = std::ranges::find(interface.selectors(), selectors_[method]) - interface.selectors().begin();
+      std::vector<FileDescriptor> noFiles;
+      xpc::ArgumentReader reader(cursor.rest(), noFiles, xpc::limits::kFrameBytes);
+      xpc::Interface::Call call{nullptr, 0};
+      SubscriberProxy* const object = recorder_.get();
+      KEEL_CHECK(interface.dispatchAt(static_cast<std::uint64_t>(place))(object, reader, argumentCount, call));
+      return;
+    }
+    case xpc::MessageKind::reply:
+    case xpc::MessageKind::failure:
+      return onAnswer(static_cast<xpc::MessageKind>(kind), cursor);
+    default:
+      KEEL_CHECK(!"a message that the daemon never sends");
+  }
+}
+
+void FakeClient::onHello(cbor::Cursor& cursor) {
+  std::uint64_t version = 0;
+  std::uint64_t count = 0;
+  KEEL_CHECK(cursor.unsignedInteger(version) && version == xpc::kProtocolVersion && cursor.array(count));
+  for (std::uint64_t i = 0; i < count; ++i) {
+    std::string_view selector;
+    KEEL_CHECK(cursor.text(selector));
+    daemonSelectors_.emplace_back(selector);
+  }
+}
+
+void FakeClient::onAnswer(xpc::MessageKind kind, cbor::Cursor& cursor) {
+  Received answer{.kind = kind == xpc::MessageKind::reply ? Received::Kind::reply : Received::Kind::failure};
+  if (!cursor.null()) KEEL_CHECK(cursor.unsignedInteger(answer.requestId));
+  if (kind == xpc::MessageKind::reply) {
+    const auto results = requireItem(cursor);
+    answer.results.assign(results.begin(), results.end());
+  } else {
+    std::uint64_t code = 0;
+    std::string_view text;
+    KEEL_CHECK(cursor.unsignedInteger(code) && cursor.text(text));
+    answer.text = text;
+  }
+  KEEL_CHECK(cursor.atEnd());
+  received_.push_back(std::move(answer));
+}
+
+std::uint64_t FakeClient::numberOf(std::string_view selector) const {
+  const auto found = std::ranges::find(daemonSelectors_, selector);
+  KEEL_CHECK(found != daemonSelectors_.end());
+  return static_cast<std::uint64_t>(found - daemonSelectors_.begin());
+}
+
+}  // namespace keel::testing

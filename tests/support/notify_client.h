@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+
+#include "notify/notification_handler.h"
+#include "protocols/notify_proxy.h"
+#include "protocols/subscriber_proxy.h"
+#include "tests/support/fake_client.h"
+
+namespace keel::testing {
+
+// A client of the notify service, with its handler, connected as the listener's delegate does it.
+class NotifyClient : public FakeClient {
+ public:
+  explicit NotifyClient(ManualExecutor& executor) : NotifyClient(executor, identity(100)) {}
+  NotifyClient(ManualExecutor& executor, xpc::PeerIdentity peer) : FakeClient(executor, std::move(peer)) {
+    const auto handler = std::make_shared<KLNNotificationHandler>();
+    handler_ = handler;
+    connection()->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());
+    connection()->setExportedObject<protocols::NotifyProxy>(handler);
+    connection()->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+    handler->setXpcConnection(connection());
+    connection()->setInterruptionHandler([handler] { handler->connectionInterupted(); });
+    connection()->setInvalidationHandler([handler] { handler->connectionInvalidated(); });
+    connection()->resume();
+  }
+
+  // Null once nothing holds it any more.
+  std::shared_ptr<KLNNotificationHandler> handler() const { return handler_.lock(); }
+
+ private:
+  std::weak_ptr<KLNNotificationHandler> handler_;
+};
+
+}  // namespace keel::testing
