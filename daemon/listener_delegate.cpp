@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "daemon/listener_delegate.h"
+
+#include "notify/notification_handler.h"
+#include "platform/logging/logger.h"
+#include "protocols/notify_proxy.h"
+#include "protocols/subscriber_proxy.h"
+
+namespace keel {
+
+namespace {
+
+Logger& logger() {
+  static Logger& runtime = _loggerForCategory("runtime");
+  return runtime;
+}
+
+}  // namespace
+
+bool KLNListenerDelegate::listenerShouldAcceptNewConnection(xpc::Listener&, const std::shared_ptr<xpc::Connection>&) { return true; }
+
+bool NotifyListenerDelgate::listenerShouldAcceptNewConnection(xpc::Listener& listener,
+                                                              const std::shared_ptr<xpc::Connection>& connection) {
+  const bool accepted = KLNListenerDelegate::listenerShouldAcceptNewConnection(listener, connection);
+  const pid_t pid = connection->processIdentifier();
+  logger().debug("New Notification Service Connection received from {}", pid);
+  if (accepted) {
+    connection->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());
+    const auto handler = std::make_shared<KLNNotificationHandler>();
+    connection->setExportedObject<protocols::NotifyProxy>(handler);
+    connection->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+    handler->setXpcConnection(connection);
+    connection->setInterruptionHandler([handler, pid] {
+      logger().debug("Dispatcher: plugin connection from {} interrupted (unserialized object?)", pid);
+      handler->connectionInterupted();
+    });
+    connection->setInvalidationHandler([handler, pid] {
+      logger().debug("Dispatcher: connection from {} is invalidated", pid);
+      handler->connectionInvalidated();
+    });
+    connection->resume();
+    logger().debug("NotifyListenerDelgate: Notify service is ready");
+  }
+  return accepted;
+}
+
+}  // namespace keel

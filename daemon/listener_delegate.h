@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+
+#include "platform/xpc/listener.h"
+
+namespace keel {
+
+// Accepts every connection. Stateless; called on the I/O thread.
+class KLNListenerDelegate : public xpc::ListenerDelegate {
+ public:
+  bool listenerShouldAcceptNewConnection(xpc::Listener& listener, const std::shared_ptr<xpc::Connection>& connection) override;
+};
+
+// Gives each connection to the notify service a handler of its own, which lives as long as the connection holds it.
+class NotifyListenerDelgate final : public KLNListenerDelegate {
+ public:
+  bool listenerShouldAcceptNewConnection(xpc::Listener& listener, const std::shared_ptr<xpc::Connection>& connection) override;
+};
+
+}  // namespace keel

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "daemon/listener_delegate.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+
+#include "notify/notification_handler.h"
+#include "notify/notification_service.h"
+#include "platform/dispatch/manual_executor.h"
+#include "platform/dispatch/reactor.h"
+#include "protocols/notify_proxy.h"
+#include "tests/support/fake_client.h"
+#include "tests/support/log_recorder.h"
+
+namespace keel {
+namespace {
+
+using protocols::NotifyProxy;
+using testing::FakeClient;
+using testing::LogLine;
+
+class NotifyListener : public ::testing::Test {
+ protected:
+  NotifyListener() {
+    char made[] = "/tmp/keel-delegate-XXXXXX";
+    directory_ = ::mkdtemp(made);
+    listener_ = xpc::Listener::inDirectory(directory_, "notify", reactor_).value();
+  }
+  ~NotifyListener() override {
+    listener_->invalidate();
+    while (reactor_.turn(/*wait=*/false)) {
+    }
+    ::rmdir(directory_.c_str());
+  }
+
+  bool accept(FakeClient& client) { return delegate_.listenerShouldAcceptNewConnection(*listener_, client.connection()); }
+  static LogLine debug(const char* text) { return {LogLevel::debug, "runtime", text}; }
+
+  std::string directory_;
+  Reactor reactor_;
+  std::shared_ptr<xpc::Listener> listener_;
+  ManualExecutor executor_;
+  std::shared_ptr<KLNNotificationService> service_ = std::make_shared<KLNNotificationService>(executor_);
+  KLNNotificationService::Override override_{service_};
+  testing::LogRecorder log_;
+  NotifyListenerDelgate delegate_;
+};
+
+TEST_F(NotifyListener, AcceptsEveryConnectionAndLogsItsPidFirst) {
+  FakeClient client(executor_, FakeClient::identity(345));
+  EXPECT_TRUE(accept(client));
+  EXPECT_EQ(log_.linesOf("runtime"), (std::vector{debug("New Notification Service Connection received from 345"),
+                                                  debug("NotifyListenerDelgate: Notify service is ready")}));
+  EXPECT_EQ(client.daemonSelectors().size(), 8u);
+}
+
+TEST_F(NotifyListener, TwoConnectionsOfOneProcessHaveTheirOwnHandlers) {
+  FakeClient first(executor_, FakeClient::identity(345));
+  FakeClient second(executor_, FakeClient::identity(345));
+  EXPECT_TRUE(accept(first));
+  EXPECT_TRUE(accept(second));
+  // One handler would refuse the second subscription to the same name.
+  const auto one = first.request<&NotifyProxy::subscribeTo>(Name("n"), 0u);
+  const auto two = second.request<&NotifyProxy::subscribeTo>(Name("n"), 0u);
+  executor_.runAll();
+  EXPECT_FALSE(std::get<1>(first.resultsOf<&NotifyProxy::subscribeTo>(one).value()));
+  EXPECT_FALSE(std::get<1>(second.resultsOf<&NotifyProxy::subscribeTo>(two).value()));
+}
+
+TEST_F(NotifyListener, InterruptionAndInvalidationTellTheHandlerAndLogThePid) {
+  FakeClient client(executor_, FakeClient::identity(345, 9));
+  accept(client);
+  client.request<&NotifyProxy::subscribeTo>(Name("n"), 0u);
+  executor_.runAll();
+  log_.take();
+
+  client.sendNonsense();
+  executor_.runAll();
+  const auto interrupted = log_.take();
+  EXPECT_NE(std::ranges::find(interrupted, debug("Dispatcher: plugin connection from 345 interrupted (unserialized object?)")),
+            interrupted.end());
+  EXPECT_EQ(interrupted.back(), (LogLine{LogLevel::debug, "notification", "NotifyService connection from (345)9 interrupted"}));
+  EXPECT_EQ(service_->published().at("n")->subscribers()->count(), 1u);
+
+  client.die();
+  executor_.runAll();
+  const auto ended = log_.take();
+  ASSERT_GE(ended.size(), 2u);
+  EXPECT_EQ(ended[0], debug("Dispatcher: connection from 345 is invalidated"));
+  EXPECT_EQ(ended[1], (LogLine{LogLevel::debug, "notification", "NotifyService  connection from (345)9 invalidated"}));
+  EXPECT_EQ(service_->published().at("n")->subscribers()->count(), 0u);
+}
+
+TEST_F(NotifyListener, ConnectionAloneHoldsItsHandler) {
+  FakeClient client(executor_);
+  accept(client);
+  const std::weak_ptr<xpc::Connection> connection = client.connection();
+  client.die();
+  executor_.runAll();
+  EXPECT_TRUE(connection.expired());
+}
+
+TEST_F(NotifyListener, BaseClassAcceptsAndDoesNothingElse) {
+  KLNListenerDelegate base;
+  FakeClient client(executor_);
+  EXPECT_TRUE(base.listenerShouldAcceptNewConnection(*listener_, client.connection()));
+  EXPECT_TRUE(log_.lines().empty());
+  EXPECT_TRUE(client.daemonSelectors().empty());
+}
+
+}  // namespace
+}  // namespace keel

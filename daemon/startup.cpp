@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "daemon/startup.h"
+
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "daemon/listener_delegate.h"
+#include "platform/dispatch/signal_source.h"
+#include "platform/dispatch/system.h"
+#include "platform/logging/log_system.h"
+#include "platform/logging/logger.h"
+#include "platform/product/product.h"
+#include "platform/xpc/admissions.h"
+#include "platform/xpc/listener.h"
+
+namespace keel {
+
+namespace {
+
+// How long the last messages may take to reach the journal before the process ends without them.
+constexpr std::chrono::milliseconds kLogPatience{500};
+
+// What the process keeps for as long as it lives; never destroyed, as exit() runs while other threads still use it.
+struct Process {
+  std::shared_ptr<xpc::Listener> notifyListener;
+  std::shared_ptr<NotifyListenerDelgate> notifyDelegate;
+  std::unique_ptr<SignalSource> hangup;
+  std::unique_ptr<SignalSource> terminate;
+};
+
+Process& process() {
+  static Process& kept = *new Process;
+  return kept;
+}
+
+Logger& logger() {
+  static Logger& runtime = _loggerForCategory("runtime");
+  return runtime;
+}
+
+[[noreturn]] void endProcess(int exitCode) {
+  flushLog(kLogPatience);
+  std::exit(exitCode);
+}
+
+std::shared_ptr<xpc::Listener> makeListener(const char* serviceName) {
+  auto listener = xpc::Listener::initWithMachServiceName(serviceName, ioReactor());
+  if (!listener) {
+    logger().error("cannot serve {}: {}", serviceName, listener.error());
+    endProcess(kExitNoListener);
+  }
+  return std::move(*listener);
+}
+
+void shutDown() {
+  logger().standard("signal handler: received SIGTERM, shutting down");
+  process().notifyListener->suspend();
+  process().notifyListener->invalidate();
+  process().notifyListener.reset();
+  endProcess(0);
+}
+
+std::unique_ptr<SignalSource> ignoringSource(int signal, Block handler) {
+  ::signal(signal, SIG_IGN);
+  auto source = SignalSource::create(signal);
+  if (source) {
+    source->setEventHandler(std::move(handler));
+    source->resume();
+  }
+  return source;
+}
+
+}  // namespace
+
+void requireRoot(const char* programName) {
+  if (::getuid() == 0) return;
+  std::fprintf(stderr, "%s must be executed as root.\nSee the man pages for %s, su, and sudo.\n", programName, programName);
+  std::exit(kExitNotRoot);
+}
+
+void startDaemonLogging() {
+  const char* setting = std::getenv("KEELD_LOG");
+  const std::string notUnderstood = startLogging(defaultOutput(), setting != nullptr ? setting : "");
+  if (!notUnderstood.empty()) logger().error("KEELD_LOG: not understood: {}", notUnderstood);
+}
+
+void makeLockDirectory(const char* path) {
+  if (::mkdir(path, 0755) == 0 || errno == EEXIST) return;
+  logger().error("Failed to create the lock dir at {} errno = {}", path, errno);
+  endProcess(kExitNoLockDirectory);
+}
+
+void openListeners() {
+  xpc::raiseDescriptorLimit();
+  process().notifyListener = makeListener(kNotifyServiceName);
+  logger().debug("Notify listener created");
+  process().notifyDelegate = std::make_shared<NotifyListenerDelgate>();
+  process().notifyListener->setDelegate(process().notifyDelegate);
+  process().notifyListener->resume();
+}
+
+void installSignalHandling() {
+  process().hangup = ignoringSource(SIGHUP, [] {});
+  process().terminate = ignoringSource(SIGTERM, shutDown);
+}
+
+}  // namespace keel
