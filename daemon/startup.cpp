@@ -68,12 +68,20 @@ void shutDown() {
   endProcess(0);
 }
 
+bool isPending(int signal) {
+  sigset_t pending;
+  return ::sigpending(&pending) == 0 && ::sigismember(&pending, signal) == 1;
+}
+
 std::unique_ptr<SignalSource> ignoringSource(int signal, Block handler) {
+  // Setting a signal to be ignored discards one that came during the start; it is sent again.
+  const bool cameEarly = isPending(signal);
   ::signal(signal, SIG_IGN);
   auto source = SignalSource::create(signal);
   if (source) {
     source->setEventHandler(std::move(handler));
     source->resume();
+    if (cameEarly) ::kill(::getpid(), signal);
   }
   return source;
 }

@@ -13,34 +13,36 @@ namespace keel {
 
 namespace {
 
-// A cache line of its own: every thread that makes or drops a buffer writes it.
-alignas(64) std::atomic<std::size_t> liveByteCount{0};
 std::atomic<std::size_t> liveSealedFileCount{0};
 
 }  // namespace
 
-BufferRef Buffer::copyOf(std::span<const std::byte> bytes) {
-  BufferRef buffer = allocate(bytes.size());
+MemoryAccount& MemoryAccount::ofProcess() {
+  static MemoryAccount& account = *new MemoryAccount;
+  return account;
+}
+
+BufferRef Buffer::copyOf(std::span<const std::byte> bytes, MemoryAccount& account, std::uint32_t surchargeBytes) {
+  BufferRef buffer = allocate(bytes.size(), account, surchargeBytes);
   if (!bytes.empty()) std::memcpy(const_cast<std::byte*>(buffer->data_), bytes.data(), bytes.size());
   return buffer;
 }
 
-BufferRef Buffer::allocate(std::size_t sizeBytes) {
+BufferRef Buffer::allocate(std::size_t sizeBytes, MemoryAccount& account, std::uint32_t surchargeBytes) {
   void* block = ::operator new(sizeof(Buffer) + sizeBytes);
-  liveByteCount.fetch_add(sizeof(Buffer) + sizeBytes, std::memory_order_relaxed);
-  return BufferRef(new (block) Buffer(static_cast<std::byte*>(block) + sizeof(Buffer), sizeBytes, -1));
+  return BufferRef(new (block) Buffer(static_cast<std::byte*>(block) + sizeof(Buffer), sizeBytes, -1, account, surchargeBytes));
 }
 
-BufferRef Buffer::adoptMapping(const std::byte* mapping, std::size_t sizeBytes, FileDescriptor sealedFile) {
+BufferRef Buffer::adoptMapping(const std::byte* mapping, std::size_t sizeBytes, FileDescriptor sealedFile,
+                               MemoryAccount& account) {
   KEEL_CHECK(sealedFile);
   void* block = ::operator new(sizeof(Buffer));
-  liveByteCount.fetch_add(sizeof(Buffer) + sizeBytes, std::memory_order_relaxed);
   liveSealedFileCount.fetch_add(1, std::memory_order_relaxed);
-  return BufferRef(new (block) Buffer(mapping, sizeBytes, sealedFile.release()));
+  return BufferRef(new (block) Buffer(mapping, sizeBytes, sealedFile.release(), account, 0));
 }
 
 void Buffer::destroy() noexcept {
-  liveByteCount.fetch_sub(sizeof(Buffer) + size_, std::memory_order_relaxed);
+  account_.refund(chargedBytes());
   if (sealedFile_ >= 0) {
     ::munmap(const_cast<std::byte*>(data_), size_);
     FileDescriptor closing(sealedFile_);
@@ -56,10 +58,6 @@ std::uint64_t Buffer::computeHash() const {
   const std::uint64_t value = computed != 0 ? computed : 1;
   hash_.store(value, std::memory_order_relaxed);
   return value;
-}
-
-std::size_t Buffer::liveBytes() {
-  return liveByteCount.load(std::memory_order_relaxed);
 }
 
 std::size_t Buffer::sealedFileCount() {

@@ -13,6 +13,25 @@ namespace keel {
 
 class Buffer;
 
+// Counts the bytes that the buffers charged to it hold together. Lives as long as the process. From any thread.
+class MemoryAccount {
+ public:
+  MemoryAccount() = default;
+  MemoryAccount(const MemoryAccount&) = delete;
+  MemoryAccount& operator=(const MemoryAccount&) = delete;
+  // Pays for every buffer of which nothing else is said.
+  static MemoryAccount& ofProcess();
+
+  std::size_t bytes() const { return bytes_.load(std::memory_order_relaxed); }
+
+ private:
+  friend class Buffer;
+  void charge(std::size_t bytes) { bytes_.fetch_add(bytes, std::memory_order_relaxed); }
+  void refund(std::size_t bytes) { bytes_.fetch_sub(bytes, std::memory_order_relaxed); }
+  // A cache line of its own: every thread that makes or drops a buffer writes it.
+  alignas(64) std::atomic<std::size_t> bytes_{0};
+};
+
 // A counted reference to a Buffer, or null. One pointer wide; copies may live on any thread.
 class BufferRef {
  public:
@@ -41,18 +60,21 @@ class BufferRef {
 // bytes together) or the mapping of a sealed memory file, whose descriptor it then owns.
 class Buffer {
  public:
-  static BufferRef copyOf(std::span<const std::byte> bytes);
+  // `surchargeBytes` are charged beyond its own size, for what its holder builds around it.
+  static BufferRef copyOf(std::span<const std::byte> bytes, MemoryAccount& account = MemoryAccount::ofProcess(),
+                          std::uint32_t surchargeBytes = 0);
 
   // A heap buffer of `sizeBytes`, filled by `fill(std::byte*)` before anybody else sees it.
   template <class Fill>
   static BufferRef make(std::size_t sizeBytes, Fill fill) {
-    BufferRef buffer = allocate(sizeBytes);
+    BufferRef buffer = allocate(sizeBytes, MemoryAccount::ofProcess(), 0);
     fill(const_cast<std::byte*>(buffer->data_));
     return buffer;
   }
 
   // Takes over a mapping of `sizeBytes` bytes and the sealed memory file it shows (sealed_memory.h), which must be open.
-  static BufferRef adoptMapping(const std::byte* mapping, std::size_t sizeBytes, FileDescriptor sealedFile);
+  static BufferRef adoptMapping(const std::byte* mapping, std::size_t sizeBytes, FileDescriptor sealedFile,
+                                MemoryAccount& account = MemoryAccount::ofProcess());
 
   Buffer(const Buffer&) = delete;
   Buffer& operator=(const Buffer&) = delete;
@@ -69,16 +91,20 @@ class Buffer {
     return known != 0 ? known : computeHash();
   }
 
-  // Bytes held by all living buffers of this process, their headers included.
-  static std::size_t liveBytes();
+  // Bytes held by all living buffers that the process itself pays for, their headers included.
+  static std::size_t liveBytes() { return MemoryAccount::ofProcess().bytes(); }
   // How many living buffers own a sealed memory file, and with it a descriptor.
   static std::size_t sealedFileCount();
 
  private:
   friend class BufferRef;
-  Buffer(const std::byte* data, std::size_t size, int sealedFile) : data_(data), size_(size), sealedFile_(sealedFile) {}
+  Buffer(const std::byte* data, std::size_t size, int sealedFile, MemoryAccount& account, std::uint32_t surchargeBytes)
+      : data_(data), size_(size), account_(account), surchargeBytes_(surchargeBytes), sealedFile_(sealedFile) {
+    account_.charge(chargedBytes());
+  }
   ~Buffer() = default;
-  static BufferRef allocate(std::size_t sizeBytes);
+  static BufferRef allocate(std::size_t sizeBytes, MemoryAccount& account, std::uint32_t surchargeBytes);
+  std::size_t chargedBytes() const { return sizeof(Buffer) + size_ + surchargeBytes_; }
   std::uint64_t computeHash() const;
   void retain() noexcept { references_.fetch_add(1, std::memory_order_relaxed); }
   void release() noexcept {
@@ -89,7 +115,9 @@ class Buffer {
   const std::byte* data_;
   std::size_t size_;
   mutable std::atomic<std::uint64_t> hash_{0};
+  MemoryAccount& account_;
   std::atomic<std::uint32_t> references_{1};
+  std::uint32_t surchargeBytes_;
   int sealedFile_;
 };
 

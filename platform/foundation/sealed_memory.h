@@ -20,6 +20,7 @@ std::expected<FileDescriptor, std::error_code> sealedMemoryOf(std::span<const st
 // Maps the memory file of a peer. Refused with EPERM when it is not sealed against writing, growing and shrinking, with
 // EINVAL when its size is not exactly `sizeBytes` or 0, else with the errno of the call that failed. On failure the
 // descriptor is closed.
-std::expected<BufferRef, std::error_code> openSealedMemory(FileDescriptor file, std::size_t sizeBytes);
+std::expected<BufferRef, std::error_code> openSealedMemory(FileDescriptor file, std::size_t sizeBytes,
+                                                           MemoryAccount& account = MemoryAccount::ofProcess());
 
 }  // namespace keel

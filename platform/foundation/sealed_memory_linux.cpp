@@ -52,7 +52,8 @@ std::expected<FileDescriptor, std::error_code> sealedMemoryOf(std::span<const st
   return file;
 }
 
-std::expected<BufferRef, std::error_code> openSealedMemory(FileDescriptor file, std::size_t sizeBytes) {
+std::expected<BufferRef, std::error_code> openSealedMemory(FileDescriptor file, std::size_t sizeBytes,
+                                                           MemoryAccount& account) {
   const int seals = ::fcntl(file.get(), F_GET_SEALS);
   if (seals < 0) return failure(errno);
   if ((seals & kNeededSeals) != kNeededSeals) return failure(EPERM);
@@ -69,7 +70,7 @@ std::expected<BufferRef, std::error_code> openSealedMemory(FileDescriptor file, 
 
   void* mapping = ::mmap(nullptr, sizeBytes, PROT_READ, MAP_SHARED, file.get(), 0);
   if (mapping == MAP_FAILED) return failure(errno);
-  return Buffer::adoptMapping(static_cast<const std::byte*>(mapping), sizeBytes, std::move(file));
+  return Buffer::adoptMapping(static_cast<const std::byte*>(mapping), sizeBytes, std::move(file), account);
 }
 
 }  // namespace keel

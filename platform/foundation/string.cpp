@@ -16,4 +16,7 @@ const BufferRef& emptyBuffer() {
 String::String(std::string_view text)
     : buffer_(text.empty() ? emptyBuffer() : Buffer::copyOf(std::as_bytes(std::span(text)))) {}
 
+String::String(std::string_view text, MemoryAccount& account, std::uint32_t surchargeBytes)
+    : buffer_(Buffer::copyOf(std::as_bytes(std::span(text)), account, surchargeBytes)) {}
+
 }  // namespace keel

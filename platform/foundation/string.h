@@ -14,6 +14,8 @@ class String {
   String(std::nullptr_t) {}
   // `text` must be valid UTF-8. Empty texts share one buffer.
   String(std::string_view text);
+  // Charged to `account` with a surcharge, as Buffer::copyOf does it.
+  String(std::string_view text, MemoryAccount& account, std::uint32_t surchargeBytes);
   String(const char* text) : String(std::string_view(text)) {}
 
   bool isNull() const { return !buffer_; }

@@ -48,6 +48,18 @@ Admissions::Refusal Admissions::admit(uid_t uid, std::shared_ptr<void>& admissio
   return Refusal::none;
 }
 
+MemoryQuota memoryQuotaOfUser(uid_t uid) {
+  static std::mutex& mutex = *new std::mutex;
+  static auto& accountsByUser = *new std::unordered_map<uid_t, MemoryAccount*>;
+  const std::lock_guard lock(mutex);
+  MemoryAccount*& account = accountsByUser[uid];
+  if (account == nullptr) account = new MemoryAccount;
+  MemoryQuota quota;
+  quota.account = account;
+  if (uid != 0) quota.limitBytes = limits::kMemoryOfOneUserBytes;
+  return quota;
+}
+
 void raiseDescriptorLimit() {
   rlimit limit{};
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;

@@ -9,6 +9,8 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "platform/xpc/argument.h"
+
 namespace keel::xpc {
 
 // How many connections there may be, in all and of one user, and how many there are. From any thread.
@@ -31,6 +33,9 @@ class Admissions : public std::enable_shared_from_this<Admissions> {
   std::size_t count_ = 0;                              // under mutex_
   std::unordered_map<uid_t, std::size_t> countByUser_;  // under mutex_
 };
+
+// The memory account of a user, the same for all its connections, kept for the life of the process; root's has no limit.
+MemoryQuota memoryQuotaOfUser(uid_t uid);
 
 // Raises the soft limit of open descriptors to the hard one, so that connections are bounded by what the administrator allows.
 void raiseDescriptorLimit();

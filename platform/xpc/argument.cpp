@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/xpc/argument.h"
 
+#include <algorithm>
+
 #include "platform/foundation/cbor.h"
 #include "platform/foundation/sealed_memory.h"
 #include "platform/xpc/limits.h"
@@ -26,9 +28,24 @@ bool ArgumentReader::encodedItem(std::uint8_t major, BufferRef& item) {
   if (next == kTagType) return sealedItem(major, item);
   if (next != major) return false;
   auto bytes = cursor.item(depthOf(major));
-  if (!bytes) return false;
-  item = Buffer::copyOf(*bytes);
+  if (!bytes || !mayHold(bytes->size(), quota_.limitBytes)) return false;
+  item = Buffer::copyOf(*bytes, *quota_.account);
   return true;
+}
+
+bool ArgumentReader::string(String& value) {
+  std::string_view text;
+  // Names may go beyond the quota by half of it: who holds too much must be able to say what it gives up.
+  const std::size_t headroom = std::min(quota_.limitBytes / 2, std::numeric_limits<std::size_t>::max() - quota_.limitBytes);
+  if (!cursor.text(text) || !mayHold(text.size() + limits::kRecordBytes, quota_.limitBytes + headroom)) return false;
+  value = String(text, *quota_.account, limits::kRecordBytes);
+  return true;
+}
+
+bool ArgumentReader::mayHold(std::size_t moreBytes, std::size_t limitBytes) {
+  const std::size_t held = quota_.account->bytes();
+  overQuota_ = held > limitBytes || moreBytes > limitBytes - held;
+  return !overQuota_;
 }
 
 bool ArgumentReader::sealedItem(std::uint8_t major, BufferRef& item) {
@@ -39,11 +56,13 @@ bool ArgumentReader::sealedItem(std::uint8_t major, BufferRef& item) {
   if (files_.empty() || sizeBytes > sealedLimitBytes_) return false;
   FileDescriptor file = std::move(files_.front());
   files_.erase(files_.begin());
-  auto mapped = openSealedMemory(std::move(file), static_cast<std::size_t>(sizeBytes));
+  if (!mayHold(static_cast<std::size_t>(sizeBytes), quota_.limitBytes)) return false;
+  auto mapped = openSealedMemory(std::move(file), static_cast<std::size_t>(sizeBytes), *quota_.account);
   if (!mapped || !isOfType((*mapped)->bytes(), major)) return false;
   if (!cbor::validate((*mapped)->bytes(), depthOf(major))) return false;
   // Every mapping holds a descriptor; past a number of them the bytes are copied, so that values cannot use up the table.
-  item = Buffer::sealedFileCount() > limits::kSealedFiles ? Buffer::copyOf((*mapped)->bytes()) : std::move(*mapped);
+  item = Buffer::sealedFileCount() > limits::kSealedFiles ? Buffer::copyOf((*mapped)->bytes(), *quota_.account)
+                                                               : std::move(*mapped);
   cursor = attempt;
   return true;
 }
@@ -62,10 +81,7 @@ bool Argument<String>::read(ArgumentReader& reader, String& value) {
     value = nullptr;
     return true;
   }
-  std::string_view text;
-  if (!reader.cursor.text(text)) return false;
-  value = String(text);
-  return true;
+  return reader.string(value);
 }
 
 void Argument<String>::write(ArgumentWriter& writer, const String& value) {

@@ -14,24 +14,39 @@
 
 namespace keel::xpc {
 
+// Whose memory pays for what a peer sends, and how much of it the peer may hold.
+struct MemoryQuota {
+  MemoryAccount* account = &MemoryAccount::ofProcess();
+  std::size_t limitBytes = std::numeric_limits<std::size_t>::max();
+};
+
 // Reads the arguments of one message in place. `files` are the sealed memory files that came for it, taken in order; none may
 // be larger than `sealedLimitBytes`.
 class ArgumentReader {
  public:
-  ArgumentReader(std::span<const std::byte> items, std::vector<FileDescriptor>& files, std::size_t sealedLimitBytes)
-      : cursor(items), files_(files), sealedLimitBytes_(sealedLimitBytes) {}
+  ArgumentReader(std::span<const std::byte> items, std::vector<FileDescriptor>& files, std::size_t sealedLimitBytes,
+                 MemoryQuota quota = {})
+      : cursor(items), files_(files), sealedLimitBytes_(sealedLimitBytes), quota_(quota) {}
 
   // The next item whole, whether it stands here or in a sealed memory file; false when it is no acceptable item of CBOR major
   // type `major`.
   bool encodedItem(std::uint8_t major, BufferRef& item);
+  // The next item as text.
+  bool string(String& value);
+
+  // Whether a read failed because the peer holds too much already.
+  bool isOverQuota() const { return overQuota_; }
 
   cbor::Cursor cursor;
 
  private:
   bool sealedItem(std::uint8_t major, BufferRef& item);
+  bool mayHold(std::size_t moreBytes, std::size_t limitBytes);
 
   std::vector<FileDescriptor>& files_;
   std::size_t sealedLimitBytes_;
+  MemoryQuota quota_;
+  bool overQuota_ = false;
 };
 
 // Writes the arguments of one message; `takesDescriptors` says whether the peer does.

@@ -50,6 +50,8 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
     bool takesDescriptors = true;
     // The largest value that is taken, however it travels.
     std::size_t receiveLimitBytes = limits::kFrameBytes;
+    // Who pays for what the peer sends.
+    MemoryQuota quota;
   };
 
   static std::shared_ptr<Connection> create(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options);

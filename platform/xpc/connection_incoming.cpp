@@ -170,7 +170,7 @@ void Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vecto
   if (!cursor.array(argumentCount)) return refuse(id, FailureCode::undecodable, "the message cannot be decoded");
   // Held for the call: it may end the connection, which lets go of the object.
   const std::shared_ptr<void> object = exportedObject_;
-  ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes);
+  ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes, options_.quota);
   if (call.route) {
     ++unansweredCount_;
     if (unansweredCount_ > limits::kUnansweredRequests && !readingPaused_) {
@@ -180,6 +180,11 @@ void Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vecto
   if (function(object.get(), reader, argumentCount, call)) return;
   if (call.route) --unansweredCount_;
   files.clear();
+  if (reader.isOverQuota()) {
+    return refuse(id, FailureCode::overQuota,
+                  fmt::format("uid {} holds {} bytes here; at most {} are granted", peer_.uid, options_.quota.account->bytes(),
+                              options_.quota.limitBytes));
+  }
   refuse(id, FailureCode::wrongArguments, fmt::format("the arguments do not fit {}", exportedInterface_->selectors()[method]));
 }
 

@@ -521,9 +521,8 @@ TEST_F(RawPeer, ReaderThatIsTooSlowIsDroppedWithAGoodbye) {
   EXPECT_TRUE(peerSeesTheEnd());
 }
 
-TEST_F(RawPeer, DescriptorsThatNoMessageClaimsEndTheConnection) {
-  start();
-  const Bytes bytes = framed(encoded(Value::list({1, 1, 0, Value::list({nullptr})})));
+// Sends a request together with one descriptor.
+void sendWithDescriptor(int socket, const Bytes& bytes, int descriptor) {
   iovec vector{const_cast<std::byte*>(bytes.data()), bytes.size()};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))]{};
   msghdr header{};
@@ -535,13 +534,56 @@ TEST_F(RawPeer, DescriptorsThatNoMessageClaimsEndTheConnection) {
   rights->cmsg_level = SOL_SOCKET;
   rights->cmsg_type = SCM_RIGHTS;
   rights->cmsg_len = CMSG_LEN(sizeof(int));
-  const int descriptor = peer.get();
   std::memcpy(CMSG_DATA(rights), &descriptor, sizeof(int));
-  ASSERT_GT(::sendmsg(peer.get(), &header, 0), 0);
+  ASSERT_GT(::sendmsg(socket, &header, 0), 0);
+}
+
+TEST_F(RawPeer, DescriptorThatNoMessageClaimsEndsTheConnection) {
+  start();
+  const std::string content = "bytes";
+  const auto file = sealedMemoryOf(std::as_bytes(std::span(content)));
+  sendWithDescriptor(peer.get(), framed(encoded(Value::list({1, 1, 0, Value::list({nullptr})}))), file->get());
   const std::vector<Value> messages = received();
   ASSERT_EQ(messages.size(), 2u);
   EXPECT_EQ(messages[1], Value::list({5, "descriptors that no message claims"}));
   EXPECT_EQ(invalidations, 1);
+}
+
+TEST_F(RawPeer, DescriptorOfAnythingElseEndsTheConnectionUnserved) {
+  start();
+  sendWithDescriptor(peer.get(), framed(encoded(Value::list({2, 1, Value::list({"x"})}))), peer.get());
+  EXPECT_EQ(received(), std::vector{Value::list({5, "a descriptor that is no memory file"})});
+  EXPECT_EQ(invalidations, 1);
+  EXPECT_TRUE(service->told.empty());
+}
+
+TEST_F(RawPeer, UserThatHoldsTooMuchIsRefusedUntilItHoldsLess) {
+  int both[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
+  peer.reset(both[1]);
+  MemoryAccount& account = *new MemoryAccount;
+  Connection::Options options;
+  options.quota = {&account, 10'000};
+  const auto limited = Connection::create(
+      PeerIdentity(), std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor, limits::kFrameBytes), options);
+  limited->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
+  limited->setExportedObject<Echo>(service);
+  limited->resume();
+  sendMessage(hello());
+  received();
+  const BufferRef held = Buffer::copyOf(Bytes(9000), account);
+  const Value item = Value::map({{"x", std::string(2000, 'a')}});
+  sendMessage(Value::list({1, 1, 0, Value::list({item})}));
+  const std::vector<Value> refused = received();
+  ASSERT_EQ(refused.size(), 1u);
+  EXPECT_EQ(refused[0].as<Value::List>()->at(2), Value(static_cast<int>(FailureCode::overQuota)));
+  // A name still gets through; what was sent for a moment is given back.
+  sendMessage(Value::list({2, 1, Value::list({"name"})}));
+  EXPECT_EQ(service->told.size(), 1u);
+  EXPECT_EQ(account.bytes(), 9000 + sizeof(Buffer));
+  sendMessage(Value::list({1, 2, 0, Value::list({Value::map({{"x", "small"}})})}));
+  EXPECT_EQ(received().at(0).as<Value::List>()->at(0), Value(3));
+  limited->invalidate();
 }
 
 TEST_F(RawPeer, DescriptionIsStable) {

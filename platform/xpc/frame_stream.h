@@ -41,6 +41,11 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   bool takeFiles(msghdr& header);
   bool handFramesOver();
   bool flush();
+  // Writes what the socket takes; a failure is noted in problem_.
+  void write();
+  // Counts what waits here into the sum over all streams, and returns it.
+  std::size_t countWaiting();
+  bool isTooMuch(std::size_t waitingBytes) const;
 
   // Ends it because of the peer or the socket, with a word to the peer unless `goodbye` is empty.
   void fail(std::string_view reason, std::string_view goodbye);
@@ -64,6 +69,8 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   bool outputBlocked_ = false;  // the socket takes no more for now
   bool handOverPending_ = false;
   bool tooSlow_ = false;
+  bool ending_ = false;  // at the end of the turn
+  int problem_ = 0;      // errno of a write that failed
   bool handingOver_ = false;
 };
 

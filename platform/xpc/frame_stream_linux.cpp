@@ -21,6 +21,7 @@
 #include <cstring>
 
 #include "platform/xpc/farewell.h"
+#include "platform/xpc/foreign_descriptors.h"
 #include "platform/xpc/limits.h"
 
 namespace keel::xpc {
@@ -56,22 +57,33 @@ void FrameStream::start(Receiver& receiver) {
 }
 
 void FrameStream::send(const OutgoingMessage& message, EndOfTurn::Urgency urgency) {
-  if (!socket_ || tooSlow_) return;
+  if (!socket_ || ending_) return;
   output_.borrow();
-  output_->append(message);
-  const std::size_t waiting = output_->waitingBytes();
-  if (outputBlocked_ && waiting > limits::kPauseReadingBytes) [[unlikely]] {
-    totalWaitingBytes += waiting - countedWaitingBytes_;
-    countedWaitingBytes_ = waiting;
-    outputFull_ = true;
-    const bool pressed = totalWaitingBytes > limits::kTotalWaitingBytes;
-    if (waiting > (pressed ? limits::kWaitingBytesUnderPressure : limits::kWaitingBytes)) {
-      tooSlow_ = true;
-      reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
-      return;
+  if (output_->waitingBytes() > limits::kPauseReadingBytes) [[unlikely]] {
+    // So much in one turn: what the socket takes goes now, so that only what the peer does not read is held.
+    if (!outputBlocked_) write();
+    if (outputBlocked_ && isTooMuch(countWaiting())) tooSlow_ = true;
+    if (tooSlow_ || problem_ != 0) {
+      ending_ = true;
+      return reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
     }
+    output_.borrow();
   }
-  if (!outputBlocked_ || outputFull_) reactor_.atEndOfTurn(*this, urgency);
+  output_->append(message);
+  if (!outputBlocked_) reactor_.atEndOfTurn(*this, urgency);
+}
+
+std::size_t FrameStream::countWaiting() {
+  const std::size_t waiting = output_ ? output_->waitingBytes() : 0;
+  totalWaitingBytes += waiting - countedWaitingBytes_;
+  countedWaitingBytes_ = waiting;
+  outputFull_ = waiting > limits::kPauseReadingBytes || (outputFull_ && waiting > limits::kPauseReadingBytes / 2);
+  return waiting;
+}
+
+bool FrameStream::isTooMuch(std::size_t waitingBytes) const {
+  const bool pressed = totalWaitingBytes > limits::kTotalWaitingBytes;
+  return waitingBytes > (pressed ? limits::kWaitingBytesUnderPressure : limits::kWaitingBytes);
 }
 
 void FrameStream::setReading(bool reading) {
@@ -141,7 +153,7 @@ bool FrameStream::readOnce() {
   header.msg_iov = &vector;
   header.msg_iovlen = 1;
   header.msg_control = control.data();
-  header.msg_controllen = control.size();
+  header.msg_controllen = mayReceiveDescriptors() ? control.size() : 0;
   ssize_t received = 0;
   do {
     received = ::recvmsg(socket_.get(), &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
@@ -157,20 +169,26 @@ bool FrameStream::readOnce() {
 }
 
 bool FrameStream::takeFiles(msghdr& header) {
-  if (header.msg_controllen == 0) return true;
+  std::string_view offence = (header.msg_flags & MSG_CTRUNC) != 0 ? "too many descriptors at once" : "";
   for (cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr; item = CMSG_NXTHDR(&header, item)) {
     if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_RIGHTS) continue;
     const std::size_t count = (item->cmsg_len - CMSG_LEN(0)) / sizeof(int);
     for (std::size_t i = 0; i < count; ++i) {
-      int descriptor = -1;
-      std::memcpy(&descriptor, CMSG_DATA(item) + i * sizeof(int), sizeof(int));
-      files_.emplace_back(descriptor);
-      ++totalUnclaimedFiles;
+      int number = -1;
+      std::memcpy(&number, CMSG_DATA(item) + i * sizeof(int), sizeof(int));
+      FileDescriptor descriptor(number);
+      if (isMemoryFile(descriptor)) {
+        files_.push_back(std::move(descriptor));
+        ++totalUnclaimedFiles;
+      } else {
+        closeElsewhere(std::move(descriptor));
+        offence = "a descriptor that is no memory file";
+      }
     }
   }
-  if ((header.msg_flags & MSG_CTRUNC) == 0) return true;
+  if (offence.empty()) return true;
   splitter_.keepRest();
-  fail("it sent too many descriptors at once", "too many descriptors at once");
+  fail(offence, offence);
   return false;
 }
 
@@ -198,34 +216,37 @@ bool FrameStream::handFramesOver() {
   splitter_.keepRest();
   // Descriptors come with the first byte of their frame: none may be left when no frame is under way.
   if (!files_.empty() && (!splitter_.inFrame() || totalUnclaimedFiles > limits::kUnclaimedDescriptors)) {
-    fail("it sent descriptors that no message claims", "descriptors that no message claims");
+    constexpr std::string_view kOffence = "descriptors that no message claims";
+    fail(kOffence, kOffence);
     return false;
   }
   return true;
 }
 
-bool FrameStream::flush() {
-  if (!output_ || outputBlocked_) return true;
+void FrameStream::write() {
   if (auto flushed = output_->flush(socket_.get()); !flushed) {
-    // EPIPE and ECONNRESET: the peer is gone; what it sent before is not read any more, as nobody could be answered.
-    const int problem = flushed.error().value();
-    fail(problem == EPIPE || problem == ECONNRESET ? std::string_view() : std::string_view(std::strerror(problem)), {});
-    return false;
+    problem_ = flushed.error().value();
+    return;
   }
   outputBlocked_ = !output_->empty();
-  const std::size_t waiting = output_->waitingBytes();
-  if (countedWaitingBytes_ > 0) {
-    totalWaitingBytes -= countedWaitingBytes_ - std::min(countedWaitingBytes_, waiting);
-    countedWaitingBytes_ = std::min(countedWaitingBytes_, waiting);
+  if (!outputBlocked_) output_.giveBack();
+}
+
+bool FrameStream::flush() {
+  if (output_ && !outputBlocked_ && problem_ == 0) write();
+  if (problem_ != 0) {
+    // EPIPE and ECONNRESET: the peer is gone; what it sent before is not read any more, as nobody could be answered.
+    fail(problem_ == EPIPE || problem_ == ECONNRESET ? std::string_view() : std::string_view(std::strerror(problem_)), {});
+    return false;
   }
-  if (outputFull_ && waiting <= limits::kPauseReadingBytes / 2) {
-    outputFull_ = false;
-    if (splitter_.keptBytes() > 0) {
+  if (outputBlocked_ || countedWaitingBytes_ > 0) {
+    const bool wasFull = outputFull_;
+    countWaiting();
+    if (wasFull && !outputFull_ && splitter_.keptBytes() > 0) {
       handOverPending_ = true;
       reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
     }
   }
-  if (!outputBlocked_) output_.giveBack();
   return true;
 }
 

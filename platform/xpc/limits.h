@@ -21,6 +21,12 @@ inline constexpr std::size_t kDepth = 64;
 // Arrays may be nested deeper by this much: a dump wraps published values in two more levels.
 inline constexpr std::size_t kArrayWrapping = 2;
 
+// What one user other than root may hold in the daemon: published data, and names with what is built around each. It stays held
+// after its connections have ended, since items do. Above it, data is refused; names are refused above one and a half times it.
+inline constexpr std::size_t kMemoryOfOneUserBytes = 256u << 20;
+// What a name is charged beyond its own bytes: about what an item, a subscription and their places in the tables take.
+inline constexpr std::uint32_t kRecordBytes = 640;
+
 // Bytes that a connection may send before its hello is complete. A hello is a few hundred bytes.
 inline constexpr std::size_t kHelloBytes = 64u << 10;
 
@@ -50,6 +56,8 @@ inline constexpr std::size_t kSharedPieceBytes = 4u << 10;
 inline constexpr std::size_t kDescriptorsPerRead = 8;
 // Received descriptors, of all connections together, whose message has not come whole.
 inline constexpr std::size_t kUnclaimedDescriptors = 64;
+// Descriptors of anything but memory files that wait to be closed (foreign_descriptors.h). Beyond, none are received.
+inline constexpr std::size_t kForeignDescriptors = 32;
 // Sealed memory files that are kept as such; values beyond are copied, so that they cannot use up the descriptor table.
 inline constexpr std::size_t kSealedFiles = 512;
 

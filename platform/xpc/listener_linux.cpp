@@ -144,7 +144,9 @@ bool Listener::acceptOne() {
   }
   pauseLogged_ = false;
   auto stream = std::make_unique<FrameStream>(std::move(socket), reactor_, limits::kFrameBytes);
-  const auto connection = Connection::create(std::move(*peer), std::move(stream), Connection::Options());
+  Connection::Options options;
+  options.quota = memoryQuotaOfUser(peer->uid);
+  const auto connection = Connection::create(std::move(*peer), std::move(stream), options);
   connection->setAdmission(std::move(admission));
   const auto delegate = delegate_;
   if (delegate) delegate->listenerShouldAcceptNewConnection(*this, connection);

@@ -39,6 +39,7 @@ enum class FailureCode : std::uint8_t {
   badRequestId = 5,   // not greater than the id before
   unanswered = 6,     // the receiver dropped the request without an answer
   unsendable = 7,     // the answer cannot be sent to this peer
+  overQuota = 8,      // the sender's user holds too much already
 };
 
 // A frame to be sent, in pieces: bytes of its own, and between them larger values that stay where they are. Reused from message
