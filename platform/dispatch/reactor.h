@@ -77,6 +77,14 @@ class Reactor final : public Executor {
   void run();
   // From any thread.
   void stop();
+  // How many bytes a watcher should read from its descriptor in one turn, at most. Less while turns take long: then somebody
+  // asks for much with few bytes, and everybody else waits until it is done.
+  std::size_t fairReadBytes() const { return fairReadBytes_; }
+  static constexpr std::size_t kMostReadBytes = 256u << 10;
+  static constexpr std::size_t kLeastReadBytes = 512;
+  // A turn longer than this halves the bytes, a shorter one doubles them. Nobody notices so short a wait.
+  static constexpr std::chrono::milliseconds kLongTurn{2};
+
   // One turn by hand, on the calling thread, which becomes the reactor's. `wait` says whether to wait for something to do.
   // Returns whether anything was done.
   bool turn(bool wait);
@@ -96,6 +104,7 @@ class Reactor final : public Executor {
   bool tellWatchers(int timeoutMilliseconds);
   bool runDueTimers();
   bool runBlocks();
+  void adaptReadBytes();
 
   void collectArrivals();
   void wakeUp();
@@ -106,6 +115,8 @@ class Reactor final : public Executor {
   std::atomic<std::thread::id> thread_{};
   std::atomic<bool> stopped_{false};
 
+  Clock::time_point turnBegan_{};
+  std::size_t fairReadBytes_ = kMostReadBytes;
   std::vector<Registration> registrations_;  // by descriptor
   TimerList timers_;
   EndOfTurnLists endOfTurn_;

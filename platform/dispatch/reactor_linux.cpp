@@ -151,6 +151,7 @@ bool Reactor::turn(bool wait) {
   const bool ranTimers = runDueTimers();
   const bool ranBlocks = runBlocks();
   const bool toldEnd = endOfTurn_.tell();
+  adaptReadBytes();
   return told || ranTimers || ranBlocks || toldEnd;
 }
 
@@ -173,6 +174,7 @@ bool Reactor::tellWatchers(int timeoutMilliseconds) {
   std::array<epoll_event, kEventsPerTurn> fetched;
   const int count = epoll_wait(epoll_.get(), fetched.data(), kEventsPerTurn, timeoutMilliseconds);
   asleep_.store(false, std::memory_order_relaxed);
+  turnBegan_ = now_();
   KEEL_CHECK(count >= 0 || errno == EINTR);
   bool told = false;
   for (int i = 0; i < count; ++i) {
@@ -188,6 +190,14 @@ bool Reactor::tellWatchers(int timeoutMilliseconds) {
     told = true;
   }
   return told;
+}
+
+void Reactor::adaptReadBytes() {
+  if (now_() - turnBegan_ > kLongTurn) {
+    fairReadBytes_ = std::max(fairReadBytes_ / 2, kLeastReadBytes);
+  } else {
+    fairReadBytes_ = std::min(fairReadBytes_ * 2, kMostReadBytes);
+  }
 }
 
 bool Reactor::runDueTimers() {

@@ -76,6 +76,21 @@ TEST_F(ReactorTest, ATurnWithNothingToDoDoesNothing) {
   EXPECT_FALSE(turn());
 }
 
+TEST_F(ReactorTest, LongTurnsHalveWhatIsReadAndShortOnesDoubleIt) {
+  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kMostReadBytes);
+  const auto turnOf = [this](Reactor::Clock::duration duration) {
+    reactor_.post([this, duration] { now_ += duration; });
+    turn();
+    return reactor_.fairReadBytes();
+  };
+  EXPECT_EQ(turnOf(Reactor::kLongTurn), Reactor::kMostReadBytes);
+  EXPECT_EQ(turnOf(Reactor::kLongTurn + milliseconds(1)), Reactor::kMostReadBytes / 2);
+  EXPECT_EQ(turnOf(Reactor::kLongTurn + milliseconds(1)), Reactor::kMostReadBytes / 4);
+  EXPECT_EQ(turnOf(Reactor::kLongTurn), Reactor::kMostReadBytes / 2);
+  for (int i = 0; i < 20; ++i) turnOf(Reactor::kLongTurn + milliseconds(1));
+  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kLeastReadBytes);
+}
+
 TEST_F(ReactorTest, TellsAWatcherUntilItsDescriptorIsNoLongerReady) {
   const Pipe pipe;
   Recorder watcher;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The life of a frame on its way in: one recvmsg(2) per turn takes what the socket has, up to limits::kReadBytes, into a buffer
+// The life of a frame on its way in: one recvmsg(2) per turn takes what the socket has, up to the reactor's fair share, into a buffer
 // that all streams of the thread share. Whole frames are handed over where they lie; only a frame that came in part is copied
 // to the stream's own memory, and put back in front of what the next read brings. So an idle connection owns no buffer at all.
 //
@@ -32,7 +32,7 @@ namespace {
 constexpr std::size_t kHeadroomBytes = 64u << 10;
 
 std::span<std::byte> readBuffer() {
-  constexpr std::size_t kSizeBytes = kHeadroomBytes + limits::kReadBytes;
+  constexpr std::size_t kSizeBytes = kHeadroomBytes + Reactor::kMostReadBytes;
   thread_local const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kSizeBytes);
   return {buffer.get(), kSizeBytes};
 }
@@ -147,7 +147,7 @@ void FrameStream::onEndOfTurn() {
 bool FrameStream::readOnce() {
   const std::span<std::byte> buffer = readBuffer();
   const std::size_t kept = splitter_.keptBytes() <= kHeadroomBytes ? splitter_.take(buffer) : 0;
-  iovec vector{buffer.data() + kept, limits::kReadBytes};
+  iovec vector{buffer.data() + kept, reactor_.fairReadBytes()};
   alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerRead * sizeof(int))> control;
   msghdr header{};
   header.msg_iov = &vector;

@@ -61,9 +61,6 @@ inline constexpr std::size_t kForeignDescriptors = 32;
 // Sealed memory files that are kept as such; values beyond are copied, so that they cannot use up the descriptor table.
 inline constexpr std::size_t kSealedFiles = 512;
 
-// What one read takes at most from one connection, so that each gets its turn.
-inline constexpr std::size_t kReadBytes = 256u << 10;
-
 // Connections of this process, as far as its descriptors suffice. More clients than any one machine has processes.
 inline constexpr std::size_t kConnections = 1u << 20;
 
