@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "client/client.h"
+#include "client/client_core.h"
+#include "client/fake_service.h"
+#include "platform/xpc/client_endpoint.h"
+
+namespace keel {
+
+// One client and the services that it gets to talk to, all on a reactor that the test turns by hand, with a clock that it moves
+// by hand. Nothing waits: what is sent on one end of a socket pair can be read on the other in the next turn.
+class ClientWorld : public testing::Test {
+ protected:
+  ClientWorld() { reactor.turn(/*wait=*/false); }
+  ~ClientWorld() override {
+    client.reset();
+    for (const auto& service : services) service->end({});
+    settle();
+  }
+
+  void makeClient(ClientOptions options = {}) {
+    auto connector = [this]() -> std::expected<std::shared_ptr<xpc::Connection>, Error> {
+      ++attempts;
+      if (connectErrno != 0) return std::unexpected(Error(NSPOSIXErrorDomain, connectErrno));
+      int ends[2];
+      KEEL_CHECK(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) == 0);
+      services.push_back(std::make_shared<FakeService>(shared, FileDescriptor(ends[0]), reactor));
+      FakeService::serve(services.back());
+      return xpc::clientConnection(FileDescriptor(ends[1]), reactor);
+    };
+    client = std::make_unique<KLNClient>(
+        std::make_shared<ClientCore>(reactor, connector, "/run/keeld/test", std::move(options), [] { return 0.0; }));
+  }
+  void makeConnectedClient(ClientOptions options = {}) {
+    makeClient(std::move(options));
+    settle();
+  }
+
+  // Turns until nothing is left to do.
+  void settle() {
+    for (int idle = 0, turns = 0; idle < 3; ++turns) {
+      ASSERT_LT(turns, 10'000);
+      idle = reactor.turn(/*wait=*/false) ? 0 : idle + 1;
+    }
+  }
+  void pass(std::chrono::milliseconds time) {
+    now += time;
+    settle();
+  }
+
+  // Begins the request and yields its result, which has to come without the clock moving.
+  template <class T>
+  ClientResult<T> resultOf(Request<T> request) {
+    auto future = std::move(request).future();
+    settle();
+    if (future.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+      return std::unexpected(ClientError(ClientError::Kind::timedOut, "still waiting when nothing was left to do"));
+    }
+    return future.get();
+  }
+  template <class T>
+  static ClientError::Kind kindOf(const ClientResult<T>& result) {
+    return result ? ClientError::Kind::wouldDeadlock : result.error().kind();
+  }
+  FakeService& service() { return *services.back(); }
+
+  Reactor::Clock::time_point now{};
+  Reactor reactor{[this] { return now; }};
+  FakeService::Shared shared;
+  std::vector<std::shared_ptr<FakeService>> services;
+  int connectErrno = 0;
+  int attempts = 0;
+  std::unique_ptr<KLNClient> client;
+};
+
+template <class T>
+bool isReady(const std::future<T>& future) {
+  return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
+
+}  // namespace keel

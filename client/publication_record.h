@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+
+#include "client/client.h"
+#include "platform/foundation/collections.h"
+
+namespace keel {
+
+// What a client publishes, as it will be published anew after a reconnection. On the I/O thread.
+struct PublicationRecord {
+  String name;
+  Dictionary item;
+  std::uint64_t flags = 0;
+  std::int64_t value = 0;
+  std::uint64_t order = 0;  // among all publications and subscriptions of the client
+  PublicationState::Kind kind = PublicationState::Kind::published;
+  Error error;
+
+  PublicationState state() const { return {name, kind, error}; }
+};
+
+}  // namespace keel

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+
+#include "protocols/subscriber_proxy.h"
+
+namespace keel {
+
+// What a client exports on its connection to the notification service. On the I/O thread.
+class SubscriberEndpoint final : public protocols::SubscriberProxy {
+ public:
+  using Deliver = std::function<void(Name name, Dictionary item, Error error)>;
+  explicit SubscriberEndpoint(Deliver deliver) : deliver_(std::move(deliver)) {}
+
+  void updateSubscriptionFor(Name name, Dictionary withItem, std::uint64_t flags, Error error) override;
+  // The library's version and this process's id.
+  void getClientInfoViaHandler(xpc::Reply<Dictionary> handler) override;
+
+ private:
+  const Deliver deliver_;
+};
+
+}  // namespace keel

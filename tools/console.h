@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "tools/json_value.h"
+
+namespace keel {
+
+// Where keelctl reads and writes: three descriptors, borrowed. On one thread.
+class Console {
+ public:
+  Console(int input, int output, int errors);
+
+  int input() const { return input_; }
+  int output() const { return output_; }
+  // Whether a person reads the output, and whether in colour (a terminal, and NO_COLOR is not set).
+  bool isTerminal() const { return isTerminal_; }
+  bool inColour() const { return inColour_; }
+  // How JSON is written there: letters that a terminal may act upon are escaped.
+  JsonLetters letters() const { return isTerminal_ ? JsonLetters::ascii : JsonLetters::utf8; }
+
+  // Text for the output. False when nobody reads it any more, now or before.
+  bool write(std::string_view text);
+  bool writeLine(std::string line);
+  // "keelctl: TEXT" for a person, on the error output.
+  void note(std::string_view text);
+  // A line of its own on the error output.
+  void status(std::string_view text);
+
+  // `text` in bold or dim, where there is colour.
+  std::string bold(std::string text) const;
+  std::string dim(std::string text) const;
+
+ private:
+  const int input_;
+  const int output_;
+  const int errors_;
+  const bool isTerminal_;
+  const bool inColour_;
+  bool outputGone_ = false;
+};
+
+}  // namespace keel

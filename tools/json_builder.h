@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <expected>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/foundation/value.h"
+
+namespace keel {
+
+// Makes a Value from the events of the JSON parser, and never a tree of the parser's own: that would lose the order of the
+// members and turn integers that are too large into something else.
+class JsonBuilder final : public nlohmann::json::json_sax_t {
+ public:
+  std::expected<Value, std::string> take();
+
+  bool null() override { return add(nullptr); }
+  bool boolean(bool value) override { return add(value); }
+  bool number_integer(std::int64_t value) override { return add(value); }
+  bool number_unsigned(std::uint64_t value) override { return add(value); }
+  bool number_float(double value, const std::string& text) override;
+  bool string(std::string& value) override { return add(std::move(value)); }
+  bool binary(nlohmann::json::binary_t&) override { return false; }
+  bool start_object(std::size_t) override { return open(Value(Value::Map())); }
+  bool start_array(std::size_t) override { return open(Value(Value::List())); }
+  bool key(std::string& key) override;
+  bool end_object() override;
+  bool end_array() override;
+  bool parse_error(std::size_t position, const std::string& token, const nlohmann::detail::exception& fault) override;
+
+ private:
+  // A map or list that is not complete yet.
+  struct Open {
+    bool isMap;
+    Value::Map map;
+    Value::List list;
+    std::unordered_set<std::string> keys;
+  };
+
+  bool fail(std::string why);
+  bool add(Value value);
+  bool open(Value empty);
+  // Whether the value that comes next is the first in what may become {"$map": ...}: only its end tells what a map there means.
+  bool isUndecided() const { return !open_.empty() && open_.back().map.size() == 1 && open_.back().map[0].key == "$map"; }
+
+  std::vector<Open> open_;
+  Value root_;
+  std::string fault_;
+};
+
+}  // namespace keel

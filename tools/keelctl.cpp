@@ -1,0 +1,182 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/keelctl.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <functional>
+#include <sstream>
+
+#include "tools/publish_command.h"
+#include "tools/query_commands.h"
+#include "tools/subscribe_command.h"
+
+namespace keel {
+
+namespace {
+
+constexpr const char* kDescription = "Talks to keeld: publish named items, follow them, see what is there.";
+
+constexpr const char* kFooter = R"(
+Data is a JSON object, or null. What JSON lacks is written as an object with one member:
+  {"$date": SECONDS}  {"$data": "BASE64"}  {"$error": {"domain": TEXT, "code": INTEGER, "userInfo": OBJECT}}
+  {"$real": "NaN" | "Infinity" | "-Infinity"}  {"$map": OBJECT} for an object that would look like one of these
+On a terminal dump, modules, authcheck and subscribe write for people, elsewhere JSON lines. NO_COLOR switches colours off.
+
+Exit status:
+  0    done, also when whoever reads the output went away
+  1    keeld refused (the message has its error code), or answered no
+  2    the command line or the JSON makes no sense
+  3    keeld is not running, does not let this user in, or closed the connection
+  4    no answer in time, or fewer events than --count
+  5    a command run by subscribe failed
+  130  ended by SIGINT
+  143  ended by SIGTERM)";
+
+// What the command line fills in.
+struct Parsed {
+  CommonOptions common;
+  PublishOptions publish;
+  SubscribeOptions subscribe;
+  std::string name;
+  std::string json;
+  std::string dumpName = "_all";
+  bool withData = false;
+  std::optional<std::int32_t> auditSession;
+  std::function<int(Console&)> run;
+};
+
+// Adds a command with the options that all have.
+CLI::App* addCommand(CLI::App& app, Parsed& parsed, const char* name, const char* description,
+                     std::function<int(Console&)> run) {
+  CLI::App* command = app.add_subcommand(name, description);
+  command->add_flag("--json", parsed.common.json, "write JSON also to a terminal");
+  command->add_option("--service-directory", parsed.common.serviceDirectory, "where keeld's socket is, instead of /run/keeld")
+      ->type_name("DIR");
+  command->callback([&parsed, run = std::move(run)] { parsed.run = run; });
+  return command;
+}
+
+void addTimeout(CLI::App* command, Parsed& parsed, const char* description) {
+  command->add_option("--timeout", parsed.common.timeoutSeconds, description)
+      ->type_name("SECONDS")
+      ->check(CLI::NonNegativeNumber);
+}
+
+constexpr const char* kAnswerTimeoutText = "how long to wait for keeld's answer; without it 10";
+
+void addPublishing(CLI::App& app, Parsed& parsed) {
+  CLI::App* publish =
+      addCommand(app, parsed, "publish",
+                 "publish an item and stay: it is published as long as this command runs. With - the item comes from "
+                 "standard input, and each further line updates it; the end of the input does not end the command",
+                 [&](Console& console) { return publishCommand(console, parsed.common, parsed.publish); });
+  publish->add_option("NAME", parsed.publish.name)->required();
+  publish->add_option("JSON", parsed.publish.json, "the data, or - for lines from standard input")->required();
+  publish->add_option("--flags", parsed.publish.flags, "the flags of the publication");
+  publish->add_option("--value", parsed.publish.value, "the value of the publication");
+  publish->add_option("--count", parsed.publish.count, "end after that many versions");
+  publish->add_flag("--reconnect", parsed.publish.reconnect, "wait for keeld, and publish anew when the connection was lost");
+  addTimeout(publish, parsed, "end after that time");
+
+  CLI::App* update =
+      addCommand(app, parsed, "update", "update an item; only its publisher's connection can, so see publish NAME -",
+                 [&](Console& console) { return updateCommand(console, parsed.common, parsed.name, parsed.json); });
+  update->add_option("NAME", parsed.name)->required();
+  update->add_option("JSON", parsed.json, "the data")->required();
+  addTimeout(update, parsed, kAnswerTimeoutText);
+
+  CLI::App* remove = addCommand(app, parsed, "remove", "withdraw an item; only its publisher's connection can",
+                                [&](Console& console) { return removeCommand(console, parsed.common, parsed.name); });
+  remove->add_option("NAME", parsed.name)->required();
+  addTimeout(remove, parsed, kAnswerTimeoutText);
+}
+
+void addSubscribing(CLI::App& app, Parsed& parsed) {
+  CLI::App* subscribe = addCommand(
+      app, parsed, "subscribe",
+      "follow names, published or not, and write each event. With -- COMMAND ARGUMENTS... run that for each event instead, one "
+      "at a "
+      "time, with the data as JSON on its standard input and KEELCTL_NAME and KEELCTL_EVENT (data or error) in its environment",
+      [&](Console& console) { return subscribeCommand(console, parsed.common, parsed.subscribe); });
+  subscribe->add_option("NAME", parsed.subscribe.names, "which; a name that begins with - cannot be followed from here")
+      ->required();
+  subscribe->add_option("--count", parsed.subscribe.count, "end after that many events");
+  subscribe->add_flag("--reconnect", parsed.subscribe.reconnect,
+                      "wait for keeld, and follow anew when the connection was lost");
+  addTimeout(subscribe, parsed, "end after that time");
+}
+
+void addQueries(CLI::App& app, Parsed& parsed) {
+  CLI::App* dump = addCommand(app, parsed, "dump", "show items, their publishers and subscribers", [&](Console& console) {
+    return dumpCommand(console, parsed.common, parsed.dumpName, parsed.withData);
+  });
+  dump->add_option("NAME", parsed.dumpName, "which one; without it, or with _all, every one");
+  dump->add_flag("--data", parsed.withData, "with their data");
+  addTimeout(dump, parsed, kAnswerTimeoutText);
+
+  CLI::App* modules = addCommand(app, parsed, "modules", "list the enabled modules and their services",
+                                 [&](Console& console) { return modulesCommand(console, parsed.common); });
+  addTimeout(modules, parsed, kAnswerTimeoutText);
+
+  CLI::App* authCheck =
+      addCommand(app, parsed, "authcheck", "ask whether a user was proved an administrator in an audit session",
+                 [&](Console& console) { return authCheckCommand(console, parsed.common, parsed.name, parsed.auditSession); });
+  authCheck->add_option("USER", parsed.name)->required();
+  authCheck->add_option("ASID", parsed.auditSession, "the audit session; without it, that of this process");
+  addTimeout(authCheck, parsed, kAnswerTimeoutText);
+}
+
+// What stands behind "--" belongs to the command that subscribe runs.
+std::vector<std::string> takeEventCommand(std::vector<std::string>& arguments) {
+  const auto separator = std::ranges::find(arguments, "--");
+  if (separator == arguments.end()) return {};
+  std::vector<std::string> command(separator + 1, arguments.end());
+  arguments.erase(separator, arguments.end());
+  return command;
+}
+
+// The parser takes "[a,b]" for two words where there may be several. A letter in front of what begins so, or like that letter,
+// keeps it whole.
+constexpr char kKept = '\x01';
+
+void keepWhole(std::vector<std::string>& arguments) {
+  for (std::string& argument : arguments) {
+    if (argument.starts_with('[') || argument.starts_with(kKept)) argument.insert(0, 1, kKept);
+  }
+}
+
+void takeKept(std::vector<std::string>& names) {
+  for (std::string& name : names) {
+    if (name.starts_with(kKept)) name.erase(0, 1);
+  }
+}
+
+}  // namespace
+
+int runKeelctl(std::vector<std::string> arguments, Console& console) {
+  Parsed parsed;
+  CLI::App app(kDescription, "keelctl");
+  app.footer(kFooter);
+  app.require_subcommand(1);
+  addPublishing(app, parsed);
+  addSubscribing(app, parsed);
+  addQueries(app, parsed);
+  if (!arguments.empty() && arguments[0] == "subscribe") {
+    if (arguments.back() == "--") return reportUsage(console, "there is no command behind --");
+    parsed.subscribe.command = takeEventCommand(arguments);
+    keepWhole(arguments);
+  }
+  try {
+    std::ranges::reverse(arguments);
+    app.parse(std::move(arguments));
+  } catch (const CLI::CallForHelp&) {
+    console.write(app.help());
+    return kExitOk;
+  } catch (const CLI::ParseError& fault) {
+    return reportUsage(console, fault.what());
+  }
+  takeKept(parsed.subscribe.names);
+  return parsed.run(console);
+}
+
+}  // namespace keel

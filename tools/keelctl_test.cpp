@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/keelctl.h"
+
+#include <gmock/gmock.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "tools/exit_code.h"
+
+namespace keel {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+
+// Runs keelctl in this process, with files for its input and outputs.
+class Keelctl : public testing::Test {
+ protected:
+  ~Keelctl() override {
+    for (const int file : {input, output, errors}) ::close(file);
+  }
+  int run(std::vector<std::string> arguments) {
+    Console console(input, output, errors);
+    return runKeelctl(std::move(arguments), console);
+  }
+  // With a service directory where nobody serves.
+  int runAlone(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin() + 1, {"--service-directory", "/nonexistent/keeld"});
+    return run(std::move(arguments));
+  }
+  void give(std::string_view text) {
+    ASSERT_EQ(::write(input, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    ::lseek(input, 0, SEEK_SET);
+  }
+  static std::string contentOf(int file) {
+    std::string content(static_cast<std::size_t>(::lseek(file, 0, SEEK_END)), '\0');
+    EXPECT_EQ(::pread(file, content.data(), content.size(), 0), static_cast<ssize_t>(content.size()));
+    return content;
+  }
+  std::string said() { return contentOf(errors); }
+
+  int input = ::memfd_create("input", MFD_CLOEXEC);
+  int output = ::memfd_create("output", MFD_CLOEXEC);
+  int errors = ::memfd_create("errors", MFD_CLOEXEC);
+};
+
+TEST_F(Keelctl, HelpNamesEveryCommandAndExitStatus) {
+  EXPECT_EQ(run({"--help"}), kExitOk);
+  const std::string help = contentOf(output);
+  for (const char* command :
+       {"publish", "update", "remove", "subscribe", "dump", "modules", "authcheck", "NO_COLOR", "$date", "130"}) {
+    EXPECT_THAT(help, HasSubstr(command));
+  }
+  EXPECT_EQ(said(), "");
+}
+
+TEST_F(Keelctl, HelpOfACommandSaysWhatItTakes) {
+  EXPECT_EQ(run({"subscribe", "--help"}), kExitOk);
+  EXPECT_THAT(contentOf(output), AllOf(HasSubstr("--count"), HasSubstr("KEELCTL_NAME")));
+}
+
+TEST_F(Keelctl, SenselessCommandLinesAreUsageErrors) {
+  const std::vector<std::vector<std::string>> lines = {{},
+                                                       {"frobnicate"},
+                                                       {"publish"},
+                                                       {"publish", "a"},
+                                                       {"publish", "a", "{}", "more"},
+                                                       {"publish", "a", "{}", "--count", "few"},
+                                                       {"publish", "a", "{}", "--timeout", "-1"},
+                                                       {"subscribe"},
+                                                       {"subscribe", "a", "--"},
+                                                       {"dump", "a", "b"},
+                                                       {"authcheck"},
+                                                       {"authcheck", "ann", "99999999999"},
+                                                       {"modules", "--bogus"}};
+  for (const auto& line : lines) EXPECT_EQ(run(line), kExitUsage) << testing::PrintToString(line);
+  EXPECT_THAT(said(), HasSubstr("see keelctl --help"));
+  EXPECT_EQ(contentOf(output), "");
+}
+
+TEST_F(Keelctl, SenselessDataIsAUsageErrorBeforeKeeldIsAsked) {
+  EXPECT_EQ(runAlone({"publish", "a", "{"}), kExitUsage);
+  EXPECT_EQ(runAlone({"publish", "a", "[1]"}), kExitUsage);
+  EXPECT_EQ(runAlone({"update", "a", "3"}), kExitUsage);
+  EXPECT_THAT(said(), AllOf(HasSubstr("not JSON at byte"), HasSubstr("a JSON object, or null")));
+}
+
+TEST_F(Keelctl, NamesThatAreNotUtf8AreUsageErrors) {
+  EXPECT_EQ(runAlone({"publish", "\xff", "{}"}), kExitUsage);
+  EXPECT_EQ(runAlone({"subscribe", "a", "\xff"}), kExitUsage);
+  EXPECT_EQ(runAlone({"dump", "\xff"}), kExitUsage);
+}
+
+TEST_F(Keelctl, EveryCommandSaysThatKeeldIsNotRunning) {
+  const std::vector<std::vector<std::string>> lines = {{"publish", "a", "{}"},
+                                                       {"update", "a", "{}"},
+                                                       {"remove", "a"},
+                                                       {"subscribe", "a"},
+                                                       {"subscribe", "a", "--", "true"},
+                                                       {"dump"},
+                                                       {"dump", "a", "--data"},
+                                                       {"modules"},
+                                                       {"authcheck", "ann", "7"},
+                                                       {"subscribe", "[a,b]", "[", ""}};
+  for (const auto& line : lines) {
+    ASSERT_EQ(::ftruncate(errors, 0), 0);
+    ::lseek(errors, 0, SEEK_SET);
+    EXPECT_EQ(runAlone(line), kExitUnreachable) << testing::PrintToString(line);
+    EXPECT_THAT(said(),
+                HasSubstr("keeld is not running: no socket at /nonexistent/keeld/com.vantor.keeld.notify; start it with"));
+    EXPECT_EQ(std::ranges::count(said(), '\n'), 1) << said();
+  }
+  EXPECT_EQ(contentOf(output), "");
+}
+
+TEST_F(Keelctl, PublishFromAnEmptyInputIsAUsageError) {
+  give("\n\n");
+  EXPECT_EQ(runAlone({"publish", "a", "-", "--reconnect"}), kExitUsage);
+  EXPECT_THAT(said(), HasSubstr("nothing to publish"));
+}
+
+TEST_F(Keelctl, PublishNamesTheLineThatIsWrong) {
+  give("\n{\"a\"}\n");
+  EXPECT_EQ(runAlone({"publish", "a", "-", "--reconnect"}), kExitUsage);
+  EXPECT_THAT(said(), HasSubstr("line 2 of standard input: not JSON"));
+}
+
+TEST_F(Keelctl, WaitingForKeeldEndsWithTheTimeout) {
+  EXPECT_EQ(runAlone({"publish", "a", "{}", "--reconnect", "--timeout", "0"}), kExitOk);
+  EXPECT_EQ(runAlone({"subscribe", "a", "--reconnect", "--timeout", "0"}), kExitOk);
+  EXPECT_EQ(runAlone({"subscribe", "a", "--reconnect", "--timeout", "0", "--count", "2"}), kExitTimedOut);
+  EXPECT_THAT(said(), HasSubstr("0 of 2 events came in time"));
+}
+
+}  // namespace
+}  // namespace keel

@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/publish_command.h"
+
+#include <fmt/format.h>
+
+#include <variant>
+
+#include "client/shown_text.h"
+#include "tools/input_lines.h"
+#include "tools/mailbox.h"
+#include "tools/waiting.h"
+
+namespace keel {
+
+namespace {
+
+constexpr std::size_t kShownErrorColumns = 400;
+
+// One run of `keelctl publish`.
+class Publisher {
+ public:
+  Publisher(Console& console, const CommonOptions& common, const PublishOptions& options)
+      : console_(console),
+        options_(options),
+        lines_(console.input()),
+        waiting_(mailbox_.descriptor(), console.output(), common.timeout()),
+        client_(connectClient(common, options.reconnect)) {
+    client_->setStateHandler([this](const ConnectionState& state) { mailbox_.push(state); });
+    client_->setPublicationHandler([this](const PublicationState& state) { mailbox_.push(state); });
+  }
+  ~Publisher() { mailbox_.close(); }
+
+  int run() {
+    readsInput_ = options_.json == "-";
+    if (!readsInput_) send(options_.json, "the data");
+    while (!exit_) wait();
+    return *exit_;
+  }
+
+ private:
+  using Result = ClientResult<void>;
+  using Message = std::variant<Result, ConnectionState, PublicationState>;
+
+  void wait() {
+    switch (waiting_.next(readsInput_ && !asking_ && !lines_.atEnd() ? console_.input() : -1)) {
+      case Waiting::Reason::message:
+        if (auto message = mailbox_.take()) std::visit([this](const auto& it) { take(it); }, *message);
+        break;
+      case Waiting::Reason::input:
+        readInput();
+        break;
+      case Waiting::Reason::timeIsUp:
+      case Waiting::Reason::outputGone:
+        exit_ = kExitOk;
+        break;
+    }
+  }
+
+  void readInput() {
+    std::string fault;
+    if (lines_.read(fault)) return sendNextLine();
+    exit_ = reportUsage(console_, fault);
+  }
+
+  void sendNextLine() {
+    if (const auto line = lines_.next()) {
+      send(*line, fmt::format("line {} of standard input", lines_.lineNumber()));
+    } else if (lines_.atEnd() && versions_ == 0) {
+      exit_ = reportUsage(console_, "standard input holds nothing to publish");
+    }
+  }
+
+  // Publishes, or updates what is published. One request at a time: input is not read while keeld owes an answer.
+  void send(const std::string& json, const std::string& where) {
+    auto data = dataOfJson(console_, json, where);
+    if (!data) {
+      exit_ = kExitUsage;
+      return;
+    }
+    const std::string_view name = options_.name;
+    auto request = versions_ == 0 ? client_->publish(name, std::move(*data), options_.flags, options_.value)
+                                  : client_->update(name, std::move(*data));
+    asking_ = true;
+    std::move(request).then([this](Result result) { mailbox_.push(std::move(result)); });
+  }
+
+  void take(const Result& result) {
+    asking_ = false;
+    if (!result) {
+      exit_ = report(console_, result.error());
+      return;
+    }
+    console_.status(
+        fmt::format("{} {}", versions_ == 0 ? "published" : "updated", shownName(options_.name)));
+    if (++versions_ == options_.count) {
+      exit_ = kExitOk;
+    } else if (readsInput_) {
+      sendNextLine();
+    }
+  }
+
+  void take(const ConnectionState& state) {
+    if (state.kind == ConnectionState::Kind::connected && std::exchange(wasLost_, false)) {
+      console_.note("connected again");
+    } else if (state.kind == ConnectionState::Kind::disconnected) {
+      const bool again = std::exchange(wasLost_, true);
+      if (!options_.reconnect || !again) console_.note(state.reason);
+      if (!options_.reconnect) exit_ = exitCodeOf(state.error);
+    }
+  }
+
+  void take(const PublicationState& state) {
+    console_.note(fmt::format("{} cannot be published anew: {}", shownName(options_.name),
+                              shownText(state.error.description(), kShownErrorColumns)));
+    exit_ = kExitRefused;
+  }
+
+  Console& console_;
+  const PublishOptions& options_;
+  Mailbox<Message> mailbox_;
+  InputLines lines_;
+  const Waiting waiting_;
+  bool readsInput_ = false;
+  bool asking_ = false;
+  bool wasLost_ = false;
+  std::size_t versions_ = 0;
+  std::optional<int> exit_;
+  std::unique_ptr<KLNClient> client_;
+};
+
+}  // namespace
+
+int publishCommand(Console& console, const CommonOptions& common, const PublishOptions& options) {
+  if (!isName(console, options.name)) return kExitUsage;
+  // What cannot be parsed is to be said before what cannot be reached.
+  if (options.json != "-" && !dataOfJson(console, options.json, "the data")) return kExitUsage;
+  return Publisher(console, common, options).run();
+}
+
+namespace {
+
+// keeld serves updates and removals on the publisher's connection alone.
+ExitCode reportNotOurs(Console& console, const ClientError& error, const char* advice) {
+  const ExitCode code = report(console, error);
+  if (error.kind() == ClientError::Kind::notFound) {
+    console.note(std::string("an item belongs to the connection that published it, and this command has one of its own; ") +
+                 advice);
+  }
+  return code;
+}
+
+}  // namespace
+
+int updateCommand(Console& console, const CommonOptions& common, const std::string& name, const std::string& json) {
+  if (!isName(console, name)) return kExitUsage;
+  auto data = dataOfJson(console, json, "the data");
+  if (!data) return kExitUsage;
+  const auto client = connectClient(common, /*reconnect=*/false);
+  const auto result =
+      client->update(std::string_view(name), std::move(*data)).within(common.timeout().value_or(kAnswerTimeout)).wait();
+  if (!result) {
+    return reportNotOurs(console, result.error(),
+                         "to update, keep `keelctl publish NAME -` running and give it one JSON line for each version");
+  }
+  console.status("updated " + shownName(name));
+  return kExitOk;
+}
+
+int removeCommand(Console& console, const CommonOptions& common, const std::string& name) {
+  if (!isName(console, name)) return kExitUsage;
+  const auto client = connectClient(common, /*reconnect=*/false);
+  const auto result = client->remove(std::string_view(name)).within(common.timeout().value_or(kAnswerTimeout)).wait();
+  if (!result) return reportNotOurs(console, result.error(), "to withdraw it, end its publisher");
+  console.status("removed " + shownName(name));
+  return kExitOk;
+}
+
+}  // namespace keel

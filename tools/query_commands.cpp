@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/query_commands.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "client/shown_text.h"
+#include "tools/table.h"
+
+namespace keel {
+
+namespace {
+
+std::string shownDate(const std::optional<Date>& date, const char* otherwise) {
+  return date ? date->description() : otherwise;
+}
+
+std::string jsonOfOptional(const std::optional<std::string>& text, JsonLetters letters) {
+  return text ? jsonOfText(*text, letters) : "null";
+}
+
+std::string jsonOfOptional(const std::optional<Date>& date) {
+  return date ? jsonOf(Value(*date)) : "null";
+}
+
+// As the kernel has it for this process; -1 when unset.
+std::int32_t ownAuditSession() {
+  std::uint32_t session = ~0U;
+  std::ifstream("/proc/self/sessionid") >> session;
+  return static_cast<std::int32_t>(session);
+}
+
+template <class T>
+ClientResult<T> ask(Request<T> request, const CommonOptions& common) {
+  return std::move(request).within(common.timeout().value_or(kAnswerTimeout)).wait();
+}
+
+}  // namespace
+
+std::string tableOf(const std::vector<DumpEntry>& entries, bool withData, const Console& console) {
+  std::vector<std::string> heads{"NAME", "ROLE", "CONNECTION", "LAST CHANGE"};
+  if (withData) heads.emplace_back("DATA");
+  Table table(heads);
+  const auto addRow = [&](std::vector<std::string> cells, std::string data) {
+    if (withData) cells.push_back(std::move(data));
+    table.add(std::move(cells));
+  };
+  for (const DumpEntry& entry : entries) {
+    const std::string data = entry.data ? jsonOf(*entry.data) : "(none)";
+    addRow({shownName(entry.name), "publisher", entry.publisher.value_or("(nobody)"),
+            shownDate(entry.published, "(never published)")},
+           data);
+    for (const DumpEntry::Subscriber& subscriber : entry.subscribers) {
+      addRow({"", "subscriber", subscriber.connection.value_or("(gone)"), shownDate(subscriber.updated, "(never updated)")},
+             "");
+    }
+  }
+  return table.text(console);
+}
+
+std::string jsonLineOf(const DumpEntry& entry, bool withData, JsonLetters letters) {
+  std::string subscribers;
+  for (const DumpEntry::Subscriber& subscriber : entry.subscribers) {
+    if (!subscribers.empty()) subscribers += ',';
+    subscribers += fmt::format(R"({{"subscriber":{},"updateDate":{}}})", jsonOfOptional(subscriber.connection, letters),
+                               jsonOfOptional(subscriber.updated));
+  }
+  std::string line =
+      fmt::format(R"({{"name":{},"publisher":{},"publishDate":{},"subscribers":[{}])", jsonOfText(entry.name, letters),
+                  jsonOfOptional(entry.publisher, letters), jsonOfOptional(entry.published), subscribers);
+  if (withData) line += R"(,"publishedData":)" + (entry.data ? jsonOf(*entry.data, letters) : "null");
+  return line + "}\n";
+}
+
+int dumpCommand(Console& console, const CommonOptions& common, const std::string& name, bool withData) {
+  if (!isName(console, name)) return kExitUsage;
+  const auto client = connectClient(common, /*reconnect=*/false);
+  auto entries = ask(client->dump(std::string_view(name), withData), common);
+  if (!entries) return report(console, entries.error());
+  std::ranges::sort(*entries, {}, &DumpEntry::name);
+  if (!common.json && console.isTerminal()) {
+    console.write(entries->empty() ? "nothing is published or followed\n" : tableOf(*entries, withData, console));
+    return kExitOk;
+  }
+  for (const DumpEntry& entry : *entries) {
+    if (!console.write(jsonLineOf(entry, withData, console.letters()))) break;
+  }
+  return kExitOk;
+}
+
+int modulesCommand(Console& console, const CommonOptions& common) {
+  const auto client = connectClient(common, /*reconnect=*/false);
+  const auto modules = ask(client->moduleTable(), common);
+  if (!modules) return report(console, modules.error());
+  const bool forPeople = !common.json && console.isTerminal();
+  if (forPeople && modules->empty()) console.write("no module is enabled\n");
+  Table table({"MODULE", "SERVICE"});
+  std::string lines;
+  for (const auto& [name, service] : *modules) {
+    table.add({name, service});
+    lines += fmt::format(R"({{"module":{},"service":{}}})", jsonOfText(name, console.letters()),
+                         jsonOfText(service, console.letters()));
+    lines += '\n';
+  }
+  if (!forPeople) console.write(lines);
+  if (forPeople && !modules->empty()) console.write(table.text(console));
+  return kExitOk;
+}
+
+int authCheckCommand(Console& console, const CommonOptions& common, const std::string& user,
+                     std::optional<std::int32_t> auditSession) {
+  if (!isName(console, user)) return kExitUsage;
+  const std::int32_t session = auditSession ? *auditSession : ownAuditSession();
+  const auto client = connectClient(common, /*reconnect=*/false);
+  const auto answer = ask(client->authCheck(std::string_view(user), session), common);
+  if (!answer) return report(console, answer.error());
+  if (common.json || !console.isTerminal()) {
+    console.writeLine(fmt::format(R"({{"user":{},"auditSession":{},"authenticated":{}}})", jsonOfText(user, console.letters()),
+                                  session, *answer));
+  } else {
+    console.writeLine(fmt::format("{}: {} is {}authenticated in audit session {}", *answer ? "yes" : "no", shownText(user, 100),
+                                  *answer ? "" : "not ", session));
+  }
+  return *answer ? kExitOk : kExitRefused;
+}
+
+}  // namespace keel

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "client/dump_entry.h"
+#include "tools/session.h"
+
+// keelctl dump, modules, authcheck: one question, one answer.
+
+namespace keel {
+
+int dumpCommand(Console& console, const CommonOptions& common, const std::string& name, bool withData);
+int modulesCommand(Console& console, const CommonOptions& common);
+// `auditSession` none: that of this process.
+int authCheckCommand(Console& console, const CommonOptions& common, const std::string& user,
+                     std::optional<std::int32_t> auditSession);
+
+// What dump writes for a person, and for a program: one line for each item.
+std::string tableOf(const std::vector<DumpEntry>& entries, bool withData, const Console& console);
+std::string jsonLineOf(const DumpEntry& entry, bool withData, JsonLetters letters);
+
+}  // namespace keel

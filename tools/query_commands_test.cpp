@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/query_commands.h"
+
+#include <gmock/gmock.h>
+
+namespace keel {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+const Console kNoTerminal(-1, -1, -1);
+
+const DumpEntry kPublished{
+    "weather", "<connection 1>", Date{0}, {{"<connection 2>", Date{60}}, {{}, {}}}, Value::map({{"n", 1}})};
+const DumpEntry kPlaceholder{"later", {}, {}, {}, {}};
+
+TEST(DumpTable, ShowsPublishersAndSubscribers) {
+  EXPECT_EQ(tableOf({kPlaceholder, kPublished}, /*withData=*/false, kNoTerminal),
+            "NAME     ROLE        CONNECTION      LAST CHANGE\n"
+            "later    publisher   (nobody)        (never published)\n"
+            "weather  publisher   <connection 1>  1970-01-01T00:00:00.000000Z\n"
+            "         subscriber  <connection 2>  1970-01-01T00:01:00.000000Z\n"
+            "         subscriber  (gone)          (never updated)\n");
+}
+
+TEST(DumpTable, ShowsDataWhenAskedFor) {
+  const std::string table = tableOf({kPlaceholder, kPublished}, /*withData=*/true, kNoTerminal);
+  EXPECT_THAT(table, HasSubstr(R"({"n":1})"));
+  EXPECT_THAT(table, HasSubstr("(none)"));
+}
+
+TEST(DumpTable, EmptyNameIsSeen) {
+  EXPECT_THAT(tableOf({DumpEntry{}}, /*withData=*/false, kNoTerminal), HasSubstr("(empty)"));
+}
+
+TEST(DumpJson, OneLineHasAll) {
+  EXPECT_EQ(jsonLineOf(kPublished, /*withData=*/true, JsonLetters::utf8),
+            R"({"name":"weather","publisher":"<connection 1>","publishDate":{"$date":0},"subscribers":[)"
+            R"({"subscriber":"<connection 2>","updateDate":{"$date":60}},{"subscriber":null,"updateDate":null}],)"
+            R"("publishedData":{"n":1}})"
+            "\n");
+}
+
+TEST(DumpJson, AbsentThingsAreNullAndDataIsLeftOutUnlessAskedFor) {
+  EXPECT_EQ(jsonLineOf(kPlaceholder, /*withData=*/true, JsonLetters::utf8),
+            "{\"name\":\"later\",\"publisher\":null,\"publishDate\":null,\"subscribers\":[],\"publishedData\":null}\n");
+  EXPECT_THAT(jsonLineOf(kPublished, /*withData=*/false, JsonLetters::utf8), Not(HasSubstr("publishedData")));
+}
+
+TEST(DumpJson, NamesStayExact) {
+  DumpEntry entry;
+  entry.name = std::string("a\nb\0c", 5);
+  EXPECT_THAT(jsonLineOf(entry, /*withData=*/false, JsonLetters::utf8), HasSubstr(R"("a\nb\u0000c")"));
+  entry.name = std::string(1u << 20, 'x');
+  EXPECT_GT(jsonLineOf(entry, /*withData=*/false, JsonLetters::utf8).size(), 1u << 20);
+}
+
+}  // namespace
+}  // namespace keel

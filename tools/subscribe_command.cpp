@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/subscribe_command.h"
+
+#include <fmt/format.h>
+
+#include <variant>
+
+#include "client/shown_text.h"
+#include "tools/event_command.h"
+#include "tools/mailbox.h"
+#include "tools/waiting.h"
+
+namespace keel {
+
+namespace {
+
+constexpr std::size_t kShownDataColumns = 2000;
+
+// One run of `keelctl subscribe`.
+class Subscriber {
+ public:
+  Subscriber(Console& console, const CommonOptions& common, const SubscribeOptions& options)
+      : console_(console),
+        common_(common),
+        options_(options),
+        command_(options.command),
+        waiting_(mailbox_.descriptor(), console.output(), common.timeout()),
+        client_(connectClient(common, options.reconnect)) {}
+  // A callback that waits for room would have the client wait for it.
+  ~Subscriber() { mailbox_.close(); }
+
+  int run() {
+    client_->setStateHandler([this](const ConnectionState& state) { mailbox_.push(state); });
+    for (const std::string& name : options_.names) {
+      client_
+          ->subscribe(std::string_view(name), [this](const Event& event) { mailbox_.push(event, event.item.encoded().size()); })
+          .then([this, &name](ClientResult<Subscription> result) { mailbox_.push(Subscribed{name, std::move(result)}); });
+    }
+    while (!exit_) wait();
+    return *exit_;
+  }
+
+ private:
+  struct Subscribed {
+    const std::string& name;
+    ClientResult<Subscription> result;
+  };
+  using Message = std::variant<Event, Subscribed, ConnectionState>;
+
+  void wait() {
+    switch (waiting_.next(-1)) {
+      case Waiting::Reason::message:
+        if (auto message = mailbox_.take()) std::visit([this](auto& it) { take(it); }, *message);
+        break;
+      case Waiting::Reason::timeIsUp:
+        if (options_.count > 0) console_.note(fmt::format("{} of {} events came in time", events_, options_.count));
+        exit_ = options_.count > 0 ? kExitTimedOut : outcome_;
+        break;
+      default:
+        exit_ = outcome_;
+    }
+  }
+
+  void take(Subscribed& it) {
+    if (!it.result) {
+      // The state that explains it is on its way too, and need not be told twice.
+      exit_ = report(console_, it.result.error());
+      return;
+    }
+    subscriptions_.push_back(std::move(*it.result));
+    console_.status("subscribed to " + shownName(it.name));
+  }
+
+  void take(const Event& event) {
+    if (!options_.command.empty()) {
+      runCommand(event);
+    } else if (!console_.writeLine(lineOf(event))) {
+      exit_ = outcome_;
+    }
+    if (++events_ == options_.count) exit_ = outcome_;
+  }
+
+  void take(const ConnectionState& state) {
+    if (state.kind == ConnectionState::Kind::connected && std::exchange(wasLost_, false)) {
+      console_.note("connected again");
+    } else if (state.kind == ConnectionState::Kind::disconnected) {
+      const bool again = std::exchange(wasLost_, true);
+      if (!options_.reconnect || !again) console_.note(state.reason);
+      if (!options_.reconnect) exit_ = exitCodeOf(state.error);
+    }
+  }
+
+  std::string lineOf(const Event& event) const {
+    const std::string data = jsonOf(event.error ? Value(event.error) : event.data(), console_.letters());
+    if (common_.json || !console_.isTerminal()) {
+      return fmt::format(R"({{"name":{},"event":"{}","{}":{}}})", jsonOfText(event.name.view(), console_.letters()),
+                         event.error ? "error" : "data", event.error ? "error" : "data", data);
+    }
+    const std::string shown = event.error ? "error: " + shownText(event.error.description(), kShownDataColumns)
+                                          : shownText(jsonOf(event.data()), kShownDataColumns);
+    return fmt::format("{}  {}  {}", console_.dim(Date::now().description().substr(11, 12)),
+                       console_.bold(shownName(event.name.view())), shown);
+  }
+
+  void runCommand(const Event& event) {
+    const std::string input = jsonOf(event.error ? Value(event.error) : event.data()) + "\n";
+    const auto status = command_.run(std::string(event.name.view()), event.error ? "error" : "data", input);
+    if (status && *status == 0) return;
+    outcome_ = kExitCommandFailed;
+    console_.note(status ? fmt::format("{} ended with status {}", options_.command[0], *status)
+                         : fmt::format("{} cannot be run: {}", options_.command[0], status.error()));
+  }
+
+  Console& console_;
+  const CommonOptions& common_;
+  const SubscribeOptions& options_;
+  const EventCommand command_;
+  Mailbox<Message> mailbox_;
+  const Waiting waiting_;
+  std::vector<Subscription> subscriptions_;
+  bool wasLost_ = false;
+  std::size_t events_ = 0;
+  ExitCode outcome_ = kExitOk;
+  std::optional<int> exit_;
+  std::unique_ptr<KLNClient> client_;
+};
+
+}  // namespace
+
+int subscribeCommand(Console& console, const CommonOptions& common, const SubscribeOptions& options) {
+  for (const std::string& name : options.names) {
+    if (!isName(console, name)) return kExitUsage;
+  }
+  return Subscriber(console, common, options).run();
+}
+
+}  // namespace keel

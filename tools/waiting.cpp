@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/waiting.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <climits>
+
+namespace keel {
+
+Waiting::Waiting(int message, int output, std::optional<std::chrono::milliseconds> timeout)
+    : message_(message), output_(output) {
+  if (timeout) end_ = Clock::now() + *timeout;
+}
+
+Waiting::Reason Waiting::next(int input) const {
+  for (;;) {
+    // A pipe whose reader went away reports an error without being asked.
+    pollfd watched[] = {{message_, POLLIN, 0}, {input, POLLIN, 0}, {output_, 0, 0}};
+    int left = -1;
+    if (end_) {
+      const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(*end_ - Clock::now()).count();
+      left = static_cast<int>(std::clamp<std::int64_t>(milliseconds, 0, INT_MAX));
+    }
+    ::poll(watched, 3, left);
+    if ((watched[0].revents & POLLIN) != 0) return Reason::message;
+    if ((watched[2].revents & (POLLERR | POLLNVAL)) != 0) return Reason::outputGone;
+    if (watched[1].revents != 0) return Reason::input;
+    if (end_ && Clock::now() >= *end_) return Reason::timeIsUp;
+  }
+}
+
+}  // namespace keel
