@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/logging/logger.h"
 
+#include <fmt/format.h>
+
 #include "platform/logging/logger_table.h"
 #include "platform/logging/printable_text.h"
 
@@ -24,3 +26,11 @@ void Logger::write(LogLevel level, fmt::string_view format, fmt::format_args arg
 }
 
 }  // namespace keel
+
+auto fmt::formatter<keel::String>::format(const keel::String& text, format_context& context) const -> format_context::iterator {
+  return fmt::formatter<std::string_view>::format(text.isNull() ? "(null)" : text.view(), context);
+}
+
+auto fmt::formatter<keel::Error>::format(const keel::Error& error, format_context& context) const -> format_context::iterator {
+  return fmt::formatter<std::string_view>::format(error.description(), context);
+}

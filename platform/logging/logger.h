@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <atomic>
 #include <cstddef>
@@ -77,13 +77,9 @@ Logger& _loggerForCategory(const char* category);
 // Nullable texts and errors print as "(null)" when they are null.
 template <>
 struct fmt::formatter<keel::String> : fmt::formatter<std::string_view> {
-  auto format(const keel::String& text, format_context& context) const {
-    return fmt::formatter<std::string_view>::format(text.isNull() ? "(null)" : text.view(), context);
-  }
+  auto format(const keel::String& text, format_context& context) const -> format_context::iterator;
 };
 template <>
 struct fmt::formatter<keel::Error> : fmt::formatter<std::string_view> {
-  auto format(const keel::Error& error, format_context& context) const {
-    return fmt::formatter<std::string_view>::format(error.description(), context);
-  }
+  auto format(const keel::Error& error, format_context& context) const -> format_context::iterator;
 };

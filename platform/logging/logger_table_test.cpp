@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/logging/logger_table.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -89,6 +90,14 @@ TEST_F(LoggerTableTest, EnabledMessagesAreWrittenAndOthersNotEvenFormed) {
   logger.fault("fault {} {}", 7, String());
   EXPECT_THAT(writtenTexts(), ElementsAre("error counted", "fault 7 (null)"));
   EXPECT_EQ(formedCount, 1);
+}
+
+TEST_F(LoggerTableTest, NullableValuesPrintAsTheirTextOrAsNull) {
+  table_.start(recorder_.output(), "");
+  Logger& logger = table_.loggerForCategory("auth");
+  logger.error("[{}] [{}] [{:>5}]", String(), String(""), String("bob"));
+  logger.error("[{}] [{}]", Error(), Error("Domain", 7));
+  EXPECT_THAT(writtenTexts(), ElementsAre("[(null)] [] [  bob]", "[(null)] [" + Error("Domain", 7).description() + "]"));
 }
 
 TEST_F(LoggerTableTest, MessageOfTheLimitIsWhole) {

@@ -134,14 +134,15 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
 
   void sendHello();
   void receiveHello(std::span<const std::byte> bytes);
-  // On the connection's queue.
+  // On the connection's queue. Those that return a bool tell whether the message was served.
   void receive(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files);
-  void receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
-  void receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
-  void receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
-  void dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files, Interface::Call& call);
-  // Answers what cannot be served (`requestId` empty for a one-way message) and tells the interruption handler.
-  void refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);
+  bool receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  bool receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  bool receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  bool dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files, Interface::Call& call);
+  void receiveGoodbye(cbor::Cursor& cursor, std::uint64_t count);
+  // Answers what cannot be served (`requestId` empty for a one-way message) and tells the interruption handler. Returns false.
+  bool refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);
   void interrupted(std::string_view why);
   void sendAnswer(OutgoingMessage& message);
   // On the I/O thread.

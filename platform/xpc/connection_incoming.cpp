@@ -18,6 +18,8 @@ Logger& logger() {
   return runtime;
 }
 
+constexpr std::string_view kUndecodable = "the message cannot be decoded";
+
 using MethodNumbers = std::vector<std::int64_t>;
 
 // Reads a hello's list of selectors as the numbers of `interface`'s methods. Most peers are alike: a list equal to the last one
@@ -62,7 +64,10 @@ void Connection::onOversizedFrame(std::size_t sizeBytes, std::span<const std::by
   if (envelope && envelope->kind != MessageKind::request && envelope->kind != MessageKind::oneWay) return interrupted(text);
   runOnQueue([self = shared_from_this(), id = envelope ? envelope->requestId : std::nullopt, text] {
     if (id) {
-      if (*id <= self->lastRequestId_) return self->refuse(id, FailureCode::badRequestId, "request ids must rise");
+      if (*id <= self->lastRequestId_) {
+        self->refuse(id, FailureCode::badRequestId, "request ids must rise");
+        return;
+      }
       self->lastRequestId_ = *id;
     }
     self->refuse(id, FailureCode::tooLarge, text);
@@ -112,62 +117,65 @@ void Connection::receive(std::span<const std::byte> bytes, std::vector<FileDescr
   cbor::Cursor cursor(bytes);
   std::uint64_t count = 0;
   std::uint64_t kind = 0;
+  bool served = false;
   if (!cursor.array(count) || !cursor.unsignedInteger(kind)) {
-    return refuse(std::nullopt, FailureCode::undecodable, "the message cannot be decoded");
+    refuse(std::nullopt, FailureCode::undecodable, kUndecodable);
+  } else if (kind == static_cast<std::uint64_t>(MessageKind::request)) {
+    served = receiveRequest(cursor, count, files);
+  } else if (kind == static_cast<std::uint64_t>(MessageKind::oneWay)) {
+    served = receiveOneWay(cursor, count, files);
+  } else if (kind == static_cast<std::uint64_t>(MessageKind::reply)) {
+    served = receiveAnswer(MessageKind::reply, cursor, count, files);
+  } else if (kind == static_cast<std::uint64_t>(MessageKind::failure)) {
+    served = receiveAnswer(MessageKind::failure, cursor, count, files);
+  } else if (kind == static_cast<std::uint64_t>(MessageKind::goodbye)) {
+    receiveGoodbye(cursor, count);
+  } else if (kind == static_cast<std::uint64_t>(MessageKind::hello)) {
+    transport_->perform([self = shared_from_this()] { self->protocolViolation("it said hello twice"); });
+  } else {
+    refuse(std::nullopt, FailureCode::undecodable, fmt::format("there is no message of kind {}", kind));
   }
-  switch (static_cast<MessageKind>(kind)) {
-    case MessageKind::request:
-      return receiveRequest(cursor, count, files);
-    case MessageKind::oneWay:
-      return receiveOneWay(cursor, count, files);
-    case MessageKind::reply:
-    case MessageKind::failure:
-      return receiveAnswer(static_cast<MessageKind>(kind), cursor, count, files);
-    case MessageKind::goodbye: {
-      std::string_view text;
-      if (count != 2 || !cursor.text(text) || !cursor.atEnd()) return interrupted("a goodbye that cannot be decoded");
-      transport_->perform([self = shared_from_this(), words = std::string(text)] {
-        self->farewell_ = words;
-        self->end({}, /*transportIsClosed=*/false);
-      });
-      return;
-    }
-    case MessageKind::hello:
-      transport_->perform([self = shared_from_this()] { self->protocolViolation("it said hello twice"); });
-      return;
-  }
-  refuse(std::nullopt, FailureCode::undecodable, fmt::format("there is no message of kind {}", kind));
+  // What came with a message that was not served is of no use to the next.
+  if (!served) files.clear();
 }
 
-void Connection::receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
+void Connection::receiveGoodbye(cbor::Cursor& cursor, std::uint64_t count) {
+  std::string_view text;
+  if (count != 2 || !cursor.text(text) || !cursor.atEnd()) return interrupted("a goodbye that cannot be decoded");
+  transport_->perform([self = shared_from_this(), words = std::string(text)] {
+    self->farewell_ = words;
+    self->end({}, /*transportIsClosed=*/false);
+  });
+}
+
+bool Connection::receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
   std::uint64_t id = 0;
   std::uint64_t method = 0;
-  if (!cursor.unsignedInteger(id)) return refuse(std::nullopt, FailureCode::undecodable, "the message cannot be decoded");
+  if (!cursor.unsignedInteger(id)) return refuse(std::nullopt, FailureCode::undecodable, kUndecodable);
   if (id <= lastRequestId_) return refuse(id, FailureCode::badRequestId, "request ids must rise");
   lastRequestId_ = id;
-  if (count != 4 || !cursor.unsignedInteger(method)) return refuse(id, FailureCode::undecodable, "the message cannot be decoded");
+  if (count != 4 || !cursor.unsignedInteger(method)) return refuse(id, FailureCode::undecodable, kUndecodable);
   Interface::Call call{shared_from_this(), id};
-  dispatch(method, cursor, files, call);
+  return dispatch(method, cursor, files, call);
 }
 
-void Connection::receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
+bool Connection::receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
   std::uint64_t method = 0;
   if (count != 3 || !cursor.unsignedInteger(method)) {
-    return refuse(std::nullopt, FailureCode::undecodable, "the message cannot be decoded");
+    return refuse(std::nullopt, FailureCode::undecodable, kUndecodable);
   }
   Interface::Call call{nullptr, 0};
-  dispatch(method, cursor, files, call);
+  return dispatch(method, cursor, files, call);
 }
 
-void Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files, Interface::Call& call) {
+bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files, Interface::Call& call) {
   const std::optional<std::uint64_t> id = call.route ? std::optional(call.requestId) : std::nullopt;
   const Interface::Dispatch function = exportedInterface_ != nullptr ? exportedInterface_->dispatchAt(method) : nullptr;
   if (function == nullptr || !exportedObject_) {
-    files.clear();
     return refuse(id, FailureCode::unknownMethod, fmt::format("there is no method {}", method));
   }
   std::uint64_t argumentCount = 0;
-  if (!cursor.array(argumentCount)) return refuse(id, FailureCode::undecodable, "the message cannot be decoded");
+  if (!cursor.array(argumentCount)) return refuse(id, FailureCode::undecodable, kUndecodable);
   // Held for the call: it may end the connection, which lets go of the object.
   const std::shared_ptr<void> object = exportedObject_;
   ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes, options_.quota);
@@ -177,25 +185,28 @@ void Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vecto
       transport_->perform([self = shared_from_this()] { self->adjustReading(); });
     }
   }
-  if (function(object.get(), reader, argumentCount, call)) return;
+  if (function(object.get(), reader, argumentCount, call)) return true;
   if (call.route) --unansweredCount_;
-  files.clear();
   if (reader.isOverQuota()) {
     return refuse(id, FailureCode::overQuota,
                   fmt::format("uid {} holds {} bytes here; at most {} are granted", peer_.uid, options_.quota.account->bytes(),
                               options_.quota.limitBytes));
   }
-  refuse(id, FailureCode::wrongArguments, fmt::format("the arguments do not fit {}", exportedInterface_->selectors()[method]));
+  return refuse(id, FailureCode::wrongArguments,
+                fmt::format("the arguments do not fit {}", exportedInterface_->selectors()[method]));
 }
 
-void Connection::receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
+bool Connection::receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
   std::uint64_t id = 0;
   if (kind == MessageKind::failure && count == 4 && cursor.null()) {
-    return interrupted("the peer could not serve a one-way message");
+    interrupted("the peer could not serve a one-way message");
+    return false;
   }
-  if (!cursor.unsignedInteger(id)) return interrupted("an answer that cannot be decoded");
-  auto found = expected_.extract(id);
-  if (found.empty()) return interrupted("an answer to no request");
+  auto found = cursor.unsignedInteger(id) ? expected_.extract(id) : decltype(expected_)::node_type();
+  if (found.empty()) {
+    interrupted("an answer to no request");
+    return false;
+  }
   Expected expected = std::move(found.mapped());
   if (kind == MessageKind::failure) {
     std::uint64_t code = 0;
@@ -204,24 +215,26 @@ void Connection::receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint
       interrupted("a failure that cannot be decoded");
     }
     const Value userInfo = Value::map({{std::string(NSLocalizedDescriptionKey), text}, {"failureCode", code}});
-    return expected.onError(
-        Error(kConnectionErrorDomain, static_cast<std::int64_t>(ConnectionErrorCode::refused), Dictionary(userInfo)));
+    expected.onError(Error(kConnectionErrorDomain, static_cast<std::int64_t>(ConnectionErrorCode::refused), Dictionary(userInfo)));
+    return true;
   }
   std::uint64_t resultCount = 0;
   const bool framed = count == 3 && cursor.array(resultCount);
   ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes);
-  if (framed && expected.read(reader, resultCount)) return;
+  if (framed && expected.read(reader, resultCount)) return true;
   expected.onError(connectionError(ConnectionErrorCode::badReply, "the peer's answer does not fit the method"));
   interrupted("an answer that does not fit its method");
+  return false;
 }
 
-void Connection::refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text) {
+bool Connection::refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text) {
   OutgoingMessage message;
   writeFailure(message, requestId, code, text);
   transport_->perform([self = shared_from_this(), moved = std::move(message)] {
     self->transport_->send(moved, EndOfTurn::Urgency::urgent);
   });
   interrupted(text);
+  return false;
 }
 
 void Connection::interrupted(std::string_view why) {

@@ -195,6 +195,7 @@ TEST_F(RawPeer, UndecodableMessageIsAFailureAnInterruptionAndOneLogLine) {
       {std::byte{0x83}, std::byte{0x01}},                   // cut short
       encoded(Value::list({})),                             // no kind
       encoded(Value::list({9, 1})),                         // no such kind
+      encoded(Value::list({Value(std::uint64_t{1} << 32), 1})),  // nor one that looks like another when cut
       encoded(Value::map({{"kind", 1}})),                   // no array
       encoded(Value::list({1, "id", 0, Value::list({})})),  // an id that is no number
       Bytes(3000, std::byte{0x81}),                         // nested without end
@@ -547,6 +548,21 @@ TEST_F(RawPeer, DescriptorThatNoMessageClaimsEndsTheConnection) {
   ASSERT_EQ(messages.size(), 2u);
   EXPECT_EQ(messages[1], Value::list({5, "descriptors that no message claims"}));
   EXPECT_EQ(invalidations, 1);
+}
+
+TEST_F(RawPeer, DescriptorOfARefusedMessageGoesWithIt) {
+  start();
+  const std::string content = "bytes";
+  const auto file = sealedMemoryOf(std::as_bytes(std::span(content)));
+  sendMessage(Value::list({1, 7, 0, Value::list({nullptr})}));
+  sendWithDescriptor(peer.get(), framed(encoded(Value::list({1, 7, 0, Value::list({nullptr})}))), file->get());
+  sendWithDescriptor(peer.get(), framed(encoded(Value::list({1, 8, 99, Value::list({nullptr})}))), file->get());
+  sendMessage(Value::list({1, 9, 0, Value::list({nullptr})}));
+  const std::vector<Value> messages = received();
+  ASSERT_EQ(messages.size(), 4u);
+  EXPECT_EQ(messages[1], failure(7, FailureCode::badRequestId, "request ids must rise"));
+  EXPECT_EQ(messages[2], failure(8, FailureCode::unknownMethod, "there is no method 99"));
+  EXPECT_EQ(invalidations, 0);
 }
 
 TEST_F(RawPeer, DescriptorOfAnythingElseEndsTheConnectionUnserved) {
