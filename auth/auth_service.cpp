@@ -26,12 +26,11 @@ void KLNAuthService::removeASID(std::int32_t asid) {
 }
 
 void KLNAuthService::isAuthedUser(String user, std::int32_t andASID, std::move_only_function<void(bool, Error)> withHandler) {
-  continueWithBlock(
-      [self = shared_from_this(), user = std::move(user), andASID, handler = std::move(withHandler)]() mutable {
-        const auto& table = self->authTable();
-        const auto found = table.find(std::to_string(andASID));
-        handler(found != table.end() && std::ranges::find(found->second, user) != found->second.end(), nullptr);
-      });
+  continueWithBlock([self = shared_from_this(), user = std::move(user), andASID, handler = std::move(withHandler)]() mutable {
+    const auto& table = self->authTable();
+    const auto found = table.find(std::to_string(andASID));
+    handler(found != table.end() && std::ranges::find(found->second, user) != found->second.end(), nullptr);
+  });
 }
 
 void KLNAuthService::isAuthedASID(std::int32_t asid, std::move_only_function<void(bool)> withHandler) {

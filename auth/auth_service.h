@@ -15,8 +15,8 @@
 namespace keel {
 
 // Which users have proved to be administrators, by audit session. Shared by all connections of both services; what is recorded
-// counts for the life of the process. All operations return at once, from any thread; they take effect, and call their handlers,
-// on the strand, in the order of the calls. Made with make_shared.
+// counts for the life of the process. All operations return at once, from any thread; they take effect, and call their
+// handlers, on the strand, in the order of the calls. Made with make_shared.
 class KLNAuthService : public QZStrand, public std::enable_shared_from_this<KLNAuthService> {
  public:
   // The session in decimal, to the names in the order of their recording. A name may stand more than once; no list is empty.

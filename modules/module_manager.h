@@ -8,8 +8,8 @@
 
 namespace keel {
 
-// Knows the enabled modules of the product: "keel_" and a module's short name, to the Mach service name of its job. The table is
-// written during start-up, before any client can ask, and only read afterwards.
+// Knows the enabled modules of the product: "keel_" and a module's short name, to the Mach service name of its job. The table
+// is written during start-up, before any client can ask, and only read afterwards.
 class KLNModuleManager {
  public:
   class Override;

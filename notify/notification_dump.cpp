@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The diagnostic dump. It is written in its encoded form at once: published data are spliced in as they came, never decoded.
+#include <fmt/format.h>
+
 #include <cstddef>
 #include <optional>
 #include <string>

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "notify/notification_handler.h"
 
+#include <fmt/format.h>
+
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -165,9 +167,8 @@ Error KLNNotificationHandler::update(Dictionary item, const Name& name) {
 
 void KLNNotificationHandler::removePublishedItemForName(Name name, xpc::Reply<Error> withHandler) {
   const auto& service = KLNNotificationService::defaultService();
-  queueWork(*service, [handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler), service]() mutable {
-    reply(handler->remove(*service, name));
-  });
+  queueWork(*service, [handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler),
+                       service]() mutable { reply(handler->remove(*service, name)); });
 }
 
 Error KLNNotificationHandler::remove(KLNNotificationService& service, const Name& name) {

@@ -16,23 +16,25 @@ namespace keel {
 
 class KLNNotificationService;
 
-// Serves one client of the notify service, and knows what this client published and follows. Requests arrive on the connection's
-// queue; what touches the registry or the tables here runs on the registry's input queue, in the order of arrival, and so do the
-// replies. Held by its connection and by the work it has queued; it refers to the connection weakly. Made with make_shared.
-class KLNNotificationHandler final : public protocols::NotifyProxy, public std::enable_shared_from_this<KLNNotificationHandler> {
+// Serves one client of the notify service, and knows what this client published and follows. Requests arrive on the
+// connection's queue; what touches the registry or the tables here runs on the registry's input queue, in the order of arrival,
+// and so do the replies. Held by its connection and by the work it has queued; it refers to the connection weakly. Made with
+// make_shared.
+class KLNNotificationHandler final : public protocols::NotifyProxy,
+                                     public std::enable_shared_from_this<KLNNotificationHandler> {
  public:
   using PublishedItems = std::unordered_map<Name, std::shared_ptr<KLNPublishedObject>, StringHash>;
   using Subscriptions = std::unordered_map<Name, std::shared_ptr<KLNSubscriptionObject>, StringHash>;
 
   // The table of KLNAuthService answers; its reply comes on that service's strand.
   void authCheckForUser(String user, std::int32_t andASID, xpc::Reply<bool, Error> withHandler) override;
-  // A null name is answered at once. An exception is answered with code 13, whose user info holds "subscriptionName", "exception"
-  // and "backtrace".
+  // A null name is answered at once. An exception is answered with code 13, whose user info holds "subscriptionName",
+  // "exception" and "backtrace".
   void subscribeTo(Name name, std::uint64_t withFlags, xpc::Reply<Dictionary, Error> andHandler) override;
   // A name that is not followed is only logged.
   void unsubscribeFrom(Name name) override;
-  // A null name is answered at once. An exception is answered with code 13, whose user info holds "publishName", "exception" and
-  // "backtrace".
+  // A null name is answered at once. An exception is answered with code 13, whose user info holds "publishName", "exception"
+  // and "backtrace".
   void publishItem(Dictionary item, Name name, std::uint64_t flags, std::int64_t value, xpc::Reply<Error> withHandler) override;
   void updatePublishedItem(Dictionary item, Name name, xpc::Reply<Error> withHandler) override;
   void removePublishedItemForName(Name name, xpc::Reply<Error> withHandler) override;
@@ -43,8 +45,8 @@ class KLNNotificationHandler final : public protocols::NotifyProxy, public std::
 
   // The client sent something that cannot be decoded: logged, nothing changes.
   void connectionInterupted();
-  // The connection has ended: queues the end of its subscriptions, of which nobody hears, then of its publications, which become
-  // placeholders.
+  // The connection has ended: queues the end of its subscriptions, of which nobody hears, then of its publications, which
+  // become placeholders.
   void connectionInvalidated();
 
   // Both on the input queue only.

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "notify/notification_service.h"
 
+#include <fmt/format.h>
+
 #include <utility>
 
 #include "notify/publish_behavior.h"
@@ -45,7 +47,8 @@ KLNNotificationService::KLNNotificationService(Executor& executor)
 KLNNotificationService::~KLNNotificationService() = default;
 
 std::shared_ptr<KLNPublishedObject> KLNNotificationService::newPublishedObjectWith(
-    Dictionary data, Name name, std::uint64_t flags, std::int64_t value, const std::shared_ptr<xpc::Connection>& fromConnection) {
+    Dictionary data, Name name, std::uint64_t flags, std::int64_t value,
+    const std::shared_ptr<xpc::Connection>& fromConnection) {
   auto item = KLNPublishedObject::initWithName(std::move(name));
   if (!item) return nullptr;
   const auto behavior = newPublishBehaviorFromFlags(flags, value);
@@ -108,8 +111,8 @@ bool KLNNotificationService::updatePublishedItem(Dictionary data, const Name& na
   return true;
 }
 
-bool KLNNotificationService::removePublishedItemForName(const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection,
-                                                        Error* error) {
+bool KLNNotificationService::removePublishedItemForName(const Name& name,
+                                                        const std::shared_ptr<xpc::Connection>& fromConnection, Error* error) {
   const auto item = itemOfName(name);
   log.debug("removePublishedItemForName {} ", name);
   if (!item) return refuse(error, errNotFound);
@@ -199,7 +202,8 @@ void KLNNotificationService::follow(const std::shared_ptr<KLNSubscriptionObject>
 
 void KLNNotificationService::queueFirstDelivery(std::shared_ptr<KLNSubscriptionObject> subscription,
                                                 std::shared_ptr<KLNPublishedObject> item) {
-  inputQ_->async([subscription = std::move(subscription), item = std::move(item)] { subscription->updateWithData(item->data()); });
+  inputQ_->async(
+      [subscription = std::move(subscription), item = std::move(item)] { subscription->updateWithData(item->data()); });
 }
 
 KLNNotificationService::Override::Override(std::shared_ptr<KLNNotificationService> service)

@@ -48,8 +48,8 @@ class KLNNotificationService {
                                                                      std::int64_t value,
                                                                      const std::shared_ptr<xpc::Connection>& fromConnection);
   virtual std::shared_ptr<KLNPublishBehavior> newPublishBehaviorFromFlags(std::uint64_t flags, std::int64_t value);
-  // Enters `item`. Where a placeholder waits it takes over owner, behaviour and data of `item`, its subscribers receive the data,
-  // and `item` becomes the placeholder. Codes 9 (with a description) and 13 (null item).
+  // Enters `item`. Where a placeholder waits it takes over owner, behaviour and data of `item`, its subscribers receive the
+  // data, and `item` becomes the placeholder. Codes 9 (with a description) and 13 (null item).
   bool publish(std::shared_ptr<KLNPublishedObject>& item, Error* error);
   // The same in one step. Codes 9, 13 (no item could be made).
   bool publishItem(Dictionary data, Name name, std::uint64_t flags, std::int64_t value,
@@ -68,9 +68,9 @@ class KLNNotificationService {
   // follow what the running block replies. Without an item it makes a placeholder and delivers nothing. Codes 9 (the
   // subscription's owner follows the name already) and 13 (null subscription).
   bool subscribe(const std::shared_ptr<KLNSubscriptionObject>& subscription, Error* error);
-  // The same without asking whether the connection follows the name already; and where there is no item, it enters one without a
-  // name and without subscribers, so that the subscription is not recorded. Always true, `error` is never written. A null name
-  // does nothing.
+  // The same without asking whether the connection follows the name already; and where there is no item, it enters one without
+  // a name and without subscribers, so that the subscription is not recorded. Always true, `error` is never written. A null
+  // name does nothing.
   bool subscribeTo(const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection, std::uint64_t withFlags,
                    Error* error);
   // False when the connection does not follow the name; `error` is never written. The item stays.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -23,22 +24,32 @@
 
 namespace keel {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using protocols::NotifyProxy;
+using ::testing::ElementsAre;
 using testing::FakeClient;
+using ::testing::IsEmpty;
 using testing::LogLine;
 using testing::LogRecorder;
 using testing::NotifyClient;
 using testing::Received;
 
-inline LogLine debugLine(std::string text) { return {LogLevel::debug, "notification", std::move(text)}; }
-inline LogLine standardLine(std::string text) { return {LogLevel::standard, "notification", std::move(text)}; }
-inline LogLine errorLine(std::string text) { return {LogLevel::error, "notification", std::move(text)}; }
+inline LogLine debugLine(std::string text) {
+  return {LogLevel::debug, "notification", std::move(text)};
+}
+inline LogLine standardLine(std::string text) {
+  return {LogLevel::standard, "notification", std::move(text)};
+}
+inline LogLine errorLine(std::string text) {
+  return {LogLevel::error, "notification", std::move(text)};
+}
 
-inline Dictionary number(int value) { return Dictionary(Value::map({{"number", value}})); }
+inline Dictionary number(int value) {
+  return Dictionary(Value::map({{"number", value}}));
+}
 
-inline std::string addressOf(const void* object) { return fmt::format("{}", fmt::ptr(object)); }
+inline std::string addressOf(const void* object) {
+  return fmt::format("{}", fmt::ptr(object));
+}
 
 // A registry whose factories a test can replace.
 class ScriptedService final : public KLNNotificationService {
@@ -50,7 +61,8 @@ class ScriptedService final : public KLNNotificationService {
   std::function<std::shared_ptr<KLNSubscriptionObject>()> makeSubscription;
   std::function<std::shared_ptr<SubscriberBehavior>(std::uint64_t, std::int64_t)> makeSubscriberBehavior;
 
-  std::shared_ptr<KLNPublishedObject> newPublishedObjectWith(Dictionary data, Name name, std::uint64_t flags, std::int64_t value,
+  std::shared_ptr<KLNPublishedObject> newPublishedObjectWith(Dictionary data, Name name, std::uint64_t flags,
+                                                             std::int64_t value,
                                                              const std::shared_ptr<xpc::Connection>& connection) override {
     return makeItem ? makeItem() : KLNNotificationService::newPublishedObjectWith(data, name, flags, value, connection);
   }
@@ -103,7 +115,8 @@ class NotifyTest : public ::testing::Test {
   std::vector<LogLine> lines() const { return log.linesOf("notification"); }
 
   // Requests of `client`, by their numbers.
-  static std::uint64_t publish(NotifyClient& client, Name name, Dictionary item, std::uint64_t flags = 0, std::int64_t value = 0) {
+  static std::uint64_t publish(NotifyClient& client, Name name, Dictionary item, std::uint64_t flags = 0,
+                               std::int64_t value = 0) {
     return client.request<&NotifyProxy::publishItem>(std::move(item), std::move(name), flags, value);
   }
   static std::uint64_t update(NotifyClient& client, Name name, Dictionary item) {

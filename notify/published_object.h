@@ -16,9 +16,9 @@ namespace xpc {
 class Connection;
 }
 
-// All that is known of one name: its data, when they were set, who publishes it, who follows it. Lives on the notification input
-// queue. Held by the registry and by its publisher's handler; it holds its behaviour and its subscriptions, and refers to its
-// publisher weakly. Without a behaviour it is a placeholder: it keeps what it has and waits for a publisher.
+// All that is known of one name: its data, when they were set, who publishes it, who follows it. Lives on the notification
+// input queue. Held by the registry and by its publisher's handler; it holds its behaviour and its subscriptions, and refers to
+// its publisher weakly. Without a behaviour it is a placeholder: it keeps what it has and waits for a publisher.
 class KLNPublishedObject final : public protocols::PublishBehavior {
  public:
   // An item with no name and no set of subscribers: subscribers added to it are not recorded.

@@ -66,7 +66,9 @@ TEST(PublishedObject, WithANameItIsAPlaceholderWithoutAnything) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST(PublishedObject, AnEmptyNameIsAName) { EXPECT_NE(KLNPublishedObject::initWithName(""), nullptr); }
+TEST(PublishedObject, AnEmptyNameIsAName) {
+  EXPECT_NE(KLNPublishedObject::initWithName(""), nullptr);
+}
 
 TEST(PublishedObject, PlainInitHasNoNameAndRecordsNoSubscriber) {
   const auto item = KLNPublishedObject::init();

@@ -38,8 +38,9 @@ class SubscriberSet {
   // A snapshot.
   std::vector<Subscription> allObjects() const;
 
-  // Calls visit(KLNSubscriptionObject&) for each member, without touching any reference count. Callees may add and remove members,
-  // and enumerate: who is added is not visited, who is removed is not visited any more but lives until the end of the visits.
+  // Calls visit(KLNSubscriptionObject&) for each member, without touching any reference count. Callees may add and remove
+  // members, and enumerate: who is added is not visited, who is removed is not visited any more but lives until the end of the
+  // visits.
   template <class Visit>
   void forEach(Visit visit) {
     const Visiting visiting(*this);
@@ -51,7 +52,7 @@ class SubscriberSet {
 
  private:
   struct Slot {
-    Subscription subscription;            // null: a hole, where a member was removed
+    Subscription subscription;               // null: a hole, where a member was removed
     const xpc::Connection* owner = nullptr;  // as lastPlacesByOwner_ knows it; never dereferenced
   };
   struct LastPlace {
@@ -83,7 +84,7 @@ class SubscriberSet {
 
   std::vector<Slot> slots_;
   std::size_t count_ = 0;
-  std::size_t visitCount_ = 0;           // enumerations under way; holes stay where they are meanwhile
+  std::size_t visitCount_ = 0;          // enumerations under way; holes stay where they are meanwhile
   std::vector<Subscription> departed_;  // removed during an enumeration
 
   // Kept once the set is too large to be searched member by member.

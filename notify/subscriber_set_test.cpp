@@ -15,8 +15,8 @@ namespace keel {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using testing::FakeClient;
+using ::testing::IsEmpty;
 
 using Subscriptions = std::vector<std::shared_ptr<KLNSubscriptionObject>>;
 

@@ -14,9 +14,9 @@ namespace keel {
 
 class KLNPublishedObject;
 
-// What one client follows: a name, and the behaviour that brings its news to that client. Lives on the notification input queue.
-// Held by the item that it follows and by its client's handler; it holds its behaviour, and neither the client nor the item.
-// With a behaviour (the running daemon gives one to each) every operation is the behaviour's; without, it serves itself.
+// What one client follows: a name, and the behaviour that brings its news to that client. Lives on the notification input
+// queue. Held by the item that it follows and by its client's handler; it holds its behaviour, and neither the client nor the
+// item. With a behaviour (the running daemon gives one to each) every operation is the behaviour's; without, it serves itself.
 class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
                                     public std::enable_shared_from_this<KLNSubscriptionObject> {
  public:

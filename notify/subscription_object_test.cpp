@@ -48,9 +48,10 @@ class SubscriptionObject : public ::testing::Test {
 
   // The one line written since, which begins and ends so and names a connection error between.
   void expectSendError(const std::string& beginning, const std::string& end = "") {
-    EXPECT_THAT(log.take(), ElementsAre(AllOf(Field(&LogLine::level, LogLevel::error), Field(&LogLine::category, "notification"),
-                                              Field(&LogLine::text, AllOf(StartsWith(beginning), EndsWith(end),
-                                                                          HasSubstr(std::string(xpc::kConnectionErrorDomain)))))));
+    EXPECT_THAT(log.take(),
+                ElementsAre(AllOf(Field(&LogLine::level, LogLevel::error), Field(&LogLine::category, "notification"),
+                                  Field(&LogLine::text, AllOf(StartsWith(beginning), EndsWith(end),
+                                                              HasSubstr(std::string(xpc::kConnectionErrorDomain)))))));
   }
 
   ManualExecutor executor;
@@ -159,8 +160,7 @@ TEST_F(SubscriptionObject, DropsALostPublisherOfAnyDomainItself) {
   EXPECT_THAT(client.received(), IsEmpty());
   EXPECT_FALSE(subscription->lastUpdated());
   const auto dropped = debugLine("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected(8)");
-  EXPECT_THAT(log.lines(),
-              ElementsAre(debugLine("updateWithError: n"), dropped, debugLine("updateWithError: n"), dropped));
+  EXPECT_THAT(log.lines(), ElementsAre(debugLine("updateWithError: n"), dropped, debugLine("updateWithError: n"), dropped));
 }
 
 TEST_F(SubscriptionObject, AGoneClientIsLoggedAndNothingChanges) {
@@ -175,9 +175,8 @@ TEST_F(SubscriptionObject, AGoneClientIsLoggedAndNothingChanges) {
   EXPECT_EQ(subscription->lastUpdated(), kPast);
   // A lost publisher is dropped before anybody looks for the client.
   subscription->updateWithError(Error("d", 8));
-  EXPECT_THAT(log.take(),
-              ElementsAre(debugLine("updateWithError: n"),
-                          debugLine("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected(8)")));
+  EXPECT_THAT(log.take(), ElementsAre(debugLine("updateWithError: n"),
+                                      debugLine("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected(8)")));
 }
 
 TEST_F(SubscriptionObject, AFailureToSendIsLoggedLaterAndChangesNothing) {

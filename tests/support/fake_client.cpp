@@ -100,10 +100,12 @@ FakeClient::FakeClient(ManualExecutor& executor, xpc::PeerIdentity peer) : recor
   for (const auto selector : xpc::MethodsOf<SubscriberProxy>::kSelectors) selectors_.emplace_back(selector);
   auto transport = std::make_unique<FakeTransport>(*this, executor);
   transport_ = transport.get();
-  connection_ = xpc::Connection::create(std::move(peer), std::move(transport), {.takesDescriptors = false});
+  connection_ = xpc::Connection::create(std::move(peer), std::move(transport), {.takesDescriptors = false, .quota = {}});
 }
 
-FakeClient::~FakeClient() { die(); }
+FakeClient::~FakeClient() {
+  die();
+}
 
 xpc::PeerIdentity FakeClient::identity(pid_t pid, std::int32_t auditSession) {
   return {.pid = pid, .uid = 501, .gid = 20, .startTime = 1, .auditSession = auditSession, .processName = "fake"};
@@ -116,7 +118,9 @@ void FakeClient::die(std::string_view reason) {
   if (receiver != nullptr) receiver->onClosed(reason);
 }
 
-std::vector<Received> FakeClient::take() { return std::exchange(received_, {}); }
+std::vector<Received> FakeClient::take() {
+  return std::exchange(received_, {});
+}
 
 bool FakeClient::isAnswered(std::uint64_t requestId) const {
   return std::ranges::any_of(received_, [requestId](const Received& each) {

@@ -34,9 +34,10 @@ struct Received {
   std::string text{};
 };
 
-// A client at the other end of a connection, without a socket: it says hello, makes requests, and decodes and notes all that the
-// daemon sends back, dispatching callbacks as any client does. It dies whenever the test says so. The test configures and resumes
-// connection(), as a listener's delegate would. All on the test's thread; what a connection does "later" runs on the executor.
+// A client at the other end of a connection, without a socket: it says hello, makes requests, and decodes and notes all that
+// the daemon sends back, dispatching callbacks as any client does. It dies whenever the test says so. The test configures and
+// resumes connection(), as a listener's delegate would. All on the test's thread; what a connection does "later" runs on the
+// executor.
 class FakeClient {
  public:
   explicit FakeClient(ManualExecutor& executor) : FakeClient(executor, identity(100)) {}
@@ -139,8 +140,8 @@ struct FakeClient::ResultsOf<xpc::Reply<Results...>> {
     std::vector<FileDescriptor> noFiles;
     xpc::ArgumentReader reader(cursor.rest(), noFiles, xpc::limits::kFrameBytesFromDaemon);
     std::tuple<Results...> results;
-    const bool read =
-        std::apply([&](auto&... each) { return (xpc::Argument<std::decay_t<decltype(each)>>::read(reader, each) && ...); }, results);
+    const bool read = std::apply(
+        [&](auto&... each) { return (xpc::Argument<std::decay_t<decltype(each)>>::read(reader, each) && ...); }, results);
     if (!read || !reader.cursor.atEnd()) return std::nullopt;
     return results;
   }

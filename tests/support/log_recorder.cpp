@@ -27,7 +27,8 @@ std::vector<LogLine> LogRecorder::lines() const {
 
 std::vector<LogLine> LogRecorder::linesOf(std::string_view category) const {
   std::vector<LogLine> lines;
-  std::ranges::copy_if(this->lines(), std::back_inserter(lines), [category](const LogLine& line) { return line.category == category; });
+  std::ranges::copy_if(this->lines(), std::back_inserter(lines),
+                       [category](const LogLine& line) { return line.category == category; });
   return lines;
 }
 

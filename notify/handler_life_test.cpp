@@ -1,0 +1,203 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "auth/auth_service.h"
+#include "modules/module_manager.h"
+#include "notify/handler_fixture.h"
+
+namespace keel {
+namespace {
+
+TEST_F(NotificationHandler, BeginsWithEmptyTables) {
+  const auto handler = std::make_shared<KLNNotificationHandler>();
+  EXPECT_TRUE(handler->publishedItems().empty());
+  EXPECT_TRUE(handler->subscriptions().empty());
+  EXPECT_EQ(handler->xpcConnection(), nullptr);
+}
+
+TEST_F(NotificationHandler, UnsubscribeWorksThoughTheClientLeavesBeforeItRuns) {
+  mustSubscribe(one, "n");
+  unsubscribe(one, "n");
+  one.die();
+  executor.runAll();
+  EXPECT_TRUE(entry("n")->subscribers()->empty());
+}
+
+TEST_F(NotificationHandler, AuthCheckAsksTheTableAndPassesBothResultsOn) {
+  const auto auth = std::make_shared<KLNAuthService>(executor);
+  const KLNAuthService::Override defaultAuth(auth);
+  auth->addUser("alice", -5);
+  const auto yes = one.request<&NotifyProxy::authCheckForUser>("alice", -5);
+  const auto no = one.request<&NotifyProxy::authCheckForUser>("bob", -5);
+  EXPECT_FALSE(one.isAnswered(yes));
+  executor.runAll();
+  EXPECT_EQ(one.resultsOf<&NotifyProxy::authCheckForUser>(yes), std::tuple(true, Error()));
+  EXPECT_EQ(one.resultsOf<&NotifyProxy::authCheckForUser>(no), std::tuple(false, Error()));
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(NotificationHandler, AuthCheckDoesNotUseTheInputQueue) {
+  ManualExecutor strand;
+  const KLNAuthService::Override defaultAuth(std::make_shared<KLNAuthService>(strand));
+  one.request<&NotifyProxy::authCheckForUser>("alice", 1);
+  EXPECT_EQ(executor.scheduledCount(), 0u);
+  EXPECT_EQ(strand.scheduledCount(), 1u);
+  strand.runAll();
+  EXPECT_EQ(one.received().size(), 1u);
+}
+
+TEST_F(NotificationHandler, ModuleTableIsAnsweredAtOnceAsItStands) {
+  const auto manager = std::make_shared<KLNModuleManager>();
+  const KLNModuleManager::Override defaultManager(manager);
+  const auto empty = one.request<&NotifyProxy::getModuleTableWithHandler>();
+  EXPECT_EQ(std::get<0>(*one.resultsOf<&NotifyProxy::getModuleTableWithHandler>(empty)).value(), Value::map({}));
+  manager->moduleTable().set("keel_mail", "com.vantor.keeld.mail");
+  const auto full = one.request<&NotifyProxy::getModuleTableWithHandler>();
+  EXPECT_EQ(std::get<0>(*one.resultsOf<&NotifyProxy::getModuleTableWithHandler>(full)).value(),
+            Value::map({{"keel_mail", "com.vantor.keeld.mail"}}));
+  EXPECT_EQ(executor.scheduledCount(), 0u);
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(NotificationHandler, InterruptionIsLoggedAndChangesNothing) {
+  mustPublish(one, "n", 1);
+  mustSubscribe(one, "m");
+  one.sendNonsense();
+  EXPECT_THAT(lines(), ElementsAre(debugLine("NotifyService connection from (11)3 interrupted")));
+  executor.runAll();
+  EXPECT_EQ(lines().size(), 1u);
+  EXPECT_EQ(one.handler()->publishedItems().size(), 1u);
+  EXPECT_EQ(one.handler()->subscriptions().size(), 1u);
+  EXPECT_NE(entry("n")->delegate(), nullptr);
+}
+
+TEST_F(NotificationHandler, ConnectionTextsOfAGoneConnectionAreZeros) {
+  const auto handler = std::make_shared<KLNNotificationHandler>();
+  handler->connectionInterupted();
+  handler->connectionInvalidated();
+  EXPECT_THAT(lines(), ElementsAre(debugLine("NotifyService connection from (0)0 interrupted"),
+                                   debugLine("NotifyService  connection from (0)0 invalidated")));
+  Error error;
+  handler->publishItem(nullptr, nullptr, 0, 0, xpc::Reply<Error>::to([&](Error given) { error = given; }));
+  EXPECT_EQ(error, kNilName);
+  EXPECT_EQ(lines().back(), debugLine("NotificationHandler we have a publish request: (null) from (null)"));
+}
+
+TEST_F(NotificationHandler, CleanUpUndoesSubscriptionsBeforePublications) {
+  mustPublish(one, "n", 1);
+  mustSubscribe(one, "n");
+  mustSubscribe(one, "m");
+  mustSubscribe(other, "n");
+  const auto handler = one.handler();
+  const auto item = entry("n");
+  one.die();
+  // Nothing has changed yet.
+  EXPECT_THAT(lines(), ElementsAre(debugLine("NotifyService  connection from (11)3 invalidated")));
+  EXPECT_EQ(handler->subscriptions().size(), 2u);
+  log.take();
+  executor.runAll();
+
+  const auto all = lines();
+  ASSERT_EQ(all.size(), 7u);
+  EXPECT_EQ(all[0], debugLine("NotifyService unsubscribing"));
+  EXPECT_THAT(std::vector(all.begin() + 1, all.begin() + 3),
+              ::testing::UnorderedElementsAre(debugLine("behavior connectionIsInvalid: unsubscribing from n"),
+                                              debugLine("behavior connectionIsInvalid: unsubscribing from m")));
+  EXPECT_EQ(all[3], debugLine("NotifyService unpublishing"));
+  // The error goes to the one subscriber that is left, who drops it.
+  EXPECT_EQ(all[4], debugLine("updateWithError: n"));
+  EXPECT_EQ(all[5], debugLine("SubscriberBehavior:updateWithError: n"));
+  EXPECT_EQ(all[6], debugLine("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected(8)"));
+
+  EXPECT_TRUE(handler->subscriptions().empty());
+  EXPECT_TRUE(handler->publishedItems().empty());
+  EXPECT_THAT(receivedBy(other), IsEmpty());
+  EXPECT_EQ(entry("n"), item);
+  EXPECT_EQ(item->delegate(), nullptr);
+  EXPECT_EQ(item->data(), number(1));
+  EXPECT_EQ(item->subscribers()->count(), 1u);
+  EXPECT_TRUE(entry("m")->subscribers()->empty());
+}
+
+TEST_F(NotificationHandler, TheNextPublisherReachesTheSubscribersOfALostOne) {
+  mustSubscribe(other, "n");
+  mustPublish(one, "n", 1);
+  one.die();
+  executor.runAll();
+  NotifyClient next(executor);
+  other.take();
+  const auto id = publish(next, "n", number(2));
+  executor.runAll();
+  EXPECT_FALSE(publishError(next, id));
+  EXPECT_THAT(receivedBy(other), ElementsAre("update n {\"number\": 2}"));
+}
+
+TEST_F(NotificationHandler, QueuedRequestsOfAGoneClientStillRunBeforeItsCleanUp) {
+  const auto handler = one.handler();
+  publish(one, "n", number(1));
+  subscribe(one, "m");
+  one.die();
+  executor.runAll();
+  ASSERT_NE(entry("n"), nullptr);
+  EXPECT_EQ(entry("n")->delegate(), nullptr);
+  EXPECT_EQ(entry("n")->data(), number(1));
+  EXPECT_TRUE(entry("m")->subscribers()->empty());
+  EXPECT_TRUE(handler->publishedItems().empty());
+  EXPECT_TRUE(handler->subscriptions().empty());
+}
+
+TEST_F(NotificationHandler, ASubscriberThatIsGoneHoldsUpNobody) {
+  mustPublish(one, "n", 1);
+  mustSubscribe(other, "n");
+  NotifyClient third(executor);
+  subscribe(third, "n");
+  executor.runAll();
+  third.take();
+  log.take();
+  // The update runs after the connection is gone and before its clean-up does.
+  update(one, "n", number(2));
+  other.die();
+  executor.runAll();
+  EXPECT_THAT(receivedBy(third), ElementsAre("update n {\"number\": 2}"));
+  EXPECT_THAT(lines(), ::testing::Contains(errorLine("behavior updateWithData: connection is nil")));
+  EXPECT_EQ(entry("n")->subscribers()->count(), 1u);
+}
+
+TEST_F(NotificationHandler, IsFreedOnceConnectionAndQueueHaveLetGo) {
+  mustPublish(one, "n", 1);
+  const std::weak_ptr<KLNNotificationHandler> handler = one.handler();
+  const std::weak_ptr<xpc::Connection> connection = one.connection();
+  EXPECT_FALSE(handler.expired());
+  one.die();
+  EXPECT_TRUE(connection.expired());
+  EXPECT_FALSE(handler.expired());
+  executor.runAll();
+  EXPECT_TRUE(handler.expired());
+}
+
+TEST_F(NotificationHandler, DoesNotHoldItsConnection) {
+  const auto handler = std::make_shared<KLNNotificationHandler>();
+  FakeClient client(executor);
+  handler->setXpcConnection(client.connection());
+  EXPECT_EQ(handler->xpcConnection(), client.connection());
+  client.die();
+  EXPECT_EQ(handler->xpcConnection(), nullptr);
+}
+
+TEST_F(NotificationHandler, AsksForTheDefaultServiceAnewOnEachRequest) {
+  const auto next = std::make_shared<KLNNotificationService>(executor);
+  mustPublish(one, "n", 1);
+  const KLNNotificationService::Override nextService(next);
+  publish(one, "m", number(1));
+  executor.runAll();
+  EXPECT_EQ(next->published().count("m"), 1u);
+  EXPECT_EQ(service->published().count("m"), 0u);
+}
+
+TEST_F(NotificationHandler, EachConnectionHasItsOwnTables) {
+  mustPublish(one, "n", 1);
+  mustSubscribe(other, "n");
+  EXPECT_TRUE(one.handler()->subscriptions().empty());
+  EXPECT_TRUE(other.handler()->publishedItems().empty());
+}
+
+}  // namespace
+}  // namespace keel

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <limits>
+#include <memory>
+#include <utility>
+
+#include "notify/notify_fixture.h"
+
+namespace keel {
+
+inline constexpr std::uint64_t kAnyFlags = std::numeric_limits<std::uint64_t>::max();
+inline constexpr std::int64_t kAnyValue = std::numeric_limits<std::int64_t>::min();
+
+// A registry, and two clients that call it directly.
+class NotificationService : public NotifyTest {
+ protected:
+  std::shared_ptr<KLNPublishedObject> newItem(Name name, int value, const FakeClient& client) {
+    return service->newPublishedObjectWith(number(value), std::move(name), 0, 0, client.connection());
+  }
+  // Publishes, which must succeed; the item that then stands for the name.
+  std::shared_ptr<KLNPublishedObject> mustPublish(Name name, int value, const FakeClient& client) {
+    auto item = newItem(std::move(name), value, client);
+    EXPECT_TRUE(service->publish(item, nullptr));
+    return item;
+  }
+  std::shared_ptr<KLNPublishedObject> entry(const Name& name) const {
+    const auto found = service->published().find(name);
+    return found == service->published().end() ? nullptr : found->second;
+  }
+
+  FakeClient one{executor, FakeClient::identity(1)};
+  FakeClient other{executor, FakeClient::identity(2)};
+};
+
+}  // namespace keel

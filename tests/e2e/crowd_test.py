@@ -1,0 +1,288 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""Very many connections: at once, one after the other, more than fit, and more than one user may have."""
+
+import os
+import re
+import resource
+import select
+import socket
+
+import keel_host
+from keel_client import HANG_GUARD, Client, Ended
+from keel_host import NOTIFY_PATH, Bystanders, DaemonTest
+
+ALICE, BOB = 1001, 1002
+MANY = 5000
+MEBIBYTE = 1 << 20
+FULL = re.compile(r"no more connections are accepted at .* for now: .*")
+TOO_MANY = re.compile(r".*: too many connections of uid 1001; new ones are turned away")
+
+
+def connect(uid=0):
+    """A connection, made by that user, whose hello has not been looked at."""
+    os.seteuid(uid)
+    try:
+        client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        client.connect(NOTIFY_PATH)
+        return client
+    finally:
+        os.seteuid(0)
+
+
+def readable(sockets):
+    """Those of them on which something has come."""
+    poll = select.poll()
+    for client in sockets:
+        poll.register(client, select.POLLIN)
+    ready = {number for number, _ in poll.poll(0)}
+    return [client for client in sockets if client.fileno() in ready]
+
+
+def wait_readable(client):
+    if not select.select([client], [], [], HANG_GUARD)[0]:
+        raise AssertionError("nothing came")
+
+
+class Crowd(DaemonTest):
+    options = {"log": "default,runtime=debug"}
+
+    def setUp(self):
+        super().setUp()
+        self.bystanders = Bystanders(self)
+        hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+        self.sockets = []
+        self.addCleanup(self.close_all)
+
+    def tearDown(self):
+        self.bystanders.step()
+
+    def close_all(self):
+        while self.sockets:
+            self.sockets.pop().close()
+
+    def test_10000_connections_one_after_the_other_leave_nothing_behind(self):
+        def connect_and_leave(count):
+            for number in range(count):
+                client = Client(greet=number % 2 == 0)
+                if number % 4 == 0:
+                    client.subscribe("weather")
+                if number % 4 == 1:
+                    client.take_hello()
+                client.close()
+
+        self.after_clean_up(lambda: connect_and_leave(1000), 1000)
+        descriptors, memory = self.daemon.descriptor_count(), self.daemon.resident_bytes()
+        self.after_clean_up(lambda: connect_and_leave(9000), 9000)
+        self.bystanders.step()
+        self.assertEqual(self.daemon.descriptor_count(), descriptors)
+        self.assertLess(self.daemon.resident_bytes() - memory, 8 * MEBIBYTE)
+        self.assertEqual(self.client().dump("weather")[0][0]["subscribers"], [])
+
+    def test_thousands_of_idle_connections_are_borne(self):
+        before = self.daemon.resident_bytes()
+        clients = [self.client() for _ in range(MANY)]
+        for _ in range(10):
+            self.bystanders.step()
+        self.assertLess(self.daemon.resident_bytes() - before, MANY * 8192)
+        for client in clients:
+            client.request("subscribeTo:withFlags:andHandler:", "weather", 0)
+        for client in clients:
+            self.assertEqual(client.results(1), [None, None])
+        publisher = self.client()
+        self.assertWorked(publisher.publish({"n": 1}, "weather"))
+        self.assertWorked(publisher.update({"n": 2}, "weather"))
+        for client in clients:
+            items = [client.delivery().item]
+            while items[-1] != {"n": 2}:
+                items.append(client.delivery().item)
+            self.assertIn(items, ([{"n": 1}, {"n": 2}], [None, {"n": 1}, {"n": 2}]))
+        self.assertEqual(len(publisher.dump("weather")[0][0]["subscribers"]), MANY)
+
+        def leave():
+            for client in clients:
+                client.close()
+
+        self.after_clean_up(leave, MANY)
+        self.assertEqual(publisher.dump("weather")[0][0]["subscribers"], [])
+
+    def test_a_crowd_that_comes_while_the_daemon_stands_still_is_served(self):
+        self.daemon.signal(keel_host.signal.SIGSTOP)
+        self.sockets += [connect() for _ in range(1000)]
+        self.daemon.signal(keel_host.signal.SIGCONT)
+        for client in self.sockets:
+            wait_readable(client)
+            self.assertTrue(client.recv(4))
+
+
+class Full(Crowd):
+    """With few descriptors: what goes beyond waits until there is room, and is not refused."""
+
+    options = {"log": "default,runtime=debug", "descriptors": 1200}
+
+    def fill(self):
+        """Connects until the daemon says that it takes no more. Those that were let in, and those that wait."""
+        before = len(self.daemon.logged(FULL))
+        while len(self.daemon.logged(FULL)) == before:
+            self.sockets.append(connect())
+            self.assertLess(len(self.sockets), 2400, "never full")
+            self.bystanders.step()
+        self.sockets += [connect() for _ in range(50)]
+        for _ in range(10):
+            self.bystanders.step()
+        let_in = readable(self.sockets)
+        return let_in, [client for client in self.sockets if client not in let_in]
+
+    def test_existing_clients_are_served_and_others_wait(self):
+        existing = self.client()
+        let_in, waiting = self.fill()
+        self.assertGreater(len(let_in), 100)
+        self.assertGreaterEqual(len(waiting), 50)
+        self.assertLess(self.daemon.descriptor_count(), 1200 - 32)
+        self.assertWorked(existing.publish({"n": 1}, "weather"))
+        self.assertWorked(existing.subscribe("weather"))
+        self.assertEqual(existing.delivery().item, {"n": 1})
+        for _ in range(20):
+            self.bystanders.step()
+        self.assertEqual(len(self.daemon.logged(FULL, "error", "runtime")), 1)
+        self.assertEqual(readable(waiting), [])
+
+    def test_those_who_wait_get_in_when_others_leave(self):
+        let_in, waiting = self.fill()
+        for client, successor in list(zip(let_in, waiting))[:10]:
+            client.close()
+            wait_readable(successor)
+            self.assertTrue(successor.recv(4))
+        self.sockets = [client for client in self.sockets if client.fileno() >= 0]
+        self.bystanders.step()
+
+    def test_all_recovers_when_they_have_left(self):
+        for _ in range(3):
+            self.fill()
+            self.close_all()
+            clients = [self.client() for _ in range(100)]
+            for client in clients:
+                self.assertEqual(client.module_table(), {})
+                client.close()
+        self.bystanders.step()
+
+    def test_it_is_logged_once_although_a_few_come_and_go(self):
+        let_in, waiting = self.fill()
+        for client, successor in list(zip(let_in, waiting))[:10]:
+            client.close()
+            wait_readable(successor)
+        for _ in range(10):
+            self.bystanders.step()
+        self.assertEqual(len(self.daemon.logged(FULL)), 1)
+
+    def test_terminate_works_in_a_crowd(self):
+        self.fill()
+        self.assertEqual(self.daemon.stop(), 0)
+        self.daemon = self.start(log="runtime=debug")
+        self.close_all()
+        self.bystanders = Bystanders(self)
+
+
+class VeryFewDescriptors(Full):
+    options = {"log": "default,runtime=debug", "descriptors": 100}
+
+    def fill(self):
+        before = len(self.daemon.logged(FULL))
+        while len(self.daemon.logged(FULL)) == before:
+            self.sockets.append(connect())
+            self.assertLess(len(self.sockets), 200, "never full")
+            self.bystanders.step()
+        self.sockets += [connect() for _ in range(50)]
+        self.bystanders.step()
+        let_in = readable(self.sockets)
+        return let_in, [client for client in self.sockets if client not in let_in]
+
+    def test_existing_clients_are_served_and_others_wait(self):
+        existing = self.client(descriptors=True)
+        let_in, waiting = self.fill()
+        self.assertGreater(len(let_in), 20)
+        # Large values need descriptors too, or do without.
+        for number in range(3):
+            item = {"n": number, "filling": bytes(100000)}
+            self.assertWorked(existing.publish(item, f"weather {number}"))
+            self.assertWorked(existing.subscribe(f"weather {number}"))
+            self.assertEqual(existing.delivery().item, item)
+        self.assertEqual(readable(waiting), [])
+
+    def test_all_recovers_when_they_have_left(self):
+        self.fill()
+        self.close_all()
+        for client in [self.client() for _ in range(20)]:
+            self.assertEqual(client.module_table(), {})
+
+
+class OneUser(Crowd):
+    """A user other than root may have half of the connections."""
+
+    options = {"log": "default,runtime=debug", "descriptors": 1200}
+
+    def fill(self):
+        """Connects as Alice until she is turned away; the connection with that goodbye."""
+        while True:
+            os.seteuid(ALICE)
+            try:
+                client = Client(greet=False)
+            finally:
+                os.seteuid(0)
+            try:
+                client.take_hello()
+                self.sockets.append(client)
+                self.assertLess(len(self.sockets), 1200, "never turned away")
+            except Ended as end:
+                client.close()
+                return end.goodbye
+
+    def test_is_turned_away_beyond_that_and_others_get_in(self):
+        self.assertEqual(self.fill(), f"too many connections of uid {ALICE}")
+        half = len(self.sockets)
+        self.assertEqual(self.fill(), f"too many connections of uid {ALICE}")
+        self.assertEqual(len(self.sockets), half)
+        for uid in (0, BOB):
+            os.seteuid(uid)
+            try:
+                client = self.client()
+            finally:
+                os.seteuid(0)
+            self.assertEqual(client.module_table(), {})
+        self.assertEqual(len(self.daemon.logged(TOO_MANY, "error", "runtime")), 1)
+
+    def test_has_half_of_what_there_is(self):
+        self.fill()
+        half = len(self.sockets)
+        others = 0
+        while not self.daemon.logged(FULL):
+            self.sockets.append(connect())
+            others += 1
+            self.assertLess(others, 2400)
+            self.bystanders.step()
+        # The bystanders are two more; the last that were connected may wait.
+        self.assertLessEqual(abs(half - others), 5)
+
+    def test_gets_in_again_after_leaving(self):
+        self.fill()
+        for client in [self.sockets.pop() for _ in range(10)]:
+            self.after_clean_up(client.close)
+        before = len(self.sockets)
+        self.fill()
+        self.assertEqual(len(self.sockets), before + 10)
+
+
+def load_tests(loader, standard, pattern):
+    """The cases of Crowd itself are not repeated by those that build on it."""
+    del standard, pattern
+    suite = keel_host.unittest.TestSuite()
+    inherited = set(loader.getTestCaseNames(Crowd))
+    for case in (Crowd, Full, VeryFewDescriptors, OneUser):
+        names = [name for name in loader.getTestCaseNames(case) if case is Crowd or name not in inherited]
+        suite.addTests(map(case, names))
+    return suite
+
+
+if __name__ == "__main__":
+    keel_host.main()

@@ -1,0 +1,174 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""What the diagnostic dump tells of names, publishers and followers."""
+
+import os
+import re
+
+import keel_host
+from keel_client import Client, Date, Error
+from keel_host import DaemonTest
+
+
+class Dump(DaemonTest):
+    def setUp(self):
+        super().setUp()
+        self.asker = self.client()
+
+    def entry(self, name, with_data=True):
+        entries, error = self.asker.dump(name, with_data)
+        self.assertIsNone(error)
+        self.assertEqual(len(entries), 1)
+        self.assertEqual(entries[0]["name"], name)
+        return entries[0]
+
+    def assertDateBetween(self, date, earliest, latest):
+        self.assertIsInstance(date, Date)
+        self.assertLessEqual(earliest.seconds, date.seconds)
+        self.assertLessEqual(date.seconds, latest.seconds)
+
+    def now(self):
+        """The daemon's time, asked the daemon."""
+        with Client() as client:
+            client.publish({}, "what time is it")
+            date = client.dump("what time is it")[0][0]["publishDate"]
+            client.remove("what time is it")
+        return date
+
+    def test_of_all_with_nothing_published_is_empty_and_no_error(self):
+        for with_data in (False, True):
+            self.assertEqual(self.asker.dump("_all", with_data), [[], None])
+
+    def test_of_an_unknown_name_is_empty_with_an_error_that_names_it(self):
+        for name in ("weather", "", "_ALL", "_all ", "é"):
+            entries, error = self.asker.dump(name)
+            self.assertEqual((entries, error), ([], Error("KLNErrorDomain", 11, {"NSLocalizedDescription": f"{name} not found"})))
+
+    def test_of_a_null_name_is_not_found(self):
+        entries, error = self.asker.dump(None, True)
+        self.assertEqual(entries, [])
+        self.assertError(error, 11, "(null) not found")
+
+    def test_of_a_published_name(self):
+        earliest = self.now()
+        publisher = self.client()
+        publisher.publish({"n": 1}, "weather")
+        entry = self.entry("weather")
+        self.assertEqual(list(entry), ["name", "publisher", "publishDate", "subscribers", "publishedData"])
+        self.assertRegex(entry["publisher"], rf"\A<connection \d+ pid {os.getpid()} \(python3\) uid 0 session -?\d+>\Z")
+        self.assertDateBetween(entry["publishDate"], earliest, self.now())
+        self.assertEqual(entry["subscribers"], [])
+        self.assertEqual(entry["publishedData"], {"n": 1})
+
+    def test_without_data_leaves_the_data_out(self):
+        publisher = self.client()
+        publisher.publish({"n": 1}, "weather")
+        self.asker.subscribe("hoped for")
+        for name in ("weather", "hoped for"):
+            self.assertNotIn("publishedData", self.entry(name, with_data=False))
+        for entry in self.asker.dump("_all", False)[0]:
+            self.assertNotIn("publishedData", entry)
+
+    def test_of_a_name_that_is_only_followed_has_placeholders(self):
+        follower = self.client()
+        follower.subscribe("weather")
+        entry = self.entry("weather")
+        self.assertEqual(entry["publisher"], "<unconnected>")
+        self.assertEqual(entry["publishDate"], "<never published>")
+        self.assertEqual(entry["publishedData"], "<no data>")
+        self.assertEqual(len(entry["subscribers"]), 1)
+        self.assertEqual(list(entry["subscribers"][0]), ["subscriber", "updateDate"])
+        self.assertEqual(entry["subscribers"][0]["updateDate"], "<never updated>")
+        self.assertRegex(entry["subscribers"][0]["subscriber"], r"\A<connection \d+ pid \d+ \(.*\) uid 0 session -?\d+>\Z")
+
+    def test_of_followers_tells_when_each_was_sent_something(self):
+        followers = [self.client() for _ in range(3)]
+        for follower in followers:
+            follower.subscribe("weather")
+        for follower in followers[1:]:
+            follower.delivery()  # null: the name was known, but had no data
+        dates = [entry["updateDate"] for entry in self.entry("weather")["subscribers"]]
+        self.assertEqual(dates.count("<never updated>"), 1)
+        earliest = self.now()
+        publisher = self.client()
+        publisher.publish({}, "weather")
+        entry = self.entry("weather")
+        latest = self.now()
+        self.assertEqual(len({follower["subscriber"] for follower in entry["subscribers"]}), 3)
+        for follower in entry["subscribers"]:
+            self.assertDateBetween(follower["updateDate"], earliest, latest)
+
+    def test_changes_no_date(self):
+        follower = self.client()
+        follower.publish({}, "weather")
+        follower.subscribe("weather")
+        follower.delivery()
+        self.assertEqual(self.entry("weather"), self.entry("weather"))
+
+    def test_of_a_withdrawn_name_with_followers_keeps_data_date_and_publisher(self):
+        publisher = self.client()
+        self.asker.subscribe("weather")
+        publisher.publish({"n": 1}, "weather")
+        before = self.entry("weather")
+        publisher.remove("weather")
+        # The connection that published it last is still there.
+        self.assertEqual(self.entry("weather"), before)
+
+    def test_of_a_name_whose_publisher_has_gone(self):
+        publisher = self.client()
+        publisher.publish({"n": 1}, "weather")
+        date = self.entry("weather")["publishDate"]
+        self.end_of(publisher)
+        entry = self.entry("weather")
+        self.assertEqual(entry["publisher"], "<unconnected>")
+        self.assertEqual(entry["publishDate"], date)
+        self.assertEqual(entry["publishedData"], {"n": 1})
+        successor = self.client()
+        successor.publish(None, "weather")
+        entry = self.entry("weather")
+        self.assertNotEqual(entry["publisher"], "<unconnected>")
+        self.assertGreater(entry["publishDate"].seconds, date.seconds)
+        self.assertEqual(entry["publishedData"], "<no data>")
+
+    def test_of_all_tells_of_each_name_once(self):
+        publisher = self.client()
+        names = {f"name {number}" for number in range(500)} | {"", "\0", "é", "e\u0301", "<no data>"}
+        for name in names:
+            self.assertWorked(publisher.publish({"of": name}, name))
+        entries, error = self.asker.dump("_all", True)
+        self.assertIsNone(error)
+        self.assertEqual(len(entries), len(names))
+        self.assertEqual({entry["name"]: entry["publishedData"] for entry in entries}, {name: {"of": name} for name in names})
+
+    def test_an_item_of_the_name_that_means_all_is_among_all(self):
+        publisher = self.client()
+        publisher.publish({}, "_all")
+        publisher.publish({}, "weather")
+        self.assertEqual({entry["name"] for entry in self.asker.dump("_all")[0]}, {"_all", "weather"})
+
+    def test_texts_of_connections_are_stable_and_differ(self):
+        clients = [self.client() for _ in range(3)]
+        for number, client in enumerate(clients):
+            client.publish({}, f"name {number}")
+        texts = [self.entry(f"name {number}")["publisher"] for number in range(3)]
+        self.assertEqual(len(set(texts)), 3)
+        clients[0].update({}, "name 0")
+        self.assertEqual(self.entry("name 0")["publisher"], texts[0])
+        numbers = [int(re.match(r"<connection (\d+) ", text).group(1)) for text in texts]
+        self.assertEqual(numbers, sorted(numbers))
+
+    def test_stands_in_line_with_the_requests_of_its_connection(self):
+        identifiers = []
+        for number in range(50):
+            identifiers.append(self.asker.request("publishItem:name:flags:value:withHandler:", {"n": number}, f"name {number}", 0, 0))
+            identifiers.append(self.asker.request("dumpNotification:withData:andHandler:", "_all", False))
+        for number, identifier in enumerate(identifiers):
+            results = self.asker.results(identifier)
+            if number % 2:
+                self.assertEqual(len(results[0]), number // 2 + 1)
+        answered = [message.fields[1] for message in self.asker.history if message.kind == 3]
+        self.assertEqual(answered, identifiers)
+
+
+if __name__ == "__main__":
+    keel_host.main()

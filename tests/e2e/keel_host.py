@@ -1,0 +1,492 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What the end-to-end tests stand on: the real daemon at its real paths on a private host (scripts/private-host), watched.
+
+A test program is called with the path of keeld, and of keelctl if it needs that one. Nothing here waits for time to pass: every
+wait is for an event, and its limit only ends a test that hangs.
+"""
+
+import fcntl
+import os
+import pickle
+import re
+import resource
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import threading
+import traceback
+import unittest
+from typing import NamedTuple
+
+from keel_client import DIRECTORY, HANG_GUARD, NOTIFY, Client
+
+LOCK_DIRECTORY = "/private/var/keeld"
+NOTIFY_PATH = f"{DIRECTORY}/{NOTIFY}"
+LOG_LINE = re.compile(r"\d\d:\d\d:\d\d\.\d{3} (debug|default|error|fault) (\w+): (.*)")
+SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: \w+Sanitizer|runtime error: ")
+SHOWN_LOG_LINES = 40
+INVALIDATED = re.compile(r"Dispatcher: connection from \d+ is invalidated")
+
+keeld = ""
+keelctl = ""
+
+
+class LogLine(NamedTuple):
+    level: str
+    category: str
+    text: str
+
+
+class Daemon:
+    """A running keeld. What it writes to standard error is in `lines`; what of that is log in `log`.
+
+    log          the value of KEELD_LOG; None: not set
+    sockets      listening sockets that it is handed, by service name
+    descriptors  its limit of descriptors
+    journal      standard error is the journal, as far as it can tell
+    ready        wait until it says that it is; needs the debug level of the category runtime
+    """
+
+    def __init__(self, *, log="debug", environment=None, arguments=None, sockets=None, descriptors=None, before_exec=None,
+                 journal=False, stderr=None, ready=True):
+        variables = {name: value for name, value in os.environ.items() if not name.startswith(("KEELD_", "LISTEN_", "JOURNAL_"))}
+        variables["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=8"
+        if log is not None:
+            variables["KEELD_LOG"] = log
+        variables.update(environment or {})
+
+        # Only the process itself knows its id, and the device of its standard error.
+        wrapper, handed = "", list((sockets or {}).values())
+        if sockets:
+            variables.update(LISTEN_FDS=str(len(handed)), LISTEN_FDNAMES=":".join(sockets))
+            wrapper += "export LISTEN_PID=$$; "
+        if journal:
+            wrapper += "export JOURNAL_STREAM=$(stat -L -c %d:%i /proc/self/fd/2); "
+
+        def prepare():
+            # Out of one another's way first: a number that is wanted for one may be in use by another.
+            copies = [fcntl.fcntl(handed_socket.fileno(), fcntl.F_DUPFD_CLOEXEC, 100) for handed_socket in handed]
+            for number, copy in enumerate(copies, start=3):
+                os.dup2(copy, number)
+            if descriptors:
+                resource.setrlimit(resource.RLIMIT_NOFILE, (descriptors, descriptors))
+            if before_exec:
+                before_exec()
+
+        self.expected_status = 0  # at the end of the test
+        self.lines = []
+        self.log = []
+        self._changed = threading.Condition()
+        self._ended = False
+        command = arguments or [keeld]
+        self._process = subprocess.Popen(
+            ["/bin/sh", "-c", wrapper + 'exec "$@"', "sh", *command] if wrapper else command,
+            executable=None if wrapper else keeld,
+            env=variables,
+            stdin=subprocess.DEVNULL,
+            stderr=subprocess.PIPE if stderr is None else stderr,
+            preexec_fn=prepare,
+            pass_fds=range(3, 3 + len(handed)),
+        )
+        self.pid = self._process.pid
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        if stderr is None:
+            self._reader.start()
+        if ready:
+            self.wait_for_log("up and running")
+
+    def _read(self):
+        for line in self._process.stderr:
+            line = line.decode("utf-8", "backslashreplace").rstrip("\n")
+            found = LOG_LINE.fullmatch(line)
+            with self._changed:
+                self.lines.append(line)
+                if found:
+                    self.log.append(LogLine(*found.groups()))
+                self._changed.notify_all()
+        with self._changed:
+            self._ended = True
+            self._changed.notify_all()
+
+    # -- its log
+
+    def logged(self, text, level=None, category=None):
+        """The lines so far whose text is `text` (or matches it, a compiled pattern)."""
+        matches = text.fullmatch if isinstance(text, re.Pattern) else text.__eq__
+        with self._changed:
+            return [
+                line for line in self.log
+                if matches(line.text) and level in (None, line.level) and category in (None, line.category)
+            ]
+
+    def wait_for_log(self, text, count=1, level=None, category=None):
+        """Waits until that many such lines were logged and returns the last of them."""
+        with self._changed:
+            came = self._changed.wait_for(
+                lambda: self._ended or len(self.logged(text, level, category)) >= count, timeout=HANG_GUARD)
+        found = self.logged(text, level, category)
+        if len(found) < count:
+            raise AssertionError(f"not logged: {text!r} {count} times, but {len(found)}" + ("" if came else " (hung)"))
+        return found[count - 1]
+
+    # -- its process
+
+    def signal(self, number):
+        os.kill(self.pid, number)
+
+    def wait(self):
+        """Its exit status (negative: the signal it died of), when it has ended and all it wrote was read."""
+        status = self._process.wait(timeout=HANG_GUARD)
+        if self._process.stderr:
+            self._reader.join(timeout=HANG_GUARD)
+        return status
+
+    def stop(self):
+        """Ends it in good order, unless it has ended. Returns its exit status."""
+        if self._process.poll() is None:
+            self.signal(signal.SIGTERM)
+        try:
+            return self.wait()
+        except subprocess.TimeoutExpired:
+            self._process.kill()
+            self.wait()
+            raise AssertionError("the daemon did not end at SIGTERM") from None
+
+    def kill(self):
+        self.expected_status = -signal.SIGKILL
+        self._process.kill()
+        self.wait()
+
+    @property
+    def running(self):
+        return self._process.poll() is None
+
+    def resident_bytes(self):
+        with open(f"/proc/{self.pid}/status") as status:
+            return next(int(line.split()[1]) << 10 for line in status if line.startswith("VmRSS"))
+
+    def descriptor_count(self):
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def sanitizer_report(self):
+        with self._changed:
+            first = next((place for place, line in enumerate(self.lines) if SANITIZER_REPORT.search(line)), None)
+            return "" if first is None else "\n".join(self.lines[first:])
+
+
+def under(sanitizer):
+    """Whether keeld was built with that sanitizer: "asan" or "tsan"."""
+    with open(keeld, "rb") as program:
+        return f"__{sanitizer}_init".encode() in program.read()
+
+
+def remove(path):
+    if os.path.isdir(path) and not os.path.islink(path):
+        shutil.rmtree(path)
+    elif os.path.lexists(path):
+        os.unlink(path)
+
+
+def listening_socket(path):
+    """A socket as a service manager makes it. Clients can connect before anybody accepts."""
+    remove(path)
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    listener.bind(path)
+    listener.listen(4096)
+    return listener
+
+
+class Journal:
+    """Stands where journald listens. Entries are dictionaries of the fields."""
+
+    PATH = "/run/systemd/journal/socket"
+
+    def __init__(self):
+        os.makedirs(os.path.dirname(self.PATH), exist_ok=True)
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.socket.bind(self.PATH)
+        self.socket.settimeout(HANG_GUARD)
+
+    def next(self):
+        entry, fields = self.socket.recv(1 << 20), {}
+        while entry:
+            head, _, entry = entry.partition(b"\n")
+            name, equals, value = head.partition(b"=")
+            if not equals:
+                size = struct.unpack_from("<Q", entry)[0]
+                value, entry = entry[8 : 8 + size], entry[8 + size + 1 :]
+            fields[name.decode()] = value.decode()
+        return fields
+
+    def until(self, message):
+        """All entries up to the one with that text."""
+        entries = [self.next()]
+        while entries[-1].get("MESSAGE") != message:
+            entries.append(self.next())
+        return entries
+
+    def close(self):
+        self.socket.close()
+        os.unlink(self.PATH)
+
+
+class OtherProcess:
+    """A process with clients of its own, as another user or in an audit session of its own. It does what it is told, and lives
+    until it is killed or closed.
+    """
+
+    def __init__(self, uid=0, new_session=False):
+        ours, its = socket.socketpair()
+        self._channel = ours
+        self.pid = os.fork()
+        if self.pid == 0:
+            status = 1
+            try:
+                self._channel = its
+                self._serve(uid, new_session)
+                status = 0
+            except BaseException:
+                traceback.print_exc()
+            finally:
+                os._exit(status)
+        its.close()
+        self._receive()
+
+    def _serve(self, uid, new_session):
+        # The sockets of others must end with those who opened them.
+        number = self._channel.fileno()
+        os.closerange(3, number)
+        os.closerange(number + 1, resource.getrlimit(resource.RLIMIT_NOFILE)[0])
+        if new_session:
+            with open("/proc/self/loginuid", "w") as file:
+                file.write(str(uid))
+        if uid:
+            os.setgroups([])
+            os.setresgid(uid, uid, uid)
+            os.setresuid(uid, uid, uid)
+        clients = []
+        self._send(("result", None))
+        while (told := self._receive(closable=True)) is not None:
+            place, method, arguments, options = told
+            try:
+                if place is None:
+                    found = method(*arguments, **options)
+                    if isinstance(found, Client):
+                        clients.append(found)
+                        found = len(clients) - 1
+                    self._send(("result", found))
+                else:
+                    found = getattr(clients[place], method)
+                    self._send(("result", found(*arguments, **options) if callable(found) else found))
+            except Exception:
+                self._send(("raised", traceback.format_exc()))
+
+    def _send(self, what):
+        data = pickle.dumps(what)
+        self._channel.sendall(struct.pack("<Q", len(data)) + data)
+
+    def _receive(self, closable=False):
+        def read(size):
+            data = bytearray()
+            while len(data) < size:
+                piece = self._channel.recv(size - len(data))
+                if not piece:
+                    break
+                data += piece
+            return data
+
+        head = read(8)
+        if not head and closable:
+            return None
+        data = read(struct.unpack("<Q", head)[0])
+        return pickle.loads(data)
+
+    def _do(self, *what):
+        self._send(what)
+        return self.result()
+
+    def do(self, function, *arguments):
+        """Calls a function over there and returns what it returns."""
+        return self._do(None, function, arguments, {})
+
+    def begin(self, function, *arguments):
+        """The same without waiting; result() does."""
+        self._send((None, function, arguments, {}))
+
+    def result(self):
+        outcome, value = self._receive()
+        if outcome == "raised":
+            raise AssertionError(f"in another process:\n{value}")
+        return value
+
+    def client(self, *arguments, **options):
+        """A Client over there. `options` may name another class or function that makes one as `maker`."""
+        maker = options.pop("maker", Client)
+        return RemoteClient(self, self._do(None, maker, arguments, options))
+
+    def kill(self):
+        if self.pid:
+            os.kill(self.pid, signal.SIGKILL)
+            self._reap()
+
+    def close(self):
+        self._channel.close()
+        if self.pid:
+            self._reap()
+
+    def _reap(self):
+        os.waitpid(self.pid, 0)
+        self.pid = 0
+
+    @property
+    def session(self):
+        with open(f"/proc/{self.pid}/sessionid") as file:
+            return struct.unpack("i", struct.pack("I", int(file.read())))[0]
+
+
+class RemoteClient:
+    """A Client in an OtherProcess: every method is called there."""
+
+    def __init__(self, process, place):
+        self._process = process
+        self._place = place
+
+    def __getattr__(self, method):
+        return lambda *arguments, **options: self._process._do(self._place, method, arguments, options)
+
+
+class DaemonTest(unittest.TestCase):
+    """Each case has a daemon of its own, which must be alive and well at the end, and end in good order."""
+
+    options = {}
+    _asker = None
+
+    def setUp(self):
+        self.daemons = []
+        self.daemon = self.start(**self.options)
+
+    def start(self, **options):
+        daemon = Daemon(**options)
+        self.daemons.append(daemon)
+        self.addCleanup(self._finish, daemon)
+        return daemon
+
+    def start_silent(self, **options):
+        """A daemon whose log does not tell when it is ready. Its socket is there before it, so that clients just connect."""
+        listener = listening_socket(NOTIFY_PATH)
+        self.addCleanup(listener.close)
+        return self.start(ready=False, sockets={NOTIFY: listener}, **options)
+
+    def _finish(self, daemon):
+        status = daemon.stop()
+        self.assertEqual(daemon.sanitizer_report(), "")
+        self.assertEqual(status, daemon.expected_status, "the daemon's exit status")
+
+    def client(self, *arguments, **options):
+        client = Client(*arguments, **options)
+        self.addCleanup(client.close)
+        return client
+
+    def wait_for_clean_up(self, count):
+        """Waits until the daemon has cleaned up behind that many connections to the notify service, counted from its start.
+        Needs the debug level of the category runtime.
+        """
+        self.daemon.wait_for_log(INVALIDATED, count)
+        # The clean-up stands in the line of requests before this one.
+        self.asker().dump("")
+
+    def asker(self):
+        """A connection that is kept throughout the test: its end would be counted among those waited for."""
+        if self._asker is None:
+            self._asker = self.client()
+        return self._asker
+
+    def after_clean_up(self, end, count=1):
+        """Calls `end`, which ends `count` connections to the notify service, and waits until that is cleaned up."""
+        before = len(self.daemon.logged(INVALIDATED))
+        end()
+        self.wait_for_clean_up(before + count)
+
+    def end_of(self, client):
+        self.after_clean_up(client.close)
+
+    def process(self, *arguments, **options):
+        process = OtherProcess(*arguments, **options)
+        self.addCleanup(process.close)
+        return process
+
+    def file(self, descriptor):
+        """Has a descriptor closed at the end of the case."""
+        self.addCleanup(os.close, descriptor)
+        return descriptor
+
+    # -- assertions on errors of replies
+
+    def assertWorked(self, error):
+        self.assertIsNone(error)
+
+    def assertError(self, error, code, description=None, domain="KLNErrorDomain"):
+        self.assertIsNotNone(error, "no error")
+        self.assertEqual((error.domain, error.code), (domain, code))
+        self.assertEqual(error.description, description)
+
+    def notes(self):
+        """What to show beside a failure."""
+        for daemon in getattr(self, "daemons", []):
+            yield f"the last of {len(daemon.lines)} lines of keeld, process {daemon.pid}:"
+            yield from (f"    {line[:500]}" for line in daemon.lines[-SHOWN_LOG_LINES:])
+
+
+class Bystanders:
+    """A publisher and a follower who are no part of what a test does, and must be served as if nothing happened."""
+
+    def __init__(self, test, name="bystanders"):
+        self._test = test
+        self._name = name
+        self._number = 0
+        self._publisher = test.client()
+        self._follower = test.client()
+        test.assertWorked(self._publisher.publish({"number": 0}, name))
+        test.assertWorked(self._follower.subscribe(name))
+        self._expect()
+
+    def step(self):
+        """One update, which must arrive next."""
+        self._number += 1
+        self._test.assertWorked(self._publisher.update({"number": self._number}, self._name))
+        self._expect()
+
+    def _expect(self):
+        delivery = self._follower.delivery()
+        self._test.assertEqual(tuple(delivery), (self._name, {"number": self._number}, 0, None))
+
+
+class _Result(unittest.TextTestResult):
+    def _exc_info_to_string(self, err, test):
+        text = super()._exc_info_to_string(err, test)
+        return text + "\n".join(test.notes()) + "\n" if isinstance(test, DaemonTest) else text
+
+
+def skip_or_fail(test, why):
+    """For what this machine does not have. A test that cannot run is a failure where all must run."""
+    if os.environ.get("CI") == "true":
+        test.fail(why)
+    test.skipTest(why)
+
+
+def main():
+    global keeld, keelctl
+    if os.uname().nodename != "private-host" or os.getuid() != 0:
+        sys.exit("this test changes the machine: run it with scripts/private-host")
+    programs = [argument for argument in sys.argv[1:] if argument.startswith("/")]
+    if not programs:
+        sys.exit(f"usage: {sys.argv[0]} KEELD [KEELCTL] [unittest option or case...]")
+    keeld, keelctl = (programs + [""])[:2]
+    os.makedirs("/private/var", exist_ok=True)
+    arguments = [argument for argument in sys.argv[1:] if not argument.startswith("/")]
+    runner = unittest.TextTestRunner(verbosity=2, resultclass=_Result)
+    unittest.main(argv=[sys.argv[0], *arguments], testRunner=runner, verbosity=2)

@@ -1,0 +1,192 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""Where keeld's messages go, which are written, and that nobody who fails to take them holds it up."""
+
+import fcntl
+import os
+import re
+import signal
+
+import keel_host
+from keel_host import DaemonTest, Journal
+
+SHUTTING_DOWN = "signal handler: received SIGTERM, shutting down"
+REFUSED = "NotificationHandler we don't allow duplicate publications name"
+# Each debug request is a message; far more than any queue on the way holds.
+MANY = 20000
+
+
+class LogTest(DaemonTest):
+    def setUp(self):
+        self.daemons = []
+
+    def flood_the_log(self, client, count=MANY):
+        """Makes `count` messages of the debug level, and waits until keeld has come past them."""
+        for start in range(0, count, 1000):
+            for _ in range(start, min(start + 1000, count)):
+                client.unsubscribe("nothing")
+            client.dump("nothing")
+
+
+class Levels(LogTest):
+    def levels_of(self, setting):
+        """What is logged of a refused publication, and of the end, under that setting: the categories and levels."""
+        daemon = self.start_silent(log=setting)
+        client = self.client()
+        client.publish({}, "name")
+        client.publish({}, "name")
+        self.assertEqual(daemon.stop(), 0)
+        return {(line.category, line.level) for line in daemon.log}
+
+    def test_without_a_setting_ordinary_progress_is_not_logged(self):
+        self.assertEqual(self.levels_of(None), {("notification", "error"), ("runtime", "default")})
+
+    def test_one_level_counts_for_all(self):
+        self.assertEqual(self.levels_of("error"), {("notification", "error")})
+        self.assertEqual(self.levels_of("fault"), set())
+        self.assertEqual(
+            self.levels_of("debug"),
+            {("notification", "debug"), ("notification", "error"), ("runtime", "debug"), ("runtime", "default")},
+        )
+
+    def test_a_category_may_have_its_own(self):
+        self.assertEqual(
+            self.levels_of("fault,notification=debug"), {("notification", "debug"), ("notification", "error")})
+
+    def test_what_is_not_understood_is_named_and_the_rest_counts(self):
+        daemon = self.start(log="chatty,runtime=debug,notification=loud")
+        line = daemon.wait_for_log("KEELD_LOG: not understood: chatty,notification=loud")
+        self.assertEqual((line.level, line.category), ("error", "runtime"))
+        self.assertWorked(self.client().publish({}, "name"))
+        self.assertFalse([line for line in daemon.log if line.category == "notification"])
+
+
+class StandardError(LogTest):
+    def test_messages_are_lines_that_cannot_disturb_a_terminal(self):
+        daemon = self.start()
+        client = self.client()
+        client.publish({}, "bell \a, escape \x1b[31m, line\nand nul \0")
+        client.publish({}, "n" * 5000)
+        client.dump("")
+        daemon.stop()
+        for line in daemon.lines:
+            self.assertRegex(line, keel_host.LOG_LINE)
+            self.assertTrue(line.isprintable(), line)
+            self.assertLess(len(line), 1200)
+        self.assertTrue([line for line in daemon.lines if "line\\x0aand" in line or "line\\nand" in line])
+
+    def stuck_daemon(self):
+        """A daemon whose standard error is a pipe that nobody reads, and the end to read from."""
+        reading, writing = os.pipe()
+        self.addCleanup(os.close, reading)
+        fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)
+        daemon = self.start_silent(stderr=writing)
+        os.close(writing)
+        return daemon, reading
+
+    def test_that_nobody_reads_holds_up_nothing(self):
+        daemon, _ = self.stuck_daemon()
+        client = self.client()
+        self.flood_the_log(client)
+        self.assertWorked(client.publish({}, "name"))
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_that_is_read_again_says_how_much_was_lost(self):
+        daemon, reading = self.stuck_daemon()
+        client = self.client()
+        self.flood_the_log(client)
+        text = b""
+        while b"lost" not in text:
+            piece = os.read(reading, 1 << 16)
+            self.assertTrue(piece, "the daemon ended")
+            text += piece
+        lines = text.decode().split("\n")
+        at = next(place for place, line in enumerate(lines) if "lost" in line)
+        lost = re.search(r"\d+", keel_host.LOG_LINE.match(lines[at]).group(3))
+        self.assertGreater(int(lost.group()), 0)
+        self.assertLess(int(lost.group()), 5 * MANY)
+
+    def test_whose_reader_has_gone_does_not_matter(self):
+        reading, writing = os.pipe()
+        daemon = self.start_silent(stderr=writing)
+        os.close(writing)
+        os.close(reading)
+        client = self.client()
+        self.flood_the_log(client, 2000)
+        self.assertWorked(client.publish({}, "name"))
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_that_is_closed_is_no_clients_socket(self):
+        daemon = self.start_silent(before_exec=lambda: os.close(2))
+        clients = [self.client() for _ in range(10)]  # one of their sockets is what standard error would have been
+        for number, client in enumerate(clients):
+            self.assertWorked(client.publish({}, f"name {number}"))
+            self.assertEqual(client.deliveries_so_far(), [])
+        self.assertEqual(daemon.stop(), 0)
+
+
+class InTheJournal(LogTest):
+    def setUp(self):
+        super().setUp()
+        self.journal = Journal()
+        self.addCleanup(self.journal.close)
+
+    def start_in_journal(self):
+        daemon = self.start(journal=True, ready=False)
+        entries = self.journal.until("up and running")
+        return daemon, entries
+
+    def test_a_message_is_an_entry_with_its_fields(self):
+        daemon, entries = self.start_in_journal()
+        for entry in entries:
+            self.assertEqual(
+                {name: entry[name] for name in ("PRIORITY", "SUBSYSTEM", "CATEGORY")},
+                {"PRIORITY": "7", "SUBSYSTEM": "com.vantor.keeld", "CATEGORY": "runtime"},
+            )
+        client = self.client()
+        client.publish({}, "name")
+        client.publish({}, "name")
+        entry = self.journal.until(REFUSED)[-1]
+        self.assertEqual((entry["PRIORITY"], entry["CATEGORY"]), ("3", "notification"))
+        daemon.signal(signal.SIGTERM)
+        entry = self.journal.until(SHUTTING_DOWN)[-1]
+        self.assertEqual((entry["PRIORITY"], entry["CATEGORY"]), ("5", "runtime"))
+        self.assertEqual(daemon.wait(), 0)
+        self.assertEqual(daemon.lines, [])
+
+    def test_texts_arrive_as_they_are(self):
+        self.start_in_journal()
+        name = "line\nand bell \a, é " + "long " * 300
+        self.client().subscribe(name)
+        self.journal.until(f"NotificationHandler we have a subscription request: {name}")
+
+    def test_is_used_only_when_standard_error_is_connected_to_it(self):
+        daemon = self.start(environment={"JOURNAL_STREAM": "1:2"})
+        self.assertTrue(daemon.logged("up and running"))
+
+    def test_a_journal_that_has_stopped_holds_up_nothing(self):
+        daemon, _ = self.start_in_journal()
+        client = self.client()
+        self.flood_the_log(client)
+        self.assertWorked(client.publish({}, "name"))
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_a_journal_that_goes_on_hears_how_much_was_lost(self):
+        self.start_in_journal()
+        self.flood_the_log(self.client())
+        while "lost" not in (entry := self.journal.next())["MESSAGE"]:
+            pass
+        self.assertGreater(int(re.search(r"\d+", entry["MESSAGE"]).group()), 0)
+
+    def test_a_journal_that_has_gone_holds_up_nothing(self):
+        daemon, _ = self.start_in_journal()
+        self.journal.close()
+        client = self.client()
+        self.flood_the_log(client, 2000)
+        self.assertWorked(client.publish({}, "name"))
+        self.assertEqual(daemon.stop(), 0)
+        self.journal = Journal()
+
+
+if __name__ == "__main__":
+    keel_host.main()

@@ -1,0 +1,286 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""Clients that do not read, and users who want too much: they are held up or dropped, and others are not."""
+
+import os
+import re
+import socket
+import struct
+
+import keel_host
+from keel_client import FRAME_LIMIT, IN_FILE_LEAST, REPLY, REQUEST, Client, Ended, InFile, Refused, encode, framed, sealed_file
+from keel_host import NOTIFY_PATH, Bystanders, DaemonTest
+
+MEBIBYTE = 1 << 20
+WAITING_MOST = 64 * MEBIBYTE
+WAITING_MOST_OF_ALL = 512 * MEBIBYTE
+RESERVE = 768  # descriptors that the daemon keeps for itself
+QUOTA = 256 * MEBIBYTE
+TOO_SLOW = re.compile(r"<connection .*> dropped: too slow: (\d+) bytes were waiting")
+GOODBYE_TOO_SLOW = re.compile(r"too slow: (\d+) bytes were waiting")
+ALICE, BOB = 1001, 1002
+
+
+def inline_item(number, size=IN_FILE_LEAST - 100):
+    return {"number": number, "filling": bytes(size)}
+
+
+class PressureTest(DaemonTest):
+    options = {"log": "runtime=debug"}
+
+    def setUp(self):
+        super().setUp()
+        self.bystanders = Bystanders(self)
+        self.publisher = self.client()
+
+    def tearDown(self):
+        self.bystanders.step()
+
+    def deaf_follower(self, name, descriptors=False):
+        """A client that follows a name and reads nothing behind the reply to that."""
+        client = self.client(descriptors=descriptors)
+        self.assertWorked(client.subscribe(name))
+        return client
+
+    def dropped(self):
+        return self.daemon.logged(TOO_SLOW, "error", "runtime")
+
+
+class SlowReaders(PressureTest):
+    def test_one_is_dropped_beyond_64_mebibytes_and_told_so(self):
+        self.assertWorked(self.publisher.publish(inline_item(0), "camera"))
+        slow, quick = self.deaf_follower("camera"), self.client()
+        self.assertWorked(quick.subscribe("camera"))
+        self.assertEqual(quick.delivery().item["number"], 0)
+        before = self.daemon.resident_bytes()
+        number = 0
+        while not self.dropped():
+            number += 1
+            self.assertLess(number, 3 * WAITING_MOST // IN_FILE_LEAST, "never dropped")
+            self.assertWorked(self.publisher.update(inline_item(number), "camera"))
+            self.assertEqual(quick.delivery().item["number"], number)
+            self.bystanders.step()
+        waiting = int(TOO_SLOW.fullmatch(self.dropped()[0].text).group(1))
+        self.assertGreater(waiting, WAITING_MOST)
+        self.assertLess(waiting, WAITING_MOST + 2 * MEBIBYTE)
+        self.assertLess(self.daemon.resident_bytes() - before, 3 * WAITING_MOST)
+        # What it gets in the end is in order and ends with the reason.
+        self.assertEqual(slow.end(), f"too slow: {waiting} bytes were waiting")
+        received = [slow.delivery().item["number"] for _ in range(len(slow._calls))]
+        self.assertEqual(received, list(range(len(received))))
+        self.assertEqual(len(self.dropped()), 1)
+        self.wait_for_clean_up(1)
+        self.assertEqual(len(self.publisher.dump("camera")[0][0]["subscribers"]), 1)
+        self.assertWorked(self.publisher.update(inline_item(-1), "camera"))
+        self.assertEqual(quick.delivery().item["number"], -1)
+
+    def test_one_that_reads_again_in_time_misses_nothing(self):
+        self.assertWorked(self.publisher.publish(inline_item(0), "camera"))
+        slow = self.deaf_follower("camera")
+        count = WAITING_MOST // IN_FILE_LEAST // 2
+        for number in range(1, count):
+            self.assertWorked(self.publisher.update(inline_item(number), "camera"))
+        self.assertEqual([slow.delivery().item["number"] for _ in range(count)], list(range(count)))
+        self.assertFalse(self.dropped())
+
+    def test_together_they_are_dropped_earlier(self):
+        self.assertWorked(self.publisher.publish({}, "camera"))
+        # Far fewer bytes than the bound of each, but more than that of all.
+        slow = [self.deaf_follower("camera") for _ in range(16)]
+        number = 0
+        while not self.dropped():
+            number += 1
+            self.assertLess(number, WAITING_MOST // IN_FILE_LEAST, "not dropped earlier than alone")
+            self.assertWorked(self.publisher.update(inline_item(number), "camera"))
+            self.bystanders.step()
+        for line in self.dropped():
+            self.assertLess(int(TOO_SLOW.fullmatch(line.text).group(1)), WAITING_MOST)
+        self.assertGreater(number * IN_FILE_LEAST * len(slow), WAITING_MOST_OF_ALL // 2)
+        # Whoever holds little is served on, and those who were dropped are told why.
+        self.bystanders.step()
+        self.assertWorked(self.publisher.update({"last": True}, "camera"))
+        ended = 0
+        for client in slow:
+            try:
+                while client.delivery().item != {"last": True}:
+                    pass
+            except Ended as end:
+                ended += 1
+                self.assertRegex(end.goodbye, GOODBYE_TOO_SLOW)
+        self.assertEqual(ended, len(self.dropped()))
+
+    def test_one_that_takes_files_costs_no_descriptors_without_end(self):
+        self.assertWorked(self.publisher.publish({}, "camera"))
+        slow = self.deaf_follower("camera", descriptors=True)
+        before = self.daemon.descriptor_count()
+        for number in range(2000):
+            self.assertWorked(self.publisher.update(inline_item(number, IN_FILE_LEAST), "camera"))
+            if self.dropped():
+                break
+            if number % 100 == 0:
+                self.bystanders.step()
+                self.assertLessEqual(self.daemon.descriptor_count() - before, RESERVE)
+        self.assertWorked(self.client().publish({}, "still served"))
+        slow.close()
+        self.wait_for_clean_up(1)
+        self.assertLessEqual(self.daemon.descriptor_count(), before + 3)
+
+
+class RequestersThatDoNotRead(PressureTest):
+    def send_until_held_up(self, client, frames):
+        """Sends frames without reading until the daemon takes no more, although it has had every occasion. How many were sent
+        whole; what is left of the last is sent when it can be.
+        """
+        sent, rest, patience = 0, b"", 0
+        for frame in frames:
+            rest = frame
+            while rest:
+                try:
+                    rest = rest[client.socket.send(rest) :]
+                    patience = 0
+                except BlockingIOError:
+                    # The daemon looks at all connections that have something for it before a bystander is served twice.
+                    patience += 1
+                    if patience > 20:
+                        return sent, rest
+                    self.bystanders.step()
+            sent += 1
+        return sent, b""
+
+    def test_one_is_not_read_any_more_and_gets_all_answers_in_the_end(self):
+        for number in range(200):
+            self.assertWorked(self.publisher.publish({}, f"name {number:0100}"))
+        before = self.daemon.resident_bytes()
+        requester = self.client()
+        requests = (framed(encode([REQUEST, number, 7, ["_all", False]])) for number in range(1, 200001))
+        sent, rest = self.send_until_held_up(requester, requests)
+        self.assertTrue(rest, "never held up")
+        # Every request would be answered with some 40 KB.
+        self.assertLess(self.daemon.resident_bytes() - before, 24 * MEBIBYTE)
+        requester.send_bytes(rest)
+        for number in range(1, sent + 2):
+            self.assertEqual(len(requester.results(number)[0]), 201)
+        self.assertEqual([message.kind for message in requester.history[1:]], [REPLY] * (sent + 1))
+        requester.last_id = sent + 1
+        self.assertEqual(requester.module_table(), {})
+
+    def test_one_that_goes_away_takes_its_answers_along(self):
+        before = self.daemon.resident_bytes()
+        for number in range(200):
+            self.assertWorked(self.publisher.publish({}, f"name {number:0100}"))
+        for _ in range(10):
+            requester = self.client()
+            self.send_until_held_up(requester, (framed(encode([REQUEST, number, 7, ["_all", False]])) for number in range(1, 200001)))
+            self.end_of(requester)
+        self.assertLess(self.daemon.resident_bytes() - before, 32 * MEBIBYTE)
+
+    def test_small_answers_hold_one_up_too(self):
+        requester = self.client()
+        requests = (framed(encode([REQUEST, number, 4, [{}, "unknown"]])) for number in range(1, 2000001))
+        before = self.daemon.resident_bytes()
+        sent, rest = self.send_until_held_up(requester, requests)
+        self.assertTrue(rest, "never held up")
+        self.assertLess(self.daemon.resident_bytes() - before, 24 * MEBIBYTE)
+        requester.send_bytes(rest)
+        for number in range(1, sent + 2):
+            self.assertEqual(requester.results(number)[0].code, 11)
+
+    def test_thousands_of_requests_at_once_are_all_answered(self):
+        client = self.client()
+        count = 20000  # more than may be without an answer
+        client.send_bytes(b"".join(framed(encode([REQUEST, number, 6, []])) for number in range(1, count + 1)))
+        self.assertEqual([client.results(number) for number in range(1, count + 1)], [[{}]] * count)
+
+    def test_a_client_that_never_says_hello_may_not_send_for_ever(self):
+        client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.addCleanup(client.close)
+        client.connect(NOTIFY_PATH)
+        client.sendall(struct.pack("<I", 60000) + bytes(59999))
+        self.bystanders.step()
+
+
+class Quota(PressureTest):
+    """What one user may hold, other than root."""
+
+    def publish_in_file(self, client, name, size, fill=0):
+        content = encode({"picture": bytes([fill]) * (size - 14)})
+        file = sealed_file(content)
+        try:
+            return client.call("publishItem:name:flags:value:withHandler:", InFile(len(content)), name, 0, 0, files=[file])[0]
+        finally:
+            os.close(file)
+
+    def fill(self, client, size, most):
+        """Publishes items of that size until the quota is used up; their number."""
+        for number in range(most + 1):
+            try:
+                self.assertWorked(self.publish_in_file(client, f"item {number}", size))
+            except Refused as refused:
+                self.assertEqual(refused.code, 8, refused.text)
+                return number
+        self.fail("never refused")
+
+    def in_user(self, uid, function, *arguments):
+        return self.process(uid=uid).do(function, *arguments)
+
+    def test_of_data_is_refused_beyond_and_free_again_when_withdrawn(self):
+        alice = as_user(ALICE)
+        self.addCleanup(alice.close)
+        count = self.fill(alice, FRAME_LIMIT, QUOTA // FRAME_LIMIT)
+        self.assertGreaterEqual(count, QUOTA // FRAME_LIMIT - 1)
+        # The connection goes on; small things fit no more, others are free to publish.
+        self.assertEqual(alice.module_table(), {})
+        bob = as_user(BOB)
+        self.addCleanup(bob.close)
+        self.assertWorked(self.publish_in_file(bob, "of bob", FRAME_LIMIT))
+        self.assertWorked(self.publisher.publish({}, "of root"))
+        self.bystanders.step()
+        self.assertWorked(alice.remove("item 0"))
+        self.assertWorked(self.publish_in_file(alice, "another", FRAME_LIMIT))
+        self.assertRaises(Refused, self.publish_in_file, alice, "one more", FRAME_LIMIT)
+        self.assertEqual(alice.dump("one more")[1].code, 11)
+        # Replacing data needs no more than before.
+        self.assertWorked(alice.update({}, "another"))
+
+    def test_counts_all_connections_of_the_user_and_what_they_left_behind(self):
+        alice = as_user(ALICE)
+        self.fill(alice, FRAME_LIMIT, QUOTA // FRAME_LIMIT)
+        self.end_of(alice)
+        again = as_user(ALICE)
+        self.addCleanup(again.close)
+        with self.assertRaises(Refused) as refused:
+            self.publish_in_file(again, "more", FRAME_LIMIT)
+        self.assertEqual(refused.exception.code, 8)
+        self.assertLess(self.daemon.resident_bytes(), 3 * QUOTA)
+
+    def test_of_names_is_refused_beyond(self):
+        alice = as_user(ALICE)
+        self.addCleanup(alice.close)
+        names = 0
+        most = 2 * QUOTA // MEBIBYTE
+        with self.assertRaises(Refused) as refused:
+            for names in range(most):
+                self.assertWorked(alice.subscribe(f"{names:0{MEBIBYTE}}"))
+        self.assertEqual(refused.exception.code, 8)
+        self.assertGreater(names, QUOTA // MEBIBYTE)
+        bob = as_user(BOB)
+        self.addCleanup(bob.close)
+        self.assertWorked(bob.subscribe("x" * MEBIBYTE))
+        self.bystanders.step()
+
+    def test_does_not_bind_root(self):
+        for number in range(QUOTA // FRAME_LIMIT + 2):
+            self.assertWorked(self.publish_in_file(self.publisher, f"item {number}", FRAME_LIMIT))
+
+
+def as_user(uid):
+    """A client of that user in this very process: the kernel notes who one is when connecting."""
+    os.seteuid(uid)
+    try:
+        return Client()
+    finally:
+        os.seteuid(0)
+
+
+if __name__ == "__main__":
+    keel_host.main()

@@ -1,0 +1,358 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""Publishing, updating, withdrawing, following and no longer following, as clients see it."""
+
+import keel_host
+from keel_client import CLIENT_INFO, ONE_WAY, REPLY, UPDATE, Client, Error
+from keel_host import DaemonTest
+
+MOST = (1 << 64) - 1
+
+
+class NotifyTest(DaemonTest):
+    def setUp(self):
+        super().setUp()
+        self.publisher = self.client()
+        self.follower = self.client()
+
+    def assertDelivered(self, client, name, item):
+        delivery = client.delivery()
+        self.assertEqual(tuple(delivery), (name, item, 0, None))
+
+    def assertNothingDelivered(self, client):
+        self.assertEqual(client.deliveries_so_far(), [])
+
+    def entry(self, name, with_data=True):
+        entries, error = self.client().dump(name, with_data)
+        self.assertIsNone(error)
+        self.assertEqual(len(entries), 1)
+        return entries[0]
+
+
+class Publish(NotifyTest):
+    def test_a_new_name_is_published(self):
+        self.assertWorked(self.publisher.publish({"degrees": -3}, "weather"))
+        self.assertEqual(self.entry("weather")["publishedData"], {"degrees": -3})
+
+    def test_a_name_already_published_on_this_connection_is_a_duplicate_without_description(self):
+        self.assertWorked(self.publisher.publish({"kept": True}, "weather"))
+        self.assertEqual(self.publisher.publish({"kept": False}, "weather"), Error("KLNErrorDomain", 9, None))
+        self.assertEqual(self.entry("weather")["publishedData"], {"kept": True})
+
+    def test_a_name_published_on_another_connection_is_a_duplicate_with_description(self):
+        self.assertWorked(self.publisher.publish({"kept": True}, "weather"))
+        self.follower.subscribe("weather")
+        self.assertDelivered(self.follower, "weather", {"kept": True})
+        other = self.client()
+        self.assertError(other.publish({}, "weather"), 9, "the key weather has already been published")
+        self.assertNothingDelivered(self.follower)
+        self.assertEqual(self.entry("weather")["publishedData"], {"kept": True})
+        self.assertWorked(self.publisher.update({"still": "mine"}, "weather"))
+        self.assertEqual(other.update({}, "weather").code, 11)
+
+    def test_a_null_name_is_refused(self):
+        self.assertEqual(self.publisher.publish({}, None), Error("KLNErrorDomain", 12, None))
+        self.assertEqual(self.publisher.publish(None, None), Error("KLNErrorDomain", 12, None))
+        self.assertEqual(self.client().dump(), [[], None])
+
+    def test_an_empty_name_is_a_name(self):
+        self.assertWorked(self.publisher.publish({"of": "nothing"}, ""))
+        self.assertWorked(self.follower.subscribe(""))
+        self.assertDelivered(self.follower, "", {"of": "nothing"})
+
+    def test_a_null_item_is_an_item(self):
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.assertWorked(self.publisher.publish(None, "weather"))
+        self.assertDelivered(self.follower, "weather", None)
+        self.assertEqual(self.entry("weather")["publishedData"], "<no data>")
+        self.assertNotEqual(self.entry("weather")["publishDate"], "<never published>")
+
+    def test_flags_and_value_of_any_content_change_nothing(self):
+        for place, (flags, value) in enumerate([(0, 0), (1, -1), (MOST, (1 << 63) - 1), (1 << 63, -(1 << 63)), (0x5555, 42)]):
+            name = f"name {place}"
+            self.assertWorked(self.publisher.publish({"n": place}, name, flags, value))
+            self.assertWorked(self.follower.subscribe(name, flags))
+            self.assertDelivered(self.follower, name, {"n": place})
+            self.assertWorked(self.publisher.update({"n": -1}, name))
+            self.assertDelivered(self.follower, name, {"n": -1})
+            self.assertEqual(self.client().publish({}, name, flags, value).code, 9)
+            self.assertWorked(self.publisher.remove(name))
+
+    def test_a_withdrawn_name_can_be_published_again(self):
+        for number in range(3):
+            self.assertWorked(self.publisher.publish({"n": number}, "weather"))
+            self.assertWorked(self.publisher.remove("weather"))
+        self.assertWorked(self.client().publish({}, "weather"))
+
+    def test_the_publisher_may_follow_its_own_name_and_hears_before_the_reply(self):
+        self.assertWorked(self.publisher.subscribe("weather"))
+        self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
+        self.assertWorked(self.publisher.update({"n": 2}, "weather"))
+        kinds = [message.kind for message in self.publisher.history[1:]]
+        self.assertEqual(kinds, [REPLY, ONE_WAY, REPLY, ONE_WAY, REPLY])
+        self.assertDelivered(self.publisher, "weather", {"n": 1})
+        self.assertDelivered(self.publisher, "weather", {"n": 2})
+
+
+class Update(NotifyTest):
+    def setUp(self):
+        super().setUp()
+        self.assertWorked(self.publisher.publish({"n": 0}, "weather"))
+
+    def test_reaches_every_follower_in_order(self):
+        followers = [self.client() for _ in range(5)]
+        for follower in followers:
+            self.assertWorked(follower.subscribe("weather"))
+            self.assertDelivered(follower, "weather", {"n": 0})
+        for number in range(1, 101):
+            self.publisher.request("updatePublishedItem:name:withHandler:", {"n": number}, "weather")
+        for follower in followers:
+            for number in range(1, 101):
+                self.assertDelivered(follower, "weather", {"n": number})
+
+    def test_that_changes_nothing_is_delivered_and_dated_all_the_same(self):
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 0})
+        before = self.entry("weather")["publishDate"].seconds
+        for _ in range(2):
+            self.assertWorked(self.publisher.update({"n": 0}, "weather"))
+            self.assertDelivered(self.follower, "weather", {"n": 0})
+        self.assertGreater(self.entry("weather")["publishDate"].seconds, before)
+
+    def test_with_null_is_allowed(self):
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 0})
+        self.assertWorked(self.publisher.update(None, "weather"))
+        self.assertDelivered(self.follower, "weather", None)
+
+    def test_of_a_name_that_another_connection_publishes_is_not_found(self):
+        self.assertEqual(self.follower.update({}, "weather"), Error("KLNErrorDomain", 11, None))
+        self.assertEqual(self.entry("weather")["publishedData"], {"n": 0})
+
+    def test_of_an_unknown_or_null_name_is_not_found(self):
+        self.assertEqual(self.publisher.update({}, "unknown"), Error("KLNErrorDomain", 11, None))
+        self.assertEqual(self.publisher.update({}, None), Error("KLNErrorDomain", 11, None))
+        self.assertEqual(self.client().dump("unknown")[1].code, 11)
+
+    def test_of_a_name_one_only_follows_is_not_found(self):
+        self.assertWorked(self.follower.subscribe("hoped for"))
+        self.assertEqual(self.follower.update({}, "hoped for").code, 11)
+        self.assertEqual(self.entry("hoped for")["publishedData"], "<no data>")
+
+
+class Remove(NotifyTest):
+    def setUp(self):
+        super().setUp()
+        self.assertWorked(self.publisher.publish({"n": 0}, "weather"))
+
+    def test_without_followers_forgets_the_name(self):
+        self.assertWorked(self.publisher.remove("weather"))
+        self.assertEqual(self.client().dump(), [[], None])
+        self.assertEqual(self.publisher.update({}, "weather").code, 11)
+        self.assertEqual(self.publisher.remove("weather").code, 11)
+
+    def test_with_followers_keeps_the_name_and_tells_nobody(self):
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 0})
+        self.assertWorked(self.publisher.remove("weather"))
+        self.assertNothingDelivered(self.follower)
+        self.assertEqual(self.publisher.update({}, "weather").code, 11)
+        late = self.client()
+        self.assertWorked(late.subscribe("weather"))
+        self.assertDelivered(late, "weather", {"n": 0})
+        taker = self.client()
+        self.assertWorked(taker.publish({"n": 1}, "weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 1})
+        self.assertDelivered(late, "weather", {"n": 1})
+
+    def test_of_a_name_of_others_or_of_nobody_is_not_found(self):
+        for name in ("weather", "unknown", None):
+            self.assertEqual(self.follower.remove(name), Error("KLNErrorDomain", 11, None))
+        self.assertEqual(self.entry("weather")["publishedData"], {"n": 0})
+
+    def test_after_the_last_follower_left_forgets_the_name(self):
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.follower.unsubscribe("weather")
+        self.follower.dump("")
+        self.assertWorked(self.publisher.remove("weather"))
+        self.assertEqual(self.client().dump(), [[], None])
+
+
+class Subscribe(NotifyTest):
+    def test_to_a_published_name_is_answered_first_and_then_gets_the_data_once(self):
+        self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 1})
+        self.assertNothingDelivered(self.follower)
+        self.assertEqual([message.kind for message in self.follower.history[1:3]], [REPLY, ONE_WAY])
+
+    def test_to_a_name_of_nobody_hears_nothing_until_it_is_published(self):
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.assertNothingDelivered(self.follower)
+        self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 1})
+
+    def test_to_a_name_without_data_yet_gets_null(self):
+        self.assertWorked(self.follower.subscribe("weather"))
+        other = self.client()
+        self.assertWorked(other.subscribe("weather"))
+        self.assertDelivered(other, "weather", None)
+        self.assertNothingDelivered(self.follower)
+
+    def test_twice_is_a_duplicate_and_the_first_stays(self):
+        self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 1})
+        self.assertEqual(self.follower.subscribe("weather"), Error("KLNErrorDomain", 9, None))
+        self.assertNothingDelivered(self.follower)
+        self.assertWorked(self.publisher.update({"n": 2}, "weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 2})
+        self.assertNothingDelivered(self.follower)
+        self.assertEqual(len(self.entry("weather")["subscribers"]), 1)
+
+    def test_from_two_connections_of_one_process_works_for_both(self):
+        other = self.client()
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.assertWorked(other.subscribe("weather"))
+        self.assertDelivered(other, "weather", None)
+        self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 1})
+        self.assertDelivered(other, "weather", {"n": 1})
+
+    def test_to_null_is_refused(self):
+        self.assertEqual(self.follower.subscribe(None), Error("KLNErrorDomain", 12, None))
+        self.assertEqual(self.client().dump(), [[], None])
+
+    def test_to_a_null_name_is_answered_at_once_also_behind_others(self):
+        first = self.follower.request("subscribeTo:withFlags:andHandler:", "weather", 0)
+        refused = self.follower.request("subscribeTo:withFlags:andHandler:", None, 0)
+        self.assertEqual(self.follower.results(refused)[1].code, 12)
+        self.assertEqual(self.follower.results(first), [None, None])
+
+    def test_to_the_name_that_means_all_in_a_dump_is_a_subscription_to_that_very_name(self):
+        self.assertWorked(self.follower.subscribe("_all"))
+        self.assertWorked(self.publisher.publish({}, "weather"))
+        self.assertNothingDelivered(self.follower)
+        self.assertWorked(self.publisher.publish({"n": 1}, "_all"))
+        self.assertDelivered(self.follower, "_all", {"n": 1})
+
+    def test_by_a_client_that_exports_nothing_works_and_delivers_nothing(self):
+        deaf = self.client(exports=[])
+        self.assertWorked(deaf.subscribe("weather"))
+        self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
+        self.assertNothingDelivered(deaf)
+        self.assertEqual(len(self.entry("weather")["subscribers"]), 1)
+        self.assertWorked(self.publisher.update({"n": 2}, "weather"))
+        self.assertNothingDelivered(deaf)
+
+    def test_the_place_of_the_method_is_that_of_the_clients_hello(self):
+        unusual = self.client(exports=["somethingElse:", CLIENT_INFO, UPDATE])
+        self.assertWorked(unusual.subscribe("weather"))
+        self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
+        self.assertDelivered(unusual, "weather", {"n": 1})
+        self.assertEqual(unusual.history[-1].fields[1], 2)
+
+
+class Unsubscribe(NotifyTest):
+    def test_ends_the_deliveries(self):
+        self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 1})
+        self.follower.unsubscribe("weather")
+        self.assertNothingDelivered(self.follower)
+        self.assertWorked(self.publisher.update({"n": 2}, "weather"))
+        self.assertNothingDelivered(self.follower)
+        self.assertEqual(self.entry("weather")["subscribers"], [])
+
+    def test_of_what_is_not_followed_does_nothing(self):
+        self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
+        other = self.client()
+        self.assertWorked(other.subscribe("weather"))
+        for name in ("weather", "unknown", "", None):
+            self.follower.unsubscribe(name)
+        self.assertNothingDelivered(self.follower)
+        self.assertEqual(len(self.follower.history), 2)  # the hello, and the answer that nothing more would come
+        self.assertWorked(self.publisher.update({"n": 2}, "weather"))
+        self.assertDelivered(other, "weather", {"n": 1})
+        self.assertDelivered(other, "weather", {"n": 2})
+
+    def test_and_following_again_works(self):
+        self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
+        for _ in range(3):
+            self.assertWorked(self.follower.subscribe("weather"))
+            self.assertDelivered(self.follower, "weather", {"n": 1})
+            self.follower.unsubscribe("weather")
+        self.assertNothingDelivered(self.follower)
+
+    def test_leaves_a_name_of_nobody_known(self):
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.follower.unsubscribe("weather")
+        self.follower.dump("")
+        self.assertEqual(self.entry("weather")["subscribers"], [])
+        late = self.client()
+        self.assertWorked(late.subscribe("weather"))
+        self.assertDelivered(late, "weather", None)
+
+
+class TheEndOfAConnection(NotifyTest):
+    def test_of_a_follower_ends_its_subscriptions(self):
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.end_of(self.follower)
+        self.assertEqual(self.entry("weather")["subscribers"], [])
+        self.assertWorked(self.publisher.publish({}, "weather"))
+
+    def test_of_a_publisher_leaves_name_and_data_and_tells_nobody(self):
+        self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 1})
+        self.end_of(self.publisher)
+        self.assertNothingDelivered(self.follower)
+        late = self.client()
+        self.assertWorked(late.subscribe("weather"))
+        self.assertDelivered(late, "weather", {"n": 1})
+        self.assertEqual(late.update({}, "weather").code, 11)
+        self.assertEqual(late.remove("weather").code, 11)
+
+    def test_of_a_publisher_lets_the_next_one_take_over_with_the_followers(self):
+        self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 1})
+        self.end_of(self.publisher)
+        for number in (2, 3):
+            with Client() as publisher:
+                self.assertWorked(publisher.publish({"n": number}, "weather"))
+                self.assertDelivered(self.follower, "weather", {"n": number})
+                self.assertWorked(publisher.update({"n": -number}, "weather"))
+                self.assertDelivered(self.follower, "weather", {"n": -number})
+                self.end_of(publisher)
+        self.assertNothingDelivered(self.follower)
+
+    def test_of_a_publisher_that_follows_itself(self):
+        self.assertWorked(self.publisher.subscribe("weather"))
+        self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
+        self.assertWorked(self.follower.subscribe("weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 1})
+        self.end_of(self.publisher)
+        self.assertNothingDelivered(self.follower)
+        self.assertEqual(len(self.entry("weather")["subscribers"]), 1)
+
+    def test_with_requests_under_way_harms_nobody(self):
+        self.assertWorked(self.follower.subscribe("weather"))
+        for number in range(200):
+            self.publisher.request("publishItem:name:flags:value:withHandler:", {}, f"name {number}", 0, 0)
+        self.end_of(self.publisher)
+        self.assertWorked(self.client().publish({"n": 1}, "weather"))
+        self.assertDelivered(self.follower, "weather", {"n": 1})
+
+
+class SideQuestions(NotifyTest):
+    def test_nobody_is_authenticated_at_first(self):
+        for user, asid in (("root", 0), ("alice", 3), ("", -1), (None, 2147483647), ("alice", -2147483648)):
+            self.assertEqual(self.follower.auth_check(user, asid), [False, None])
+
+    def test_without_modules_their_table_is_empty(self):
+        self.assertEqual(self.follower.module_table(), {})
+
+
+if __name__ == "__main__":
+    keel_host.main()

@@ -1,0 +1,315 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""How keeld starts, what it refuses, and how it ends."""
+
+import os
+import re
+import signal
+import socket
+import stat
+import struct
+
+import keel_host
+from keel_client import DIRECTORY, NOTIFY, Client, Ended
+from keel_host import LOCK_DIRECTORY, NOTIFY_PATH, DaemonTest, listening_socket, remove
+
+USER = 1001
+SHUTTING_DOWN = "signal handler: received SIGTERM, shutting down"
+
+
+class StartTest(DaemonTest):
+    """Without a daemon of its own: each case starts one as it needs it."""
+
+    def setUp(self):
+        self.daemons = []
+        self.addCleanup(os.makedirs, "/private/var", exist_ok=True)
+        self.addCleanup(remove, "/private/var")
+        self.addCleanup(remove, DIRECTORY)
+
+    def failing(self, status, **options):
+        """A daemon that must end by itself, with that status."""
+        daemon = self.start(ready=False, **options)
+        daemon.expected_status = status
+        self.assertEqual(daemon.wait(), status)
+        return daemon
+
+
+class Root(StartTest):
+    def assertRefused(self, **options):
+        daemon = self.failing(1, arguments=["bin/some daemon"], **options)
+        self.assertEqual(
+            daemon.lines,
+            ["bin/some daemon must be executed as root.", "See the man pages for bin/some daemon, su, and sudo."],
+        )
+        self.assertFalse(os.path.lexists(LOCK_DIRECTORY))
+        self.assertFalse(os.path.lexists(NOTIFY_PATH))
+
+    def test_other_users_are_refused(self):
+        self.assertRefused(before_exec=lambda: os.setresuid(USER, USER, USER))
+
+    def test_a_real_user_other_than_root_is_refused_whatever_the_effective_one(self):
+        self.assertRefused(before_exec=lambda: os.setresuid(USER, 0, 0))
+
+    def test_the_effective_user_is_not_looked_at(self):
+        daemon = self.failing(2, before_exec=lambda: os.setresuid(0, USER, USER))
+        self.assertTrue(daemon.logged("Failed to create the lock dir at /private/var/keeld errno = 13"))
+
+
+class LockDirectory(StartTest):
+    def test_is_made(self):
+        self.start()
+        status = os.lstat(LOCK_DIRECTORY)
+        self.assertTrue(stat.S_ISDIR(status.st_mode))
+        self.assertEqual(stat.S_IMODE(status.st_mode), 0o755)
+
+    def test_that_exists_is_left_as_it_is(self):
+        os.mkdir(LOCK_DIRECTORY)
+        os.chmod(LOCK_DIRECTORY, 0o700)
+        self.start()
+        self.assertEqual(stat.S_IMODE(os.lstat(LOCK_DIRECTORY).st_mode), 0o700)
+
+    def test_may_be_a_file(self):
+        with open(LOCK_DIRECTORY, "w") as file:
+            file.write("mine")
+        self.start()
+        with open(LOCK_DIRECTORY) as file:
+            self.assertEqual(file.read(), "mine")
+
+    def test_may_be_a_link_to_nothing(self):
+        os.symlink("/nowhere", LOCK_DIRECTORY)
+        self.start()
+        self.assertEqual(os.readlink(LOCK_DIRECTORY), "/nowhere")
+
+    def assertStartFails(self, number):
+        daemon = self.failing(2)
+        self.assertEqual([line.text for line in daemon.log], [f"Failed to create the lock dir at /private/var/keeld errno = {number}"])
+        self.assertEqual(daemon.log[0][:2], ("error", "runtime"))
+        self.assertFalse(os.path.lexists(NOTIFY_PATH))
+
+    def test_without_its_parent_ends_the_start(self):
+        remove("/private/var")
+        self.assertStartFails(2)
+
+    def test_whose_parent_is_a_file_ends_the_start(self):
+        remove("/private/var")
+        with open("/private/var", "w"):
+            pass
+        self.assertStartFails(20)
+
+
+class Banner(StartTest):
+    def test_is_found_by_whoever_reads_the_process(self):
+        daemon = self.start()
+        with open(f"/proc/{daemon.pid}/mem", "rb", buffering=0) as memory:
+            memory.seek(self.load_address(daemon) + self.section("keel_crash_info"))
+            version, message = struct.unpack("<QQ", memory.read(16))
+            memory.seek(message)
+            text = memory.read(256)
+        self.assertEqual(version, 5)
+        self.assertRegex(text, rb"\A\* Calder Version \d+\.\d+\.\d+ \*\0+\Z")
+
+    @staticmethod
+    def section(name):
+        """The address of a section in the program (ELF, 64 bits)."""
+        with open(keel_host.keeld, "rb") as file:
+            program = file.read()
+        table, size, count, names_at = (
+            struct.unpack_from("<Q", program, 40)[0],
+            *struct.unpack_from("<HHH", program, 58),
+        )
+        headers = [struct.unpack_from("<IIQQQQ", program, table + place * size) for place in range(count)]
+        names = headers[names_at][4]
+        for header in headers:
+            start = names + header[0]
+            if program[start : program.index(b"\0", start)].decode() == name:
+                return header[3]
+        raise AssertionError(f"no section {name}")
+
+    @staticmethod
+    def load_address(daemon):
+        with open(f"/proc/{daemon.pid}/maps") as maps:
+            return int(next(line for line in maps if line.rstrip().endswith(keel_host.keeld)).split("-")[0], 16)
+
+
+class Sockets(StartTest):
+    def test_everybody_may_connect(self):
+        self.start()
+        self.assertEqual(stat.S_IMODE(os.lstat(NOTIFY_PATH).st_mode), 0o666)
+        self.assertEqual(stat.S_IMODE(os.lstat(DIRECTORY).st_mode), 0o755)
+
+    def test_one_left_behind_is_replaced(self):
+        os.mkdir(DIRECTORY)
+        listening_socket(NOTIFY_PATH).close()
+        self.assertTrue(stat.S_ISSOCK(os.lstat(NOTIFY_PATH).st_mode))
+        self.start()
+        self.assertWorked(self.client().publish({}, "name"))
+
+    def test_a_killed_daemon_can_be_started_again_and_knows_nothing(self):
+        first = self.start()
+        old = self.client()
+        self.assertWorked(old.publish({"kept": False}, "name"))
+        first.kill()
+        self.assertIsNone(old.end())
+        self.assertTrue(os.path.lexists(NOTIFY_PATH))
+        self.start()
+        new = self.client()
+        self.assertEqual(new.dump(), [[], None])
+        self.assertWorked(new.publish({}, "name"))
+
+    def test_a_second_daemon_is_refused_and_the_first_unharmed(self):
+        first = self.start()
+        client = self.client()
+        self.assertWorked(client.publish({"of": 1}, "name"))
+        before = os.lstat(NOTIFY_PATH).st_ino
+        second = self.failing(3)
+        line = second.wait_for_log(re.compile(f"cannot serve {re.escape(NOTIFY)}: .*"), level="error", category="runtime")
+        self.assertIn(f"{NOTIFY_PATH} is served by another process already; stop that one first", line.text)
+        self.assertFalse(second.logged("up and running"))
+        self.assertEqual(os.lstat(NOTIFY_PATH).st_ino, before)
+        self.assertWorked(client.update({"of": 2}, "name"))
+        self.assertEqual(len(self.client().dump("name")[0]), 1)
+        self.assertTrue(first.running)
+
+    def test_a_directory_that_others_may_write_is_refused(self):
+        os.mkdir(DIRECTORY)
+        os.chmod(DIRECTORY, 0o777)
+        daemon = self.failing(3)
+        daemon.wait_for_log(re.compile(f".*{DIRECTORY} must belong to uid 0 .*"), level="error")
+
+    def test_a_directory_of_somebody_else_is_refused(self):
+        os.mkdir(DIRECTORY)
+        os.chown(DIRECTORY, USER, USER)
+        daemon = self.failing(3)
+        daemon.wait_for_log(re.compile(f".*{DIRECTORY} must belong to uid 0 .*"), level="error")
+
+
+class SocketActivation(StartTest):
+    PATH = "/run/elsewhere/socket"
+
+    def setUp(self):
+        super().setUp()
+        self.handed = listening_socket(self.PATH)
+        self.addCleanup(self.handed.close)
+        self.addCleanup(remove, os.path.dirname(self.PATH))
+
+    def test_a_socket_that_was_handed_over_is_used_and_left_where_it_is(self):
+        early = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)  # before anybody accepts
+        self.addCleanup(early.close)
+        early.connect(self.PATH)
+        daemon = self.start(sockets={NOTIFY: self.handed})
+        self.assertWorked(self.client(path=self.PATH).publish({}, "name"))
+        self.assertFalse(os.path.lexists(NOTIFY_PATH))
+        self.assertNotEqual(early.recv(4), b"")
+        self.assertEqual(daemon.stop(), 0)
+        self.assertTrue(stat.S_ISSOCK(os.lstat(self.PATH).st_mode))
+        waiting = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)  # for the next daemon
+        self.addCleanup(waiting.close)
+        waiting.connect(self.PATH)
+
+    def test_the_next_daemon_takes_it_over(self):
+        self.assertEqual(self.start(sockets={NOTIFY: self.handed}).stop(), 0)
+        self.start(sockets={NOTIFY: self.handed})
+        self.assertEqual(self.client(path=self.PATH).dump(), [[], None])
+
+    def test_is_found_behind_others(self):
+        other = listening_socket("/run/elsewhere/other")
+        self.addCleanup(other.close)
+        self.start(sockets={"com.vantor.other": other, NOTIFY: self.handed})
+        self.assertWorked(self.client(path=self.PATH).publish({}, "name"))
+
+    def test_a_socket_under_another_name_is_not_taken(self):
+        self.start(sockets={"com.vantor.other": self.handed})
+        self.assertWorked(self.client().publish({}, "name"))
+
+    def test_what_was_meant_for_another_process_is_not_taken(self):
+        self.start(environment={"LISTEN_FDS": "1", "LISTEN_FDNAMES": NOTIFY, "LISTEN_PID": "1"})
+        self.assertWorked(self.client().publish({}, "name"))
+
+
+class Signals(StartTest):
+    def test_the_start_is_logged_in_order(self):
+        daemon = self.start()
+        told = [line.text for line in daemon.log if line.level == "debug" and line.category == "runtime"]
+        self.assertEqual(told[-2:], ["Notify listener created", "up and running"])
+        self.assertEqual([line for line in daemon.log if line.level != "debug"], [])
+
+    def test_hangup_does_nothing(self):
+        daemon = self.start()
+        client = self.client()
+        self.assertWorked(client.publish({}, "name"))
+        for _ in range(3):
+            daemon.signal(signal.SIGHUP)
+        self.assertWorked(client.remove("name"))
+        self.assertTrue(daemon.running)
+        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(
+            [line.text for line in daemon.log if line.category == "runtime"],
+            [
+                "Notify listener created",
+                "up and running",
+                f"New Notification Service Connection received from {os.getpid()}",
+                "NotifyListenerDelgate: Notify service is ready",
+                SHUTTING_DOWN,
+            ],
+        )
+
+    def test_terminate_ends_in_good_order(self):
+        daemon = self.start()
+        client = self.client()
+        self.assertWorked(client.publish({}, "name"))
+        daemon.signal(signal.SIGTERM)
+        client.end()
+        self.assertEqual(daemon.wait(), 0)
+        self.assertEqual(daemon.logged(SHUTTING_DOWN), [("default", "runtime", SHUTTING_DOWN)])
+        self.assertFalse(os.path.lexists(NOTIFY_PATH))
+        self.start()
+
+    def test_terminate_is_heard_from_the_first_moment_on(self):
+        daemon = self.start_silent(log=None)
+        self.client()
+        daemon.signal(signal.SIGTERM)
+        self.assertEqual(daemon.wait(), 0)
+        self.assertEqual([line.text for line in daemon.log], [SHUTTING_DOWN])
+        self.assertEqual(len(daemon.lines), 1)
+
+    def test_terminate_sent_during_the_start_is_not_lost(self):
+        def terminate_ourselves():
+            signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM])
+            os.kill(os.getpid(), signal.SIGTERM)
+
+        daemon = self.start(before_exec=terminate_ourselves, ready=False)
+        self.assertEqual(daemon.wait(), 0)
+        self.assertTrue(daemon.logged(SHUTTING_DOWN))
+
+    def test_terminate_while_clients_flood_it(self):
+        daemon = self.start(log="runtime=debug")
+        listener = self.client()
+        flooders = [self.process() for _ in range(4)]
+        for number, flooder in enumerate(flooders):
+            self.assertWorked(listener.subscribe(f"flood {number}"))
+            flooder.begin(flood, f"flood {number}")
+        seen = set()
+        while len(seen) < len(flooders):
+            seen.add(listener.delivery().name)
+        daemon.signal(signal.SIGTERM)
+        for flooder in flooders:
+            flooder.result()
+        listener.end()
+        self.assertEqual(daemon.wait(), 0)
+        self.assertEqual(len(daemon.logged(SHUTTING_DOWN)), 1)
+        self.assertFalse(os.path.lexists(NOTIFY_PATH))
+
+
+def flood(name):
+    """Updates a name until the daemon ends."""
+    client = Client()
+    try:
+        client.publish({}, name)
+        while True:
+            client.request("updatePublishedItem:name:withHandler:", {"data": b"x" * 1000}, name)
+    except Ended:
+        return 0
+
+
+if __name__ == "__main__":
+    keel_host.main()

@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/model/step.h"
+
+namespace keel::model {
+
+// What the notify service means to its clients, as plainly as it can be said: requests wait in one line; each client has the
+// texts of what it was sent. It knows of no behaviours, no weak references and no indexes.
+class HandlerModel {
+ public:
+  using ClientId = std::size_t;
+
+  // `description` is the text of the connection.
+  ClientId connect(std::string description);
+
+  // Requests, under the number by which the client knows them.
+  void publish(ClientId client, std::uint64_t request, const ModelName& name, std::optional<int> value);
+  void update(ClientId client, std::uint64_t request, const ModelName& name, std::optional<int> value);
+  void remove(ClientId client, std::uint64_t request, const ModelName& name);
+  void subscribe(ClientId client, std::uint64_t request, const ModelName& name);
+  void unsubscribe(ClientId client, const ModelName& name);
+  void dump(ClientId client, std::uint64_t request, const ModelName& name, bool withData);
+  void interrupt(ClientId client);
+  void die(ClientId client);
+
+  // Serves what waits now; what this adds to the line waits for the next turn.
+  void runTurn();
+  bool isIdle() const { return line_.empty(); }
+
+  // What the client was sent since it was last asked.
+  std::vector<std::string> take(ClientId client);
+
+ private:
+  struct Subscription {
+    ClientId client;
+    bool updated = false;
+  };
+  struct Item {
+    std::string name;
+    bool isPublished = false;
+    std::optional<ClientId> owner;
+    std::optional<int> value;
+    bool dated = false;
+    std::vector<std::shared_ptr<Subscription>> subscriptions;
+  };
+  struct Client {
+    std::string description;
+    bool alive = true;
+    int waitingCount = 0;  // requests in the line, which keep its connection
+    std::set<std::string> publications;
+    std::map<std::string, std::shared_ptr<Subscription>> subscriptions;
+    std::vector<std::string> sent;
+  };
+
+  void enqueue(ClientId client, std::function<void()> work);
+  void reply(ClientId client, std::uint64_t request, const std::string& text);
+  bool exists(ClientId client) const { return clients_[client].alive || clients_[client].waitingCount > 0; }
+  std::string connectionText(std::optional<ClientId> client) const;
+
+  void deliver(Item& item, Subscription& subscription);
+  void setData(Item& item, std::optional<int> value);
+  void detach(const std::string& name, const std::shared_ptr<Subscription>& subscription);
+  std::string describe(const Item& item, bool withData) const;
+
+  std::vector<Client> clients_;
+  std::map<std::string, std::shared_ptr<Item>> items_;
+  std::deque<std::function<void()>> line_;
+};
+
+}  // namespace keel::model

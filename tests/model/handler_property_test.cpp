@@ -1,0 +1,198 @@
+// SPDX-License-Identifier: Apache-2.0
+// Several clients, each on a connection of its own with a handler as the listener makes it, send requests over the wire and die
+// at any moment, with work still waiting or not. After each step every client has been sent exactly what the model says, in
+// that order.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <rapidcheck/gtest.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "notify/notification_service.h"
+#include "platform/dispatch/manual_executor.h"
+#include "platform/foundation/value.h"
+#include "tests/model/handler_model.h"
+#include "tests/support/notify_client.h"
+
+namespace keel::model {
+
+enum class Request : std::uint8_t { publish, update, remove, subscribe, unsubscribe, dump, dumpAll, interrupt, die, runTurn };
+
+static std::string textOf(Request kind) {
+  constexpr std::array<const char*, 10> kTexts = {"publish", "update",  "remove",    "subscribe", "unsubscribe",
+                                                  "dump",    "dumpAll", "interrupt", "die",       "runTurn"};
+  return kTexts.at(static_cast<std::size_t>(kind));
+}
+
+namespace {
+
+using protocols::NotifyProxy;
+using testing::FakeClient;
+using testing::NotifyClient;
+using testing::Received;
+
+std::string dateText(const Value& value) {
+  if (value.as<Date>() != nullptr) return "date";
+  const auto* text = value.as<std::string>();
+  return text != nullptr ? *text : "neither date nor text";
+}
+
+std::string entryText(const Value& entry) {
+  std::string subscribers;
+  for (const Value& each : *entry.find("subscribers")->as<Value::List>()) {
+    subscribers += fmt::format("{{{} {}}}", each.textOf("subscriber"), dateText(*each.find("updateDate")));
+  }
+  std::string data;
+  if (const Value* published = entry.find("publishedData")) {
+    data = " " + (published->isMap() ? published->description() : *published->as<std::string>());
+  }
+  return fmt::format("{{{} {} {} [{}]{}}}", entry.textOf("name"), entry.textOf("publisher"),
+                     dateText(*entry.find("publishDate")), subscribers, data);
+}
+
+// The entries of a dump of everything come in any order.
+std::string dumpText(const Array& array) {
+  std::vector<std::string> entries;
+  const Value list = array.value();
+  for (const Value& entry : *list.as<Value::List>()) entries.push_back(entryText(entry));
+  std::ranges::sort(entries, {}, [](const std::string& entry) { return entry.substr(1, entry.find(' ')); });
+  return fmt::format("[{}]", fmt::join(entries, ""));
+}
+
+// One client of the production classes, and its place in the model.
+class ModelClient {
+ public:
+  ModelClient(ManualExecutor& executor, HandlerModel& model)
+      : client_(executor), id_(model.connect(client_.connection()->description())) {}
+
+  HandlerModel::ClientId id() const { return id_; }
+  NotifyClient& client() { return client_; }
+  // Notes how the answer is to be read.
+  template <auto Member, class... Arguments>
+  std::uint64_t request(Arguments... arguments) {
+    texts_.push_back(
+        [](const FakeClient& client, std::uint64_t request) { return textOfResults(*client.resultsOf<Member>(request)); });
+    return client_.request<Member>(std::move(arguments)...);
+  }
+  std::vector<std::string> take() {
+    std::vector<std::string> texts;
+    for (const Received& each : client_.received()) texts.push_back(textOfReceived(each));
+    client_.take();
+    return texts;
+  }
+
+ private:
+  static std::string textOfResults(const std::tuple<Error>& results) { return textOf(std::get<0>(results)); }
+  static std::string textOfResults(const std::tuple<Dictionary, Error>& results) {
+    return (std::get<0>(results).isNull() ? "null " : "a dictionary ") + textOf(std::get<1>(results));
+  }
+  static std::string textOfResults(const std::tuple<Array, Error>& results) {
+    return dumpText(std::get<0>(results)) + " " + textOf(std::get<1>(results));
+  }
+  std::string textOfReceived(const Received& received) const {
+    switch (received.kind) {
+      case Received::Kind::reply:
+        return fmt::format("reply {} {}", received.requestId, texts_.at(received.requestId - 1)(client_, received.requestId));
+      case Received::Kind::update:
+        return updateText(received.name.view(), received.item.value().description()) + (received.flags != 0 ? " flags" : "") +
+               (received.error ? " " + textOf(received.error) : "");
+      case Received::Kind::failure:
+        return "failure";
+      case Received::Kind::goodbye:
+        return "goodbye";
+    }
+    return "?";
+  }
+
+  NotifyClient client_;
+  HandlerModel::ClientId id_;
+  std::vector<std::string (*)(const FakeClient&, std::uint64_t)> texts_;
+};
+
+class World {
+ public:
+  World() {
+    for (std::size_t i = 0; i < kClientCount; ++i) clients_.push_back(std::make_unique<ModelClient>(connections_, model_));
+  }
+
+  void run(const Step<Request>& step) {
+    auto& client = *clients_[step.client];
+    const Name name = toName(step.name);
+    switch (step.kind) {
+      case Request::publish: {
+        const auto flags = static_cast<std::uint64_t>(step.client);
+        const auto id = client.request<&NotifyProxy::publishItem>(toData(step.value), name, flags, std::int64_t{-1});
+        return model_.publish(client.id(), id, step.name, step.value);
+      }
+      case Request::update:
+        return model_.update(client.id(), client.request<&NotifyProxy::updatePublishedItem>(toData(step.value), name),
+                             step.name, step.value);
+      case Request::remove:
+        return model_.remove(client.id(), client.request<&NotifyProxy::removePublishedItemForName>(name), step.name);
+      case Request::subscribe:
+        return model_.subscribe(client.id(), client.request<&NotifyProxy::subscribeTo>(name, std::uint64_t{step.client}),
+                                step.name);
+      case Request::unsubscribe:
+        client.client().tell<&NotifyProxy::unsubscribeFrom>(name);
+        return model_.unsubscribe(client.id(), step.name);
+      case Request::dump:
+        return model_.dump(client.id(), client.request<&NotifyProxy::dumpNotification>(name, step.flag), step.name, step.flag);
+      case Request::dumpAll:
+        return model_.dump(client.id(), client.request<&NotifyProxy::dumpNotification>("_all", step.flag), "_all", step.flag);
+      case Request::interrupt:
+        client.client().sendNonsense();
+        return model_.interrupt(client.id());
+      case Request::die:
+        client.client().die();
+        model_.die(client.id());
+        clients_[step.client] = std::make_unique<ModelClient>(connections_, model_);
+        return;
+      case Request::runTurn:
+        return runTurn();
+    }
+  }
+
+  void runTurn() {
+    executor_.runOne();
+    connections_.runAll();
+    model_.runTurn();
+  }
+  bool isIdle() const { return model_.isIdle(); }
+
+  void compare() {
+    for (const auto& client : clients_) RC_ASSERT(client->take() == model_.take(client->id()));
+  }
+
+ private:
+  ManualExecutor executor_;
+  ManualExecutor connections_;
+  KLNNotificationService::Override service_{std::make_shared<KLNNotificationService>(executor_)};
+  HandlerModel model_;
+  std::vector<std::unique_ptr<ModelClient>> clients_;
+};
+
+RC_GTEST_PROP(Model, HandlersServeTheirClientsAsTheModelSays, ()) {
+  const auto steps = *sequencesOf<Request>({{6, Request::publish},
+                                            {6, Request::update},
+                                            {3, Request::remove},
+                                            {7, Request::subscribe},
+                                            {3, Request::unsubscribe},
+                                            {2, Request::dump},
+                                            {1, Request::dumpAll},
+                                            {1, Request::interrupt},
+                                            {2, Request::die},
+                                            {9, Request::runTurn}});
+  World world;
+  for (const auto& step : steps) {
+    world.run(step);
+    world.compare();
+  }
+  while (!world.isIdle()) world.runTurn();
+  world.run({Request::dumpAll, 0, std::nullopt, std::nullopt, true});
+  world.runTurn();
+  world.compare();
+}
+
+}  // namespace
+}  // namespace keel::model

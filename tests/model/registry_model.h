@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/model/step.h"
+
+namespace keel::model {
+
+// What the registry's operations mean when they are called for clients directly, whoever cleans up after these: nobody does.
+class RegistryModel {
+ public:
+  using ClientId = std::size_t;
+
+  ClientId connect();
+  void die(ClientId client) { clients_[client].alive = false; }
+
+  // Each returns "yes", or "no" with the text of the error, as the operation of the same name.
+  std::string publish(ClientId client, const ModelName& name, std::optional<int> value);
+  std::string publishItem(ClientId client, const ModelName& name, std::optional<int> value);
+  std::string updatePublishedItem(ClientId client, const ModelName& name, std::optional<int> value);
+  std::string removePublishedItemForName(ClientId client, const ModelName& name);
+  std::string subscribe(ClientId client, const ModelName& name);
+  std::string subscribeTo(ClientId client, const ModelName& name);
+  std::string removeSubscriptionForName(ClientId client, const ModelName& name);
+  // The publisher of that item is lost.
+  void losePublisher(const std::string& name);
+
+  void runTurn();
+
+  std::vector<std::string> take(ClientId client);
+  // One text for each entry, in the order of the names.
+  std::vector<std::string> table() const;
+
+ private:
+  struct Subscription {
+    std::string name;
+    ClientId client;
+    bool updated = false;
+  };
+  struct Item {
+    bool recordsSubscribers = true;
+    bool isPublished = false;
+    std::optional<ClientId> owner;
+    std::optional<int> value;
+    bool dated = false;
+    std::vector<std::shared_ptr<Subscription>> subscriptions;
+  };
+  struct Client {
+    bool alive = true;
+    std::vector<std::string> sent;
+  };
+
+  Item* find(const ModelName& name);
+  void setData(Item& item, ClientId owner, std::optional<int> value);
+  void deliver(const Item& item, Subscription& subscription);
+  void attach(const std::shared_ptr<Item>& item, const std::shared_ptr<Subscription>& subscription);
+  Subscription* lastOf(const Item& item, ClientId client);
+
+  std::vector<Client> clients_;
+  std::map<std::string, std::shared_ptr<Item>> items_;
+  std::deque<std::function<void()>> line_;
+};
+
+}  // namespace keel::model
