@@ -17,7 +17,9 @@ Logger& logger() {
 
 }  // namespace
 
-bool KLNListenerDelegate::listenerShouldAcceptNewConnection(xpc::Listener&, const std::shared_ptr<xpc::Connection>&) { return true; }
+bool KLNListenerDelegate::listenerShouldAcceptNewConnection(xpc::Listener&, const std::shared_ptr<xpc::Connection>&) {
+  return true;
+}
 
 bool NotifyListenerDelgate::listenerShouldAcceptNewConnection(xpc::Listener& listener,
                                                               const std::shared_ptr<xpc::Connection>& connection) {

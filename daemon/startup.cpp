@@ -73,15 +73,20 @@ bool isPending(int signal) {
   return ::sigpending(&pending) == 0 && ::sigismember(&pending, signal) == 1;
 }
 
-std::unique_ptr<SignalSource> ignoringSource(int signal, Block handler) {
-  // Setting a signal to be ignored discards one that came during the start; it is sent again.
-  const bool cameEarly = isPending(signal);
+// A signal that is blocked stays pending even when its disposition is to be ignored; but setting it so discards one that is
+// pending already, which is therefore sent again. So this is done once, and early.
+void holdSignal(int signal) {
+  blockSignal(signal);
+  const bool pending = isPending(signal);
   ::signal(signal, SIG_IGN);
+  if (pending) ::kill(::getpid(), signal);
+}
+
+std::unique_ptr<SignalSource> resumedSource(int signal, Block handler) {
   auto source = SignalSource::create(signal);
   if (source) {
     source->setEventHandler(std::move(handler));
     source->resume();
-    if (cameEarly) ::kill(::getpid(), signal);
   }
   return source;
 }
@@ -92,6 +97,11 @@ void requireRoot(const char* programName) {
   if (::getuid() == 0) return;
   std::fprintf(stderr, "%s must be executed as root.\nSee the man pages for %s, su, and sudo.\n", programName, programName);
   std::exit(kExitNotRoot);
+}
+
+void holdSignals() {
+  holdSignal(SIGHUP);
+  holdSignal(SIGTERM);
 }
 
 void startDaemonLogging() {
@@ -116,8 +126,8 @@ void openListeners() {
 }
 
 void installSignalHandling() {
-  process().hangup = ignoringSource(SIGHUP, [] {});
-  process().terminate = ignoringSource(SIGTERM, shutDown);
+  process().hangup = resumedSource(SIGHUP, [] {});
+  process().terminate = resumedSource(SIGTERM, shutDown);
 }
 
 }  // namespace keel

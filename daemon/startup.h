@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-// The steps of the daemon's start, in the order in which main takes them. Each ends the process with the exit code named when it
-// cannot do its part.
+// The steps of the daemon's start, in the order in which main takes them. Each ends the process with the exit code named when
+// it cannot do its part.
 
 namespace keel {
 
@@ -13,16 +13,21 @@ inline constexpr int kExitNoListener = 3;
 // Ends with kExitNotRoot and a message on standard error unless the real user is root.
 void requireRoot(const char* programName);
 
+// Has SIGHUP and SIGTERM wait for their sources from now on, in every thread that is started later: neither ends the process
+// any more, and none is lost. Before any thread exists.
+void holdSignals();
+
 // Starts logging to the journal or standard error; the environment variable KEELD_LOG sets the levels.
 void startDaemonLogging();
 
 // Makes `path`, mode 0755; what exists there already is left as it is. Ends with kExitNoLockDirectory.
 void makeLockDirectory(const char* path);
 
-// Makes the listeners and resumes each before the next is made. Ends with kExitNoListener when a service's socket cannot be had.
+// Makes the listeners and resumes each before the next is made. Ends with kExitNoListener when a service's socket cannot be
+// had.
 void openListeners();
 
-// Has SIGHUP do nothing and SIGTERM end the process in good order. Both must be blocked in every thread (signal_source.h).
+// Has SIGHUP do nothing and SIGTERM end the process in good order, also one that came during the start.
 void installSignalHandling();
 
 }  // namespace keel

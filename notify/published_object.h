@@ -41,7 +41,11 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   const std::shared_ptr<protocols::PublishBehavior>& delegate() const { return delegate_; }
   void setDelegate(std::shared_ptr<protocols::PublishBehavior> delegate) { delegate_ = std::move(delegate); }
   const Dictionary& data() const { return data_; }
-  void setData(Dictionary data) { data_ = std::move(data); }
+  // Data that is replaced is its publisher's no more: whoever reads slowly keeps it at the daemon's expense.
+  void setData(Dictionary data) {
+    if (data_.buffer()) data_.buffer()->chargeTo(MemoryAccount::ofProcess());
+    data_ = std::move(data);
+  }
   // When the behaviour last stored data.
   const std::optional<Date>& lastUpdated() const { return lastUpdated_; }
   void setLastUpdated(std::optional<Date> date) { lastUpdated_ = date; }

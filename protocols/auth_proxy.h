@@ -41,15 +41,15 @@ class AuthProxy {
   virtual void isAuthedASID(std::int32_t asid, xpc::Reply<bool> withHandler) = 0;
 };
 
-using AuthProxyMethods = xpc::MethodTable<
-    xpc::Method<"authServiceCheckWithHandler:", &AuthProxy::authServiceCheckWithHandler>,
-    xpc::Method<"authenticateUser:withPassword:andHandler:", &AuthProxy::authenticateUser>,
-    xpc::Method<"authenticateForUser:using:withHandler:", &AuthProxy::authenticateForUser>,
-    xpc::Method<"authGetDefaultRealm:", &AuthProxy::authGetDefaultRealm>,
-    xpc::Method<"authBasicStartWithHandler:", &AuthProxy::authBasicStartWithHandler>,
-    xpc::Method<"authDigestStartWithHandler:", &AuthProxy::authDigestStartWithHandler>,
-    xpc::Method<"authValidate:andID:withHandler:", &AuthProxy::authValidate>,
-    xpc::Method<"isAuthedASID:withHandler:", &AuthProxy::isAuthedASID>>;
+using AuthProxyMethods =
+    xpc::MethodTable<xpc::Method<"authServiceCheckWithHandler:", &AuthProxy::authServiceCheckWithHandler>,
+                     xpc::Method<"authenticateUser:withPassword:andHandler:", &AuthProxy::authenticateUser>,
+                     xpc::Method<"authenticateForUser:using:withHandler:", &AuthProxy::authenticateForUser>,
+                     xpc::Method<"authGetDefaultRealm:", &AuthProxy::authGetDefaultRealm>,
+                     xpc::Method<"authBasicStartWithHandler:", &AuthProxy::authBasicStartWithHandler>,
+                     xpc::Method<"authDigestStartWithHandler:", &AuthProxy::authDigestStartWithHandler>,
+                     xpc::Method<"authValidate:andID:withHandler:", &AuthProxy::authValidate>,
+                     xpc::Method<"isAuthedASID:withHandler:", &AuthProxy::isAuthedASID>>;
 AuthProxyMethods methodTableOf(const AuthProxy*);
 
 }  // namespace keel::protocols

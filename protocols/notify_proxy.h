@@ -20,14 +20,15 @@ class NotifyProxy {
   // Whether `user` was proved an administrator in that audit session. The error is always null.
   virtual void authCheckForUser(String user, std::int32_t andASID, xpc::Reply<bool, Error> withHandler) = 0;
 
-  // Follows `name`, published or not. The dictionary of the reply is always null; the data arrives through SubscriberProxy, first
-  // right behind the reply when an item of that name exists. Codes 9, 12, 13.
+  // Follows `name`, published or not. The dictionary of the reply is always null; the data arrives through SubscriberProxy,
+  // first right behind the reply when an item of that name exists. Codes 9, 12, 13.
   virtual void subscribeTo(Name name, std::uint64_t withFlags, xpc::Reply<Dictionary, Error> andHandler) = 0;
 
   virtual void unsubscribeFrom(Name name) = 0;
 
   // Publishes `item`, which may be null, under a name that nobody publishes. Codes 9, 12, 13.
-  virtual void publishItem(Dictionary item, Name name, std::uint64_t flags, std::int64_t value, xpc::Reply<Error> withHandler) = 0;
+  virtual void publishItem(Dictionary item, Name name, std::uint64_t flags, std::int64_t value,
+                           xpc::Reply<Error> withHandler) = 0;
 
   // Replaces the data of a name that this connection publishes. Code 11.
   virtual void updatePublishedItem(Dictionary item, Name name, xpc::Reply<Error> withHandler) = 0;
@@ -42,15 +43,15 @@ class NotifyProxy {
   virtual void dumpNotification(Name name, bool withData, xpc::Reply<Array, Error> andHandler) = 0;
 };
 
-using NotifyProxyMethods = xpc::MethodTable<
-    xpc::Method<"authCheckForUser:andASID:withHandler:", &NotifyProxy::authCheckForUser>,
-    xpc::Method<"subscribeTo:withFlags:andHandler:", &NotifyProxy::subscribeTo>,
-    xpc::Method<"unsubscribeFrom:", &NotifyProxy::unsubscribeFrom>,
-    xpc::Method<"publishItem:name:flags:value:withHandler:", &NotifyProxy::publishItem>,
-    xpc::Method<"updatePublishedItem:name:withHandler:", &NotifyProxy::updatePublishedItem>,
-    xpc::Method<"removePublishedItemForName:withHandler:", &NotifyProxy::removePublishedItemForName>,
-    xpc::Method<"getModuleTableWithHandler:", &NotifyProxy::getModuleTableWithHandler>,
-    xpc::Method<"dumpNotification:withData:andHandler:", &NotifyProxy::dumpNotification>>;
+using NotifyProxyMethods =
+    xpc::MethodTable<xpc::Method<"authCheckForUser:andASID:withHandler:", &NotifyProxy::authCheckForUser>,
+                     xpc::Method<"subscribeTo:withFlags:andHandler:", &NotifyProxy::subscribeTo>,
+                     xpc::Method<"unsubscribeFrom:", &NotifyProxy::unsubscribeFrom>,
+                     xpc::Method<"publishItem:name:flags:value:withHandler:", &NotifyProxy::publishItem>,
+                     xpc::Method<"updatePublishedItem:name:withHandler:", &NotifyProxy::updatePublishedItem>,
+                     xpc::Method<"removePublishedItemForName:withHandler:", &NotifyProxy::removePublishedItemForName>,
+                     xpc::Method<"getModuleTableWithHandler:", &NotifyProxy::getModuleTableWithHandler>,
+                     xpc::Method<"dumpNotification:withData:andHandler:", &NotifyProxy::dumpNotification, xpc::Weight::heavy>>;
 NotifyProxyMethods methodTableOf(const NotifyProxy*);
 
 }  // namespace keel::protocols

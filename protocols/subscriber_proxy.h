@@ -24,9 +24,9 @@ class SubscriberProxy {
   virtual void getClientInfoViaHandler(xpc::Reply<Dictionary> handler) = 0;
 };
 
-using SubscriberProxyMethods = xpc::MethodTable<
-    xpc::Method<"updateSubscriptionFor:withItem:flags:error:", &SubscriberProxy::updateSubscriptionFor>,
-    xpc::Method<"getClientInfoViaHandler:", &SubscriberProxy::getClientInfoViaHandler>>;
+using SubscriberProxyMethods =
+    xpc::MethodTable<xpc::Method<"updateSubscriptionFor:withItem:flags:error:", &SubscriberProxy::updateSubscriptionFor>,
+                     xpc::Method<"getClientInfoViaHandler:", &SubscriberProxy::getClientInfoViaHandler>>;
 SubscriberProxyMethods methodTableOf(const SubscriberProxy*);
 
 }  // namespace keel::protocols

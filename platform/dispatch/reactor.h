@@ -78,11 +78,15 @@ class Reactor final : public Executor {
   // From any thread.
   void stop();
   // How many bytes a watcher should read from its descriptor in one turn, at most. Less while turns take long: then somebody
-  // asks for much with few bytes, and everybody else waits until it is done.
+  // asks for much with few bytes, and everybody else waits until it is done. More while there is more to read and turns are
+  // short.
   std::size_t fairReadBytes() const { return fairReadBytes_; }
+  // A watcher read that much, and there may be more.
+  void noteFullRead() { fullRead_ = true; }
   static constexpr std::size_t kMostReadBytes = 256u << 10;
+  static constexpr std::size_t kUsualReadBytes = 32u << 10;
   static constexpr std::size_t kLeastReadBytes = 512;
-  // A turn longer than this halves the bytes, a shorter one doubles them. Nobody notices so short a wait.
+  // A turn longer than this halves the bytes. Nobody notices so short a wait.
   static constexpr std::chrono::milliseconds kLongTurn{2};
 
   // One turn by hand, on the calling thread, which becomes the reactor's. `wait` says whether to wait for something to do.
@@ -116,7 +120,8 @@ class Reactor final : public Executor {
   std::atomic<bool> stopped_{false};
 
   Clock::time_point turnBegan_{};
-  std::size_t fairReadBytes_ = kMostReadBytes;
+  std::size_t fairReadBytes_ = kUsualReadBytes;
+  bool fullRead_ = false;                    // in this turn
   std::vector<Registration> registrations_;  // by descriptor
   TimerList timers_;
   EndOfTurnLists endOfTurn_;

@@ -76,18 +76,28 @@ TEST_F(ReactorTest, ATurnWithNothingToDoDoesNothing) {
   EXPECT_FALSE(turn());
 }
 
-TEST_F(ReactorTest, LongTurnsHalveWhatIsReadAndShortOnesDoubleIt) {
-  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kMostReadBytes);
-  const auto turnOf = [this](Reactor::Clock::duration duration) {
-    reactor_.post([this, duration] { now_ += duration; });
+TEST_F(ReactorTest, LongTurnsHalveWhatIsReadAndFullReadsDoubleIt) {
+  const auto turnOf = [this](Reactor::Clock::duration duration, bool fullRead) {
+    reactor_.post([this, duration, fullRead] {
+      now_ += duration;
+      if (fullRead) reactor_.noteFullRead();
+    });
     turn();
     return reactor_.fairReadBytes();
   };
-  EXPECT_EQ(turnOf(Reactor::kLongTurn), Reactor::kMostReadBytes);
-  EXPECT_EQ(turnOf(Reactor::kLongTurn + milliseconds(1)), Reactor::kMostReadBytes / 2);
-  EXPECT_EQ(turnOf(Reactor::kLongTurn + milliseconds(1)), Reactor::kMostReadBytes / 4);
-  EXPECT_EQ(turnOf(Reactor::kLongTurn), Reactor::kMostReadBytes / 2);
-  for (int i = 0; i < 20; ++i) turnOf(Reactor::kLongTurn + milliseconds(1));
+  const auto kShort = Reactor::kLongTurn;
+  const auto kLong = Reactor::kLongTurn + milliseconds(1);
+  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kUsualReadBytes);
+  EXPECT_EQ(turnOf(kShort, false), Reactor::kUsualReadBytes);
+  EXPECT_EQ(turnOf(kShort, true), Reactor::kUsualReadBytes * 2);
+  EXPECT_EQ(turnOf(kShort, true), Reactor::kUsualReadBytes * 4);
+  EXPECT_EQ(turnOf(kLong, true), Reactor::kUsualReadBytes * 2);
+  EXPECT_EQ(turnOf(kShort, false), Reactor::kUsualReadBytes);
+  EXPECT_EQ(turnOf(kLong, false), Reactor::kUsualReadBytes / 2);
+  EXPECT_EQ(turnOf(kShort, false), Reactor::kUsualReadBytes);
+  for (int i = 0; i < 20; ++i) turnOf(kShort, true);
+  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kMostReadBytes);
+  for (int i = 0; i < 20; ++i) turnOf(kLong, true);
   EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kLeastReadBytes);
 }
 

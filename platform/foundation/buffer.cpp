@@ -42,7 +42,7 @@ BufferRef Buffer::adoptMapping(const std::byte* mapping, std::size_t sizeBytes, 
 }
 
 void Buffer::destroy() noexcept {
-  account_.refund(chargedBytes());
+  account_.load(std::memory_order_relaxed)->refund(chargedBytes());
   if (sealedFile_ >= 0) {
     ::munmap(const_cast<std::byte*>(data_), size_);
     FileDescriptor closing(sealedFile_);
@@ -58,6 +58,11 @@ std::uint64_t Buffer::computeHash() const {
   const std::uint64_t value = computed != 0 ? computed : 1;
   hash_.store(value, std::memory_order_relaxed);
   return value;
+}
+
+void Buffer::chargeTo(MemoryAccount& account) {
+  account.charge(chargedBytes());
+  account_.exchange(&account, std::memory_order_relaxed)->refund(chargedBytes());
 }
 
 std::size_t Buffer::sealedFileCount() {

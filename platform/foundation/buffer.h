@@ -23,11 +23,10 @@ class MemoryAccount {
   static MemoryAccount& ofProcess();
 
   std::size_t bytes() const { return bytes_.load(std::memory_order_relaxed); }
-
- private:
-  friend class Buffer;
   void charge(std::size_t bytes) { bytes_.fetch_add(bytes, std::memory_order_relaxed); }
   void refund(std::size_t bytes) { bytes_.fetch_sub(bytes, std::memory_order_relaxed); }
+
+ private:
   // A cache line of its own: every thread that makes or drops a buffer writes it.
   alignas(64) std::atomic<std::size_t> bytes_{0};
 };
@@ -91,6 +90,10 @@ class Buffer {
     return known != 0 ? known : computeHash();
   }
 
+  // Has another account pay from now on: whoever sent bytes that are no longer current does not answer for those who still hold
+  // them. From one thread at a time.
+  void chargeTo(MemoryAccount& account);
+
   // Bytes held by all living buffers that the process itself pays for, their headers included.
   static std::size_t liveBytes() { return MemoryAccount::ofProcess().bytes(); }
   // How many living buffers own a sealed memory file, and with it a descriptor.
@@ -99,8 +102,8 @@ class Buffer {
  private:
   friend class BufferRef;
   Buffer(const std::byte* data, std::size_t size, int sealedFile, MemoryAccount& account, std::uint32_t surchargeBytes)
-      : data_(data), size_(size), account_(account), surchargeBytes_(surchargeBytes), sealedFile_(sealedFile) {
-    account_.charge(chargedBytes());
+      : data_(data), size_(size), account_(&account), surchargeBytes_(surchargeBytes), sealedFile_(sealedFile) {
+    account.charge(chargedBytes());
   }
   ~Buffer() = default;
   static BufferRef allocate(std::size_t sizeBytes, MemoryAccount& account, std::uint32_t surchargeBytes);
@@ -115,7 +118,7 @@ class Buffer {
   const std::byte* data_;
   std::size_t size_;
   mutable std::atomic<std::uint64_t> hash_{0};
-  MemoryAccount& account_;
+  std::atomic<MemoryAccount*> account_;
   std::atomic<std::uint32_t> references_{1};
   std::uint32_t surchargeBytes_;
   int sealedFile_;

@@ -52,8 +52,7 @@ std::expected<FileDescriptor, std::error_code> sealedMemoryOf(std::span<const st
   return file;
 }
 
-std::expected<BufferRef, std::error_code> openSealedMemory(FileDescriptor file, std::size_t sizeBytes,
-                                                           MemoryAccount& account) {
+std::expected<BufferRef, std::error_code> openSealedMemory(FileDescriptor file, std::size_t sizeBytes, MemoryAccount& account) {
   const int seals = ::fcntl(file.get(), F_GET_SEALS);
   if (seals < 0) return failure(errno);
   if ((seals & kNeededSeals) != kNeededSeals) return failure(EPERM);

@@ -31,13 +31,21 @@ bool Admissions::full() const {
   return count_ >= connectionLimit_;
 }
 
+bool Admissions::hasRoom() const {
+  const std::lock_guard lock(mutex_);
+  return count_ < connectionLimit_ - connectionLimit_ / 10;
+}
+
 Admissions::Refusal Admissions::admit(uid_t uid, std::shared_ptr<void>& admission) {
   const std::lock_guard lock(mutex_);
   if (count_ >= connectionLimit_) return Refusal::full;
-  const auto share = static_cast<std::size_t>(static_cast<double>(connectionLimit_) * limits::kConnectionShareOfOneUser);
-  std::size_t& ofUser = countByUser_[uid];
-  if (uid != 0 && ofUser >= share) return Refusal::tooManyOfUser;
-  ++ofUser;
+  const auto share = [this](double part) { return static_cast<std::size_t>(static_cast<double>(connectionLimit_) * part); };
+  if (uid != 0) {
+    if (count_ >= share(limits::kConnectionShareOfUsers)) return Refusal::tooManyOfUsers;
+    const auto found = countByUser_.find(uid);
+    if (found != countByUser_.end() && found->second >= share(limits::kConnectionShareOfOneUser)) return Refusal::tooManyOfUser;
+  }
+  ++countByUser_[uid];
   ++count_;
   admission = std::shared_ptr<void>(nullptr, [self = shared_from_this(), uid](void*) {
     const std::lock_guard dropping(self->mutex_);

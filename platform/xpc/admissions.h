@@ -16,21 +16,23 @@ namespace keel::xpc {
 // How many connections there may be, in all and of one user, and how many there are. From any thread.
 class Admissions : public std::enable_shared_from_this<Admissions> {
  public:
-  enum class Refusal : std::uint8_t { none, full, tooManyOfUser };
+  enum class Refusal : std::uint8_t { none, full, tooManyOfUser, tooManyOfUsers };
 
   // All connections of this process; the limit follows from RLIMIT_NOFILE at the first call.
   static std::shared_ptr<Admissions> ofProcess();
   explicit Admissions(std::size_t connectionLimit) : connectionLimit_(connectionLimit) {}
 
   bool full() const;
-  // Counts one connection of `uid` in until `admission` is dropped; sets nothing and counts nothing when refused. Root is only
-  // bounded by the total.
+  // Well below the limit: a shortage is over, not merely interrupted.
+  bool hasRoom() const;
+  // Counts one connection of `uid` in until `admission` is dropped; sets nothing and counts nothing when refused. Root is
+  // bounded by the total only; others by their own share of it, and by that of all users.
   Refusal admit(uid_t uid, std::shared_ptr<void>& admission);
 
  private:
   const std::size_t connectionLimit_;
   mutable std::mutex mutex_;
-  std::size_t count_ = 0;                              // under mutex_
+  std::size_t count_ = 0;                               // under mutex_
   std::unordered_map<uid_t, std::size_t> countByUser_;  // under mutex_
 };
 

@@ -19,7 +19,9 @@ bool isOfType(std::span<const std::byte> item, std::uint8_t major) {
   return !item.empty() && std::to_integer<std::uint8_t>(item.front()) >> 5 == major;
 }
 
-std::size_t depthOf(std::uint8_t major) { return limits::kDepth + (major == kArrayType ? limits::kArrayWrapping : 0); }
+std::size_t depthOf(std::uint8_t major) {
+  return limits::kDepth + (major == kArrayType ? limits::kArrayWrapping : 0);
+}
 
 }  // namespace
 
@@ -62,7 +64,7 @@ bool ArgumentReader::sealedItem(std::uint8_t major, BufferRef& item) {
   if (!cbor::validate((*mapped)->bytes(), depthOf(major))) return false;
   // Every mapping holds a descriptor; past a number of them the bytes are copied, so that values cannot use up the table.
   item = Buffer::sealedFileCount() > limits::kSealedFiles ? Buffer::copyOf((*mapped)->bytes(), *quota_.account)
-                                                               : std::move(*mapped);
+                                                          : std::move(*mapped);
   cursor = attempt;
   return true;
 }
@@ -72,7 +74,10 @@ void ArgumentWriter::encodedItem(const BufferRef& item) {
     message.writer().null();
     return;
   }
-  if (takesDescriptors && item->size() >= limits::kSealedMemoryBytes && message.sealedItem(item)) return;
+  const bool large = takesDescriptors && item->size() >= limits::kSealedMemoryBytes;
+  // A file that there is already costs nothing; new ones are made while they are few.
+  const bool affordable = large && (item->sealedFile() >= 0 || Buffer::sealedFileCount() < limits::kSealedFiles);
+  if (affordable && message.sealedItem(item)) return;
   message.item(item);
 }
 

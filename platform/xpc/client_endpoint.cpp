@@ -18,8 +18,9 @@ std::shared_ptr<Connection> clientConnection(FileDescriptor connectedSocket, Rea
   // Who serves is known by the path of the socket, which only the administrator can place; a client has no need to ask further.
   Connection::Options options;
   options.receiveLimitBytes = limits::kFrameBytesFromDaemon;
+  FrameStream::Terms terms{.frameLimitBytes = options.receiveLimitBytes};
   return Connection::create(PeerIdentity(),
-                            std::make_unique<FrameStream>(std::move(connectedSocket), reactor, options.receiveLimitBytes), options);
+                            std::make_unique<FrameStream>(std::move(connectedSocket), reactor, std::move(terms)), options);
 }
 
 }  // namespace keel::xpc

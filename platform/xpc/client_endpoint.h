@@ -10,8 +10,9 @@
 
 namespace keel::xpc {
 
-// The client's end of a new connection to a service, to be configured and resumed; its ready handler tells when calls can be made.
-// Fails with a POSIX error: ENOENT or ECONNREFUSED when nobody serves that name, EACCES, EAGAIN when the service is overloaded.
+// The client's end of a new connection to a service, to be configured and resumed; its ready handler tells when calls can be
+// made. Fails with a POSIX error: ENOENT or ECONNREFUSED when nobody serves that name, EACCES, EAGAIN when the service is
+// overloaded.
 std::expected<std::shared_ptr<Connection>, Error> connectToService(const std::string& directory, const std::string& name,
                                                                    Reactor& reactor);
 

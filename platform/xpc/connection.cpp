@@ -3,6 +3,8 @@
 
 #include <fmt/format.h>
 
+#include <utility>
+
 #include "platform/foundation/value.h"
 #include "platform/xpc/remote_proxy.h"
 
@@ -26,7 +28,8 @@ Error connectionError(ConnectionErrorCode code, std::string_view description) {
                Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), description}})));
 }
 
-std::shared_ptr<Connection> Connection::create(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options) {
+std::shared_ptr<Connection> Connection::create(PeerIdentity peer, std::unique_ptr<Transport> transport,
+                                               const Options& options) {
   return std::shared_ptr<Connection>(new Connection(std::move(peer), std::move(transport), options));
 }
 
@@ -48,7 +51,9 @@ void Connection::resume() {
   transport_->start(*this);
 }
 
-void Connection::invalidate(std::string_view goodbye) { end(goodbye, /*transportIsClosed=*/false); }
+void Connection::invalidate(std::string_view goodbye) {
+  end(goodbye, /*transportIsClosed=*/false);
+}
 
 void Connection::sendHello() {
   OutgoingMessage& message = scratchMessage();
@@ -98,41 +103,44 @@ void Connection::sendReply(std::uint64_t requestId, std::size_t resultCount, Wri
   writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::reply));
   writer.unsignedInteger(requestId);
   writer.array(resultCount);
-  ArgumentWriter arguments{message, peerTakesDescriptors_};
+  // Off the I/O thread nobody knows what the peer has left unread.
+  ArgumentWriter arguments{message, transport_->onIoThread() && takesDescriptors()};
   write(results, arguments);
   if (!message.finish()) {
     return sendFailure(requestId, FailureCode::unsendable,
                        fmt::format("the answer is longer than a frame can be ({} bytes)", limits::kFrameBytesFromDaemon));
   }
-  sendAnswer(message);
+  sendAnswer(requestId, message);
 }
 
 void Connection::sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text) {
   OutgoingMessage& message = scratchMessage();
   writeFailure(message, requestId, code, text);
-  sendAnswer(message);
+  sendAnswer(requestId, message);
 }
 
-void Connection::sendAnswer(OutgoingMessage& message) {
+void Connection::sendAnswer(std::uint64_t requestId, OutgoingMessage& message) {
   if (transport_->onIoThread()) {
     transport_->send(message, EndOfTurn::Urgency::urgent);
-    return requestAnswered();
+    return requestAnswered(requestId);
   }
-  transport_->perform([self = shared_from_this(), moved = std::move(message)] {
+  transport_->perform([self = shared_from_this(), requestId, moved = std::move(message)] {
     self->transport_->send(moved, EndOfTurn::Urgency::urgent);
-    self->requestAnswered();
+    self->requestAnswered(requestId);
   });
 }
 
-void Connection::requestAnswered() {
+void Connection::requestAnswered(std::uint64_t requestId) {
   --unansweredCount_;
+  if (requestId == heavyRequestId_) heavyRequestId_ = 0;
   if (readingPaused_) adjustReading();
 }
 
 void Connection::adjustReading() {
   // Once paused, half of each limit has to be free again: not a pause for every message.
   const std::size_t divisor = readingPaused_ ? 2 : 1;
-  const bool pause = unansweredCount_ > limits::kUnansweredRequests / divisor || queuedBytes_ > limits::kPauseReadingBytes / divisor;
+  const bool pause = unansweredCount_ > limits::kUnansweredRequests / divisor ||
+                     queuedBytes_ > limits::kPauseReadingBytes / divisor || heavyRequestId_ != 0;
   if (pause == readingPaused_ || state_ != State::running) return;
   readingPaused_ = pause;
   transport_->setReading(!pause);
@@ -143,20 +151,26 @@ void Connection::end(std::string_view goodbye, bool transportIsClosed) {
   const std::shared_ptr<Connection> self = shared_from_this();
   state_ = State::ended;
   keptAlive_.reset();
-  admission_.reset();
   if (!transportIsClosed) transport_->close(goodbye);
   auto unanswered = std::exchange(expected_, {});
   const std::string why = farewell_.empty() ? "the connection ended" : "the connection ended: " + farewell_;
   for (auto& [id, expected] : unanswered) {
     reportError(std::move(expected.onError), connectionError(ConnectionErrorCode::invalid, why));
   }
-  runOnQueue([self] {
-    if (self->invalidationHandler_) self->invalidationHandler_();
-    self->invalidationHandler_ = {};
-    self->interruptionHandler_ = {};
-    self->readyHandler_ = {};
-    self->exportedObject_.reset();
-  });
+  if (inHandler_ && !queue_) {
+    // The handler that is running must not be destroyed under its feet.
+    transport_->performLater([self] { self->release(); });
+  } else {
+    runOnQueue([self] { self->release(); });
+  }
+}
+
+void Connection::release() {
+  if (invalidationHandler_) invalidationHandler_();
+  invalidationHandler_ = {};
+  interruptionHandler_ = {};
+  readyHandler_ = {};
+  exportedObject_.reset();
 }
 
 void Connection::runOnQueue(Block block) {

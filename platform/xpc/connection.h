@@ -35,13 +35,15 @@ enum class ConnectionErrorCode : std::int64_t {
   badReply = 4,        // the peer's answer does not fit the method
 };
 
-// One connection between two processes. Each side exports an object for the other to call and calls the other's through a proxy.
+// One connection between two processes. Each side exports an object for the other to call and calls the other's through a
+// proxy.
 //
-// Life: made, configured (interfaces, object, handlers), resumed; from then on the transport's machinery keeps it alive until it
-// is invalidated, by either side. Then the invalidation handler runs once, and the exported object and both handlers are let go.
+// Life: made, configured (interfaces, object, handlers), resumed; from then on the transport's machinery keeps it alive until
+// it is invalidated, by either side. Then the invalidation handler runs once, and the exported object and both handlers are let
+// go.
 //
-// Messages and handlers run on the connection's queue: the I/O thread itself, or the queue given with setQueue(). Replies may be
-// sent from any thread; everything else belongs on the I/O thread.
+// Messages and handlers run on the connection's queue: the I/O thread itself, or the queue given with setQueue(). Replies may
+// be sent from any thread; everything else belongs on the I/O thread.
 class Connection final : public std::enable_shared_from_this<Connection>, public ReplyRoute, private Transport::Receiver {
  public:
   // `options` differ between the daemon's end and a client's.
@@ -80,9 +82,6 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   // Called once, on the I/O thread, when the peer's hello has come and calls can be made.
   void setReadyHandler(Block handler) { readyHandler_ = std::move(handler); }
 
-  // Dropped when the connection ends: its place among those that may be open.
-  void setAdmission(std::shared_ptr<void> admission) { admission_ = std::move(admission); }
-
   void resume();
   // Ends the connection from this side; `goodbye`, unless empty, tells the peer why. Idempotent.
   void invalidate(std::string_view goodbye = {});
@@ -102,7 +101,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   using ReplyReader = std::move_only_function<bool(ArgumentReader& results, std::uint64_t resultCount)>;
   // The number by which the peer knows the method at `place` of `interface`; negative when it has none, or no hello came yet.
   std::int64_t methodNumber(const Interface& interface, std::size_t place) const;
-  bool takesDescriptors() const { return peerTakesDescriptors_; }
+  bool takesDescriptors() const { return peerTakesDescriptors_ && transport_->maySendFiles(); }
   bool isValid() const { return state_ == State::running; }
   void sendOneWay(const OutgoingMessage& message) { transport_->send(message, EndOfTurn::Urgency::normal); }
   // Registers the answer's reader and returns the id to send.
@@ -144,31 +143,35 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   // Answers what cannot be served (`requestId` empty for a one-way message) and tells the interruption handler. Returns false.
   bool refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);
   void interrupted(std::string_view why);
-  void sendAnswer(OutgoingMessage& message);
+  void sendAnswer(std::uint64_t requestId, OutgoingMessage& message);
   // On the I/O thread.
-  void requestAnswered();
+  void requestAnswered(std::uint64_t requestId);
   void adjustReading();
   void protocolViolation(std::string_view what);
   void end(std::string_view goodbye, bool transportIsClosed);
   void runOnQueue(Block block);
+  // Runs the invalidation handler and lets go of everything the connection holds for others.
+  void release();
 
   const std::uint32_t number_;
   std::atomic<State> state_ = State::configured;
   bool helloReceived_ = false;
   bool peerTakesDescriptors_ = false;
   bool interruptionLogged_ = false;
-  bool readingPaused_ = false;
+  std::atomic<bool> readingPaused_ = false;
+  bool inHandler_ = false;  // of the interruption; on the connection's queue
   const Options options_;
   // Requests that were dispatched and not answered yet, and bytes of messages that wait on the queue.
   std::atomic<std::uint32_t> unansweredCount_{0};
   std::atomic<std::size_t> queuedBytes_{0};
+  // The heavy request that waits for its answer; 0: none does.
+  std::atomic<std::uint64_t> heavyRequestId_{0};
   PeerIdentity peer_;
   std::unique_ptr<Transport> transport_;
   std::shared_ptr<SerialQueue> queue_;
   const Interface* exportedInterface_ = nullptr;
   const Interface* remoteInterface_ = nullptr;
   std::shared_ptr<void> exportedObject_;
-  std::shared_ptr<void> admission_;
   Block interruptionHandler_;
   Block invalidationHandler_;
   Block readyHandler_;

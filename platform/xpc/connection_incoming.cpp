@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What comes in on a connection. docs/protocol.md has the rules; in short: what cannot be served is answered with a failure and the
-// connection stays, answers are never answered, and only a peer that does not even begin properly is turned away.
+// What comes in on a connection. docs/protocol.md has the rules; in short: what cannot be served is answered with a failure and
+// the connection stays, answers are never answered, and only a peer that does not even begin properly is turned away.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -25,7 +25,8 @@ using MethodNumbers = std::vector<std::int64_t>;
 // Reads a hello's list of selectors as the numbers of `interface`'s methods. Most peers are alike: a list equal to the last one
 // shares its numbers.
 std::shared_ptr<const MethodNumbers> readMethodNumbers(cbor::Cursor& cursor, const Interface* interface) {
-  const std::span<const std::string_view> wanted = interface != nullptr ? interface->selectors() : std::span<const std::string_view>();
+  const std::span<const std::string_view> wanted =
+      interface != nullptr ? interface->selectors() : std::span<const std::string_view>();
   std::uint64_t count = 0;
   if (!cursor.array(count)) return nullptr;
   MethodNumbers numbers(wanted.size(), -1);
@@ -60,8 +61,11 @@ void Connection::onFrame(std::span<const std::byte> bytes, std::vector<FileDescr
 void Connection::onOversizedFrame(std::size_t sizeBytes, std::span<const std::byte> beginning) {
   if (!helloReceived_) return protocolViolation(fmt::format("a hello of {} bytes is too large", sizeBytes));
   const std::optional<Envelope> envelope = peekEnvelope(beginning);
-  const std::string text = fmt::format("a message of {} bytes is too large; at most {} are taken", sizeBytes, limits::kFrameBytes);
-  if (envelope && envelope->kind != MessageKind::request && envelope->kind != MessageKind::oneWay) return interrupted(text);
+  const std::string text =
+      fmt::format("a message of {} bytes is too large; at most {} are taken", sizeBytes, limits::kFrameBytes);
+  if (envelope && envelope->kind != MessageKind::request && envelope->kind != MessageKind::oneWay) {
+    return runOnQueue([self = shared_from_this(), text] { self->interrupted(text); });
+  }
   runOnQueue([self = shared_from_this(), id = envelope ? envelope->requestId : std::nullopt, text] {
     if (id) {
       if (*id <= self->lastRequestId_) {
@@ -85,7 +89,8 @@ void Connection::receiveHello(std::span<const std::byte> bytes) {
   std::uint64_t count = 0;
   std::uint64_t kind = 0;
   std::uint64_t version = 0;
-  if (!cursor.array(count) || count < 1 || !cursor.unsignedInteger(kind)) return protocolViolation("its hello cannot be decoded");
+  if (!cursor.array(count) || count < 1 || !cursor.unsignedInteger(kind))
+    return protocolViolation("its hello cannot be decoded");
   if (kind == static_cast<std::uint64_t>(MessageKind::goodbye)) {
     std::string_view text;
     if (count == 2 && cursor.text(text)) farewell_ = text;
@@ -94,7 +99,8 @@ void Connection::receiveHello(std::span<const std::byte> bytes) {
   if (kind != static_cast<std::uint64_t>(MessageKind::hello)) return protocolViolation("its first message is no hello");
   if (!cursor.unsignedInteger(version)) return protocolViolation("its hello cannot be decoded");
   if (version != kProtocolVersion) {
-    return protocolViolation(fmt::format("protocol version {} is not known here; this side speaks {}", version, kProtocolVersion));
+    return protocolViolation(
+        fmt::format("protocol version {} is not known here; this side speaks {}", version, kProtocolVersion));
   }
   std::shared_ptr<const MethodNumbers> numbers = readMethodNumbers(cursor, remoteInterface_);
   std::uint64_t optionCount = 0;
@@ -168,7 +174,8 @@ bool Connection::receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::v
   return dispatch(method, cursor, files, call);
 }
 
-bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files, Interface::Call& call) {
+bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files,
+                          Interface::Call& call) {
   const std::optional<std::uint64_t> id = call.route ? std::optional(call.requestId) : std::nullopt;
   const Interface::Dispatch function = exportedInterface_ != nullptr ? exportedInterface_->dispatchAt(method) : nullptr;
   if (function == nullptr || !exportedObject_) {
@@ -181,12 +188,15 @@ bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vecto
   ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes, options_.quota);
   if (call.route) {
     ++unansweredCount_;
-    if (unansweredCount_ > limits::kUnansweredRequests && !readingPaused_) {
+    if (exportedInterface_->isHeavy(method)) heavyRequestId_ = call.requestId;
+    if ((unansweredCount_ > limits::kUnansweredRequests || heavyRequestId_ != 0) && !readingPaused_) {
       transport_->perform([self = shared_from_this()] { self->adjustReading(); });
     }
   }
   if (function(object.get(), reader, argumentCount, call)) return true;
-  if (call.route) --unansweredCount_;
+  if (call.route) {
+    transport_->perform([self = shared_from_this(), requestId = call.requestId] { self->requestAnswered(requestId); });
+  }
   if (reader.isOverQuota()) {
     return refuse(id, FailureCode::overQuota,
                   fmt::format("uid {} holds {} bytes here; at most {} are granted", peer_.uid, options_.quota.account->bytes(),
@@ -196,7 +206,8 @@ bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vecto
                 fmt::format("the arguments do not fit {}", exportedInterface_->selectors()[method]));
 }
 
-bool Connection::receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
+bool Connection::receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count,
+                               std::vector<FileDescriptor>& files) {
   std::uint64_t id = 0;
   if (kind == MessageKind::failure && count == 4 && cursor.null()) {
     interrupted("the peer could not serve a one-way message");
@@ -215,7 +226,8 @@ bool Connection::receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint
       interrupted("a failure that cannot be decoded");
     }
     const Value userInfo = Value::map({{std::string(NSLocalizedDescriptionKey), text}, {"failureCode", code}});
-    expected.onError(Error(kConnectionErrorDomain, static_cast<std::int64_t>(ConnectionErrorCode::refused), Dictionary(userInfo)));
+    expected.onError(
+        Error(kConnectionErrorDomain, static_cast<std::int64_t>(ConnectionErrorCode::refused), Dictionary(userInfo)));
     return true;
   }
   std::uint64_t resultCount = 0;
@@ -230,9 +242,8 @@ bool Connection::receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint
 bool Connection::refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text) {
   OutgoingMessage message;
   writeFailure(message, requestId, code, text);
-  transport_->perform([self = shared_from_this(), moved = std::move(message)] {
-    self->transport_->send(moved, EndOfTurn::Urgency::urgent);
-  });
+  transport_->perform(
+      [self = shared_from_this(), moved = std::move(message)] { self->transport_->send(moved, EndOfTurn::Urgency::urgent); });
   interrupted(text);
   return false;
 }
@@ -240,7 +251,10 @@ bool Connection::refuse(std::optional<std::uint64_t> requestId, FailureCode code
 void Connection::interrupted(std::string_view why) {
   // Once per connection: who sends nonsense must not fill the log.
   if (!std::exchange(interruptionLogged_, true)) logger().error("{} sent what cannot be served: {}", description(), why);
-  if (interruptionHandler_) interruptionHandler_();
+  if (!interruptionHandler_) return;
+  inHandler_ = true;
+  interruptionHandler_();
+  inHandler_ = false;
 }
 
 void Connection::protocolViolation(std::string_view what) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <memory>
+
 #include "platform/dispatch/reactor.h"
 #include "platform/foundation/file_descriptor.h"
 #include "platform/xpc/output_queue.h"
@@ -8,7 +10,8 @@
 namespace keel::xpc {
 
 // Writes what is left in `output` to a socket that nobody owns any more, then closes it; gives up after limits::kFarewell.
-// Nothing is read. Lives by itself on the reactor.
-void sendFarewell(FileDescriptor socket, BorrowedOutputQueue output, Reactor& reactor);
+// Nothing is read, and the socket is closed elsewhere (foreign_descriptors.h). `admission` is held until it is. Lives by itself
+// on the reactor.
+void sendFarewell(FileDescriptor socket, BorrowedOutputQueue output, std::shared_ptr<void> admission, Reactor& reactor);
 
 }  // namespace keel::xpc

@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "platform/xpc/foreign_descriptors.h"
 #include "platform/xpc/limits.h"
 
 namespace keel::xpc {
@@ -11,8 +12,8 @@ namespace {
 
 class Farewell final : public std::enable_shared_from_this<Farewell>, private Reactor::Watcher {
  public:
-  Farewell(FileDescriptor socket, BorrowedOutputQueue output, Reactor& reactor)
-      : socket_(std::move(socket)), output_(std::move(output)), reactor_(reactor) {}
+  Farewell(FileDescriptor socket, BorrowedOutputQueue output, std::shared_ptr<void> admission, Reactor& reactor)
+      : socket_(std::move(socket)), output_(std::move(output)), admission_(std::move(admission)), reactor_(reactor) {}
 
   void begin() {
     reactor_.watch(socket_.get(), EPOLLOUT, *this);
@@ -29,21 +30,23 @@ class Farewell final : public std::enable_shared_from_this<Farewell>, private Re
   void end() {
     if (!socket_) return;
     reactor_.unwatch(socket_.get(), *this);
-    socket_.reset();
+    closeElsewhere(std::move(socket_), std::move(admission_));
     reactor_.cancel(deadline_);
   }
 
   FileDescriptor socket_;
   BorrowedOutputQueue output_;
+  std::shared_ptr<void> admission_;
   Reactor& reactor_;
   Reactor::TimerId deadline_ = 0;
 };
 
 }  // namespace
 
-void sendFarewell(FileDescriptor socket, BorrowedOutputQueue output, Reactor& reactor) {
-  if (!output || !output->flush(socket.get()) || output->empty()) return;
-  std::make_shared<Farewell>(std::move(socket), std::move(output), reactor)->begin();
+void sendFarewell(FileDescriptor socket, BorrowedOutputQueue output, std::shared_ptr<void> admission, Reactor& reactor) {
+  const bool more = output && output->flush(socket.get()) && !output->empty();
+  if (!more) return closeElsewhere(std::move(socket), std::move(admission));
+  std::make_shared<Farewell>(std::move(socket), std::move(output), std::move(admission), reactor)->begin();
 }
 
 }  // namespace keel::xpc

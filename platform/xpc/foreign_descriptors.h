@@ -1,20 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <memory>
+
 #include "platform/foundation/file_descriptor.h"
 
-// Descriptors that a peer sent may be of anything, also of a file whose server is that very peer: closing such a one can wait for
-// the peer, for ever if it likes. So only memory files, which wait for nobody, are kept or closed by the I/O thread.
+// Descriptors that a peer sent may be of anything: of a file whose server is that very peer, of a socket that lingers. Closing
+// the last reference to such a one can wait, for as long as the peer likes. It also happens where nobody seems to close
+// anything: when a socket is closed while messages with descriptors lie in it unread. So the I/O thread itself keeps and closes
+// memory files alone, and of sockets only those that were read to their end.
 
 namespace keel::xpc {
 
 // Whether it is a memory file (memfd_create(2)).
 bool isMemoryFile(const FileDescriptor& descriptor);
 
-// Closes it on a thread that has nothing else to do.
-void closeElsewhere(FileDescriptor descriptor);
-
-// False while so many wait to be closed that no more should be received.
-bool mayReceiveDescriptors();
+// Closes it on a thread that may wait. `admission`, which may be null, is held until then: who lets us wait has fewer
+// connections.
+void closeElsewhere(FileDescriptor descriptor, std::shared_ptr<void> admission);
 
 }  // namespace keel::xpc

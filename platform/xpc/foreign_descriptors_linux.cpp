@@ -3,37 +3,32 @@
 
 #include <fcntl.h>
 
-#include <atomic>
 #include <memory>
+#include <utility>
 
 #include "platform/dispatch/serial_queue.h"
 #include "platform/dispatch/worker_pool.h"
-#include "platform/xpc/limits.h"
 
 namespace keel::xpc {
 
 namespace {
 
-std::atomic<std::size_t> waitingCount{0};
-
-SerialQueue& closingQueue() {
-  static WorkerPool& thread = *new WorkerPool(1);
-  static const auto& queue = *new std::shared_ptr<SerialQueue>(SerialQueue::create("KeelClosing", thread));
-  return *queue;
-}
+// A few threads, so that one descriptor that waits does not hold up the others at once.
+constexpr std::size_t kClosingThreads = 4;
 
 }  // namespace
 
-bool isMemoryFile(const FileDescriptor& descriptor) { return ::fcntl(descriptor.get(), F_GET_SEALS) >= 0; }
-
-void closeElsewhere(FileDescriptor descriptor) {
-  ++waitingCount;
-  closingQueue().async([closing = std::move(descriptor)]() mutable {
-    closing.reset();
-    --waitingCount;
-  });
+bool isMemoryFile(const FileDescriptor& descriptor) {
+  return ::fcntl(descriptor.get(), F_GET_SEALS) >= 0;
 }
 
-bool mayReceiveDescriptors() { return waitingCount < limits::kForeignDescriptors; }
+void closeElsewhere(FileDescriptor descriptor, std::shared_ptr<void> admission) {
+  static WorkerPool& threads = *new WorkerPool(kClosingThreads);
+  // A queue for each: they need not wait for each other.
+  SerialQueue::create("KeelClosing", threads)->async([closing = std::move(descriptor), held = std::move(admission)]() mutable {
+    closing.reset();
+    held.reset();
+  });
+}
 
 }  // namespace keel::xpc

@@ -8,7 +8,8 @@
 
 namespace keel::xpc {
 
-// Splits the bytes of a stream into frames, where they lie: only a frame that came in part is kept, and only then is memory held.
+// Splits the bytes of a stream into frames, where they lie: only a frame that came in part is kept, and only then is memory
+// held.
 //
 //   splitter.give(bytes);
 //   while (splitter.next() == FrameSplitter::Found::frame) use(splitter.frame());

@@ -9,6 +9,7 @@
 
 #include "platform/dispatch/reactor.h"
 #include "platform/foundation/file_descriptor.h"
+#include "platform/xpc/argument.h"
 #include "platform/xpc/frame_splitter.h"
 #include "platform/xpc/output_queue.h"
 #include "platform/xpc/transport.h"
@@ -19,8 +20,18 @@ namespace keel::xpc {
 // that does not take what it is sent is not read.
 class FrameStream final : public Transport, private Reactor::Watcher, private EndOfTurn {
  public:
-  // `frameLimitBytes` bounds the frames that are taken once the hello bound is lifted. The reactor is borrowed.
-  FrameStream(FileDescriptor socket, Reactor& reactor, std::size_t frameLimitBytes);
+  // What a stream may cost, and who pays for it.
+  struct Terms {
+    // Bounds the frames that are taken once the hello bound is lifted.
+    std::size_t frameLimitBytes;
+    // Pays for frames that came in part.
+    MemoryQuota quota{};
+    // Held until the socket is closed: the connection's place among those that may be open.
+    std::shared_ptr<void> admission{};
+  };
+
+  // The reactor is borrowed.
+  FrameStream(FileDescriptor socket, Reactor& reactor, Terms terms);
   ~FrameStream();
 
   void start(Receiver& receiver) override;
@@ -28,6 +39,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   void setReading(bool reading) override;
   void liftHelloBound() override;
   void close(std::string_view goodbye) override;
+  bool maySendFiles() override;
   void perform(Block block) override;
   void performLater(Block block) override;
   bool onIoThread() const override;
@@ -43,9 +55,13 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   bool flush();
   // Writes what the socket takes; a failure is noted in problem_.
   void write();
-  // Counts what waits here into the sum over all streams, and returns it.
-  std::size_t countWaiting();
-  bool isTooMuch(std::size_t waitingBytes) const;
+  // Counts what waits here, and has the stream dropped for which most waits when all is too much.
+  void countWaiting();
+  void endSlow();
+  // Keeps the sum of unclaimed files over all streams.
+  void countFiles();
+  // Charges what is kept of a frame that came in part. False when the peer's user holds too much.
+  bool chargeKept();
 
   // Ends it because of the peer or the socket, with a word to the peer unless `goodbye` is empty.
   void fail(std::string_view reason, std::string_view goodbye);
@@ -58,8 +74,11 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   Reactor& reactor_;
   Receiver* receiver_ = nullptr;
   FrameSplitter splitter_;
-  const std::size_t frameLimitBytes_;
-  std::size_t countedWaitingBytes_ = 0;  // of this stream in the sum over all streams
+  Terms terms_;
+  std::size_t countedOwnBytes_ = 0;  // of this stream in the sum over all streams
+  std::size_t countedFiles_ = 0;     // the same of files
+  std::size_t chargedKeptBytes_ = 0;
+  std::size_t unreadFileBytes_ = 0;  // sent since the peer was last seen to have read everything
   BorrowedOutputQueue output_;
   std::vector<FileDescriptor> files_;  // received, not yet claimed
   std::uint32_t watchedEvents_ = 0;
@@ -69,6 +88,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   bool outputBlocked_ = false;  // the socket takes no more for now
   bool handOverPending_ = false;
   bool tooSlow_ = false;
+  bool readToItsEnd_ = false;
   bool ending_ = false;  // at the end of the turn
   int problem_ = 0;      // errno of a write that failed
   bool handingOver_ = false;

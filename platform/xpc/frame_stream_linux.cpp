@@ -1,17 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The life of a frame on its way in: one recvmsg(2) per turn takes what the socket has, up to the reactor's fair share, into a buffer
-// that all streams of the thread share. Whole frames are handed over where they lie; only a frame that came in part is copied
-// to the stream's own memory, and put back in front of what the next read brings. So an idle connection owns no buffer at all.
+// The life of a frame on its way in: one recvmsg(2) per turn takes what the socket has, up to the reactor's fair share, into a
+// buffer that all streams of the thread share. Whole frames are handed over where they lie; only a frame that came in part is
+// copied to the stream's own memory, and put back in front of what the next read brings. So an idle connection owns no buffer
+// at all.
 //
-// On its way out: send() appends to the output queue and asks to be told when the turn ends; then one sendmsg(2) writes all that
-// the turn produced for this peer. What the socket does not take stays, and the stream waits for EPOLLOUT.
+// On its way out: send() appends to the output queue and asks to be told when the turn ends; then one sendmsg(2) writes all
+// that the turn produced for this peer. What the socket does not take stays, and the stream waits for EPOLLOUT.
 //
 // Nothing here calls the receiver from within a call that the receiver made: a stream that has to end because of what was sent
 // (a reader too slow) ends at the end of the turn.
 #include "platform/xpc/frame_stream.h"
 
 #include <fmt/format.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -19,6 +22,8 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <unordered_set>
+#include <utility>
 
 #include "platform/xpc/farewell.h"
 #include "platform/xpc/foreign_descriptors.h"
@@ -37,19 +42,33 @@ std::span<std::byte> readBuffer() {
   return {buffer.get(), kSizeBytes};
 }
 
-// Sums over all streams; written on the I/O thread alone in the daemon, atomic for programs with several reactors.
-std::atomic<std::size_t> totalWaitingBytes{0};
+// What streams hold together. Written on the I/O thread alone in the daemon, atomic for programs with several reactors.
+std::atomic<std::size_t> totalOwnBytes{0};
 std::atomic<std::size_t> totalUnclaimedFiles{0};
+
+// The streams of this thread for which much waits.
+std::unordered_set<FrameStream*>& slowStreams() {
+  thread_local std::unordered_set<FrameStream*> streams;
+  return streams;
+}
+
+// The one that is being dropped because all of them together hold too much.
+FrameStream*& leavingUnderPressure() {
+  thread_local FrameStream* leaving = nullptr;
+  return leaving;
+}
 
 }  // namespace
 
-FrameStream::FrameStream(FileDescriptor socket, Reactor& reactor, std::size_t frameLimitBytes)
+FrameStream::FrameStream(FileDescriptor socket, Reactor& reactor, Terms terms)
     : socket_(std::move(socket)),
       reactor_(reactor),
-      splitter_(std::min(limits::kHelloBytes, frameLimitBytes), limits::kFrameBytesFromDaemon),
-      frameLimitBytes_(frameLimitBytes) {}
+      splitter_(std::min(limits::kHelloBytes, terms.frameLimitBytes), limits::kFrameBytesFromDaemon),
+      terms_(std::move(terms)) {}
 
-FrameStream::~FrameStream() { detach(); }
+FrameStream::~FrameStream() {
+  detach();
+}
 
 void FrameStream::start(Receiver& receiver) {
   receiver_ = &receiver;
@@ -62,28 +81,45 @@ void FrameStream::send(const OutgoingMessage& message, EndOfTurn::Urgency urgenc
   if (output_->waitingBytes() > limits::kPauseReadingBytes) [[unlikely]] {
     // So much in one turn: what the socket takes goes now, so that only what the peer does not read is held.
     if (!outputBlocked_) write();
-    if (outputBlocked_ && isTooMuch(countWaiting())) tooSlow_ = true;
-    if (tooSlow_ || problem_ != 0) {
+    if (problem_ != 0) {
       ending_ = true;
       return reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
     }
+    countWaiting();
+    if (ending_) return;
     output_.borrow();
   }
   output_->append(message);
   if (!outputBlocked_) reactor_.atEndOfTurn(*this, urgency);
 }
 
-std::size_t FrameStream::countWaiting() {
+void FrameStream::countWaiting() {
   const std::size_t waiting = output_ ? output_->waitingBytes() : 0;
-  totalWaitingBytes += waiting - countedWaitingBytes_;
-  countedWaitingBytes_ = waiting;
+  const std::size_t own = waiting > limits::kPauseReadingBytes / 2 ? output_->ownBytes() : 0;
+  totalOwnBytes += own - countedOwnBytes_;
+  countedOwnBytes_ = own;
   outputFull_ = waiting > limits::kPauseReadingBytes || (outputFull_ && waiting > limits::kPauseReadingBytes / 2);
-  return waiting;
+  if (!outputFull_) {
+    slowStreams().erase(this);
+    return;
+  }
+  slowStreams().insert(this);
+  if (waiting > limits::kWaitingBytes) return endSlow();
+  // Superseded values are the process's own to pay for (see Buffer::chargeTo). One goes at a time; what it held is free only
+  // then.
+  if (leavingUnderPressure() != nullptr) return;
+  if (totalOwnBytes + MemoryAccount::ofProcess().bytes() <= limits::kTotalWaitingBytes) return;
+  FrameStream* const most = *std::ranges::max_element(slowStreams(), {}, [](FrameStream* stream) {
+    return stream->ending_ || !stream->output_ ? 0 : stream->output_->waitingBytes();
+  });
+  leavingUnderPressure() = most;
+  most->endSlow();
 }
 
-bool FrameStream::isTooMuch(std::size_t waitingBytes) const {
-  const bool pressed = totalWaitingBytes > limits::kTotalWaitingBytes;
-  return waitingBytes > (pressed ? limits::kWaitingBytesUnderPressure : limits::kWaitingBytes);
+void FrameStream::endSlow() {
+  tooSlow_ = true;
+  ending_ = true;
+  reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
 }
 
 void FrameStream::setReading(bool reading) {
@@ -97,11 +133,21 @@ void FrameStream::setReading(bool reading) {
   if (!handingOver_) watchAsNeeded();
 }
 
-void FrameStream::liftHelloBound() { splitter_.setLimit(frameLimitBytes_); }
+void FrameStream::liftHelloBound() {
+  splitter_.setLimit(terms_.frameLimitBytes);
+}
 
 void FrameStream::close(std::string_view goodbye) {
   if (!socket_) return;
   sayGoodbye(goodbye, /*dropWaiting=*/false);
+}
+
+bool FrameStream::maySendFiles() {
+  if (unreadFileBytes_ <= limits::kUnreadSealedBytes) return true;
+  int unread = 0;
+  if (::ioctl(socket_.get(), SIOCOUTQ, &unread) != 0 || unread != 0) return false;
+  unreadFileBytes_ = 0;
+  return true;
 }
 
 void FrameStream::perform(Block block) {
@@ -109,9 +155,13 @@ void FrameStream::perform(Block block) {
   reactor_.post(std::move(block));
 }
 
-void FrameStream::performLater(Block block) { reactor_.post(std::move(block)); }
+void FrameStream::performLater(Block block) {
+  reactor_.post(std::move(block));
+}
 
-bool FrameStream::onIoThread() const { return reactor_.isCurrent(); }
+bool FrameStream::onIoThread() const {
+  return reactor_.isCurrent();
+}
 
 void FrameStream::onReady(std::uint32_t events) {
   const std::shared_ptr<void> alive = receiver_->holdAlive();
@@ -153,7 +203,7 @@ bool FrameStream::readOnce() {
   header.msg_iov = &vector;
   header.msg_iovlen = 1;
   header.msg_control = control.data();
-  header.msg_controllen = mayReceiveDescriptors() ? control.size() : 0;
+  header.msg_controllen = control.size();
   ssize_t received = 0;
   do {
     received = ::recvmsg(socket_.get(), &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
@@ -161,40 +211,58 @@ bool FrameStream::readOnce() {
   const int problem = received < 0 ? errno : 0;
   const bool again = problem == EAGAIN || problem == EWOULDBLOCK;
   splitter_.give({buffer.data(), kept + (received > 0 ? static_cast<std::size_t>(received) : 0)});
-  if (received > 0 && !takeFiles(header)) return false;
+  if (received == static_cast<ssize_t>(vector.iov_len)) reactor_.noteFullRead();
+  if (received > 0 && header.msg_controllen > 0 && !takeFiles(header)) return false;
   if (received > 0 || again) return handFramesOver();
   splitter_.keepRest();
+  readToItsEnd_ = received == 0;
   fail(problem == 0 || problem == ECONNRESET ? std::string_view() : std::string_view(std::strerror(problem)), {});
   return false;
 }
 
 bool FrameStream::takeFiles(msghdr& header) {
-  std::string_view offence = (header.msg_flags & MSG_CTRUNC) != 0 ? "too many descriptors at once" : "";
+  std::string_view offence;
+  std::size_t count = 0;
   for (cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr; item = CMSG_NXTHDR(&header, item)) {
     if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_RIGHTS) continue;
-    const std::size_t count = (item->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t at = CMSG_LEN(0); at + sizeof(int) <= item->cmsg_len; at += sizeof(int), ++count) {
       int number = -1;
-      std::memcpy(&number, CMSG_DATA(item) + i * sizeof(int), sizeof(int));
+      std::memcpy(&number, reinterpret_cast<const std::byte*>(item) + at, sizeof(int));
       FileDescriptor descriptor(number);
       if (isMemoryFile(descriptor)) {
         files_.push_back(std::move(descriptor));
-        ++totalUnclaimedFiles;
       } else {
-        closeElsewhere(std::move(descriptor));
+        closeElsewhere(std::move(descriptor), terms_.admission);
         offence = "a descriptor that is no memory file";
       }
     }
   }
+  countFiles();
+  if (count > limits::kDescriptorsPerMessage) offence = "too many descriptors at once";
   if (offence.empty()) return true;
   splitter_.keepRest();
   fail(offence, offence);
   return false;
 }
 
+void FrameStream::countFiles() {
+  totalUnclaimedFiles += files_.size() - countedFiles_;
+  countedFiles_ = files_.size();
+}
+
+bool FrameStream::chargeKept() {
+  const std::size_t kept = splitter_.keptBytes();
+  if (kept == chargedKeptBytes_) return true;
+  terms_.quota.account->charge(kept);
+  terms_.quota.account->refund(std::exchange(chargedKeptBytes_, kept));
+  return kept < limits::kHelloBytes || terms_.quota.account->bytes() <= terms_.quota.limitBytes;
+}
+
 bool FrameStream::handFramesOver() {
   handingOver_ = true;
-  while (reading_) {
+  bool tookFile = false;
+  // One value in a memory file is enough for a turn: it may be large.
+  while (reading_ && !tookFile) {
     const FrameSplitter::Found found = splitter_.next();
     if (found == FrameSplitter::Found::nothing) break;
     if (found == FrameSplitter::Found::garbage) {
@@ -203,17 +271,27 @@ bool FrameStream::handFramesOver() {
       fail(reason, reason);
       return false;
     }
-    const std::size_t filesBefore = files_.size();
     if (found == FrameSplitter::Found::frame) {
       receiver_->onFrame(splitter_.frame(), files_);
     } else {
       receiver_->onOversizedFrame(splitter_.frameSizeBytes(), splitter_.frame());
     }
-    totalUnclaimedFiles -= filesBefore - files_.size();
     if (!socket_) return false;
+    tookFile = files_.size() < countedFiles_;
+    countFiles();
   }
   handingOver_ = false;
   splitter_.keepRest();
+  if (!chargeKept()) {
+    constexpr std::string_view kOffence = "its user holds too much here for a message of this size";
+    fail(kOffence, kOffence);
+    return false;
+  }
+  if (tookFile && splitter_.keptBytes() > 0) {
+    handOverPending_ = true;
+    reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
+    return true;
+  }
   // Descriptors come with the first byte of their frame: none may be left when no frame is under way.
   if (!files_.empty() && (!splitter_.inFrame() || totalUnclaimedFiles > limits::kUnclaimedDescriptors)) {
     constexpr std::string_view kOffence = "descriptors that no message claims";
@@ -228,6 +306,7 @@ void FrameStream::write() {
     problem_ = flushed.error().value();
     return;
   }
+  unreadFileBytes_ += output_->takeSentFileBytes();
   outputBlocked_ = !output_->empty();
   if (!outputBlocked_) output_.giveBack();
 }
@@ -239,7 +318,7 @@ bool FrameStream::flush() {
     fail(problem_ == EPIPE || problem_ == ECONNRESET ? std::string_view() : std::string_view(std::strerror(problem_)), {});
     return false;
   }
-  if (outputBlocked_ || countedWaitingBytes_ > 0) {
+  if (outputBlocked_ || outputFull_) {
     const bool wasFull = outputFull_;
     countWaiting();
     if (wasFull && !outputFull_ && splitter_.keptBytes() > 0) {
@@ -256,17 +335,19 @@ void FrameStream::fail(std::string_view reason, std::string_view goodbye) {
 }
 
 void FrameStream::sayGoodbye(std::string_view goodbye, bool dropWaiting) {
-  FileDescriptor socket = std::move(socket_);
-  if (watching_) reactor_.unwatch(socket.get(), *this);
+  if (watching_) reactor_.unwatch(socket_.get(), *this);
   watching_ = false;
-  if (output_ && dropWaiting) output_->dropUnbegunFrames();
-  if (!goodbye.empty()) {
-    OutgoingMessage message;
-    writeGoodbye(message, goodbye);
-    output_.borrow();
-    output_->append(message);
+  // Nothing can lie in a socket that was read to its end; it is closed at once, with detach().
+  if (!readToItsEnd_) {
+    if (output_ && dropWaiting) output_->dropUnbegunFrames();
+    if (!goodbye.empty()) {
+      OutgoingMessage message;
+      writeGoodbye(message, goodbye);
+      output_.borrow();
+      output_->append(message);
+    }
+    sendFarewell(std::move(socket_), std::move(output_), std::move(terms_.admission), reactor_);
   }
-  sendFarewell(std::move(socket), std::move(output_), reactor_);
   detach();
 }
 
@@ -274,10 +355,16 @@ void FrameStream::detach() {
   if (watching_) reactor_.unwatch(socket_.get(), *this);
   watching_ = false;
   cancelEndOfTurn();
-  totalWaitingBytes -= std::exchange(countedWaitingBytes_, 0);
-  totalUnclaimedFiles -= files_.size();
+  slowStreams().erase(this);
+  if (leavingUnderPressure() == this) leavingUnderPressure() = nullptr;
+  totalOwnBytes -= std::exchange(countedOwnBytes_, 0);
   files_.clear();
+  countFiles();
+  terms_.quota.account->refund(std::exchange(chargedKeptBytes_, 0));
+  // A stream that was never started has read nothing.
+  if (socket_ && !readToItsEnd_) return closeElsewhere(std::move(socket_), std::move(terms_.admission));
   socket_.reset();
+  terms_.admission.reset();
 }
 
 void FrameStream::watchAsNeeded() {

@@ -36,6 +36,7 @@ class Interface {
   std::span<const std::string_view> selectors() const { return selectors_; }
   // Null beyond the list.
   Dispatch dispatchAt(std::uint64_t place) const { return place < dispatches_.size() ? dispatches_[place] : nullptr; }
+  bool isHeavy(std::uint64_t place) const { return weights_[place] == Weight::heavy; }
 
  private:
   Interface() = default;
@@ -44,7 +45,10 @@ class Interface {
   static Interface make() {
     Interface interface;
     interface.selectors_ = MethodsOf<Protocol>::kSelectors;
-    MethodsOf<Protocol>::forEach([&]<class M>() { interface.dispatches_.push_back(&dispatch<M>); });
+    MethodsOf<Protocol>::forEach([&]<class M>() {
+      interface.dispatches_.push_back(&dispatch<M>);
+      interface.weights_.push_back(M::kWeight);
+    });
     return interface;
   }
 
@@ -52,8 +56,8 @@ class Interface {
   static bool dispatch(void* object, ArgumentReader& reader, std::uint64_t argumentCount, Call& call) {
     typename M::Sent arguments;
     if (argumentCount != std::tuple_size_v<typename M::Sent> || (call.route != nullptr) != M::kHasReply) return false;
-    const bool read = std::apply([&](auto&... each) { return (Argument<std::decay_t<decltype(each)>>::read(reader, each) && ...); },
-                                 arguments);
+    const bool read = std::apply(
+        [&](auto&... each) { return (Argument<std::decay_t<decltype(each)>>::read(reader, each) && ...); }, arguments);
     if (!read || !reader.cursor.atEnd()) return false;
     auto& target = *static_cast<typename M::Protocol*>(object);
     std::apply(
@@ -70,6 +74,7 @@ class Interface {
 
   std::span<const std::string_view> selectors_;
   std::vector<Dispatch> dispatches_;
+  std::vector<Weight> weights_;
 };
 
 }  // namespace keel::xpc

@@ -35,8 +35,8 @@ inline constexpr std::size_t kUnansweredRequests = 8192;
 
 // Bytes that may wait for a slow reader before its connection is invalidated.
 inline constexpr std::size_t kWaitingBytes = 64u << 20;
-// The same once all connections together hold more than kTotalWaitingBytes: then the slow ones have to go first.
-inline constexpr std::size_t kWaitingBytesUnderPressure = 1u << 20;
+// What slow readers may make the daemon hold all together, copies and superseded values. Beyond, whoever lets most wait goes
+// first.
 inline constexpr std::size_t kTotalWaitingBytes = 512u << 20;
 
 // Bytes waiting for a connection above which its own requests are not read: who does not take answers gets no more work done.
@@ -52,12 +52,16 @@ inline constexpr std::size_t kSealedMemoryBytes = 64u << 10;
 // Values of at least this size are sent from where they lie; smaller ones are copied behind one another.
 inline constexpr std::size_t kSharedPieceBytes = 4u << 10;
 
-// Descriptors that may come with one read. A message carries at most one in practice.
-inline constexpr std::size_t kDescriptorsPerRead = 8;
+// Descriptors that one message may carry. In practice it is one.
+inline constexpr std::size_t kDescriptorsPerMessage = 8;
+// Descriptors that can come with one read: what the kernel allows in one message (SCM_MAX_FD). There is room for all of them,
+// since the kernel closes what finds none, on the thread that reads (see foreign_descriptors.h).
+inline constexpr std::size_t kDescriptorsPerRead = 253;
 // Received descriptors, of all connections together, whose message has not come whole.
 inline constexpr std::size_t kUnclaimedDescriptors = 64;
-// Descriptors of anything but memory files that wait to be closed (foreign_descriptors.h). Beyond, none are received.
-inline constexpr std::size_t kForeignDescriptors = 32;
+// Contents of sealed memory files that a peer may have been sent and not have read. Beyond, values travel inline, and count as
+// waiting bytes do.
+inline constexpr std::size_t kUnreadSealedBytes = 64u << 20;
 // Sealed memory files that are kept as such; values beyond are copied, so that they cannot use up the descriptor table.
 inline constexpr std::size_t kSealedFiles = 512;
 
@@ -70,10 +74,12 @@ inline constexpr int kAcceptsPerTurn = 64;
 // Descriptors that are kept back for the daemon's own needs (journal, memory files, supervisor, helpers).
 inline constexpr std::size_t kReservedDescriptors = 256 + kSealedFiles;
 
-// The share of all connections that one user other than root may hold: no single user can lock the others out.
+// The share of all connections that users other than root may hold: root can always see what is going on.
+inline constexpr double kConnectionShareOfUsers = 0.875;
+// The share that one user other than root may hold: no single user can lock the others out.
 inline constexpr double kConnectionShareOfOneUser = 0.5;
 
-// How long accepting pauses when descriptors or memory ran out, unless a connection ends before.
+// How long accepting pauses when descriptors or memory ran out.
 inline constexpr std::chrono::milliseconds kAcceptPause{100};
 
 }  // namespace keel::xpc::limits

@@ -28,8 +28,8 @@ class ListenerDelegate {
 // (sd_listen_fds_with_names(3)), else the listener binds DIRECTORY/NAME, mode 0666, and removes it when invalidated.
 class Listener final : private Reactor::Watcher, public std::enable_shared_from_this<Listener> {
  public:
-  // Fails with a POSIX error whose description names the path and what to do; for example EADDRINUSE when another process serves
-  // that name. The delegate is borrowed. The reactor is borrowed and outlives the listener.
+  // Fails with a POSIX error whose description names the path and what to do; for example EADDRINUSE when another process
+  // serves that name. The delegate is borrowed. The reactor is borrowed and outlives the listener.
   static std::expected<std::shared_ptr<Listener>, Error> initWithMachServiceName(const std::string& name, Reactor& reactor);
   // The same in another directory; for tests.
   static std::expected<std::shared_ptr<Listener>, Error> inDirectory(const std::string& directory, const std::string& name,

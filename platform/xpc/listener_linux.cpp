@@ -24,7 +24,9 @@ Logger& logger() {
   return runtime;
 }
 
-bool isShortage(int problem) { return problem == EMFILE || problem == ENFILE || problem == ENOBUFS || problem == ENOMEM; }
+bool isShortage(int problem) {
+  return problem == EMFILE || problem == ENFILE || problem == ENOBUFS || problem == ENOMEM;
+}
 
 // Tells a client that it is not let in, and why.
 void turnAway(FileDescriptor socket, const std::string& why, Reactor& reactor) {
@@ -33,7 +35,7 @@ void turnAway(FileDescriptor socket, const std::string& why, Reactor& reactor) {
   BorrowedOutputQueue output;
   output.borrow();
   output->append(goodbye);
-  sendFarewell(std::move(socket), std::move(output), reactor);
+  sendFarewell(std::move(socket), std::move(output), /*admission=*/nullptr, reactor);
 }
 
 }  // namespace
@@ -46,18 +48,21 @@ std::expected<std::shared_ptr<Listener>, Error> Listener::inDirectory(const std:
                                                                       Reactor& reactor) {
   auto service = listenForService(directory, name);
   if (!service) return std::unexpected(service.error());
-  return std::shared_ptr<Listener>(
-      new Listener(std::move(service->path), std::move(service->descriptor), service->ownsPath, reactor, Admissions::ofProcess()));
+  return std::shared_ptr<Listener>(new Listener(std::move(service->path), std::move(service->descriptor), service->ownsPath,
+                                                reactor, Admissions::ofProcess()));
 }
 
-Listener::Listener(std::string path, FileDescriptor socket, bool ownsPath, Reactor& reactor, std::shared_ptr<Admissions> admissions)
+Listener::Listener(std::string path, FileDescriptor socket, bool ownsPath, Reactor& reactor,
+                   std::shared_ptr<Admissions> admissions)
     : path_(std::move(path)),
       ownsPath_(ownsPath),
       reactor_(reactor),
       socket_(std::move(socket)),
       admissions_(std::move(admissions)) {}
 
-Listener::~Listener() { close(); }
+Listener::~Listener() {
+  close();
+}
 
 void Listener::perform(Block block) {
   if (reactor_.isCurrent()) return block();
@@ -136,18 +141,20 @@ bool Listener::acceptOne() {
     return true;
   }
   std::shared_ptr<void> admission;
-  if (admissions_->admit(peer->uid, admission) != Admissions::Refusal::none) {
-    const std::string why = fmt::format("too many connections of uid {}", peer->uid);
+  FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes, .quota = memoryQuotaOfUser(peer->uid)};
+  if (const auto refusal = admissions_->admit(peer->uid, terms.admission); refusal != Admissions::Refusal::none) {
+    const std::string why = refusal == Admissions::Refusal::tooManyOfUser
+                                ? fmt::format("too many connections of uid {}", peer->uid)
+                                : std::string("too many connections");
     if (!std::exchange(refusalLogged_, true)) logger().error("{}: {}; new ones are turned away", path_, why);
     turnAway(std::move(socket), why, reactor_);
     return true;
   }
-  pauseLogged_ = false;
-  auto stream = std::make_unique<FrameStream>(std::move(socket), reactor_, limits::kFrameBytes);
+  if (admissions_->hasRoom()) pauseLogged_ = refusalLogged_ = false;
   Connection::Options options;
-  options.quota = memoryQuotaOfUser(peer->uid);
+  options.quota = terms.quota;
+  auto stream = std::make_unique<FrameStream>(std::move(socket), reactor_, std::move(terms));
   const auto connection = Connection::create(std::move(*peer), std::move(stream), options);
-  connection->setAdmission(std::move(admission));
   const auto delegate = delegate_;
   if (delegate) delegate->listenerShouldAcceptNewConnection(*this, connection);
   // A connection that the delegate did not resume ends here, with its last reference.

@@ -2,6 +2,7 @@
 #include "platform/xpc/listener.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -83,7 +84,7 @@ TEST_F(Service, AcceptsOnceResumedAndNotWhileSuspended) {
 
 TEST_F(Service, SocketIsOpenToEverybody) {
   open();
-  struct stat status {};
+  struct stat status{};
   ASSERT_EQ(::stat((directory + "/svc").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0666u);
 }
@@ -95,6 +96,9 @@ TEST_F(Service, RefusedConnectionIsDropped) {
   const FileDescriptor client = connectNow();
   turns();
   EXPECT_EQ(delegate->seen.size(), 1u);
+  // Closed on another thread; the limit only guards against hanging.
+  pollfd readable{client.get(), POLLIN, 0};
+  ASSERT_EQ(::poll(&readable, 1, 30'000), 1);
   char byte;
   EXPECT_EQ(::recv(client.get(), &byte, 1, MSG_DONTWAIT), 0);
 }
@@ -158,6 +162,12 @@ TEST(Admissions, OneUserMayHoldItsShareAndRootAll) {
   EXPECT_EQ(admissions->admit(0, held[next]), Admissions::Refusal::full);
   held[0].reset();
   EXPECT_FALSE(admissions->full());
+  EXPECT_FALSE(admissions->hasRoom());
+  // The last places are root's.
+  EXPECT_EQ(admissions->admit(503, held[next]), Admissions::Refusal::tooManyOfUsers);
+  held[1].reset();
+  held[2].reset();
+  EXPECT_TRUE(admissions->hasRoom());
   EXPECT_EQ(admissions->admit(501, held[next]), Admissions::Refusal::none);
 }
 

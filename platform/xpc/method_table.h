@@ -69,7 +69,10 @@ struct SplitParameters<std::tuple<Reply<Results...>>> {
   using ReplyBlock = Reply<Results...>;
 };
 
-template <SelectorText Text, auto Member>
+// How much a request asks for. Of heavy ones, whose work grows with all that the service holds, a connection has one at a time.
+enum class Weight : std::uint8_t { usual, heavy };
+
+template <SelectorText Text, auto Member, Weight Work = Weight::usual>
 struct Method {
   using Traits = MemberTraits<decltype(Member)>;
   using Protocol = typename Traits::Protocol;
@@ -77,6 +80,7 @@ struct Method {
   using ReplyBlock = typename SplitParameters<typename Traits::Arguments>::ReplyBlock;
 
   static constexpr auto kMember = Member;
+  static constexpr Weight kWeight = Work;
   static constexpr std::string_view kSelector = std::string_view(Text.text, sizeof(Text.text) - 1);
   static constexpr bool kHasReply = !std::is_void_v<ReplyBlock>;
 

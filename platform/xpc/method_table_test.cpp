@@ -20,7 +20,6 @@ SampleMethods methodTableOf(const Sample*);
 
 namespace {
 
-
 using Tell = SampleMethods::MethodOf<&Sample::tell>;
 using Ask = SampleMethods::MethodOf<&Sample::ask>;
 using Probe = SampleMethods::MethodOf<&Sample::probe>;
@@ -41,9 +40,7 @@ TEST(MethodTable, InterfaceListsSelectorsInOrder) {
 }
 
 struct RecordingSample : Sample {
-  void tell(String what, std::int64_t andNumber) override {
-    told = std::string(what.view()) + " " + std::to_string(andNumber);
-  }
+  void tell(String what, std::int64_t andNumber) override { told = std::string(what.view()) + " " + std::to_string(andNumber); }
   void ask(String, Reply<String, Error> withHandler) override { withHandler("answer", nullptr); }
   void probe(Reply<bool>) override {}
   std::string told;
@@ -86,7 +83,8 @@ TEST(MethodTable, WrongArgumentsAreNotPassedOn) {
 
 TEST(Reply, LocalBlockIsCalledWithTheResults) {
   std::string seen;
-  auto reply = Reply<String, Error>::to([&](String text, Error error) { seen = std::string(text.view()) + (error ? "!" : "."); });
+  auto reply =
+      Reply<String, Error>::to([&](String text, Error error) { seen = std::string(text.view()) + (error ? "!" : "."); });
   reply("yes", nullptr);
   EXPECT_EQ(seen, "yes.");
 }
@@ -112,7 +110,9 @@ TEST(Reply, DroppedUnansweredAnswersAFailureOnce) {
 
 TEST(Reply, AnsweredIsNotAnsweredAgainWhenDropped) {
   const auto route = std::make_shared<RecordingRoute>();
-  { Reply<String, Error>(route, 8)("x", nullptr); }
+  {
+    Reply<String, Error>(route, 8)("x", nullptr);
+  }
   EXPECT_EQ(route->events, std::vector<std::string>{"reply 8 of 2"});
 }
 

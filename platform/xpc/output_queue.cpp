@@ -21,7 +21,7 @@ constexpr std::size_t kFirstChunkBytes = 2u << 10;
 constexpr std::size_t kChunkBytes = 32u << 10;
 
 // Frame ends for which an empty queue keeps its memory.
-constexpr std::size_t kKeptFrameEnds = 8192;
+constexpr std::size_t kKeptFrameEnds = 16384;
 
 // Idle queues that a thread keeps ready.
 constexpr std::size_t kReadyQueues = 1024;
@@ -35,10 +35,18 @@ std::vector<std::unique_ptr<OutputQueue>>& readyQueues() {
 
 }  // namespace
 
+std::size_t OutputQueue::Piece::fileBytes() const {
+  std::size_t bytes = 0;
+  for (const BufferRef& file : files) bytes += file->size();
+  return bytes;
+}
+
 void OutputQueue::append(const OutgoingMessage& frame) {
   if (!frame.files().empty()) {
     // The files go with the frame's first byte, so a piece begins here.
-    pieces_.emplace_back().files = frame.files();
+    Piece& piece = pieces_.emplace_back();
+    piece.files = frame.files();
+    waitingFileBytes_ += piece.fileBytes();
   }
   std::span<const std::byte> own = frame.bytes();
   std::size_t taken = 0;
@@ -56,16 +64,25 @@ void OutputQueue::append(const OutgoingMessage& frame) {
 
 void OutputQueue::appendBytes(std::span<const std::byte> bytes) {
   while (!bytes.empty()) {
-    if (pieces_.empty() || pieces_.back().shared || (pieces_.back().chunk && pieces_.back().end == pieces_.back().capacity)) {
-      pieces_.emplace_back();
+    if (chunkUsed_ == chunkCapacity_) {
+      chunkCapacity_ = chunk_ == nullptr && bytes.size() <= kFirstChunkBytes ? kFirstChunkBytes : kChunkBytes;
+      chunk_ = std::make_shared_for_overwrite<std::byte[]>(chunkCapacity_);
+      chunkUsed_ = 0;
+      ownBytes_ += chunkCapacity_;
     }
-    Piece& piece = pieces_.back();
-    if (!piece.chunk) {
-      piece.capacity = std::max(pieces_.size() == 1 ? kFirstChunkBytes : kChunkBytes, std::min(bytes.size(), kChunkBytes));
-      piece.chunk = std::make_unique_for_overwrite<std::byte[]>(piece.capacity);
+    // The last piece goes on if it ends where the chunk does; a piece that waits for its first byte begins here.
+    const bool extends =
+        !pieces_.empty() && !pieces_.back().shared &&
+        (pieces_.back().chunk == nullptr || (pieces_.back().chunk == chunk_ && pieces_.back().end == chunkUsed_));
+    Piece& piece = extends ? pieces_.back() : pieces_.emplace_back();
+    if (piece.chunk == nullptr) {
+      piece.chunk = chunk_;
+      piece.chunkCapacity = chunkCapacity_;
+      piece.begin = piece.end = chunkUsed_;
     }
-    const std::size_t copied = std::min(bytes.size(), piece.capacity - piece.end);
-    std::memcpy(piece.chunk.get() + piece.end, bytes.data(), copied);
+    const std::size_t copied = std::min(bytes.size(), chunkCapacity_ - chunkUsed_);
+    std::memcpy(chunk_.get() + chunkUsed_, bytes.data(), copied);
+    chunkUsed_ += copied;
     piece.end += copied;
     appendedBytes_ += copied;
     bytes = bytes.subspan(copied);
@@ -74,21 +91,19 @@ void OutputQueue::appendBytes(std::span<const std::byte> bytes) {
 
 std::expected<void, std::error_code> OutputQueue::flush(int socket) {
   while (!empty()) {
-    while (pieces_[first_].begin == pieces_[first_].end) ++first_;
     std::array<iovec, kPiecesPerWrite> vectors;
     std::size_t count = 0;
-    for (std::size_t i = first_; i < pieces_.size() && count < vectors.size(); ++i) {
-      const Piece& piece = pieces_[i];
-      if (i > first_ && !piece.files.empty()) break;
-      vectors[count++] = {const_cast<std::byte*>(piece.data()) + piece.begin, piece.end - piece.begin};
+    for (const Piece& piece : pieces_) {
+      if (count == vectors.size() || (count > 0 && !piece.files.empty())) break;
+      vectors[count++] = {const_cast<std::byte*>(piece.data()) + piece.begin, piece.size()};
     }
     msghdr header{};
     header.msg_iov = vectors.data();
     header.msg_iovlen = count;
-    alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerRead * sizeof(int))> control;
-    const std::vector<BufferRef>& files = pieces_[first_].files;
+    alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerMessage * sizeof(int))> control;
+    const std::vector<BufferRef>& files = pieces_.front().files;
     if (!files.empty()) {
-      KEEL_CHECK(files.size() <= limits::kDescriptorsPerRead);
+      KEEL_CHECK(files.size() <= limits::kDescriptorsPerMessage);
       header.msg_control = control.data();
       header.msg_controllen = CMSG_SPACE(files.size() * sizeof(int));
       cmsghdr* rights = CMSG_FIRSTHDR(&header);
@@ -114,41 +129,44 @@ std::expected<void, std::error_code> OutputQueue::flush(int socket) {
 
 void OutputQueue::consume(std::size_t sent) {
   sentBytes_ += sent;
-  if (sent > 0) pieces_[first_].files.clear();
-  while (sent > 0) {
-    Piece& piece = pieces_[first_];
-    const std::size_t taken = std::min(sent, piece.end - piece.begin);
-    piece.begin += taken;
-    sent -= taken;
-    if (piece.begin < piece.end) break;
-    piece.shared = BufferRef();
-    ++first_;
+  if (sent > 0 && !pieces_.front().files.empty()) {
+    const std::size_t fileBytes = pieces_.front().fileBytes();
+    waitingFileBytes_ -= fileBytes;
+    sentFileBytes_ += fileBytes;
+    pieces_.front().files.clear();
   }
   if (empty()) return clear();
-  // Written pieces are dropped once they are many; frame ends likewise, so that a queue that never quite empties stays bounded.
-  if (first_ >= kPiecesPerWrite) {
-    pieces_.erase(pieces_.begin(), pieces_.begin() + static_cast<std::ptrdiff_t>(first_));
-    first_ = 0;
-    const auto waiting = std::upper_bound(frameEnds_.begin(), frameEnds_.end(), sentBytes_);
-    if (waiting != frameEnds_.begin()) prunedEnd_ = *(waiting - 1);
-    frameEnds_.erase(frameEnds_.begin(), waiting);
+  while (sent > 0) {
+    Piece& piece = pieces_.front();
+    const std::size_t taken = std::min(sent, piece.size());
+    piece.begin += taken;
+    sent -= taken;
+    if (piece.size() > 0) break;
+    // The last piece of a full chunk takes the chunk with it.
+    if (piece.chunk && piece.chunk.use_count() == 1) ownBytes_ -= piece.chunkCapacity;
+    pieces_.pop_front();
   }
+  // Frame ends are dropped once they are many, so that a queue that never quite empties stays bounded.
+  if (frameEnds_.size() < kKeptFrameEnds) return;
+  const auto waiting = std::upper_bound(frameEnds_.begin(), frameEnds_.end(), sentBytes_);
+  if (waiting - frameEnds_.begin() < static_cast<std::ptrdiff_t>(kKeptFrameEnds / 2)) return;
+  prunedEnd_ = *(waiting - 1);
+  frameEnds_.erase(frameEnds_.begin(), waiting);
 }
 
 void OutputQueue::clear() {
-  // The first chunk stays for the next frames, if it is a chunk; whatever grew beyond it goes.
-  if (!pieces_.empty()) {
-    Piece& kept = pieces_.front();
-    kept.shared = BufferRef();
-    kept.files.clear();
-    kept.begin = kept.end = 0;
-    pieces_.erase(pieces_.begin() + 1, pieces_.end());
-    if (kept.capacity > kFirstChunkBytes || !kept.chunk) pieces_.clear();
+  pieces_.clear();
+  // A first chunk stays for the next frames; whatever grew beyond it goes.
+  if (chunkCapacity_ > kFirstChunkBytes) {
+    chunk_.reset();
+    chunkCapacity_ = 0;
   }
+  chunkUsed_ = 0;
+  ownBytes_ = chunkCapacity_;
   if (frameEnds_.capacity() > kKeptFrameEnds) frameEnds_ = {};
   frameEnds_.clear();
-  first_ = 0;
   appendedBytes_ = sentBytes_ = prunedEnd_ = 0;
+  waitingFileBytes_ = 0;
 }
 
 void OutputQueue::dropUnbegunFrames() {
@@ -162,10 +180,12 @@ void OutputQueue::dropUnbegunFrames() {
   std::uint64_t excess = appendedBytes_ - keepUntil;
   while (excess > 0) {
     Piece& last = pieces_.back();
-    const std::size_t dropped = static_cast<std::size_t>(std::min<std::uint64_t>(excess, last.end - last.begin));
+    const std::size_t dropped = static_cast<std::size_t>(std::min<std::uint64_t>(excess, last.size()));
     last.end -= dropped;
     excess -= dropped;
-    if (last.begin == last.end) pieces_.pop_back();
+    if (last.size() > 0) break;
+    waitingFileBytes_ -= last.fileBytes();
+    pieces_.pop_back();
   }
   appendedBytes_ = keepUntil;
   std::erase_if(frameEnds_, [keepUntil](std::uint64_t end) { return end > keepUntil; });

@@ -3,9 +3,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <expected>
 #include <memory>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "platform/foundation/buffer.h"
@@ -24,7 +26,12 @@ class OutputQueue {
   void append(const OutgoingMessage& frame);
 
   bool empty() const { return appendedBytes_ == sentBytes_; }
-  std::size_t waitingBytes() const { return appendedBytes_ - sentBytes_; }
+  // What waits to be written, the contents of sealed files included.
+  std::size_t waitingBytes() const { return appendedBytes_ - sentBytes_ + waitingFileBytes_; }
+  // What of it is held in memory for this queue alone.
+  std::size_t ownBytes() const { return ownBytes_; }
+  // Contents of sealed files that were sent since the last call.
+  std::size_t takeSentFileBytes() { return std::exchange(sentFileBytes_, 0); }
 
   // Writes to the non-blocking socket until all is written or it takes no more (which is success). Fails with the errno that
   // ended the connection.
@@ -34,25 +41,33 @@ class OutputQueue {
   void dropUnbegunFrames();
 
  private:
-  // A run of bytes: in a chunk of our own, or shared. `file` goes with the first byte.
+  // A run of bytes: in a chunk of our own, or shared. `files` go with the first byte.
   struct Piece {
-    std::unique_ptr<std::byte[]> chunk;
-    std::size_t capacity = 0;
+    std::shared_ptr<std::byte[]> chunk;
+    std::size_t chunkCapacity = 0;
     BufferRef shared;
     std::size_t begin = 0;
     std::size_t end = 0;
     std::vector<BufferRef> files;
     const std::byte* data() const { return shared ? shared->bytes().data() : chunk.get(); }
+    std::size_t size() const { return end - begin; }
+    std::size_t fileBytes() const;
   };
 
   void appendBytes(std::span<const std::byte> bytes);
   void consume(std::size_t sent);
   void clear();
 
-  std::vector<Piece> pieces_;
-  std::size_t first_ = 0;  // pieces before it are written
+  std::deque<Piece> pieces_;
+  // The chunk that is being filled, perhaps by several pieces.
+  std::shared_ptr<std::byte[]> chunk_;
+  std::size_t chunkCapacity_ = 0;
+  std::size_t chunkUsed_ = 0;
   std::uint64_t appendedBytes_ = 0;
   std::uint64_t sentBytes_ = 0;
+  std::size_t ownBytes_ = 0;
+  std::size_t waitingFileBytes_ = 0;
+  std::size_t sentFileBytes_ = 0;
   std::uint64_t prunedEnd_ = 0;           // where the frame before the first of frameEnds_ ends
   std::vector<std::uint64_t> frameEnds_;  // where each waiting frame ends, counted as appendedBytes_ is
 };

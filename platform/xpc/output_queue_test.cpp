@@ -26,7 +26,8 @@ struct SocketPair {
   std::string receive() {
     std::string all;
     char buffer[65536];
-    for (ssize_t got = ::read(theirs.get(), buffer, sizeof(buffer)); got > 0; got = ::read(theirs.get(), buffer, sizeof(buffer))) {
+    for (ssize_t got = ::read(theirs.get(), buffer, sizeof(buffer)); got > 0;
+         got = ::read(theirs.get(), buffer, sizeof(buffer))) {
       all.append(buffer, static_cast<std::size_t>(got));
     }
     return all;
@@ -70,7 +71,8 @@ TEST(OutputQueue, SmallAndLargeFramesArriveInOrder) {
   OutputQueue queue;
   std::string expected;
   for (int i = 0; i < 20; ++i) {
-    const OutgoingMessage message = messageOf(static_cast<std::size_t>(i) * 37, i % 3 == 0 ? 5000 : 0, static_cast<char>('a' + i));
+    const OutgoingMessage message =
+        messageOf(static_cast<std::size_t>(i) * 37, i % 3 == 0 ? 5000 : 0, static_cast<char>('a' + i));
     EXPECT_EQ(flat(message).size(), message.wireBytes());
     expected += flat(message);
     queue.append(message);
@@ -88,8 +90,8 @@ TEST(OutputQueue, FullSocketKeepsTheRestInOrder) {
   std::string received;
   std::mt19937 random(99);
   for (int i = 0; i < 300; ++i) {
-    const OutgoingMessage message = messageOf(random() % 3000, random() % 4 == 0 ? 4096 + random() % 30000 : 0,
-                                              static_cast<char>('a' + i % 26));
+    const OutgoingMessage message =
+        messageOf(random() % 3000, random() % 4 == 0 ? 4096 + random() % 30000 : 0, static_cast<char>('a' + i % 26));
     expected += flat(message);
     queue.append(message);
     ASSERT_TRUE(queue.flush(pair.ours.get()));

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Numbers are reused: by the time /proc/PID is read, PID may be somebody else. So a pidfd of the connecting process is taken from
-// the socket itself first, the values are read, and then the pidfd is asked whether its process still exists. If it does, the pid
-// was not free at any moment between, and what was read is the peer's. A process that has ended but was not waited for still
-// counts as existing, and its values can still be read.
+// Numbers are reused: by the time /proc/PID is read, PID may be somebody else. So a pidfd of the connecting process is taken
+// from the socket itself first, the values are read, and then the pidfd is asked whether its process still exists. If it does,
+// the pid was not free at any moment between, and what was read is the peer's. A process that has ended but was not waited for
+// still counts as existing, and its values can still be read.
 #include "platform/xpc/peer_identity.h"
 
 #include <fcntl.h>
@@ -29,15 +29,18 @@ namespace keel::xpc {
 
 namespace {
 
-std::unexpected<std::error_code> failure(int problem) { return std::unexpected(std::error_code(problem, std::system_category())); }
+std::unexpected<std::error_code> failure(int problem) {
+  return std::unexpected(std::error_code(problem, std::system_category()));
+}
 
 std::expected<FileDescriptor, std::error_code> pidfdOf(int socket, pid_t pid) {
   int descriptor = -1;
   socklen_t length = sizeof(descriptor);
   if (::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &length) == 0) return FileDescriptor(descriptor);
   if (errno != ENOPROTOOPT) return failure(errno);
-  // Before 6.5 the pid has to do. It was the peer's when it connected; should it have ended and its number been taken since, then
-  // the new owner's values would be read. The kernel gives numbers out in a circle, so this needs the circle to close meanwhile.
+  // Before 6.5 the pid has to do. It was the peer's when it connected; should it have ended and its number been taken since,
+  // then the new owner's values would be read. The kernel gives numbers out in a circle, so this needs the circle to close
+  // meanwhile.
   descriptor = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
   if (descriptor < 0) return failure(errno);
   return FileDescriptor(descriptor);
@@ -92,8 +95,7 @@ std::expected<PeerIdentity, std::error_code> PeerIdentity::ofSocket(int socket) 
   if (!parseStat(readProc(identity.pid, "stat", buffer), identity)) return failure(ESRCH);
   // The kernel prints the unset session as 4294967295. Without audit in the kernel there is no such file: unset, too.
   std::uint32_t session = 0;
-  identity.auditSession =
-      parse(readProc(identity.pid, "sessionid", buffer), session) ? static_cast<std::int32_t>(session) : -1;
+  identity.auditSession = parse(readProc(identity.pid, "sessionid", buffer), session) ? static_cast<std::int32_t>(session) : -1;
   if (::syscall(SYS_pidfd_send_signal, pidfd->get(), 0, nullptr, 0) != 0 && errno != EPERM) return failure(errno);
   return identity;
 }

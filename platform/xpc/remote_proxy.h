@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <array>
 #include <memory>
 #include <tuple>
 #include <utility>
@@ -37,12 +38,12 @@ class RemoteProxy {
   }
 
  private:
-  // The last one-way call of this method, encoded: a call to many connections in a row, with the same arguments, is encoded once.
+  // The last one-way call of this method, encoded: a call to many connections in a row, with the same arguments, is encoded
+  // once. One each for peers that take descriptors and those that do not.
   template <class M>
   struct Memo {
     typename M::Sent arguments;
     std::int64_t number = -1;
-    bool takesDescriptors = false;
     OutgoingMessage message;
   };
 
@@ -50,18 +51,19 @@ class RemoteProxy {
   void callOneWay(typename M::Sent arguments) {
     const std::int64_t number = numberOf<M>();
     if (number < 0) return;
-    thread_local Memo<M> memo;
+    thread_local std::array<Memo<M>, 2> memos;
     const bool takesDescriptors = connection_->takesDescriptors();
-    if (memo.number != number || memo.takesDescriptors != takesDescriptors || !same<M>(memo.arguments, arguments)) {
+    Memo<M>& memo = memos[takesDescriptors ? 1 : 0];
+    if (memo.number != number || !same<M>(memo.arguments, arguments)) {
       cbor::Writer writer = memo.message.begin();
       writer.array(3);
       writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::oneWay));
       writer.unsignedInteger(static_cast<std::uint64_t>(number));
       memo.number = -1;
-      if (!write(memo.message, takesDescriptors, arguments)) return fail(ConnectionErrorCode::refused, "the message is too large");
+      if (!write(memo.message, takesDescriptors, arguments))
+        return fail(ConnectionErrorCode::refused, "the message is too large");
       memo.arguments = std::move(arguments);
       memo.number = number;
-      memo.takesDescriptors = takesDescriptors;
     }
     connection_->sendOneWay(memo.message);
   }
@@ -72,8 +74,8 @@ class RemoteProxy {
     if (number < 0) return;
     typename M::Sent arguments(std::get<Places>(std::move(given))...);
     auto block = std::get<sizeof...(Places)>(std::move(given));
-    const std::uint64_t id = connection_->expectReply(replyReader<M>(std::move(block), static_cast<typename M::ReplyBlock*>(nullptr)),
-                                                      std::move(onError_));
+    const std::uint64_t id = connection_->expectReply(
+        replyReader<M>(std::move(block), static_cast<typename M::ReplyBlock*>(nullptr)), std::move(onError_));
     OutgoingMessage message;
     cbor::Writer writer = message.begin();
     writer.array(4);
@@ -109,7 +111,9 @@ class RemoteProxy {
   template <class M>
   static bool same(const typename M::Sent& left, const typename M::Sent& right) {
     return [&]<std::size_t... Places>(std::index_sequence<Places...>) {
-      return (Argument<std::tuple_element_t<Places, typename M::Sent>>::sameAs(std::get<Places>(left), std::get<Places>(right)) && ...);
+      return (
+          Argument<std::tuple_element_t<Places, typename M::Sent>>::sameAs(std::get<Places>(left), std::get<Places>(right)) &&
+          ...);
     }(std::make_index_sequence<std::tuple_size_v<typename M::Sent>>());
   }
 

@@ -24,8 +24,8 @@ class ReplyRoute {
   virtual bool isLocal() const { return false; }
 };
 
-// A reply block: answers one request, exactly once, from any thread. Dropped unanswered, it answers with a failure. It keeps the
-// connection's object alive, and outlives the connection harmlessly.
+// A reply block: answers one request, exactly once, from any thread. Dropped unanswered, it answers with a failure. It keeps
+// the connection's object alive, and outlives the connection harmlessly.
 template <class... Results>
 class Reply {
  public:

@@ -13,13 +13,14 @@ namespace keel::xpc {
 
 struct ServiceSocket {
   FileDescriptor descriptor;
-  std::string path;   // where it is bound
-  bool ownsPath;      // we bound it, and remove it in the end
+  std::string path;  // where it is bound
+  bool ownsPath;     // we bound it, and remove it in the end
 };
 
-// The listening socket of a service: the one that the service manager passed under that name (sd_listen_fds_with_names(3)), else a
-// new one at DIRECTORY/NAME, mode 0666. A socket left behind by a process that ended is replaced; one that is being served is not
-// (EADDRINUSE). The directory is made (0755) if it is missing, and must belong to this user and be writable by it alone.
+// The listening socket of a service: the one that the service manager passed under that name (sd_listen_fds_with_names(3)),
+// else a new one at DIRECTORY/NAME, mode 0666. A socket left behind by a process that ended is replaced; one that is being
+// served is not (EADDRINUSE). The directory is made (0755) if it is missing, and must belong to this user and be writable by it
+// alone.
 std::expected<ServiceSocket, Error> listenForService(const std::string& directory, const std::string& name);
 
 // A socket on its way to being connected to DIRECTORY/NAME; non-blocking.

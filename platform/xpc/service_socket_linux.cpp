@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/xpc/service_socket.h"
 
-#include <fmt/format.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -22,8 +22,8 @@ namespace keel::xpc {
 namespace {
 
 std::unexpected<Error> failure(int problem, std::string description) {
-  return std::unexpected(
-      Error(NSPOSIXErrorDomain, problem, Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), std::move(description)}}))));
+  return std::unexpected(Error(NSPOSIXErrorDomain, problem,
+                               Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), std::move(description)}}))));
 }
 
 std::expected<sockaddr_un, Error> addressOf(const std::string& path) {
@@ -52,19 +52,20 @@ int passedSocket(const std::string& name) {
   return found;
 }
 
-// Makes the directory if needed, and holds a lock on it so that two daemons that start at once do not remove each other's sockets.
+// Makes the directory if needed, and holds a lock on it so that two daemons that start at once do not remove each other's
+// sockets.
 std::expected<FileDescriptor, Error> lockDirectory(const std::string& directory) {
   if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) {
     return failure(errno, fmt::format("cannot make the directory {}: {}", directory, std::strerror(errno)));
   }
   FileDescriptor held(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  struct stat status {};
+  struct stat status{};
   if (!held || ::fstat(held.get(), &status) != 0) {
     return failure(errno, fmt::format("cannot open the directory {}: {}", directory, std::strerror(errno)));
   }
   if (status.st_uid != ::geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    return failure(EPERM, fmt::format("{} must belong to uid {} and be writable by nobody else; mend its owner and mode", directory,
-                                      ::geteuid()));
+    return failure(EPERM, fmt::format("{} must belong to uid {} and be writable by nobody else; mend its owner and mode",
+                                      directory, ::geteuid()));
   }
   while (::flock(held.get(), LOCK_EX) != 0) {
     if (errno != EINTR) return failure(errno, fmt::format("cannot lock the directory {}: {}", directory, std::strerror(errno)));
@@ -72,7 +73,9 @@ std::expected<FileDescriptor, Error> lockDirectory(const std::string& directory)
   return held;
 }
 
-FileDescriptor newSocket() { return FileDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)); }
+FileDescriptor newSocket() {
+  return FileDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+}
 
 bool isServed(const sockaddr_un& address) {
   const FileDescriptor probe = newSocket();

@@ -48,6 +48,9 @@ class Transport {
   // Ends it from our side. Sends what is waiting, then `goodbye` unless empty, for a bounded time. onClosed() is not called.
   virtual void close(std::string_view goodbye) = 0;
 
+  // Whether a message to this peer may bring sealed memory files: not while it leaves too many unread.
+  virtual bool maySendFiles() = 0;
+
   // Runs `block` on the I/O thread: at once when this is it, else soon, in order.
   virtual void perform(Block block) = 0;
   virtual bool onIoThread() const = 0;

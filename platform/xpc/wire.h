@@ -32,14 +32,14 @@ enum class MessageKind : std::uint8_t {
 
 // Why a message could not be served; the code of a failure.
 enum class FailureCode : std::uint8_t {
-  undecodable = 1,    // not one well-formed message of a known kind
-  unknownMethod = 2,  // no method at that place of the receiver's list
-  wrongArguments = 3, // their number or kinds do not fit the method
-  tooLarge = 4,       // the frame is larger than the receiver takes
-  badRequestId = 5,   // not greater than the id before
-  unanswered = 6,     // the receiver dropped the request without an answer
-  unsendable = 7,     // the answer cannot be sent to this peer
-  overQuota = 8,      // the sender's user holds too much already
+  undecodable = 1,     // not one well-formed message of a known kind
+  unknownMethod = 2,   // no method at that place of the receiver's list
+  wrongArguments = 3,  // their number or kinds do not fit the method
+  tooLarge = 4,        // the frame is larger than the receiver takes
+  badRequestId = 5,    // not greater than the id before
+  unanswered = 6,      // the receiver dropped the request without an answer
+  unsendable = 7,      // the answer cannot be sent to this peer
+  overQuota = 8,       // the sender's user holds too much already
 };
 
 // A frame to be sent, in pieces: bytes of its own, and between them larger values that stay where they are. Reused from message

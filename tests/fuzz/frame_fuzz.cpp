@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A peer that sends anything at all: the input is the byte stream behind its hello, cut into reads of odd sizes. Whatever comes, the
-// connection must not read outside, must answer each request at most once, and must never answer an answer.
+// A peer that sends anything at all: the input is the byte stream behind its hello, cut into reads of odd sizes. Whatever
+// comes, the connection must not read outside, must answer each request at most once, and must never answer an answer.
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
@@ -70,6 +70,7 @@ class Wire final : public xpc::Transport {
   void setReading(bool reading) override { reading_ = reading; }
   void liftHelloBound() override {}
   void close(std::string_view) override { receiver_ = nullptr; }
+  bool maySendFiles() override { return true; }
   void perform(Block block) override { block(); }
   void performLater(Block block) override { block(); }
   bool onIoThread() const override { return true; }

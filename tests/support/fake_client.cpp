@@ -57,6 +57,7 @@ class FakeClient::FakeTransport final : public xpc::Transport {
     if (!goodbye.empty()) client_->received_.push_back({.kind = Received::Kind::goodbye, .text = std::string(goodbye)});
     detach();
   }
+  bool maySendFiles() override { return true; }
   void perform(Block block) override { block(); }
   bool onIoThread() const override { return true; }
   void performLater(Block block) override { later_->async(std::move(block)); }
@@ -178,7 +179,7 @@ void FakeClient::onMessage(std::vector<std::byte> frame) {
     case xpc::MessageKind::failure:
       return onAnswer(static_cast<xpc::MessageKind>(kind), cursor);
     default:
-      KEEL_CHECK(!"a message that the daemon never sends");
+      checkFailed("a message that the daemon sends", __FILE__, __LINE__);
   }
 }
 
