@@ -75,9 +75,9 @@ TEST_F(AuthService, NamesAreComparedExactly) {
 }
 
 TEST_F(AuthService, NamesAreKeptInOrderAndMayRepeat) {
-  for (const char* user : {"alice", "bob", "alice"}) service->addUser(user, 5);
+  for (const char* user : {"alice", "alice", "bob", "alice"}) service->addUser(user, 5);
   executor.runAll();
-  EXPECT_THAT(service->authTable().at("5"), ElementsAre(String("alice"), String("bob"), String("alice")));
+  EXPECT_THAT(service->authTable().at("5"), ElementsAre(String("alice"), String("alice"), String("bob"), String("alice")));
   EXPECT_TRUE(isAuthedUser("alice", 5));
   EXPECT_TRUE(isAuthedUser("bob", 5));
 }

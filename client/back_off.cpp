@@ -6,9 +6,15 @@
 
 namespace keel {
 
+namespace {
+
+constexpr BackOff::Duration kLongest = std::chrono::years(1);
+
+}  // namespace
+
 BackOff::BackOff(Duration minimum, Duration maximum, std::function<double()> random)
-    : minimum_(std::max(minimum, Duration(1))),
-      maximum_(std::max(maximum, minimum_)),
+    : minimum_(std::clamp(minimum, Duration(1), kLongest)),
+      maximum_(std::clamp(maximum, minimum_, kLongest)),
       random_(std::move(random)),
       pause_(minimum_) {}
 

@@ -38,6 +38,7 @@ TEST(BackOff, SenselessBoundsAreMendedAndNeverYieldNoPause) {
   EXPECT_EQ(backOff.next(), 1ms);
   BackOff vast(1ms, BackOff::Duration::max(), [] { return 0.0; });
   for (int i = 0; i < 100; ++i) EXPECT_GE(vast.next(), 1ms);
+  EXPECT_EQ(vast.next(), std::chrono::years(1));
 }
 
 }  // namespace

@@ -134,6 +134,18 @@ TEST_F(ClientRequest, UnansweredRequestTimesOutAtItsTime) {
   EXPECT_THAT(result.error().message(), HasSubstr("within 2 s"));
 }
 
+TEST_F(ClientRequest, EndlessTimeoutsWaitAndNegativeOnesDoNot) {
+  makeConnectedClient({.requestTimeout = std::chrono::milliseconds::max()});
+  shared.answers = false;
+  auto endless = client->dumpAll().future();
+  auto negative = client->dumpAll().within(-1ms).future();
+  settle();
+  pass(24h);
+  EXPECT_FALSE(isReady(endless));
+  ASSERT_TRUE(isReady(negative));
+  EXPECT_EQ(kindOf(negative.get()), Kind::timedOut);
+}
+
 TEST_F(ClientRequest, PublicationAcceptedTooLateIsTakenBack) {
   makeConnectedClient({.requestTimeout = 1s});
   shared.answers = false;

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// The client with a library thread of its own, used from others; worth most under the thread sanitizer.
+// The client over a socket, with a library thread of its own, used from others; worth most under the thread sanitizer.
+#include <sys/socket.h>
+
 #include <atomic>
 #include <latch>
 #include <semaphore>
 #include <thread>
 
 #include "client/client_world.h"
+#include "platform/xpc/client_endpoint.h"
 
 namespace keel {
 namespace {
@@ -20,7 +23,7 @@ class ClientThread : public testing::Test {
     auto connector = [this]() -> std::expected<std::shared_ptr<xpc::Connection>, Error> {
       int ends[2];
       KEEL_CHECK(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) == 0);
-      service = std::make_shared<FakeService>(shared, FileDescriptor(ends[0]), reactor);
+      service = std::make_shared<FakeService>(shared, xpc::clientConnection(FileDescriptor(ends[0]), reactor));
       FakeService::serve(service);
       return xpc::clientConnection(FileDescriptor(ends[1]), reactor);
     };

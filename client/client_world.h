@@ -3,19 +3,18 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <cerrno>
 
 #include "client/client.h"
 #include "client/client_core.h"
 #include "client/fake_service.h"
-#include "platform/xpc/client_endpoint.h"
+#include "client/loop_transport.h"
 
 namespace keel {
 
 // One client and the services that it gets to talk to, all on a reactor that the test turns by hand, with a clock that it moves
-// by hand. Nothing waits: what is sent on one end of a socket pair can be read on the other in the next turn.
+// by hand.
 class ClientWorld : public testing::Test {
  protected:
   ClientWorld() { reactor.turn(/*wait=*/false); }
@@ -29,11 +28,10 @@ class ClientWorld : public testing::Test {
     auto connector = [this]() -> std::expected<std::shared_ptr<xpc::Connection>, Error> {
       ++attempts;
       if (connectErrno != 0) return std::unexpected(Error(NSPOSIXErrorDomain, connectErrno));
-      int ends[2];
-      KEEL_CHECK(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) == 0);
-      services.push_back(std::make_shared<FakeService>(shared, FileDescriptor(ends[0]), reactor));
+      auto [here, there] = LoopTransport::pair(reactor);
+      services.push_back(std::make_shared<FakeService>(shared, xpc::Connection::create({}, std::move(there), {})));
       FakeService::serve(services.back());
-      return xpc::clientConnection(FileDescriptor(ends[1]), reactor);
+      return xpc::Connection::create({}, std::move(here), {});
     };
     client = std::make_unique<KLNClient>(
         std::make_shared<ClientCore>(reactor, connector, "/run/keeld/test", std::move(options), [] { return 0.0; }));

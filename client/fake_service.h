@@ -9,11 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/dispatch/reactor.h"
 #include "platform/foundation/value.h"
 #include "platform/product/product.h"
 #include "platform/xpc/connection.h"
-#include "platform/xpc/frame_stream.h"
 #include "platform/xpc/remote_proxy.h"
 #include "protocols/notify_proxy.h"
 #include "protocols/subscriber_proxy.h"
@@ -34,11 +32,8 @@ class FakeService final : public protocols::NotifyProxy {
     bool answers = true;  // else answers are held back
   };
 
-  FakeService(Shared& shared, FileDescriptor socket, Reactor& reactor) : shared_(shared) {
-    const xpc::Connection::Options options;
-    auto stream = std::make_unique<xpc::FrameStream>(std::move(socket), reactor, options.receiveLimitBytes);
-    connection_ = xpc::Connection::create({}, std::move(stream), options);
-  }
+  FakeService(Shared& shared, std::shared_ptr<xpc::Connection> connection)
+      : shared_(shared), connection_(std::move(connection)) {}
 
   static void serve(const std::shared_ptr<FakeService>& service) {
     auto& connection = *service->connection_;

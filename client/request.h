@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -38,12 +39,12 @@ template <class T>
 class [[nodiscard]] Request {
  public:
   Request(std::unique_ptr<RequestSource<T>> source, std::chrono::milliseconds timeout)
-      : source_(std::move(source)), timeout_(timeout) {}
+      : source_(std::move(source)), timeout_(bounded(timeout)) {}
 
   // Ends with `timedOut` when there is no answer by then; without it the client's Options say. Time spent waiting for a
   // connection counts. A publication or subscription that the daemon accepts too late is undone.
   Request within(std::chrono::milliseconds timeout) && {
-    timeout_ = timeout;
+    timeout_ = bounded(timeout);
     return std::move(*this);
   }
 
@@ -97,6 +98,11 @@ class [[nodiscard]] Request {
    private:
     std::unique_ptr<std::promise<ClientResult<T>>> promise_;
   };
+
+  // Longer than anybody waits, and no clock overflows on it.
+  static std::chrono::milliseconds bounded(std::chrono::milliseconds timeout) {
+    return std::clamp<std::chrono::milliseconds>(timeout, std::chrono::milliseconds(0), std::chrono::years(100));
+  }
 
   Begun begin() {
     Promise promise;

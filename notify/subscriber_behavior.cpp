@@ -40,7 +40,7 @@ void SubscriberBehavior::updateWithData(Dictionary data) {
     log.error("behavior updateWithData: ({}) connection returned an error {}", subscriber->name(), error);
   };
   connection->remoteObjectProxyWithErrorHandler<SubscriberProxy>(std::move(onError))
-      .call<&SubscriberProxy::updateSubscriptionFor>(subscription.name(), std::move(data), 0, nullptr);
+      .call<&SubscriberProxy::updateSubscriptionFor>(subscription.name(), std::move(data), std::uint64_t{0}, nullptr);
   log.debug("updateWithData: {} behavior notification sent", subscription.name());
   subscription.setLastUpdated(dateOfBlock());
 }
@@ -58,7 +58,7 @@ void SubscriberBehavior::updateWithError(Error error) {
               sendError, sent);
   };
   connection->remoteObjectProxyWithErrorHandler<SubscriberProxy>(std::move(onError))
-      .call<&SubscriberProxy::updateSubscriptionFor>(held->name(), nullptr, 0, std::move(error));
+      .call<&SubscriberProxy::updateSubscriptionFor>(held->name(), nullptr, std::uint64_t{0}, std::move(error));
   held->setLastUpdated(dateOfBlock());
 }
 

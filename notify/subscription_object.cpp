@@ -43,7 +43,7 @@ void KLNSubscriptionObject::updateWithData(Dictionary data) {
     log.error("updateWithData: ({}) connection returned an error {}", subscription->name(), error);
   };
   connection->remoteObjectProxyWithErrorHandler<SubscriberProxy>(std::move(onError))
-      .call<&SubscriberProxy::updateSubscriptionFor>(name_, std::move(data), 0, nullptr);
+      .call<&SubscriberProxy::updateSubscriptionFor>(name_, std::move(data), std::uint64_t{0}, nullptr);
   lastUpdated_ = dateOfBlock();
 }
 
@@ -60,7 +60,7 @@ void KLNSubscriptionObject::updateWithError(Error error) {
               sent);
   };
   connection->remoteObjectProxyWithErrorHandler<SubscriberProxy>(std::move(onError))
-      .call<&SubscriberProxy::updateSubscriptionFor>(name_, nullptr, 0, std::move(error));
+      .call<&SubscriberProxy::updateSubscriptionFor>(name_, nullptr, std::uint64_t{0}, std::move(error));
   lastUpdated_ = dateOfBlock();
 }
 

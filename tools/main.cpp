@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <string>
@@ -7,7 +8,20 @@
 #include "tools/keelctl.h"
 #include "tools/signals.h"
 
+namespace {
+
+// A standard descriptor that is missing would be given to the next file that is opened. Opened for the wrong direction, reading
+// and writing there fail as they should.
+void fillStandardDescriptors() {
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(descriptor, F_GETFD) < 0) ::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
+}
+
+}  // namespace
+
 int main(int count, char** words) {
+  fillStandardDescriptors();
   keel::endOnSignals();
   keel::Console console(STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO);
   const int code = keel::runKeelctl(std::vector<std::string>(words + 1, words + count), console);

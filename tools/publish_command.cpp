@@ -23,7 +23,7 @@ class Publisher {
       : console_(console),
         options_(options),
         lines_(console.input()),
-        waiting_(mailbox_.descriptor(), console.output(), common.timeout()),
+        waiting_(mailbox_.descriptor(), /*output=*/-1, common.timeout()),
         client_(connectClient(common, options.reconnect)) {
     client_->setStateHandler([this](const ConnectionState& state) { mailbox_.push(state); });
     client_->setPublicationHandler([this](const PublicationState& state) { mailbox_.push(state); });
@@ -50,7 +50,7 @@ class Publisher {
         readInput();
         break;
       case Waiting::Reason::timeIsUp:
-      case Waiting::Reason::outputGone:
+      case Waiting::Reason::outputGone:  // which is not watched: nothing is written there
         exit_ = kExitOk;
         break;
     }
@@ -90,8 +90,7 @@ class Publisher {
       exit_ = report(console_, result.error());
       return;
     }
-    console_.status(
-        fmt::format("{} {}", versions_ == 0 ? "published" : "updated", shownName(options_.name)));
+    console_.status(fmt::format("{} {}", versions_ == 0 ? "published" : "updated", shownName(options_.name)));
     if (++versions_ == options_.count) {
       exit_ = kExitOk;
     } else if (readsInput_) {
@@ -101,7 +100,7 @@ class Publisher {
 
   void take(const ConnectionState& state) {
     if (state.kind == ConnectionState::Kind::connected && std::exchange(wasLost_, false)) {
-      console_.note("connected again");
+      console_.note("connected");
     } else if (state.kind == ConnectionState::Kind::disconnected) {
       const bool again = std::exchange(wasLost_, true);
       if (!options_.reconnect || !again) console_.note(state.reason);

@@ -49,7 +49,9 @@ bool isName(Console& console, const std::string& name) {
   return false;
 }
 
-std::string shownName(std::string_view name) { return name.empty() ? "(empty)" : shownText(name, kShownNameColumns); }
+std::string shownName(std::string_view name) {
+  return name.empty() ? "(empty)" : shownText(name, kShownNameColumns);
+}
 
 std::optional<Value> dataOfJson(Console& console, const std::string& json, const std::string& where) {
   auto value = valueOfJson(json);

@@ -82,7 +82,7 @@ class Subscriber {
 
   void take(const ConnectionState& state) {
     if (state.kind == ConnectionState::Kind::connected && std::exchange(wasLost_, false)) {
-      console_.note("connected again");
+      console_.note("connected");
     } else if (state.kind == ConnectionState::Kind::disconnected) {
       const bool again = std::exchange(wasLost_, true);
       if (!options_.reconnect || !again) console_.note(state.reason);

@@ -12,7 +12,7 @@ class Waiting {
   using Clock = std::chrono::steady_clock;
   enum class Reason { message, input, timeIsUp, outputGone };
 
-  // `message` and `output` are descriptors to watch, borrowed; `timeout` counts from now.
+  // `message` and `output` are descriptors to watch, borrowed, or -1; `timeout` counts from now.
   Waiting(int message, int output, std::optional<std::chrono::milliseconds> timeout);
 
   // Waits. `input` is watched too unless it is negative. Messages come before all else, the end of the time last.

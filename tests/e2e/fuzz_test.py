@@ -176,7 +176,7 @@ class Fuzz(DaemonTest):
         if self.settled == 0:
             self.settled = self.daemon.resident_bytes()
             self.open = self.daemon.descriptor_count()
-        self.assertLess(self.daemon.resident_bytes() - self.settled, MEMORY)
+        self.assertMemoryWithin(self.settled, MEMORY)
         self.assertLessEqual(self.daemon.descriptor_count(), self.open + self.files_kept)
         errors = collections.Counter((line.text.split(">")[0], line.text.split(">")[1][:8]) for line in self.daemon.log
                                      if line.level == "error" and line.text.startswith("<connection "))

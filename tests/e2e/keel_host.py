@@ -6,6 +6,7 @@ wait is for an event, and its limit only ends a test that hangs.
 """
 
 import fcntl
+import functools
 import os
 import pickle
 import re
@@ -53,7 +54,8 @@ class Daemon:
     def __init__(self, *, log="debug", environment=None, arguments=None, sockets=None, descriptors=None, before_exec=None,
                  journal=False, stderr=None, ready=True):
         variables = {name: value for name, value in os.environ.items() if not name.startswith(("KEELD_", "LISTEN_", "JOURNAL_"))}
-        variables["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=8"
+        for name, setting in (("ASAN_OPTIONS", "quarantine_size_mb=8"), ("TSAN_OPTIONS", "atexit_sleep_ms=50")):
+            variables[name] = f"{os.environ.get(name, '')}:{setting}"
         if log is not None:
             variables["KEELD_LOG"] = log
         variables.update(environment or {})
@@ -177,10 +179,12 @@ class Daemon:
             return "" if first is None else "\n".join(self.lines[first:])
 
 
-def under(sanitizer):
-    """Whether keeld was built with that sanitizer: "asan" or "tsan"."""
+@functools.cache
+def memory_factor():
+    """How much more memory this build of keeld may take than an ordinary one: sanitizers keep books."""
     with open(keeld, "rb") as program:
-        return f"__{sanitizer}_init".encode() in program.read()
+        code = program.read()
+    return 8 if b"__tsan_init" in code else 4 if b"__asan_init" in code else 1
 
 
 def remove(path):
@@ -363,7 +367,7 @@ class DaemonTest(unittest.TestCase):
     """Each case has a daemon of its own, which must be alive and well at the end, and end in good order."""
 
     options = {}
-    _asker = None
+    _own_client = None
 
     def setUp(self):
         self.daemons = []
@@ -397,13 +401,13 @@ class DaemonTest(unittest.TestCase):
         """
         self.daemon.wait_for_log(INVALIDATED, count)
         # The clean-up stands in the line of requests before this one.
-        self.asker().dump("")
+        self.own_client().dump("")
 
-    def asker(self):
+    def own_client(self):
         """A connection that is kept throughout the test: its end would be counted among those waited for."""
-        if self._asker is None:
-            self._asker = self.client()
-        return self._asker
+        if self._own_client is None:
+            self._own_client = self.client()
+        return self._own_client
 
     def after_clean_up(self, end, count=1):
         """Calls `end`, which ends `count` connections to the notify service, and waits until that is cleaned up."""
@@ -433,6 +437,10 @@ class DaemonTest(unittest.TestCase):
         self.assertIsNotNone(error, "no error")
         self.assertEqual((error.domain, error.code), (domain, code))
         self.assertEqual(error.description, description)
+
+    def assertMemoryWithin(self, before, allowed):
+        """The daemon's memory has grown by less than `allowed` bytes since it was `before`."""
+        self.assertLess(self.daemon.resident_bytes() - before, allowed * memory_factor())
 
     def notes(self):
         """What to show beside a failure."""

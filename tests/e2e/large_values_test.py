@@ -180,7 +180,7 @@ class BadFiles(LargeValueTest):
         self.follower = self.client()
         self.assertWorked(self.follower.subscribe("camera"))
         self.follower.delivery()
-        self.asker()  # counted in
+        self.own_client()  # counted in
         self.open_before = self.daemon.descriptor_count()
         self.item = item_of(70014)
 

@@ -63,7 +63,7 @@ class SlowReaders(PressureTest):
         waiting = int(TOO_SLOW.fullmatch(self.dropped()[0].text).group(1))
         self.assertGreater(waiting, WAITING_MOST)
         self.assertLess(waiting, WAITING_MOST + 2 * MEBIBYTE)
-        self.assertLess(self.daemon.resident_bytes() - before, 3 * WAITING_MOST)
+        self.assertMemoryWithin(before, 3 * WAITING_MOST)
         # What it gets in the end is in order and ends with the reason.
         self.assertEqual(slow.end(), f"too slow: {waiting} bytes were waiting")
         received = [slow.delivery().item["number"] for _ in range(len(slow._calls))]
@@ -156,7 +156,7 @@ class RequestersThatDoNotRead(PressureTest):
         sent, rest = self.send_until_held_up(requester, requests)
         self.assertTrue(rest, "never held up")
         # Every request would be answered with some 40 KB.
-        self.assertLess(self.daemon.resident_bytes() - before, 24 * MEBIBYTE)
+        self.assertMemoryWithin(before, 24 * MEBIBYTE)
         requester.send_bytes(rest)
         for number in range(1, sent + 2):
             self.assertEqual(len(requester.results(number)[0]), 201)
@@ -172,7 +172,7 @@ class RequestersThatDoNotRead(PressureTest):
             requester = self.client()
             self.send_until_held_up(requester, (framed(encode([REQUEST, number, 7, ["_all", False]])) for number in range(1, 200001)))
             self.end_of(requester)
-        self.assertLess(self.daemon.resident_bytes() - before, 32 * MEBIBYTE)
+        self.assertMemoryWithin(before, 32 * MEBIBYTE)
 
     def test_small_answers_hold_one_up_too(self):
         requester = self.client()
@@ -180,7 +180,7 @@ class RequestersThatDoNotRead(PressureTest):
         before = self.daemon.resident_bytes()
         sent, rest = self.send_until_held_up(requester, requests)
         self.assertTrue(rest, "never held up")
-        self.assertLess(self.daemon.resident_bytes() - before, 24 * MEBIBYTE)
+        self.assertMemoryWithin(before, 24 * MEBIBYTE)
         requester.send_bytes(rest)
         for number in range(1, sent + 2):
             self.assertEqual(requester.results(number)[0].code, 11)
@@ -251,7 +251,7 @@ class Quota(PressureTest):
         with self.assertRaises(Refused) as refused:
             self.publish_in_file(again, "more", FRAME_LIMIT)
         self.assertEqual(refused.exception.code, 8)
-        self.assertLess(self.daemon.resident_bytes(), 3 * QUOTA)
+        self.assertMemoryWithin(0, 3 * QUOTA)
 
     def test_of_names_is_refused_beyond(self):
         alice = as_user(ALICE)

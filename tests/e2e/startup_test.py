@@ -51,6 +51,8 @@ class Root(StartTest):
         self.assertRefused(before_exec=lambda: os.setresuid(USER, 0, 0))
 
     def test_the_effective_user_is_not_looked_at(self):
+        if keel_host.memory_factor() > 1:
+            self.skipTest("a sanitizer cannot look at a process of two users")
         daemon = self.failing(2, before_exec=lambda: os.setresuid(0, USER, USER))
         self.assertTrue(daemon.logged("Failed to create the lock dir at /private/var/keeld errno = 13"))
 

@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/dispatch/reactor.h"
+#include "platform/xpc/transport.h"
+
+namespace keel {
+
+// One end of a connection within this process, for tests: frames and the end arrive in their order, by the reactor's posts
+// alone.
+class LoopTransport final : public xpc::Transport {
+ public:
+  static std::pair<std::unique_ptr<LoopTransport>, std::unique_ptr<LoopTransport>> pair(Reactor& reactor) {
+    auto left = std::make_shared<End>();
+    auto right = std::make_shared<End>();
+    return {std::unique_ptr<LoopTransport>(new LoopTransport(reactor, left, right)),
+            std::unique_ptr<LoopTransport>(new LoopTransport(reactor, right, left))};
+  }
+  ~LoopTransport() override { close({}); }
+
+  void start(Receiver& receiver) override {
+    own_->receiver = &receiver;
+    reactor_.post([own = own_] { own->deliver(); });
+  }
+  void send(const xpc::OutgoingMessage& message, EndOfTurn::Urgency) override {
+    if (!own_->open) return;
+    put([bytes = joined(message)](Receiver& receiver) {
+      std::vector<FileDescriptor> files;
+      receiver.onFrame(std::span(bytes).subspan(xpc::kLengthBytes), files);
+    });
+  }
+  void setReading(bool) override {}
+  void liftHelloBound() override {}
+  void close(std::string_view goodbye) override {
+    if (!std::exchange(own_->open, false)) return;
+    if (!goodbye.empty()) {
+      xpc::OutgoingMessage message;
+      xpc::writeGoodbye(message, goodbye);
+      put([bytes = joined(message)](Receiver& receiver) {
+        std::vector<FileDescriptor> files;
+        receiver.onFrame(std::span(bytes).subspan(xpc::kLengthBytes), files);
+      });
+    }
+    put([peer = peer_.get()](Receiver& receiver) {
+      peer->open = false;
+      receiver.onClosed({});
+    });
+  }
+  bool maySendFiles() override { return false; }
+  void perform(Block block) override {
+    if (reactor_.isCurrent()) return block();
+    reactor_.post(std::move(block));
+  }
+  bool onIoThread() const override { return reactor_.isCurrent(); }
+  void performLater(Block block) override { reactor_.post(std::move(block)); }
+
+ private:
+  using Arrival = std::function<void(Receiver&)>;
+
+  struct End {
+    Receiver* receiver = nullptr;  // from start() on
+    bool open = true;
+    std::vector<Arrival> arrivals;
+
+    void deliver() {
+      if (receiver == nullptr || !open) return;
+      const auto alive = receiver->holdAlive();
+      for (const Arrival& arrival : std::exchange(arrivals, {})) {
+        if (open) arrival(*receiver);
+      }
+    }
+  };
+
+  LoopTransport(Reactor& reactor, std::shared_ptr<End> own, std::shared_ptr<End> peer)
+      : reactor_(reactor), own_(std::move(own)), peer_(std::move(peer)) {}
+
+  void put(Arrival arrival) {
+    peer_->arrivals.push_back(std::move(arrival));
+    reactor_.post([peer = peer_] { peer->deliver(); });
+  }
+
+  static std::vector<std::byte> joined(const xpc::OutgoingMessage& message) {
+    std::vector<std::byte> all;
+    const auto own = std::span(message.bytes());
+    std::size_t taken = 0;
+    for (const auto& splice : message.splices()) {
+      all.insert(all.end(), own.begin() + static_cast<std::ptrdiff_t>(taken),
+                 own.begin() + static_cast<std::ptrdiff_t>(splice.offset));
+      const auto piece = splice.buffer->bytes();
+      all.insert(all.end(), piece.begin(), piece.end());
+      taken = splice.offset;
+    }
+    all.insert(all.end(), own.begin() + static_cast<std::ptrdiff_t>(taken), own.end());
+    return all;
+  }
+
+  Reactor& reactor_;
+  const std::shared_ptr<End> own_;
+  const std::shared_ptr<End> peer_;
+};
+
+}  // namespace keel
