@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/xpc/argument.h"
 
-#include <algorithm>
-
 #include "platform/foundation/cbor.h"
 #include "platform/foundation/sealed_memory.h"
 #include "platform/xpc/limits.h"
@@ -37,9 +35,7 @@ bool ArgumentReader::encodedItem(std::uint8_t major, BufferRef& item) {
 
 bool ArgumentReader::string(String& value) {
   std::string_view text;
-  // Names may go beyond the quota by half of it: who holds too much must be able to say what it gives up.
-  const std::size_t headroom = std::min(quota_.limitBytes / 2, std::numeric_limits<std::size_t>::max() - quota_.limitBytes);
-  if (!cursor.text(text) || !mayHold(text.size() + limits::kRecordBytes, quota_.limitBytes + headroom)) return false;
+  if (!cursor.text(text) || !mayHold(text.size() + limits::kRecordBytes, quota_.nameLimitBytes())) return false;
   value = String(text, *quota_.account, limits::kRecordBytes);
   return true;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <vector>
@@ -18,6 +19,10 @@ namespace keel::xpc {
 struct MemoryQuota {
   MemoryAccount* account = &MemoryAccount::ofProcess();
   std::size_t limitBytes = std::numeric_limits<std::size_t>::max();
+  // Names may go beyond by half: who holds too much must be able to say what it gives up.
+  std::size_t nameLimitBytes() const {
+    return limitBytes + std::min(limitBytes / 2, std::numeric_limits<std::size_t>::max() - limitBytes);
+  }
 };
 
 // Reads the arguments of one message in place. `files` are the sealed memory files that came for it, taken in order; none may

@@ -153,7 +153,7 @@ TEST_F(RawPeer, HalfOfALargeFrameIsChargedToItsUser) {
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
   peer.reset(both[1]);
   MemoryAccount& account = *new MemoryAccount;
-  FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes, .quota = {&account, 300'000}};
+  FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes, .quota = {&account, 200'000}};
   const auto limited = Connection::create(
       PeerIdentity(), std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor, std::move(terms)), Connection::Options());
   limited->resume();

@@ -68,6 +68,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   void detach();
   void sayGoodbye(std::string_view goodbye, bool dropWaiting);
   void watchAsNeeded();
+  void stopWatching();
   bool wantsToRead() const { return reading_ && !outputFull_; }
 
   FileDescriptor socket_;
@@ -81,12 +82,12 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   std::size_t unreadFileBytes_ = 0;  // sent since the peer was last seen to have read everything
   BorrowedOutputQueue output_;
   std::vector<FileDescriptor> files_;  // received, not yet claimed
-  std::uint32_t watchedEvents_ = 0;
-  bool watching_ = false;
+  std::uint32_t watchedEvents_ = 0;    // 0: the socket is not watched
   bool reading_ = true;
   bool outputFull_ = false;     // so much waits that the peer's requests have to
   bool outputBlocked_ = false;  // the socket takes no more for now
   bool handOverPending_ = false;
+  bool handedOverLast_ = false;  // at the end of the last turn
   bool tooSlow_ = false;
   bool readToItsEnd_ = false;
   bool ending_ = false;  // at the end of the turn

@@ -88,6 +88,7 @@ void FrameStream::send(const OutgoingMessage& message, EndOfTurn::Urgency urgenc
     countWaiting();
     if (ending_) return;
     output_.borrow();
+    reactor_.atEndOfTurn(*this, urgency);
   }
   output_->append(message);
   if (!outputBlocked_) reactor_.atEndOfTurn(*this, urgency);
@@ -165,16 +166,15 @@ bool FrameStream::onIoThread() const {
 
 void FrameStream::onReady(std::uint32_t events) {
   const std::shared_ptr<void> alive = receiver_->holdAlive();
-  if ((events & EPOLLOUT) != 0) {
+  if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0 && outputBlocked_) {
     outputBlocked_ = false;
     if (!flush()) return;
   }
-  if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
-    // A peer that hung up is read to its end, whether or not it is its turn: what it asked before still counts.
-    const bool ended = (events & (EPOLLHUP | EPOLLERR)) != 0;
-    if (wantsToRead() || ended) {
-      if (!readOnce()) return;
-    }
+  const bool readable = (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0;
+  if (readable && wantsToRead() && !handOverPending_) {
+    // What was handed over at the end of the last turn is served in this one, before the end that may be read now.
+    const bool servedFirst = std::exchange(handedOverLast_, false);
+    if (!servedFirst && !readOnce()) return;
   }
   watchAsNeeded();
 }
@@ -188,6 +188,7 @@ void FrameStream::onEndOfTurn() {
   if (!flush()) return;
   if (handOverPending_ && wantsToRead()) {
     handOverPending_ = false;
+    handedOverLast_ = true;
     splitter_.give({});
     if (!handFramesOver()) return;
   }
@@ -255,7 +256,7 @@ bool FrameStream::chargeKept() {
   if (kept == chargedKeptBytes_) return true;
   terms_.quota.account->charge(kept);
   terms_.quota.account->refund(std::exchange(chargedKeptBytes_, kept));
-  return kept < limits::kHelloBytes || terms_.quota.account->bytes() <= terms_.quota.limitBytes;
+  return kept < limits::kHelloBytes || terms_.quota.account->bytes() <= terms_.quota.nameLimitBytes();
 }
 
 bool FrameStream::handFramesOver() {
@@ -335,8 +336,7 @@ void FrameStream::fail(std::string_view reason, std::string_view goodbye) {
 }
 
 void FrameStream::sayGoodbye(std::string_view goodbye, bool dropWaiting) {
-  if (watching_) reactor_.unwatch(socket_.get(), *this);
-  watching_ = false;
+  stopWatching();
   // Nothing can lie in a socket that was read to its end; it is closed at once, with detach().
   if (!readToItsEnd_) {
     if (output_ && dropWaiting) output_->dropUnbegunFrames();
@@ -352,8 +352,7 @@ void FrameStream::sayGoodbye(std::string_view goodbye, bool dropWaiting) {
 }
 
 void FrameStream::detach() {
-  if (watching_) reactor_.unwatch(socket_.get(), *this);
-  watching_ = false;
+  stopWatching();
   cancelEndOfTurn();
   slowStreams().erase(this);
   if (leavingUnderPressure() == this) leavingUnderPressure() = nullptr;
@@ -370,13 +369,21 @@ void FrameStream::detach() {
 void FrameStream::watchAsNeeded() {
   if (!socket_) return;
   const std::uint32_t events = (wantsToRead() ? EPOLLIN : 0u) | (outputBlocked_ ? EPOLLOUT : 0u);
-  if (!watching_) {
+  if (events == watchedEvents_) return;
+  // Not watched at all for no events: a peer that hung up would be told of again and again.
+  if (watchedEvents_ == 0) {
     reactor_.watch(socket_.get(), events, *this);
-    watching_ = true;
-  } else if (events != watchedEvents_) {
+  } else if (events == 0) {
+    reactor_.unwatch(socket_.get(), *this);
+  } else {
     reactor_.rewatch(socket_.get(), events, *this);
   }
   watchedEvents_ = events;
+}
+
+void FrameStream::stopWatching() {
+  if (watchedEvents_ != 0) reactor_.unwatch(socket_.get(), *this);
+  watchedEvents_ = 0;
 }
 
 }  // namespace keel::xpc
