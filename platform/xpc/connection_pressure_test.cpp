@@ -86,7 +86,7 @@ TEST_F(RawPeer, UserThatHoldsTooMuchIsRefusedUntilItHoldsLess) {
   int both[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
   peer.reset(both[1]);
-  MemoryAccount& account = *new MemoryAccount;
+  static MemoryAccount account;
   Connection::Options options;
   options.quota = {&account, 10'000};
   const auto limited =
@@ -152,7 +152,7 @@ TEST_F(RawPeer, HalfOfALargeFrameIsChargedToItsUser) {
   int both[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
   peer.reset(both[1]);
-  MemoryAccount& account = *new MemoryAccount;
+  static MemoryAccount account;
   FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes, .quota = {&account, 200'000}};
   const auto limited = Connection::create(
       PeerIdentity(), std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor, std::move(terms)), Connection::Options());

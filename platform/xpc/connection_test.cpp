@@ -166,6 +166,7 @@ struct BothEnds : testing::Test {
   ~BothEnds() override {
     service->kept.clear();
     client->invalidate();
+    server->invalidate();
     turns();
   }
   void turns() {
