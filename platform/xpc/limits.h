@@ -57,7 +57,7 @@ inline constexpr std::size_t kDescriptorsPerMessage = 8;
 // Descriptors that can come with one read: what the kernel allows in one message (SCM_MAX_FD). There is room for all of them,
 // since the kernel closes what finds none, on the thread that reads (see foreign_descriptors.h).
 inline constexpr std::size_t kDescriptorsPerRead = 253;
-// Received descriptors, of all connections together, whose message has not come whole.
+// Received descriptors, of all connections together, whose message has not come whole. Beyond, who holds most goes first.
 inline constexpr std::size_t kUnclaimedDescriptors = 64;
 // Contents of sealed memory files that a peer may have been sent and not have read. Beyond, values travel inline, and count as
 // waiting bytes do.
