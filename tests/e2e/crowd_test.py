@@ -7,6 +7,7 @@ import re
 import resource
 import select
 import socket
+import unittest
 
 import keel_host
 from keel_client import HANG_GUARD, Client, Ended
@@ -108,9 +109,9 @@ class Crowd(DaemonTest):
         self.assertEqual(publisher.dump("weather")[0][0]["subscribers"], [])
 
     def test_a_crowd_that_comes_while_the_daemon_stands_still_is_served(self):
-        self.daemon.signal(keel_host.signal.SIGSTOP)
+        self.daemon.pause()
         self.sockets += [connect() for _ in range(1000)]
-        self.daemon.signal(keel_host.signal.SIGCONT)
+        self.daemon.go_on()
         for client in self.sockets:
             wait_readable(client)
             self.assertTrue(client.recv(4))
@@ -276,7 +277,7 @@ class OneUser(Crowd):
 def load_tests(loader, standard, pattern):
     """The cases of Crowd itself are not repeated by those that build on it."""
     del standard, pattern
-    suite = keel_host.unittest.TestSuite()
+    suite = unittest.TestSuite()
     inherited = set(loader.getTestCaseNames(Crowd))
     for case in (Crowd, Full, VeryFewDescriptors, OneUser):
         names = [name for name in loader.getTestCaseNames(case) if case is Crowd or name not in inherited]
