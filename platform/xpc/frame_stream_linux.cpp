@@ -273,7 +273,7 @@ bool FrameStream::chargeKept() {
   if (kept == chargedKeptBytes_) return true;
   terms_.quota.account->charge(kept);
   terms_.quota.account->refund(std::exchange(chargedKeptBytes_, kept));
-  return kept < limits::kHelloBytes || terms_.quota.account->bytes() <= terms_.quota.nameLimitBytes();
+  return kept < limits::kHelloBytes || terms_.quota.account->bytes() <= terms_.quota.grantedNameBytes();
 }
 
 bool FrameStream::handFramesOver() {
