@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/base64.h"
+#include "platform/foundation/base64.h"
 
 #include <gtest/gtest.h>
 
@@ -32,6 +32,14 @@ TEST(Base64, EveryByteComesBack) {
   std::vector<std::byte> all;
   for (int i = 0; i < 256; ++i) all.push_back(static_cast<std::byte>(i));
   EXPECT_EQ(bytesOfBase64(base64Of(all)), all);
+}
+
+TEST(Base64, DecodesIntoMemoryOfTheCaller) {
+  std::vector<std::byte> into(largestBytesOfBase64("Zm9vYg=="), std::byte{7});
+  EXPECT_EQ(into.size(), 6U);
+  EXPECT_EQ(decodeBase64("Zm9vYg==", into), 4U);
+  EXPECT_EQ(std::vector<std::byte>(into.begin(), into.begin() + 4), bytesOf("foob"));
+  EXPECT_EQ(decodeBase64("Zm9vYh==", into), std::nullopt);
 }
 
 TEST(Base64, OtherTextIsRefused) {
