@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "platform/authenticator/helper_process.h"
-#include "platform/logging/logger.h"
 
 namespace keel {
 
@@ -51,40 +50,31 @@ PamAccountCheck::PamAccountCheck(Settings settings, const RefusalTime& refusalTi
     : settings_(std::move(settings)), refusalTime_(refusalTime), line_(settings_.atOnce, settings_.waiting) {}
 
 bool PamAccountCheck::isPassword(std::string_view user, std::string_view password) {
-  return ask({.task = PamQuestion::Task::password, .user = user, .password = password});
+  return ask({.task = PamQuestion::Task::password, .user = user, .password = password}, std::nullopt);
 }
 
-bool PamAccountCheck::mayBeUsed(std::string_view user) {
-  return ask({.task = PamQuestion::Task::account, .user = user, .password = {}});
+bool PamAccountCheck::mayBeUsed(std::string_view user, Clock::time_point attemptStart) {
+  return ask({.task = PamQuestion::Task::account, .user = user, .password = {}}, attemptStart);
 }
 
-bool PamAccountCheck::ask(const PamQuestion& question) {
+bool PamAccountCheck::ask(const PamQuestion& question, std::optional<Clock::time_point> attemptStart) {
   auto packet = encodePamQuestion(question);
   // The client can tell by itself that no account has such a name or password.
   if (!packet) return false;
   const AttemptLine::Turn turn = line_.enter();
   if (!turn) {
-    complain(fmt::format("more than {} attempts to authenticate wait; further ones are refused", settings_.waiting));
+    complaint_.now(fmt::format("more than {} attempts to authenticate wait; further ones are refused", settings_.waiting));
     return false;
   }
-  const auto start = refusalTime_.now();
+  const Clock::time_point start = attemptStart.value_or(refusalTime_.now());
   const HelperAnswer answer = askHelper(settings_.helper, packet->bytes(), settings_.deadline);
   packet->shrink(0);
-  complain(complaintAbout(answer, settings_));
+  complaint_.now(complaintAbout(answer, settings_));
   if (answer.outcome == HelperAnswer::Outcome::answered && answer.answer == static_cast<std::byte>(PamVerdict::accepted)) {
     return true;
   }
   refusalTime_.await(start);
   return false;
-}
-
-void PamAccountCheck::complain(std::string complaint) {
-  {
-    const std::lock_guard lock(mutex_);
-    if (complaint == lastComplaint_) return;
-    lastComplaint_ = complaint;
-  }
-  if (!complaint.empty()) _loggerForCategory("auth").error("{}", complaint);
 }
 
 std::string pathOfKeelPam() {

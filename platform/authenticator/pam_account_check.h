@@ -3,11 +3,12 @@
 
 #include <chrono>
 #include <cstddef>
-#include <mutex>
+#include <optional>
 #include <string>
 
 #include "platform/authenticator/account_check.h"
 #include "platform/authenticator/attempt_line.h"
+#include "platform/authenticator/complaint.h"
 #include "platform/authenticator/pam_question.h"
 #include "platform/authenticator/refusal_time.h"
 
@@ -34,18 +35,16 @@ class PamAccountCheck final : public AccountCheck {
   PamAccountCheck(Settings settings, const RefusalTime& refusalTime);
 
   bool isPassword(std::string_view user, std::string_view password) override;
-  bool mayBeUsed(std::string_view user) override;
+  bool mayBeUsed(std::string_view user, Clock::time_point attemptStart) override;
 
  private:
-  bool ask(const PamQuestion& question);
-  // Empty: all is well again.
-  void complain(std::string complaint);
+  // Without a start the attempt begins when its turn comes.
+  bool ask(const PamQuestion& question, std::optional<Clock::time_point> attemptStart);
 
   const Settings settings_;
   const RefusalTime& refusalTime_;
   AttemptLine line_;
-  std::mutex mutex_;
-  std::string lastComplaint_;  // under mutex_
+  Complaint complaint_;
 };
 
 // Where keel-pam belongs: in ../libexec/keeld of the directory of the running program.

@@ -28,7 +28,7 @@ class PamAccountCheckTest : public ::testing::Test {
 TEST_F(PamAccountCheckTest, WithoutTheHelperEverythingIsRefusedAndThatIsLoggedOnce) {
   PamAccountCheck check({.helper = "/nonexistent/keel-pam"}, refusalTime);
   EXPECT_FALSE(check.isPassword("alice", "secret"));
-  EXPECT_FALSE(check.mayBeUsed("alice"));
+  EXPECT_FALSE(check.mayBeUsed("alice", {}));
   EXPECT_EQ(refusalCount, 2);
   ASSERT_EQ(logged.size(), 1U);
   EXPECT_EQ(logged[0],
@@ -56,7 +56,7 @@ TEST_F(PamAccountCheckTest, WhatNoAccountCanHaveIsRefusedWithoutAskingAndAtOnce)
   EXPECT_FALSE(check.isPassword(std::string(256, 'u'), "secret"));
   EXPECT_FALSE(check.isPassword("alice", std::string(512, 'p')));
   EXPECT_FALSE(check.isPassword("alice", std::string_view("secret\0", 7)));
-  EXPECT_FALSE(check.mayBeUsed(std::string_view("alice\0", 6)));
+  EXPECT_FALSE(check.mayBeUsed(std::string_view("alice\0", 6), {}));
   EXPECT_EQ(refusalCount, 0);
   EXPECT_TRUE(logged.empty());
 }

@@ -1,18 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/authenticator/pam_question.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace keel {
 
 namespace {
 
+// Names of accounts are lines of text, and modules make names of files of them.
+bool isForeignToNames(char letter) {
+  const auto byte = static_cast<unsigned char>(letter);
+  return byte < 0x20 || byte == 0x7f || letter == '/';
+}
+
 bool canBeAsked(const PamQuestion& question) {
-  const auto hasNul = [](std::string_view text) { return text.find('\0') != std::string_view::npos; };
-  if (question.user.empty() || question.user.size() > kUserNameBytes || hasNul(question.user)) return false;
+  if (question.user.empty() || question.user.size() > kUserNameBytes || std::ranges::any_of(question.user, isForeignToNames)) {
+    return false;
+  }
   if (question.task == PamQuestion::Task::account) return question.password.empty();
   return question.task == PamQuestion::Task::password && question.password.size() <= kPasswordBytes &&
-         !hasNul(question.password);
+         !question.password.contains('\0');
 }
 
 }  // namespace

@@ -38,7 +38,7 @@ enum class PamVerdict : std::uint8_t {
 // Task, user, NUL, password, NUL.
 inline constexpr std::size_t kPamQuestionBytes = 1 + kUserNameBytes + 1 + kPasswordBytes + 1;
 
-// Nothing when PAM cannot be asked that: a size out of bounds, or a NUL within.
+// Nothing when PAM cannot be asked that: a size out of bounds, a NUL in the password, a control character or "/" in the name.
 std::optional<Secret> encodePamQuestion(const PamQuestion& question);
 // Its texts lie in `packet`. Nothing when it is not such a packet.
 std::optional<PamQuestion> decodePamQuestion(std::span<const std::byte> packet);

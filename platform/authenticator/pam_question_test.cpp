@@ -58,6 +58,16 @@ TEST(PamQuestion, TextsWithANulAreRefused) {
   EXPECT_FALSE(canBeAsked(Task::password, "a", std::string_view("x\0", 2)));
 }
 
+TEST(PamQuestion, NamesThatModulesCouldTripOverAreRefused) {
+  for (const char* user : {"a\nb", "\x01", "a\x7f", "../alice", "/", "\talice"}) {
+    EXPECT_FALSE(canBeAsked(Task::password, user, "x")) << user;
+  }
+  for (const char* user : {"DOMAIN\\alice", "alice@example.org", "al ice", "-", "\xc3\xa4"}) {
+    EXPECT_TRUE(canBeAsked(Task::password, user, "x")) << user;
+  }
+  EXPECT_TRUE(canBeAsked(Task::password, "a", "line\n/\x7f"));
+}
+
 TEST(PamQuestion, OtherPacketsAreRefused) {
   EXPECT_TRUE(decoded({"pa\0x\0", 5}));
   for (const std::string_view packet : {
