@@ -81,7 +81,7 @@ std::optional<std::string_view> afterScheme(std::string_view text, std::string_v
   return text;
 }
 
-std::string quoted(std::string_view text) {
+std::string quotedString(std::string_view text) {
   std::string result = "\"";
   for (const char letter : text) {
     if (letter == '"' || letter == '\\') result += '\\';

@@ -14,7 +14,7 @@ namespace keel {
 std::optional<std::string_view> afterScheme(std::string_view text, std::string_view scheme);
 
 // `text` as a quoted string (RFC 9110, section 5.6.4).
-std::string quoted(std::string_view text);
+std::string quotedString(std::string_view text);
 
 // The parameters of an Authorization (RFC 9110, section 11.2): NAME=TOKEN or NAME="QUOTED STRING", with commas between.
 // Immutable.

@@ -9,7 +9,7 @@
 namespace keel {
 
 String BasicAuthenticator::generateInitialResponse() {
-  return String(fmt::format("Basic realm={}, charset=\"UTF-8\"", quoted(realm_)));
+  return String(fmt::format("Basic realm={}, charset=\"UTF-8\"", quotedString(realm_)));
 }
 
 bool BasicAuthenticator::validateChallenge(const String& answer, String* generateResponse) {

@@ -38,8 +38,8 @@ String DigestAuthenticator::generateInitialResponse() {
   for (const DigestAlgorithm algorithm : kDigestAlgorithms) {
     if (!isOffered(algorithm)) continue;
     lines += fmt::format("{}Digest realm={}, qop={}, algorithm={}, nonce={}, opaque={}, charset=UTF-8, userhash=true",
-                         lines.empty() ? "" : "\n", quoted(realm_), quoted(kDigestQop), nameOf(algorithm), quoted(marks_.nonce),
-                         quoted(marks_.opaque));
+                         lines.empty() ? "" : "\n", quotedString(realm_), quotedString(kDigestQop), nameOf(algorithm),
+                         quotedString(marks_.nonce), quotedString(marks_.opaque));
   }
   return String(lines);
 }
@@ -63,8 +63,8 @@ bool DigestAuthenticator::validateChallenge(const String& answer, String* genera
   userName_ = String(credentials->user);
   if (generateResponse == nullptr) return true;
   const auto ours = proof(*parsed, digest, "");
-  *generateResponse = ours ? String(fmt::format("qop={}, rspauth={}, cnonce={}, nc={}", kDigestQop, quoted(ours->text()),
-                                                quoted(parsed->clientNonce), kDigestNonceCount))
+  *generateResponse = ours ? String(fmt::format("qop={}, rspauth={}, cnonce={}, nc={}", kDigestQop, quotedString(ours->text()),
+                                                quotedString(parsed->clientNonce), kDigestNonceCount))
                            : String();
   return true;
 }
