@@ -20,7 +20,7 @@ constexpr std::size_t kWorkerLimit = 32;
 // As many slow checks (password, rights, membership) at once as an administrator could plausibly want; one user alone cannot
 // have them all, so that the checks of another never wait for those of the first to time out.
 constexpr std::size_t kCheckLimit = 32;
-constexpr std::size_t kCheckLimitOfUser = 24;
+constexpr std::size_t kCheckLimitOfUser = 12;
 
 Reactor* startIoReactor() {
   auto* const reactor = new Reactor;
