@@ -5,6 +5,9 @@ target_compile_options(keel_compiler INTERFACE
   -Wall -Wextra -Wpedantic -Werror -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-qual
   -Wconversion -Wsign-conversion -Woverloaded-virtual -Wimplicit-fallthrough -Wundef
   -fno-omit-frame-pointer -fstack-protector-strong -fvisibility=hidden)
+# All symbols are resolved at the start. Resolved later, one by one, they would have the registers saved on the stack, and in
+# these may be a part of a password that was just copied.
+target_link_options(keel_compiler INTERFACE -Wl,-z,relro -Wl,-z,now)
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   target_compile_definitions(keel_compiler INTERFACE _FORTIFY_SOURCE=2)
 endif()
