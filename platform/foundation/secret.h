@@ -34,4 +34,9 @@ class Secret {
 // Overwrites memory with zeros even where the compiler can tell that nobody reads it again.
 void wipe(std::span<std::byte> bytes);
 
+// Overwrites what functions that have returned left on the stack of this thread, kStackBytes deep: registers are saved there in
+// passing, and with them parts of what was copied last.
+void wipeStack();
+inline constexpr std::size_t kStackBytes = 64u << 10;
+
 }  // namespace keel

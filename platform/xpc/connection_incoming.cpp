@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "platform/foundation/secret.h"
 #include "platform/logging/logger.h"
 #include "platform/xpc/connection.h"
 #include "platform/xpc/remote_proxy.h"
@@ -73,6 +74,7 @@ void Connection::queueFrame(std::span<const std::byte> bytes, std::vector<FileDe
   Executor* const slow = weightOf(bytes, exportedInterface_) == Weight::slow ? slowRequests_ : nullptr;
   Block work = [self = shared_from_this(), frame = std::move(copy), taken = std::move(files)]() mutable {
     if (self->state_ == State::running) self->receive(frame->bytes(), taken);
+    if (self->confidential_) wipeStack();
     self->transport_->perform([self, size = frame->size()] {
       self->queuedBytes_ -= size;
       self->adjustReading();

@@ -226,7 +226,10 @@ bool FrameStream::readOnce() {
   } while (received < 0 && errno == EINTR);
   const std::span<std::byte> all = buffer.first(kept + (received > 0 ? static_cast<std::size_t>(received) : 0));
   const bool goesOn = takeRead(all, header, received < 0 ? -errno : received);
-  if (confidential_) wipe(all);
+  if (confidential_) {
+    wipe(all);
+    wipeStack();
+  }
   return goesOn;
 }
 
