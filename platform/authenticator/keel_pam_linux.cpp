@@ -12,12 +12,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <span>
+#include <sstream>
+#include <string>
 
 #include "platform/authenticator/pam_question.h"
 
@@ -28,7 +30,7 @@ using keel::PamVerdict;
 
 constexpr int kSocket = 3;
 constexpr const char* kService = "keeld";
-// Given to PAM, so that a service without a file there fails, where PAM would otherwise fall back to the service "other".
+// Given to PAM, so that a service without a file there fails; PAM would fall back to the service "other".
 constexpr const char* kServiceDirectory = "/etc/pam.d";
 constexpr const char* kServiceFile = "/etc/pam.d/keeld";
 
@@ -38,6 +40,30 @@ bool protectOurselves() {
   ::umask(077);
   return ::setrlimit(RLIMIT_CORE, &none) == 0 && ::prctl(PR_SET_DUMPABLE, 0) == 0 && ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 &&
          ::chdir("/") == 0;
+}
+
+// Whether whoever made the socket, which is the daemon, is still our parent: it may have ended before we were to end with it.
+bool isDaemonAlive() {
+  ucred maker{};
+  socklen_t size = sizeof(maker);
+  return ::getsockopt(kSocket, SOL_SOCKET, SO_PEERCRED, &maker, &size) == 0 && maker.pid == ::getppid();
+}
+
+// Whether the service's file has rules for both questions. For one that has none PAM would take those of the service "other".
+bool isServiceComplete() {
+  bool hasAuth = false, hasAccount = false;
+  std::ifstream file(kServiceFile);
+  for (std::string line; std::getline(file, line);) {
+    std::istringstream words(line);
+    std::string word;
+    words >> word;
+    if (word.starts_with('-')) word.erase(0, 1);
+    // What is included is the business of whoever includes it.
+    const bool isInclude = word == "@include";
+    hasAuth |= isInclude || ::strcasecmp(word.c_str(), "auth") == 0;
+    hasAccount |= isInclude || ::strcasecmp(word.c_str(), "account") == 0;
+  }
+  return hasAuth && hasAccount;
 }
 
 // The account's password for each prompt that hides what is typed. A module that asks for anything else cannot be answered
@@ -91,6 +117,7 @@ PamVerdict ask(pam_handle_t* pam, const PamQuestion& question) {
 
 PamVerdict answer(const PamQuestion& question) {
   if (::access(kServiceFile, F_OK) != 0) return PamVerdict::withoutService;
+  if (!isServiceComplete()) return PamVerdict::failed;
   const pam_conv conversation{.conv = answerPrompts, .appdata_ptr = const_cast<char*>(question.password.data())};
   pam_handle_t* pam = nullptr;
   if (::pam_start_confdir(kService, question.user.data(), &conversation, kServiceDirectory, &pam) != PAM_SUCCESS) {
@@ -111,6 +138,7 @@ int main() {
     std::fputs("keel-pam is run by keeld, to ask about passwords.\n", stderr);
     return EXIT_FAILURE;
   }
+  if (!isDaemonAlive()) return EXIT_FAILURE;
   packet.shrink(static_cast<std::size_t>(count));
   const auto question = keel::decodePamQuestion(packet.bytes());
   if (!question) return EXIT_FAILURE;

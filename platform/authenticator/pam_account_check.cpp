@@ -39,7 +39,8 @@ std::string complaintAbout(const HelperAnswer& answer, const PamAccountCheck::Se
     case PamVerdict::withoutService:
       return "there is no PAM service keeld; install the file /etc/pam.d/keeld, until then all passwords are refused";
     case PamVerdict::failed:
-      return "PAM cannot be asked; look into /etc/pam.d/keeld for mistakes, until then all passwords are refused";
+      return "PAM cannot be asked; mend /etc/pam.d/keeld, which needs rules for auth and account, until then all passwords are "
+             "refused";
   }
   return "keel-pam gave an answer that makes no sense; install it anew, of the same version as keeld";
 }

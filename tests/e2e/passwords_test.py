@@ -1,0 +1,320 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""Passwords of real accounts, checked by real PAM; and PAM modules that do what they must not."""
+
+import os
+import re
+import select
+import sys
+
+import keel_accounts
+import keel_host
+from keel_accounts import (
+    ADMIN_GROUP, AUTH_FAILED, NOT_ADMIN, SERVICE_FILE, AccountsTest, add_account, change_group, install_service, password_of,
+)
+from keel_client import HANG_GUARD
+
+MODULE = next((argument for argument in sys.argv[1:] if argument.endswith(".so")), "")
+REPORT = "/run/report"
+HANGING = "/run/hanging"
+
+
+def service(*lines):
+    install_service("".join(f"{line}\n" for line in lines))
+
+
+def own_module(*task):
+    return f"required {MODULE} {' '.join(task)}"
+
+
+def helpers():
+    """Process ids of running keel-pam, or of what it left behind."""
+    found = []
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open(f"/proc/{pid}/comm") as file:
+                if file.read() == "keel-pam\n":
+                    found.append(int(pid))
+        except FileNotFoundError:
+            pass
+    return found
+
+
+def await_end(pid):
+    try:
+        handle = os.pidfd_open(pid)
+    except ProcessLookupError:
+        return True
+    try:
+        return bool(select.select([handle], [], [], HANG_GUARD)[0])
+    finally:
+        os.close(handle)
+
+
+class Accounts(AccountsTest):
+    def test_an_administrators_password_is_accepted(self):
+        self.assertAccepted("alice")
+        self.no_messages()
+
+    def test_a_wrong_one_is_refused_and_nothing_is_logged(self):
+        self.assertRefused("alice", "wrong")
+        self.assertEqual([line for line in self.daemon.log if line.category == "auth"], [])
+
+    def test_an_unknown_user_is_refused_and_nothing_is_logged(self):
+        self.assertRefused("nobody-of-that-name", password_of("alice"))
+        self.assertEqual([line for line in self.daemon.log if line.category == "auth"], [])
+
+    def test_who_is_no_administrator_is_told_so_when_the_password_is_right(self):
+        self.assertRefused("bob", code=NOT_ADMIN)
+        self.assertRefused("bob", "wrong", code=AUTH_FAILED)
+
+    def test_expired_locked_and_to_be_changed_accounts_are_refused(self):
+        for user in ("carol", "dave", "erin"):
+            with self.subTest(user):
+                self.assertRefused(user)
+        self.no_messages()
+
+    def test_an_empty_password_is_refused_also_where_an_account_has_none(self):
+        keel_accounts.append("/etc/passwd", "frank:x:510:80::/tmp:/bin/sh")
+        keel_accounts.append("/etc/shadow", "frank::19000:0:99999:7:::")
+        self.assertRefused("frank", "")
+        self.assertRefused("alice", "")
+        self.assertRefused("root", "")
+
+    def test_what_cannot_be_a_name_or_a_password_is_refused(self):
+        for user in ("", "alice\0", "alice\n", "/alice", "a" * 256):
+            self.assertRefused(user, password_of("alice"))
+        for password in (password_of("alice") + "\0", password_of("alice") + "\0x"):
+            self.assertRefused("alice", password)
+        self.no_messages()
+
+    def test_passwords_of_511_bytes_are_accepted_and_longer_ones_are_not(self):
+        longest = "p" * 511
+        add_account("henry", 511, ADMIN_GROUP, password=longest)
+        self.assertAccepted("henry", longest)
+        self.assertRefused("henry", longest + "p")
+
+    def test_passwords_are_any_text(self):
+        password = "pässwörd \u2603 \n\x01 'quoted' $HOME"
+        add_account("ida", 512, ADMIN_GROUP, password=password)
+        self.assertAccepted("ida", password)
+
+    def test_a_changed_password_counts_at_once(self):
+        add_account("jack", 513, ADMIN_GROUP, password="old")
+        self.assertAccepted("jack", "old")
+        with open("/etc/shadow") as file:
+            text = file.read()
+        with open("/etc/shadow", "w") as file:
+            file.write(re.sub("(?m)^jack:[^:]*", lambda _: f"jack:{keel_accounts.encrypted('new')}", text))
+        self.assertRefused("jack", "old")
+        self.assertAccepted("jack", "new")
+
+
+class Administrators(AccountsTest):
+    def test_the_primary_group_counts(self):
+        self.assertAccepted("grace")
+
+    def test_the_group_is_asked_anew_each_time(self):
+        self.addCleanup(change_group, "admin", "alice")
+        client = self.auth_client()
+        self.assertError(self.password_error("bob", password_of("bob"), client), NOT_ADMIN)
+        change_group("admin", "alice", "bob")
+        self.assertWorked(self.password_error("bob", password_of("bob"), client))
+        change_group("admin")
+        self.assertError(self.password_error("alice", password_of("alice"), client), NOT_ADMIN)
+
+    def test_without_the_group_nobody_is_one(self):
+        self.addCleanup(change_group, "admin", "alice")
+        change_group("administrators", "alice")
+        with open("/etc/group") as file:
+            lines = [line for line in file if not line.startswith("admin:")]
+        with open("/etc/group", "w") as file:
+            file.writelines(lines)
+        self.assertRefused("alice", code=NOT_ADMIN)
+
+    def test_an_entry_too_large_for_its_short_name_is_no_hindrance(self):
+        add_account("kate", 514, ADMIN_GROUP, remark="r" * 3000)
+        self.assertAccepted("kate")
+
+    def test_a_group_of_very_many_members_is_no_hindrance(self):
+        self.addCleanup(change_group, "admin", "alice")
+        change_group("admin", *(f"member{number}" for number in range(3000)), "bob")
+        self.assertAccepted("bob")
+
+
+class Service(AccountsTest):
+    def test_without_its_file_everybody_is_refused_whatever_the_fall_back_says(self):
+        os.unlink(SERVICE_FILE)
+        with open("/etc/pam.d/other", "w") as file:
+            file.write("auth required pam_permit.so\naccount required pam_permit.so\n")
+        self.assertRefused("alice")
+        self.assertRefused("bob", "anything")
+        said = "there is no PAM service keeld; install the file /etc/pam.d/keeld, until then all passwords are refused"
+        self.assertEqual(self.daemon.logged(said), [("error", "auth", said)])
+        install_service()
+        self.assertAccepted("alice")
+        os.unlink(SERVICE_FILE)
+        self.assertRefused("alice")
+        self.assertEqual(len(self.daemon.logged(said)), 2)
+
+    def test_that_cannot_be_used_refuses_everybody(self):
+        with open("/etc/pam.d/other", "w") as file:
+            file.write("auth required pam_permit.so\naccount required pam_permit.so\n")
+        for text in ("nonsense\n", "", "auth required pam_unix.so\n", "account required pam_permit.so\n", f"auth required {MODULE}.missing\naccount required pam_permit.so\n"):
+            with self.subTest(text):
+                install_service(text)
+                self.assertRefused("alice")
+        said = self.daemon.logged(re.compile("PAM cannot be asked; mend /etc/pam.d/keeld, .*"), level="error")
+        self.assertEqual(len(said), 1)
+
+    def test_account_management_has_the_last_word(self):
+        service("auth required pam_permit.so", "account required pam_deny.so")
+        self.assertRefused("alice")
+        service("auth required pam_permit.so", "account required pam_permit.so")
+        self.assertAccepted("alice")
+
+    def test_it_does_not_delay(self):
+        """The module asks for a delay of a minute, which would be the daemon's to wait for."""
+        service("auth optional pam_faildelay.so delay=3600000000", "auth required pam_unix.so", "account required pam_unix.so")
+        self.assertRefused("alice", "wrong")
+
+
+class BadModules(AccountsTest):
+    options = {"log": "debug"}
+
+    def setUp(self):
+        super().setUp()
+        keel_host.remove(HANGING)
+
+    def await_hanging(self):
+        client = self.auth_client()
+        while not os.path.exists(HANGING):
+            self.assertWorked(client.call("authServiceCheckWithHandler:")[0])
+
+    def tearDown(self):
+        """Nothing is left of what they did."""
+        self.auth_client()
+        self.assertTrue(self.daemon.running)
+        self.assertEqual(helpers(), [])
+
+    def test_one_that_hangs_is_ended_and_holds_up_nobody_else(self):
+        service(f"auth {own_module('hang', HANGING)}", "account required pam_permit.so")
+        waiting = self.auth_client()
+        request = waiting.request("authenticateUser:withPassword:andHandler:", "alice", password_of("alice"))
+        self.await_hanging()
+        install_service()
+        self.assertAccepted("alice")
+        self.assertEqual(len(helpers()), 1)
+        self.assertError(waiting.results(request)[0], AUTH_FAILED)
+        self.daemon.wait_for_log(re.compile("keel-pam did not answer within 8000 ms and was ended; .*"), level="error")
+
+    def test_one_that_crashes_is_a_refusal(self):
+        service(f"auth {own_module('crash')}", "account required pam_permit.so")
+        self.assertRefused("alice")
+        self.daemon.wait_for_log(re.compile("keel-pam was ended by signal 11; .*"), level="error")
+
+    def test_one_that_ends_the_process_is_a_refusal(self):
+        service(f"auth {own_module('exit')}", "account required pam_permit.so")
+        self.assertRefused("alice")
+        self.daemon.wait_for_log(re.compile("keel-pam ended without an answer; .*"), level="error")
+
+    def test_one_that_leaks_leaves_nothing_behind(self):
+        client = self.auth_client()
+        self.assertWorked(self.password_error("alice", password_of("alice"), client))
+        before = self.daemon.descriptor_count()
+        service(f"auth {own_module('leak')}", f"auth {own_module('crash')}", "account required pam_permit.so")
+        self.assertError(self.password_error("alice", password_of("alice"), client), AUTH_FAILED)
+        service(f"auth {own_module('leak')}", "account required pam_permit.so")
+        self.assertWorked(self.password_error("alice", password_of("alice"), client))
+        self.assertEqual(self.daemon.descriptor_count(), before)
+        self.assertTrue(all(await_end(pid) for pid in helpers()))
+
+    def test_one_that_exchanges_the_user_is_a_refusal(self):
+        service(f"auth {own_module('rename', 'bob')}", "account required pam_permit.so")
+        self.assertRefused("alice")
+        service(f"auth {own_module('rename', 'alice')}", "account required pam_permit.so")
+        self.assertAccepted("alice")
+
+    def test_one_that_asks_for_more_than_the_password_is_refused(self):
+        service(f"auth {own_module('prompt')}", "account required pam_permit.so")
+        self.assertRefused("alice")
+
+    def test_the_helper_ends_with_the_daemon(self):
+        service(f"auth {own_module('hang', HANGING)}", "account required pam_permit.so")
+        self.auth_client().request("authenticateUser:withPassword:andHandler:", "alice", password_of("alice"))
+        self.await_hanging()
+        running = helpers()
+        self.assertEqual(len(running), 1)
+        self.daemon.kill()
+        self.assertTrue(await_end(running[0]))
+        self.daemon = self.start()
+
+    def test_without_the_helper_everybody_is_refused(self):
+        helper = os.path.join(os.path.dirname(keel_host.keeld), "../libexec/keeld/keel-pam")
+        helper = os.path.realpath(helper)
+        os.rename(helper, f"{helper}.away")
+        self.addCleanup(os.rename, f"{helper}.away", helper)
+        self.assertRefused("alice")
+        self.daemon.wait_for_log(re.compile(f"cannot run {helper}: No such file or directory; .*"), level="error")
+
+
+class Secrets(AccountsTest):
+    SECRET = "a secret that stands nowhere else: 8c1b2e"
+    WRONG = "another that stands nowhere else: 5d07aa"
+
+    def setUp(self):
+        super().setUp()
+        if "\nlucy:" not in open("/etc/passwd").read():
+            add_account("lucy", 515, ADMIN_GROUP, password=self.SECRET)
+
+    def test_the_helper_shows_nothing_and_inherits_nothing(self):
+        service(f"auth {own_module('report', REPORT)}", "auth required pam_unix.so", "account required pam_unix.so")
+        self.assertAccepted("lucy", self.SECRET)
+        with open(REPORT, "rb") as file:
+            text = file.read()
+        self.assertNotIn(self.SECRET.encode(), text)
+        parts = dict(re.findall(r"== (\w+)\n(.*?)(?=== |\Z)", text.decode(), re.DOTALL))
+        self.assertRegex(parts["cmdline"], r"\A/[^\0]*/libexec/keeld/keel-pam\0\n\Z")
+        self.assertEqual(parts["environ"], "\n")
+        self.assertRegex(parts["limits"], r"Max core file size +0 +0 ")
+        self.assertEqual(parts["process"], "dumpable 0\nleader 1\n")
+        status = dict(line.split(":\t", 1) for line in parts["status"].splitlines() if ":\t" in line)
+        c_library_own = 3 << 31  # signals 32 and 33
+        self.assertEqual({int(status[name], 16) & ~c_library_own for name in ("SigBlk", "SigIgn", "SigCgt")}, {0})
+        descriptors = dict(line.split(" ", 1) for line in parts["descriptors"].splitlines())
+        report = next(number for number, path in descriptors.items() if path == REPORT)
+        del descriptors[report]
+        self.assertEqual([descriptors[number] for number in "012"], ["/dev/null"] * 3)
+        self.assertRegex(descriptors["3"], r"socket:\[\d+\]")
+        self.assertEqual(len(descriptors), 4)
+
+    def test_are_in_no_message_and_not_in_the_daemons_memory_afterwards(self):
+        if keel_host.memory_factor() > 1:
+            self.skipTest("a sanitizer keeps what is freed, and needs too much memory to search")
+        client = self.auth_client()
+        self.assertWorked(self.password_error("lucy", self.SECRET, client))
+        self.assertError(self.password_error("lucy", self.WRONG, client), AUTH_FAILED)
+        self.assertIn(b"lucy", self.memory())  # as it was recorded: the search finds what is there
+        for secret in (self.SECRET, self.WRONG):
+            self.assertEqual([line for line in self.daemon.lines if secret in line], [])
+            self.assertNotIn(secret.encode(), self.memory())
+
+    def memory(self):
+        """All that the daemon can read and write."""
+        found = bytearray()
+        with open(f"/proc/{self.daemon.pid}/maps") as maps, open(f"/proc/{self.daemon.pid}/mem", "rb", buffering=0) as memory:
+            for line in maps:
+                span, rights = line.split()[:2]
+                if not rights.startswith("rw"):
+                    continue
+                start, end = (int(place, 16) for place in span.split("-"))
+                memory.seek(start)
+                try:
+                    found += memory.read(end - start)
+                except OSError:
+                    pass  # a guard page, or what the kernel shows to nobody
+        return bytes(found)
+
+
+if __name__ == "__main__":
+    keel_host.main()
