@@ -23,7 +23,7 @@ class KLNAuthHandler final : public protocols::AuthProxy {
   using AuthTable = std::unordered_map<String, std::shared_ptr<QZAuthenticator>, StringHash>;
 
   // What the challenge of a user is charged to his account for as long as it stays open: about what it takes.
-  static constexpr std::uint32_t kChallengeBytes = 2048;
+  static constexpr std::uint32_t kChallengeBytes = 1024;
   static constexpr std::size_t kAuthIDLength = 37;
 
   explicit KLNAuthHandler(AuthBackEnds backEnds = {}) : backEnds_(std::move(backEnds)) {}
