@@ -1,0 +1,212 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""The auth service under attack: nobody else waits for what an attacker does, and nothing of it stays."""
+
+import keel_host
+from keel_accounts import password_of
+from keel_auth import ALICE, BOB, AuthClient, AuthTest, HeldUpPasswords, basic, own_form
+from keel_client import Code
+from keel_host import Bystanders
+
+CONNECTIONS = 200
+CHALLENGES = 10_000
+ALICES = password_of("alice")
+
+
+def try_passwords(count, password):
+    """Connections that each try a password; returns the codes of the errors, once all have come."""
+    clients = [AuthClient() for _ in range(count)]
+    asked = [client.ask_password("alice", password) for client in clients]
+    codes = [client.results(number)[0].code for client, number in zip(clients, asked)]
+    for client in clients:
+        client.close()
+    return codes
+
+
+class Passwords(AuthTest):
+    def test_that_are_tried_on_200_connections_hold_up_nobody(self):
+        attackers = [self.process(ALICE), self.process(ALICE)]
+        friend = self.process(BOB, new_session=True)
+        bystanders = Bystanders(self)
+        quick = self.auth()
+        proving = friend.client(maker=AuthClient)
+        with HeldUpPasswords(of="alice") as gate:
+            for attacker in attackers:
+                attacker.begin(try_passwords, CONNECTIONS // len(attackers), "wrong")
+            self.daemon.wait_for_log("AuthListenerDelgate: AuthService is ready", CONNECTIONS + 2)
+            gate.wait_until_held_up()
+            for _ in range(100):
+                bystanders.step()
+                self.assertWorked(quick.check())
+                self.assertFalse(quick.is_authed(friend.session))
+            # Not even the password of another user waits for those.
+            self.assertNotAdmin(proving.password("bob", password_of("bob")))
+            self.assertEqual(gate.released, 0)
+            self.assertEqual(len(self.daemon.logged("AuthListenerDelgate: connection is invalidated")), 0)
+            gate.release()
+            for attacker in attackers:
+                self.assertEqual(attacker.result(), [5] * (CONNECTIONS // len(attackers)))
+        bystanders.step()
+        self.assertFalse(quick.is_authed(-1))
+        self.assertWorked(proving.password("alice", ALICES))
+        self.assertTrue(quick.is_authed(friend.session))
+
+    def test_that_are_asked_in_great_numbers_on_one_connection_are_answered_in_order(self):
+        client = self.auth()
+        # None of these reaches an account: such names and passwords cannot be.
+        asked = [client.ask_password("a/b", "x") for _ in range(2000)]
+        for number in asked:
+            self.assertFailed(client.results(number)[0])
+        self.assertWorked(client.check())
+
+
+class Challenges(AuthTest):
+    def test_of_which_10000_are_open_take_bounded_memory_and_end_with_the_connection(self):
+        attacker, other = self.auth(), self.auth()
+        first = self.measured_bytes()
+        ids = self.open(attacker, CHALLENGES)
+        self.assertEqual(len(set(ids)), CHALLENGES)
+        # No more than each is charged.
+        self.assertMemoryWithin(first, CHALLENGES * 1024)
+        self.assertWorked(other.check())
+        self.assertError(other.validate("x", ids[0])[2], 6)
+        # All are as good as one.
+        self.assertWorked(attacker.validate(basic("alice", ALICES), ids[-1])[2])
+        self.assertWorked(attacker.validate(basic("alice", ALICES), ids[CHALLENGES // 2])[2])
+        self.assertFailed(attacker.validate("nonsense", ids[0])[2])
+        self.assertError(attacker.validate("nonsense", ids[0])[2], 6)
+        attacker.close()
+        self.daemon.wait_for_log("AuthListenerDelgate: connection is invalidated")
+        # As many again find the memory of the first.
+        for _ in range(2):
+            self.open(self.auth(), CHALLENGES // 2)
+        self.assertMemoryWithin(first, CHALLENGES * 700)
+
+    @staticmethod
+    def open(client, count):
+        """As many challenges, one half each of digest and basic; their IDs."""
+        ids = []
+        for start in ("authDigestStartWithHandler:", "authBasicStartWithHandler:"):
+            asked = [client.request(start) for _ in range(count // 2)]
+            ids += [client.results(number)[1] for number in asked]
+        return ids
+
+    def measured_bytes(self):
+        """The daemon's memory once it has served each kind of request."""
+        client = self.auth()
+        for start in (client.start_basic, client.start_digest):
+            client.validate("nonsense", start()[1])
+        return self.daemon.resident_bytes()
+
+    def test_of_one_user_are_refused_once_they_take_too_much(self):
+        attacker = self.process(BOB)
+        opened, code = attacker.do(open_challenges_until_refused)
+        self.assertEqual(code, Code.overQuota)
+        self.assertGreater(opened, CHALLENGES)
+        # Others are not concerned, nor is what needs no memory.
+        self.assertWorked(self.auth().start_digest()[2])
+        self.assertWorked(self.process(ALICE).client(maker=AuthClient).start_digest()[2])
+        self.assertWorked(attacker.do(probe))
+
+
+def open_challenges_until_refused():
+    client = AuthClient()
+    kept.append(client)
+    opened = 0
+    while True:
+        asked = [client.request("authBasicStartWithHandler:") for _ in range(1000)]
+        for number in asked:
+            answer = client.answer(number)
+            if answer.kind != 3:
+                for rest in asked[asked.index(number) + 1 :]:
+                    client.answer(rest)
+                return opened, answer.fields[2]
+            opened += 1
+
+
+def probe():
+    client = AuthClient()
+    error = client.check()
+    client.close()
+    return error
+
+
+kept = []
+
+
+class Leavers(AuthTest):
+    """Clients that are gone in the middle."""
+
+    ROUNDS = 20
+
+    def test_of_each_step_leave_nothing(self):
+        steps = [
+            lambda client: client.ask_password("alice", "wrong"),
+            lambda client: client.ask_password("nobody-here", "wrong"),
+            lambda client: client.request("authenticateForUser:using:withHandler:", "alice", b"x" * 32),
+            lambda client: client.request("authGetDefaultRealm:"),
+            lambda client: client.request("authDigestStartWithHandler:"),
+            lambda client: client.validate("nonsense", client.start_basic()[1]),
+            lambda client: client.request("authValidate:andID:withHandler:", basic("alice", "wrong"), client.start_basic()[1]),
+            lambda client: client.request("isAuthedASID:withHandler:", -1),
+            lambda client: client.send_bytes(b"\x50\x00\x00\x00\x84\x01"),
+            lambda client: None,
+        ]
+        stays = self.auth()
+        stays.check()
+        descriptors = self.daemon.descriptor_count()
+        for _ in range(self.ROUNDS):
+            for step in steps:
+                client = AuthClient()
+                step(client)
+                client.close()
+        AuthClient(greet=False).close()
+        self.daemon.wait_for_log("AuthListenerDelgate: connection is invalidated", self.ROUNDS * len(steps) + 1)
+        self.assertFalse(stays.is_authed(-1))
+        # Checks that were under way have ended with the invalidation behind them; so have their descriptors.
+        self.assertEqual(self.daemon.descriptor_count(), descriptors)
+
+    def test_while_their_password_is_checked_are_recorded_rightly(self):
+        right, wrong = self.process(ALICE, new_session=True), self.process(ALICE, new_session=True)
+        session, other_session = right.session, wrong.session
+        with HeldUpPasswords() as gate:
+            right.client(maker=AuthClient).ask_password("alice", ALICES)
+            wrong.client(maker=AuthClient).ask_password("alice", "wrong")
+            gate.wait_until_held_up(2)
+            right.kill()
+            wrong.kill()
+            gate.release()
+            self.daemon.wait_for_log("AuthListenerDelgate: connection is invalidated", 2)
+        stays = self.auth()
+        # What was proved is proved, in the session of who proved it, and in no other.
+        self.assertTrue(stays.is_authed(session))
+        self.assertFalse(stays.is_authed(other_session))
+        self.assertFalse(stays.is_authed(-1))
+
+    def test_do_not_keep_the_daemon_from_ending(self):
+        with HeldUpPasswords() as gate:
+            self.auth().ask_password("alice", ALICES)
+            gate.wait_until_held_up()
+            self.assertEqual(self.daemon.stop(), 0)
+
+
+class Floods(AuthTest):
+    def test_of_quick_requests_hold_up_nobody(self):
+        flooder, other = self.auth(), self.auth()
+        asked = [flooder.request("authServiceCheckWithHandler:") for _ in range(20_000)]
+        bystanders = Bystanders(self)
+        for _ in range(20):
+            bystanders.step()
+            self.assertWorked(other.check())
+        for number in asked:
+            self.assertWorked(flooder.results(number)[0])
+
+    def test_of_references_are_all_refused(self):
+        client = self.process(BOB).client(maker=AuthClient)
+        asked = [client.request("authenticateForUser:using:withHandler:", "alice", own_form()) for _ in range(500)]
+        for number in asked:
+            self.assertStatus(client.results(number)[0], -60002)
+
+
+if __name__ == "__main__":
+    keel_host.main()

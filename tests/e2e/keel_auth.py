@@ -1,0 +1,230 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The auth service for the end-to-end tests: its client, passwords that wait, and polkit on a system bus of its own."""
+
+import base64
+import contextlib
+import os
+import re
+import shutil
+import struct
+import subprocess
+
+from keel_accounts import ACCOUNTS, OWN_SERVICE_FILE, AccountsTest, encrypted, install_service
+from keel_client import AUTH, HANG_GUARD, Client
+
+ALICE, BOB = ACCOUNTS["alice"][0], ACCOUNTS["bob"][0]
+RIGHT = "com.vantor.ServiceManagement.daemons.modify"
+TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
+
+
+class AuthClient(Client):
+    """A connection to the auth service. Each method returns what the reply holds, the error last or alone."""
+
+    def __init__(self, **options):
+        super().__init__(AUTH, exports=[], **options)
+
+    def check(self):
+        return self.call("authServiceCheckWithHandler:")[0]
+
+    def password(self, user, password):
+        return self.call("authenticateUser:withPassword:andHandler:", user, password)[0]
+
+    def ask_password(self, user, password):
+        """Sends the request and returns its id."""
+        return self.request("authenticateUser:withPassword:andHandler:", user, password)
+
+    def reference(self, user, form):
+        return self.call("authenticateForUser:using:withHandler:", user, form)[0]
+
+    def own_reference(self, user):
+        """With the form of the process that this connection belongs to."""
+        return self.reference(user, own_form())
+
+    def realm(self):
+        return self.call("authGetDefaultRealm:")
+
+    def start_basic(self):
+        return self.call("authBasicStartWithHandler:")
+
+    def start_digest(self):
+        return self.call("authDigestStartWithHandler:")
+
+    def validate(self, answer, auth_id):
+        return self.call("authValidate:andID:withHandler:", answer, auth_id)
+
+    def is_authed(self, session):
+        return self.call("isAuthedASID:withHandler:", session)[0]
+
+    def answered_so_far(self):
+        """Whether an answer has come, without waiting for one."""
+        self._read()
+        return any(self._answers.values())
+
+
+# ---- authorization references ----------------------------------------------------------------------------------------------
+
+
+def start_time(pid):
+    with open(f"/proc/{pid}/stat") as file:
+        return int(file.read().rpartition(")")[2].split()[19])
+
+
+def form_of(pid, uid, start):
+    return b"KeelRef1" + struct.pack("<IIQ", pid, uid, start) + b"1feRleeK"
+
+
+def own_form():
+    return form_of(os.getpid(), os.getuid(), start_time(os.getpid()))
+
+
+def basic(user, password):
+    """The answer to a basic challenge."""
+    return "Basic " + base64.b64encode(f"{user}:{password}".encode()).decode()
+
+
+def could_not_say(pid, uid, why):
+    """The error of a right that polkit could not be asked about, as a pattern."""
+    return re.compile(f"polkit could not say whether pid {pid} \\(uid {uid}\\) holds the right {re.escape(RIGHT)}: {why}")
+
+
+# ---- passwords -------------------------------------------------------------------------------------------------------------
+
+
+def set_password(user, password):
+    with open("/etc/shadow") as file:
+        lines = [line.split(":") for line in file]
+    with open("/etc/shadow", "w") as file:
+        for fields in lines:
+            if fields[0] == user:
+                fields[1] = encrypted(password)
+            file.write(":".join(fields))
+
+
+class HeldUpPasswords:
+    """While it is entered, every check of a password waits for release(), or for being ended; or those of one user's."""
+
+    _GATE = "/run/keel-test-gate"
+    _WAITER = "/run/keel-test-wait"
+    _ARRIVALS = "/run/keel-test-arrivals"
+
+    def __init__(self, of="*"):
+        self._user = of
+        self.released = 0
+
+    def __enter__(self):
+        os.mkfifo(self._GATE, 0o600)
+        os.mkfifo(self._ARRIVALS, 0o600)
+        # Opened for both directions, neither this nor the other end waits for somebody to open it.
+        self._arrivals = os.open(self._ARRIVALS, os.O_RDWR)
+        self._gate = None
+        with open(self._WAITER, "w") as file:
+            file.write(f"""#!/bin/sh
+case $PAM_USER in
+  {self._user}) echo >{self._ARRIVALS} && read line <{self._GATE} ;;
+esac
+""")
+        os.chmod(self._WAITER, 0o755)
+        with open(OWN_SERVICE_FILE) as file:
+            install_service(f"auth optional pam_exec.so quiet {self._WAITER}\n{file.read()}")
+        return self
+
+    def wait_until_held_up(self, count=1):
+        """Waits until that many checks more have come to the gate."""
+        for _ in range(count):
+            os.read(self._arrivals, 1)
+
+    def release(self):
+        """Lets all go on that wait now or will."""
+        if self._gate is None:
+            self.released += 1
+            install_service()
+            # A line for each that waits, also for those on their way.
+            self._gate = os.open(self._GATE, os.O_RDWR | os.O_NONBLOCK)
+            os.write(self._gate, b"\n" * 4096)
+
+    def __exit__(self, *_):
+        self.release()
+        os.close(self._gate)
+        os.close(self._arrivals)
+        os.unlink(self._GATE)
+        os.unlink(self._ARRIVALS)
+
+
+# ---- polkit ----------------------------------------------------------------------------------------------------------------
+
+
+class Polkit:
+    """A system bus, and polkitd on it, with the policy of this source tree. Administrators hold the right unless other rules
+    are given.
+    """
+
+    RULES = "/etc/polkit-1/rules.d/40-keel-test.rules"
+    POLICY = "com.vantor.ServiceManagement.policy"
+    BUS = "/run/dbus/system_bus_socket"
+    ADMINISTRATORS_HOLD_IT = f"""
+polkit.addRule(function(action, subject) {{
+    if (action.id == "{RIGHT}") return subject.isInGroup("admin") ? polkit.Result.YES : polkit.Result.NO;
+}});
+"""
+
+    def __init__(self, rules=ADMINISTRATORS_HOLD_IT, policy=True):
+        if rules:
+            with open(self.RULES, "w") as file:
+                file.write(rules)
+        installed = f"/usr/share/polkit-1/actions/{self.POLICY}"
+        if policy:
+            shutil.copy(f"{TOP}/packaging/polkit/{self.POLICY}", installed)
+        os.makedirs(os.path.dirname(self.BUS), exist_ok=True)
+        output, written = os.pipe()
+        self.bus = subprocess.Popen(["dbus-daemon", "--system", "--nofork", "--nopidfile", "--nosyslog", f"--print-address={written}"],
+                                    pass_fds=[written], stderr=subprocess.DEVNULL)
+        os.close(written)
+        with open(output) as file:
+            file.readline()  # it is ready
+        self.daemon = None
+
+    def start(self):
+        """polkitd; returns when it answers on the bus."""
+        self.daemon = subprocess.Popen(["/usr/lib/polkit-1/polkitd"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        subprocess.run(["pkaction", "--action-id", RIGHT], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=HANG_GUARD, check=False)
+        return self
+
+    def signal(self, number):
+        os.kill(self.daemon.pid, number)
+
+    def kill(self):
+        self.daemon.kill()
+        self.daemon.wait()
+
+    def close(self):
+        for process in (self.daemon, self.bus):
+            if process:
+                process.kill()
+                process.wait()
+        for path in (self.RULES, self.BUS, f"/usr/share/polkit-1/actions/{self.POLICY}"):
+            with contextlib.suppress(FileNotFoundError):
+                os.unlink(path)
+
+
+# ---- cases -----------------------------------------------------------------------------------------------------------------
+
+
+class AuthTest(AccountsTest):
+    def auth(self, **options):
+        client = AuthClient(**options)
+        self.addCleanup(client.close)
+        return client
+
+    def assertFailed(self, error):
+        self.assertError(error, 5)
+
+    def assertNotAdmin(self, error):
+        self.assertError(error, 14)
+
+    def assertStatus(self, error, status):
+        self.assertError(error, status, domain="NSOSStatusErrorDomain")
+
+    def auth_log(self):
+        """Ends the daemon; then all it logged in the category auth, as level and text."""
+        self.assertEqual(self.daemon.stop(), 0)
+        return [f"{line.level} {line.text}" for line in self.daemon.log if line.category == "auth"]
