@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/base64.h"
+#include "platform/foundation/base64.h"
 
 #include <gtest/gtest.h>
 
