@@ -45,13 +45,22 @@ struct Parsed {
   std::function<int(Console&)> run;
 };
 
+// The parser takes "-1" for the largest number there is.
+const CLI::Validator kUnsigned(
+    [](std::string& text) { return text.starts_with('-') ? "a number from 0 on is wanted, not " + text : std::string(); }, "");
+
+// Options that stand before or behind the command.
+void addCommonOptions(CLI::App& app, CommonOptions& common) {
+  app.add_flag("--json", common.json, "write JSON also to a terminal");
+  app.add_option("--service-directory", common.serviceDirectory, "where keeld's socket is, instead of /run/keeld")
+      ->type_name("DIR");
+}
+
 // Adds a command with the options that all have.
 CLI::App* addCommand(CLI::App& app, Parsed& parsed, const char* name, const char* description,
                      std::function<int(Console&)> run) {
   CLI::App* command = app.add_subcommand(name, description);
-  command->add_flag("--json", parsed.common.json, "write JSON also to a terminal");
-  command->add_option("--service-directory", parsed.common.serviceDirectory, "where keeld's socket is, instead of /run/keeld")
-      ->type_name("DIR");
+  addCommonOptions(*command, parsed.common);
   command->callback([&parsed, run = std::move(run)] { parsed.run = run; });
   return command;
 }
@@ -72,9 +81,9 @@ void addPublishing(CLI::App& app, Parsed& parsed) {
                  [&](Console& console) { return publishCommand(console, parsed.common, parsed.publish); });
   publish->add_option("NAME", parsed.publish.name)->required();
   publish->add_option("JSON", parsed.publish.json, "the data, or - for lines from standard input")->required();
-  publish->add_option("--flags", parsed.publish.flags, "the flags of the publication");
+  publish->add_option("--flags", parsed.publish.flags, "the flags of the publication")->check(kUnsigned);
   publish->add_option("--value", parsed.publish.value, "the value of the publication");
-  publish->add_option("--count", parsed.publish.count, "end after that many versions");
+  publish->add_option("--count", parsed.publish.count, "end after that many versions")->check(kUnsigned);
   publish->add_flag("--reconnect", parsed.publish.reconnect, "wait for keeld, and publish anew when the connection was lost");
   addTimeout(publish, parsed, "end after that time");
 
@@ -98,9 +107,10 @@ void addSubscribing(CLI::App& app, Parsed& parsed) {
       "at a "
       "time, with the data as JSON on its standard input and KEELCTL_NAME and KEELCTL_EVENT (data or error) in its environment",
       [&](Console& console) { return subscribeCommand(console, parsed.common, parsed.subscribe); });
-  subscribe->add_option("NAME", parsed.subscribe.names, "which; a name that begins with - cannot be followed from here")
-      ->required();
-  subscribe->add_option("--count", parsed.subscribe.count, "end after that many events");
+  CLI::Option* names =
+      subscribe->add_option("NAME,--name", parsed.subscribe.names, "which; one that begins with - as --name=-x");
+  names->required();
+  subscribe->add_option("--count", parsed.subscribe.count, "end after that many events")->check(kUnsigned);
   subscribe->add_flag("--reconnect", parsed.subscribe.reconnect,
                       "wait for keeld, and follow anew when the connection was lost");
   addTimeout(subscribe, parsed, "end after that time");
@@ -151,6 +161,15 @@ void takeKept(std::vector<std::string>& names) {
   }
 }
 
+// Common options may stand before the command; the values that those take are no commands.
+bool isSubscribe(const std::vector<std::string>& arguments) {
+  auto argument = arguments.begin();
+  while (argument != arguments.end() && argument->starts_with('-')) {
+    argument += *argument == "--service-directory" && argument + 1 != arguments.end() ? 2 : 1;
+  }
+  return argument != arguments.end() && *argument == "subscribe";
+}
+
 }  // namespace
 
 int runKeelctl(std::vector<std::string> arguments, Console& console) {
@@ -158,10 +177,11 @@ int runKeelctl(std::vector<std::string> arguments, Console& console) {
   CLI::App app(kDescription, "keelctl");
   app.footer(kFooter);
   app.require_subcommand(1);
+  addCommonOptions(app, parsed.common);
   addPublishing(app, parsed);
   addSubscribing(app, parsed);
   addQueries(app, parsed);
-  if (!arguments.empty() && arguments[0] == "subscribe") {
+  if (isSubscribe(arguments)) {
     if (arguments.back() == "--") return reportUsage(console, "there is no command behind --");
     parsed.subscribe.command = takeEventCommand(arguments);
     keepWhole(arguments);

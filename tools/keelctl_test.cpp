@@ -66,6 +66,9 @@ TEST_F(Keelctl, SenselessCommandLinesAreUsageErrors) {
                                                        {"publish", "a"},
                                                        {"publish", "a", "{}", "more"},
                                                        {"publish", "a", "{}", "--count", "few"},
+                                                       {"publish", "a", "{}", "--count", "-1"},
+                                                       {"publish", "a", "{}", "--flags", "-1"},
+                                                       {"subscribe", "a", "--count", "-1"},
                                                        {"publish", "a", "{}", "--timeout", "-1"},
                                                        {"subscribe"},
                                                        {"subscribe", "a", "--"},
@@ -101,7 +104,10 @@ TEST_F(Keelctl, EveryCommandSaysThatKeeldIsNotRunning) {
                                                        {"dump", "a", "--data"},
                                                        {"modules"},
                                                        {"authcheck", "ann", "7"},
-                                                       {"subscribe", "[a,b]", "[", ""}};
+                                                       {"subscribe", "[a,b]", "[", ""},
+                                                       {"subscribe", "--name=-a"},
+                                                       {"--json", "subscribe", "a", "--", "true"},
+                                                       {"--json", "dump"}};
   for (const auto& line : lines) {
     ASSERT_EQ(::ftruncate(errors, 0), 0);
     ::lseek(errors, 0, SEEK_SET);

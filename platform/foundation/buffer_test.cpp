@@ -108,5 +108,24 @@ TEST(BufferLiveBytes, ReturnsToWhatItWasWhenThreadsShareAndDrop) {
   EXPECT_EQ(Buffer::liveBytes(), before);
 }
 
+TEST(MemoryAccount, ASumFollowsItsAccountsInSteps) {
+  constexpr std::size_t kStep = MemoryAccount::kStepBytes;
+  MemoryAccount sum;
+  MemoryAccount first(sum);
+  MemoryAccount second(sum);
+  first.charge(kStep);
+  EXPECT_EQ(sum.bytes(), 0u);
+  first.charge(1);
+  EXPECT_EQ(sum.bytes(), kStep + 1);
+  second.charge(10 * kStep);
+  EXPECT_EQ(sum.bytes(), 11 * kStep + 1);
+  second.refund(kStep);
+  EXPECT_EQ(sum.bytes(), 11 * kStep + 1);
+  second.refund(9 * kStep);
+  EXPECT_EQ(sum.bytes(), kStep + 1);
+  first.refund(kStep + 1);
+  EXPECT_EQ(sum.bytes(), 0u);
+}
+
 }  // namespace
 }  // namespace keel

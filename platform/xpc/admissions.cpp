@@ -2,6 +2,7 @@
 #include "platform/xpc/admissions.h"
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -17,6 +18,14 @@ std::size_t connectionLimitOfProcess() {
   const std::size_t descriptors = std::min<std::size_t>(limit.rlim_cur, limits::kConnections + limits::kReservedDescriptors);
   // With very few descriptors the reserve shrinks: some clients are better than none.
   return descriptors > 2 * limits::kReservedDescriptors ? descriptors - limits::kReservedDescriptors : descriptors / 2;
+}
+
+std::size_t memoryLimitOfUsers() {
+  const long pages = ::sysconf(_SC_PHYS_PAGES);
+  const long pageBytes = ::sysconf(_SC_PAGESIZE);
+  // A system that does not say what it has is taken for a small one.
+  if (pages <= 0 || pageBytes <= 0) return 2 * limits::kMemoryOfOneUserBytes;
+  return static_cast<std::size_t>(static_cast<double>(pages) * static_cast<double>(pageBytes) * limits::kMemoryShareOfUsers);
 }
 
 }  // namespace
@@ -39,11 +48,11 @@ bool Admissions::hasRoom() const {
 Admissions::Refusal Admissions::admit(uid_t uid, std::shared_ptr<void>& admission) {
   const std::lock_guard lock(mutex_);
   if (count_ >= connectionLimit_) return Refusal::full;
-  const auto share = [this](double part) { return static_cast<std::size_t>(static_cast<double>(connectionLimit_) * part); };
   if (uid != 0) {
-    if (count_ >= share(limits::kConnectionShareOfUsers)) return Refusal::tooManyOfUsers;
+    const auto shareOfUsers = static_cast<std::size_t>(static_cast<double>(connectionLimit_) * limits::kConnectionShareOfUsers);
+    if (count_ >= shareOfUsers) return Refusal::tooManyOfUsers;
     const auto found = countByUser_.find(uid);
-    if (found != countByUser_.end() && found->second >= share(limits::kConnectionShareOfOneUser)) return Refusal::tooManyOfUser;
+    if (found != countByUser_.end() && found->second >= shareOfUsers - count_) return Refusal::tooManyOfUser;
   }
   ++countByUser_[uid];
   ++count_;
@@ -60,11 +69,19 @@ MemoryQuota memoryQuotaOfUser(uid_t uid) {
   static std::mutex& mutex = *new std::mutex;
   static auto& accountsByUser = *new std::unordered_map<uid_t, MemoryAccount*>;
   const std::lock_guard lock(mutex);
+  static MemoryAccount& allUsers = *new MemoryAccount;
+  static const std::size_t limitOfAll = memoryLimitOfUsers();
   MemoryAccount*& account = accountsByUser[uid];
-  if (account == nullptr) account = new MemoryAccount;
   MemoryQuota quota;
+  if (uid == 0) {
+    if (account == nullptr) account = new MemoryAccount;
+  } else {
+    if (account == nullptr) account = new MemoryAccount(allUsers);
+    quota.limitBytes = limits::kMemoryOfOneUserBytes;
+    quota.sum = &allUsers;
+    quota.sumLimitBytes = limitOfAll;
+  }
   quota.account = account;
-  if (uid != 0) quota.limitBytes = limits::kMemoryOfOneUserBytes;
   return quota;
 }
 

@@ -26,7 +26,8 @@ class Admissions : public std::enable_shared_from_this<Admissions> {
   // Well below the limit: a shortage is over, not merely interrupted.
   bool hasRoom() const;
   // Counts one connection of `uid` in until `admission` is dropped; sets nothing and counts nothing when refused. Root is
-  // bounded by the total only; others by their own share of it, and by that of all users.
+  // bounded by the total only. All others have a share of it, of which one may hold as many as are still free: no
+  // single one keeps the others out.
   Refusal admit(uid_t uid, std::shared_ptr<void>& admission);
 
  private:

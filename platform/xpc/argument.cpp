@@ -28,14 +28,14 @@ bool ArgumentReader::encodedItem(std::uint8_t major, BufferRef& item) {
   if (next == kTagType) return sealedItem(major, item);
   if (next != major) return false;
   auto bytes = cursor.item(depthOf(major));
-  if (!bytes || !mayHold(bytes->size(), quota_.limitBytes)) return false;
+  if (!bytes || !mayHold(bytes->size(), quota_.grantedBytes())) return false;
   item = Buffer::copyOf(*bytes, *quota_.account);
   return true;
 }
 
 bool ArgumentReader::string(String& value) {
   std::string_view text;
-  if (!cursor.text(text) || !mayHold(text.size() + limits::kRecordBytes, quota_.nameLimitBytes())) return false;
+  if (!cursor.text(text) || !mayHold(text.size() + limits::kRecordBytes, quota_.grantedNameBytes())) return false;
   value = String(text, *quota_.account, limits::kRecordBytes);
   return true;
 }
@@ -54,7 +54,7 @@ bool ArgumentReader::sealedItem(std::uint8_t major, BufferRef& item) {
   if (files_.empty() || sizeBytes > sealedLimitBytes_) return false;
   FileDescriptor file = std::move(files_.front());
   files_.erase(files_.begin());
-  if (!mayHold(static_cast<std::size_t>(sizeBytes), quota_.limitBytes)) return false;
+  if (!mayHold(static_cast<std::size_t>(sizeBytes), quota_.grantedBytes())) return false;
   auto mapped = openSealedMemory(std::move(file), static_cast<std::size_t>(sizeBytes), *quota_.account);
   if (!mapped || !isOfType((*mapped)->bytes(), major)) return false;
   if (!cbor::validate((*mapped)->bytes(), depthOf(major))) return false;

@@ -19,9 +19,19 @@ namespace keel::xpc {
 struct MemoryQuota {
   MemoryAccount* account = &MemoryAccount::ofProcess();
   std::size_t limitBytes = std::numeric_limits<std::size_t>::max();
+  // What several hold together, and may hold. One of them may hold as much as is still free: no single one takes it all.
+  const MemoryAccount* sum = nullptr;
+  std::size_t sumLimitBytes = 0;
+
+  std::size_t grantedBytes() const {
+    if (sum == nullptr) return limitBytes;
+    const std::size_t held = sum->bytes();
+    return std::min(limitBytes, held < sumLimitBytes ? sumLimitBytes - held : 0);
+  }
   // Names may go beyond by half: who holds too much must be able to say what it gives up.
-  std::size_t nameLimitBytes() const {
-    return limitBytes + std::min(limitBytes / 2, std::numeric_limits<std::size_t>::max() - limitBytes);
+  std::size_t grantedNameBytes() const {
+    const std::size_t granted = grantedBytes();
+    return granted + std::min(granted / 2, std::numeric_limits<std::size_t>::max() - granted);
   }
 };
 

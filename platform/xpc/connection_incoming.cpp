@@ -200,7 +200,7 @@ bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vecto
   if (reader.isOverQuota()) {
     return refuse(id, FailureCode::overQuota,
                   fmt::format("uid {} holds {} bytes here; at most {} are granted", peer_.uid, options_.quota.account->bytes(),
-                              options_.quota.limitBytes));
+                              options_.quota.grantedBytes()));
   }
   return refuse(id, FailureCode::wrongArguments,
                 fmt::format("the arguments do not fit {}", exportedInterface_->selectors()[method]));
@@ -223,7 +223,9 @@ bool Connection::receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint
     std::uint64_t code = 0;
     std::string_view text;
     if (count != 4 || !cursor.unsignedInteger(code) || !cursor.text(text) || !cursor.atEnd()) {
+      expected.onError(connectionError(ConnectionErrorCode::badReply, "the peer's failure cannot be decoded"));
       interrupted("a failure that cannot be decoded");
+      return false;
     }
     const Value userInfo = Value::map({{std::string(NSLocalizedDescriptionKey), text}, {"failureCode", code}});
     expected.onError(

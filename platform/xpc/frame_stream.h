@@ -58,8 +58,9 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   // Counts what waits here, and has the stream dropped for which most waits when all is too much.
   void countWaiting();
   void endSlow();
-  // Keeps the sum of unclaimed files over all streams.
+  // Notes how many files wait for their message.
   void countFiles();
+  void endForUnclaimedFiles();
   // Charges what is kept of a frame that came in part. False when the peer's user holds too much.
   bool chargeKept();
 
@@ -77,7 +78,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   FrameSplitter splitter_;
   Terms terms_;
   std::size_t countedOwnBytes_ = 0;  // of this stream in the sum over all streams
-  std::size_t countedFiles_ = 0;     // the same of files
+  std::size_t countedFiles_ = 0;     // that were noted as unclaimed
   std::size_t chargedKeptBytes_ = 0;
   std::size_t unreadFileBytes_ = 0;  // sent since the peer was last seen to have read everything
   BorrowedOutputQueue output_;
@@ -89,6 +90,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   bool handOverPending_ = false;
   bool handedOverLast_ = false;  // at the end of the last turn
   bool tooSlow_ = false;
+  bool keepsFilesUnclaimed_ = false;
   bool readToItsEnd_ = false;
   bool ending_ = false;  // at the end of the turn
   int problem_ = 0;      // errno of a write that failed

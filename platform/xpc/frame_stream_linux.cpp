@@ -28,6 +28,7 @@
 #include "platform/xpc/farewell.h"
 #include "platform/xpc/foreign_descriptors.h"
 #include "platform/xpc/limits.h"
+#include "platform/xpc/unclaimed_files.h"
 
 namespace keel::xpc {
 
@@ -42,14 +43,20 @@ std::span<std::byte> readBuffer() {
   return {buffer.get(), kSizeBytes};
 }
 
+constexpr std::string_view kUnclaimed = "descriptors that no message claims";
+
 // What streams hold together. Written on the I/O thread alone in the daemon, atomic for programs with several reactors.
 std::atomic<std::size_t> totalOwnBytes{0};
-std::atomic<std::size_t> totalUnclaimedFiles{0};
 
 // The streams of this thread for which much waits.
 std::unordered_set<FrameStream*>& slowStreams() {
   thread_local std::unordered_set<FrameStream*> streams;
   return streams;
+}
+
+UnclaimedFiles<FrameStream, MemoryAccount>& unclaimedFiles() {
+  thread_local UnclaimedFiles<FrameStream, MemoryAccount> files;
+  return files;
 }
 
 // The one that is being dropped because all of them together hold too much.
@@ -185,6 +192,7 @@ void FrameStream::onEndOfTurn() {
     const std::string reason = fmt::format("too slow: {} bytes were waiting", output_->waitingBytes());
     return fail(reason, reason);
   }
+  if (keepsFilesUnclaimed_) return fail(kUnclaimed, kUnclaimed);
   if (!flush()) return;
   if (handOverPending_ && wantsToRead()) {
     handOverPending_ = false;
@@ -247,8 +255,17 @@ bool FrameStream::takeFiles(msghdr& header) {
 }
 
 void FrameStream::countFiles() {
-  totalUnclaimedFiles += files_.size() - countedFiles_;
+  if (files_.size() == countedFiles_) return;
   countedFiles_ = files_.size();
+  unclaimedFiles().note(this, terms_.quota.account, countedFiles_);
+}
+
+void FrameStream::endForUnclaimedFiles() {
+  // Its files are as good as closed.
+  unclaimedFiles().note(this, terms_.quota.account, 0);
+  keepsFilesUnclaimed_ = true;
+  ending_ = true;
+  reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
 }
 
 bool FrameStream::chargeKept() {
@@ -256,7 +273,7 @@ bool FrameStream::chargeKept() {
   if (kept == chargedKeptBytes_) return true;
   terms_.quota.account->charge(kept);
   terms_.quota.account->refund(std::exchange(chargedKeptBytes_, kept));
-  return kept < limits::kHelloBytes || terms_.quota.account->bytes() <= terms_.quota.nameLimitBytes();
+  return kept < limits::kHelloBytes || terms_.quota.account->bytes() <= terms_.quota.grantedNameBytes();
 }
 
 bool FrameStream::handFramesOver() {
@@ -294,11 +311,11 @@ bool FrameStream::handFramesOver() {
     return true;
   }
   // Descriptors come with the first byte of their frame: none may be left when no frame is under way.
-  if (!files_.empty() && (!splitter_.inFrame() || totalUnclaimedFiles > limits::kUnclaimedDescriptors)) {
-    constexpr std::string_view kOffence = "descriptors that no message claims";
-    fail(kOffence, kOffence);
+  if (!files_.empty() && !splitter_.inFrame()) {
+    fail(kUnclaimed, kUnclaimed);
     return false;
   }
+  if (FrameStream* const offender = unclaimedFiles().offender()) offender->endForUnclaimedFiles();
   return true;
 }
 

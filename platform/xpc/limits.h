@@ -24,6 +24,9 @@ inline constexpr std::size_t kArrayWrapping = 2;
 // What one user other than root may hold in the daemon: published data, and names with what is built around each. It stays held
 // after its connections have ended, since items do. Above it, data is refused; names are refused above one and a half times it.
 inline constexpr std::size_t kMemoryOfOneUserBytes = 256u << 20;
+// The share of the machine's memory that all of them may hold: who has many user ids does not get it all either. One may hold
+// as much as is still free.
+inline constexpr double kMemoryShareOfUsers = 0.25;
 // What a name is charged beyond its own bytes: about what an item, a subscription and their places in the tables take.
 inline constexpr std::uint32_t kRecordBytes = 640;
 
@@ -57,7 +60,7 @@ inline constexpr std::size_t kDescriptorsPerMessage = 8;
 // Descriptors that can come with one read: what the kernel allows in one message (SCM_MAX_FD). There is room for all of them,
 // since the kernel closes what finds none, on the thread that reads (see foreign_descriptors.h).
 inline constexpr std::size_t kDescriptorsPerRead = 253;
-// Received descriptors, of all connections together, whose message has not come whole.
+// Received descriptors, of all connections together, whose message has not come whole. Beyond, who holds most goes first.
 inline constexpr std::size_t kUnclaimedDescriptors = 64;
 // Contents of sealed memory files that a peer may have been sent and not have read. Beyond, values travel inline, and count as
 // waiting bytes do.
@@ -74,11 +77,9 @@ inline constexpr int kAcceptsPerTurn = 64;
 // Descriptors that are kept back for the daemon's own needs (journal, memory files, supervisor, helpers).
 inline constexpr std::size_t kReservedDescriptors = 256 + kSealedFiles;
 
-// The share of all connections that users other than root may hold: root can always see what is going on.
+// The share of all connections that users other than root may hold: root can always see what is going on. One of them may hold
+// as many as are still free, so no single one locks the others out.
 inline constexpr double kConnectionShareOfUsers = 0.875;
-// The share that one user other than root may hold: no single user can lock the others out.
-inline constexpr double kConnectionShareOfOneUser = 0.5;
-
 // How long accepting pauses when descriptors or memory ran out.
 inline constexpr std::chrono::milliseconds kAcceptPause{100};
 

@@ -150,26 +150,5 @@ TEST_F(Service, PathTooLongIsRefused) {
   EXPECT_EQ(refused.error().code(), ENAMETOOLONG);
 }
 
-TEST(Admissions, OneUserMayHoldItsShareAndRootAll) {
-  const auto admissions = std::make_shared<Admissions>(10);
-  std::vector<std::shared_ptr<void>> held(20);
-  std::size_t next = 0;
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(admissions->admit(501, held[next++]), Admissions::Refusal::none);
-  EXPECT_EQ(admissions->admit(501, held[next]), Admissions::Refusal::tooManyOfUser);
-  EXPECT_EQ(admissions->admit(502, held[next++]), Admissions::Refusal::none);
-  for (int i = 0; i < 4; ++i) EXPECT_EQ(admissions->admit(0, held[next++]), Admissions::Refusal::none);
-  EXPECT_TRUE(admissions->full());
-  EXPECT_EQ(admissions->admit(0, held[next]), Admissions::Refusal::full);
-  held[0].reset();
-  EXPECT_FALSE(admissions->full());
-  EXPECT_FALSE(admissions->hasRoom());
-  // The last places are root's.
-  EXPECT_EQ(admissions->admit(503, held[next]), Admissions::Refusal::tooManyOfUsers);
-  held[1].reset();
-  held[2].reset();
-  EXPECT_TRUE(admissions->hasRoom());
-  EXPECT_EQ(admissions->admit(501, held[next]), Admissions::Refusal::none);
-}
-
 }  // namespace
 }  // namespace keel::xpc

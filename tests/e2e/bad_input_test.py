@@ -6,8 +6,9 @@ import re
 import struct
 
 import keel_host
-from keel_client import EXPORTS, FAILURE, GOODBYE, HELLO, ONE_WAY, REPLY, REQUEST, Code, Ended, Error, Raw, encode, framed
+from keel_client import EXPORTS, FAILURE, GOODBYE, HELLO, ONE_WAY, REPLY, REQUEST, Code, Ended
 from keel_host import Bystanders, DaemonTest
+from keel_values import Error, Raw, encode, framed
 
 GIBIBYTE = 1 << 30
 ABOVE = 1000  # an id above all that the cases use
@@ -60,14 +61,17 @@ class Messages(BadInputTest):
             self.assertFails(encode([kind, 1, 2, []]), [Code.undecodable])
 
     def test_of_another_length_are_undecodable(self):
-        for message in ([], [1], [1, 50], [1, 50, 7], [1, 50, 7, [], None], [2], [2, 2], [2, 2, ["x"], None], [1, 50, 7, [], [], []]):
+        for message in ([], [1], [1, 50], [1, 50, 7], [1, 50, 7, [], None], [2], [2, 2], [2, 2, ["x"], None],
+                        [1, 50, 7, [], [], []]):
             self.assertFails(encode(message), [Code.undecodable], (None, 50))
 
     def test_whose_parts_are_of_another_kind_are_undecodable(self):
-        for message in ([1, -1, 6, []], [1, "1", 6, []], [1, None, 6, []], [1, 1.0, 6, []], [1, [1], 6, []], [2, -1, []], [2, "unsubscribeFrom:", []],
+        for message in ([1, -1, 6, []], [1, "1", 6, []], [1, None, 6, []], [1, 1.0, 6, []], [1, [1], 6, []], [2, -1, []],
+                        [2, "unsubscribeFrom:", []],
                         [2, None, []], [2, 2.0, []], [2, 2, {}], [2, 2, None], [2, 2, "name"]):
             self.assertFails(encode(message), [Code.undecodable])
-        for message in ([1, 50, -1, []], [1, 50, "getModuleTableWithHandler:", []], [1, 50, 6, {}], [1, 50, 6, None], [1, 50, 6, 0]):
+        for message in ([1, 50, -1, []], [1, 50, "getModuleTableWithHandler:", []], [1, 50, 6, {}], [1, 50, 6, None],
+                        [1, 50, 6, 0]):
             self.assertFails(encode(message), [Code.undecodable], (None, 50))
 
     def test_cut_anywhere_are_undecodable(self):
@@ -157,7 +161,8 @@ class Endings(BadInputTest):
     def test_a_hello_that_cannot_be_decoded(self):
         good = encode([HELLO, 1, list(EXPORTS), {"descriptors": False}])
         for body in (b"", b"\0", b"\xff", good[:-1], good + b"\0", encode([HELLO]), encode([HELLO, 1]), encode([HELLO, 1, []]),
-                     encode([HELLO, 1, [], {}, 0]), encode([HELLO, 1, [], []]), encode([HELLO, 1, {}, {}]), encode([HELLO, 1, [1], {}]),
+                     encode([HELLO, 1, [], {}, 0]), encode([HELLO, 1, [], []]), encode([HELLO, 1, {}, {}]),
+                     encode([HELLO, 1, [1], {}]),
                      encode([HELLO, 1, [None], {}]), encode([HELLO, 1, [b"x"], {}]), encode([HELLO, 1, None, {}]),
                      encode([HELLO, "1", [], {}]), encode([HELLO, -1, [], {}]), encode([HELLO, None, [], {}]),
                      encode([HELLO, 1, [], {1: 2}]), encode([HELLO, 1, [], None]), encode([HELLO, 1, [], {"descriptors": 1}]),
@@ -207,7 +212,8 @@ class Endings(BadInputTest):
 
 class Silence(BadInputTest):
     def test_half_a_frame_holds_up_nobody_and_costs_nothing(self):
-        halves = [b"", b"\x10", b"\x10\0\0\0", b"\x10\0\0\0\x84", struct.pack("<I", 16 << 20) + bytes(100), struct.pack("<I", GIBIBYTE) + bytes(100)]
+        halves = [b"", b"\x10", b"\x10\0\0\0", b"\x10\0\0\0\x84", struct.pack("<I", 16 << 20) + bytes(100),
+                  struct.pack("<I", GIBIBYTE) + bytes(100)]
         before = self.daemon.resident_bytes()
         silent = []
         for half in halves * 20:

@@ -7,6 +7,7 @@ import re
 import resource
 import select
 import socket
+import unittest
 
 import keel_host
 from keel_client import HANG_GUARD, Client, Ended
@@ -108,9 +109,9 @@ class Crowd(DaemonTest):
         self.assertEqual(publisher.dump("weather")[0][0]["subscribers"], [])
 
     def test_a_crowd_that_comes_while_the_daemon_stands_still_is_served(self):
-        self.daemon.signal(keel_host.signal.SIGSTOP)
+        self.daemon.pause()
         self.sockets += [connect() for _ in range(1000)]
-        self.daemon.signal(keel_host.signal.SIGCONT)
+        self.daemon.go_on()
         for client in self.sockets:
             wait_readable(client)
             self.assertTrue(client.recv(4))
@@ -218,7 +219,7 @@ class VeryFewDescriptors(Full):
 
 
 class OneUser(Crowd):
-    """A user other than root may have half of the connections."""
+    """A user other than root may have as many connections as are still free of seven eighths of all."""
 
     options = {"log": "default,runtime=debug", "descriptors": 1200}
 
@@ -252,9 +253,9 @@ class OneUser(Crowd):
             self.assertEqual(client.module_table(), {})
         self.assertEqual(len(self.daemon.logged(TOO_MANY, "error", "runtime")), 1)
 
-    def test_has_half_of_what_there_is(self):
+    def test_has_half_of_seven_eighths(self):
         self.fill()
-        half = len(self.sockets)
+        share = len(self.sockets)
         others = 0
         while not self.daemon.logged(FULL):
             self.sockets.append(connect())
@@ -262,21 +263,22 @@ class OneUser(Crowd):
             self.assertLess(others, 2400)
             self.bystanders.step()
         # The bystanders are two more; the last that were connected may wait.
-        self.assertLessEqual(abs(half - others), 5)
+        self.assertLessEqual(abs(share - (share + others) * 7 / 16), 5)
 
     def test_gets_in_again_after_leaving(self):
         self.fill()
         for client in [self.sockets.pop() for _ in range(10)]:
             self.after_clean_up(client.close)
         before = len(self.sockets)
-        self.fill()
-        self.assertEqual(len(self.sockets), before + 10)
+        # A place is free when the socket is closed, which may be a moment later. The client that watched the clean-up takes one.
+        while len(self.sockets) < before + 9:
+            self.fill()
 
 
 def load_tests(loader, standard, pattern):
     """The cases of Crowd itself are not repeated by those that build on it."""
     del standard, pattern
-    suite = keel_host.unittest.TestSuite()
+    suite = unittest.TestSuite()
     inherited = set(loader.getTestCaseNames(Crowd))
     for case in (Crowd, Full, VeryFewDescriptors, OneUser):
         names = [name for name in loader.getTestCaseNames(case) if case is Crowd or name not in inherited]

@@ -6,8 +6,9 @@ import os
 import re
 
 import keel_host
-from keel_client import Client, Date, Error
+from keel_client import Client
 from keel_host import DaemonTest
+from keel_values import Date, Error
 
 
 class Dump(DaemonTest):
@@ -42,7 +43,8 @@ class Dump(DaemonTest):
     def test_of_an_unknown_name_is_empty_with_an_error_that_names_it(self):
         for name in ("weather", "", "_ALL", "_all ", "é"):
             entries, error = self.asker.dump(name)
-            self.assertEqual((entries, error), ([], Error("KLNErrorDomain", 11, {"NSLocalizedDescription": f"{name} not found"})))
+            self.assertEqual((entries, error),
+                             ([], Error("KLNErrorDomain", 11, {"NSLocalizedDescription": f"{name} not found"})))
 
     def test_of_a_null_name_is_not_found(self):
         entries, error = self.asker.dump(None, True)
@@ -160,7 +162,8 @@ class Dump(DaemonTest):
     def test_stands_in_line_with_the_requests_of_its_connection(self):
         identifiers = []
         for number in range(50):
-            identifiers.append(self.asker.request("publishItem:name:flags:value:withHandler:", {"n": number}, f"name {number}", 0, 0))
+            identifiers.append(self.asker.request("publishItem:name:flags:value:withHandler:", {"n": number}, f"name {number}",
+                                                  0, 0))
             identifiers.append(self.asker.request("dumpNotification:withData:andHandler:", "_all", False))
         for number, identifier in enumerate(identifiers):
             results = self.asker.results(identifier)

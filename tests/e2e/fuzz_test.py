@@ -12,16 +12,20 @@ import socket
 import struct
 
 import keel_host
-from keel_client import EXPORTS, FAILURE, GOODBYE, HELLO, ONE_WAY, REPLY, REQUEST, Date, Ended, Error, InFile, decode, encode, framed, sealed_file
+from keel_client import EXPORTS, FAILURE, GOODBYE, HELLO, ONE_WAY, REPLY, REQUEST, Client, Ended
 from keel_host import Bystanders, DaemonTest
+from keel_values import Date, Error, InFile, decode, encode, framed, sealed_file
 
 SEED = int(os.environ.get("KEEL_FUZZ_SEED", "20261121"))
 SESSIONS = int(os.environ.get("KEEL_FUZZ_SESSIONS", "3000"))
 STEP = 100  # sessions between two looks at everything else
+LAST = 2**64 - 1  # the id of the request behind a session
+MOST_PADDING = 1 << 20
 MEMORY = 64 << 20
 
-VALUES = [None, True, False, 0, 1, 23, 24, 255, 256, 2**31, 2**32, 2**53, 2**63, 2**64 - 1, -1, -(2**63), 0.0, 1.5, float("inf"), float("nan"),
-          "", "a", "_all", "x" * 300, b"", b"\0" * 70, [], [[]], {}, {"a": 1}, {"": {"": []}}, Date(0), Date(1.5), Error("d", 9), Error("d", -1, {"x": None}),
+VALUES = [None, True, False, 0, 1, 23, 24, 255, 256, 2**31, 2**32, 2**53, 2**63, 2**64 - 1, -1, -(2**63), 0.0, 1.5,
+          float("inf"), float("nan"), "", "a", "_all", "x" * 300, b"", b"\0" * 70, [], [[]], {}, {"a": 1}, {"": {"": []}},
+          Date(0), Date(1.5), Error("d", 9), Error("d", -1, {"x": None}),
           InFile(0), InFile(70014), InFile(2**63)]
 
 NAMES = ["a", "b", "c", "", "_all", "\0"]
@@ -119,6 +123,20 @@ def mutated(random, messages):
     return b"".join(map(framed, bodies))
 
 
+def padding(data):
+    """What completes the last frame; None when that would be too much."""
+    padded = bytearray(data)
+    at = 0
+    while at < len(padded):
+        padded += bytes(max(0, at + 4 - len(padded)))
+        at += 4 + struct.unpack_from("<I", padded, at)[0]
+        if at - len(data) > MOST_PADDING:
+            return None
+        if at > len(padded):
+            padded += bytes(at - len(padded))
+    return bytes(padded[len(data) :])
+
+
 def ids_sent(data):
     """How often each request id may be answered: once for each frame that could be a request with it."""
     ids = collections.Counter()
@@ -147,22 +165,29 @@ class Fuzz(DaemonTest):
         self.settled = 0
         self.files_kept = 0  # at most, in published items
 
-    def run_session(self, data, files=()):
-        """Sends the bytes, ends the sending half, and reads all that comes, which the client checks."""
-        client = self.client(greet=False)
-        client.take_hello()
-        try:
-            client.send_bytes(data, files)
-            client.socket.shutdown(socket.SHUT_WR)
-        except (Ended, BrokenPipeError):
-            pass
-        client.end()
-        client.close()
+    def run_session(self, data, number, files=()):
+        """Sends the bytes, and waits until the daemon has looked at all of them; the client checks what it says to them. Every
+        other session has a last request behind it, the rest end their sending half.
+        """
+        with Client(greet=False) as client:
+            client.take_hello()
+            rest = padding(data)
+            try:
+                client.send_bytes(data, files)
+                if number % 2 == 0 and rest is not None:
+                    client.send_bytes(rest + framed(encode([REQUEST, LAST, 7, ["", False]])))
+                    client.answer(LAST)
+                else:
+                    client.socket.shutdown(socket.SHUT_WR)
+                    client.end()
+            except (Ended, BrokenPipeError):
+                client.end()
         return client
 
     def check_answers(self, client, data):
         answered = collections.Counter(message.fields[1] for message in client.history if message.kind in (REPLY, FAILURE))
         may_be = ids_sent(data)
+        may_be[LAST] += 1
         del answered[None]
         for identifier, count in answered.items():
             self.assertLessEqual(count, may_be[identifier], f"answers with the id {identifier}")
@@ -187,18 +212,18 @@ class Fuzz(DaemonTest):
             generator = random.Random(f"{SEED} {number}")
             data = mutated(generator, session(generator))
             with self.subTest(seed=SEED, session=number, data=data.hex()):
-                self.check_answers(self.run_session(data), data)
+                self.check_answers(self.run_session(data, number), data)
             if number % STEP == STEP - 1:
                 self.look_around(number + 1)
 
     def test_good_sessions_have_every_answer(self):
         """The ground that the others stand on: unchanged, every request has its reply."""
         for number in range(STEP):
-            messages = session(random.Random(f"{SEED} {number}"))
-            client = self.run_session(b"".join(framed(encode(message)) for message in messages))
+            messages = session(random.Random(f"{SEED} good {number}"))
             asked = [message[1] for message in messages if message[0] == REQUEST]
+            client = self.run_session(b"".join(framed(encode(message)) for message in messages), 1)
             answered = [message.fields[1] for message in client.history if message.kind == REPLY]
-            self.assertEqual(sorted(answered), asked, f"{SEED} {number}")
+            self.assertEqual(sorted(answered), asked, f"{SEED} good {number}")
         self.look_around(STEP)
 
     def test_random_bytes(self):
@@ -208,7 +233,7 @@ class Fuzz(DaemonTest):
             if generator.random() < 0.5:
                 data = framed(encode([HELLO, 1, [], {}])) + data
             with self.subTest(seed=SEED, session=number, data=data.hex()):
-                self.run_session(data)
+                self.run_session(data, number)
             if number % STEP == STEP - 1:
                 self.look_around(number + 1)
 
@@ -227,7 +252,7 @@ class Fuzz(DaemonTest):
             data = mutated(generator, messages)
             files = [generator.choice([good, good, good, empty, null]) for _ in range(generator.choice([1, 1, 1, 2, 8, 20]))]
             with self.subTest(seed=SEED, session=number, data=data.hex()):
-                self.run_session(data, files)
+                self.run_session(data, number, files)
             if number % STEP == STEP - 1:
                 self.look_around(number + 1)
 

@@ -8,7 +8,6 @@ wait is for an event, and its limit only ends a test that hangs.
 import fcntl
 import functools
 import os
-import pickle
 import re
 import resource
 import shutil
@@ -18,11 +17,11 @@ import struct
 import subprocess
 import sys
 import threading
-import traceback
 import unittest
 from typing import NamedTuple
 
 from keel_client import DIRECTORY, HANG_GUARD, NOTIFY, Client
+from keel_processes import OtherProcess
 
 LOCK_DIRECTORY = "/private/var/keeld"
 NOTIFY_PATH = f"{DIRECTORY}/{NOTIFY}"
@@ -53,7 +52,8 @@ class Daemon:
 
     def __init__(self, *, log="debug", environment=None, arguments=None, sockets=None, descriptors=None, before_exec=None,
                  journal=False, stderr=None, ready=True):
-        variables = {name: value for name, value in os.environ.items() if not name.startswith(("KEELD_", "LISTEN_", "JOURNAL_"))}
+        ours = ("KEELD_", "LISTEN_", "JOURNAL_")
+        variables = {name: value for name, value in os.environ.items() if not name.startswith(ours)}
         for name, setting in (("ASAN_OPTIONS", "quarantine_size_mb=8"), ("TSAN_OPTIONS", "atexit_sleep_ms=50")):
             variables[name] = f"{os.environ.get(name, '')}:{setting}"
         if log is not None:
@@ -138,6 +138,14 @@ class Daemon:
 
     def signal(self, number):
         os.kill(self.pid, number)
+
+    def pause(self):
+        """Has it stand still; all its threads do when this returns."""
+        self.signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, self.pid, os.WSTOPPED)
+
+    def go_on(self):
+        self.signal(signal.SIGCONT)
 
     def wait(self):
         """Its exit status (negative: the signal it died of), when it has ended and all it wrote was read."""
@@ -236,131 +244,6 @@ class Journal:
     def close(self):
         self.socket.close()
         os.unlink(self.PATH)
-
-
-class OtherProcess:
-    """A process with clients of its own, as another user or in an audit session of its own. It does what it is told, and lives
-    until it is killed or closed.
-    """
-
-    def __init__(self, uid=0, new_session=False):
-        ours, its = socket.socketpair()
-        self._channel = ours
-        self.pid = os.fork()
-        if self.pid == 0:
-            status = 1
-            try:
-                self._channel = its
-                self._serve(uid, new_session)
-                status = 0
-            except BaseException:
-                traceback.print_exc()
-            finally:
-                os._exit(status)
-        its.close()
-        self._receive()
-
-    def _serve(self, uid, new_session):
-        # The sockets of others must end with those who opened them.
-        number = self._channel.fileno()
-        os.closerange(3, number)
-        os.closerange(number + 1, resource.getrlimit(resource.RLIMIT_NOFILE)[0])
-        if new_session:
-            with open("/proc/self/loginuid", "w") as file:
-                file.write(str(uid))
-        if uid:
-            os.setgroups([])
-            os.setresgid(uid, uid, uid)
-            os.setresuid(uid, uid, uid)
-        clients = []
-        self._send(("result", None))
-        while (told := self._receive(closable=True)) is not None:
-            place, method, arguments, options = told
-            try:
-                if place is None:
-                    found = method(*arguments, **options)
-                    if isinstance(found, Client):
-                        clients.append(found)
-                        found = len(clients) - 1
-                    self._send(("result", found))
-                else:
-                    found = getattr(clients[place], method)
-                    self._send(("result", found(*arguments, **options) if callable(found) else found))
-            except Exception:
-                self._send(("raised", traceback.format_exc()))
-
-    def _send(self, what):
-        data = pickle.dumps(what)
-        self._channel.sendall(struct.pack("<Q", len(data)) + data)
-
-    def _receive(self, closable=False):
-        def read(size):
-            data = bytearray()
-            while len(data) < size:
-                piece = self._channel.recv(size - len(data))
-                if not piece:
-                    break
-                data += piece
-            return data
-
-        head = read(8)
-        if not head and closable:
-            return None
-        data = read(struct.unpack("<Q", head)[0])
-        return pickle.loads(data)
-
-    def _do(self, *what):
-        self._send(what)
-        return self.result()
-
-    def do(self, function, *arguments):
-        """Calls a function over there and returns what it returns."""
-        return self._do(None, function, arguments, {})
-
-    def begin(self, function, *arguments):
-        """The same without waiting; result() does."""
-        self._send((None, function, arguments, {}))
-
-    def result(self):
-        outcome, value = self._receive()
-        if outcome == "raised":
-            raise AssertionError(f"in another process:\n{value}")
-        return value
-
-    def client(self, *arguments, **options):
-        """A Client over there. `options` may name another class or function that makes one as `maker`."""
-        maker = options.pop("maker", Client)
-        return RemoteClient(self, self._do(None, maker, arguments, options))
-
-    def kill(self):
-        if self.pid:
-            os.kill(self.pid, signal.SIGKILL)
-            self._reap()
-
-    def close(self):
-        self._channel.close()
-        if self.pid:
-            self._reap()
-
-    def _reap(self):
-        os.waitpid(self.pid, 0)
-        self.pid = 0
-
-    @property
-    def session(self):
-        with open(f"/proc/{self.pid}/sessionid") as file:
-            return struct.unpack("i", struct.pack("I", int(file.read())))[0]
-
-
-class RemoteClient:
-    """A Client in an OtherProcess: every method is called there."""
-
-    def __init__(self, process, place):
-        self._process = process
-        self._place = place
-
-    def __getattr__(self, method):
-        return lambda *arguments, **options: self._process._do(self._place, method, arguments, options)
 
 
 class DaemonTest(unittest.TestCase):

@@ -8,8 +8,9 @@ import socket
 import struct
 
 import keel_host
-from keel_client import FRAME_LIMIT, IN_FILE_LEAST, ONE_WAY, REQUEST, Code, InFile, Raw, encode, framed, sealed_file
+from keel_client import FRAME_LIMIT, IN_FILE_LEAST, ONE_WAY, REQUEST, Code
 from keel_host import DaemonTest
+from keel_values import InFile, Raw, encode, framed, sealed_file
 
 PUBLISH = "publishItem:name:flags:value:withHandler:"
 UPDATE_ITEM = "updatePublishedItem:name:withHandler:"
@@ -84,7 +85,8 @@ class ToTheDaemon(LargeValueTest):
         self.assertEqual(follower.deliveries_so_far(), [])
 
     def test_a_frame_that_is_too_large_is_skipped_whatever_is_in_it(self):
-        for first, identifier in ((encode([REQUEST, 2**64 - 1, 4, []])[:-1], 2**64 - 1), (b"\x83\x02\x02", None), (b"\0\0\0\0", None)):
+        for first, identifier in ((encode([REQUEST, 2**64 - 1, 4, []])[:-1], 2**64 - 1), (b"\x83\x02\x02", None),
+                                  (b"\0\0\0\0", None)):
             with self.client() as client:
                 client.send_bytes(struct.pack("<I", FRAME_LIMIT + 1) + first + bytes(FRAME_LIMIT + 1 - len(first)))
                 self.assertEqual(client.failure(identifier), Code.tooLarge)
@@ -213,7 +215,8 @@ class BadFiles(LargeValueTest):
         os.write(ordinary, self.item)
         ours, theirs = socket.socketpair()
         others = [os.open("/dev/null", os.O_RDWR), os.open("/dev/zero", os.O_RDWR), os.open("/", os.O_RDONLY), os.eventfd(0),
-                  os.open("/var/ordinary", os.O_PATH), os.open("/proc/self/status", os.O_RDONLY), ours.detach(), theirs.detach(),
+                  os.open("/var/ordinary", os.O_PATH), os.open("/proc/self/status", os.O_RDONLY), ours.detach(),
+                  theirs.detach(),
                   os.open("/proc/self/exe", os.O_RDONLY), os.pidfd_open(os.getpid())]
         for file in (reading, writing, ordinary, *others):
             with self.subTest(os.readlink(f"/proc/self/fd/{file}")):

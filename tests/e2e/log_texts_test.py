@@ -140,7 +140,8 @@ class Requests(LogTest):
 
 
 class Connections(LogTest):
-    ACCEPTED = (f"debug New Notification Service Connection received from {PID}", "debug NotifyListenerDelgate: Notify service is ready")
+    ACCEPTED = (f"debug New Notification Service Connection received from {PID}",
+                "debug NotifyListenerDelgate: Notify service is ready")
     STARTED = ("debug Notify listener created", "debug up and running")
     ENDED = ("default signal handler: received SIGTERM, shutting down",)
 
@@ -188,7 +189,8 @@ class Connections(LogTest):
         other.client()
         self.after_clean_up(other.kill)
         self.assertTrue(self.daemon.logged(f"Dispatcher: connection from {pid} is invalidated", "debug", "runtime"))
-        self.daemon.wait_for_log(f"NotifyService  connection from ({pid}){session} invalidated", level="debug", category="notification")
+        self.daemon.wait_for_log(f"NotifyService  connection from ({pid}){session} invalidated", level="debug",
+                                 category="notification")
 
     def test_a_message_that_cannot_be_served_interrupts_and_is_told_in_full_once(self):
         one = self.client()

@@ -85,11 +85,15 @@ class StandardError(LogTest):
         return daemon, reading
 
     def test_that_nobody_reads_holds_up_nothing(self):
-        daemon, _ = self.stuck_daemon()
+        self.daemon, _ = self.stuck_daemon()
         client = self.client()
+        before = self.daemon.resident_bytes()
         self.flood_the_log(client)
+        for _ in range(1000):
+            client.unsubscribe("x" * 100000)
         self.assertWorked(client.publish({}, "name"))
-        self.assertEqual(daemon.stop(), 0)
+        self.assertMemoryWithin(before, 32 << 20)
+        self.assertEqual(self.daemon.stop(), 0)
 
     def test_that_is_read_again_says_how_much_was_lost(self):
         daemon, reading = self.stuck_daemon()

@@ -8,12 +8,14 @@ import socket
 import struct
 
 import keel_host
-from keel_client import FRAME_LIMIT, IN_FILE_LEAST, REPLY, REQUEST, Client, Ended, InFile, Refused, encode, framed, sealed_file
+from keel_client import FRAME_LIMIT, IN_FILE_LEAST, REPLY, REQUEST, Client, Code, Ended, Refused
 from keel_host import NOTIFY_PATH, Bystanders, DaemonTest
+from keel_values import InFile, encode, framed, sealed_file
 
 MEBIBYTE = 1 << 20
 WAITING_MOST = 64 * MEBIBYTE
 WAITING_MOST_OF_ALL = 512 * MEBIBYTE
+DESCRIPTORS_OF_A_MESSAGE = 8
 RESERVE = 768  # descriptors that the daemon keeps for itself
 QUOTA = 256 * MEBIBYTE
 TOO_SLOW = re.compile(r"<connection .*> dropped: too slow: (\d+) bytes were waiting")
@@ -66,7 +68,7 @@ class SlowReaders(PressureTest):
         self.assertMemoryWithin(before, 3 * WAITING_MOST)
         # What it gets in the end is in order and ends with the reason.
         self.assertEqual(slow.end(), f"too slow: {waiting} bytes were waiting")
-        received = [slow.delivery().item["number"] for _ in range(len(slow._calls))]
+        received = [delivery.item["number"] for delivery in slow.deliveries_that_came()]
         self.assertEqual(received, list(range(len(received))))
         self.assertEqual(len(self.dropped()), 1)
         self.wait_for_clean_up(1)
@@ -139,6 +141,12 @@ class SlowReaders(PressureTest):
         self.assertLessEqual(self.daemon.descriptor_count(), before + 3)
 
 
+def many_dumps():
+    """The frames of more requests than any buffer holds, each for a long answer."""
+    for number in range(1, 200001):
+        yield framed(encode([REQUEST, number, 7, ["_all", False]]))
+
+
 class RequestersThatDoNotRead(PressureTest):
     def send_until_held_up(self, client, frames):
         """Sends frames without reading until the daemon takes no more, although it has had every occasion. How many were sent
@@ -165,8 +173,7 @@ class RequestersThatDoNotRead(PressureTest):
             self.assertWorked(self.publisher.publish({}, f"name {number:0100}"))
         before = self.daemon.resident_bytes()
         requester = self.client()
-        requests = (framed(encode([REQUEST, number, 7, ["_all", False]])) for number in range(1, 200001))
-        sent, rest = self.send_until_held_up(requester, requests)
+        sent, rest = self.send_until_held_up(requester, many_dumps())
         self.assertTrue(rest, "never held up")
         # Every request would be answered with some 40 KB.
         self.assertMemoryWithin(before, 24 * MEBIBYTE)
@@ -183,7 +190,7 @@ class RequestersThatDoNotRead(PressureTest):
             self.assertWorked(self.publisher.publish({}, f"name {number:0100}"))
         for _ in range(10):
             requester = self.client()
-            self.send_until_held_up(requester, (framed(encode([REQUEST, number, 7, ["_all", False]])) for number in range(1, 200001)))
+            self.send_until_held_up(requester, many_dumps())
             self.end_of(requester)
         self.assertMemoryWithin(before, 32 * MEBIBYTE)
 
@@ -229,7 +236,7 @@ class Quota(PressureTest):
             try:
                 self.assertWorked(self.publish_in_file(client, f"item {number}", size))
             except Refused as refused:
-                self.assertEqual(refused.code, 8, refused.text)
+                self.assertEqual(refused.code, Code.overQuota, refused.text)
                 return number
         self.fail("never refused")
 
@@ -244,7 +251,7 @@ class Quota(PressureTest):
         # The connection goes on, and others are free to publish.
         with self.assertRaises(Refused) as refused:
             alice.publish({"picture": bytes(FRAME_LIMIT - 100)}, "inline")
-        self.assertEqual(refused.exception.code, 8)
+        self.assertEqual(refused.exception.code, Code.overQuota)
         self.assertEqual(alice.module_table(), {})
         bob = as_user(BOB)
         self.addCleanup(bob.close)
@@ -266,7 +273,7 @@ class Quota(PressureTest):
         self.addCleanup(again.close)
         with self.assertRaises(Refused) as refused:
             self.publish_in_file(again, "more", FRAME_LIMIT)
-        self.assertEqual(refused.exception.code, 8)
+        self.assertEqual(refused.exception.code, Code.overQuota)
         self.assertMemoryWithin(0, 3 * QUOTA)
 
     def test_of_names_is_refused_beyond(self):
@@ -281,7 +288,7 @@ class Quota(PressureTest):
         if isinstance(refused.exception, Ended):
             self.assertRegex(refused.exception.goodbye, "holds too much")
         else:
-            self.assertEqual(refused.exception.code, 8)
+            self.assertEqual(refused.exception.code, Code.overQuota)
         self.assertGreater(names, QUOTA // MEBIBYTE)
         bob = as_user(BOB)
         self.addCleanup(bob.close)
@@ -291,6 +298,26 @@ class Quota(PressureTest):
     def test_does_not_bind_root(self):
         for number in range(QUOTA // FRAME_LIMIT + 2):
             self.assertWorked(self.publish_in_file(self.publisher, f"item {number}", FRAME_LIMIT))
+
+
+class Descriptors(PressureTest):
+    def test_half_frames_of_one_user_do_not_keep_others_from_sending_files(self):
+        content = encode({"picture": bytes(IN_FILE_LEAST)})
+        file = self.file(sealed_file(content))
+        for _ in range(20):
+            alice = as_user(ALICE)
+            self.addCleanup(alice.close)
+            try:
+                alice.send_bytes(b"\x20\0\0\0\x84\x01", files=[file] * DESCRIPTORS_OF_A_MESSAGE)
+            except Ended:
+                pass
+        self.bystanders.step()
+        client = self.client()
+        frame = framed(encode([REQUEST, 1, 3, [InFile(len(content)), "camera", 0, 0]]))
+        client.send_bytes(frame[:5], files=[file])
+        self.bystanders.step()
+        client.send_bytes(frame[5:])
+        self.assertEqual(client.results(1), [None])
 
 
 def as_user(uid):

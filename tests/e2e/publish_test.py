@@ -3,8 +3,9 @@
 """Publishing, updating, withdrawing, following and no longer following, as clients see it."""
 
 import keel_host
-from keel_client import CLIENT_INFO, ONE_WAY, REPLY, UPDATE, Client, Error
+from keel_client import CLIENT_INFO, ONE_WAY, REPLY, UPDATE, Client
 from keel_host import DaemonTest
+from keel_values import Error
 
 MOST = (1 << 64) - 1
 

@@ -84,7 +84,8 @@ class LockDirectory(StartTest):
 
     def assertStartFails(self, number):
         daemon = self.failing(2)
-        self.assertEqual([line.text for line in daemon.log], [f"Failed to create the lock dir at /private/var/keeld errno = {number}"])
+        self.assertEqual([line.text for line in daemon.log],
+                         [f"Failed to create the lock dir at /private/var/keeld errno = {number}"])
         self.assertEqual(daemon.log[0][:2], ("error", "runtime"))
         self.assertFalse(os.path.lexists(NOTIFY_PATH))
 
@@ -207,6 +208,14 @@ class SocketActivation(StartTest):
         waiting = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)  # for the next daemon
         self.addCleanup(waiting.close)
         waiting.connect(self.PATH)
+
+    def test_a_socket_at_the_usual_place_is_left_there_too(self):
+        handed = listening_socket(NOTIFY_PATH)
+        self.addCleanup(handed.close)
+        daemon = self.start(sockets={NOTIFY: handed})
+        self.assertEqual(self.client().dump(), [[], None])
+        self.assertEqual(daemon.stop(), 0)
+        self.assertTrue(stat.S_ISSOCK(os.lstat(NOTIFY_PATH).st_mode))
 
     def test_the_next_daemon_takes_it_over(self):
         self.assertEqual(self.start(sockets={NOTIFY: self.handed}).stop(), 0)

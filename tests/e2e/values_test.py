@@ -5,8 +5,9 @@
 import struct
 
 import keel_host
-from keel_client import FAILURE, ONE_WAY, REQUEST, Code, Date, Error, Malformed, Raw, decode, encode
+from keel_client import FAILURE, ONE_WAY, REQUEST, Code
 from keel_host import DaemonTest
+from keel_values import Date, Error, Malformed, Raw, decode, encode
 
 PUBLISH = "publishItem:name:flags:value:withHandler:"
 
@@ -54,16 +55,19 @@ PASSED_ON = {
     "a key twice": dictionary(("a", b"\x01"), ("b", b"\x02"), ("a", b"\x03"), ("a", b"\x03")),
     "a key with nul": dictionary(("\0", b"\x01"), ("\0\0", b"\x02")),
     "floats of 16 bits": dictionary(*((str(n), b"\xf9" + value) for n, value in enumerate(
-        (b"\x3e\x00", b"\x00\x00", b"\x80\x00", b"\x00\x01", b"\x7c\x00", b"\xfc\x00", b"\x7e\x00", b"\x7e\x01", b"\xfd\xff")))),
+        (b"\x3e\x00", b"\x00\x00", b"\x80\x00", b"\x00\x01", b"\x7c\x00", b"\xfc\x00", b"\x7e\x00", b"\x7e\x01",
+         b"\xfd\xff")))),
     "floats of 32 bits": dictionary(*((str(n), b"\xfa" + value) for n, value in enumerate(
         (b"\x3f\xc0\x00\x00", b"\x00\x00\x00\x01", b"\x7f\x80\x00\x00", b"\x7f\xc0\x00\x01", b"\x80\x00\x00\x00")))),
     "floats of 64 bits": dictionary(*((str(n), b"\xfb" + value) for n, value in enumerate(
-        (struct.pack(">d", 1.5), struct.pack(">d", 5e-324), struct.pack(">d", float("-inf")), NAN, b"\x7f\xf0" + 5 * b"\0" + b"\1")))),
+        (struct.pack(">d", 1.5), struct.pack(">d", 5e-324), struct.pack(">d", float("-inf")), NAN,
+         b"\x7f\xf0" + 5 * b"\0" + b"\1")))),
     "integers at the limits": dictionary(*((str(n), encode(n)) for n in (
         0, 23, 24, 255, 256, 65535, 65536, 2**32 - 1, 2**32, 2**63 - 1, 2**63, 2**64 - 1,
         -1, -24, -25, -256, -257, -65536, -65537, -(2**32), -(2**32) - 1, -(2**63)))),
     "bytes": dictionary(("none", b"\x40"), ("all", encode(bytes(range(256))))),
-    "texts": dictionary(("none", text("")), ("nul", text("a\0b")), ("last", text("\U0010ffff")), ("before surrogates", text("\ud7ff")),
+    "texts": dictionary(("none", text("")), ("nul", text("a\0b")), ("last", text("\U0010ffff")),
+                        ("before surrogates", text("\ud7ff")),
                         ("behind them", text("\ue000")), ("no characters", text("\ufffe\uffff")), ("mark", text("\ufeff"))),
     "simple values": dictionary(("false", b"\xf4"), ("true", b"\xf5"), ("null", b"\xf6")),
     "dates": dictionary(("whole", b"\xc1\x1a\x6b\x01\x64\x98"), ("before", b"\xc1\x20"), ("half", b"\xc1\xf9\x38\x00"),
@@ -178,7 +182,8 @@ class Data(ValueTest):
 
 class Names(ValueTest):
     def test_are_told_apart_byte_by_byte(self):
-        names = ["", "\0", "\0\0", " ", "a", "A", "a ", "\u00e9", "e\u0301", "\n", "\x1b[31m", "\x7f", "\ufeff", "\ufeffa", "\U0001f600",
+        names = ["", "\0", "\0\0", " ", "a", "A", "a ", "\u00e9", "e\u0301", "\n", "\x1b[31m", "\x7f", "\ufeff", "\ufeffa",
+                 "\U0001f600",
                  "(null)", "<no data>", "a\0b", "a\0c", "%s%n%@", "../../etc/passwd"]
         for number, name in enumerate(names):
             self.assertWorked(self.sender.publish({"n": number}, name))

@@ -1,0 +1,423 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""keelctl as people and scripts use it: what it writes where, and what it exits with."""
+
+import json
+import os
+import pty
+import re
+import select
+import signal
+import subprocess
+
+import keel_host
+from keel_client import HANG_GUARD
+from keel_host import NOTIFY_PATH, SANITIZER_REPORT, DaemonTest
+from keel_values import Date, Error, Raw
+
+OK, REFUSED, USAGE, UNREACHABLE, TIMED_OUT, COMMAND_FAILED = range(6)
+USER = 1001
+ENVIRONMENT = {"PATH": os.environ["PATH"], "TERM": "xterm"}
+
+
+class Running:
+    """A keelctl that was started; its output is read line by line."""
+
+    def __init__(self, *arguments, stdout=subprocess.PIPE):
+        self._process = subprocess.Popen(
+            [keel_host.keelctl, *arguments],
+            env=ENVIRONMENT,
+            stdin=subprocess.PIPE,
+            stdout=stdout,
+            stderr=subprocess.PIPE,
+        )
+        self._buffers = {self._process.stdout: b"", self._process.stderr: b""}
+
+    def write(self, line):
+        self._process.stdin.write(line.encode() + b"\n")
+        self._process.stdin.flush()
+
+    def end_of_input(self):
+        self._process.stdin.close()
+        self._process.stdin = None
+
+    def _line(self, stream):
+        while b"\n" not in self._buffers[stream]:
+            if not select.select([stream], [], [], HANG_GUARD)[0]:
+                raise AssertionError("keelctl wrote nothing")
+            data = os.read(stream.fileno(), 1 << 16)
+            if not data:
+                raise AssertionError(f"keelctl ended, with {self._process.wait()}: {self._buffers}")
+            self._buffers[stream] += data
+        line, _, self._buffers[stream] = self._buffers[stream].partition(b"\n")
+        return line.decode()
+
+    def out(self):
+        """The next line of standard output."""
+        return self._line(self._process.stdout)
+
+    def told(self):
+        """The next line of standard error."""
+        return self._line(self._process.stderr)
+
+    def signal(self, number):
+        self._process.send_signal(number)
+
+    def end(self):
+        """Its exit status, and what it wrote that was not read."""
+        out, told = self._process.communicate(timeout=HANG_GUARD)
+        return self._process.returncode, (out or b"").decode(), told.decode()
+
+    def close(self):
+        self._process.kill()
+        self._process.communicate()
+
+
+class KeelctlTest(DaemonTest):
+    options = {"log": "runtime=debug"}
+
+    def run_keelctl(self, *arguments, text="", uid=0):
+        """Exit status, output and errors."""
+        done = subprocess.run(
+            [keel_host.keelctl, *arguments], env=ENVIRONMENT, input=text.encode(), capture_output=True, timeout=HANG_GUARD,
+            user=uid)
+        told = done.stderr.decode()
+        self.assertNotRegex(told, SANITIZER_REPORT)
+        return done.returncode, done.stdout.decode(), told
+
+    def assertExits(self, status, *arguments, out="", told=None, **options):
+        """Runs it to its end. `told` is a pattern for its standard error, None: nothing there."""
+        code, written, errors = self.run_keelctl(*arguments, **options)
+        self.assertEqual(code, status, errors)
+        self.assertEqual(written, out)
+        if told is None:
+            self.assertEqual(errors, "")
+        else:
+            self.assertRegex(errors, rf"\A(keelctl: )?{told}")
+        return errors
+
+    def start_keelctl(self, *arguments, **options):
+        running = Running(*arguments, **options)
+        self.addCleanup(running.close)
+        return running
+
+    def events(self, *expected):
+        """The lines of a subscriber, of names and data."""
+        return "".join(f'{{"name":"{name}","event":"data","data":{data}}}\n' for name, data in expected)
+
+
+class CommandLine(KeelctlTest):
+    def test_help_is_no_mistake(self):
+        for arguments in (["--help"], ["publish", "--help"], ["subscribe", "-h"]):
+            code, out, told = self.run_keelctl(*arguments)
+            self.assertEqual((code, told), (OK, ""))
+            for status in ("0", "1", "2", "3", "4", "5", "130", "143"):
+                self.assertRegex(out, rf"(?m)^  {status} +\S")
+
+    def test_mistakes_are_told_and_nothing_is_done(self):
+        for arguments in (
+            [], ["nonsense"], ["publish"], ["publish", "name"], ["publish", "name", "{}", "more"],
+            ["publish", "name", "{}", "--nonsense"],
+            ["publish", "name", "{"], ["publish", "name", "[1]"], ["publish", "name", "1"], ["publish", "name", '"text"'],
+            ["publish", "name", ""],
+            ["publish", "name", "{} {}"], ["publish", "name", '{"x":{"$date":"never"}}'],
+            ["publish", "name", '{"x":{"$data":"%"}}'],
+            ["publish", "name", "{}", "--count", "-1"], ["publish", "name", "{}", "--flags", "-1"],
+            ["publish", "name", "{}", "--value", "x"],
+            ["subscribe"], ["subscribe", "name", "--timeout", "-1"], ["subscribe", "name", "--count", "x"], ["update", "name"],
+            ["remove"],
+            ["authcheck"], ["authcheck", "user", "x"], ["authcheck", "user", "2147483648"], ["modules", "more"],
+            ["dump", "a", "b"],
+        ):
+            with self.subTest(arguments):
+                code, out, told = self.run_keelctl(*arguments)
+                self.assertEqual((code, out), (USAGE, ""), told)
+                self.assertTrue(told.startswith("keelctl: "), told)
+        self.assertEqual(self.client().dump(), [[], None])
+
+    def test_a_daemon_that_does_not_run_is_unreachable(self):
+        self.daemon.stop()
+        for arguments in (["dump"], ["publish", "name", "{}"], ["subscribe", "name"], ["modules"], ["authcheck", "root", "3"]):
+            self.assertExits(UNREACHABLE, *arguments, told=f".*{NOTIFY_PATH}")
+
+    def test_a_daemon_that_does_not_let_one_in_is_unreachable(self):
+        os.chmod(NOTIFY_PATH, 0o600)
+        self.assertExits(UNREACHABLE, "dump", uid=USER, told=".*")
+        self.assertExits(OK, "dump")
+
+    def test_a_daemon_that_does_not_answer_is_given_up(self):
+        self.daemon.pause()
+        try:
+            self.assertExits(TIMED_OUT, "dump", "--timeout", "0.2", told=".*")
+        finally:
+            self.daemon.go_on()
+
+    def test_another_directory_can_be_named(self):
+        self.assertExits(UNREACHABLE, "dump", "--service-directory", "/run/nowhere", told=".*/run/nowhere/")
+        self.assertExits(OK, "dump", "--service-directory", "/run/keeld")
+
+
+class Questions(KeelctlTest):
+    def test_dump_writes_one_line_of_json_for_each_item(self):
+        self.assertExits(OK, "dump")
+        publisher = self.client()
+        publisher.publish({"n": 1}, "weather")
+        publisher.subscribe("hoped for")
+        for arguments, with_data in ((["dump", "--data"], True), (["dump", "_all", "--data", "--json"], True),
+                                     (["dump"], False)):
+            code, out, told = self.run_keelctl(*arguments)
+            self.assertEqual((code, told), (OK, ""))
+            entries = {entry["name"]: entry for entry in map(json.loads, out.splitlines())}
+            self.assertEqual(set(entries), {"weather", "hoped for"})
+            weather, hoped_for = entries["weather"], entries["hoped for"]
+            self.assertTrue(weather["publisher"].startswith("<connection "))
+            self.assertIsInstance(weather["publishDate"]["$date"], float)
+            self.assertEqual((hoped_for["publisher"], hoped_for["publishDate"]), (None, None))
+            self.assertEqual([follower["updateDate"] for follower in hoped_for["subscribers"]], [None])
+            if with_data:
+                self.assertEqual((weather["publishedData"], hoped_for["publishedData"]), ({"n": 1}, None))
+            else:
+                self.assertNotIn("publishedData", weather)
+
+    def test_dump_of_one_name_writes_that_one(self):
+        publisher = self.client()
+        publisher.publish({}, "one")
+        publisher.publish({}, "two")
+        code, out, _ = self.run_keelctl("dump", "one")
+        self.assertEqual((code, len(out.splitlines()), json.loads(out)["name"]), (OK, 1, "one"))
+
+    def test_dump_of_an_unknown_name_is_refused(self):
+        self.assertExits(REFUSED, "dump", "nothing", told=r".*nothing not found.*error 11")
+
+    def test_modules_and_administrators(self):
+        self.assertExits(OK, "modules")
+        self.assertExits(REFUSED, "authcheck", "alice", "3", out='{"user":"alice","auditSession":3,"authenticated":false}\n')
+        self.assertExits(REFUSED, "authcheck", "alice", "-1", out='{"user":"alice","auditSession":-1,"authenticated":false}\n')
+
+    def test_any_user_may_ask(self):
+        self.client().publish({}, "weather")
+        code, out, _ = self.run_keelctl("dump", uid=USER)
+        self.assertEqual((code, json.loads(out)["name"]), (OK, "weather"))
+
+    def test_on_a_terminal_it_writes_for_people(self):
+        self.client().publish({"n": 1}, "weather\x1b[31m")
+        screen = self.on_terminal("dump")
+        self.assertIn("weather", screen)
+        self.assertNotIn('{"name"', screen)
+        self.assertNotIn("weather\x1b[31m", screen)
+        self.assertIn('{"name"', self.on_terminal("dump", "--json"))
+        self.assertNotIn("\x1b", self.on_terminal("dump", environment={"NO_COLOR": "1"}))
+
+    def on_terminal(self, *arguments, environment=None):
+        """What it shows on a terminal."""
+        ours, theirs = pty.openpty()
+        process = subprocess.Popen([keel_host.keelctl, *arguments], env=ENVIRONMENT | (environment or {}),
+                                   stdin=theirs, stdout=theirs, stderr=theirs)
+        os.close(theirs)
+        screen = b""
+        try:
+            while piece := os.read(ours, 1 << 16):
+                screen += piece
+        except OSError:
+            pass  # EIO: nobody has the other end open any more
+        os.close(ours)
+        self.assertEqual(process.wait(), OK)
+        return screen.decode()
+
+
+class Publish(KeelctlTest):
+    def test_stays_until_a_signal_ends_it_and_the_name_is_left(self):
+        for number, status in ((signal.SIGTERM, 143), (signal.SIGINT, 130)):
+            publisher = self.start_keelctl("publish", "weather", '{"n":1}')
+            self.assertEqual(publisher.told(), "published weather")
+            entry = self.client().dump("weather", True)[0][0]
+            self.assertIn("(keelctl)", entry["publisher"])
+            self.assertEqual(entry["publishedData"], {"n": 1})
+            self.after_clean_up(lambda: publisher.signal(number))
+            self.assertEqual(publisher.end()[:2], (status, ""))
+            self.assertEqual(self.client().dump("weather")[0][0]["publisher"], "<unconnected>")
+
+    def test_takes_each_line_for_a_version(self):
+        follower = self.client()
+        follower.subscribe("weather")
+        publisher = self.start_keelctl("publish", "weather", "-")
+        for number, told in ((1, "published weather"), (2, "updated weather"), (3, "updated weather")):
+            publisher.write(f'{{"n":{number}}}')
+            self.assertEqual(publisher.told(), told)
+            self.assertEqual(follower.delivery().item, {"n": number})
+        publisher.end_of_input()
+        self.assertEqual(follower.deliveries_so_far(), [])
+        self.assertNotEqual(follower.dump("weather")[0][0]["publisher"], "<unconnected>")
+
+    def test_ends_after_as_many_versions_as_asked_for(self):
+        self.assertExits(OK, "publish", "weather", "-", "--count", "2", text='{"n":1}\n{"n":2}\n{"n":3}\n',
+                         told="published weather")
+        self.assertEqual(self.client().dump("weather", True)[0][0]["publishedData"], {"n": 2})
+
+    def test_of_a_name_that_is_published_is_refused(self):
+        publisher = self.client()
+        publisher.publish({}, "weather")
+        self.assertExits(REFUSED, "publish", "weather", "{}", told=".*the key weather has already been published.*error 9")
+
+    def test_update_and_remove_from_another_connection_are_refused(self):
+        self.client().publish({}, "weather")
+        for command in (["update", "weather", "{}"], ["remove", "weather"]):
+            self.assertExits(REFUSED, *command, told=".*error 11")
+
+    def test_notices_that_keeld_ends(self):
+        publisher = self.start_keelctl("publish", "weather", "{}")
+        self.assertEqual(publisher.told(), "published weather")
+        self.daemon.stop()
+        self.assertEqual(publisher.end()[0], UNREACHABLE)
+
+    def test_reconnecting_publishes_anew(self):
+        publisher = self.start_keelctl("publish", "weather", '{"n":1}', "--reconnect")
+        self.assertEqual(publisher.told(), "published weather")
+        self.daemon.kill()
+        self.daemon = self.start(**self.options)
+        follower = self.client()
+        follower.subscribe("weather")
+        while (item := follower.delivery().item) is None:
+            pass
+        self.assertEqual(item, {"n": 1})
+
+
+class Subscribe(KeelctlTest):
+    def test_writes_each_event_as_a_line(self):
+        subscriber = self.start_keelctl("subscribe", "weather", "door")
+        self.assertEqual({subscriber.told(), subscriber.told()}, {"subscribed to weather", "subscribed to door"})
+        publisher = self.client()
+        publisher.publish({"n": 1}, "weather")
+        publisher.publish(None, "door")
+        publisher.update({"n": 2}, "weather")
+        lines = [subscriber.out() for _ in range(3)]
+        self.assertEqual(lines, self.events(("weather", '{"n":1}'), ("door", "null"), ("weather", '{"n":2}')).splitlines())
+        subscriber.signal(signal.SIGTERM)
+        self.assertEqual(subscriber.end()[:2], (143, ""))
+
+    def test_ends_after_as_many_events_as_asked_for(self):
+        publisher = self.client()
+        publisher.publish({"n": 1}, "weather")
+        self.assertExits(OK, "subscribe", "weather", "--count", "1", out=self.events(("weather", '{"n":1}')),
+                         told="subscribed to weather")
+        publisher.update({"n": 2}, "weather")
+        self.assertEqual(publisher.dump("weather")[0][0]["subscribers"], [])
+
+    def test_with_too_few_events_in_time_says_so(self):
+        self.client().publish({"n": 1}, "weather")
+        self.assertExits(TIMED_OUT, "subscribe", "weather", "--count", "2", "--timeout", "0.2",
+                         out=self.events(("weather", '{"n":1}')), told="subscribed to weather")
+
+    def test_without_a_count_the_time_is_just_the_end(self):
+        self.assertExits(OK, "subscribe", "weather", "--timeout", "0.1", told="subscribed to weather")
+
+    def test_runs_a_command_for_each_event(self):
+        publisher = self.client()
+        publisher.publish({"n": 1}, "weather")
+        self.assertExits(OK, "subscribe", "weather", "--count", "1", "--", "sh", "-c",
+                         'echo "$KEELCTL_NAME $KEELCTL_EVENT $(cat)"',
+                         out='weather data {"n":1}\n', told="subscribed to weather")
+
+    def test_tells_of_a_command_that_fails(self):
+        self.client().publish({}, "weather")
+        told = self.assertExits(COMMAND_FAILED, "subscribe", "weather", "--count", "1", "--", "sh", "-c", "exit 3",
+                                told="subscribed")
+        self.assertIn("ended with status 3", told)
+        told = self.assertExits(COMMAND_FAILED, "subscribe", "weather", "--count", "1", "--", "/no/such/program",
+                                told="subscribed")
+        self.assertIn("/no/such/program", told)
+
+    def test_whose_reader_goes_away_ends_quietly(self):
+        reading, writing = os.pipe()
+        subscriber = self.start_keelctl("subscribe", "weather", stdout=writing)
+        os.close(writing)
+        self.assertEqual(subscriber.told(), "subscribed to weather")
+        os.close(reading)
+        publisher = self.client()
+        publisher.publish({}, "weather")
+        code, _, told = subscriber.end()
+        self.assertEqual((code, told), (OK, ""))
+
+    def test_notices_that_keeld_ends(self):
+        subscriber = self.start_keelctl("subscribe", "weather")
+        self.assertEqual(subscriber.told(), "subscribed to weather")
+        self.daemon.stop()
+        code, out, told = subscriber.end()
+        self.assertEqual((code, out), (UNREACHABLE, ""))
+        self.assertIn("closed the connection", told)
+
+    def test_reconnecting_hears_what_was_missed(self):
+        publisher = self.client()
+        publisher.publish({"n": 1}, "weather")
+        subscriber = self.start_keelctl("subscribe", "weather", "--reconnect")
+        self.assertEqual(json.loads(subscriber.out())["data"], {"n": 1})
+        self.daemon.kill()
+        self.daemon = self.start(**self.options)
+        successor = self.client()
+        successor.publish({"n": 2}, "weather")
+        while (data := json.loads(subscriber.out())["data"]) is None:
+            pass
+        self.assertEqual(data, {"n": 2})
+
+
+class Json(KeelctlTest):
+    """What JSON says and what keeld carries, both ways."""
+
+    PAIRS = (
+        ('{"a":null,"b":true,"c":false,"d":"text","e":[],"f":{},"g":[1,[2]]}',
+         {"a": None, "b": True, "c": False, "d": "text", "e": [], "f": {}, "g": [1, [2]]}),
+        ('{"i":18446744073709551615,"j":-9223372036854775808,"k":0}', {"i": 2**64 - 1, "j": -(2**63), "k": 0}),
+        ('{"x":1.5,"y":-0.25}', {"x": 1.5, "y": -0.25}),
+        ('{"when":{"$date":1763630400}}', {"when": Date(1763630400)}),
+        ('{"bytes":{"$data":"AAH/"}}', {"bytes": b"\0\1\xff"}),
+        ('{"wrong":{"$error":{"domain":"d","code":-3,"userInfo":{"k":"v"}}}}', {"wrong": Error("d", -3, {"k": "v"})}),
+        ('{"inf":{"$real":"Infinity"},"minus":{"$real":"-Infinity"}}', {"inf": float("inf"), "minus": float("-inf")}),
+        ('{"like one":{"$map":{"$date":1}}}', {"like one": {"$date": 1}}),
+        ('{"é":"\\u0000\\u001b"}', {"é": "\0\x1b"}),
+    )
+
+    def test_is_published_as_what_it_says(self):
+        follower = self.client()
+        follower.subscribe("weather")
+        publisher = self.start_keelctl("publish", "weather", "-")
+        for text, value in self.PAIRS:
+            publisher.write(text)
+            self.assertEqual(follower.delivery().item, value)
+
+    def test_is_written_for_what_is_published(self):
+        publisher = self.client()
+        publisher.publish({}, "weather")
+        subscriber = self.start_keelctl("subscribe", "weather")
+        subscriber.out()
+        for text, value in self.PAIRS:
+            publisher.update(value, "weather")
+            self.assertEqual(json.loads(subscriber.out())["data"], json.loads(text))
+        publisher.update({"nan": float("nan")}, "weather")
+        self.assertEqual(json.loads(subscriber.out())["data"], {"nan": {"$real": "NaN"}})
+
+    def test_a_doubled_key_counts_with_its_last_value(self):
+        publisher = self.client()
+        publisher.publish(Raw(b"\xa2\x61a\x01\x61a\x02"), "weather")
+        code, out, _ = self.run_keelctl("subscribe", "weather", "--count", "1")
+        self.assertEqual((code, json.loads(out)["data"]), (OK, {"a": 2}))
+
+    def test_large_items_are_nothing_special(self):
+        text = "x" * 1000000
+        follower = self.client()
+        follower.subscribe("weather")
+        publisher = self.start_keelctl("publish", "weather", "-")
+        publisher.write(json.dumps({"text": text}))
+        self.assertEqual(follower.delivery().item, {"text": text})
+        code, out, _ = self.run_keelctl("subscribe", "weather", "--count", "1")
+        self.assertEqual((code, json.loads(out)["data"]), (OK, {"text": text}))
+
+    def test_a_line_that_is_no_json_ends_the_publisher_or_is_told(self):
+        publisher = self.start_keelctl("publish", "weather", "-")
+        publisher.write('{"n":1}')
+        self.assertEqual(publisher.told(), "published weather")
+        publisher.write("{")
+        self.assertTrue(re.search("JSON", publisher.told()))
+
+
+if __name__ == "__main__":
+    keel_host.main()
