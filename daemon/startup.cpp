@@ -13,6 +13,8 @@
 #include <memory>
 
 #include "daemon/listener_delegate.h"
+#include "daemon/readiness.h"
+#include "modules/module_manager.h"
 #include "platform/dispatch/signal_source.h"
 #include "platform/dispatch/system.h"
 #include "platform/logging/log_system.h"
@@ -65,6 +67,8 @@ void shutDown() {
   process().notifyListener->suspend();
   process().notifyListener->invalidate();
   process().notifyListener.reset();
+  // Last, as it waits for a service manager that does not listen.
+  tellStopping();
   endProcess(0);
 }
 
@@ -116,8 +120,13 @@ void makeLockDirectory(const char* path) {
   endProcess(kExitNoLockDirectory);
 }
 
-void openListeners() {
+void loadModules() {
+  // Modules may have sockets, too.
   xpc::raiseDescriptorLimit();
+  KLNModuleManager::defaultManager()->loadAllModules();
+}
+
+void openListeners() {
   process().notifyListener = makeListener(kNotifyServiceName);
   logger().debug("Notify listener created");
   process().notifyDelegate = std::make_shared<NotifyListenerDelgate>();
