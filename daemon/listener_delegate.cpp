@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "daemon/listener_delegate.h"
 
+#include "auth/auth_handler.h"
 #include "notify/notification_handler.h"
+#include "platform/dispatch/serial_queue.h"
+#include "platform/dispatch/system.h"
+#include "platform/dispatch/worker_pool.h"
 #include "platform/logging/logger.h"
+#include "protocols/auth_proxy.h"
 #include "protocols/notify_proxy.h"
 #include "protocols/subscriber_proxy.h"
 
@@ -42,6 +47,32 @@ bool NotifyListenerDelgate::listenerShouldAcceptNewConnection(xpc::Listener& lis
     });
     connection->resume();
     logger().debug("NotifyListenerDelgate: Notify service is ready");
+  }
+  return accepted;
+}
+
+bool AuthListenerDelgate::listenerShouldAcceptNewConnection(xpc::Listener& listener,
+                                                            const std::shared_ptr<xpc::Connection>& connection) {
+  const bool accepted = KLNListenerDelegate::listenerShouldAcceptNewConnection(listener, connection);
+  logger().debug("New Auth Service Connection received from {}", connection->processIdentifier());
+  if (accepted) {
+    connection->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::AuthProxy>());
+    const auto handler = std::make_shared<KLNAuthHandler>();
+    connection->setExportedObject<protocols::AuthProxy>(handler);
+    handler->setXpcConnection(connection);
+    connection->setInterruptionHandler([handler] {
+      logger().debug("AuthListenerDelgate: plugin disconnected");
+      handler->connectionInterupted();
+    });
+    connection->setInvalidationHandler([handler] {
+      logger().debug("AuthListenerDelgate: connection is invalidated");
+      handler->connectionInvalidated();
+    });
+    connection->setConfidential();
+    connection->setQueue(SerialQueue::create("auth connection", globalQueue()),
+                         checkQueue().laneOf(connection->effectiveUserIdentifier()));
+    connection->resume();
+    logger().debug("AuthListenerDelgate: AuthService is ready");
   }
   return accepted;
 }

@@ -13,6 +13,7 @@
 #include "platform/dispatch/manual_executor.h"
 #include "platform/dispatch/reactor.h"
 #include "protocols/notify_proxy.h"
+#include "protocols/subscriber_proxy.h"
 #include "tests/support/fake_client.h"
 #include "tests/support/log_recorder.h"
 
@@ -102,6 +103,25 @@ TEST_F(NotifyListener, ConnectionAloneHoldsItsHandler) {
   client.die();
   executor_.runAll();
   EXPECT_TRUE(connection.expired());
+}
+
+TEST_F(NotifyListener, AuthDelegateAcceptsEveryConnectionAndLogsItsPidFirst) {
+  AuthListenerDelgate delegate;
+  FakeClient client(executor_, FakeClient::identity(345));
+  EXPECT_TRUE(delegate.listenerShouldAcceptNewConnection(*listener_, client.connection()));
+  EXPECT_EQ(log_.linesOf("runtime"), (std::vector{debug("New Auth Service Connection received from 345"),
+                                                  debug("AuthListenerDelgate: AuthService is ready")}));
+  EXPECT_EQ(client.daemonSelectors().size(), 8u);
+  EXPECT_TRUE(client.connection()->isConfidential());
+}
+
+TEST_F(NotifyListener, AuthDelegateSetsNoRemoteInterface) {
+  AuthListenerDelgate delegate;
+  FakeClient client(executor_);
+  delegate.listenerShouldAcceptNewConnection(*listener_, client.connection());
+  const auto& subscriber = xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>();
+  // The client says that it has the method; the daemon does not look for it.
+  EXPECT_LT(client.connection()->methodNumber(subscriber, 0), 0);
 }
 
 TEST_F(NotifyListener, BaseClassAcceptsAndDoesNothingElse) {

@@ -32,6 +32,8 @@ constexpr std::chrono::milliseconds kLogPatience{500};
 
 // What the process keeps for as long as it lives; never destroyed, as exit() runs while other threads still use it.
 struct Process {
+  std::shared_ptr<xpc::Listener> authListener;
+  std::shared_ptr<AuthListenerDelgate> authDelegate;
   std::shared_ptr<xpc::Listener> notifyListener;
   std::shared_ptr<NotifyListenerDelgate> notifyDelegate;
   std::unique_ptr<SignalSource> hangup;
@@ -64,8 +66,11 @@ std::shared_ptr<xpc::Listener> makeListener(const char* serviceName) {
 
 void shutDown() {
   logger().standard("signal handler: received SIGTERM, shutting down");
+  process().authListener->suspend();
   process().notifyListener->suspend();
+  process().authListener->invalidate();
   process().notifyListener->invalidate();
+  process().authListener.reset();
   process().notifyListener.reset();
   // Last, as it waits for a service manager that does not listen.
   tellStopping();
@@ -127,6 +132,12 @@ void loadModules() {
 }
 
 void openListeners() {
+  process().authListener = makeListener(kAuthServiceName);
+  logger().debug("Auth listener created");
+  process().authDelegate = std::make_shared<AuthListenerDelgate>();
+  process().authListener->setDelegate(process().authDelegate);
+  process().authListener->resume();
+
   process().notifyListener = makeListener(kNotifyServiceName);
   logger().debug("Notify listener created");
   process().notifyDelegate = std::make_shared<NotifyListenerDelgate>();

@@ -43,12 +43,12 @@ class AuthProxy {
 
 using AuthProxyMethods =
     xpc::MethodTable<xpc::Method<"authServiceCheckWithHandler:", &AuthProxy::authServiceCheckWithHandler>,
-                     xpc::Method<"authenticateUser:withPassword:andHandler:", &AuthProxy::authenticateUser>,
-                     xpc::Method<"authenticateForUser:using:withHandler:", &AuthProxy::authenticateForUser>,
+                     xpc::Method<"authenticateUser:withPassword:andHandler:", &AuthProxy::authenticateUser, xpc::Weight::slow>,
+                     xpc::Method<"authenticateForUser:using:withHandler:", &AuthProxy::authenticateForUser, xpc::Weight::slow>,
                      xpc::Method<"authGetDefaultRealm:", &AuthProxy::authGetDefaultRealm>,
-                     xpc::Method<"authBasicStartWithHandler:", &AuthProxy::authBasicStartWithHandler>,
-                     xpc::Method<"authDigestStartWithHandler:", &AuthProxy::authDigestStartWithHandler>,
-                     xpc::Method<"authValidate:andID:withHandler:", &AuthProxy::authValidate>,
+                     xpc::Method<"authBasicStartWithHandler:", &AuthProxy::authBasicStartWithHandler, xpc::Weight::lasting>,
+                     xpc::Method<"authDigestStartWithHandler:", &AuthProxy::authDigestStartWithHandler, xpc::Weight::lasting>,
+                     xpc::Method<"authValidate:andID:withHandler:", &AuthProxy::authValidate, xpc::Weight::slow>,
                      xpc::Method<"isAuthedASID:withHandler:", &AuthProxy::isAuthedASID>>;
 AuthProxyMethods methodTableOf(const AuthProxy*);
 

@@ -22,16 +22,27 @@ SerialQueue::~SerialQueue() {
   abandon();
 }
 
-void SerialQueue::async(Block block) {
+void SerialQueue::submit(Block block, Executor& executor) {
   KEEL_CHECK(block);
   {
     const std::lock_guard lock(mutex_);
     // The block is destroyed by the caller's frame, outside the lock: its destruction may come back here.
     if (state_ == State::abandoned) return;
-    waiting_.add(std::move(block));
+    add(std::move(block), executor);
     if (std::exchange(state_, State::scheduled) == State::scheduled) return;
   }
-  executor_.schedule(shared_from_this());
+  executor.schedule(shared_from_this());
+}
+
+void SerialQueue::add(Block block, Executor& executor) {
+  // Nothing joins a block that runs elsewhere: it has its turn alone, so that the other executor can choose after each.
+  const bool own = &executor == &executor_;
+  if (later_.empty() && (waiting_.empty() || (own && waitingOn_ == &executor_))) {
+    waitingOn_ = &executor;
+    return waiting_.add(std::move(block));
+  }
+  if (!own || later_.empty() || later_.back().executor != &executor_) later_.push_back({&executor, {}});
+  later_.back().blocks.add(std::move(block));
 }
 
 bool SerialQueue::isCurrent() const {
@@ -42,11 +53,17 @@ void SerialQueue::runTurn() noexcept {
   {
     const std::lock_guard lock(mutex_);
     running_.swap(waiting_);
+    if (!later_.empty()) [[unlikely]] {
+      waiting_.swap(later_.front().blocks);
+      waitingOn_ = later_.front().executor;
+      later_.pop_front();
+    }
   }
   // A test's executor may run a turn from within another queue's block.
   const SerialQueue* const outer = std::exchange(currentQueue, this);
   running_.run();
   currentQueue = outer;
+  Executor* next = nullptr;
   {
     const std::lock_guard lock(mutex_);
     if (state_ == State::abandoned) return;
@@ -55,16 +72,19 @@ void SerialQueue::runTurn() noexcept {
       state_ = State::idle;
       return;
     }
+    next = waitingOn_;
   }
-  executor_.schedule(shared_from_this());
+  next->schedule(shared_from_this());
 }
 
 void SerialQueue::abandon() noexcept {
   // Destroyed outside the lock, and before the members: the destruction of a block may submit to this queue.
   BlockBatch dropped;
+  std::list<Stretch> droppedLater;
   const std::lock_guard lock(mutex_);
   state_ = State::abandoned;
   dropped.swap(waiting_);
+  droppedLater.swap(later_);
 }
 
 }  // namespace keel

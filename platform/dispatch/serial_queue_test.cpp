@@ -78,6 +78,62 @@ TEST_F(SerialQueueTest, IsScheduledAgainAfterATurnThatLeftNothing) {
   EXPECT_THAT(ran_, ElementsAre(1, 2));
 }
 
+TEST_F(SerialQueueTest, RunsABlockElsewhereInItsPlace) {
+  ManualExecutor elsewhere;
+  queue_->async([this] { ran_.push_back(1); });
+  queue_->asyncOn(elsewhere, [this] {
+    EXPECT_TRUE(queue_->isCurrent());
+    ran_.push_back(2);
+  });
+  queue_->async([this] { ran_.push_back(3); });
+  queue_->async([this] { ran_.push_back(4); });
+  EXPECT_FALSE(elsewhere.runOne());
+  EXPECT_TRUE(executor_.runOne());
+  EXPECT_THAT(ran_, ElementsAre(1));
+  // What is behind waits for it, and costs the queue's own executor nothing.
+  EXPECT_FALSE(executor_.runOne());
+  EXPECT_TRUE(elsewhere.runOne());
+  EXPECT_THAT(ran_, ElementsAre(1, 2));
+  EXPECT_FALSE(elsewhere.runOne());
+  EXPECT_TRUE(executor_.runOne());
+  EXPECT_THAT(ran_, ElementsAre(1, 2, 3, 4));
+}
+
+TEST_F(SerialQueueTest, RunsEachBlockElsewhereInATurnOfItsOwn) {
+  ManualExecutor elsewhere;
+  for (int i = 0; i < 3; ++i) queue_->asyncOn(elsewhere, [this, i] { ran_.push_back(i); });
+  for (std::size_t i = 1; i <= 3; ++i) {
+    EXPECT_TRUE(elsewhere.runOne());
+    EXPECT_EQ(ran_.size(), i);
+  }
+  EXPECT_THAT(ran_, ElementsAre(0, 1, 2));
+  EXPECT_FALSE(elsewhere.runOne());
+  EXPECT_EQ(executor_.scheduledCount(), 0U);
+}
+
+TEST_F(SerialQueueTest, KeepsTheOrderOfWhatABlockElsewhereSubmits) {
+  ManualExecutor elsewhere;
+  queue_->asyncOn(elsewhere, [this, &elsewhere] {
+    ran_.push_back(1);
+    queue_->async([this] { ran_.push_back(3); });
+    queue_->asyncOn(elsewhere, [this] { ran_.push_back(4); });
+  });
+  queue_->async([this] { ran_.push_back(2); });
+  while (elsewhere.runOne() || executor_.runOne()) {
+  }
+  EXPECT_THAT(ran_, ElementsAre(1, 2, 3, 4));
+}
+
+TEST_F(SerialQueueTest, AbandonedDestroysWhatWaitsForElsewhere) {
+  ManualExecutor elsewhere;
+  int destroyed = 0;
+  queue_->async([] { FAIL(); });
+  queue_->asyncOn(elsewhere, [held = whenDestroyed([&destroyed] { ++destroyed; })] { FAIL(); });
+  queue_->async([held = whenDestroyed([&destroyed] { ++destroyed; })] { FAIL(); });
+  queue_->abandon();
+  EXPECT_EQ(destroyed, 2);
+}
+
 TEST_F(SerialQueueTest, IsCurrentInItsOwnBlocksOnly) {
   const auto other = SerialQueue::create("other", executor_);
   EXPECT_FALSE(queue_->isCurrent());

@@ -11,8 +11,9 @@
 
 namespace keel {
 
-WorkerPool::WorkerPool(std::size_t threadLimit) : threadLimit_(threadLimit) {
-  KEEL_CHECK(threadLimit > 0);
+WorkerPool::WorkerPool(std::size_t threadLimit, std::size_t threadLimitOfLane)
+    : threadLimit_(threadLimit), threadLimitOfLane_(threadLimitOfLane) {
+  KEEL_CHECK(threadLimit > 0 && threadLimitOfLane > 0);
 }
 
 WorkerPool::~WorkerPool() {
@@ -22,23 +23,47 @@ WorkerPool::~WorkerPool() {
     ending_ = true;
     threads.swap(threads_);
   }
-  ready_.notify_all();
+  readied_.notify_all();
   for (std::thread& thread : threads) thread.join();
-  // No lock: no thread is left. The destruction of a block may schedule further queues.
-  while (!scheduled_.empty()) {
-    const auto queue = std::move(scheduled_.front());
-    scheduled_.pop_front();
-    queue->abandon();
+  // No lock: no thread is left. The destruction of a block may schedule further queues, in any lane.
+  while (!ready_.empty()) {
+    Lane& lane = *ready_.front();
+    ready_.pop_front();
+    lane.isReady = false;
+    while (!lane.scheduled.empty()) takeFrom(lane)->abandon();
   }
 }
 
-void WorkerPool::schedule(std::shared_ptr<SerialQueue> queue) {
+Executor& WorkerPool::laneOf(std::uint64_t owner) {
+  const std::lock_guard lock(mutex_);
+  auto& lane = lanes_[owner];
+  if (!lane) lane = std::make_unique<Lane>(*this);
+  return *lane;
+}
+
+void WorkerPool::schedule(std::shared_ptr<SerialQueue> queue, Lane& lane) {
   {
     const std::lock_guard lock(mutex_);
-    scheduled_.push_back(std::move(queue));
-    if (scheduled_.size() > idleCount_) startThread();
+    lane.scheduled.push_back(std::move(queue));
+    ++scheduledCount_;
+    if (!makeReady(lane)) return;
+    if (scheduledCount_ > idleCount_) startThread();
   }
-  ready_.notify_one();
+  readied_.notify_one();
+}
+
+// Whether work of the lane may begin now.
+bool WorkerPool::makeReady(Lane& lane) {
+  if (lane.scheduled.empty() || lane.runningCount == threadLimitOfLane_) return false;
+  if (!std::exchange(lane.isReady, true)) ready_.push_back(&lane);
+  return true;
+}
+
+std::shared_ptr<SerialQueue> WorkerPool::takeFrom(Lane& lane) {
+  auto queue = std::move(lane.scheduled.front());
+  lane.scheduled.pop_front();
+  --scheduledCount_;
+  return queue;
 }
 
 void WorkerPool::startThread() {
@@ -56,16 +81,23 @@ void WorkerPool::work() {
   std::unique_lock lock(mutex_);
   for (;;) {
     ++idleCount_;
-    ready_.wait(lock, [this] { return ending_ || !scheduled_.empty(); });
+    readied_.wait(lock, [this] { return ending_ || !ready_.empty(); });
     --idleCount_;
     if (ending_) return;
-    auto queue = std::move(scheduled_.front());
-    scheduled_.pop_front();
+    Lane& lane = *ready_.front();
+    ready_.pop_front();
+    lane.isReady = false;
+    auto queue = takeFrom(lane);
+    ++lane.runningCount;
+    // Behind the others: each lane has its turn.
+    makeReady(lane);
     lock.unlock();
     queue->runTurn();
     // Released before the lock is taken: with it may go blocks, whose destruction may schedule.
     queue.reset();
     lock.lock();
+    --lane.runningCount;
+    makeReady(lane);
   }
 }
 

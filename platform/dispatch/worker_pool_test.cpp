@@ -89,6 +89,80 @@ TEST(WorkerPool, ABlockedTurnHoldsUpItsOwnQueueAlone) {
   ended.get_future().wait();
 }
 
+TEST(WorkerPool, OneLaneLeavesThreadsToTheOthers) {
+  WorkerPool pool(3, /*threadLimitOfLane=*/2);
+  std::promise<void> release;
+  const auto released = release.get_future().share();
+  std::latch stuck(2);
+  std::latch ended(5);
+  // Five that get stuck, of which two may begin.
+  for (int i = 0; i < 5; ++i) {
+    SerialQueue::create("stuck", pool.laneOf(501))->async([&stuck, &ended, released, i] {
+      if (i < 2) stuck.count_down();
+      released.wait();
+      ended.count_down();
+    });
+  }
+  stuck.wait();
+  for (int i = 0; i < 10; ++i) {
+    std::promise<void> ran;
+    SerialQueue::create("free", pool.laneOf(502))->async([&ran] { ran.set_value(); });
+    ran.get_future().wait();
+  }
+  EXPECT_FALSE(ended.try_wait());
+  release.set_value();
+  ended.wait();
+}
+
+TEST(WorkerPool, LanesTakeTurns) {
+  WorkerPool pool(1);
+  std::promise<void> release;
+  std::promise<void> begun;
+  std::latch ended(6);
+  std::string order;  // written by the one thread
+  SerialQueue::create("first", pool)->async([&begun, &release] {
+    begun.set_value();
+    release.get_future().wait();
+  });
+  begun.get_future().wait();
+  // All wait when the thread becomes free.
+  for (const char* lane = "aaaabc"; *lane != '\0'; ++lane) {
+    SerialQueue::create("one", pool.laneOf(static_cast<std::uint64_t>(*lane)))->async([&order, &ended, name = *lane] {
+      order += name;
+      ended.count_down();
+    });
+  }
+  release.set_value();
+  ended.wait();
+  EXPECT_EQ(order, "abcaaa");
+}
+
+TEST(WorkerPool, AnOwnersLaneIsAlwaysTheSame) {
+  WorkerPool pool(1);
+  EXPECT_EQ(&pool.laneOf(501), &pool.laneOf(501));
+  EXPECT_NE(&pool.laneOf(501), &pool.laneOf(502));
+}
+
+TEST(WorkerPool, DropsWhatWaitsInLanesWhenItEnds) {
+  std::weak_ptr<SerialQueue> released;
+  std::promise<void> release;
+  std::promise<void> begun;
+  {
+    WorkerPool pool(1);
+    const auto blocking = SerialQueue::create("blocking", pool);
+    blocking->async([&begun, &release, blocking] {
+      begun.set_value();
+      release.get_future().wait();
+    });
+    begun.get_future().wait();
+    const auto waiting = SerialQueue::create("waiting", pool.laneOf(501));
+    released = waiting;
+    waiting->async([waiting] {});
+    release.set_value();
+  }
+  EXPECT_TRUE(released.expired());
+}
+
 TEST(WorkerPool, NamesItsThreads) {
   WorkerPool pool(1);
   std::promise<std::string> name;

@@ -24,12 +24,11 @@ std::string base64Of(std::span<const std::byte> bytes) {
   return text;
 }
 
-std::optional<std::vector<std::byte>> bytesOfBase64(std::string_view text) {
+std::optional<std::size_t> decodeBase64(std::string_view text, std::span<std::byte> into) {
   if (text.size() % 4 != 0) return std::nullopt;
   std::size_t padding = 0;
   while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=') ++padding;
-  std::vector<std::byte> bytes;
-  bytes.reserve(text.size() / 4 * 3);
+  std::size_t count = 0;
   std::uint32_t group = 0;
   for (std::size_t at = 0; at < text.size(); ++at) {
     const bool padded = at >= text.size() - padding;
@@ -37,15 +36,22 @@ std::optional<std::vector<std::byte>> bytesOfBase64(std::string_view text) {
     if (letter == std::string_view::npos) return std::nullopt;
     group = group << 6 | static_cast<std::uint32_t>(letter);
     if (at % 4 == 3) {
-      for (unsigned shift : {16U, 8U, 0U}) bytes.push_back(static_cast<std::byte>(group >> shift & 0xff));
+      for (unsigned shift : {16U, 8U, 0U}) into[count++] = static_cast<std::byte>(group >> shift & 0xff);
       group = 0;
     }
   }
   // Bits that the padding cuts off must be 0: one text for the same bytes.
   for (; padding > 0; --padding) {
-    if (bytes.back() != std::byte{0}) return std::nullopt;
-    bytes.pop_back();
+    if (into[--count] != std::byte{0}) return std::nullopt;
   }
+  return count;
+}
+
+std::optional<std::vector<std::byte>> bytesOfBase64(std::string_view text) {
+  std::vector<std::byte> bytes(largestBytesOfBase64(text));
+  const auto count = decodeBase64(text, bytes);
+  if (!count) return std::nullopt;
+  bytes.resize(*count);
   return bytes;
 }
 

@@ -34,6 +34,14 @@ TEST(Base64, EveryByteComesBack) {
   EXPECT_EQ(bytesOfBase64(base64Of(all)), all);
 }
 
+TEST(Base64, DecodesIntoMemoryOfTheCaller) {
+  std::vector<std::byte> into(largestBytesOfBase64("Zm9vYg=="), std::byte{7});
+  EXPECT_EQ(into.size(), 6U);
+  EXPECT_EQ(decodeBase64("Zm9vYg==", into), 4U);
+  EXPECT_EQ(std::vector<std::byte>(into.begin(), into.begin() + 4), bytesOf("foob"));
+  EXPECT_EQ(decodeBase64("Zm9vYh==", into), std::nullopt);
+}
+
 TEST(Base64, OtherTextIsRefused) {
   for (const char* text : {"Z", "Zg", "Zg=", "Zg==Zg==", "Zh==", "Zm9=", "Z===", "====", "Zm9v\n", "Zm-_", "Z g="}) {
     EXPECT_FALSE(bytesOfBase64(text)) << text;

@@ -8,6 +8,7 @@
 
 #include "platform/foundation/check.h"
 #include "platform/foundation/keyed_hash.h"
+#include "platform/foundation/secret.h"
 
 namespace keel {
 
@@ -47,6 +48,8 @@ void Buffer::destroy() noexcept {
     ::munmap(const_cast<std::byte*>(data_), size_);
     FileDescriptor closing(sealedFile_);
     liveSealedFileCount.fetch_sub(1, std::memory_order_relaxed);
+  } else if (secret_) {
+    wipe({const_cast<std::byte*>(data_), size_});
   }
   this->~Buffer();
   ::operator delete(this);

@@ -105,6 +105,9 @@ class Buffer {
     return known != 0 ? known : computeHash();
   }
 
+  // The bytes of a heap buffer are wiped when it is destroyed. Before it is shared with other threads.
+  void makeSecret() { secret_ = true; }
+
   // Has another account pay from now on: whoever sent bytes that are no longer current does not answer for those who still hold
   // them. From one thread at a time.
   void chargeTo(MemoryAccount& account);
@@ -137,6 +140,7 @@ class Buffer {
   std::atomic<std::uint32_t> references_{1};
   std::uint32_t surchargeBytes_;
   int sealedFile_;
+  bool secret_ = false;
 };
 
 inline BufferRef::BufferRef(const BufferRef& other) noexcept : buffer_(other.buffer_) {

@@ -25,6 +25,11 @@ class String {
     const auto bytes = buffer_->bytes();
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
   }
+  // The text is wiped when the last copy lets go of it. Before it is shared with other threads.
+  void makeSecret() {
+    if (buffer_ && buffer_->size() > 0) buffer_->makeSecret();
+  }
+
   // A keyed hash; 0 for null.
   std::uint64_t hash() const { return buffer_ ? buffer_->hash() : 0; }
 

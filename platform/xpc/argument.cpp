@@ -37,6 +37,7 @@ bool ArgumentReader::string(String& value) {
   std::string_view text;
   if (!cursor.text(text) || !mayHold(text.size() + limits::kRecordBytes, quota_.grantedNameBytes())) return false;
   value = String(text, *quota_.account, limits::kRecordBytes);
+  if (confidential_) value.makeSecret();
   return true;
 }
 

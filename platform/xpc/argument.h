@@ -51,6 +51,10 @@ class ArgumentReader {
 
   // Whether a read failed because the peer holds too much already.
   bool isOverQuota() const { return overQuota_; }
+  // Whether the peer may hold one thing more that is kept for it.
+  bool mayHoldMore() { return mayHold(0, quota_.grantedBytes()); }
+  // What is read from here on is wiped when it is let go of.
+  void setConfidential(bool confidential) { confidential_ = confidential; }
 
   cbor::Cursor cursor;
 
@@ -62,6 +66,7 @@ class ArgumentReader {
   std::size_t sealedLimitBytes_;
   MemoryQuota quota_;
   bool overQuota_ = false;
+  bool confidential_ = false;
 };
 
 // Writes the arguments of one message; `takesDescriptors` says whether the peer does.

@@ -152,12 +152,12 @@ void Connection::end(std::string_view goodbye, bool transportIsClosed) {
   state_ = State::ended;
   keptAlive_.reset();
   if (!transportIsClosed) transport_->close(goodbye);
-  auto unanswered = std::exchange(expected_, {});
-  const std::string why = farewell_.empty() ? "the connection ended" : "the connection ended: " + farewell_;
-  for (auto& [id, expected] : unanswered) {
-    reportError(std::move(expected.onError), connectionError(ConnectionErrorCode::invalid, why));
-  }
-  if (inHandler_ && !queue_) {
+  runOnQueue([self, why = farewell_.empty() ? "the connection ended" : "the connection ended: " + farewell_] {
+    for (auto& [id, expected] : std::exchange(self->expected_, {})) {
+      self->reportError(std::move(expected.onError), connectionError(ConnectionErrorCode::invalid, why));
+    }
+  });
+  if (!queue_ && inHandler_) {
     // The handler that is running must not be destroyed under its feet.
     transport_->performLater([self] { self->release(); });
   } else {

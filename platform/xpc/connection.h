@@ -63,6 +63,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   uid_t effectiveUserIdentifier() const { return peer_.uid; }
   std::int32_t auditSessionIdentifier() const { return peer_.auditSession; }
   const PeerIdentity& peer() const { return peer_; }
+  const MemoryQuota& quota() const { return options_.quota; }
   // Stable text for people: "<connection 12 pid 345 (mailmod) uid 501 session 3>".
   std::string description() const;
 
@@ -77,8 +78,17 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   // The peer sent something that could not be decoded; the connection stays usable.
   void setInterruptionHandler(Block handler) { interruptionHandler_ = std::move(handler); }
   void setInvalidationHandler(Block handler) { invalidationHandler_ = std::move(handler); }
-  // Messages and handlers run on `queue` instead of the I/O thread.
-  void setQueue(std::shared_ptr<SerialQueue> queue) { queue_ = std::move(queue); }
+  // Messages and handlers run on `queue` instead of the I/O thread; of the requests, those declared slow run on `slowRequests`,
+  // borrowed, in their place in that queue.
+  void setQueue(std::shared_ptr<SerialQueue> queue, Executor& slowRequests) {
+    queue_ = std::move(queue);
+    slowRequests_ = &slowRequests;
+  }
+  // What the peers say to each other holds secrets: the bytes are wiped wherever they were held, once they are done with.
+  void setConfidential() {
+    confidential_ = true;
+    transport_->setConfidential();
+  }
   // Called once, on the I/O thread, when the peer's hello has come and calls can be made.
   void setReadyHandler(Block handler) { readyHandler_ = std::move(handler); }
 
@@ -103,6 +113,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   std::int64_t methodNumber(const Interface& interface, std::size_t place) const;
   bool takesDescriptors() const { return peerTakesDescriptors_ && transport_->maySendFiles(); }
   bool isValid() const { return state_ == State::running; }
+  bool isConfidential() const { return confidential_; }
   void sendOneWay(const OutgoingMessage& message) { transport_->send(message, EndOfTurn::Urgency::normal); }
   // Registers the answer's reader and returns the id to send.
   std::uint64_t expectReply(ReplyReader read, ErrorBlock onError);
@@ -131,6 +142,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   void onClosed(std::string_view reason) override;
   std::shared_ptr<void> holdAlive() override { return shared_from_this(); }
 
+  void queueFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files);
   void sendHello();
   void receiveHello(std::span<const std::byte> bytes);
   // On the connection's queue. Those that return a bool tell whether the message was served.
@@ -142,6 +154,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   void receiveGoodbye(cbor::Cursor& cursor, std::uint64_t count);
   // Answers what cannot be served (`requestId` empty for a one-way message) and tells the interruption handler. Returns false.
   bool refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);
+  bool refuseOverQuota(std::optional<std::uint64_t> requestId);
   void interrupted(std::string_view why);
   void sendAnswer(std::uint64_t requestId, OutgoingMessage& message);
   // On the I/O thread.
@@ -160,6 +173,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   bool interruptionLogged_ = false;
   std::atomic<bool> readingPaused_ = false;
   bool inHandler_ = false;  // of the interruption; on the connection's queue
+  bool confidential_ = false;
   const Options options_;
   // Requests that were dispatched and not answered yet, and bytes of messages that wait on the queue.
   std::atomic<std::uint32_t> unansweredCount_{0};
@@ -169,6 +183,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   PeerIdentity peer_;
   std::unique_ptr<Transport> transport_;
   std::shared_ptr<SerialQueue> queue_;
+  Executor* slowRequests_ = nullptr;  // with queue_
   const Interface* exportedInterface_ = nullptr;
   const Interface* remoteInterface_ = nullptr;
   std::shared_ptr<void> exportedObject_;

@@ -39,8 +39,8 @@ TEST_F(RawPeer, UndecodableMessageIsAFailureAnInterruptionAndOneLogLine) {
 
 TEST_F(RawPeer, WrongMessagesNameWhatIsWrong) {
   start();
-  sendMessage(Value::list({1, 1, 4, Value::list({})}));
-  EXPECT_EQ(received(), std::vector{failure(1, FailureCode::unknownMethod, "there is no method 4")});
+  sendMessage(Value::list({1, 1, 6, Value::list({})}));
+  EXPECT_EQ(received(), std::vector{failure(1, FailureCode::unknownMethod, "there is no method 6")});
   sendMessage(Value::list({1, 2, 0, Value::list({5})}));
   EXPECT_EQ(received(), std::vector{failure(2, FailureCode::wrongArguments, "the arguments do not fit echo:reply:")});
   sendMessage(Value::list({1, 3, 0, Value::list({nullptr, nullptr})}));

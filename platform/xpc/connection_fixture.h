@@ -29,9 +29,13 @@ class Echo {
   virtual void tell(String text) = 0;
   virtual void keep(Reply<Error> reply) = 0;
   virtual void survey(Reply<Error> reply) = 0;
+  virtual void ponder(String text, Reply<Error> reply) = 0;
+  virtual void settle(Reply<Error> reply) = 0;
 };
-using EchoMethods = MethodTable<Method<"echo:reply:", &Echo::echo>, Method<"tell:", &Echo::tell>, Method<"keep:", &Echo::keep>,
-                                Method<"survey:", &Echo::survey, Weight::heavy>>;
+using EchoMethods =
+    MethodTable<Method<"echo:reply:", &Echo::echo>, Method<"tell:", &Echo::tell>, Method<"keep:", &Echo::keep>,
+                Method<"survey:", &Echo::survey, Weight::heavy>, Method<"ponder:reply:", &Echo::ponder, Weight::slow>,
+                Method<"settle:", &Echo::settle, Weight::lasting>>;
 EchoMethods methodTableOf(const Echo*);
 
 struct EchoService final : Echo {
@@ -39,6 +43,11 @@ struct EchoService final : Echo {
   void tell(String text) override { told.emplace_back(text.view()); }
   void keep(Reply<Error> reply) override { kept.push_back(std::move(reply)); }
   void survey(Reply<Error> reply) override { kept.push_back(std::move(reply)); }
+  void ponder(String text, Reply<Error> reply) override {
+    told.emplace_back(text.view());
+    reply(nullptr);
+  }
+  void settle(Reply<Error> reply) override { reply(nullptr); }
   std::vector<std::string> told;
   std::vector<Reply<Error>> kept;
 };
@@ -65,7 +74,8 @@ inline Value hello(const Value& selectors = Value::list({}), bool descriptors = 
 // A service's end of a connection on a hand-driven reactor, and a raw socket as its peer.
 class RawPeer : public testing::Test {
  protected:
-  RawPeer() {
+  RawPeer() : RawPeer(Connection::Options()) {}
+  explicit RawPeer(const Connection::Options& options) {
     int both[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
     peer.reset(both[1]);
@@ -77,7 +87,7 @@ class RawPeer : public testing::Test {
     connection = Connection::create(identity,
                                     std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor,
                                                                   FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
-                                    Connection::Options());
+                                    options);
     connection->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
     connection->setExportedObject<Echo>(service);
     connection->setRemoteObjectInterface(Interface::interfaceWithProtocol<Echo>());
@@ -110,8 +120,9 @@ class RawPeer : public testing::Test {
     sendMessage(hello(selectors, descriptors));
     const std::vector<Value> first = received();
     ASSERT_EQ(first.size(), 1u);
-    ASSERT_EQ(first[0], Value::list({0, 1, Value::list({"echo:reply:", "tell:", "keep:", "survey:"}),
-                                     Value::map({{"descriptors", true}})}));
+    ASSERT_EQ(first[0],
+              Value::list({0, 1, Value::list({"echo:reply:", "tell:", "keep:", "survey:", "ponder:reply:", "settle:"}),
+                           Value::map({{"descriptors", true}})}));
   }
   // All that has come from the connection, decoded.
   std::vector<Value> received() {

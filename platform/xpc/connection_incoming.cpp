@@ -41,21 +41,45 @@ std::shared_ptr<const MethodNumbers> readMethodNumbers(cbor::Cursor& cursor, con
   return last;
 }
 
+// How much a message asks for, before it is looked at any further.
+Weight weightOf(std::span<const std::byte> frame, const Interface* interface) {
+  cbor::Cursor cursor(frame);
+  std::uint64_t count = 0;
+  std::uint64_t kind = 0;
+  std::uint64_t id = 0;
+  std::uint64_t method = 0;
+  const bool isRequest = interface != nullptr && cursor.array(count) && cursor.unsignedInteger(kind) &&
+                         kind == static_cast<std::uint64_t>(MessageKind::request) && cursor.unsignedInteger(id) &&
+                         cursor.unsignedInteger(method);
+  return isRequest ? interface->weightAt(method) : Weight::usual;
+}
+
 }  // namespace
 
 void Connection::onFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
   if (!helloReceived_) return receiveHello(bytes);
   if (!queue_) return receive(bytes, files);
+  queueFrame(bytes, files);
+}
+
+void Connection::queueFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
+  if (options_.quota.account->bytes() > options_.quota.grantedNameBytes()) {
+    return protocolViolation("its user holds too much here for a message to wait");
+  }
+  BufferRef copy = Buffer::copyOf(bytes, *options_.quota.account, limits::kQueuedMessageBytes);
+  if (confidential_) copy->makeSecret();
   queuedBytes_ += bytes.size();
   adjustReading();
-  queue_->async([self = shared_from_this(), frame = Buffer::copyOf(bytes), taken = std::move(files)]() mutable {
+  Executor* const slow = weightOf(bytes, exportedInterface_) == Weight::slow ? slowRequests_ : nullptr;
+  Block work = [self = shared_from_this(), frame = std::move(copy), taken = std::move(files)]() mutable {
     if (self->state_ == State::running) self->receive(frame->bytes(), taken);
     self->transport_->perform([self, size = frame->size()] {
       self->queuedBytes_ -= size;
       self->adjustReading();
     });
-  });
+  };
   files.clear();
+  slow != nullptr ? queue_->asyncOn(*slow, std::move(work)) : queue_->async(std::move(work));
 }
 
 void Connection::onOversizedFrame(std::size_t sizeBytes, std::span<const std::byte> beginning) {
@@ -149,6 +173,7 @@ void Connection::receiveGoodbye(cbor::Cursor& cursor, std::uint64_t count) {
   std::string_view text;
   if (count != 2 || !cursor.text(text) || !cursor.atEnd()) return interrupted("a goodbye that cannot be decoded");
   transport_->perform([self = shared_from_this(), words = std::string(text)] {
+    if (self->state_ == State::ended) return;
     self->farewell_ = words;
     self->end({}, /*transportIsClosed=*/false);
   });
@@ -186,9 +211,12 @@ bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vecto
   // Held for the call: it may end the connection, which lets go of the object.
   const std::shared_ptr<void> object = exportedObject_;
   ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes, options_.quota);
+  reader.setConfidential(confidential_);
+  const Weight weight = exportedInterface_->weightAt(method);
+  if (weight == Weight::lasting && !reader.mayHoldMore()) return refuseOverQuota(id);
   if (call.route) {
     ++unansweredCount_;
-    if (exportedInterface_->isHeavy(method)) heavyRequestId_ = call.requestId;
+    if (weight == Weight::heavy) heavyRequestId_ = call.requestId;
     if ((unansweredCount_ > limits::kUnansweredRequests || heavyRequestId_ != 0) && !readingPaused_) {
       transport_->perform([self = shared_from_this()] { self->adjustReading(); });
     }
@@ -197,11 +225,7 @@ bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vecto
   if (call.route) {
     transport_->perform([self = shared_from_this(), requestId = call.requestId] { self->requestAnswered(requestId); });
   }
-  if (reader.isOverQuota()) {
-    return refuse(id, FailureCode::overQuota,
-                  fmt::format("uid {} holds {} bytes here; at most {} are granted", peer_.uid, options_.quota.account->bytes(),
-                              options_.quota.grantedBytes()));
-  }
+  if (reader.isOverQuota()) return refuseOverQuota(id);
   return refuse(id, FailureCode::wrongArguments,
                 fmt::format("the arguments do not fit {}", exportedInterface_->selectors()[method]));
 }
@@ -248,6 +272,12 @@ bool Connection::refuse(std::optional<std::uint64_t> requestId, FailureCode code
       [self = shared_from_this(), moved = std::move(message)] { self->transport_->send(moved, EndOfTurn::Urgency::urgent); });
   interrupted(text);
   return false;
+}
+
+bool Connection::refuseOverQuota(std::optional<std::uint64_t> requestId) {
+  return refuse(requestId, FailureCode::overQuota,
+                fmt::format("uid {} holds {} bytes here; at most {} are granted", peer_.uid, options_.quota.account->bytes(),
+                            options_.quota.grantedBytes()));
 }
 
 void Connection::interrupted(std::string_view why) {

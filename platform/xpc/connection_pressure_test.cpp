@@ -172,7 +172,7 @@ TEST_F(RawPeer, HalfOfALargeFrameIsChargedToItsUser) {
 }
 
 TEST_F(RawPeer, QueueThatStandsStillStopsTheReading) {
-  connection->setQueue(SerialQueue::create("test", executor));
+  connection->setQueue(SerialQueue::create("test", executor), executor);
   connection->resume();
   sendMessage(hello());
   const Bytes one = framed(encoded(Value::list({2, 1, Value::list({std::string(10'000, 'x')})})));

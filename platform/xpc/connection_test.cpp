@@ -120,7 +120,7 @@ TEST_F(RawPeer, DescriptionIsStable) {
 }
 
 TEST_F(RawPeer, QueueOfItsOwnRunsMessagesAndHandlers) {
-  connection->setQueue(SerialQueue::create("test", executor));
+  connection->setQueue(SerialQueue::create("test", executor), executor);
   connection->resume();
   sendMessage(hello());
   sendMessage(Value::list({2, 1, Value::list({"one"})}));
@@ -135,6 +135,116 @@ TEST_F(RawPeer, QueueOfItsOwnRunsMessagesAndHandlers) {
   EXPECT_EQ(invalidations, 0);
   executor.runAll();
   EXPECT_EQ(invalidations, 1);
+}
+
+TEST_F(RawPeer, SlowRequestsRunElsewhereInTheirPlace) {
+  ManualExecutor elsewhere;
+  connection->setQueue(SerialQueue::create("test", executor), elsewhere);
+  connection->resume();
+  sendMessage(hello());
+  sendMessage(Value::list({2, 1, Value::list({"before"})}));
+  sendMessage(Value::list({1, 1, 4,
+                           Value::list({
+                               "slow",
+                           })}));
+  sendMessage(Value::list({2, 1, Value::list({"behind"})}));
+  turns();
+  executor.runAll();
+  EXPECT_EQ(service->told, (std::vector<std::string>{"before"}));
+  // The end waits for what is under way, too.
+  peer.reset();
+  turns();
+  executor.runAll();
+  EXPECT_EQ(invalidations, 0);
+  elsewhere.runAll();
+  executor.runAll();
+  EXPECT_EQ(invalidations, 1);
+}
+
+TEST_F(RawPeer, SlowRequestsAreServedOnceElsewhereComesToThem) {
+  ManualExecutor elsewhere;
+  connection->setQueue(SerialQueue::create("test", executor), elsewhere);
+  connection->resume();
+  sendMessage(hello());
+  sendMessage(Value::list({1, 1, 4, Value::list({"slow"})}));
+  sendMessage(Value::list({2, 1, Value::list({"behind"})}));
+  turns();
+  executor.runAll();
+  EXPECT_TRUE(service->told.empty());
+  elsewhere.runAll();
+  EXPECT_EQ(service->told, (std::vector<std::string>{"slow"}));
+  executor.runAll();
+  EXPECT_EQ(service->told, (std::vector<std::string>{"slow", "behind"}));
+  EXPECT_EQ(received().back(), Value::list({3, 1, Value::list({nullptr})}));
+}
+
+TEST_F(RawPeer, AnswersToNothingOnAQueueOfItsOwnAreIgnored) {
+  connection->setQueue(SerialQueue::create("test", executor), executor);
+  connection->resume();
+  sendMessage(hello());
+  sendMessage(Value::list({3, 1, Value::list({})}));
+  turns();
+  executor.runAll();
+  EXPECT_EQ(interruptions, 1);
+}
+
+struct PeerWithQuota : RawPeer {
+  PeerWithQuota() : RawPeer(Connection::Options{.quota = {.account = &accountOfTest(), .limitBytes = 100'000}}) {}
+  ~PeerWithQuota() override { accountOfTest().refund(accountOfTest().bytes()); }
+  static MemoryAccount& accountOfTest() {
+    static MemoryAccount account;
+    return account;
+  }
+};
+
+TEST_F(PeerWithQuota, LastingRequestsAreRefusedToWhoHoldsTooMuch) {
+  start();
+  accountOfTest().charge(100'000);
+  sendMessage(Value::list({1, 1, 5, Value::list({})}));
+  EXPECT_EQ(received(), std::vector{Value::list({3, 1, Value::list({nullptr})})});
+  accountOfTest().charge(1);
+  sendMessage(Value::list({1, 2, 5, Value::list({})}));
+  EXPECT_EQ(received(),
+            std::vector{failure(2, FailureCode::overQuota, "uid 501 holds 100001 bytes here; at most 100000 are granted")});
+}
+
+TEST_F(PeerWithQuota, MessagesThatWaitAreCharged) {
+  connection->setQueue(SerialQueue::create("test", executor), executor);
+  connection->resume();
+  sendMessage(hello());
+  const std::size_t before = accountOfTest().bytes();
+  sendMessage(Value::list({2, 1, Value::list({std::string(1000, 'x')})}));
+  turns();
+  EXPECT_GE(accountOfTest().bytes(), before + 1000 + limits::kQueuedMessageBytes);
+  executor.runAll();
+  turns();
+  EXPECT_EQ(accountOfTest().bytes(), before);
+  EXPECT_EQ(service->told.size(), 1u);
+}
+
+TEST_F(PeerWithQuota, AMessageThatWouldHaveToWaitOnTooMuchEndsTheConnection) {
+  connection->setQueue(SerialQueue::create("test", executor), executor);
+  connection->resume();
+  sendMessage(hello());
+  accountOfTest().charge(150'001);
+  sendMessage(Value::list({2, 1, Value::list({"one"})}));
+  EXPECT_EQ(received().back(), Value::list({5, "its user holds too much here for a message to wait"}));
+  executor.runAll();
+  EXPECT_TRUE(service->told.empty());
+}
+
+// Frames that come in part, at any place, are put together in memory that is wiped.
+TEST_F(RawPeer, ConfidentialConnectionsWorkLikeOthers) {
+  connection->setConfidential();
+  start();
+  const Bytes whole = framed(encoded(Value::list({2, 1, Value::list({std::string(70'000, 'x')})})));
+  for (const std::size_t cut : {std::size_t{2}, std::size_t{10}, std::size_t{65'000}, whole.size() - 1}) {
+    sendBytes(Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(cut)));
+    turns();
+    sendBytes(Bytes(whole.begin() + static_cast<std::ptrdiff_t>(cut), whole.end()));
+  }
+  turns();
+  EXPECT_EQ(service->told, std::vector<std::string>(4, std::string(70'000, 'x')));
 }
 
 TEST_F(RawPeer, ReplyFromAnotherThreadArrives) {

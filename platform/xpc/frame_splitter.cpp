@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "platform/foundation/check.h"
+#include "platform/foundation/secret.h"
 #include "platform/xpc/wire.h"
 
 namespace keel::xpc {
@@ -15,6 +16,7 @@ void FrameSplitter::give(std::span<const std::byte> bytes) {
     rest_ = bytes;
     return;
   }
+  if (confidential_) growKept(bytes.size());
   kept_.insert(kept_.end(), bytes.begin(), bytes.end());
   rest_ = kept_;
 }
@@ -48,9 +50,11 @@ FrameSplitter::Found FrameSplitter::next() {
 void FrameSplitter::keepRest() {
   if (rest_.empty()) {
     // Gives the memory of a large frame back; an idle connection holds none.
-    kept_ = {};
+    dropKept();
   } else if (!kept_.empty() && rest_.data() >= kept_.data() && rest_.data() < kept_.data() + kept_.size()) {
-    kept_.erase(kept_.begin(), kept_.end() - static_cast<std::ptrdiff_t>(rest_.size()));
+    const auto end = std::copy(rest_.begin(), rest_.end(), kept_.begin());
+    if (confidential_) wipe({end, kept_.end()});
+    kept_.erase(end, kept_.end());
   } else {
     kept_.assign(rest_.begin(), rest_.end());
   }
@@ -62,8 +66,22 @@ std::size_t FrameSplitter::take(std::span<std::byte> destination) {
   KEEL_CHECK(rest_.empty() && destination.size() >= kept_.size());
   const std::size_t taken = kept_.size();
   if (taken > 0) std::memcpy(destination.data(), kept_.data(), taken);
-  kept_ = {};
+  dropKept();
   return taken;
+}
+
+void FrameSplitter::growKept(std::size_t moreBytes) {
+  if (kept_.capacity() - kept_.size() >= moreBytes) return;
+  std::vector<std::byte> grown;
+  grown.reserve(std::max(kept_.size() + moreBytes, 2 * kept_.capacity()));
+  grown = kept_;
+  wipe(kept_);
+  kept_.swap(grown);
+}
+
+void FrameSplitter::dropKept() noexcept {
+  if (confidential_) wipe(kept_);
+  kept_ = {};
 }
 
 }  // namespace keel::xpc

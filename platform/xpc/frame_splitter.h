@@ -26,7 +26,13 @@ class FrameSplitter {
   // Frames longer than `limitBytes` are oversized, longer than `garbageBytes` garbage.
   FrameSplitter(std::size_t limitBytes, std::size_t garbageBytes) : limitBytes_(limitBytes), garbageBytes_(garbageBytes) {}
 
+  ~FrameSplitter() { dropKept(); }
+  FrameSplitter(const FrameSplitter&) = delete;
+  FrameSplitter& operator=(const FrameSplitter&) = delete;
+
   void setLimit(std::size_t limitBytes) { limitBytes_ = limitBytes; }
+  // What is kept is wiped when it is dropped.
+  void setConfidential() { confidential_ = true; }
 
   // Adds bytes behind those kept. They are borrowed until keepRest().
   void give(std::span<const std::byte> bytes);
@@ -46,12 +52,17 @@ class FrameSplitter {
   // How much of an oversized frame is looked at: enough for its kind and its request id.
   static constexpr std::size_t kBeginningBytes = 16;
 
+  // Makes room, without leaving a copy of what is kept behind.
+  void growKept(std::size_t moreBytes);
+  void dropKept() noexcept;
+
   std::size_t limitBytes_;
   std::size_t garbageBytes_;
   std::span<const std::byte> rest_;
   std::span<const std::byte> frame_;
   std::size_t frameSizeBytes_ = 0;
   std::size_t skipBytes_ = 0;
+  bool confidential_ = false;
   std::vector<std::byte> kept_;
 };
 

@@ -38,6 +38,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   void send(const OutgoingMessage& message, EndOfTurn::Urgency urgency) override;
   void setReading(bool reading) override;
   void liftHelloBound() override;
+  void setConfidential() override;
   void close(std::string_view goodbye) override;
   bool maySendFiles() override;
   void perform(Block block) override;
@@ -50,6 +51,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
 
   // Each returns false when the stream has ended.
   bool readOnce();
+  bool takeRead(std::span<std::byte> bytes, msghdr& header, ssize_t received);
   bool takeFiles(msghdr& header);
   bool handFramesOver();
   bool flush();
@@ -91,6 +93,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   bool handedOverLast_ = false;  // at the end of the last turn
   bool tooSlow_ = false;
   bool keepsFilesUnclaimed_ = false;
+  bool confidential_ = false;
   bool readToItsEnd_ = false;
   bool ending_ = false;  // at the end of the turn
   int problem_ = 0;      // errno of a write that failed

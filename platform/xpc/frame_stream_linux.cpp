@@ -25,6 +25,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "platform/foundation/secret.h"
 #include "platform/xpc/farewell.h"
 #include "platform/xpc/foreign_descriptors.h"
 #include "platform/xpc/limits.h"
@@ -97,6 +98,7 @@ void FrameStream::send(const OutgoingMessage& message, EndOfTurn::Urgency urgenc
     output_.borrow();
     reactor_.atEndOfTurn(*this, urgency);
   }
+  if (confidential_) output_->setConfidential();
   output_->append(message);
   if (!outputBlocked_) reactor_.atEndOfTurn(*this, urgency);
 }
@@ -143,6 +145,11 @@ void FrameStream::setReading(bool reading) {
 
 void FrameStream::liftHelloBound() {
   splitter_.setLimit(terms_.frameLimitBytes);
+}
+
+void FrameStream::setConfidential() {
+  confidential_ = true;
+  splitter_.setConfidential();
 }
 
 void FrameStream::close(std::string_view goodbye) {
@@ -217,10 +224,18 @@ bool FrameStream::readOnce() {
   do {
     received = ::recvmsg(socket_.get(), &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
   } while (received < 0 && errno == EINTR);
-  const int problem = received < 0 ? errno : 0;
+  const std::span<std::byte> all = buffer.first(kept + (received > 0 ? static_cast<std::size_t>(received) : 0));
+  const bool goesOn = takeRead(all, header, received < 0 ? -errno : received);
+  if (confidential_) wipe(all);
+  return goesOn;
+}
+
+// `received` is what the read yielded: bytes, 0 at the end, or an errno below 0.
+bool FrameStream::takeRead(std::span<std::byte> bytes, msghdr& header, ssize_t received) {
+  const int problem = received < 0 ? static_cast<int>(-received) : 0;
   const bool again = problem == EAGAIN || problem == EWOULDBLOCK;
-  splitter_.give({buffer.data(), kept + (received > 0 ? static_cast<std::size_t>(received) : 0)});
-  if (received == static_cast<ssize_t>(vector.iov_len)) reactor_.noteFullRead();
+  splitter_.give(bytes);
+  if (received == static_cast<ssize_t>(header.msg_iov->iov_len)) reactor_.noteFullRead();
   if (received > 0 && header.msg_controllen > 0 && !takeFiles(header)) return false;
   if (received > 0 || again) return handFramesOver();
   splitter_.keepRest();

@@ -36,7 +36,8 @@ class Interface {
   std::span<const std::string_view> selectors() const { return selectors_; }
   // Null beyond the list.
   Dispatch dispatchAt(std::uint64_t place) const { return place < dispatches_.size() ? dispatches_[place] : nullptr; }
-  bool isHeavy(std::uint64_t place) const { return weights_[place] == Weight::heavy; }
+  // Usual beyond the list.
+  Weight weightAt(std::uint64_t place) const { return place < weights_.size() ? weights_[place] : Weight::usual; }
 
  private:
   Interface() = default;

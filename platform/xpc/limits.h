@@ -36,6 +36,9 @@ inline constexpr std::size_t kHelloBytes = 64u << 10;
 // Requests of one connection that wait for their answer; above it the connection is not read until half are answered.
 inline constexpr std::size_t kUnansweredRequests = 8192;
 
+// What a message that waits on its connection's queue is charged beyond its own bytes: about what its place there takes.
+inline constexpr std::uint32_t kQueuedMessageBytes = 256;
+
 // Bytes that may wait for a slow reader before its connection is invalidated.
 inline constexpr std::size_t kWaitingBytes = 64u << 20;
 // What slow readers may make the daemon hold all together, copies and superseded values. Beyond, whoever lets most wait goes

@@ -69,8 +69,13 @@ struct SplitParameters<std::tuple<Reply<Results...>>> {
   using ReplyBlock = Reply<Results...>;
 };
 
-// How much a request asks for. Of heavy ones, whose work grows with all that the service holds, a connection has one at a time.
-enum class Weight : std::uint8_t { usual, heavy };
+// How much a request asks for.
+enum class Weight : std::uint8_t {
+  usual,
+  heavy,    // its work grows with all that the service holds: a connection has one at a time
+  slow,     // may wait for seconds: where requests have queues of their own, it does so where it holds up no others
+  lasting,  // leaves something behind on the asker's account: refused while that one holds too much
+};
 
 template <SelectorText Text, auto Member, Weight Work = Weight::usual>
 struct Method {

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "platform/foundation/check.h"
+#include "platform/foundation/secret.h"
 #include "platform/xpc/limits.h"
 
 namespace keel::xpc {
@@ -143,7 +144,10 @@ void OutputQueue::consume(std::size_t sent) {
     sent -= taken;
     if (piece.size() > 0) break;
     // The last piece of a full chunk takes the chunk with it.
-    if (piece.chunk && piece.chunk.use_count() == 1) ownBytes_ -= piece.chunkCapacity;
+    if (piece.chunk && piece.chunk.use_count() == 1) {
+      ownBytes_ -= piece.chunkCapacity;
+      wipe(piece);
+    }
     pieces_.pop_front();
   }
   // Frame ends are dropped once they are many, so that a queue that never quite empties stays bounded.
@@ -155,6 +159,8 @@ void OutputQueue::consume(std::size_t sent) {
 }
 
 void OutputQueue::clear() {
+  for (const Piece& piece : pieces_) wipe(piece);
+  confidential_ = false;
   pieces_.clear();
   // A first chunk stays for the next frames; whatever grew beyond it goes.
   if (chunkCapacity_ > kFirstChunkBytes) {
@@ -167,6 +173,10 @@ void OutputQueue::clear() {
   frameEnds_.clear();
   appendedBytes_ = sentBytes_ = prunedEnd_ = 0;
   waitingFileBytes_ = 0;
+}
+
+void OutputQueue::wipe(const Piece& piece) const {
+  if (confidential_ && piece.chunk) keel::wipe({piece.chunk.get(), piece.chunkCapacity});
 }
 
 void OutputQueue::dropUnbegunFrames() {

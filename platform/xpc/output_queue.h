@@ -24,6 +24,8 @@ class OutputQueue {
   OutputQueue& operator=(const OutputQueue&) = delete;
 
   void append(const OutgoingMessage& frame);
+  // Wipes what it copied once that is sent; until the queue is empty.
+  void setConfidential() { confidential_ = true; }
 
   bool empty() const { return appendedBytes_ == sentBytes_; }
   // What waits to be written, the contents of sealed files included.
@@ -57,12 +59,14 @@ class OutputQueue {
   void appendBytes(std::span<const std::byte> bytes);
   void consume(std::size_t sent);
   void clear();
+  void wipe(const Piece& piece) const;
 
   std::deque<Piece> pieces_;
   // The chunk that is being filled, perhaps by several pieces.
   std::shared_ptr<std::byte[]> chunk_;
   std::size_t chunkCapacity_ = 0;
   std::size_t chunkUsed_ = 0;
+  bool confidential_ = false;
   std::uint64_t appendedBytes_ = 0;
   std::uint64_t sentBytes_ = 0;
   std::size_t ownBytes_ = 0;

@@ -86,6 +86,7 @@ class RemoteProxy {
       return connection_->unexpectReply(id, connectionError(ConnectionErrorCode::refused, "the message is too large"));
     }
     connection_->sendRequest(message);
+    if (connection_->isConfidential()) message.wipe();
   }
 
   template <class M, class Block, class... Results>

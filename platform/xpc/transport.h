@@ -45,6 +45,8 @@ class Transport {
   virtual void setReading(bool reading) = 0;
   // Frames may be as long as the limit says, no longer bounded as before the hello.
   virtual void liftHelloBound() = 0;
+  // What comes and goes holds secrets: its bytes are wiped wherever they are held here. Before start().
+  virtual void setConfidential() {}
   // Ends it from our side. Sends what is waiting, then `goodbye` unless empty, for a bounded time. onClosed() is not called.
   virtual void close(std::string_view goodbye) = 0;
 

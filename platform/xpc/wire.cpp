@@ -5,9 +5,14 @@
 #include <limits>
 
 #include "platform/foundation/sealed_memory.h"
+#include "platform/foundation/secret.h"
 #include "platform/xpc/limits.h"
 
 namespace keel::xpc {
+
+void OutgoingMessage::wipe() {
+  keel::wipe(bytes_);
+}
 
 cbor::Writer OutgoingMessage::begin() {
   bytes_.assign(kLengthBytes, std::byte{0});

@@ -60,6 +60,9 @@ class OutgoingMessage {
   // Completes the length. False when the frame would be longer than its length field can say.
   bool finish();
 
+  // Overwrites what stands here; after it only begin() makes sense.
+  void wipe();
+
   // Adds one encoded item, by copy or by reference as its size suggests.
   void item(const BufferRef& encoded);
   // Adds one encoded item as a sealed memory file. False when it cannot be made (no descriptors); nothing is added then.

@@ -20,11 +20,12 @@ import threading
 import unittest
 from typing import NamedTuple
 
-from keel_client import DIRECTORY, HANG_GUARD, NOTIFY, Client
+from keel_client import AUTH, DIRECTORY, HANG_GUARD, NOTIFY, Client
 from keel_processes import OtherProcess
 
 LOCK_DIRECTORY = "/private/var/keeld"
 NOTIFY_PATH = f"{DIRECTORY}/{NOTIFY}"
+AUTH_PATH = f"{DIRECTORY}/{AUTH}"
 LOG_LINE = re.compile(r"\d\d:\d\d:\d\d\.\d{3} (debug|default|error|fault) (\w+): (.*)")
 SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: \w+Sanitizer|runtime error: ")
 SHOWN_LOG_LINES = 40

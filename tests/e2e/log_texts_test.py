@@ -142,7 +142,7 @@ class Requests(LogTest):
 class Connections(LogTest):
     ACCEPTED = (f"debug New Notification Service Connection received from {PID}",
                 "debug NotifyListenerDelgate: Notify service is ready")
-    STARTED = ("debug Notify listener created", "debug up and running")
+    STARTED = ("debug Auth listener created", "debug Notify listener created", "debug up and running")
     ENDED = ("default signal handler: received SIGTERM, shutting down",)
 
     def test_each_is_logged_with_its_process(self):

@@ -10,8 +10,8 @@ import stat
 import struct
 
 import keel_host
-from keel_client import DIRECTORY, NOTIFY, Client, Ended
-from keel_host import LOCK_DIRECTORY, NOTIFY_PATH, DaemonTest, listening_socket, remove
+from keel_client import AUTH, DIRECTORY, NOTIFY, Client, Ended
+from keel_host import AUTH_PATH, LOCK_DIRECTORY, NOTIFY_PATH, DaemonTest, listening_socket, remove
 
 USER = 1001
 SHUTTING_DOWN = "signal handler: received SIGTERM, shutting down"
@@ -137,7 +137,8 @@ class Banner(StartTest):
 class Sockets(StartTest):
     def test_everybody_may_connect(self):
         self.start()
-        self.assertEqual(stat.S_IMODE(os.lstat(NOTIFY_PATH).st_mode), 0o666)
+        for path in (AUTH_PATH, NOTIFY_PATH):
+            self.assertEqual(stat.S_IMODE(os.lstat(path).st_mode), 0o666)
         self.assertEqual(stat.S_IMODE(os.lstat(DIRECTORY).st_mode), 0o755)
 
     def test_one_left_behind_is_replaced(self):
@@ -165,8 +166,8 @@ class Sockets(StartTest):
         self.assertWorked(client.publish({"of": 1}, "name"))
         before = os.lstat(NOTIFY_PATH).st_ino
         second = self.failing(3)
-        line = second.wait_for_log(re.compile(f"cannot serve {re.escape(NOTIFY)}: .*"), level="error", category="runtime")
-        self.assertIn(f"{NOTIFY_PATH} is served by another process already; stop that one first", line.text)
+        line = second.wait_for_log(re.compile(f"cannot serve {re.escape(AUTH)}: .*"), level="error", category="runtime")
+        self.assertIn(f"{AUTH_PATH} is served by another process already; stop that one first", line.text)
         self.assertFalse(second.logged("up and running"))
         self.assertEqual(os.lstat(NOTIFY_PATH).st_ino, before)
         self.assertWorked(client.update({"of": 2}, "name"))
@@ -241,7 +242,7 @@ class Signals(StartTest):
     def test_the_start_is_logged_in_order(self):
         daemon = self.start()
         told = [line.text for line in daemon.log if line.level == "debug" and line.category == "runtime"]
-        self.assertEqual(told[-2:], ["Notify listener created", "up and running"])
+        self.assertEqual(told[-3:], ["Auth listener created", "Notify listener created", "up and running"])
         self.assertEqual([line for line in daemon.log if line.level != "debug"], [])
 
     def test_hangup_does_nothing(self):
@@ -256,6 +257,7 @@ class Signals(StartTest):
         self.assertEqual(
             [line.text for line in daemon.log if line.category == "runtime"],
             [
+                "Auth listener created",
                 "Notify listener created",
                 "up and running",
                 f"New Notification Service Connection received from {os.getpid()}",

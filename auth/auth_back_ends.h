@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <span>
+
+#include "platform/authenticator/authenticator.h"
+#include "platform/authorization/authorization.h"
+#include "platform/foundation/random_bytes.h"
+#include "platform/membership/membership.h"
+
+namespace keel {
+
+// Whom the auth handlers ask; without more said, this machine. All are borrowed and outlive the handlers.
+struct AuthBackEnds {
+  Membership& membership = systemMembership();
+  Authenticators& authenticators = systemAuthenticators();
+  Authorization& authorization = systemAuthorization();
+  std::function<int(std::span<std::byte>)> randomBytes = SecRandomCopyBytes;
+};
+
+}  // namespace keel

@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "auth/auth_handler.h"
+
+#include "auth/auth_fixture.h"
+
+namespace keel {
+namespace {
+
+TEST_F(AuthHandler, ServiceCheckRepliesAtOnceAndTouchesNothing) {
+  EXPECT_FALSE(std::get<0>(ask<&AuthProxy::authServiceCheckWithHandler>(client)));
+  EXPECT_THAT(calls, IsEmpty());
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(AuthHandler, RightPasswordOfAnAdministratorIsRecordedInTheCallersSession) {
+  EXPECT_FALSE(authenticate(client, "alice", "right"));
+  EXPECT_THAT(recorded(7), ElementsAre(String("alice")));
+  EXPECT_EQ(service->authTable().size(), 1u);
+  EXPECT_THAT(calls, ElementsAre("verify alice", "shortName alice", "user alice", "group admin"));
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(AuthHandler, SuccessIsRecordedBeforeItIsAnswered) {
+  authenticate(client, "alice", "right");
+  // A question that is put after the answer came stands behind the recording.
+  EXPECT_TRUE(isAuthedASID(7));
+  EXPECT_FALSE(isAuthedASID(8));
+}
+
+TEST_F(AuthHandler, WrongPasswordIsRefusedWithoutAWord) {
+  EXPECT_EQ(authenticate(client, "alice", "wrong"), kAuthFailed);
+  EXPECT_THAT(calls, ElementsAre("verify alice"));
+  EXPECT_THAT(log.lines(), IsEmpty());
+  EXPECT_TRUE(recorded(7).empty());
+}
+
+TEST_F(AuthHandler, RightPasswordOfNoAdministratorIsRefused) {
+  EXPECT_EQ(authenticate(client, "bob", "right"), kNotAdmin);
+  EXPECT_THAT(log.lines(), ElementsAre(debugLine("user is not in admin group")));
+  EXPECT_TRUE(recorded(7).empty());
+}
+
+TEST_F(AuthHandler, NullArgumentsAreRefused) {
+  EXPECT_EQ(authenticate(client, nullptr, "right"), kAuthFailed);
+  EXPECT_EQ(authenticate(client, "alice", nullptr), kAuthFailed);
+  EXPECT_TRUE(recorded(7).empty());
+}
+
+TEST_F(AuthHandler, MembershipIsThatOfTheShortNameAndTheNameSentIsRecorded) {
+  membership.shortNames["Alice Liddell"] = "alice";
+  EXPECT_FALSE(authenticate(client, "Alice Liddell", "right"));
+  EXPECT_THAT(calls, ElementsAre("verify Alice Liddell", "shortName Alice Liddell", "user alice", "group admin"));
+  EXPECT_THAT(recorded(7), ElementsAre(String("Alice Liddell")));
+}
+
+TEST_F(AuthHandler, WhatCannotBeToldIsNoMembership) {
+  for (int* problem : {&membership.userProblem, &membership.groupProblem, &membership.checkProblem}) {
+    *problem = ENOENT;
+    EXPECT_EQ(authenticate(client, "alice", "right"), kNotAdmin);
+    *problem = 0;
+  }
+  EXPECT_EQ(log.take().size(), 3u);
+  EXPECT_TRUE(recorded(7).empty());
+  EXPECT_FALSE(client.handler()->isAdminUser(nullptr));
+  EXPECT_TRUE(client.handler()->isAdminUser("alice"));
+}
+
+TEST_F(AuthHandler, MembershipIsAskedAnewEachTime) {
+  EXPECT_TRUE(client.handler()->isAdminUser("alice"));
+  membership.administrators.clear();
+  EXPECT_FALSE(client.handler()->isAdminUser("alice"));
+}
+
+TEST_F(AuthHandler, NegativeSessionIsOneLikeAnyOther) {
+  AuthClient unset(executor, backEnds, -1);
+  EXPECT_FALSE(authenticate(unset, "alice", "right"));
+  EXPECT_TRUE(isAuthedASID(-1));
+  EXPECT_FALSE(isAuthedASID(7));
+}
+
+TEST_F(AuthHandler, WithoutAConnectionNothingIsRecorded) {
+  KLNAuthHandler alone(backEnds);
+  Error error("none", 0);
+  alone.authenticateUser("alice", "right", xpc::Reply<Error>::to([&](Error given) { error = std::move(given); }));
+  EXPECT_FALSE(error);
+  executor.runAll();
+  EXPECT_TRUE(service->authTable().empty());
+}
+
+constexpr const char* kRequested = "authenitcateForUser: auth request with authRef for alice";
+
+TEST_F(AuthHandler, ReferenceWithTheRightIsFreedAndRecorded) {
+  EXPECT_FALSE(authenticate(client, "alice", 32));
+  EXPECT_THAT(calls, ElementsAre("create from pid 100", "copy com.vantor.ServiceManagement.daemons.modify flags 0",
+                                 "shortName alice", "user alice", "group admin", "free flags 0"));
+  EXPECT_THAT(recorded(7), ElementsAre(String("alice")));
+  EXPECT_THAT(log.lines(), ElementsAre(debugLine(kRequested)));
+}
+
+TEST_F(AuthHandler, ReferenceThatCannotBeMadeIsRefusedWithItsStatus) {
+  authorization.createStatus = errAuthorizationInvalidRef;
+  EXPECT_EQ(authenticate(client, "alice", 32), Error(NSOSStatusErrorDomain, -60002));
+  EXPECT_THAT(calls, ElementsAre("create from pid 100"));
+  EXPECT_THAT(
+      log.lines(),
+      ElementsAre(debugLine(kRequested),
+                  LogLine{LogLevel::fault, "auth",
+                          "authenitcateForUser: failed to unpack the authRef error = NSOSStatusErrorDomain error -60002"}));
+  EXPECT_TRUE(recorded(7).empty());
+}
+
+TEST_F(AuthHandler, ReferenceWithoutTheRightIsRefusedWithItsStatusAndNotFreed) {
+  authorization.copyStatus = errAuthorizationDenied;
+  EXPECT_EQ(authenticate(client, "alice", 32), Error(NSOSStatusErrorDomain, -60005));
+  EXPECT_THAT(calls, ElementsAre("create from pid 100", "copy com.vantor.ServiceManagement.daemons.modify flags 0"));
+  EXPECT_THAT(log.lines(), ElementsAre(debugLine(kRequested),
+                                       LogLine{LogLevel::fault, "auth",
+                                               "authenitcateForUser: didn't find the correct right in the authRef error = "
+                                               "NSOSStatusErrorDomain error -60005"}));
+  EXPECT_TRUE(recorded(7).empty());
+}
+
+TEST_F(AuthHandler, ReferenceWithTheRightForNoAdministratorIsRefusedAndNotFreed) {
+  EXPECT_EQ(authenticate(client, "bob", 32), kNotAdmin);
+  EXPECT_THAT(calls, ElementsAre("create from pid 100", "copy com.vantor.ServiceManagement.daemons.modify flags 0",
+                                 "shortName bob", "user bob", "group admin"));
+  EXPECT_EQ(log.lines().back(), debugLine("user is not in admin group"));
+  EXPECT_TRUE(recorded(7).empty());
+  // Unfreed as it is, nothing of it stays.
+  EXPECT_TRUE(authorization.reference.expired());
+}
+
+TEST_F(AuthHandler, FormsOfAnotherLengthAreAFaultAndUsedAllTheSame) {
+  for (const std::size_t size : {0u, 31u, 33u, 4096u}) {
+    EXPECT_FALSE(authenticate(client, "alice", size));
+    const auto lines = log.take();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], debugLine(kRequested));
+    EXPECT_EQ(lines[1],
+              (LogLine{LogLevel::fault, "auth",
+                       "authenitcateForUser: authRefext is the wrong size (expected 32 got " + std::to_string(size) + ")"}));
+    std::array<std::byte, 32> expected{};
+    std::fill_n(expected.begin(), std::min<std::size_t>(size, 32), std::byte{'f'});
+    EXPECT_EQ(authorization.given.bytes, expected) << size;
+  }
+}
+
+TEST_F(AuthHandler, NoFormAtAllIsOneOfNoBytes) {
+  authorization.createStatus = errAuthorizationInvalidRef;
+  EXPECT_EQ(std::get<0>(ask<&AuthProxy::authenticateForUser>(client, String(), Data())), Error(NSOSStatusErrorDomain, -60002));
+  EXPECT_EQ(log.lines()[0].text, "authenitcateForUser: auth request with authRef for (null)");
+  EXPECT_EQ(log.lines()[1].text, "authenitcateForUser: authRefext is the wrong size (expected 32 got 0)");
+}
+
+TEST_F(AuthHandler, DefaultRealmIsHandedOn) {
+  const auto [realm, error] = ask<&AuthProxy::authGetDefaultRealm>(client);
+  EXPECT_EQ(realm, String("a realm"));
+  EXPECT_FALSE(error);
+  EXPECT_THAT(log.lines(), ElementsAre(debugLine("authGetDefaultRealm: returning a realm")));
+}
+
+TEST_F(AuthHandler, AnySessionMayBeAskedAbout) {
+  service->addUser("somebody", -2147483648);
+  EXPECT_TRUE(isAuthedASID(-2147483648));
+  EXPECT_FALSE(isAuthedASID(2147483647));
+  EXPECT_THAT(log.linesOf("auth"), IsEmpty());
+}
+
+TEST_F(AuthHandler, InterruptionAndInvalidationOnlyLog) {
+  authenticate(client, "alice", "right");
+  client.handler()->connectionInterupted();
+  client.handler()->connectionInvalidated();
+  EXPECT_THAT(log.lines(), ElementsAre(LogLine{LogLevel::debug, "runtime", "AuthService connection from 7 interrupted"},
+                                       LogLine{LogLevel::debug, "runtime", "AuthService connection from 7 invalidated"}));
+  client.die();
+  executor.runAll();
+  EXPECT_TRUE(isAuthedASID(7));
+}
+
+TEST_F(AuthHandler, ConnectionAloneHoldsItsHandler) {
+  const std::weak_ptr<KLNAuthHandler> handler = client.handler();
+  EXPECT_FALSE(handler.expired());
+  client.die();
+  executor.runAll();
+  EXPECT_TRUE(handler.expired());
+}
+
+}  // namespace
+}  // namespace keel

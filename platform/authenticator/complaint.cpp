@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/authenticator/complaint.h"
+
+#include "platform/logging/logger.h"
+
+namespace keel {
+
+void Complaint::now(std::string text) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (text == last_) return;
+    last_ = text;
+  }
+  if (!text.empty()) _loggerForCategory("auth").error("{}", text);
+}
+
+}  // namespace keel

@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/authenticator/helper_process.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string_view>
+
+#include "platform/foundation/file_descriptor.h"
+
+namespace keel {
+namespace {
+
+using namespace std::chrono_literals;
+using Outcome = HelperAnswer::Outcome;
+
+// Only ends a test that hangs.
+constexpr auto kLong = 60s;
+
+HelperAnswer ask(std::string_view task, std::chrono::milliseconds deadline = kLong) {
+  return askHelper(KEEL_SCRIPTED_HELPER, std::as_bytes(std::span(task)), deadline);
+}
+
+bool answersYes(std::string_view task) {
+  const HelperAnswer answer = ask(task);
+  return answer.outcome == Outcome::answered && answer.answer == std::byte{'y'};
+}
+
+bool hasChildren() {
+  return ::waitpid(-1, nullptr, WNOHANG) >= 0 || errno != ECHILD;
+}
+
+TEST(HelperProcess, AnswersAndIsGone) {
+  EXPECT_TRUE(answersYes("answer"));
+  EXPECT_FALSE(hasChildren());
+}
+
+TEST(HelperProcess, NeedNotEndByItself) {
+  EXPECT_TRUE(answersYes("answer and hang"));
+  EXPECT_FALSE(hasChildren());
+}
+
+TEST(HelperProcess, TakesItsChildrenAlong) {
+  // They would become children of this process.
+  ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+  EXPECT_TRUE(answersYes("answer and leave a child"));
+  int status = 0;
+  ASSERT_GT(::waitpid(-1, &status, 0), 0);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  EXPECT_FALSE(hasChildren());
+  ::prctl(PR_SET_CHILD_SUBREAPER, 0);
+}
+
+TEST(HelperProcess, ThatHangsIsKilledAtTheDeadline) {
+  EXPECT_EQ(ask("hang", 20ms).outcome, Outcome::silent);
+  EXPECT_EQ(ask("hang up and hang", 20ms).outcome, Outcome::silent);
+  EXPECT_FALSE(hasChildren());
+}
+
+TEST(HelperProcess, ThatCrashesIsNoticedAtOnce) {
+  const HelperAnswer answer = ask("crash");
+  EXPECT_EQ(answer.outcome, Outcome::ended);
+  EXPECT_EQ(answer.detail, SIGSEGV);
+  EXPECT_FALSE(hasChildren());
+}
+
+TEST(HelperProcess, ThatCrashesIsNoticedAlsoWhereAnotherHoldsItsSocket) {
+  const HelperAnswer answer = ask("crash and leave a child");
+  EXPECT_EQ(answer.outcome, Outcome::ended);
+  EXPECT_EQ(answer.detail, SIGSEGV);
+}
+
+TEST(HelperProcess, ThatEndsWithoutAnAnswerIsNoticed) {
+  const HelperAnswer answer = ask("nothing");
+  EXPECT_EQ(answer.outcome, Outcome::ended);
+  EXPECT_EQ(answer.detail, 0);
+}
+
+TEST(HelperProcess, AnAnswerOfAnotherSizeIsNone) {
+  EXPECT_EQ(ask("two bytes").outcome, Outcome::ended);
+}
+
+TEST(HelperProcess, ThatCannotBeStartedIsAnError) {
+  const HelperAnswer answer = askHelper("/nonexistent/helper", {}, kLong);
+  EXPECT_EQ(answer.outcome, Outcome::notStarted);
+  EXPECT_EQ(answer.detail, ENOENT);
+  EXPECT_EQ(askHelper("/", {}, kLong).detail, EACCES);
+  EXPECT_FALSE(hasChildren());
+}
+
+TEST(HelperProcess, HasNoDescriptorsButItsOwn) {
+  // One that an exec would keep open.
+  const FileDescriptor leaking(::fcntl(STDERR_FILENO, F_DUPFD, 700));
+  ASSERT_TRUE(leaking);
+  EXPECT_TRUE(answersYes("descriptors"));
+}
+
+TEST(HelperProcess, HasDefaultSignals) {
+  sigset_t blocked, before;
+  ::sigemptyset(&blocked);
+  ::sigaddset(&blocked, SIGTERM);
+  ::pthread_sigmask(SIG_BLOCK, &blocked, &before);
+  const auto handlerBefore = ::signal(SIGHUP, SIG_IGN);
+  EXPECT_TRUE(answersYes("signals"));
+  ::signal(SIGHUP, handlerBefore);
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST(HelperProcess, HasNeitherArgumentsNorEnvironment) {
+  EXPECT_TRUE(answersYes("environment"));
+}
+
+TEST(HelperProcess, HasASessionOfItsOwn) {
+  EXPECT_TRUE(answersYes("session"));
+}
+
+TEST(HelperProcess, LeavesNoDescriptorsBehind) {
+  const auto openCount = [] {
+    const std::filesystem::directory_iterator open("/proc/self/fd");
+    return std::distance(begin(open), end(open));
+  };
+  ask("answer");
+  const auto before = openCount();
+  for (const char* task : {"answer", "crash", "nothing"}) ask(task);
+  ask("hang", 1ms);
+  EXPECT_EQ(openCount(), before);
+}
+
+}  // namespace
+}  // namespace keel

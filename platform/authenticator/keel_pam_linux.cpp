@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+// keel-pam: asks PAM service "keeld" one question for the daemon and ends. A process of its own for each question, because a
+// module may do anything: hang, crash, leak, change the process. The daemon kills it at a deadline.
+//
+// It finds a socket as descriptor 3, reads one packet (pam_question.h) from it and answers with one byte.
+
+#include <security/pam_appl.h>
+#include <shadow.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+
+#include "platform/authenticator/pam_question.h"
+
+namespace {
+
+using keel::PamQuestion;
+using keel::PamVerdict;
+
+constexpr int kSocket = 3;
+constexpr const char* kService = "keeld";
+// Given to PAM, so that a service without a file there fails, where PAM would otherwise fall back to the service "other".
+constexpr const char* kServiceDirectory = "/etc/pam.d";
+constexpr const char* kServiceFile = "/etc/pam.d/keeld";
+
+// Before any secret is read: no core, no debugger but root's, no life after the daemon's.
+bool protectOurselves() {
+  const rlimit none{.rlim_cur = 0, .rlim_max = 0};
+  ::umask(077);
+  return ::setrlimit(RLIMIT_CORE, &none) == 0 && ::prctl(PR_SET_DUMPABLE, 0) == 0 && ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 &&
+         ::chdir("/") == 0;
+}
+
+// The account's password for each prompt that hides what is typed. A module that asks for anything else cannot be answered
+// here.
+int answerPrompts(int count, const pam_message** messages, pam_response** responses, void* password) {
+  if (count <= 0 || count > PAM_MAX_NUM_MSG) return PAM_CONV_ERR;
+  const std::span<const pam_message*> asked(messages, static_cast<std::size_t>(count));
+  for (const pam_message* message : asked) {
+    if (message->msg_style == PAM_PROMPT_ECHO_ON) return PAM_CONV_ERR;
+  }
+  // PAM frees it, and wipes the answers first.
+  auto* const answers = static_cast<pam_response*>(std::calloc(asked.size(), sizeof(pam_response)));
+  if (answers == nullptr) return PAM_BUF_ERR;
+  for (std::size_t i = 0; i < asked.size(); ++i) {
+    if (asked[i]->msg_style == PAM_PROMPT_ECHO_OFF) answers[i].resp = ::strdup(static_cast<const char*>(password));
+  }
+  *responses = answers;
+  return PAM_SUCCESS;
+}
+
+// PAM would sleep here after a failure. The daemon sees to it that every refusal takes the same time.
+void doNotDelay(int, unsigned, void*) {}
+
+// A "!" in front of the encrypted password locks an account. PAM's account management does not look there, because whoever
+// proved a password cannot have been locked out of it.
+bool isLocked(const char* user) {
+  const spwd* const entry = ::getspnam(user);
+  return entry != nullptr && entry->sp_pwdp != nullptr && entry->sp_pwdp[0] == '!';
+}
+
+// A module may have put another account in the place of the one that was asked about.
+bool isStillAbout(pam_handle_t* pam, std::string_view user) {
+  const void* now = nullptr;
+  return ::pam_get_item(pam, PAM_USER, &now) == PAM_SUCCESS && now != nullptr && static_cast<const char*>(now) == user;
+}
+
+PamVerdict ask(pam_handle_t* pam, const PamQuestion& question) {
+  constexpr int kFlags = PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK;
+  using Delay = void (*)(int, unsigned, void*);
+  const Delay delay = doNotDelay;
+  if (::pam_set_item(pam, PAM_FAIL_DELAY, reinterpret_cast<const void*>(delay)) != PAM_SUCCESS) return PamVerdict::failed;
+  if (question.task == PamQuestion::Task::password) {
+    if (::pam_authenticate(pam, kFlags) != PAM_SUCCESS) return PamVerdict::refused;
+  } else if (isLocked(question.user.data())) {
+    return PamVerdict::refused;
+  }
+  // An expired account, and one whose password must be changed first, end here.
+  if (::pam_acct_mgmt(pam, kFlags) != PAM_SUCCESS || !isStillAbout(pam, question.user)) return PamVerdict::refused;
+  return PamVerdict::accepted;
+}
+
+PamVerdict answer(const PamQuestion& question) {
+  if (::access(kServiceFile, F_OK) != 0) return PamVerdict::withoutService;
+  const pam_conv conversation{.conv = answerPrompts, .appdata_ptr = const_cast<char*>(question.password.data())};
+  pam_handle_t* pam = nullptr;
+  if (::pam_start_confdir(kService, question.user.data(), &conversation, kServiceDirectory, &pam) != PAM_SUCCESS) {
+    return PamVerdict::failed;
+  }
+  const PamVerdict verdict = ask(pam, question);
+  ::pam_end(pam, verdict == PamVerdict::accepted ? PAM_SUCCESS : PAM_AUTH_ERR);
+  return verdict;
+}
+
+}  // namespace
+
+int main() {
+  if (!protectOurselves()) return EXIT_FAILURE;
+  keel::Secret packet(keel::kPamQuestionBytes + 1);
+  const ssize_t count = ::recv(kSocket, packet.bytes().data(), packet.bytes().size(), 0);
+  if (count < 0) {
+    std::fputs("keel-pam is run by keeld, to ask about passwords.\n", stderr);
+    return EXIT_FAILURE;
+  }
+  packet.shrink(static_cast<std::size_t>(count));
+  const auto question = keel::decodePamQuestion(packet.bytes());
+  if (!question) return EXIT_FAILURE;
+  const PamVerdict verdict = answer(*question);
+  packet.shrink(0);
+  return ::send(kSocket, &verdict, 1, MSG_NOSIGNAL) == 1 ? EXIT_SUCCESS : EXIT_FAILURE;
+}

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/authenticator/pam_account_check.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/logging/recording_output.h"
+
+// With programs in the place of keel-pam. What PAM itself says is tested end to end.
+
+namespace keel {
+namespace {
+
+using namespace std::chrono_literals;
+
+class PamAccountCheckTest : public ::testing::Test {
+ protected:
+  // A refusal time that notes its refusals and waits for none.
+  const RefusalTime refusalTime{500ms, [] { return RefusalTime::Clock::time_point(); },
+                                [this](RefusalTime::Clock::time_point) { ++refusalCount; }};
+  int refusalCount = 0;
+  std::vector<std::string> logged;
+  LogCapture capture{[this](const LogMessage& message) { logged.emplace_back(message.text); }};
+};
+
+TEST_F(PamAccountCheckTest, WithoutTheHelperEverythingIsRefusedAndThatIsLoggedOnce) {
+  PamAccountCheck check({.helper = "/nonexistent/keel-pam"}, refusalTime);
+  EXPECT_FALSE(check.isPassword("alice", "secret"));
+  EXPECT_FALSE(check.mayBeUsed("alice", {}));
+  EXPECT_EQ(refusalCount, 2);
+  ASSERT_EQ(logged.size(), 1U);
+  EXPECT_EQ(logged[0],
+            "cannot run /nonexistent/keel-pam: No such file or directory; all passwords are refused until that is mended");
+}
+
+TEST_F(PamAccountCheckTest, AHelperWithoutAnAnswerIsARefusal) {
+  PamAccountCheck check({.helper = "/bin/true"}, refusalTime);
+  EXPECT_FALSE(check.isPassword("alice", "secret"));
+  EXPECT_EQ(refusalCount, 1);
+  ASSERT_EQ(logged.size(), 1U);
+  EXPECT_EQ(logged[0], "keel-pam ended without an answer; look for a module of the PAM service keeld that ends it");
+}
+
+TEST_F(PamAccountCheckTest, AnAnswerThatMakesNoSenseIsARefusal) {
+  // It does not know the task, and hangs up.
+  PamAccountCheck check({.helper = KEEL_SCRIPTED_HELPER}, refusalTime);
+  EXPECT_FALSE(check.isPassword("alice", "secret"));
+  EXPECT_EQ(refusalCount, 1);
+}
+
+TEST_F(PamAccountCheckTest, WhatNoAccountCanHaveIsRefusedWithoutAskingAndAtOnce) {
+  PamAccountCheck check({.helper = "/nonexistent/keel-pam"}, refusalTime);
+  EXPECT_FALSE(check.isPassword("", "secret"));
+  EXPECT_FALSE(check.isPassword(std::string(256, 'u'), "secret"));
+  EXPECT_FALSE(check.isPassword("alice", std::string(512, 'p')));
+  EXPECT_FALSE(check.isPassword("alice", std::string_view("secret\0", 7)));
+  EXPECT_FALSE(check.mayBeUsed(std::string_view("alice\0", 6), {}));
+  EXPECT_EQ(refusalCount, 0);
+  EXPECT_TRUE(logged.empty());
+}
+
+TEST_F(PamAccountCheckTest, BeyondTheLineAttemptsAreRefusedAndThatIsLogged) {
+  PamAccountCheck check({.helper = "/nonexistent/keel-pam", .atOnce = 0, .waiting = 0}, refusalTime);
+  EXPECT_FALSE(check.isPassword("alice", "secret"));
+  ASSERT_EQ(logged.size(), 1U);
+  EXPECT_EQ(logged[0], "more than 0 attempts to authenticate wait; further ones are refused");
+}
+
+TEST(PathOfKeelPam, LiesBesideTheDirectoryOfTheProgram) {
+  EXPECT_TRUE(pathOfKeelPam().ends_with("/libexec/keeld/keel-pam")) << pathOfKeelPam();
+  EXPECT_TRUE(pathOfKeelPam().starts_with("/"));
+}
+
+}  // namespace
+}  // namespace keel

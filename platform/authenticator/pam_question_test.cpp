@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/authenticator/pam_question.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace keel {
+namespace {
+
+using Task = PamQuestion::Task;
+
+std::optional<PamQuestion> decoded(std::string_view packet) {
+  return decodePamQuestion(std::as_bytes(std::span(packet)));
+}
+
+bool canBeAsked(Task task, std::string_view user, std::string_view password) {
+  return encodePamQuestion({.task = task, .user = user, .password = password}).has_value();
+}
+
+TEST(PamQuestion, ComesBackAsItWas) {
+  auto packet = encodePamQuestion({.task = Task::password, .user = "alice", .password = "open sesame"});
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->text(), std::string_view("palice\0open sesame\0", 19));
+  const auto question = decodePamQuestion(packet->bytes());
+  ASSERT_TRUE(question);
+  EXPECT_EQ(question->task, Task::password);
+  EXPECT_EQ(question->user, "alice");
+  EXPECT_EQ(question->password, "open sesame");
+  EXPECT_EQ(question->user.data()[question->user.size()], '\0');
+  EXPECT_EQ(question->password.data()[question->password.size()], '\0');
+}
+
+TEST(PamQuestion, OfAnAccountHasNoPassword) {
+  auto packet = encodePamQuestion({.task = Task::account, .user = "a", .password = ""});
+  ASSERT_TRUE(packet);
+  const auto question = decodePamQuestion(packet->bytes());
+  ASSERT_TRUE(question);
+  EXPECT_EQ(question->task, Task::account);
+  EXPECT_EQ(question->password, "");
+  EXPECT_FALSE(canBeAsked(Task::account, "a", "x"));
+}
+
+TEST(PamQuestion, ThePasswordMayBeEmptyAndTheUserNot) {
+  EXPECT_TRUE(canBeAsked(Task::password, "a", ""));
+  EXPECT_FALSE(canBeAsked(Task::password, "", "x"));
+}
+
+TEST(PamQuestion, SizesAreBounded) {
+  EXPECT_TRUE(canBeAsked(Task::password, std::string(kUserNameBytes, 'u'), std::string(kPasswordBytes, 'p')));
+  EXPECT_FALSE(canBeAsked(Task::password, std::string(kUserNameBytes + 1, 'u'), "x"));
+  EXPECT_FALSE(canBeAsked(Task::password, "a", std::string(kPasswordBytes + 1, 'p')));
+}
+
+TEST(PamQuestion, TextsWithANulAreRefused) {
+  EXPECT_FALSE(canBeAsked(Task::password, std::string_view("a\0b", 3), "x"));
+  EXPECT_FALSE(canBeAsked(Task::password, "a", std::string_view("x\0y", 3)));
+  EXPECT_FALSE(canBeAsked(Task::password, "a", std::string_view("x\0", 2)));
+}
+
+TEST(PamQuestion, NamesThatModulesCouldTripOverAreRefused) {
+  for (const char* user : {"a\nb", "\x01", "a\x7f", "../alice", "/", "\talice"}) {
+    EXPECT_FALSE(canBeAsked(Task::password, user, "x")) << user;
+  }
+  for (const char* user : {"DOMAIN\\alice", "alice@example.org", "al ice", "-", "\xc3\xa4"}) {
+    EXPECT_TRUE(canBeAsked(Task::password, user, "x")) << user;
+  }
+  EXPECT_TRUE(canBeAsked(Task::password, "a", "line\n/\x7f"));
+}
+
+TEST(PamQuestion, OtherPacketsAreRefused) {
+  EXPECT_TRUE(decoded({"pa\0x\0", 5}));
+  for (const std::string_view packet : {
+           std::string_view(), std::string_view("p\0\0", 3), std::string_view("p\0x\0", 4),  // no user
+           std::string_view("pa\0x", 4),                                                     // not ended
+           std::string_view("paaa\0", 5),                                                    // no password
+           std::string_view("pa\0x\0y\0", 7),                                                // one text too many
+           std::string_view("aa\0x\0", 5),                                                   // a password that is not asked for
+           std::string_view("xa\0x\0", 5),                                                   // unknown task
+       }) {
+    EXPECT_FALSE(decoded(packet)) << packet;
+  }
+}
+
+}  // namespace
+}  // namespace keel

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <chrono>
+
+#include "platform/authorization/external_form.h"
+#include "platform/authorization/polkit.h"
+#include "platform/logging/logger.h"
+
+namespace keel {
+
+namespace {
+
+// How long polkit may take to answer: it reads rules and the accounts, but asks nobody. An endless rule occupies it for 15 s.
+constexpr std::chrono::seconds kPolkitPatience{5};
+
+class PolkitAuthorization final : public Authorization {
+ public:
+  OSStatus AuthorizationCreateFromExternalForm(const AuthorizationExternalForm& form, const xpc::PeerIdentity& peer,
+                                               AuthorizationRef& authorization) override {
+    const std::optional<ProcessName> named = processOf(form);
+    if (!named || peer.pid <= 0 || peer.startTime == 0) return errAuthorizationInvalidRef;
+    if (*named != ProcessName{static_cast<std::uint32_t>(peer.pid), peer.uid, peer.startTime})
+      return errAuthorizationInvalidRef;
+    authorization = std::make_shared<const xpc::PeerIdentity>(peer);
+    return errAuthorizationSuccess;
+  }
+
+  OSStatus AuthorizationCopyRights(const AuthorizationRef& authorization, std::span<const AuthorizationItem> rights,
+                                   AuthorizationFlags flags) override {
+    if (!authorization) return errAuthorizationInvalidRef;
+    if (flags != kAuthorizationFlagDefaults) return errAuthorizationInvalidFlags;
+    if (rights.empty()) return errAuthorizationInvalidSet;
+    for (const AuthorizationItem& right : rights) {
+      if (const OSStatus status = copyRight(*authorization, right.name); status != errAuthorizationSuccess) return status;
+    }
+    return errAuthorizationSuccess;
+  }
+
+  OSStatus AuthorizationFree(AuthorizationRef& authorization, AuthorizationFlags flags) override {
+    if (!authorization) return errAuthorizationInvalidRef;
+    if (flags != kAuthorizationFlagDefaults) return errAuthorizationInvalidFlags;
+    authorization.reset();
+    return errAuthorizationSuccess;
+  }
+
+ private:
+  static OSStatus copyRight(const xpc::PeerIdentity& process, const char* right) {
+    // polkit grants the superuser everything, whatever its rules say; so he need not depend on it.
+    if (process.uid == 0) return errAuthorizationSuccess;
+    const RightAnswer answer = askPolkit(process, right, Interaction::none, kPolkitPatience);
+    if (answer.status == errAuthorizationInternal) {
+      _loggerForCategory("runtime").error("polkit could not say whether pid {} (uid {}) holds the right {}: {}", process.pid,
+                                          process.uid, right, answer.problem);
+    }
+    return answer.status;
+  }
+};
+
+}  // namespace
+
+Authorization& systemAuthorization() {
+  // Never destroyed: other threads use it while the process ends.
+  static Authorization& authorization = *new PolkitAuthorization;
+  return authorization;
+}
+
+}  // namespace keel

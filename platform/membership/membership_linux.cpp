@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <vector>
+
+#include "platform/membership/membership.h"
+
+namespace keel {
+
+namespace {
+
+// What a look-up of the short name may use.
+constexpr std::size_t kShortNameBytes = 2048;
+// No system lets an account's name be longer; what directories make of enormous names need not be found out.
+constexpr std::size_t kNameBytes = 255;
+// An entry of a group lists its members, which may be many; one of a user is small.
+constexpr std::size_t kFirstEntryBytes = 4096;
+constexpr std::size_t kLargestEntryBytes = 16u << 20;
+// The kernel lets no process have more groups.
+constexpr int kLargestGroupCount = 65536;
+
+bool canBeName(const std::string& name) {
+  return !name.empty() && name.size() <= kNameBytes && name.find('\0') == std::string::npos;
+}
+
+// Calls `look(buffer)`, which yields 0 or an errno and whether there was an entry, with growing buffers while they do not
+// suffice.
+template <class Look>
+int lookUp(Look look) {
+  for (std::size_t size = kFirstEntryBytes; size <= kLargestEntryBytes; size *= 4) {
+    std::vector<char> buffer(size);
+    const int problem = look(buffer);
+    if (problem != ERANGE && problem != EINTR) return problem;
+  }
+  return ERANGE;
+}
+
+class SystemMembership final : public Membership {
+ public:
+  std::optional<std::string> shortName(const std::string& name) override {
+    if (!canBeName(name)) return std::nullopt;
+    passwd entry{};
+    passwd* found = nullptr;
+    std::array<char, kShortNameBytes> buffer;
+    if (::getpwnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) return std::nullopt;
+    return found->pw_name;
+  }
+
+  int mbr_user_name_to_uuid(const std::string& name, Identifier& user) override {
+    if (!canBeName(name)) return EINVAL;
+    return lookUp([&](std::vector<char>& buffer) {
+      passwd entry{};
+      passwd* found = nullptr;
+      const int problem = ::getpwnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+      if (problem != 0) return problem;
+      if (found == nullptr) return ENOENT;
+      user = Identifier(Identifier::User{found->pw_name, found->pw_gid});
+      return 0;
+    });
+  }
+
+  int mbr_group_name_to_uuid(const std::string& name, Identifier& group) override {
+    if (!canBeName(name)) return EINVAL;
+    return lookUp([&](std::vector<char>& buffer) {
+      ::group entry{};
+      ::group* found = nullptr;
+      const int problem = ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+      if (problem != 0) return problem;
+      if (found == nullptr) return ENOENT;
+      group = Identifier(Identifier::Group{found->gr_gid});
+      return 0;
+    });
+  }
+
+  int mbr_check_membership(const Identifier& user, const Identifier& group, bool& isMember) override {
+    if (user.user() == nullptr || group.group() == nullptr) return EINVAL;
+    const auto& [name, primaryGroup] = *user.user();
+    int count = 64;
+    std::vector<gid_t> groups;
+    do {
+      groups.resize(static_cast<std::size_t>(count));
+      if (::getgrouplist(name.c_str(), primaryGroup, groups.data(), &count) >= 0) {
+        groups.resize(static_cast<std::size_t>(count));
+        isMember = std::ranges::find(groups, group.group()->id) != groups.end();
+        return 0;
+      }
+      // Now it says how many there are; should it not, more room is tried all the same.
+      count = std::max(count, static_cast<int>(groups.size()) * 2);
+    } while (count <= kLargestGroupCount);
+    return ERANGE;
+  }
+};
+
+}  // namespace
+
+Membership& systemMembership() {
+  // Never destroyed: exit() runs on one thread while others may still ask.
+  static auto* const membership = new SystemMembership;
+  return *membership;
+}
+
+}  // namespace keel
