@@ -17,6 +17,8 @@ class SystemManager {
 
   virtual ~SystemManager() = default;
 
+  // The folders in which systemd looks for units.
+  virtual std::expected<std::vector<std::string>, Error> unitPath() = 0;
   // As is-enabled of systemctl(1) has it, "enabled-runtime" for example; empty when there is no such unit. Looks at the disk.
   virtual std::expected<std::string, Error> unitFileState(const std::string& name) = 0;
   // `runtime`: until the next boot.

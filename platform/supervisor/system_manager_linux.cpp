@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string_view>
@@ -58,6 +59,24 @@ std::uint64_t microsecondsUntil(Clock::time_point deadline) {
 
 class SystemdManager final : public SystemManager {
  public:
+  std::expected<std::vector<std::string>, Error> unitPath() override {
+    sd_bus_message* raw = nullptr;
+    if (auto connected = ready("UnitPath", ""); !connected) return std::unexpected(connected.error());
+    sd_bus_error problem = SD_BUS_ERROR_NULL;
+    const int status = sd_bus_get_property(bus_.get(), kDestination, kPath, kManager, "UnitPath", &problem, &raw, "as");
+    const Message answer(raw);
+    if (status < 0) return std::unexpected(failed("UnitPath", "", status, problem));
+    char** folders = nullptr;
+    if (sd_bus_message_read_strv(answer.get(), &folders) < 0) return std::unexpected(nonsense("UnitPath"));
+    std::vector<std::string> path;
+    for (char** each = folders; each != nullptr && *each != nullptr; ++each) {
+      path.emplace_back(*each);
+      std::free(*each);
+    }
+    std::free(folders);
+    return path;
+  }
+
   std::expected<std::string, Error> unitFileState(const std::string& name) override {
     auto answer = call("GetUnitFileState", name, "s", name.c_str());
     if (!answer) {
@@ -113,31 +132,30 @@ class SystemdManager final : public SystemManager {
 
   template <class... Arguments>
   Answer callOnce(const char* method, const std::string& unit, const char* types, Arguments... arguments) {
-    if (silent()) {
-      return std::unexpected(
-          supervisorError(ETIMEDOUT, fmt::format("systemd is not asked to {} {}: it did not answer before", method, unit)));
-    }
-    if (auto connected = connect(); !connected) return std::unexpected(connected.error());
+    if (auto connected = ready(method, unit); !connected) return std::unexpected(connected.error());
+    sd_bus_error problem = SD_BUS_ERROR_NULL;
     sd_bus_message* raw = nullptr;
     int status = sd_bus_message_new_method_call(bus_.get(), &raw, kDestination, kPath, kManager, method);
     const Message request(raw);
     if (status >= 0 && *types != '\0') status = sd_bus_message_append(request.get(), types, arguments...);
-    if (status < 0) return std::unexpected(failed(method, unit, status, nullptr));
+    if (status < 0) return std::unexpected(failed(method, unit, status, problem));
 
-    sd_bus_error problem = SD_BUS_ERROR_NULL;
     raw = nullptr;
     const auto deadline = static_cast<std::uint64_t>(microseconds(kCallDeadline).count());
     status = sd_bus_call(bus_.get(), request.get(), deadline, &problem, &raw);
     Message answer(raw);
     if (status >= 0) return answer;
-    Error error = failed(method, unit, status, &problem);
-    sd_bus_error_free(&problem);
-    return std::unexpected(std::move(error));
+    return std::unexpected(failed(method, unit, status, problem));
   }
 
   // What to tell, and what to think of the connection.
-  Error failed(const char* method, const std::string& unit, int status, const sd_bus_error* problem) {
-    const bool told = problem != nullptr && sd_bus_error_is_set(problem) != 0;
+  Error failed(const char* method, const std::string& unit, int status, sd_bus_error& problem) {
+    Error error = errorOf(method, unit, status, &problem);
+    sd_bus_error_free(&problem);
+    return error;
+  }
+  Error errorOf(const char* method, const std::string& unit, int status, const sd_bus_error* problem) {
+    const bool told = sd_bus_error_is_set(problem) != 0;
     const int code = -status;
     if (code == ETIMEDOUT || (told && sd_bus_error_has_name(problem, SD_BUS_ERROR_NO_REPLY) != 0)) {
       bus_.reset();
@@ -154,6 +172,13 @@ class SystemdManager final : public SystemManager {
   }
 
   bool silent() const { return silentUntil_ && Clock::now() < *silentUntil_; }
+
+  // Whether systemd can be asked, and is to be.
+  Done ready(const char* method, const std::string& unit) {
+    if (!silent()) return connect();
+    return std::unexpected(
+        supervisorError(ETIMEDOUT, fmt::format("systemd is not asked to {} {}: it did not answer before", method, unit)));
+  }
 
   Done connect() {
     if (bus_ != nullptr) return {};

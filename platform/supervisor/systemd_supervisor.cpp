@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <utility>
 
@@ -99,18 +98,17 @@ SystemdSupervisor::Done SystemdSupervisor::checkNames(const Job& job, const JobU
       return std::unexpected(supervisorError(EEXIST, fmt::format("{} is a service of the job {} already", name, owner)));
     }
   }
+  if (unitPath_.empty()) {
+    auto path = manager_->unitPath();
+    if (!path) return std::unexpected(path.error());
+    unitPath_ = std::move(*path);
+  }
   for (const Unit& unit : units.units) {
-    const auto standing = store_.standingOf(unit.name);
-    if (standing == UnitStore::Standing::ours) continue;
-    bool exists = standing == UnitStore::Standing::foreign;
-    if (!exists) {
-      const auto state = manager_->unitFileState(unit.name);
-      if (!state) return std::unexpected(state.error());
-      exists = !state->empty();
-    }
-    if (exists) {
+    if (store_.standingOf(unit.name) == UnitStore::Standing::ours) continue;
+    for (const std::string& folder : unitPath_) {
+      if (!UnitStore::exists(folder, unit.name)) continue;
       return std::unexpected(supervisorError(
-          EEXIST, fmt::format("there is a unit {} already that keeld has not made; give the job another label", unit.name)));
+          EEXIST, fmt::format("{}/{} is there already, and not keeld's; give the job another label", folder, unit.name)));
     }
   }
   return {};

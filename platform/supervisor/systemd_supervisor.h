@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/supervisor/job.h"
 #include "platform/supervisor/job_units.h"
@@ -49,6 +50,7 @@ class SystemdSupervisor final : public Supervisor {
 
   const std::unique_ptr<SystemManager> manager_;
   UnitStore store_;
+  std::vector<std::string> unitPath_;  // empty: not asked for yet
   // Units were changed that systemd may have read already. Those that are new it reads when it starts them.
   bool reloadNeeded_ = false;
 };

@@ -26,10 +26,15 @@ class FakeManager final : public SystemManager {
   struct Told {
     std::vector<std::string> calls;
     std::map<std::string, std::string> states;
+    std::vector<std::string> unitPath;
     std::string failing;  // a call, as it is recorded
   };
   explicit FakeManager(Told& told) : told_(told) {}
 
+  std::expected<std::vector<std::string>, Error> unitPath() override {
+    if (auto noted = note("unit path"); !noted) return std::unexpected(noted.error());
+    return told_.unitPath;
+  }
   std::expected<std::string, Error> unitFileState(const std::string& name) override {
     if (auto noted = note("state " + name); !noted) return std::unexpected(noted.error());
     const auto found = told_.states.find(name);
@@ -64,6 +69,8 @@ class SystemdSupervisorTest : public testing::Test {
     root_ = ::mkdtemp(name.data());
     std::filesystem::create_directory(runtime());
     std::filesystem::create_directory(persistent());
+    std::filesystem::create_directory(vendor());
+    told_.unitPath = {persistent(), runtime(), vendor()};
     restart();
   }
   ~SystemdSupervisorTest() override { std::filesystem::remove_all(root_); }
@@ -76,6 +83,7 @@ class SystemdSupervisorTest : public testing::Test {
 
   std::string runtime() const { return root_ + "/run"; }
   std::string persistent() const { return root_ + "/etc"; }
+  std::string vendor() const { return root_ + "/lib"; }
   static Value job(const char* label, std::initializer_list<Member> more = {}) {
     Value::Map map = {{"Label", label}, {"Program", "/bin/job"}, {"Transient", true}};
     map.insert(map.end(), more);
@@ -121,7 +129,7 @@ TEST_F(SystemdSupervisorTest, NewJobIsWrittenStartedAndThenEnabled) {
   EXPECT_FALSE(error_);
   EXPECT_THAT(takeCalls(), IsEmpty());
   EXPECT_EQ(create(job("a", {services({"s1", "s2"})})), "");
-  EXPECT_THAT(takeCalls(), ElementsAre("state a.service", "state a.socket", "state a:2.socket"));
+  EXPECT_THAT(takeCalls(), ElementsAre("unit path"));
   EXPECT_THAT(content(runtime() + "/a:2.socket"), HasSubstr("ListenStream=/run/keeld/s2\n"));
   EXPECT_EQ(enable("a"), "");
   EXPECT_THAT(takeCalls(), ElementsAre("start a.socket", "start a:2.socket", "enable-runtime a.socket"));
@@ -167,28 +175,28 @@ TEST_F(SystemdSupervisorTest, ErrorOfSystemdIsTold) {
   told_.failing = "state a.socket";
   EXPECT_FALSE(isEnabled("a"));
   EXPECT_THAT(error_.description(), HasSubstr("no state a.socket"));
-  told_.failing = "state b.service";
-  EXPECT_THAT(create(job("b")), HasSubstr("no state b.service"));
+  restart();
+  told_.failing = "unit path";
+  EXPECT_THAT(create(job("b")), HasSubstr("no unit path"));
   EXPECT_FALSE(std::filesystem::exists(runtime() + "/b.service"));
 }
 
 TEST_F(SystemdSupervisorTest, UnitsOfOthersAreLeftAlone) {
   put(runtime() + "/a.service", "[Service]\nExecStart=/bin/true\n");
-  EXPECT_THAT(create(job("a")), HasSubstr("there is a unit a.service already that keeld has not made"));
+  EXPECT_THAT(create(job("a")), HasSubstr("/a.service is there already, and not keeld's"));
   EXPECT_EQ(content(runtime() + "/a.service"), "[Service]\nExecStart=/bin/true\n");
   EXPECT_FALSE(isEnabled("a"));
   EXPECT_FALSE(error_);
   EXPECT_THAT(enable("a"), HasSubstr("a.service is not keeld's"));
   EXPECT_THAT(enable("a", false), HasSubstr("a.service is not keeld's"));
 
-  // In a folder of the vendor's, say.
-  told_.states["dbus.service"] = "static";
-  EXPECT_THAT(create(job("dbus")), HasSubstr("there is a unit dbus.service already"));
+  put(vendor() + "/dbus.service", "[Service]\nExecStart=/bin/true\n");
+  EXPECT_THAT(create(job("dbus")), HasSubstr("/dbus.service is there already"));
   EXPECT_FALSE(std::filesystem::exists(runtime() + "/dbus.service"));
 
   // Masked.
   std::filesystem::create_symlink("/dev/null", runtime() + "/m.socket");
-  EXPECT_THAT(create(job("m", {services({"s"})})), HasSubstr("there is a unit m.socket already"));
+  EXPECT_THAT(create(job("m", {services({"s"})})), HasSubstr("/m.socket is there already"));
   EXPECT_FALSE(std::filesystem::exists(runtime() + "/m.service"));
 }
 

@@ -45,6 +45,9 @@ class UnitStore {
   // read, such as a link (a masked unit is one), is foreign.
   Standing standingOf(const std::string& name, std::optional<Stored>* stored = nullptr) const;
 
+  // Whether there is anything of that name in the folder, a link that leads nowhere too.
+  static bool exists(const std::string& folder, const std::string& name);
+
   // Puts the unit there; true when that changed something. A reader finds the old text or the new one, whole.
   std::expected<bool, Error> write(Place place, const Unit& unit);
   // One of ours. No error when it is gone already.

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -106,6 +107,11 @@ UnitStore::Standing UnitStore::standingOf(const std::string& name, std::optional
     return standing;
   }
   return Standing::none;
+}
+
+bool UnitStore::exists(const std::string& folder, const std::string& name) {
+  struct stat status{};
+  return ::lstat((folder + "/" + name).c_str(), &status) == 0;
 }
 
 std::expected<bool, Error> UnitStore::write(Place place, const Unit& unit) {
