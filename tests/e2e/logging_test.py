@@ -46,7 +46,10 @@ class Levels(LogTest):
         self.assertEqual(self.levels_of("fault"), set())
         self.assertEqual(
             self.levels_of("debug"),
-            {("notification", "debug"), ("notification", "error"), ("runtime", "debug"), ("runtime", "default")},
+            {
+                ("notification", "debug"), ("notification", "error"), ("runtime", "debug"), ("runtime", "default"),
+                ("startup", "debug"),
+            },
         )
 
     def test_a_category_may_have_its_own(self):
