@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <span>
+#include <utility>
 
+#include "platform/foundation/cbor.h"
 #include "platform/logging/logger.h"
 #include "platform/supervisor/supervisor_error.h"
 
@@ -28,6 +30,17 @@ std::optional<Error> errorOfLabel(const String& label) {
   const std::string problem = problemOfJobLabel(std::string(label.view()));
   if (problem.empty()) return std::nullopt;
   return supervisorError(EINVAL, "the job " + problem);
+}
+
+bool LastRefusal::note(const Value& dictionary, Error* error, Error problem) {
+  const std::string_view label = dictionary.textOf("Label");
+  label_ = cbor::isUtf8(label) ? String(label) : String();
+  problem_ = problem;
+  return refuse(error, std::move(problem));
+}
+
+Error LastRefusal::reasonFor(const String& label, Error otherwise) const {
+  return problem_ && label == label_ ? problem_ : otherwise;
 }
 
 void logUnsupportedKeys(const Job& job) {

@@ -237,14 +237,14 @@ TEST_F(EmbeddedJobTest, ProgramHasNothingOfOurs) {
   const FileDescriptor stray(::dup(STDERR_FILENO));
   ::setenv("KEELD_SECRET", "x", 1);
   Job job = shell("exec >" + path("out") +
-                  " 2>&1; ls /proc/$$/fd | tr '\\n' ' '; grep -E '^Sig(Blk|Ign):' /proc/self/status; env | "
+                  " 2>&1; ls /proc/$$/fd; grep -E '^Sig(Blk|Ign):' /proc/self/status; env | "
                   "grep KEELD; echo end");
   job.runAtLoad = true;
   ::signal(SIGHUP, SIG_IGN);
   begin(job);
   ::signal(SIGHUP, SIG_DFL);
   until([&] { return content(path("out")).ends_with("end\n"); });
-  EXPECT_EQ(content(path("out")), "0 1 2 3 SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\nend\n");
+  EXPECT_EQ(content(path("out")), "0\n1\n2\n3\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\nend\n");
   ::unsetenv("KEELD_SECRET");
 }
 
@@ -321,6 +321,7 @@ TEST_F(EmbeddedSupervisorTest, LabelsMakeSense) {
   EXPECT_THAT(set(nullptr, true), HasSubstr("without a label"));
   EXPECT_THAT(set("a", true), HasSubstr("there is no job a"));
   EXPECT_THAT(create(Value::map({{"Label", "a"}})), HasSubstr("has neither"));
+  EXPECT_THAT(set("a", true), HasSubstr("has neither"));
 }
 
 }  // namespace

@@ -35,11 +35,13 @@ bool EmbeddedSupervisor::QZSupervisorGetServiceEnabled(QZCommandAuthorization*, 
 
 bool EmbeddedSupervisor::QZSupervisorCreateService(QZCommandAuthorization*, const Value& dictionary, Error* error) {
   auto job = jobOf(dictionary);
-  if (!job) return refuse(error, job.error());
+  if (!job) return lastRefusal_.note(dictionary, error, job.error());
   for (const std::string& name : job->machServices) {
     const auto owner = labelsByMachService_.find(name);
     if (owner != labelsByMachService_.end() && owner->second != job->label) {
-      return refuse(error, supervisorError(EEXIST, fmt::format("{} is a service of the job {} already", name, owner->second)));
+      return lastRefusal_.note(
+          dictionary, error,
+          supervisorError(EEXIST, fmt::format("{} is a service of the job {} already", name, owner->second)));
     }
   }
   logUnsupportedKeys(*job);
@@ -56,7 +58,8 @@ bool EmbeddedSupervisor::QZSupervisorSetServiceEnabled(QZCommandAuthorization*, 
   if (auto problem = errorOfLabel(label)) return refuse(error, std::move(*problem));
   const auto found = entriesByLabel_.find(label.view());
   if (found == entriesByLabel_.end()) {
-    return refuse(error, supervisorError(ENOENT, fmt::format("there is no job {}", label.view())));
+    const Error missing = supervisorError(ENOENT, fmt::format("there is no job {}", label.view()));
+    return refuse(error, lastRefusal_.reasonFor(label, missing));
   }
   Entry& entry = found->second;
   if (!enabled) {

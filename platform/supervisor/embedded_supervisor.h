@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/supervisor/command_authorization.h"
 #include "platform/supervisor/embedded_job.h"
 #include "platform/supervisor/supervisor.h"
 
@@ -35,6 +36,7 @@ class EmbeddedSupervisor final : public Supervisor {
   };
 
   const EmbeddedJob::World world_;
+  LastRefusal lastRefusal_;
   std::map<std::string, Entry, std::less<>> entriesByLabel_;
   std::map<std::string, std::string, std::less<>> labelsByMachService_;
 };

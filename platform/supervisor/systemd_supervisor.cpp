@@ -47,8 +47,8 @@ bool SystemdSupervisor::QZSupervisorGetServiceEnabled(QZCommandAuthorization*, c
 
 bool SystemdSupervisor::QZSupervisorCreateService(QZCommandAuthorization*, const Value& dictionary, Error* error) {
   const auto job = jobOf(dictionary);
-  if (!job) return refuse(error, job.error());
-  if (auto made = create(*job); !made) return refuse(error, made.error());
+  if (!job) return lastRefusal_.note(dictionary, error, job.error());
+  if (auto made = create(*job); !made) return lastRefusal_.note(dictionary, error, made.error());
   logUnsupportedKeys(*job);
   return true;
 }
@@ -57,7 +57,7 @@ bool SystemdSupervisor::QZSupervisorSetServiceEnabled(QZCommandAuthorization*, c
                                                       Error* error) {
   if (auto problem = errorOfLabel(label)) return refuse(error, std::move(*problem));
   const auto service = serviceOf(label);
-  if (!service) return refuse(error, service.error());
+  if (!service) return refuse(error, lastRefusal_.reasonFor(label, service.error()));
   const auto done = enabled ? enable(*service) : disable(*service, serviceUnitName(label.view()));
   return done ? true : refuse(error, done.error());
 }

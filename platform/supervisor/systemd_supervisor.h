@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/supervisor/command_authorization.h"
 #include "platform/supervisor/job.h"
 #include "platform/supervisor/job_units.h"
 #include "platform/supervisor/supervisor.h"
@@ -50,6 +51,7 @@ class SystemdSupervisor final : public Supervisor {
 
   const std::unique_ptr<SystemManager> manager_;
   UnitStore store_;
+  LastRefusal lastRefusal_;
   std::vector<std::string> unitPath_;  // empty: not asked for yet
   // Units were changed that systemd may have read already. Those that are new it reads when it starts them.
   bool reloadNeeded_ = false;

@@ -187,8 +187,8 @@ TEST_F(SystemdSupervisorTest, UnitsOfOthersAreLeftAlone) {
   EXPECT_EQ(content(runtime() + "/a.service"), "[Service]\nExecStart=/bin/true\n");
   EXPECT_FALSE(isEnabled("a"));
   EXPECT_FALSE(error_);
-  EXPECT_THAT(enable("a"), HasSubstr("a.service is not keeld's"));
-  EXPECT_THAT(enable("a", false), HasSubstr("a.service is not keeld's"));
+  EXPECT_THAT(enable("a"), HasSubstr("not keeld's"));
+  EXPECT_THAT(enable("a", false), HasSubstr("not keeld's"));
 
   put(vendor() + "/dbus.service", "[Service]\nExecStart=/bin/true\n");
   EXPECT_THAT(create(job("dbus")), HasSubstr("/dbus.service is there already"));
@@ -265,6 +265,12 @@ TEST_F(SystemdSupervisorTest, LabelsThatLeadElsewhereStayInTheFolder) {
 TEST_F(SystemdSupervisorTest, JobThatIsNotThereCannotBeEnabled) {
   EXPECT_THAT(enable("a"), HasSubstr("there is no job with the unit a.service"));
   EXPECT_THAT(takeCalls(), IsEmpty());
+}
+
+TEST_F(SystemdSupervisorTest, JobThatWasRefusedCannotBeEnabledForThatReason) {
+  EXPECT_NE(create(Value::map({{"Label", "a"}})), "");
+  EXPECT_THAT(enable("a"), HasSubstr("has neither \"Program\""));
+  EXPECT_THAT(enable("b"), HasSubstr("there is no job"));
 }
 
 TEST_F(SystemdSupervisorTest, FolderThatCannotBeWrittenIsToldOf) {
