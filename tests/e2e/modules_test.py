@@ -2,11 +2,13 @@
 # SPDX-License-Identifier: Apache-2.0
 """Bundles of modules: which are found, what becomes of broken ones, and that keeld starts whatever there is."""
 
+import glob
 import os
 import plistlib
 import re
 import signal
 import socket
+import subprocess
 import time
 
 import keel_host
@@ -19,11 +21,24 @@ SHUTTING_DOWN = "signal handler: received SIGTERM, shutting down"
 MAKING = "synthesizeJobFromBundle: did not find a custom launchd.plist, creating one"
 
 
+def forget_jobs():
+    """Without a systemd, jobs end with keeld. With one they stay."""
+    if not os.path.isdir("/run/systemd/system"):
+        return
+    units = glob.glob("/run/systemd/system/com.vantor.*") + glob.glob("/etc/systemd/system/com.vantor.*")
+    for part in (units[place : place + 500] for place in range(0, len(units), 500)):
+        subprocess.run(["systemctl", "disable", "--now", "--runtime", *map(os.path.basename, part)], capture_output=True)
+    for unit in units:
+        remove(unit)
+    subprocess.run(["systemctl", "daemon-reload"], check=True)
+
+
 class ModulesTest(DaemonTest):
-    """Without a daemon at first: each case makes its bundles, then starts one."""
+    """Without a daemon at first: each case makes its bundles, then starts one. With a systemd or without."""
 
     def setUp(self):
         self.daemons = []
+        self.addCleanup(forget_jobs)
         remove(BUNDLES.rstrip("/"))
         os.makedirs(BUNDLES)
         self.addCleanup(remove, DIRECTORY)
@@ -201,6 +216,15 @@ class Loading(ModulesTest):
                 f'loadAllModules: moduleTable is {{"keel_one": "{label}"}}',
             )],
         )
+
+    def test_what_is_enabled_already_is_only_recorded(self):
+        self.bundle("one")
+        self.assertEqual(self.run_daemon().stop(), 0)
+        self.run_daemon()
+        label = DEFAULT + "one"
+        self.assertEqual(self.table(), {"keel_one": label})
+        created = f"loadModuleIfNeededFromPath created {label}" in self.startup()
+        self.assertEqual(created, not os.path.isdir("/run/systemd/system"))
 
     def test_a_thousand_bundles(self):
         for number in range(1000):
