@@ -59,6 +59,7 @@ int digestSetCommand(Console& console, const DigestOptions& options) {
     auto digest = digestOf(algorithm, {options.user, options.realm, password->text()});
     if (digest) digests.push_back(std::move(*digest));
   }
+  if (digests.empty()) return reportFailure(console, "this system's cryptography offers no algorithm for digests");
   const auto changed = changeDigestFile(options.file, [&](const DigestCredentials& present) -> std::expected<Secret, Error> {
     return present.with(options.user, options.realm, digests);
   });

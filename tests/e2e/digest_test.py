@@ -15,6 +15,7 @@ import threading
 import urllib.error
 import urllib.request
 
+import keel_accounts
 import keel_host
 import requests
 import requests.auth
@@ -278,6 +279,12 @@ class Digest(ChallengeTest):
         for user in ("carol", "dave", "erin"):
             with self.subTest(user):
                 self.assertRejected(user)
+
+    def test_an_account_needs_no_password_of_its_own(self):
+        keel_accounts.append("/etc/passwd", f"mary:x:516:{keel_accounts.ADMIN_GROUP}::/tmp:/bin/sh")
+        keel_accounts.append("/etc/shadow", "mary:*:19000:0:99999:7:::")
+        self.set("mary")
+        self.assertEqual(self.validated("mary")[1:], ("mary", None))
 
     def test_an_account_that_is_gone_is_rejected(self):
         self.set("nobody-of-that-name")
