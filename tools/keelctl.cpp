@@ -6,6 +6,7 @@
 #include <functional>
 #include <sstream>
 
+#include "tools/digest_command.h"
 #include "tools/publish_command.h"
 #include "tools/query_commands.h"
 #include "tools/subscribe_command.h"
@@ -24,7 +25,7 @@ On a terminal dump, modules, authcheck and subscribe write for people, elsewhere
 
 Exit status:
   0    done, also when whoever reads the output went away
-  1    keeld refused (the message has its error code), or answered no
+  1    keeld refused (the message has its error code), or answered no; or the file of digest credentials cannot be used
   2    the command line or the JSON makes no sense
   3    keeld is not running, does not let this user in, or closed the connection
   4    no answer in time, or fewer events than --count
@@ -42,6 +43,7 @@ struct Parsed {
   std::string dumpName = "_all";
   bool withData = false;
   std::optional<std::int32_t> auditSession;
+  DigestOptions digest;
   std::function<int(Console&)> run;
 };
 
@@ -136,6 +138,37 @@ void addQueries(CLI::App& app, Parsed& parsed) {
   addTimeout(authCheck, parsed, kAnswerTimeoutText);
 }
 
+// Adds a command of keelctl digest, for one user unless it lists them.
+CLI::App* addDigestCommand(CLI::App& digest, Parsed& parsed, const char* name, const char* description,
+                           std::function<int(Console&)> run) {
+  CLI::App* command = addCommand(digest, parsed, name, description, std::move(run));
+  command->add_option("--file", parsed.digest.file, "the file of the credentials, instead of /etc/keeld/digest")
+      ->type_name("FILE");
+  return command;
+}
+
+void addDigest(CLI::App& app, Parsed& parsed) {
+  CLI::App* digest = app.add_subcommand("digest", "say who may answer digest challenges, with which passwords; as root");
+  digest->require_subcommand(1);
+  const auto addUser = [&](CLI::App* command) {
+    command->add_option("USER", parsed.digest.user, "the name of an account")->required();
+    command->add_option("--realm", parsed.digest.realm, "another realm than that of keeld's challenges")->type_name("REALM");
+  };
+  CLI::App* set =
+      addDigestCommand(*digest, parsed, "set",
+                       "give a user a digest password, which need not be that of the account. It is asked for on the "
+                       "terminal",
+                       [&](Console& console) { return digestSetCommand(console, parsed.digest); });
+  addUser(set);
+  set->add_option("--password-fd", parsed.digest.passwordDescriptor, "read it, one line, from that descriptor instead")
+      ->type_name("N")
+      ->check(kUnsigned);
+  addDigestCommand(*digest, parsed, "list", "show the users who have one, with realm and algorithms",
+                   [&](Console& console) { return digestListCommand(console, parsed.common, parsed.digest); });
+  addUser(addDigestCommand(*digest, parsed, "remove", "take a user's digest password away",
+                           [&](Console& console) { return digestRemoveCommand(console, parsed.digest); }));
+}
+
 // What stands behind "--" belongs to the command that subscribe runs.
 std::vector<std::string> takeEventCommand(std::vector<std::string>& arguments) {
   const auto separator = std::ranges::find(arguments, "--");
@@ -181,6 +214,7 @@ int runKeelctl(std::vector<std::string> arguments, Console& console) {
   addPublishing(app, parsed);
   addSubscribing(app, parsed);
   addQueries(app, parsed);
+  addDigest(app, parsed);
   if (isSubscribe(arguments)) {
     if (arguments.back() == "--") return reportUsage(console, "there is no command behind --");
     parsed.subscribe.command = takeEventCommand(arguments);

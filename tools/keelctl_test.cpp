@@ -48,7 +48,7 @@ TEST_F(Keelctl, HelpNamesEveryCommandAndExitStatus) {
   EXPECT_EQ(run({"--help"}), kExitOk);
   const std::string help = contentOf(output);
   for (const char* command :
-       {"publish", "update", "remove", "subscribe", "dump", "modules", "authcheck", "NO_COLOR", "$date", "130"}) {
+       {"publish", "update", "remove", "subscribe", "dump", "modules", "authcheck", "digest", "NO_COLOR", "$date", "130"}) {
     EXPECT_THAT(help, HasSubstr(command));
   }
   EXPECT_EQ(said(), "");

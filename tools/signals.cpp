@@ -13,6 +13,7 @@ namespace keel {
 namespace {
 
 std::atomic<pid_t> childToSignal{0};
+std::atomic<void (*)()> functionAtEnd{nullptr};
 
 }  // namespace
 
@@ -27,8 +28,13 @@ void endOnSignals() {
     int signal = 0;
     while (sigwait(&ending, &signal) != 0) continue;
     if (const pid_t child = childToSignal; child > 0) ::kill(child, signal);
+    if (const auto function = functionAtEnd.load()) function();
     _exit(128 + signal);
   }).detach();
+}
+
+void callAtEndBySignal(void (*function)()) {
+  functionAtEnd = function;
 }
 
 void passSignalsTo(pid_t child) {

@@ -10,6 +10,9 @@ namespace keel {
 // exists.
 void endOnSignals();
 
+// What such a signal does before; null for nothing. Called on a thread of its own.
+void callAtEndBySignal(void (*function)());
+
 // The child that gets the signal too; 0 for none.
 void passSignalsTo(pid_t child);
 

@@ -29,6 +29,9 @@ class QZAuthenticator {
   virtual String userName() const = 0;
 };
 
+// The same on every machine and for good: a digest of a password is made for one realm, and is worth nothing in another.
+inline constexpr const char* kDefaultRealm = "com.vantor.keeld";
+
 // How this machine's accounts prove themselves. From any thread. Abstract, so that tests can stand in for the accounts.
 class Authenticators {
  public:
@@ -38,7 +41,7 @@ class Authenticators {
   // The answer to a wrong password, an unknown user and a locked or expired account is the same and takes the same time.
   virtual bool verifyUserName(const String& userName, const String& password) = 0;
 
-  // The realm of the challenges: the same on every machine, since the credentials for digests are made for one realm.
+  // The realm of the challenges.
   virtual String defaultRealm() = 0;
 
   virtual std::shared_ptr<QZAuthenticator> serverDigestAuthenticator() = 0;

@@ -10,9 +10,6 @@
 
 namespace keel {
 
-// The same on every machine and for good: a digest of a password is made for one realm, and is worth nothing in another.
-inline constexpr const char* kDefaultRealm = "com.vantor.keeld";
-
 // The accounts of one machine, as systemAuthenticators() has them. The authenticators that it makes must not outlive it.
 class SystemAuthenticators final : public Authenticators {
  public:

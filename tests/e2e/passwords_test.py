@@ -280,7 +280,9 @@ class Secrets(AccountsTest):
         self.assertEqual(parts["process"], "dumpable 0\nleader 1\n")
         status = dict(line.split(":\t", 1) for line in parts["status"].splitlines() if ":\t" in line)
         c_library_own = 3 << 31  # signals 32 and 33
-        self.assertEqual({int(status[name], 16) & ~c_library_own for name in ("SigBlk", "SigIgn", "SigCgt")}, {0})
+        # A sanitizer in the process catches some.
+        names = ("SigBlk", "SigIgn", "SigCgt") if keel_host.memory_factor() == 1 else ("SigBlk", "SigIgn")
+        self.assertEqual({int(status[name], 16) & ~c_library_own for name in names}, {0})
         descriptors = dict(line.split(" ", 1) for line in parts["descriptors"].splitlines())
         report = next(number for number, path in descriptors.items() if path == REPORT)
         del descriptors[report]

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <string>
+#include <vector>
+
+#include "platform/authenticator/basic_answer.h"
+#include "platform/foundation/base64.h"
+#include "platform/foundation/check.h"
+
+// Fuzzes what reads the answers to basic challenges: the text itself, and the text as what was encoded.
+
+namespace {
+
+using keel::BasicAnswer;
+
+void check(std::string_view text) {
+  const auto answer = BasicAnswer::parse(text);
+  if (!answer) return;
+  KEEL_CHECK(text.size() <= BasicAnswer::kLargestBytes);
+  KEEL_CHECK(!answer->user().empty() && !answer->user().contains(':'));
+  const std::string both = std::string(answer->user()) + ":" + std::string(answer->password());
+  KEEL_CHECK(!both.contains('\0'));
+  // There is one text only for the same bytes.
+  KEEL_CHECK(text.ends_with(keel::base64Of(std::as_bytes(std::span(both)))));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  // A copy of exactly that size, so that the address sanitizer sees every read beyond it.
+  const std::vector<char> input(data, data + size);
+  check({input.data(), input.size()});
+  check("Basic " + keel::base64Of(std::as_bytes(std::span(input))));
+  return 0;
+}
