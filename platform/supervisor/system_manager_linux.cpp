@@ -148,6 +148,10 @@ class SystemdManager final : public SystemManager {
     return std::unexpected(failed(method, unit, status, problem));
   }
 
+  static std::string named(const char* method, const std::string& unit) {
+    return unit.empty() ? std::string(method) : fmt::format("{} of {}", method, unit);
+  }
+
   // What to tell, and what to think of the connection.
   Error failed(const char* method, const std::string& unit, int status, sd_bus_error& problem) {
     Error error = errorOf(method, unit, status, &problem);
@@ -161,14 +165,14 @@ class SystemdManager final : public SystemManager {
       bus_.reset();
       silentUntil_ = Clock::now() + kSilence;
       return supervisorError(ETIMEDOUT,
-                             fmt::format("systemd did not answer {} {} within {} s", method, unit, kCallDeadline.count()));
+                             fmt::format("systemd did not answer {} within {} s", named(method, unit), kCallDeadline.count()));
     }
     if (code == ECONNRESET || code == ENOTCONN || code == EPIPE || code == ESHUTDOWN) bus_.reset();
     if (told && sd_bus_error_has_name(problem, kNoSuchUnit) != 0) {
       return supervisorError(ENOENT, fmt::format("there is no unit {}", unit));
     }
     const char* why = told && problem->message != nullptr ? problem->message : std::strerror(code);
-    return supervisorError(code, fmt::format("systemd did not do {} {}: {}", method, unit, why));
+    return supervisorError(code, fmt::format("systemd refused {}: {}", named(method, unit), why));
   }
 
   bool silent() const { return silentUntil_ && Clock::now() < *silentUntil_; }
@@ -177,7 +181,7 @@ class SystemdManager final : public SystemManager {
   Done ready(const char* method, const std::string& unit) {
     if (!silent()) return connect();
     return std::unexpected(
-        supervisorError(ETIMEDOUT, fmt::format("systemd is not asked to {} {}: it did not answer before", method, unit)));
+        supervisorError(ETIMEDOUT, fmt::format("systemd is not asked for {}: it did not answer before", named(method, unit))));
   }
 
   Done connect() {
