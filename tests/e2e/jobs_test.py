@@ -69,9 +69,9 @@ class Jobs(JobTest):
         self.assertNotEqual(ask("com.t.again")["pid"], ask("com.t.again")["pid"])
 
     def test_runs_as_its_user(self):
-        self.enable(telling_job("com.t.user", "com.t.user", UserName="nobody"))
+        self.enable(telling_job("com.t.user", "com.t.user", UserName="daemon"))
         told = ask("com.t.user")
-        self.assertEqual((told["uid"], told["environment"]["USER"]), (65534, "nobody"))
+        self.assertEqual((told["uid"], told["environment"]["USER"]), (1, "daemon"))
 
     def test_that_is_enabled_costs_the_next_keeld_one_question(self):
         self.enable(telling_job("com.t.cost", "com.t.cost.a", "com.t.cost.b"))
