@@ -62,7 +62,7 @@ class SystemdManager final : public SystemManager {
   std::expected<std::vector<std::string>, Error> unitPath() override {
     sd_bus_message* raw = nullptr;
     if (auto connected = ready("UnitPath", ""); !connected) return std::unexpected(connected.error());
-    sd_bus_error problem = SD_BUS_ERROR_NULL;
+    sd_bus_error problem{};
     const int status = sd_bus_get_property(bus_.get(), kDestination, kPath, kManager, "UnitPath", &problem, &raw, "as");
     const Message answer(raw);
     if (status < 0) return std::unexpected(failed("UnitPath", "", status, problem));
@@ -133,7 +133,7 @@ class SystemdManager final : public SystemManager {
   template <class... Arguments>
   Answer callOnce(const char* method, const std::string& unit, const char* types, Arguments... arguments) {
     if (auto connected = ready(method, unit); !connected) return std::unexpected(connected.error());
-    sd_bus_error problem = SD_BUS_ERROR_NULL;
+    sd_bus_error problem{};
     sd_bus_message* raw = nullptr;
     int status = sd_bus_message_new_method_call(bus_.get(), &raw, kDestination, kPath, kManager, method);
     const Message request(raw);
