@@ -66,17 +66,18 @@ std::optional<Value> realOfText(std::string_view text) {
 }
 
 std::optional<Value> dateOfText(std::string_view text) {
-  using namespace std::chrono;
+  namespace chrono = std::chrono;
   text = trimmed(text);
   if (!hasForm(text, "0000-00-00T00:00:00Z")) return {};
   const auto part = [text](std::size_t at, std::size_t size) {
     return wholeNumber<unsigned>(text.substr(at, size), 10).value();
   };
-  const year_month_day date(year(static_cast<int>(part(0, 4))), month(part(5, 2)), day(part(8, 2)));
+  const chrono::year_month_day date(chrono::year(static_cast<int>(part(0, 4))), chrono::month(part(5, 2)),
+                                    chrono::day(part(8, 2)));
   const unsigned hour = part(11, 2), minute = part(14, 2), second = part(17, 2);
-  if (!date.ok() || date.year() < year(1) || hour > 23 || minute > 59 || second > 59) return {};
-  const auto point = sys_days(date) + hours(hour) + minutes(minute) + seconds(second);
-  return Date{duration<double>(point.time_since_epoch()).count()};
+  if (!date.ok() || date.year() < chrono::year(1) || hour > 23 || minute > 59 || second > 59) return {};
+  const auto point = chrono::sys_days(date) + chrono::hours(hour) + chrono::minutes(minute) + chrono::seconds(second);
+  return Date{chrono::duration<double>(point.time_since_epoch()).count()};
 }
 
 std::optional<Value> dataOfText(std::string_view text) {

@@ -62,7 +62,7 @@ class SystemdManager final : public SystemManager {
   std::expected<std::vector<std::string>, Error> unitPath() override {
     sd_bus_message* raw = nullptr;
     if (auto connected = ready("UnitPath", ""); !connected) return std::unexpected(connected.error());
-    sd_bus_error problem = SD_BUS_ERROR_NULL;
+    sd_bus_error problem{};
     const int status = sd_bus_get_property(bus_.get(), kDestination, kPath, kManager, "UnitPath", &problem, &raw, "as");
     const Message answer(raw);
     if (status < 0) return std::unexpected(failed("UnitPath", "", status, problem));
@@ -133,7 +133,7 @@ class SystemdManager final : public SystemManager {
   template <class... Arguments>
   Answer callOnce(const char* method, const std::string& unit, const char* types, Arguments... arguments) {
     if (auto connected = ready(method, unit); !connected) return std::unexpected(connected.error());
-    sd_bus_error problem = SD_BUS_ERROR_NULL;
+    sd_bus_error problem{};
     sd_bus_message* raw = nullptr;
     int status = sd_bus_message_new_method_call(bus_.get(), &raw, kDestination, kPath, kManager, method);
     const Message request(raw);
@@ -146,6 +146,10 @@ class SystemdManager final : public SystemManager {
     Message answer(raw);
     if (status >= 0) return answer;
     return std::unexpected(failed(method, unit, status, problem));
+  }
+
+  static std::string named(const char* method, const std::string& unit) {
+    return unit.empty() ? std::string(method) : fmt::format("{} of {}", method, unit);
   }
 
   // What to tell, and what to think of the connection.
@@ -161,14 +165,14 @@ class SystemdManager final : public SystemManager {
       bus_.reset();
       silentUntil_ = Clock::now() + kSilence;
       return supervisorError(ETIMEDOUT,
-                             fmt::format("systemd did not answer {} {} within {} s", method, unit, kCallDeadline.count()));
+                             fmt::format("systemd did not answer {} within {} s", named(method, unit), kCallDeadline.count()));
     }
     if (code == ECONNRESET || code == ENOTCONN || code == EPIPE || code == ESHUTDOWN) bus_.reset();
     if (told && sd_bus_error_has_name(problem, kNoSuchUnit) != 0) {
       return supervisorError(ENOENT, fmt::format("there is no unit {}", unit));
     }
     const char* why = told && problem->message != nullptr ? problem->message : std::strerror(code);
-    return supervisorError(code, fmt::format("systemd did not do {} {}: {}", method, unit, why));
+    return supervisorError(code, fmt::format("systemd refused {}: {}", named(method, unit), why));
   }
 
   bool silent() const { return silentUntil_ && Clock::now() < *silentUntil_; }
@@ -177,7 +181,7 @@ class SystemdManager final : public SystemManager {
   Done ready(const char* method, const std::string& unit) {
     if (!silent()) return connect();
     return std::unexpected(
-        supervisorError(ETIMEDOUT, fmt::format("systemd is not asked to {} {}: it did not answer before", method, unit)));
+        supervisorError(ETIMEDOUT, fmt::format("systemd is not asked for {}: it did not answer before", named(method, unit))));
   }
 
   Done connect() {
