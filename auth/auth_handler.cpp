@@ -26,7 +26,6 @@ Logger& runtimeLog() {
   return runtime;
 }
 
-constexpr const char* kRightName = "com.vantor.ServiceManagement.daemons.modify";
 constexpr const char* kAdminGroup = "admin";
 
 // The last letter never occurs: characters are chosen modulo 62.
@@ -83,7 +82,7 @@ Error KLNAuthHandler::authenticate(const String& user, const Data& externalForm)
     log.fault("authenitcateForUser: failed to unpack the authRef error = {}", statusError(status));
     return statusError(status);
   }
-  const std::array rights{AuthorizationItem{.name = kRightName}};
+  const std::array rights{AuthorizationItem{.name = kManageDaemonsRight}};
   status = backEnds_.authorization.AuthorizationCopyRights(reference, rights, kAuthorizationFlagDefaults);
   if (status != errAuthorizationSuccess) {
     log.fault("authenitcateForUser: didn't find the correct right in the authRef error = {}", statusError(status));

@@ -1,62 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/client.h"
 
-#include <random>
 #include <utility>
 
 #include "client/client_core.h"
-#include "client/diagnosis.h"
 #include "client/notify_operations.h"
-#include "platform/dispatch/system.h"
-#include "platform/product/product.h"
-#include "platform/xpc/client_endpoint.h"
+#include "client/operation_source.h"
 
 namespace keel {
 
-namespace {
-
-template <class T>
-class OperationSource final : public RequestSource<T> {
- public:
-  OperationSource(std::shared_ptr<ClientCore> core, std::shared_ptr<OperationOf<T>> operation)
-      : core_(std::move(core)), operation_(std::move(operation)) {}
-
-  ClientResult<typename RequestSource<T>::Settled> begin(std::chrono::milliseconds timeout,
-                                                         ResultCallback<T> callback) override {
-    operation_->callback = std::move(callback);
-    typename RequestSource<T>::Settled settled(operation_, &operation_->settled);
-    if (auto submitted = core_->submit(operation_, timeout); !submitted) return std::unexpected(std::move(submitted.error()));
-    return settled;
-  }
-  bool onLibraryThread() const override { return core_->onIoThread(); }
-  ClientError timedOut(std::chrono::milliseconds timeout) const override {
-    return diagnosis::ofTimeout(operation_->what(), timeout);
-  }
-
- private:
-  const std::shared_ptr<ClientCore> core_;
-  const std::shared_ptr<OperationOf<T>> operation_;
-};
-
-template <class T>
-Request<T> requestFor(const std::shared_ptr<ClientCore>& core, std::shared_ptr<OperationOf<T>> operation) {
-  return Request<T>(std::make_unique<OperationSource<T>>(core, std::move(operation)), core->options().requestTimeout);
-}
-
-std::function<double()> randomNumbers() {
-  return [engine = std::minstd_rand(std::random_device()()), numbers = std::uniform_real_distribution<double>(0, 1)]() mutable {
-    return numbers(engine);
-  };
-}
-
-}  // namespace
-
 std::unique_ptr<KLNClient> KLNClient::create(ClientOptions options) {
-  const std::string directory = options.serviceDirectory.empty() ? kServiceDirectory : options.serviceDirectory;
-  Reactor& reactor = ioReactor();
-  auto connector = [directory, &reactor] { return xpc::connectToService(directory, kNotifyServiceName, reactor); };
-  return std::make_unique<KLNClient>(std::make_shared<ClientCore>(
-      reactor, std::move(connector), directory + "/" + kNotifyServiceName, std::move(options), randomNumbers()));
+  return std::make_unique<KLNClient>(coreOf(ClientService::notify, std::move(options)));
 }
 
 KLNClient::KLNClient(std::shared_ptr<ClientCore> core) : core_(std::move(core)) {

@@ -23,11 +23,12 @@
 namespace keel {
 
 ClientCore::ClientCore(Reactor& reactor, Connector connector, std::string socketPath, ClientOptions options,
-                       std::function<double()> random)
+                       std::function<double()> random, ClientService service)
     : reactor_(reactor),
       connector_(std::move(connector)),
       socketPath_(std::move(socketPath)),
       options_(std::move(options)),
+      service_(service),
       backOff_(options_.minimumPause, options_.maximumPause, std::move(random)),
       disconnection_(ClientError::Kind::disconnected, "not connected yet") {}
 
@@ -130,13 +131,12 @@ void ClientCore::connect() {
   connection_ = std::move(*made);
   const std::uint64_t number = ++connectionNumber_;
   const std::weak_ptr<ClientCore> weak = weak_from_this();
-  connection_->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());
-  connection_->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
-  connection_->setExportedObject<protocols::SubscriberProxy>(
-      std::make_shared<SubscriberEndpoint>([weak, number](Name name, Dictionary item, Error error) {
-        const auto self = weak.lock();
-        if (self && self->connectionNumber_ == number) self->deliver(name, std::move(item), std::move(error));
-      }));
+  if (service_ == ClientService::notify) {
+    configureForNotify();
+  } else {
+    connection_->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::AuthProxy>());
+    connection_->setConfidential();
+  }
   connection_->setReadyHandler([weak, number] {
     const auto self = weak.lock();
     if (self && self->connectionNumber_ == number) self->connected();
@@ -146,6 +146,16 @@ void ClientCore::connect() {
     if (self && self->connectionNumber_ == number) self->disconnected(diagnosis::ofLoss(self->connection_->farewell()));
   });
   connection_->resume();
+}
+
+void ClientCore::configureForNotify() {
+  connection_->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());
+  connection_->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+  auto deliver = [weak = weak_from_this(), number = connectionNumber_](Name name, Dictionary item, Error error) {
+    const auto self = weak.lock();
+    if (self && self->connectionNumber_ == number) self->deliver(name, std::move(item), std::move(error));
+  };
+  connection_->setExportedObject<protocols::SubscriberProxy>(std::make_shared<SubscriberEndpoint>(std::move(deliver)));
 }
 
 void ClientCore::connected() {

@@ -18,20 +18,24 @@
 #include "client/subscription_record.h"
 #include "platform/dispatch/reactor.h"
 #include "platform/xpc/remote_proxy.h"
+#include "protocols/auth_proxy.h"
 #include "protocols/notify_proxy.h"
 
 namespace keel {
 
-// The inside of a KLNClient: keeps a connection, sends operations over it, knows what the program publishes and follows. It
-// lives on the I/O thread; what may be called from elsewhere says so. The program's callbacks are called only through the gate,
-// and never from within a call of the program's.
+// Which service a client talks to.
+enum class ClientService : std::uint8_t { notify, auth };
+
+// The inside of a KLNClient or KLNAuthClient: keeps a connection, sends operations over it, knows what the program publishes
+// and follows. It lives on the I/O thread; what may be called from elsewhere says so. The program's callbacks are called only
+// through the gate, and never from within a call of the program's.
 class ClientCore final : public std::enable_shared_from_this<ClientCore> {
  public:
   using Connector = std::function<std::expected<std::shared_ptr<xpc::Connection>, Error>()>;
 
   // The reactor is borrowed and outlives everything. `socketPath` is for messages; `random` yields numbers from 0 up to 1.
   ClientCore(Reactor& reactor, Connector connector, std::string socketPath, ClientOptions options,
-             std::function<double()> random);
+             std::function<double()> random, ClientService service = ClientService::notify);
 
   // From any thread.
   void start();
@@ -55,7 +59,7 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
     auto onError = [weak, operation](Error error) {
       if (const auto core = weak.lock()) core->couldNotAsk(*operation, error);
     };
-    proxy(std::move(onError))
+    proxy<typename xpc::MemberTraits<decltype(Member)>::Protocol>(std::move(onError))
         .template call<Member>(std::move(arguments)..., [weak, operation, answered](auto... results) mutable {
           const auto core = weak.lock();
           if (core) answered(*core, *operation, core->settle(*operation), std::move(results)...);
@@ -88,9 +92,9 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   void deliver(const String& name, Dictionary item, Error error);
 
  private:
-  template <class ErrorHandler>
+  template <class Protocol = protocols::NotifyProxy, class ErrorHandler>
   auto proxy(ErrorHandler onError) {
-    return connection_->remoteObjectProxyWithErrorHandler<protocols::NotifyProxy>(std::move(onError));
+    return connection_->remoteObjectProxyWithErrorHandler<Protocol>(std::move(onError));
   }
 
   void begin(std::shared_ptr<Operation> operation);
@@ -103,6 +107,7 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   void failOperations(bool all, ErrorOf errorOf);
 
   void connect();
+  void configureForNotify();
   void connected();
   void disconnected(ClientError reason);
   void setState(ConnectionState state);
@@ -119,6 +124,7 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   const Connector connector_;
   const std::string socketPath_;
   const ClientOptions options_;
+  const ClientService service_;
   Gate gate_;
   std::atomic<std::size_t> waitingRequests_{0};
   std::atomic<std::size_t> waitingBytes_{0};

@@ -30,6 +30,14 @@ std::string_view nameOf(ClientError::Kind kind) {
       return "notFound";
     case nilName:
       return "nilName";
+    case authFailed:
+      return "authFailed";
+    case authIDNotFound:
+      return "authIDNotFound";
+    case notAdmin:
+      return "notAdmin";
+    case notAuthorized:
+      return "notAuthorized";
     case requestFailed:
       return "requestFailed";
     case refused:

@@ -27,6 +27,10 @@ class ClientError {
     notOwner,          // somebody else publishes the name
     notFound,          // no such name, or this client does not publish it
     nilName,           // a name is required
+    authFailed,        // wrong user name, password or answer, or an account that may not be used
+    authIDNotFound,    // no challenge is open under that ID on this connection
+    notAdmin,          // right credentials, but of no administrator
+    notAuthorized,     // this process does not hold the right; the underlying error's code says more
     requestFailed,     // the daemon could not do it
     refused,           // the daemon took the request for malformed, or answered what does not fit
     wouldDeadlock,     // waiting on the library's own thread, which would have to bring the answer

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "client/shown_text.h"
+#include "platform/authorization/authorization.h"
 #include "platform/foundation/value.h"
 #include "platform/product/product.h"
 #include "platform/xpc/connection.h"
@@ -34,6 +35,12 @@ ClientError ofDaemonError(const std::string& what, const Error& error) {
                        error);
   };
   switch (error.code()) {
+    case errAuthFailed:
+      return refusal(Kind::authFailed, "the user name, the password or the answer is wrong, or the account may not be used");
+    case errAuthIDNotFound:
+      return refusal(Kind::authIDNotFound, "no such challenge is open on this connection; start a new one");
+    case errNotAdmin:
+      return refusal(Kind::notAdmin, "the user proved who it is, but is not in the group admin");
     case errDuplicate:
       return refusal(Kind::duplicate, "this client does so already");
     case errNotOwner:
@@ -44,6 +51,22 @@ ClientError ofDaemonError(const std::string& what, const Error& error) {
       return refusal(Kind::nilName, "a name is required");
     default:
       return {Kind::requestFailed, fmt::format("keeld failed to {}: {}", what, shownText(error.description(), 400)), error};
+  }
+}
+
+// What a status of Authorization Services means for whoever asked.
+const char* meaningOf(std::int64_t status) {
+  switch (status) {
+    case errAuthorizationInvalidRef:
+      return "the reference is not that of this process";
+    case errAuthorizationDenied:
+      return "this process does not hold the right to manage daemons; see the rules of polkit";
+    case errAuthorizationInteractionNotAllowed:
+      return "this process gets the right to manage daemons only after a proof; ask for it with interaction first";
+    case errAuthorizationInternal:
+      return "polkit could not be asked for the right to manage daemons; see the log of keeld";
+    default:
+      return "the authorization was refused";
   }
 }
 
@@ -94,6 +117,10 @@ ClientError ofTimeout(const std::string& what, std::chrono::milliseconds timeout
 
 ClientError ofAnswer(const std::string& what, const Error& error) {
   if (error.domain() == String(KLNErrorDomain)) return ofDaemonError(what, error);
+  if (error.domain() == String(NSOSStatusErrorDomain)) {
+    return {Kind::notAuthorized,
+            fmt::format("keeld refused to {}: {} (status {})", what, meaningOf(error.code()), error.code()), error};
+  }
   if (error.domain() == String(xpc::kConnectionErrorDomain)) {
     if (error.code() == static_cast<std::int64_t>(xpc::ConnectionErrorCode::invalid))
       return ofRequestAtLoss(what, wordsOf(error));
@@ -104,6 +131,11 @@ ClientError ofAnswer(const std::string& what, const Error& error) {
             error};
   }
   return {Kind::requestFailed, fmt::format("keeld failed to {}: {}", what, shownText(error.description(), 400)), error};
+}
+
+ClientError ofRight(std::int32_t status) {
+  return {Kind::notAuthorized, fmt::format("no right to manage daemons: {} (status {})", meaningOf(status), status),
+          Error(NSOSStatusErrorDomain, status)};
 }
 
 ClientError ofClosing(const std::string& what) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -26,6 +27,8 @@ ClientError ofWaiting(const std::string& what, const ClientError& reason, std::c
 ClientError ofTimeout(const std::string& what, std::chrono::milliseconds timeout);
 // The daemon answered with an error, or the call could not be made.
 ClientError ofAnswer(const std::string& what, const Error& error);
+// A right could not be had; the status is one of Authorization Services.
+ClientError ofRight(std::int32_t status);
 ClientError ofClosing(const std::string& what);
 
 }  // namespace keel::diagnosis

@@ -6,6 +6,7 @@
 #include <functional>
 #include <sstream>
 
+#include "tools/auth_commands.h"
 #include "tools/digest_command.h"
 #include "tools/publish_command.h"
 #include "tools/query_commands.h"
@@ -21,7 +22,7 @@ constexpr const char* kFooter = R"(
 Data is a JSON object, or null. What JSON lacks is written as an object with one member:
   {"$date": SECONDS}  {"$data": "BASE64"}  {"$error": {"domain": TEXT, "code": INTEGER, "userInfo": OBJECT}}
   {"$real": "NaN" | "Infinity" | "-Infinity"}  {"$map": OBJECT} for an object that would look like one of these
-On a terminal dump, modules, authcheck and subscribe write for people, elsewhere JSON lines. NO_COLOR switches colours off.
+On a terminal auth, dump, modules, authcheck and subscribe write for people, elsewhere JSON lines. NO_COLOR switches colours off.
 
 Exit status:
   0    done, also when whoever reads the output went away
@@ -44,6 +45,7 @@ struct Parsed {
   bool withData = false;
   std::optional<std::int32_t> auditSession;
   DigestOptions digest;
+  AuthOptions auth;
   std::function<int(Console&)> run;
 };
 
@@ -138,6 +140,46 @@ void addQueries(CLI::App& app, Parsed& parsed) {
   addTimeout(authCheck, parsed, kAnswerTimeoutText);
 }
 
+// Adds a command of keelctl auth.
+template <class Run>
+CLI::App* addAuthCommand(CLI::App& auth, Parsed& parsed, const char* name, const char* description, Run run) {
+  CLI::App* command = addCommand(auth, parsed, name, description, [&parsed, run](Console& console) {
+    if constexpr (std::is_invocable_v<Run, Console&, const CommonOptions&, const AuthOptions&>) {
+      return run(console, parsed.common, parsed.auth);
+    } else {
+      return run(console, parsed.common);
+    }
+  });
+  addTimeout(command, parsed, "how long to wait for keeld's answer; without it 30");
+  return command;
+}
+
+void addAuth(CLI::App& app, Parsed& parsed) {
+  CLI::App* auth = app.add_subcommand("auth", "prove that a user is an administrator, for the audit session of this process");
+  auth->require_subcommand(1);
+  const auto add = [&](const char* name, const char* description, auto run) {
+    return addAuthCommand(*auth, parsed, name, description, run);
+  };
+  const auto addWithPassword = [&](const char* name, const char* description, auto run) {
+    CLI::App* command = add(name, description, run);
+    command->add_option("USER", parsed.auth.user)->required();
+    command->add_option("--password-fd", parsed.auth.passwordDescriptor, "read it, one line, from that descriptor instead")
+        ->type_name("N")
+        ->check(kUnsigned);
+  };
+  add("check", "ask whether the auth service is alive", authAliveCommand);
+  addWithPassword("password", "with the password of an account, which is asked for on the terminal", authPasswordCommand);
+  addWithPassword("basic", "the same by a basic challenge", authBasicCommand);
+  addWithPassword("digest", "by a digest challenge, with a password of keelctl digest set", authDigestCommand);
+  CLI::App* reference =
+      add("reference", "with the right of this process to manage daemons, which polkit grants", authReferenceCommand);
+  reference->add_option("USER", parsed.auth.user, "an administrator; need not be the user of this process")->required();
+  reference->add_flag("--interactive", parsed.auth.interactive, "have polkit ask for a proof first, where it wants one");
+  add("realm", "show the realm of the challenges", authRealmCommand);
+  add("session", "ask whether anybody was proved an administrator in an audit session", authSessionCommand)
+      ->add_option("ASID", parsed.auth.auditSession, "which; without it, that of this process");
+}
+
 // Adds a command of keelctl digest, for one user unless it lists them.
 CLI::App* addDigestCommand(CLI::App& digest, Parsed& parsed, const char* name, const char* description,
                            std::function<int(Console&)> run) {
@@ -214,6 +256,7 @@ int runKeelctl(std::vector<std::string> arguments, Console& console) {
   addPublishing(app, parsed);
   addSubscribing(app, parsed);
   addQueries(app, parsed);
+  addAuth(app, parsed);
   addDigest(app, parsed);
   if (isSubscribe(arguments)) {
     if (arguments.back() == "--") return reportUsage(console, "there is no command behind --");

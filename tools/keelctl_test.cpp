@@ -74,6 +74,13 @@ TEST_F(Keelctl, SenselessCommandLinesAreUsageErrors) {
                                                        {"subscribe", "a", "--"},
                                                        {"dump", "a", "b"},
                                                        {"authcheck"},
+                                                       {"auth"},
+                                                       {"auth", "frobnicate"},
+                                                       {"auth", "password"},
+                                                       {"auth", "reference"},
+                                                       {"auth", "digest", "ann", "secret"},
+                                                       {"auth", "session", "99999999999"},
+                                                       {"auth", "password", "ann", "--password-fd", "-1"},
                                                        {"authcheck", "ann", "99999999999"},
                                                        {"modules", "--bogus"}};
   for (const auto& line : lines) EXPECT_EQ(run(line), kExitUsage) << testing::PrintToString(line);

@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <fstream>
 
 #include "client/shown_text.h"
 #include "tools/table.h"
@@ -23,13 +22,6 @@ std::string jsonOfOptional(const std::optional<std::string>& text, JsonLetters l
 
 std::string jsonOfOptional(const std::optional<Date>& date) {
   return date ? jsonOf(Value(*date)) : "null";
-}
-
-// As the kernel has it for this process; -1 when unset.
-std::int32_t ownAuditSession() {
-  std::uint32_t session = ~0U;
-  std::ifstream("/proc/self/sessionid") >> session;
-  return static_cast<std::int32_t>(session);
 }
 
 template <class T>

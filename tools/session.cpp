@@ -2,6 +2,7 @@
 #include "tools/session.h"
 
 #include <algorithm>
+#include <fstream>
 
 #include "client/shown_text.h"
 #include "platform/foundation/cbor.h"
@@ -47,6 +48,12 @@ bool isName(Console& console, const std::string& name) {
   if (cbor::isUtf8(name)) return true;
   reportUsage(console, "the name is not valid UTF-8");
   return false;
+}
+
+std::int32_t ownAuditSession() {
+  std::uint32_t session = ~0U;
+  std::ifstream("/proc/self/sessionid") >> session;
+  return static_cast<std::int32_t>(session);
 }
 
 std::string shownName(std::string_view name) {

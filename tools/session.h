@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -33,6 +34,9 @@ ExitCode reportUsage(Console& console, const std::string& what);
 
 // Whether it is a name that can be sent; tells a person when it is not.
 bool isName(Console& console, const std::string& name);
+
+// The audit session of this process, as the kernel has it; -1 when unset.
+std::int32_t ownAuditSession();
 
 // A name for people, who must see the empty one too.
 std::string shownName(std::string_view name);

@@ -2,10 +2,13 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <expected>
 #include <memory>
 #include <span>
+#include <system_error>
 
 #include "platform/xpc/peer_identity.h"
 
@@ -61,6 +64,14 @@ class Authorization {
   // Ends the reference; what the process was granted stays.
   virtual OSStatus AuthorizationFree(AuthorizationRef& authorization, AuthorizationFlags flags) = 0;
 };
+
+// The form of a reference to the calling process itself, to be handed to a service on a connection of its own. Fails where
+// /proc cannot be read.
+std::expected<AuthorizationExternalForm, std::error_code> AuthorizationMakeExternalForm();
+
+// Asks for a right of the calling process, where policy wants it with interaction: an agent of polkit then asks somebody to
+// prove to be an administrator. Blocks, for `patience` at most. The right stays for as long as policy says.
+OSStatus AuthorizationObtainRight(const char* right, std::chrono::milliseconds patience);
 
 // That of this machine: polkit grants rights, each under the action of the same name. The superuser holds every right, and
 // without polkit he alone. Lives as long as the process.

@@ -57,6 +57,19 @@ class PolkitAuthorization final : public Authorization {
 
 }  // namespace
 
+std::expected<AuthorizationExternalForm, std::error_code> AuthorizationMakeExternalForm() {
+  const auto ours = xpc::PeerIdentity::ofThisProcess();
+  if (!ours) return std::unexpected(ours.error());
+  return externalFormOf({static_cast<std::uint32_t>(ours->pid), ours->uid, ours->startTime});
+}
+
+OSStatus AuthorizationObtainRight(const char* right, std::chrono::milliseconds patience) {
+  const auto ours = xpc::PeerIdentity::ofThisProcess();
+  if (!ours) return errAuthorizationInternal;
+  if (ours->uid == 0) return errAuthorizationSuccess;
+  return askPolkit(*ours, right, Interaction::allowed, patience).status;
+}
+
 Authorization& systemAuthorization() {
   // Never destroyed: other threads use it while the process ends.
   static Authorization& authorization = *new PolkitAuthorization;

@@ -25,6 +25,9 @@ inline constexpr int errNilName = 12;               // a required name was missi
 inline constexpr int errRequestFailed = 13;         // nothing given, nothing made, or an exception while serving
 inline constexpr int errNotAdmin = 14;              // credentials good, but the user is not in the group "admin"
 
+// The right that an authorization reference has to carry.
+inline constexpr const char* kManageDaemonsRight = "com.vantor.ServiceManagement.daemons.modify";
+
 inline constexpr const char* kNotifyServiceName = "com.vantor.keeld.notify";
 inline constexpr const char* kAuthServiceName = "com.vantor.keeld.auth";
 // Where services have their sockets, each under its service name.

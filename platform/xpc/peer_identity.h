@@ -26,6 +26,8 @@ struct PeerIdentity {
   // Reads the identity of the process that connected `socket`. Free of races: the values were read while that very process was
   // alive. Fails with ESRCH when it is gone (also when it connected and left the socket to a child).
   static std::expected<PeerIdentity, std::error_code> ofSocket(int socket);
+  // The calling process's own, as a peer sees it.
+  static std::expected<PeerIdentity, std::error_code> ofThisProcess();
 };
 
 }  // namespace keel::xpc

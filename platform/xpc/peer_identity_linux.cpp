@@ -78,7 +78,26 @@ bool parseStat(std::string_view stat, PeerIdentity& identity) {
   return parse(fields, identity.startTime);
 }
 
+// What /proc has of the process of that pid.
+bool readValues(PeerIdentity& identity) {
+  std::array<char, 1024> buffer;
+  if (!parseStat(readProc(identity.pid, "stat", buffer), identity)) return false;
+  // The kernel prints the unset session as 4294967295. Without audit in the kernel there is no such file: unset, too.
+  std::uint32_t session = 0;
+  identity.auditSession = parse(readProc(identity.pid, "sessionid", buffer), session) ? static_cast<std::int32_t>(session) : -1;
+  return true;
+}
+
 }  // namespace
+
+std::expected<PeerIdentity, std::error_code> PeerIdentity::ofThisProcess() {
+  PeerIdentity identity;
+  identity.pid = ::getpid();
+  identity.uid = ::geteuid();
+  identity.gid = ::getegid();
+  if (!readValues(identity)) return failure(ENOENT);
+  return identity;
+}
 
 std::expected<PeerIdentity, std::error_code> PeerIdentity::ofSocket(int socket) {
   ucred credentials{};
@@ -91,11 +110,7 @@ std::expected<PeerIdentity, std::error_code> PeerIdentity::ofSocket(int socket) 
   identity.pid = credentials.pid;
   identity.uid = credentials.uid;
   identity.gid = credentials.gid;
-  std::array<char, 1024> buffer;
-  if (!parseStat(readProc(identity.pid, "stat", buffer), identity)) return failure(ESRCH);
-  // The kernel prints the unset session as 4294967295. Without audit in the kernel there is no such file: unset, too.
-  std::uint32_t session = 0;
-  identity.auditSession = parse(readProc(identity.pid, "sessionid", buffer), session) ? static_cast<std::int32_t>(session) : -1;
+  if (!readValues(identity)) return failure(ESRCH);
   if (::syscall(SYS_pidfd_send_signal, pidfd->get(), 0, nullptr, 0) != 0 && errno != EPERM) return failure(errno);
   return identity;
 }

@@ -131,5 +131,20 @@ TEST(PeerIdentity, OtherDescriptorsAreAnError) {
   EXPECT_FALSE(PeerIdentity::ofSocket(file.get()));
 }
 
+TEST(PeerIdentity, OfThisProcessIsWhatAPeerSees) {
+  int both[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, both), 0);
+  const FileDescriptor one(both[0]);
+  const FileDescriptor other(both[1]);
+  const auto seen = PeerIdentity::ofSocket(one.get());
+  const auto own = PeerIdentity::ofThisProcess();
+  ASSERT_TRUE(seen && own);
+  EXPECT_EQ(own->pid, seen->pid);
+  EXPECT_EQ(own->uid, seen->uid);
+  EXPECT_EQ(own->gid, seen->gid);
+  EXPECT_EQ(own->startTime, seen->startTime);
+  EXPECT_EQ(own->auditSession, seen->auditSession);
+}
+
 }  // namespace
 }  // namespace keel::xpc

@@ -55,9 +55,9 @@ def hello(selectors, options):
     return [HELLO, 1, selectors, options], ("%s", labels)
 
 
-def request(identifier, selector, **arguments):
+def request(identifier, selector, table=NOTIFY, **arguments):
     labels = ["kind %s: request", "id %s", f"method %s: {selector}", argument_labels(arguments)]
-    return [REQUEST, identifier, NOTIFY.index(selector), list(arguments.values())], ("%s", labels)
+    return [REQUEST, identifier, table.index(selector), list(arguments.values())], ("%s", labels)
 
 
 def one_way(selectors, selector, **arguments):
@@ -85,6 +85,8 @@ def goodbye(text):
 MEASURED = cbor2.CBORTag(1, 1795253400.25)
 WEATHER = {"place": "Tegel", "degrees": -3.5, "measured": MEASURED, "wind": {"from": "NW", "kmh": 14}}
 PICTURE = {"picture": bytes(70000)}
+# Of process 4711 of user 501, which began 1,234,567 hundredths of a second after the machine.
+REFERENCE = b"KeelRef1" + struct.pack("<IIQ", 4711, 501, 1234567) + b"1feRleeK"
 
 
 def error(code, description):
@@ -118,6 +120,13 @@ FRAMES = {
         flags=0,
         value=0,
     ),
+    "auth-hello": hello([], {}),
+    "auth-password-request": request(
+        1, "authenticateUser:withPassword:andHandler:", AUTH, user="alice", password="open sesame"
+    ),
+    "auth-password-reply": reply(1, error=cbor2.CBORTag(51741, ["KLNErrorDomain", 5, None])),
+    "auth-reference-request": request(2, "authenticateForUser:using:withHandler:", AUTH, user="alice", reference=REFERENCE),
+    "auth-reference-reply": reply(2, error=cbor2.CBORTag(51741, ["NSOSStatusErrorDomain", -60005, None])),
 }
 
 # Items outside a frame.
@@ -206,7 +215,7 @@ def compare_grammar(page):
         node = parse(cbor2.dumps(message))
         if not grammar.matches(node, "message"):
             yield f"example {name} is no message of the grammar"
-        items, rule = items_and_rule(message, node, pending)
+        items, rule = items_and_rule(message, node, pending, AUTH if name.startswith("auth-") else NOTIFY)
         if rule and not grammar.matches(items, rule):
             yield f"example {name} is no {rule} of the grammar"
     for name, (value, _) in ITEMS.items():
@@ -220,11 +229,11 @@ def compare_grammar(page):
             yield f"the grammar lacks the arguments of {selector}"
 
 
-def items_and_rule(message, node, pending):
+def items_and_rule(message, node, pending, table):
     """The arguments or results of a message, and the name of the rule for them."""
     kind = message[0]
-    if kind == REQUEST and message[2] < len(NOTIFY):
-        pending[message[1]] = NOTIFY[message[2]].split(":")[0]
+    if kind == REQUEST and message[2] < len(table):
+        pending[message[1]] = table[message[2]].split(":")[0]
         return node.children[3], pending[message[1]] + "-arguments"
     if kind == REPLY:
         return node.children[2], pending[message[1]] + "-results"
@@ -300,13 +309,29 @@ def run_sealed_sender(program):
             yield "the second program's file does not hold the item"
 
 
+def run_reference_maker(program):
+    """The third program's function: a reference to the process that runs it."""
+    names = {}
+    exec(program, names)
+    made = names["own_reference"]()
+    pid, uid, start = struct.unpack("<IIQ", made[8:24])
+    boot_seconds = start / os.sysconf("SC_CLK_TCK")
+    with open("/proc/uptime") as file:
+        uptime = float(file.read().split()[0])
+    if (made[:8] + made[24:], pid, uid) != (REFERENCE[:8] + REFERENCE[24:], os.getpid(), os.getuid()):
+        yield f"the third program made {made.hex()}"
+    if not 0 < boot_seconds <= uptime:
+        yield f"the third program's process began at {boot_seconds} s"
+
+
 def compare_programs(page):
     programs = re.findall(r"```python\n(.*?)```", page, re.DOTALL)
-    if len(programs) != 2:
-        yield f"the page has {len(programs)} programs instead of 2"
+    if len(programs) != 3:
+        yield f"the page has {len(programs)} programs instead of 3"
         return
     yield from run_first_client(programs[0])
     yield from run_sealed_sender(programs[1])
+    yield from run_reference_maker(programs[2])
 
 
 def main(arguments):
@@ -325,7 +350,7 @@ def main(arguments):
     for difference in differences:
         print(f"{path}: {difference}", file=sys.stderr)
     if not differences:
-        print(f"{path}: {len(FRAMES) + len(ITEMS)} examples, 2 programs, the tables and the grammar are as they should be")
+        print(f"{path}: {len(FRAMES) + len(ITEMS)} examples, 3 programs, the tables and the grammar are as they should be")
     return 1 if differences else 0
 
 

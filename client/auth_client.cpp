@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/auth_client.h"
+
+#include <utility>
+
+#include "client/auth_operations.h"
+#include "client/diagnosis.h"
+#include "client/operation_source.h"
+#include "platform/authorization/authorization.h"
+#include "platform/product/product.h"
+
+namespace keel {
+
+std::unique_ptr<KLNAuthClient> KLNAuthClient::create(ClientOptions options) {
+  return std::make_unique<KLNAuthClient>(coreOf(ClientService::auth, std::move(options)));
+}
+
+KLNAuthClient::KLNAuthClient(std::shared_ptr<ClientCore> core) : core_(std::move(core)) {
+  core_->start();
+}
+
+KLNAuthClient::~KLNAuthClient() {
+  core_->abandon();
+}
+
+void KLNAuthClient::close() {
+  core_->close();
+}
+
+Request<void> KLNAuthClient::check() {
+  return requestFor(core_, operations::checkService());
+}
+
+Request<void> KLNAuthClient::authenticate(String user, const Secret& password) {
+  return requestFor(core_, operations::authenticate(std::move(user), password));
+}
+
+Request<void> KLNAuthClient::authenticateByReference(String user) {
+  return requestFor(core_, operations::authenticateByReference(std::move(user)));
+}
+
+ClientResult<void> KLNAuthClient::obtainRight(std::chrono::milliseconds patience) {
+  const OSStatus status = AuthorizationObtainRight(kManageDaemonsRight, patience);
+  if (status == errAuthorizationSuccess) return {};
+  return std::unexpected(diagnosis::ofRight(status));
+}
+
+Request<std::string> KLNAuthClient::defaultRealm() {
+  return requestFor(core_, operations::defaultRealm());
+}
+
+Request<AuthChallenge> KLNAuthClient::startBasic() {
+  return requestFor(core_, operations::startChallenge(operations::Scheme::basic));
+}
+
+Request<AuthChallenge> KLNAuthClient::startDigest() {
+  return requestFor(core_, operations::startChallenge(operations::Scheme::digest));
+}
+
+Request<AuthProof> KLNAuthClient::validate(const Secret& answer, std::string id) {
+  return requestFor(core_, operations::validate(answer, std::move(id)));
+}
+
+Request<bool> KLNAuthClient::isAuthenticated(std::int32_t auditSession) {
+  return requestFor(core_, operations::isAuthenticated(auditSession));
+}
+
+}  // namespace keel
