@@ -22,14 +22,15 @@ namespace keel {
 // connects, and looks at the sockets again when the program has ended. A program that fails, or leaves whoever waits for it
 // waiting, is given a pause before the next start: ThrottleInterval, counted from its last start.
 //
-// Lives on the reactor's thread, but for what says otherwise; programs are started on the worker queue.
+// Lives on the reactor's thread, but for what says otherwise. What may block, such as the start of its program, is done by a
+// worker, on a queue of the job's own: one job never waits for another.
 class EmbeddedJob final : private Reactor::Watcher, public std::enable_shared_from_this<EmbeddedJob> {
  public:
-  // Where a job runs, and how it is seen. All borrowed but the queue.
+  // Where a job runs, and how it is seen. Executors are borrowed.
   struct World {
     std::string serviceDirectory;
     Reactor& reactor;
-    std::shared_ptr<SerialQueue> workers;
+    Executor& workers;
     std::shared_ptr<JobRecords> records;
     std::function<Reactor::Clock::time_point()> now = &Reactor::Clock::now;
   };
@@ -77,6 +78,7 @@ class EmbeddedJob final : private Reactor::Watcher, public std::enable_shared_fr
 
   const Job job_;
   const World world_;
+  const std::shared_ptr<SerialQueue> slowWork_;
   std::vector<xpc::ServiceSocket> sockets_;
   std::vector<NamedSocket> namedSockets_;
   State state_ = State::idle;

@@ -46,7 +46,11 @@ std::expected<std::shared_ptr<EmbeddedJob>, Error> EmbeddedJob::create(Job job, 
 }
 
 EmbeddedJob::EmbeddedJob(Job job, World world, std::vector<xpc::ServiceSocket> sockets)
-    : job_(std::move(job)), world_(std::move(world)), sockets_(std::move(sockets)), processWatcher_(*this) {
+    : job_(std::move(job)),
+      world_(std::move(world)),
+      slowWork_(SerialQueue::create("KLNJobQueue", world_.workers)),
+      sockets_(std::move(sockets)),
+      processWatcher_(*this) {
   for (std::size_t place = 0; place < sockets_.size(); ++place) {
     namedSockets_.push_back({job_.machServices[place], sockets_[place].descriptor.get()});
   }
@@ -87,7 +91,7 @@ void EmbeddedJob::start() {
   const auto former = std::exchange(lastStart_, world_.now());
   if (lastStart_ - former >= pauseInterval()) startsInARow_ = 0;
   ++startsInARow_;
-  world_.workers->async([self = shared_from_this()] {
+  slowWork_->async([self = shared_from_this()] {
     auto launched = std::make_shared<std::expected<LaunchedProcess, Error>>(launch(self->job_, self->namedSockets_));
     Reactor& reactor = self->world_.reactor;
     reactor.post([self, launched] { self->started(std::move(*launched)); });
@@ -208,7 +212,7 @@ void EmbeddedJob::finish() {
   }
   sockets_.clear();
   for (const std::string& name : job_.machServices) {
-    world_.workers->async([records = world_.records, name] { records->remove(name); });
+    slowWork_->async([records = world_.records, name] { records->remove(name); });
   }
 }
 
@@ -221,7 +225,7 @@ void EmbeddedJob::record(JobState::Program program) {
   state.processId = state_ == State::running ? process_.pid : 0;
   state.problem = problem_;
   for (const std::string& name : job_.machServices) {
-    world_.workers->async([records = world_.records, name, state] { records->write(name, state); });
+    slowWork_->async([records = world_.records, name, state] { records->write(name, state); });
   }
 }
 

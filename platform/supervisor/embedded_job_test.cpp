@@ -41,11 +41,8 @@ class EmbeddedJobTest : public testing::Test {
   }
 
   EmbeddedJob::World world() {
-    return {.serviceDirectory = root_,
-            .reactor = reactor_,
-            .workers = SerialQueue::create("jobs", *pool_),
-            .records = records_,
-            .now = [this] { return now_; }};
+    return {
+        .serviceDirectory = root_, .reactor = reactor_, .workers = *pool_, .records = records_, .now = [this] { return now_; }};
   }
 
   // A shell that runs `script`.

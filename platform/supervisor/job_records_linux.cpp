@@ -29,7 +29,7 @@ void JobRecords::clear() const {
 void JobRecords::write(const std::string& machService, const JobState& state) const {
   std::error_code ignored;
   std::filesystem::create_directory(directory_, ignored);
-  const std::string path = directory_ + "/" + machService, temporary = directory_ + "/.new";
+  const std::string path = directory_ + "/" + machService, temporary = directory_ + "/.new." + machService;
   {
     std::ofstream file(temporary, std::ios::trunc);
     file << "label=" << describedText(state.label) << "\nprogram=" << kPrograms.at(static_cast<std::size_t>(state.program))

@@ -15,7 +15,7 @@ Supervisor* makeSupervisor() {
   if (sd_booted() > 0) return new SystemdSupervisor(connectSystemManager(), UnitStore());
   return new EmbeddedSupervisor({.serviceDirectory = kServiceDirectory,
                                  .reactor = ioReactor(),
-                                 .workers = SerialQueue::create("KLNJobQueue", globalQueue()),
+                                 .workers = globalQueue(),
                                  .records = std::make_shared<JobRecords>(kServiceDirectory)});
 }
 
