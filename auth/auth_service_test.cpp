@@ -4,10 +4,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <future>
+#include <latch>
 #include <limits>
 #include <optional>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "platform/dispatch/manual_executor.h"
+#include "platform/dispatch/worker_pool.h"
 
 namespace keel {
 namespace {
@@ -161,6 +168,36 @@ TEST_F(AuthService, DefaultServiceIsOneUnlessOverridden) {
     EXPECT_EQ(KLNAuthService::defaultService(), service);
   }
   EXPECT_EQ(KLNAuthService::defaultService(), first);
+}
+
+TEST(AuthServiceOnThreads, RecordingsOfManyThreadsAreAllKeptInTheOrderOfEach) {
+  constexpr int kThreads = 4;
+  constexpr int kEach = 500;
+  WorkerPool pool(3);
+  const auto service = std::make_shared<KLNAuthService>(pool);
+  std::latch answered(kThreads);
+  std::atomic<int> missed{0};
+  {
+    std::vector<std::jthread> callers;
+    for (int asid = 0; asid < kThreads; ++asid) {
+      callers.emplace_back([&, asid] {
+        for (int i = 0; i < kEach; ++i) {
+          const String name(std::to_string(i));
+          service->addUser(name, asid);
+          service->isAuthedUser(name, asid, [&](bool authenticated, Error) { missed += authenticated ? 0 : 1; });
+        }
+        service->isAuthedASID(asid, [&](bool) { answered.count_down(); });
+      });
+    }
+  }
+  answered.wait();
+  EXPECT_EQ(missed, 0);
+  std::promise<KLNAuthService::AuthTable> table;
+  service->continueWithBlock([&] { table.set_value(service->authTable()); });
+  for (const auto& [key, names] : table.get_future().get()) {
+    ASSERT_EQ(names.size(), static_cast<std::size_t>(kEach)) << key;
+    for (int i = 0; i < kEach; ++i) EXPECT_EQ(names[static_cast<std::size_t>(i)], String(std::to_string(i)));
+  }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <string>
 
+#include "daemon/readiness.h"
 #include "daemon/startup.h"
 #include "platform/dispatch/system.h"
 #include "platform/logging/logger.h"
@@ -14,8 +15,10 @@ int main(int, char** arguments) {
   setCrashBanner(std::string(TBCopyCalderBuildVersion().view()).c_str());
   startDaemonLogging();
   makeLockDirectory(kLockDirectory);
+  loadModules();
   openListeners();
   installSignalHandling();
   _loggerForCategory("runtime").debug("up and running");
+  tellReady();
   dispatchMain();
 }

@@ -13,6 +13,8 @@
 #include <memory>
 
 #include "daemon/listener_delegate.h"
+#include "daemon/readiness.h"
+#include "modules/module_manager.h"
 #include "platform/dispatch/signal_source.h"
 #include "platform/dispatch/system.h"
 #include "platform/logging/log_system.h"
@@ -70,6 +72,8 @@ void shutDown() {
   process().notifyListener->invalidate();
   process().authListener.reset();
   process().notifyListener.reset();
+  // Last, as it waits for a service manager that does not listen.
+  tellStopping();
   endProcess(0);
 }
 
@@ -121,8 +125,13 @@ void makeLockDirectory(const char* path) {
   endProcess(kExitNoLockDirectory);
 }
 
-void openListeners() {
+void loadModules() {
+  // Modules may have sockets, too.
   xpc::raiseDescriptorLimit();
+  KLNModuleManager::defaultManager()->loadAllModules();
+}
+
+void openListeners() {
   process().authListener = makeListener(kAuthServiceName);
   logger().debug("Auth listener created");
   process().authDelegate = std::make_shared<AuthListenerDelgate>();

@@ -23,6 +23,9 @@ void startDaemonLogging();
 // Makes `path`, mode 0755; what exists there already is left as it is. Ends with kExitNoLockDirectory.
 void makeLockDirectory(const char* path);
 
+// Makes and enables the jobs of the product's modules, before any client can come. Whatever comes of it, the start goes on.
+void loadModules();
+
 // Makes the listeners and resumes each before the next is made. Ends with kExitNoListener when a service's socket cannot be
 // had.
 void openListeners();

@@ -2,8 +2,38 @@
 #include "modules/module_manager.h"
 
 #include <utility>
+#include <vector>
+
+#include "modules/module_name.h"
+#include "platform/bundle/directory_listing.h"
+#include "platform/foundation/cbor.h"
+#include "platform/foundation/exception.h"
+#include "platform/logging/logger.h"
 
 namespace keel {
+
+namespace {
+
+Logger& logger() {
+  static Logger& startup = _loggerForCategory("startup");
+  return startup;
+}
+
+String labelOf(const Value& job) {
+  const Value* label = job.find("Label");
+  const auto* text = label != nullptr ? label->as<std::string>() : nullptr;
+  return text != nullptr ? String(*text) : String();
+}
+
+void logFailedQuery(const Error& failure) {
+  if (failure) logger().error("loadModuleIfNeededFromPath QZSupervisorGetServiceEnabled returns {}", failure);
+}
+
+std::string appendingPathComponent(const std::string& directory, const std::string& name) {
+  return directory.ends_with('/') ? directory + name : directory + '/' + name;
+}
+
+}  // namespace
 
 const std::shared_ptr<KLNModuleManager>& KLNModuleManager::defaultManager() {
   if (const auto& overriding = overridingManager()) [[unlikely]]
@@ -11,6 +41,76 @@ const std::shared_ptr<KLNModuleManager>& KLNModuleManager::defaultManager() {
   // Never destroyed: other threads use it while the process ends.
   static const auto& manager = *new std::shared_ptr<KLNModuleManager>(std::make_shared<KLNModuleManager>());
   return manager;
+}
+
+void KLNModuleManager::loadAllModules() {
+  const auto names = contentsOfDirectory(bundlesDirectory_);
+  if (!names) {
+    logger().error("loadAllModules: can't find {} error {}", bundlesDirectory_, names.error());
+    return;
+  }
+  authorization_ = supervisor().QZSupervisorCreateCommandAuthorizationWithCredentials(nullptr, nullptr, nullptr);
+  try {
+    for (const std::string& name : *names) {
+      if (isModuleBundle(name)) loadModule(appendingPathComponent(bundlesDirectory_, name));
+    }
+  } catch (const Exception& raised) {
+    logger().error("loadAllModules: received an exception {}", raised.description());
+  }
+  if (logger().enabled(LogLevel::debug)) {
+    logger().debug("loadAllModules: moduleTable is {}", moduleTable_.dictionary().value().description());
+  }
+}
+
+void KLNModuleManager::loadModule(const std::string& path) {
+  if (!cbor::isUtf8(path)) {
+    logger().error("loadAllModules: the name of {} is not UTF-8; give it another one", path);
+  } else if (loadModuleIfNeededFromPath(path, authorization_.get())) {
+    logger().debug("loadAllModules: loaded {}", path);
+  } else {
+    logger().error("loadAllModules: can't load module at {}", path);
+  }
+}
+
+bool KLNModuleManager::loadModuleIfNeededFromPath(const std::string& path, QZCommandAuthorization* authorization) {
+  String name, machName;
+  const Value job = synthesizeJobFromBundle(path, &name, &machName);
+  if (job.isNull()) {
+    logger().error("loadModuleIfNeededFromPath failed to crete a jobDict for {}", path);
+    return false;
+  }
+  const String label = labelOf(job);
+  Error failure;
+  if (!supervisor().QZSupervisorGetServiceEnabled(authorization, label, &failure)) {
+    logFailedQuery(failure);
+    logger().debug("loadModuleIfNeededFromPath service {} is not enabled ", label);
+    createAndEnable(job, label);
+    Error lastFailure;
+    const bool enabled = supervisor().QZSupervisorGetServiceEnabled(nullptr, label, &lastFailure);
+    logFailedQuery(lastFailure);
+    if (!enabled) return false;
+  }
+  moduleTable_.set(String(std::string(kModulePrefix).append(name.view())), machName);
+  return true;
+}
+
+void KLNModuleManager::createAndEnable(const Value& job, const String& label) {
+  Error created, enabled;
+  // What a creation that worked says nevertheless is told with the next step; what one that failed says is not: that the job
+  // cannot be enabled then tells enough.
+  if (supervisor().QZSupervisorCreateService(nullptr, job, &created)) enabled = created;
+  logger().debug("loadModuleIfNeededFromPath created {}", label);
+
+  supervisor().QZSupervisorSetServiceEnabled(nullptr, label, /*enabled=*/true, &enabled);
+  if (enabled) logger().error("loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns {}", enabled);
+  logger().debug("loadModuleIfNeededFromPath enabled {}", label);
+}
+
+void KLNModuleManager::unloadAllModules() {
+  for (const String& key : moduleTable_.allKeys()) {
+    const std::string label = defaultModuleLabel(withoutModulePrefix(key.view()));
+    supervisor().QZSupervisorSetServiceEnabled(nullptr, String(label), /*enabled=*/false, nullptr);
+  }
 }
 
 std::shared_ptr<KLNModuleManager>& KLNModuleManager::overridingManager() {

@@ -2,14 +2,19 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <utility>
 
 #include "modules/module_table.h"
+#include "platform/foundation/value.h"
+#include "platform/product/product.h"
+#include "platform/supervisor/supervisor.h"
 
 namespace keel {
 
-// Knows the enabled modules of the product: "keel_" and a module's short name, to the Mach service name of its job. The table
-// is written during start-up, before any client can ask, and only read afterwards.
+// Makes a job of each module of the product, and knows those whose job is enabled: "keel_" and a module's short name, to the
+// Mach service name of its job. The table is written during start-up, on the main thread, before any client can ask, and only
+// read afterwards.
 class KLNModuleManager {
  public:
   class Override;
@@ -17,16 +22,49 @@ class KLNModuleManager {
   // The one manager of this process, made on the first call. From any thread.
   static const std::shared_ptr<KLNModuleManager>& defaultManager();
 
+  // For the supervisor of this system, which is not touched before it is needed, and the product's bundles.
   KLNModuleManager() = default;
+  KLNModuleManager(Supervisor& supervisor, std::string bundlesDirectory)
+      : supervisor_(&supervisor), bundlesDirectory_(std::move(bundlesDirectory)) {}
+  virtual ~KLNModuleManager() = default;
   KLNModuleManager(const KLNModuleManager&) = delete;
   KLNModuleManager& operator=(const KLNModuleManager&) = delete;
+
+  // Loads each bundle "keel_*.bundle" of the directory, in the directory's own order. One that cannot be loaded is logged and
+  // passed over; an Exception ends the walk, and what was loaded until then stays. Names that are not UTF-8 are logged and
+  // passed over, as no job could have them.
+  void loadAllModules();
+
+  // Makes and enables the job of the bundle at `path` unless it is enabled already, and writes it into the table. False when it
+  // is not enabled in the end. A job without a "Label", or with one that is no text, has the null label, which the supervisor
+  // refuses.
+  bool loadModuleIfNeededFromPath(const std::string& path, QZCommandAuthorization* authorization);
+
+  // Disables the job "com.vantor.keeld.SHORTNAME" of each module in the table, also where the module's own label is another
+  // one, and leaves the table as it is. Whether that worked is not looked at.
+  void unloadAllModules();
+
+  // The job of the bundle at `path`: the dictionary in its resource launchd.plist, as it stands, or one made for it. Writes the
+  // module's short name and Mach service name unless the argument is null. The Mach service name of a bundle with a job of its
+  // own is the first key of its "MachServices", and null when it has no such dictionary; an empty one raises NSRangeException.
+  //
+  // What the bundle holds is never trusted: a file that cannot be read, or says something of the wrong kind, is logged as an
+  // error and counts as if it were not there. The job is never null, except from a subclass.
+  virtual Value synthesizeJobFromBundle(const std::string& path, String* returningName, String* andMachName);
 
   ModuleTable& moduleTable() { return moduleTable_; }
   void setModuleTable(ModuleTable table) { moduleTable_ = std::move(table); }
 
  private:
   static std::shared_ptr<KLNModuleManager>& overridingManager();
+  Supervisor& supervisor() const { return supervisor_ != nullptr ? *supervisor_ : systemSupervisor(); }
+  void loadModule(const std::string& path);
+  void createAndEnable(const Value& job, const String& label);
 
+  Supervisor* const supervisor_ = nullptr;
+  const std::string bundlesDirectory_ = kBundlesDirectory;
+  // Of the last pass; kept as jobs may stand under it.
+  std::shared_ptr<QZCommandAuthorization> authorization_;
   ModuleTable moduleTable_;
 };
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/foundation/base64.h"
 
+#include <algorithm>
 #include <cstdint>
 
 namespace keel {

@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cbor.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <random>
@@ -15,6 +12,7 @@
 #include "platform/foundation/cbor.h"
 #include "platform/foundation/cbor_writer.h"
 #include "platform/foundation/test_bytes.h"
+#include "platform/foundation/test_python.h"
 
 // Our codec held against two others: Python's cbor2 makes values and judges ours, libcbor reads what we accept. Both accept
 // more than we do, so the comparison runs one way: what we accept, they accept, and they see the same value in it.
@@ -74,31 +72,6 @@ for line in open(sys.argv[1]):
 print(count)
 )";
 
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string pattern = testing::TempDir() + "/cbor-peer-XXXXXX";
-    path_ = ::mkdtemp(pattern.data());
-  }
-  ~TemporaryFolder() { std::filesystem::remove_all(path_); }
-  std::string file(const char* name) const { return path_ / name; }
-
- private:
-  std::filesystem::path path_;
-};
-
-// Runs a Python program and yields what it printed. A program that fails, for want of cbor2 too, fails the test.
-std::string runPython(const TemporaryFolder& folder, const char* program, const std::string& arguments) {
-  std::ofstream(folder.file("program.py")) << program;
-  std::FILE* pipe = ::popen(("/usr/bin/python3 " + folder.file("program.py") + " " + arguments + " 2>&1").c_str(), "r");
-  std::string output;
-  char chunk[65536];
-  while (const std::size_t size = std::fread(chunk, 1, sizeof chunk, pipe)) output.append(chunk, size);
-  const int status = ::pclose(pipe);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << output;
-  return output;
-}
-
 std::vector<std::vector<std::byte>> pythonCorpus(const TemporaryFolder& folder, int count) {
   std::istringstream lines(runPython(folder, kMakeCorpus, std::to_string(kSeed) + " " + std::to_string(count)));
   std::vector<std::vector<std::byte>> corpus;
@@ -133,7 +106,7 @@ std::vector<std::vector<std::byte>> acceptedMutations(const std::vector<std::vec
 // How many of these Python finds equal to what we make of them.
 std::size_t equalInPython(const TemporaryFolder& folder, const std::vector<std::vector<std::byte>>& encodings) {
   {
-    std::ofstream pairs(folder.file("pairs"));
+    std::ofstream pairs(folder.path("pairs"));
     for (const auto& bytes : encodings) {
       const auto value = decode(bytes, kDepthCapacity);
       if (!value) {
@@ -143,7 +116,7 @@ std::size_t equalInPython(const TemporaryFolder& folder, const std::vector<std::
       pairs << hexOf(bytes) << ' ' << hexOf(encode(*value)) << '\n';
     }
   }
-  const std::string output = runPython(folder, kCompare, folder.file("pairs"));
+  const std::string output = runPython(folder, kCompare, folder.path("pairs"));
   return static_cast<std::size_t>(std::atoll(output.c_str()));
 }
 

@@ -3,7 +3,11 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
+#include "platform/foundation/cbor.h"
 #include "platform/foundation/cbor_cursor.h"
+#include "platform/foundation/value.h"
 
 namespace keel {
 
@@ -51,6 +55,14 @@ std::string Error::description() const {
   const std::string_view text = textOf(body_->userInfo, NSLocalizedDescriptionKey);
   const std::string identity = fmt::format("{} error {}", body_->domain.view(), body_->code);
   return text.empty() ? identity : fmt::format("{} ({})", text, identity);
+}
+
+Error describedError(std::string_view domain, std::int64_t code, std::string description) {
+  if (!cbor::isUtf8(description)) {
+    std::ranges::replace_if(description, [](char letter) { return static_cast<unsigned char>(letter) >= 0x80; }, '?');
+  }
+  const std::string key(NSLocalizedDescriptionKey);
+  return Error(String(domain), code, Dictionary(Value::map({{key, std::move(description)}})));
 }
 
 bool operator==(const Error& left, const Error& right) {

@@ -42,4 +42,7 @@ class Error {
   std::shared_ptr<const Body> body_;
 };
 
+// An error whose user info has `description`. What in it is not UTF-8, such as the name of a file, shows as "?".
+Error describedError(std::string_view domain, std::int64_t code, std::string description);
+
 }  // namespace keel

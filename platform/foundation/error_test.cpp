@@ -77,5 +77,16 @@ TEST(ErrorDescription, SaysNullForNoError) {
   EXPECT_EQ(Error().description(), "(null)");
 }
 
+TEST(Error, ADescribedOneSaysWhatItIs) {
+  const Error error = describedError("domain", 7, "no \u00fc here");
+  EXPECT_EQ(error.domain(), String("domain"));
+  EXPECT_EQ(error.code(), 7);
+  EXPECT_EQ(error.description(), "no \u00fc here (domain error 7)");
+}
+
+TEST(Error, ADescriptionThatIsNotUtf8IsShownWithoutThoseBytes) {
+  EXPECT_EQ(describedError("d", 1, "file \xff\xc3").description(), "file ?? (d error 1)");
+}
+
 }  // namespace
 }  // namespace keel

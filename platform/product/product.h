@@ -33,6 +33,9 @@ inline constexpr const char* kAuthServiceName = "com.vantor.keeld.auth";
 // Where services have their sockets, each under its service name.
 inline constexpr const char* kServiceDirectory = "/run/keeld";
 inline constexpr const char* kLockDirectory = "/private/var/keeld";
+// The program that hosts one module.
+inline constexpr const char* kModuleProgram =
+    "/Applications/Calder.app/Contents/CalderRoot/System/Library/CoreServices/KeelDaemon.bundle/Contents/MacOS/keeld";
 inline constexpr const char* kBundlesDirectory = "/Applications/Calder.app/Contents/CalderRoot/usr/share/keeld/bundles/";
 
 }  // namespace keel

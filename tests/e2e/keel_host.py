@@ -24,6 +24,7 @@ from keel_client import AUTH, DIRECTORY, HANG_GUARD, NOTIFY, Client
 from keel_processes import OtherProcess
 
 LOCK_DIRECTORY = "/private/var/keeld"
+BUNDLES = "/Applications/Calder.app/Contents/CalderRoot/usr/share/keeld/bundles/"
 NOTIFY_PATH = f"{DIRECTORY}/{NOTIFY}"
 AUTH_PATH = f"{DIRECTORY}/{AUTH}"
 LOG_LINE = re.compile(r"\d\d:\d\d:\d\d\.\d{3} (debug|default|error|fault) (\w+): (.*)")
@@ -53,7 +54,7 @@ class Daemon:
 
     def __init__(self, *, log="debug", environment=None, arguments=None, sockets=None, descriptors=None, before_exec=None,
                  journal=False, stderr=None, ready=True):
-        ours = ("KEELD_", "LISTEN_", "JOURNAL_")
+        ours = ("KEELD_", "LISTEN_", "JOURNAL_", "NOTIFY_")
         variables = {name: value for name, value in os.environ.items() if not name.startswith(ours)}
         for name, setting in (("ASAN_OPTIONS", "quarantine_size_mb=8"), ("TSAN_OPTIONS", "atexit_sleep_ms=50")):
             variables[name] = f"{os.environ.get(name, '')}:{setting}"
@@ -379,6 +380,7 @@ def main():
         sys.exit(f"usage: {sys.argv[0]} KEELD [KEELCTL] [unittest option or case...]")
     keeld, keelctl = (programs + [""])[:2]
     os.makedirs("/private/var", exist_ok=True)
+    os.makedirs(BUNDLES, exist_ok=True)
     arguments = [argument for argument in sys.argv[1:] if not argument.startswith("/")]
     runner = unittest.TextTestRunner(verbosity=2, resultclass=_Result)
     unittest.main(argv=[sys.argv[0], *arguments], testRunner=runner, verbosity=2)

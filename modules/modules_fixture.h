@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "modules/module_manager.h"
+#include "platform/foundation/temporary_folder.h"
+#include "tests/support/log_recorder.h"
+
+// For tests: a directory of bundles, and what was logged about them.
+
+namespace keel {
+
+class ModulesFixture : public ::testing::Test {
+ protected:
+  // A property list with a dictionary of these members, in XML.
+  static std::string dictionary(std::string_view members) {
+    return "<plist version=\"1.0\"><dict>" + std::string(members) + "</dict></plist>";
+  }
+  static std::string text(std::string_view key, std::string_view value) {
+    return "<key>" + std::string(key) + "</key><string>" + std::string(value) + "</string>";
+  }
+  static std::string services(std::string_view names) {
+    return "<key>MachServices</key><dict>" + std::string(names) + "</dict>";
+  }
+
+  // What was logged since the last time, "LEVEL: text"; all of it must be of category "startup".
+  std::vector<std::string> logged() {
+    std::vector<std::string> lines;
+    for (const testing::LogLine& line : log_.take()) {
+      EXPECT_EQ(line.category, "startup");
+      lines.push_back((line.level == LogLevel::debug   ? "debug: "
+                       : line.level == LogLevel::error ? "error: "
+                                                       : "?: ") +
+                      line.text);
+    }
+    return lines;
+  }
+
+  TemporaryFolder folder_;
+  testing::LogRecorder log_;
+};
+
+}  // namespace keel

@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <expected>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/dispatch/reactor.h"
+#include "platform/dispatch/serial_queue.h"
+#include "platform/supervisor/job.h"
+#include "platform/supervisor/job_records.h"
+#include "platform/supervisor/process_launcher.h"
+#include "platform/xpc/service_socket.h"
+
+namespace keel {
+
+// One enabled job where keeld itself is the service manager: holds the job's sockets, starts its program when somebody
+// connects, and looks at the sockets again when the program has ended. A program that fails, or leaves whoever waits for it
+// waiting, is given a pause before the next start: ThrottleInterval, counted from its last start.
+//
+// Lives on the reactor's thread, but for what says otherwise; programs are started on the worker queue.
+class EmbeddedJob final : private Reactor::Watcher, public std::enable_shared_from_this<EmbeddedJob> {
+ public:
+  // Where a job runs, and how it is seen. All borrowed but the queue.
+  struct World {
+    std::string serviceDirectory;
+    Reactor& reactor;
+    std::shared_ptr<SerialQueue> workers;
+    std::shared_ptr<JobRecords> records;
+    std::function<Reactor::Clock::time_point()> now = &Reactor::Clock::now;
+  };
+  // A pause is never shorter, whatever the job says: nobody could read the log.
+  static constexpr std::chrono::seconds kLeastPause{1};
+  // Between SIGTERM and SIGKILL, unless the job says otherwise.
+  static constexpr std::chrono::seconds kExitTimeOut{20};
+
+  // Makes the sockets; fails when one cannot be had. From any thread.
+  static std::expected<std::shared_ptr<EmbeddedJob>, Error> create(Job job, World world);
+  ~EmbeddedJob();
+
+  // From any thread.
+  void begin();
+  // Ends the program and gives the sockets up, for good. From any thread.
+  void end();
+
+ private:
+  enum class State : std::uint8_t { idle, waiting, starting, running, pausing, ended };
+  // Its process has ended; a watcher of its own, since a job watches its sockets, too.
+  struct ProcessWatcher final : Reactor::Watcher {
+    explicit ProcessWatcher(EmbeddedJob& owner) : job(owner) {}
+    void onReady(std::uint32_t events) override;
+    EmbeddedJob& job;
+  };
+
+  EmbeddedJob(Job job, World world, std::vector<xpc::ServiceSocket> sockets);
+
+  void onReady(std::uint32_t events) override;
+  void wait();
+  void stopWaiting();
+  void start();
+  void started(std::expected<LaunchedProcess, Error> launched);
+  void processEnded();
+  void settle(bool succeeded, bool crashed);
+  void pauseThen(void (EmbeddedJob::*next)());
+  bool isDemanded() const;
+  bool wantsRestart(bool succeeded, bool crashed) const;
+  void signalProgram(int signal);
+  void finish();
+  void record(JobState::Program program);
+
+  const Job job_;
+  const World world_;
+  std::vector<xpc::ServiceSocket> sockets_;
+  std::vector<NamedSocket> namedSockets_;
+  State state_ = State::idle;
+  bool ending_ = false;
+  LaunchedProcess process_;
+  std::string problem_;  // with the last run; empty when it ended well, or goes on
+  ProcessWatcher processWatcher_;
+  Reactor::Clock::time_point lastStart_{};
+  Reactor::TimerId timer_ = 0;
+};
+
+}  // namespace keel

@@ -1,0 +1,328 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/supervisor/embedded_job.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "platform/dispatch/worker_pool.h"
+#include "platform/supervisor/embedded_supervisor.h"
+
+namespace keel {
+namespace {
+
+using ::testing::HasSubstr;
+using namespace std::chrono_literals;
+
+// Real programs, a reactor stepped by hand, and a clock that stands still unless it is moved.
+class EmbeddedJobTest : public testing::Test {
+ protected:
+  EmbeddedJobTest() {
+    std::string name = testing::TempDir() + "/jobs-XXXXXX";
+    root_ = ::mkdtemp(name.data());
+    records_ = std::make_shared<JobRecords>(root_);
+  }
+  ~EmbeddedJobTest() override {
+    if (job_) end();
+    // What it still writes comes first.
+    pool_.reset();
+    std::filesystem::remove_all(root_);
+  }
+
+  EmbeddedJob::World world() {
+    return {.serviceDirectory = root_,
+            .reactor = reactor_,
+            .workers = SerialQueue::create("jobs", *pool_),
+            .records = records_,
+            .now = [this] { return now_; }};
+  }
+
+  // A shell that runs `script`.
+  static Job shell(std::string script) {
+    Job job;
+    job.label = "com.example.job";
+    job.program = "/bin/sh";
+    job.arguments = {"sh", "-c", std::move(script)};
+    job.machServices = {"service"};
+    return job;
+  }
+  void begin(Job job) {
+    auto made = EmbeddedJob::create(std::move(job), world());
+    ASSERT_TRUE(made) << made.error().description();
+    job_ = *made;
+    job_->begin();
+    turn();
+  }
+  void end() {
+    job_->end();
+    until([&] { return !std::filesystem::exists(root_ + "/service"); });
+    job_.reset();
+  }
+
+  void turn() {
+    while (reactor_.turn(/*wait=*/false)) {
+    }
+  }
+  // Turns until it holds. What programs and workers write wakes no reactor up.
+  template <class Condition>
+  void until(Condition condition) {
+    for (; !condition(); std::this_thread::yield()) turn();
+  }
+  FileDescriptor connect() {
+    FileDescriptor client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, (root_ + "/service").c_str());
+    EXPECT_EQ(::connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    return client;
+  }
+  std::string path(const char* name) const { return root_ + "/" + name; }
+  static std::string content(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+  }
+  // How often the program was started: each start adds a line to that file.
+  std::size_t startCount() const {
+    const std::string starts = content(path("starts"));
+    return static_cast<std::size_t>(std::ranges::count(starts, '\n'));
+  }
+  JobState recorded() const { return records_->read("service"); }
+
+  std::string root_;
+  Reactor::Clock::time_point now_ = Reactor::Clock::now();
+  Reactor reactor_{[this] { return now_; }};
+  std::unique_ptr<WorkerPool> pool_ = std::make_unique<WorkerPool>(1);
+  std::shared_ptr<JobRecords> records_;
+  std::shared_ptr<EmbeddedJob> job_;
+};
+
+// A command that serves one client for as long as that one stays.
+constexpr const char* kServeOne =
+    "/usr/bin/python3 -c 'import socket; c, a = socket.socket(fileno=3).accept(); c.sendall(b\"x\"); c.recv(1)'";
+
+TEST_F(EmbeddedJobTest, NobodyStartsItUntilSomebodyConnects) {
+  begin(shell("echo start >>" + path("starts")));
+  EXPECT_EQ(startCount(), 0u);
+  const auto client = connect();
+  until([&] { return startCount() == 1; });
+}
+
+TEST_F(EmbeddedJobTest, ProgramIsHandedItsSockets) {
+  Job job = shell("echo \"$LISTEN_FDS $LISTEN_FDNAMES $((LISTEN_PID - $$)) $HOME$KEELD_LOG\" >" + path("told") + "; mv " +
+                  path("told") + " " + path("done") + "; exec sleep 1000");
+  job.machServices = {"service", "other.service"};
+  begin(job);
+  const auto client = connect();
+  until([&] { return std::filesystem::exists(path("done")) || recorded().program == JobState::Program::failed; });
+  EXPECT_EQ(content(path("done")), "2 service:other.service 0 \n");
+}
+
+TEST_F(EmbeddedJobTest, ProgramThatEndsWellIsStartedAgainOnDemand) {
+  begin(shell("echo start >>" + path("starts") + "; " + kServeOne));
+  for (std::size_t round = 1; round <= 2; ++round) {
+    FileDescriptor client = connect();
+    char answer = 0;
+    until([&] { return ::recv(client.get(), &answer, 1, MSG_DONTWAIT) == 1; });
+    until([&] { return recorded().program == JobState::Program::running; });
+    EXPECT_GT(recorded().processId, 0);
+    client.reset();
+    until([&] { return recorded().program == JobState::Program::none; });
+    EXPECT_EQ(startCount(), round);
+  }
+  EXPECT_TRUE(recorded().problem.empty());
+}
+
+TEST_F(EmbeddedJobTest, ProgramThatFailsIsGivenAPause) {
+  Job job = shell("echo start >>" + path("starts") + "; exit 3");
+  job.throttleInterval = 5s;
+  begin(job);
+  const auto client = connect();
+  until([&] { return recorded().program == JobState::Program::starting; });
+  EXPECT_EQ(recorded().problem, "it ended with status 3");
+  now_ += 5s - 1ms;
+  turn();
+  EXPECT_EQ(startCount(), 1u);
+  now_ += 1ms;
+  until([&] { return startCount() == 2; });
+}
+
+TEST_F(EmbeddedJobTest, PauseIsNeverShorterThanTheLeast) {
+  Job job = shell("echo start >>" + path("starts") + "; kill -SEGV $$");
+  job.throttleInterval = 0s;
+  begin(job);
+  const auto client = connect();
+  until([&] { return recorded().program == JobState::Program::starting; });
+  EXPECT_THAT(recorded().problem, HasSubstr("it was ended by signal 11"));
+  now_ += EmbeddedJob::kLeastPause - 1ms;
+  turn();
+  EXPECT_EQ(startCount(), 1u);
+  now_ += 1ms;
+  until([&] { return startCount() == 2; });
+}
+
+TEST_F(EmbeddedJobTest, ProgramThatLeavesSomebodyWaitingIsGivenAPause) {
+  begin(shell("echo start >>" + path("starts")));
+  const auto client = connect();
+  until([&] { return recorded().program == JobState::Program::starting; });
+  turn();
+  EXPECT_EQ(startCount(), 1u);
+  now_ += 10s;
+  until([&] { return startCount() == 2; });
+}
+
+TEST_F(EmbeddedJobTest, KeptAliveIsStartedWithoutDemand) {
+  Job job = shell("echo start >>" + path("starts"));
+  job.runAtLoad = true;
+  job.restart = Job::Restart::always;
+  begin(job);
+  until([&] { return recorded().program == JobState::Program::starting; });
+  EXPECT_EQ(startCount(), 1u);
+  now_ += 10s;
+  until([&] { return startCount() == 2; });
+}
+
+TEST_F(EmbeddedJobTest, ProgramThatCannotBeRunIsToldOf) {
+  Job job = shell("");
+  job.program = path("missing");
+  begin(job);
+  const auto client = connect();
+  until([&] { return !recorded().problem.empty(); });
+  EXPECT_THAT(recorded().problem, HasSubstr("run its program " + path("missing") + ": No such file"));
+}
+
+TEST_F(EmbeddedJobTest, EveryStepThatFailsIsNamed) {
+  const auto problemOf = [&](auto change) {
+    Job job = shell("");
+    change(job);
+    const auto launched = launch(job, {});
+    return launched ? std::string("(started)") : launched.error().description();
+  };
+  EXPECT_THAT(problemOf([](Job& job) { job.userName = "nobody-of-that-name"; }), HasSubstr("the user nobody-of-that-name"));
+  EXPECT_THAT(problemOf([](Job& job) { job.groupName = "nobody-of-that-name"; }), HasSubstr("the group nobody-of-that-name"));
+  EXPECT_THAT(problemOf([](Job& job) { job.workingDirectory = "/missing"; }),
+              HasSubstr("change to its working directory: No such file"));
+  EXPECT_THAT(problemOf([](Job& job) { job.standardOutPath = "/missing/file"; }), HasSubstr("open /missing/file"));
+}
+
+TEST_F(EmbeddedJobTest, ProgramIsAsTheJobSays) {
+  Job job = shell("umask; pwd; ulimit -Sn; ulimit -Hn; nice; echo \"$A\"; cat; trap; echo end");
+  job.workingDirectory = "/usr";
+  job.umask = 027;
+  job.limits = {{RLIMIT_NOFILE, "NOFILE", 20, 30}};
+  job.nice = 3;
+  job.environment = {{"A", "a b\n%$"}};
+  std::ofstream(path("in")) << "input\n";
+  job.standardInPath = path("in");
+  job.standardOutPath = path("out");
+  job.runAtLoad = true;
+  begin(job);
+  until([&] { return content(path("out")).ends_with("end\n"); });
+  EXPECT_EQ(content(path("out")), "0027\n/usr\n20\n30\n3\na b\n%$\ninput\nend\n");
+}
+
+TEST_F(EmbeddedJobTest, ProgramHasNothingOfOurs) {
+  // Of ours, and not closed at an exec.
+  const FileDescriptor stray(::dup(STDERR_FILENO));
+  ::setenv("KEELD_SECRET", "x", 1);
+  Job job = shell("exec >" + path("out") +
+                  " 2>&1; ls /proc/$$/fd; grep -E '^Sig(Blk|Ign):' /proc/self/status; env | "
+                  "grep KEELD; echo end");
+  job.runAtLoad = true;
+  ::signal(SIGHUP, SIG_IGN);
+  begin(job);
+  ::signal(SIGHUP, SIG_DFL);
+  until([&] { return content(path("out")).ends_with("end\n"); });
+  EXPECT_EQ(content(path("out")), "0\n1\n2\n3\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\nend\n");
+  ::unsetenv("KEELD_SECRET");
+}
+
+TEST_F(EmbeddedJobTest, EndStopsTheProgramAndRemovesTheSockets) {
+  begin(shell("trap 'exit 0' TERM; echo start >>" + path("starts") + "; while :; do sleep 1000 & wait; done"));
+  const auto client = connect();
+  until([&] { return startCount() == 1; });
+  end();
+  EXPECT_FALSE(std::filesystem::exists(root_ + "/service"));
+}
+
+TEST_F(EmbeddedJobTest, ProgramThatDoesNotEndIsKilled) {
+  Job job = shell("trap '' TERM; echo start >>" + path("starts") + "; while :; do sleep 1000; done");
+  job.exitTimeOut = 2s;
+  begin(job);
+  const auto client = connect();
+  until([&] { return startCount() == 1; });
+  job_->end();
+  turn();
+  now_ += 2s;
+  until([&] { return !std::filesystem::exists(root_ + "/service"); });
+  job_.reset();
+}
+
+class EmbeddedSupervisorTest : public EmbeddedJobTest {
+ protected:
+  Value job(const char* label, const char* service) const {
+    return Value::map({{"Label", label},
+                       {"ProgramArguments", Value::list({"/bin/sh", "-c", "echo start >>" + path("starts")})},
+                       {"MachServices", Value::map({{service, true}})}});
+  }
+  std::string create(const Value& job) {
+    Error error;
+    return supervisor_.QZSupervisorCreateService(nullptr, job, &error) ? "" : error.description();
+  }
+  std::string set(const String& label, bool enabled) {
+    Error error;
+    return supervisor_.QZSupervisorSetServiceEnabled(nullptr, label, enabled, &error) ? "" : error.description();
+  }
+  bool isEnabled(const String& label) { return supervisor_.QZSupervisorGetServiceEnabled(nullptr, label, nullptr); }
+
+  EmbeddedSupervisor supervisor_{world()};
+};
+
+TEST_F(EmbeddedSupervisorTest, JobIsCreatedEnabledAndDisabled) {
+  EXPECT_FALSE(isEnabled("a"));
+  EXPECT_EQ(create(job("a", "service")), "");
+  EXPECT_FALSE(isEnabled("a"));
+  EXPECT_FALSE(std::filesystem::exists(path("service")));
+  EXPECT_EQ(set("a", true), "");
+  EXPECT_TRUE(isEnabled("a"));
+  EXPECT_TRUE(std::filesystem::exists(path("service")));
+  turn();
+  EXPECT_EQ(set("a", false), "");
+  EXPECT_FALSE(isEnabled("a"));
+  until([&] { return !std::filesystem::exists(path("service")); });
+}
+
+TEST_F(EmbeddedSupervisorTest, ServiceOfAnotherJobIsRefused) {
+  EXPECT_EQ(create(job("a", "service")), "");
+  EXPECT_THAT(create(job("b", "service")), HasSubstr("service is a service of the job a already"));
+  EXPECT_EQ(create(job("a", "other")), "");
+  EXPECT_EQ(create(job("b", "service")), "");
+}
+
+TEST_F(EmbeddedSupervisorTest, SocketThatCannotBeHadIsToldOf) {
+  std::filesystem::create_directory(path("service"));
+  EXPECT_EQ(create(job("a", "service")), "");
+  EXPECT_THAT(set("a", true), HasSubstr(path("service")));
+  EXPECT_FALSE(isEnabled("a"));
+}
+
+TEST_F(EmbeddedSupervisorTest, LabelsMakeSense) {
+  EXPECT_THAT(set(nullptr, true), HasSubstr("without a label"));
+  EXPECT_THAT(set("a", true), HasSubstr("there is no job a"));
+  EXPECT_THAT(create(Value::map({{"Label", "a"}})), HasSubstr("has neither"));
+  EXPECT_THAT(set("a", true), HasSubstr("has neither"));
+}
+
+}  // namespace
+}  // namespace keel

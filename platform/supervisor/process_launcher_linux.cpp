@@ -1,0 +1,349 @@
+// SPDX-License-Identifier: Apache-2.0
+// Between fork and exec the child is a copy of a process with many threads, of which it has only the one that forked: whatever
+// lock another held stays locked. So everything that allocates, or looks anything up, is done before (Preparation); the child
+// makes system calls alone, and tells through a pipe which of them failed. The pipe closes with the exec.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <grp.h>
+#include <linux/close_range.h>
+#include <linux/ioprio.h>
+#include <pwd.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "platform/supervisor/process_launcher.h"
+#include "platform/supervisor/supervisor_error.h"
+
+namespace keel {
+
+namespace {
+
+constexpr int kFirstPassed = 3;
+constexpr const char* kSearchPath = "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+constexpr std::size_t kAccountBytesLimit = 1u << 20;
+constexpr std::string_view kListenPid = "LISTEN_PID=";
+
+// What the child does, in this order.
+enum class Step : int {
+  session,
+  signals,
+  descriptors,
+  scheduling,
+  limits,
+  rootDirectory,
+  workingDirectory,
+  account,
+  death,
+  exec
+};
+constexpr std::array<const char*, 10> kStepTexts = {"begin a session",
+                                                    "reset its signals",
+                                                    "arrange its descriptors",
+                                                    "set its priority",
+                                                    "set its resource limits",
+                                                    "change to its root directory",
+                                                    "change to its working directory",
+                                                    "become its user",
+                                                    "end with keeld",
+                                                    "run its program"};
+struct Report {
+  Step step;
+  int problem;
+};
+
+struct Account {
+  uid_t uid = 0;
+  gid_t gid = 0;
+  std::vector<gid_t> groups = {0};
+  bool changes = false;
+};
+
+// All that the child needs.
+struct Preparation {
+  const Job* job = nullptr;
+  Account account;
+  std::array<FileDescriptor, 3> standard;
+  std::vector<int> sockets;
+  std::vector<std::string> variables;  // the last one is LISTEN_PID, with room for the number
+  std::vector<char*> environment;
+  std::vector<char*> arguments;
+  std::vector<int> moved;  // as many places as there are sockets
+  pid_t parent = -1;
+  int report = -1;
+};
+
+template <class Entry, class Find>
+std::expected<bool, int> lookUp(Entry& entry, std::vector<char>& buffer, Find find) {
+  for (buffer.resize(4096);; buffer.resize(buffer.size() * 2)) {
+    Entry* found = nullptr;
+    const int problem = find(&entry, buffer.data(), buffer.size(), &found);
+    if (problem == EINTR) continue;
+    if (problem == ERANGE && buffer.size() < kAccountBytesLimit) continue;
+    if (problem != 0 && problem != ENOENT && problem != ESRCH) return std::unexpected(problem);
+    return found != nullptr;
+  }
+}
+
+std::unexpected<Error> failure(const Job& job, int problem, const std::string& what) {
+  return std::unexpected(
+      supervisorError(problem, fmt::format("the job {} cannot be started: {}: {}", job.label, what, std::strerror(problem))));
+}
+
+std::expected<void, Error> findUser(const Job& job, Preparation& made) {
+  if (job.userName.empty()) return {};
+  passwd user{};
+  std::vector<char> buffer;
+  const auto found = lookUp(user, buffer, [&](passwd* entry, char* texts, std::size_t size, passwd** result) {
+    return ::getpwnam_r(job.userName.c_str(), entry, texts, size, result);
+  });
+  if (!found || !*found) return failure(job, found ? ESRCH : found.error(), "the user " + job.userName);
+  made.account.uid = user.pw_uid;
+  made.account.gid = user.pw_gid;
+  made.account.changes = true;
+  int count = 64;
+  do {
+    made.account.groups.resize(static_cast<std::size_t>(count));
+  } while (::getgrouplist(job.userName.c_str(), user.pw_gid, made.account.groups.data(), &count) < 0);
+  made.account.groups.resize(static_cast<std::size_t>(count));
+  for (const auto& [name, value] : {std::pair<const char*, const char*>{"USER", user.pw_name},
+                                    {"LOGNAME", user.pw_name},
+                                    {"HOME", user.pw_dir},
+                                    {"SHELL", user.pw_shell}}) {
+    made.variables.push_back(fmt::format("{}={}", name, value));
+  }
+  return {};
+}
+
+std::expected<void, Error> findGroup(const Job& job, Preparation& made) {
+  if (job.groupName.empty()) return {};
+  group found{};
+  std::vector<char> buffer;
+  const auto exists = lookUp(found, buffer, [&](group* entry, char* texts, std::size_t size, group** result) {
+    return ::getgrnam_r(job.groupName.c_str(), entry, texts, size, result);
+  });
+  if (!exists || !*exists) return failure(job, exists ? ESRCH : exists.error(), "the group " + job.groupName);
+  made.account.gid = found.gr_gid;
+  made.account.changes = true;
+  return {};
+}
+
+// Nobody waits for the other end of a named pipe here.
+std::expected<FileDescriptor, Error> opened(const Job& job, const std::string& path, int flags) {
+  FileDescriptor file(::open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
+  if (!file || ::fcntl(file.get(), F_SETFL, flags & O_APPEND) != 0) return failure(job, errno, "open " + path);
+  return file;
+}
+
+std::expected<void, Error> openStandard(const Job& job, Preparation& made) {
+  constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND;
+  auto input = opened(job, job.standardInPath.empty() ? "/dev/null" : job.standardInPath, O_RDONLY);
+  if (!input) return std::unexpected(input.error());
+  made.standard[0] = std::move(*input);
+  const std::array<const std::string*, 2> paths = {&job.standardOutPath, &job.standardErrorPath};
+  for (std::size_t place = 0; place < paths.size(); ++place) {
+    if (paths[place]->empty()) {
+      FileDescriptor copy(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, kFirstPassed));
+      if (!copy) return failure(job, errno, "keeld's standard error");
+      made.standard[place + 1] = std::move(copy);
+      continue;
+    }
+    auto output = opened(job, *paths[place], kAppend);
+    if (!output) return std::unexpected(output.error());
+    made.standard[place + 1] = std::move(*output);
+  }
+  return {};
+}
+
+void fillEnvironment(const Job& job, const std::vector<NamedSocket>& sockets, Preparation& made) {
+  made.variables.emplace_back(kSearchPath);
+  for (const auto& [name, value] : job.environment) {
+    // The job's own value takes the place of ours.
+    const std::string beginning = name + "=";
+    std::erase_if(made.variables, [&](const std::string& variable) { return variable.starts_with(beginning); });
+    made.variables.push_back(beginning + value);
+  }
+  if (!sockets.empty()) {
+    std::string names;
+    for (const NamedSocket& socket : sockets) names += (names.empty() ? "" : ":") + socket.name;
+    made.variables.push_back(fmt::format("LISTEN_FDS={}", sockets.size()));
+    made.variables.push_back("LISTEN_FDNAMES=" + names);
+    // Room for any process id, and the NUL behind it.
+    made.variables.push_back(std::string(kListenPid) + std::string(16, '\0'));
+  }
+  for (std::string& variable : made.variables) made.environment.push_back(variable.data());
+  made.environment.push_back(nullptr);
+}
+
+std::expected<void, Error> prepare(const Job& job, const std::vector<NamedSocket>& sockets, Preparation& made) {
+  made.job = &job;
+  made.parent = ::getpid();
+  if (auto found = findUser(job, made); !found) return found;
+  if (auto found = findGroup(job, made); !found) return found;
+  if (auto open = openStandard(job, made); !open) return open;
+  for (const NamedSocket& socket : sockets) {
+    made.sockets.push_back(socket.descriptor);
+    // The program may well accept in a loop; keeld itself never accepts.
+    ::fcntl(socket.descriptor, F_SETFL, ::fcntl(socket.descriptor, F_GETFL) & ~O_NONBLOCK);
+  }
+  made.moved.resize(sockets.size());
+  fillEnvironment(job, sockets, made);
+  for (const std::string& argument : job.arguments) made.arguments.push_back(const_cast<char*>(argument.c_str()));
+  made.arguments.push_back(nullptr);
+  return {};
+}
+
+// ---- in the child: system calls alone -------------------------------------------------------------------------------------
+
+bool resetSignals() {
+  struct sigaction standard{};
+  standard.sa_handler = SIG_DFL;
+  // Those that cannot be set are as they should be.
+  for (int signal = 1; signal < NSIG; ++signal) ::sigaction(signal, &standard, nullptr);
+  sigset_t none;
+  return ::sigemptyset(&none) == 0 && ::sigprocmask(SIG_SETMASK, &none, nullptr) == 0;
+}
+
+// Out of one another's way first: a number that is wanted for one may be in use by another.
+bool arrangeDescriptors(Preparation& made) {
+  const int count = static_cast<int>(made.sockets.size());
+  const int free = kFirstPassed + count;
+  made.report = ::fcntl(made.report, F_DUPFD_CLOEXEC, free);
+  if (made.report < 0) return false;
+  std::array<int, 3> standard{};
+  for (std::size_t place = 0; place < standard.size(); ++place) {
+    standard[place] = ::fcntl(made.standard[place].get(), F_DUPFD_CLOEXEC, free);
+    if (standard[place] < 0) return false;
+  }
+  for (std::size_t place = 0; place < made.sockets.size(); ++place) {
+    made.moved[place] = ::fcntl(made.sockets[place], F_DUPFD_CLOEXEC, free);
+    if (made.moved[place] < 0) return false;
+  }
+  for (int number = 0; number < 3; ++number) {
+    if (::dup2(standard[static_cast<std::size_t>(number)], number) < 0) return false;
+  }
+  for (int place = 0; place < count; ++place) {
+    if (::dup2(made.moved[static_cast<std::size_t>(place)], kFirstPassed + place) < 0) return false;
+  }
+  return ::syscall(SYS_close_range, static_cast<unsigned>(free), ~0U, CLOSE_RANGE_CLOEXEC) == 0;
+}
+
+bool schedule(const Job& job) {
+  if (job.nice && ::setpriority(PRIO_PROCESS, 0, *job.nice) != 0) return false;
+  const sched_param parameters{};
+  if (job.background && ::sched_setscheduler(0, SCHED_BATCH, &parameters) != 0) return false;
+  if (!job.background && !job.lowPriorityIO) return true;
+  return ::syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 7)) == 0;
+}
+
+bool limit(const Job& job) {
+  if (job.umask) ::umask(*job.umask);
+  for (const Job::Limit& each : job.limits) {
+    const rlimit bounds{each.soft, each.hard};
+    if (::setrlimit(static_cast<__rlimit_resource_t>(each.resource), &bounds) != 0) return false;
+  }
+  return true;
+}
+
+bool become(const Account& account) {
+  if (!account.changes) return true;
+  return ::setgroups(account.groups.size(), account.groups.data()) == 0 &&
+         ::setresgid(account.gid, account.gid, account.gid) == 0 && ::setresuid(account.uid, account.uid, account.uid) == 0;
+}
+
+// A change of the user would undo it, so it comes last.
+bool endWithParent(pid_t parent) {
+  return ::prctl(PR_SET_PDEATHSIG, SIGTERM) == 0 && ::getppid() == parent;
+}
+
+void writeOwnProcessId(Preparation& made) {
+  if (made.sockets.empty()) return;
+  std::array<char, 16> digits{};
+  std::size_t count = 0;
+  for (auto number = static_cast<unsigned>(::getpid()); number != 0; number /= 10) {
+    digits[count++] = static_cast<char>('0' + number % 10);
+  }
+  char* place = made.variables.back().data() + kListenPid.size();
+  while (count > 0) *place++ = digits[--count];
+}
+
+[[noreturn]] void runChild(Preparation& made) {
+  const Job& job = *made.job;
+  Step step = Step::session;
+  const auto taken = [&step](Step next, bool worked) {
+    if (worked) step = next;
+    return worked;
+  };
+  const auto enter = [](const std::string& directory, int (*change)(const char*)) {
+    return directory.empty() || change(directory.c_str()) == 0;
+  };
+  if (taken(Step::signals, ::setsid() >= 0) && taken(Step::descriptors, resetSignals()) &&
+      taken(Step::scheduling, arrangeDescriptors(made)) && taken(Step::limits, schedule(job)) &&
+      taken(Step::rootDirectory, limit(job)) && taken(Step::workingDirectory, enter(job.rootDirectory, &::chroot)) &&
+      taken(Step::account, ::chdir(job.workingDirectory.empty() ? "/" : job.workingDirectory.c_str()) == 0) &&
+      taken(Step::death, become(made.account)) && taken(Step::exec, endWithParent(made.parent))) {
+    writeOwnProcessId(made);
+    ::execve(job.program.c_str(), made.arguments.data(), made.environment.data());
+  }
+  const Report report{step, errno};
+  // Nobody to tell when that fails, too.
+  [[maybe_unused]] const ssize_t written = ::write(made.report, &report, sizeof(report));
+  ::_exit(127);
+}
+
+// ---- in the parent --------------------------------------------------------------------------------------------------------
+
+std::optional<Report> reportOf(int pipe) {
+  Report report{};
+  ssize_t count = 0;
+  do {
+    count = ::read(pipe, &report, sizeof(report));
+  } while (count < 0 && errno == EINTR);
+  if (count != sizeof(report)) return std::nullopt;
+  return report;
+}
+
+}  // namespace
+
+std::expected<LaunchedProcess, Error> launch(const Job& job, const std::vector<NamedSocket>& sockets) {
+  Preparation made;
+  if (auto prepared = prepare(job, sockets, made); !prepared) return std::unexpected(prepared.error());
+  std::array<int, 2> ends{};
+  if (::pipe2(ends.data(), O_CLOEXEC) != 0) return failure(job, errno, "a pipe");
+  const FileDescriptor reading(ends[0]);
+  FileDescriptor writing(ends[1]);
+  made.report = writing.get();
+
+  const pid_t pid = ::fork();
+  if (pid == 0) runChild(made);
+  if (pid < 0) return failure(job, errno, "a new process");
+  writing.reset();
+  if (const auto report = reportOf(reading.get())) {
+    ::waitpid(pid, nullptr, 0);
+    const char* step = kStepTexts[static_cast<std::size_t>(report->step)];
+    return failure(job, report->problem, report->step == Step::exec ? fmt::format("{} {}", step, job.program) : step);
+  }
+  // Nobody else reaps our children, so that the number is still this one's.
+  FileDescriptor pidfd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+  if (!pidfd) {
+    const int problem = errno;
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+    return failure(job, problem, "watch its process");
+  }
+  return LaunchedProcess{pid, std::move(pidfd)};
+}
+
+}  // namespace keel

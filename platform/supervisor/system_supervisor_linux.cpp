@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <systemd/sd-daemon.h>
+
+#include "platform/dispatch/system.h"
+#include "platform/dispatch/worker_pool.h"
+#include "platform/product/product.h"
+#include "platform/supervisor/embedded_supervisor.h"
+#include "platform/supervisor/systemd_supervisor.h"
+
+namespace keel {
+
+namespace {
+
+Supervisor* makeSupervisor() {
+  if (sd_booted() > 0) return new SystemdSupervisor(connectSystemManager(), UnitStore());
+  return new EmbeddedSupervisor({.serviceDirectory = kServiceDirectory,
+                                 .reactor = ioReactor(),
+                                 .workers = SerialQueue::create("KLNJobQueue", globalQueue()),
+                                 .records = std::make_shared<JobRecords>(kServiceDirectory)});
+}
+
+}  // namespace
+
+// Never destroyed: its jobs use it while the process ends.
+Supervisor& systemSupervisor() {
+  static Supervisor* const supervisor = makeSupervisor();
+  return *supervisor;
+}
+
+}  // namespace keel

@@ -1,0 +1,170 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""Jobs where no systemd runs, and where one seems to run that is of no use."""
+
+import os
+import plistlib
+import re
+import select
+import shutil
+import socket
+import threading
+
+import keel_host
+from keel_client import HANG_GUARD
+from keel_host import BUNDLES, DaemonTest, remove
+from keel_jobs import Caller, ask, telling_job
+
+CANNOT_LOAD = re.compile("loadAllModules: can't load module at .*")
+ENABLING_FAILED = re.compile("loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns .*")
+
+
+class JobsTest(DaemonTest):
+    def setUp(self):
+        self.daemons = []
+        remove(BUNDLES.rstrip("/"))
+
+    def bundle(self, name, *services, **more):
+        folder = f"{BUNDLES}keel_{name}.bundle"
+        os.makedirs(folder)
+        with open(f"{folder}/launchd.plist", "wb") as file:
+            plistlib.dump(telling_job(f"com.e.{name}", *(services or (f"com.e.{name}",)), **more), file, sort_keys=False)
+
+    def table(self):
+        return self.client().module_table()
+
+
+class Embedded(JobsTest):
+    def test_is_started_by_its_first_client_and_handed_its_sockets(self):
+        words = ["a b", "%n $HOME ;\"'\\\n\t", "", "ü"]
+        self.bundle("first", "com.e.first.a", "com.e.first.b", arguments=words, EnvironmentVariables={"A": "%n $X \"\n\\"},
+                    WorkingDirectory="/usr", Nice=3)
+        self.daemon = self.start()
+        self.assertEqual(self.table(), {"keel_first": "com.e.first.a"})
+        told = ask("com.e.first.a")
+        self.assertEqual(told["arguments"][2:], words)
+        self.assertEqual(told["names"], ["com.e.first.a", "com.e.first.b"])
+        environment = told["environment"]
+        self.assertEqual((environment["LISTEN_FDS"], environment["LISTEN_PID"]), ("2", str(told["pid"])))
+        self.assertEqual(environment["A"], "%n $X \"\n\\")
+        self.assertNotIn("KEELD_LOG", environment)
+        self.assertEqual((told["uid"], told["directory"], told["nice"]), (0, "/usr", 3))
+
+    def test_runs_as_its_user(self):
+        self.bundle("user", UserName="nobody")
+        self.daemon = self.start()
+        told = ask("com.e.user")
+        self.assertEqual((told["uid"], told["groups"], told["environment"]["USER"]), (65534, [65534], "nobody"))
+
+    def test_is_started_again_after_it_has_ended(self):
+        self.bundle("again")
+        self.daemon = self.start()
+        first = ask("com.e.again")
+        self.daemon.wait_for_log("the job com.e.again ended with status 0")
+        self.assertNotEqual(ask("com.e.again")["pid"], first["pid"])
+
+    def test_that_crashes_at_once_is_paused(self):
+        self.bundle("crash", ThrottleInterval=3600)
+        path = f"{BUNDLES}keel_crash.bundle/launchd.plist"
+        with open(path, "rb") as file:
+            job = plistlib.load(file)
+        job["ProgramArguments"] = ["/bin/sh", "-c", "kill -SEGV $$"]
+        with open(path, "wb") as file:
+            plistlib.dump(job, file)
+        self.daemon = self.start()
+        caller = Caller("com.e.crash")
+        self.addCleanup(caller.close)
+        self.daemon.wait_for_log(re.compile(r"the job com.e.crash was ended by signal 11 .*"), level="error")
+
+    def test_ends_with_keeld_however_that_ends(self):
+        self.bundle("end")
+        for end in (lambda daemon: daemon.stop(), lambda daemon: daemon.kill()):
+            self.daemon = self.start()
+            caller = Caller("com.e.end")
+            pid = caller.told()["pid"]
+            watched = os.pidfd_open(pid)
+            end(self.daemon)
+            select.select([watched], [], [], HANG_GUARD)[0] or self.fail('it lives on')
+            os.close(watched)
+            caller.close()
+
+    def test_does_not_hold_up_the_others(self):
+        """A program that cannot be started, and one that is slow to do so, are the business of a worker."""
+        self.bundle("good")
+        self.bundle("bad", UserName="nobody-of-that-name")
+        self.daemon = self.start()
+        caller = Caller("com.e.bad")
+        self.addCleanup(caller.close)
+        self.daemon.wait_for_log(re.compile("the job com.e.bad cannot be started: the user nobody-of-that-name: .*"))
+        self.assertIsNotNone(ask("com.e.good"))
+
+
+class UselessSystemd(JobsTest):
+    """Something that looks like a systemd, and does not answer as one."""
+
+    SOCKET = "/run/systemd/private"
+
+    def setUp(self):
+        super().setUp()
+        os.makedirs("/run/systemd/system")
+        self.addCleanup(shutil.rmtree, "/run/systemd")
+        self.bundle("x")
+        self.bundle("y")
+
+    def systemd(self, serve):
+        listener = socket.socket(socket.AF_UNIX)
+        listener.bind(self.SOCKET)
+        listener.listen()
+        self.addCleanup(listener.close)
+        if serve:
+            threading.Thread(target=serve, args=(listener,), daemon=True).start()
+
+    def assertStartsWithoutModules(self, why):
+        self.daemon = self.start()
+        self.assertEqual(self.table(), {})
+        self.assertEqual(len(self.daemon.logged(CANNOT_LOAD, "error")), 2)
+        failures = self.daemon.logged(ENABLING_FAILED, "error")
+        self.assertEqual(len(failures), 2)
+        for failure in failures:
+            self.assertRegex(failure.text, why)
+
+    def test_that_is_absent(self):
+        self.assertStartsWithoutModules("systemd cannot be reached")
+
+    def test_that_does_not_answer(self):
+        self.systemd(None)
+        self.assertStartsWithoutModules("systemd cannot be reached|did not answer before")
+
+    def test_that_hangs_up(self):
+        def serve(listener):
+            while True:
+                listener.accept()[0].close()
+
+        self.systemd(serve)
+        self.assertStartsWithoutModules("systemd cannot be reached")
+
+    def test_that_dies_in_the_middle(self):
+        def serve(listener):
+            while True:
+                client, _ = listener.accept()
+                client.recv(1 << 16)
+                client.sendall(b"OK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n")
+                client.recv(1 << 16)
+                client.close()
+
+        self.systemd(serve)
+        self.assertStartsWithoutModules("systemd")
+
+    def test_that_talks_nonsense(self):
+        def serve(listener):
+            while True:
+                client, _ = listener.accept()
+                client.recv(1 << 16)
+                client.sendall(b"\0" * 1000)
+
+        self.systemd(serve)
+        self.assertStartsWithoutModules("systemd cannot be reached|did not answer before")
+
+
+if __name__ == "__main__":
+    keel_host.main()

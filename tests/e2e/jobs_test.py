@@ -1,0 +1,308 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""Jobs as units of a real systemd, which is process 1 of the private host; and keeld as one of its services."""
+
+import os
+import plistlib
+import re
+import shutil
+import signal
+import subprocess
+import unittest
+
+import keel_host
+from keel_client import AUTH, DIRECTORY, NOTIFY
+from keel_host import BUNDLES, DaemonTest, remove
+from keel_jobs import PYTHON, Caller, SpyBus, Supervisor, ask, telling_job
+
+RUNTIME, PERSISTENT = "/run/systemd/system", "/etc/systemd/system"
+PACKAGING = os.path.join(os.path.dirname(__file__), "../../packaging/systemd")
+
+
+def systemctl(*words, check=True):
+    return subprocess.run(["systemctl", *words], check=check, capture_output=True, text=True).stdout.strip()
+
+
+def state_of(unit):
+    return systemctl("show", "--property=ActiveState", "--value", unit)
+
+
+class JobTest(unittest.TestCase):
+    def setUp(self):
+        self.supervisor = self.make_supervisor()
+
+    def make_supervisor(self, **environment):
+        supervisor = Supervisor(**environment)
+        self.addCleanup(supervisor.close)
+        return supervisor
+
+    def assertDone(self, outcome):
+        self.assertEqual(outcome, (True, None))
+
+    def assertRefused(self, outcome, text):
+        self.assertFalse(outcome[0])
+        self.assertIn(text, outcome[1])
+
+    def enable(self, job):
+        self.assertDone(self.supervisor.create(job))
+        self.assertDone(self.supervisor.set_enabled(job["Label"]))
+        self.assertDone(self.supervisor.is_enabled(job["Label"]))
+
+
+class Jobs(JobTest):
+    def test_is_started_by_its_first_client_and_handed_its_sockets(self):
+        words = ["a b", "%n $HOME ${HOME} ;\"'\\\n\t", ";", "", "ü"]
+        self.assertEqual(self.supervisor.is_enabled("com.t.first"), (False, None))
+        self.enable(telling_job("com.t.first", "com.t.first.a", "com.t.first.b", arguments=words,
+                                EnvironmentVariables={"A": "%n $X \"\n\\"}, WorkingDirectory="/usr", Nice=3))
+        self.assertEqual(state_of("com.t.first.service"), "inactive")
+        told = ask("com.t.first.a")
+        self.assertEqual(told["arguments"], ["-c", "com.t.first.a", *words])
+        self.assertEqual(told["names"], ["com.t.first.a", "com.t.first.b"])
+        environment = told["environment"]
+        self.assertEqual((environment["LISTEN_FDS"], environment["LISTEN_PID"]), ("2", str(told["pid"])))
+        self.assertEqual(environment["A"], "%n $X \"\n\\")
+        self.assertEqual((told["uid"], told["directory"], told["nice"]), (0, "/usr", 3))
+
+    def test_is_started_again_after_it_has_ended(self):
+        self.enable(telling_job("com.t.again", "com.t.again"))
+        self.assertNotEqual(ask("com.t.again")["pid"], ask("com.t.again")["pid"])
+
+    def test_runs_as_its_user(self):
+        self.enable(telling_job("com.t.user", "com.t.user", UserName="daemon"))
+        told = ask("com.t.user")
+        self.assertEqual((told["uid"], told["environment"]["USER"]), (1, "daemon"))
+
+    def test_that_is_enabled_costs_the_next_keeld_one_question(self):
+        self.enable(telling_job("com.t.cost", "com.t.cost.a", "com.t.cost.b"))
+        spy = SpyBus()
+        self.addCleanup(spy.close)
+        other = self.make_supervisor(**spy.environment)
+        self.assertDone(other.is_enabled("com.t.cost"))
+        self.assertEqual(spy.take(), ["GetUnitFileState"])
+        # And a new one is made without reading all units anew.
+        self.assertDone(other.create(telling_job("com.t.new", "com.t.new")))
+        self.assertDone(other.set_enabled("com.t.new"))
+        self.assertEqual(spy.take(), ["UnitPath", "StartUnit", "EnableUnitFiles"])
+
+    def test_that_changed_gets_what_is_new(self):
+        self.enable(telling_job("com.t.change", "com.t.change", arguments=["old"]))
+        self.assertEqual(ask("com.t.change")["arguments"][-1], "old")
+        self.enable(telling_job("com.t.change", "com.t.change", arguments=["new"]))
+        self.assertEqual(ask("com.t.change")["arguments"][-1], "new")
+
+    def test_is_disabled(self):
+        self.enable(telling_job("com.t.off", "com.t.off"))
+        self.assertDone(self.supervisor.set_enabled("com.t.off", False))
+        self.assertEqual(self.supervisor.is_enabled("com.t.off"), (False, None))
+        with self.assertRaises(FileNotFoundError):
+            # The socket goes with its unit, which is stopped before this is answered.
+            systemctl("stop", "com.t.off.socket")
+            ask("com.t.off")
+        self.enable(telling_job("com.t.off", "com.t.off"))
+        self.assertIsNotNone(ask("com.t.off"))
+
+    def test_that_lasts_is_in_etc(self):
+        job = telling_job("com.t.lasting", "com.t.lasting")
+        del job["Transient"]
+        self.enable(job)
+        self.addCleanup(systemctl, "disable", "--now", "com.t.lasting.socket")
+        self.assertTrue(os.path.exists(f"{PERSISTENT}/com.t.lasting.service"))
+        self.assertEqual(systemctl("is-enabled", "com.t.lasting.socket"), "enabled")
+        self.assertIsNotNone(ask("com.t.lasting"))
+
+    def test_runs_from_the_beginning_when_it_says_so(self):
+        self.enable(telling_job("com.t.load", "com.t.load", RunAtLoad=True))
+        caller = Caller("com.t.load")
+        self.addCleanup(caller.close)
+        self.assertIsNotNone(caller.told())
+        self.assertEqual(state_of("com.t.load.service"), "active")
+
+    def test_that_crashes_at_once_keeps_its_socket(self):
+        job = telling_job("com.t.crash", "com.t.crash", ThrottleInterval=3600)
+        job["ProgramArguments"] = ["/bin/sh", "-c", "kill -SEGV $$"]
+        self.enable(job)
+        caller = Caller("com.t.crash")
+        self.addCleanup(caller.close)
+        # It is paused now, and its client still waits.
+        while systemctl("show", "--property=SubState", "--value", "com.t.crash.service") != "auto-restart":
+            pass
+        self.assertEqual(state_of("com.t.crash.socket"), "active")
+
+
+class Nasty(JobTest):
+    def test_labels_lead_nowhere_else(self):
+        before = set(os.listdir("/etc"))
+        for number, label in enumerate(["../../etc/x", "a b%n$HOME\n[Service]\nExecStart=/bin/false", "@x", "-x", ".hidden", "ü",
+                                        "a:2", "x.service", "\\", "'\""]):
+            with self.subTest(label):
+                service = f"com.t.nasty{number}"
+                self.enable(telling_job(label, service))
+                self.assertIsNotNone(ask(service))
+        self.assertEqual(set(os.listdir("/etc")), before)
+
+    def test_labels_that_no_unit_can_have_are_refused(self):
+        for label in ("", "x" * (1 << 20), "/" * 100):
+            self.assertRefused(self.supervisor.create(telling_job(label, "com.t.no")), "label")
+            self.assertRefused(self.supervisor.set_enabled(label), "label")
+            self.assertRefused(self.supervisor.is_enabled(label), "label")
+
+    def test_units_of_others_are_left_alone(self):
+        for label in ("dbus", "systemd-journald", "dbus-org.freedesktop.login1"):
+            self.assertRefused(self.supervisor.create(telling_job(label, "com.t.no")), "is there already")
+            self.assertRefused(self.supervisor.set_enabled(label), "is there already")
+            self.assertEqual(self.supervisor.is_enabled(label), (False, None))
+        self.assertFalse(os.path.exists(f"{RUNTIME}/dbus.service"))
+
+    def test_masked_unit_stays_masked(self):
+        systemctl("mask", "com.t.masked.socket")
+        self.addCleanup(systemctl, "unmask", "com.t.masked.socket")
+        self.assertRefused(self.supervisor.create(telling_job("com.t.masked", "com.t.masked")), "is there already")
+        self.assertFalse(os.path.exists(f"{RUNTIME}/com.t.masked.service"))
+
+    def test_service_of_keeld_or_of_another_job_is_refused(self):
+        self.enable(telling_job("com.t.owner", "com.t.owned"))
+        self.assertRefused(self.supervisor.create(telling_job("com.t.thief", "com.t.owned")), "com.t.owner")
+        self.assertRefused(self.supervisor.create(telling_job("com.t.thief", NOTIFY)), "keeld's own service")
+        self.assertRefused(self.supervisor.create(telling_job("com.t.thief", AUTH)), "keeld's own service")
+
+    def test_systemd_finds_no_fault_with_the_units(self):
+        job = telling_job("com.t.all", "com.t%all", arguments=["%n\n$\\\""], RunAtLoad=True,
+                          KeepAlive={"SuccessfulExit": False}, UserName="daemon", GroupName="daemon", Umask=0o27,
+                          EnvironmentVariables={"A": "\n%"}, StandardOutPath="/var/log/%n x", StandardErrorPath="/dev/null",
+                          StandardInPath="/dev/null", WorkingDirectory="/usr", ThrottleInterval=3, ExitTimeOut=0, Nice=-3,
+                          ProcessType="Background", AbandonProcessGroup=True,
+                          SoftResourceLimits={"NumberOfFiles": 10, "Core": 0, "CPU": 1, "Data": 1 << 30, "FileSize": 1,
+                                              "MemoryLock": 1, "NumberOfProcesses": 1, "ResidentSetSize": 1, "Stack": 1 << 20})
+        self.assertDone(self.supervisor.create(job))
+        units = [name for name in os.listdir(RUNTIME) if name.startswith("com.t.all")]
+        self.assertEqual(len(units), 2)
+        verified = subprocess.run(["systemd-analyze", "verify", *(f"{RUNTIME}/{unit}" for unit in units)], capture_output=True, text=True)
+        self.assertEqual((verified.returncode, verified.stderr), (0, ""))
+
+
+class Trouble(JobTest):
+    """With a systemd, or a bus, that does not do what it should."""
+
+    def freeze(self, *, frozen):
+        with open("/sys/fs/cgroup/init.scope/cgroup.freeze", "w") as file:
+            file.write("1" if frozen else "0")
+        with open("/sys/fs/cgroup/init.scope/cgroup.events") as events:
+            while f"frozen {int(frozen)}" not in events.read():
+                events.seek(0)
+
+    def test_systemd_that_does_not_answer_is_waited_for_once(self):
+        self.enable(telling_job("com.t.slow", "com.t.slow"))
+        other = self.make_supervisor()
+        self.freeze(frozen=True)
+        self.addCleanup(self.freeze, frozen=False)
+        self.assertRefused(other.is_enabled("com.t.slow"), "cannot be reached")
+        for _ in range(100):
+            self.assertRefused(other.is_enabled("com.t.slow"), "did not answer before")
+        self.freeze(frozen=False)
+        self.assertDone(self.supervisor.is_enabled("com.t.slow"))
+
+    def test_bus_that_does_not_answer_is_gone_around(self):
+        self.enable(telling_job("com.t.busless", "com.t.busless"))
+        bus = int(systemctl("show", "--property=MainPID", "--value", "dbus.service"))
+        os.kill(bus, signal.SIGSTOP)
+        try:
+            self.assertDone(self.make_supervisor().is_enabled("com.t.busless"))
+        finally:
+            os.kill(bus, signal.SIGCONT)
+
+    def test_bus_that_is_not_there_is_gone_around(self):
+        other = self.make_supervisor(DBUS_SYSTEM_BUS_ADDRESS="unix:path=/run/missing")
+        self.assertDone(other.create(telling_job("com.t.direct", "com.t.direct")))
+        self.assertDone(other.set_enabled("com.t.direct"))
+        self.assertDone(other.is_enabled("com.t.direct"))
+        self.assertIsNotNone(ask("com.t.direct"))
+
+    def test_systemd_that_starts_anew_is_asked_again(self):
+        self.enable(telling_job("com.t.reexec", "com.t.reexec"))
+        other = self.make_supervisor(DBUS_SYSTEM_BUS_ADDRESS="unix:path=/run/missing")
+        self.assertDone(other.is_enabled("com.t.reexec"))
+        systemctl("daemon-reexec")
+        self.assertDone(other.is_enabled("com.t.reexec"))
+        self.assertDone(self.supervisor.is_enabled("com.t.reexec"))
+
+    def test_folder_that_cannot_be_written_is_told_of(self):
+        subprocess.run(["mount", "--bind", RUNTIME, RUNTIME], check=True)
+        subprocess.run(["mount", "-o", "remount,bind,ro", RUNTIME], check=True)
+        try:
+            self.assertRefused(self.supervisor.create(telling_job("com.t.ro", "com.t.ro")), "Read-only file system")
+            self.assertRefused(self.supervisor.set_enabled("com.t.ro"), "Read-only file system")
+        finally:
+            subprocess.run(["umount", RUNTIME], check=True)
+
+    def test_socket_that_cannot_be_made_leaves_the_job_disabled(self):
+        os.makedirs(f"{DIRECTORY}/com.t.blocked/inside")
+        self.addCleanup(shutil.rmtree, f"{DIRECTORY}/com.t.blocked")
+        self.assertDone(self.supervisor.create(telling_job("com.t.blocked", "com.t.blocked")))
+        self.assertRefused(self.supervisor.set_enabled("com.t.blocked"), "com.t.blocked.socket did not start")
+        self.assertEqual(self.supervisor.is_enabled("com.t.blocked"), (False, None))
+
+
+class WithKeeld(DaemonTest):
+    def setUp(self):
+        self.daemons = []
+        remove(BUNDLES.rstrip("/"))
+
+    def bundle(self, name, **more):
+        folder = f"{BUNDLES}keel_{name}.bundle"
+        os.makedirs(folder)
+        with open(f"{folder}/launchd.plist", "wb") as file:
+            plistlib.dump(telling_job(f"com.k.{name}", f"com.k.{name}", **more), file, sort_keys=False)
+
+    def loaded(self, daemon):
+        return [line.text.rpartition("/")[2] for line in daemon.log if line.text.startswith("loadAllModules: loaded ")]
+
+    def test_modules_outlive_it_and_are_found_again(self):
+        self.bundle("one")
+        self.bundle("two")
+        first = self.start()
+        self.assertCountEqual(self.loaded(first), ["keel_one.bundle", "keel_two.bundle"])
+        self.assertEqual(self.client().module_table(), {"keel_one": "com.k.one", "keel_two": "com.k.two"})
+        first.stop()
+        self.assertIsNotNone(ask("com.k.one"))
+        second = self.start()
+        self.assertCountEqual(self.loaded(second), ["keel_one.bundle", "keel_two.bundle"])
+        self.assertEqual(second.logged(re.compile(".*is not enabled ")), [])
+
+    def test_starts_when_systemd_does_not_answer(self):
+        self.bundle("frozen")
+        Trouble.freeze(self, frozen=True)
+        try:
+            daemon = self.start()
+        finally:
+            Trouble.freeze(self, frozen=False)
+        self.assertEqual(self.loaded(daemon), [])
+        self.assertEqual(len(daemon.logged(re.compile("loadAllModules: can't load module at .*keel_frozen.bundle"), "error")), 1)
+        self.assertTrue(daemon.logged(re.compile("loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns .*"), "error"))
+        self.assertEqual(self.client().module_table(), {})
+
+    def test_is_a_service_that_makes_its_modules_while_it_is_being_started(self):
+        self.bundle("a")
+        self.bundle("b", RunAtLoad=True)
+        os.makedirs("/private/var", exist_ok=True)
+        shutil.copy(keel_host.keeld, "/usr/sbin/keeld")
+        for unit in ("keeld.service", "keeld-auth.socket", "keeld-notify.socket"):
+            shutil.copy(f"{PACKAGING}/{unit}", PERSISTENT)
+        systemctl("daemon-reload")
+        paths = [f"{PERSISTENT}/{unit}" for unit in ("keeld.service", "keeld-auth.socket", "keeld-notify.socket")]
+        verified = subprocess.run(["systemd-analyze", "verify", "--man=no", *paths], capture_output=True, text=True)
+        self.assertEqual((verified.returncode, verified.stderr), (0, ""))
+        self.addCleanup(systemctl, "stop", "keeld.service", "keeld-auth.socket", "keeld-notify.socket")
+        systemctl("start", "keeld-auth.socket", "keeld-notify.socket", "keeld.service")
+        self.assertEqual(state_of("keeld.service"), "active")
+        # It is ready, and so are they.
+        self.assertEqual(self.client().module_table(), {"keel_a": "com.k.a", "keel_b": "com.k.b"})
+        self.assertIsNotNone(ask("com.k.a"))
+        systemctl("restart", "keeld.service")
+        self.assertEqual(self.client().module_table(), {"keel_a": "com.k.a", "keel_b": "com.k.b"})
+        systemctl("stop", "keeld.service", "keeld-auth.socket", "keeld-notify.socket")
+        self.assertIsNotNone(ask("com.k.a"))
+
+
+if __name__ == "__main__":
+    keel_host.main()

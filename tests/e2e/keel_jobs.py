@@ -1,0 +1,131 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Jobs for the tests of the service managers: a program that tells what it was given, and a way to call the supervisor alone."""
+
+import json
+import os
+import re
+import socket
+import subprocess
+import sys
+import threading
+
+from keel_client import DIRECTORY, HANG_GUARD
+
+PYTHON = "/usr/bin/python3"
+
+# Serves one client of the service that its first argument names, tells it what it knows of itself, waits until the client has
+# gone, and ends.
+TELL = """
+import json, os, socket, sys
+names = os.environ["LISTEN_FDNAMES"].split(":")
+client, _ = socket.socket(fileno=3 + names.index(sys.argv[1])).accept()
+told = {"arguments": sys.argv, "environment": dict(os.environ), "pid": os.getpid(), "names": sorted(names), "uid": os.getuid(),
+        "groups": os.getgroups(), "directory": os.getcwd(), "nice": os.nice(0)}
+client.sendall(json.dumps(told).encode() + b"\\n")
+client.recv(1)
+"""
+
+
+def telling_job(label, *services, arguments=(), **more):
+    program = [PYTHON, "-c", TELL, services[0], *arguments]
+    return {"Label": label, "ProgramArguments": program, "MachServices": {service: True for service in services},
+            "Transient": True, **more}
+
+
+class Caller:
+    """A connection to a job's service."""
+
+    def __init__(self, service):
+        self._socket = socket.socket(socket.AF_UNIX)
+        self._socket.settimeout(HANG_GUARD)
+        self._socket.connect(f"{DIRECTORY}/{service}")
+
+    def told(self):
+        """What the program says; None when it went without a word."""
+        try:
+            line = self._socket.makefile("rb").readline()
+        except ConnectionResetError:
+            return None
+        return json.loads(line) if line else None
+
+    def close(self):
+        self._socket.close()
+
+
+def ask(service):
+    caller = Caller(service)
+    try:
+        return caller.told()
+    finally:
+        caller.close()
+
+
+class Supervisor:
+    """A process that calls the supervisor of this system, without a keeld."""
+
+    def __init__(self, **environment):
+        self._process = subprocess.Popen(
+            [next(word for word in sys.argv if word.endswith("supervisor_driver"))],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+            env={**os.environ, **environment})
+
+    def _call(self, **call):
+        self._process.stdin.write(json.dumps(call) + "\n")
+        self._process.stdin.flush()
+        answer = json.loads(self._process.stdout.readline())
+        return answer["answer"], answer["error"]
+
+    # Each yields whether it says yes, and its error or None.
+
+    def create(self, job):
+        return self._call(call="create", job=job)
+
+    def set_enabled(self, label, enabled=True):
+        return self._call(call="set", label=label, enabled=enabled)
+
+    def is_enabled(self, label):
+        return self._call(call="enabled", label=label)
+
+    def close(self):
+        self._process.communicate(timeout=HANG_GUARD)
+
+
+class SpyBus:
+    """Stands between a process and the system bus and notes which of systemd's methods are called."""
+
+    METHODS = re.compile(rb"\0(GetUnitFileState|EnableUnitFiles|DisableUnitFiles|StartUnit|StopUnit|Reload|UnitPath)\0")
+    PATH = "/run/spy-bus"
+
+    def __init__(self):
+        self.calls = []
+        self._listener = socket.socket(socket.AF_UNIX)
+        self._listener.bind(self.PATH)
+        self._listener.listen()
+        threading.Thread(target=self._serve, daemon=True).start()
+
+    environment = {"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={PATH}"}
+
+    def _serve(self):
+        client, _ = self._listener.accept()
+        bus = socket.socket(socket.AF_UNIX)
+        bus.connect("/run/dbus/system_bus_socket")
+        threading.Thread(target=self._pass_on, args=(bus, client, False), daemon=True).start()
+        self._pass_on(client, bus, True)
+
+    def _pass_on(self, source, target, noted):
+        try:
+            while data := source.recv(1 << 16):
+                # Each call is sent by itself, since each waits for its answer.
+                if noted:
+                    self.calls += [found.decode() for found in self.METHODS.findall(data)]
+                target.sendall(data)
+        except OSError:
+            pass  # one of the two has gone
+
+    def take(self):
+        calls, self.calls = self.calls, []
+        return calls
+
+    def close(self):
+        self._listener.close()
+        os.unlink(self.PATH)
