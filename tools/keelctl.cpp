@@ -128,7 +128,7 @@ void addQueries(CLI::App& app, Parsed& parsed) {
   dump->add_flag("--data", parsed.withData, "with their data");
   addTimeout(dump, parsed, kAnswerTimeoutText);
 
-  CLI::App* modules = addCommand(app, parsed, "modules", "list the enabled modules and their services",
+  CLI::App* modules = addCommand(app, parsed, "modules", "list the enabled modules, their services, and how their jobs stand",
                                  [&](Console& console) { return modulesCommand(console, parsed.common); });
   addTimeout(modules, parsed, kAnswerTimeoutText);
 

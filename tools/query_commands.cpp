@@ -4,6 +4,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
+#include <vector>
 
 #include "client/shown_text.h"
 #include "tools/table.h"
@@ -82,18 +84,53 @@ int dumpCommand(Console& console, const CommonOptions& common, const std::string
   return kExitOk;
 }
 
+std::string shownJob(const JobState& job) {
+  std::string shown;
+  switch (job.program) {
+    case JobState::Program::none:
+      shown = job.listening ? "ready" : "not listening";
+      break;
+    case JobState::Program::running:
+      shown = fmt::format("running as process {}", job.processId);
+      break;
+    case JobState::Program::starting:
+      shown = "about to start";
+      break;
+    case JobState::Program::failed:
+      shown = "failed";
+      break;
+  }
+  if (!job.enabled) shown = job.label.empty() ? "unknown" : "disabled, " + shown;
+  if (!job.problem.empty()) shown += ": " + shownText(job.problem, 200);
+  return shown;
+}
+
+std::string jsonOfJob(const JobState& job, JsonLetters letters) {
+  constexpr std::array<const char*, 4> kPrograms = {"none", "running", "starting", "failed"};
+  return fmt::format(R"({{"label":{},"enabled":{},"listening":{},"program":"{}","pid":{},"problem":{}}})",
+                     job.label.empty() ? "null" : jsonOfText(job.label, letters), job.enabled, job.listening,
+                     kPrograms[static_cast<std::size_t>(job.program)],
+                     job.processId > 0 ? std::to_string(job.processId) : "null",
+                     job.problem.empty() ? "null" : jsonOfText(job.problem, letters));
+}
+
 int modulesCommand(Console& console, const CommonOptions& common) {
   const auto client = connectClient(common, /*reconnect=*/false);
   const auto modules = ask(client->moduleTable(), common);
   if (!modules) return report(console, modules.error());
+  std::vector<std::string> services;
+  for (const auto& [name, service] : *modules) services.push_back(service);
+  const auto jobs = moduleJobs(services);
+
   const bool forPeople = !common.json && console.isTerminal();
   if (forPeople && modules->empty()) console.write("no module is enabled\n");
-  Table table({"MODULE", "SERVICE"});
+  Table table({"MODULE", "SERVICE", "JOB"});
   std::string lines;
   for (const auto& [name, service] : *modules) {
-    table.add({name, service});
-    lines += fmt::format(R"({{"module":{},"service":{}}})", jsonOfText(name, console.letters()),
-                         jsonOfText(service, console.letters()));
+    const JobState& job = jobs.at(service);
+    table.add({name, service, shownJob(job)});
+    lines += fmt::format(R"({{"module":{},"service":{},"job":{}}})", jsonOfText(name, console.letters()),
+                         jsonOfText(service, console.letters()), jsonOfJob(job, console.letters()));
     lines += '\n';
   }
   if (!forPeople) console.write(lines);

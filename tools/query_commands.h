@@ -6,6 +6,7 @@
 #include <string>
 
 #include "client/dump_entry.h"
+#include "client/module_jobs.h"
 #include "tools/session.h"
 
 // keelctl dump, modules, authcheck: one question, one answer.
@@ -17,6 +18,10 @@ int modulesCommand(Console& console, const CommonOptions& common);
 // `auditSession` none: that of this process.
 int authCheckCommand(Console& console, const CommonOptions& common, const std::string& user,
                      std::optional<std::int32_t> auditSession);
+
+// What modules says of a job, to a person and to a program.
+std::string shownJob(const JobState& job);
+std::string jsonOfJob(const JobState& job, JsonLetters letters);
 
 // What dump writes for a person, and for a program: one line for each item.
 std::string tableOf(const std::vector<DumpEntry>& entries, bool withData, const Console& console);

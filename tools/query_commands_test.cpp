@@ -56,5 +56,33 @@ TEST(DumpJson, NamesStayExact) {
   EXPECT_GT(jsonLineOf(entry, /*withData=*/false, JsonLetters::utf8).size(), 1u << 20);
 }
 
+TEST(ModuleJob, IsShownAsPeopleWouldSayIt) {
+  JobState job{.label = "l", .enabled = true, .listening = true};
+  EXPECT_EQ(shownJob(job), "ready");
+  job.program = JobState::Program::running;
+  job.processId = 7;
+  EXPECT_EQ(shownJob(job), "running as process 7");
+  job.program = JobState::Program::starting;
+  job.problem = "its last run\n\x1b[31m";
+  EXPECT_THAT(shownJob(job), testing::StartsWith("about to start: its last run"));
+  EXPECT_THAT(shownJob(job), Not(HasSubstr("\x1b")));
+  job = {.label = "l"};
+  EXPECT_EQ(shownJob(job), "disabled, not listening");
+  EXPECT_EQ(shownJob({.problem = "no job has that service"}), "unknown: no job has that service");
+}
+
+TEST(ModuleJob, JsonHasAll) {
+  EXPECT_EQ(jsonOfJob({.label = "l",
+                       .enabled = true,
+                       .listening = true,
+                       .program = JobState::Program::running,
+                       .processId = 7,
+                       .problem = "\""},
+                      JsonLetters::utf8),
+            R"({"label":"l","enabled":true,"listening":true,"program":"running","pid":7,"problem":"\""})");
+  EXPECT_EQ(jsonOfJob({}, JsonLetters::utf8),
+            R"({"label":null,"enabled":false,"listening":false,"program":"none","pid":null,"problem":null})");
+}
+
 }  // namespace
 }  // namespace keel

@@ -3,11 +3,11 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <string_view>
 

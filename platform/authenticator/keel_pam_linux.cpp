@@ -89,8 +89,8 @@ void doNotDelay(int, unsigned, void*) {}
 
 // A "!" in front of the encrypted password locks an account. PAM's account management does not look there, because whoever
 // proved a password cannot have been locked out of it.
-bool isLocked(const char* user) {
-  const spwd* const entry = ::getspnam(user);
+bool isLocked(const std::string& user) {
+  const spwd* const entry = ::getspnam(user.c_str());
   return entry != nullptr && entry->sp_pwdp != nullptr && entry->sp_pwdp[0] == '!';
 }
 
@@ -107,7 +107,7 @@ PamVerdict ask(pam_handle_t* pam, const PamQuestion& question) {
   if (::pam_set_item(pam, PAM_FAIL_DELAY, reinterpret_cast<const void*>(delay)) != PAM_SUCCESS) return PamVerdict::failed;
   if (question.task == PamQuestion::Task::password) {
     if (::pam_authenticate(pam, kFlags) != PAM_SUCCESS) return PamVerdict::refused;
-  } else if (isLocked(question.user.data())) {
+  } else if (isLocked(std::string(question.user))) {
     return PamVerdict::refused;
   }
   // An expired account, and one whose password must be changed first, end here.
@@ -120,7 +120,8 @@ PamVerdict answer(const PamQuestion& question) {
   if (!isServiceComplete()) return PamVerdict::failed;
   const pam_conv conversation{.conv = answerPrompts, .appdata_ptr = const_cast<char*>(question.password.data())};
   pam_handle_t* pam = nullptr;
-  if (::pam_start_confdir(kService, question.user.data(), &conversation, kServiceDirectory, &pam) != PAM_SUCCESS) {
+  if (::pam_start_confdir(kService, std::string(question.user).c_str(), &conversation, kServiceDirectory, &pam) !=
+      PAM_SUCCESS) {
     return PamVerdict::failed;
   }
   const PamVerdict verdict = ask(pam, question);

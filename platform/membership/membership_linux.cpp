@@ -78,13 +78,13 @@ class SystemMembership final : public Membership {
   }
 
   int mbr_check_membership(const Identifier& user, const Identifier& group, bool& isMember) override {
-    if (user.user() == nullptr || group.group() == nullptr) return EINVAL;
-    const auto& [name, primaryGroup] = *user.user();
+    const Identifier::User* const member = user.user();
+    if (member == nullptr || group.group() == nullptr) return EINVAL;
     int count = 64;
     std::vector<gid_t> groups;
     do {
       groups.resize(static_cast<std::size_t>(count));
-      if (::getgrouplist(name.c_str(), primaryGroup, groups.data(), &count) >= 0) {
+      if (::getgrouplist(member->name.c_str(), member->primaryGroup, groups.data(), &count) >= 0) {
         groups.resize(static_cast<std::size_t>(count));
         isMember = std::ranges::find(groups, group.group()->id) != groups.end();
         return 0;

@@ -35,6 +35,8 @@ class EmbeddedJob final : private Reactor::Watcher, public std::enable_shared_fr
   };
   // A pause is never shorter, whatever the job says: nobody could read the log.
   static constexpr std::chrono::seconds kLeastPause{1};
+  // How often it may end well without having served everybody, before it is given a pause.
+  static constexpr int kFreeStarts = 5;
   // Between SIGTERM and SIGKILL, unless the job says otherwise.
   static constexpr std::chrono::seconds kExitTimeOut{20};
 
@@ -65,6 +67,7 @@ class EmbeddedJob final : private Reactor::Watcher, public std::enable_shared_fr
   void started(std::expected<LaunchedProcess, Error> launched);
   void processEnded();
   void settle(bool succeeded, bool crashed);
+  Reactor::Clock::duration pauseInterval() const;
   void pauseThen(void (EmbeddedJob::*next)());
   bool isDemanded() const;
   bool wantsRestart(bool succeeded, bool crashed) const;
@@ -82,6 +85,7 @@ class EmbeddedJob final : private Reactor::Watcher, public std::enable_shared_fr
   std::string problem_;  // with the last run; empty when it ended well, or goes on
   ProcessWatcher processWatcher_;
   Reactor::Clock::time_point lastStart_{};
+  int startsInARow_ = 0;  // with less than a pause between them
   Reactor::TimerId timer_ = 0;
 };
 

@@ -84,7 +84,9 @@ void EmbeddedJob::onReady(std::uint32_t) {
 void EmbeddedJob::start() {
   stopWaiting();
   state_ = State::starting;
-  lastStart_ = world_.now();
+  const auto former = std::exchange(lastStart_, world_.now());
+  if (lastStart_ - former >= pauseInterval()) startsInARow_ = 0;
+  ++startsInARow_;
   world_.workers->async([self = shared_from_this()] {
     auto launched = std::make_shared<std::expected<LaunchedProcess, Error>>(launch(self->job_, self->namedSockets_));
     Reactor& reactor = self->world_.reactor;
@@ -137,13 +139,16 @@ void EmbeddedJob::settle(bool succeeded, bool crashed) {
   if (wantsRestart(succeeded, crashed)) return pauseThen(&EmbeddedJob::start);
   // Who connected while it was ending is left waiting by a good program, too; but one that never accepts anybody would be
   // started without end.
-  if (succeeded && !isDemanded()) return wait();
+  if (succeeded && (!isDemanded() || startsInARow_ < kFreeStarts)) return wait();
   pauseThen(&EmbeddedJob::wait);
 }
 
+Reactor::Clock::duration EmbeddedJob::pauseInterval() const {
+  return std::max<std::chrono::seconds>(job_.throttleInterval, kLeastPause);
+}
+
 void EmbeddedJob::pauseThen(void (EmbeddedJob::*next)()) {
-  const auto interval = std::max<std::chrono::seconds>(job_.throttleInterval, kLeastPause);
-  const auto left = lastStart_ + interval - world_.now();
+  const auto left = lastStart_ + pauseInterval() - world_.now();
   if (left <= Reactor::Clock::duration::zero()) return (this->*next)();
   state_ = State::pausing;
   record(JobState::Program::starting);

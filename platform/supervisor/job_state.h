@@ -17,12 +17,12 @@ struct JobState {
     starting,  // about to run, or given a pause before it
     failed,    // its last run did not end well, or it could not be started
   };
-  std::string label;  // empty: no job has that service
+  std::string label = {};  // empty: no job has that service
   bool enabled = false;
   bool listening = false;  // somebody can connect
   Program program = Program::none;
-  pid_t processId = 0;  // of a running one
-  std::string problem;  // what is wrong, for people; empty when nothing is known to be
+  pid_t processId = 0;       // of a running one
+  std::string problem = {};  // what is wrong, for people; empty when nothing is known to be
 };
 
 // Asks how jobs stand, without starting any. Any user may. On one thread.

@@ -13,7 +13,7 @@ import threading
 import keel_host
 from keel_client import HANG_GUARD
 from keel_host import BUNDLES, DaemonTest, remove
-from keel_jobs import Caller, ask, telling_job
+from keel_jobs import Caller, ask, shown_jobs, telling_job
 
 CANNOT_LOAD = re.compile("loadAllModules: can't load module at .*")
 ENABLING_FAILED = re.compile("loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns .*")
@@ -87,6 +87,23 @@ class Embedded(JobsTest):
             select.select([watched], [], [], HANG_GUARD)[0] or self.fail('it lives on')
             os.close(watched)
             caller.close()
+
+    def test_tells_how_their_jobs_stand(self):
+        self.bundle("idle")
+        self.bundle("busy")
+        self.bundle("bad", UserName="nobody-of-that-name", ThrottleInterval=3600)
+        self.daemon = self.start()
+        callers = Caller("com.e.busy"), Caller("com.e.bad")
+        for caller in callers:
+            self.addCleanup(caller.close)
+        pid = callers[0].told()["pid"]
+        # It is written down a little later than it comes about.
+        while (jobs := shown_jobs())["keel_busy"]["program"] != "running" or jobs["keel_bad"]["program"] != "starting":
+            pass
+        ready = {"label": "com.e.idle", "enabled": True, "listening": True, "program": "none", "pid": None, "problem": None}
+        self.assertEqual(jobs["keel_idle"], ready)
+        self.assertEqual(jobs["keel_busy"], {**ready, "label": "com.e.busy", "program": "running", "pid": pid})
+        self.assertIn("the user nobody-of-that-name", jobs["keel_bad"]["problem"])
 
     def test_does_not_hold_up_the_others(self):
         """A program that cannot be started, and one that is slow to do so, are the business of a worker."""

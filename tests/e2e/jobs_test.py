@@ -13,7 +13,7 @@ import unittest
 import keel_host
 from keel_client import AUTH, DIRECTORY, NOTIFY
 from keel_host import BUNDLES, DaemonTest, remove
-from keel_jobs import PYTHON, Caller, SpyBus, Supervisor, ask, telling_job
+from keel_jobs import Caller, SpyBus, Supervisor, ask, shown_jobs, telling_job
 
 RUNTIME, PERSISTENT = "/run/systemd/system", "/etc/systemd/system"
 PACKAGING = os.path.join(os.path.dirname(__file__), "../../packaging/systemd")
@@ -268,6 +268,30 @@ class WithKeeld(DaemonTest):
         second = self.start()
         self.assertCountEqual(self.loaded(second), ["keel_one.bundle", "keel_two.bundle"])
         self.assertEqual(second.logged(re.compile(".*is not enabled ")), [])
+
+    def test_tells_how_their_jobs_stand(self):
+        for name in ("idle", "busy", "broken", "off"):
+            self.bundle(name)
+        self.start()
+        caller = Caller("com.k.busy")
+        self.addCleanup(caller.close)
+        pid = caller.told()["pid"]
+        systemctl("stop", "com.k.broken.socket")
+        systemctl("disable", "--runtime", "com.k.off.socket")
+        jobs = shown_jobs()
+        ready = {"label": "com.k.idle", "enabled": True, "listening": True, "program": "none", "pid": None, "problem": None}
+        self.assertEqual(jobs["keel_idle"], ready)
+        self.assertEqual(jobs["keel_busy"], {**ready, "label": "com.k.busy", "program": "running", "pid": pid})
+        self.assertEqual((jobs["keel_broken"]["listening"], jobs["keel_broken"]["problem"]),
+                         (False, "com.k.broken.socket is inactive (success)"))
+        self.assertFalse(jobs["keel_off"]["enabled"])
+        # Nobody was started for it, and anybody may ask.
+        self.assertEqual(state_of("com.k.idle.service"), "inactive")
+        os.seteuid(65534)
+        try:
+            self.assertEqual(shown_jobs()["keel_idle"], ready)
+        finally:
+            os.seteuid(0)
 
     def test_starts_when_systemd_does_not_answer(self):
         self.bundle("frozen")

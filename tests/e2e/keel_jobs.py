@@ -9,6 +9,7 @@ import subprocess
 import sys
 import threading
 
+import keel_host
 from keel_client import DIRECTORY, HANG_GUARD
 
 PYTHON = "/usr/bin/python3"
@@ -50,6 +51,12 @@ class Caller:
 
     def close(self):
         self._socket.close()
+
+
+def shown_jobs():
+    """What keelctl shows of each module's job."""
+    shown = subprocess.run([keel_host.keelctl, "modules", "--json"], check=True, capture_output=True, text=True).stdout
+    return {line["module"]: line["job"] for line in map(json.loads, shown.splitlines())}
 
 
 def ask(service):

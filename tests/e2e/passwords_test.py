@@ -32,9 +32,11 @@ def helpers():
     found = []
     for pid in filter(str.isdigit, os.listdir("/proc")):
         try:
-            with open(f"/proc/{pid}/comm") as file:
-                if file.read() == "keel-pam\n":
-                    found.append(int(pid))
+            with open(f"/proc/{pid}/stat") as file:
+                stat = file.read()
+            # One that has ended and only waits for its parent to notice is not running.
+            if "(keel-pam) " in stat and "(keel-pam) Z" not in stat:
+                found.append(int(pid))
         except FileNotFoundError:
             pass
     return found
@@ -77,6 +79,7 @@ class Accounts(AccountsTest):
     def test_an_empty_password_is_refused_also_where_an_account_has_none(self):
         keel_accounts.append("/etc/passwd", "frank:x:510:80::/tmp:/bin/sh")
         keel_accounts.append("/etc/shadow", "frank::19000:0:99999:7:::")
+        service("auth required pam_unix.so nullok", "account required pam_unix.so")
         self.assertRefused("frank", "")
         self.assertRefused("alice", "")
         self.assertRefused("root", "")
@@ -174,9 +177,10 @@ class Service(AccountsTest):
         self.assertAccepted("alice")
 
     def test_it_does_not_delay(self):
-        """The module asks for a delay of a minute, which would be the daemon's to wait for."""
+        """The module asks for a delay of an hour, which would be the daemon's to wait for."""
         service("auth optional pam_faildelay.so delay=3600000000", "auth required pam_unix.so", "account required pam_unix.so")
         self.assertRefused("alice", "wrong")
+        self.no_messages()
 
 
 class BadModules(AccountsTest):
