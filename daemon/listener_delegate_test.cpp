@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "notify/notification_handler.h"
 #include "notify/notification_service.h"
@@ -39,6 +40,12 @@ class NotifyListener : public ::testing::Test {
   }
 
   bool accept(FakeClient& client) { return delegate_.listenerShouldAcceptNewConnection(*listener_, client.connection()); }
+  // Ends a connection whose handlers run on the worker pool, and waits for that: what they log belongs to this test.
+  static void end(FakeClient& client) {
+    const std::weak_ptr<xpc::Connection> connection = client.connection();
+    client.die();
+    while (!connection.expired()) std::this_thread::yield();
+  }
   static LogLine debug(const char* text) { return {LogLevel::debug, "runtime", text}; }
 
   std::string directory_;
@@ -113,6 +120,10 @@ TEST_F(NotifyListener, AuthDelegateAcceptsEveryConnectionAndLogsItsPidFirst) {
                                                   debug("AuthListenerDelgate: AuthService is ready")}));
   EXPECT_EQ(client.daemonSelectors().size(), 8u);
   EXPECT_TRUE(client.connection()->isConfidential());
+  log_.take();
+  end(client);
+  EXPECT_EQ(log_.linesOf("runtime"), (std::vector{debug("AuthListenerDelgate: connection is invalidated"),
+                                                  debug("AuthService connection from 7 invalidated")}));
 }
 
 TEST_F(NotifyListener, AuthDelegateSetsNoRemoteInterface) {
@@ -122,6 +133,7 @@ TEST_F(NotifyListener, AuthDelegateSetsNoRemoteInterface) {
   const auto& subscriber = xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>();
   // The client says that it has the method; the daemon does not look for it.
   EXPECT_LT(client.connection()->methodNumber(subscriber, 0), 0);
+  end(client);
 }
 
 TEST_F(NotifyListener, BaseClassAcceptsAndDoesNothingElse) {
