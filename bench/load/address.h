@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+
+#include "platform/foundation/file_descriptor.h"
+
+namespace keel::bench {
+
+// Where a system listens: the path of a Unix socket, or a port of the loopback device, as in "/run/x" and "4222".
+class Address {
+ public:
+  explicit Address(std::string text) : text_(std::move(text)) {}
+
+  // A new connection, which does not block from then on. Throws std::system_error.
+  FileDescriptor connect() const;
+
+ private:
+  std::string text_;
+};
+
+}  // namespace keel::bench

@@ -1,0 +1,163 @@
+// SPDX-License-Identifier: Apache-2.0
+// The bare relay: what sockets alone can do. One thread, one epoll. A frame is a length of 4 bytes, lowest first, and a letter
+// with what belongs to it:
+//   S          from a client: follow; the same frame answers it
+//   P payload  a publish: the frame goes to every follower as it is
+//   A count    to a publisher: so many were passed on (4 bytes)
+// All publishes that one read brought are passed on with one write per follower and answered with one frame. There are no
+// names, nothing is kept, checked or limited.
+//
+// usage: keel-relay PATH
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "platform/foundation/file_descriptor.h"
+
+namespace {
+
+struct Peer {
+  keel::FileDescriptor socket;
+  std::string rest;     // a frame that has come in part
+  std::string waiting;  // what its socket did not take
+};
+
+class Relay {
+ public:
+  explicit Relay(const char* path);
+  void turn();
+
+ private:
+  void accept();
+  void read(Peer& peer);
+  std::size_t pass(Peer& peer, std::string_view bytes);
+  void send(Peer& peer, std::string_view bytes);
+  void listenTo(const Peer& peer, int operation, bool forRoom);
+  void remove(const Peer& peer);
+
+  keel::FileDescriptor listener_{::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
+  keel::FileDescriptor epoll_{epoll_create1(EPOLL_CLOEXEC)};
+  std::unordered_map<int, std::unique_ptr<Peer>> peers_;
+  std::vector<Peer*> followers_;
+  std::vector<char> buffer_ = std::vector<char>(512u << 10);
+};
+
+Relay::Relay(const char* path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+  if (bind(listener_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      listen(listener_.get(), 4096) != 0) {
+    std::perror(path);
+    _exit(1);
+  }
+  epoll_event event{EPOLLIN, {.ptr = nullptr}};
+  epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener_.get(), &event);
+}
+
+void Relay::turn() {
+  std::array<epoll_event, 256> events;
+  const int count = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), -1);
+  for (int place = 0; place < count; ++place) {
+    const epoll_event& event = events[static_cast<std::size_t>(place)];
+    if (event.data.ptr == nullptr) {
+      accept();
+      continue;
+    }
+    Peer& peer = *static_cast<Peer*>(event.data.ptr);
+    if ((event.events & EPOLLOUT) != 0) {
+      const std::string waiting = std::exchange(peer.waiting, {});
+      send(peer, waiting);
+      if (peer.waiting.empty()) listenTo(peer, EPOLL_CTL_MOD, /*forRoom=*/false);
+    }
+    if ((event.events & ~EPOLLOUT) != 0) read(peer);
+  }
+}
+
+void Relay::accept() {
+  const int socket = accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  if (socket < 0) return;
+  auto& peer = peers_[socket];
+  peer = std::make_unique<Peer>();
+  peer->socket.reset(socket);
+  listenTo(*peer, EPOLL_CTL_ADD, /*forRoom=*/false);
+}
+
+void Relay::listenTo(const Peer& peer, int operation, bool forRoom) {
+  epoll_event event{forRoom ? EPOLLIN | EPOLLOUT : EPOLLIN, {.ptr = const_cast<Peer*>(&peer)}};
+  epoll_ctl(epoll_.get(), operation, peer.socket.get(), &event);
+}
+
+void Relay::read(Peer& peer) {
+  const ssize_t got = recv(peer.socket.get(), buffer_.data(), buffer_.size(), 0);
+  if (got < 0 && errno == EAGAIN) return;
+  if (got <= 0) return remove(peer);
+  const std::string_view bytes(buffer_.data(), static_cast<std::size_t>(got));
+  if (peer.rest.empty()) {
+    peer.rest.assign(bytes.substr(pass(peer, bytes)));
+  } else {
+    peer.rest += bytes;
+    peer.rest.erase(0, pass(peer, peer.rest));
+  }
+}
+
+// How many bytes at the beginning are whole frames. They are passed on.
+std::size_t Relay::pass(Peer& peer, std::string_view bytes) {
+  std::size_t start = 0, end = 0;
+  std::uint32_t count = 0;
+  while (bytes.size() - end > 4) {
+    std::uint32_t size = 0;
+    std::memcpy(&size, bytes.data() + end, sizeof size);
+    if (bytes.size() - end - 4 < size) break;
+    if (bytes[end + 4] == 'S') {
+      followers_.push_back(&peer);
+      send(peer, bytes.substr(end, 5));
+      start = end + 5;
+    } else {
+      ++count;
+    }
+    end += 4 + size;
+  }
+  if (count == 0) return end;
+  for (Peer* const follower : followers_) send(*follower, bytes.substr(start, end - start));
+  std::array<char, 9> answer{5, 0, 0, 0, 'A'};
+  std::memcpy(answer.data() + 5, &count, sizeof count);
+  send(peer, {answer.data(), answer.size()});
+  return end;
+}
+
+void Relay::send(Peer& peer, std::string_view bytes) {
+  if (peer.waiting.empty()) {
+    const ssize_t sent = ::send(peer.socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (sent > 0) bytes.remove_prefix(static_cast<std::size_t>(sent));
+    // An error comes back as the end of the connection.
+    if (bytes.empty()) return;
+    listenTo(peer, EPOLL_CTL_MOD, /*forRoom=*/true);
+  }
+  peer.waiting += bytes;
+}
+
+void Relay::remove(const Peer& peer) {
+  std::erase(followers_, &peer);
+  peers_.erase(peer.socket.get());
+}
+
+}  // namespace
+
+int main(int argumentCount, char** arguments) {
+  if (argumentCount != 2) return 2;
+  for (Relay relay(arguments[1]);;) relay.turn();
+}
