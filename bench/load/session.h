@@ -17,8 +17,9 @@ struct Session {
   explicit Session(Role givenRole) : role(givenRole) {}
 
   const Role role;
-  std::string out;      // not sent yet
-  FileDescriptor file;  // goes with the first byte of `out`
+  std::string out;            // not sent yet
+  FileDescriptor file;        // goes with the first byte of `out`
+  std::string afterGreeting;  // must wait until the system has greeted
   std::uint64_t nextNumber = 1;
   int stage = 0;                    // of the greeting; each system has its own
   std::deque<std::size_t> batches;  // sizes of those that wait for their common acknowledgement

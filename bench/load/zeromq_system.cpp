@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // ZMTP 3.0 with the NULL mechanism, through a proxy of XSUB and XPUB. A message is one frame that begins with its name. It
 // acknowledges neither publishes nor subscriptions, and retains nothing.
+#include <utility>
+
 #include "bench/load/frames.h"
 #include "bench/load/systems.h"
 
@@ -9,6 +11,7 @@ namespace keel::bench {
 namespace {
 
 constexpr std::size_t kGreetingBytes = 64;
+enum Stage { kGreeting, kHandshake, kReady };
 
 void appendFrame(std::string& out, unsigned flags, std::string_view body) {
   const bool isLong = body.size() > 255;
@@ -38,7 +41,9 @@ class ZeromqSystem final : public System {
     ready += type;
     appendFrame(session.out, 4, ready);
   }
-  void subscribe(Session& session, const Topic& topic) override { appendFrame(session.out, 0, "\1" + topic.name + " "); }
+  void subscribe(Session& session, const Topic& topic) override {
+    appendFrame(session.stage == kReady ? session.out : session.afterGreeting, 0, "\1" + topic.name + " ");
+  }
   void publish(Session& session, Topic& topic) override {
     if (topic.frame.empty()) appendFrame(topic.frame, 0, topic.name + " " + payload());
     session.out += topic.frame;
@@ -46,9 +51,9 @@ class ZeromqSystem final : public System {
 
   std::size_t consume(Session& session, std::string_view bytes, Seen& seen) override {
     return consumeFrames(session, bytes, seen, [&session](std::string_view head) -> Frame {
-      if (session.stage == 0) {
+      if (session.stage == kGreeting) {
         if (head.size() < kGreetingBytes) return {};
-        session.stage = 1;
+        session.stage = kHandshake;
         return {kGreetingBytes, Frame::Kind::nothing};
       }
       const std::size_t lengthBytes = (head[0] & 2) != 0 ? 8 : 1;
@@ -58,7 +63,12 @@ class ZeromqSystem final : public System {
         size = size << 8 | static_cast<unsigned char>(head[place]);
       }
       size += 1 + lengthBytes;
-      if ((head[0] & 4) != 0) return {size, Frame::Kind::confirmation};  // READY
+      if ((head[0] & 4) != 0) {  // READY
+        if (size > head.size()) return {};
+        session.stage = kReady;
+        session.out += std::exchange(session.afterGreeting, {});
+        return {size, Frame::Kind::confirmation};
+      }
       // A publisher is told of subscriptions.
       return {size, session.role == Role::publisher ? Frame::Kind::nothing : Frame::Kind::delivery};
     });

@@ -29,6 +29,8 @@
 
 namespace {
 
+constexpr std::size_t kReadBytes = 512u << 10;
+
 struct Peer {
   keel::FileDescriptor socket;
   std::string rest;     // a frame that has come in part
@@ -52,7 +54,7 @@ class Relay {
   keel::FileDescriptor epoll_{epoll_create1(EPOLL_CLOEXEC)};
   std::unordered_map<int, std::unique_ptr<Peer>> peers_;
   std::vector<Peer*> followers_;
-  std::vector<char> buffer_ = std::vector<char>(512u << 10);
+  std::vector<char> buffer_;
 };
 
 Relay::Relay(const char* path) {
@@ -102,16 +104,14 @@ void Relay::listenTo(const Peer& peer, int operation, bool forRoom) {
 }
 
 void Relay::read(Peer& peer) {
-  const ssize_t got = recv(peer.socket.get(), buffer_.data(), buffer_.size(), 0);
+  const std::size_t before = peer.rest.size();
+  if (buffer_.size() < before + kReadBytes) buffer_.resize(before + kReadBytes);
+  const ssize_t got = recv(peer.socket.get(), buffer_.data() + before, kReadBytes, 0);
   if (got < 0 && errno == EAGAIN) return;
   if (got <= 0) return remove(peer);
-  const std::string_view bytes(buffer_.data(), static_cast<std::size_t>(got));
-  if (peer.rest.empty()) {
-    peer.rest.assign(bytes.substr(pass(peer, bytes)));
-  } else {
-    peer.rest += bytes;
-    peer.rest.erase(0, pass(peer, peer.rest));
-  }
+  std::memcpy(buffer_.data(), peer.rest.data(), before);
+  const std::string_view bytes(buffer_.data(), before + static_cast<std::size_t>(got));
+  peer.rest.assign(bytes.substr(pass(peer, bytes)));
 }
 
 // How many bytes at the beginning are whole frames. They are passed on.
