@@ -32,15 +32,15 @@ void SubscriberBehavior::addTarget(const std::shared_ptr<KLNSubscriptionObject>&
 void SubscriberBehavior::updateWithData(Dictionary data) {
   auto held = subscriber();
   if (log.enabled(LogLevel::debug)) log.debug("updateWithData: {} behavior", nameOf(held));
-  const auto connection = held ? held->owner() : nullptr;
+  auto connection = held ? held->owner() : nullptr;
   if (!connection) return log.error("behavior updateWithData: connection is nil");
   // Whoever calls holds the subscription too.
   KLNSubscriptionObject& subscription = *held;
   auto onError = [subscriber = std::move(held)](Error error) {
     log.error("behavior updateWithData: ({}) connection returned an error {}", subscriber->name(), error);
   };
-  connection->remoteObjectProxyWithErrorHandler<SubscriberProxy>(std::move(onError))
-      .call<&SubscriberProxy::updateSubscriptionFor>(subscription.name(), std::move(data), std::uint64_t{0}, nullptr);
+  xpc::remoteProxyOf<SubscriberProxy>(std::move(connection), std::move(onError))
+      .call<&SubscriberProxy::updateSubscriptionFor>(subscription.name(), data, std::uint64_t{0}, nullptr);
   log.debug("updateWithData: {} behavior notification sent", subscription.name());
   subscription.setLastUpdated(dateOfBlock());
 }

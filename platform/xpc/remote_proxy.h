@@ -33,7 +33,8 @@ class RemoteProxy {
       static_assert(sizeof...(Given) == std::tuple_size_v<typename M::Sent> + 1, "arguments, then a block for the reply");
       callForReply<M>(std::make_index_sequence<sizeof...(Given) - 1>(), std::forward_as_tuple(std::forward<Given>(given)...));
     } else {
-      callOneWay<M>(typename M::Sent(std::forward<Given>(given)...));
+      static_assert(sizeof...(Given) == std::tuple_size_v<typename M::Sent>, "one for each parameter");
+      callOneWay<M>(std::index_sequence_for<Given...>(), given...);
     }
   }
 
@@ -47,8 +48,10 @@ class RemoteProxy {
     OutgoingMessage message;
   };
 
-  template <class M>
-  void callOneWay(typename M::Sent arguments) {
+  // By reference: in a call to many connections in a row, counting references up and down would be a good part of the cost.
+  template <class M, std::size_t... Places>
+  void callOneWay(std::index_sequence<Places...>, const std::tuple_element_t<Places, typename M::Sent>&... given) {
+    const auto arguments = std::tie(given...);
     const std::int64_t number = numberOf<M>();
     if (number < 0) return;
     thread_local std::array<Memo<M>, 2> memos;
@@ -62,7 +65,7 @@ class RemoteProxy {
       memo.number = -1;
       if (!write(memo.message, takesDescriptors, arguments))
         return fail(ConnectionErrorCode::refused, "the message is too large");
-      memo.arguments = std::move(arguments);
+      memo.arguments = arguments;
       memo.number = number;
     }
     connection_->sendOneWay(memo.message);
@@ -101,6 +104,7 @@ class RemoteProxy {
     };
   }
 
+  // The arguments, or references to them.
   template <class Sent>
   static bool write(OutgoingMessage& message, bool takesDescriptors, const Sent& arguments) {
     message.writer().array(std::tuple_size_v<Sent>);
@@ -109,8 +113,8 @@ class RemoteProxy {
     return message.finish();
   }
 
-  template <class M>
-  static bool same(const typename M::Sent& left, const typename M::Sent& right) {
+  template <class M, class Given>
+  static bool same(const typename M::Sent& left, const Given& right) {
     return [&]<std::size_t... Places>(std::index_sequence<Places...>) {
       return (
           Argument<std::tuple_element_t<Places, typename M::Sent>>::sameAs(std::get<Places>(left), std::get<Places>(right)) &&
@@ -140,6 +144,12 @@ class RemoteProxy {
 template <class Protocol, class ErrorHandler>
 void RemoteProxy<Protocol, ErrorHandler>::fail(ConnectionErrorCode code, std::string_view text) {
   connection_->reportError(Connection::ErrorBlock(std::move(onError_)), connectionError(code, text));
+}
+
+// The same as connection->remoteObjectProxyWithErrorHandler(), for who holds the connection and is done with it.
+template <class Protocol, class ErrorHandler>
+RemoteProxy<Protocol, ErrorHandler> remoteProxyOf(std::shared_ptr<Connection> connection, ErrorHandler onError) {
+  return RemoteProxy<Protocol, ErrorHandler>(std::move(connection), std::move(onError));
 }
 
 }  // namespace keel::xpc
