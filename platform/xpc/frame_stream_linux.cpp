@@ -344,7 +344,8 @@ void FrameStream::write() {
   }
   unreadFileBytes_ += output_->takeSentFileBytes();
   outputBlocked_ = !output_->empty();
-  if (!outputBlocked_) output_.giveBack();
+  if (!outputBlocked_) return output_.giveBack();
+  output_->unshare();
 }
 
 bool FrameStream::flush() {

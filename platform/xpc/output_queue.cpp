@@ -29,6 +29,9 @@ constexpr std::size_t kReadyQueues = 1024;
 
 constexpr std::size_t kPiecesPerWrite = 64;
 
+// Shared frames that do not follow one another begin a piece each; beyond so many pieces they are cheaper to copy.
+constexpr std::size_t kPiecesWithRuns = 16;
+
 std::vector<std::unique_ptr<OutputQueue>>& readyQueues() {
   thread_local std::vector<std::unique_ptr<OutputQueue>> queues;
   return queues;
@@ -43,6 +46,10 @@ std::size_t OutputQueue::Piece::fileBytes() const {
 }
 
 void OutputQueue::append(const OutgoingMessage& frame) {
+  if (frame.sharedRun().chunk && appendRun(frame.sharedRun(), frame.wireBytes())) {
+    frameEnds_.push_back(appendedBytes_);
+    return;
+  }
   if (!frame.files().empty()) {
     // The files go with the frame's first byte, so a piece begins here.
     Piece& piece = pieces_.emplace_back();
@@ -61,6 +68,36 @@ void OutputQueue::append(const OutgoingMessage& frame) {
   }
   appendBytes(own.subspan(taken));
   frameEnds_.push_back(appendedBytes_);
+}
+
+// False when it is to be copied.
+bool OutputQueue::appendRun(const SharedRun& run, std::size_t sizeBytes) {
+  if (copies_ || confidential_) return false;
+  if (!pieces_.empty() && pieces_.back().chunk == run.chunk && pieces_.back().end == run.begin) {
+    pieces_.back().end += sizeBytes;
+  } else {
+    if (pieces_.size() >= kPiecesWithRuns) return false;
+    Piece& piece = pieces_.emplace_back();
+    piece.chunk = run.chunk;
+    piece.isRun = true;
+    piece.begin = run.begin;
+    piece.end = run.begin + sizeBytes;
+  }
+  appendedBytes_ += sizeBytes;
+  return true;
+}
+
+void OutputQueue::unshare() {
+  copies_ = true;
+  const std::uint64_t appended = appendedBytes_;
+  for (Piece& piece : std::exchange(pieces_, {})) {
+    if (piece.isRun) {
+      appendBytes({piece.data() + piece.begin, piece.size()});
+    } else {
+      pieces_.push_back(std::move(piece));
+    }
+  }
+  appendedBytes_ = appended;
 }
 
 void OutputQueue::appendBytes(std::span<const std::byte> bytes) {
@@ -144,7 +181,7 @@ void OutputQueue::consume(std::size_t sent) {
     sent -= taken;
     if (piece.size() > 0) break;
     // The last piece of a full chunk takes the chunk with it.
-    if (piece.chunk && piece.chunk.use_count() == 1) {
+    if (piece.chunk && !piece.isRun && piece.chunk.use_count() == 1) {
       ownBytes_ -= piece.chunkCapacity;
       wipe(piece);
     }
@@ -161,6 +198,7 @@ void OutputQueue::consume(std::size_t sent) {
 void OutputQueue::clear() {
   for (const Piece& piece : pieces_) wipe(piece);
   confidential_ = false;
+  copies_ = false;
   pieces_.clear();
   // A first chunk stays for the next frames; whatever grew beyond it goes.
   if (chunkCapacity_ > kFirstChunkBytes) {
@@ -176,7 +214,7 @@ void OutputQueue::clear() {
 }
 
 void OutputQueue::wipe(const Piece& piece) const {
-  if (confidential_ && piece.chunk) keel::wipe({piece.chunk.get(), piece.chunkCapacity});
+  if (confidential_ && piece.chunk && !piece.isRun) keel::wipe({piece.chunk.get(), piece.chunkCapacity});
 }
 
 void OutputQueue::dropUnbegunFrames() {

@@ -15,8 +15,8 @@
 
 namespace keel::xpc {
 
-// Frames that wait to be written to a socket. Small ones are copied behind one another, larger values stay where they are and
-// are shared; one sendmsg(2) then takes as much as the socket has room for.
+// Frames that wait to be written to a socket. Small ones are copied behind one another; larger values, and frames that go to
+// several connections, stay where they are and are shared. One sendmsg(2) then takes as much as the socket has room for.
 class OutputQueue {
  public:
   OutputQueue() = default;
@@ -39,6 +39,10 @@ class OutputQueue {
   // ended the connection.
   std::expected<void, std::error_code> flush(int socket);
 
+  // Copies the shared frames that the socket did not take, and those that come until it has taken all: whoever reads slowly
+  // must not hold on to what others have long been sent, much of which may not even be his.
+  void unshare();
+
   // Drops the frames of which nothing was written; what was begun can be completed.
   void dropUnbegunFrames();
 
@@ -51,11 +55,13 @@ class OutputQueue {
     std::size_t begin = 0;
     std::size_t end = 0;
     std::vector<BufferRef> files;
+    bool isRun = false;  // `chunk` is that of a SharedRun
     const std::byte* data() const { return shared ? shared->bytes().data() : chunk.get(); }
     std::size_t size() const { return end - begin; }
     std::size_t fileBytes() const;
   };
 
+  bool appendRun(const SharedRun& run, std::size_t sizeBytes);
   void appendBytes(std::span<const std::byte> bytes);
   void consume(std::size_t sent);
   void clear();
@@ -67,6 +73,7 @@ class OutputQueue {
   std::size_t chunkCapacity_ = 0;
   std::size_t chunkUsed_ = 0;
   bool confidential_ = false;
+  bool copies_ = false;  // shared frames, too, until the queue is empty
   std::uint64_t appendedBytes_ = 0;
   std::uint64_t sentBytes_ = 0;
   std::size_t ownBytes_ = 0;

@@ -192,6 +192,99 @@ TEST(OutputQueue, ClosedPeerIsAnError) {
   EXPECT_EQ(flushed.error().value(), EPIPE);
 }
 
+OutgoingMessage sharedMessageOf(std::size_t smallBytes, char fill) {
+  OutgoingMessage message = messageOf(smallBytes, 0, fill);
+  message.share();
+  EXPECT_NE(message.sharedRun().chunk, nullptr);
+  return message;
+}
+
+TEST(OutputQueue, SharedFramesArriveInOrderBetweenOthers) {
+  SocketPair pairs[2];
+  OutputQueue queues[2];
+  std::string expected;
+  for (int i = 0; i < 100; ++i) {
+    const auto size = static_cast<std::size_t>(i) * 7;
+    const char fill = static_cast<char>('a' + i % 26);
+    const OutgoingMessage message = i % 5 == 0 ? messageOf(size, i % 10 == 0 ? 5000 : 0, fill) : sharedMessageOf(size, fill);
+    expected += flat(message);
+    for (OutputQueue& queue : queues) queue.append(message);
+  }
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(queues[i].waitingBytes(), expected.size());
+    ASSERT_TRUE(queues[i].flush(pairs[i].ours.get()));
+    EXPECT_TRUE(queues[i].empty());
+    EXPECT_EQ(pairs[i].receive(), expected);
+  }
+}
+
+TEST(OutputQueue, SharedFramesAreHeldTogetherUntilTheyAreSent) {
+  SocketPair pair;
+  OutputQueue queue;
+  const OutgoingMessage message = sharedMessageOf(100, 'x');
+  const auto holders = message.sharedRun().chunk.use_count();
+  queue.append(message);
+  EXPECT_EQ(queue.ownBytes(), 0u);
+  EXPECT_EQ(message.sharedRun().chunk.use_count(), holders + 1);
+  ASSERT_TRUE(queue.flush(pair.ours.get()));
+  EXPECT_EQ(message.sharedRun().chunk.use_count(), holders);
+}
+
+TEST(OutputQueue, WhatASlowReaderLeavesIsCopied) {
+  SocketPair pair;
+  OutputQueue queue;
+  const OutgoingMessage message = sharedMessageOf(4000, 'x');
+  const auto holders = message.sharedRun().chunk.use_count();
+  std::string expected;
+  for (int i = 0; i < 200; ++i) {
+    queue.append(message);
+    expected += flat(message);
+  }
+  ASSERT_TRUE(queue.flush(pair.ours.get()));
+  ASSERT_FALSE(queue.empty());
+  const std::size_t waiting = queue.waitingBytes();
+  queue.unshare();
+  queue.append(message);
+  expected += flat(message);
+  EXPECT_EQ(message.sharedRun().chunk.use_count(), holders);
+  EXPECT_EQ(queue.waitingBytes(), waiting + message.wireBytes());
+  EXPECT_GE(queue.ownBytes(), queue.waitingBytes());
+  std::string received = pair.receive();
+  while (!queue.empty()) {
+    ASSERT_TRUE(queue.flush(pair.ours.get()));
+    received += pair.receive();
+  }
+  EXPECT_EQ(received, expected);
+  // With everything taken it shares again.
+  queue.append(message);
+  EXPECT_EQ(message.sharedRun().chunk.use_count(), holders + 1);
+}
+
+TEST(OutputQueue, ConfidentialFramesAreNotShared) {
+  OutputQueue queue;
+  queue.setConfidential();
+  const OutgoingMessage message = sharedMessageOf(100, 'x');
+  const auto holders = message.sharedRun().chunk.use_count();
+  queue.append(message);
+  EXPECT_EQ(message.sharedRun().chunk.use_count(), holders);
+}
+
+TEST(OutputQueue, UnbegunSharedFramesCanBeDropped) {
+  SocketPair pair;
+  OutputQueue queue;
+  const OutgoingMessage message = sharedMessageOf(4000, 'x');
+  for (int i = 0; i < 200; ++i) queue.append(message);
+  ASSERT_TRUE(queue.flush(pair.ours.get()));
+  ASSERT_FALSE(queue.empty());
+  queue.dropUnbegunFrames();
+  std::string received = pair.receive();
+  while (!queue.empty()) {
+    ASSERT_TRUE(queue.flush(pair.ours.get()));
+    received += pair.receive();
+  }
+  EXPECT_EQ(received.size() % message.wireBytes(), 0u);
+}
+
 TEST(OutputQueue, BorrowedQueueIsUsedAgain) {
   BorrowedOutputQueue first;
   first.borrow();

@@ -67,6 +67,8 @@ class RemoteProxy {
         return fail(ConnectionErrorCode::refused, "the message is too large");
       memo.arguments = arguments;
       memo.number = number;
+    } else if (!connection_->isConfidential()) {
+      memo.message.share();
     }
     connection_->sendOneWay(memo.message);
   }

@@ -19,6 +19,7 @@ cbor::Writer OutgoingMessage::begin() {
   splices_.clear();
   files_.clear();
   splicedBytes_ = 0;
+  sharedRun_ = {};
   return writer();
 }
 
@@ -27,6 +28,10 @@ bool OutgoingMessage::finish() {
   if (length > limits::kFrameBytesFromDaemon) return false;
   for (std::size_t i = 0; i < kLengthBytes; ++i) bytes_[i] = static_cast<std::byte>(length >> (8 * i));
   return true;
+}
+
+void OutgoingMessage::share() {
+  if (!sharedRun_.chunk && splices_.empty() && files_.empty()) sharedRun_ = shareRun(bytes_);
 }
 
 void OutgoingMessage::item(const BufferRef& encoded) {

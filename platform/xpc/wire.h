@@ -10,6 +10,7 @@
 #include "platform/foundation/buffer.h"
 #include "platform/foundation/cbor_cursor.h"
 #include "platform/foundation/cbor_writer.h"
+#include "platform/xpc/shared_run.h"
 
 // The frames of docs/protocol.md: a length of 4 bytes, little-endian, and one CBOR array whose first element says its kind.
 
@@ -60,6 +61,11 @@ class OutgoingMessage {
   // Completes the length. False when the frame would be longer than its length field can say.
   bool finish();
 
+  // For a finished frame that goes to several connections: its bytes are kept once for all of them. Nothing for one with
+  // splices, files, or too many bytes.
+  void share();
+  const SharedRun& sharedRun() const { return sharedRun_; }
+
   // Overwrites what stands here; after it only begin() makes sense.
   void wipe();
 
@@ -81,6 +87,7 @@ class OutgoingMessage {
   std::vector<Splice> splices_;
   std::vector<BufferRef> files_;
   std::size_t splicedBytes_ = 0;
+  SharedRun sharedRun_;
 };
 
 // The first elements of a message, as far as they can be read from the beginning of a frame: enough to answer a request whose
