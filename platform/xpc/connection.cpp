@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/foundation/value.h"
+#include "platform/xpc/heavy_turns.h"
 #include "platform/xpc/remote_proxy.h"
 
 namespace keel::xpc {
@@ -132,7 +133,11 @@ void Connection::sendAnswer(std::uint64_t requestId, OutgoingMessage& message) {
 
 void Connection::requestAnswered(std::uint64_t requestId) {
   --unansweredCount_;
-  if (requestId == heavyRequestId_) heavyRequestId_ = 0;
+  if (requestId == heavyRequestId_) {
+    heavyRequestId_ = 0;
+    // Not before what this answer made wait was counted, at the end of the turn.
+    transport_->performLater([user = options_.quota.account] { HeavyTurns::ofThread().leave(user); });
+  }
   if (readingPaused_) adjustReading();
 }
 

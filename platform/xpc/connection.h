@@ -151,6 +151,17 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   bool receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
   bool receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
   bool dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files, Interface::Call& call);
+  // What a heavy request brought, kept until it is its user's turn.
+  struct HeavyRequest {
+    std::uint64_t method;
+    std::uint64_t argumentCount;
+    BufferRef arguments;
+    std::vector<FileDescriptor> files;
+    Interface::Call call;
+  };
+  void queueHeavy(HeavyRequest request);
+  void serveHeavy(HeavyRequest request);
+  bool serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount, Interface::Call& call);
   void receiveGoodbye(cbor::Cursor& cursor, std::uint64_t count);
   // Answers what cannot be served (`requestId` empty for a one-way message) and tells the interruption handler. Returns false.
   bool refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);

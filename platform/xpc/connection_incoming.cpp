@@ -8,6 +8,7 @@
 #include "platform/foundation/secret.h"
 #include "platform/logging/logger.h"
 #include "platform/xpc/connection.h"
+#include "platform/xpc/heavy_turns.h"
 #include "platform/xpc/remote_proxy.h"
 
 namespace keel::xpc {
@@ -204,26 +205,46 @@ bool Connection::receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::v
 bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files,
                           Interface::Call& call) {
   const std::optional<std::uint64_t> id = call.route ? std::optional(call.requestId) : std::nullopt;
-  const Interface::Dispatch function = exportedInterface_ != nullptr ? exportedInterface_->dispatchAt(method) : nullptr;
-  if (function == nullptr || !exportedObject_) {
+  if (exportedInterface_ == nullptr || exportedInterface_->dispatchAt(method) == nullptr || !exportedObject_) {
     return refuse(id, FailureCode::unknownMethod, fmt::format("there is no method {}", method));
   }
   std::uint64_t argumentCount = 0;
   if (!cursor.array(argumentCount)) return refuse(id, FailureCode::undecodable, kUndecodable);
-  // Held for the call: it may end the connection, which lets go of the object.
-  const std::shared_ptr<void> object = exportedObject_;
+  const Weight weight = exportedInterface_->weightAt(method);
+  if (weight == Weight::heavy && call.route && !queue_) {
+    queueHeavy(
+        {method, argumentCount, Buffer::copyOf(cursor.rest(), *options_.quota.account), std::move(files), std::move(call)});
+    return true;
+  }
   ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes, options_.quota);
   reader.setConfidential(confidential_);
-  const Weight weight = exportedInterface_->weightAt(method);
   if (weight == Weight::lasting && !reader.mayHoldMore()) return refuseOverQuota(id);
-  if (call.route) {
-    ++unansweredCount_;
-    if (weight == Weight::heavy) heavyRequestId_ = call.requestId;
-    if ((unansweredCount_ > limits::kUnansweredRequests || heavyRequestId_ != 0) && !readingPaused_) {
-      transport_->perform([self = shared_from_this()] { self->adjustReading(); });
-    }
+  if (call.route && ++unansweredCount_ > limits::kUnansweredRequests && !readingPaused_) {
+    transport_->perform([self = shared_from_this()] { self->adjustReading(); });
   }
-  if (function(object.get(), reader, argumentCount, call)) return true;
+  return serve(method, reader, argumentCount, call);
+}
+
+void Connection::queueHeavy(HeavyRequest request) {
+  ++unansweredCount_;
+  heavyRequestId_ = request.call.requestId;
+  adjustReading();
+  HeavyTurns::ofThread().enter(options_.quota.account, [self = shared_from_this(), held = std::move(request)]() mutable {
+    self->serveHeavy(std::move(held));
+  });
+}
+
+void Connection::serveHeavy(HeavyRequest request) {
+  if (state_ != State::running) return requestAnswered(request.call.requestId);
+  ArgumentReader reader(request.arguments->bytes(), request.files, options_.receiveLimitBytes, options_.quota);
+  serve(request.method, reader, request.argumentCount, request.call);
+}
+
+bool Connection::serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount, Interface::Call& call) {
+  const std::optional<std::uint64_t> id = call.route ? std::optional(call.requestId) : std::nullopt;
+  // Held for the call: it may end the connection, which lets go of the object.
+  const std::shared_ptr<void> object = exportedObject_;
+  if (exportedInterface_->dispatchAt(method)(object.get(), reader, argumentCount, call)) return true;
   if (call.route) {
     transport_->perform([self = shared_from_this(), requestId = call.requestId] { self->requestAnswered(requestId); });
   }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/xpc/connection_fixture.h"
+#include "platform/xpc/heavy_turns.h"
 
 namespace keel::xpc {
 namespace {
@@ -146,6 +147,62 @@ TEST_F(RawPeer, HeavyRequestsAreServedOneAtATime) {
   turns();
   EXPECT_EQ(service->kept.size(), 1u);
   EXPECT_EQ(received().size(), 2u);
+}
+
+TEST_F(RawPeer, HeavyRequestsOfOneUserTakeTurnsOverAllConnections) {
+  start();
+  int both[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
+  const FileDescriptor otherPeer(both[1]);
+  const auto other =
+      Connection::create(PeerIdentity(),
+                         std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor,
+                                                       FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
+                         Connection::Options());
+  const auto otherService = std::make_shared<EchoService>();
+  other->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
+  other->setExportedObject<Echo>(otherService);
+  other->resume();
+  const auto sendOther = [&](const Value& message) {
+    const Bytes bytes = framed(encoded(message));
+    ASSERT_EQ(::send(otherPeer.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    turns();
+  };
+  sendOther(hello());
+  const Value survey = Value::list({1, 1, 3, Value::list({})});
+  sendMessage(survey);
+  turns();
+  sendOther(survey);
+  EXPECT_EQ(service->kept.size(), 1u);
+  EXPECT_EQ(otherService->kept.size(), 0u);
+  service->kept.clear();
+  turns();
+  EXPECT_EQ(otherService->kept.size(), 1u);
+  sendMessage(Value::list({1, 2, 3, Value::list({})}));
+  turns();
+  EXPECT_EQ(service->kept.size(), 0u);
+  // A connection that ends gives its turn back.
+  otherService->kept.clear();
+  other->invalidate();
+  turns();
+  EXPECT_EQ(service->kept.size(), 1u);
+}
+
+TEST_F(RawPeer, AHeavyRequestThatWaitsEndsWithItsConnection) {
+  start();
+  MemoryAccount& user = MemoryAccount::ofProcess();
+  HeavyTurns::ofThread().enter(&user, [] {});
+  sendMessage(Value::list({1, 1, 3, Value::list({})}));
+  turns();
+  EXPECT_EQ(service->kept.size(), 0u);
+  connection->invalidate();
+  HeavyTurns::ofThread().leave(&user);
+  turns();
+  EXPECT_EQ(service->kept.size(), 0u);
+  bool isFree = false;
+  HeavyTurns::ofThread().enter(&user, [&] { isFree = true; });
+  EXPECT_TRUE(isFree);
+  HeavyTurns::ofThread().leave(&user);
 }
 
 TEST_F(RawPeer, HalfOfALargeFrameIsChargedToItsUser) {

@@ -79,7 +79,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   Receiver* receiver_ = nullptr;
   FrameSplitter splitter_;
   Terms terms_;
-  std::size_t countedOwnBytes_ = 0;  // of this stream in the sum over all streams
+  std::size_t countedOwnBytes_ = 0;  // of what waits, as it was noted last
   std::size_t countedFiles_ = 0;     // that were noted as unclaimed
   std::size_t chargedKeptBytes_ = 0;
   std::size_t unreadFileBytes_ = 0;  // sent since the peer was last seen to have read everything

@@ -19,10 +19,8 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <unordered_set>
 #include <utility>
 
 #include "platform/foundation/secret.h"
@@ -30,6 +28,7 @@
 #include "platform/xpc/foreign_descriptors.h"
 #include "platform/xpc/limits.h"
 #include "platform/xpc/unclaimed_files.h"
+#include "platform/xpc/waiting_output.h"
 
 namespace keel::xpc {
 
@@ -46,13 +45,9 @@ std::span<std::byte> readBuffer() {
 
 constexpr std::string_view kUnclaimed = "descriptors that no message claims";
 
-// What streams hold together. Written on the I/O thread alone in the daemon, atomic for programs with several reactors.
-std::atomic<std::size_t> totalOwnBytes{0};
-
-// The streams of this thread for which much waits.
-std::unordered_set<FrameStream*>& slowStreams() {
-  thread_local std::unordered_set<FrameStream*> streams;
-  return streams;
+WaitingOutput<FrameStream, MemoryAccount>& waitingOutput() {
+  thread_local WaitingOutput<FrameStream, MemoryAccount> output;
+  return output;
 }
 
 UnclaimedFiles<FrameStream, MemoryAccount>& unclaimedFiles() {
@@ -100,33 +95,33 @@ void FrameStream::send(const OutgoingMessage& message, EndOfTurn::Urgency urgenc
   }
   if (confidential_) output_->setConfidential();
   output_->append(message);
-  if (!outputBlocked_) reactor_.atEndOfTurn(*this, urgency);
+  if (!outputBlocked_) {
+    reactor_.atEndOfTurn(*this, urgency);
+  } else if (output_->ownBytes() != countedOwnBytes_) {
+    countWaiting();
+  }
 }
 
 void FrameStream::countWaiting() {
   const std::size_t waiting = output_ ? output_->waitingBytes() : 0;
-  const std::size_t own = waiting > limits::kPauseReadingBytes / 2 ? output_->ownBytes() : 0;
-  totalOwnBytes += own - countedOwnBytes_;
-  countedOwnBytes_ = own;
   outputFull_ = waiting > limits::kPauseReadingBytes || (outputFull_ && waiting > limits::kPauseReadingBytes / 2);
-  if (!outputFull_) {
-    slowStreams().erase(this);
-    return;
-  }
-  slowStreams().insert(this);
+  const bool counts = outputBlocked_ || outputFull_;
+  countedOwnBytes_ = counts ? output_->ownBytes() : 0;
+  waitingOutput().note(this, terms_.quota.account, counts ? waiting : 0, countedOwnBytes_);
+  if (!counts) return;
   if (waiting > limits::kWaitingBytes) return endSlow();
   // Superseded values are the process's own to pay for (see Buffer::chargeTo). One goes at a time; what it held is free only
   // then.
   if (leavingUnderPressure() != nullptr) return;
-  if (totalOwnBytes + MemoryAccount::ofProcess().bytes() <= limits::kTotalWaitingBytes) return;
-  FrameStream* const most = *std::ranges::max_element(slowStreams(), {}, [](FrameStream* stream) {
-    return stream->ending_ || !stream->output_ ? 0 : stream->output_->waitingBytes();
-  });
+  if (waitingOutput().ownBytes() + MemoryAccount::ofProcess().bytes() <= limits::kTotalWaitingBytes) return;
+  FrameStream* const most = waitingOutput().heaviest();
   leavingUnderPressure() = most;
   most->endSlow();
 }
 
 void FrameStream::endSlow() {
+  // Others have their turn in being the heaviest.
+  waitingOutput().note(this, terms_.quota.account, 0, 0);
   tooSlow_ = true;
   ending_ = true;
   reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
@@ -355,7 +350,7 @@ bool FrameStream::flush() {
     fail(problem_ == EPIPE || problem_ == ECONNRESET ? std::string_view() : std::string_view(std::strerror(problem_)), {});
     return false;
   }
-  if (outputBlocked_ || outputFull_) {
+  if (outputBlocked_ || outputFull_ || countedOwnBytes_ > 0) {
     const bool wasFull = outputFull_;
     countWaiting();
     if (wasFull && !outputFull_ && splitter_.keptBytes() > 0) {
@@ -376,6 +371,8 @@ void FrameStream::sayGoodbye(std::string_view goodbye, bool dropWaiting) {
   // Nothing can lie in a socket that was read to its end; it is closed at once, with detach().
   if (!readToItsEnd_) {
     if (output_ && dropWaiting) output_->dropUnbegunFrames();
+    // Whoever does not read an answer longer than any other message gets no more of it: it must not be held any longer.
+    if (output_ && output_->waitingBytes() > 2 * limits::kFrameBytes) return detach();
     if (!goodbye.empty()) {
       OutgoingMessage message;
       writeGoodbye(message, goodbye);
@@ -390,9 +387,9 @@ void FrameStream::sayGoodbye(std::string_view goodbye, bool dropWaiting) {
 void FrameStream::detach() {
   stopWatching();
   cancelEndOfTurn();
-  slowStreams().erase(this);
+  waitingOutput().note(this, terms_.quota.account, 0, 0);
   if (leavingUnderPressure() == this) leavingUnderPressure() = nullptr;
-  totalOwnBytes -= std::exchange(countedOwnBytes_, 0);
+  countedOwnBytes_ = 0;
   files_.clear();
   countFiles();
   terms_.quota.account->refund(std::exchange(chargedKeptBytes_, 0));
