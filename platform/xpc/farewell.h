@@ -10,8 +10,9 @@
 namespace keel::xpc {
 
 // Writes what is left in `output` to a socket that nobody owns any more, then closes it; gives up after limits::kFarewell.
-// Nothing is read, and the socket is closed elsewhere (foreign_descriptors.h). `admission` is held until it is. Lives by itself
-// on the reactor.
-void sendFarewell(FileDescriptor socket, BorrowedOutputQueue output, std::shared_ptr<void> admission, Reactor& reactor);
+// Nothing is read, and the socket is closed elsewhere (foreign_descriptors.h). `admission` is held until it is; `owner` stands
+// for the peer's user. Lives by itself on the reactor.
+void sendFarewell(FileDescriptor socket, BorrowedOutputQueue output, std::shared_ptr<void> admission, const void* owner,
+                  Reactor& reactor);
 
 }  // namespace keel::xpc

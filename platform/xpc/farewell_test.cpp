@@ -31,7 +31,7 @@ class Farewell : public ::testing::Test {
     BorrowedOutputQueue output;
     output.borrow();
     output->append(message);
-    sendFarewell(std::move(own), std::move(output), std::move(admission), reactor);
+    sendFarewell(std::move(own), std::move(output), std::move(admission), this, reactor);
   }
   void turns() {
     while (reactor.turn(/*wait=*/false)) {

@@ -2,6 +2,7 @@
 #include "platform/xpc/foreign_descriptors.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 
 #include <memory>
 #include <utility>
@@ -13,8 +14,10 @@ namespace keel::xpc {
 
 namespace {
 
-// A few threads, so that one descriptor that waits does not hold up the others at once.
-constexpr std::size_t kClosingThreads = 4;
+// A few threads for each user, so that one descriptor that waits does not hold up the others at once, and for no user so many
+// that those of others have to wait.
+constexpr std::size_t kClosingThreads = 64;
+constexpr std::size_t kClosingThreadsOfUser = 4;
 
 }  // namespace
 
@@ -22,10 +25,14 @@ bool isMemoryFile(const FileDescriptor& descriptor) {
   return ::fcntl(descriptor.get(), F_GET_SEALS) >= 0;
 }
 
-void closeElsewhere(FileDescriptor descriptor, std::shared_ptr<void> admission) {
-  static WorkerPool& threads = *new WorkerPool(kClosingThreads);
+void closeElsewhere(FileDescriptor descriptor, std::shared_ptr<void> admission, const void* owner) {
+  static WorkerPool& threads = *new WorkerPool(kClosingThreads, kClosingThreadsOfUser);
+  // What waits in a network socket that lingers is worth nothing to us. Other kinds of descriptors do not understand this.
+  const linger atOnce{.l_onoff = 1, .l_linger = 0};
+  ::setsockopt(descriptor.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
   // A queue for each: they need not wait for each other.
-  SerialQueue::create("KeelClosing", threads)->async([closing = std::move(descriptor), held = std::move(admission)]() mutable {
+  Executor& lane = threads.laneOf(reinterpret_cast<std::uintptr_t>(owner));
+  SerialQueue::create("KeelClosing", lane)->async([closing = std::move(descriptor), held = std::move(admission)]() mutable {
     closing.reset();
     held.reset();
   });

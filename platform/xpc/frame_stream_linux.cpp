@@ -254,7 +254,7 @@ bool FrameStream::takeFiles(msghdr& header) {
       if (isMemoryFile(descriptor)) {
         files_.push_back(std::move(descriptor));
       } else {
-        closeElsewhere(std::move(descriptor), terms_.admission);
+        closeElsewhere(std::move(descriptor), terms_.admission, terms_.quota.account);
         offence = "a descriptor that is no memory file";
       }
     }
@@ -379,7 +379,7 @@ void FrameStream::sayGoodbye(std::string_view goodbye, bool dropWaiting) {
       output_.borrow();
       output_->append(message);
     }
-    sendFarewell(std::move(socket_), std::move(output_), std::move(terms_.admission), reactor_);
+    sendFarewell(std::move(socket_), std::move(output_), std::move(terms_.admission), terms_.quota.account, reactor_);
   }
   detach();
 }
@@ -394,7 +394,7 @@ void FrameStream::detach() {
   countFiles();
   terms_.quota.account->refund(std::exchange(chargedKeptBytes_, 0));
   // A stream that was never started has read nothing.
-  if (socket_ && !readToItsEnd_) return closeElsewhere(std::move(socket_), std::move(terms_.admission));
+  if (socket_ && !readToItsEnd_) return closeElsewhere(std::move(socket_), std::move(terms_.admission), terms_.quota.account);
   socket_.reset();
   terms_.admission.reset();
 }

@@ -29,13 +29,13 @@ bool isShortage(int problem) {
 }
 
 // Tells a client that it is not let in, and why.
-void turnAway(FileDescriptor socket, const std::string& why, Reactor& reactor) {
+void turnAway(FileDescriptor socket, const std::string& why, const void* owner, Reactor& reactor) {
   OutgoingMessage goodbye;
   writeGoodbye(goodbye, why);
   BorrowedOutputQueue output;
   output.borrow();
   output->append(goodbye);
-  sendFarewell(std::move(socket), std::move(output), /*admission=*/nullptr, reactor);
+  sendFarewell(std::move(socket), std::move(output), /*admission=*/nullptr, owner, reactor);
 }
 
 }  // namespace
@@ -133,7 +133,7 @@ bool Listener::acceptOne() {
   auto peer = PeerIdentity::ofSocket(socket.get());
   if (!peer) {
     if (isShortage(peer.error().value())) {
-      turnAway(std::move(socket), "the daemon is short of resources; try again", reactor_);
+      turnAway(std::move(socket), "the daemon is short of resources; try again", /*owner=*/nullptr, reactor_);
       pauseAccepting(std::strerror(peer.error().value()));
       return false;
     }
@@ -147,7 +147,7 @@ bool Listener::acceptOne() {
                                 ? fmt::format("too many connections of uid {}", peer->uid)
                                 : std::string("too many connections");
     if (!std::exchange(refusalLogged_, true)) logger().error("{}: {}; new ones are turned away", path_, why);
-    turnAway(std::move(socket), why, reactor_);
+    turnAway(std::move(socket), why, terms.quota.account, reactor_);
     return true;
   }
   if (admissions_->hasRoom()) pauseLogged_ = refusalLogged_ = false;
