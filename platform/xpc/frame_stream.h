@@ -57,6 +57,8 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   bool flush();
   // Writes what the socket takes; a failure is noted in problem_.
   void write();
+  void writeAgainLater();
+  void writeAgain();
   // Counts what waits here, and has the stream dropped for which most waits when all is too much.
   void countWaiting();
   void endSlow();
@@ -85,6 +87,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   std::size_t unreadFileBytes_ = 0;  // sent since the peer was last seen to have read everything
   BorrowedOutputQueue output_;
   std::vector<FileDescriptor> files_;  // received, not yet claimed
+  Reactor::TimerId writingAgain_ = 0;  // 0: not waiting for better times
   std::uint32_t watchedEvents_ = 0;    // 0: the socket is not watched
   bool reading_ = true;
   bool outputFull_ = false;     // so much waits that the peer's requests have to

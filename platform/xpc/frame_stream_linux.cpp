@@ -55,6 +55,12 @@ UnclaimedFiles<FrameStream, MemoryAccount>& unclaimedFiles() {
   return files;
 }
 
+// How many streams of this thread wait for the system to take more descriptors.
+std::size_t& stuckStreams() {
+  thread_local std::size_t count = 0;
+  return count;
+}
+
 // The one that is being dropped because all of them together hold too much.
 FrameStream*& leavingUnderPressure() {
   thread_local FrameStream* leaving = nullptr;
@@ -153,6 +159,7 @@ void FrameStream::close(std::string_view goodbye) {
 }
 
 bool FrameStream::maySendFiles() {
+  if (stuckStreams() > 0) return false;
   if (unreadFileBytes_ <= limits::kUnreadSealedBytes) return true;
   int unread = 0;
   if (::ioctl(socket_.get(), SIOCOUTQ, &unread) != 0 || unread != 0) return false;
@@ -339,8 +346,23 @@ void FrameStream::write() {
   }
   unreadFileBytes_ += output_->takeSentFileBytes();
   outputBlocked_ = !output_->empty();
+  if (output_->isStuck()) writeAgainLater();
   if (!outputBlocked_) return output_.giveBack();
   output_->unshare();
+}
+
+void FrameStream::writeAgainLater() {
+  if (writingAgain_ != 0) return;
+  ++stuckStreams();
+  writingAgain_ = reactor_.after(limits::kSendPause, [this] { writeAgain(); });
+}
+
+void FrameStream::writeAgain() {
+  const std::shared_ptr<void> alive = receiver_->holdAlive();
+  writingAgain_ = 0;
+  --stuckStreams();
+  outputBlocked_ = false;
+  if (flush()) watchAsNeeded();
 }
 
 bool FrameStream::flush() {
@@ -389,6 +411,10 @@ void FrameStream::detach() {
   cancelEndOfTurn();
   waitingOutput().note(this, terms_.quota.account, 0, 0);
   if (leavingUnderPressure() == this) leavingUnderPressure() = nullptr;
+  if (writingAgain_ != 0) {
+    reactor_.cancel(std::exchange(writingAgain_, 0));
+    --stuckStreams();
+  }
   countedOwnBytes_ = 0;
   files_.clear();
   countFiles();
@@ -401,7 +427,7 @@ void FrameStream::detach() {
 
 void FrameStream::watchAsNeeded() {
   if (!socket_) return;
-  const std::uint32_t events = (wantsToRead() ? EPOLLIN : 0u) | (outputBlocked_ ? EPOLLOUT : 0u);
+  const std::uint32_t events = (wantsToRead() ? EPOLLIN : 0u) | (outputBlocked_ && writingAgain_ == 0 ? EPOLLOUT : 0u);
   if (events == watchedEvents_) return;
   // Not watched at all for no events: a peer that hung up would be told of again and again.
   if (watchedEvents_ == 0) {

@@ -83,6 +83,9 @@ inline constexpr std::size_t kReservedDescriptors = 256 + kSealedFiles;
 // The share of all connections that users other than root may hold: root can always see what is going on. One of them may hold
 // as many as are still free, so no single one locks the others out.
 inline constexpr double kConnectionShareOfUsers = 0.875;
+// How long sending pauses when the system has no room for more descriptors on their way, or no memory.
+inline constexpr std::chrono::milliseconds kSendPause{100};
+
 // How long accepting pauses when descriptors or memory ran out.
 inline constexpr std::chrono::milliseconds kAcceptPause{100};
 

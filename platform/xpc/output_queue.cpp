@@ -128,6 +128,7 @@ void OutputQueue::appendBytes(std::span<const std::byte> bytes) {
 }
 
 std::expected<void, std::error_code> OutputQueue::flush(int socket) {
+  stuck_ = false;
   while (!empty()) {
     std::array<iovec, kPiecesPerWrite> vectors;
     std::size_t count = 0;
@@ -156,8 +157,8 @@ std::expected<void, std::error_code> OutputQueue::flush(int socket) {
     const ssize_t sent = ::sendmsg(socket, &header, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 0) {
       if (errno == EINTR) continue;
-      // ETOOMANYREFS: too many descriptors are on their way already; the peer will take some.
-      if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ETOOMANYREFS || errno == ENOBUFS) return {};
+      stuck_ = errno == ETOOMANYREFS || errno == ENOBUFS || errno == ENOMEM;
+      if (errno == EAGAIN || errno == EWOULDBLOCK || stuck_) return {};
       return std::unexpected(std::error_code(errno, std::system_category()));
     }
     consume(static_cast<std::size_t>(sent));

@@ -38,6 +38,9 @@ class OutputQueue {
   // Writes to the non-blocking socket until all is written or it takes no more (which is success). Fails with the errno that
   // ended the connection.
   std::expected<void, std::error_code> flush(int socket);
+  // Whether the last flush() met a shortage of the system's: too many descriptors that nobody has received yet, or no memory.
+  // The socket does not tell when that is over.
+  bool isStuck() const { return stuck_; }
 
   // Copies the shared frames that the socket did not take, and those that come until it has taken all: whoever reads slowly
   // must not hold on to what others have long been sent, much of which may not even be his.
@@ -73,6 +76,7 @@ class OutputQueue {
   std::size_t chunkCapacity_ = 0;
   std::size_t chunkUsed_ = 0;
   bool confidential_ = false;
+  bool stuck_ = false;
   bool copies_ = false;  // shared frames, too, until the queue is empty
   std::uint64_t appendedBytes_ = 0;
   std::uint64_t sentBytes_ = 0;

@@ -2,7 +2,9 @@
 #include "platform/xpc/output_queue.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -140,6 +142,40 @@ TEST(OutputQueue, DroppingBeforeAnythingWasSentDropsAll) {
   queue.append(messageOf(10, 0, 'y'));
   queue.dropUnbegunFrames();
   EXPECT_TRUE(queue.empty());
+}
+
+// The kernel bounds what an ordinary user has sent and nobody received by that user's limit of descriptors.
+int exitCodeOfTooManyFiles() {
+  SocketPair pair;
+  OutputQueue queue;
+  const BufferRef large = bufferOf(100'000, 'z');
+  for (int i = 0; i < 200; ++i) {
+    OutgoingMessage message;
+    message.begin();
+    if (!message.sealedItem(large) || !message.finish()) return 3;
+    queue.append(message);
+  }
+  const rlimit few{64, 64};
+  if (::setrlimit(RLIMIT_NOFILE, &few) != 0) return 1;
+  if (::getuid() == 0 && ::setuid(65534) != 0) return 2;
+  if (!queue.flush(pair.ours.get()) || !queue.isStuck()) return 4;
+  char bytes[4096];
+  for (int i = 0; i < 1000 && !queue.empty(); ++i) {
+    while (::recv(pair.theirs.get(), bytes, sizeof(bytes), MSG_DONTWAIT) > 0) {
+    }
+    if (!queue.flush(pair.ours.get())) return 5;
+  }
+  return queue.empty() && !queue.isStuck() ? 0 : 6;
+}
+
+TEST(OutputQueue, TooManyFilesOnTheirWayAreAShortageThatPasses) {
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) ::_exit(exitCodeOfTooManyFiles());
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST(OutputQueue, SealedFilesArriveWithTheirFrames) {
