@@ -72,7 +72,6 @@ void shutDown() {
   process().notifyListener->invalidate();
   process().authListener.reset();
   process().notifyListener.reset();
-  // Last, as it waits for a service manager that does not listen.
   tellStopping();
   endProcess(0);
 }
@@ -120,8 +119,10 @@ void startDaemonLogging() {
 }
 
 void makeLockDirectory(const char* path) {
-  if (::mkdir(path, 0755) == 0 || errno == EEXIST) return;
-  logger().error("Failed to create the lock dir at {} errno = {}", path, errno);
+  if (::mkdir(path, 0755) == 0) return;
+  const int problem = errno;
+  if (problem == EEXIST) return;
+  logger().error("Failed to create the lock dir at {} errno = {}", path, problem);
   endProcess(kExitNoLockDirectory);
 }
 

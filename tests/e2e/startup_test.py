@@ -275,7 +275,22 @@ class Signals(StartTest):
         self.assertEqual(daemon.wait(), 0)
         self.assertEqual(daemon.logged(SHUTTING_DOWN), [("default", "runtime", SHUTTING_DOWN)])
         self.assertFalse(os.path.lexists(NOTIFY_PATH))
+        self.assertFalse(os.path.lexists(AUTH_PATH))
         self.start()
+
+    def test_terminate_ends_it_also_when_its_manager_reads_nothing(self):
+        path = "/run/unread"
+        self.addCleanup(remove, path)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as other:
+            manager.bind(path)
+            daemon = self.start(environment={"NOTIFY_SOCKET": path})
+            self.assertEqual(manager.recv(100), b"READY=1")
+            other.connect(path)
+            other.setblocking(False)
+            with self.assertRaises(BlockingIOError):
+                while True:
+                    other.send(b"x")
+            self.assertEqual(daemon.stop(), 0)
 
     def test_terminate_is_heard_from_the_first_moment_on(self):
         daemon = self.start_silent(log=None)
@@ -311,6 +326,7 @@ class Signals(StartTest):
         self.assertEqual(daemon.wait(), 0)
         self.assertEqual(len(daemon.logged(SHUTTING_DOWN)), 1)
         self.assertFalse(os.path.lexists(NOTIFY_PATH))
+        self.assertFalse(os.path.lexists(AUTH_PATH))
 
 
 def flood(name):
