@@ -33,7 +33,7 @@ TEST_F(AuthHandler, SuccessIsRecordedBeforeItIsAnswered) {
 }
 
 TEST_F(AuthHandler, WhatIsRecordedIsNotTheClientsToPayFor) {
-  MemoryAccount account;
+  static MemoryAccount account;
   membership.shortNames["Alice Liddell"] = "alice";
   for (int count = 0; count < 3; ++count) {
     client.handler()->authenticateUser(String("Alice Liddell", account, 0), "right", xpc::Reply<Error>::to([&](Error error) {
