@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include "modules/module_manager.h"
 #include "platform/dispatch/signal_source.h"
 #include "platform/dispatch/system.h"
+#include "platform/foundation/check.h"
 #include "platform/logging/log_system.h"
 #include "platform/logging/logger.h"
 #include "platform/product/product.h"
@@ -110,6 +112,10 @@ void requireRoot(const char* programName) {
 void holdSignals() {
   holdSignal(SIGHUP);
   holdSignal(SIGTERM);
+}
+
+void forbidCores() {
+  KEEL_CHECK(::prctl(PR_SET_DUMPABLE, 0) == 0);
 }
 
 void startDaemonLogging() {

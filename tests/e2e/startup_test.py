@@ -2,12 +2,14 @@
 # SPDX-License-Identifier: Apache-2.0
 """How keeld starts, what it refuses, and how it ends."""
 
+import ctypes
 import os
 import re
 import signal
 import socket
 import stat
 import struct
+import subprocess
 
 import keel_host
 from keel_client import AUTH, DIRECTORY, NOTIFY, Client, Ended
@@ -132,6 +134,28 @@ class Banner(StartTest):
     def load_address(daemon):
         with open(f"/proc/{daemon.pid}/maps") as maps:
             return int(next(line for line in maps if line.rstrip().endswith(keel_host.keeld)).split("-")[0], 16)
+
+
+class Cores(StartTest):
+    """The kernel writes a core of those processes only into which one like it could look without a privilege."""
+
+    @staticmethod
+    def drop_privilege_to_debug():
+        set_bounding_capability, debug = 24, 19
+        if ctypes.CDLL(None, use_errno=True).prctl(set_bounding_capability, debug, 0, 0, 0) != 0:
+            raise OSError(ctypes.get_errno(), "prctl")
+
+    def can_be_looked_into(self, pid):
+        opening = ["sh", "-c", f": < /proc/{pid}/mem"]
+        return subprocess.run(opening, preexec_fn=self.drop_privilege_to_debug, capture_output=True).returncode == 0
+
+    def test_are_never_written(self):
+        other = subprocess.Popen(["sleep", "infinity"], preexec_fn=self.drop_privilege_to_debug)
+        self.addCleanup(other.wait)
+        self.addCleanup(other.kill)
+        self.assertTrue(self.can_be_looked_into(other.pid))
+        daemon = self.start(before_exec=self.drop_privilege_to_debug)
+        self.assertFalse(self.can_be_looked_into(daemon.pid))
 
 
 class Sockets(StartTest):
