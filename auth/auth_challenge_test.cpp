@@ -3,6 +3,10 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
+#include <optional>
+#include <string_view>
+#include <utility>
 
 #include "auth/auth_fixture.h"
 #include "platform/foundation/random_bytes.h"
@@ -30,15 +34,15 @@ class AuthChallenge : public AuthHandler {
   const Outcome failed{nullptr, nullptr, kAuthFailed};
 };
 
-TEST_F(AuthChallenge, StartMakesAnAuthenticatorForGet) {
+TEST_F(AuthChallenge, StartMakesTheIDThenAnAuthenticatorForGet) {
   const String authID = startDigest();
-  EXPECT_THAT(takeCalls(), ElementsAre("make digest", "digest setMethod GET", "digest generateInitialResponse"));
+  EXPECT_THAT(takeCalls(), ElementsAre("random", "make digest", "digest setMethod GET", "digest generateInitialResponse"));
   EXPECT_THAT(log.take(), ElementsAre(debugLine("authDigestStartWithHandler starting auth for " + std::string(authID.view()))));
 
   const auto [challenge, basicID, error] = ask<&AuthProxy::authBasicStartWithHandler>(client);
   EXPECT_EQ(challenge, String("basic challenge"));
   EXPECT_FALSE(error);
-  EXPECT_THAT(takeCalls(), ElementsAre("make basic", "basic setMethod GET", "basic generateInitialResponse"));
+  EXPECT_THAT(takeCalls(), ElementsAre("random", "make basic", "basic setMethod GET", "basic generateInitialResponse"));
   EXPECT_THAT(log.take(), ElementsAre(debugLine("authBasicStartWithHandler starting auth for " + std::string(basicID.view()))));
   EXPECT_EQ(client.handler()->authsInProgress().size(), 2u);
 }
@@ -51,6 +55,32 @@ TEST_F(AuthChallenge, RightAnswerOfAnAdministratorIsRecorded) {
   EXPECT_THAT(recorded(7), ElementsAre(String("alice")));
   EXPECT_THAT(log.linesOf("auth"), ElementsAre(debugLine("authValidate: validating auth for " + std::string(authID.view()))));
   EXPECT_TRUE(client.handler()->authsInProgress().empty());
+}
+
+TEST_F(AuthChallenge, IsRecordedAndUsedUpBeforeItIsAnswered) {
+  const String authID = startDigest();
+  const auto handler = client.handler();
+  std::optional<bool> isRecorded;
+  handler->authValidate("right alice", authID, xpc::Reply<String, String, Error>::to([&](String, String, Error error) {
+                          EXPECT_FALSE(error);
+                          EXPECT_TRUE(handler->authsInProgress().empty());
+                          service->isAuthedASID(7, [&](bool found) { isRecorded = found; });
+                        }));
+  executor.runAll();
+  EXPECT_EQ(isRecorded, true);
+}
+
+TEST_F(AuthChallenge, IsUsedUpBeforeARefusalIsAnswered) {
+  const auto handler = client.handler();
+  for (const auto& [answer, refusal] : {std::pair("wrong", kAuthFailed), std::pair("right bob", kNotAdmin)}) {
+    const String authID = startDigest();
+    std::optional<Error> answered;
+    handler->authValidate(answer, authID, xpc::Reply<String, String, Error>::to([&](String, String, Error error) {
+                            EXPECT_TRUE(handler->authsInProgress().empty());
+                            answered = std::move(error);
+                          }));
+    EXPECT_EQ(answered, refusal);
+  }
 }
 
 TEST_F(AuthChallenge, ResponseMayBeNone) {
@@ -220,6 +250,21 @@ TEST_F(AuthBasicValidate, RecordsAnybodyAndLogsNothing) {
   EXPECT_EQ(basicValidate("right bob", authID), BasicOutcome(false, nullptr, kAuthIDNotFound));
 }
 
+TEST_F(AuthBasicValidate, RecordsAndUsesTheChallengeUpBeforeItAnswers) {
+  const auto handler = client.handler();
+  for (const char* answer : {"wrong", "right bob"}) {
+    const String authID = startDigest();
+    std::optional<bool> isRecorded;
+    handler->authBasicValidate(answer, authID, [&](bool valid, String, Error) {
+      EXPECT_EQ(valid, answer == std::string_view("right bob"));
+      EXPECT_TRUE(handler->authsInProgress().empty());
+      service->isAuthedASID(7, [&](bool found) { isRecorded = found; });
+    });
+    executor.runAll();
+    EXPECT_EQ(isRecorded, answer == std::string_view("right bob"));
+  }
+}
+
 TEST_F(AuthBasicValidate, WrongAnswerUsesTheChallengeUp) {
   const String authID = startDigest();
   EXPECT_EQ(basicValidate("wrong", authID), BasicOutcome(false, nullptr, kAuthFailed));
@@ -242,6 +287,8 @@ void startWithoutRandomBytes(AuthBackEnds backEnds) {
 
 TEST_F(AuthChallenge, WithoutRandomBytesTheProcessAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // Nothing was made yet.
+  authenticators.onMake = [] { std::_Exit(0); };
   EXPECT_EXIT(startWithoutRandomBytes(backEnds), ::testing::KilledBySignal(SIGABRT),
               "2 runtime: AuthService unable to create AuthID error = 38 exiting\\.\\.\\.");
 }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -116,10 +117,12 @@ class FakeAuthenticators final : public Authenticators {
   std::shared_ptr<QZAuthenticator> serverBasicAuthenticator() override { return make("basic"); }
 
   std::vector<std::weak_ptr<QZAuthenticator>> made;
+  std::function<void()> onMake;
 
  private:
   std::shared_ptr<QZAuthenticator> make(const char* kind) {
     calls_.push_back(std::string("make ") + kind);
+    if (onMake) onMake();
     auto one = std::make_shared<FakeAuthenticator>(calls_, kind);
     made.push_back(one);
     return one;
@@ -154,6 +157,7 @@ class FakeAuthorization final : public Authorization {
   OSStatus AuthorizationFree(AuthorizationRef& authorization, AuthorizationFlags flags) override {
     EXPECT_EQ(authorization, reference.lock());
     calls_.push_back("free flags " + std::to_string(flags));
+    if (onFree) onFree();
     return 0;
   }
 
@@ -161,6 +165,7 @@ class FakeAuthorization final : public Authorization {
   OSStatus copyStatus = 0;
   AuthorizationExternalForm given;
   std::weak_ptr<const xpc::PeerIdentity> reference;
+  std::function<void()> onFree;
 
  private:
   Calls& calls_;
@@ -227,7 +232,10 @@ class AuthHandler : public ::testing::Test {
   FakeMembership membership{calls};
   FakeAuthenticators authenticators{calls};
   FakeAuthorization authorization{calls};
-  AuthBackEnds backEnds{membership, authenticators, authorization};
+  AuthBackEnds backEnds{membership, authenticators, authorization, [this](std::span<std::byte> bytes) {
+                          calls.push_back("random");
+                          return SecRandomCopyBytes(bytes);
+                        }};
   AuthClient client{executor, backEnds};
 };
 

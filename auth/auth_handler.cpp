@@ -102,10 +102,11 @@ Error KLNAuthHandler::requireAdministrator(const String& user) const {
 }
 
 void KLNAuthHandler::recordUser(const String& user) {
+  const auto connection = xpcConnection();
   // Without a connection there is no session to record anything under.
-  if (const auto connection = xpcConnection()) {
-    KLNAuthService::defaultService()->addUser(user, connection->auditSessionIdentifier());
-  }
+  if (!connection || user.isNull()) return;
+  // What is recorded stays for the life of the process: a copy, since the request's own text is charged to the client.
+  KLNAuthService::defaultService()->addUser(user.view(), connection->auditSessionIdentifier());
 }
 
 bool KLNAuthHandler::isAdminUser(const String& user) const {
@@ -135,7 +136,8 @@ void KLNAuthHandler::isAuthedASID(std::int32_t asid, xpc::Reply<bool> withHandle
 String KLNAuthHandler::getNextAuthID() const {
   std::array<std::byte, 33> random;
   if (backEnds_.randomBytes(random) != 0) {
-    runtimeLog().error("AuthService unable to create AuthID error = {} exiting...", errno);
+    const int problem = errno;
+    runtimeLog().error("AuthService unable to create AuthID error = {} exiting...", problem);
     flushLog(kLogPatience);
     std::abort();
   }

@@ -21,10 +21,28 @@ TEST_F(AuthHandler, RightPasswordOfAnAdministratorIsRecordedInTheCallersSession)
 }
 
 TEST_F(AuthHandler, SuccessIsRecordedBeforeItIsAnswered) {
-  authenticate(client, "alice", "right");
-  // A question that is put after the answer came stands behind the recording.
-  EXPECT_TRUE(isAuthedASID(7));
+  // A question that is put as soon as the answer is there stands behind the recording.
+  std::optional<bool> isRecorded;
+  client.handler()->authenticateUser("alice", "right", xpc::Reply<Error>::to([&](Error error) {
+                                       EXPECT_FALSE(error);
+                                       service->isAuthedASID(7, [&](bool found) { isRecorded = found; });
+                                     }));
+  executor.runAll();
+  EXPECT_EQ(isRecorded, true);
   EXPECT_FALSE(isAuthedASID(8));
+}
+
+TEST_F(AuthHandler, WhatIsRecordedIsNotTheClientsToPayFor) {
+  static MemoryAccount account;
+  membership.shortNames["Alice Liddell"] = "alice";
+  for (int count = 0; count < 3; ++count) {
+    client.handler()->authenticateUser(String("Alice Liddell", account, 0), "right", xpc::Reply<Error>::to([&](Error error) {
+                                         EXPECT_FALSE(error);
+                                         EXPECT_GT(account.bytes(), 0u);
+                                       }));
+  }
+  EXPECT_THAT(recorded(7), ElementsAre(String("Alice Liddell"), String("Alice Liddell"), String("Alice Liddell")));
+  EXPECT_EQ(account.bytes(), 0u);
 }
 
 TEST_F(AuthHandler, WrongPasswordIsRefusedWithoutAWord) {
@@ -95,6 +113,20 @@ TEST_F(AuthHandler, ReferenceWithTheRightIsFreedAndRecorded) {
                                  "shortName alice", "user alice", "group admin", "free flags 0"));
   EXPECT_THAT(recorded(7), ElementsAre(String("alice")));
   EXPECT_THAT(log.lines(), ElementsAre(debugLine(kRequested)));
+}
+
+TEST_F(AuthHandler, ReferenceIsFreedThenTheUserIsRecordedThenItIsAnswered) {
+  std::optional<bool> wasRecordedWhenFreed;
+  std::optional<bool> isRecorded;
+  authorization.onFree = [&] { service->isAuthedASID(7, [&](bool found) { wasRecordedWhenFreed = found; }); };
+  client.handler()->authenticateForUser("alice", Data(std::vector(32, std::byte{'f'})), xpc::Reply<Error>::to([&](Error error) {
+                                          EXPECT_FALSE(error);
+                                          EXPECT_EQ(calls.back(), "free flags 0");
+                                          service->isAuthedASID(7, [&](bool found) { isRecorded = found; });
+                                        }));
+  executor.runAll();
+  EXPECT_EQ(wasRecordedWhenFreed, false);
+  EXPECT_EQ(isRecorded, true);
 }
 
 TEST_F(AuthHandler, ReferenceThatCannotBeMadeIsRefusedWithItsStatus) {

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include "modules/module_manager.h"
 #include "platform/dispatch/signal_source.h"
 #include "platform/dispatch/system.h"
+#include "platform/foundation/check.h"
 #include "platform/logging/log_system.h"
 #include "platform/logging/logger.h"
 #include "platform/product/product.h"
@@ -72,7 +74,6 @@ void shutDown() {
   process().notifyListener->invalidate();
   process().authListener.reset();
   process().notifyListener.reset();
-  // Last, as it waits for a service manager that does not listen.
   tellStopping();
   endProcess(0);
 }
@@ -113,6 +114,10 @@ void holdSignals() {
   holdSignal(SIGTERM);
 }
 
+void forbidCores() {
+  KEEL_CHECK(::prctl(PR_SET_DUMPABLE, 0) == 0);
+}
+
 void startDaemonLogging() {
   const char* setting = std::getenv("KEELD_LOG");
   const std::string notUnderstood = startLogging(defaultOutput(), setting != nullptr ? setting : "");
@@ -120,8 +125,10 @@ void startDaemonLogging() {
 }
 
 void makeLockDirectory(const char* path) {
-  if (::mkdir(path, 0755) == 0 || errno == EEXIST) return;
-  logger().error("Failed to create the lock dir at {} errno = {}", path, errno);
+  if (::mkdir(path, 0755) == 0) return;
+  const int problem = errno;
+  if (problem == EEXIST) return;
+  logger().error("Failed to create the lock dir at {} errno = {}", path, problem);
   endProcess(kExitNoLockDirectory);
 }
 

@@ -17,6 +17,10 @@ void requireRoot(const char* programName);
 // any more, and none is lost. Before any thread exists.
 void holdSignals();
 
+// Has the kernel write no core of this process, wherever it crashes: in the middle of an attempt it has a password in its
+// memory. Root's debuggers still may look. Programs that it starts are free of this.
+void forbidCores();
+
 // Starts logging to the journal or standard error; the environment variable KEELD_LOG sets the levels.
 void startDaemonLogging();
 

@@ -28,6 +28,11 @@ std::unexpected<Error> systemFailure(std::string_view what, const std::string& p
   return failure(problem, fmt::format("cannot {} {}: {}", what, path, std::strerror(problem)));
 }
 
+// Whether nobody else can open it, except root.
+bool isOurs(const struct stat& status) {
+  return status.st_uid == ::geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+}
+
 // A file of digest credentials, and the directory that it is in, which is held open.
 class Place {
  public:
@@ -45,12 +50,21 @@ class Place {
     return Place(path, parts.filename(), std::move(held));
   }
 
-  // Waits until nobody else has it.
-  std::expected<void, Error> lock() const {
-    while (::flock(directory_.get(), LOCK_EX) != 0) {
-      if (errno != EINTR) return systemFailure("lock the directory of", path_);
+  // Waits until nobody else has it; it is had until what this yields is closed. The lock is a file of its own, which stays: who
+  // can open a file can lock it, and everybody can open the directory.
+  std::expected<FileDescriptor, Error> lock() const {
+    const std::string lockName = "." + name_ + ".lock";
+    FileDescriptor file(::openat(directory_.get(), lockName.c_str(),
+                                 O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    struct stat status{};
+    if (!file || ::fstat(file.get(), &status) != 0) return systemFailure("open the lock of", path_);
+    if (!S_ISREG(status.st_mode) || !isOurs(status)) {
+      return failure(EPERM, fmt::format("{} beside {} could be locked by others for ever; remove it", lockName, path_));
     }
-    return {};
+    while (::flock(file.get(), LOCK_EX) != 0) {
+      if (errno != EINTR) return systemFailure("lock", path_);
+    }
+    return file;
   }
 
   std::expected<Secret, Error> read() const {
@@ -61,7 +75,7 @@ class Place {
     if (!file && errno == ELOOP) return failure(EPERM, path_ + " is a link; put the file itself there");
     if (!file || ::fstat(file.get(), &status) != 0) return systemFailure("open", path_);
     if (!S_ISREG(status.st_mode)) return failure(EPERM, path_ + " is no ordinary file; remove it");
-    if (status.st_uid != ::geteuid() || (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    if (!isOurs(status)) {
       return failure(
           EPERM, fmt::format("{} is as secret as the passwords in it: it must belong to uid {} and have mode 0600; mend its "
                              "owner and mode",
@@ -139,7 +153,8 @@ std::expected<void, Error> changeDigestFile(
   if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) return systemFailure("make the directory", directory);
   const auto place = Place::open(path);
   if (!place) return std::unexpected(place.error());
-  if (const auto locked = place->lock(); !locked) return locked;
+  const auto lock = place->lock();
+  if (!lock) return std::unexpected(lock.error());
   auto present = place->read();
   if (!present && present.error().code() != ENOENT) return std::unexpected(present.error());
   const auto text = change(DigestCredentials(present ? std::move(*present) : Secret()));

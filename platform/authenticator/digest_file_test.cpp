@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/authenticator/digest_file.h"
 
+#include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,12 +18,15 @@
 #include <thread>
 #include <vector>
 
+#include "platform/foundation/file_descriptor.h"
 #include "platform/foundation/value.h"
 
 namespace keel {
 namespace {
 
 namespace fs = std::filesystem;
+
+using ::testing::UnorderedElementsAre;
 
 const std::string kLine = "alice:r:" + std::string(32, 'a') + "\n";
 
@@ -41,6 +47,11 @@ class DigestFile : public ::testing::Test {
     std::ostringstream text;
     text << std::ifstream(path).rdbuf();
     return text.str();
+  }
+  std::vector<std::string> namesInDirectory() const {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(directory)) names.push_back(entry.path().filename());
+    return names;
   }
   // 0 when it can be read.
   std::int64_t readingFails() const {
@@ -137,7 +148,7 @@ TEST_F(DigestFile, WhatSomebodyLeftUnfinishedIsNoHindrance) {
   write(kLine);
   std::ofstream(directory + "/.digest.new") << "half";
   ASSERT_TRUE(add("bob"));
-  EXPECT_EQ(std::distance(fs::directory_iterator(directory), fs::directory_iterator()), 1);
+  EXPECT_THAT(namesInDirectory(), UnorderedElementsAre("digest", ".digest.lock"));
 }
 
 TEST_F(DigestFile, ThatIsUnsafeIsNotChanged) {
@@ -163,7 +174,30 @@ TEST_F(DigestFile, DoesNotGrowBeyondItsBound) {
   ASSERT_FALSE(changed);
   EXPECT_EQ(changed.error().code(), EFBIG);
   EXPECT_EQ(fs::file_size(path), kDigestFileBytes - 10);
-  EXPECT_EQ(std::distance(fs::directory_iterator(directory), fs::directory_iterator()), 1);
+  EXPECT_THAT(namesInDirectory(), UnorderedElementsAre("digest", ".digest.lock"));
+}
+
+TEST_F(DigestFile, WhoHoldsWhatEverybodyCanOpenHoldsUpNoChange) {
+  write(kLine);
+  const FileDescriptor held(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(::flock(held.get(), LOCK_EX), 0);
+  EXPECT_TRUE(add("bob"));
+  // What is waited for instead is nothing that others can open.
+  struct stat status{};
+  ASSERT_EQ(::stat((directory + "/.digest.lock").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600U);
+}
+
+TEST_F(DigestFile, LockThatOthersCouldHoldIsRefused) {
+  const std::string lock = directory + "/.digest.lock";
+  std::ofstream(lock).close();
+  ::chmod(lock.c_str(), 0644);
+  EXPECT_FALSE(add("bob"));
+  fs::remove(lock);
+  fs::create_symlink("/dev/null", lock);
+  EXPECT_FALSE(add("bob"));
+  fs::remove(lock);
+  EXPECT_TRUE(add("bob"));
 }
 
 TEST_F(DigestFile, ChangesAtTheSameTimeAreAllMade) {

@@ -2,12 +2,14 @@
 # SPDX-License-Identifier: Apache-2.0
 """How keeld starts, what it refuses, and how it ends."""
 
+import ctypes
 import os
 import re
 import signal
 import socket
 import stat
 import struct
+import subprocess
 
 import keel_host
 from keel_client import AUTH, DIRECTORY, NOTIFY, Client, Ended
@@ -132,6 +134,28 @@ class Banner(StartTest):
     def load_address(daemon):
         with open(f"/proc/{daemon.pid}/maps") as maps:
             return int(next(line for line in maps if line.rstrip().endswith(keel_host.keeld)).split("-")[0], 16)
+
+
+class Cores(StartTest):
+    """The kernel writes a core of those processes only into which one like it could look without a privilege."""
+
+    @staticmethod
+    def drop_privilege_to_debug():
+        set_bounding_capability, debug = 24, 19
+        if ctypes.CDLL(None, use_errno=True).prctl(set_bounding_capability, debug, 0, 0, 0) != 0:
+            raise OSError(ctypes.get_errno(), "prctl")
+
+    def can_be_looked_into(self, pid):
+        opening = ["sh", "-c", f": < /proc/{pid}/mem"]
+        return subprocess.run(opening, preexec_fn=self.drop_privilege_to_debug, capture_output=True).returncode == 0
+
+    def test_are_never_written(self):
+        other = subprocess.Popen(["sleep", "infinity"], preexec_fn=self.drop_privilege_to_debug)
+        self.addCleanup(other.wait)
+        self.addCleanup(other.kill)
+        self.assertTrue(self.can_be_looked_into(other.pid))
+        daemon = self.start(before_exec=self.drop_privilege_to_debug)
+        self.assertFalse(self.can_be_looked_into(daemon.pid))
 
 
 class Sockets(StartTest):
@@ -275,7 +299,22 @@ class Signals(StartTest):
         self.assertEqual(daemon.wait(), 0)
         self.assertEqual(daemon.logged(SHUTTING_DOWN), [("default", "runtime", SHUTTING_DOWN)])
         self.assertFalse(os.path.lexists(NOTIFY_PATH))
+        self.assertFalse(os.path.lexists(AUTH_PATH))
         self.start()
+
+    def test_terminate_ends_it_also_when_its_manager_reads_nothing(self):
+        path = "/run/unread"
+        self.addCleanup(remove, path)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as other:
+            manager.bind(path)
+            daemon = self.start(environment={"NOTIFY_SOCKET": path})
+            self.assertEqual(manager.recv(100), b"READY=1")
+            other.connect(path)
+            other.setblocking(False)
+            with self.assertRaises(BlockingIOError):
+                while True:
+                    other.send(b"x")
+            self.assertEqual(daemon.stop(), 0)
 
     def test_terminate_is_heard_from_the_first_moment_on(self):
         daemon = self.start_silent(log=None)
@@ -311,6 +350,7 @@ class Signals(StartTest):
         self.assertEqual(daemon.wait(), 0)
         self.assertEqual(len(daemon.logged(SHUTTING_DOWN)), 1)
         self.assertFalse(os.path.lexists(NOTIFY_PATH))
+        self.assertFalse(os.path.lexists(AUTH_PATH))
 
 
 def flood(name):
