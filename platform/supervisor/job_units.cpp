@@ -3,6 +3,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <chrono>
 #include <limits>
 #include <utility>
 
@@ -12,6 +14,9 @@
 namespace keel {
 
 namespace {
+
+// Nothing else paces a job's restarts (StartLimitIntervalSec=0): without a pause one that fails at once keeps systemd busy.
+constexpr std::chrono::seconds kLeastPause{1};
 
 // A unit's text, line by line.
 class Text {
@@ -83,7 +88,7 @@ void scheduling(Text& text, const Job& job) {
 
 void ending(Text& text, const Job& job) {
   text.line("Restart", restartOf(job));
-  text.line("RestartSec", fmt::format("{}s", job.throttleInterval.count()));
+  text.line("RestartSec", fmt::format("{}s", std::max(job.throttleInterval, kLeastPause).count()));
   if (job.exitTimeOut) {
     text.line("TimeoutStopSec", job.exitTimeOut->count() == 0 ? "infinity" : fmt::format("{}s", job.exitTimeOut->count()));
   }

@@ -113,6 +113,19 @@ TEST(JobUnits, RestartFollowsKeepAlive) {
   EXPECT_EQ(line(Job::Restart::afterCrash), "Restart=on-abnormal");
 }
 
+TEST(JobUnits, RestartsAreNeverWithoutAPause) {
+  Job job = plainJob();
+  const auto line = [&](int seconds) {
+    job.throttleInterval = std::chrono::seconds(seconds);
+    const std::string text = serviceOf(job);
+    const auto begin = text.find("\nRestartSec=") + 1;
+    return text.substr(begin, text.find('\n', begin) - begin);
+  };
+  EXPECT_EQ(line(0), "RestartSec=1s");
+  EXPECT_EQ(line(1), "RestartSec=1s");
+  EXPECT_EQ(line(2), "RestartSec=2s");
+}
+
 TEST(JobUnits, SettingsFollowTheJob) {
   Job job = plainJob();
   job.userName = "alice";
