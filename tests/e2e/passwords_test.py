@@ -199,7 +199,7 @@ class BadModules(AccountsTest):
         """Nothing is left of what they did."""
         self.auth_client()
         self.assertTrue(self.daemon.running)
-        self.assertEqual(helpers(), [])
+        self.assertTrue(all(await_end(pid) for pid in helpers()))
 
     def test_one_that_hangs_is_ended_and_holds_up_nobody_else(self):
         service(f"auth {own_module('hang', HANGING)}", "account required pam_permit.so")
