@@ -41,6 +41,7 @@ def measure_round(given, measurements, cases, series):
             result = measurements.run(case, name, name, case.options, case.one_processor)
             show(name, case, result)
     for line in series:
+        print(f"{line.title}", flush=True)
         for count in line.counts[:2] if given.quick else line.counts:
             result = measurements.run(line, count, "keeld", line.make_options(count))
             show(f"{count:,} {line.along}", line, result)
@@ -73,12 +74,15 @@ def main():
     series = [line for line in SERIES if not chosen or line.name in chosen]
     facts = machine.describe(given.build, given.revision)
     facts["rounds"] = str(given.rounds)
-    facts["load before"] = number(load_average())
+    facts["priority"] = f"nice {os.getpriority(os.PRIO_PROCESS, 0)}"
 
     measurements = Measurements(given.build, 0.3 if given.quick else 1)
+    loads = []
     for turn in range(given.rounds):
+        loads.append(number(load_average()))
         print(f"\n== round {turn + 1} of {given.rounds}, load average {load_average():.2f} ==", flush=True)
         measure_round(given, measurements, cases, series)
+    facts["load average before each round"] = ", ".join(loads)
     show_summary(given, measurements, cases)
     if given.figures:
         is_whole = not (chosen or given.quick) and given.rounds >= 5 and given.systems == ",".join(systems.ALL)
