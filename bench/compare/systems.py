@@ -16,6 +16,7 @@ class System:
 
     name = ""
     title = ""
+    answers = True  # whether a publisher is told anything
 
     def __init__(self, build, folder, one_processor=False):
         self.build = build
@@ -148,6 +149,7 @@ class Mosquitto(System):
 
 class Zeromq(System):
     name, title = "zeromq", "ZeroMQ"
+    answers = False
 
     def __init__(self, *arguments, **options):
         super().__init__(*arguments, **options)
