@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "platform/foundation/value.h"
-#include "platform/xpc/heavy_turns.h"
 #include "platform/xpc/remote_proxy.h"
 
 namespace keel::xpc {
@@ -136,7 +135,7 @@ void Connection::requestAnswered(std::uint64_t requestId) {
   if (requestId == heavyRequestId_) {
     heavyRequestId_ = 0;
     // Not before what this answer made wait was counted, at the end of the turn.
-    transport_->performLater([user = options_.quota.account] { HeavyTurns::ofThread().leave(user); });
+    transport_->performLater([turns = options_.heavyTurns, user = options_.quota.account] { turns->leave(user); });
   }
   if (readingPaused_) adjustReading();
 }

@@ -15,6 +15,7 @@
 #include "platform/dispatch/reactor.h"
 #include "platform/dispatch/serial_queue.h"
 #include "platform/foundation/error.h"
+#include "platform/xpc/heavy_turns.h"
 #include "platform/xpc/interface.h"
 #include "platform/xpc/limits.h"
 #include "platform/xpc/peer_identity.h"
@@ -54,6 +55,8 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
     std::size_t receiveLimitBytes = limits::kFrameBytes;
     // Who pays for what the peer sends.
     MemoryQuota quota;
+    // Where heavy requests take turns with those of other connections.
+    std::shared_ptr<HeavyTurns> heavyTurns = std::make_shared<HeavyTurns>();
   };
 
   static std::shared_ptr<Connection> create(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options);

@@ -8,7 +8,6 @@
 #include "platform/foundation/secret.h"
 #include "platform/logging/logger.h"
 #include "platform/xpc/connection.h"
-#include "platform/xpc/heavy_turns.h"
 #include "platform/xpc/remote_proxy.h"
 
 namespace keel::xpc {
@@ -229,7 +228,7 @@ void Connection::queueHeavy(HeavyRequest request) {
   ++unansweredCount_;
   heavyRequestId_ = request.call.requestId;
   adjustReading();
-  HeavyTurns::ofThread().enter(options_.quota.account, [self = shared_from_this(), held = std::move(request)]() mutable {
+  options_.heavyTurns->enter(options_.quota.account, [self = shared_from_this(), held = std::move(request)]() mutable {
     self->serveHeavy(std::move(held));
   });
 }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "platform/xpc/connection_fixture.h"
-#include "platform/xpc/heavy_turns.h"
 
 namespace keel::xpc {
 namespace {
@@ -149,7 +148,13 @@ TEST_F(RawPeer, HeavyRequestsAreServedOneAtATime) {
   EXPECT_EQ(received().size(), 2u);
 }
 
-TEST_F(RawPeer, HeavyRequestsOfOneUserTakeTurnsOverAllConnections) {
+struct PeerWithTurns : RawPeer {
+  explicit PeerWithTurns(std::shared_ptr<HeavyTurns> given = std::make_shared<HeavyTurns>())
+      : RawPeer(Connection::Options{.heavyTurns = given}), heavyTurns(std::move(given)) {}
+  const std::shared_ptr<HeavyTurns> heavyTurns;
+};
+
+TEST_F(PeerWithTurns, HeavyRequestsOfOneUserTakeTurnsOverAllConnections) {
   start();
   int both[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
@@ -158,7 +163,7 @@ TEST_F(RawPeer, HeavyRequestsOfOneUserTakeTurnsOverAllConnections) {
       Connection::create(PeerIdentity(),
                          std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor,
                                                        FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
-                         Connection::Options());
+                         Connection::Options{.heavyTurns = heavyTurns});
   const auto otherService = std::make_shared<EchoService>();
   other->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
   other->setExportedObject<Echo>(otherService);
@@ -188,21 +193,21 @@ TEST_F(RawPeer, HeavyRequestsOfOneUserTakeTurnsOverAllConnections) {
   EXPECT_EQ(service->kept.size(), 1u);
 }
 
-TEST_F(RawPeer, AHeavyRequestThatWaitsEndsWithItsConnection) {
+TEST_F(PeerWithTurns, AHeavyRequestThatWaitsEndsWithItsConnection) {
   start();
   MemoryAccount& user = MemoryAccount::ofProcess();
-  HeavyTurns::ofThread().enter(&user, [] {});
+  heavyTurns->enter(&user, [] {});
   sendMessage(Value::list({1, 1, 3, Value::list({})}));
   turns();
   EXPECT_EQ(service->kept.size(), 0u);
   connection->invalidate();
-  HeavyTurns::ofThread().leave(&user);
+  heavyTurns->leave(&user);
   turns();
   EXPECT_EQ(service->kept.size(), 0u);
   bool isFree = false;
-  HeavyTurns::ofThread().enter(&user, [&] { isFree = true; });
+  heavyTurns->enter(&user, [&] { isFree = true; });
   EXPECT_TRUE(isFree);
-  HeavyTurns::ofThread().leave(&user);
+  heavyTurns->leave(&user);
 }
 
 TEST_F(RawPeer, HalfOfALargeFrameIsChargedToItsUser) {

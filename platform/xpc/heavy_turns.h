@@ -11,14 +11,9 @@
 namespace keel::xpc {
 
 // Heavy requests of one user take turns, over all its connections: their answers may be as large as all that the service holds.
-// Lives on the I/O thread.
+// Shared by the connections of a listener; lives on the I/O thread.
 class HeavyTurns {
  public:
-  static HeavyTurns& ofThread() {
-    thread_local HeavyTurns turns;
-    return turns;
-  }
-
   // Runs `serve` as soon as it is its turn, which may be at once. It, or what it set going, calls leave() in the end.
   void enter(const MemoryAccount* user, Block serve) {
     const auto [found, isFree] = waitingByUser_.try_emplace(user);

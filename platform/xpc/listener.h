@@ -62,6 +62,7 @@ class Listener final : private Reactor::Watcher, public std::enable_shared_from_
   FileDescriptor socket_;
   std::shared_ptr<ListenerDelegate> delegate_;
   const std::shared_ptr<Admissions> admissions_;
+  const std::shared_ptr<HeavyTurns> heavyTurns_ = std::make_shared<HeavyTurns>();
   bool suspended_ = true;
   bool pauseLogged_ = false;
   bool refusalLogged_ = false;

@@ -153,6 +153,7 @@ bool Listener::acceptOne() {
   if (admissions_->hasRoom()) pauseLogged_ = refusalLogged_ = false;
   Connection::Options options;
   options.quota = terms.quota;
+  options.heavyTurns = heavyTurns_;
   auto stream = std::make_unique<FrameStream>(std::move(socket), reactor_, std::move(terms));
   const auto connection = Connection::create(std::move(*peer), std::move(stream), options);
   const auto delegate = delegate_;
