@@ -124,6 +124,13 @@ void startDaemonLogging() {
   if (!notUnderstood.empty()) logger().error("KEELD_LOG: not understood: {}", notUnderstood);
 }
 
+void complainAboutMissingSessions(const char* ownSession) {
+  if (::access(ownSession, F_OK) == 0) return;
+  logger().error(
+      "this kernel has no audit sessions: all processes are in session -1, and whoever proves to be an administrator proves it "
+      "for every one of them; use a kernel with CONFIG_AUDIT");
+}
+
 void makeLockDirectory(const char* path) {
   if (::mkdir(path, 0755) == 0) return;
   const int problem = errno;
