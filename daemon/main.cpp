@@ -15,6 +15,7 @@ int main(int, char** arguments) {
   forbidCores();
   setCrashBanner(std::string(TBCopyCalderBuildVersion().view()).c_str());
   startDaemonLogging();
+  complainAboutMissingSessions();
   makeLockDirectory(kLockDirectory);
   loadModules();
   openListeners();

@@ -13,8 +13,8 @@
 #include <cstdlib>
 #include <memory>
 
-#include "daemon/listener_delegate.h"
 #include "daemon/readiness.h"
+#include "daemon/services.h"
 #include "modules/module_manager.h"
 #include "platform/dispatch/signal_source.h"
 #include "platform/dispatch/system.h"
@@ -34,10 +34,7 @@ constexpr std::chrono::milliseconds kLogPatience{500};
 
 // What the process keeps for as long as it lives; never destroyed, as exit() runs while other threads still use it.
 struct Process {
-  std::shared_ptr<xpc::Listener> authListener;
-  std::shared_ptr<AuthListenerDelgate> authDelegate;
-  std::shared_ptr<xpc::Listener> notifyListener;
-  std::shared_ptr<NotifyListenerDelgate> notifyDelegate;
+  Services<xpc::Listener> services;
   std::unique_ptr<SignalSource> hangup;
   std::unique_ptr<SignalSource> terminate;
 };
@@ -68,12 +65,7 @@ std::shared_ptr<xpc::Listener> makeListener(const char* serviceName) {
 
 void shutDown() {
   logger().standard("signal handler: received SIGTERM, shutting down");
-  process().authListener->suspend();
-  process().notifyListener->suspend();
-  process().authListener->invalidate();
-  process().notifyListener->invalidate();
-  process().authListener.reset();
-  process().notifyListener.reset();
+  process().services.close();
   tellStopping();
   endProcess(0);
 }
@@ -124,6 +116,13 @@ void startDaemonLogging() {
   if (!notUnderstood.empty()) logger().error("KEELD_LOG: not understood: {}", notUnderstood);
 }
 
+void complainAboutMissingSessions(const char* ownSession) {
+  if (::access(ownSession, F_OK) == 0) return;
+  logger().error(
+      "this kernel has no audit sessions: all processes are in session -1, and whoever proves to be an administrator proves it "
+      "for every one of them; use a kernel with CONFIG_AUDIT");
+}
+
 void makeLockDirectory(const char* path) {
   if (::mkdir(path, 0755) == 0) return;
   const int problem = errno;
@@ -139,17 +138,7 @@ void loadModules() {
 }
 
 void openListeners() {
-  process().authListener = makeListener(kAuthServiceName);
-  logger().debug("Auth listener created");
-  process().authDelegate = std::make_shared<AuthListenerDelgate>();
-  process().authListener->setDelegate(process().authDelegate);
-  process().authListener->resume();
-
-  process().notifyListener = makeListener(kNotifyServiceName);
-  logger().debug("Notify listener created");
-  process().notifyDelegate = std::make_shared<NotifyListenerDelgate>();
-  process().notifyListener->setDelegate(process().notifyDelegate);
-  process().notifyListener->resume();
+  process().services.open(makeListener);
 }
 
 void installSignalHandling() {

@@ -24,6 +24,10 @@ void forbidCores();
 // Starts logging to the journal or standard error; the environment variable KEELD_LOG sets the levels.
 void startDaemonLogging();
 
+// Says so in the log when this system does not tell sessions apart, to which every proof is bound.
+// `ownSession` is where the kernel shows this process's own.
+void complainAboutMissingSessions(const char* ownSession = "/proc/self/sessionid");
+
 // Makes `path`, mode 0755; what exists there already is left as it is. Ends with kExitNoLockDirectory.
 void makeLockDirectory(const char* path);
 

@@ -7,8 +7,6 @@ namespace keel {
 
 AttemptLine::Turn AttemptLine::enter() {
   std::unique_lock lock(mutex_);
-  const bool mustWait = nextNumber_ != nextToGo_ || underWay_ >= atOnce_;
-  if (mustWait && nextNumber_ - nextToGo_ >= waitingLimit_) return Turn();
   const std::uint64_t number = nextNumber_++;
   left_.wait(lock, [&] { return number == nextToGo_ && underWay_ < atOnce_; });
   ++nextToGo_;

@@ -8,24 +8,23 @@
 
 namespace keel {
 
-// Lets a bounded number of threads go on at once, the others in the order in which they came; and lets no more than a bounded
-// number wait. From any thread.
+// Lets a bounded number of threads go on at once, the others in the order in which they came. As many wait as there are threads
+// that come. From any thread.
 class AttemptLine {
  public:
   class Turn;
 
-  AttemptLine(std::size_t atOnce, std::size_t waiting) : atOnce_(atOnce), waitingLimit_(waiting) {}
+  explicit AttemptLine(std::size_t atOnce) : atOnce_(atOnce) {}
   AttemptLine(const AttemptLine&) = delete;
   AttemptLine& operator=(const AttemptLine&) = delete;
 
-  // Waits for its turn, which lasts as long as what it yields; that is false at once when too many wait already.
-  Turn enter();
+  // Waits for its turn, which lasts as long as what it yields.
+  [[nodiscard]] Turn enter();
 
   std::size_t waitingCount() const;
 
  private:
   const std::size_t atOnce_;
-  const std::size_t waitingLimit_;
   mutable std::mutex mutex_;
   std::condition_variable left_;
   // Numbers are given out in order; the one that is next to go on, and how many are on their way. Under mutex_.
@@ -36,16 +35,13 @@ class AttemptLine {
 
 class AttemptLine::Turn {
  public:
-  Turn() = default;
   explicit Turn(AttemptLine& line) : line_(&line) {}
   Turn(Turn&& other) noexcept;
   Turn& operator=(Turn&&) = delete;
   ~Turn();
 
-  explicit operator bool() const { return line_ != nullptr; }
-
  private:
-  AttemptLine* line_ = nullptr;
+  AttemptLine* line_;
 };
 
 }  // namespace keel

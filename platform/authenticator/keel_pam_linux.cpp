@@ -16,12 +16,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <span>
-#include <sstream>
 #include <string>
 
 #include "platform/authenticator/pam_question.h"
+#include "platform/authenticator/pam_rules.h"
+#include "platform/authenticator/refusal_work.h"
 
 namespace {
 
@@ -49,21 +49,10 @@ bool isDaemonAlive() {
   return ::getsockopt(kSocket, SOL_SOCKET, SO_PEERCRED, &maker, &size) == 0 && maker.pid == ::getppid();
 }
 
-// Whether the service's file has rules for both questions. For one that has none PAM would take those of the service "other".
+// Whether the service has rules for both questions. For one that has none PAM would take those of the service "other".
 bool isServiceComplete() {
-  bool hasAuth = false, hasAccount = false;
-  std::ifstream file(kServiceFile);
-  for (std::string line; std::getline(file, line);) {
-    std::istringstream words(line);
-    std::string word;
-    words >> word;
-    if (word.starts_with('-')) word.erase(0, 1);
-    // What is included is the business of whoever includes it.
-    const bool isInclude = word == "@include";
-    hasAuth |= isInclude || ::strcasecmp(word.c_str(), "auth") == 0;
-    hasAccount |= isInclude || ::strcasecmp(word.c_str(), "account") == 0;
-  }
-  return hasAuth && hasAccount;
+  const keel::PamRules rules(kServiceDirectory);
+  return rules.has(kService, "auth") && rules.has(kService, "account");
 }
 
 // The account's password for each prompt that hides what is typed. A module that asks for anything else cannot be answered
@@ -106,7 +95,10 @@ PamVerdict ask(pam_handle_t* pam, const PamQuestion& question) {
   const Delay delay = doNotDelay;
   if (::pam_set_item(pam, PAM_FAIL_DELAY, reinterpret_cast<const void*>(delay)) != PAM_SUCCESS) return PamVerdict::failed;
   if (question.task == PamQuestion::Task::password) {
-    if (::pam_authenticate(pam, kFlags) != PAM_SUCCESS) return PamVerdict::refused;
+    if (::pam_authenticate(pam, kFlags) != PAM_SUCCESS) {
+      keel::RefusalWork().make(std::string(question.user), question.password.data());
+      return PamVerdict::refused;
+    }
   } else if (isLocked(std::string(question.user))) {
     return PamVerdict::refused;
   }

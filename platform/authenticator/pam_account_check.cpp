@@ -48,7 +48,7 @@ std::string complaintAbout(const HelperAnswer& answer, const PamAccountCheck::Se
 }  // namespace
 
 PamAccountCheck::PamAccountCheck(Settings settings, const RefusalTime& refusalTime)
-    : settings_(std::move(settings)), refusalTime_(refusalTime), line_(settings_.atOnce, settings_.waiting) {}
+    : settings_(std::move(settings)), refusalTime_(refusalTime), line_(settings_.atOnce) {}
 
 bool PamAccountCheck::isPassword(std::string_view user, std::string_view password) {
   return ask({.task = PamQuestion::Task::password, .user = user, .password = password}, std::nullopt);
@@ -63,10 +63,6 @@ bool PamAccountCheck::ask(const PamQuestion& question, std::optional<Clock::time
   // The client can tell by itself that no account has such a name or password.
   if (!packet) return false;
   const AttemptLine::Turn turn = line_.enter();
-  if (!turn) {
-    complaint_.now(fmt::format("more than {} attempts to authenticate wait; further ones are refused", settings_.waiting));
-    return false;
-  }
   const Clock::time_point start = attemptStart.value_or(refusalTime_.now());
   const HelperAnswer answer = askHelper(settings_.helper, packet->bytes(), settings_.deadline);
   packet->shrink(0);

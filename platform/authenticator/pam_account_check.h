@@ -27,8 +27,6 @@ class PamAccountCheck final : public AccountCheck {
     std::chrono::milliseconds deadline{std::chrono::seconds(8)};
     // keel-pam processes at once: hashing a password may take 16 MiB and a processor each. More wait in line.
     std::size_t atOnce = 16;
-    // More are refused. As many as there can be threads that wait.
-    std::size_t waiting = 64;
   };
 
   // `refusalTime` is borrowed.

@@ -61,13 +61,6 @@ TEST_F(PamAccountCheckTest, WhatNoAccountCanHaveIsRefusedWithoutAskingAndAtOnce)
   EXPECT_TRUE(logged.empty());
 }
 
-TEST_F(PamAccountCheckTest, BeyondTheLineAttemptsAreRefusedAndThatIsLogged) {
-  PamAccountCheck check({.helper = "/nonexistent/keel-pam", .atOnce = 0, .waiting = 0}, refusalTime);
-  EXPECT_FALSE(check.isPassword("alice", "secret"));
-  ASSERT_EQ(logged.size(), 1U);
-  EXPECT_EQ(logged[0], "more than 0 attempts to authenticate wait; further ones are refused");
-}
-
 TEST(PathOfKeelPam, LiesBesideTheDirectoryOfTheProgram) {
   EXPECT_TRUE(pathOfKeelPam().ends_with("/libexec/keeld/keel-pam")) << pathOfKeelPam();
   EXPECT_TRUE(pathOfKeelPam().starts_with("/"));

@@ -170,6 +170,29 @@ class Service(AccountsTest):
         said = self.daemon.logged(re.compile("PAM cannot be asked; mend /etc/pam.d/keeld, .*"), level="error")
         self.assertEqual(len(said), 1)
 
+    def test_included_files_must_have_the_rules(self):
+        """PAM takes those of the fall-back for a question that has none, in whichever file."""
+        with open("/etc/pam.d/other", "w") as file:
+            file.write("auth required pam_permit.so\naccount required pam_permit.so\n")
+        part = "/etc/pam.d/keeld-part"
+        self.addCleanup(keel_host.remove, part)
+        unix = ("auth required pam_unix.so", "account required pam_unix.so")
+        services = {kind: [("@include keeld-part",), (f"{kind} include keeld-part", other), (f"{kind} substack keeld-part", other)]
+                    for kind, other in (("auth", unix[1]), ("account", unix[0]))}
+        for kind, texts in services.items():
+            for text in texts:
+                with self.subTest(text):
+                    service(*text)
+                    with open(part, "w") as file:
+                        file.write("".join(f"{rule}\n" for rule in unix if not rule.startswith(kind)))
+                    self.assertRefused("carol" if kind == "account" else "alice", password_of("carol") if kind == "account" else "wrong")
+                    self.assertRefused("alice")
+                    with open(part, "w") as file:
+                        file.write("".join(f"{rule}\n" for rule in unix))
+                    self.assertAccepted("alice")
+        service(f"@include {part}")
+        self.assertRefused("alice")
+
     def test_account_management_has_the_last_word(self):
         service("auth required pam_permit.so", "account required pam_deny.so")
         self.assertRefused("alice")

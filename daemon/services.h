@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+
+#include "daemon/listener_delegate.h"
+#include "platform/logging/logger.h"
+#include "platform/product/product.h"
+
+namespace keel {
+
+// The daemon's two services and the order in which they come and go: auth before notify. `Listener` is xpc::Listener, or in
+// tests one that notes what it is told. Used by one thread at a time.
+template <class Listener>
+class Services {
+ public:
+  // Makes the listeners with `make(serviceName)` and resumes each before the next is made. `make` yields no null.
+  template <class Make>
+  void open(Make make) {
+    Logger& log = _loggerForCategory("runtime");
+    auth_ = make(kAuthServiceName);
+    log.debug("Auth listener created");
+    auth_->setDelegate(authDelegate_);
+    auth_->resume();
+
+    notify_ = make(kNotifyServiceName);
+    log.debug("Notify listener created");
+    notify_->setDelegate(notifyDelegate_);
+    notify_->resume();
+  }
+
+  // After open(). Neither accepts any more when the first of them goes.
+  void close() {
+    auth_->suspend();
+    notify_->suspend();
+    auth_->invalidate();
+    notify_->invalidate();
+    auth_.reset();
+    notify_.reset();
+  }
+
+ private:
+  // Borrowed by the listeners, which go before them.
+  const std::shared_ptr<AuthListenerDelgate> authDelegate_ = std::make_shared<AuthListenerDelgate>();
+  const std::shared_ptr<NotifyListenerDelgate> notifyDelegate_ = std::make_shared<NotifyListenerDelgate>();
+  std::shared_ptr<Listener> auth_;
+  std::shared_ptr<Listener> notify_;
+};
+
+}  // namespace keel

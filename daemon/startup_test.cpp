@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "daemon/startup.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/log_recorder.h"
+
+// What ends the process, or needs root, is tested end to end.
+
+namespace keel {
+namespace {
+
+TEST(Startup, KernelWithoutAuditSessionsIsLogged) {
+  testing::LogRecorder log;
+  complainAboutMissingSessions("/proc/self/status");
+  EXPECT_TRUE(log.lines().empty());
+  complainAboutMissingSessions("/proc/self/nothing-of-that-name");
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.lines()[0].level, LogLevel::error);
+  EXPECT_TRUE(log.lines()[0].text.starts_with("this kernel has no audit sessions: ")) << log.lines()[0].text;
+}
+
+}  // namespace
+}  // namespace keel
