@@ -170,6 +170,18 @@ TEST_F(SystemdSupervisorTest, JobThatCannotBeStartedIsNotEnabled) {
   EXPECT_FALSE(isEnabled("a"));
 }
 
+TEST_F(SystemdSupervisorTest, JobThatIsNotEnabledInTheEndIsStopped) {
+  ASSERT_EQ(create(job("a", {services({"s1", "s2", "s3"})})), "");
+  takeCalls();
+  told_.failing = "start a:2.socket";
+  EXPECT_THAT(enable("a"), HasSubstr("no start a:2.socket"));
+  EXPECT_THAT(takeCalls(), ElementsAre("start a.socket", "start a:2.socket", "stop a.socket", "stop a:2.socket"));
+  told_.failing = "enable-runtime a.socket";
+  EXPECT_THAT(enable("a"), HasSubstr("no enable-runtime a.socket"));
+  EXPECT_THAT(takeCalls(), ElementsAre("start a.socket", "start a:2.socket", "start a:3.socket", "enable-runtime a.socket",
+                                       "stop a.socket", "stop a:2.socket", "stop a:3.socket"));
+}
+
 TEST_F(SystemdSupervisorTest, ErrorOfSystemdIsTold) {
   ASSERT_EQ(create(job("a", {services({"s"})})), "");
   told_.failing = "state a.socket";
