@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -215,6 +216,37 @@ TEST_F(EmbeddedJobTest, EveryStepThatFailsIsNamed) {
   EXPECT_THAT(problemOf([](Job& job) { job.workingDirectory = "/missing"; }),
               HasSubstr("change to its working directory: No such file"));
   EXPECT_THAT(problemOf([](Job& job) { job.standardOutPath = "/missing/file"; }), HasSubstr("open /missing/file"));
+}
+
+TEST_F(EmbeddedJobTest, FilesAreOpenedWithTheRightsOfItsUser) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root runs programs as somebody else";
+  Job job = shell("echo said");
+  job.userName = "nobody";
+  const std::string folder = path("folder");
+  std::filesystem::permissions(root_, std::filesystem::perms(0755));
+  std::filesystem::create_directory(folder);
+  std::ofstream(path("ours")) << "secret\n";
+  const auto problemWith = [&](const std::string& file) {
+    job.standardOutPath = file;
+    const auto launched = launch(job, {});
+    if (!launched) return launched.error().description();
+    ::waitpid(launched->pid, nullptr, 0);
+    return std::string();
+  };
+  EXPECT_THAT(problemWith(folder + "/out"), HasSubstr("Permission denied"));
+  ASSERT_EQ(::chown(folder.c_str(), 65534, 65534), 0);
+  EXPECT_EQ(problemWith(folder + "/out"), "");
+  EXPECT_EQ(content(folder + "/out"), "said\n");
+  struct stat status{};
+  ASSERT_EQ(::stat((folder + "/out").c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, 65534u);
+  EXPECT_EQ(status.st_mode & 07777u & ~0640u, 0u);
+  std::filesystem::create_symlink(path("ours"), folder + "/link");
+  EXPECT_THAT(problemWith(folder + "/link"), HasSubstr("open " + folder + "/link"));
+  EXPECT_EQ(content(path("ours")), "secret\n");
+  // And this thread has its own rights again.
+  std::ofstream(path("ours"), std::ios::app) << "more\n";
+  EXPECT_EQ(content(path("ours")), "secret\nmore\n");
 }
 
 TEST_F(EmbeddedJobTest, ProgramIsAsTheJobSays) {
