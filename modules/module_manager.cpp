@@ -65,6 +65,7 @@ void KLNModuleManager::loadAllModules() {
 void KLNModuleManager::loadModule(const std::string& path) {
   if (!cbor::isUtf8(path)) {
     logger().error("loadAllModules: the name of {} is not UTF-8; give it another one", path);
+    logger().error("loadAllModules: can't load module at {}", path);
   } else if (loadModuleIfNeededFromPath(path, authorization_.get())) {
     logger().debug("loadAllModules: loaded {}", path);
   } else {

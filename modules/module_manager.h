@@ -31,8 +31,8 @@ class KLNModuleManager {
   KLNModuleManager& operator=(const KLNModuleManager&) = delete;
 
   // Loads each bundle "keel_*.bundle" of the directory, in the directory's own order. One that cannot be loaded is logged and
-  // passed over; an Exception ends the walk, and what was loaded until then stays. Names that are not UTF-8 are logged and
-  // passed over, as no job could have them.
+  // passed over; an Exception ends the walk, and what was loaded until then stays. One whose name is not UTF-8 cannot be
+  // loaded, as no job could have it.
   void loadAllModules();
 
   // Makes and enables the job of the bundle at `path` unless it is enabled already, and writes it into the table. False when it

@@ -41,13 +41,15 @@ class EmbeddedJob final : private Reactor::Watcher, public std::enable_shared_fr
   // Between SIGTERM and SIGKILL, unless the job says otherwise.
   static constexpr std::chrono::seconds kExitTimeOut{20};
 
-  // Makes the sockets; fails when one cannot be had. From any thread.
+  // Makes the sockets in place of whatever has their names, such as one that a program of an earlier keeld still holds; fails
+  // when one cannot be had. From any thread.
   static std::expected<std::shared_ptr<EmbeddedJob>, Error> create(Job job, World world);
   ~EmbeddedJob();
 
   // From any thread.
   void begin();
-  // Ends the program and gives the sockets up, for good. From any thread.
+  // Removes the sockets at once, so that another job can have their names, and then ends the program, for good. From the thread
+  // that made the job. A job whose program is still ending keeps itself.
   void end();
 
  private:
@@ -72,6 +74,8 @@ class EmbeddedJob final : private Reactor::Watcher, public std::enable_shared_fr
   void pauseThen(void (EmbeddedJob::*next)());
   bool isDemanded() const;
   bool wantsRestart(bool succeeded, bool crashed) const;
+  void removePaths();
+  void endProgram();
   void signalProgram(int signal);
   void finish();
   void record(JobState::Program program);
@@ -82,7 +86,9 @@ class EmbeddedJob final : private Reactor::Watcher, public std::enable_shared_fr
   std::vector<xpc::ServiceSocket> sockets_;
   std::vector<NamedSocket> namedSockets_;
   State state_ = State::idle;
+  std::vector<std::string> ownedPaths_;  // of the sockets; not touched by the reactor's thread
   bool ending_ = false;
+  std::shared_ptr<EmbeddedJob> self_;  // while the program is ending
   LaunchedProcess process_;
   std::string problem_;  // with the last run; empty when it ended well, or goes on
   ProcessWatcher processWatcher_;

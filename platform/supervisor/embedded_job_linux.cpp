@@ -33,7 +33,7 @@ std::string shownEnd(const siginfo_t& end) {
 std::expected<std::shared_ptr<EmbeddedJob>, Error> EmbeddedJob::create(Job job, World world) {
   std::vector<xpc::ServiceSocket> sockets;
   for (const std::string& name : job.machServices) {
-    auto socket = xpc::listenForService(world.serviceDirectory, name);
+    auto socket = xpc::listenForService(world.serviceDirectory, name, xpc::ServedSocket::replaced);
     if (!socket) {
       for (const auto& made : sockets) {
         if (made.ownsPath) ::unlink(made.path.c_str());
@@ -53,13 +53,16 @@ EmbeddedJob::EmbeddedJob(Job job, World world, std::vector<xpc::ServiceSocket> s
       processWatcher_(*this) {
   for (std::size_t place = 0; place < sockets_.size(); ++place) {
     namedSockets_.push_back({job_.machServices[place], sockets_[place].descriptor.get()});
+    if (sockets_[place].ownsPath) ownedPaths_.push_back(sockets_[place].path);
   }
 }
 
 EmbeddedJob::~EmbeddedJob() {
-  for (const auto& socket : sockets_) {
-    if (socket.ownsPath) ::unlink(socket.path.c_str());
-  }
+  removePaths();
+}
+
+void EmbeddedJob::removePaths() {
+  for (const std::string& path : std::exchange(ownedPaths_, {})) ::unlink(path.c_str());
 }
 
 void EmbeddedJob::begin() {
@@ -110,7 +113,7 @@ void EmbeddedJob::started(std::expected<LaunchedProcess, Error> launched) {
   world_.reactor.watch(process_.pidfd.get(), EPOLLIN, processWatcher_);
   problem_.clear();
   record(JobState::Program::running);
-  if (ending_) signalProgram(SIGTERM);
+  if (ending_) endProgram();
 }
 
 void EmbeddedJob::ProcessWatcher::onReady(std::uint32_t) {
@@ -185,12 +188,21 @@ bool EmbeddedJob::wantsRestart(bool succeeded, bool crashed) const {
 }
 
 void EmbeddedJob::end() {
+  removePaths();
   world_.reactor.post([self = shared_from_this()] {
     if (std::exchange(self->ending_, true)) return;
-    if (self->state_ == State::running) return self->signalProgram(SIGTERM);
+    for (const std::string& name : self->job_.machServices) {
+      self->slowWork_->async([records = self->world_.records, name] { records->remove(name); });
+    }
+    if (self->state_ == State::running) return self->endProgram();
     // One that is being started is ended when that is done.
     if (self->state_ != State::starting) self->finish();
   });
+}
+
+void EmbeddedJob::endProgram() {
+  self_ = shared_from_this();
+  signalProgram(SIGTERM);
 }
 
 void EmbeddedJob::signalProgram(int signal) {
@@ -207,16 +219,13 @@ void EmbeddedJob::finish() {
   stopWaiting();
   if (timer_ != 0) world_.reactor.cancel(std::exchange(timer_, 0));
   state_ = State::ended;
-  for (const auto& socket : sockets_) {
-    if (socket.ownsPath) ::unlink(socket.path.c_str());
-  }
   sockets_.clear();
-  for (const std::string& name : job_.machServices) {
-    slowWork_->async([records = world_.records, name] { records->remove(name); });
-  }
+  self_.reset();
 }
 
 void EmbeddedJob::record(JobState::Program program) {
+  // Its services may be another job's by now.
+  if (ending_) return;
   JobState state;
   state.label = job_.label;
   state.enabled = true;

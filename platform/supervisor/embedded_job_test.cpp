@@ -3,10 +3,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +18,7 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include "platform/dispatch/worker_pool.h"
 #include "platform/supervisor/embedded_supervisor.h"
@@ -62,9 +66,9 @@ class EmbeddedJobTest : public testing::Test {
     turn();
   }
   void end() {
-    job_->end();
-    until([&] { return !std::filesystem::exists(root_ + "/service"); });
-    job_.reset();
+    const std::weak_ptr<EmbeddedJob> ended = job_;
+    std::exchange(job_, nullptr)->end();
+    until([&] { return ended.expired(); });
   }
 
   void turn() {
@@ -76,14 +80,15 @@ class EmbeddedJobTest : public testing::Test {
   void until(Condition condition) {
     for (; !condition(); std::this_thread::yield()) turn();
   }
-  FileDescriptor connect() {
-    FileDescriptor client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  FileDescriptor atService(int (*use)(int, const sockaddr*, socklen_t)) {
+    FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, (root_ + "/service").c_str());
-    EXPECT_EQ(::connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    return client;
+    EXPECT_EQ(use(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    return socket;
   }
+  FileDescriptor connect() { return atService(&::connect); }
   std::string path(const char* name) const { return root_ + "/" + name; }
   static std::string content(const std::string& path) {
     std::stringstream text;
@@ -213,6 +218,37 @@ TEST_F(EmbeddedJobTest, EveryStepThatFailsIsNamed) {
   EXPECT_THAT(problemOf([](Job& job) { job.standardOutPath = "/missing/file"; }), HasSubstr("open /missing/file"));
 }
 
+TEST_F(EmbeddedJobTest, FilesAreOpenedWithTheRightsOfItsUser) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root runs programs as somebody else";
+  Job job = shell("echo said");
+  job.userName = "nobody";
+  const std::string folder = path("folder");
+  std::filesystem::permissions(root_, std::filesystem::perms(0755));
+  std::filesystem::create_directory(folder);
+  std::ofstream(path("ours")) << "secret\n";
+  const auto problemWith = [&](const std::string& file) {
+    job.standardOutPath = file;
+    const auto launched = launch(job, {});
+    if (!launched) return launched.error().description();
+    ::waitpid(launched->pid, nullptr, 0);
+    return std::string();
+  };
+  EXPECT_THAT(problemWith(folder + "/out"), HasSubstr("Permission denied"));
+  ASSERT_EQ(::chown(folder.c_str(), 65534, 65534), 0);
+  EXPECT_EQ(problemWith(folder + "/out"), "");
+  EXPECT_EQ(content(folder + "/out"), "said\n");
+  struct stat status{};
+  ASSERT_EQ(::stat((folder + "/out").c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, 65534u);
+  EXPECT_EQ(status.st_mode & 07777u & ~0640u, 0u);
+  std::filesystem::create_symlink(path("ours"), folder + "/link");
+  EXPECT_THAT(problemWith(folder + "/link"), HasSubstr("open " + folder + "/link"));
+  EXPECT_EQ(content(path("ours")), "secret\n");
+  // And this thread has its own rights again.
+  std::ofstream(path("ours"), std::ios::app) << "more\n";
+  EXPECT_EQ(content(path("ours")), "secret\nmore\n");
+}
+
 TEST_F(EmbeddedJobTest, ProgramIsAsTheJobSays) {
   Job job = shell("umask; pwd; ulimit -Sn; ulimit -Hn; nice; echo \"$A\"; cat; trap; echo end");
   job.workingDirectory = "/usr";
@@ -260,11 +296,26 @@ TEST_F(EmbeddedJobTest, ProgramThatDoesNotEndIsKilled) {
   const auto client = connect();
   until([&] { return startCount() == 1; });
   until([&] { return recorded().program == JobState::Program::running; });
-  job_->end();
+  const pid_t pid = recorded().processId;
+  // Nobody holds the job any more but itself.
+  std::exchange(job_, nullptr)->end();
   turn();
+  EXPECT_FALSE(std::filesystem::exists(path("service")));
+  EXPECT_EQ(::kill(pid, 0), 0);
   now_ += 2s;
-  until([&] { return !std::filesystem::exists(root_ + "/service"); });
-  job_.reset();
+  until([&] { return ::kill(pid, 0) != 0; });
+}
+
+TEST_F(EmbeddedJobTest, SocketThatSomebodyStillHoldsIsReplaced) {
+  const FileDescriptor former = atService(&::bind);
+  ASSERT_EQ(::listen(former.get(), 1), 0);
+  begin(shell("echo start >>" + path("starts")));
+  EXPECT_EQ(startCount(), 0u);
+  const auto client = connect();
+  until([&] { return startCount() == 1; });
+  // Nobody connected to the former one, not even to find out about it.
+  pollfd waiting{former.get(), POLLIN, 0};
+  EXPECT_EQ(::poll(&waiting, 1, 0), 0);
 }
 
 class EmbeddedSupervisorTest : public EmbeddedJobTest {
@@ -306,6 +357,56 @@ TEST_F(EmbeddedSupervisorTest, ServiceOfAnotherJobIsRefused) {
   EXPECT_THAT(create(job("b", "service")), HasSubstr("service is a service of the job a already"));
   EXPECT_EQ(create(job("a", "other")), "");
   EXPECT_EQ(create(job("b", "service")), "");
+}
+
+TEST_F(EmbeddedSupervisorTest, JobThatIsReplacedWhileItEndsLeavesTheNewOneAlone) {
+  const auto described = [&](const char* script) {
+    return Value::map({{"Label", "a"},
+                       {"ProgramArguments", Value::list({"/bin/sh", "-c", script})},
+                       {"RunAtLoad", true},
+                       {"MachServices", Value::map({{"service", true}})}});
+  };
+  ASSERT_EQ(create(described("exec sleep 1000")), "");
+  ASSERT_EQ(set("a", true), "");
+  until([&] { return recorded().program == JobState::Program::running; });
+  const pid_t former = recorded().processId;
+  ASSERT_EQ(create(described("exec sleep 2000")), "");
+  ASSERT_EQ(set("a", true), "");
+  until([&] { return ::kill(former, 0) != 0 && recorded().program == JobState::Program::running; });
+  EXPECT_NE(recorded().processId, former);
+  EXPECT_TRUE(std::filesystem::exists(path("service")));
+  const pid_t pid = recorded().processId;
+  ASSERT_EQ(set("a", false), "");
+  until([&] { return ::kill(pid, 0) != 0; });
+}
+
+// In another process, as keeld has one supervisor alone.
+TEST_F(EmbeddedSupervisorTest, NothingIsDoneWhereAnotherKeeldHasTheJobs) {
+  ASSERT_EQ(create(job("a", "service")), "");
+  ASSERT_EQ(set("a", true), "");
+  until([&] { return recorded().label == "a"; });
+  const auto refusedElsewhere = [&] {
+    EmbeddedSupervisor other{world()};
+    Error created, enabled, asked;
+    const bool done = other.QZSupervisorCreateService(nullptr, job("b", "service"), &created) ||
+                      other.QZSupervisorSetServiceEnabled(nullptr, "b", true, &enabled) ||
+                      other.QZSupervisorGetServiceEnabled(nullptr, "a", &asked);
+    const auto isTold = [](const Error& error) {
+      return error.code() == EBUSY && error.description().find("another keeld has the jobs here") != std::string::npos;
+    };
+    return !done && isTold(created) && isTold(enabled) && isTold(asked);
+  };
+  EXPECT_EXIT(::_exit(refusedElsewhere() ? 7 : 0), testing::ExitedWithCode(7), "");
+  EXPECT_EQ(recorded().label, "a");
+  EXPECT_EQ(startCount(), 0u);
+  const auto client = connect();
+  until([&] { return startCount() == 1; });
+}
+
+TEST_F(EmbeddedSupervisorTest, LockIsForRootAlone) {
+  struct stat status{};
+  ASSERT_EQ(::stat(path(".jobs.lock").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777u, 0600u);
 }
 
 TEST_F(EmbeddedSupervisorTest, SocketThatCannotBeHadIsToldOf) {

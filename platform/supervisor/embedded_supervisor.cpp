@@ -7,12 +7,14 @@
 #include <utility>
 
 #include "platform/supervisor/command_authorization.h"
+#include "platform/supervisor/jobs_lock.h"
 #include "platform/supervisor/supervisor_error.h"
 
 namespace keel {
 
-EmbeddedSupervisor::EmbeddedSupervisor(EmbeddedJob::World world) : world_(std::move(world)) {
-  world_.records->clear();
+EmbeddedSupervisor::EmbeddedSupervisor(EmbeddedJob::World world)
+    : world_(std::move(world)), lock_(lockJobs(world_.serviceDirectory)) {
+  if (lock_) world_.records->clear();
 }
 
 EmbeddedSupervisor::~EmbeddedSupervisor() {
@@ -29,11 +31,13 @@ std::shared_ptr<QZCommandAuthorization> EmbeddedSupervisor::QZSupervisorCreateCo
 
 bool EmbeddedSupervisor::QZSupervisorGetServiceEnabled(QZCommandAuthorization*, const String& label, Error* error) {
   if (auto problem = errorOfLabel(label)) return refuse(error, std::move(*problem));
+  if (!lock_) return refuse(error, lock_.error());
   const auto found = entriesByLabel_.find(label.view());
   return found != entriesByLabel_.end() && found->second.enabled != nullptr;
 }
 
 bool EmbeddedSupervisor::QZSupervisorCreateService(QZCommandAuthorization*, const Value& dictionary, Error* error) {
+  if (!lock_) return refuse(error, lock_.error());
   auto job = jobOf(dictionary);
   if (!job) return lastRefusal_.note(dictionary, error, job.error());
   for (const std::string& name : job->machServices) {
@@ -56,6 +60,7 @@ bool EmbeddedSupervisor::QZSupervisorCreateService(QZCommandAuthorization*, cons
 bool EmbeddedSupervisor::QZSupervisorSetServiceEnabled(QZCommandAuthorization*, const String& label, bool enabled,
                                                        Error* error) {
   if (auto problem = errorOfLabel(label)) return refuse(error, std::move(*problem));
+  if (!lock_) return refuse(error, lock_.error());
   const auto found = entriesByLabel_.find(label.view());
   if (found == entriesByLabel_.end()) {
     const Error missing = supervisorError(ENOENT, fmt::format("there is no job {}", label.view()));

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <expected>
 #include <map>
 #include <memory>
 #include <string>
 
+#include "platform/foundation/file_descriptor.h"
 #include "platform/supervisor/command_authorization.h"
 #include "platform/supervisor/embedded_job.h"
 #include "platform/supervisor/supervisor.h"
@@ -13,6 +15,9 @@ namespace keel {
 
 // keeld as its own service manager, where no other runs: in a container, for example. Its jobs live and die with keeld.
 // The operations are called on one thread; the jobs live on the reactor's.
+//
+// Takes the lock of the jobs before anything else (jobs_lock.h). Without it each operation is refused with the reason, and what
+// the keeld that has it made stays as it is.
 class EmbeddedSupervisor final : public Supervisor {
  public:
   explicit EmbeddedSupervisor(EmbeddedJob::World world);
@@ -36,6 +41,7 @@ class EmbeddedSupervisor final : public Supervisor {
   };
 
   const EmbeddedJob::World world_;
+  const std::expected<FileDescriptor, Error> lock_;
   LastRefusal lastRefusal_;
   std::map<std::string, Entry, std::less<>> entriesByLabel_;
   std::map<std::string, std::string, std::less<>> labelsByMachService_;

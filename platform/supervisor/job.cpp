@@ -28,7 +28,10 @@ bool isControl(char character) {
 std::string nameOf(const Value& dictionary) {
   const auto* label = dictionary.find("Label") != nullptr ? dictionary.find("Label")->as<std::string>() : nullptr;
   if (label == nullptr) return "the job";
-  std::string shown = label->substr(0, kShownNameBytes);
+  std::size_t end = std::min(label->size(), kShownNameBytes);
+  // Not inside a character: who gets the text takes UTF-8 alone.
+  while (end > 0 && end < label->size() && (static_cast<unsigned char>((*label)[end]) & 0xc0) == 0x80) --end;
+  std::string shown = label->substr(0, end);
   std::ranges::replace_if(shown, isControl, '?');
   return fmt::format("the job \"{}\"{}", shown, label->size() > kShownNameBytes ? "..." : "");
 }

@@ -56,6 +56,10 @@ Read readAccount(const Value& value, std::string& account) {
       !std::ranges::all_of(*given, fits)) {
     return std::unexpected("must be the name of an account: letters, digits, and _ . -");
   }
+  // Whether a number is a name is not for everybody to read in the same way.
+  if (std::ranges::all_of(*given, [](char letter) { return letter >= '0' && letter <= '9'; })) {
+    return std::unexpected("must be the name of an account, not its number");
+  }
   account = *given;
   return {};
 }

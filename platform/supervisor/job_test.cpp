@@ -264,8 +264,18 @@ TEST(Job, MachServicesMustFitWhereSocketsAre) {
   EXPECT_FALSE(jobOf(jobWith({{"MachServices", many}})));
 }
 
+// 0xc3 0xbc is one character.
+TEST(Job, LongLabelIsNotCutInsideACharacter) {
+  const auto toldOf = [](const std::string& label) {
+    return jobOf(Value::map({{"Label", label}, {"Umask", false}})).error().description();
+  };
+  EXPECT_THAT(toldOf(std::string(99, 'a') + "\xc3\xbc" + "b"), testing::HasSubstr("\"" + std::string(99, 'a') + "\"..."));
+  EXPECT_THAT(toldOf(std::string(98, 'a') + "\xc3\xbc" + "b"),
+              testing::HasSubstr("\"" + std::string(98, 'a') + "\xc3\xbc\"..."));
+}
+
 TEST(Job, AccountsAreNames) {
-  for (const char* unfit : {"", "-x", ".x", "a b", "a%n", "a\n", "root:root"}) {
+  for (const char* unfit : {"", "-x", ".x", "a b", "a%n", "a\n", "root:root", "0", "1000"}) {
     EXPECT_FALSE(jobOf(jobWith({{"UserName", unfit}}))) << unfit;
   }
 }

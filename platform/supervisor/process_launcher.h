@@ -30,6 +30,8 @@ struct NamedSocket {
 // and its standard ones (nothing to read; keeld's standard error to write to, unless the job names files), no signal blocked or
 // ignored, and none of keeld's environment. It is sent SIGTERM when the calling thread ends, however that comes about.
 //
+// Its files are opened with the rights of its user, and none of them through a link.
+//
 // Blocks: looks up accounts, opens files, and waits until the program's code has taken over. The error says which step failed.
 std::expected<LaunchedProcess, Error> launch(const Job& job, const std::vector<NamedSocket>& sockets);
 

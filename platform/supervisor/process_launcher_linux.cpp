@@ -24,6 +24,7 @@
 #include <optional>
 #include <utility>
 
+#include "platform/foundation/check.h"
 #include "platform/supervisor/process_launcher.h"
 #include "platform/supervisor/supervisor_error.h"
 
@@ -140,15 +141,42 @@ std::expected<void, Error> findGroup(const Job& job, Preparation& made) {
   return {};
 }
 
-// Nobody waits for the other end of a named pipe here.
+// The calling thread, and it alone, opens files as that account does, until this is destroyed. Past the C library, which would
+// change all threads.
+class RightsOf {
+ public:
+  explicit RightsOf(const Account& account) : changed_(account.changes) {
+    if (!changed_) return;
+    former_.resize(static_cast<std::size_t>(std::max(0, ::getgroups(0, nullptr))));
+    KEEL_CHECK(::getgroups(static_cast<int>(former_.size()), former_.data()) >= 0);
+    KEEL_CHECK(::syscall(SYS_setgroups, account.groups.size(), account.groups.data()) == 0);
+    ::syscall(SYS_setfsgid, account.gid);
+    ::syscall(SYS_setfsuid, account.uid);
+  }
+  ~RightsOf() {
+    if (!changed_) return;
+    ::syscall(SYS_setfsuid, ::geteuid());
+    ::syscall(SYS_setfsgid, ::getegid());
+    KEEL_CHECK(::syscall(SYS_setgroups, former_.size(), former_.data()) == 0);
+  }
+  RightsOf(const RightsOf&) = delete;
+  RightsOf& operator=(const RightsOf&) = delete;
+
+ private:
+  const bool changed_;
+  std::vector<gid_t> former_;
+};
+
+// Nobody waits for the other end of a named pipe here, and no link leads from a folder of the job's user to another file.
 std::expected<FileDescriptor, Error> opened(const Job& job, const std::string& path, int flags) {
-  FileDescriptor file(::open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
+  FileDescriptor file(::open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0640));
   if (!file || ::fcntl(file.get(), F_SETFL, flags & O_APPEND) != 0) return failure(job, errno, "open " + path);
   return file;
 }
 
 std::expected<void, Error> openStandard(const Job& job, Preparation& made) {
   constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND;
+  const RightsOf rights(made.account);
   auto input = opened(job, job.standardInPath.empty() ? "/dev/null" : job.standardInPath, O_RDONLY);
   if (!input) return std::unexpected(input.error());
   made.standard[0] = std::move(*input);

@@ -217,6 +217,7 @@ class SystemdManager final : public SystemManager {
     // Without it systemd tells nobody of its jobs. Answered with an error when somebody of this connection did it before.
     status = sd_bus_call_method(bus.get(), kDestination, kPath, kManager, "Subscribe", nullptr, nullptr, "");
     if (status == -ETIMEDOUT) return status;
+    sd_bus_set_method_call_timeout(bus.get(), static_cast<std::uint64_t>(microseconds(kCallDeadline).count()));
     bus_ = std::move(bus);
     return 0;
   }

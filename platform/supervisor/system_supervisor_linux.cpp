@@ -5,6 +5,7 @@
 #include "platform/dispatch/worker_pool.h"
 #include "platform/product/product.h"
 #include "platform/supervisor/embedded_supervisor.h"
+#include "platform/supervisor/patient_system_manager.h"
 #include "platform/supervisor/systemd_supervisor.h"
 
 namespace keel {
@@ -12,7 +13,8 @@ namespace keel {
 namespace {
 
 Supervisor* makeSupervisor() {
-  if (sd_booted() > 0) return new SystemdSupervisor(connectSystemManager(), UnitStore());
+  if (sd_booted() > 0)
+    return new SystemdSupervisor(std::make_unique<PatientSystemManager>(connectSystemManager()), UnitStore());
   return new EmbeddedSupervisor({.serviceDirectory = kServiceDirectory,
                                  .reactor = ioReactor(),
                                  .workers = globalQueue(),

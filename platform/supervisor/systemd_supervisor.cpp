@@ -148,10 +148,16 @@ SystemdSupervisor::Done SystemdSupervisor::enable(const UnitStore::Stored& servi
     if (auto reloaded = manager_->reload(); !reloaded) return reloaded;
     reloadNeeded_ = false;
   }
-  for (const std::string& name : service.started) {
-    if (auto started = manager_->start(name); !started) return started;
+  Done done;
+  std::size_t startedCount = 0;
+  for (; done && startedCount < service.started.size(); ++startedCount) done = manager_->start(service.started[startedCount]);
+  if (done) done = manager_->enable(service.enabled, service.place == UnitStore::Place::runtime);
+  if (done) return {};
+  // What is not enabled does not run. What comes of that changes nothing in why the job is not.
+  for (std::size_t place = 0; place < startedCount; ++place) {
+    [[maybe_unused]] const Done stopped = manager_->stop(service.started[place]);
   }
-  return manager_->enable(service.enabled, service.place == UnitStore::Place::runtime);
+  return done;
 }
 
 SystemdSupervisor::Done SystemdSupervisor::disable(const UnitStore::Stored& service, const std::string& serviceName) {

@@ -11,6 +11,7 @@
 #include <iterator>
 #include <map>
 
+#include "platform/supervisor/patient_system_manager.h"
 #include "platform/supervisor/supervisor_error.h"
 
 namespace keel {
@@ -28,6 +29,9 @@ class FakeManager final : public SystemManager {
     std::map<std::string, std::string> states;
     std::vector<std::string> unitPath;
     std::string failing;  // a call, as it is recorded
+    // What time it is, and how much of it a call takes.
+    PatientSystemManager::Clock::time_point now{};
+    std::chrono::seconds delay{0};
   };
   explicit FakeManager(Told& told) : told_(told) {}
 
@@ -56,6 +60,7 @@ class FakeManager final : public SystemManager {
  private:
   Done note(std::string call) {
     told_.calls.push_back(call);
+    told_.now += told_.delay;
     if (call == told_.failing) return std::unexpected(supervisorError(EIO, "no " + call));
     return {};
   }
@@ -168,6 +173,42 @@ TEST_F(SystemdSupervisorTest, JobThatCannotBeStartedIsNotEnabled) {
   told_.failing = "start a.socket";
   EXPECT_THAT(enable("a"), HasSubstr("no start a.socket"));
   EXPECT_FALSE(isEnabled("a"));
+}
+
+TEST_F(SystemdSupervisorTest, JobThatIsNotEnabledInTheEndIsStopped) {
+  ASSERT_EQ(create(job("a", {services({"s1", "s2", "s3"})})), "");
+  takeCalls();
+  told_.failing = "start a:2.socket";
+  EXPECT_THAT(enable("a"), HasSubstr("no start a:2.socket"));
+  EXPECT_THAT(takeCalls(), ElementsAre("start a.socket", "start a:2.socket", "stop a.socket", "stop a:2.socket"));
+  told_.failing = "enable-runtime a.socket";
+  EXPECT_THAT(enable("a"), HasSubstr("no enable-runtime a.socket"));
+  EXPECT_THAT(takeCalls(), ElementsAre("start a.socket", "start a:2.socket", "start a:3.socket", "enable-runtime a.socket",
+                                       "stop a.socket", "stop a:2.socket", "stop a:3.socket"));
+}
+
+TEST_F(SystemdSupervisorTest, SlowSystemdIsNotAskedForEver) {
+  const auto manager = std::make_unique<PatientSystemManager>(std::make_unique<FakeManager>(told_), [&] { return told_.now; });
+  told_.delay = std::chrono::seconds(1);
+  for (int round = 0; round < PatientSystemManager::kPatience.count(); ++round) EXPECT_TRUE(manager->unitFileState("a"));
+  EXPECT_EQ(takeCalls().size(), static_cast<std::size_t>(PatientSystemManager::kPatience.count()));
+  for (const auto& refused : {manager->reload(), manager->start("a"), manager->stop("a"), manager->enable("a", true)}) {
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().code(), ETIMEDOUT);
+    EXPECT_THAT(refused.error().description(), HasSubstr("its answers took 120 s in all"));
+  }
+  EXPECT_FALSE(manager->unitPath());
+  EXPECT_THAT(takeCalls(), IsEmpty());
+}
+
+// What is not spent waiting for it does not count.
+TEST_F(SystemdSupervisorTest, SystemdIsAskedAsLongAsItAnswersInTime) {
+  PatientSystemManager manager(std::make_unique<FakeManager>(told_), [&] { return told_.now; });
+  for (int round = 0; round < 10; ++round) {
+    told_.now += std::chrono::hours(1);
+    EXPECT_TRUE(manager.reload());
+  }
+  EXPECT_EQ(takeCalls().size(), 10u);
 }
 
 TEST_F(SystemdSupervisorTest, ErrorOfSystemdIsTold) {

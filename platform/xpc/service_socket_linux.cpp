@@ -52,22 +52,10 @@ int passedSocket(const std::string& name) {
   return found;
 }
 
-// Makes the directory if needed, and holds a lock on it so that two daemons that start at once do not remove each other's
-// sockets.
+// Held by a daemon that makes its socket, so that two that start at once do not remove each other's.
 std::expected<FileDescriptor, Error> lockDirectory(const std::string& directory) {
-  if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) {
-    return failure(errno, fmt::format("cannot make the directory {}: {}", directory, std::strerror(errno)));
-  }
-  FileDescriptor held(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  struct stat status{};
-  if (!held || ::fstat(held.get(), &status) != 0) {
-    return failure(errno, fmt::format("cannot open the directory {}: {}", directory, std::strerror(errno)));
-  }
-  if (status.st_uid != ::geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    return failure(EPERM, fmt::format("{} must belong to uid {} and be writable by nobody else; mend its owner and mode",
-                                      directory, ::geteuid()));
-  }
-  while (::flock(held.get(), LOCK_EX) != 0) {
+  auto held = openServiceDirectory(directory);
+  while (held && ::flock(held->get(), LOCK_EX) != 0) {
     if (errno != EINTR) return failure(errno, fmt::format("cannot lock the directory {}: {}", directory, std::strerror(errno)));
   }
   return held;
@@ -85,7 +73,24 @@ bool isServed(const sockaddr_un& address) {
 
 }  // namespace
 
-std::expected<ServiceSocket, Error> listenForService(const std::string& directory, const std::string& name) {
+std::expected<FileDescriptor, Error> openServiceDirectory(const std::string& directory) {
+  if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) {
+    return failure(errno, fmt::format("cannot make the directory {}: {}", directory, std::strerror(errno)));
+  }
+  FileDescriptor opened(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  struct stat status{};
+  if (!opened || ::fstat(opened.get(), &status) != 0) {
+    return failure(errno, fmt::format("cannot open the directory {}: {}", directory, std::strerror(errno)));
+  }
+  if (status.st_uid != ::geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return failure(EPERM, fmt::format("{} must belong to uid {} and be writable by nobody else; mend its owner and mode",
+                                      directory, ::geteuid()));
+  }
+  return opened;
+}
+
+std::expected<ServiceSocket, Error> listenForService(const std::string& directory, const std::string& name,
+                                                     ServedSocket served) {
   const std::string path = directory + "/" + name;
   if (const int passed = passedSocket(name); passed >= 0) {
     // A descriptor of its own: what the service manager passed stays as it is for whoever looks for it again.
@@ -99,7 +104,7 @@ std::expected<ServiceSocket, Error> listenForService(const std::string& director
   if (!address) return std::unexpected(address.error());
   const auto lock = lockDirectory(directory);
   if (!lock) return std::unexpected(lock.error());
-  if (isServed(*address)) {
+  if (served == ServedSocket::kept && isServed(*address)) {
     return failure(EADDRINUSE, fmt::format("{} is served by another process already; stop that one first", path));
   }
   if (::unlink(path.c_str()) != 0 && errno != ENOENT) {

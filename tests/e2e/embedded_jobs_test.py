@@ -13,7 +13,7 @@ import threading
 import keel_host
 from keel_client import HANG_GUARD
 from keel_host import BUNDLES, DaemonTest, remove
-from keel_jobs import Caller, ask, shown_jobs, telling_job
+from keel_jobs import PYTHON, TELL, Caller, ask, shown_jobs, telling_job
 
 CANNOT_LOAD = re.compile("loadAllModules: can't load module at .*")
 ENABLING_FAILED = re.compile("loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns .*")
@@ -87,6 +87,58 @@ class Embedded(JobsTest):
             select.select([watched], [], [], HANG_GUARD)[0] or self.fail('it lives on')
             os.close(watched)
             caller.close()
+
+    def program(self, name, *words, **more):
+        """A bundle whose job is another program."""
+        self.bundle(name, **more)
+        path = f"{BUNDLES}keel_{name}.bundle/launchd.plist"
+        with open(path, "rb") as file:
+            job = plistlib.load(file)
+        job["ProgramArguments"] = list(words)
+        with open(path, "wb") as file:
+            plistlib.dump(job, file, sort_keys=False)
+
+    def test_has_its_sockets_again_at_once_whatever_the_old_program_does(self):
+        """It traps SIGTERM, and so lives on, with the old socket, for as long as it likes."""
+        stubborn = "import signal\nsignal.signal(signal.SIGTERM, signal.SIG_IGN)\n" + TELL + "signal.pause()\n"
+        # Not keeld's standard error, whose end the test waits for.
+        self.program("stubborn", PYTHON, "-c", stubborn, "com.e.stubborn", StandardOutPath="/dev/null",
+                     StandardErrorPath="/dev/null")
+        for end in (lambda daemon: daemon.stop(), lambda daemon: daemon.kill()):
+            self.daemon = self.start()
+            self.assertEqual(self.table(), {"keel_stubborn": "com.e.stubborn"})
+            caller = Caller("com.e.stubborn")
+            pid = caller.told()["pid"]
+            self.addCleanup(os.kill, pid, 9)
+            self.addCleanup(caller.close)
+            end(self.daemon)
+            os.kill(pid, 0)
+        self.daemon = self.start()
+        self.assertEqual(self.table(), {"keel_stubborn": "com.e.stubborn"})
+        caller = Caller("com.e.stubborn")
+        self.addCleanup(caller.close)
+        self.assertNotEqual(caller.told()["pid"], pid)
+
+    def test_of_a_second_keeld_come_to_nothing_and_leave_those_of_the_first(self):
+        self.bundle("idle")
+        self.program("load", "/bin/sh", "-c", "echo >>/run/loaded; exec sleep 1000", RunAtLoad=True)
+        self.addCleanup(remove, "/run/loaded")
+        self.daemon = self.start()
+        while shown_jobs().get("keel_load", {}).get("program") != "running":
+            pass
+        before = shown_jobs()
+        second = self.start(ready=False)
+        second.expected_status = 3
+        self.assertEqual(second.wait(), 3)
+        failures = second.logged(ENABLING_FAILED, "error")
+        self.assertEqual(len(failures), 2)
+        for failure in failures:
+            self.assertIn("another keeld has the jobs here", failure.text)
+        self.assertEqual(shown_jobs(), before)
+        with open("/run/loaded") as file:
+            self.assertEqual(file.read(), "\n")
+        self.assertEqual(self.daemon.logged(re.compile("the job com.e.idle runs .*")), [])
+        self.assertIsNotNone(ask("com.e.idle"))
 
     def test_tells_how_their_jobs_stand(self):
         self.bundle("idle")
