@@ -150,7 +150,7 @@ TEST_F(RawPeer, HeavyRequestsAreServedOneAtATime) {
 
 struct PeerWithTurns : RawPeer {
   explicit PeerWithTurns(std::shared_ptr<HeavyTurns> given = std::make_shared<HeavyTurns>())
-      : RawPeer(Connection::Options{.heavyTurns = given}), heavyTurns(std::move(given)) {}
+      : RawPeer(Connection::Options{.quota = {}, .heavyTurns = given}), heavyTurns(std::move(given)) {}
   const std::shared_ptr<HeavyTurns> heavyTurns;
 };
 
@@ -163,7 +163,7 @@ TEST_F(PeerWithTurns, HeavyRequestsOfOneUserTakeTurnsOverAllConnections) {
       Connection::create(PeerIdentity(),
                          std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor,
                                                        FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
-                         Connection::Options{.heavyTurns = heavyTurns});
+                         Connection::Options{.quota = {}, .heavyTurns = heavyTurns});
   const auto otherService = std::make_shared<EchoService>();
   other->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
   other->setExportedObject<Echo>(otherService);

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <set>
 
 #include "notify/notification_service.h"
 #include "platform/dispatch/manual_executor.h"
@@ -137,8 +138,10 @@ class World {
         client.client().tell<&NotifyProxy::unsubscribeFrom>(name);
         return model_.unsubscribe(client.id(), step.name);
       case Request::dump:
+        finishDumpOf(step.client);
         return model_.dump(client.id(), client.request<&NotifyProxy::dumpNotification>(name, step.flag), step.name, step.flag);
       case Request::dumpAll:
+        finishDumpOf(step.client);
         return model_.dump(client.id(), client.request<&NotifyProxy::dumpNotification>("_all", step.flag), "_all", step.flag);
       case Request::interrupt:
         client.client().sendNonsense();
@@ -160,6 +163,13 @@ class World {
   }
   bool isIdle() const { return model_.isIdle(); }
 
+  // A real connection is not read while a dump of its own is under way.
+  void finishDumpOf(std::size_t client) {
+    if (dumping_.insert(client).second) return;
+    while (!isIdle()) runTurn();
+    dumping_ = {client};
+  }
+
   void compare() {
     for (const auto& client : clients_) RC_ASSERT(client->take() == model_.take(client->id()));
   }
@@ -170,6 +180,7 @@ class World {
   KLNNotificationService::Override service_{std::make_shared<KLNNotificationService>(executor_)};
   HandlerModel model_;
   std::vector<std::unique_ptr<ModelClient>> clients_;
+  std::set<std::size_t> dumping_;  // clients that have asked for a dump, perhaps still under way
 };
 
 RC_GTEST_PROP(Model, HandlersServeTheirClientsAsTheModelSays, ()) {
