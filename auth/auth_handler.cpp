@@ -61,8 +61,8 @@ Error KLNAuthHandler::authenticate(const String& user, const String& password) {
   return nullptr;
 }
 
-void KLNAuthHandler::authenticateForUser(String user, Data using_, xpc::Reply<Error> withHandler) {
-  withHandler(authenticate(user, using_));
+void KLNAuthHandler::authenticateForUser(String user, Data form, xpc::Reply<Error> withHandler) {
+  withHandler(authenticate(user, form));
 }
 
 Error KLNAuthHandler::authenticate(const String& user, const Data& externalForm) {

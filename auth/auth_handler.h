@@ -33,7 +33,7 @@ class KLNAuthHandler final : public protocols::AuthProxy {
   void authenticateUser(String user, String withPassword, xpc::Reply<Error> andHandler) override;
   // A form of another length than 32 bytes is logged as a fault and used all the same, cut off or filled up with zeros. The
   // user need have nothing to do with the process that the reference stands for.
-  void authenticateForUser(String user, Data using_, xpc::Reply<Error> withHandler) override;
+  void authenticateForUser(String user, Data form, xpc::Reply<Error> withHandler) override;
   void authGetDefaultRealm(xpc::Reply<String, Error> handler) override;
   void authBasicStartWithHandler(xpc::Reply<String, String, Error> handler) override;
   void authDigestStartWithHandler(xpc::Reply<String, String, Error> handler) override;

@@ -23,9 +23,9 @@ class FakeAuth final : public protocols::AuthProxy {
     asked = std::string(user.view()) + "/" + std::string(withPassword.view());
     andHandler(error);
   }
-  void authenticateForUser(String user, Data using_, xpc::Reply<Error> withHandler) override {
+  void authenticateForUser(String user, Data data, xpc::Reply<Error> withHandler) override {
     asked = user.view();
-    std::ranges::copy(using_.bytes(), form.bytes.begin());
+    std::ranges::copy(data.bytes(), form.bytes.begin());
     withHandler(error);
   }
   void authGetDefaultRealm(xpc::Reply<String, Error> handler) override { handler("a realm", error); }

@@ -23,9 +23,9 @@ class AuthProxy {
   // Codes 5, 14.
   virtual void authenticateUser(String user, String withPassword, xpc::Reply<Error> andHandler) = 0;
 
-  // `using_` is an authorization reference in its external form of 32 bytes. Statuses of Authorization Services in
+  // `form` is an authorization reference in its external form of 32 bytes. Statuses of Authorization Services in
   // NSOSStatusErrorDomain, code 14.
-  virtual void authenticateForUser(String user, Data using_, xpc::Reply<Error> withHandler) = 0;
+  virtual void authenticateForUser(String user, Data form, xpc::Reply<Error> withHandler) = 0;
 
   // The realm of the challenges below.
   virtual void authGetDefaultRealm(xpc::Reply<String, Error> handler) = 0;

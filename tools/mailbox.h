@@ -6,7 +6,6 @@
 
 #include <condition_variable>
 #include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <optional>
@@ -38,14 +37,13 @@ class Mailbox {
     if (closed_) return;
     messages_.emplace_back(std::move(message), bytes);
     bytes_ += bytes;
-    const std::uint64_t one = 1;
-    static_cast<void>(!::write(readable_, &one, sizeof one));
+    ::eventfd_write(readable_, 1);
   }
 
   std::optional<Message> take() {
     const std::lock_guard lock(mutex_);
-    std::uint64_t count = 0;
-    if (messages_.size() <= 1) static_cast<void>(!::read(readable_, &count, sizeof count));
+    eventfd_t count = 0;
+    if (messages_.size() <= 1) ::eventfd_read(readable_, &count);
     if (messages_.empty()) return std::nullopt;
     auto [message, bytes] = std::move(messages_.front());
     messages_.pop_front();

@@ -39,7 +39,7 @@ bool LastRefusal::note(const Value& dictionary, Error* error, Error problem) {
   return refuse(error, std::move(problem));
 }
 
-Error LastRefusal::reasonFor(const String& label, Error otherwise) const {
+Error LastRefusal::reasonFor(const String& label, const Error& otherwise) const {
   return problem_ && label == label_ ? problem_ : otherwise;
 }
 

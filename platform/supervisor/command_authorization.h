@@ -27,7 +27,7 @@ class LastRefusal {
   // Remembers it, and writes it where the caller wants it, as refuse() does.
   bool note(const Value& dictionary, Error* error, Error problem);
   // `otherwise`, or why the job of that label was not made when that is what happened last.
-  Error reasonFor(const String& label, Error otherwise) const;
+  Error reasonFor(const String& label, const Error& otherwise) const;
 
  private:
   String label_;
