@@ -21,9 +21,11 @@ function(keel_library folder)
   keel_targets_of(uses ${arg_USES})
   keel_targets_of(keeps ${arg_KEEPS})
   target_link_libraries(${target} PUBLIC ${uses} PRIVATE keel_compiler ${keeps})
+  keel_precompile(${target} keel_library_headers)
 endfunction()
 
-# keel_test(NAME SOURCES file... USES folder-or-target...): a GoogleTest program; each case is a test of its own.
+# keel_test(NAME SOURCES file... USES folder-or-target...): a GoogleTest program; each case is a test of its own. With sanitizers,
+# which make programs slow to start, the program is one test.
 function(keel_test name)
   if(NOT KEEL_TESTS)
     return()
@@ -32,7 +34,13 @@ function(keel_test name)
   keel_targets_of(uses ${arg_USES})
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE keel_compiler ${uses} GTest::gmock_main)
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS unit TIMEOUT 120)
+  keel_precompile(${name} keel_test_headers)
+  if(KEEL_SANITIZERS)
+    add_test(NAME ${name} COMMAND ${name})
+    set_tests_properties(${name} PROPERTIES LABELS unit TIMEOUT 300)
+  else()
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS unit TIMEOUT 120)
+  endif()
 endfunction()
 
 # keel_fuzzer(NAME SOURCE file USES folder-or-target...): a libFuzzer program over one decoder.

@@ -32,7 +32,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
 
   // The reactor is borrowed.
   FrameStream(FileDescriptor socket, Reactor& reactor, Terms terms);
-  ~FrameStream();
+  ~FrameStream() override;
 
   void start(Receiver& receiver) override;
   void send(const OutgoingMessage& message, EndOfTurn::Urgency urgency) override;

@@ -77,8 +77,9 @@ class RemoteProxy {
   void callForReply(std::index_sequence<Places...>, Given given) {
     const std::int64_t number = numberOf<M>();
     if (number < 0) return;
-    typename M::Sent arguments(std::get<Places>(std::move(given))...);
-    auto block = std::get<sizeof...(Places)>(std::move(given));
+    // Each moves an element of its own.
+    typename M::Sent arguments(std::get<Places>(std::move(given))...);  // NOLINT(bugprone-use-after-move)
+    auto block = std::get<sizeof...(Places)>(std::move(given));         // NOLINT(bugprone-use-after-move)
     const std::uint64_t id = connection_->expectReply(
         replyReader<M>(std::move(block), static_cast<typename M::ReplyBlock*>(nullptr)), std::move(onError_));
     OutgoingMessage message;
