@@ -202,8 +202,10 @@ void KLNNotificationService::follow(const std::shared_ptr<KLNSubscriptionObject>
 
 void KLNNotificationService::queueFirstDelivery(std::shared_ptr<KLNSubscriptionObject> subscription,
                                                 std::shared_ptr<KLNPublishedObject> item) {
-  inputQ_->async(
-      [subscription = std::move(subscription), item = std::move(item)] { subscription->updateWithData(item->data()); });
+  inputQ_->async([subscription = std::move(subscription), item = std::move(item)] {
+    const Dictionary data = item->data();
+    subscription->updateWithData(data);
+  });
 }
 
 KLNNotificationService::Override::Override(std::shared_ptr<KLNNotificationService> service)

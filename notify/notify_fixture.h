@@ -84,7 +84,7 @@ class ScriptedService final : public KLNNotificationService {
 // Stands in for a subscription's behaviour and notes what it is told.
 class RecordingSubscriberBehavior final : public protocols::SubscriberBehavior {
  public:
-  void updateWithData(Dictionary given) override { data.push_back(std::move(given)); }
+  void updateWithData(const Dictionary& given) override { data.push_back(given); }
   void updateWithError(Error given) override { errors.push_back(std::move(given)); }
   void connectionIsInvalid() override { ++invalidCount; }
 

@@ -7,6 +7,7 @@
 #include "notify/subscription_object.h"
 #include "platform/dispatch/block_date.h"
 #include "platform/product/product.h"
+#include "platform/xpc/fan_out.h"
 
 namespace keel {
 
@@ -21,6 +22,7 @@ void KLNPublishBehavior::updateWithData(Dictionary data) {
   item->setData(data);
   item->setLastUpdated(dateOfBlock());
   if (SubscriberSet* const subscribers = item->subscribers()) {
+    const xpc::FanOut fanOut(subscribers->count());
     subscribers->forEach([&data](KLNSubscriptionObject& subscription) { subscription.updateWithData(data); });
   }
 }
@@ -29,6 +31,7 @@ void KLNPublishBehavior::updateWithError(Error error) {
   const auto item = published();
   if (!item) return;
   if (SubscriberSet* const subscribers = item->subscribers()) {
+    const xpc::FanOut fanOut(subscribers->count());
     subscribers->forEach([&error](KLNSubscriptionObject& subscription) { subscription.updateWithError(error); });
   }
 }

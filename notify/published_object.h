@@ -43,7 +43,7 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   const Dictionary& data() const { return data_; }
   // Data that is replaced is its publisher's no more: whoever reads slowly keeps it at the daemon's expense.
   void setData(Dictionary data) {
-    if (data_.buffer()) data_.buffer()->chargeTo(MemoryAccount::ofProcess());
+    if (data_.buffer() && data_.buffer()->isShared()) data_.buffer()->chargeTo(MemoryAccount::ofProcess());
     data_ = std::move(data);
   }
   // When the behaviour last stored data.

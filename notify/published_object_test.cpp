@@ -239,7 +239,7 @@ TEST(PublishBehavior, DataAreStoredDatedAndPassedOnInOrder) {
   std::vector<std::shared_ptr<KLNSubscriptionObject>> subscriptions;
   struct Ordered final : protocols::SubscriberBehavior {
     Ordered(std::vector<int>& all, int own) : order(all), number(own) {}
-    void updateWithData(Dictionary) override { order.push_back(number); }
+    void updateWithData(const Dictionary&) override { order.push_back(number); }
     void updateWithError(Error) override { order.push_back(-number); }
     void connectionIsInvalid() override {}
     std::vector<int>& order;

@@ -17,9 +17,20 @@ namespace {
 
 Logger& log = _loggerForCategory("notification");
 
-Name nameOf(const std::shared_ptr<KLNSubscriptionObject>& subscriber) {
-  return subscriber ? subscriber->name() : nullptr;
+Name nameOf(const KLNSubscriptionObject* subscriber) {
+  return subscriber != nullptr ? subscriber->name() : nullptr;
 }
+
+// Logs that news could not be sent. Made into a block, which holds the subscription, only when that has happened.
+struct SendFailure {
+  KLNSubscriptionObject& subscription;
+
+  xpc::Connection::ErrorBlock block() const {
+    return [subscriber = subscription.shared_from_this()](const Error& error) {
+      log.error("behavior updateWithData: ({}) connection returned an error {}", subscriber->name(), error);
+    };
+  }
+};
 
 }  // namespace
 
@@ -29,25 +40,20 @@ void SubscriberBehavior::addTarget(const std::shared_ptr<KLNSubscriptionObject>&
 }
 
 // Once per subscriber and update: what is not needed to send is left out of the way of it.
-void SubscriberBehavior::updateWithData(Dictionary data) {
-  auto held = subscriber();
-  if (log.enabled(LogLevel::debug)) log.debug("updateWithData: {} behavior", nameOf(held));
-  auto connection = held ? held->owner() : nullptr;
-  if (!connection) return log.error("behavior updateWithData: connection is nil");
-  // Whoever calls holds the subscription too.
-  KLNSubscriptionObject& subscription = *held;
-  auto onError = [subscriber = std::move(held)](Error error) {
-    log.error("behavior updateWithData: ({}) connection returned an error {}", subscriber->name(), error);
-  };
-  xpc::remoteProxyOf<SubscriberProxy>(std::move(connection), std::move(onError))
-      .call<&SubscriberProxy::updateSubscriptionFor>(subscription.name(), data, std::uint64_t{0}, nullptr);
-  log.debug("updateWithData: {} behavior notification sent", subscription.name());
-  subscription.setLastUpdated(dateOfBlock());
+void SubscriberBehavior::updateWithData(const Dictionary& data) {
+  KLNSubscriptionObject* const subscription = borrowedSubscriber();
+  if (log.enabled(LogLevel::debug)) log.debug("updateWithData: {} behavior", nameOf(subscription));
+  xpc::Connection* const connection = subscription != nullptr ? subscription->borrowedOwner() : nullptr;
+  if (connection == nullptr) return log.error("behavior updateWithData: connection is nil");
+  xpc::borrowedProxyOf<SubscriberProxy>(*connection, SendFailure{*subscription})
+      .call<&SubscriberProxy::updateSubscriptionFor>(subscription->name(), data, std::uint64_t{0}, nullptr);
+  log.debug("updateWithData: {} behavior notification sent", subscription->name());
+  subscription->setLastUpdated(dateOfBlock());
 }
 
 void SubscriberBehavior::updateWithError(Error error) {
   const auto held = subscriber();
-  if (log.enabled(LogLevel::debug)) log.debug("SubscriberBehavior:updateWithError: {}", nameOf(held));
+  if (log.enabled(LogLevel::debug)) log.debug("SubscriberBehavior:updateWithError: {}", nameOf(held.get()));
   if (error.code() == errPublisherDisconnected) {
     return log.debug("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected({})", error.code());
   }
@@ -64,7 +70,7 @@ void SubscriberBehavior::updateWithError(Error error) {
 
 void SubscriberBehavior::connectionIsInvalid() {
   const auto held = subscriber();
-  if (log.enabled(LogLevel::debug)) log.debug("behavior connectionIsInvalid: unsubscribing from {}", nameOf(held));
+  if (log.enabled(LogLevel::debug)) log.debug("behavior connectionIsInvalid: unsubscribing from {}", nameOf(held.get()));
   const auto item = held ? held->target() : nullptr;
   if (!item) return;
   item->removeSubscriber(held);

@@ -17,15 +17,22 @@ class SubscriberBehavior final : public protocols::SubscriberBehavior, public st
   void addTarget(const std::shared_ptr<KLNSubscriptionObject>& subscription);
 
   // As KLNSubscriptionObject says of itself. A subscription that is gone counts as one whose client is gone.
-  void updateWithData(Dictionary data) override;
+  void updateWithData(const Dictionary& data) override;
   void updateWithError(Error error) override;
   void connectionIsInvalid() override;
 
   std::shared_ptr<KLNSubscriptionObject> subscriber() const { return subscriber_.lock(); }
-  void setSubscriber(const std::shared_ptr<KLNSubscriptionObject>& subscriber) { subscriber_ = subscriber; }
+  void setSubscriber(const std::shared_ptr<KLNSubscriptionObject>& subscriber) {
+    subscriber_ = subscriber;
+    borrowedSubscriber_ = subscriber.get();
+  }
 
  private:
+  // The same without counting, for as long as the caller holds it.
+  KLNSubscriptionObject* borrowedSubscriber() const { return subscriber_.expired() ? nullptr : borrowedSubscriber_; }
+
   std::weak_ptr<KLNSubscriptionObject> subscriber_;
+  KLNSubscriptionObject* borrowedSubscriber_ = nullptr;
 };
 
 }  // namespace keel

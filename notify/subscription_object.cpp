@@ -34,16 +34,16 @@ std::shared_ptr<KLNSubscriptionObject> KLNSubscriptionObject::initWithName(
   return std::shared_ptr<KLNSubscriptionObject>(new KLNSubscriptionObject(std::move(name), andConnection));
 }
 
-void KLNSubscriptionObject::updateWithData(Dictionary data) {
+void KLNSubscriptionObject::updateWithData(const Dictionary& data) {
   log.debug("updateWithData: {}", name_);
-  if (delegate_) return delegate_->updateWithData(std::move(data));
+  if (delegate_) return delegate_->updateWithData(data);
   const auto connection = owner();
   if (!connection) return log.error("updateWithData: connection is nil");
   auto onError = [subscription = shared_from_this()](Error error) {
     log.error("updateWithData: ({}) connection returned an error {}", subscription->name(), error);
   };
   connection->remoteObjectProxyWithErrorHandler<SubscriberProxy>(std::move(onError))
-      .call<&SubscriberProxy::updateSubscriptionFor>(name_, std::move(data), std::uint64_t{0}, nullptr);
+      .call<&SubscriberProxy::updateSubscriptionFor>(name_, data, std::uint64_t{0}, nullptr);
   lastUpdated_ = dateOfBlock();
 }
 
@@ -77,6 +77,7 @@ void KLNSubscriptionObject::connectionIsInvalid() {
 void KLNSubscriptionObject::setOwner(const std::shared_ptr<xpc::Connection>& owner) {
   if (sameObject(owner_, owner)) return;
   owner_ = owner;
+  borrowedOwner_ = owner.get();
   ++changeCountOfOwners;
 }
 

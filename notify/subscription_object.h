@@ -27,7 +27,7 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
 
   // Sends `data` to the client and returns at once; `data` may be null (an item without data). A client that is gone: logged,
   // nothing sent, lastUpdated() unchanged. A failure to send is logged later and changes nothing.
-  void updateWithData(Dictionary data) override;
+  void updateWithData(const Dictionary& data) override;
   // The same with an error. An error whose code is errPublisherDisconnected, of whatever domain, is dropped: the client hears
   // of the name again when somebody publishes it.
   void updateWithError(Error error) override;
@@ -41,6 +41,8 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
   void setLastUpdated(std::optional<Date> date) { lastUpdated_ = date; }
   // The client's connection; null once it is gone.
   std::shared_ptr<xpc::Connection> owner() const { return owner_.lock(); }
+  // The same without counting: good until whoever calls lets the input queue go on.
+  xpc::Connection* borrowedOwner() const { return owner_.expired() ? nullptr : borrowedOwner_; }
   void setOwner(const std::shared_ptr<xpc::Connection>& owner);
   // The item that it follows.
   std::shared_ptr<KLNPublishedObject> target() const { return target_.lock(); }
@@ -54,7 +56,8 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
   static std::uint64_t ownerChangeCount();
 
  private:
-  KLNSubscriptionObject(Name name, const std::shared_ptr<xpc::Connection>& owner) : owner_(owner), name_(std::move(name)) {}
+  KLNSubscriptionObject(Name name, const std::shared_ptr<xpc::Connection>& owner)
+      : owner_(owner), borrowedOwner_(owner.get()), name_(std::move(name)) {}
 
   // References that count for the same object, dead or alive.
   static bool sameObject(const std::weak_ptr<xpc::Connection>& left, const std::shared_ptr<xpc::Connection>& right) {
@@ -64,6 +67,8 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
   std::shared_ptr<protocols::SubscriberBehavior> delegate_;
   std::optional<Date> lastUpdated_;
   std::weak_ptr<xpc::Connection> owner_;
+  // Connections are destroyed on the thread of the input queue, so one that lives goes on living while a block runs.
+  xpc::Connection* borrowedOwner_ = nullptr;
   std::weak_ptr<KLNPublishedObject> target_;
   Name name_;
 };

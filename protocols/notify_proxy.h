@@ -48,7 +48,7 @@ using NotifyProxyMethods =
                      xpc::Method<"subscribeTo:withFlags:andHandler:", &NotifyProxy::subscribeTo>,
                      xpc::Method<"unsubscribeFrom:", &NotifyProxy::unsubscribeFrom>,
                      xpc::Method<"publishItem:name:flags:value:withHandler:", &NotifyProxy::publishItem>,
-                     xpc::Method<"updatePublishedItem:name:withHandler:", &NotifyProxy::updatePublishedItem>,
+                     xpc::Method<"updatePublishedItem:name:withHandler:", &NotifyProxy::updatePublishedItem, xpc::Weight::brief>,
                      xpc::Method<"removePublishedItemForName:withHandler:", &NotifyProxy::removePublishedItemForName>,
                      xpc::Method<"getModuleTableWithHandler:", &NotifyProxy::getModuleTableWithHandler>,
                      xpc::Method<"dumpNotification:withData:andHandler:", &NotifyProxy::dumpNotification, xpc::Weight::heavy>>;

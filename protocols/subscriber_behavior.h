@@ -10,7 +10,7 @@ namespace keel::protocols {
 class SubscriberBehavior {
  public:
   virtual ~SubscriberBehavior() = default;
-  virtual void updateWithData(Dictionary data) = 0;
+  virtual void updateWithData(const Dictionary& data) = 0;
   virtual void updateWithError(Error error) = 0;
   // The subscriber's own connection has ended.
   virtual void connectionIsInvalid() = 0;

@@ -15,7 +15,7 @@ class BlockBatch {
   // The room that is kept for the next run; 512 KiB.
   static constexpr std::size_t kKeptCount = 16384;
 
-  void add(Block block) { blocks_.push_back(std::move(block)); }
+  void add(Block&& block) { blocks_.push_back(std::move(block)); }
   bool empty() const { return blocks_.empty(); }
   std::size_t capacity() const { return blocks_.capacity(); }
   void swap(BlockBatch& other) noexcept { blocks_.swap(other.blocks_); }

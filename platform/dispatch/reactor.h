@@ -85,9 +85,9 @@ class Reactor final : public Executor {
   void noteFullRead() { fullRead_ = true; }
   static constexpr std::size_t kMostReadBytes = 256u << 10;
   static constexpr std::size_t kUsualReadBytes = 32u << 10;
-  // Dozens of small messages: what a turn writes to a crowd of subscribers costs a system call for each of them, however little
+  // A hundred small messages: what a turn writes to a crowd of subscribers costs a system call for each of them, however little
   // was read, and with fewer messages in each the same work takes more turns, not shorter ones.
-  static constexpr std::size_t kLeastReadBytes = 4u << 10;
+  static constexpr std::size_t kLeastReadBytes = 16u << 10;
   // A turn longer than this halves the bytes. Nobody notices so short a wait.
   static constexpr std::chrono::milliseconds kLongTurn{2};
 

@@ -22,11 +22,11 @@ SerialQueue::~SerialQueue() {
   abandon();
 }
 
-void SerialQueue::submit(Block block, Executor& executor) {
+void SerialQueue::submit(Block&& block, Executor& executor) {
   KEEL_CHECK(block);
   {
     const std::lock_guard lock(mutex_);
-    // The block is destroyed by the caller's frame, outside the lock: its destruction may come back here.
+    // A block that is not taken is destroyed by the caller, outside the lock: its destruction may come back here.
     if (state_ == State::abandoned) return;
     add(std::move(block), executor);
     if (std::exchange(state_, State::scheduled) == State::scheduled) return;
@@ -34,7 +34,7 @@ void SerialQueue::submit(Block block, Executor& executor) {
   executor.schedule(shared_from_this());
 }
 
-void SerialQueue::add(Block block, Executor& executor) {
+void SerialQueue::add(Block&& block, Executor& executor) {
   // Nothing joins a block that runs elsewhere: it has its turn alone, so that the other executor can choose after each.
   const bool own = &executor == &executor_;
   if (later_.empty() && (waiting_.empty() || (own && waitingOn_ == &executor_))) {

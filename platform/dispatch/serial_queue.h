@@ -29,10 +29,10 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
   const std::string& label() const { return label_; }
 
   // Submits `block`. From any thread, also from a block of this queue, and from the destruction of one.
-  void async(Block block) { submit(std::move(block), executor_); }
+  void async(Block&& block) { submit(std::move(block), executor_); }
   // The same, but that block alone runs on `elsewhere`, borrowed as the queue's own executor is: it may have to wait where
   // those before and behind it may not. It waits for its turn like any other, and those behind wait for it.
-  void asyncOn(Executor& elsewhere, Block block) { submit(std::move(block), elsewhere); }
+  void asyncOn(Executor& elsewhere, Block&& block) { submit(std::move(block), elsewhere); }
 
   // True in a block of this queue, on the thread that runs it, and while that block is being destroyed after it ran.
   bool isCurrent() const;
@@ -57,8 +57,8 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
   };
 
   SerialQueue(std::string label, Executor& executor) : label_(std::move(label)), executor_(executor), waitingOn_(&executor) {}
-  void submit(Block block, Executor& executor);
-  void add(Block block, Executor& executor);  // under mutex_
+  void submit(Block&& block, Executor& executor);
+  void add(Block&& block, Executor& executor);  // under mutex_
 
   const std::string label_;
   Executor& executor_;

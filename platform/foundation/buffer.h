@@ -99,6 +99,9 @@ class Buffer {
   // The sealed memory file that holds exactly these bytes, or -1 for a heap buffer. Borrowed.
   int sealedFile() const { return sealedFile_; }
 
+  // Whether others refer to it, too. Nobody but its holders can change that.
+  bool isShared() const { return references_.load(std::memory_order_acquire) > 1; }
+
   // A keyed hash of the bytes, computed on first use and kept. Never 0.
   std::uint64_t hash() const {
     const std::uint64_t known = hash_.load(std::memory_order_relaxed);

@@ -4,6 +4,7 @@
 #include "platform/foundation/cbor.h"
 #include "platform/foundation/sealed_memory.h"
 #include "platform/xpc/limits.h"
+#include "platform/xpc/recent_names.h"
 
 namespace keel::xpc {
 
@@ -36,6 +37,11 @@ bool ArgumentReader::encodedItem(std::uint8_t major, BufferRef& item) {
 bool ArgumentReader::string(String& value) {
   std::string_view text;
   if (!cursor.text(text) || !mayHold(text.size() + limits::kRecordBytes, quota_.grantedNameBytes())) return false;
+  if (brief_ && !confidential_ && text.size() <= RecentNames::kLongestBytes) {
+    thread_local RecentNames recent;
+    value = recent.of(text);
+    return true;
+  }
   value = String(text, *quota_.account, limits::kRecordBytes);
   if (confidential_) value.makeSecret();
   return true;

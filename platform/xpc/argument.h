@@ -55,6 +55,8 @@ class ArgumentReader {
   bool mayHoldMore() { return mayHold(0, quota_.grantedBytes()); }
   // What is read from here on is wiped when it is let go of.
   void setConfidential(bool confidential) { confidential_ = confidential; }
+  // Text that is read from here on may be shared with that of earlier messages, at nobody's expense: nothing is kept for it.
+  void setBrief(bool brief) { brief_ = brief; }
 
   cbor::Cursor cursor;
 
@@ -67,6 +69,7 @@ class ArgumentReader {
   MemoryQuota quota_;
   bool overQuota_ = false;
   bool confidential_ = false;
+  bool brief_ = false;
 };
 
 // Writes the arguments of one message; `takesDescriptors` says whether the peer does.

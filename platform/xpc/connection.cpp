@@ -30,7 +30,11 @@ Error connectionError(ConnectionErrorCode code, std::string_view description) {
 
 std::shared_ptr<Connection> Connection::create(PeerIdentity peer, std::unique_ptr<Transport> transport,
                                                const Options& options) {
-  return std::shared_ptr<Connection>(new Connection(std::move(peer), std::move(transport), options));
+  // Destroyed on the I/O thread, whoever lets go of it last: there it may be used without being counted.
+  return std::shared_ptr<Connection>(new Connection(std::move(peer), std::move(transport), options), [](Connection* last) {
+    std::unique_ptr<Connection> owned(last);
+    if (!owned->transport_->onIoThread()) last->transport_->performLater([going = std::move(owned)] {});
+  });
 }
 
 Connection::Connection(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options)
@@ -130,8 +134,16 @@ void Connection::sendAnswer(std::uint64_t requestId, OutgoingMessage& message) {
   });
 }
 
+// Without a queue everything that counts is on the I/O thread, and nothing has to be locked.
+std::uint32_t Connection::changeUnanswered(std::uint32_t difference) {
+  if (queue_) return unansweredCount_.fetch_add(difference, std::memory_order_relaxed) + difference;
+  const std::uint32_t changed = unansweredCount_.load(std::memory_order_relaxed) + difference;
+  unansweredCount_.store(changed, std::memory_order_relaxed);
+  return changed;
+}
+
 void Connection::requestAnswered(std::uint64_t requestId) {
-  --unansweredCount_;
+  changeUnanswered(-std::uint32_t{1});
   if (requestId == heavyRequestId_) {
     heavyRequestId_ = 0;
     // Not before what this answer made wait was counted, at the end of the turn.

@@ -23,7 +23,7 @@
 
 namespace keel::xpc {
 
-template <class Protocol, class ErrorHandler>
+template <class Protocol, class ErrorHandler, class Held>
 class RemoteProxy;
 
 // Domain of errors that say why a call could not be made or was not answered; the code is a ConnectionErrorCode.
@@ -102,8 +102,8 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   // A proxy that sends asynchronously. `onError(Error)` is called on the connection's queue, later, when a call cannot be made
   // or its answer does not come. remote_proxy.h has the calls.
   template <class Protocol, class ErrorHandler>
-  RemoteProxy<Protocol, ErrorHandler> remoteObjectProxyWithErrorHandler(ErrorHandler onError) {
-    return RemoteProxy<Protocol, ErrorHandler>(shared_from_this(), std::move(onError));
+  RemoteProxy<Protocol, ErrorHandler, std::shared_ptr<Connection>> remoteObjectProxyWithErrorHandler(ErrorHandler onError) {
+    return {shared_from_this(), std::move(onError)};
   }
 
   // The peer's last words, empty when it said none. For the invalidation handler.
@@ -171,6 +171,9 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   bool refuseOverQuota(std::optional<std::uint64_t> requestId);
   void interrupted(std::string_view why);
   void sendAnswer(std::uint64_t requestId, OutgoingMessage& message);
+  // Both return the new count.
+  std::uint32_t countUnanswered() { return changeUnanswered(1); }
+  std::uint32_t changeUnanswered(std::uint32_t difference);
   // On the I/O thread.
   void requestAnswered(std::uint64_t requestId);
   void adjustReading();

@@ -217,15 +217,16 @@ bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vecto
   }
   ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes, options_.quota);
   reader.setConfidential(confidential_);
+  reader.setBrief(weight == Weight::brief && !queue_);
   if (weight == Weight::lasting && !reader.mayHoldMore()) return refuseOverQuota(id);
-  if (call.route && ++unansweredCount_ > limits::kUnansweredRequests && !readingPaused_) {
+  if (call.route && countUnanswered() > limits::kUnansweredRequests && !readingPaused_) {
     transport_->perform([self = shared_from_this()] { self->adjustReading(); });
   }
   return serve(method, reader, argumentCount, call);
 }
 
 void Connection::queueHeavy(HeavyRequest request) {
-  ++unansweredCount_;
+  countUnanswered();
   heavyRequestId_ = request.call.requestId;
   adjustReading();
   options_.heavyTurns->enter(options_.quota.account, [self = shared_from_this(), held = std::move(request)]() mutable {

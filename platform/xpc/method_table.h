@@ -72,6 +72,7 @@ struct SplitParameters<std::tuple<Reply<Results...>>> {
 // How much a request asks for.
 enum class Weight : std::uint8_t {
   usual,
+  brief,    // what it brings is named and done with: names may be shared with those of earlier messages
   heavy,    // its work grows with all that the service holds: a user has one at a time, over all connections
   slow,     // may wait for seconds: where requests have queues of their own, it does so where it holds up no others
   lasting,  // leaves something behind on the asker's account: refused while that one holds too much

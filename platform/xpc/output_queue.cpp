@@ -37,6 +37,27 @@ std::vector<std::unique_ptr<OutputQueue>>& readyQueues() {
   return queues;
 }
 
+// Large chunks that the thread's queues fill in turn: to allocate and free so much costs as much as to fill it.
+constexpr std::size_t kSpareChunks = 32;
+
+std::vector<std::shared_ptr<std::byte[]>>& spareChunks() {
+  thread_local std::vector<std::shared_ptr<std::byte[]>> chunks;
+  return chunks;
+}
+
+std::shared_ptr<std::byte[]> chunkOf(std::size_t capacity) {
+  if (capacity != kChunkBytes || spareChunks().empty()) return std::make_shared_for_overwrite<std::byte[]>(capacity);
+  auto chunk = std::move(spareChunks().back());
+  spareChunks().pop_back();
+  return chunk;
+}
+
+void spare(std::shared_ptr<std::byte[]> chunk, std::size_t capacity) {
+  if (capacity == kChunkBytes && chunk.use_count() == 1 && spareChunks().size() < kSpareChunks) {
+    spareChunks().push_back(std::move(chunk));
+  }
+}
+
 }  // namespace
 
 std::size_t OutputQueue::Piece::fileBytes() const {
@@ -104,7 +125,7 @@ void OutputQueue::appendBytes(std::span<const std::byte> bytes) {
   while (!bytes.empty()) {
     if (chunkUsed_ == chunkCapacity_) {
       chunkCapacity_ = chunk_ == nullptr && bytes.size() <= kFirstChunkBytes ? kFirstChunkBytes : kChunkBytes;
-      chunk_ = std::make_shared_for_overwrite<std::byte[]>(chunkCapacity_);
+      chunk_ = chunkOf(chunkCapacity_);
       chunkUsed_ = 0;
       ownBytes_ += chunkCapacity_;
     }
@@ -185,6 +206,7 @@ void OutputQueue::consume(std::size_t sent) {
     if (piece.chunk && !piece.isRun && piece.chunk.use_count() == 1) {
       ownBytes_ -= piece.chunkCapacity;
       wipe(piece);
+      spare(std::move(piece.chunk), piece.chunkCapacity);
     }
     pieces_.pop_front();
   }
@@ -197,13 +219,16 @@ void OutputQueue::consume(std::size_t sent) {
 }
 
 void OutputQueue::clear() {
-  for (const Piece& piece : pieces_) wipe(piece);
+  for (Piece& piece : pieces_) {
+    wipe(piece);
+    if (!piece.isRun) spare(std::move(piece.chunk), piece.chunkCapacity);
+  }
   confidential_ = false;
   copies_ = false;
   pieces_.clear();
   // A first chunk stays for the next frames; whatever grew beyond it goes.
   if (chunkCapacity_ > kFirstChunkBytes) {
-    chunk_.reset();
+    spare(std::move(chunk_), chunkCapacity_);
     chunkCapacity_ = 0;
   }
   chunkUsed_ = 0;

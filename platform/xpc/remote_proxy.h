@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/xpc/connection.h"
+#include "platform/xpc/fan_out.h"
 
 namespace keel::xpc {
 
@@ -20,11 +21,13 @@ Error connectionError(ConnectionErrorCode code, std::string_view description);
 //
 // A method with a reply takes a block behind its arguments, called with the results on the connection's queue. On the I/O
 // thread only.
-template <class Protocol, class ErrorHandler>
+//
+// `onError` is called with the error, or has a block() that makes what is called: then nothing is made unless it is needed. The
+// connection is held by the proxy, or with `Held` a pointer by whoever calls.
+template <class Protocol, class ErrorHandler, class Held = std::shared_ptr<Connection>>
 class RemoteProxy {
  public:
-  RemoteProxy(std::shared_ptr<Connection> connection, ErrorHandler onError)
-      : connection_(std::move(connection)), onError_(std::move(onError)) {}
+  RemoteProxy(Held connection, ErrorHandler onError) : connection_(std::move(connection)), onError_(std::move(onError)) {}
 
   template <auto Member, class... Given>
   void call(Given&&... given) {
@@ -39,13 +42,17 @@ class RemoteProxy {
   }
 
  private:
-  // The last one-way call of this method, encoded: a call to many connections in a row, with the same arguments, is encoded
-  // once. One each for peers that take descriptors and those that do not.
+  // The last one-way call of this method, encoded (fan_out.h). One each for peers that take descriptors and those that do not.
   template <class M>
-  struct Memo {
+  struct Memo final : FanOut::Call {
     typename M::Sent arguments;
-    std::int64_t number = -1;
+    std::int64_t number = -1;  // negative: not kept
     OutgoingMessage message;
+
+    void forget() override {
+      number = -1;
+      arguments = {};
+    }
   };
 
   // By reference: in a call to many connections in a row, counting references up and down would be a good part of the cost.
@@ -57,7 +64,8 @@ class RemoteProxy {
     thread_local std::array<Memo<M>, 2> memos;
     const bool takesDescriptors = connection_->takesDescriptors();
     Memo<M>& memo = memos[takesDescriptors ? 1 : 0];
-    if (memo.number != number || !same<M>(memo.arguments, arguments)) {
+    FanOut* const fanOut = FanOut::current();
+    if (fanOut == nullptr || memo.number != number || !fanOut->keeps(memo) || !same<M>(memo.arguments, arguments)) {
       cbor::Writer writer = memo.message.begin();
       writer.array(3);
       writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::oneWay));
@@ -65,8 +73,10 @@ class RemoteProxy {
       memo.number = -1;
       if (!write(memo.message, takesDescriptors, arguments))
         return fail(ConnectionErrorCode::refused, "the message is too large");
-      memo.arguments = arguments;
-      memo.number = number;
+      if (fanOut != nullptr && fanOut->keep(memo)) {
+        memo.arguments = arguments;
+        memo.number = number;
+      }
     } else if (!connection_->isConfidential()) {
       memo.message.share();
     }
@@ -140,19 +150,23 @@ class RemoteProxy {
 
   void fail(ConnectionErrorCode code, std::string_view text);
 
-  std::shared_ptr<Connection> connection_;
+  Held connection_;
   ErrorHandler onError_;
 };
 
-template <class Protocol, class ErrorHandler>
-void RemoteProxy<Protocol, ErrorHandler>::fail(ConnectionErrorCode code, std::string_view text) {
-  connection_->reportError(Connection::ErrorBlock(std::move(onError_)), connectionError(code, text));
+template <class Protocol, class ErrorHandler, class Held>
+void RemoteProxy<Protocol, ErrorHandler, Held>::fail(ConnectionErrorCode code, std::string_view text) {
+  if constexpr (requires { onError_.block(); }) {
+    connection_->reportError(onError_.block(), connectionError(code, text));
+  } else {
+    connection_->reportError(Connection::ErrorBlock(std::move(onError_)), connectionError(code, text));
+  }
 }
 
-// The same as connection->remoteObjectProxyWithErrorHandler(), for who holds the connection and is done with it.
+// A proxy for one call to a connection that the caller holds.
 template <class Protocol, class ErrorHandler>
-RemoteProxy<Protocol, ErrorHandler> remoteProxyOf(std::shared_ptr<Connection> connection, ErrorHandler onError) {
-  return RemoteProxy<Protocol, ErrorHandler>(std::move(connection), std::move(onError));
+RemoteProxy<Protocol, ErrorHandler, Connection*> borrowedProxyOf(Connection& connection, ErrorHandler onError) {
+  return RemoteProxy<Protocol, ErrorHandler, Connection*>(&connection, std::move(onError));
 }
 
 }  // namespace keel::xpc
