@@ -7,8 +7,10 @@ import plistlib
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import unittest
+import unittest.mock
 
 import keel_host
 from keel_client import AUTH, DIRECTORY, NOTIFY
@@ -292,6 +294,39 @@ class WithKeeld(DaemonTest):
             self.assertEqual(shown_jobs()["keel_idle"], ready)
         finally:
             os.seteuid(0)
+
+    def assertUnknown(self, why):
+        """What is shown of the jobs of keel_mute and keel_quiet."""
+        unknown = {"enabled": None, "listening": None, "program": "unknown", "pid": None, "problem": why}
+        self.assertEqual(shown_jobs(), {f"keel_{name}": {"label": f"com.k.{name}", **unknown} for name in ("mute", "quiet")})
+
+    def test_jobs_are_unknown_when_systemd_does_not_answer_and_it_is_asked_once(self):
+        self.bundle("mute")
+        self.bundle("quiet")
+        self.start()
+        spy = SpyBus()
+        self.addCleanup(spy.close)
+        Trouble.freeze(self, frozen=True)
+        try:
+            with unittest.mock.patch.dict(os.environ, spy.environment):
+                self.assertUnknown("systemd did not answer within 5 s")
+        finally:
+            Trouble.freeze(self, frozen=False)
+        self.assertEqual(spy.take(), ["ActiveState"])
+        self.assertEqual({job["program"] for job in shown_jobs().values()}, {"none"})
+
+    def test_jobs_are_unknown_when_the_bus_does_not_let_anybody_in(self):
+        self.bundle("mute")
+        self.bundle("quiet")
+        self.start()
+        with socket.socket(socket.AF_UNIX) as silent:
+            silent.bind("/run/silent-bus")
+            self.addCleanup(remove, "/run/silent-bus")
+            silent.listen()
+            with unittest.mock.patch.dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS="unix:path=/run/silent-bus"):
+                self.assertUnknown("systemd did not answer within 5 s")
+        with unittest.mock.patch.dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS="unix:path=/run/missing"):
+            self.assertUnknown("systemd cannot be asked: No such file or directory")
 
     def test_starts_when_systemd_does_not_answer(self):
         self.bundle("frozen")

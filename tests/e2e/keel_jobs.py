@@ -98,9 +98,10 @@ class Supervisor:
 
 
 class SpyBus:
-    """Stands between a process and the system bus and notes which of systemd's methods are called."""
+    """Stands between a process and the system bus and notes what is asked of systemd: methods and properties."""
 
-    METHODS = re.compile(rb"\0(GetUnitFileState|EnableUnitFiles|DisableUnitFiles|StartUnit|StopUnit|Reload|UnitPath)\0")
+    QUESTIONS = re.compile(
+        rb"\0(GetUnitFileState|EnableUnitFiles|DisableUnitFiles|StartUnit|StopUnit|Reload|UnitPath|ActiveState)\0")
     PATH = "/run/spy-bus"
 
     def __init__(self):
@@ -124,7 +125,7 @@ class SpyBus:
             while data := source.recv(1 << 16):
                 # Each call is sent by itself, since each waits for its answer.
                 if noted:
-                    self.calls += [found.decode() for found in self.METHODS.findall(data)]
+                    self.calls += [found.decode() for found in self.QUESTIONS.findall(data)]
                 target.sendall(data)
         except OSError:
             pass  # one of the two has gone
