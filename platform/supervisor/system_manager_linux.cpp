@@ -177,9 +177,10 @@ class SystemdManager final : public SystemManager {
     const int byPrivate = open(&SystemdManager::openPrivate, /*sender=*/nullptr);
     if (byPrivate >= 0) return {};
     if (byPrivate == -ETIMEDOUT) silentUntil_ = Clock::now() + kSilence;
+    // Whatever the reason, which may be that a socket is missing: ENOENT would say that systemd knows no such unit.
     return std::unexpected(
-        supervisorError(-byPrivate, fmt::format("systemd cannot be reached, neither over the system bus ({}) nor directly ({})",
-                                                std::strerror(-bySystemBus), std::strerror(-byPrivate))));
+        supervisorError(ENOTCONN, fmt::format("systemd cannot be reached, neither over the system bus ({}) nor directly ({})",
+                                              std::strerror(-bySystemBus), std::strerror(-byPrivate))));
   }
 
   // Opens with `openBus` and waits until it can be used.
