@@ -21,14 +21,17 @@ std::uint64_t microsecondsUntil(std::chrono::steady_clock::time_point deadline) 
 }
 
 int waitUntilReady(sd_bus& bus, std::chrono::steady_clock::time_point deadline) {
-  int status = 0;
-  while ((status = sd_bus_is_ready(&bus)) == 0) {
-    if ((status = sd_bus_process(&bus, nullptr)) < 0) return status;
+  for (;;) {
+    const int ready = sd_bus_is_ready(&bus);
+    if (ready != 0) return ready;
+    const int processed = sd_bus_process(&bus, nullptr);
+    if (processed < 0) return processed;
     const auto left = microsecondsUntil(deadline);
     if (left == 0) return -ETIMEDOUT;
-    if (status == 0 && (status = sd_bus_wait(&bus, left)) < 0 && status != -EINTR) return status;
+    if (processed > 0) continue;
+    const int waited = sd_bus_wait(&bus, left);
+    if (waited < 0 && waited != -EINTR) return waited;
   }
-  return status;
 }
 
 }  // namespace keel

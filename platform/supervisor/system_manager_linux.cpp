@@ -58,7 +58,7 @@ class SystemdManager final : public SystemManager {
       path.emplace_back(*each);
       std::free(*each);
     }
-    std::free(folders);
+    std::free(static_cast<void*>(folders));
     return path;
   }
 
@@ -191,7 +191,8 @@ class SystemdManager final : public SystemManager {
     Bus bus(raw);
     if (status < 0) return status;
     sd_bus_set_method_call_timeout(bus.get(), static_cast<std::uint64_t>(microseconds(kConnectDeadline).count()));
-    if ((status = waitUntilReady(*bus, deadline)) < 0) return status;
+    status = waitUntilReady(*bus, deadline);
+    if (status < 0) return status;
     status = sd_bus_match_signal(bus.get(), nullptr, sender, kSystemdPath, kSystemdManager, "JobRemoved",
                                  &SystemdManager::jobRemoved, this);
     if (status < 0) return status;
