@@ -1,28 +1,46 @@
 // SPDX-License-Identifier: Apache-2.0
-// Has the example module greet somebody; the module is started if it does not run.
+// Has the example module greet somebody; the module is started if it does not run. With - as the name it stays connected, and
+// has each line of its input greeted.
 //
 //   greet SERVICE NAME
+//   greet SERVICE -
 #include <iostream>
+#include <string>
 #include <string_view>
 
 #include "client/module_connection.h"
 #include "examples/greeter_proxy.h"
 
+namespace {
+
+using Module = keel::KLNModuleConnection<GreeterProxy>;
+
+bool greet(Module& module, std::string_view name) {
+  const auto answer = module.call<&GreeterProxy::greet>(keel::String(name));
+  if (!answer) {
+    std::cerr << "greet: " << answer.error().message() << "\n";
+    return false;
+  }
+  std::cout << std::get<0>(*answer).view() << std::endl;
+  return true;
+}
+
+}  // namespace
+
 int main(int count, char** words) {
   if (count != 3) {
-    std::cerr << "usage: greet SERVICE NAME\n";
+    std::cerr << "usage: greet SERVICE NAME|-\n";
     return 2;
   }
-  const auto module = keel::KLNModuleConnection<GreeterProxy>::open(words[1]);
+  const auto module = Module::open(words[1]);
   if (!module) {
     std::cerr << "greet: " << module.error().message() << "\n";
     return 1;
   }
-  const auto answer = (*module)->call<&GreeterProxy::greet>(keel::String(std::string_view(words[2])));
-  if (!answer) {
-    std::cerr << "greet: " << answer.error().message() << "\n";
-    return 1;
+  const std::string_view name = words[2];
+  if (name != "-") return greet(**module, name) ? 0 : 1;
+  for (std::string line; std::getline(std::cin, line);) {
+    if (!greet(**module, line)) return 1;
   }
-  std::cout << std::get<0>(*answer).view() << std::endl;
   return 0;
 }

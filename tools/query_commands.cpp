@@ -86,6 +86,8 @@ int dumpCommand(Console& console, const CommonOptions& common, const std::string
 
 std::string shownJob(const JobState& job) {
   std::string shown;
+  const std::string problem = job.problem.empty() ? "" : ": " + shownText(job.problem, 200);
+  if (!job.known) return "unknown" + problem;
   switch (job.program) {
     case JobState::Program::none:
       shown = job.listening ? "ready" : "not listening";
@@ -100,17 +102,16 @@ std::string shownJob(const JobState& job) {
       shown = "failed";
       break;
   }
-  if (!job.enabled) shown = job.label.empty() ? "unknown" : "disabled, " + shown;
-  if (!job.problem.empty()) shown += ": " + shownText(job.problem, 200);
-  return shown;
+  return (job.enabled ? shown : "disabled, " + shown) + problem;
 }
 
 std::string jsonOfJob(const JobState& job, JsonLetters letters) {
   constexpr std::array<const char*, 4> kPrograms = {"none", "running", "starting", "failed"};
+  const auto known = [&](bool yes) { return !job.known ? "null" : yes ? "true" : "false"; };
   return fmt::format(R"({{"label":{},"enabled":{},"listening":{},"program":"{}","pid":{},"problem":{}}})",
-                     job.label.empty() ? "null" : jsonOfText(job.label, letters), job.enabled, job.listening,
-                     kPrograms[static_cast<std::size_t>(job.program)],
-                     job.processId > 0 ? std::to_string(job.processId) : "null",
+                     job.label.empty() ? "null" : jsonOfText(job.label, letters), known(job.enabled), known(job.listening),
+                     job.known ? kPrograms[static_cast<std::size_t>(job.program)] : "unknown",
+                     job.known && job.processId > 0 ? std::to_string(job.processId) : "null",
                      job.problem.empty() ? "null" : jsonOfText(job.problem, letters));
 }
 

@@ -57,7 +57,7 @@ TEST(DumpJson, NamesStayExact) {
 }
 
 TEST(ModuleJob, IsShownAsPeopleWouldSayIt) {
-  JobState job{.label = "l", .enabled = true, .listening = true};
+  JobState job{.label = "l", .known = true, .enabled = true, .listening = true};
   EXPECT_EQ(shownJob(job), "ready");
   job.program = JobState::Program::running;
   job.processId = 7;
@@ -66,13 +66,20 @@ TEST(ModuleJob, IsShownAsPeopleWouldSayIt) {
   job.problem = "its last run\n\x1b[31m";
   EXPECT_THAT(shownJob(job), testing::StartsWith("about to start: its last run"));
   EXPECT_THAT(shownJob(job), Not(HasSubstr("\x1b")));
-  job = {.label = "l"};
+  job = {.label = "l", .known = true};
   EXPECT_EQ(shownJob(job), "disabled, not listening");
+}
+
+TEST(ModuleJob, ThatIsNotKnownIsShownAsNothingElse) {
+  EXPECT_EQ(shownJob({.label = "l", .problem = "systemd did not answer within 5 s"}),
+            "unknown: systemd did not answer within 5 s");
   EXPECT_EQ(shownJob({.problem = "no job has that service"}), "unknown: no job has that service");
+  EXPECT_EQ(shownJob({}), "unknown");
 }
 
 TEST(ModuleJob, JsonHasAll) {
   EXPECT_EQ(jsonOfJob({.label = "l",
+                       .known = true,
                        .enabled = true,
                        .listening = true,
                        .program = JobState::Program::running,
@@ -80,8 +87,15 @@ TEST(ModuleJob, JsonHasAll) {
                        .problem = "\""},
                       JsonLetters::utf8),
             R"({"label":"l","enabled":true,"listening":true,"program":"running","pid":7,"problem":"\""})");
+  EXPECT_EQ(jsonOfJob({.label = "l", .known = true}, JsonLetters::utf8),
+            R"({"label":"l","enabled":false,"listening":false,"program":"none","pid":null,"problem":null})");
+}
+
+TEST(ModuleJob, JsonSaysNothingOfWhatIsNotKnown) {
+  EXPECT_EQ(jsonOfJob({.label = "l", .problem = "p"}, JsonLetters::utf8),
+            R"({"label":"l","enabled":null,"listening":null,"program":"unknown","pid":null,"problem":"p"})");
   EXPECT_EQ(jsonOfJob({}, JsonLetters::utf8),
-            R"({"label":null,"enabled":false,"listening":false,"program":"none","pid":null,"problem":null})");
+            R"({"label":null,"enabled":null,"listening":null,"program":"unknown","pid":null,"problem":null})");
 }
 
 }  // namespace

@@ -58,7 +58,7 @@ JobState JobRecords::read(const std::string& machService) const {
       if (value == kPrograms[place]) state.program = static_cast<JobState::Program>(place);
     }
   }
-  state.enabled = state.listening = !state.label.empty();
+  state.known = state.enabled = state.listening = !state.label.empty();
   return state;
 }
 

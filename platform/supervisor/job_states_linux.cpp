@@ -4,15 +4,22 @@
 #include <systemd/sd-daemon.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <expected>
+#include <filesystem>
+#include <functional>
 #include <optional>
-#include <utility>
+#include <set>
+#include <string_view>
+#include <system_error>
 
 #include "platform/product/product.h"
 #include "platform/supervisor/job_records.h"
 #include "platform/supervisor/job_state.h"
+#include "platform/supervisor/system_bus.h"
 #include "platform/supervisor/unit_store.h"
 #include "platform/supervisor/unit_text.h"
 
@@ -20,22 +27,20 @@ namespace keel {
 
 namespace {
 
-constexpr const char* kDestination = "org.freedesktop.systemd1";
-constexpr const char* kManagerPath = "/org/freedesktop/systemd1";
-constexpr const char* kManager = "org.freedesktop.systemd1.Manager";
-constexpr const char* kUnit = "org.freedesktop.systemd1.Unit";
-constexpr std::chrono::microseconds kAnswerDeadline = std::chrono::seconds(3);
+using Clock = std::chrono::steady_clock;
 
-struct BusCloser {
-  void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
-};
+constexpr const char* kUnit = "org.freedesktop.systemd1.Unit";
+constexpr const char* kSocket = "org.freedesktop.systemd1.Socket";
+constexpr const char* kService = "org.freedesktop.systemd1.Service";
+// To connect, and for all questions together. A thousand modules take half a second.
+constexpr std::chrono::seconds kAnswerDeadline{5};
 
 // Where keeld writes it down.
 class RecordedJobStates final : public JobStates {
  public:
   JobState of(const std::string& machService) override {
     JobState state = records_.read(machService);
-    if (state.label.empty()) state.problem = "no job has that service";
+    if (!state.known) state.problem = "no job has that service";
     return state;
   }
 
@@ -43,101 +48,151 @@ class RecordedJobStates final : public JobStates {
   const JobRecords records_{kServiceDirectory};
 };
 
-// The units are there for all to read, and so is what systemd tells of them over the system bus.
-class SystemdJobStates final : public JobStates {
+// What systemd tells of units over the system bus, or why it does not, for people. Once it is silent, or out of reach, it is
+// not asked again.
+class UnitQuestions {
  public:
-  SystemdJobStates() {
-    sd_bus* bus = nullptr;
-    problem_ = sd_bus_open_system(&bus);
-    bus_.reset(bus);
-    if (problem_ >= 0) sd_bus_set_method_call_timeout(bus, static_cast<std::uint64_t>(kAnswerDeadline.count()));
+  template <class T>
+  using Answer = std::expected<T, std::string>;
+
+  Answer<std::string> text(const std::string& unit, const char* interface, const char* property) {
+    char* raw = nullptr;
+    const int status = ask([&](sd_bus* bus) {
+      return sd_bus_get_property_string(bus, kSystemdDestination, pathOf(unit).c_str(), interface, property, nullptr, &raw);
+    });
+    const std::unique_ptr<char, decltype(&std::free)> owned(raw, &std::free);
+    if (status < 0) return std::unexpected(reasonFor(status));
+    return std::string(raw);
   }
 
+  Answer<pid_t> mainProcess(const std::string& service) {
+    std::uint32_t process = 0;
+    const int status = ask([&](sd_bus* bus) {
+      return sd_bus_get_property_trivial(bus, kSystemdDestination, pathOf(service).c_str(), kService, "MainPID", nullptr, 'u',
+                                         &process);
+    });
+    if (status < 0) return std::unexpected(reasonFor(status));
+    return static_cast<pid_t>(process);
+  }
+
+ private:
+  // What `call` comes to: a negative errno when there is no answer.
+  template <class Call>
+  int ask(Call call) {
+    if (failure_ >= 0 && !bus_) failure_ = connect();
+    if (failure_ < 0) return failure_;
+    const auto left = microsecondsUntil(deadline_);
+    if (left == 0) return failure_ = -ETIMEDOUT;
+    sd_bus_set_method_call_timeout(bus_.get(), left);
+    const int status = call(bus_.get());
+    if (status == -ETIMEDOUT || (status < 0 && sd_bus_is_open(bus_.get()) <= 0)) failure_ = status;
+    return status;
+  }
+
+  int connect() {
+    deadline_ = Clock::now() + kAnswerDeadline;
+    sd_bus* raw = nullptr;
+    const int status = sd_bus_open_system(&raw);
+    bus_.reset(raw);
+    return status < 0 ? status : waitUntilReady(*raw, deadline_);
+  }
+
+  static std::string reasonFor(int status) {
+    if (status == -ETIMEDOUT) return fmt::format("systemd did not answer within {} s", kAnswerDeadline.count());
+    return fmt::format("systemd cannot be asked: {}", std::strerror(-status));
+  }
+
+  static std::string pathOf(const std::string& unit) {
+    char* path = nullptr;
+    if (sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.c_str(), &path) < 0) return kSystemdPath;
+    std::string text = path;
+    std::free(path);
+    return text;
+  }
+
+  Bus bus_;
+  Clock::time_point deadline_;  // counted from the first question
+  int failure_ = 0;             // a negative errno: nothing is asked any more
+};
+
+// The units that somebody enabled: there is a link to each beside a unit that wants it. systemd looks through these folders
+// anew for each unit that it is asked about, which takes seconds for a thousand modules.
+std::set<std::string, std::less<>> enabledUnits() {
+  namespace fs = std::filesystem;
+  std::set<std::string, std::less<>> enabled;
+  std::error_code ignored;
+  for (const std::string& folder : {UnitStore::Directories().runtime, UnitStore::Directories().persistent}) {
+    for (const auto& wanting : fs::directory_iterator(folder, ignored)) {
+      const std::string extension = wanting.path().extension();
+      if (extension != ".wants" && extension != ".requires") continue;
+      for (const auto& link : fs::directory_iterator(wanting, ignored)) enabled.insert(link.path().filename());
+    }
+  }
+  return enabled;
+}
+
+// The units are there for all to read; what becomes of them is systemd's to tell.
+class SystemdJobStates final : public JobStates {
+ public:
   JobState of(const std::string& machService) override {
-    JobState state;
-    state.label = store_.ownerOf(machService);
+    JobState state{.label = store_.ownerOf(machService)};
     std::optional<UnitStore::Stored> service;
     const std::string serviceName = state.label + ".service";
     if (state.label.empty() || store_.standingOf(serviceName, &service) != UnitStore::Standing::ours) {
       state.problem = "no job has that service";
       return state;
     }
-    if (problem_ < 0) {
-      state.problem = fmt::format("systemd cannot be asked: {}", std::strerror(-problem_));
-      return state;
-    }
-    const std::string fileState = unitFileState(service->enabled);
-    state.enabled = fileState == "enabled" || fileState == "enabled-runtime";
-    addSocket(state, *service, machService);
-    addService(state, serviceName);
+    state.enabled = enabled_.contains(service->enabled);
+    Found found = addSocket(state, *service, machService);
+    if (found) found = addService(state, serviceName);
+    if (!found) return {.label = state.label, .problem = found.error()};
+    state.known = true;
     return state;
   }
 
  private:
-  void addSocket(JobState& state, const UnitStore::Stored& service, const std::string& machService) {
+  using Found = UnitQuestions::Answer<void>;
+
+  Found addSocket(JobState& state, const UnitStore::Stored& service, const std::string& machService) {
     const auto socket = std::ranges::find_if(service.started, [&](const std::string& name) {
       std::optional<UnitStore::Stored> stored;
       return store_.standingOf(name, &stored) == UnitStore::Standing::ours && stored->machService == unitNameOf(machService);
     });
-    if (socket == service.started.end()) return;
-    const std::string active = property(*socket, kUnit, "ActiveState");
-    state.listening = active == "active";
-    if (!state.listening) {
-      state.problem =
-          fmt::format("{} is {} ({})", *socket, active, property(*socket, "org.freedesktop.systemd1.Socket", "Result"));
-    }
+    if (socket == service.started.end()) return {};
+    const auto active = systemd_.text(*socket, kUnit, "ActiveState");
+    if (!active) return std::unexpected(active.error());
+    state.listening = *active == "active";
+    if (state.listening) return {};
+    const auto result = systemd_.text(*socket, kSocket, "Result");
+    if (!result) return std::unexpected(result.error());
+    state.problem = fmt::format("{} is {} ({})", *socket, *active, *result);
+    return {};
   }
 
-  void addService(JobState& state, const std::string& name) {
-    constexpr const char* kService = "org.freedesktop.systemd1.Service";
-    const std::string active = property(name, kUnit, "ActiveState");
-    if (active == "active" || active == "deactivating") state.program = JobState::Program::running;
-    if (active == "activating") state.program = JobState::Program::starting;
-    if (active == "failed") state.program = JobState::Program::failed;
-    std::uint32_t pid = 0;
-    if (sd_bus_get_property_trivial(bus_.get(), kDestination, pathOf(name).c_str(), kService, "MainPID", nullptr, 'u', &pid) >=
-        0) {
-      state.processId = static_cast<pid_t>(pid);
-    }
-    const std::string result = property(name, kService, "Result");
-    const bool endedBadly = state.program == JobState::Program::failed || state.program == JobState::Program::starting;
-    if (endedBadly && result != "success" && state.problem.empty()) state.problem = "its last run ended with " + result;
+  Found addService(JobState& state, const std::string& name) {
+    const auto active = systemd_.text(name, kUnit, "ActiveState");
+    if (!active) return std::unexpected(active.error());
+    state.program = programOf(*active);
+    if (state.program == JobState::Program::none) return {};
+    const auto process = systemd_.mainProcess(name);
+    if (!process) return std::unexpected(process.error());
+    state.processId = *process;
+    if (state.program == JobState::Program::running) return {};
+    const auto result = systemd_.text(name, kService, "Result");
+    if (!result) return std::unexpected(result.error());
+    if (*result != "success" && state.problem.empty()) state.problem = "its last run ended with " + *result;
+    return {};
   }
 
-  static std::string pathOf(const std::string& unit) {
-    char* path = nullptr;
-    if (sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.c_str(), &path) < 0) return kManagerPath;
-    std::string text = path;
-    std::free(path);
-    return text;
-  }
-
-  // Empty when it cannot be had.
-  std::string property(const std::string& unit, const char* interface, const char* name) {
-    char* text = nullptr;
-    if (sd_bus_get_property_string(bus_.get(), kDestination, pathOf(unit).c_str(), interface, name, nullptr, &text) < 0)
-      return {};
-    std::string value = text;
-    std::free(text);
-    return value;
-  }
-
-  std::string unitFileState(const std::string& unit) {
-    sd_bus_message* answer = nullptr;
-    const char* state = nullptr;
-    std::string text;
-    if (sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManager, "GetUnitFileState", nullptr, &answer, "s",
-                           unit.c_str()) >= 0 &&
-        sd_bus_message_read(answer, "s", &state) >= 0) {
-      text = state;
-    }
-    sd_bus_message_unref(answer);
-    return text;
+  static JobState::Program programOf(std::string_view active) {
+    if (active == "active" || active == "reloading" || active == "deactivating") return JobState::Program::running;
+    if (active == "activating") return JobState::Program::starting;
+    return active == "failed" ? JobState::Program::failed : JobState::Program::none;
   }
 
   UnitStore store_;
-  std::unique_ptr<sd_bus, BusCloser> bus_;
-  int problem_ = 0;  // a negative errno: there is no bus
+  const std::set<std::string, std::less<>> enabled_ = enabledUnits();
+  UnitQuestions systemd_;
 };
 
 }  // namespace

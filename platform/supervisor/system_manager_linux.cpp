@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "platform/supervisor/supervisor_error.h"
+#include "platform/supervisor/system_bus.h"
 #include "platform/supervisor/system_manager.h"
 
 namespace keel {
@@ -38,24 +39,7 @@ constexpr std::chrono::seconds kJobDeadline{2};
 constexpr std::chrono::seconds kSilence{30};
 
 constexpr const char* kPrivateAddress = "unix:path=/run/systemd/private";
-constexpr const char* kDestination = "org.freedesktop.systemd1";
-constexpr const char* kPath = "/org/freedesktop/systemd1";
-constexpr const char* kManager = "org.freedesktop.systemd1.Manager";
 constexpr const char* kNoSuchUnit = "org.freedesktop.systemd1.NoSuchUnit";
-
-struct BusCloser {
-  void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
-};
-using Bus = std::unique_ptr<sd_bus, BusCloser>;
-struct MessageReleaser {
-  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using Message = std::unique_ptr<sd_bus_message, MessageReleaser>;
-
-std::uint64_t microsecondsUntil(Clock::time_point deadline) {
-  const auto left = std::chrono::duration_cast<microseconds>(deadline - Clock::now()).count();
-  return left > 0 ? static_cast<std::uint64_t>(left) : 0;
-}
 
 class SystemdManager final : public SystemManager {
  public:
@@ -63,7 +47,8 @@ class SystemdManager final : public SystemManager {
     sd_bus_message* raw = nullptr;
     if (auto connected = ready("UnitPath", ""); !connected) return std::unexpected(connected.error());
     sd_bus_error problem{};
-    const int status = sd_bus_get_property(bus_.get(), kDestination, kPath, kManager, "UnitPath", &problem, &raw, "as");
+    const int status =
+        sd_bus_get_property(bus_.get(), kSystemdDestination, kSystemdPath, kSystemdManager, "UnitPath", &problem, &raw, "as");
     const Message answer(raw);
     if (status < 0) return std::unexpected(failed("UnitPath", "", status, problem));
     char** folders = nullptr;
@@ -73,7 +58,7 @@ class SystemdManager final : public SystemManager {
       path.emplace_back(*each);
       std::free(*each);
     }
-    std::free(folders);
+    std::free(static_cast<void*>(folders));
     return path;
   }
 
@@ -135,7 +120,7 @@ class SystemdManager final : public SystemManager {
     if (auto connected = ready(method, unit); !connected) return std::unexpected(connected.error());
     sd_bus_error problem{};
     sd_bus_message* raw = nullptr;
-    int status = sd_bus_message_new_method_call(bus_.get(), &raw, kDestination, kPath, kManager, method);
+    int status = sd_bus_message_new_method_call(bus_.get(), &raw, kSystemdDestination, kSystemdPath, kSystemdManager, method);
     const Message request(raw);
     if (status >= 0 && *types != '\0') status = sd_bus_message_append(request.get(), types, arguments...);
     if (status < 0) return std::unexpected(failed(method, unit, status, problem));
@@ -186,15 +171,16 @@ class SystemdManager final : public SystemManager {
 
   Done connect() {
     if (bus_ != nullptr) return {};
-    const int bySystemBus = open(&SystemdManager::openSystemBus, kDestination);
+    const int bySystemBus = open(&SystemdManager::openSystemBus, kSystemdDestination);
     if (bySystemBus >= 0) return {};
     // There nobody else is, and nobody has a name.
     const int byPrivate = open(&SystemdManager::openPrivate, /*sender=*/nullptr);
     if (byPrivate >= 0) return {};
     if (byPrivate == -ETIMEDOUT) silentUntil_ = Clock::now() + kSilence;
+    // Whatever the reason, which may be that a socket is missing: ENOENT would say that systemd knows no such unit.
     return std::unexpected(
-        supervisorError(-byPrivate, fmt::format("systemd cannot be reached, neither over the system bus ({}) nor directly ({})",
-                                                std::strerror(-bySystemBus), std::strerror(-byPrivate))));
+        supervisorError(ENOTCONN, fmt::format("systemd cannot be reached, neither over the system bus ({}) nor directly ({})",
+                                              std::strerror(-bySystemBus), std::strerror(-byPrivate))));
   }
 
   // Opens with `openBus` and waits until it can be used.
@@ -205,17 +191,14 @@ class SystemdManager final : public SystemManager {
     Bus bus(raw);
     if (status < 0) return status;
     sd_bus_set_method_call_timeout(bus.get(), static_cast<std::uint64_t>(microseconds(kConnectDeadline).count()));
-    while ((status = sd_bus_is_ready(bus.get())) == 0) {
-      if ((status = sd_bus_process(bus.get(), nullptr)) < 0) return status;
-      const auto left = microsecondsUntil(deadline);
-      if (left == 0) return -ETIMEDOUT;
-      if (status == 0 && (status = sd_bus_wait(bus.get(), left)) < 0 && status != -EINTR) return status;
-    }
+    status = waitUntilReady(*bus, deadline);
     if (status < 0) return status;
-    status = sd_bus_match_signal(bus.get(), nullptr, sender, kPath, kManager, "JobRemoved", &SystemdManager::jobRemoved, this);
+    status = sd_bus_match_signal(bus.get(), nullptr, sender, kSystemdPath, kSystemdManager, "JobRemoved",
+                                 &SystemdManager::jobRemoved, this);
     if (status < 0) return status;
     // Without it systemd tells nobody of its jobs. Answered with an error when somebody of this connection did it before.
-    status = sd_bus_call_method(bus.get(), kDestination, kPath, kManager, "Subscribe", nullptr, nullptr, "");
+    status =
+        sd_bus_call_method(bus.get(), kSystemdDestination, kSystemdPath, kSystemdManager, "Subscribe", nullptr, nullptr, "");
     if (status == -ETIMEDOUT) return status;
     sd_bus_set_method_call_timeout(bus.get(), static_cast<std::uint64_t>(microseconds(kCallDeadline).count()));
     bus_ = std::move(bus);

@@ -7,8 +7,10 @@ import plistlib
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import unittest
+import unittest.mock
 
 import keel_host
 from keel_client import AUTH, DIRECTORY, NOTIFY
@@ -16,6 +18,9 @@ from keel_host import BUNDLES, DaemonTest, remove
 from keel_jobs import Caller, SpyBus, Supervisor, ask, shown_jobs, telling_job
 
 RUNTIME, PERSISTENT = "/run/systemd/system", "/etc/systemd/system"
+PRIVATE = "/run/systemd/private"
+NO_BUS = {"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/run/missing"}
+UNREACHABLE = "systemd cannot be reached, .*"
 PACKAGING = os.path.join(os.path.dirname(__file__), "../../packaging/systemd")
 
 
@@ -212,7 +217,7 @@ class Trouble(JobTest):
             os.kill(bus, signal.SIGCONT)
 
     def test_bus_that_is_not_there_is_gone_around(self):
-        other = self.make_supervisor(DBUS_SYSTEM_BUS_ADDRESS="unix:path=/run/missing")
+        other = self.make_supervisor(**NO_BUS)
         self.assertDone(other.create(telling_job("com.t.direct", "com.t.direct")))
         self.assertDone(other.set_enabled("com.t.direct"))
         self.assertDone(other.is_enabled("com.t.direct"))
@@ -220,7 +225,7 @@ class Trouble(JobTest):
 
     def test_systemd_that_starts_anew_is_asked_again(self):
         self.enable(telling_job("com.t.reexec", "com.t.reexec"))
-        other = self.make_supervisor(DBUS_SYSTEM_BUS_ADDRESS="unix:path=/run/missing")
+        other = self.make_supervisor(**NO_BUS)
         self.assertDone(other.is_enabled("com.t.reexec"))
         systemctl("daemon-reexec")
         self.assertDone(other.is_enabled("com.t.reexec"))
@@ -293,6 +298,39 @@ class WithKeeld(DaemonTest):
         finally:
             os.seteuid(0)
 
+    def assertUnknown(self, why):
+        """What is shown of the jobs of keel_mute and keel_quiet."""
+        unknown = {"enabled": None, "listening": None, "program": "unknown", "pid": None, "problem": why}
+        self.assertEqual(shown_jobs(), {f"keel_{name}": {"label": f"com.k.{name}", **unknown} for name in ("mute", "quiet")})
+
+    def test_jobs_are_unknown_when_systemd_does_not_answer_and_it_is_asked_once(self):
+        self.bundle("mute")
+        self.bundle("quiet")
+        self.start()
+        spy = SpyBus()
+        self.addCleanup(spy.close)
+        Trouble.freeze(self, frozen=True)
+        try:
+            with unittest.mock.patch.dict(os.environ, spy.environment):
+                self.assertUnknown("systemd did not answer within 5 s")
+        finally:
+            Trouble.freeze(self, frozen=False)
+        self.assertEqual(spy.take(), ["ActiveState"])
+        self.assertEqual({job["program"] for job in shown_jobs().values()}, {"none"})
+
+    def test_jobs_are_unknown_when_the_bus_does_not_let_anybody_in(self):
+        self.bundle("mute")
+        self.bundle("quiet")
+        self.start()
+        with socket.socket(socket.AF_UNIX) as silent:
+            silent.bind("/run/silent-bus")
+            self.addCleanup(remove, "/run/silent-bus")
+            silent.listen()
+            with unittest.mock.patch.dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS="unix:path=/run/silent-bus"):
+                self.assertUnknown("systemd did not answer within 5 s")
+        with unittest.mock.patch.dict(os.environ, NO_BUS):
+            self.assertUnknown("systemd cannot be asked: No such file or directory")
+
     def test_starts_when_systemd_does_not_answer(self):
         self.bundle("frozen")
         Trouble.freeze(self, frozen=True)
@@ -305,6 +343,102 @@ class WithKeeld(DaemonTest):
         self.assertTrue(daemon.logged(re.compile("loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns .*"), "error"))
         self.assertEqual(self.client().module_table(), {})
 
+    def loading_of(self, daemon, name):
+        """What was logged while that module was loaded, in order."""
+        lines = []
+        for line in (line for line in daemon.log if line.category == "startup"):
+            lines.append(f"{line.level} {line.text}")
+            if line.text.startswith("loadAllModules: "):
+                if line.text.endswith(f"keel_{name}.bundle"):
+                    return lines
+                lines = []
+        self.fail(f"nothing was logged of {name}")
+
+    def assertLoadingFailed(self, daemon, name, *, before=None, enabling=None, after=None):
+        """As prescribed, with these errors (patterns) of the check before, of enabling, and of the check after."""
+        label, path = f"com.k.{name}", f"{BUNDLES}keel_{name}.bundle"
+        check = "error loadModuleIfNeededFromPath QZSupervisorGetServiceEnabled returns "
+        expected = [
+            (check, before),
+            (f"debug loadModuleIfNeededFromPath service {label} is not enabled ", ""),
+            (f"debug loadModuleIfNeededFromPath created {label}", ""),
+            ("error loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns ", enabling),
+            (f"debug loadModuleIfNeededFromPath enabled {label}", ""),
+            (check, after),
+            (f"error loadAllModules: can't load module at {path}", ""),
+        ]
+        patterns = [re.escape(text) + pattern for text, pattern in expected if pattern is not None]
+        lines = self.loading_of(daemon, name)
+        self.assertEqual(len(lines), len(patterns), lines)
+        for line, pattern in zip(lines, patterns):
+            self.assertIsNotNone(re.fullmatch(pattern, line), f"{line!r} is not {pattern!r}")
+
+    def test_refusals_cost_the_refused_modules_alone(self):
+        for name in ("masked", "taken", "blocked", "fine"):
+            self.bundle(name)
+        systemctl("mask", "com.k.masked.socket")
+        self.addCleanup(systemctl, "unmask", "com.k.masked.socket")
+        with open(f"{PERSISTENT}/com.k.taken.service", "w") as unit:
+            unit.write("[Service]\nExecStart=/bin/true\n")
+        self.addCleanup(remove, f"{PERSISTENT}/com.k.taken.service")
+        os.makedirs(f"{DIRECTORY}/com.k.blocked/inside")
+        self.addCleanup(remove, f"{DIRECTORY}/com.k.blocked")
+        daemon = self.start()
+        self.assertEqual(self.client().module_table(), {"keel_fine": "com.k.fine"})
+        self.assertLoadingFailed(daemon, "masked", enabling=".*/com.k.masked.socket is there already, and not keeld's; .*")
+        self.assertLoadingFailed(daemon, "taken", enabling=".*/com.k.taken.service is there already, and not keeld's; .*")
+        self.assertLoadingFailed(daemon, "blocked", enabling=r"com.k.blocked.socket did not start \(failed\); .*")
+
+    def hide_systemd(self):
+        """Nobody reaches it where systemctl does, either."""
+        os.rename(PRIVATE, PRIVATE + ".real")
+        self.addCleanup(os.rename, PRIVATE + ".real", PRIVATE)
+
+    def test_starts_when_systemd_is_lost(self):
+        self.bundle("lost")
+        self.start().stop()
+        self.hide_systemd()
+        daemon = self.start(environment=NO_BUS)
+        self.assertLoadingFailed(daemon, "lost", before=UNREACHABLE, enabling=UNREACHABLE, after=UNREACHABLE)
+        self.assertEqual(self.client().module_table(), {})
+
+    def test_starts_when_systemd_dies_between_two_questions(self):
+        asked = ["UnitPath", "StartUnit", "EnableUnitFiles", "GetUnitFileState"]
+        neither = {"enabling": UNREACHABLE, "after": UNREACHABLE}
+        # After so many answers: what the module that is being made fails with, and the next one, whose units may be written.
+        failures = [({"enabling": "systemd refused UnitPath: .*"}, {"enabling": UNREACHABLE}),
+                    (neither, neither), (neither, neither), ({"after": UNREACHABLE}, neither)]
+        self.hide_systemd()
+        for answers, (first, second) in enumerate(failures):
+            with self.subTest(answers=answers):
+                names = [f"dies{answers}a", f"dies{answers}b"]
+                for name in names:
+                    self.bundle(name)
+                spy = SpyBus(PRIVATE, PRIVATE + ".real", answers)
+                daemon = self.start(environment=NO_BUS)
+                self.assertEqual(spy.take(), asked[: answers + 1])
+                names.sort(key=lambda name: os.listdir(BUNDLES).index(f"keel_{name}.bundle"))
+                self.assertLoadingFailed(daemon, names[0], **first)
+                self.assertLoadingFailed(daemon, names[1], **second)
+                self.assertEqual(self.client().module_table(), {})
+                daemon.stop()
+                # The next one makes up for it.
+                self.assertCountEqual(self.loaded(self.start()), [f"keel_{name}.bundle" for name in names])
+                self.daemons[-1].stop()
+                remove(BUNDLES.rstrip("/"))
+
+    def test_bus_that_dies_between_two_questions_is_gone_around(self):
+        for answers in range(1, 4):
+            with self.subTest(answers=answers):
+                self.bundle(f"around{answers}")
+                spy = SpyBus(answers=answers)
+                daemon = self.start(environment=spy.environment)
+                self.assertEqual(len(spy.take()), answers + 1)
+                self.assertEqual(self.loaded(daemon), [f"keel_around{answers}.bundle"])
+                self.assertEqual([line for line in daemon.log if line.level == "error"], [])
+                daemon.stop()
+                remove(BUNDLES.rstrip("/"))
+
     def test_is_a_service_that_makes_its_modules_while_it_is_being_started(self):
         self.bundle("a")
         self.bundle("b", RunAtLoad=True)
@@ -312,6 +446,10 @@ class WithKeeld(DaemonTest):
         shutil.copy(keel_host.keeld, "/usr/sbin/keeld")
         for unit in ("keeld.service", "keeld-auth.socket", "keeld-notify.socket"):
             shutil.copy(f"{PACKAGING}/{unit}", PERSISTENT)
+        # The sanitizer's search for leaks at the end needs a system call that the unit refuses, and would wait for it for ever.
+        os.makedirs(f"{PERSISTENT}/keeld.service.d")
+        with open(f"{PERSISTENT}/keeld.service.d/sanitizer.conf", "w") as drop_in:
+            drop_in.write("[Service]\nEnvironment=ASAN_OPTIONS=detect_leaks=0\n")
         systemctl("daemon-reload")
         paths = [f"{PERSISTENT}/{unit}" for unit in ("keeld.service", "keeld-auth.socket", "keeld-notify.socket")]
         verified = subprocess.run(["systemd-analyze", "verify", "--man=no", *paths], capture_output=True, text=True)

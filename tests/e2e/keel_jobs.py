@@ -98,24 +98,31 @@ class Supervisor:
 
 
 class SpyBus:
-    """Stands between a process and the system bus and notes which of systemd's methods are called."""
+    """Stands between a process and the system bus, or systemd, and notes what is asked of systemd: methods and properties.
 
-    METHODS = re.compile(rb"\0(GetUnitFileState|EnableUnitFiles|DisableUnitFiles|StartUnit|StopUnit|Reload|UnitPath)\0")
+    path     where it stands
+    target   where the one behind it is
+    answers  how many questions it passes on; at the next one it dies, and leaves nothing at its place. None: all
+    """
+
+    QUESTIONS = re.compile(
+        rb"\0(GetUnitFileState|EnableUnitFiles|DisableUnitFiles|StartUnit|StopUnit|Reload|UnitPath|ActiveState)\0")
     PATH = "/run/spy-bus"
+    BUS = "/run/dbus/system_bus_socket"
 
-    def __init__(self):
+    def __init__(self, path=PATH, target=BUS, answers=None):
         self.calls = []
+        self._path, self._target, self._answers = path, target, answers
         self._listener = socket.socket(socket.AF_UNIX)
-        self._listener.bind(self.PATH)
+        self._listener.bind(path)
         self._listener.listen()
+        self.environment = {"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={path}"}
         threading.Thread(target=self._serve, daemon=True).start()
-
-    environment = {"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={PATH}"}
 
     def _serve(self):
         client, _ = self._listener.accept()
         bus = socket.socket(socket.AF_UNIX)
-        bus.connect("/run/dbus/system_bus_socket")
+        bus.connect(self._target)
         threading.Thread(target=self._pass_on, args=(bus, client, False), daemon=True).start()
         self._pass_on(client, bus, True)
 
@@ -124,7 +131,12 @@ class SpyBus:
             while data := source.recv(1 << 16):
                 # Each call is sent by itself, since each waits for its answer.
                 if noted:
-                    self.calls += [found.decode() for found in self.METHODS.findall(data)]
+                    self.calls += [found.decode() for found in self.QUESTIONS.findall(data)]
+                if noted and self._answers is not None and len(self.calls) > self._answers:
+                    self.close()
+                    source.shutdown(socket.SHUT_RDWR)
+                    target.shutdown(socket.SHUT_RDWR)
+                    return
                 target.sendall(data)
         except OSError:
             pass  # one of the two has gone
@@ -135,4 +147,4 @@ class SpyBus:
 
     def close(self):
         self._listener.close()
-        os.unlink(self.PATH)
+        keel_host.remove(self._path)

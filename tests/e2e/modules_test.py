@@ -76,6 +76,17 @@ class ModulesTest(DaemonTest):
         lines = [line for line in self.daemon.log if line.category == "startup"]
         return [line.text for line in lines if level in (None, line.level)]
 
+    def wait_for_crash(self, label):
+        """Waits until the job's program has died of SIGSEGV, and the job is given a pause."""
+        if not os.path.isdir("/run/systemd/system"):
+            self.daemon.wait_for_log(re.compile(f"the job {label} was ended by signal 11 .*"), level="error")
+            return
+        ask = ["systemctl", "show", "--property=SubState,ExecMainStatus", f"{label}.service"]
+        shown = ""
+        while "SubState=auto-restart" not in shown:
+            shown = subprocess.run(ask, check=True, capture_output=True, text=True).stdout.split()
+        self.assertIn(f"ExecMainStatus={signal.SIGSEGV:d}", shown)
+
     def assertLoaded(self, *names):
         self.assertEqual(sorted(self.daemon_texts("loadAllModules: loaded ")), sorted(self.path(name) for name in names))
 
@@ -105,11 +116,14 @@ class Loading(ModulesTest):
         good("own_flat", "com.vantor.of", job=own_job("com.vantor.own-flat", "com.vantor.of"), contents=False)
         good("dotted.name", DEFAULT + "dotted.name")
         good("ünicode", "com.vantor.unicode", info={"QZMachServiceName": "com.vantor.unicode"})
+        crashing = own_job("com.vantor.crashing", "com.vantor.crash")
+        crashing.update(ProgramArguments=["/bin/sh", "-c", "kill -SEGV $$"], RunAtLoad=True, ThrottleInterval=3600)
+        good("crashing", "com.vantor.crash", job=crashing)
         # Broken ones that are modules all the same.
         self.write("garbage", "launchd.plist", os.urandom(1000))
         self.write("array", "launchd.plist", plistlib.dumps(["Label"]))
         self.write("entities", "launchd.plist", b'<!DOCTYPE plist [<!ENTITY a "b">]><plist><string>&a;</string></plist>')
-        self.write("nested", "launchd.plist", b"<plist>" + b"<array>" * 150000)
+        self.write("nested", "launchd.plist", b"<plist>" + b"<array>" * 140000)
         self.write("large", "launchd.plist", b"<plist><string>" + b"x" * (2 << 20) + b"</string></plist>")
         self.write("info", "Info.plist", b"bplist00")
         os.makedirs(self.path("pipe"))
@@ -145,7 +159,11 @@ class Loading(ModulesTest):
         for name in broken:
             named = [text for text in self.startup("error") if self.path(name) in text]
             self.assertEqual(len(named), {"file": 0, "loop": 2}.get(name, 1), named)
+        for name, why in (("nested", "nested more than 64 deep"), ("large", "more than 1048576 bytes")):
+            self.assertTrue([text for text in self.startup("error") if self.path(name) in text and why in text], name)
         self.assertEqual(len([text for text in self.startup("error") if "is not UTF-8" in text]), 1)
+        self.wait_for_crash("com.vantor.crashing")
+        self.assertEqual(self.table(), expected)
 
     def test_the_order_is_that_of_the_directory(self):
         for number in range(30):
