@@ -33,7 +33,7 @@ std::vector<String> ModuleTable::allKeys() const {
 }
 
 void ModuleTable::encode() {
-  std::vector<std::byte> bytes;
+  ByteSink bytes;
   cbor::Writer writer(bytes);
   writer.map(texts_.size());
   for (const auto& [key, text] : texts_) {

@@ -69,7 +69,7 @@ void writeItem(cbor::Writer& writer, KLNPublishedObject& item, bool withData) {
 
 // The entries, and the error when there is no item of that name.
 std::pair<Array, Error> dump(KLNNotificationService& service, const Name& name, bool withData) {
-  std::vector<std::byte> bytes;
+  ByteSink bytes;
   cbor::Writer writer(bytes);
   Error error;
   const auto& published = service.published();

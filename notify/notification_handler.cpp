@@ -93,7 +93,10 @@ Error KLNNotificationHandler::subscribe(KLNNotificationService& service, const N
   const auto subscription = service.newSubscriptionObjectForName(name, flags, 0, xpcConnection());
   log.debug("NotificationHandler subscribing {} with {}", name, fmt::ptr(subscription.get()));
   Error error;
-  if (subscription && service.subscribe(subscription, &error)) subscriptions_[name] = subscription;
+  if (!subscription || !service.subscribe(subscription, &error)) return error;
+  // Most clients follow one name or a few: no room is taken for a dozen.
+  if (subscriptions_.empty()) subscriptions_.reserve(1);
+  subscriptions_[name] = subscription;
   return error;
 }
 

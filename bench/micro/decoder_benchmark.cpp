@@ -13,7 +13,7 @@ namespace {
 
 // An item as modules publish them, of at least so many bytes: texts, numbers, a nested dictionary.
 std::vector<std::byte> sampleItem(std::size_t bytes) {
-  std::vector<std::byte> pairs;
+  ByteSink pairs;
   cbor::Writer writer(pairs);
   std::size_t pairCount = 0;
   for (; pairs.size() < bytes; ++pairCount) {
@@ -34,10 +34,10 @@ std::vector<std::byte> sampleItem(std::size_t bytes) {
         writer.boolean(true);
     }
   }
-  std::vector<std::byte> item;
+  ByteSink item;
   cbor::Writer(item).map(pairCount);
-  item.insert(item.end(), pairs.begin(), pairs.end());
-  return item;
+  item.append(pairs);
+  return {item.bytes().begin(), item.bytes().end()};
 }
 
 void validateItem(benchmark::State& state) {

@@ -6,8 +6,9 @@
 namespace keel {
 
 void BlockBatch::run() noexcept {
+  std::size_t count = 0;
   for (Block& block : blocks_) {
-    beginDateOfBlock();
+    if (count++ % kBlocksPerDate == 0) beginDateOfBlock();
     block();
     block = Block();
   }

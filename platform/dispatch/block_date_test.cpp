@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
+#include "platform/dispatch/block_batch.h"
 #include "platform/dispatch/manual_executor.h"
 #include "platform/dispatch/serial_queue.h"
 
@@ -30,7 +33,23 @@ TEST(DateOfBlock, StaysTheSameWithinABlock) {
   EXPECT_EQ(first, second);
 }
 
-TEST(DateOfBlock, IsReadAnewInTheNextBlockOfTheTurn) {
+TEST(DateOfBlock, IsReadAnewAfterAFewBlocksOfTheTurn) {
+  ManualExecutor executor;
+  const auto queue = SerialQueue::create("test", executor);
+  std::vector<Date> dates;
+  for (std::size_t i = 0; i <= BlockBatch::kBlocksPerDate; ++i) {
+    queue->async([&dates] {
+      dates.push_back(dateOfBlock());
+      letTheClockPass(dates.back());
+    });
+  }
+  ASSERT_TRUE(executor.runOne());
+  ASSERT_EQ(dates.size(), BlockBatch::kBlocksPerDate + 1);
+  EXPECT_EQ(dates[BlockBatch::kBlocksPerDate - 1], dates[0]);
+  EXPECT_NE(dates[BlockBatch::kBlocksPerDate], dates[0]);
+}
+
+TEST(DateOfBlock, IsReadAnewInTheNextTurn) {
   ManualExecutor executor;
   const auto queue = SerialQueue::create("test", executor);
   Date first;
@@ -39,6 +58,7 @@ TEST(DateOfBlock, IsReadAnewInTheNextBlockOfTheTurn) {
     first = dateOfBlock();
     letTheClockPass(first);
   });
+  ASSERT_TRUE(executor.runOne());
   queue->async([&second] { second = dateOfBlock(); });
   ASSERT_TRUE(executor.runOne());
   EXPECT_NE(first, second);

@@ -15,7 +15,7 @@ namespace keel::cbor {
 namespace {
 
 TEST(Cursor, WalksAMessageInOrder) {
-  std::vector<std::byte> bytes;
+  ByteSink bytes;
   Writer writer(bytes);
   writer.array(9);
   writer.null();

@@ -9,15 +9,14 @@
 
 namespace keel::cbor {
 
-void Writer::head(std::uint8_t major, std::uint64_t argument) {
+void Writer::longHead(std::uint8_t major, std::uint64_t argument) {
   const auto upper = static_cast<std::uint8_t>(major << 5);
-  if (argument < 24) return byte(static_cast<std::uint8_t>(upper | argument));
   const unsigned power = argument <= 0xff ? 0 : argument <= 0xffff ? 1 : argument <= 0xffff'ffff ? 2 : 3;
   std::byte encoding[9];
   encoding[0] = static_cast<std::byte>(upper | (24 + power));
   const std::size_t width = std::size_t{1} << power;
   for (std::size_t i = width; i > 0; --i, argument >>= 8) encoding[i] = static_cast<std::byte>(argument);
-  output_.insert(output_.end(), encoding, encoding + 1 + width);
+  output_.append({encoding, 1 + width});
 }
 
 void Writer::integer(std::int64_t value) {
@@ -30,7 +29,7 @@ void Writer::real(double value) {
   encoding[0] = std::byte{0xfb};
   auto bits = std::bit_cast<std::uint64_t>(value);
   for (std::size_t i = 8; i > 0; --i, bits >>= 8) encoding[i] = static_cast<std::byte>(bits);
-  output_.insert(output_.end(), encoding, encoding + 9);
+  output_.append(encoding);
 }
 
 void Writer::text(std::string_view utf8) {
@@ -62,7 +61,7 @@ void Writer::error(const Error& value) {
 }
 
 void Writer::encoded(std::span<const std::byte> item) {
-  output_.insert(output_.end(), item.begin(), item.end());
+  output_.append(item);
 }
 
 namespace {
@@ -100,9 +99,9 @@ void Writer::value(const Value& value) {
 }
 
 std::vector<std::byte> encode(const Value& value) {
-  std::vector<std::byte> output;
+  ByteSink output;
   Writer(output).value(value);
-  return output;
+  return {output.bytes().begin(), output.bytes().end()};
 }
 
 }  // namespace keel::cbor

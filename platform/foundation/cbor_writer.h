@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/foundation/byte_sink.h"
 #include "platform/foundation/value.h"
 
 namespace keel::cbor {
@@ -14,7 +15,7 @@ namespace keel::cbor {
 // bits. The caller sees to it that counts match what follows.
 class Writer {
  public:
-  explicit Writer(std::vector<std::byte>& output) : output_(output) {}
+  explicit Writer(ByteSink& output) : output_(output) {}
 
   void null() { byte(0xf6); }
   void boolean(bool value) { byte(value ? 0xf5 : 0xf4); }
@@ -36,10 +37,15 @@ class Writer {
   void encoded(std::span<const std::byte> item);
 
  private:
-  void byte(std::uint8_t value) { output_.push_back(static_cast<std::byte>(value)); }
-  void head(std::uint8_t major, std::uint64_t argument);
+  void byte(std::uint8_t value) { output_.push(static_cast<std::byte>(value)); }
+  void head(std::uint8_t major, std::uint64_t argument) {
+    if (argument < 24) [[likely]]
+      return byte(static_cast<std::uint8_t>(major << 5 | argument));
+    longHead(major, argument);
+  }
+  void longHead(std::uint8_t major, std::uint64_t argument);
 
-  std::vector<std::byte>& output_;
+  ByteSink& output_;
 };
 
 // One value, encoded.

@@ -13,7 +13,7 @@ namespace {
 // What one call on a Writer appends.
 template <class Write>
 std::string written(Write write) {
-  std::vector<std::byte> bytes;
+  ByteSink bytes;
   Writer writer(bytes);
   write(writer);
   return hexOf(bytes);
@@ -104,7 +104,8 @@ TEST(WriterValue, KeepsTheOrderOfMembers) {
 }
 
 TEST(Writer, AppendsToWhatIsThere) {
-  std::vector<std::byte> bytes = bytesOfHex("01");
+  ByteSink bytes;
+  bytes.push(std::byte{1});
   Writer(bytes).text("a");
   EXPECT_EQ(hexOf(bytes), "016161");
 }

@@ -38,7 +38,7 @@ std::shared_ptr<Connection> Connection::create(PeerIdentity peer, std::unique_pt
 }
 
 Connection::Connection(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options)
-    : number_(++lastConnectionNumber), options_(options), peer_(std::move(peer)), transport_(std::move(transport)) {}
+    : transport_(std::move(transport)), options_(options), number_(++lastConnectionNumber), peer_(std::move(peer)) {}
 
 Connection::~Connection() = default;
 

@@ -59,6 +59,9 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
     std::shared_ptr<HeavyTurns> heavyTurns = std::make_shared<HeavyTurns>();
   };
 
+  // Smaller than a Block: idle connections are many.
+  using Handler = std::move_only_function<void()>;
+
   static std::shared_ptr<Connection> create(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options);
   ~Connection() override;
 
@@ -79,8 +82,8 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   }
   void setRemoteObjectInterface(const Interface& interface) { remoteInterface_ = &interface; }
   // The peer sent something that could not be decoded; the connection stays usable.
-  void setInterruptionHandler(Block handler) { interruptionHandler_ = std::move(handler); }
-  void setInvalidationHandler(Block handler) { invalidationHandler_ = std::move(handler); }
+  void setInterruptionHandler(Handler handler) { interruptionHandler_ = std::move(handler); }
+  void setInvalidationHandler(Handler handler) { invalidationHandler_ = std::move(handler); }
   // Messages and handlers run on `queue` instead of the I/O thread; of the requests, those declared slow run on `slowRequests`,
   // borrowed, in their place in that queue.
   void setQueue(std::shared_ptr<SerialQueue> queue, Executor& slowRequests) {
@@ -93,7 +96,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
     transport_->setConfidential();
   }
   // Called once, on the I/O thread, when the peer's hello has come and calls can be made.
-  void setReadyHandler(Block handler) { readyHandler_ = std::move(handler); }
+  void setReadyHandler(Handler handler) { readyHandler_ = std::move(handler); }
 
   void resume();
   // Ends the connection from this side; `goodbye`, unless empty, tells the peer why. Idempotent.
@@ -183,7 +186,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   // Runs the invalidation handler and lets go of everything the connection holds for others.
   void release();
 
-  const std::uint32_t number_;
+  // What every delivery looks at stands together, in as few cache lines as it takes.
   std::atomic<State> state_ = State::configured;
   bool helloReceived_ = false;
   bool peerTakesDescriptors_ = false;
@@ -191,25 +194,27 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   std::atomic<bool> readingPaused_ = false;
   bool inHandler_ = false;  // of the interruption; on the connection's queue
   bool confidential_ = false;
-  const Options options_;
+  const Interface* remoteInterface_ = nullptr;
+  // Place in remoteInterface_ to the peer's number; shared by connections whose peers have the same list.
+  std::shared_ptr<const std::vector<std::int64_t>> methodNumbers_;
+  std::unique_ptr<Transport> transport_;
+  // What every request looks at.
+  std::shared_ptr<SerialQueue> queue_;
+  const Interface* exportedInterface_ = nullptr;
+  std::shared_ptr<void> exportedObject_;
+  std::uint64_t lastRequestId_ = 0;
   // Requests that were dispatched and not answered yet, and bytes of messages that wait on the queue.
   std::atomic<std::uint32_t> unansweredCount_{0};
   std::atomic<std::size_t> queuedBytes_{0};
   // The heavy request that waits for its answer; 0: none does.
   std::atomic<std::uint64_t> heavyRequestId_{0};
+  const Options options_;
+  const std::uint32_t number_;
   PeerIdentity peer_;
-  std::unique_ptr<Transport> transport_;
-  std::shared_ptr<SerialQueue> queue_;
   Executor* slowRequests_ = nullptr;  // with queue_
-  const Interface* exportedInterface_ = nullptr;
-  const Interface* remoteInterface_ = nullptr;
-  std::shared_ptr<void> exportedObject_;
-  Block interruptionHandler_;
-  Block invalidationHandler_;
-  Block readyHandler_;
-  // Place in remoteInterface_ to the peer's number; shared by connections whose peers have the same list.
-  std::shared_ptr<const std::vector<std::int64_t>> methodNumbers_;
-  std::uint64_t lastRequestId_ = 0;
+  Handler interruptionHandler_;
+  Handler invalidationHandler_;
+  Handler readyHandler_;
   std::uint64_t nextRequestId_ = 1;
   std::unordered_map<std::uint64_t, Expected> expected_;
   std::string farewell_;

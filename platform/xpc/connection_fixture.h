@@ -55,9 +55,7 @@ struct EchoService final : Echo {
 using Bytes = std::vector<std::byte>;
 
 inline Bytes encoded(const Value& value) {
-  Bytes bytes;
-  cbor::Writer(bytes).value(value);
-  return bytes;
+  return cbor::encode(value);
 }
 
 inline Bytes framed(const Bytes& content) {

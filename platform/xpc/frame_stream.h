@@ -76,19 +76,8 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   void stopWatching();
   bool wantsToRead() const { return reading_ && !outputFull_; }
 
+  // What every frame that is sent looks at stands together, in as few cache lines as it takes.
   FileDescriptor socket_;
-  Reactor& reactor_;
-  Receiver* receiver_ = nullptr;
-  FrameSplitter splitter_;
-  Terms terms_;
-  std::size_t countedOwnBytes_ = 0;  // of what waits, as it was noted last
-  std::size_t countedFiles_ = 0;     // that were noted as unclaimed
-  std::size_t chargedKeptBytes_ = 0;
-  std::size_t unreadFileBytes_ = 0;  // sent since the peer was last seen to have read everything
-  BorrowedOutputQueue output_;
-  std::vector<FileDescriptor> files_;  // received, not yet claimed
-  Reactor::TimerId writingAgain_ = 0;  // 0: not waiting for better times
-  std::uint32_t watchedEvents_ = 0;    // 0: the socket is not watched
   bool reading_ = true;
   bool outputFull_ = false;     // so much waits that the peer's requests have to
   bool outputBlocked_ = false;  // the socket takes no more for now
@@ -99,8 +88,20 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   bool confidential_ = false;
   bool readToItsEnd_ = false;
   bool ending_ = false;  // at the end of the turn
-  int problem_ = 0;      // errno of a write that failed
   bool handingOver_ = false;
+  int problem_ = 0;  // errno of a write that failed
+  Reactor& reactor_;
+  BorrowedOutputQueue output_;
+  std::size_t countedOwnBytes_ = 0;  // of what waits, as it was noted last
+  std::size_t unreadFileBytes_ = 0;  // sent since the peer was last seen to have read everything
+  Receiver* receiver_ = nullptr;
+  FrameSplitter splitter_;
+  Terms terms_;
+  std::size_t countedFiles_ = 0;  // that were noted as unclaimed
+  std::size_t chargedKeptBytes_ = 0;
+  std::vector<FileDescriptor> files_;  // received, not yet claimed
+  Reactor::TimerId writingAgain_ = 0;  // 0: not waiting for better times
+  std::uint32_t watchedEvents_ = 0;    // 0: the socket is not watched
 };
 
 }  // namespace keel::xpc

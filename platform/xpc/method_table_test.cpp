@@ -47,7 +47,7 @@ struct RecordingSample : Sample {
 };
 
 bool dispatchTell(RecordingSample& object, std::uint64_t count, void (*write)(cbor::Writer&)) {
-  std::vector<std::byte> bytes;
+  ByteSink bytes;
   cbor::Writer writer(bytes);
   write(writer);
   std::vector<FileDescriptor> files;

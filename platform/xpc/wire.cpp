@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/xpc/wire.h"
 
+#include <array>
 #include <cstring>
 #include <limits>
 
@@ -11,11 +12,12 @@
 namespace keel::xpc {
 
 void OutgoingMessage::wipe() {
-  keel::wipe(bytes_);
+  keel::wipe(bytes_.bytes());
 }
 
 cbor::Writer OutgoingMessage::begin() {
-  bytes_.assign(kLengthBytes, std::byte{0});
+  bytes_.clear();
+  bytes_.append(std::array<std::byte, kLengthBytes>{});
   splices_.clear();
   files_.clear();
   splicedBytes_ = 0;
@@ -26,7 +28,8 @@ cbor::Writer OutgoingMessage::begin() {
 bool OutgoingMessage::finish() {
   const std::size_t length = wireBytes() - kLengthBytes;
   if (length > limits::kFrameBytesFromDaemon) return false;
-  for (std::size_t i = 0; i < kLengthBytes; ++i) bytes_[i] = static_cast<std::byte>(length >> (8 * i));
+  const std::span<std::byte> field = bytes_.bytes().first(kLengthBytes);
+  for (std::size_t i = 0; i < kLengthBytes; ++i) field[i] = static_cast<std::byte>(length >> (8 * i));
   return true;
 }
 

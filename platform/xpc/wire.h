@@ -75,7 +75,7 @@ class OutgoingMessage {
   bool sealedItem(const BufferRef& encoded);
 
   cbor::Writer writer() { return cbor::Writer(bytes_); }
-  const std::vector<std::byte>& bytes() const { return bytes_; }
+  std::span<const std::byte> bytes() const { return bytes_.bytes(); }
   const std::vector<Splice>& splices() const { return splices_; }
   // Buffers whose sealed files travel with the frame.
   const std::vector<BufferRef>& files() const { return files_; }
@@ -83,7 +83,7 @@ class OutgoingMessage {
   std::size_t wireBytes() const { return bytes_.size() + splicedBytes_; }
 
  private:
-  std::vector<std::byte> bytes_;
+  ByteSink bytes_;
   std::vector<Splice> splices_;
   std::vector<BufferRef> files_;
   std::size_t splicedBytes_ = 0;

@@ -73,7 +73,7 @@ TEST(Argument, NullAndEmptyTextsDiffer) {
 
 template <class T>
 bool reads(void (*write)(cbor::Writer&)) {
-  std::vector<std::byte> bytes;
+  ByteSink bytes;
   cbor::Writer writer(bytes);
   write(writer);
   std::vector<FileDescriptor> files;
@@ -142,7 +142,7 @@ TEST(Argument, SealedMemoryWithBadContentsIsRefused) {
   const std::string garbage(100'000, '\xff');
   auto file = sealedMemoryOf(std::as_bytes(std::span(garbage)));
   ASSERT_TRUE(file);
-  std::vector<std::byte> bytes;
+  ByteSink bytes;
   cbor::Writer writer(bytes);
   writer.tag(kSealedMemoryTag);
   writer.unsignedInteger(garbage.size());
@@ -160,7 +160,7 @@ TEST(Envelope, RequestShowsItsIdAndOthersTheirKind) {
   EXPECT_EQ(peekEnvelope(content(failure))->kind, MessageKind::failure);
   EXPECT_FALSE(peekEnvelope(content(failure))->requestId);
 
-  std::vector<std::byte> request;
+  ByteSink request;
   cbor::Writer writer(request);
   writer.array(4);
   writer.unsignedInteger(1);

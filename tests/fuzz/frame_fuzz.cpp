@@ -111,7 +111,7 @@ void run(std::span<const std::byte> input) {
   const std::uint8_t mode = input.empty() ? 0 : std::to_integer<std::uint8_t>(input.front());
   if (!input.empty()) input = input.subspan(1);
   if (mode % 4 != 0) {
-    std::vector<std::byte> hello;
+    ByteSink hello;
     cbor::Writer writer(hello);
     writer.value(Value::list({0, 1, Value::list({"updateSubscriptionFor:withItem:flags:error:"}), Value::map({})}));
     wire.deliver(hello);

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <span>
+#include <utility>
+
+namespace keel {
+
+// Bytes that are appended one by one or in runs, as messages are built: what a vector does, without its cost for a single byte.
+// Keeps its memory when it is cleared.
+class ByteSink {
+ public:
+  ByteSink() = default;
+  ByteSink(ByteSink&& other) noexcept
+      : data_(std::move(other.data_)), size_(std::exchange(other.size_, 0)), capacity_(std::exchange(other.capacity_, 0)) {}
+  ByteSink& operator=(ByteSink&& other) noexcept {
+    data_ = std::move(other.data_);
+    size_ = std::exchange(other.size_, 0);
+    capacity_ = std::exchange(other.capacity_, 0);
+    return *this;
+  }
+  ByteSink(const ByteSink&) = delete;
+  ByteSink& operator=(const ByteSink&) = delete;
+  ~ByteSink() = default;
+
+  std::size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  std::span<const std::byte> bytes() const { return {data_.get(), size_}; }
+  std::span<std::byte> bytes() { return {data_.get(), size_}; }
+  operator std::span<const std::byte>() const { return bytes(); }
+
+  void push(std::byte byte) {
+    if (size_ == capacity_) [[unlikely]]
+      grow(1);
+    data_[size_++] = byte;
+  }
+  // Must not lie in this sink.
+  void append(std::span<const std::byte> run) {
+    if (run.size() > capacity_ - size_) [[unlikely]]
+      grow(run.size());
+    if (!run.empty()) std::memcpy(data_.get() + size_, run.data(), run.size());
+    size_ += run.size();
+  }
+  void clear() { size_ = 0; }
+
+ private:
+  void grow(std::size_t moreBytes);
+
+  std::unique_ptr<std::byte[]> data_;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
+};
+
+}  // namespace keel
