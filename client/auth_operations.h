@@ -13,7 +13,7 @@ namespace keel::operations {
 
 std::shared_ptr<OperationOf<void>> checkService();
 std::shared_ptr<OperationOf<void>> authenticate(String user, const Secret& password);
-std::shared_ptr<OperationOf<void>> authenticateByReference(String user);
+std::shared_ptr<OperationOf<void>> authenticateByReference(String user, Data form);
 std::shared_ptr<OperationOf<std::string>> defaultRealm();
 
 enum class Scheme : std::uint8_t { basic, digest };

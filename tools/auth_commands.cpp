@@ -74,6 +74,12 @@ int validate(Console& console, const CommonOptions& common, Asking& asking, cons
   return tellProof(console, common, proof->user);
 }
 
+// polkit asks at the terminal while the agent lives.
+ClientResult<Data> formAfterProof() {
+  const PolkitAgent agent;
+  return KLNAuthClient::makeForm(AuthInteraction::allowed);
+}
+
 }  // namespace
 
 int authAliveCommand(Console& console, const CommonOptions& common) {
@@ -143,12 +149,10 @@ int authDigestCommand(Console& console, const CommonOptions& common, const AuthO
 
 int authReferenceCommand(Console& console, const CommonOptions& common, const AuthOptions& options) {
   if (!isName(console, options.user)) return kExitUsage;
-  if (options.interactive) {
-    const PolkitAgent agent;
-    if (const auto right = KLNAuthClient::obtainRight(); !right) return report(console, right.error());
-  }
+  const auto form = options.interactive ? formAfterProof() : KLNAuthClient::makeForm(AuthInteraction::none);
+  if (!form) return report(console, form.error());
   Asking asking(common);
-  const auto proved = asking.answer(asking->authenticateByReference(std::string_view(options.user)));
+  const auto proved = asking.answer(asking->authenticateByReference(std::string_view(options.user), *form));
   return proved ? tellProof(console, common, options.user) : report(console, proved.error());
 }
 
