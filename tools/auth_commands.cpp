@@ -63,6 +63,14 @@ std::optional<Secret> passwordOf(Console& console, const AuthOptions& options) {
   return std::nullopt;
 }
 
+// In both schemes a colon ends the name.
+bool isNameForChallenge(Console& console, const std::string& user) {
+  if (!isName(console, user)) return false;
+  if (!user.contains(':')) return true;
+  reportUsage(console, "a user's name with : cannot be sent this way");
+  return false;
+}
+
 int validate(Console& console, const CommonOptions& common, Asking& asking, const AuthChallenge& challenge,
              const Secret& answer, const DigestReply* reply) {
   const auto proof = asking.answer(asking->validate(answer, challenge.id));
@@ -121,8 +129,7 @@ int authPasswordCommand(Console& console, const CommonOptions& common, const Aut
 }
 
 int authBasicCommand(Console& console, const CommonOptions& common, const AuthOptions& options) {
-  if (!isName(console, options.user)) return kExitUsage;
-  if (options.user.contains(':')) return reportUsage(console, "a user's name with : cannot be sent this way");
+  if (!isNameForChallenge(console, options.user)) return kExitUsage;
   const auto password = passwordOf(console, options);
   if (!password) return kExitUsage;
   Asking asking(common);
@@ -133,7 +140,7 @@ int authBasicCommand(Console& console, const CommonOptions& common, const AuthOp
 }
 
 int authDigestCommand(Console& console, const CommonOptions& common, const AuthOptions& options) {
-  if (!isName(console, options.user)) return kExitUsage;
+  if (!isNameForChallenge(console, options.user)) return kExitUsage;
   const auto password = passwordOf(console, options);
   if (!password) return kExitUsage;
   Asking asking(common);

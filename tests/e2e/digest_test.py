@@ -323,12 +323,12 @@ class Keelctl(ChallengeTest):
     def test_two_that_differ_change_nothing(self):
         shown, status = self.type("one", "another")
         self.assertIn("keelctl: the two differ; nothing was changed", shown)
-        self.assertEqual(status, 1)
+        self.assertEqual(status, 2)
         self.assertEqual(self.validated("alice")[2], None)
 
     def test_without_a_terminal_it_says_what_to_do(self):
         done = keelctl("set", "alice", start_new_session=True, stdin=subprocess.DEVNULL)
-        self.assertEqual(done.returncode, 1)
+        self.assertEqual(done.returncode, 2)
         self.assertEqual(done.stderr, "keelctl: there is no terminal to ask for the password on; give it with --password-fd\n")
 
     def test_other_users_cannot_change_anything(self):
