@@ -62,7 +62,7 @@ Request<AuthChallenge> KLNAuthClient::startDigest() {
 }
 
 Request<AuthProof> KLNAuthClient::validate(const Secret& answer, std::string id) {
-  return requestFor(core_, operations::validate(answer, std::move(id)));
+  return requestFor(core_, operations::validate(answer, id));
 }
 
 Request<bool> KLNAuthClient::isAuthenticated(std::int32_t auditSession) {

@@ -189,7 +189,7 @@ std::shared_ptr<OperationOf<AuthChallenge>> startChallenge(Scheme scheme) {
   return std::make_shared<StartChallenge>(scheme);
 }
 
-std::shared_ptr<OperationOf<AuthProof>> validate(const Secret& answer, std::string id) {
+std::shared_ptr<OperationOf<AuthProof>> validate(const Secret& answer, const std::string& id) {
   return std::make_shared<Validate>(answer, id);
 }
 

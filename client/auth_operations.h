@@ -18,7 +18,7 @@ std::shared_ptr<OperationOf<std::string>> defaultRealm();
 
 enum class Scheme : std::uint8_t { basic, digest };
 std::shared_ptr<OperationOf<AuthChallenge>> startChallenge(Scheme scheme);
-std::shared_ptr<OperationOf<AuthProof>> validate(const Secret& answer, std::string id);
+std::shared_ptr<OperationOf<AuthProof>> validate(const Secret& answer, const std::string& id);
 
 std::shared_ptr<OperationOf<bool>> isAuthenticated(std::int32_t auditSession);
 
