@@ -35,14 +35,18 @@ Request<void> KLNAuthClient::authenticate(String user, const Secret& password) {
   return requestFor(core_, operations::authenticate(std::move(user), password));
 }
 
-Request<void> KLNAuthClient::authenticateByReference(String user) {
-  return requestFor(core_, operations::authenticateByReference(std::move(user)));
+Request<void> KLNAuthClient::authenticateByReference(String user, Data form) {
+  return requestFor(core_, operations::authenticateByReference(std::move(user), std::move(form)));
 }
 
-ClientResult<void> KLNAuthClient::obtainRight(std::chrono::milliseconds patience) {
-  const OSStatus status = AuthorizationObtainRight(kManageDaemonsRight, patience);
-  if (status == errAuthorizationSuccess) return {};
-  return std::unexpected(diagnosis::ofRight(status));
+ClientResult<Data> KLNAuthClient::makeForm(AuthInteraction interaction, std::chrono::milliseconds patience) {
+  if (interaction == AuthInteraction::allowed) {
+    const OSStatus status = AuthorizationObtainRight(kManageDaemonsRight, patience);
+    if (status != errAuthorizationSuccess) return std::unexpected(diagnosis::ofRight(status));
+  }
+  const auto form = AuthorizationMakeExternalForm();
+  if (!form) return std::unexpected(diagnosis::ofForm(form.error()));
+  return Data(form->bytes);
 }
 
 Request<std::string> KLNAuthClient::defaultRealm() {
@@ -58,7 +62,7 @@ Request<AuthChallenge> KLNAuthClient::startDigest() {
 }
 
 Request<AuthProof> KLNAuthClient::validate(const Secret& answer, std::string id) {
-  return requestFor(core_, operations::validate(answer, std::move(id)));
+  return requestFor(core_, operations::validate(answer, id));
 }
 
 Request<bool> KLNAuthClient::isAuthenticated(std::int32_t auditSession) {

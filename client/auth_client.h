@@ -24,6 +24,9 @@ struct AuthProof {
   std::optional<std::string> response;  // the value of the header field Authentication-Info, when there is one
 };
 
+// Whether somebody may be asked to prove to be an administrator.
+enum class AuthInteraction : std::uint8_t { none, allowed };
+
 // A program's link to keeld's authentication service: prove that a user is an administrator, member of the group "admin". Each
 // success counts from then on for everything in the audit session of this process, until keeld ends; KLNClient::authCheck() and
 // isAuthenticated() ask for it.
@@ -48,12 +51,14 @@ class KLNAuthClient {
 
   Request<void> authenticate(String user, const Secret& password);
 
-  // By the right of this very process to manage daemons. `notAuthorized` when it does not hold it; where policy wants a proof
-  // first, obtainRight() asks for it. The user's name need not be that of the process's user.
-  Request<void> authenticateByReference(String user);
-  // Blocks while somebody is asked to prove to be an administrator, for `patience` at most. `notAuthorized` when that failed,
-  // or when there is nobody to ask.
-  static ClientResult<void> obtainRight(std::chrono::milliseconds patience = std::chrono::minutes(2));
+  // By an authorization reference, as makeForm() yields it, whose process holds the right to manage daemons; `notAuthorized`
+  // when it does not, or is another one than this. The user's name need not be that of the process's user.
+  Request<void> authenticateByReference(String user, Data form);
+  // The external form of a reference that stands for this very process: 32 bytes, good for any number of requests of this
+  // process, of no use to others, and no secret. Where policy wants a proof for the right, `allowed` has polkit ask somebody
+  // for it first, and blocks meanwhile, for `patience` at most; `notAuthorized` when that failed, or when there is nobody to
+  // ask. `none` asks nobody and never blocks. `requestFailed` where /proc cannot be read.
+  static ClientResult<Data> makeForm(AuthInteraction interaction, std::chrono::milliseconds patience = std::chrono::minutes(2));
 
   // The realm of all challenges.
   Request<std::string> defaultRealm();

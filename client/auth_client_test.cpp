@@ -102,14 +102,48 @@ TEST_F(AuthClientTest, EveryRequestIsAnswered) {
   EXPECT_FALSE(resultOf(client->isAuthenticated(-1)).value());
 }
 
-TEST_F(AuthClientTest, ReferenceIsThatOfThisProcess) {
-  EXPECT_TRUE(resultOf(client->authenticateByReference("alice")));
+TEST_F(AuthClientTest, FormIsThatOfThisProcess) {
+  const auto form = KLNAuthClient::makeForm(AuthInteraction::none);
+  ASSERT_TRUE(form);
+  EXPECT_TRUE(resultOf(client->authenticateByReference("alice", *form)));
   EXPECT_EQ(service->asked, "alice");
   const auto named = processOf(service->form);
   ASSERT_TRUE(named);
   EXPECT_EQ(named->pid, static_cast<std::uint32_t>(::getpid()));
   EXPECT_EQ(named->uid, ::geteuid());
   EXPECT_GT(named->startTime, 0u);
+}
+
+TEST_F(AuthClientTest, FormIsSentAsItIs) {
+  service->form.bytes.fill(std::byte{0});
+  const std::array bytes{std::byte{1}, std::byte{2}, std::byte{3}};
+  EXPECT_TRUE(resultOf(client->authenticateByReference("alice", Data(bytes))));
+  EXPECT_TRUE(std::ranges::equal(std::span(service->form.bytes).first(3), bytes));
+  EXPECT_EQ(service->form.bytes[3], std::byte{0});
+}
+
+TEST_F(AuthClientTest, FormMayBeUsedAgain) {
+  const auto form = KLNAuthClient::makeForm(AuthInteraction::none);
+  for (const char* user : {"alice", "grace"}) {
+    EXPECT_TRUE(resultOf(client->authenticateByReference(user, form.value())));
+    EXPECT_EQ(service->asked, user);
+  }
+}
+
+TEST_F(AuthClientTest, FormWithInteractionIsMadeWhenTheRightIsHeldAndRefusedOtherwise) {
+  // Without anybody to ask. The superuser holds every right.
+  ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", /*replace=*/1);
+  const auto form = KLNAuthClient::makeForm(AuthInteraction::allowed, std::chrono::seconds(5));
+  ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+  if (::geteuid() == 0) {
+    ASSERT_TRUE(form);
+    EXPECT_TRUE(std::ranges::equal(form->bytes(), KLNAuthClient::makeForm(AuthInteraction::none).value().bytes()));
+  } else {
+    ASSERT_FALSE(form);
+    EXPECT_EQ(form.error().kind(), Kind::notAuthorized);
+    EXPECT_THAT(form.error().message(), HasSubstr("no right to manage daemons"));
+  }
+  EXPECT_TRUE(KLNAuthClient::makeForm(AuthInteraction::none));
 }
 
 TEST_F(AuthClientTest, AnswerYieldsTheUserAndPerhapsAResponse) {

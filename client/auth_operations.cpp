@@ -8,7 +8,6 @@
 #include "client/client_core.h"
 #include "client/diagnosis.h"
 #include "client/outgoing_data.h"
-#include "platform/authorization/authorization.h"
 
 namespace keel::operations {
 
@@ -73,16 +72,9 @@ class Authenticate final : public OperationOf<void> {
 
 class AuthenticateByReference final : public OperationOf<void> {
  public:
-  explicit AuthenticateByReference(String user) : user_(std::move(user)) {
-    bytes = user_.view().size();
+  AuthenticateByReference(String user, Data form) : user_(std::move(user)), form_(std::move(form)) {
+    bytes = user_.view().size() + form_.bytes().size();
     refusal = checkText(user_, "the user's name");
-    const auto form = AuthorizationMakeExternalForm();
-    if (form) {
-      form_ = Data(form->bytes);
-    } else if (!refusal) {
-      refusal = ClientError(ClientError::Kind::requestFailed,
-                            fmt::format("cannot {}: /proc says nothing of this process ({})", what(), form.error().message()));
-    }
   }
   std::string what() const override { return fmt::format("authenticate {} by reference", diagnosis::shownName(user_)); }
   void send(ClientCore& core) override {
@@ -95,7 +87,7 @@ class AuthenticateByReference final : public OperationOf<void> {
   }
 
   const String user_;
-  Data form_;
+  const Data form_;
 };
 
 class DefaultRealm final : public OperationOf<std::string> {
@@ -185,8 +177,8 @@ std::shared_ptr<OperationOf<void>> authenticate(String user, const Secret& passw
   return std::make_shared<Authenticate>(std::move(user), password);
 }
 
-std::shared_ptr<OperationOf<void>> authenticateByReference(String user) {
-  return std::make_shared<AuthenticateByReference>(std::move(user));
+std::shared_ptr<OperationOf<void>> authenticateByReference(String user, Data form) {
+  return std::make_shared<AuthenticateByReference>(std::move(user), std::move(form));
 }
 
 std::shared_ptr<OperationOf<std::string>> defaultRealm() {
@@ -197,7 +189,7 @@ std::shared_ptr<OperationOf<AuthChallenge>> startChallenge(Scheme scheme) {
   return std::make_shared<StartChallenge>(scheme);
 }
 
-std::shared_ptr<OperationOf<AuthProof>> validate(const Secret& answer, std::string id) {
+std::shared_ptr<OperationOf<AuthProof>> validate(const Secret& answer, const std::string& id) {
   return std::make_shared<Validate>(answer, id);
 }
 

@@ -54,15 +54,15 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   // Calls a method of the daemon; `answered(core, operation, inTime, results...)` gets the answer. It is not in time when the
   // operation has ended already.
   template <auto Member, class AnOperation, class Answered, class... Arguments>
-  void ask(std::shared_ptr<AnOperation> operation, Answered answered, Arguments... arguments) {
+  void ask(const std::shared_ptr<AnOperation>& operation, Answered answered, Arguments&&... arguments) {
     const std::weak_ptr<ClientCore> weak = weak_from_this();
-    auto onError = [weak, operation](Error error) {
+    auto onError = [weak, operation](const Error& error) {
       if (const auto core = weak.lock()) core->couldNotAsk(*operation, error);
     };
     proxy<typename xpc::MemberTraits<decltype(Member)>::Protocol>(std::move(onError))
-        .template call<Member>(std::move(arguments)..., [weak, operation, answered](auto... results) mutable {
+        .template call<Member>(std::forward<Arguments>(arguments)..., [weak, operation, answered](const auto&... results) {
           const auto core = weak.lock();
-          if (core) answered(*core, *operation, core->settle(*operation), std::move(results)...);
+          if (core) answered(*core, *operation, core->settle(*operation), results...);
         });
   }
   // Takes the operation off the list. False when it has ended already.

@@ -138,6 +138,11 @@ ClientError ofRight(std::int32_t status) {
           Error(NSOSStatusErrorDomain, status)};
 }
 
+ClientError ofForm(const std::error_code& problem) {
+  return {Kind::requestFailed,
+          fmt::format("cannot make an authorization reference: /proc says nothing of this process ({})", problem.message())};
+}
+
 ClientError ofClosing(const std::string& what) {
   return {Kind::closed, fmt::format("the client was closed before keeld answered the request to {}", what)};
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include "client/client_error.h"
 #include "platform/foundation/string.h"
@@ -29,6 +30,8 @@ ClientError ofTimeout(const std::string& what, std::chrono::milliseconds timeout
 ClientError ofAnswer(const std::string& what, const Error& error);
 // A right could not be had; the status is one of Authorization Services.
 ClientError ofRight(std::int32_t status);
+// An authorization reference to this process could not be made.
+ClientError ofForm(const std::error_code& problem);
 ClientError ofClosing(const std::string& what);
 
 }  // namespace keel::diagnosis

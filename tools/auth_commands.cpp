@@ -63,6 +63,14 @@ std::optional<Secret> passwordOf(Console& console, const AuthOptions& options) {
   return std::nullopt;
 }
 
+// In both schemes a colon ends the name.
+bool isNameForChallenge(Console& console, const std::string& user) {
+  if (!isName(console, user)) return false;
+  if (!user.contains(':')) return true;
+  reportUsage(console, "a user's name with : cannot be sent this way");
+  return false;
+}
+
 int validate(Console& console, const CommonOptions& common, Asking& asking, const AuthChallenge& challenge,
              const Secret& answer, const DigestReply* reply) {
   const auto proof = asking.answer(asking->validate(answer, challenge.id));
@@ -72,6 +80,12 @@ int validate(Console& console, const CommonOptions& common, Asking& asking, cons
     return kExitRefused;
   }
   return tellProof(console, common, proof->user);
+}
+
+// polkit asks at the terminal while the agent lives.
+ClientResult<Data> formAfterProof() {
+  const PolkitAgent agent;
+  return KLNAuthClient::makeForm(AuthInteraction::allowed);
 }
 
 }  // namespace
@@ -115,8 +129,7 @@ int authPasswordCommand(Console& console, const CommonOptions& common, const Aut
 }
 
 int authBasicCommand(Console& console, const CommonOptions& common, const AuthOptions& options) {
-  if (!isName(console, options.user)) return kExitUsage;
-  if (options.user.contains(':')) return reportUsage(console, "a user's name with : cannot be sent this way");
+  if (!isNameForChallenge(console, options.user)) return kExitUsage;
   const auto password = passwordOf(console, options);
   if (!password) return kExitUsage;
   Asking asking(common);
@@ -127,7 +140,7 @@ int authBasicCommand(Console& console, const CommonOptions& common, const AuthOp
 }
 
 int authDigestCommand(Console& console, const CommonOptions& common, const AuthOptions& options) {
-  if (!isName(console, options.user)) return kExitUsage;
+  if (!isNameForChallenge(console, options.user)) return kExitUsage;
   const auto password = passwordOf(console, options);
   if (!password) return kExitUsage;
   Asking asking(common);
@@ -143,12 +156,10 @@ int authDigestCommand(Console& console, const CommonOptions& common, const AuthO
 
 int authReferenceCommand(Console& console, const CommonOptions& common, const AuthOptions& options) {
   if (!isName(console, options.user)) return kExitUsage;
-  if (options.interactive) {
-    const PolkitAgent agent;
-    if (const auto right = KLNAuthClient::obtainRight(); !right) return report(console, right.error());
-  }
+  const auto form = options.interactive ? formAfterProof() : KLNAuthClient::makeForm(AuthInteraction::none);
+  if (!form) return report(console, form.error());
   Asking asking(common);
-  const auto proved = asking.answer(asking->authenticateByReference(std::string_view(options.user)));
+  const auto proved = asking.answer(asking->authenticateByReference(std::string_view(options.user), *form));
   return proved ? tellProof(console, common, options.user) : report(console, proved.error());
 }
 

@@ -23,6 +23,12 @@ int reportFailure(Console& console, const std::string& what) {
   return kExitRefused;
 }
 
+// As with every password that keelctl is given.
+int reportUnusable(Console& console, const std::string& what) {
+  console.note(what);
+  return kExitUsage;
+}
+
 // The description alone: the domain and number behind it say nothing more to people.
 int reportFailure(Console& console, const Error& error) {
   const Value userInfo = error.userInfo().value();
@@ -52,8 +58,8 @@ int digestSetCommand(Console& console, const DigestOptions& options) {
   if (!canBeWritten(console, options)) return kExitUsage;
   const auto password = readPassword(fmt::format("Digest password of {} in {}: ", options.user, options.realm),
                                      options.passwordDescriptor, Prompting::twice);
-  if (!password) return reportFailure(console, password.error());
-  if (password->text().empty()) return reportFailure(console, "the password is empty; nothing was changed");
+  if (!password) return reportUnusable(console, password.error());
+  if (password->text().empty()) return reportUnusable(console, "the password is empty; nothing was changed");
   std::vector<Secret> digests;
   for (const DigestAlgorithm algorithm : kDigestAlgorithms) {
     auto digest = digestOf(algorithm, {options.user, options.realm, password->text()});

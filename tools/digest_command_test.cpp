@@ -91,7 +91,7 @@ TEST_F(DigestCommand, SetReplacesTheUserAndKeepsOthers) {
 TEST_F(DigestCommand, SetRefusesPasswordsThatNobodyCouldMean) {
   for (const auto& password :
        {std::string(), std::string("\n"), std::string("\xff\n"), std::string(kLongestPasswordBytes + 1, 'p')}) {
-    EXPECT_EQ(set(password), kExitRefused) << password.size();
+    EXPECT_EQ(set(password), kExitUsage) << password.size();
   }
   EXPECT_FALSE(fs::exists(options.file));
   EXPECT_EQ(set(std::string(kLongestPasswordBytes, 'p')), kExitOk);
@@ -99,7 +99,7 @@ TEST_F(DigestCommand, SetRefusesPasswordsThatNobodyCouldMean) {
 
 TEST_F(DigestCommand, SetWithoutTheDescriptorSaysSo) {
   options.passwordDescriptor = 1'000'000;
-  EXPECT_EQ(digestSetCommand(console, options), kExitRefused);
+  EXPECT_EQ(digestSetCommand(console, options), kExitUsage);
   EXPECT_THAT(said(), HasSubstr("cannot read the password: Bad file descriptor"));
 }
 

@@ -9,7 +9,7 @@ namespace keel {
 enum ExitCode : int {
   kExitOk = 0,
   kExitRefused = 1,        // keeld refused or failed, or answered no
-  kExitUsage = 2,          // the command line or the JSON makes no sense
+  kExitUsage = 2,          // the command line, the JSON or a password makes no sense
   kExitUnreachable = 3,    // keeld is not running, does not let us in, or closed the connection
   kExitTimedOut = 4,       // no answer, or not as many events as asked for, in time
   kExitCommandFailed = 5,  // a command that was run for an event failed

@@ -27,7 +27,7 @@ On a terminal auth, dump, modules, authcheck and subscribe write for people, els
 Exit status:
   0    done, also when whoever reads the output went away
   1    keeld refused (the message has its error code), or answered no; or the file of digest credentials cannot be used
-  2    the command line or the JSON makes no sense
+  2    the command line, the JSON or a password makes no sense, or there is no password
   3    keeld is not running, does not let this user in, or closed the connection
   4    no answer in time, or fewer events than --count
   5    a command run by subscribe failed

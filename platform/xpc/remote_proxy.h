@@ -87,9 +87,9 @@ class RemoteProxy {
   void callForReply(std::index_sequence<Places...>, Given given) {
     const std::int64_t number = numberOf<M>();
     if (number < 0) return;
-    // Each moves an element of its own.
-    typename M::Sent arguments(std::get<Places>(std::move(given))...);  // NOLINT(bugprone-use-after-move)
-    auto block = std::get<sizeof...(Places)>(std::move(given));         // NOLINT(bugprone-use-after-move)
+    typename M::Sent arguments(std::forward<std::tuple_element_t<Places, Given>>(std::get<Places>(given))...);
+    constexpr std::size_t kBlock = sizeof...(Places);
+    auto block = std::forward<std::tuple_element_t<kBlock, Given>>(std::get<kBlock>(given));
     const std::uint64_t id = connection_->expectReply(
         replyReader<M>(std::move(block), static_cast<typename M::ReplyBlock*>(nullptr)), std::move(onError_));
     OutgoingMessage message;

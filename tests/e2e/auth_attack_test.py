@@ -2,15 +2,21 @@
 # SPDX-License-Identifier: Apache-2.0
 """The auth service under attack: nobody else waits for what an attacker does, and nothing of it stays."""
 
+import re
+import signal
+
 import keel_host
 from keel_accounts import password_of
-from keel_auth import ALICE, BOB, AuthClient, AuthTest, HeldUpPasswords, basic, own_form
-from keel_client import Code
+from keel_auth import (ALICE, BOB, AuthClient, AuthTest, HeldUpPasswords, Polkit, answer_to, basic, own_form, parameters_of,
+                       set_digest_password)
+from keel_client import REPLY, Code
 from keel_host import Bystanders
+from keel_processes import OtherProcess
 
 CONNECTIONS = 200
 CHALLENGES = 10_000
 ALICES = password_of("alice")
+INVALIDATED = "AuthListenerDelgate: connection is invalidated"
 
 
 def try_passwords(count, password):
@@ -42,7 +48,7 @@ class Passwords(AuthTest):
             # Not even the password of another user waits for those.
             self.assertNotAdmin(proving.password("bob", password_of("bob")))
             self.assertEqual(gate.released, 0)
-            self.assertEqual(len(self.daemon.logged("AuthListenerDelgate: connection is invalidated")), 0)
+            self.assertEqual(len(self.daemon.logged(INVALIDATED)), 0)
             gate.release()
             for attacker in attackers:
                 self.assertEqual(attacker.result(), [5] * (CONNECTIONS // len(attackers)))
@@ -76,13 +82,13 @@ class Challenges(AuthTest):
         self.assertFailed(attacker.validate("nonsense", ids[0])[2])
         self.assertError(attacker.validate("nonsense", ids[0])[2], 6)
         attacker.close()
-        self.daemon.wait_for_log("AuthListenerDelgate: connection is invalidated")
+        self.daemon.wait_for_log(INVALIDATED)
         # As many again, and again, find the memory of the first.
         for number in range(2, 6):
             again = self.auth()
             self.open(again, CHALLENGES)
             again.close()
-            self.daemon.wait_for_log("AuthListenerDelgate: connection is invalidated", number)
+            self.daemon.wait_for_log(INVALIDATED, number)
         self.assertGrownLess(first, 2 * CHALLENGES * 700)
 
     def assertGrownLess(self, before, allowed):
@@ -115,21 +121,38 @@ class Challenges(AuthTest):
         self.assertWorked(self.auth().start_digest()[2])
         self.assertWorked(self.process(ALICE).client(maker=AuthClient).start_digest()[2])
         self.assertWorked(attacker.do(probe))
+        # What leavers held is there again. Were it a single challenge less each time, there would soon be too few.
+        room, rounds = 30, 20
+        self.assertEqual(attacker.do(answer_challenges, room), [5] * room)
+        ended = len(self.daemon.logged(INVALIDATED))
+        for number in range(1, rounds + 1):
+            leaver = self.process(BOB)
+            with HeldUpPasswords(of="bob") as gate:
+                leaver.do(begin_answer, "basic", "bob", 20)
+                gate.wait_until_held_up()
+                leaver.kill()
+            self.daemon.wait_for_log(INVALIDATED, ended + number)
 
 
 def open_challenges_until_refused():
+    """How many they are, and the code of the refusal. At the end one at a time: requests that wait take room, too."""
     client = AuthClient()
     kept.append(client)
     opened = 0
-    while True:
-        asked = [client.request("authBasicStartWithHandler:") for _ in range(1000)]
-        for number in asked:
-            answer = client.answer(number)
-            if answer.kind != 3:
-                for rest in asked[asked.index(number) + 1 :]:
-                    client.answer(rest)
-                return opened, answer.fields[2]
-            opened += 1
+    for together in (1000, 1):
+        refused = False
+        while not refused:
+            answers = [client.answer(number) for number in [client.request("authBasicStartWithHandler:") for _ in range(together)]]
+            opened += sum(answer.kind == REPLY for answer in answers)
+            refused = any(answer.kind != REPLY for answer in answers)
+    return opened, answers[0].fields[2]
+
+
+def answer_challenges(count):
+    """Open ones of the process's first connection, with nonsense, which ends them; the codes of the errors."""
+    client = kept[0]
+    ids = [message.fields[2][1] for message in client.history if message.kind == REPLY][-count:]
+    return [client.validate("nonsense", auth_id)[2].code for auth_id in ids]
 
 
 def probe():
@@ -139,7 +162,50 @@ def probe():
     return error
 
 
+def begin_answer(scheme, user, challenges=1):
+    """Opens challenges, and sends the right answer to the last of them."""
+    client = AuthClient()
+    kept.append(client)
+    for _ in range(challenges):
+        text, auth_id, error = client.start_basic() if scheme == "basic" else client.start_digest()
+        assert error is None, error
+    password = password_of(user)
+    answer = basic(user, password) if scheme == "basic" else answer_to(parameters_of(text.split("\n")[0]), user, password)
+    client.request("authValidate:andID:withHandler:", answer, auth_id)
+
+
+def close_all():
+    while kept:
+        kept.pop().close()
+
+
+def begin_reference(user):
+    client = AuthClient()
+    kept.append(client)
+    client.request("authenticateForUser:using:withHandler:", user, own_form())
+
+
 kept = []
+
+
+class HeldUpPolkit:
+    """While it is entered, nobody is told what rights he has."""
+
+    def __init__(self, polkit, daemon):
+        self._polkit = polkit
+        self._daemon = daemon
+        self._asked = 0
+
+    def __enter__(self):
+        self._polkit.signal(signal.SIGSTOP)
+        return self
+
+    def wait_until_held_up(self, count):
+        self._asked += count
+        self._daemon.wait_for_log(re.compile("authenitcateForUser: auth request with authRef for .*"), self._asked)
+
+    def __exit__(self, *_):
+        self._polkit.signal(signal.SIGCONT)
 
 
 class Leavers(AuthTest):
@@ -169,7 +235,7 @@ class Leavers(AuthTest):
                 step(client)
                 client.close()
         AuthClient(greet=False).close()
-        self.daemon.wait_for_log("AuthListenerDelgate: connection is invalidated", self.ROUNDS * len(steps) + 1)
+        self.daemon.wait_for_log(INVALIDATED, self.ROUNDS * len(steps) + 1)
         self.assertFalse(stays.is_authed(-1))
         # Checks that were under way have ended with the invalidation behind them; so have their descriptors.
         self.assertEqual(self.daemon.descriptor_count(), descriptors)
@@ -184,12 +250,53 @@ class Leavers(AuthTest):
             right.kill()
             wrong.kill()
             gate.release()
-            self.daemon.wait_for_log("AuthListenerDelgate: connection is invalidated", 2)
+            self.daemon.wait_for_log(INVALIDATED, 2)
         stays = self.auth()
         # What was proved is proved, in the session of who proved it, and in no other.
         self.assertTrue(stays.is_authed(session))
         self.assertFalse(stays.is_authed(other_session))
         self.assertFalse(stays.is_authed(-1))
+
+    def leaving(self, held_up, *what, leave=OtherProcess.kill):
+        """alice and bob leave in the middle of something right, which `held_up` holds up; alice's session and bob's."""
+        users = {"alice": self.process(ALICE, new_session=True), "bob": self.process(BOB, new_session=True)}
+        sessions = [process.session for process in users.values()]
+        descriptors = self.daemon.descriptor_count()
+        with held_up as gate:
+            for user, process in users.items():
+                process.do(*what, user)
+            gate.wait_until_held_up(len(users))
+            ended = len(self.daemon.logged(INVALIDATED))
+            for process in users.values():
+                leave(process)
+        self.daemon.wait_for_log(INVALIDATED, ended + len(users))
+        self.assertEqual(self.daemon.descriptor_count(), descriptors)
+        return sessions
+
+    def assertRecorded(self, alices_session, bobs_session):
+        """What was proved counts, where it was proved. bob is who he says, but no administrator."""
+        stays = self.auth()
+        self.assertTrue(stays.is_authed(alices_session))
+        self.assertEqual(self.client().auth_check("alice", alices_session), [True, None])
+        self.assertFalse(stays.is_authed(bobs_session))
+        self.assertFalse(stays.is_authed(-1))
+
+    def test_while_their_basic_answer_is_checked_are_recorded_rightly(self):
+        self.assertRecorded(*self.leaving(HeldUpPasswords(), begin_answer, "basic"))
+
+    def test_while_their_digest_answer_is_checked_are_recorded_rightly(self):
+        for user in ("alice", "bob"):
+            set_digest_password(user, password_of(user))
+        self.assertRecorded(*self.leaving(HeldUpPasswords(question="account"), begin_answer, "digest"))
+
+    def test_while_polkit_is_asked_are_recorded_rightly(self):
+        polkit = Polkit().start()
+        self.addCleanup(polkit.close)
+        held_up = HeldUpPolkit(polkit, self.daemon)
+        self.assertRecorded(*self.leaving(held_up, begin_reference, leave=lambda process: process.do(close_all)))
+        # polkit cannot say anything of a process that is gone.
+        for session in self.leaving(held_up, begin_reference):
+            self.assertFalse(self.auth().is_authed(session))
 
     def test_do_not_keep_the_daemon_from_ending(self):
         with HeldUpPasswords() as gate:

@@ -93,22 +93,30 @@ class Proofs(KeelctlTest):
         self.assertProved(self.auth_command("digest", "alice", password="of the digest"), "alice")
         self.assertRefused(self.auth_command("digest", "alice", password="wrong"), "(error 5)")
         self.assertRefused(self.auth_command("digest", "bob", password="of the digest"), "(error 14)")
+        self.assertRefused(self.auth_command("digest", "a:b", password="x"), ":", USAGE)
 
     def test_by_reference_of_root(self):
         self.assertProved(self.auth_command("reference", "alice"), "alice")
         self.assertRefused(self.auth_command("reference", "bob"), "(error 14)")
         self.assertRefused(self.auth_command("reference", "alice", uid=BOB), "(status -60005)")
 
-    def test_without_a_password_or_a_terminal_is_no_use(self):
-        for arguments in (["password"], ["password", "alice", "--password-fd", "-1"], ["frobnicate"], [], ["session", "x"]):
+    def test_what_makes_no_sense_is_no_use(self):
+        for arguments in (["frobnicate"], [], ["session", "x"]):
             self.assertEqual(self.auth_command(*arguments)[0], USAGE)
-        read, write = os.pipe()
-        os.close(write)
-        ended = subprocess.run([keel_host.keelctl, "auth", "password", "alice", "--password-fd", str(read)], pass_fds=[read],
-                               capture_output=True, text=True, env=ENVIRONMENT, check=False)
-        os.close(read)
-        self.assertEqual(ended.returncode, USAGE)
-        self.assertIn("the input has ended", ended.stderr)
+
+    def test_without_a_password_or_a_terminal_is_no_use(self):
+        for scheme in ("password", "basic", "digest"):
+            with self.subTest(scheme):
+                self.assertEqual(self.auth_command(scheme)[0], USAGE)
+                self.assertEqual(self.auth_command(scheme, "alice", "--password-fd", "-1")[0], USAGE)
+                self.assertEqual(self.auth_command(scheme, "alice", "--password-fd", "99")[0], USAGE)
+                read, write = os.pipe()
+                os.close(write)
+                ended = subprocess.run([keel_host.keelctl, "auth", scheme, "alice", "--password-fd", str(read)], pass_fds=[read],
+                                       capture_output=True, text=True, env=ENVIRONMENT, check=False)
+                os.close(read)
+                self.assertEqual(ended.returncode, USAGE)
+                self.assertIn("the input has ended", ended.stderr)
 
     def test_without_keeld_says_so(self):
         self.daemon.stop()

@@ -3,8 +3,11 @@
 
 import base64
 import contextlib
+import functools
+import hashlib
 import os
 import re
+import select
 import shutil
 import struct
 import subprocess
@@ -13,6 +16,7 @@ from keel_accounts import ACCOUNTS, OWN_SERVICE_FILE, AccountsTest, encrypted, i
 from keel_client import AUTH, HANG_GUARD, Client
 
 ALICE, BOB = ACCOUNTS["alice"][0], ACCOUNTS["bob"][0]
+REALM = "com.vantor.keeld"
 RIGHT = "com.vantor.ServiceManagement.daemons.modify"
 TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
 
@@ -87,6 +91,40 @@ def could_not_say(pid, uid, why):
     return re.compile(f"polkit could not say whether pid {pid} \\(uid {uid}\\) holds the right {re.escape(RIGHT)}: {why}")
 
 
+# ---- digest challenges -----------------------------------------------------------------------------------------------------
+
+HASHES = {"MD5": hashlib.md5, "SHA-256": hashlib.sha256}
+
+
+def parameters_of(text):
+    """Those of a challenge or response: NAME=TOKEN or NAME="QUOTED"."""
+    return {name: quoted or token for name, quoted, token in re.findall(r'([\w-]+)=(?:"([^"]*)"|([^",\s]+))', text)}
+
+
+def proof(challenge, user, password, method, uri="/", cnonce="0a4f113b"):
+    """RFC 7616, sections 3.4.1 to 3.4.3."""
+    digest = lambda *parts: HASHES[challenge["algorithm"]](":".join(parts).encode()).hexdigest()
+    return digest(digest(user, challenge["realm"], password), challenge["nonce"], "00000001", cnonce, "auth", digest(method, uri))
+
+
+def answer_to(challenge, user, password, **changes):
+    values = {
+        "username": user, "realm": challenge["realm"], "nonce": challenge["nonce"], "uri": "/",
+        "response": proof(challenge, user, password, "GET"), "opaque": challenge["opaque"], "cnonce": "0a4f113b", **changes,
+    }
+    return f'Digest algorithm={challenge["algorithm"]}, qop=auth, nc=00000001, ' + ", ".join(
+        f'{name}="{value}"' for name, value in values.items())
+
+
+def set_digest_password(user, password):
+    """As keelctl digest set does it."""
+    folder = "/etc/keeld"
+    os.makedirs(folder, mode=0o755, exist_ok=True)
+    with open(f"{folder}/digest", "a", opener=functools.partial(os.open, mode=0o600)) as file:
+        digest = hashlib.sha256(f"{user}:{REALM}:{password}".encode()).hexdigest()
+        file.write(f"{user}:{REALM}:{digest}\n")
+
+
 # ---- passwords -------------------------------------------------------------------------------------------------------------
 
 
@@ -101,14 +139,17 @@ def set_password(user, password):
 
 
 class HeldUpPasswords:
-    """While it is entered, every check of a password waits for release(), or for being ended; or those of one user's."""
+    """While it is entered, every check of a password waits for release(), or for being ended; or those of one user's. With
+    the question "account" it is every look whether an account may be used: right answers to digest challenges wait for that.
+    """
 
     _GATE = "/run/keel-test-gate"
     _WAITER = "/run/keel-test-wait"
     _ARRIVALS = "/run/keel-test-arrivals"
 
-    def __init__(self, of="*"):
+    def __init__(self, of="*", question="auth"):
         self._user = of
+        self._question = question
         self.released = 0
 
     def __enter__(self):
@@ -125,12 +166,14 @@ esac
 """)
         os.chmod(self._WAITER, 0o755)
         with open(OWN_SERVICE_FILE) as file:
-            install_service(f"auth optional pam_exec.so quiet {self._WAITER}\n{file.read()}")
+            install_service(f"{self._question} optional pam_exec.so quiet {self._WAITER}\n{file.read()}")
         return self
 
     def wait_until_held_up(self, count=1):
         """Waits until that many checks more have come to the gate."""
         for _ in range(count):
+            if not select.select([self._arrivals], [], [], HANG_GUARD)[0]:
+                raise AssertionError("no check has come to the gate")
             os.read(self._arrivals, 1)
 
     def release(self):

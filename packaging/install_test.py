@@ -1,0 +1,80 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""cmake --install: which files it puts where. Into a temporary folder; called with the path of cmake and the build folder."""
+
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+
+SOURCES = os.path.dirname(os.path.realpath(__file__))
+
+# Below the prefix, with what they are copies of; None for programs.
+BELOW_THE_PREFIX = {
+    "sbin/keeld": None,
+    "bin/keelctl": None,
+    "libexec/keeld/keel-pam": None,
+    "lib/systemd/system/keeld.service": "systemd/keeld.service",
+    "lib/systemd/system/keeld-auth.socket": "systemd/keeld-auth.socket",
+    "lib/systemd/system/keeld-notify.socket": "systemd/keeld-notify.socket",
+    "lib/sysusers.d/keeld.conf": "systemd/keeld.sysusers",
+    "lib/tmpfiles.d/keeld.conf": "systemd/keeld.tmpfiles",
+}
+AT_ONE_PLACE = {
+    "/etc/pam.d/keeld": "pam/keeld",
+    "/usr/share/polkit-1/actions/com.vantor.ServiceManagement.policy": "polkit/com.vantor.ServiceManagement.policy",
+    "/usr/share/polkit-1/rules.d/50-keeld.rules": "polkit/50-keeld.rules",
+}
+
+
+def text_of(path):
+    with open(path) as file:
+        return file.read()
+
+
+class Install(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.top = folder.name
+
+    def install(self, *options):
+        subprocess.run([cmake, "--install", build, *options], env={**os.environ, "DESTDIR": self.top}, umask=0o022, check=True,
+                       stdout=subprocess.DEVNULL)
+
+    def assertInstalledBelow(self, prefix):
+        expected = {f"{prefix}/{path}": source for path, source in BELOW_THE_PREFIX.items()} | AT_ONE_PLACE
+        found = [os.path.join(folder, name)[len(self.top):] for folder, _, names in os.walk(self.top) for name in names]
+        self.assertEqual(sorted(found), sorted(expected))
+        for path, source in expected.items():
+            with self.subTest(path=path):
+                mode = os.stat(self.top + path).st_mode & 0o7777
+                self.assertEqual(oct(mode), oct(0o644 if source else 0o755))
+                if source:
+                    original = text_of(os.path.join(SOURCES, source)).replace("/usr/sbin/keeld\n", f"{prefix}/sbin/keeld\n")
+                    self.assertEqual(text_of(self.top + path), original)
+
+    def test_puts_everything_where_the_machine_looks_for_it(self):
+        self.install()
+        self.assertInstalledBelow("/usr/local")
+        unit = text_of(f"{self.top}/usr/local/lib/systemd/system/keeld.service")
+        self.assertIn("\nExecStart=/usr/local/sbin/keeld\n", unit)
+
+    def test_takes_another_prefix(self):
+        self.install("--prefix", "/usr")
+        self.assertInstalledBelow("/usr")
+
+    def test_leaves_a_pam_service_that_is_there_alone(self):
+        self.install()
+        service = f"{self.top}/etc/pam.d/keeld"
+        with open(service, "a") as file:
+            file.write("auth required pam_faillock.so\n")
+        changed = text_of(service)
+        self.install()
+        self.assertEqual(text_of(service), changed)
+
+
+if __name__ == "__main__":
+    cmake, build = sys.argv[1:]
+    unittest.main(argv=sys.argv[:1])
