@@ -87,7 +87,7 @@ TEST(WriterDate, IsAnIntegerForWholeSecondsUpTo2To53) {
 }
 
 TEST(WriterDateDeathTest, InfinityIsTheCallersMistake) {
-  std::vector<std::byte> bytes;
+  ByteSink bytes;
   EXPECT_DEATH(Writer(bytes).date(Date{std::numeric_limits<double>::infinity()}), "check failed");
 }
 
