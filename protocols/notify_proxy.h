@@ -43,15 +43,15 @@ class NotifyProxy {
   virtual void dumpNotification(Name name, bool withData, xpc::Reply<Array, Error> andHandler) = 0;
 };
 
-using NotifyProxyMethods =
-    xpc::MethodTable<xpc::Method<"authCheckForUser:andASID:withHandler:", &NotifyProxy::authCheckForUser>,
-                     xpc::Method<"subscribeTo:withFlags:andHandler:", &NotifyProxy::subscribeTo>,
-                     xpc::Method<"unsubscribeFrom:", &NotifyProxy::unsubscribeFrom>,
-                     xpc::Method<"publishItem:name:flags:value:withHandler:", &NotifyProxy::publishItem>,
-                     xpc::Method<"updatePublishedItem:name:withHandler:", &NotifyProxy::updatePublishedItem, xpc::Weight::brief>,
-                     xpc::Method<"removePublishedItemForName:withHandler:", &NotifyProxy::removePublishedItemForName>,
-                     xpc::Method<"getModuleTableWithHandler:", &NotifyProxy::getModuleTableWithHandler>,
-                     xpc::Method<"dumpNotification:withData:andHandler:", &NotifyProxy::dumpNotification, xpc::Weight::heavy>>;
+using NotifyProxyMethods = xpc::MethodTable<
+    xpc::Method<"authCheckForUser:andASID:withHandler:", &NotifyProxy::authCheckForUser>,
+    xpc::Method<"subscribeTo:withFlags:andHandler:", &NotifyProxy::subscribeTo>,
+    xpc::Method<"unsubscribeFrom:", &NotifyProxy::unsubscribeFrom>,
+    xpc::Method<"publishItem:name:flags:value:withHandler:", &NotifyProxy::publishItem>,
+    xpc::Method<"updatePublishedItem:name:withHandler:", &NotifyProxy::updatePublishedItem, xpc::Weight::brief>,
+    xpc::Method<"removePublishedItemForName:withHandler:", &NotifyProxy::removePublishedItemForName>,
+    xpc::Method<"getModuleTableWithHandler:", &NotifyProxy::getModuleTableWithHandler>,
+    xpc::Method<"dumpNotification:withData:andHandler:", &NotifyProxy::dumpNotification, xpc::Weight::heavy>>;
 NotifyProxyMethods methodTableOf(const NotifyProxy*);
 
 }  // namespace keel::protocols

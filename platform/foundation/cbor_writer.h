@@ -40,7 +40,7 @@ class Writer {
   void byte(std::uint8_t value) { output_.push(static_cast<std::byte>(value)); }
   void head(std::uint8_t major, std::uint64_t argument) {
     if (argument < 24) [[likely]]
-      return byte(static_cast<std::uint8_t>(major << 5 | argument));
+      return byte(static_cast<std::uint8_t>(std::uint64_t{major} << 5 | argument));
     longHead(major, argument);
   }
   void longHead(std::uint8_t major, std::uint64_t argument);
