@@ -77,12 +77,11 @@ void DumpDesk::leave(KLNPublishedObject& item) {
 }
 
 void DumpDesk::begin(bool withData, const std::shared_ptr<xpc::Connection>& asker, Reply reply) {
+  std::erase_if(ended_, [](const std::weak_ptr<xpc::Connection>& ended) { return ended.expired(); });
+  const auto isAsker = [&asker](const std::weak_ptr<xpc::Connection>& ended) { return ended.lock() == asker; };
+  if (std::ranges::any_of(ended_, isAsker)) return;
   Dump& dump = dumps_.emplace_back(Dump{++lastNumber_, asker, DumpAnswer(itemCount_, withData), std::move(reply)});
-  std::erase_if(ended_, [&dump](const std::weak_ptr<xpc::Connection>& ended) {
-    const auto living = ended.lock();
-    if (living) dump.answer.remember(living);
-    return !living;
-  });
+  for (const auto& ended : ended_) dump.answer.remember(ended.lock());
   if (dumps_.size() > 1) return;
   next_ = first_;
   work();

@@ -42,7 +42,8 @@ class DumpDesk : public std::enable_shared_from_this<DumpDesk> {
   void enter(KLNPublishedObject& item);
   void leave(KLNPublishedObject& item);
 
-  // Answers with all items that there are now: at once if one slice is enough. The answer is dropped when `asker` ends.
+  // Answers with all items that there are now: at once if one slice is enough. The answer is dropped when `asker` ends or has
+  // ended, since it keeps that connection.
   void begin(bool withData, const std::shared_ptr<xpc::Connection>& asker, Reply reply);
   // Before the connection is gone.
   void connectionEnds(const std::shared_ptr<xpc::Connection>& connection);

@@ -345,6 +345,16 @@ TEST_F(DumpDeskTest, IsDroppedWhenItsAskerEnds) {
   EXPECT_EQ(namesOf(entriesOf(other, next)), (std::vector<std::string>{"a", "b", "c"}));
 }
 
+TEST_F(DumpDeskTest, IsNotBegunForAnAskerThatHasEnded) {
+  request(asker);
+  const std::weak_ptr<xpc::Connection> connection = asker.connection();
+  asker.die();
+  EXPECT_FALSE(connection.expired());
+  turn();
+  EXPECT_TRUE(connection.expired());
+  EXPECT_EQ(executor.scheduledCount(), 0u);
+}
+
 TEST_F(DumpDeskTest, GoesOnWhenTheAskerOfAnotherEnds) {
   begin(asker);
   const auto late = request(other);
