@@ -20,7 +20,7 @@
 
 #include "notify/dump_answer.h"
 #include "notify/published_object.h"
-#include "platform/dispatch/serial_queue.h"
+#include "notify/slice_line.h"
 #include "platform/foundation/check.h"
 #include "platform/logging/logger.h"
 #include "platform/xpc/connection.h"
@@ -49,8 +49,7 @@ struct DumpDesk::Dump {
   Reply reply;
 };
 
-DumpDesk::DumpDesk(std::shared_ptr<SerialQueue> inputQueue, std::size_t sliceWork)
-    : inputQueue_(std::move(inputQueue)), sliceWork_(sliceWork) {}
+DumpDesk::DumpDesk(std::shared_ptr<SliceLine> line) : line_(std::move(line)) {}
 
 DumpDesk::~DumpDesk() {
   dumps_.clear();
@@ -84,7 +83,8 @@ void DumpDesk::begin(bool withData, const std::shared_ptr<xpc::Connection>& aske
   for (const auto& ended : ended_) dump.answer.remember(ended.lock());
   if (dumps_.size() > 1) return;
   next_ = first_;
-  work();
+  if (!work() || std::exchange(isInLine_, true)) return;
+  line_->add([desk = shared_from_this()] { return desk->isInLine_ = desk->work(); });
 }
 
 void DumpDesk::connectionEnds(const std::shared_ptr<xpc::Connection>& connection) {
@@ -116,8 +116,8 @@ void DumpDesk::describe(KLNPublishedObject& item) {
   }
 }
 
-// One slice.
-void DumpDesk::work() {
+// One slice; says whether anything is left.
+bool DumpDesk::work() {
   std::size_t passedOverCount = 0;
   workDone_ = 0;
   while (!dumps_.empty() && workDone_ + passedOverCount / kPassedOverPerWork < sliceWork_) {
@@ -132,7 +132,7 @@ void DumpDesk::work() {
     if (workDone_ == workBefore) ++passedOverCount;
   }
   while (!dumps_.empty() && dumps_.front().answer.missingCount() == 0) answerFirst();
-  if (!dumps_.empty()) queueWork();
+  return !dumps_.empty();
 }
 
 void DumpDesk::answerFirst() {
@@ -143,14 +143,6 @@ void DumpDesk::answerFirst() {
   if (entries) return whole.reply(std::move(*entries), nullptr);
   // Dropped, the reply answers with a failure.
   log.error("a dump of all items cannot be kept in memory: {}", entries.error().message());
-}
-
-void DumpDesk::queueWork() {
-  if (std::exchange(isQueued_, true)) return;
-  inputQueue_->async([desk = shared_from_this()] {
-    desk->isQueued_ = false;
-    desk->work();
-  });
 }
 
 }  // namespace keel

@@ -14,23 +14,22 @@
 namespace keel {
 
 class KLNPublishedObject;
-class SerialQueue;
+class SliceLine;
 namespace xpc {
 class Connection;
 }
 
 // Describes all items of a registry to those who ask for them. Each answer shows the registry at the moment of its request,
-// though it is written in slices, blocks of the input queue between which other requests run: an item that is about to change
-// is described before it does. Held by the registry and by the slice that it has queued; lives on the notification input queue.
+// though it is written in slices, between which other requests run: an item that is about to change
+// is described before it does. Held by the registry and by its work in line; lives on the notification input queue.
 class DumpDesk : public std::enable_shared_from_this<DumpDesk> {
  public:
   using Reply = xpc::Reply<Array, Error>;
 
-  // The work of one slice: an item, or a subscriber of one, in one answer counts 1, and so do 2 KiB of data. That takes about
-  // 0.1 ms, since the reactor runs up to 16 slices before it looks at the sockets again.
+  // The work of one slice: an item, or a subscriber of one, in one answer counts 1, and so do 2 KiB of data.
   static constexpr std::size_t kSliceWork = 64;
 
-  explicit DumpDesk(std::shared_ptr<SerialQueue> inputQueue, std::size_t sliceWork = kSliceWork);
+  explicit DumpDesk(std::shared_ptr<SliceLine> line);
   ~DumpDesk();
   DumpDesk(const DumpDesk&) = delete;
   DumpDesk& operator=(const DumpDesk&) = delete;
@@ -56,12 +55,11 @@ class DumpDesk : public std::enable_shared_from_this<DumpDesk> {
  private:
   struct Dump;
 
-  void work();
+  bool work();
   void answerFirst();
-  void queueWork();
 
-  const std::shared_ptr<SerialQueue> inputQueue_;
-  std::size_t sliceWork_;
+  const std::shared_ptr<SliceLine> line_;
+  std::size_t sliceWork_ = kSliceWork;
   std::uint64_t lastNumber_ = 0;
   std::size_t workDone_ = 0;
 
@@ -73,7 +71,7 @@ class DumpDesk : public std::enable_shared_from_this<DumpDesk> {
   // In the order of their beginning. All get what is described for the first, so that they end in this order, too.
   std::list<Dump> dumps_;
   KLNPublishedObject* next_ = nullptr;  // the first item that the first of them may lack
-  bool isQueued_ = false;
+  bool isInLine_ = false;
   // Connections that have ended, some of which still live until their last requests are done.
   std::vector<std::weak_ptr<xpc::Connection>> ended_;
 };

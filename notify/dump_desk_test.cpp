@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "notify/notify_fixture.h"
+#include "notify/slice_line.h"
 
 namespace keel {
 namespace {
@@ -375,7 +376,7 @@ TEST_F(DumpDeskTest, OfNothingIsAnsweredAtOnceWhileAnotherIsInProgress) {
 }
 
 TEST_F(DumpDeskTest, ItemsMayOutliveIt) {
-  auto desk = std::make_shared<DumpDesk>(SerialQueue::create("test", executor));
+  auto desk = std::make_shared<DumpDesk>(std::make_shared<SliceLine>(SerialQueue::create("test", executor)));
   const auto item = KLNPublishedObject::initWithName("d");
   desk->enter(*item);
   desk->begin(/*withData=*/false, nullptr, DumpDesk::Reply::to([](const Array&, const Error&) {}));

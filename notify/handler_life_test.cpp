@@ -202,6 +202,29 @@ TEST_F(NotificationHandlerCleanUp, NamesWithManySubscribersCountMore) {
   turn(0, 0);
 }
 
+TEST_F(NotificationHandlerCleanUp, OfSeveralClientsTakesTurns) {
+  std::vector<std::shared_ptr<KLNNotificationHandler>> handlers;
+  std::vector<std::unique_ptr<NotifyClient>> clients;
+  for (int i = 0; i < 2; ++i) {
+    auto& client = *clients.emplace_back(std::make_unique<NotifyClient>(executor));
+    for (std::size_t name = 0; name < 3 * kSlice; ++name) subscribe(client, nameOf(name));
+    handlers.push_back(client.handler());
+  }
+  executor.runAll();
+  for (const auto& client : clients) client->die();
+  const auto left = [&handlers] { return handlers[0]->subscriptions().size() + handlers[1]->subscriptions().size(); };
+  // The first slice of each is in its place in the queue.
+  executor.runOne();
+  EXPECT_EQ(left(), 4 * kSlice);
+  executor.runOne();
+  EXPECT_EQ(left(), 3 * kSlice);
+  executor.runOne();
+  EXPECT_EQ(left(), 2 * kSlice);
+  EXPECT_EQ(handlers[0]->subscriptions().size(), kSlice);
+  executor.runAll();
+  EXPECT_EQ(left(), 0u);
+}
+
 TEST_F(NotificationHandlerCleanUp, HoldsTheHandlerUntilItIsDone) {
   loseClient(2 * kSlice, 0);
   const std::weak_ptr<KLNNotificationHandler> held = std::exchange(handler, nullptr);

@@ -12,6 +12,7 @@
 #include "modules/module_manager.h"
 #include "notify/dump_desk.h"
 #include "notify/notification_service.h"
+#include "notify/slice_line.h"
 #include "platform/foundation/value.h"
 #include "platform/logging/logger.h"
 #include "platform/product/product.h"
@@ -210,27 +211,27 @@ void KLNNotificationHandler::connectionInvalidated() {
             connection ? connection->auditSessionIdentifier() : 0);
   const auto& service = KLNNotificationService::defaultService();
   if (connection) service->dumpDesk().connectionEnds(connection);
-  queueWork(*service, [handler = shared_from_this(), queue = service->inputQueue()] {
-    log.debug("NotifyService unsubscribing");
-    handler->cleanUp(queue, CleanUp::subscriptions);
-  });
+  queueWork(*service, [handler = shared_from_this(), service] { handler->cleanUp(*service); });
 }
 
-// One slice.
-void KLNNotificationHandler::cleanUp(const std::shared_ptr<SerialQueue>& queue, CleanUp stage) {
+void KLNNotificationHandler::cleanUp(KLNNotificationService& service) {
+  log.debug("NotifyService unsubscribing");
+  CleanUp stage = CleanUp::subscriptions;
+  if (!cleanUpSlice(stage)) return;
+  service.sliceLine().add([handler = shared_from_this(), stage]() mutable { return handler->cleanUpSlice(stage); });
+}
+
+// Says whether anything is left.
+bool KLNNotificationHandler::cleanUpSlice(CleanUp& stage) {
   std::size_t done = 0;
   if (stage == CleanUp::subscriptions) {
     endObjects(subscriptions_, done);
-    if (subscriptions_.empty()) {
-      log.debug("NotifyService unpublishing");
-      stage = CleanUp::publications;
-    }
+    if (!subscriptions_.empty()) return true;
+    log.debug("NotifyService unpublishing");
+    stage = CleanUp::publications;
   }
-  if (stage == CleanUp::publications) {
-    endObjects(publishedItems_, done);
-    if (publishedItems_.empty()) return;
-  }
-  queue->async([handler = shared_from_this(), queue, stage] { handler->cleanUp(queue, stage); });
+  endObjects(publishedItems_, done);
+  return !publishedItems_.empty();
 }
 
 }  // namespace keel

@@ -26,8 +26,7 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   using PublishedItems = std::unordered_map<Name, std::shared_ptr<KLNPublishedObject>, StringHash>;
   using Subscriptions = std::unordered_map<Name, std::shared_ptr<KLNSubscriptionObject>, StringHash>;
 
-  // How many names of a client that is gone are dealt with in one block, those with many subscribers counting more: about 0.1
-  // ms, since the reactor runs up to 16 such blocks before it looks at the sockets again.
+  // How many names of a client that is gone are dealt with in one slice; those with many subscribers count more.
   static constexpr std::size_t kCleanUpSlice = 32;
 
   // The table of KLNAuthService answers; its reply comes on that service's strand.
@@ -69,7 +68,8 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   Error update(Dictionary item, const Name& name);
   Error remove(KLNNotificationService& service, const Name& name);
   enum class CleanUp : std::uint8_t { subscriptions, publications };
-  void cleanUp(const std::shared_ptr<SerialQueue>& queue, CleanUp stage);
+  void cleanUp(KLNNotificationService& service);
+  bool cleanUpSlice(CleanUp& stage);
 
   PublishedItems publishedItems_;
   Subscriptions subscriptions_;

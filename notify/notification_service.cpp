@@ -7,6 +7,7 @@
 
 #include "notify/dump_desk.h"
 #include "notify/publish_behavior.h"
+#include "notify/slice_line.h"
 #include "notify/subscriber_behavior.h"
 #include "platform/dispatch/reactor.h"
 #include "platform/dispatch/system.h"
@@ -44,7 +45,8 @@ KLNNotificationService::KLNNotificationService() : KLNNotificationService(ioReac
 KLNNotificationService::KLNNotificationService(Executor& executor)
     : inputQ_(SerialQueue::create("KLNNotificationInputQ", executor)),
       updateQ_(SerialQueue::create("KLNNotificationUpdateQ", executor)),
-      dumpDesk_(std::make_shared<DumpDesk>(inputQ_)) {}
+      sliceLine_(std::make_shared<SliceLine>(inputQ_)),
+      dumpDesk_(std::make_shared<DumpDesk>(sliceLine_)) {}
 
 KLNNotificationService::~KLNNotificationService() = default;
 

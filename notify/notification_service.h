@@ -17,6 +17,7 @@ namespace keel {
 
 class DumpDesk;
 class KLNPublishBehavior;
+class SliceLine;
 class SubscriberBehavior;
 
 // Every name that is published or waited for: one publisher for each, one subscription for each connection, and only the
@@ -85,6 +86,7 @@ class KLNNotificationService {
   const std::shared_ptr<SerialQueue>& updateQ() const { return updateQ_; }
   PublishedItems& published() { return published_; }
   const CountedConnections& publishers() const { return publishers_; }
+  SliceLine& sliceLine() { return *sliceLine_; }
   DumpDesk& dumpDesk() { return *dumpDesk_; }
 
  private:
@@ -101,6 +103,7 @@ class KLNNotificationService {
   const CountedConnections publishers_;
   const std::shared_ptr<SerialQueue> inputQ_;
   const std::shared_ptr<SerialQueue> updateQ_;
+  const std::shared_ptr<SliceLine> sliceLine_;
   const std::shared_ptr<DumpDesk> dumpDesk_;
 };
 
