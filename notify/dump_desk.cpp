@@ -7,7 +7,7 @@
 //   one number is enough however many there are.
 // - An item is described when its turn comes, and before it changes, or leaves the table, if that is earlier. An item that
 //   enters the table gets the last number, and so is missing nowhere. While no dump is in progress, no item has a smaller
-//   number than the last: to ask for that is all that a change costs.
+//   number than the last (or once more, after a dump that was dropped): to ask for that is all that a change costs.
 // - A subscription changes with its item: whoever adds, removes or delivers says so to the item.
 // - A connection that ends changes the text of all its items and subscriptions without touching them. So the answers remember
 //   those that end meanwhile, and those that had ended before but were still there when the dump began.

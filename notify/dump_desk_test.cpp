@@ -218,13 +218,29 @@ TEST_F(DumpDeskTest, AnItemThatLeavesIsStillSeen) {
 }
 
 TEST_F(DumpDeskTest, TheNextItemInLineMayLeave) {
-  const auto dump = begin(asker);
-  // Behind the slice that describes "b".
-  remove(one, "c");
+  const auto held = entry("b");
+  const auto dump = request(asker);
+  remove(one, "b");
   turn();
-  remove(one, "a");
+  EXPECT_FALSE(service->published().contains("b"));
   runAll();
   EXPECT_EQ(namesOf(entriesOf(asker, dump)), (std::vector<std::string>{"a", "b", "c"}));
+}
+
+TEST_F(DumpDeskTest, TheFirstAndTheLastItemMayLeave) {
+  for (const char* name : {"a", "c"}) remove(one, name);
+  publish(one, "d", number(1));
+  const auto dump = request(asker);
+  runAll();
+  EXPECT_EQ(namesOf(entriesOf(asker, dump)), (std::vector<std::string>{"b", "d"}));
+}
+
+TEST_F(DumpDeskTest, AnItemThatHasLeftIsNotSeenThoughSomebodyHoldsIt) {
+  const auto held = entry("b");
+  remove(one, "b");
+  const auto dump = request(asker);
+  runAll();
+  EXPECT_EQ(namesOf(entriesOf(asker, dump)), (std::vector<std::string>{"a", "c"}));
 }
 
 TEST_F(DumpDeskTest, AnItemThatIsDestroyedIsStillSeen) {
@@ -344,6 +360,14 @@ TEST_F(DumpDeskTest, IsDroppedWhenItsAskerEnds) {
   const auto next = begin(other);
   runAll();
   EXPECT_EQ(namesOf(entriesOf(other, next)), (std::vector<std::string>{"a", "b", "c"}));
+}
+
+TEST_F(DumpDeskTest, WorksOnceWhenOneIsDroppedAndAnotherBegins) {
+  begin(asker);
+  const auto next = request(other);
+  asker.die();
+  while (!other.isAnswered(next)) turn();
+  EXPECT_EQ(executor.scheduledCount(), 0u);
 }
 
 TEST_F(DumpDeskTest, IsNotBegunForAnAskerThatHasEnded) {
