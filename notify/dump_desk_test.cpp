@@ -364,7 +364,7 @@ TEST_F(DumpDeskTest, IsDroppedWhenItsAskerEnds) {
 
 TEST_F(DumpDeskTest, WorksOnceWhenOneIsDroppedAndAnotherBegins) {
   // Of another's, so that what is dropped has not had its turn when the next begins.
-  service->sliceLine().add([] { return false; });
+  service->sliceLine().add([left = 2]() mutable { return --left > 0; });
   begin(asker);
   const auto next = request(other);
   asker.die();
