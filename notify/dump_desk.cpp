@@ -84,7 +84,11 @@ void DumpDesk::begin(bool withData, const std::shared_ptr<xpc::Connection>& aske
   if (dumps_.size() > 1) return;
   next_ = first_;
   if (!work() || std::exchange(isInLine_, true)) return;
-  line_->add([desk = shared_from_this()] { return desk->isInLine_ = desk->work(); });
+  // Weakly, since the desk holds the line.
+  line_->add([desk = weak_from_this()] {
+    const auto living = desk.lock();
+    return living && (living->isInLine_ = living->work());
+  });
 }
 
 void DumpDesk::connectionEnds(const std::shared_ptr<xpc::Connection>& connection) {

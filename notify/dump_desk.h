@@ -20,8 +20,8 @@ class Connection;
 }
 
 // Describes all items of a registry to those who ask for them. Each answer shows the registry at the moment of its request,
-// though it is written in slices, between which other requests run: an item that is about to change
-// is described before it does. Held by the registry and by its work in line; lives on the notification input queue.
+// though it is written in slices, between which other requests run: an item that is about to change is described before it
+// does. Held by the registry; lives on the notification input queue.
 class DumpDesk : public std::enable_shared_from_this<DumpDesk> {
  public:
   using Reply = xpc::Reply<Array, Error>;
