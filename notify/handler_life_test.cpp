@@ -117,6 +117,123 @@ TEST_F(NotificationHandler, CleanUpUndoesSubscriptionsBeforePublications) {
   EXPECT_TRUE(entry("m")->subscribers()->empty());
 }
 
+// A client that has so many names, published or followed, and is then gone.
+class NotificationHandlerCleanUp : public NotificationHandler {
+ protected:
+  static constexpr std::size_t kSlice = KLNNotificationHandler::kCleanUpSlice;
+  static Name nameOf(std::size_t number) { return Name("name " + std::to_string(number)); }
+
+  void loseClient(std::size_t publicationCount, std::size_t subscriptionCount) {
+    auto client = std::make_unique<NotifyClient>(executor, FakeClient::identity(13));
+    for (std::size_t i = 0; i < publicationCount; ++i) publish(*client, nameOf(i), number(1));
+    for (std::size_t i = 0; i < subscriptionCount; ++i) subscribe(*client, nameOf(i));
+    executor.runAll();
+    handler = client->handler();
+    client->die();
+    forget();
+  }
+  void turn(std::size_t subscriptionsLeft, std::size_t publicationsLeft) {
+    executor.runOne();
+    EXPECT_EQ(handler->subscriptions().size(), subscriptionsLeft);
+    EXPECT_EQ(handler->publishedItems().size(), publicationsLeft);
+  }
+  std::vector<std::string> stages() {
+    std::vector<std::string> found;
+    for (const LogLine& line : log.take()) {
+      if (line.text.starts_with("NotifyService ")) found.push_back(line.text);
+    }
+    return found;
+  }
+  std::shared_ptr<KLNNotificationHandler> handler;
+};
+
+TEST_F(NotificationHandlerCleanUp, OfNoMoreThanASliceIsOneBlock) {
+  loseClient(kSlice / 2, kSlice / 2);
+  turn(0, 0);
+  EXPECT_EQ(executor.scheduledCount(), 0u);
+}
+
+TEST_F(NotificationHandlerCleanUp, OfMoreThanASliceGoesOnInFurtherBlocks) {
+  loseClient(kSlice, kSlice + 1);
+  turn(1, kSlice);
+  EXPECT_THAT(stages(), ElementsAre("NotifyService unsubscribing"));
+  turn(0, 1);
+  EXPECT_THAT(stages(), ElementsAre("NotifyService unpublishing"));
+  turn(0, 0);
+  EXPECT_THAT(stages(), IsEmpty());
+  EXPECT_EQ(executor.scheduledCount(), 0u);
+}
+
+TEST_F(NotificationHandlerCleanUp, SaysOnceWhatItDoesWhereTheSlicesMeet) {
+  loseClient(1, kSlice);
+  turn(0, 1);
+  turn(0, 0);
+  EXPECT_THAT(stages(), ElementsAre("NotifyService unsubscribing", "NotifyService unpublishing"));
+}
+
+TEST_F(NotificationHandlerCleanUp, LetsOtherRequestsRunInBetween) {
+  loseClient(kSlice + 1, 0);
+  executor.runOne();
+  ASSERT_EQ(handler->publishedItems().size(), 1u);
+  const Name left = handler->publishedItems().begin()->first;
+  const Name freed = left == nameOf(0) ? nameOf(1) : nameOf(0);
+  Error tooEarly;
+  auto taken = service->newPublishedObjectWith(number(2), left, 0, 0, other.connection());
+  EXPECT_FALSE(service->publish(taken, &tooEarly));
+  EXPECT_EQ(tooEarly.code(), kDuplicate.code());
+  taken = service->newPublishedObjectWith(number(2), freed, 0, 0, other.connection());
+  EXPECT_TRUE(service->publish(taken, nullptr));
+  executor.runAll();
+  EXPECT_EQ(entry(left)->delegate(), nullptr);
+  // What another client has taken over meanwhile stays its own.
+  EXPECT_NE(entry(freed)->delegate(), nullptr);
+  EXPECT_EQ(entry(freed)->owner(), other.connection());
+}
+
+TEST_F(NotificationHandlerCleanUp, NamesWithManySubscribersCountMore) {
+  std::vector<std::unique_ptr<NotifyClient>> followers;
+  for (std::size_t i = 0; i < 16 * (kSlice - 1); ++i) {
+    followers.push_back(std::make_unique<NotifyClient>(executor));
+    subscribe(*followers.back(), nameOf(0));
+    subscribe(*followers.back(), nameOf(1));
+  }
+  loseClient(2, 0);
+  turn(0, 1);
+  turn(0, 0);
+}
+
+TEST_F(NotificationHandlerCleanUp, OfSeveralClientsTakesTurns) {
+  std::vector<std::shared_ptr<KLNNotificationHandler>> handlers;
+  std::vector<std::unique_ptr<NotifyClient>> clients;
+  for (int i = 0; i < 2; ++i) {
+    auto& client = *clients.emplace_back(std::make_unique<NotifyClient>(executor));
+    for (std::size_t name = 0; name < 3 * kSlice; ++name) subscribe(client, nameOf(name));
+    handlers.push_back(client.handler());
+  }
+  executor.runAll();
+  for (const auto& client : clients) client->die();
+  const auto left = [&handlers] { return handlers[0]->subscriptions().size() + handlers[1]->subscriptions().size(); };
+  // The first slice of each is in its place in the queue.
+  executor.runOne();
+  EXPECT_EQ(left(), 4 * kSlice);
+  executor.runOne();
+  EXPECT_EQ(left(), 3 * kSlice);
+  executor.runOne();
+  EXPECT_EQ(left(), 2 * kSlice);
+  EXPECT_EQ(handlers[0]->subscriptions().size(), kSlice);
+  executor.runAll();
+  EXPECT_EQ(left(), 0u);
+}
+
+TEST_F(NotificationHandlerCleanUp, HoldsTheHandlerUntilItIsDone) {
+  loseClient(2 * kSlice, 0);
+  const std::weak_ptr<KLNNotificationHandler> held = std::exchange(handler, nullptr);
+  executor.runOne();
+  EXPECT_FALSE(held.expired());
+  executor.runAll();
+  EXPECT_TRUE(held.expired());
+}
+
 TEST_F(NotificationHandler, TheNextPublisherReachesTheSubscribersOfALostOne) {
   mustSubscribe(other, "n");
   mustPublish(one, "n", 1);

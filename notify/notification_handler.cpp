@@ -10,7 +10,9 @@
 
 #include "auth/auth_service.h"
 #include "modules/module_manager.h"
+#include "notify/dump_desk.h"
 #include "notify/notification_service.h"
+#include "notify/slice_line.h"
 #include "platform/foundation/value.h"
 #include "platform/logging/logger.h"
 #include "platform/product/product.h"
@@ -56,12 +58,25 @@ Error guarded(fmt::format_string<const Name&> text, std::string_view nameKey, co
   }
 }
 
+// Subscribers that are told of the end of a publication in the time that a name takes.
+constexpr std::size_t kSubscribersPerName = 16;
+
+std::size_t weightOf(const KLNSubscriptionObject&) {
+  return 1;
+}
+std::size_t weightOf(KLNPublishedObject& item) {
+  return 1 + (item.subscribers() != nullptr ? item.subscribers()->count() / kSubscribersPerName : 0);
+}
+
+// Tells what a client had that its connection is gone, and lets go of it, until the slice is full.
 template <class Table>
-std::vector<Name> allKeys(const Table& table) {
-  std::vector<Name> names;
-  names.reserve(table.size());
-  for (const auto& [name, object] : table) names.push_back(name);
-  return names;
+void endObjects(Table& table, std::size_t& done) {
+  while (!table.empty() && done < KLNNotificationHandler::kCleanUpSlice) {
+    const auto ending = table.begin();
+    done += weightOf(*ending->second);
+    ending->second->connectionIsInvalid();
+    table.erase(ending);
+  }
 }
 
 }  // namespace
@@ -197,24 +212,29 @@ void KLNNotificationHandler::connectionInvalidated() {
   const auto connection = xpcConnection();
   log.debug("NotifyService  connection from ({}){} invalidated", connection ? connection->processIdentifier() : 0,
             connection ? connection->auditSessionIdentifier() : 0);
-  queueWork(*KLNNotificationService::defaultService(), [handler = shared_from_this()] { handler->cleanUp(); });
+  const auto& service = KLNNotificationService::defaultService();
+  if (connection) service->dumpDesk().connectionEnds(connection);
+  queueWork(*service, [handler = shared_from_this(), service] { handler->cleanUp(*service); });
 }
 
-void KLNNotificationHandler::cleanUp() {
+void KLNNotificationHandler::cleanUp(KLNNotificationService& service) {
   log.debug("NotifyService unsubscribing");
-  for (const Name& name : allKeys(subscriptions_)) {
-    const auto found = subscriptions_.find(name);
-    if (found == subscriptions_.end()) continue;
-    found->second->connectionIsInvalid();
-    subscriptions_.erase(name);
+  CleanUp stage = CleanUp::subscriptions;
+  if (!cleanUpSlice(stage)) return;
+  service.sliceLine().add([handler = shared_from_this(), stage]() mutable { return handler->cleanUpSlice(stage); });
+}
+
+// Says whether anything is left.
+bool KLNNotificationHandler::cleanUpSlice(CleanUp& stage) {
+  std::size_t done = 0;
+  if (stage == CleanUp::subscriptions) {
+    endObjects(subscriptions_, done);
+    if (!subscriptions_.empty()) return true;
+    log.debug("NotifyService unpublishing");
+    stage = CleanUp::publications;
   }
-  log.debug("NotifyService unpublishing");
-  for (const Name& name : allKeys(publishedItems_)) {
-    const auto found = publishedItems_.find(name);
-    if (found == publishedItems_.end()) continue;
-    found->second->connectionIsInvalid();
-    publishedItems_.erase(name);
-  }
+  endObjects(publishedItems_, done);
+  return !publishedItems_.empty();
 }
 
 }  // namespace keel

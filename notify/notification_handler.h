@@ -26,6 +26,9 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   using PublishedItems = std::unordered_map<Name, std::shared_ptr<KLNPublishedObject>, StringHash>;
   using Subscriptions = std::unordered_map<Name, std::shared_ptr<KLNSubscriptionObject>, StringHash>;
 
+  // How many names of a client that is gone are dealt with in one slice; those with many subscribers count more.
+  static constexpr std::size_t kCleanUpSlice = 32;
+
   // The table of KLNAuthService answers; its reply comes on that service's strand.
   void authCheckForUser(String user, std::int32_t andASID, xpc::Reply<bool, Error> withHandler) override;
   // A null name is answered at once. An exception is answered with code 13, whose user info holds "subscriptionName",
@@ -46,7 +49,7 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   // The client sent something that cannot be decoded: logged, nothing changes.
   void connectionInterupted();
   // The connection has ended: queues the end of its subscriptions, of which nobody hears, then of its publications, which
-  // become placeholders.
+  // become placeholders. Other requests may run in between, never in the middle of one name.
   void connectionInvalidated();
 
   // Both on the input queue only.
@@ -64,7 +67,9 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
                 std::int64_t value);
   Error update(Dictionary item, const Name& name);
   Error remove(KLNNotificationService& service, const Name& name);
-  void cleanUp();
+  enum class CleanUp : std::uint8_t { subscriptions, publications };
+  void cleanUp(KLNNotificationService& service);
+  bool cleanUpSlice(CleanUp& stage);
 
   PublishedItems publishedItems_;
   Subscriptions subscriptions_;

@@ -5,7 +5,9 @@
 
 #include <utility>
 
+#include "notify/dump_desk.h"
 #include "notify/publish_behavior.h"
+#include "notify/slice_line.h"
 #include "notify/subscriber_behavior.h"
 #include "platform/dispatch/reactor.h"
 #include "platform/dispatch/system.h"
@@ -42,7 +44,9 @@ KLNNotificationService::KLNNotificationService() : KLNNotificationService(ioReac
 
 KLNNotificationService::KLNNotificationService(Executor& executor)
     : inputQ_(SerialQueue::create("KLNNotificationInputQ", executor)),
-      updateQ_(SerialQueue::create("KLNNotificationUpdateQ", executor)) {}
+      updateQ_(SerialQueue::create("KLNNotificationUpdateQ", executor)),
+      sliceLine_(std::make_shared<SliceLine>(inputQ_)),
+      dumpDesk_(std::make_shared<DumpDesk>(sliceLine_)) {}
 
 KLNNotificationService::~KLNNotificationService() = default;
 
@@ -67,7 +71,7 @@ bool KLNNotificationService::publish(std::shared_ptr<KLNPublishedObject>& item, 
   if (!item) return refuse(error, errRequestFailed);
   const auto placeholder = itemOfName(item->name());
   if (!placeholder) {
-    published_[item->name()] = item;
+    enter(item->name(), item);
     return true;
   }
   if (placeholder->delegate()) {
@@ -87,7 +91,7 @@ bool KLNNotificationService::publishItem(Dictionary data, Name name, std::uint64
   if (!placeholder) {
     auto item = newPublishedObjectWith(std::move(data), name, flags, value, fromConnection);
     if (!item) return refuse(error, errRequestFailed);
-    published_[std::move(name)] = std::move(item);
+    enter(name, std::move(item));
     return true;
   }
   log.debug("publishItem: we are publishing to an item ({}) that already has subscribers", name);
@@ -118,6 +122,7 @@ bool KLNNotificationService::removePublishedItemForName(const Name& name,
   if (!item) return refuse(error, errNotFound);
   if (!isOwner(*item, fromConnection)) return refuse(error, errNotOwner);
   if (item->remove()) {
+    dumpDesk_->leave(*item);
     published_.erase(name);
   } else {
     item->setDelegate(nullptr);
@@ -152,7 +157,7 @@ bool KLNNotificationService::subscribe(const std::shared_ptr<KLNSubscriptionObje
     return true;
   }
   const auto placeholder = KLNPublishedObject::initWithName(name);
-  published_[name] = placeholder;
+  enter(name, placeholder);
   follow(subscription, placeholder);
   return true;
 }
@@ -167,7 +172,7 @@ bool KLNNotificationService::subscribeTo(const Name& name, const std::shared_ptr
     return true;
   }
   const auto item = KLNPublishedObject::init();
-  published_[name] = item;
+  enter(name, item);
   follow(subscription, item);
   return true;
 }
@@ -194,6 +199,11 @@ std::shared_ptr<KLNPublishedObject> KLNNotificationService::itemOfName(const Nam
   return found == published_.end() ? nullptr : found->second;
 }
 
+void KLNNotificationService::enter(const Name& name, std::shared_ptr<KLNPublishedObject> item) {
+  dumpDesk_->enter(*item);
+  published_[name] = std::move(item);
+}
+
 void KLNNotificationService::follow(const std::shared_ptr<KLNSubscriptionObject>& subscription,
                                     const std::shared_ptr<KLNPublishedObject>& item) {
   item->addSubscriber(subscription);
@@ -204,6 +214,7 @@ void KLNNotificationService::queueFirstDelivery(std::shared_ptr<KLNSubscriptionO
                                                 std::shared_ptr<KLNPublishedObject> item) {
   inputQ_->async([subscription = std::move(subscription), item = std::move(item)] {
     const Dictionary data = item->data();
+    item->willChange();
     subscription->updateWithData(data);
   });
 }

@@ -15,7 +15,9 @@
 
 namespace keel {
 
+class DumpDesk;
 class KLNPublishBehavior;
+class SliceLine;
 class SubscriberBehavior;
 
 // Every name that is published or waited for: one publisher for each, one subscription for each connection, and only the
@@ -84,12 +86,15 @@ class KLNNotificationService {
   const std::shared_ptr<SerialQueue>& updateQ() const { return updateQ_; }
   PublishedItems& published() { return published_; }
   const CountedConnections& publishers() const { return publishers_; }
+  SliceLine& sliceLine() { return *sliceLine_; }
+  DumpDesk& dumpDesk() { return *dumpDesk_; }
 
  private:
   static std::shared_ptr<KLNNotificationService>& overridingService();
 
   // Null when there is none.
   std::shared_ptr<KLNPublishedObject> itemOfName(const Name& name) const;
+  void enter(const Name& name, std::shared_ptr<KLNPublishedObject> item);
   void follow(const std::shared_ptr<KLNSubscriptionObject>& subscription, const std::shared_ptr<KLNPublishedObject>& item);
   void queueFirstDelivery(std::shared_ptr<KLNSubscriptionObject> subscription, std::shared_ptr<KLNPublishedObject> item);
 
@@ -98,6 +103,8 @@ class KLNNotificationService {
   const CountedConnections publishers_;
   const std::shared_ptr<SerialQueue> inputQ_;
   const std::shared_ptr<SerialQueue> updateQ_;
+  const std::shared_ptr<SliceLine> sliceLine_;
+  const std::shared_ptr<DumpDesk> dumpDesk_;
 };
 
 // For tests: makes `service` the default one until the token is destroyed. Tokens nest.

@@ -30,6 +30,7 @@ void KLNPublishBehavior::updateWithData(Dictionary data) {
 void KLNPublishBehavior::updateWithError(Error error) {
   const auto item = published();
   if (!item) return;
+  item->willChange();
   if (SubscriberSet* const subscribers = item->subscribers()) {
     const xpc::FanOut fanOut(subscribers->count());
     subscribers->forEach([&error](KLNSubscriptionObject& subscription) { subscription.updateWithError(error); });

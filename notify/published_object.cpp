@@ -29,6 +29,10 @@ std::shared_ptr<KLNPublishedObject> KLNPublishedObject::initWithName(Name name) 
   return item;
 }
 
+KLNPublishedObject::~KLNPublishedObject() {
+  if (dumpPlace_.desk != nullptr) dumpPlace_.desk->leave(*this);
+}
+
 std::shared_ptr<KLNSubscriptionObject> KLNPublishedObject::subscriberForConnection(
     const std::shared_ptr<xpc::Connection>& connection) {
   return subscribers_ ? subscribers_->lastOwnedBy(connection) : nullptr;
@@ -55,11 +59,13 @@ bool KLNPublishedObject::remove() {
 }
 
 void KLNPublishedObject::addSubscriber(std::shared_ptr<KLNSubscriptionObject> subscriber) {
+  willChange();
   if (const auto delegate = delegate_) return delegate->addSubscriber(std::move(subscriber));
   if (subscribers_) subscribers_->add(std::move(subscriber));
 }
 
 void KLNPublishedObject::removeSubscriber(const std::shared_ptr<KLNSubscriptionObject>& subscriber) {
+  willChange();
   if (const auto delegate = delegate_) return delegate->removeSubscriber(subscriber);
   if (subscribers_) subscribers_->remove(subscriber);
 }

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 
+#include "notify/dump_desk.h"
 #include "notify/subscriber_set.h"
 #include "platform/foundation/collections.h"
 #include "platform/foundation/date.h"
@@ -25,6 +26,17 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   static std::shared_ptr<KLNPublishedObject> init();
   // Null name: logs and yields nothing.
   static std::shared_ptr<KLNPublishedObject> initWithName(Name name);
+  ~KLNPublishedObject() override;
+  KLNPublishedObject(const KLNPublishedObject&) = delete;
+  KLNPublishedObject& operator=(const KLNPublishedObject&) = delete;
+
+  // To be called before anything changes that a dump tells of this item or of its subscriptions; what changes the item here
+  // does so itself. Costs nothing unless a dump in progress lacks the item.
+  void willChange() {
+    if (dumpPlace_.desk != nullptr && dumpPlace_.describedFor < dumpPlace_.desk->lastNumber()) [[unlikely]] {
+      dumpPlace_.desk->describe(*this);
+    }
+  }
 
   // The last subscription of that connection, in the set's order; null when it has none.
   std::shared_ptr<KLNSubscriptionObject> subscriberForConnection(const std::shared_ptr<xpc::Connection>& connection);
@@ -43,21 +55,41 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   const Dictionary& data() const { return data_; }
   // Data that is replaced is its publisher's no more: whoever reads slowly keeps it at the daemon's expense.
   void setData(Dictionary data) {
+    willChange();
     if (data_.buffer() && data_.buffer()->isShared()) data_.buffer()->chargeTo(MemoryAccount::ofProcess());
     data_ = std::move(data);
   }
   // When the behaviour last stored data.
   const std::optional<Date>& lastUpdated() const { return lastUpdated_; }
-  void setLastUpdated(std::optional<Date> date) { lastUpdated_ = date; }
+  void setLastUpdated(std::optional<Date> date) {
+    willChange();
+    lastUpdated_ = date;
+  }
   const Name& name() const { return name_; }
-  void setName(Name name) { name_ = std::move(name); }
+  void setName(Name name) {
+    willChange();
+    name_ = std::move(name);
+  }
   // The publisher's connection; null once it is gone.
   std::shared_ptr<xpc::Connection> owner() const { return owner_.lock(); }
-  void setOwner(const std::shared_ptr<xpc::Connection>& owner) { owner_ = owner; }
+  const std::weak_ptr<xpc::Connection>& ownerReference() const { return owner_; }
+  void setOwner(const std::shared_ptr<xpc::Connection>& owner) {
+    willChange();
+    owner_ = owner;
+  }
   // Null for an item made with init().
   SubscriberSet* subscribers() { return subscribers_ ? &*subscribers_ : nullptr; }
 
  private:
+  friend class DumpDesk;
+  // Its place among the items of a registry; without a desk it is in no table.
+  struct DumpPlace {
+    DumpDesk* desk = nullptr;
+    std::uint64_t describedFor = 0;  // the last dump it was described for
+    KLNPublishedObject* previous = nullptr;
+    KLNPublishedObject* next = nullptr;
+  };
+
   KLNPublishedObject() = default;
 
   std::shared_ptr<protocols::PublishBehavior> delegate_;
@@ -66,6 +98,7 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   Name name_;
   std::weak_ptr<xpc::Connection> owner_;
   std::optional<SubscriberSet> subscribers_;
+  DumpPlace dumpPlace_;
 };
 
 }  // namespace keel

@@ -76,6 +76,7 @@ void KLNSubscriptionObject::connectionIsInvalid() {
 
 void KLNSubscriptionObject::setOwner(const std::shared_ptr<xpc::Connection>& owner) {
   if (sameObject(owner_, owner)) return;
+  if (const auto item = target()) item->willChange();
   owner_ = owner;
   borrowedOwner_ = owner.get();
   ++changeCountOfOwners;

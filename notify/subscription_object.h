@@ -36,13 +36,14 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
 
   const std::shared_ptr<protocols::SubscriberBehavior>& delegate() const { return delegate_; }
   void setDelegate(std::shared_ptr<protocols::SubscriberBehavior> delegate) { delegate_ = std::move(delegate); }
-  // When something was last sent to the client.
+  // When something was last sent to the client. Whoever delivers tells the item before (KLNPublishedObject::willChange()).
   const std::optional<Date>& lastUpdated() const { return lastUpdated_; }
   void setLastUpdated(std::optional<Date> date) { lastUpdated_ = date; }
   // The client's connection; null once it is gone.
   std::shared_ptr<xpc::Connection> owner() const { return owner_.lock(); }
   // The same without counting: good until whoever calls lets the input queue go on.
   xpc::Connection* borrowedOwner() const { return owner_.expired() ? nullptr : borrowedOwner_; }
+  const std::weak_ptr<xpc::Connection>& ownerReference() const { return owner_; }
   void setOwner(const std::shared_ptr<xpc::Connection>& owner);
   // The item that it follows.
   std::shared_ptr<KLNPublishedObject> target() const { return target_.lock(); }

@@ -23,4 +23,22 @@ std::expected<FileDescriptor, std::error_code> sealedMemoryOf(std::span<const st
 std::expected<BufferRef, std::error_code> openSealedMemory(FileDescriptor file, std::size_t sizeBytes,
                                                            MemoryAccount& account = MemoryAccount::ofProcess());
 
+// A memory file that grows until it is sealed: for a large value that is made piece by piece.
+class GrowingMemory {
+ public:
+  // Fails with the errno of the call that failed (EMFILE, ENOMEM, ...), as the others do.
+  static std::expected<GrowingMemory, std::error_code> create();
+
+  // After a failure the file is of no use any more.
+  std::expected<void, std::error_code> append(std::span<const std::byte> bytes);
+  // All that was appended, which must be something.
+  std::expected<BufferRef, std::error_code> seal() &&;
+
+ private:
+  explicit GrowingMemory(FileDescriptor file) : file_(std::move(file)) {}
+
+  FileDescriptor file_;
+  std::size_t sizeBytes_ = 0;
+};
+
 }  // namespace keel

@@ -43,13 +43,33 @@ bool writeAll(int file, std::span<const std::byte> bytes) {
   return true;
 }
 
+bool sealFile(int file) {
+  return ::fcntl(file, F_ADD_SEALS, kNeededSeals | F_SEAL_SEAL) == 0;
+}
+
 }  // namespace
 
 std::expected<FileDescriptor, std::error_code> sealedMemoryOf(std::span<const std::byte> bytes) {
   FileDescriptor file(createMemoryFile());
-  if (!file || !writeAll(file.get(), bytes)) return failure(errno);
-  if (::fcntl(file.get(), F_ADD_SEALS, kNeededSeals | F_SEAL_SEAL) != 0) return failure(errno);
+  if (!file || !writeAll(file.get(), bytes) || !sealFile(file.get())) return failure(errno);
   return file;
+}
+
+std::expected<GrowingMemory, std::error_code> GrowingMemory::create() {
+  FileDescriptor file(createMemoryFile());
+  if (!file) return failure(errno);
+  return GrowingMemory(std::move(file));
+}
+
+std::expected<void, std::error_code> GrowingMemory::append(std::span<const std::byte> bytes) {
+  if (!writeAll(file_.get(), bytes)) return failure(errno);
+  sizeBytes_ += bytes.size();
+  return {};
+}
+
+std::expected<BufferRef, std::error_code> GrowingMemory::seal() && {
+  if (!sealFile(file_.get())) return failure(errno);
+  return openSealedMemory(std::move(file_), sizeBytes_);
 }
 
 std::expected<BufferRef, std::error_code> openSealedMemory(FileDescriptor file, std::size_t sizeBytes, MemoryAccount& account) {

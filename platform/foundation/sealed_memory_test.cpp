@@ -98,6 +98,31 @@ TEST(SealedMemory, HashesAsTheSameBytesOnTheHeap) {
   EXPECT_EQ((*buffer)->hash(), Buffer::copyOf(bytesOfText("abcd"))->hash());
 }
 
+TEST(GrowingMemory, HoldsAllThatWasAppended) {
+  auto growing = GrowingMemory::create();
+  ASSERT_TRUE(growing.has_value());
+  std::vector<std::byte> all;
+  for (std::size_t size : {std::size_t{1}, std::size_t{70'000}, std::size_t{0}, std::size_t{4096}}) {
+    const std::vector<std::byte> portion(size, static_cast<std::byte>(size + 3));
+    ASSERT_TRUE(growing->append(portion).has_value());
+    all.insert(all.end(), portion.begin(), portion.end());
+  }
+  const auto buffer = std::move(*growing).seal();
+  ASSERT_TRUE(buffer.has_value());
+  EXPECT_TRUE(std::ranges::equal((*buffer)->bytes(), all));
+}
+
+TEST(GrowingMemory, IsSealedInTheEnd) {
+  auto growing = GrowingMemory::create();
+  ASSERT_TRUE(growing.has_value());
+  ASSERT_TRUE(growing->append(bytesOfText("abcd")).has_value());
+  const auto buffer = std::move(*growing).seal();
+  ASSERT_TRUE(buffer.has_value());
+  EXPECT_EQ(::fcntl((*buffer)->sealedFile(), F_GET_SEALS) & kAllSeals, kAllSeals);
+  EXPECT_EQ(::pwrite((*buffer)->sealedFile(), "x", 1, 0), -1);
+  EXPECT_EQ(::ftruncate((*buffer)->sealedFile(), 5), -1);
+}
+
 TEST(OpenSealedMemory, AcceptsAPeersFileWithTheThreeSeals) {
   EXPECT_EQ(errnoOfOpening(memoryFile(kAllSeals), 4), 0);
 }

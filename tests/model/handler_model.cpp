@@ -8,7 +8,7 @@
 namespace keel::model {
 
 HandlerModel::ClientId HandlerModel::connect(std::string description) {
-  clients_.push_back({.description = std::move(description), .publications = {}, .subscriptions = {}, .sent = {}});
+  clients_.push_back({.description = std::move(description), .publications = {}, .subscriptions = {}, .sent = {}, .dumps = {}});
   return clients_.size() - 1;
 }
 
@@ -78,14 +78,15 @@ void HandlerModel::unsubscribe(ClientId client, const ModelName& name) {
 void HandlerModel::dump(ClientId client, std::uint64_t request, const ModelName& name, bool withData) {
   enqueue(client, [this, client, request, name, withData] {
     std::string text;
+    std::string error = "ok";
     if (name == "_all") {
       for (const auto& [key, item] : items_) text += describe(*item, withData);
     } else if (name && items_.contains(*name)) {
       text = describe(*items_.at(*name), withData);
     } else {
-      return reply(client, request, "[] " + textOfError(11, textOf(name) + " not found"));
+      error = textOfError(11, textOf(name) + " not found");
     }
-    reply(client, request, fmt::format("[{}] ok", text));
+    if (clients_[client].alive) clients_[client].dumps.push_back(replyText(request, fmt::format("[{}] {}", text, error)));
   });
 }
 
@@ -120,8 +121,12 @@ void HandlerModel::enqueue(ClientId client, std::function<void()> work) {
   });
 }
 
+std::string HandlerModel::replyText(std::uint64_t request, const std::string& text) {
+  return fmt::format("reply {} {}", request, text);
+}
+
 void HandlerModel::reply(ClientId client, std::uint64_t request, const std::string& text) {
-  if (clients_[client].alive) clients_[client].sent.push_back(fmt::format("reply {} {}", request, text));
+  if (clients_[client].alive) clients_[client].sent.push_back(replyText(request, text));
 }
 
 std::string HandlerModel::connectionText(std::optional<ClientId> client) const {

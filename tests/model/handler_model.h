@@ -37,8 +37,10 @@ class HandlerModel {
   void runTurn();
   bool isIdle() const { return line_.empty(); }
 
-  // What the client was sent since it was last asked.
+  // What the client was sent since it was last asked, but for the answers to its dumps.
   std::vector<std::string> take(ClientId client);
+  // All answers to its dumps: each shows the moment at which the dump was its turn, and may be sent later.
+  const std::vector<std::string>& dumps(ClientId client) const { return clients_[client].dumps; }
 
  private:
   struct Subscription {
@@ -60,9 +62,11 @@ class HandlerModel {
     std::set<std::string> publications;
     std::map<std::string, std::shared_ptr<Subscription>> subscriptions;
     std::vector<std::string> sent;
+    std::vector<std::string> dumps;
   };
 
   void enqueue(ClientId client, std::function<void()> work);
+  static std::string replyText(std::uint64_t request, const std::string& text);
   void reply(ClientId client, std::uint64_t request, const std::string& text);
   bool exists(ClientId client) const { return clients_[client].alive || clients_[client].waitingCount > 0; }
   std::string connectionText(std::optional<ClientId> client) const;
