@@ -39,6 +39,8 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
   // When something was last sent to the client. Whoever delivers tells the item before (KLNPublishedObject::willChange()).
   const std::optional<Date>& lastUpdated() const { return lastUpdated_; }
   void setLastUpdated(std::optional<Date> date) { lastUpdated_ = date; }
+  // Once per delivery: an optional that is built to be copied costs more than the rest of it.
+  void setLastUpdated(Date date) { lastUpdated_ = date; }
   // The client's connection; null once it is gone.
   std::shared_ptr<xpc::Connection> owner() const { return owner_.lock(); }
   // The same without counting: good until whoever calls lets the input queue go on.
