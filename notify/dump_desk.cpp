@@ -22,14 +22,11 @@
 #include "notify/published_object.h"
 #include "notify/slice_line.h"
 #include "platform/foundation/check.h"
-#include "platform/logging/logger.h"
 #include "platform/xpc/connection.h"
 
 namespace keel {
 
 namespace {
-
-Logger& log = _loggerForCategory("notification");
 
 constexpr std::size_t kBytesPerWork = std::size_t{2} << 10;
 
@@ -80,7 +77,9 @@ void DumpDesk::begin(bool withData, const std::shared_ptr<xpc::Connection>& aske
   const auto isAsker = [&asker](const std::weak_ptr<xpc::Connection>& ended) { return ended.lock() == asker; };
   if (std::ranges::any_of(ended_, isAsker)) return;
   Dump& dump = dumps_.emplace_back(Dump{++lastNumber_, asker, DumpAnswer(itemCount_, withData), std::move(reply)});
-  for (const auto& ended : ended_) dump.answer.remember(ended.lock());
+  for (const auto& ended : ended_) {
+    if (const auto living = ended.lock()) dump.answer.remember(living);
+  }
   if (dumps_.size() > 1) return;
   next_ = first_;
   if (!work() || std::exchange(isInLine_, true)) return;
@@ -144,9 +143,8 @@ void DumpDesk::answerFirst() {
   dumps_.pop_front();
   next_ = first_;
   auto entries = whole.answer.take();
-  if (entries) return whole.reply(std::move(*entries), nullptr);
-  // Dropped, the reply answers with a failure.
-  log.error("a dump of all items cannot be kept in memory: {}", entries.error().message());
+  // Without memory for it the reply is dropped, and so answers with a failure.
+  if (entries) whole.reply(std::move(*entries), nullptr);
 }
 
 }  // namespace keel

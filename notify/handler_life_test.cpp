@@ -177,17 +177,39 @@ TEST_F(NotificationHandlerCleanUp, LetsOtherRequestsRunInBetween) {
   ASSERT_EQ(handler->publishedItems().size(), 1u);
   const Name left = handler->publishedItems().begin()->first;
   const Name freed = left == nameOf(0) ? nameOf(1) : nameOf(0);
-  Error tooEarly;
-  auto taken = service->newPublishedObjectWith(number(2), left, 0, 0, other.connection());
-  EXPECT_FALSE(service->publish(taken, &tooEarly));
-  EXPECT_EQ(tooEarly.code(), kDuplicate.code());
-  taken = service->newPublishedObjectWith(number(2), freed, 0, 0, other.connection());
+  auto taken = service->newPublishedObjectWith(number(2), freed, 0, 0, other.connection());
   EXPECT_TRUE(service->publish(taken, nullptr));
   executor.runAll();
   EXPECT_EQ(entry(left)->delegate(), nullptr);
   // What another client has taken over meanwhile stays its own.
   EXPECT_NE(entry(freed)->delegate(), nullptr);
   EXPECT_EQ(entry(freed)->owner(), other.connection());
+}
+
+TEST_F(NotificationHandlerCleanUp, NamesThatAreStillToComeCanBePublishedAndStayTheNextOnes) {
+  loseClient(kSlice + 2, 0);
+  executor.runOne();
+  ASSERT_EQ(handler->publishedItems().size(), 2u);
+  const Name first = handler->publishedItems().begin()->first;
+  const Name second = std::next(handler->publishedItems().begin())->first;
+  auto taken = service->newPublishedObjectWith(number(2), first, 0, 0, other.connection());
+  EXPECT_TRUE(service->publish(taken, nullptr));
+  EXPECT_TRUE(service->publishItem(number(3), second, 0, 0, other.connection(), nullptr));
+  executor.runAll();
+  for (const Name& name : {first, second}) {
+    EXPECT_NE(entry(name)->delegate(), nullptr);
+    EXPECT_EQ(entry(name)->owner(), other.connection());
+  }
+}
+
+TEST_F(NotificationHandlerCleanUp, IsForgottenWhenItIsDone) {
+  loseClient(kSlice + 1, 0);
+  executor.runAll();
+  mustPublish(other, "n", 1);
+  auto again = service->newPublishedObjectWith(number(2), "n", 0, 0, one.connection());
+  Error error;
+  EXPECT_FALSE(service->publish(again, &error));
+  EXPECT_EQ(error.code(), kDuplicate.code());
 }
 
 TEST_F(NotificationHandlerCleanUp, NamesWithManySubscribersCountMore) {

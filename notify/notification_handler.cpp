@@ -68,13 +68,14 @@ std::size_t weightOf(KLNPublishedObject& item) {
   return 1 + (item.subscribers() != nullptr ? item.subscribers()->count() / kSubscribersPerName : 0);
 }
 
-// Tells what a client had that its connection is gone, and lets go of it, until the slice is full.
-template <class Table>
-void endObjects(Table& table, std::size_t& done) {
+// Tells what a client had, unless it is another's by now, that its connection is gone, and lets go of it, until the slice is
+// full.
+template <class Table, class IsOwn>
+void endObjects(Table& table, std::size_t& done, IsOwn isOwn) {
   while (!table.empty() && done < KLNNotificationHandler::kCleanUpSlice) {
     const auto ending = table.begin();
     done += weightOf(*ending->second);
-    ending->second->connectionIsInvalid();
+    if (isOwn(*ending->second)) ending->second->connectionIsInvalid();
     table.erase(ending);
   }
 }
@@ -214,26 +215,33 @@ void KLNNotificationHandler::connectionInvalidated() {
             connection ? connection->auditSessionIdentifier() : 0);
   const auto& service = KLNNotificationService::defaultService();
   if (connection) service->dumpDesk().connectionEnds(connection);
-  queueWork(*service, [handler = shared_from_this(), service] { handler->cleanUp(*service); });
+  queueWork(*service, [handler = shared_from_this(), service] { handler->cleanUp(service); });
 }
 
-void KLNNotificationHandler::cleanUp(KLNNotificationService& service) {
+void KLNNotificationHandler::cleanUp(const std::shared_ptr<KLNNotificationService>& service) {
   log.debug("NotifyService unsubscribing");
   CleanUp stage = CleanUp::subscriptions;
   if (!cleanUpSlice(stage)) return;
-  service.sliceLine().add([handler = shared_from_this(), stage]() mutable { return handler->cleanUpSlice(stage); });
+  service->beginCleanUp(xpcConnection_);
+  // Weakly, since the service holds the line.
+  const std::weak_ptr<KLNNotificationService> weak = service;
+  service->sliceLine().add([handler = shared_from_this(), weak, stage]() mutable {
+    if (handler->cleanUpSlice(stage)) return true;
+    if (const auto living = weak.lock()) living->endCleanUp(handler->xpcConnection_);
+    return false;
+  });
 }
 
 // Says whether anything is left.
 bool KLNNotificationHandler::cleanUpSlice(CleanUp& stage) {
   std::size_t done = 0;
   if (stage == CleanUp::subscriptions) {
-    endObjects(subscriptions_, done);
+    endObjects(subscriptions_, done, [](const KLNSubscriptionObject&) { return true; });
     if (!subscriptions_.empty()) return true;
     log.debug("NotifyService unpublishing");
     stage = CleanUp::publications;
   }
-  endObjects(publishedItems_, done);
+  endObjects(publishedItems_, done, [this](const KLNPublishedObject& item) { return item.isOwnedBy(xpcConnection_); });
   return !publishedItems_.empty();
 }
 

@@ -68,7 +68,7 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   Error update(Dictionary item, const Name& name);
   Error remove(KLNNotificationService& service, const Name& name);
   enum class CleanUp : std::uint8_t { subscriptions, publications };
-  void cleanUp(KLNNotificationService& service);
+  void cleanUp(const std::shared_ptr<KLNNotificationService>& service);
   bool cleanUpSlice(CleanUp& stage);
 
   PublishedItems publishedItems_;

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "notify/dump_desk.h"
@@ -74,7 +75,7 @@ bool KLNNotificationService::publish(std::shared_ptr<KLNPublishedObject>& item, 
     enter(item->name(), item);
     return true;
   }
-  if (placeholder->delegate()) {
+  if (isPublished(*placeholder)) {
     const std::string text = fmt::format("the key {} has already been published", item->name());
     return refuse(error, errDuplicate, Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), text}})));
   }
@@ -95,7 +96,7 @@ bool KLNNotificationService::publishItem(Dictionary data, Name name, std::uint64
     return true;
   }
   log.debug("publishItem: we are publishing to an item ({}) that already has subscribers", name);
-  if (placeholder->delegate()) {
+  if (isPublished(*placeholder)) {
     log.error("publishItem: someone else has already published {}", name);
     return refuse(error, errDuplicate);
   }
@@ -197,6 +198,20 @@ std::shared_ptr<KLNNotificationService>& KLNNotificationService::overridingServi
 std::shared_ptr<KLNPublishedObject> KLNNotificationService::itemOfName(const Name& name) const {
   const auto found = published_.find(name);
   return found == published_.end() ? nullptr : found->second;
+}
+
+bool KLNNotificationService::isPublished(KLNPublishedObject& item) {
+  const auto isOwner = [&item](const auto& owner) { return item.isOwnedBy(owner); };
+  if (item.delegate() && std::ranges::any_of(cleanedUp_, isOwner)) item.connectionIsInvalid();
+  return item.delegate() != nullptr;
+}
+
+void KLNNotificationService::beginCleanUp(const std::weak_ptr<xpc::Connection>& owner) {
+  cleanedUp_.push_back(owner);
+}
+
+void KLNNotificationService::endCleanUp(const std::weak_ptr<xpc::Connection>& owner) {
+  std::erase_if(cleanedUp_, [&owner](const auto& each) { return !each.owner_before(owner) && !owner.owner_before(each); });
 }
 
 void KLNNotificationService::enter(const Name& name, std::shared_ptr<KLNPublishedObject> item) {

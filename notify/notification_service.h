@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
+#include <vector>
 
 #include "notify/published_object.h"
 #include "notify/subscription_object.h"
@@ -87,6 +88,10 @@ class KLNNotificationService {
   PublishedItems& published() { return published_; }
   const CountedConnections& publishers() const { return publishers_; }
   SliceLine& sliceLine() { return *sliceLine_; }
+  // The publications of that client, which is gone, are ended in slices: whoever publishes one that has yet to be ended finds
+  // it ended, too.
+  void beginCleanUp(const std::weak_ptr<xpc::Connection>& owner);
+  void endCleanUp(const std::weak_ptr<xpc::Connection>& owner);
   DumpDesk& dumpDesk() { return *dumpDesk_; }
 
  private:
@@ -94,6 +99,8 @@ class KLNNotificationService {
 
   // Null when there is none.
   std::shared_ptr<KLNPublishedObject> itemOfName(const Name& name) const;
+  // Whether somebody publishes it. Ends the publication first if that is about to be done anyhow.
+  bool isPublished(KLNPublishedObject& item);
   void enter(const Name& name, std::shared_ptr<KLNPublishedObject> item);
   void follow(const std::shared_ptr<KLNSubscriptionObject>& subscription, const std::shared_ptr<KLNPublishedObject>& item);
   void queueFirstDelivery(std::shared_ptr<KLNSubscriptionObject> subscription, std::shared_ptr<KLNPublishedObject> item);
@@ -105,6 +112,7 @@ class KLNNotificationService {
   const std::shared_ptr<SerialQueue> updateQ_;
   const std::shared_ptr<SliceLine> sliceLine_;
   const std::shared_ptr<DumpDesk> dumpDesk_;
+  std::vector<std::weak_ptr<xpc::Connection>> cleanedUp_;  // owners whose publications are being ended
 };
 
 // For tests: makes `service` the default one until the token is destroyed. Tokens nest.

@@ -11,6 +11,12 @@
 
 namespace keel {
 
+namespace {
+
+constexpr std::size_t kManySubscribers = 100;
+
+}  // namespace
+
 void KLNPublishBehavior::addTarget(const std::shared_ptr<KLNPublishedObject>& item) {
   setPublished(item);
   if (item) item->setDelegate(shared_from_this());
@@ -24,6 +30,8 @@ void KLNPublishBehavior::updateWithData(Dictionary data) {
   if (SubscriberSet* const subscribers = item->subscribers()) {
     const xpc::FanOut fanOut(subscribers->count());
     subscribers->forEach([&data](KLNSubscriptionObject& subscription) { subscription.updateWithData(data); });
+    // What took long makes the date old.
+    if (subscribers->count() > kManySubscribers) beginDateOfBlock();
   }
 }
 

@@ -73,6 +73,10 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   // The publisher's connection; null once it is gone.
   std::shared_ptr<xpc::Connection> owner() const { return owner_.lock(); }
   const std::weak_ptr<xpc::Connection>& ownerReference() const { return owner_; }
+  // Whether its owner is, or was, that very connection.
+  bool isOwnedBy(const std::weak_ptr<xpc::Connection>& connection) const {
+    return !owner_.owner_before(connection) && !connection.owner_before(owner_);
+  }
   void setOwner(const std::shared_ptr<xpc::Connection>& owner) {
     willChange();
     owner_ = owner;

@@ -126,6 +126,8 @@ void Connection::sendFailure(std::uint64_t requestId, FailureCode code, std::str
 void Connection::sendAnswer(std::uint64_t requestId, OutgoingMessage& message) {
   if (transport_->onIoThread()) {
     transport_->send(message, EndOfTurn::Urgency::urgent);
+    // A large answer is not held until the next one.
+    if (!message.splices().empty() || !message.files().empty()) message.begin();
     return requestAnswered(requestId);
   }
   transport_->perform([self = shared_from_this(), requestId, moved = std::move(message)] {

@@ -52,6 +52,7 @@ class RemoteProxy {
     void forget() override {
       number = -1;
       arguments = {};
+      message.begin();
     }
   };
 
