@@ -39,8 +39,8 @@ class NotifyProxy {
   // "keel_" + short name of each enabled module, to the service name of its job.
   virtual void getModuleTableWithHandler(xpc::Reply<Dictionary> handler) = 0;
 
-  // Describes the item of that name, or all for "_all": as they were when it was this request's turn, though deliveries of later
-  // changes may come before the answer. Code 11 with an empty array for an unknown name.
+  // Describes the item of that name, or all for "_all": as they were when it was this request's turn, though deliveries of
+  // later changes may come before the answer. Code 11 with an empty array for an unknown name.
   virtual void dumpNotification(Name name, bool withData, xpc::Reply<Array, Error> andHandler) = 0;
 };
 
