@@ -72,8 +72,13 @@ void DumpDesk::leave(KLNPublishedObject& item) {
   --itemCount_;
 }
 
-void DumpDesk::begin(bool withData, const std::shared_ptr<xpc::Connection>& asker, Reply reply) {
+// Of the connections that ended, those that nobody holds any more.
+void DumpDesk::forgetTheGone() {
   std::erase_if(ended_, [](const std::weak_ptr<xpc::Connection>& ended) { return ended.expired(); });
+}
+
+void DumpDesk::begin(bool withData, const std::shared_ptr<xpc::Connection>& asker, Reply reply) {
+  forgetTheGone();
   const auto isAsker = [&asker](const std::weak_ptr<xpc::Connection>& ended) { return ended.lock() == asker; };
   if (std::ranges::any_of(ended_, isAsker)) return;
   Dump& dump = dumps_.emplace_back(Dump{++lastNumber_, asker, DumpAnswer(itemCount_, withData), std::move(reply)});
@@ -103,9 +108,7 @@ void DumpDesk::connectionEnds(const std::shared_ptr<xpc::Connection>& connection
     }
   }
   if (firstIsDropped) next_ = first_;
-  if (ended_.size() == ended_.capacity()) {
-    std::erase_if(ended_, [](const std::weak_ptr<xpc::Connection>& ended) { return ended.expired(); });
-  }
+  if (ended_.size() == ended_.capacity()) forgetTheGone();
   ended_.push_back(connection);
 }
 

@@ -55,6 +55,7 @@ class DumpDesk : public std::enable_shared_from_this<DumpDesk> {
  private:
   struct Dump;
 
+  void forgetTheGone();
   bool work();
   void answerFirst();
 

@@ -8,6 +8,7 @@
 
 #include "notify/dump_desk.h"
 #include "notify/publish_behavior.h"
+#include "notify/same_object.h"
 #include "notify/slice_line.h"
 #include "notify/subscriber_behavior.h"
 #include "platform/dispatch/reactor.h"
@@ -211,7 +212,7 @@ void KLNNotificationService::beginCleanUp(const std::weak_ptr<xpc::Connection>& 
 }
 
 void KLNNotificationService::endCleanUp(const std::weak_ptr<xpc::Connection>& owner) {
-  std::erase_if(cleanedUp_, [&owner](const auto& each) { return !each.owner_before(owner) && !owner.owner_before(each); });
+  std::erase_if(cleanedUp_, [&owner](const auto& each) { return sameObject(each, owner); });
 }
 
 void KLNNotificationService::enter(const Name& name, std::shared_ptr<KLNPublishedObject> item) {

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "notify/dump_desk.h"
+#include "notify/same_object.h"
 #include "notify/subscriber_set.h"
 #include "platform/foundation/collections.h"
 #include "platform/foundation/date.h"
@@ -74,9 +75,7 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   std::shared_ptr<xpc::Connection> owner() const { return owner_.lock(); }
   const std::weak_ptr<xpc::Connection>& ownerReference() const { return owner_; }
   // Whether its owner is, or was, that very connection.
-  bool isOwnedBy(const std::weak_ptr<xpc::Connection>& connection) const {
-    return !owner_.owner_before(connection) && !connection.owner_before(owner_);
-  }
+  bool isOwnedBy(const std::weak_ptr<xpc::Connection>& connection) const { return sameObject(owner_, connection); }
   void setOwner(const std::shared_ptr<xpc::Connection>& owner) {
     willChange();
     owner_ = owner;

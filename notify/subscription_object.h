@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 
+#include "notify/same_object.h"
 #include "platform/foundation/date.h"
 #include "platform/foundation/string.h"
 #include "platform/xpc/connection.h"
@@ -61,11 +62,6 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
  private:
   KLNSubscriptionObject(Name name, const std::shared_ptr<xpc::Connection>& owner)
       : owner_(owner), borrowedOwner_(owner.get()), name_(std::move(name)) {}
-
-  // References that count for the same object, dead or alive.
-  static bool sameObject(const std::weak_ptr<xpc::Connection>& left, const std::shared_ptr<xpc::Connection>& right) {
-    return !left.owner_before(right) && !right.owner_before(left);
-  }
 
   std::shared_ptr<protocols::SubscriberBehavior> delegate_;
   std::optional<Date> lastUpdated_;
