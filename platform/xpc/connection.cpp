@@ -137,15 +137,16 @@ void Connection::sendAnswer(std::uint64_t requestId, OutgoingMessage& message) {
 }
 
 // Without a queue everything that counts is on the I/O thread, and nothing has to be locked.
-std::uint32_t Connection::changeUnanswered(std::uint32_t difference) {
-  if (queue_) return unansweredCount_.fetch_add(difference, std::memory_order_relaxed) + difference;
-  const std::uint32_t changed = unansweredCount_.load(std::memory_order_relaxed) + difference;
+std::uint32_t Connection::changeUnanswered(std::int32_t difference) {
+  const auto added = static_cast<std::uint32_t>(difference);
+  if (queue_) return unansweredCount_.fetch_add(added, std::memory_order_relaxed) + added;
+  const std::uint32_t changed = unansweredCount_.load(std::memory_order_relaxed) + added;
   unansweredCount_.store(changed, std::memory_order_relaxed);
   return changed;
 }
 
 void Connection::requestAnswered(std::uint64_t requestId) {
-  changeUnanswered(-std::uint32_t{1});
+  changeUnanswered(-1);
   if (requestId == heavyRequestId_) {
     heavyRequestId_ = 0;
     // Not before what this answer made wait was counted, at the end of the turn.

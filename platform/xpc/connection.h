@@ -174,9 +174,8 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   bool refuseOverQuota(std::optional<std::uint64_t> requestId);
   void interrupted(std::string_view why);
   void sendAnswer(std::uint64_t requestId, OutgoingMessage& message);
-  // Both return the new count.
-  std::uint32_t countUnanswered() { return changeUnanswered(1); }
-  std::uint32_t changeUnanswered(std::uint32_t difference);
+  // Returns the new count.
+  std::uint32_t changeUnanswered(std::int32_t difference);
   // On the I/O thread.
   void requestAnswered(std::uint64_t requestId);
   void adjustReading();

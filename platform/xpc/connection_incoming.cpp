@@ -219,14 +219,14 @@ bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vecto
   reader.setConfidential(confidential_);
   reader.setBrief(weight == Weight::brief && !queue_);
   if (weight == Weight::lasting && !reader.mayHoldMore()) return refuseOverQuota(id);
-  if (call.route && countUnanswered() > limits::kUnansweredRequests && !readingPaused_) {
+  if (call.route && changeUnanswered(1) > limits::kUnansweredRequests && !readingPaused_) {
     transport_->perform([self = shared_from_this()] { self->adjustReading(); });
   }
   return serve(method, reader, argumentCount, call);
 }
 
 void Connection::queueHeavy(HeavyRequest request) {
-  countUnanswered();
+  changeUnanswered(1);
   heavyRequestId_ = request.call.requestId;
   adjustReading();
   options_.heavyTurns->enter(options_.quota.account, [self = shared_from_this(), held = std::move(request)]() mutable {

@@ -66,7 +66,7 @@ class RemoteProxy {
     const bool takesDescriptors = connection_->takesDescriptors();
     Memo<M>& memo = memos[takesDescriptors ? 1 : 0];
     FanOut* const fanOut = FanOut::current();
-    if (fanOut == nullptr || memo.number != number || !fanOut->keeps(memo) || !same<M>(memo.arguments, arguments)) {
+    if (fanOut == nullptr || memo.number != number || !same<M>(memo.arguments, arguments)) {
       cbor::Writer writer = memo.message.begin();
       writer.array(3);
       writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::oneWay));
