@@ -124,7 +124,7 @@ class Challenges(AuthTest):
         # What leavers held is there again. Were it a single challenge less each time, there would soon be too few.
         room, rounds = 30, 20
         self.assertEqual(attacker.do(answer_challenges, room), [5] * room)
-        ended = len(self.daemon.logged(INVALIDATED))
+        ended = self.daemon.times_logged(INVALIDATED, 1)
         for number in range(1, rounds + 1):
             leaver = self.process(BOB)
             with HeldUpPasswords(of="bob") as gate:

@@ -136,6 +136,11 @@ class Daemon:
             raise AssertionError(f"not logged: {text!r} {count} times, but {len(found)}" + ("" if came else " (hung)"))
         return found[count - 1]
 
+    def times_logged(self, text, least, level=None, category=None):
+        """How many such lines there are once there are `least`: lines may be read later than an answer that they came before."""
+        self.wait_for_log(text, least, level, category)
+        return len(self.logged(text, level, category))
+
     # -- its process
 
     def signal(self, number):
