@@ -13,6 +13,7 @@
 #include "notify/dump_desk.h"
 #include "notify/notification_service.h"
 #include "notify/slice_line.h"
+#include "notify/update_line.h"
 #include "platform/foundation/value.h"
 #include "platform/logging/logger.h"
 #include "platform/product/product.h"
@@ -169,19 +170,29 @@ void KLNNotificationHandler::updatePublishedItem(Dictionary item, Name name, xpc
   if (log.enabled(LogLevel::debug)) {
     log.debug("updatePublishedItem: updating {} from {}", name, describe(xpcConnection()));
   }
-  queueWork(*KLNNotificationService::defaultService(),
-            [handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler),
-             item = std::move(item)]() mutable { reply(handler->update(std::move(item), name)); });
+  KLNNotificationService::defaultService()->updateLine().add(*this, std::move(name), std::move(item), std::move(withHandler));
 }
 
-Error KLNNotificationHandler::update(Dictionary item, const Name& name) {
-  const auto found = publishedItems_.find(name);
+void KLNNotificationHandler::update(UpdateBatch& batch) {
+  const auto found = publishedItems_.find(batch.name);
   if (found == publishedItems_.end()) {
-    log.error("updatePublishedItem: item : {} not found", name);
-    return Error(KLNErrorDomain, errNotFound);
+    for (auto& reply : batch.replies) {
+      log.error("updatePublishedItem: item : {} not found", batch.name);
+      reply(Error(KLNErrorDomain, errNotFound));
+    }
+    return;
   }
-  found->second->updateWithData(std::move(item));
-  return nullptr;
+  KLNPublishedObject& item = *found->second;
+  if (batch.data.size() > 1 && item.subscriberForConnection(xpcConnection())) {
+    // Who follows what he publishes hears of each before its answer, and of the next one behind it.
+    for (std::size_t i = 0; i < batch.data.size(); ++i) {
+      item.updateWithData(std::move(batch.data[i]));
+      batch.replies[i](nullptr);
+    }
+    return;
+  }
+  item.updateWithSeries(batch.data);
+  for (auto& reply : batch.replies) reply(nullptr);
 }
 
 void KLNNotificationHandler::removePublishedItemForName(Name name, xpc::Reply<Error> withHandler) {

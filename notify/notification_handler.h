@@ -15,6 +15,7 @@
 namespace keel {
 
 class KLNNotificationService;
+struct UpdateBatch;
 
 // Serves one client of the notify service, and knows what this client published and follows. Requests arrive on the
 // connection's queue; what touches the registry or the tables here runs on the registry's input queue, in the order of arrival,
@@ -52,6 +53,9 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   // become placeholders. Other requests may run in between, never in the middle of one name.
   void connectionInvalidated();
 
+  // What those updates ask for, and their answers. On the input queue.
+  void update(UpdateBatch& batch);
+
   // Both on the input queue only.
   const PublishedItems& publishedItems() const { return publishedItems_; }
   const Subscriptions& subscriptions() const { return subscriptions_; }
@@ -65,7 +69,6 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   void unsubscribe(KLNNotificationService& service, const Name& name);
   Error publish(KLNNotificationService& service, const Dictionary& item, const Name& name, std::uint64_t flags,
                 std::int64_t value);
-  Error update(Dictionary item, const Name& name);
   Error remove(KLNNotificationService& service, const Name& name);
   enum class CleanUp : std::uint8_t { subscriptions, publications };
   void cleanUp(const std::shared_ptr<KLNNotificationService>& service);

@@ -11,6 +11,7 @@
 #include "notify/same_object.h"
 #include "notify/slice_line.h"
 #include "notify/subscriber_behavior.h"
+#include "notify/update_line.h"
 #include "platform/dispatch/reactor.h"
 #include "platform/dispatch/system.h"
 #include "platform/logging/logger.h"
@@ -48,7 +49,8 @@ KLNNotificationService::KLNNotificationService(Executor& executor)
     : inputQ_(SerialQueue::create("KLNNotificationInputQ", executor)),
       updateQ_(SerialQueue::create("KLNNotificationUpdateQ", executor)),
       sliceLine_(std::make_shared<SliceLine>(inputQ_)),
-      dumpDesk_(std::make_shared<DumpDesk>(sliceLine_)) {}
+      dumpDesk_(std::make_shared<DumpDesk>(sliceLine_)),
+      updateLine_(std::make_shared<UpdateLine>(inputQ_)) {}
 
 KLNNotificationService::~KLNNotificationService() = default;
 

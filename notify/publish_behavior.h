@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 
 #include "protocols/publish_behavior.h"
 
@@ -18,6 +19,7 @@ class KLNPublishBehavior final : public protocols::PublishBehavior, public std::
 
   // Equal data are news too.
   void updateWithData(Dictionary data) override;
+  void updateWithSeries(std::span<const Dictionary> series) override;
   // Data and date stay.
   void updateWithError(Error error) override;
   // Sends errPublisherDisconnected, then leaves the item, which becomes a placeholder. Whoever calls holds this behaviour.
@@ -31,6 +33,9 @@ class KLNPublishBehavior final : public protocols::PublishBehavior, public std::
   void setPublished(const std::shared_ptr<KLNPublishedObject>& published) { published_ = published; }
 
  private:
+  template <class Tell>
+  void deliver(KLNPublishedObject& item, const Dictionary& data, Tell tell);
+
   std::weak_ptr<KLNPublishedObject> published_;
 };
 

@@ -45,6 +45,11 @@ void KLNPublishedObject::updateWithData(Dictionary data) {
   setData(std::move(data));
 }
 
+void KLNPublishedObject::updateWithSeries(std::span<const Dictionary> series) {
+  if (const auto delegate = delegate_) return delegate->updateWithSeries(series);
+  protocols::PublishBehavior::updateWithSeries(series);
+}
+
 void KLNPublishedObject::updateWithError(Error error) {
   if (const auto delegate = delegate_) delegate->updateWithError(std::move(error));
 }

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <optional>
+#include <span>
 
 #include "notify/dump_desk.h"
 #include "notify/same_object.h"
@@ -45,6 +46,7 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   // The behaviour's business where there is one. A placeholder stores data without a date and tells nobody, ignores errors, may
   // always be dropped, and keeps its set of subscribers itself.
   void updateWithData(Dictionary data) override;
+  void updateWithSeries(std::span<const Dictionary> series) override;
   void updateWithError(Error error) override;
   void connectionIsInvalid() override;
   bool remove() override;

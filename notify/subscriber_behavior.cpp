@@ -51,6 +51,18 @@ void SubscriberBehavior::updateWithData(const Dictionary& data) {
   subscription->setLastUpdated(dateOfBlock());
 }
 
+void SubscriberBehavior::updateWithSeries(std::span<const Dictionary> series) {
+  KLNSubscriptionObject* const subscription = borrowedSubscriber();
+  xpc::Connection* const connection = subscription != nullptr ? subscription->borrowedOwner() : nullptr;
+  if (connection == nullptr || log.enabled(LogLevel::debug)) return protocols::SubscriberBehavior::updateWithSeries(series);
+  const std::uint64_t flags = 0;
+  const Error none;
+  xpc::borrowedProxyOf<SubscriberProxy>(*connection, SendFailure{*subscription})
+      .callSeries<&SubscriberProxy::updateSubscriptionFor>(
+          series, [&](const Dictionary& data) { return std::tie(subscription->name(), data, flags, none); });
+  subscription->setLastUpdated(dateOfBlock());
+}
+
 void SubscriberBehavior::updateWithError(Error error) {
   const auto held = subscriber();
   if (log.enabled(LogLevel::debug)) log.debug("SubscriberBehavior:updateWithError: {}", nameOf(held.get()));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 
 #include "protocols/subscriber_behavior.h"
 
@@ -18,6 +19,8 @@ class SubscriberBehavior final : public protocols::SubscriberBehavior, public st
 
   // As KLNSubscriptionObject says of itself. A subscription that is gone counts as one whose client is gone.
   void updateWithData(const Dictionary& data) override;
+  // Small data (xpc::FanOut) travel together.
+  void updateWithSeries(std::span<const Dictionary> series) override;
   void updateWithError(Error error) override;
   void connectionIsInvalid() override;
 

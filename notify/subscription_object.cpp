@@ -47,6 +47,11 @@ void KLNSubscriptionObject::updateWithData(const Dictionary& data) {
   lastUpdated_ = dateOfBlock();
 }
 
+void KLNSubscriptionObject::updateWithSeries(std::span<const Dictionary> series) {
+  if (!delegate_ || log.enabled(LogLevel::debug)) return protocols::SubscriberBehavior::updateWithSeries(series);
+  delegate_->updateWithSeries(series);
+}
+
 void KLNSubscriptionObject::updateWithError(Error error) {
   log.debug("updateWithError: {}", name_);
   if (delegate_) return delegate_->updateWithError(std::move(error));

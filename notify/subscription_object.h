@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 
 #include "notify/same_object.h"
 #include "platform/foundation/date.h"
@@ -29,6 +30,7 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
   // Sends `data` to the client and returns at once; `data` may be null (an item without data). A client that is gone: logged,
   // nothing sent, lastUpdated() unchanged. A failure to send is logged later and changes nothing.
   void updateWithData(const Dictionary& data) override;
+  void updateWithSeries(std::span<const Dictionary> series) override;
   // The same with an error. An error whose code is errPublisherDisconnected, of whatever domain, is dropped: the client hears
   // of the name again when somebody publishes it.
   void updateWithError(Error error) override;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 
 #include "platform/foundation/collections.h"
 #include "platform/foundation/error.h"
@@ -17,6 +18,10 @@ class PublishBehavior {
  public:
   virtual ~PublishBehavior() = default;
   virtual void updateWithData(Dictionary data) = 0;
+  // The same with each of `series`, one after the other and with nothing in between.
+  virtual void updateWithSeries(std::span<const Dictionary> series) {
+    for (const Dictionary& data : series) updateWithData(data);
+  }
   virtual void updateWithError(Error error) = 0;
   // The publisher's connection has ended.
   virtual void connectionIsInvalid() = 0;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <span>
+
 #include "platform/foundation/collections.h"
 #include "platform/foundation/error.h"
 
@@ -11,6 +13,10 @@ class SubscriberBehavior {
  public:
   virtual ~SubscriberBehavior() = default;
   virtual void updateWithData(const Dictionary& data) = 0;
+  // The same with each of `series`, one after the other and with nothing in between.
+  virtual void updateWithSeries(std::span<const Dictionary> series) {
+    for (const Dictionary& data : series) updateWithData(data);
+  }
   virtual void updateWithError(Error error) = 0;
   // The subscriber's own connection has ended.
   virtual void connectionIsInvalid() = 0;

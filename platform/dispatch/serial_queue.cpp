@@ -22,16 +22,20 @@ SerialQueue::~SerialQueue() {
   abandon();
 }
 
-void SerialQueue::submit(Block&& block, Executor& executor) {
+std::uint64_t SerialQueue::submit(Block&& block, Executor& executor) {
   KEEL_CHECK(block);
+  std::uint64_t number = 0;
   {
     const std::lock_guard lock(mutex_);
     // A block that is not taken is destroyed by the caller, outside the lock: its destruction may come back here.
-    if (state_ == State::abandoned) return;
+    number = lastNumber_.load(std::memory_order_relaxed) + 1;
+    lastNumber_.store(number, std::memory_order_relaxed);
+    if (state_ == State::abandoned) return number;
     add(std::move(block), executor);
-    if (std::exchange(state_, State::scheduled) == State::scheduled) return;
+    if (std::exchange(state_, State::scheduled) == State::scheduled) return number;
   }
   executor.schedule(shared_from_this());
+  return number;
 }
 
 void SerialQueue::add(Block&& block, Executor& executor) {

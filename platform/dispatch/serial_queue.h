@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -28,11 +29,14 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
 
   const std::string& label() const { return label_; }
 
-  // Submits `block`. From any thread, also from a block of this queue, and from the destruction of one.
-  void async(Block&& block) { submit(std::move(block), executor_); }
+  // Submits `block`. From any thread, also from a block of this queue, and from the destruction of one. Returns its number: as
+  // long as lastNumber() is the same, nothing was submitted behind it.
+  std::uint64_t async(Block&& block) { return submit(std::move(block), executor_); }
   // The same, but that block alone runs on `elsewhere`, borrowed as the queue's own executor is: it may have to wait where
   // those before and behind it may not. It waits for its turn like any other, and those behind wait for it.
   void asyncOn(Executor& elsewhere, Block&& block) { submit(std::move(block), elsewhere); }
+
+  std::uint64_t lastNumber() const { return lastNumber_.load(std::memory_order_relaxed); }
 
   // True in a block of this queue, on the thread that runs it, and while that block is being destroyed after it ran.
   bool isCurrent() const;
@@ -57,17 +61,18 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
   };
 
   SerialQueue(std::string label, Executor& executor) : label_(std::move(label)), executor_(executor), waitingOn_(&executor) {}
-  void submit(Block&& block, Executor& executor);
+  std::uint64_t submit(Block&& block, Executor& executor);
   void add(Block&& block, Executor& executor);  // under mutex_
 
   const std::string label_;
   Executor& executor_;
   std::mutex mutex_;
-  State state_ = State::idle;  // under mutex_
-  BlockBatch waiting_;         // for the next turn; under mutex_
-  Executor* waitingOn_;        // where that is run; under mutex_
-  std::list<Stretch> later_;   // for the turns behind it, empty as long as all is for the same executor; under mutex_
-  BlockBatch running_;         // touched by the running turn alone
+  State state_ = State::idle;                 // under mutex_
+  std::atomic<std::uint64_t> lastNumber_{0};  // changed under mutex_
+  BlockBatch waiting_;                        // for the next turn; under mutex_
+  Executor* waitingOn_;                       // where that is run; under mutex_
+  std::list<Stretch> later_;  // for the turns behind it, empty as long as all is for the same executor; under mutex_
+  BlockBatch running_;        // touched by the running turn alone
 };
 
 }  // namespace keel

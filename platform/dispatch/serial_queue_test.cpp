@@ -55,6 +55,19 @@ TEST_F(SerialQueueTest, RunsBlocksInTheOrderOfSubmissionInOneTurn) {
   EXPECT_EQ(executor_.scheduledCount(), 0U);
 }
 
+TEST_F(SerialQueueTest, TellsWhetherABlockIsStillTheLast) {
+  const std::uint64_t first = queue_->async([] {});
+  EXPECT_EQ(queue_->lastNumber(), first);
+  EXPECT_TRUE(executor_.runOne());
+  EXPECT_EQ(queue_->lastNumber(), first);
+  queue_->asyncOn(executor_, [] {});
+  EXPECT_NE(queue_->lastNumber(), first);
+  const std::uint64_t third = queue_->async([] {});
+  EXPECT_NE(third, first);
+  EXPECT_EQ(queue_->lastNumber(), third);
+  executor_.runAll();
+}
+
 TEST_F(SerialQueueTest, RunsWhatABlockSubmitsInTheNextTurn) {
   queue_->async([this] {
     queue_->async([this] { ran_.push_back(3); });

@@ -81,7 +81,11 @@ void Connection::queueFrame(std::span<const std::byte> bytes, std::vector<FileDe
     });
   };
   files.clear();
-  slow != nullptr ? queue_->asyncOn(*slow, std::move(work)) : queue_->async(std::move(work));
+  if (slow != nullptr) {
+    queue_->asyncOn(*slow, std::move(work));
+  } else {
+    queue_->async(std::move(work));
+  }
 }
 
 void Connection::onOversizedFrame(std::size_t sizeBytes, std::span<const std::byte> beginning) {

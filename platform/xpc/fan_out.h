@@ -4,6 +4,8 @@
 #include <array>
 #include <cstddef>
 
+#include "platform/xpc/limits.h"
+
 namespace keel::xpc {
 
 // A stretch of code that makes the same one-way call to several connections in a row. While one lives on a thread, a call that
@@ -28,6 +30,10 @@ class FanOut {
   ~FanOut();
   FanOut(const FanOut&) = delete;
   FanOut& operator=(const FanOut&) = delete;
+
+  // How much of a series (RemoteProxy::callSeries) is encoded together, and how large its values may be.
+  static constexpr std::size_t kSeriesBytes = 32u << 10;
+  static constexpr std::size_t kLargestInSeriesBytes = limits::kSharedPieceBytes - 1;
 
   // The innermost of this thread; null where no calls are expected to be equal.
   static FanOut* current();

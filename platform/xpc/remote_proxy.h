@@ -3,6 +3,7 @@
 
 #include <array>
 #include <memory>
+#include <span>
 #include <tuple>
 #include <utility>
 
@@ -39,6 +40,16 @@ class RemoteProxy {
       static_assert(sizeof...(Given) == std::tuple_size_v<typename M::Sent>, "one for each parameter");
       callOneWay<M>(std::index_sequence_for<Given...>(), given...);
     }
+  }
+
+  // A one-way call for each of `series`, whose arguments are argumentsOf(each): references to small values
+  // (FanOut::kLargestInSeriesBytes). While a FanOut lives, which is to see one series only, it is encoded once for all
+  // connections to which the first call would be the same.
+  template <auto Member, class Each, class ArgumentsOf>
+  void callSeries(std::span<const Each> series, ArgumentsOf argumentsOf) {
+    using M = typename MethodsOf<Protocol>::template MethodOf<Member>;
+    static_assert(!M::kHasReply);
+    sendSeries<M>(series, argumentsOf);
   }
 
  private:
@@ -81,6 +92,36 @@ class RemoteProxy {
     } else if (!connection_->isConfidential()) {
       memo.message.share();
     }
+    connection_->sendOneWay(memo.message);
+  }
+
+  template <class M, class Each, class ArgumentsOf>
+  void sendSeries(std::span<const Each> series, ArgumentsOf argumentsOf) {
+    const std::int64_t number = numberOf<M>();
+    if (number < 0) {
+      // Each call has failed, not only the first.
+      for (std::size_t i = 1; i < series.size(); ++i) numberOf<M>();
+      return;
+    }
+    // Small values travel in the message itself, whatever the peer takes.
+    thread_local Memo<M> memo;
+    FanOut* const fanOut = FanOut::current();
+    if (fanOut == nullptr || memo.number != number || !same<M>(memo.arguments, argumentsOf(series.front()))) {
+      memo.number = -1;
+      memo.message.begin();
+      for (const Each& each : series) {
+        cbor::Writer writer = &each == series.data() ? memo.message.writer() : memo.message.beginNext();
+        writer.array(3);
+        writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::oneWay));
+        writer.unsignedInteger(static_cast<std::uint64_t>(number));
+        KEEL_CHECK(write(memo.message, /*takesDescriptors=*/false, argumentsOf(each)));
+      }
+      if (fanOut != nullptr && fanOut->keep(memo)) {
+        memo.arguments = argumentsOf(series.front());
+        memo.number = number;
+      }
+    }
+    if (memo.number >= 0 && !connection_->isConfidential()) memo.message.share();
     connection_->sendOneWay(memo.message);
   }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 
+#include "platform/foundation/check.h"
 #include "platform/foundation/sealed_memory.h"
 #include "platform/foundation/secret.h"
 #include "platform/xpc/limits.h"
@@ -21,14 +22,22 @@ cbor::Writer OutgoingMessage::begin() {
   splices_.clear();
   files_.clear();
   splicedBytes_ = 0;
+  frameBegin_ = 0;
   sharedRun_ = {};
   return writer();
 }
 
+cbor::Writer OutgoingMessage::beginNext() {
+  KEEL_CHECK(splices_.empty() && files_.empty());
+  frameBegin_ = bytes_.size();
+  bytes_.append(std::array<std::byte, kLengthBytes>{});
+  return writer();
+}
+
 bool OutgoingMessage::finish() {
-  const std::size_t length = wireBytes() - kLengthBytes;
+  const std::size_t length = wireBytes() - frameBegin_ - kLengthBytes;
   if (length > limits::kFrameBytesFromDaemon) return false;
-  const std::span<std::byte> field = bytes_.bytes().first(kLengthBytes);
+  const std::span<std::byte> field = bytes_.bytes().subspan(frameBegin_, kLengthBytes);
   for (std::size_t i = 0; i < kLengthBytes; ++i) field[i] = static_cast<std::byte>(length >> (8 * i));
   return true;
 }

@@ -43,8 +43,9 @@ enum class FailureCode : std::uint8_t {
   overQuota = 8,       // the sender's user holds too much already
 };
 
-// A frame to be sent, in pieces: bytes of its own, and between them larger values that stay where they are. Reused from message
-// to message, so that building one allocates nothing in the steady state.
+// A frame to be sent, in pieces: bytes of its own, and between them larger values that stay where they are. Or several frames
+// that travel together, without such values. Reused from message to message, so that building one allocates nothing in the
+// steady state.
 class OutgoingMessage {
  public:
   struct Splice {
@@ -58,6 +59,8 @@ class OutgoingMessage {
 
   // Starts anew: forgets everything and leaves room for the length.
   cbor::Writer begin();
+  // Starts a further frame behind the finished ones.
+  cbor::Writer beginNext();
   // Completes the length. False when the frame would be longer than its length field can say.
   bool finish();
 
@@ -79,7 +82,7 @@ class OutgoingMessage {
   const std::vector<Splice>& splices() const { return splices_; }
   // Buffers whose sealed files travel with the frame.
   const std::vector<BufferRef>& files() const { return files_; }
-  // The frame's length on the wire, the length field included.
+  // The length on the wire, length fields included.
   std::size_t wireBytes() const { return bytes_.size() + splicedBytes_; }
 
  private:
@@ -87,6 +90,7 @@ class OutgoingMessage {
   std::vector<Splice> splices_;
   std::vector<BufferRef> files_;
   std::size_t splicedBytes_ = 0;
+  std::size_t frameBegin_ = 0;  // in bytes(), of the last frame
   SharedRun sharedRun_;
 };
 

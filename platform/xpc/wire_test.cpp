@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <limits>
 #include <string>
 
@@ -42,6 +43,28 @@ void expectRoundTrip(const T& value) {
   T result{};
   EXPECT_TRUE(roundTrip(value, result));
   EXPECT_TRUE(result == value);
+}
+
+TEST(OutgoingMessage, SeveralFramesTravelTogether) {
+  OutgoingMessage message;
+  message.begin().unsignedInteger(1);
+  EXPECT_TRUE(message.finish());
+  message.beginNext().text("second");
+  EXPECT_TRUE(message.finish());
+  message.beginNext();
+  message.item(Dictionary(Value::map({{"n", 3}})).buffer());
+  EXPECT_TRUE(message.finish());
+  const std::vector<std::uint8_t> expected = {1, 0, 0, 0, 1,                                    //
+                                              7, 0, 0, 0, 0x66, 's',  'e', 'c', 'o', 'n', 'd',  //
+                                              4, 0, 0, 0, 0xa1, 0x61, 'n', 3};
+  const std::span<const std::byte> bytes = message.bytes();
+  EXPECT_TRUE(std::ranges::equal(bytes, std::as_bytes(std::span(expected))));
+  EXPECT_EQ(message.wireBytes(), expected.size());
+  // Anew.
+  message.begin().unsignedInteger(7);
+  EXPECT_TRUE(message.finish());
+  EXPECT_EQ(message.wireBytes(), 5u);
+  EXPECT_EQ(message.bytes()[0], std::byte{1});
 }
 
 TEST(Argument, EveryTypeTravels) {

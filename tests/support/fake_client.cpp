@@ -2,6 +2,7 @@
 #include "tests/support/fake_client.h"
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include "platform/dispatch/serial_queue.h"
@@ -12,10 +13,11 @@ using protocols::SubscriberProxy;
 
 namespace {
 
-std::vector<std::byte> wholeFrame(const xpc::OutgoingMessage& message) {
-  std::vector<std::byte> frame;
-  std::size_t offset = xpc::kLengthBytes;
-  const auto append = [&frame](std::span<const std::byte> bytes) { frame.insert(frame.end(), bytes.begin(), bytes.end()); };
+// As on the wire.
+std::vector<std::byte> wholeOf(const xpc::OutgoingMessage& message) {
+  std::vector<std::byte> whole;
+  std::size_t offset = 0;
+  const auto append = [&whole](std::span<const std::byte> bytes) { whole.insert(whole.end(), bytes.begin(), bytes.end()); };
   const std::span<const std::byte> own = message.bytes();
   for (const auto& splice : message.splices()) {
     append(own.subspan(offset, splice.offset - offset));
@@ -23,7 +25,7 @@ std::vector<std::byte> wholeFrame(const xpc::OutgoingMessage& message) {
     offset = splice.offset;
   }
   append(own.subspan(offset));
-  return frame;
+  return whole;
 }
 
 std::span<const std::byte> requireItem(cbor::Cursor& cursor) {
@@ -48,7 +50,7 @@ class FakeClient::FakeTransport final : public xpc::Transport {
     client_->sayHello();
   }
   void send(const xpc::OutgoingMessage& message, EndOfTurn::Urgency) override {
-    if (client_ != nullptr) client_->onMessage(wholeFrame(message));
+    if (client_ != nullptr) client_->onSent(message);
   }
   void setReading(bool) override {}
   void liftHelloBound() override {}
@@ -150,10 +152,24 @@ void FakeClient::sayHello() {
 }
 
 void FakeClient::deliver(const xpc::OutgoingMessage& message) {
-  if (transport_ != nullptr) transport_->deliver(wholeFrame(message));
+  const std::vector<std::byte> whole = wholeOf(message);
+  if (transport_ != nullptr) transport_->deliver(std::span(whole).subspan(xpc::kLengthBytes));
 }
 
-void FakeClient::onMessage(std::vector<std::byte> frame) {
+void FakeClient::onSent(const xpc::OutgoingMessage& message) {
+  ++sendCount_;
+  const std::vector<std::byte> whole = wholeOf(message);
+  for (std::span<const std::byte> rest = whole; !rest.empty();) {
+    std::uint32_t length = 0;
+    KEEL_CHECK(rest.size() >= sizeof length);
+    std::memcpy(&length, rest.data(), sizeof length);
+    KEEL_CHECK(rest.size() - sizeof length >= length);
+    onMessage(rest.subspan(sizeof length, length));
+    rest = rest.subspan(sizeof length + length);
+  }
+}
+
+void FakeClient::onMessage(std::span<const std::byte> frame) {
   cbor::Cursor cursor(frame);
   std::uint64_t count = 0;
   std::uint64_t kind = 0;

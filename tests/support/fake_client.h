@@ -74,6 +74,8 @@ class FakeClient {
   template <auto Member>
   auto resultsOf(std::uint64_t requestId) const;
   bool isAnswered(std::uint64_t requestId) const;
+  // How often something was sent to it. What travels together counts once.
+  int sendCount() const { return sendCount_; }
   // The selectors of the daemon's hello.
   const std::vector<std::string>& daemonSelectors() const { return daemonSelectors_; }
 
@@ -92,7 +94,8 @@ class FakeClient {
 
   void sayHello();
   void deliver(const xpc::OutgoingMessage& message);
-  void onMessage(std::vector<std::byte> frame);
+  void onSent(const xpc::OutgoingMessage& message);
+  void onMessage(std::span<const std::byte> frame);
   void onHello(cbor::Cursor& cursor);
   void onAnswer(xpc::MessageKind kind, cbor::Cursor& cursor);
   std::uint64_t numberOf(std::string_view selector) const;
@@ -101,6 +104,7 @@ class FakeClient {
   std::vector<std::string> daemonSelectors_;
   std::vector<Received> received_;
   std::uint64_t lastRequestId_ = 0;
+  int sendCount_ = 0;
   FakeTransport* transport_ = nullptr;  // owned by the connection; null once that is gone
   std::shared_ptr<Recorder> recorder_;
   std::shared_ptr<xpc::Connection> connection_;

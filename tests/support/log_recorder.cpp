@@ -15,7 +15,7 @@ std::ostream& operator<<(std::ostream& stream, const LogLine& line) {
 }
 
 LogRecorder::LogRecorder()
-    : capture_([this](const LogMessage& message) {
+    : capture_(std::in_place, [this](const LogMessage& message) {
         const std::lock_guard lock(mutex_);
         lines_.push_back({message.level, std::string(message.category), std::string(message.text)});
       }) {}

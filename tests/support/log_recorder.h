@@ -3,6 +3,7 @@
 
 #include <iosfwd>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,11 +31,13 @@ class LogRecorder {
   std::vector<LogLine> linesOf(std::string_view category) const;
   // Takes what was noted: the next lines are those that follow.
   std::vector<LogLine> take();
+  // Notes nothing from now on: the levels are enabled that are without it.
+  void stop() { capture_.reset(); }
 
  private:
   mutable std::mutex mutex_;
   std::vector<LogLine> lines_;
-  LogCapture capture_;
+  std::optional<LogCapture> capture_;
 };
 
 }  // namespace keel::testing

@@ -2,6 +2,10 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "notify/notification_handler.h"
 #include "protocols/notify_proxy.h"
@@ -14,7 +18,11 @@ namespace keel::testing {
 class NotifyClient : public FakeClient {
  public:
   explicit NotifyClient(ManualExecutor& executor) : NotifyClient(executor, identity(100)) {}
-  NotifyClient(ManualExecutor& executor, xpc::PeerIdentity peer) : FakeClient(executor, std::move(peer)) {
+  // `selectors` are what it exports, in its order; all of them unless given.
+  NotifyClient(ManualExecutor& executor, xpc::PeerIdentity peer,
+               std::optional<std::vector<std::string>> selectors = std::nullopt)
+      : FakeClient(executor, std::move(peer)) {
+    if (selectors) exportSelectors(std::move(*selectors));
     const auto handler = std::make_shared<KLNNotificationHandler>();
     handler_ = handler;
     connection()->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());

@@ -1,0 +1,240 @@
+// SPDX-License-Identifier: Apache-2.0
+// Updates that one client sends in a row are carried out together. Nobody must be able to tell, except by the time it takes.
+#include <gtest/gtest.h>
+
+#include "notify/handler_fixture.h"
+#include "platform/xpc/fan_out.h"
+
+namespace keel {
+namespace {
+
+class UpdateSeries : public NotificationHandler {
+ protected:
+  void SetUp() override {
+    // At the debug level each update is carried out alone, so that the log tells of them in order.
+    log.stop();
+    mustPublish(one, "n", 0);
+    mustSubscribe(other, "n");
+    mustSubscribe(third, "n");
+    forgetAll();
+  }
+  void forgetAll() {
+    forget();
+    third.take();
+  }
+  // What these updates cause.
+  static std::vector<std::string> updates(std::vector<int> values) {
+    std::vector<std::string> all;
+    for (const int value : values) all.push_back(fmt::format("update n {{\"number\": {}}}", value));
+    return all;
+  }
+  void updateEach(std::vector<int> values) {
+    for (const int value : values) update(one, "n", number(value));
+  }
+  static Dictionary large(int value, std::size_t sizeBytes) {
+    return Dictionary(Value::map({{"number", value}, {"filling", std::string(sizeBytes, 'x')}}));
+  }
+  static std::vector<std::int64_t> numbersOf(const NotifyClient& client) {
+    std::vector<std::int64_t> all;
+    for (const Received& each : client.received()) all.push_back(*each.item.value().find("number")->as<std::int64_t>());
+    return all;
+  }
+
+  NotifyClient third{executor, FakeClient::identity(13, 5)};
+};
+
+TEST_F(UpdateSeries, EachReachesEverySubscriberAndIsAnswered) {
+  const int sentBefore = other.sendCount();
+  updateEach({1, 2, 2, 3});
+  executor.runAll();
+  EXPECT_EQ(receivedBy(other), updates({1, 2, 2, 3}));
+  EXPECT_EQ(receivedBy(third), updates({1, 2, 2, 3}));
+  EXPECT_THAT(receivedBy(one), ElementsAre("reply 2", "reply 3", "reply 4", "reply 5"));
+  EXPECT_EQ(entry("n")->data(), number(3));
+  // In one go.
+  EXPECT_EQ(other.sendCount(), sentBefore + 1);
+  EXPECT_EQ(third.sendCount(), 1 + sentBefore);
+}
+
+TEST_F(UpdateSeries, DatesAreThoseOfTheLast) {
+  const auto dates = [this] {
+    return std::vector{entry("n")->lastUpdated(), other.handler()->subscriptions().at("n")->lastUpdated(),
+                       third.handler()->subscriptions().at("n")->lastUpdated()};
+  };
+  const auto before = dates();
+  updateEach({1, 2});
+  executor.runAll();
+  for (std::size_t i = 0; i < before.size(); ++i) {
+    ASSERT_TRUE(dates()[i]);
+    EXPECT_TRUE(!before[i] || *dates()[i] > *before[i]);
+  }
+}
+
+TEST_F(UpdateSeries, AnotherRequestInBetweenIsCarriedOutInItsPlace) {
+  updateEach({1, 2});
+  unsubscribe(other, "n");
+  updateEach({3, 4});
+  executor.runAll();
+  EXPECT_EQ(receivedBy(other), updates({1, 2}));
+  EXPECT_EQ(receivedBy(third), updates({1, 2, 3, 4}));
+}
+
+TEST_F(UpdateSeries, ARemovalInBetweenIsCarriedOutInItsPlace) {
+  updateEach({1, 2});
+  const auto removal = remove(one, "n");
+  const auto late = update(one, "n", number(3));
+  const auto later = update(one, "n", number(4));
+  executor.runAll();
+  EXPECT_EQ(receivedBy(other), updates({1, 2}));
+  EXPECT_FALSE(std::get<0>(*one.resultsOf<&NotifyProxy::removePublishedItemForName>(removal)));
+  for (const auto id : {late, later}) {
+    EXPECT_EQ(std::get<0>(*one.resultsOf<&NotifyProxy::updatePublishedItem>(id)), kNotFound);
+  }
+}
+
+TEST_F(UpdateSeries, OfSeveralClientsAndNamesAreCarriedOutInTheirOrder) {
+  mustPublish(one, "m", 0);
+  mustPublish(other, "o", 0);
+  for (const Name& name : {Name("m"), Name("o")}) mustSubscribe(third, name);
+  forgetAll();
+  update(one, "n", number(1));
+  update(one, "m", number(2));
+  update(other, "o", number(3));
+  update(one, "n", number(4));
+  update(one, "n", number(5));
+  update(other, "o", number(6));
+  executor.runAll();
+  EXPECT_THAT(receivedBy(third),
+              ElementsAre("update n {\"number\": 1}", "update m {\"number\": 2}", "update o {\"number\": 3}",
+                          "update n {\"number\": 4}", "update n {\"number\": 5}", "update o {\"number\": 6}"));
+}
+
+TEST_F(UpdateSeries, WhoFollowsWhatHePublishesHearsOfEachBeforeItsAnswer) {
+  mustSubscribe(one, "n");
+  forgetAll();
+  updateEach({1, 2});
+  executor.runAll();
+  EXPECT_THAT(receivedBy(one), ElementsAre("update n {\"number\": 1}", "reply 3", "update n {\"number\": 2}", "reply 4"));
+  EXPECT_EQ(receivedBy(other), updates({1, 2}));
+}
+
+TEST_F(UpdateSeries, LargeOnesStandInTheirPlace) {
+  constexpr std::size_t kLarge = xpc::FanOut::kLargestInSeriesBytes + 1;
+  update(one, "n", number(1));
+  update(one, "n", number(2));
+  update(one, "n", large(3, kLarge));
+  update(one, "n", large(4, kLarge));
+  update(one, "n", number(5));
+  update(one, "n", number(6));
+  executor.runAll();
+  EXPECT_THAT(numbersOf(other), ElementsAre(1, 2, 3, 4, 5, 6));
+  EXPECT_THAT(numbersOf(third), ElementsAre(1, 2, 3, 4, 5, 6));
+}
+
+TEST_F(UpdateSeries, ManyGoInSeveralPieces) {
+  const int sentBefore = other.sendCount();
+  std::vector<std::int64_t> expected;
+  for (int i = 0; i < 100; ++i) {
+    update(one, "n", large(i, 1000));
+    expected.push_back(i);
+  }
+  executor.runAll();
+  EXPECT_EQ(numbersOf(other), expected);
+  EXPECT_EQ(numbersOf(third), expected);
+  EXPECT_GT(other.sendCount(), sentBefore + 1);
+  EXPECT_LT(other.sendCount(), sentBefore + 100);
+}
+
+TEST_F(UpdateSeries, DataMayBeNull) {
+  update(one, "n", nullptr);
+  update(one, "n", number(1));
+  update(one, "n", nullptr);
+  executor.runAll();
+  EXPECT_THAT(receivedBy(other), ElementsAre("update n null", "update n {\"number\": 1}", "update n null"));
+  EXPECT_TRUE(entry("n")->data().isNull());
+}
+
+TEST_F(UpdateSeries, ASubscriberOfAnotherNameIsToldUnderThatName) {
+  // Names of subscriptions can be set.
+  third.handler()->subscriptions().at("n")->setName("its own");
+  updateEach({1, 2});
+  executor.runAll();
+  EXPECT_EQ(receivedBy(other), updates({1, 2}));
+  EXPECT_THAT(receivedBy(third), ElementsAre("update its own {\"number\": 1}", "update its own {\"number\": 2}"));
+}
+
+TEST_F(UpdateSeries, ASubscriberWithItsOwnNumbersIsCalledByThem) {
+  NotifyClient old(executor, FakeClient::identity(14, 6),
+                   std::vector<std::string>{"getClientInfoViaHandler:", "updateSubscriptionFor:withItem:flags:error:"});
+  mustSubscribe(old, "n");
+  forgetAll();
+  old.take();
+  updateEach({1, 2});
+  executor.runAll();
+  EXPECT_EQ(receivedBy(other), updates({1, 2}));
+  EXPECT_EQ(receivedBy(old), updates({1, 2}));
+  EXPECT_EQ(receivedBy(third), updates({1, 2}));
+}
+
+TEST_F(UpdateSeries, EachFailureToSendIsReported) {
+  NotifyClient deaf(executor, FakeClient::identity(14, 6), std::vector<std::string>());
+  mustSubscribe(deaf, "n");
+  updateEach({1, 2, 3});
+  executor.runOne();
+  LogRecorder reported;
+  executor.runAll();
+  int count = 0;
+  for (const LogLine& line : reported.linesOf("notification")) {
+    count += line.text.starts_with("behavior updateWithData: (n) connection returned an error ") ? 1 : 0;
+  }
+  EXPECT_EQ(count, 3);
+  EXPECT_EQ(receivedBy(third), updates({1, 2, 3}));
+}
+
+TEST_F(UpdateSeries, AClientThatIsGoneIsLoggedForEach) {
+  const auto subscription = KLNSubscriptionObject::initWithName("n", nullptr);
+  std::make_shared<SubscriberBehavior>()->addTarget(subscription);
+  LogRecorder logged;
+  subscription->delegate()->updateWithSeries(std::vector{number(1), number(2)});
+  int count = 0;
+  for (const LogLine& line : logged.linesOf("notification")) {
+    count += line == errorLine("behavior updateWithData: connection is nil") ? 1 : 0;
+  }
+  EXPECT_EQ(count, 2);
+}
+
+TEST_F(UpdateSeries, AtTheDebugLevelTheLogTellsOfEachInOrder) {
+  LogRecorder everything;
+  updateEach({1, 2});
+  everything.take();
+  executor.runAll();
+  std::vector<std::string> texts;
+  for (const LogLine& line : everything.linesOf("notification")) texts.push_back(line.text);
+  const std::vector<std::string> ofOne = {"updateWithData: n", "updateWithData: n behavior",
+                                          "updateWithData: n behavior notification sent"};
+  std::vector<std::string> expected;
+  for (int i = 0; i < 4; ++i) expected.insert(expected.end(), ofOne.begin(), ofOne.end());
+  EXPECT_EQ(texts, expected);
+  EXPECT_THAT(receivedBy(other), ElementsAre("update n {\"number\": 1}", "update n {\"number\": 2}"));
+}
+
+TEST_F(UpdateSeries, APlaceholderKeepsTheLast) {
+  const auto item = entry("n");
+  item->setDelegate(nullptr);
+  updateEach({1, 2});
+  executor.runAll();
+  EXPECT_EQ(item->data(), number(2));
+  EXPECT_THAT(receivedBy(other), IsEmpty());
+  EXPECT_THAT(receivedBy(one), ElementsAre("reply 2", "reply 3"));
+}
+
+TEST_F(UpdateSeries, ThatAreNeverCarriedOutAreDroppedUnanswered) {
+  updateEach({1, 2});
+  service->inputQ()->abandon();
+  EXPECT_THAT(receivedBy(one), ElementsAre("failure 2", "failure 3"));
+  updateEach({3});
+  EXPECT_THAT(receivedBy(one), ElementsAre("failure 2", "failure 3", "failure 4"));
+}
+
+}  // namespace
+}  // namespace keel
