@@ -15,6 +15,18 @@ namespace {
 constexpr std::size_t kFileBytes = 64u << 10;  // From here on a value may travel as a memory file.
 constexpr char kNull = '\xf6';
 
+// Nothing that comes is shorter.
+constexpr std::size_t kHeadBytes = 9;
+// Where the name's head stands in a delivery; behind the name stands the item.
+constexpr std::size_t kNameHead = 8;
+
+// Whoever subscribes to a name that others wait for, too, is told that there is nothing yet. That is no publish.
+bool bringsNothing(std::string_view delivery) {
+  const auto nameBytes = static_cast<unsigned char>(delivery[kNameHead]) - 0x60u;
+  const std::size_t item = kNameHead + 1 + nameBytes;
+  return nameBytes < 24 && item < delivery.size() && delivery[item] == kNull;
+}
+
 // Places in the daemon's list of methods; version 1 never changes them.
 enum Method : char { kSubscribe = 1, kPublish = 3, kUpdate = 4, kDump = 7 };
 
@@ -90,13 +102,13 @@ class KeeldSystem final : public System {
 
   std::size_t consume(Session& session, std::string_view bytes, Seen& seen) override {
     return consumeFrames(session, bytes, seen, [role = session.role](std::string_view head) -> Frame {
-      if (head.size() < 6) return {};
+      if (head.size() < kHeadBytes) return {};
       const std::size_t size = 4 + littleEndian(head.data());
       switch (head[5]) {
         case 0:
           return {size, Frame::Kind::nothing};
         case 2:
-          return {size, Frame::Kind::delivery};
+          return bringsNothing(head) ? Frame{size, Frame::Kind::nothing} : Frame{size, Frame::Kind::delivery};
         case 3:
           if (size <= head.size() && head[size - 1] != kNull) throw std::runtime_error("keeld refused a request");
           return {size, role == Role::subscriber ? Frame::Kind::confirmation : Frame::Kind::acknowledgement};
