@@ -31,6 +31,7 @@ class Client {
  private:
   std::size_t read(char* place, std::size_t size) const;
   std::size_t write() const;
+  void forgetSent();
 
   System& system_;
   const FileDescriptor socket_;

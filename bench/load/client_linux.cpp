@@ -59,13 +59,23 @@ std::size_t Client::write() const {
 bool Client::flush() {
   while (sentBytes_ < session_.out.size()) {
     const std::size_t sent = write();
-    if (sent == 0) return false;
+    if (sent == 0) {
+      forgetSent();
+      return false;
+    }
     session_.file.reset();
     sentBytes_ += sent;
   }
   session_.out.clear();
   sentBytes_ = 0;
   return true;
+}
+
+// What is appended while something waits must not pile up behind what went long ago.
+void Client::forgetSent() {
+  if (sentBytes_ < session_.out.size() / 2) return;
+  session_.out.erase(0, sentBytes_);
+  sentBytes_ = 0;
 }
 
 std::size_t Client::read(char* place, std::size_t size) const {
