@@ -10,6 +10,8 @@ target_compile_options(keel_compiler INTERFACE
 target_link_options(keel_compiler INTERFACE -Wl,-z,relro -Wl,-z,now)
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   target_compile_definitions(keel_compiler INTERFACE _FORTIFY_SOURCE=2)
+  # Two neighbouring members that were just written one by one, read with one wide load: the processor has to wait for both.
+  target_compile_options(keel_compiler INTERFACE -fno-tree-slp-vectorize)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # Optimizing the program as a whole, g++ 12 warns of copies of short strings that it has proved to be short.
     target_link_options(keel_compiler INTERFACE -Wno-stringop-overflow)
