@@ -77,16 +77,15 @@ class Reactor final : public Executor {
   void run();
   // From any thread.
   void stop();
-  // How many bytes a watcher should read from its descriptor in one turn, at most. Less while turns take long: then somebody
-  // asks for much with few bytes, and everybody else waits until it is done. More while there is more to read and turns are
-  // short.
+  // How many bytes a watcher should read from its descriptor in one turn, at most. More while there is more to read and turns
+  // are short; when they take long, somebody asks for much with few bytes, and everybody else waits until it is done.
   std::size_t fairReadBytes() const { return fairReadBytes_; }
   // A watcher read that much, and there may be more.
   void noteFullRead() { fullRead_ = true; }
   static constexpr std::size_t kMostReadBytes = 256u << 10;
-  static constexpr std::size_t kUsualReadBytes = 32u << 10;
-  // A hundred small messages: what a turn writes to a crowd of subscribers costs a system call for each of them, however little
-  // was read, and with fewer messages in each the same work takes more turns, not shorter ones.
+  // A hundred small messages. With more, a client that has sent many would wait for the first answers longer than it needs to.
+  // With fewer there would be more system calls: what a turn writes to a crowd of subscribers costs one for each of them,
+  // however little was read.
   static constexpr std::size_t kLeastReadBytes = 16u << 10;
   // A turn longer than this halves the bytes. Nobody notices so short a wait.
   static constexpr std::chrono::milliseconds kLongTurn{2};
@@ -122,7 +121,7 @@ class Reactor final : public Executor {
   std::atomic<bool> stopped_{false};
 
   Clock::time_point turnBegan_{};
-  std::size_t fairReadBytes_ = kUsualReadBytes;
+  std::size_t fairReadBytes_ = kLeastReadBytes;
   bool fullRead_ = false;                    // in this turn
   std::vector<Registration> registrations_;  // by descriptor
   TimerList timers_;

@@ -194,14 +194,10 @@ bool Reactor::tellWatchers(int timeoutMilliseconds) {
 
 void Reactor::adaptReadBytes() {
   const bool fullRead = std::exchange(fullRead_, false);
-  if (now_() - turnBegan_ > kLongTurn) {
-    fairReadBytes_ = std::max(fairReadBytes_ / 2, kLeastReadBytes);
-  } else if (fullRead) {
+  if (fullRead && now_() - turnBegan_ <= kLongTurn) {
     fairReadBytes_ = std::min(fairReadBytes_ * 2, kMostReadBytes);
-  } else if (fairReadBytes_ < kUsualReadBytes) {
-    fairReadBytes_ *= 2;
   } else {
-    fairReadBytes_ = std::max(fairReadBytes_ / 2, kUsualReadBytes);
+    fairReadBytes_ = std::max(fairReadBytes_ / 2, kLeastReadBytes);
   }
 }
 
