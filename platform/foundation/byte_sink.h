@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <span>
@@ -43,6 +45,16 @@ class ByteSink {
       grow(run.size());
     if (!run.empty()) std::memcpy(data_.get() + size_, run.data(), run.size());
     size_ += run.size();
+  }
+  // One byte, then the lowest `width` bytes of `number` (1, 2, 4 or 8), the highest of them first.
+  void appendBigEndian(std::byte first, std::uint64_t number, std::size_t width) {
+    // Written whole, whatever the width: parts would have to be put together again when they are read at once.
+    const std::uint64_t bytes = std::byteswap(number << (64 - 8 * width));
+    if (capacity_ - size_ < 1 + sizeof bytes) [[unlikely]]
+      grow(1 + sizeof bytes);
+    data_[size_] = first;
+    std::memcpy(data_.get() + size_ + 1, &bytes, sizeof bytes);
+    size_ += 1 + width;
   }
   void clear() { size_ = 0; }
 

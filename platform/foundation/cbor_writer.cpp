@@ -10,13 +10,8 @@
 namespace keel::cbor {
 
 void Writer::longHead(std::uint8_t major, std::uint64_t argument) {
-  const auto upper = static_cast<std::uint8_t>(major << 5);
   const unsigned power = argument <= 0xff ? 0 : argument <= 0xffff ? 1 : argument <= 0xffff'ffff ? 2 : 3;
-  std::byte encoding[9];
-  encoding[0] = static_cast<std::byte>(upper | (24 + power));
-  const std::size_t width = std::size_t{1} << power;
-  for (std::size_t i = width; i > 0; --i, argument >>= 8) encoding[i] = static_cast<std::byte>(argument);
-  output_.append({encoding, 1 + width});
+  output_.appendBigEndian(static_cast<std::byte>(major << 5 | (24 + power)), argument, std::size_t{1} << power);
 }
 
 void Writer::integer(std::int64_t value) {
@@ -25,11 +20,7 @@ void Writer::integer(std::int64_t value) {
 }
 
 void Writer::real(double value) {
-  std::byte encoding[9];
-  encoding[0] = std::byte{0xfb};
-  auto bits = std::bit_cast<std::uint64_t>(value);
-  for (std::size_t i = 8; i > 0; --i, bits >>= 8) encoding[i] = static_cast<std::byte>(bits);
-  output_.append(encoding);
+  output_.appendBigEndian(std::byte{0xfb}, std::bit_cast<std::uint64_t>(value), sizeof value);
 }
 
 void Writer::text(std::string_view utf8) {

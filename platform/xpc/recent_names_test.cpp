@@ -31,6 +31,16 @@ TEST(RecentNames, EveryTextComesBackAsItIs) {
   EXPECT_EQ(names.of(std::string(RecentNames::kLongestBytes, 'x')).view().size(), RecentNames::kLongestBytes);
 }
 
+TEST(RecentNames, ShortTextsOfEveryLength) {
+  RecentNames names;
+  std::string text;
+  for (int round = 0; round < 2; ++round) {
+    for (text.clear(); text.size() < 20; text.push_back(static_cast<char>('a' + text.size()))) {
+      EXPECT_EQ(names.of(text).view(), text);
+    }
+  }
+}
+
 TEST(RecentNamesDeathTest, LongerTextIsAMistake) {
   RecentNames names;
   EXPECT_DEATH(names.of(std::string(RecentNames::kLongestBytes + 1, 'x')), "");
