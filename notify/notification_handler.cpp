@@ -192,7 +192,7 @@ void KLNNotificationHandler::update(UpdateBatch& batch) {
     return;
   }
   item.updateWithSeries(batch.data);
-  for (auto& reply : batch.replies) reply(nullptr);
+  xpc::Reply<Error>::answerAll(batch.replies, nullptr);
 }
 
 void KLNNotificationHandler::removePublishedItemForName(Name name, xpc::Reply<Error> withHandler) {

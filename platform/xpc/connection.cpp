@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/foundation/value.h"
@@ -19,6 +20,18 @@ std::atomic<std::uint32_t> lastConnectionNumber{0};
 OutgoingMessage& scratchMessage() {
   thread_local OutgoingMessage message;
   return message;
+}
+
+// How large replies may be that travel together, and how many do.
+constexpr std::size_t kLargestRepliesTogether = 256;
+constexpr std::size_t kRepliesTogether = 64;
+
+void writeReplyHead(OutgoingMessage& message, std::uint64_t requestId, std::size_t resultCount) {
+  cbor::Writer writer = message.writer();
+  writer.array(3);
+  writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::reply));
+  writer.unsignedInteger(requestId);
+  writer.array(resultCount);
 }
 
 }  // namespace
@@ -102,11 +115,8 @@ void Connection::reportError(ErrorBlock onError, Error error) {
 
 void Connection::sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write, void* results) {
   OutgoingMessage& message = scratchMessage();
-  cbor::Writer writer = message.begin();
-  writer.array(3);
-  writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::reply));
-  writer.unsignedInteger(requestId);
-  writer.array(resultCount);
+  message.begin();
+  writeReplyHead(message, requestId, resultCount);
   // Off the I/O thread nobody knows what the peer has left unread.
   ArgumentWriter arguments{message, transport_->onIoThread() && takesDescriptors()};
   write(results, arguments);
@@ -115,6 +125,30 @@ void Connection::sendReply(std::uint64_t requestId, std::size_t resultCount, Wri
                        fmt::format("the answer is longer than a frame can be ({} bytes)", limits::kFrameBytesFromDaemon));
   }
   sendAnswer(requestId, message);
+}
+
+void Connection::sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount, WriteResults write,
+                             void* results) {
+  thread_local OutgoingMessage encoded;
+  encoded.begin();
+  ArgumentWriter arguments{encoded, /*takesDescriptors=*/false};
+  write(results, arguments);
+  const bool together = transport_->onIoThread() && encoded.wireBytes() <= kLargestRepliesTogether;
+  if (!together) return ReplyRoute::sendReplies(requestIds, resultCount, write, results);
+  OutgoingMessage& message = scratchMessage();
+  for (std::span<const std::uint64_t> rest = requestIds; !rest.empty();) {
+    const std::span<const std::uint64_t> some = rest.first(std::min(rest.size(), kRepliesTogether));
+    rest = rest.subspan(some.size());
+    message.begin();
+    for (const std::uint64_t& id : some) {
+      if (&id != some.data()) message.beginNext();
+      writeReplyHead(message, id, resultCount);
+      message.writer().encoded(encoded.bytes().subspan(kLengthBytes));
+      message.finish();
+    }
+    transport_->send(message, EndOfTurn::Urgency::urgent);
+    for (const std::uint64_t id : some) requestAnswered(id);
+  }
 }
 
 void Connection::sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text) {
@@ -176,8 +210,8 @@ void Connection::end(std::string_view goodbye, bool transportIsClosed) {
       self->reportError(std::move(expected.onError), connectionError(ConnectionErrorCode::invalid, why));
     }
   });
-  if (!queue_ && inHandler_) {
-    // The handler that is running must not be destroyed under its feet.
+  if (!queue_ && inCallee_) {
+    // What is running must not be destroyed under its own feet.
     transport_->performLater([self] { self->release(); });
   } else {
     runOnQueue([self] { self->release(); });

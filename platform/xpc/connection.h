@@ -132,6 +132,8 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   // ReplyRoute.
   void sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write, void* results) override;
   void sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text) override;
+  void sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount, WriteResults write,
+                   void* results) override;
 
  private:
   enum class State : std::uint8_t { configured, running, ended };
@@ -191,7 +193,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   bool peerTakesDescriptors_ = false;
   bool interruptionLogged_ = false;
   std::atomic<bool> readingPaused_ = false;
-  bool inHandler_ = false;  // of the interruption; on the connection's queue
+  bool inCallee_ = false;  // in a method of the exported object, or in the handler of an interruption
   bool confidential_ = false;
   const Interface* remoteInterface_ = nullptr;
   // Place in remoteInterface_ to the peer's number; shared by connections whose peers have the same list.

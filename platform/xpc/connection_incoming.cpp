@@ -246,9 +246,10 @@ void Connection::serveHeavy(HeavyRequest request) {
 
 bool Connection::serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount, Interface::Call& call) {
   const std::optional<std::uint64_t> id = call.route ? std::optional(call.requestId) : std::nullopt;
-  // Held for the call: it may end the connection, which lets go of the object.
-  const std::shared_ptr<void> object = exportedObject_;
-  if (exportedInterface_->dispatchAt(method)(object.get(), reader, argumentCount, call)) return true;
+  const bool outer = std::exchange(inCallee_, true);
+  const bool fits = exportedInterface_->dispatchAt(method)(exportedObject_.get(), reader, argumentCount, call);
+  inCallee_ = outer;
+  if (fits) return true;
   if (call.route) {
     transport_->perform([self = shared_from_this(), requestId = call.requestId] { self->requestAnswered(requestId); });
   }
@@ -311,9 +312,9 @@ void Connection::interrupted(std::string_view why) {
   // Once per connection: who sends nonsense must not fill the log.
   if (!std::exchange(interruptionLogged_, true)) logger().error("{} sent what cannot be served: {}", description(), why);
   if (!interruptionHandler_) return;
-  inHandler_ = true;
+  const bool outer = std::exchange(inCallee_, true);
   interruptionHandler_();
-  inHandler_ = false;
+  inCallee_ = outer;
 }
 
 void Connection::protocolViolation(std::string_view what) {

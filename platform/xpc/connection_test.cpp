@@ -38,6 +38,83 @@ TEST_F(RawPeer, DroppedReplyBlockAnswersAFailure) {
   EXPECT_EQ(interruptions, 0);
 }
 
+TEST_F(RawPeer, ManyRequestsAnsweredTogetherAreEachAnswered) {
+  start();
+  for (int id = 1; id <= 150; ++id) sendMessage(Value::list({1, id, 2, Value::list({})}));
+  ASSERT_EQ(service->kept.size(), 150u);
+  Reply<Error>::answerAll(std::span(service->kept).first(149), Error());
+  Reply<Error>::answerAll(std::span(service->kept).last(1), Error());
+  const std::vector<Value> answers = received();
+  ASSERT_EQ(answers.size(), 150u);
+  for (int id = 1; id <= 150; ++id) {
+    EXPECT_EQ(answers[static_cast<std::size_t>(id - 1)], Value::list({3, id, Value::list({nullptr})}));
+  }
+  // None of them counts as unanswered any more.
+  service->kept.clear();
+  EXPECT_TRUE(received().empty());
+}
+
+TEST_F(RawPeer, LargeAnswersToManyRequestsGoOneByOne) {
+  start();
+  for (int id = 1; id <= 3; ++id) sendMessage(Value::list({1, id, 2, Value::list({})}));
+  const Error error("domain", 1, Dictionary(Value::map({{"text", std::string(limits::kSharedPieceBytes, 'x')}})));
+  Reply<Error>::answerAll(service->kept, error);
+  const std::vector<Value> answers = received();
+  ASSERT_EQ(answers.size(), 3u);
+  for (int id = 1; id <= 3; ++id) {
+    EXPECT_EQ(answers[static_cast<std::size_t>(id - 1)], Value::list({3, id, Value::list({error})}));
+  }
+}
+
+TEST_F(RawPeer, AnswersToSeveralConnectionsAtOnceFindTheirWay) {
+  start();
+  std::vector<std::string> local;
+  const auto localReply = [&local](std::string name) {
+    return Reply<Error>::to([&local, name](const Error& error) { local.push_back(name + std::to_string(error.code())); });
+  };
+  for (int id = 1; id <= 2; ++id) sendMessage(Value::list({1, id, 2, Value::list({})}));
+  std::vector<Reply<Error>> replies;
+  replies.push_back(localReply("a"));
+  replies.push_back(std::move(service->kept[0]));
+  replies.push_back(localReply("b"));
+  replies.push_back(std::move(service->kept[1]));
+  service->kept.clear();
+  const Error error("domain", 7);
+  Reply<Error>::answerAll(replies, error);
+  EXPECT_EQ(local, (std::vector<std::string>{"a7", "b7"}));
+  EXPECT_EQ(received(), (std::vector{Value::list({3, 1, Value::list({error})}), Value::list({3, 2, Value::list({error})})}));
+}
+
+TEST_F(RawPeer, AMethodMayEndTheConnectionThatHoldsItsObject) {
+  struct EndingService final : Echo {
+    void echo(Dictionary, Reply<Dictionary, Error>) override {}
+    void tell(String) override {
+      connection->invalidate();
+      livedOn = !self.expired();
+    }
+    void keep(Reply<Error>) override {}
+    void survey(Reply<Error>) override {}
+    void ponder(String, Reply<Error>) override {}
+    void settle(Reply<Error>) override {}
+    std::shared_ptr<Connection> connection;
+    std::weak_ptr<EndingService> self;
+    bool livedOn = false;
+  };
+  auto ending = std::make_shared<EndingService>();
+  const std::weak_ptr<EndingService> weak = ending;
+  ending->connection = connection;
+  ending->self = ending;
+  connection->setExportedObject<Echo>(ending);
+  start();
+  bool livedOn = false;
+  connection->setInvalidationHandler([&] { livedOn = weak.lock()->livedOn; });
+  ending.reset();
+  sendMessage(Value::list({2, 1, Value::list({"end"})}));
+  turns();
+  EXPECT_TRUE(livedOn);
+  EXPECT_TRUE(weak.expired());
+}
+
 TEST_F(RawPeer, GoodbyeEndsTheConnectionAndIsRemembered) {
   start();
   sendMessage(Value::list({5, "that is all"}));

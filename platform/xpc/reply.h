@@ -4,8 +4,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string_view>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 #include "platform/foundation/check.h"
 #include "platform/xpc/argument.h"
@@ -21,6 +24,11 @@ class ReplyRoute {
   // Both from any thread.
   virtual void sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write, void* results) = 0;
   virtual void sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text) = 0;
+  // The same results for each.
+  virtual void sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount, WriteResults write,
+                           void* results) {
+    for (const std::uint64_t id : requestIds) sendReply(id, resultCount, write, results);
+  }
   virtual bool isLocal() const { return false; }
 };
 
@@ -59,16 +67,37 @@ class Reply {
       return;
     }
     std::tuple<Results&...> all(results...);
-    route->sendReply(
-        requestId_, sizeof...(Results),
-        [](void* held, ArgumentWriter& writer) {
-          std::apply([&](auto&... each) { (Argument<Results>::write(writer, each), ...); },
-                     *static_cast<std::tuple<Results&...>*>(held));
-        },
-        &all);
+    route->sendReply(requestId_, sizeof...(Results), &writeAll, &all);
+  }
+
+  // The same answer to each of `replies`, in their order. What goes to one connection travels together.
+  static void answerAll(std::span<Reply> replies, Results... results) {
+    std::vector<std::uint64_t> ids;
+    ids.reserve(replies.size());
+    while (!replies.empty()) {
+      KEEL_CHECK(replies.front().route_ != nullptr);
+      const std::shared_ptr<ReplyRoute> route = replies.front().route_;
+      if (route->isLocal()) {
+        replies.front()(results...);
+        replies = replies.subspan(1);
+        continue;
+      }
+      ids.clear();
+      for (; !replies.empty() && replies.front().route_ == route; replies = replies.subspan(1)) {
+        ids.push_back(replies.front().requestId_);
+        replies.front().route_ = nullptr;
+      }
+      std::tuple<Results&...> all(results...);
+      route->sendReplies(ids, sizeof...(Results), &writeAll, &all);
+    }
   }
 
  private:
+  static void writeAll(void* held, ArgumentWriter& writer) {
+    std::apply([&](auto&... each) { (Argument<Results>::write(writer, each), ...); },
+               *static_cast<std::tuple<Results&...>*>(held));
+  }
+
   struct LocalRoute final : ReplyRoute {
     template <class LocalBlock>
     explicit LocalRoute(LocalBlock given) : block(std::move(given)) {}
