@@ -151,31 +151,10 @@ void OutputQueue::appendBytes(std::span<const std::byte> bytes) {
 std::expected<void, std::error_code> OutputQueue::flush(int socket) {
   stuck_ = false;
   while (!empty()) {
-    std::array<iovec, kPiecesPerWrite> vectors;
-    std::size_t count = 0;
-    for (const Piece& piece : pieces_) {
-      if (count == vectors.size() || (count > 0 && !piece.files.empty())) break;
-      vectors[count++] = {const_cast<std::byte*>(piece.data()) + piece.begin, piece.size()};
-    }
-    msghdr header{};
-    header.msg_iov = vectors.data();
-    header.msg_iovlen = count;
-    alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerMessage * sizeof(int))> control;
-    const std::vector<BufferRef>& files = pieces_.front().files;
-    if (!files.empty()) {
-      KEEL_CHECK(files.size() <= limits::kDescriptorsPerMessage);
-      header.msg_control = control.data();
-      header.msg_controllen = CMSG_SPACE(files.size() * sizeof(int));
-      cmsghdr* rights = CMSG_FIRSTHDR(&header);
-      rights->cmsg_level = SOL_SOCKET;
-      rights->cmsg_type = SCM_RIGHTS;
-      rights->cmsg_len = CMSG_LEN(files.size() * sizeof(int));
-      for (std::size_t i = 0; i < files.size(); ++i) {
-        const int descriptor = files[i]->sealedFile();
-        std::memcpy(CMSG_DATA(rights) + i * sizeof(int), &descriptor, sizeof(int));
-      }
-    }
-    const ssize_t sent = ::sendmsg(socket, &header, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const Piece& first = pieces_.front();
+    const bool alone = pieces_.size() == 1 && first.files.empty();
+    const ssize_t sent =
+        alone ? ::send(socket, first.data() + first.begin, first.size(), MSG_NOSIGNAL | MSG_DONTWAIT) : sendPieces(socket);
     if (sent < 0) {
       if (errno == EINTR) continue;
       stuck_ = errno == ETOOMANYREFS || errno == ENOBUFS || errno == ENOMEM;
@@ -185,6 +164,35 @@ std::expected<void, std::error_code> OutputQueue::flush(int socket) {
     consume(static_cast<std::size_t>(sent));
   }
   return {};
+}
+
+// As many as go together: files go with the first byte of theirs.
+ssize_t OutputQueue::sendPieces(int socket) const {
+  std::array<iovec, kPiecesPerWrite> vectors;
+  std::size_t count = 0;
+  for (const Piece& piece : pieces_) {
+    if (count == vectors.size() || (count > 0 && !piece.files.empty())) break;
+    vectors[count++] = {const_cast<std::byte*>(piece.data()) + piece.begin, piece.size()};
+  }
+  msghdr header{};
+  header.msg_iov = vectors.data();
+  header.msg_iovlen = count;
+  alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerMessage * sizeof(int))> control;
+  const std::vector<BufferRef>& files = pieces_.front().files;
+  if (!files.empty()) {
+    KEEL_CHECK(files.size() <= limits::kDescriptorsPerMessage);
+    header.msg_control = control.data();
+    header.msg_controllen = CMSG_SPACE(files.size() * sizeof(int));
+    cmsghdr* rights = CMSG_FIRSTHDR(&header);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(files.size() * sizeof(int));
+    for (std::size_t i = 0; i < files.size(); ++i) {
+      const int descriptor = files[i]->sealedFile();
+      std::memcpy(CMSG_DATA(rights) + i * sizeof(int), &descriptor, sizeof(int));
+    }
+  }
+  return ::sendmsg(socket, &header, MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
 void OutputQueue::consume(std::size_t sent) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -66,6 +68,7 @@ class OutputQueue {
 
   bool appendRun(const SharedRun& run, std::size_t sizeBytes);
   void appendBytes(std::span<const std::byte> bytes);
+  ssize_t sendPieces(int socket) const;
   void consume(std::size_t sent);
   void clear();
   void wipe(const Piece& piece) const;
