@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -80,14 +81,17 @@ class Reactor final : public Executor {
   // How many bytes a watcher should read from its descriptor in one turn, at most. More while there is more to read and turns
   // are short; when they take long, somebody asks for much with few bytes, and everybody else waits until it is done.
   std::size_t fairReadBytes() const { return fairReadBytes_; }
-  // A watcher read that much, and there may be more.
-  void noteFullRead() { fullRead_ = true; }
+  // A watcher read that much, and there may be more. To be said before it does anything with what it read.
+  void noteFullRead() {
+    if (!firstFullRead_) firstFullRead_ = now_();
+  }
   static constexpr std::size_t kMostReadBytes = 256u << 10;
   // A hundred small messages. With more, a client that has sent many would wait for the first answers longer than it needs to.
   // With fewer there would be more system calls: what a turn writes to a crowd of subscribers costs one for each of them,
   // however little was read.
   static constexpr std::size_t kLeastReadBytes = 16u << 10;
-  // A turn longer than this halves the bytes. Nobody notices so short a wait.
+  // What was done with a full read, and after it in the same turn, must not take longer if more is to be read. Nobody notices
+  // so short a wait.
   static constexpr std::chrono::milliseconds kLongTurn{2};
 
   // One turn by hand, on the calling thread, which becomes the reactor's. `wait` says whether to wait for something to do.
@@ -120,10 +124,9 @@ class Reactor final : public Executor {
   std::atomic<std::thread::id> thread_{};
   std::atomic<bool> stopped_{false};
 
-  Clock::time_point turnBegan_{};
   std::size_t fairReadBytes_ = kLeastReadBytes;
-  bool fullRead_ = false;                    // in this turn
-  std::vector<Registration> registrations_;  // by descriptor
+  std::optional<Clock::time_point> firstFullRead_;  // of this turn
+  std::vector<Registration> registrations_;         // by descriptor
   TimerList timers_;
   EndOfTurnLists endOfTurn_;
   std::vector<std::shared_ptr<SerialQueue>> ready_;  // have a turn to run

@@ -174,7 +174,6 @@ bool Reactor::tellWatchers(int timeoutMilliseconds) {
   std::array<epoll_event, kEventsPerTurn> fetched;
   const int count = epoll_wait(epoll_.get(), fetched.data(), kEventsPerTurn, timeoutMilliseconds);
   asleep_.store(false, std::memory_order_relaxed);
-  turnBegan_ = now_();
   KEEL_CHECK(count >= 0 || errno == EINTR);
   bool told = false;
   for (int i = 0; i < count; ++i) {
@@ -193,8 +192,8 @@ bool Reactor::tellWatchers(int timeoutMilliseconds) {
 }
 
 void Reactor::adaptReadBytes() {
-  const bool fullRead = std::exchange(fullRead_, false);
-  if (fullRead && now_() - turnBegan_ <= kLongTurn) {
+  const auto fullRead = std::exchange(firstFullRead_, std::nullopt);
+  if (fullRead && now_() - *fullRead <= kLongTurn) {
     fairReadBytes_ = std::min(fairReadBytes_ * 2, kMostReadBytes);
   } else {
     fairReadBytes_ = std::max(fairReadBytes_ / 2, kLeastReadBytes);

@@ -79,8 +79,8 @@ TEST_F(ReactorTest, ATurnWithNothingToDoDoesNothing) {
 TEST_F(ReactorTest, LongTurnsHalveWhatIsReadAndFullReadsDoubleIt) {
   const auto turnOf = [this](Reactor::Clock::duration duration, bool fullRead) {
     reactor_.post([this, duration, fullRead] {
-      now_ += duration;
       if (fullRead) reactor_.noteFullRead();
+      now_ += duration;
     });
     turn();
     return reactor_.fairReadBytes();
