@@ -17,6 +17,7 @@ int main(int, char** arguments) {
   startDaemonLogging();
   complainAboutMissingSessions();
   makeLockDirectory(kLockDirectory);
+  preferIoThread();
   loadModules();
   openListeners();
   installSignalHandling();

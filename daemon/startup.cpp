@@ -18,6 +18,7 @@
 #include "modules/module_manager.h"
 #include "platform/dispatch/signal_source.h"
 #include "platform/dispatch/system.h"
+#include "platform/dispatch/thread_priority.h"
 #include "platform/foundation/check.h"
 #include "platform/logging/log_system.h"
 #include "platform/logging/logger.h"
@@ -121,6 +122,10 @@ void complainAboutMissingSessions(const char* ownSession) {
   logger().error(
       "this kernel has no audit sessions: all processes are in session -1, and whoever proves to be an administrator proves it "
       "for every one of them; use a kernel with CONFIG_AUDIT");
+}
+
+void preferIoThread() {
+  ioReactor().post([] { preferThisThread(); });
 }
 
 void makeLockDirectory(const char* path) {

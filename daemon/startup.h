@@ -28,6 +28,9 @@ void startDaemonLogging();
 // `ownSession` is where the kernel shows this process's own.
 void complainAboutMissingSessions(const char* ownSession = "/proc/self/sessionid");
 
+// Has the I/O thread run before the clients that it serves: its turns are short, and everybody waits for them.
+void preferIoThread();
+
 // Makes `path`, mode 0755; what exists there already is left as it is. Ends with kExitNoLockDirectory.
 void makeLockDirectory(const char* path);
 

@@ -36,7 +36,7 @@ METHOD = """\
 
 | system | how it is used |
 |---|---|
-| keeld | `updatePublishedItem`, answered; retains the last value; from 64 KiB on values travel as sealed memory files |
+| keeld | `updatePublishedItem`, answered; retains the last value; from 64 KiB on values travel as sealed memory files; its I/O thread has nice -5, as wherever root starts it, all others that of the table above |
 | Redis | `SET` and `PUBLISH` in one pipeline, since the last value is to be kept; Unix socket; no snapshots, no log |
 | NATS | `PUB`, and one `PING` after what goes out together, whose `PONG` acknowledges; TCP, the only thing it has; retains nothing |
 | mosquitto | QoS 1, retained, to subscriptions of QoS 0, which need no acknowledgement; Unix socket |

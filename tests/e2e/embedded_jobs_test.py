@@ -60,6 +60,8 @@ class Embedded(JobsTest):
         self.bundle("again")
         self.daemon = self.start()
         first = ask("com.e.again")
+        # Not that of keeld's own thread which starts it.
+        self.assertEqual(first["nice"], 0)
         self.daemon.wait_for_log("the job com.e.again ended with status 0")
         self.assertNotEqual(ask("com.e.again")["pid"], first["pid"])
 

@@ -158,6 +158,40 @@ class Cores(StartTest):
         self.assertFalse(self.can_be_looked_into(daemon.pid))
 
 
+class Priority(StartTest):
+    """The I/O thread goes before ordinary ones, unless somebody has chosen a priority."""
+
+    def priorities(self, daemon):
+        """Of the daemon's threads, by name. The I/O thread has its own once it has served somebody."""
+        self.client().module_table()
+        priorities = {}
+        for thread in os.listdir(f"/proc/{daemon.pid}/task"):
+            with open(f"/proc/{daemon.pid}/task/{thread}/stat") as file:
+                name, _, fields = file.read().partition("(")[2].rpartition(")")
+            priorities.setdefault(name, set()).add(int(fields.split()[16]))
+        return priorities
+
+    def test_is_that_of_one_thread(self):
+        # Not on every machine may root do this.
+        may = subprocess.run(["nice", "-n", "-5", "nice"], capture_output=True, text=True).stdout.strip()
+        priorities = self.priorities(self.start())
+        self.assertEqual(priorities.pop("keel-io"), {int(may)})
+        self.assertEqual(set().union(*priorities.values()), {0})
+
+    def test_that_was_chosen_is_kept(self):
+        priorities = self.priorities(self.start(before_exec=lambda: os.nice(3)))
+        self.assertEqual(set().union(*priorities.values()), {3})
+
+    def test_may_be_forbidden(self):
+        def drop_privilege():
+            set_bounding_capability, nice = 24, 23
+            if ctypes.CDLL(None, use_errno=True).prctl(set_bounding_capability, nice, 0, 0, 0) != 0:
+                raise OSError(ctypes.get_errno(), "prctl")
+
+        priorities = self.priorities(self.start(before_exec=drop_privilege))
+        self.assertEqual(set().union(*priorities.values()), {0})
+
+
 class Sockets(StartTest):
     def test_everybody_may_connect(self):
         self.start()

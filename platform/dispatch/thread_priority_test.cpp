@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/dispatch/thread_priority.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <thread>
+
+namespace keel {
+namespace {
+
+int priorityOfThisThread() {
+  return ::getpriority(PRIO_PROCESS, 0);
+}
+
+// What preferThisThread() makes of a thread here: not everybody may raise a priority.
+int raised() {
+  int priority = 0;
+  std::thread([&priority] { priority = ::setpriority(PRIO_PROCESS, 0, -kPreferredSteps) == 0 ? -kPreferredSteps : 0; }).join();
+  return priority;
+}
+
+TEST(PreferredThread, GoesFirstAndLeavesOthersAlone) {
+  const int expected = raised();
+  int own = 1;
+  int child = 1;
+  int program = 1;
+  std::thread([&] {
+    preferThisThread();
+    own = priorityOfThisThread();
+    std::thread([&child] { child = priorityOfThisThread(); }).join();
+    const pid_t forked = ::fork();
+    if (forked == 0) ::_exit(20 + priorityOfThisThread());
+    int status = 0;
+    ASSERT_EQ(::waitpid(forked, &status, 0), forked);
+    program = WEXITSTATUS(status) - 20;
+  }).join();
+  EXPECT_EQ(own, expected);
+  EXPECT_EQ(child, 0);
+  EXPECT_EQ(program, 0);
+  EXPECT_EQ(priorityOfThisThread(), 0);
+}
+
+TEST(PreferredThread, KeepsAPriorityThatWasChosen) {
+  int own = 0;
+  std::thread([&own] {
+    ASSERT_EQ(::setpriority(PRIO_PROCESS, 0, 3), 0);
+    preferThisThread();
+    own = priorityOfThisThread();
+  }).join();
+  EXPECT_EQ(own, 3);
+}
+
+}  // namespace
+}  // namespace keel
