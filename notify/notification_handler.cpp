@@ -155,14 +155,16 @@ void KLNNotificationHandler::publishItem(Dictionary item, Name name, std::uint64
 
 Error KLNNotificationHandler::publish(KLNNotificationService& service, const Dictionary& item, const Name& name,
                                       std::uint64_t flags, std::int64_t value) {
-  if (publishedItems_.contains(name)) {
+  if (publishedItems().contains(name)) {
     log.error("NotificationHandler we don't allow duplicate publications {}", name);
     return Error(KLNErrorDomain, errDuplicate);
   }
   auto published = service.newPublishedObjectWith(item, name, flags, value, xpcConnection());
   if (!published) return Error(KLNErrorDomain, errRequestFailed);
   Error error;
-  if (service.publish(published, &error)) publishedItems_[name] = published;
+  if (!service.publish(published, &error)) return error;
+  if (!publishedItems_) publishedItems_ = std::make_unique<PublishedItems>();
+  (*publishedItems_)[name] = published;
   return error;
 }
 
@@ -174,8 +176,8 @@ void KLNNotificationHandler::updatePublishedItem(Dictionary item, Name name, xpc
 }
 
 void KLNNotificationHandler::update(UpdateBatch& batch) {
-  const auto found = publishedItems_.find(batch.name);
-  if (found == publishedItems_.end()) {
+  const auto found = publishedItems().find(batch.name);
+  if (found == publishedItems().end()) {
     for (auto& reply : batch.replies) {
       log.error("updatePublishedItem: item : {} not found", batch.name);
       reply(Error(KLNErrorDomain, errNotFound));
@@ -202,11 +204,11 @@ void KLNNotificationHandler::removePublishedItemForName(Name name, xpc::Reply<Er
 }
 
 Error KLNNotificationHandler::remove(KLNNotificationService& service, const Name& name) {
-  const auto found = publishedItems_.find(name);
-  if (found == publishedItems_.end()) return Error(KLNErrorDomain, errNotFound);
+  const auto found = publishedItems().find(name);
+  if (found == publishedItems().end()) return Error(KLNErrorDomain, errNotFound);
   Error error;
   service.removePublishedItemForName(name, xpcConnection(), &error);
-  if (!error) publishedItems_.erase(found);
+  if (!error) publishedItems_->erase(found);
   return error;
 }
 
@@ -252,8 +254,9 @@ bool KLNNotificationHandler::cleanUpSlice(CleanUp& stage) {
     log.debug("NotifyService unpublishing");
     stage = CleanUp::publications;
   }
-  endObjects(publishedItems_, done, [this](const KLNPublishedObject& item) { return item.isOwnedBy(xpcConnection_); });
-  return !publishedItems_.empty();
+  if (!publishedItems_) return false;
+  endObjects(*publishedItems_, done, [this](const KLNPublishedObject& item) { return item.isOwnedBy(xpcConnection_); });
+  return !publishedItems_->empty();
 }
 
 }  // namespace keel

@@ -57,7 +57,10 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   void update(UpdateBatch& batch);
 
   // Both on the input queue only.
-  const PublishedItems& publishedItems() const { return publishedItems_; }
+  const PublishedItems& publishedItems() const {
+    static const PublishedItems none;
+    return publishedItems_ ? *publishedItems_ : none;
+  }
   const Subscriptions& subscriptions() const { return subscriptions_; }
 
   std::shared_ptr<xpc::Connection> xpcConnection() const { return xpcConnection_.lock(); }
@@ -74,7 +77,7 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   void cleanUp(const std::shared_ptr<KLNNotificationService>& service);
   bool cleanUpSlice(CleanUp& stage);
 
-  PublishedItems publishedItems_;
+  std::unique_ptr<PublishedItems> publishedItems_;  // null: most clients publish nothing
   Subscriptions subscriptions_;
   std::weak_ptr<xpc::Connection> xpcConnection_;
 };

@@ -31,7 +31,7 @@ std::shared_ptr<KLNSubscriptionObject> KLNSubscriptionObject::initWithName(
     log.error("KLNSubscriptionObject: subscription name may not be nil");
     return nullptr;
   }
-  return std::shared_ptr<KLNSubscriptionObject>(new KLNSubscriptionObject(std::move(name), andConnection));
+  return std::make_shared<KLNSubscriptionObject>(Making(), std::move(name), andConnection);
 }
 
 void KLNSubscriptionObject::updateWithData(const Dictionary& data) {

@@ -62,9 +62,16 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
   static std::uint64_t ownerChangeCount();
 
  private:
-  KLNSubscriptionObject(Name name, const std::shared_ptr<xpc::Connection>& owner)
+  // Made by initWithName() alone, together with its count.
+  struct Making {
+    explicit Making() = default;
+  };
+
+ public:
+  KLNSubscriptionObject(Making, Name name, const std::shared_ptr<xpc::Connection>& owner)
       : owner_(owner), borrowedOwner_(owner.get()), name_(std::move(name)) {}
 
+ private:
   std::shared_ptr<protocols::SubscriberBehavior> delegate_;
   std::optional<Date> lastUpdated_;
   std::weak_ptr<xpc::Connection> owner_;

@@ -45,7 +45,7 @@ class SinkClient::SinkTransport final : public xpc::Transport {
 
 SinkClient::SinkClient() {
   const xpc::PeerIdentity peer{.pid = 1, .uid = 0, .gid = 0, .startTime = 1, .auditSession = 1, .processName = "sink"};
-  connection_ = xpc::Connection::create(peer, std::make_unique<SinkTransport>(*this), {.takesDescriptors = false, .quota = {}});
+  connection_ = xpc::Connection::create(peer, std::make_unique<SinkTransport>(*this), {.takesDescriptors = false});
   connection_->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
   connection_->resume();
 }

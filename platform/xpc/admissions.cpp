@@ -65,23 +65,23 @@ Admissions::Refusal Admissions::admit(uid_t uid, std::shared_ptr<void>& admissio
   return Refusal::none;
 }
 
-MemoryQuota memoryQuotaOfUser(uid_t uid) {
+const MemoryQuota& memoryQuotaOfUser(uid_t uid) {
   static std::mutex& mutex = *new std::mutex;
-  static auto& accountsByUser = *new std::unordered_map<uid_t, MemoryAccount*>;
+  // Elements stay where they are.
+  static auto& quotasByUser = *new std::unordered_map<uid_t, MemoryQuota>;
   const std::lock_guard lock(mutex);
   static MemoryAccount& allUsers = *new MemoryAccount;
   static const std::size_t limitOfAll = memoryLimitOfUsers();
-  MemoryAccount*& account = accountsByUser[uid];
-  MemoryQuota quota;
-  if (uid == 0) {
-    if (account == nullptr) account = new MemoryAccount;
-  } else {
-    if (account == nullptr) account = new MemoryAccount(allUsers);
-    quota.limitBytes = limits::kMemoryOfOneUserBytes;
-    quota.sum = &allUsers;
-    quota.sumLimitBytes = limitOfAll;
+  const auto [entry, isNew] = quotasByUser.try_emplace(uid);
+  MemoryQuota& quota = entry->second;
+  if (isNew && uid == 0) {
+    quota.account = new MemoryAccount;
+  } else if (isNew) {
+    quota = {.account = new MemoryAccount(allUsers),
+             .limitBytes = limits::kMemoryOfOneUserBytes,
+             .sum = &allUsers,
+             .sumLimitBytes = limitOfAll};
   }
-  quota.account = account;
   return quota;
 }
 

@@ -38,7 +38,7 @@ class Admissions : public std::enable_shared_from_this<Admissions> {
 };
 
 // The memory account of a user, the same for all its connections, kept for the life of the process; root's has no limit.
-MemoryQuota memoryQuotaOfUser(uid_t uid);
+const MemoryQuota& memoryQuotaOfUser(uid_t uid);
 
 // Raises the soft limit of open descriptors to the hard one, so that connections are bounded by what the administrator allows.
 void raiseDescriptorLimit();

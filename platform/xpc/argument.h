@@ -15,8 +15,14 @@
 
 namespace keel::xpc {
 
-// Whose memory pays for what a peer sends, and how much of it the peer may hold.
+// Whose memory pays for what a peer sends, and how much of it the peer may hold. Those of users live as long as the process.
 struct MemoryQuota {
+  // Where nobody is held to anything.
+  static const MemoryQuota& ofProcess() {
+    static const MemoryQuota quota;
+    return quota;
+  }
+
   MemoryAccount* account = &MemoryAccount::ofProcess();
   std::size_t limitBytes = std::numeric_limits<std::size_t>::max();
   // What several hold together, and may hold. One of them may hold as much as is still free: no single one takes it all.
@@ -40,7 +46,7 @@ struct MemoryQuota {
 class ArgumentReader {
  public:
   ArgumentReader(std::span<const std::byte> items, std::vector<FileDescriptor>& files, std::size_t sealedLimitBytes,
-                 MemoryQuota quota = {})
+                 const MemoryQuota& quota = MemoryQuota::ofProcess())
       : cursor(items), files_(files), sealedLimitBytes_(sealedLimitBytes), quota_(quota) {}
 
   // The next item whole, whether it stands here or in a sealed memory file; false when it is no acceptable item of CBOR major
@@ -66,7 +72,7 @@ class ArgumentReader {
 
   std::vector<FileDescriptor>& files_;
   std::size_t sealedLimitBytes_;
-  MemoryQuota quota_;
+  const MemoryQuota& quota_;
   bool overQuota_ = false;
   bool confidential_ = false;
   bool brief_ = false;

@@ -94,13 +94,13 @@ std::int64_t Connection::methodNumber(const Interface& interface, std::size_t pl
 }
 
 std::uint64_t Connection::expectReply(ReplyReader read, ErrorBlock onError) {
-  const std::uint64_t id = nextRequestId_++;
-  expected_.emplace(id, Expected{std::move(read), std::move(onError)});
+  const std::uint64_t id = caller().nextRequestId++;
+  caller().expected.emplace(id, Expected{std::move(read), std::move(onError)});
   return id;
 }
 
 void Connection::unexpectReply(std::uint64_t requestId, Error error) {
-  auto found = expected_.extract(requestId);
+  auto found = caller().expected.extract(requestId);
   if (!found.empty()) reportError(std::move(found.mapped().onError), std::move(error));
 }
 
@@ -184,7 +184,7 @@ void Connection::requestAnswered(std::uint64_t requestId) {
   if (requestId == heavyRequestId_) {
     heavyRequestId_ = 0;
     // Not before what this answer made wait was counted, at the end of the turn.
-    transport_->performLater([turns = options_.heavyTurns, user = options_.quota.account] { turns->leave(user); });
+    transport_->performLater([turns = options_.heavyTurns, user = options_.quota->account] { turns->leave(user); });
   }
   if (readingPaused_) adjustReading();
 }
@@ -205,8 +205,11 @@ void Connection::end(std::string_view goodbye, bool transportIsClosed) {
   state_ = State::ended;
   keptAlive_.reset();
   if (!transportIsClosed) transport_->close(goodbye);
-  runOnQueue([self, why = farewell_.empty() ? "the connection ended" : "the connection ended: " + farewell_] {
-    for (auto& [id, expected] : std::exchange(self->expected_, {})) {
+  runOnQueue([self, farewell = farewell_] {
+    if (!self->caller_) return;
+    const std::string why =
+        farewell.isNull() ? std::string("the connection ended") : fmt::format("the connection ended: {}", farewell.view());
+    for (auto& [id, expected] : std::exchange(self->caller_->expected, {})) {
       self->reportError(std::move(expected.onError), connectionError(ConnectionErrorCode::invalid, why));
     }
   });
@@ -222,7 +225,7 @@ void Connection::release() {
   if (invalidationHandler_) invalidationHandler_();
   invalidationHandler_ = {};
   interruptionHandler_ = {};
-  readyHandler_ = {};
+  if (caller_) caller_->readyHandler = {};
   exportedObject_.reset();
 }
 

@@ -15,6 +15,7 @@
 #include "platform/dispatch/reactor.h"
 #include "platform/dispatch/serial_queue.h"
 #include "platform/foundation/error.h"
+#include "platform/foundation/string.h"
 #include "platform/xpc/heavy_turns.h"
 #include "platform/xpc/interface.h"
 #include "platform/xpc/limits.h"
@@ -53,8 +54,8 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
     bool takesDescriptors = true;
     // The largest value that is taken, however it travels.
     std::size_t receiveLimitBytes = limits::kFrameBytes;
-    // Who pays for what the peer sends.
-    MemoryQuota quota;
+    // Who pays for what the peer sends; borrowed.
+    const MemoryQuota* quota = &MemoryQuota::ofProcess();
     // Where heavy requests take turns with those of other connections.
     std::shared_ptr<HeavyTurns> heavyTurns = std::make_shared<HeavyTurns>();
   };
@@ -69,7 +70,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   uid_t effectiveUserIdentifier() const { return peer_.uid; }
   std::int32_t auditSessionIdentifier() const { return peer_.auditSession; }
   const PeerIdentity& peer() const { return peer_; }
-  const MemoryQuota& quota() const { return options_.quota; }
+  const MemoryQuota& quota() const { return *options_.quota; }
   // Stable text for people: "<connection 12 pid 345 (mailmod) uid 501 session 3>".
   std::string description() const;
 
@@ -96,7 +97,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
     transport_->setConfidential();
   }
   // Called once, on the I/O thread, when the peer's hello has come and calls can be made.
-  void setReadyHandler(Handler handler) { readyHandler_ = std::move(handler); }
+  void setReadyHandler(Handler handler) { caller().readyHandler = std::move(handler); }
 
   void resume();
   // Ends the connection from this side; `goodbye`, unless empty, tells the peer why. Idempotent.
@@ -110,7 +111,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   }
 
   // The peer's last words, empty when it said none. For the invalidation handler.
-  const std::string& farewell() const { return farewell_; }
+  std::string_view farewell() const { return farewell_.isNull() ? std::string_view() : farewell_.view(); }
 
   // For RemoteProxy.
   using ErrorBlock = std::move_only_function<void(Error)>;
@@ -141,6 +142,12 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
     ReplyReader read;
     ErrorBlock onError;
   };
+  // What only a side has that asks for replies: idle connections are many.
+  struct Caller {
+    Handler readyHandler;
+    std::uint64_t nextRequestId = 1;
+    std::unordered_map<std::uint64_t, Expected> expected;
+  };
 
   Connection(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options);
 
@@ -150,6 +157,10 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   void onClosed(std::string_view reason) override;
   std::shared_ptr<void> holdAlive() override { return shared_from_this(); }
 
+  Caller& caller() {
+    if (!caller_) caller_ = std::make_unique<Caller>();
+    return *caller_;
+  }
   void queueFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files);
   void sendHello();
   void receiveHello(std::span<const std::byte> bytes);
@@ -215,10 +226,8 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   Executor* slowRequests_ = nullptr;  // with queue_
   Handler interruptionHandler_;
   Handler invalidationHandler_;
-  Handler readyHandler_;
-  std::uint64_t nextRequestId_ = 1;
-  std::unordered_map<std::uint64_t, Expected> expected_;
-  std::string farewell_;
+  std::unique_ptr<Caller> caller_;  // null: has asked for nothing yet
+  String farewell_;
   std::shared_ptr<Connection> keptAlive_;  // from resume() until the end
 };
 

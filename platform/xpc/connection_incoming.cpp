@@ -64,10 +64,10 @@ void Connection::onFrame(std::span<const std::byte> bytes, std::vector<FileDescr
 }
 
 void Connection::queueFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
-  if (options_.quota.account->bytes() > options_.quota.grantedNameBytes()) {
+  if (options_.quota->account->bytes() > options_.quota->grantedNameBytes()) {
     return protocolViolation("its user holds too much here for a message to wait");
   }
-  BufferRef copy = Buffer::copyOf(bytes, *options_.quota.account, limits::kQueuedMessageBytes);
+  BufferRef copy = Buffer::copyOf(bytes, *options_.quota->account, limits::kQueuedMessageBytes);
   if (confidential_) copy->makeSecret();
   queuedBytes_ += bytes.size();
   adjustReading();
@@ -110,7 +110,7 @@ void Connection::onOversizedFrame(std::size_t sizeBytes, std::span<const std::by
 
 void Connection::onClosed(std::string_view reason) {
   if (!reason.empty() && state_ == State::running) logger().error("{} dropped: {}", description(), reason);
-  if (farewell_.empty()) farewell_ = reason;
+  if (farewell_.isNull() && !reason.empty()) farewell_ = String(reason);
   end({}, /*transportIsClosed=*/true);
 }
 
@@ -123,7 +123,7 @@ void Connection::receiveHello(std::span<const std::byte> bytes) {
     return protocolViolation("its hello cannot be decoded");
   if (kind == static_cast<std::uint64_t>(MessageKind::goodbye)) {
     std::string_view text;
-    if (count == 2 && cursor.text(text)) farewell_ = text;
+    if (count == 2 && cursor.text(text) && !text.empty()) farewell_ = String(text);
     return end({}, /*transportIsClosed=*/false);
   }
   if (kind != static_cast<std::uint64_t>(MessageKind::hello)) return protocolViolation("its first message is no hello");
@@ -146,7 +146,7 @@ void Connection::receiveHello(std::span<const std::byte> bytes) {
   peerTakesDescriptors_ = takesDescriptors;
   helloReceived_ = true;
   transport_->liftHelloBound();
-  if (readyHandler_) std::exchange(readyHandler_, {})();
+  if (caller_ && caller_->readyHandler) std::exchange(caller_->readyHandler, {})();
 }
 
 void Connection::receive(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
@@ -178,7 +178,7 @@ void Connection::receive(std::span<const std::byte> bytes, std::vector<FileDescr
 void Connection::receiveGoodbye(cbor::Cursor& cursor, std::uint64_t count) {
   std::string_view text;
   if (count != 2 || !cursor.text(text) || !cursor.atEnd()) return interrupted("a goodbye that cannot be decoded");
-  transport_->perform([self = shared_from_this(), words = std::string(text)] {
+  transport_->perform([self = shared_from_this(), words = text.empty() ? String(nullptr) : String(text)] {
     if (self->state_ == State::ended) return;
     self->farewell_ = words;
     self->end({}, /*transportIsClosed=*/false);
@@ -216,10 +216,10 @@ bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vecto
   const Weight weight = exportedInterface_->weightAt(method);
   if (weight == Weight::heavy && call.route && !queue_) {
     queueHeavy(
-        {method, argumentCount, Buffer::copyOf(cursor.rest(), *options_.quota.account), std::move(files), std::move(call)});
+        {method, argumentCount, Buffer::copyOf(cursor.rest(), *options_.quota->account), std::move(files), std::move(call)});
     return true;
   }
-  ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes, options_.quota);
+  ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes, *options_.quota);
   reader.setConfidential(confidential_);
   reader.setBrief(weight == Weight::brief && !queue_);
   if (weight == Weight::lasting && !reader.mayHoldMore()) return refuseOverQuota(id);
@@ -233,14 +233,14 @@ void Connection::queueHeavy(HeavyRequest request) {
   changeUnanswered(1);
   heavyRequestId_ = request.call.requestId;
   adjustReading();
-  options_.heavyTurns->enter(options_.quota.account, [self = shared_from_this(), held = std::move(request)]() mutable {
+  options_.heavyTurns->enter(options_.quota->account, [self = shared_from_this(), held = std::move(request)]() mutable {
     self->serveHeavy(std::move(held));
   });
 }
 
 void Connection::serveHeavy(HeavyRequest request) {
   if (state_ != State::running) return requestAnswered(request.call.requestId);
-  ArgumentReader reader(request.arguments->bytes(), request.files, options_.receiveLimitBytes, options_.quota);
+  ArgumentReader reader(request.arguments->bytes(), request.files, options_.receiveLimitBytes, *options_.quota);
   serve(request.method, reader, request.argumentCount, request.call);
 }
 
@@ -265,7 +265,8 @@ bool Connection::receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint
     interrupted("the peer could not serve a one-way message");
     return false;
   }
-  auto found = cursor.unsignedInteger(id) ? expected_.extract(id) : decltype(expected_)::node_type();
+  decltype(Caller::expected)::node_type found;
+  if (cursor.unsignedInteger(id) && caller_) found = caller_->expected.extract(id);
   if (found.empty()) {
     interrupted("an answer to no request");
     return false;
@@ -304,8 +305,8 @@ bool Connection::refuse(std::optional<std::uint64_t> requestId, FailureCode code
 
 bool Connection::refuseOverQuota(std::optional<std::uint64_t> requestId) {
   return refuse(requestId, FailureCode::overQuota,
-                fmt::format("uid {} holds {} bytes here; at most {} are granted", peer_.uid, options_.quota.account->bytes(),
-                            options_.quota.grantedBytes()));
+                fmt::format("uid {} holds {} bytes here; at most {} are granted", peer_.uid, options_.quota->account->bytes(),
+                            options_.quota->grantedBytes()));
 }
 
 void Connection::interrupted(std::string_view why) {

@@ -87,8 +87,9 @@ TEST_F(RawPeer, UserThatHoldsTooMuchIsRefusedUntilItHoldsLess) {
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
   peer.reset(both[1]);
   static MemoryAccount account;
+  static const MemoryQuota quota{.account = &account, .limitBytes = 10'000};
   Connection::Options options;
-  options.quota = {&account, 10'000};
+  options.quota = &quota;
   const auto limited =
       Connection::create(PeerIdentity(),
                          std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor,
@@ -150,7 +151,7 @@ TEST_F(RawPeer, HeavyRequestsAreServedOneAtATime) {
 
 struct PeerWithTurns : RawPeer {
   explicit PeerWithTurns(std::shared_ptr<HeavyTurns> given = std::make_shared<HeavyTurns>())
-      : RawPeer(Connection::Options{.quota = {}, .heavyTurns = given}), heavyTurns(std::move(given)) {}
+      : RawPeer(Connection::Options{.heavyTurns = given}), heavyTurns(std::move(given)) {}
   const std::shared_ptr<HeavyTurns> heavyTurns;
 };
 
@@ -163,7 +164,7 @@ TEST_F(PeerWithTurns, HeavyRequestsOfOneUserTakeTurnsOverAllConnections) {
       Connection::create(PeerIdentity(),
                          std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor,
                                                        FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
-                         Connection::Options{.quota = {}, .heavyTurns = heavyTurns});
+                         Connection::Options{.heavyTurns = heavyTurns});
   const auto otherService = std::make_shared<EchoService>();
   other->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
   other->setExportedObject<Echo>(otherService);
@@ -215,7 +216,8 @@ TEST_F(RawPeer, HalfOfALargeFrameIsChargedToItsUser) {
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
   peer.reset(both[1]);
   static MemoryAccount account;
-  FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes, .quota = {&account, 200'000}};
+  static const MemoryQuota quota{.account = &account, .limitBytes = 200'000};
+  FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes, .quota = &quota};
   const auto limited = Connection::create(
       PeerIdentity(), std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor, std::move(terms)), Connection::Options());
   limited->resume();

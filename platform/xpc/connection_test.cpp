@@ -266,11 +266,15 @@ TEST_F(RawPeer, AnswersToNothingOnAQueueOfItsOwnAreIgnored) {
 }
 
 struct PeerWithQuota : RawPeer {
-  PeerWithQuota() : RawPeer(Connection::Options{.quota = {.account = &accountOfTest(), .limitBytes = 100'000}}) {}
+  PeerWithQuota() : RawPeer(Connection::Options{.quota = &quotaOfTest()}) {}
   ~PeerWithQuota() override { accountOfTest().refund(accountOfTest().bytes()); }
   static MemoryAccount& accountOfTest() {
     static MemoryAccount account;
     return account;
+  }
+  static const MemoryQuota& quotaOfTest() {
+    static const MemoryQuota quota{.account = &accountOfTest(), .limitBytes = 100'000};
+    return quota;
   }
 };
 

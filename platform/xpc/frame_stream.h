@@ -24,8 +24,8 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   struct Terms {
     // Bounds the frames that are taken once the hello bound is lifted.
     std::size_t frameLimitBytes;
-    // Pays for frames that came in part.
-    MemoryQuota quota{};
+    // Pays for frames that came in part; borrowed.
+    const MemoryQuota* quota = &MemoryQuota::ofProcess();
     // Held until the socket is closed: the connection's place among those that may be open.
     std::shared_ptr<void> admission{};
   };

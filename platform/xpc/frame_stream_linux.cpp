@@ -113,7 +113,7 @@ void FrameStream::countWaiting() {
   outputFull_ = waiting > limits::kPauseReadingBytes || (outputFull_ && waiting > limits::kPauseReadingBytes / 2);
   const bool counts = outputBlocked_ || outputFull_;
   countedOwnBytes_ = counts ? output_->ownBytes() : 0;
-  waitingOutput().note(this, terms_.quota.account, counts ? waiting : 0, countedOwnBytes_);
+  waitingOutput().note(this, terms_.quota->account, counts ? waiting : 0, countedOwnBytes_);
   if (!counts) return;
   if (waiting > limits::kWaitingBytes) return endSlow();
   // Superseded values are the process's own to pay for (see Buffer::chargeTo). One goes at a time; what it held is free only
@@ -127,7 +127,7 @@ void FrameStream::countWaiting() {
 
 void FrameStream::endSlow() {
   // Others have their turn in being the heaviest.
-  waitingOutput().note(this, terms_.quota.account, 0, 0);
+  waitingOutput().note(this, terms_.quota->account, 0, 0);
   tooSlow_ = true;
   ending_ = true;
   reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
@@ -261,7 +261,7 @@ bool FrameStream::takeFiles(msghdr& header) {
       if (isMemoryFile(descriptor)) {
         files_.push_back(std::move(descriptor));
       } else {
-        closeElsewhere(std::move(descriptor), terms_.admission, terms_.quota.account);
+        closeElsewhere(std::move(descriptor), terms_.admission, terms_.quota->account);
         offence = "a descriptor that is no memory file";
       }
     }
@@ -277,12 +277,12 @@ bool FrameStream::takeFiles(msghdr& header) {
 void FrameStream::countFiles() {
   if (files_.size() == countedFiles_) return;
   countedFiles_ = files_.size();
-  unclaimedFiles().note(this, terms_.quota.account, countedFiles_);
+  unclaimedFiles().note(this, terms_.quota->account, countedFiles_);
 }
 
 void FrameStream::endForUnclaimedFiles() {
   // Its files are as good as closed.
-  unclaimedFiles().note(this, terms_.quota.account, 0);
+  unclaimedFiles().note(this, terms_.quota->account, 0);
   keepsFilesUnclaimed_ = true;
   ending_ = true;
   reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
@@ -291,9 +291,9 @@ void FrameStream::endForUnclaimedFiles() {
 bool FrameStream::chargeKept() {
   const std::size_t kept = splitter_.keptBytes();
   if (kept == chargedKeptBytes_) return true;
-  terms_.quota.account->charge(kept);
-  terms_.quota.account->refund(std::exchange(chargedKeptBytes_, kept));
-  return kept < limits::kHelloBytes || terms_.quota.account->bytes() <= terms_.quota.grantedNameBytes();
+  terms_.quota->account->charge(kept);
+  terms_.quota->account->refund(std::exchange(chargedKeptBytes_, kept));
+  return kept < limits::kHelloBytes || terms_.quota->account->bytes() <= terms_.quota->grantedNameBytes();
 }
 
 bool FrameStream::handFramesOver() {
@@ -401,7 +401,7 @@ void FrameStream::sayGoodbye(std::string_view goodbye, bool dropWaiting) {
       output_.borrow();
       output_->append(message);
     }
-    sendFarewell(std::move(socket_), std::move(output_), std::move(terms_.admission), terms_.quota.account, reactor_);
+    sendFarewell(std::move(socket_), std::move(output_), std::move(terms_.admission), terms_.quota->account, reactor_);
   }
   detach();
 }
@@ -409,7 +409,7 @@ void FrameStream::sayGoodbye(std::string_view goodbye, bool dropWaiting) {
 void FrameStream::detach() {
   stopWatching();
   cancelEndOfTurn();
-  waitingOutput().note(this, terms_.quota.account, 0, 0);
+  waitingOutput().note(this, terms_.quota->account, 0, 0);
   if (leavingUnderPressure() == this) leavingUnderPressure() = nullptr;
   if (writingAgain_ != 0) {
     reactor_.cancel(std::exchange(writingAgain_, 0));
@@ -418,9 +418,9 @@ void FrameStream::detach() {
   countedOwnBytes_ = 0;
   files_.clear();
   countFiles();
-  terms_.quota.account->refund(std::exchange(chargedKeptBytes_, 0));
+  terms_.quota->account->refund(std::exchange(chargedKeptBytes_, 0));
   // A stream that was never started has read nothing.
-  if (socket_ && !readToItsEnd_) return closeElsewhere(std::move(socket_), std::move(terms_.admission), terms_.quota.account);
+  if (socket_ && !readToItsEnd_) return closeElsewhere(std::move(socket_), std::move(terms_.admission), terms_.quota->account);
   socket_.reset();
   terms_.admission.reset();
 }

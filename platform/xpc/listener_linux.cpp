@@ -141,13 +141,13 @@ bool Listener::acceptOne() {
     return true;
   }
   std::shared_ptr<void> admission;
-  FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes, .quota = memoryQuotaOfUser(peer->uid)};
+  FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes, .quota = &memoryQuotaOfUser(peer->uid)};
   if (const auto refusal = admissions_->admit(peer->uid, terms.admission); refusal != Admissions::Refusal::none) {
     const std::string why = refusal == Admissions::Refusal::tooManyOfUser
                                 ? fmt::format("too many connections of uid {}", peer->uid)
                                 : std::string("too many connections");
     if (!std::exchange(refusalLogged_, true)) logger().error("{}: {}; new ones are turned away", path_, why);
-    turnAway(std::move(socket), why, terms.quota.account, reactor_);
+    turnAway(std::move(socket), why, terms.quota->account, reactor_);
     return true;
   }
   if (admissions_->hasRoom()) pauseLogged_ = refusalLogged_ = false;

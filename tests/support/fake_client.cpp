@@ -103,7 +103,7 @@ FakeClient::FakeClient(ManualExecutor& executor, xpc::PeerIdentity peer) : recor
   for (const auto selector : xpc::MethodsOf<SubscriberProxy>::kSelectors) selectors_.emplace_back(selector);
   auto transport = std::make_unique<FakeTransport>(*this, executor);
   transport_ = transport.get();
-  connection_ = xpc::Connection::create(std::move(peer), std::move(transport), {.takesDescriptors = false, .quota = {}});
+  connection_ = xpc::Connection::create(std::move(peer), std::move(transport), {.takesDescriptors = false});
 }
 
 FakeClient::~FakeClient() {
