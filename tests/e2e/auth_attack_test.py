@@ -83,13 +83,13 @@ class Challenges(AuthTest):
         self.assertError(attacker.validate("nonsense", ids[0])[2], 6)
         attacker.close()
         self.daemon.wait_for_log(INVALIDATED)
-        # As many again, and again, find the memory of the first.
+        # As many again, and again, find the memory of the first, or what of it is not free yet. Kept, it would be five times that.
         for number in range(2, 6):
             again = self.auth()
             self.open(again, CHALLENGES)
             again.close()
             self.daemon.wait_for_log(INVALIDATED, number)
-        self.assertGrownLess(first, 2 * CHALLENGES * 700)
+        self.assertGrownLess(first, 2 * CHALLENGES * 1024)
 
     def assertGrownLess(self, before, allowed):
         # A challenge is many small things, around each of which a sanitizer keeps a lot.
