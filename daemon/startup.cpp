@@ -125,7 +125,11 @@ void complainAboutMissingSessions(const char* ownSession) {
 }
 
 void preferIoThread() {
-  ioReactor().post([] { preferThisThread(); });
+  ioReactor().post([] {
+    if (const std::error_code problem = preferThisThread()) {
+      logger().debug("the I/O thread keeps an ordinary priority: {}", problem.message());
+    }
+  });
 }
 
 void makeLockDirectory(const char* path) {

@@ -28,7 +28,7 @@ TEST(PreferredThread, GoesFirstAndLeavesOthersAlone) {
   int child = 1;
   int program = 1;
   std::thread([&] {
-    preferThisThread();
+    EXPECT_EQ(!preferThisThread(), expected != 0);
     own = priorityOfThisThread();
     std::thread([&child] { child = priorityOfThisThread(); }).join();
     const pid_t forked = ::fork();
@@ -47,7 +47,7 @@ TEST(PreferredThread, KeepsAPriorityThatWasChosen) {
   int own = 0;
   std::thread([&own] {
     ASSERT_EQ(::setpriority(PRIO_PROCESS, 0, 3), 0);
-    preferThisThread();
+    EXPECT_FALSE(preferThisThread());
     own = priorityOfThisThread();
   }).join();
   EXPECT_EQ(own, 3);

@@ -52,6 +52,13 @@ class Installation(unittest.TestCase):
             self.assertEqual(said.split(), [word] * len(UNITS))
         self.assertEqual(self.keelctl("auth", "check", uid=ALICE), (0, '{"alive":true}\n'))
 
+    def test_serves_before_others_run(self):
+        self.assertEqual(self.keelctl("auth", "check")[0], 0)
+        shown = subprocess.run(["systemctl", "show", "--value", "--property=MainPID", "keeld"], capture_output=True, check=True)
+        priorities = keel_host.thread_priorities(int(shown.stdout))
+        self.assertEqual(priorities.pop("keel-io"), {keel_host.preferred_priority()})
+        self.assertEqual(set().union(*priorities.values()), {0})
+
     def test_has_all_that_proofs_need(self):
         status, said = self.keelctl("auth", "password", "alice", password="wrong")
         self.assertEqual(status, 1)

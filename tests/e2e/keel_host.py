@@ -202,6 +202,21 @@ def memory_factor():
     return 8 if b"__tsan_init" in code or b"__asan_init" in code else 1
 
 
+def thread_priorities(pid):
+    """The sets of nice values that a process's threads have, by the threads' names."""
+    priorities = {}
+    for thread in os.listdir(f"/proc/{pid}/task"):
+        with open(f"/proc/{pid}/task/{thread}/stat") as file:
+            name, _, fields = file.read().partition("(")[2].rpartition(")")
+        priorities.setdefault(name, set()).add(int(fields.split()[16]))
+    return priorities
+
+
+def preferred_priority():
+    """What keeld's I/O thread gets here. Not on every machine may root have it."""
+    return int(subprocess.run(["nice", "-n", "-5", "nice"], capture_output=True, check=True).stdout)
+
+
 def remove(path):
     if os.path.isdir(path) and not os.path.islink(path):
         shutil.rmtree(path)
