@@ -14,6 +14,7 @@
 #include "notify/notification_service.h"
 #include "notify/slice_line.h"
 #include "notify/update_line.h"
+#include "platform/dispatch/block_date.h"
 #include "platform/foundation/value.h"
 #include "platform/logging/logger.h"
 #include "platform/product/product.h"
@@ -190,6 +191,7 @@ void KLNNotificationHandler::update(UpdateBatch& batch) {
     for (std::size_t i = 0; i < batch.data.size(); ++i) {
       item.updateWithData(std::move(batch.data[i]));
       batch.replies[i](nullptr);
+      ageDateOfBlock(1);
     }
     return;
   }

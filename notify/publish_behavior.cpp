@@ -55,8 +55,7 @@ void KLNPublishBehavior::deliver(KLNPublishedObject& item, const Dictionary& dat
   if (SubscriberSet* const subscribers = item.subscribers()) {
     const xpc::FanOut fanOut(subscribers->count());
     subscribers->forEach(tell);
-    // What took long makes the date old.
-    if (subscribers->count() > kManySubscribers) beginDateOfBlock();
+    if (subscribers->count() > kManySubscribers) ageDateOfBlock(kBlocksPerDate);
   }
 }
 
@@ -68,6 +67,7 @@ void KLNPublishBehavior::updateWithSeries(std::span<const Dictionary> series) {
   while (!series.empty()) {
     const std::span<const Dictionary> together = series.first(countTogether(series, item->name()));
     series = series.subspan(together.size());
+    ageDateOfBlock(together.size());
     if (together.size() == 1) {
       updateWithData(together.front());
     } else {

@@ -6,11 +6,11 @@
 namespace keel {
 
 void BlockBatch::run() noexcept {
-  std::size_t count = 0;
+  beginDateOfBlock();
   for (Block& block : blocks_) {
-    if (count++ % kBlocksPerDate == 0) beginDateOfBlock();
     block();
     block = Block();
+    ageDateOfBlock(1);
   }
   endDateOfBlock();
   if (blocks_.capacity() > kKeptCount) {

@@ -15,9 +15,6 @@ class BlockBatch {
   // The room that is kept for the next run; 512 KiB.
   static constexpr std::size_t kKeptCount = 16384;
 
-  // Blocks of one run that share a date (block_date.h): to read the clock takes as long as a good part of a small block.
-  static constexpr std::size_t kBlocksPerDate = 16;
-
   void add(Block&& block) { blocks_.push_back(std::move(block)); }
   bool empty() const { return blocks_.empty(); }
   std::size_t capacity() const { return blocks_.capacity(); }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/dispatch/block_date.h"
 
+#include <cstddef>
 #include <cstdint>
 
 namespace keel {
@@ -11,6 +12,7 @@ enum class Reading : std::uint8_t { outsideBlock, notYet, done };
 
 thread_local Reading reading = Reading::outsideBlock;
 thread_local Date readDate;
+thread_local std::size_t age = 0;  // of the reading
 
 }  // namespace
 
@@ -20,12 +22,19 @@ Date dateOfBlock() {
   if (reading == Reading::notYet) {
     readDate = date;
     reading = Reading::done;
+    age = 0;
   }
   return date;
 }
 
+void ageDateOfBlock(std::size_t blocks) {
+  age += blocks;
+  if (age >= kBlocksPerDate && reading == Reading::done) beginDateOfBlock();
+}
+
 void beginDateOfBlock() {
   reading = Reading::notYet;
+  age = 0;
 }
 
 void endDateOfBlock() {

@@ -37,16 +37,41 @@ TEST(DateOfBlock, IsReadAnewAfterAFewBlocksOfTheTurn) {
   ManualExecutor executor;
   const auto queue = SerialQueue::create("test", executor);
   std::vector<Date> dates;
-  for (std::size_t i = 0; i <= BlockBatch::kBlocksPerDate; ++i) {
+  for (std::size_t i = 0; i <= kBlocksPerDate; ++i) {
     queue->async([&dates] {
       dates.push_back(dateOfBlock());
       letTheClockPass(dates.back());
     });
   }
   ASSERT_TRUE(executor.runOne());
-  ASSERT_EQ(dates.size(), BlockBatch::kBlocksPerDate + 1);
-  EXPECT_EQ(dates[BlockBatch::kBlocksPerDate - 1], dates[0]);
-  EXPECT_NE(dates[BlockBatch::kBlocksPerDate], dates[0]);
+  ASSERT_EQ(dates.size(), kBlocksPerDate + 1);
+  EXPECT_EQ(dates[kBlocksPerDate - 1], dates[0]);
+  EXPECT_NE(dates[kBlocksPerDate], dates[0]);
+}
+
+TEST(DateOfBlock, IsReadAnewInABlockThatDoesAsMuchAsAFew) {
+  ManualExecutor executor;
+  const auto queue = SerialQueue::create("test", executor);
+  std::vector<Date> dates;
+  queue->async([&dates] {
+    for (const std::size_t done : {std::size_t{0}, kBlocksPerDate - 1, std::size_t{1}, kBlocksPerDate + 5}) {
+      ageDateOfBlock(done);
+      dates.push_back(dateOfBlock());
+      letTheClockPass(dates.back());
+    }
+  });
+  executor.runAll();
+  ASSERT_EQ(dates.size(), 4u);
+  EXPECT_EQ(dates[1], dates[0]);
+  EXPECT_NE(dates[2], dates[0]);
+  EXPECT_NE(dates[3], dates[2]);
+}
+
+TEST(DateOfBlock, DoesNotAgeOutsideABlock) {
+  ageDateOfBlock(2 * kBlocksPerDate);
+  const Date first = dateOfBlock();
+  letTheClockPass(first);
+  EXPECT_NE(dateOfBlock(), first);
 }
 
 TEST(DateOfBlock, IsReadAnewInTheNextTurn) {
