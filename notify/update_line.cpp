@@ -24,7 +24,8 @@ struct UpdateLine::QueuedBatch {
     batch.replies.clear();
     batch.handler = nullptr;
     batch.name = nullptr;
-    if (batch.data.capacity() <= kKeptUpdates) std::swap(batch, line->spare_);
+    const std::size_t room = batch.data.capacity();
+    if (room > line->spare_.data.capacity() && room <= kKeptUpdates) std::swap(batch, line->spare_);
   }
   QueuedBatch(const QueuedBatch&) = delete;
   QueuedBatch& operator=(const QueuedBatch&) = delete;

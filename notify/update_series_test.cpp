@@ -2,6 +2,9 @@
 // Updates that one client sends in a row are carried out together. Nobody must be able to tell, except by the time it takes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string_view>
+
 #include "notify/handler_fixture.h"
 #include "platform/xpc/fan_out.h"
 
@@ -11,8 +14,6 @@ namespace {
 class UpdateSeries : public NotificationHandler {
  protected:
   void SetUp() override {
-    // At the debug level each update is carried out alone, so that the log tells of them in order.
-    log.stop();
     mustPublish(one, "n", 0);
     mustSubscribe(other, "n");
     mustSubscribe(third, "n");
@@ -21,6 +22,12 @@ class UpdateSeries : public NotificationHandler {
   void forgetAll() {
     forget();
     third.take();
+    errors.take();
+  }
+  int errorCount(std::string_view beginning) const {
+    return static_cast<int>(std::ranges::count_if(errors.linesOf("notification"), [beginning](const LogLine& line) {
+      return line.level == LogLevel::error && line.text.starts_with(beginning);
+    }));
   }
   // What these updates cause.
   static std::vector<std::string> updates(std::vector<int> values) {
@@ -40,6 +47,8 @@ class UpdateSeries : public NotificationHandler {
     return all;
   }
 
+  // At the debug level each update is carried out alone, so that the log tells of them in order.
+  LogRecorder errors{LogLevel::error};
   NotifyClient third{executor, FakeClient::identity(13, 5)};
 };
 
@@ -179,28 +188,116 @@ TEST_F(UpdateSeries, ASubscriberWithItsOwnNumbersIsCalledByThem) {
 TEST_F(UpdateSeries, EachFailureToSendIsReported) {
   NotifyClient deaf(executor, FakeClient::identity(14, 6), std::vector<std::string>());
   mustSubscribe(deaf, "n");
+  forgetAll();
   updateEach({1, 2, 3});
-  executor.runOne();
-  LogRecorder reported;
   executor.runAll();
-  int count = 0;
-  for (const LogLine& line : reported.linesOf("notification")) {
-    count += line.text.starts_with("behavior updateWithData: (n) connection returned an error ") ? 1 : 0;
-  }
-  EXPECT_EQ(count, 3);
+  EXPECT_EQ(errorCount("behavior updateWithData: (n) connection returned an error "), 3);
   EXPECT_EQ(receivedBy(third), updates({1, 2, 3}));
 }
 
 TEST_F(UpdateSeries, AClientThatIsGoneIsLoggedForEach) {
   const auto subscription = KLNSubscriptionObject::initWithName("n", nullptr);
   std::make_shared<SubscriberBehavior>()->addTarget(subscription);
-  LogRecorder logged;
-  subscription->delegate()->updateWithSeries(std::vector{number(1), number(2)});
-  int count = 0;
-  for (const LogLine& line : logged.linesOf("notification")) {
-    count += line == errorLine("behavior updateWithData: connection is nil") ? 1 : 0;
+  entry("n")->addSubscriber(subscription);
+  updateEach({1, 2});
+  executor.runAll();
+  EXPECT_EQ(errorCount("behavior updateWithData: connection is nil"), 2);
+  EXPECT_FALSE(subscription->lastUpdated());
+  EXPECT_EQ(receivedBy(third), updates({1, 2}));
+}
+
+TEST_F(UpdateSeries, ABehaviorWhoseSubscriptionIsGoneLogsEach) {
+  const auto behavior = std::make_shared<SubscriberBehavior>();
+  behavior->updateWithSeries(std::vector{number(1), number(2)});
+  EXPECT_EQ(errorCount("behavior updateWithData: connection is nil"), 2);
+}
+
+TEST_F(UpdateSeries, ASubscriptionWithoutABehaviorServesItself) {
+  NotifyClient fourth(executor, FakeClient::identity(14, 6));
+  const auto subscription = KLNSubscriptionObject::initWithName("n", fourth.connection());
+  entry("n")->addSubscriber(subscription);
+  updateEach({1, 2});
+  executor.runAll();
+  EXPECT_EQ(receivedBy(fourth), updates({1, 2}));
+  EXPECT_TRUE(subscription->lastUpdated());
+  fourth.die();
+  updateEach({3, 4});
+  executor.runAll();
+  EXPECT_EQ(errorCount("updateWithData: connection is nil"), 2);
+}
+
+TEST_F(UpdateSeries, ThoseOfAnotherClientBehindTheOwnersAreRefused) {
+  update(one, "n", number(1));
+  const auto foreign = update(other, "n", number(2));
+  update(one, "n", number(3));
+  executor.runAll();
+  EXPECT_EQ(receivedBy(third), updates({1, 3}));
+  EXPECT_EQ(std::get<0>(*other.resultsOf<&NotifyProxy::updatePublishedItem>(foreign)), kNotFound);
+  EXPECT_EQ(errorCount("updatePublishedItem: item : n not found"), 1);
+}
+
+TEST_F(UpdateSeries, OfANullNameAreNotThoseOfTheEmptyOne) {
+  mustPublish(one, "", 0);
+  mustSubscribe(third, "");
+  forgetAll();
+  update(one, "", number(1));
+  const auto nameless = update(one, nullptr, number(2));
+  update(one, "", number(3));
+  executor.runAll();
+  EXPECT_THAT(receivedBy(third), ElementsAre("update  {\"number\": 1}", "update  {\"number\": 3}"));
+  EXPECT_EQ(std::get<0>(*one.resultsOf<&NotifyProxy::updatePublishedItem>(nameless)), kNotFound);
+}
+
+TEST_F(UpdateSeries, OneAfterTheOtherAreNotMixedUp) {
+  // Equal in their first data, in their number, and in all but the last.
+  update(one, "n", nullptr);
+  update(one, "n", number(1));
+  executor.runAll();
+  update(one, "n", nullptr);
+  update(one, "n", number(2));
+  subscribe(one, "something else");
+  update(one, "n", nullptr);
+  update(one, "n", number(3));
+  executor.runAll();
+  const std::vector<std::string> expected = {"update n null", "update n {\"number\": 1}",
+                                             "update n null", "update n {\"number\": 2}",
+                                             "update n null", "update n {\"number\": 3}"};
+  EXPECT_EQ(receivedBy(other), expected);
+  EXPECT_EQ(receivedBy(third), expected);
+}
+
+TEST_F(UpdateSeries, ALongNameGoesInSeveralPieces) {
+  const std::string name(20'000, 'n');
+  mustPublish(one, Name(name), 0);
+  mustSubscribe(third, Name(name));
+  forgetAll();
+  const int sentBefore = third.sendCount();
+  for (int i = 0; i < 6; ++i) update(one, Name(name), number(i));
+  executor.runAll();
+  EXPECT_THAT(numbersOf(third), ElementsAre(0, 1, 2, 3, 4, 5));
+  // Two would be longer together than what is sent together.
+  EXPECT_EQ(third.sendCount(), sentBefore + 6);
+}
+
+TEST_F(UpdateSeries, DataOfTheLargestSizeGoTogetherAndLargerOnesAlone) {
+  // A map with a number and a filling of that many bytes takes 20 bytes around it.
+  const auto ofSize = [](int value, std::size_t sizeBytes) { return large(value, sizeBytes - 20); };
+  ASSERT_EQ(ofSize(1, xpc::FanOut::kLargestInSeriesBytes).buffer()->size(), xpc::FanOut::kLargestInSeriesBytes);
+  for (const std::size_t more : {0u, 1u}) {
+    const int sentBefore = third.sendCount();
+    for (int i = 1; i <= 3; ++i) update(one, "n", ofSize(i, xpc::FanOut::kLargestInSeriesBytes + more));
+    executor.runAll();
+    EXPECT_THAT(numbersOf(third), ElementsAre(1, 2, 3));
+    EXPECT_EQ(third.sendCount(), sentBefore + (more == 0 ? 1 : 3));
+    forgetAll();
   }
-  EXPECT_EQ(count, 2);
+}
+
+TEST_F(UpdateSeries, WhoDiesBeforeTheyAreCarriedOutHasPublishedThem) {
+  updateEach({1, 2});
+  one.die();
+  executor.runAll();
+  EXPECT_EQ(receivedBy(third), updates({1, 2}));
 }
 
 TEST_F(UpdateSeries, AtTheDebugLevelTheLogTellsOfEachInOrder) {

@@ -54,12 +54,12 @@ std::string startLogging(std::unique_ptr<LogOutput> output, std::string_view set
 // no output was started.
 bool flushLog(std::chrono::milliseconds patience);
 
-// For tests: enables every level and hands each message to `receive` on the thread that writes it, instead of to the output,
-// until the token is destroyed; then `receive` runs no more. One at a time; `receive` must not log. Of several captures the
-// newest that still lives receives.
+// For tests: enables the levels from `least` on and hands each message to `receive` on the thread that writes it, instead of to
+// the output, until the token is destroyed; then `receive` runs no more. One at a time; `receive` must not log. Of several
+// captures the newest that still lives receives.
 class LogCapture {
  public:
-  explicit LogCapture(std::function<void(const LogMessage&)> receive);
+  explicit LogCapture(std::function<void(const LogMessage&)> receive, LogLevel least = LogLevel::debug);
   ~LogCapture();
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;

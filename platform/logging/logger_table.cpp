@@ -38,19 +38,19 @@ bool LoggerTable::flush(std::chrono::milliseconds patience) {
   return queue == nullptr || queue->flush(patience);
 }
 
-void LoggerTable::beginCapture(const Receiver& receiver) {
+void LoggerTable::beginCapture(const Receiver& receiver, LogLevel least) {
   const std::lock_guard captureLock(captureMutex_);
-  captures_.push_back(&receiver);
-  capturing_.store(true);
   const std::lock_guard lock(tableMutex_);
+  captures_.push_back({&receiver, least});
+  capturing_.store(true);
   refreshThresholds();
 }
 
 void LoggerTable::endCapture(const Receiver& receiver) {
   const std::lock_guard captureLock(captureMutex_);
-  std::erase(captures_, &receiver);
-  capturing_.store(!captures_.empty());
   const std::lock_guard lock(tableMutex_);
+  std::erase_if(captures_, [&receiver](const Capture& each) { return each.receiver == &receiver; });
+  capturing_.store(!captures_.empty());
   refreshThresholds();
 }
 
@@ -64,13 +64,13 @@ void LoggerTable::submit(const Logger& logger, LogLevel level, std::string text,
 bool LoggerTable::capture(const LogMessage& message) {
   const std::lock_guard lock(captureMutex_);
   if (captures_.empty()) return false;
-  (*captures_.back())(message);
+  (*captures_.back().receiver)(message);
   return true;
 }
 
 std::uint8_t LoggerTable::thresholdFor(std::string_view category) const {
   constexpr std::uint8_t kNothing = 0xff;
-  if (capturing_.load()) return std::to_underlying(LogLevel::debug);
+  if (!captures_.empty()) return std::to_underlying(captures_.back().least);
   return setting_ ? std::to_underlying(setting_->levelFor(category)) : kNothing;
 }
 

@@ -37,7 +37,7 @@ class LoggerTable {
   bool flush(std::chrono::milliseconds patience);
 
   // As LogCapture. `receiver` stays the caller's and is known by its address.
-  void beginCapture(const Receiver& receiver);
+  void beginCapture(const Receiver& receiver, LogLevel least = LogLevel::debug);
   void endCapture(const Receiver& receiver);
 
   // A message of `logger`, whose text may be cut already.
@@ -54,7 +54,11 @@ class LoggerTable {
   std::mutex captureMutex_;
   std::mutex tableMutex_;
 
-  std::vector<const Receiver*> captures_;  // With captureMutex_.
+  struct Capture {
+    const Receiver* receiver;
+    LogLevel least;
+  };
+  std::vector<Capture> captures_;  // With captureMutex_; changed with both.
   std::atomic<bool> capturing_{false};
 
   std::map<std::string, std::unique_ptr<Logger>, std::less<>> loggersByCategory_;  // With tableMutex_.

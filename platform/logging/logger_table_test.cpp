@@ -146,6 +146,22 @@ TEST_F(LoggerTableTest, CaptureGetsEveryLevelInsteadOfTheOutput) {
   EXPECT_THAT(writtenTexts(), IsEmpty());
 }
 
+TEST_F(LoggerTableTest, ACaptureMayLeaveLowLevelsOut) {
+  Logger& logger = table_.loggerForCategory("auth");
+  Captured everything;
+  Captured errors;
+  table_.beginCapture(everything.receiver);
+  table_.beginCapture(errors.receiver, LogLevel::error);
+  logger.standard("one");
+  EXPECT_FALSE(logger.enabled(LogLevel::debug));
+  logger.error("two");
+  table_.endCapture(errors.receiver);
+  logger.debug("three");
+  table_.endCapture(everything.receiver);
+  EXPECT_THAT(errors.texts, ElementsAre("two"));
+  EXPECT_THAT(everything.texts, ElementsAre("three"));
+}
+
 TEST_F(LoggerTableTest, LevelsAreAsBeforeAfterACapture) {
   Logger& logger = table_.loggerForCategory("auth");
   Captured captured;

@@ -14,11 +14,13 @@ std::ostream& operator<<(std::ostream& stream, const LogLine& line) {
   return stream << kLevels.at(static_cast<std::size_t>(line.level)) << ' ' << line.category << ": " << line.text;
 }
 
-LogRecorder::LogRecorder()
-    : capture_(std::in_place, [this](const LogMessage& message) {
-        const std::lock_guard lock(mutex_);
-        lines_.push_back({message.level, std::string(message.category), std::string(message.text)});
-      }) {}
+LogRecorder::LogRecorder(LogLevel least)
+    : capture_(
+          [this](const LogMessage& message) {
+            const std::lock_guard lock(mutex_);
+            lines_.push_back({message.level, std::string(message.category), std::string(message.text)});
+          },
+          least) {}
 
 std::vector<LogLine> LogRecorder::lines() const {
   const std::lock_guard lock(mutex_);

@@ -3,7 +3,6 @@
 
 #include <iosfwd>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,10 +19,10 @@ struct LogLine {
 };
 std::ostream& operator<<(std::ostream& stream, const LogLine& line);
 
-// Notes every message that is written while it lives, with all levels enabled. From any thread.
+// Notes every message that is written while it lives, with the levels from `least` on enabled. From any thread.
 class LogRecorder {
  public:
-  LogRecorder();
+  explicit LogRecorder(LogLevel least = LogLevel::debug);
 
   // Everything noted and not taken yet, in order.
   std::vector<LogLine> lines() const;
@@ -31,13 +30,11 @@ class LogRecorder {
   std::vector<LogLine> linesOf(std::string_view category) const;
   // Takes what was noted: the next lines are those that follow.
   std::vector<LogLine> take();
-  // Notes nothing from now on: the levels are enabled that are without it.
-  void stop() { capture_.reset(); }
 
  private:
   mutable std::mutex mutex_;
   std::vector<LogLine> lines_;
-  std::optional<LogCapture> capture_;
+  LogCapture capture_;
 };
 
 }  // namespace keel::testing
