@@ -49,7 +49,8 @@ class ByteSink {
   // One byte, then the lowest `width` bytes of `number` (1, 2, 4 or 8), the highest of them first.
   void appendBigEndian(std::byte first, std::uint64_t number, std::size_t width) {
     // Written whole, whatever the width: parts would have to be put together again when they are read at once.
-    const std::uint64_t bytes = std::byteswap(number << (64 - 8 * width));
+    const std::uint64_t highest = number << (64 - 8 * width);
+    const std::uint64_t bytes = std::endian::native == std::endian::little ? std::byteswap(highest) : highest;
     if (capacity_ - size_ < 1 + sizeof bytes) [[unlikely]]
       grow(1 + sizeof bytes);
     data_[size_] = first;

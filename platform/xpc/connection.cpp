@@ -129,12 +129,16 @@ void Connection::sendReply(std::uint64_t requestId, std::size_t resultCount, Wri
 
 void Connection::sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount, WriteResults write,
                              void* results) {
-  thread_local OutgoingMessage encoded;
+  if (confidential_ || !transport_->onIoThread()) {
+    return ReplyRoute::sendReplies(requestIds, resultCount, write, results);
+  }
+  OutgoingMessage encoded;
   encoded.begin();
   ArgumentWriter arguments{encoded, /*takesDescriptors=*/false};
   write(results, arguments);
-  const bool together = transport_->onIoThread() && encoded.wireBytes() <= kLargestRepliesTogether;
-  if (!together) return ReplyRoute::sendReplies(requestIds, resultCount, write, results);
+  if (encoded.wireBytes() > kLargestRepliesTogether) {
+    return ReplyRoute::sendReplies(requestIds, resultCount, write, results);
+  }
   OutgoingMessage& message = scratchMessage();
   for (std::span<const std::uint64_t> rest = requestIds; !rest.empty();) {
     const std::span<const std::uint64_t> some = rest.first(std::min(rest.size(), kRepliesTogether));

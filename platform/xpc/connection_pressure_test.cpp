@@ -28,6 +28,26 @@ TEST_F(RawPeer, TooManyUnansweredRequestsStopTheReadingUntilHalfAreAnswered) {
   EXPECT_EQ(invalidations, 0);
 }
 
+TEST_F(RawPeer, RequestsAnsweredTogetherCountAsAnswered) {
+  start();
+  constexpr std::size_t kCount = limits::kUnansweredRequests + 2000;
+  Bytes all;
+  for (std::size_t id = 1; id <= kCount; ++id) {
+    const Bytes one = framed(encoded(Value::list({1, id, 2, Value::list({})})));
+    all.insert(all.end(), one.begin(), one.end());
+  }
+  sendBytes(all);
+  turns();
+  std::size_t answered = 0;
+  while (answered < kCount) {
+    ASSERT_FALSE(service->kept.empty());
+    std::vector<Reply<Error>> replies = std::exchange(service->kept, {});
+    Reply<Error>::answerAll(replies, Error());
+    answered += received().size();
+  }
+  EXPECT_EQ(answered, kCount);
+}
+
 TEST_F(RawPeer, SlowReaderIsNotServedUntilItReads) {
   start();
   // The peer asks and does not read: its requests are not read any more once enough waits for it.

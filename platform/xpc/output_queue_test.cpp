@@ -321,6 +321,56 @@ TEST(OutputQueue, UnbegunSharedFramesCanBeDropped) {
   EXPECT_EQ(received.size() % message.wireBytes(), 0u);
 }
 
+// Frames of 1,000 bytes that travel together.
+OutgoingMessage seriesOf(std::size_t frameCount, char fill) {
+  OutgoingMessage message;
+  for (std::size_t i = 0; i < frameCount; ++i) {
+    cbor::Writer writer = i == 0 ? message.begin() : message.beginNext();
+    writer.text(std::string(1000 - kLengthBytes - 3, fill));
+    EXPECT_TRUE(message.finish());
+  }
+  return message;
+}
+
+TEST(OutputQueue, ASeriesOfFramesIsShared) {
+  OutgoingMessage message = seriesOf(32, 'x');
+  message.share();
+  ASSERT_TRUE(message.sharedRun().chunk);
+  SocketPair pair;
+  OutputQueue queue;
+  queue.append(message);
+  EXPECT_EQ(queue.ownBytes(), 0u);
+  ASSERT_TRUE(queue.flush(pair.ours.get()));
+  EXPECT_EQ(pair.receive(), flat(message));
+}
+
+TEST(OutputQueue, DroppingLeavesNoPartOfAFrameOfASeries) {
+  for (const bool shared : {false, true}) {
+    SocketPair pair;
+    OutputQueue queue;
+    OutgoingMessage message = seriesOf(30, 'x');
+    if (shared) message.share();
+    for (int i = 0; i < 40; ++i) queue.append(message);
+    ASSERT_TRUE(queue.flush(pair.ours.get()));
+    ASSERT_FALSE(queue.empty());
+    queue.unshare();
+    queue.dropUnbegunFrames();
+    OutgoingMessage goodbye;
+    goodbye.begin().text("goodbye");
+    ASSERT_TRUE(goodbye.finish());
+    queue.append(goodbye);
+    std::string received = pair.receive();
+    while (!queue.empty()) {
+      ASSERT_TRUE(queue.flush(pair.ours.get()));
+      received += pair.receive();
+    }
+    const std::string words = flat(goodbye);
+    ASSERT_TRUE(received.ends_with(words));
+    EXPECT_EQ((received.size() - words.size()) % 1000, 0u);
+    EXPECT_LT(received.size(), 40 * message.wireBytes());
+  }
+}
+
 TEST(OutputQueue, BorrowedQueueIsUsedAgain) {
   BorrowedOutputQueue first;
   first.borrow();

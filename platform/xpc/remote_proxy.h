@@ -43,12 +43,13 @@ class RemoteProxy {
   }
 
   // A one-way call for each of `series`, whose arguments are argumentsOf(each): references to small values
-  // (FanOut::kLargestInSeriesBytes). While a FanOut lives, which is to see one series only, it is encoded once for all
-  // connections to which the first call would be the same.
+  // (FanOut::kLargestInSeriesBytes). While a FanOut lives, throughout which the series stays as it is, it is encoded once for
+  // all connections to which the first call would be the same.
   template <auto Member, class Each, class ArgumentsOf>
   void callSeries(std::span<const Each> series, ArgumentsOf argumentsOf) {
     using M = typename MethodsOf<Protocol>::template MethodOf<Member>;
     static_assert(!M::kHasReply);
+    static_assert(requires { onError_.block(); }, "each call may fail");
     sendSeries<M>(series, argumentsOf);
   }
 
@@ -58,6 +59,9 @@ class RemoteProxy {
   struct Memo final : FanOut::Call {
     typename M::Sent arguments;
     std::int64_t number = -1;  // negative: not kept
+    // Of a series; `arguments` are those of its first call.
+    const void* series = nullptr;
+    std::size_t seriesLength = 0;
     OutgoingMessage message;
 
     void forget() override {
@@ -106,7 +110,9 @@ class RemoteProxy {
     // Small values travel in the message itself, whatever the peer takes.
     thread_local Memo<M> memo;
     FanOut* const fanOut = FanOut::current();
-    if (fanOut == nullptr || memo.number != number || !same<M>(memo.arguments, argumentsOf(series.front()))) {
+    const bool isKept = fanOut != nullptr && memo.number == number && memo.series == series.data() &&
+                        memo.seriesLength == series.size() && same<M>(memo.arguments, argumentsOf(series.front()));
+    if (!isKept) {
       memo.number = -1;
       memo.message.begin();
       for (const Each& each : series) {
@@ -119,6 +125,8 @@ class RemoteProxy {
       if (fanOut != nullptr && fanOut->keep(memo)) {
         memo.arguments = argumentsOf(series.front());
         memo.number = number;
+        memo.series = series.data();
+        memo.seriesLength = series.size();
       }
     }
     if (memo.number >= 0 && !connection_->isConfidential()) memo.message.share();
