@@ -7,15 +7,20 @@
 namespace keel::xpc {
 namespace {
 
-TEST_F(RawPeer, TooManyUnansweredRequestsStopTheReadingUntilHalfAreAnswered) {
-  start();
-  constexpr std::size_t kCount = limits::kUnansweredRequests + 2000;
+// Requests whose replies the service keeps.
+Bytes requestsToKeep(std::size_t count) {
   Bytes all;
-  for (std::size_t id = 1; id <= kCount; ++id) {
+  for (std::size_t id = 1; id <= count; ++id) {
     const Bytes one = framed(encoded(Value::list({1, id, 2, Value::list({})})));
     all.insert(all.end(), one.begin(), one.end());
   }
-  sendBytes(all);
+  return all;
+}
+
+TEST_F(RawPeer, TooManyUnansweredRequestsStopTheReadingUntilHalfAreAnswered) {
+  start();
+  constexpr std::size_t kCount = limits::kUnansweredRequests + 2000;
+  sendBytes(requestsToKeep(kCount));
   turns();
   EXPECT_EQ(service->kept.size(), limits::kUnansweredRequests + 1);
   // One answered: still too many.
@@ -31,12 +36,7 @@ TEST_F(RawPeer, TooManyUnansweredRequestsStopTheReadingUntilHalfAreAnswered) {
 TEST_F(RawPeer, RequestsAnsweredTogetherCountAsAnswered) {
   start();
   constexpr std::size_t kCount = limits::kUnansweredRequests + 2000;
-  Bytes all;
-  for (std::size_t id = 1; id <= kCount; ++id) {
-    const Bytes one = framed(encoded(Value::list({1, id, 2, Value::list({})})));
-    all.insert(all.end(), one.begin(), one.end());
-  }
-  sendBytes(all);
+  sendBytes(requestsToKeep(kCount));
   turns();
   std::size_t answered = 0;
   while (answered < kCount) {
