@@ -10,33 +10,36 @@ namespace keel {
 
 namespace {
 
-// Updates for which a batch keeps its memory.
-constexpr std::size_t kKeptUpdates = 4096;
+// Batches that are kept with their memory: many small ones, for clients that update several names in turn, and a few large
+// ones.
+constexpr std::size_t kSpares = 512;
+constexpr std::size_t kLargeSpares = 4;
+constexpr std::size_t kSmallUpdates = 64;
+constexpr std::size_t kLargeUpdates = 4096;
 
 }  // namespace
 
-// The queue may drop it without running it.
-struct UpdateLine::QueuedBatch {
-  explicit QueuedBatch(std::shared_ptr<UpdateLine> of) : line(std::move(of)) { std::swap(batch, line->spare_); }
-  ~QueuedBatch() {
-    close();
-    batch.data.clear();
-    batch.replies.clear();
-    batch.handler = nullptr;
-    batch.name = nullptr;
-    const std::size_t room = batch.data.capacity();
-    if (room > line->spare_.data.capacity() && room <= kKeptUpdates) std::swap(batch, line->spare_);
-  }
+// In its block. The queue may drop it without running it.
+class UpdateLine::QueuedBatch {
+ public:
+  QueuedBatch(std::shared_ptr<UpdateLine> line, std::unique_ptr<UpdateBatch> batch)
+      : line_(std::move(line)), batch_(std::move(batch)) {}
+  QueuedBatch(QueuedBatch&&) = default;
   QueuedBatch(const QueuedBatch&) = delete;
   QueuedBatch& operator=(const QueuedBatch&) = delete;
-
-  // Nothing more can be added.
-  void close() {
-    if (line->last_ == this) line->last_ = nullptr;
+  ~QueuedBatch() {
+    if (batch_) line_->takeBack(std::move(batch_));
   }
 
-  std::shared_ptr<UpdateLine> line;
-  UpdateBatch batch;
+  void operator()() {
+    // Nothing more can be added.
+    if (line_->last_ == batch_.get()) line_->last_ = nullptr;
+    batch_->handler->update(*batch_);
+  }
+
+ private:
+  std::shared_ptr<UpdateLine> line_;
+  std::unique_ptr<UpdateBatch> batch_;
 };
 
 UpdateLine::UpdateLine(std::shared_ptr<SerialQueue> inputQueue) : inputQueue_(std::move(inputQueue)) {}
@@ -44,22 +47,38 @@ UpdateLine::UpdateLine(std::shared_ptr<SerialQueue> inputQueue) : inputQueue_(st
 UpdateLine::~UpdateLine() = default;
 
 void UpdateLine::add(KLNNotificationHandler& handler, Name name, Dictionary data, xpc::Reply<Error> reply) {
-  const bool joins = last_ != nullptr && inputQueue_->lastNumber() == numberOfLast_ && last_->batch.handler.get() == &handler &&
-                     last_->batch.name == name;
-  std::unique_ptr<QueuedBatch> added;
-  if (!joins) {
-    added = std::make_unique<QueuedBatch>(shared_from_this());
-    added->batch.handler = handler.shared_from_this();
-    added->batch.name = std::move(name);
-    last_ = added.get();
+  const bool joins =
+      last_ != nullptr && inputQueue_->lastNumber() == numberOfLast_ && last_->handler.get() == &handler && last_->name == name;
+  if (joins) {
+    last_->data.push_back(std::move(data));
+    last_->replies.push_back(std::move(reply));
+    return;
   }
-  last_->batch.data.push_back(std::move(data));
-  last_->batch.replies.push_back(std::move(reply));
-  if (joins) return;
-  numberOfLast_ = inputQueue_->async([queued = std::move(added)] {
-    queued->close();
-    queued->batch.handler->update(queued->batch);
-  });
+  auto batch = emptyBatch();
+  batch->handler = handler.shared_from_this();
+  batch->name = std::move(name);
+  batch->data.push_back(std::move(data));
+  batch->replies.push_back(std::move(reply));
+  last_ = batch.get();
+  numberOfLast_ = inputQueue_->async(QueuedBatch(shared_from_this(), std::move(batch)));
+}
+
+std::unique_ptr<UpdateBatch> UpdateLine::emptyBatch() {
+  if (spares_.empty()) return std::make_unique<UpdateBatch>();
+  auto batch = std::move(spares_.back());
+  spares_.pop_back();
+  return batch;
+}
+
+void UpdateLine::takeBack(std::unique_ptr<UpdateBatch> batch) {
+  if (last_ == batch.get()) last_ = nullptr;
+  batch->data.clear();
+  batch->replies.clear();
+  batch->handler = nullptr;
+  batch->name = nullptr;
+  const std::size_t room = batch->data.capacity();
+  const std::size_t most = room <= kSmallUpdates ? kSpares : room <= kLargeUpdates ? kLargeSpares : 0;
+  if (spares_.size() < most) spares_.push_back(std::move(batch));
 }
 
 }  // namespace keel

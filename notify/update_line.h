@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <span>
 #include <vector>
 
 #include "platform/foundation/collections.h"
@@ -35,12 +34,15 @@ class UpdateLine : public std::enable_shared_from_this<UpdateLine> {
   void add(KLNNotificationHandler& handler, Name name, Dictionary data, xpc::Reply<Error> reply);
 
  private:
-  struct QueuedBatch;
+  class QueuedBatch;
+
+  std::unique_ptr<UpdateBatch> emptyBatch();
+  void takeBack(std::unique_ptr<UpdateBatch> batch);
 
   const std::shared_ptr<SerialQueue> inputQueue_;
-  QueuedBatch* last_ = nullptr;     // null: it has begun
-  std::uint64_t numberOfLast_ = 0;  // among the queue's blocks
-  UpdateBatch spare_;               // empty; its memory is for the next batch
+  UpdateBatch* last_ = nullptr;                       // null: it has begun
+  std::uint64_t numberOfLast_ = 0;                    // among the queue's blocks
+  std::vector<std::unique_ptr<UpdateBatch>> spares_;  // empty; their memory is for the next ones
 };
 
 }  // namespace keel
