@@ -58,7 +58,8 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
 
   // Both on the input queue only.
   const PublishedItems& publishedItems() const {
-    static const PublishedItems none;
+    // Never destroyed: other threads use it while the process ends.
+    static const auto& none = *new PublishedItems;
     return publishedItems_ ? *publishedItems_ : none;
   }
   const Subscriptions& subscriptions() const { return subscriptions_; }

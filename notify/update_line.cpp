@@ -12,7 +12,7 @@ namespace {
 
 // Batches that are kept with their memory: many small ones, for clients that update several names in turn, and a few large
 // ones.
-constexpr std::size_t kSpares = 512;
+constexpr std::size_t kSmallSpares = 512;
 constexpr std::size_t kLargeSpares = 4;
 constexpr std::size_t kSmallUpdates = 64;
 constexpr std::size_t kLargeUpdates = 4096;
@@ -64,9 +64,10 @@ void UpdateLine::add(KLNNotificationHandler& handler, Name name, Dictionary data
 }
 
 std::unique_ptr<UpdateBatch> UpdateLine::emptyBatch() {
-  if (spares_.empty()) return std::make_unique<UpdateBatch>();
-  auto batch = std::move(spares_.back());
-  spares_.pop_back();
+  auto& spares = largeSpares_.empty() ? smallSpares_ : largeSpares_;
+  if (spares.empty()) return std::make_unique<UpdateBatch>();
+  auto batch = std::move(spares.back());
+  spares.pop_back();
   return batch;
 }
 
@@ -77,8 +78,9 @@ void UpdateLine::takeBack(std::unique_ptr<UpdateBatch> batch) {
   batch->handler = nullptr;
   batch->name = nullptr;
   const std::size_t room = batch->data.capacity();
-  const std::size_t most = room <= kSmallUpdates ? kSpares : room <= kLargeUpdates ? kLargeSpares : 0;
-  if (spares_.size() < most) spares_.push_back(std::move(batch));
+  if (room > kLargeUpdates) return;
+  auto& spares = room > kSmallUpdates ? largeSpares_ : smallSpares_;
+  if (spares.size() < (room > kSmallUpdates ? kLargeSpares : kSmallSpares)) spares.push_back(std::move(batch));
 }
 
 }  // namespace keel

@@ -40,9 +40,11 @@ class UpdateLine : public std::enable_shared_from_this<UpdateLine> {
   void takeBack(std::unique_ptr<UpdateBatch> batch);
 
   const std::shared_ptr<SerialQueue> inputQueue_;
-  UpdateBatch* last_ = nullptr;                       // null: it has begun
-  std::uint64_t numberOfLast_ = 0;                    // among the queue's blocks
-  std::vector<std::unique_ptr<UpdateBatch>> spares_;  // empty; their memory is for the next ones
+  UpdateBatch* last_ = nullptr;     // null: nothing can be added to it any more
+  std::uint64_t numberOfLast_ = 0;  // among the queue's blocks
+  // Empty; their memory is for the next ones.
+  std::vector<std::unique_ptr<UpdateBatch>> smallSpares_;
+  std::vector<std::unique_ptr<UpdateBatch>> largeSpares_;
 };
 
 }  // namespace keel

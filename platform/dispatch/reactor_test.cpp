@@ -94,6 +94,13 @@ TEST_F(ReactorTest, LongTurnsHalveWhatIsReadAndFullReadsDoubleIt) {
   EXPECT_EQ(turnOf(kLong, true), Reactor::kLeastReadBytes * 2);
   EXPECT_EQ(turnOf(kShort, false), Reactor::kLeastReadBytes);
   EXPECT_EQ(turnOf(kLong, false), Reactor::kLeastReadBytes);
+  // What was done before does not count.
+  reactor_.post([this] {
+    now_ += Reactor::kLongTurn + milliseconds(1);
+    reactor_.noteFullRead();
+  });
+  turn();
+  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kLeastReadBytes * 2);
   for (int i = 0; i < 20; ++i) turnOf(kShort, true);
   EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kMostReadBytes);
   for (int i = 0; i < 20; ++i) turnOf(kLong, true);

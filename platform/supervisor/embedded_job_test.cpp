@@ -372,8 +372,10 @@ TEST_F(EmbeddedSupervisorTest, JobThatIsReplacedWhileItEndsLeavesTheNewOneAlone)
   const pid_t former = recorded().processId;
   ASSERT_EQ(create(described("exec sleep 2000")), "");
   ASSERT_EQ(set("a", true), "");
-  until([&] { return ::kill(former, 0) != 0 && recorded().program == JobState::Program::running; });
-  EXPECT_NE(recorded().processId, former);
+  until([&] {
+    const auto now = recorded();
+    return ::kill(former, 0) != 0 && now.program == JobState::Program::running && now.processId != former;
+  });
   EXPECT_TRUE(std::filesystem::exists(path("service")));
   const pid_t pid = recorded().processId;
   ASSERT_EQ(set("a", false), "");

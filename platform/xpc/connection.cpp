@@ -100,7 +100,8 @@ std::uint64_t Connection::expectReply(ReplyReader read, ErrorBlock onError) {
 }
 
 void Connection::unexpectReply(std::uint64_t requestId, Error error) {
-  auto found = caller().expected.extract(requestId);
+  if (!caller_) return;
+  auto found = caller_->expected.extract(requestId);
   if (!found.empty()) reportError(std::move(found.mapped().onError), std::move(error));
 }
 

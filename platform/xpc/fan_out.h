@@ -5,6 +5,7 @@
 #include <cstddef>
 
 #include "platform/xpc/limits.h"
+#include "platform/xpc/shared_run.h"
 
 namespace keel::xpc {
 
@@ -33,6 +34,7 @@ class FanOut {
 
   // How much of a series (RemoteProxy::callSeries) is encoded together, and how large its values may be.
   static constexpr std::size_t kSeriesBytes = 32u << 10;
+  static_assert(kSeriesBytes <= kLongestRunBytes);
   static constexpr std::size_t kLargestInSeriesBytes = limits::kSharedPieceBytes - 1;
 
   // The innermost of this thread; null where no calls are expected to be equal.

@@ -48,7 +48,7 @@ class OutputQueue {
   // must not hold on to what others have long been sent, much of which may not even be his.
   void unshare();
 
-  // Drops the frames of which nothing was written; what was begun can be completed.
+  // Drops the frames of which nothing was written, or of a series of frames the whole; what was begun can be completed.
   void dropUnbegunFrames();
 
  private:

@@ -21,7 +21,7 @@ class ReplyRoute {
   using WriteResults = void (*)(void* results, ArgumentWriter& writer);
 
   virtual ~ReplyRoute() = default;
-  // Both from any thread.
+  // From any thread, all three.
   virtual void sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write, void* results) = 0;
   virtual void sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text) = 0;
   // The same results for each.

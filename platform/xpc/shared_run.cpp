@@ -8,7 +8,7 @@ namespace keel::xpc {
 namespace {
 
 constexpr std::size_t kChunkBytes = 64u << 10;
-constexpr std::size_t kLongestRunBytes = kChunkBytes / 8 * 5;
+static_assert(kLongestRunBytes <= kChunkBytes);
 
 // The chunk that is being filled.
 struct Filling {

@@ -64,7 +64,7 @@ class OutgoingMessage {
   // Completes the length. False when the frame would be longer than its length field can say.
   bool finish();
 
-  // For a finished frame that goes to several connections: its bytes are kept once for all of them. Nothing for one with
+  // For finished frames that go to several connections: their bytes are kept once for all of them. Nothing where there are
   // splices, files, or too many bytes.
   void share();
   const SharedRun& sharedRun() const { return sharedRun_; }
