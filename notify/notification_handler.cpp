@@ -186,16 +186,12 @@ void KLNNotificationHandler::update(UpdateBatch& batch) {
     return;
   }
   KLNPublishedObject& item = *found->second;
-  if (batch.data.size() == 1) {
-    item.updateWithData(std::move(batch.data.front()));
-    return batch.replies.front()(nullptr);
-  }
-  if (item.subscriberForConnection(xpcConnection())) {
-    // Who follows what he publishes hears of each before its answer, and of the next one behind it.
+  // Who follows what he publishes hears of each before its answer, and of the next one behind it.
+  if (batch.data.size() == 1 || item.subscriberForConnection(xpcConnection())) {
     for (std::size_t i = 0; i < batch.data.size(); ++i) {
+      if (i > 0) ageDateOfBlock(1);
       item.updateWithData(std::move(batch.data[i]));
       batch.replies[i](nullptr);
-      ageDateOfBlock(1);
     }
     return;
   }

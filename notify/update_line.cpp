@@ -49,18 +49,16 @@ UpdateLine::~UpdateLine() = default;
 void UpdateLine::add(KLNNotificationHandler& handler, Name name, Dictionary data, xpc::Reply<Error> reply) {
   const bool joins =
       last_ != nullptr && inputQueue_->lastNumber() == numberOfLast_ && last_->handler.get() == &handler && last_->name == name;
-  if (joins) {
-    last_->data.push_back(std::move(data));
-    last_->replies.push_back(std::move(reply));
-    return;
+  std::unique_ptr<UpdateBatch> begun;
+  if (!joins) {
+    begun = emptyBatch();
+    begun->handler = handler.shared_from_this();
+    begun->name = std::move(name);
+    last_ = begun.get();
   }
-  auto batch = emptyBatch();
-  batch->handler = handler.shared_from_this();
-  batch->name = std::move(name);
-  batch->data.push_back(std::move(data));
-  batch->replies.push_back(std::move(reply));
-  last_ = batch.get();
-  numberOfLast_ = inputQueue_->async(QueuedBatch(shared_from_this(), std::move(batch)));
+  last_->data.push_back(std::move(data));
+  last_->replies.push_back(std::move(reply));
+  if (begun) numberOfLast_ = inputQueue_->async(QueuedBatch(shared_from_this(), std::move(begun)));
 }
 
 std::unique_ptr<UpdateBatch> UpdateLine::emptyBatch() {

@@ -19,7 +19,7 @@ void ageDateOfBlock(std::size_t blocks);
 // Small blocks that share a reading: it takes as long as a good part of one.
 inline constexpr std::size_t kBlocksPerDate = 16;
 
-// Forgets the reading; whoever runs blocks calls it before the first, and every few blocks.
+// Forgets the reading; whoever runs blocks calls it before the first.
 void beginDateOfBlock();
 // Back to reading the clock on each call; whoever runs blocks calls it after the last.
 void endDateOfBlock();

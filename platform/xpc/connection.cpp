@@ -94,8 +94,9 @@ std::int64_t Connection::methodNumber(const Interface& interface, std::size_t pl
 }
 
 std::uint64_t Connection::expectReply(ReplyReader read, ErrorBlock onError) {
-  const std::uint64_t id = caller().nextRequestId++;
-  caller().expected.emplace(id, Expected{std::move(read), std::move(onError)});
+  Caller& asking = caller();
+  const std::uint64_t id = asking.nextRequestId++;
+  asking.expected.emplace(id, Expected{std::move(read), std::move(onError)});
   return id;
 }
 

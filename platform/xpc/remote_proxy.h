@@ -82,12 +82,9 @@ class RemoteProxy {
     Memo<M>& memo = memos[takesDescriptors ? 1 : 0];
     FanOut* const fanOut = FanOut::current();
     if (fanOut == nullptr || memo.number != number || !same<M>(memo.arguments, arguments)) {
-      cbor::Writer writer = memo.message.begin();
-      writer.array(3);
-      writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::oneWay));
-      writer.unsignedInteger(static_cast<std::uint64_t>(number));
+      memo.message.begin();
       memo.number = -1;
-      if (!write(memo.message, takesDescriptors, arguments))
+      if (!writeOneWay(memo.message, number, takesDescriptors, arguments))
         return fail(ConnectionErrorCode::refused, "the message is too large");
       if (fanOut != nullptr && fanOut->keep(memo)) {
         memo.arguments = arguments;
@@ -116,11 +113,8 @@ class RemoteProxy {
       memo.number = -1;
       memo.message.begin();
       for (const Each& each : series) {
-        cbor::Writer writer = &each == series.data() ? memo.message.writer() : memo.message.beginNext();
-        writer.array(3);
-        writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::oneWay));
-        writer.unsignedInteger(static_cast<std::uint64_t>(number));
-        KEEL_CHECK(write(memo.message, /*takesDescriptors=*/false, argumentsOf(each)));
+        if (&each != series.data()) memo.message.beginNext();
+        KEEL_CHECK(writeOneWay(memo.message, number, /*takesDescriptors=*/false, argumentsOf(each)));
       }
       if (fanOut != nullptr && fanOut->keep(memo)) {
         memo.arguments = argumentsOf(series.front());
@@ -165,6 +159,16 @@ class RemoteProxy {
       std::apply([&](auto&... each) { block(std::move(each)...); }, results);
       return true;
     };
+  }
+
+  // Of a frame that has begun.
+  template <class Sent>
+  static bool writeOneWay(OutgoingMessage& message, std::int64_t number, bool takesDescriptors, const Sent& arguments) {
+    cbor::Writer writer = message.writer();
+    writer.array(3);
+    writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::oneWay));
+    writer.unsignedInteger(static_cast<std::uint64_t>(number));
+    return write(message, takesDescriptors, arguments);
   }
 
   // The arguments, or references to them.

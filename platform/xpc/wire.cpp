@@ -18,13 +18,11 @@ void OutgoingMessage::wipe() {
 
 cbor::Writer OutgoingMessage::begin() {
   bytes_.clear();
-  bytes_.append(std::array<std::byte, kLengthBytes>{});
   splices_.clear();
   files_.clear();
   splicedBytes_ = 0;
-  frameBegin_ = 0;
   sharedRun_ = {};
-  return writer();
+  return beginNext();
 }
 
 cbor::Writer OutgoingMessage::beginNext() {
