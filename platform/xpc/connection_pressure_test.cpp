@@ -102,6 +102,78 @@ TEST_F(RawPeer, ReaderThatIsTooSlowIsDroppedWithAGoodbye) {
   EXPECT_TRUE(peerSeesTheEnd());
 }
 
+// Two connections of which the first lets most wait, while all together hold too much.
+class UnderPressure : public RawPeer {
+ protected:
+  UnderPressure() {
+    int both[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
+    otherPeer.reset(both[1]);
+    other = Connection::create(PeerIdentity(),
+                               std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor,
+                                                             FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
+                               Connection::Options());
+    other->setRemoteObjectInterface(Interface::interfaceWithProtocol<Echo>());
+  }
+  ~UnderPressure() override {
+    relieve();
+    other->invalidate();
+  }
+
+  void startBoth() {
+    start(Value::list({"tell:"}));
+    other->resume();
+    const Bytes bytes = framed(encoded(hello(Value::list({"tell:"}))));
+    ASSERT_EQ(::send(otherPeer.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    turns();
+  }
+  void send(Connection& to, std::size_t sizeBytes) {
+    const String text(std::string(1000, 'a'));
+    for (std::size_t sent = 0; sent < sizeBytes; sent += 1000) {
+      to.remoteObjectProxyWithErrorHandler<Echo>([](Error) {}).call<&Echo::tell>(text);
+    }
+  }
+  std::size_t socketBytes() const {
+    int bytes = 0;
+    socklen_t size = sizeof(bytes);
+    EXPECT_EQ(::getsockopt(peer.get(), SOL_SOCKET, SO_SNDBUF, &bytes, &size), 0);
+    return static_cast<std::size_t>(bytes);
+  }
+  void overload() {
+    MemoryAccount::ofProcess().charge(limits::kTotalWaitingBytes);
+    overloaded = true;
+  }
+  void relieve() {
+    if (std::exchange(overloaded, false)) MemoryAccount::ofProcess().refund(limits::kTotalWaitingBytes);
+  }
+  void drain(const FileDescriptor& socket) {
+    char buffer[65536];
+    while (::read(socket.get(), buffer, sizeof(buffer)) > 0) {
+    }
+  }
+
+  FileDescriptor otherPeer;
+  std::shared_ptr<Connection> other;
+  bool overloaded = false;
+};
+
+TEST_F(UnderPressure, AReaderThatIsBeingDroppedIsNotWrittenToBeforeItsGoodbye) {
+  startBoth();
+  send(*connection, socketBytes() + 100'000);
+  send(*other, socketBytes() + 20'000);
+  turns();
+  ASSERT_EQ(invalidations, 0);
+  overload();
+  // The first reads all that its socket holds and could be flushed, in the very turn in which the second one's backlog decides
+  // that the first has to go.
+  drain(peer);
+  send(*other, 40'000);
+  turns();
+  EXPECT_EQ(invalidations, 1);
+  ASSERT_EQ(logged.size(), 1u);
+  EXPECT_NE(logged[0].find("too slow"), std::string::npos);
+}
+
 TEST_F(RawPeer, UserThatHoldsTooMuchIsRefusedUntilItHoldsLess) {
   int both[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);

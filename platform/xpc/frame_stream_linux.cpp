@@ -181,6 +181,8 @@ bool FrameStream::onIoThread() const {
 }
 
 void FrameStream::onReady(std::uint32_t events) {
+  // The verdict stands: its queue must stay as it is until the end of the turn, which says goodbye through it.
+  if (ending_) return;
   const std::shared_ptr<void> alive = receiver_->holdAlive();
   if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0 && outputBlocked_) {
     outputBlocked_ = false;
@@ -300,7 +302,7 @@ bool FrameStream::handFramesOver() {
   handingOver_ = true;
   bool tookFile = false;
   // One value in a memory file is enough for a turn: it may be large.
-  while (reading_ && !tookFile) {
+  while (reading_ && !ending_ && !tookFile) {
     const FrameSplitter::Found found = splitter_.next();
     if (found == FrameSplitter::Found::nothing) break;
     if (found == FrameSplitter::Found::garbage) {
@@ -361,6 +363,7 @@ void FrameStream::writeAgain() {
   const std::shared_ptr<void> alive = receiver_->holdAlive();
   writingAgain_ = 0;
   --stuckStreams();
+  if (ending_) return;
   outputBlocked_ = false;
   if (flush()) watchAsNeeded();
 }
