@@ -1,0 +1,39 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""Users without rights at full speed (tests/siege): the daemon lives on, and serves whoever asks next."""
+
+import subprocess
+import sys
+
+import keel_host
+from keel_client import HANG_GUARD
+from keel_host import Bystanders, DaemonTest
+
+SECONDS = 4
+
+
+def siege_program():
+    return next(argument for argument in sys.argv[1:] if argument.endswith("keel_siege"))
+
+
+class Siege(DaemonTest):
+    options = {"log": "runtime=debug,notification=fault"}
+
+    def attack(self, *arguments):
+        attack = subprocess.run([PROGRAM, "--seconds", str(SECONDS), *arguments], capture_output=True, text=True,
+                                timeout=SECONDS + HANG_GUARD)
+        self.assertEqual(attack.returncode, 0, attack.stderr)
+
+    def test_a_crowd_that_reads_more_slowly_than_updates_come(self):
+        for shape in (("--names", "20", "--followers", "4000"), ("--names", "100", "--followers", "1000")):
+            with self.subTest(shape=shape):
+                bystanders = Bystanders(self, name=" ".join(shape))
+                self.attack("crowd", *shape)
+                self.assertTrue(self.daemon.running)
+                bystanders.step()
+
+
+PROGRAM = siege_program()
+
+if __name__ == "__main__":
+    keel_host.main()
