@@ -7,8 +7,8 @@
 
 #include "platform/authenticator/authenticator.h"
 #include "platform/authorization/authorization.h"
-#include "platform/foundation/random_bytes.h"
 #include "platform/membership/membership.h"
+#include "runtime/foundation/random_bytes.h"
 
 namespace keel {
 

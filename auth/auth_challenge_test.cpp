@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "auth/auth_fixture.h"
-#include "platform/foundation/random_bytes.h"
+#include "runtime/foundation/random_bytes.h"
 
 namespace keel {
 namespace {

@@ -11,9 +11,9 @@
 #include <utility>
 
 #include "auth/auth_service.h"
-#include "platform/logging/log_system.h"
-#include "platform/logging/logger.h"
 #include "platform/product/product.h"
+#include "runtime/logging/log_system.h"
+#include "runtime/logging/logger.h"
 
 namespace keel {
 

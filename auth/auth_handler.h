@@ -8,8 +8,8 @@
 #include <unordered_map>
 
 #include "auth/auth_back_ends.h"
-#include "platform/xpc/connection.h"
 #include "protocols/auth_proxy.h"
+#include "runtime/xpc/connection.h"
 
 namespace keel {
 

@@ -8,9 +8,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/dispatch/qz_strand.h"
-#include "platform/foundation/error.h"
-#include "platform/foundation/string.h"
+#include "runtime/dispatch/qz_strand.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/string.h"
 
 namespace keel {
 

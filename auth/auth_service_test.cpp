@@ -13,8 +13,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/dispatch/manual_executor.h"
-#include "platform/dispatch/worker_pool.h"
+#include "runtime/dispatch/manual_executor.h"
+#include "runtime/dispatch/worker_pool.h"
 
 namespace keel {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "client/client.h"
-#include "platform/foundation/secret.h"
+#include "runtime/foundation/secret.h"
 
 namespace keel {
 

@@ -10,8 +10,8 @@
 #include "platform/authenticator/auth_parameters.h"
 #include "platform/authenticator/digest_answer.h"
 #include "platform/authenticator/digest_hash.h"
-#include "platform/foundation/base64.h"
-#include "platform/foundation/random_bytes.h"
+#include "runtime/foundation/base64.h"
+#include "runtime/foundation/random_bytes.h"
 
 namespace keel {
 

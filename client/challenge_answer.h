@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/foundation/secret.h"
+#include "runtime/foundation/secret.h"
 
 // Answers to the challenges of KLNAuthClient, for programs that have a name and a password.
 

@@ -14,8 +14,8 @@
 #include "client/dump_entry.h"
 #include "client/request.h"
 #include "client/subscription.h"
-#include "platform/foundation/string.h"
-#include "platform/foundation/value.h"
+#include "runtime/foundation/string.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 

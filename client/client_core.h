@@ -16,10 +16,10 @@
 #include "client/operation.h"
 #include "client/publication_record.h"
 #include "client/subscription_record.h"
-#include "platform/dispatch/reactor.h"
-#include "platform/xpc/remote_proxy.h"
 #include "protocols/auth_proxy.h"
 #include "protocols/notify_proxy.h"
+#include "runtime/dispatch/reactor.h"
+#include "runtime/xpc/remote_proxy.h"
 
 namespace keel {
 

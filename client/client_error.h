@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/foundation/error.h"
+#include "runtime/foundation/error.h"
 
 namespace keel {
 

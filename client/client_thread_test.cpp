@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "client/client_world.h"
-#include "platform/xpc/client_endpoint.h"
+#include "runtime/xpc/client_endpoint.h"
 
 namespace keel {
 namespace {

@@ -7,9 +7,9 @@
 
 #include "client/shown_text.h"
 #include "platform/authorization/authorization.h"
-#include "platform/foundation/value.h"
 #include "platform/product/product.h"
-#include "platform/xpc/connection.h"
+#include "runtime/foundation/value.h"
+#include "runtime/xpc/connection.h"
 
 namespace keel::diagnosis {
 

@@ -8,7 +8,7 @@
 #include <system_error>
 
 #include "client/client_error.h"
-#include "platform/foundation/string.h"
+#include "runtime/foundation/string.h"
 
 // From what went wrong to a ClientError whose message helps. `what` says what was asked for: "publish \"weather\"".
 

@@ -6,10 +6,10 @@
 #include <vector>
 
 #include "client/client_error.h"
-#include "platform/foundation/collections.h"
-#include "platform/foundation/date.h"
-#include "platform/foundation/string.h"
-#include "platform/foundation/value.h"
+#include "runtime/foundation/collections.h"
+#include "runtime/foundation/date.h"
+#include "runtime/foundation/string.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 

@@ -9,12 +9,12 @@
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/value.h"
 #include "platform/product/product.h"
-#include "platform/xpc/connection.h"
-#include "platform/xpc/remote_proxy.h"
 #include "protocols/notify_proxy.h"
 #include "protocols/subscriber_proxy.h"
+#include "runtime/foundation/value.h"
+#include "runtime/xpc/connection.h"
+#include "runtime/xpc/remote_proxy.h"
 
 namespace keel {
 

@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/dispatch/reactor.h"
-#include "platform/xpc/transport.h"
+#include "runtime/dispatch/reactor.h"
+#include "runtime/transport/transport.h"
 
 namespace keel {
 

@@ -5,10 +5,11 @@
 
 #include <cerrno>
 
-#include "platform/dispatch/reactor.h"
-#include "platform/dispatch/system.h"
 #include "platform/product/product.h"
-#include "platform/xpc/client_endpoint.h"
+#include "runtime/dispatch/reactor.h"
+#include "runtime/dispatch/system.h"
+#include "runtime/transport/service_socket.h"
+#include "runtime/xpc/client_endpoint.h"
 
 namespace keel {
 

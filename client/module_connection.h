@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "client/client_error.h"
-#include "platform/xpc/remote_proxy.h"
+#include "runtime/xpc/remote_proxy.h"
 
 namespace keel {
 

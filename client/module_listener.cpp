@@ -6,10 +6,11 @@
 #include <future>
 
 #include "client/gate.h"
-#include "platform/dispatch/reactor.h"
-#include "platform/dispatch/system.h"
 #include "platform/product/product.h"
-#include "platform/xpc/listener.h"
+#include "runtime/dispatch/reactor.h"
+#include "runtime/dispatch/system.h"
+#include "runtime/transport/service_socket.h"
+#include "runtime/xpc/listener.h"
 
 namespace keel {
 

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "client/client_error.h"
-#include "platform/xpc/connection.h"
+#include "runtime/xpc/connection.h"
 
 namespace keel {
 

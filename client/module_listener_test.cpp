@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "client/module_connection.h"
-#include "platform/foundation/temporary_folder.h"
+#include "runtime/foundation/temporary_folder.h"
 
 namespace keel {
 

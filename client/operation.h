@@ -10,7 +10,7 @@
 
 #include "client/client_error.h"
 #include "client/request.h"
-#include "platform/dispatch/reactor.h"
+#include "runtime/dispatch/reactor.h"
 
 namespace keel {
 

@@ -3,9 +3,10 @@
 
 #include <random>
 
-#include "platform/dispatch/system.h"
 #include "platform/product/product.h"
-#include "platform/xpc/client_endpoint.h"
+#include "runtime/dispatch/system.h"
+#include "runtime/transport/service_socket.h"
+#include "runtime/xpc/client_endpoint.h"
 
 namespace keel {
 

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cmath>
 
-#include "platform/foundation/cbor.h"
-#include "platform/xpc/limits.h"
+#include "runtime/foundation/cbor.h"
+#include "runtime/wire/limits.h"
 
 namespace keel {
 

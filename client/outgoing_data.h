@@ -5,9 +5,9 @@
 #include <optional>
 
 #include "client/client_error.h"
-#include "platform/foundation/collections.h"
-#include "platform/foundation/string.h"
-#include "platform/foundation/value.h"
+#include "runtime/foundation/collections.h"
+#include "runtime/foundation/string.h"
+#include "runtime/foundation/value.h"
 
 // Checks what a program hands over before it is sent: the daemon would refuse it, and would say less about why.
 

@@ -5,7 +5,7 @@
 
 #include <limits>
 
-#include "platform/xpc/limits.h"
+#include "runtime/wire/limits.h"
 
 namespace keel {
 namespace {

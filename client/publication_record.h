@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "client/client.h"
-#include "platform/foundation/collections.h"
+#include "runtime/foundation/collections.h"
 
 namespace keel {
 

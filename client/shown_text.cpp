@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <iterator>
 
-#include "platform/foundation/cbor.h"
+#include "runtime/foundation/cbor.h"
 
 namespace keel {
 

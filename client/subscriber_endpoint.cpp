@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <utility>
 
-#include "platform/foundation/value.h"
 #include "platform/product/product.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 

@@ -5,10 +5,10 @@
 #include <functional>
 #include <memory>
 
-#include "platform/foundation/collections.h"
-#include "platform/foundation/error.h"
-#include "platform/foundation/string.h"
-#include "platform/foundation/value.h"
+#include "runtime/foundation/collections.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/string.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 

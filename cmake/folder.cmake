@@ -6,7 +6,7 @@
 # library target. So an include of a folder that is not among USES or KEEPS does not compile.
 
 # keel_library(FOLDER SOURCES file... [USES folder-or-target...] [KEEPS folder-or-target...])
-#   FOLDER  a path below the top of the source tree, for example platform/xpc; the target is keel_platform_xpc
+#   FOLDER  a path below the top of the source tree, for example runtime/xpc; the target is keel_runtime_xpc
 #   USES    what its headers use; whoever links this folder sees these too
 #   KEEPS   what only its sources use
 function(keel_library folder)
@@ -55,7 +55,7 @@ function(keel_fuzzer name)
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
 endfunction()
 
-# The target of a folder: platform/xpc -> keel_platform_xpc.
+# The target of a folder: runtime/xpc -> keel_runtime_xpc.
 function(keel_target_of result folder)
   string(REPLACE "/" "_" name ${folder})
   set(${result} keel_${name} PARENT_SCOPE)

@@ -3,13 +3,13 @@
 
 #include "auth/auth_handler.h"
 #include "notify/notification_handler.h"
-#include "platform/dispatch/serial_queue.h"
-#include "platform/dispatch/system.h"
-#include "platform/dispatch/worker_pool.h"
-#include "platform/logging/logger.h"
 #include "protocols/auth_proxy.h"
 #include "protocols/notify_proxy.h"
 #include "protocols/subscriber_proxy.h"
+#include "runtime/dispatch/serial_queue.h"
+#include "runtime/dispatch/system.h"
+#include "runtime/dispatch/worker_pool.h"
+#include "runtime/logging/logger.h"
 
 namespace keel {
 

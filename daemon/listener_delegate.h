@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "platform/xpc/listener.h"
+#include "runtime/xpc/listener.h"
 
 namespace keel {
 

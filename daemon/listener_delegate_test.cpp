@@ -11,10 +11,10 @@
 
 #include "notify/notification_handler.h"
 #include "notify/notification_service.h"
-#include "platform/dispatch/manual_executor.h"
-#include "platform/dispatch/reactor.h"
 #include "protocols/notify_proxy.h"
 #include "protocols/subscriber_proxy.h"
+#include "runtime/dispatch/manual_executor.h"
+#include "runtime/dispatch/reactor.h"
 #include "tests/support/fake_client.h"
 #include "tests/support/log_recorder.h"
 

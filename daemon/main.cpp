@@ -3,10 +3,10 @@
 
 #include "daemon/readiness.h"
 #include "daemon/startup.h"
-#include "platform/dispatch/system.h"
-#include "platform/logging/logger.h"
 #include "platform/product/crash_annotation.h"
 #include "platform/product/product.h"
+#include "runtime/dispatch/system.h"
+#include "runtime/logging/logger.h"
 
 int main(int, char** arguments) {
   using namespace keel;

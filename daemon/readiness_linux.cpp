@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "daemon/readiness.h"
-#include "platform/foundation/file_descriptor.h"
+#include "runtime/foundation/file_descriptor.h"
 
 // Not by sd_notify(3), which waits for ever for a reader that does not read.
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/foundation/file_descriptor.h"
+#include "runtime/foundation/file_descriptor.h"
 
 namespace keel {
 namespace {

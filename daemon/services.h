@@ -4,8 +4,8 @@
 #include <memory>
 
 #include "daemon/listener_delegate.h"
-#include "platform/logging/logger.h"
 #include "platform/product/product.h"
+#include "runtime/logging/logger.h"
 
 namespace keel {
 

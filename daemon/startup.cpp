@@ -16,15 +16,15 @@
 #include "daemon/readiness.h"
 #include "daemon/services.h"
 #include "modules/module_manager.h"
-#include "platform/dispatch/signal_source.h"
-#include "platform/dispatch/system.h"
-#include "platform/dispatch/thread_priority.h"
-#include "platform/foundation/check.h"
-#include "platform/logging/log_system.h"
-#include "platform/logging/logger.h"
 #include "platform/product/product.h"
-#include "platform/xpc/admissions.h"
-#include "platform/xpc/listener.h"
+#include "runtime/dispatch/signal_source.h"
+#include "runtime/dispatch/system.h"
+#include "runtime/dispatch/thread_priority.h"
+#include "runtime/foundation/check.h"
+#include "runtime/logging/log_system.h"
+#include "runtime/logging/logger.h"
+#include "runtime/transport/admissions.h"
+#include "runtime/xpc/listener.h"
 
 namespace keel {
 

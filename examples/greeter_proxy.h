@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "platform/foundation/string.h"
-#include "platform/xpc/method_table.h"
-#include "platform/xpc/reply.h"
+#include "runtime/foundation/string.h"
+#include "runtime/wire/method_table.h"
+#include "runtime/xpc/reply.h"
 
 // What the example module offers to its clients. A protocol is an abstract class and, beneath it, its method table: one ':' in
 // a selector for each parameter. A reply block comes last and answers once, at once or later.

@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/exception.h"
 #include "platform/supervisor/command_authorization.h"
 #include "platform/supervisor/supervisor.h"
+#include "runtime/foundation/exception.h"
 
 namespace keel {
 

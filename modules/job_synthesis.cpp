@@ -2,8 +2,8 @@
 #include "modules/module_manager.h"
 #include "modules/module_name.h"
 #include "platform/bundle/bundle.h"
-#include "platform/foundation/exception.h"
-#include "platform/logging/logger.h"
+#include "runtime/foundation/exception.h"
+#include "runtime/logging/logger.h"
 
 // The job of one module: the bundle's own, or one that starts the program that hosts modules when the first client comes.
 

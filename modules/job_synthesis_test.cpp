@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "modules/modules_fixture.h"
-#include "platform/foundation/exception.h"
+#include "runtime/foundation/exception.h"
 
 namespace keel {
 namespace {

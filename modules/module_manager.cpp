@@ -6,9 +6,9 @@
 
 #include "modules/module_name.h"
 #include "platform/bundle/directory_listing.h"
-#include "platform/foundation/cbor.h"
-#include "platform/foundation/exception.h"
-#include "platform/logging/logger.h"
+#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/exception.h"
+#include "runtime/logging/logger.h"
 
 namespace keel {
 

@@ -6,9 +6,9 @@
 #include <utility>
 
 #include "modules/module_table.h"
-#include "platform/foundation/value.h"
 #include "platform/product/product.h"
 #include "platform/supervisor/supervisor.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/foundation/value.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 namespace {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "modules/module_table.h"
 
-#include "platform/foundation/cbor_writer.h"
-#include "platform/foundation/check.h"
+#include "runtime/foundation/cbor_writer.h"
+#include "runtime/foundation/check.h"
 
 namespace keel {
 

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/foundation/collections.h"
-#include "platform/foundation/string.h"
+#include "runtime/foundation/collections.h"
+#include "runtime/foundation/string.h"
 
 namespace keel {
 

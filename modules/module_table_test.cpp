@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/foundation/value.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 namespace {

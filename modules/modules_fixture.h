@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "modules/module_manager.h"
-#include "platform/foundation/temporary_folder.h"
+#include "runtime/foundation/temporary_folder.h"
 #include "tests/support/log_recorder.h"
 
 // For tests: a directory of bundles, and what was logged about them.

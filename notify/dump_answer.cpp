@@ -6,8 +6,8 @@
 
 #include "notify/published_object.h"
 #include "notify/subscription_object.h"
-#include "platform/foundation/cbor_writer.h"
-#include "platform/foundation/check.h"
+#include "runtime/foundation/cbor_writer.h"
+#include "runtime/foundation/check.h"
 
 namespace keel {
 

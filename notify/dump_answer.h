@@ -9,10 +9,10 @@
 #include <string>
 #include <system_error>
 
-#include "platform/foundation/byte_sink.h"
-#include "platform/foundation/collections.h"
-#include "platform/foundation/sealed_memory.h"
-#include "platform/xpc/connection.h"
+#include "runtime/foundation/byte_sink.h"
+#include "runtime/foundation/collections.h"
+#include "runtime/foundation/sealed_memory.h"
+#include "runtime/xpc/connection.h"
 
 namespace keel {
 

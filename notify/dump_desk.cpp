@@ -21,8 +21,8 @@
 #include "notify/dump_answer.h"
 #include "notify/published_object.h"
 #include "notify/slice_line.h"
-#include "platform/foundation/check.h"
-#include "platform/xpc/connection.h"
+#include "runtime/foundation/check.h"
+#include "runtime/xpc/connection.h"
 
 namespace keel {
 

@@ -7,9 +7,9 @@
 #include <memory>
 #include <vector>
 
-#include "platform/foundation/collections.h"
-#include "platform/foundation/error.h"
-#include "platform/xpc/reply.h"
+#include "runtime/foundation/collections.h"
+#include "runtime/foundation/error.h"
+#include "runtime/xpc/reply.h"
 
 namespace keel {
 

@@ -2,7 +2,7 @@
 #include <stdexcept>
 
 #include "notify/handler_fixture.h"
-#include "platform/foundation/exception.h"
+#include "runtime/foundation/exception.h"
 
 namespace keel {
 namespace {

@@ -8,9 +8,9 @@
 #include "notify/dump_answer.h"
 #include "notify/notification_handler.h"
 #include "notify/notification_service.h"
-#include "platform/foundation/value.h"
-#include "platform/logging/logger.h"
 #include "platform/product/product.h"
+#include "runtime/foundation/value.h"
+#include "runtime/logging/logger.h"
 
 namespace keel {
 

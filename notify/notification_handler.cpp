@@ -14,10 +14,10 @@
 #include "notify/notification_service.h"
 #include "notify/slice_line.h"
 #include "notify/update_line.h"
-#include "platform/dispatch/block_date.h"
-#include "platform/foundation/value.h"
-#include "platform/logging/logger.h"
 #include "platform/product/product.h"
+#include "runtime/dispatch/block_date.h"
+#include "runtime/foundation/value.h"
+#include "runtime/logging/logger.h"
 
 namespace keel {
 

@@ -8,9 +8,9 @@
 
 #include "notify/published_object.h"
 #include "notify/subscription_object.h"
-#include "platform/foundation/exception.h"
-#include "platform/xpc/connection.h"
 #include "protocols/notify_proxy.h"
+#include "runtime/foundation/exception.h"
+#include "runtime/xpc/connection.h"
 
 namespace keel {
 

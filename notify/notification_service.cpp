@@ -12,10 +12,10 @@
 #include "notify/slice_line.h"
 #include "notify/subscriber_behavior.h"
 #include "notify/update_line.h"
-#include "platform/dispatch/reactor.h"
-#include "platform/dispatch/system.h"
-#include "platform/logging/logger.h"
 #include "platform/product/product.h"
+#include "runtime/dispatch/reactor.h"
+#include "runtime/dispatch/system.h"
+#include "runtime/logging/logger.h"
 
 namespace keel {
 

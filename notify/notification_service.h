@@ -8,11 +8,11 @@
 
 #include "notify/published_object.h"
 #include "notify/subscription_object.h"
-#include "platform/dispatch/serial_queue.h"
-#include "platform/foundation/collections.h"
-#include "platform/foundation/error.h"
-#include "platform/foundation/string.h"
-#include "platform/xpc/connection.h"
+#include "runtime/dispatch/serial_queue.h"
+#include "runtime/foundation/collections.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/string.h"
+#include "runtime/xpc/connection.h"
 
 namespace keel {
 

@@ -14,9 +14,9 @@
 #include "notify/notification_service.h"
 #include "notify/publish_behavior.h"
 #include "notify/subscriber_behavior.h"
-#include "platform/dispatch/manual_executor.h"
-#include "platform/foundation/value.h"
 #include "platform/product/product.h"
+#include "runtime/dispatch/manual_executor.h"
+#include "runtime/foundation/value.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/notify_client.h"
 

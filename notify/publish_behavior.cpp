@@ -6,10 +6,10 @@
 
 #include "notify/published_object.h"
 #include "notify/subscription_object.h"
-#include "platform/dispatch/block_date.h"
-#include "platform/logging/logger.h"
 #include "platform/product/product.h"
-#include "platform/xpc/fan_out.h"
+#include "runtime/dispatch/block_date.h"
+#include "runtime/logging/logger.h"
+#include "runtime/xpc/fan_out.h"
 
 namespace keel {
 

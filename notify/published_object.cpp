@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "notify/subscription_object.h"
-#include "platform/logging/logger.h"
+#include "runtime/logging/logger.h"
 
 namespace keel {
 

@@ -8,10 +8,10 @@
 #include "notify/dump_desk.h"
 #include "notify/same_object.h"
 #include "notify/subscriber_set.h"
-#include "platform/foundation/collections.h"
-#include "platform/foundation/date.h"
-#include "platform/foundation/string.h"
 #include "protocols/publish_behavior.h"
+#include "runtime/foundation/collections.h"
+#include "runtime/foundation/date.h"
+#include "runtime/foundation/string.h"
 
 namespace keel {
 

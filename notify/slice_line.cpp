@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "platform/dispatch/serial_queue.h"
+#include "runtime/dispatch/serial_queue.h"
 
 namespace keel {
 

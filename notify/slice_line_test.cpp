@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/dispatch/manual_executor.h"
-#include "platform/dispatch/serial_queue.h"
+#include "runtime/dispatch/manual_executor.h"
+#include "runtime/dispatch/serial_queue.h"
 
 namespace keel {
 namespace {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "notify/subscription_object.h"
-#include "platform/dispatch/manual_executor.h"
+#include "runtime/dispatch/manual_executor.h"
 #include "tests/support/fake_client.h"
 
 namespace keel {

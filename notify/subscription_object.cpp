@@ -2,11 +2,11 @@
 #include "notify/subscription_object.h"
 
 #include "notify/published_object.h"
-#include "platform/dispatch/block_date.h"
-#include "platform/logging/logger.h"
 #include "platform/product/product.h"
-#include "platform/xpc/remote_proxy.h"
 #include "protocols/subscriber_proxy.h"
+#include "runtime/dispatch/block_date.h"
+#include "runtime/logging/logger.h"
+#include "runtime/xpc/remote_proxy.h"
 
 namespace keel {
 

@@ -7,10 +7,10 @@
 #include <span>
 
 #include "notify/same_object.h"
-#include "platform/foundation/date.h"
-#include "platform/foundation/string.h"
-#include "platform/xpc/connection.h"
 #include "protocols/subscriber_behavior.h"
+#include "runtime/foundation/date.h"
+#include "runtime/foundation/string.h"
+#include "runtime/xpc/connection.h"
 
 namespace keel {
 

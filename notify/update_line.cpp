@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "notify/notification_handler.h"
-#include "platform/dispatch/serial_queue.h"
+#include "runtime/dispatch/serial_queue.h"
 
 namespace keel {
 

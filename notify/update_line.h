@@ -5,10 +5,10 @@
 #include <memory>
 #include <vector>
 
-#include "platform/foundation/collections.h"
-#include "platform/foundation/error.h"
-#include "platform/foundation/string.h"
-#include "platform/xpc/reply.h"
+#include "runtime/foundation/collections.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/string.h"
+#include "runtime/xpc/reply.h"
 
 namespace keel {
 

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "notify/handler_fixture.h"
-#include "platform/xpc/fan_out.h"
+#include "runtime/xpc/fan_out.h"
 
 namespace keel {
 namespace {

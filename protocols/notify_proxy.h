@@ -3,11 +3,11 @@
 
 #include <cstdint>
 
-#include "platform/foundation/collections.h"
-#include "platform/foundation/error.h"
-#include "platform/foundation/string.h"
-#include "platform/xpc/method_table.h"
-#include "platform/xpc/reply.h"
+#include "runtime/foundation/collections.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/string.h"
+#include "runtime/wire/method_table.h"
+#include "runtime/xpc/reply.h"
 
 namespace keel::protocols {
 

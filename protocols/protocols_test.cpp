@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/xpc/interface.h"
 #include "protocols/auth_proxy.h"
 #include "protocols/notify_proxy.h"
 #include "protocols/subscriber_proxy.h"
+#include "runtime/xpc/interface.h"
 
 namespace keel::protocols {
 namespace {

@@ -4,8 +4,8 @@
 #include <memory>
 #include <span>
 
-#include "platform/foundation/collections.h"
-#include "platform/foundation/error.h"
+#include "runtime/foundation/collections.h"
+#include "runtime/foundation/error.h"
 
 namespace keel {
 class KLNSubscriptionObject;

@@ -3,8 +3,8 @@
 
 #include <span>
 
-#include "platform/foundation/collections.h"
-#include "platform/foundation/error.h"
+#include "runtime/foundation/collections.h"
+#include "runtime/foundation/error.h"
 
 namespace keel::protocols {
 

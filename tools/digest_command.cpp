@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/cbor.h"
-#include "platform/foundation/value.h"
+#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/value.h"
 #include "tools/password_input.h"
 #include "tools/table.h"
 

@@ -10,7 +10,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/foundation/file_descriptor.h"
+#include "runtime/foundation/file_descriptor.h"
 #include "tools/password_input.h"
 
 namespace keel {

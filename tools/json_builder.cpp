@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "client/shown_text.h"
-#include "platform/foundation/base64.h"
+#include "runtime/foundation/base64.h"
 
 namespace keel {
 

@@ -7,7 +7,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "platform/foundation/value.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 

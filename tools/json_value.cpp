@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <unordered_map>
 
-#include "platform/foundation/base64.h"
+#include "runtime/foundation/base64.h"
 #include "tools/json_builder.h"
 
 namespace keel {

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/foundation/value.h"
+#include "runtime/foundation/value.h"
 
 // Published data as JSON (RFC 8259), both ways without loss. What JSON lacks stands as a map with one member:
 //

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "platform/foundation/cbor.h"
-#include "platform/foundation/file_descriptor.h"
+#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/file_descriptor.h"
 #include "tools/signals.h"
 
 namespace keel {

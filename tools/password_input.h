@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/foundation/secret.h"
+#include "runtime/foundation/secret.h"
 
 // Where keelctl gets passwords from: never from its arguments or environment, which others can see.
 

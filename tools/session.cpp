@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "client/shown_text.h"
-#include "platform/foundation/cbor.h"
+#include "runtime/foundation/cbor.h"
 #include "tools/json_value.h"
 
 namespace keel {

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/foundation/file_descriptor.h"
+#include "runtime/foundation/file_descriptor.h"
 
 namespace keel::bench {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "bench/load/client.h"
-#include "platform/foundation/file_descriptor.h"
+#include "runtime/foundation/file_descriptor.h"
 
 namespace keel::bench {
 

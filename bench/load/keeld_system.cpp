@@ -6,7 +6,7 @@
 
 #include "bench/load/frames.h"
 #include "bench/load/systems.h"
-#include "platform/foundation/sealed_memory.h"
+#include "runtime/foundation/sealed_memory.h"
 
 namespace keel::bench {
 

@@ -6,7 +6,7 @@
 #include <deque>
 #include <string>
 
-#include "platform/foundation/file_descriptor.h"
+#include "runtime/foundation/file_descriptor.h"
 
 namespace keel::bench {
 

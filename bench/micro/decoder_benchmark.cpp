@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/cbor.h"
-#include "platform/foundation/cbor_writer.h"
+#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/cbor_writer.h"
 
 namespace keel {
 namespace {

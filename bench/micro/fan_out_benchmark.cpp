@@ -7,7 +7,7 @@
 
 #include "bench/micro/sink_client.h"
 #include "notify/notification_service.h"
-#include "platform/dispatch/manual_executor.h"
+#include "runtime/dispatch/manual_executor.h"
 
 namespace keel {
 namespace {

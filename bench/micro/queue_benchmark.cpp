@@ -4,9 +4,9 @@
 
 #include <semaphore>
 
-#include "platform/dispatch/manual_executor.h"
-#include "platform/dispatch/serial_queue.h"
-#include "platform/dispatch/worker_pool.h"
+#include "runtime/dispatch/manual_executor.h"
+#include "runtime/dispatch/serial_queue.h"
+#include "runtime/dispatch/worker_pool.h"
 
 namespace keel {
 namespace {

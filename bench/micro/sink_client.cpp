@@ -5,9 +5,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/check.h"
-#include "platform/foundation/value.h"
 #include "protocols/subscriber_proxy.h"
+#include "runtime/foundation/check.h"
+#include "runtime/foundation/value.h"
 
 namespace keel::bench {
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "platform/xpc/connection.h"
+#include "runtime/xpc/connection.h"
 
 namespace keel::bench {
 

@@ -25,7 +25,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/file_descriptor.h"
+#include "runtime/foundation/file_descriptor.h"
 
 namespace {
 

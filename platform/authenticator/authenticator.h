@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "platform/foundation/string.h"
+#include "runtime/foundation/string.h"
 
 namespace keel {
 

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "platform/authenticator/auth_parameters.h"
-#include "platform/foundation/base64.h"
-#include "platform/foundation/cbor.h"
+#include "runtime/foundation/base64.h"
+#include "runtime/foundation/cbor.h"
 
 namespace keel {
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/foundation/secret.h"
+#include "runtime/foundation/secret.h"
 
 namespace keel {
 

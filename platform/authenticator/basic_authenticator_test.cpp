@@ -7,7 +7,7 @@
 
 #include "platform/authenticator/basic_answer.h"
 #include "platform/authenticator/recording_accounts.h"
-#include "platform/foundation/base64.h"
+#include "runtime/foundation/base64.h"
 
 namespace keel {
 namespace {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/authenticator/complaint.h"
 
-#include "platform/logging/logger.h"
+#include "runtime/logging/logger.h"
 
 namespace keel {
 

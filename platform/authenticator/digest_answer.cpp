@@ -5,7 +5,7 @@
 #include <charconv>
 
 #include "platform/authenticator/auth_parameters.h"
-#include "platform/foundation/cbor.h"
+#include "runtime/foundation/cbor.h"
 
 namespace keel {
 

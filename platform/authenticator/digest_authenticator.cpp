@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "platform/authenticator/auth_parameters.h"
-#include "platform/foundation/check.h"
+#include "runtime/foundation/check.h"
 
 namespace keel {
 

@@ -14,7 +14,7 @@
 
 #include "platform/authenticator/auth_parameters.h"
 #include "platform/authenticator/recording_accounts.h"
-#include "platform/logging/log_system.h"
+#include "runtime/logging/log_system.h"
 
 namespace keel {
 namespace {

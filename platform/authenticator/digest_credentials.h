@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/authenticator/digest_hash.h"
-#include "platform/foundation/secret.h"
+#include "runtime/foundation/secret.h"
 
 namespace keel {
 

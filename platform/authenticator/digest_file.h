@@ -7,7 +7,7 @@
 #include <string>
 
 #include "platform/authenticator/digest_credentials.h"
-#include "platform/foundation/error.h"
+#include "runtime/foundation/error.h"
 
 namespace keel {
 

@@ -11,8 +11,8 @@
 #include <utility>
 
 #include "platform/authenticator/digest_file.h"
-#include "platform/foundation/file_descriptor.h"
-#include "platform/foundation/value.h"
+#include "runtime/foundation/file_descriptor.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 

@@ -18,8 +18,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/foundation/file_descriptor.h"
-#include "platform/foundation/value.h"
+#include "runtime/foundation/file_descriptor.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 namespace {

@@ -6,7 +6,7 @@
 
 #include <array>
 
-#include "platform/foundation/check.h"
+#include "runtime/foundation/check.h"
 
 namespace keel {
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/foundation/secret.h"
+#include "runtime/foundation/secret.h"
 
 namespace keel {
 

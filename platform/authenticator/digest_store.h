@@ -6,7 +6,7 @@
 
 #include "platform/authenticator/complaint.h"
 #include "platform/authenticator/digest_answer.h"
-#include "platform/foundation/secret.h"
+#include "runtime/foundation/secret.h"
 
 namespace keel {
 

@@ -15,8 +15,8 @@
 #include <utility>
 
 #include "platform/authenticator/helper_process.h"
-#include "platform/foundation/check.h"
-#include "platform/foundation/file_descriptor.h"
+#include "runtime/foundation/check.h"
+#include "runtime/foundation/file_descriptor.h"
 
 // The daemon has many threads, so nothing may run between fork and exec that could wait for a lock: posix_spawn(3) sees to
 // that. It shares the daemon's memory until the exec, so it does not slow down as the daemon grows, either.

@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <string_view>
 
-#include "platform/foundation/file_descriptor.h"
+#include "runtime/foundation/file_descriptor.h"
 
 namespace keel {
 namespace {

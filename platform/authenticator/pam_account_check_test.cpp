@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/logging/recording_output.h"
+#include "runtime/logging/recording_output.h"
 
 // With programs in the place of keel-pam. What PAM itself says is tested end to end.
 

@@ -7,7 +7,7 @@
 #include <span>
 #include <string_view>
 
-#include "platform/foundation/secret.h"
+#include "runtime/foundation/secret.h"
 
 // What the daemon and its helper program keel-pam say to each other: one packet with a question, one byte in answer.
 

@@ -10,7 +10,7 @@
 #include <span>
 #include <system_error>
 
-#include "platform/xpc/peer_identity.h"
+#include "runtime/transport/peer_identity.h"
 
 // Authorization Services: what lets one process act on the rights of another that handed it a reference.
 

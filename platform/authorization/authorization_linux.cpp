@@ -3,7 +3,7 @@
 
 #include "platform/authorization/external_form.h"
 #include "platform/authorization/polkit.h"
-#include "platform/logging/logger.h"
+#include "runtime/logging/logger.h"
 
 namespace keel {
 

@@ -6,7 +6,7 @@
 #include <limits>
 
 #include "platform/bundle/property_list.h"
-#include "platform/foundation/test_bytes.h"
+#include "runtime/foundation/test_bytes.h"
 
 namespace keel {
 namespace {

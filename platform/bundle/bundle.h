@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/foundation/error.h"
-#include "platform/foundation/value.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 

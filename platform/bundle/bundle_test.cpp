@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "platform/foundation/temporary_folder.h"
+#include "runtime/foundation/temporary_folder.h"
 
 namespace keel {
 namespace {

@@ -6,8 +6,8 @@
 #include <span>
 #include <string>
 
-#include "platform/foundation/error.h"
-#include "platform/foundation/value.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/value.h"
 
 // Property lists: files that hold one value, as XML or in the binary form that begins with "bplist00". Kinds are text, data,
 // dates, integers from -2^63 to 2^64-1, real numbers, booleans, arrays and dictionaries, whose keys keep their order.

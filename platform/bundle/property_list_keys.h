@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/foundation/value.h"
+#include "runtime/foundation/value.h"
 
 // What both forms of property lists do with the keys and texts they find.
 

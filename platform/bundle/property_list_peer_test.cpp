@@ -8,10 +8,10 @@
 #include <sstream>
 
 #include "platform/bundle/property_list.h"
-#include "platform/foundation/cbor.h"
-#include "platform/foundation/cbor_writer.h"
-#include "platform/foundation/test_bytes.h"
-#include "platform/foundation/test_python.h"
+#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/cbor_writer.h"
+#include "runtime/foundation/test_bytes.h"
+#include "runtime/foundation/test_python.h"
 
 // Our reading of property lists held against Python's: its files mean the same to us, and what we accept of damaged ones it
 // accepts too, and sees the same value in it. Values travel in CBOR between the two.

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/foundation/base64.h"
+#include "runtime/foundation/base64.h"
 
 namespace keel {
 

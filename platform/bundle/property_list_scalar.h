@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/foundation/value.h"
+#include "runtime/foundation/value.h"
 
 // Values of property lists that are written as text, read from it; nothing when the text is not exactly that. No locale has a
 // say. White space around a number or a date, and anywhere in data, is skipped.

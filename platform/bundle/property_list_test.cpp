@@ -6,8 +6,8 @@
 #include <cerrno>
 
 #include "platform/bundle/property_list_keys.h"
-#include "platform/foundation/temporary_folder.h"
-#include "platform/foundation/test_bytes.h"
+#include "runtime/foundation/temporary_folder.h"
+#include "runtime/foundation/test_bytes.h"
 
 namespace keel {
 namespace {

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <optional>
 
-#include "platform/foundation/file_descriptor.h"
+#include "runtime/foundation/file_descriptor.h"
 
 namespace keel {
 

@@ -10,9 +10,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/foundation/file_descriptor.h"
-#include "platform/foundation/temporary_folder.h"
-#include "platform/foundation/test_bytes.h"
+#include "runtime/foundation/file_descriptor.h"
+#include "runtime/foundation/temporary_folder.h"
+#include "runtime/foundation/test_bytes.h"
 
 namespace keel {
 namespace {

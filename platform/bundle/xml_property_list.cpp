@@ -13,7 +13,7 @@
 #include "platform/bundle/property_list.h"
 #include "platform/bundle/property_list_keys.h"
 #include "platform/bundle/property_list_scalar.h"
-#include "platform/foundation/check.h"
+#include "runtime/foundation/check.h"
 
 namespace keel {
 

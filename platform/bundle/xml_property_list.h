@@ -6,7 +6,7 @@
 #include <span>
 #include <string>
 
-#include "platform/foundation/value.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/bundle/property_list.h"
-#include "platform/foundation/test_bytes.h"
+#include "runtime/foundation/test_bytes.h"
 
 namespace keel {
 namespace {

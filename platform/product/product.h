@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "platform/foundation/string.h"
+#include "runtime/foundation/string.h"
 
 // What the product Calder fixes: its version, names, paths and error codes.
 
@@ -30,8 +30,6 @@ inline constexpr const char* kManageDaemonsRight = "com.vantor.ServiceManagement
 
 inline constexpr const char* kNotifyServiceName = "com.vantor.keeld.notify";
 inline constexpr const char* kAuthServiceName = "com.vantor.keeld.auth";
-// Where services have their sockets, each under its service name.
-inline constexpr const char* kServiceDirectory = "/run/keeld";
 inline constexpr const char* kLockDirectory = "/private/var/keeld";
 // The program that hosts one module.
 inline constexpr const char* kModuleProgram =

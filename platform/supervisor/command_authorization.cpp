@@ -8,9 +8,9 @@
 #include <span>
 #include <utility>
 
-#include "platform/foundation/cbor.h"
-#include "platform/logging/logger.h"
 #include "platform/supervisor/supervisor_error.h"
+#include "runtime/foundation/cbor.h"
+#include "runtime/logging/logger.h"
 
 namespace keel {
 

@@ -4,10 +4,10 @@
 #include <memory>
 #include <optional>
 
-#include "platform/foundation/error.h"
-#include "platform/foundation/string.h"
-#include "platform/foundation/value.h"
 #include "platform/supervisor/job.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/string.h"
+#include "runtime/foundation/value.h"
 
 // What both supervisors have in common.
 

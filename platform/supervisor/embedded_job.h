@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "platform/dispatch/reactor.h"
-#include "platform/dispatch/serial_queue.h"
 #include "platform/supervisor/job.h"
 #include "platform/supervisor/job_records.h"
 #include "platform/supervisor/process_launcher.h"
-#include "platform/xpc/service_socket.h"
+#include "runtime/dispatch/reactor.h"
+#include "runtime/dispatch/serial_queue.h"
+#include "runtime/transport/service_socket.h"
 
 namespace keel {
 

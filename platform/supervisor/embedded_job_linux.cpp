@@ -11,8 +11,8 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/logging/logger.h"
 #include "platform/supervisor/embedded_job.h"
+#include "runtime/logging/logger.h"
 
 namespace keel {
 

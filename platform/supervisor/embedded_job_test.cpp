@@ -20,8 +20,8 @@
 #include <thread>
 #include <utility>
 
-#include "platform/dispatch/worker_pool.h"
 #include "platform/supervisor/embedded_supervisor.h"
+#include "runtime/dispatch/worker_pool.h"
 
 namespace keel {
 namespace {

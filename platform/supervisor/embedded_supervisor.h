@@ -6,10 +6,10 @@
 #include <memory>
 #include <string>
 
-#include "platform/foundation/file_descriptor.h"
 #include "platform/supervisor/command_authorization.h"
 #include "platform/supervisor/embedded_job.h"
 #include "platform/supervisor/supervisor.h"
+#include "runtime/foundation/file_descriptor.h"
 
 namespace keel {
 

@@ -10,8 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/error.h"
-#include "platform/foundation/value.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/value.h"
+#include "runtime/transport/service_socket.h"
 
 namespace keel {
 

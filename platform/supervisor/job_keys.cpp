@@ -10,7 +10,7 @@
 #include <limits>
 #include <string_view>
 
-#include "platform/foundation/cbor.h"
+#include "runtime/foundation/cbor.h"
 
 namespace keel {
 

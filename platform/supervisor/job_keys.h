@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/value.h"
 #include "platform/supervisor/job.h"
+#include "runtime/foundation/value.h"
 
 // How the keys of a job's dictionary are read. Each refusal completes the sentence that begins with the key.
 

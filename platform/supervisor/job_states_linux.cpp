@@ -22,6 +22,7 @@
 #include "platform/supervisor/system_bus.h"
 #include "platform/supervisor/unit_store.h"
 #include "platform/supervisor/unit_text.h"
+#include "runtime/transport/service_socket.h"
 
 namespace keel {
 

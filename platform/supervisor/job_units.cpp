@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/supervisor/job_units.h"
+#include "runtime/transport/service_socket.h"
 
 #include <fmt/format.h>
 

@@ -4,8 +4,8 @@
 #include <expected>
 #include <string>
 
-#include "platform/foundation/error.h"
-#include "platform/foundation/file_descriptor.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/file_descriptor.h"
 
 namespace keel {
 

@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "platform/supervisor/supervisor_error.h"
-#include "platform/xpc/service_socket.h"
+#include "runtime/transport/service_socket.h"
 
 namespace keel {
 

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/error.h"
-#include "platform/foundation/file_descriptor.h"
 #include "platform/supervisor/job.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/file_descriptor.h"
 
 namespace keel {
 

@@ -24,9 +24,9 @@
 #include <optional>
 #include <utility>
 
-#include "platform/foundation/check.h"
 #include "platform/supervisor/process_launcher.h"
 #include "platform/supervisor/supervisor_error.h"
+#include "runtime/foundation/check.h"
 
 namespace keel {
 

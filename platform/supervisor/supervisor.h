@@ -3,9 +3,9 @@
 
 #include <memory>
 
-#include "platform/foundation/error.h"
-#include "platform/foundation/string.h"
-#include "platform/foundation/value.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/string.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 

@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "platform/foundation/value.h"
+#include "runtime/foundation/value.h"
 
 namespace keel {
 

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <string>
 
-#include "platform/foundation/error.h"
+#include "runtime/foundation/error.h"
 
 namespace keel {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/error.h"
+#include "runtime/foundation/error.h"
 
 namespace keel {
 

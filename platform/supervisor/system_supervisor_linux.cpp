@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <systemd/sd-daemon.h>
 
-#include "platform/dispatch/system.h"
-#include "platform/dispatch/worker_pool.h"
 #include "platform/product/product.h"
 #include "platform/supervisor/embedded_supervisor.h"
 #include "platform/supervisor/patient_system_manager.h"
 #include "platform/supervisor/systemd_supervisor.h"
+#include "runtime/dispatch/system.h"
+#include "runtime/dispatch/worker_pool.h"
+#include "runtime/transport/service_socket.h"
 
 namespace keel {
 

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/foundation/error.h"
 #include "platform/supervisor/job_units.h"
+#include "runtime/foundation/error.h"
 
 namespace keel {
 

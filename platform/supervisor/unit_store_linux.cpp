@@ -13,10 +13,10 @@
 #include <memory>
 #include <utility>
 
-#include "platform/foundation/file_descriptor.h"
 #include "platform/supervisor/supervisor_error.h"
 #include "platform/supervisor/unit_store.h"
 #include "platform/supervisor/unit_text.h"
+#include "runtime/foundation/file_descriptor.h"
 
 namespace keel {
 

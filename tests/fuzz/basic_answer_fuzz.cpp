@@ -3,8 +3,8 @@
 #include <vector>
 
 #include "platform/authenticator/basic_answer.h"
-#include "platform/foundation/base64.h"
-#include "platform/foundation/check.h"
+#include "runtime/foundation/base64.h"
+#include "runtime/foundation/check.h"
 
 // Fuzzes what reads the answers to basic challenges: the text itself, and the text as what was encoded.
 

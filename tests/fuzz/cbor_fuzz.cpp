@@ -2,10 +2,10 @@
 #include <algorithm>
 #include <vector>
 
-#include "platform/foundation/cbor.h"
-#include "platform/foundation/cbor_cursor.h"
-#include "platform/foundation/cbor_writer.h"
-#include "platform/foundation/check.h"
+#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/cbor_cursor.h"
+#include "runtime/foundation/cbor_writer.h"
+#include "runtime/foundation/check.h"
 
 // Fuzzes everything that reads encoded items. The first byte of the input is the depth that is allowed.
 

@@ -5,7 +5,7 @@
 
 #include "platform/authenticator/auth_parameters.h"
 #include "platform/authenticator/digest_answer.h"
-#include "platform/foundation/check.h"
+#include "runtime/foundation/check.h"
 
 // Fuzzes what reads the answers to digest challenges. What is taken, written anew in one plain form, is taken again as the
 // same.

@@ -3,7 +3,7 @@
 #include <string_view>
 
 #include "platform/authenticator/digest_credentials.h"
-#include "platform/foundation/check.h"
+#include "runtime/foundation/check.h"
 
 // Fuzzes what reads and edits the file of digest credentials: an edit changes the lines of its user alone.
 

@@ -9,14 +9,14 @@
 #include <span>
 #include <string>
 
-#include "platform/foundation/check.h"
-#include "platform/foundation/value.h"
-#include "platform/xpc/connection.h"
-#include "platform/xpc/frame_splitter.h"
-#include "platform/xpc/limits.h"
 #include "protocols/auth_proxy.h"
 #include "protocols/notify_proxy.h"
 #include "protocols/subscriber_proxy.h"
+#include "runtime/foundation/check.h"
+#include "runtime/foundation/value.h"
+#include "runtime/transport/frame_splitter.h"
+#include "runtime/wire/limits.h"
+#include "runtime/xpc/connection.h"
 
 namespace keel {
 namespace {

@@ -2,9 +2,9 @@
 #include <vector>
 
 #include "platform/bundle/property_list.h"
-#include "platform/foundation/cbor.h"
-#include "platform/foundation/cbor_writer.h"
-#include "platform/foundation/check.h"
+#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/cbor_writer.h"
+#include "runtime/foundation/check.h"
 
 // Fuzzes both forms of property lists. What is accepted is a value like any other: it can be encoded, and what is encoded is
 // valid, so that texts are UTF-8 and nothing nests too deep. What is refused says why.

@@ -13,8 +13,8 @@
 
 #include "notify/dump_desk.h"
 #include "notify/notification_service.h"
-#include "platform/dispatch/manual_executor.h"
-#include "platform/foundation/value.h"
+#include "runtime/dispatch/manual_executor.h"
+#include "runtime/foundation/value.h"
 #include "tests/model/handler_model.h"
 #include "tests/support/notify_client.h"
 

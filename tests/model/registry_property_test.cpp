@@ -10,9 +10,9 @@
 #include <memory>
 
 #include "notify/notification_service.h"
-#include "platform/dispatch/manual_executor.h"
-#include "platform/foundation/value.h"
 #include "protocols/subscriber_proxy.h"
+#include "runtime/dispatch/manual_executor.h"
+#include "runtime/foundation/value.h"
 #include "tests/model/registry_model.h"
 #include "tests/support/fake_client.h"
 

@@ -3,8 +3,8 @@
 
 #include <fmt/format.h>
 
-#include "platform/foundation/value.h"
 #include "platform/product/product.h"
+#include "runtime/foundation/value.h"
 
 namespace keel::model {
 

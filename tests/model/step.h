@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/collections.h"
-#include "platform/foundation/error.h"
-#include "platform/foundation/string.h"
+#include "runtime/foundation/collections.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/string.h"
 
 namespace keel::model {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/foundation/file_descriptor.h"
-#include "platform/foundation/value.h"
+#include "runtime/foundation/file_descriptor.h"
+#include "runtime/foundation/value.h"
 
 namespace keel::siege {
 

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <system_error>
 
-#include "platform/foundation/cbor_writer.h"
+#include "runtime/foundation/cbor_writer.h"
 
 namespace keel::siege {
 

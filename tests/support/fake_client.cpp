@@ -5,7 +5,7 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/dispatch/serial_queue.h"
+#include "runtime/dispatch/serial_queue.h"
 
 namespace keel::testing {
 

@@ -10,9 +10,9 @@
 #include <tuple>
 #include <vector>
 
-#include "platform/dispatch/manual_executor.h"
-#include "platform/xpc/connection.h"
 #include "protocols/subscriber_proxy.h"
+#include "runtime/dispatch/manual_executor.h"
+#include "runtime/xpc/connection.h"
 
 namespace keel::testing {
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/logging/log_system.h"
+#include "runtime/logging/log_system.h"
 
 namespace keel::testing {
 

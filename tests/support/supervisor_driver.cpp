@@ -7,8 +7,8 @@
 #include <iostream>
 #include <string>
 
-#include "platform/logging/log_system.h"
 #include "platform/supervisor/supervisor.h"
+#include "runtime/logging/log_system.h"
 #include "tools/json_value.h"
 
 namespace {

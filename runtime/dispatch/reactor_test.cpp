@@ -1,0 +1,401 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime/dispatch/reactor.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "runtime/dispatch/serial_queue.h"
+#include "runtime/foundation/file_descriptor.h"
+
+namespace keel {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+
+struct Pipe {
+  Pipe() {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    reading.reset(ends[0]);
+    writing.reset(ends[1]);
+  }
+  void fill() const { EXPECT_EQ(write(writing.get(), "x", 1), 1); }
+  void drain() const {
+    char byte = 0;
+    EXPECT_EQ(read(reading.get(), &byte, 1), 1);
+  }
+  FileDescriptor reading;
+  FileDescriptor writing;
+};
+
+class Recorder final : public Reactor::Watcher {
+ public:
+  void onReady(std::uint32_t events) override {
+    told.push_back(events);
+    if (action) action();
+  }
+  std::vector<std::uint32_t> told;
+  std::function<void()> action;
+};
+
+class Hook final : public EndOfTurn {
+ public:
+  explicit Hook(std::function<void()> action) : action_(std::move(action)) {}
+  void onEndOfTurn() override { action_(); }
+
+ private:
+  std::function<void()> action_;
+};
+
+class ReactorTest : public testing::Test {
+ protected:
+  bool turn() { return reactor_.turn(/*wait=*/false); }
+  // Does not come back when it waits although there is something to do.
+  bool waitingTurn() { return reactor_.turn(/*wait=*/true); }
+  Block record(int entry) {
+    return [this, entry] { ran_.push_back(entry); };
+  }
+
+  Reactor::Clock::time_point now_{milliseconds(1000)};
+  Reactor reactor_{[this] { return now_; }};
+  std::vector<int> ran_;
+};
+
+TEST_F(ReactorTest, ATurnWithNothingToDoDoesNothing) {
+  EXPECT_FALSE(turn());
+}
+
+TEST_F(ReactorTest, LongTurnsHalveWhatIsReadAndFullReadsDoubleIt) {
+  const auto turnOf = [this](Reactor::Clock::duration duration, bool fullRead) {
+    reactor_.post([this, duration, fullRead] {
+      if (fullRead) reactor_.noteFullRead();
+      now_ += duration;
+    });
+    turn();
+    return reactor_.fairReadBytes();
+  };
+  const auto kShort = Reactor::kLongTurn;
+  const auto kLong = Reactor::kLongTurn + milliseconds(1);
+  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kLeastReadBytes);
+  EXPECT_EQ(turnOf(kShort, false), Reactor::kLeastReadBytes);
+  EXPECT_EQ(turnOf(kShort, true), Reactor::kLeastReadBytes * 2);
+  EXPECT_EQ(turnOf(kShort, true), Reactor::kLeastReadBytes * 4);
+  EXPECT_EQ(turnOf(kLong, true), Reactor::kLeastReadBytes * 2);
+  EXPECT_EQ(turnOf(kShort, false), Reactor::kLeastReadBytes);
+  EXPECT_EQ(turnOf(kLong, false), Reactor::kLeastReadBytes);
+  // What was done before does not count.
+  reactor_.post([this] {
+    now_ += Reactor::kLongTurn + milliseconds(1);
+    reactor_.noteFullRead();
+  });
+  turn();
+  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kLeastReadBytes * 2);
+  for (int i = 0; i < 20; ++i) turnOf(kShort, true);
+  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kMostReadBytes);
+  for (int i = 0; i < 20; ++i) turnOf(kLong, true);
+  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kLeastReadBytes);
+}
+
+TEST_F(ReactorTest, TellsAWatcherUntilItsDescriptorIsNoLongerReady) {
+  const Pipe pipe;
+  Recorder watcher;
+  reactor_.watch(pipe.reading.get(), EPOLLIN, watcher);
+  EXPECT_FALSE(turn());
+  pipe.fill();
+  EXPECT_TRUE(turn());
+  EXPECT_TRUE(turn());
+  EXPECT_THAT(watcher.told, ElementsAre(EPOLLIN, EPOLLIN));
+  pipe.drain();
+  EXPECT_FALSE(turn());
+  reactor_.unwatch(pipe.reading.get(), watcher);
+}
+
+TEST_F(ReactorTest, TellsOfAHangUpWithoutBeingAsked) {
+  Pipe pipe;
+  Recorder watcher;
+  reactor_.watch(pipe.reading.get(), 0, watcher);
+  pipe.fill();
+  EXPECT_FALSE(turn());
+  pipe.writing.reset();
+  EXPECT_TRUE(turn());
+  EXPECT_THAT(watcher.told, ElementsAre(EPOLLHUP));
+  reactor_.unwatch(pipe.reading.get(), watcher);
+}
+
+TEST_F(ReactorTest, TellsOfWhatItIsRewatchedFor) {
+  const Pipe pipe;
+  Recorder watcher;
+  reactor_.watch(pipe.writing.get(), 0, watcher);
+  EXPECT_FALSE(turn());
+  reactor_.rewatch(pipe.writing.get(), EPOLLOUT, watcher);
+  EXPECT_TRUE(turn());
+  reactor_.rewatch(pipe.writing.get(), 0, watcher);
+  EXPECT_FALSE(turn());
+  EXPECT_THAT(watcher.told, ElementsAre(EPOLLOUT));
+  reactor_.unwatch(pipe.writing.get(), watcher);
+}
+
+TEST_F(ReactorTest, TellsNothingOfAnUnwatchedDescriptor) {
+  const Pipe pipe;
+  Recorder watcher;
+  reactor_.watch(pipe.reading.get(), EPOLLIN, watcher);
+  pipe.fill();
+  reactor_.unwatch(pipe.reading.get(), watcher);
+  EXPECT_FALSE(turn());
+  reactor_.watch(pipe.reading.get(), EPOLLIN, watcher);
+  EXPECT_TRUE(turn());
+  reactor_.unwatch(pipe.reading.get(), watcher);
+}
+
+TEST_F(ReactorTest, OneUnwatchedInTheSameBatchHearsNothing) {
+  const Pipe first;
+  const Pipe second;
+  Recorder a;
+  Recorder b;
+  reactor_.watch(first.reading.get(), EPOLLIN, a);
+  reactor_.watch(second.reading.get(), EPOLLIN, b);
+  first.fill();
+  second.fill();
+  // Whichever is told first takes the other away.
+  a.action = [&] { reactor_.unwatch(second.reading.get(), b); };
+  b.action = [&] { reactor_.unwatch(first.reading.get(), a); };
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(a.told.size() + b.told.size(), 1U);
+}
+
+TEST_F(ReactorTest, AStaleEventDoesNotReachTheNextWatcherOfTheSameNumber) {
+  Pipe pipes[2];
+  const Pipe quiet;
+  Recorder watchers[2];
+  Recorder successor;
+  for (int i : {0, 1}) {
+    reactor_.watch(pipes[i].reading.get(), EPOLLIN, watchers[i]);
+    pipes[i].fill();
+    // Closes the other's descriptor; its number goes to a pipe in which there is nothing.
+    watchers[i].action = [&, i] {
+      const int number = pipes[1 - i].reading.get();
+      reactor_.unwatch(number, watchers[1 - i]);
+      ASSERT_EQ(dup2(quiet.reading.get(), number), number);
+      reactor_.watch(number, EPOLLIN, successor);
+    };
+  }
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(watchers[0].told.size() + watchers[1].told.size(), 1U);
+  EXPECT_TRUE(successor.told.empty());
+  quiet.fill();
+  watchers[0].action = watchers[1].action = nullptr;
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(successor.told.size(), 1U);
+}
+
+TEST_F(ReactorTest, OneRewatchedInTheSameBatchHearsOnlyOfWhatItStillAsksFor) {
+  const Pipe first;
+  const Pipe second;
+  Recorder a;
+  Recorder b;
+  reactor_.watch(first.reading.get(), EPOLLIN, a);
+  reactor_.watch(second.reading.get(), EPOLLIN, b);
+  first.fill();
+  second.fill();
+  a.action = [&] { reactor_.rewatch(second.reading.get(), 0, b); };
+  b.action = [&] { reactor_.rewatch(first.reading.get(), 0, a); };
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(a.told.size() + b.told.size(), 1U);
+}
+
+TEST_F(ReactorTest, TellsEachOfMoreWatchersThanFitIntoOneBatch) {
+  constexpr std::size_t kCount = 300;
+  std::vector<Pipe> pipes(kCount);
+  std::vector<Recorder> watchers(kCount);
+  for (std::size_t i = 0; i < kCount; ++i) {
+    reactor_.watch(pipes[i].reading.get(), EPOLLIN, watchers[i]);
+    pipes[i].fill();
+    watchers[i].action = [&pipes, i] { pipes[i].drain(); };
+  }
+  EXPECT_TRUE(turn());
+  EXPECT_TRUE(turn());
+  EXPECT_FALSE(turn());
+  for (const Recorder& watcher : watchers) EXPECT_EQ(watcher.told.size(), 1U);
+}
+
+TEST_F(ReactorTest, RunsPostedBlocksInOrderAndNotWithinTheCall) {
+  reactor_.post(record(1));
+  reactor_.post(record(2));
+  EXPECT_THAT(ran_, ElementsAre());
+  EXPECT_TRUE(turn());
+  EXPECT_THAT(ran_, ElementsAre(1, 2));
+  EXPECT_FALSE(turn());
+}
+
+TEST_F(ReactorTest, RunsWhatABlockPostsInTheSameTurn) {
+  reactor_.post([this] {
+    reactor_.post(record(2));
+    ran_.push_back(1);
+  });
+  EXPECT_TRUE(turn());
+  EXPECT_THAT(ran_, ElementsAre(1, 2));
+}
+
+TEST_F(ReactorTest, RunsAQueueThatAWatcherFeedsInTheSameTurn) {
+  const Pipe pipe;
+  Recorder watcher;
+  const auto queue = SerialQueue::create("test", reactor_);
+  watcher.action = [this, &queue] { queue->async(record(1)); };
+  reactor_.watch(pipe.reading.get(), EPOLLIN, watcher);
+  pipe.fill();
+  EXPECT_TRUE(turn());
+  EXPECT_THAT(ran_, ElementsAre(1));
+}
+
+TEST_F(ReactorTest, DoesNotWaitWhenItsOwnThreadLeftWork) {
+  EXPECT_FALSE(turn());
+  const auto queue = SerialQueue::create("test", reactor_);
+  queue->async(record(1));
+  EXPECT_TRUE(waitingTurn());
+  reactor_.post(record(2));
+  EXPECT_TRUE(waitingTurn());
+  EXPECT_THAT(ran_, ElementsAre(1, 2));
+}
+
+TEST_F(ReactorTest, AQueueThatFeedsItselfLetsSocketsTimersAndHooksThrough) {
+  const Pipe pipe;
+  Recorder watcher;
+  reactor_.watch(pipe.reading.get(), EPOLLIN, watcher);
+  const auto queue = SerialQueue::create("endless", reactor_);
+  int rounds = 0;
+  Hook hook([this] { ran_.push_back(1); });
+  const std::function<void()> feed = [&] {
+    if (rounds++ == 0) {
+      pipe.fill();
+      reactor_.after(milliseconds(0), record(2));
+      reactor_.atEndOfTurn(hook, EndOfTurn::Urgency::normal);
+    }
+    queue->async(std::ref(feed));
+  };
+  queue->async(std::ref(feed));
+  turn();
+  EXPECT_EQ(rounds, 16);
+  EXPECT_THAT(ran_, ElementsAre(1));
+  EXPECT_TRUE(watcher.told.empty());
+  waitingTurn();
+  EXPECT_EQ(rounds, 32);
+  EXPECT_THAT(ran_, ElementsAre(1, 2));
+  EXPECT_EQ(watcher.told.size(), 1U);
+}
+
+TEST_F(ReactorTest, APostThatPostsItselfEndsItsTurn) {
+  int rounds = 0;
+  const std::function<void()> again = [&] {
+    ++rounds;
+    reactor_.post(std::ref(again));
+  };
+  reactor_.post(std::ref(again));
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(rounds, 16);
+  EXPECT_TRUE(waitingTurn());
+  EXPECT_EQ(rounds, 32);
+}
+
+TEST_F(ReactorTest, RunsATimerWhenItsDelayIsOverAndNotBefore) {
+  reactor_.after(milliseconds(5), record(1));
+  now_ += milliseconds(4);
+  EXPECT_FALSE(turn());
+  now_ += milliseconds(1);
+  EXPECT_TRUE(waitingTurn());
+  EXPECT_THAT(ran_, ElementsAre(1));
+  EXPECT_FALSE(turn());
+}
+
+TEST_F(ReactorTest, ANegativeDelayIsNone) {
+  reactor_.after(milliseconds(0), record(1));
+  reactor_.after(milliseconds(-5), record(2));
+  EXPECT_TRUE(turn());
+  EXPECT_THAT(ran_, ElementsAre(1, 2));
+}
+
+TEST_F(ReactorTest, DoesNotRunACancelledTimer) {
+  const auto timer = reactor_.after(milliseconds(0), record(1));
+  reactor_.cancel(timer);
+  EXPECT_FALSE(turn());
+}
+
+TEST_F(ReactorTest, WaitsForATimerOnTheRealClock) {
+  Reactor real;
+  bool ran = false;
+  real.after(milliseconds(2), [&ran] { ran = true; });
+  while (!ran) real.turn(/*wait=*/true);
+}
+
+TEST_F(ReactorTest, TellsHooksAfterTheBlocksOfTheTurnUrgentOnesFirst) {
+  Hook normal([this] { ran_.push_back(3); });
+  Hook urgent([this] { ran_.push_back(2); });
+  reactor_.atEndOfTurn(normal, EndOfTurn::Urgency::normal);
+  reactor_.atEndOfTurn(urgent, EndOfTurn::Urgency::urgent);
+  reactor_.post(record(1));
+  EXPECT_TRUE(waitingTurn());
+  EXPECT_THAT(ran_, ElementsAre(1, 2, 3));
+}
+
+TEST_F(ReactorTest, AHookThatAsksAgainIsToldInTheNextTurnWhichDoesNotWait) {
+  int told = 0;
+  std::unique_ptr<Hook> hook;
+  hook = std::make_unique<Hook>([&] {
+    if (++told < 3) reactor_.atEndOfTurn(*hook, EndOfTurn::Urgency::normal);
+  });
+  reactor_.atEndOfTurn(*hook, EndOfTurn::Urgency::normal);
+  EXPECT_TRUE(waitingTurn());
+  EXPECT_EQ(told, 1);
+  EXPECT_TRUE(waitingTurn());
+  EXPECT_EQ(told, 2);
+  EXPECT_TRUE(waitingTurn());
+  EXPECT_EQ(told, 3);
+  EXPECT_FALSE(turn());
+}
+
+TEST_F(ReactorTest, ReleasesAQueueRightAfterItsTurn) {
+  std::weak_ptr<SerialQueue> first;
+  {
+    const auto queue = SerialQueue::create("first", reactor_);
+    first = queue;
+    queue->async(record(1));
+  }
+  const auto second = SerialQueue::create("second", reactor_);
+  second->async([this, &first] { ran_.push_back(first.expired() ? 2 : -2); });
+  turn();
+  EXPECT_THAT(ran_, ElementsAre(1, 2));
+}
+
+TEST_F(ReactorTest, DropsWithItselfWhatDidNotRun) {
+  std::weak_ptr<SerialQueue> released;
+  int destroyed = 0;
+  {
+    Reactor dying;
+    dying.turn(/*wait=*/false);
+    const auto queue = SerialQueue::create("test", dying);
+    released = queue;
+    queue->async([queue] { FAIL(); });
+    // Destroyed as a timer, it posts; destroyed as a post, it sets a timer.
+    const auto counts = [&destroyed](void*) { ++destroyed; };
+    const auto posts = [&dying, counts](void*) { dying.post([held = std::shared_ptr<void>(nullptr, counts)] { FAIL(); }); };
+    const auto sets = [&dying, posts](void*) {
+      dying.after(milliseconds(0), [held = std::shared_ptr<void>(nullptr, posts)] { FAIL(); });
+    };
+    dying.post([held = std::shared_ptr<void>(nullptr, sets)] { FAIL(); });
+  }
+  EXPECT_EQ(destroyed, 1);
+  EXPECT_TRUE(released.expired());
+}
+
+}  // namespace
+}  // namespace keel

@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime/dispatch/signal_source.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <semaphore>
+#include <string>
+
+#include "runtime/dispatch/system.h"
+
+namespace keel {
+namespace {
+
+sigset_t setOf(int signal) {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, signal);
+  return set;
+}
+
+bool isPending(int signal) {
+  sigset_t pending;
+  sigpending(&pending);
+  return sigismember(&pending, signal) == 1;
+}
+
+// Leaves the process's signals as they were.
+class SignalSourceTest : public testing::Test {
+ protected:
+  SignalSourceTest() {
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask_);
+    for (const int used : {SIGUSR1, SIGUSR2, SIGRTMIN}) blockSignal(used);
+    ::signal(SIGUSR1, SIG_IGN);
+    ::signal(SIGUSR2, SIG_IGN);
+  }
+  ~SignalSourceTest() override {
+    for (const int used : {SIGUSR1, SIGUSR2, SIGRTMIN}) {
+      const sigset_t set = setOf(used);
+      const timespec now{};
+      while (sigtimedwait(&set, nullptr, &now) > 0) {
+      }
+      ::signal(used, SIG_DFL);
+    }
+    pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
+  }
+
+ private:
+  sigset_t mask_;
+};
+
+TEST_F(SignalSourceTest, HearsASignalWhoseDispositionIsToBeIgnored) {
+  std::binary_semaphore heard(0);
+  const auto source = SignalSource::create(SIGUSR1);
+  ASSERT_NE(source, nullptr);
+  source->setEventHandler([&heard] { heard.release(); });
+  source->resume();
+  kill(getpid(), SIGUSR1);
+  heard.acquire();
+  kill(getpid(), SIGUSR1);
+  heard.acquire();
+}
+
+TEST_F(SignalSourceTest, HearsASignalSentBeforeResume) {
+  std::binary_semaphore heard(0);
+  const auto source = SignalSource::create(SIGUSR1);
+  ASSERT_NE(source, nullptr);
+  kill(getpid(), SIGUSR1);
+  source->setEventHandler([&heard] { heard.release(); });
+  source->resume();
+  heard.acquire();
+}
+
+TEST_F(SignalSourceTest, SeveralSignalsBeforeTheHandlerRanCountAsOne) {
+  // Real-time signals queue up in the kernel, so here the source itself must make one of them.
+  std::binary_semaphore heard(0);
+  std::atomic<int> count{0};
+  std::atomic<bool> leftOver{false};
+  {
+    const auto source = SignalSource::create(SIGRTMIN);
+    ASSERT_NE(source, nullptr);
+    kill(getpid(), SIGRTMIN);
+    kill(getpid(), SIGRTMIN);
+    source->setEventHandler([&] {
+      ++count;
+      if (isPending(SIGRTMIN)) leftOver = true;
+      heard.release();
+    });
+    source->resume();
+    heard.acquire();
+  }
+  EXPECT_EQ(count, 1);
+  EXPECT_FALSE(leftOver);
+}
+
+TEST_F(SignalSourceTest, SourcesHearTheirOwnSignalOnly) {
+  std::binary_semaphore first(0);
+  std::binary_semaphore second(0);
+  std::atomic<int> firstCount{0};
+  const auto firstSource = SignalSource::create(SIGUSR1);
+  const auto secondSource = SignalSource::create(SIGUSR2);
+  ASSERT_NE(firstSource, nullptr);
+  ASSERT_NE(secondSource, nullptr);
+  firstSource->setEventHandler([&] {
+    ++firstCount;
+    first.release();
+  });
+  secondSource->setEventHandler([&] { second.release(); });
+  firstSource->resume();
+  secondSource->resume();
+  kill(getpid(), SIGUSR2);
+  second.acquire();
+  kill(getpid(), SIGUSR1);
+  first.acquire();
+  EXPECT_EQ(firstCount, 1);
+}
+
+TEST_F(SignalSourceTest, RunsItsHandlerOnAThreadOfItsOwn) {
+  std::binary_semaphore heard(0);
+  std::array<char, 16> name{};
+  const auto source = SignalSource::create(SIGUSR1);
+  ASSERT_NE(source, nullptr);
+  source->setEventHandler([&] {
+    pthread_getname_np(pthread_self(), name.data(), name.size());
+    heard.release();
+  });
+  source->resume();
+  kill(getpid(), SIGUSR1);
+  heard.acquire();
+  EXPECT_EQ(std::string(name.data()), "keel-signal");
+}
+
+TEST_F(SignalSourceTest, EndsWithoutHavingBeenResumed) {
+  EXPECT_NE(SignalSource::create(SIGUSR1), nullptr);
+}
+
+TEST_F(SignalSourceTest, CannotBeMadeWithoutDescriptors) {
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  rlimit none = before;
+  none.rlim_cur = 0;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const auto source = SignalSource::create(SIGUSR1);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(source, nullptr);
+}
+
+// As a daemon does it: block, ignore, listen, park.
+[[noreturn]] void parkUntilTerminated() {
+  blockSignal(SIGTERM);
+  ::signal(SIGTERM, SIG_IGN);
+  const auto source = SignalSource::create(SIGTERM);
+  source->setEventHandler([] { std::exit(7); });
+  source->resume();
+  kill(getpid(), SIGTERM);
+  dispatchMain();
+}
+
+TEST(SignalSourceDeathTest, ItsHandlerMayEndAProcessWhoseMainThreadIsParked) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(parkUntilTerminated(), testing::ExitedWithCode(7), "");
+}
+
+}  // namespace
+}  // namespace keel

@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime/dispatch/worker_pool.h"
+
+#include <pthread.h>
+
+#include <system_error>
+#include <utility>
+
+#include "runtime/dispatch/serial_queue.h"
+#include "runtime/foundation/check.h"
+
+namespace keel {
+
+WorkerPool::WorkerPool(std::size_t threadLimit, std::size_t threadLimitOfLane)
+    : threadLimit_(threadLimit), threadLimitOfLane_(threadLimitOfLane) {
+  KEEL_CHECK(threadLimit > 0 && threadLimitOfLane > 0);
+}
+
+WorkerPool::~WorkerPool() {
+  std::vector<std::thread> threads;
+  {
+    const std::lock_guard lock(mutex_);
+    ending_ = true;
+    threads.swap(threads_);
+  }
+  readied_.notify_all();
+  for (std::thread& thread : threads) thread.join();
+  // No lock: no thread is left. The destruction of a block may schedule further queues, in any lane.
+  while (!ready_.empty()) {
+    Lane& lane = *ready_.front();
+    ready_.pop_front();
+    lane.isReady = false;
+    while (!lane.scheduled.empty()) takeFrom(lane)->abandon();
+  }
+}
+
+Executor& WorkerPool::laneOf(std::uint64_t owner) {
+  const std::lock_guard lock(mutex_);
+  auto& lane = lanes_[owner];
+  if (!lane) lane = std::make_unique<Lane>(*this);
+  return *lane;
+}
+
+void WorkerPool::schedule(std::shared_ptr<SerialQueue> queue, Lane& lane) {
+  {
+    const std::lock_guard lock(mutex_);
+    lane.scheduled.push_back(std::move(queue));
+    ++scheduledCount_;
+    if (!makeReady(lane)) return;
+    if (scheduledCount_ > idleCount_) startThread();
+  }
+  readied_.notify_one();
+}
+
+// Whether work of the lane may begin now.
+bool WorkerPool::makeReady(Lane& lane) {
+  if (lane.scheduled.empty() || lane.runningCount == threadLimitOfLane_) return false;
+  if (!std::exchange(lane.isReady, true)) ready_.push_back(&lane);
+  return true;
+}
+
+std::shared_ptr<SerialQueue> WorkerPool::takeFrom(Lane& lane) {
+  auto queue = std::move(lane.scheduled.front());
+  lane.scheduled.pop_front();
+  --scheduledCount_;
+  return queue;
+}
+
+void WorkerPool::startThread() {
+  if (ending_ || threads_.size() == threadLimit_) return;
+  try {
+    threads_.emplace_back([this] { work(); });
+  } catch (const std::system_error&) {
+    // The machine gives no more threads: those that exist do the work, later.
+    KEEL_CHECK(!threads_.empty());
+  }
+}
+
+void WorkerPool::work() {
+  pthread_setname_np(pthread_self(), "keel-worker");
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    ++idleCount_;
+    readied_.wait(lock, [this] { return ending_ || !ready_.empty(); });
+    --idleCount_;
+    if (ending_) return;
+    Lane& lane = *ready_.front();
+    ready_.pop_front();
+    lane.isReady = false;
+    auto queue = takeFrom(lane);
+    ++lane.runningCount;
+    // Behind the others: each lane has its turn.
+    makeReady(lane);
+    lock.unlock();
+    queue->runTurn();
+    // Released before the lock is taken: with it may go blocks, whose destruction may schedule.
+    queue.reset();
+    lock.lock();
+    --lane.runningCount;
+    makeReady(lane);
+  }
+}
+
+}  // namespace keel

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "runtime/dispatch/executor.h"
+
+namespace keel {
+
+// A bounded number of threads for work that may block. Threads are started as work arrives, up to the bound, and kept.
+//
+// Work may come in lanes, one for each of those whose work must not hold up that of the others: the lanes with something to do
+// take turns, and one lane has no more than a bounded number of the threads.
+class WorkerPool final : public Executor {
+ public:
+  explicit WorkerPool(std::size_t threadLimit) : WorkerPool(threadLimit, threadLimit) {}
+  WorkerPool(std::size_t threadLimit, std::size_t threadLimitOfLane);
+  // Lets running turns end, drops those not begun, joins the threads.
+  ~WorkerPool() override;
+  WorkerPool(const WorkerPool&) = delete;
+  WorkerPool& operator=(const WorkerPool&) = delete;
+
+  // In a lane of its own, shared by all that is scheduled here.
+  void schedule(std::shared_ptr<SerialQueue> queue) override { common_.schedule(std::move(queue)); }
+
+  // The lane of that owner, made on the first call and kept as long as the pool. From any thread.
+  Executor& laneOf(std::uint64_t owner);
+
+ private:
+  class Lane final : public Executor {
+   public:
+    explicit Lane(WorkerPool& pool) : pool_(pool) {}
+    void schedule(std::shared_ptr<SerialQueue> queue) override { pool_.schedule(std::move(queue), *this); }
+
+    // All under the pool's mutex.
+    std::deque<std::shared_ptr<SerialQueue>> scheduled;
+    std::size_t runningCount = 0;
+    bool isReady = false;  // among the ready ones
+
+   private:
+    WorkerPool& pool_;
+  };
+
+  void schedule(std::shared_ptr<SerialQueue> queue, Lane& lane);
+  void work();
+  // Under mutex_.
+  bool makeReady(Lane& lane);
+  std::shared_ptr<SerialQueue> takeFrom(Lane& lane);
+  void startThread();
+
+  const std::size_t threadLimit_;
+  const std::size_t threadLimitOfLane_;
+  std::mutex mutex_;
+  std::condition_variable readied_;
+  Lane common_{*this};
+  std::unordered_map<std::uint64_t, std::unique_ptr<Lane>> lanes_;  // under mutex_
+  std::deque<Lane*> ready_;           // lanes with work that may begin, in the order of their turns; under mutex_
+  std::vector<std::thread> threads_;  // under mutex_
+  std::size_t scheduledCount_ = 0;    // in all lanes; under mutex_
+  std::size_t idleCount_ = 0;         // under mutex_
+  bool ending_ = false;               // under mutex_
+};
+
+}  // namespace keel

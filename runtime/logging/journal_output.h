@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sys/uio.h>
+
+#include <array>
+#include <string>
+
+#include "runtime/logging/log_system.h"
+
+namespace keel {
+
+// The fields of a message's journal entry, each "NAME=value".
+std::array<std::string, 4> journalFields(const LogMessage& message);
+
+// Sends entries with `send`, which takes and returns what sd_journal_sendv(3) does.
+class JournalOutput : public LogOutput {
+ public:
+  using Send = int (*)(const iovec* fields, int count);
+
+  explicit JournalOutput(Send send) : send_(send) {}
+  bool write(const LogMessage& message) override;
+
+ private:
+  const Send send_;
+};
+
+}  // namespace keel

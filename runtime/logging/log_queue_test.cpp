@@ -1,0 +1,237 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime/logging/log_queue.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <csignal>
+#include <stdexcept>
+
+#include "runtime/logging/recording_output.h"
+
+namespace keel {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+void push(LogQueue& queue, std::string text) {
+  queue.push(LogLevel::error, "auth", std::move(text), 0);
+}
+
+TEST(LogQueue, MessagesReachTheOutputInOrderWithAllTheirParts) {
+  Recorder recorder;
+  LogQueue queue(recorder.output());
+  queue.push(LogLevel::debug, "auth", "first", 0);
+  queue.push(LogLevel::fault, "startup", "second", 70000);
+  ASSERT_TRUE(queue.flush(kPatience));
+
+  const auto lines = recorder.lines();
+  ASSERT_THAT(lines, SizeIs(2));
+  EXPECT_EQ(lines[0].level, LogLevel::debug);
+  EXPECT_EQ(lines[0].category, "auth");
+  EXPECT_EQ(lines[0].text, "first");
+  EXPECT_EQ(lines[0].fullBytes, 0U);
+  EXPECT_EQ(lines[1].level, LogLevel::fault);
+  EXPECT_EQ(lines[1].category, "startup");
+  EXPECT_EQ(lines[1].text, "second");
+  EXPECT_EQ(lines[1].fullBytes, 70000U);
+}
+
+TEST(LogQueue, DestructionWritesWhatIsQueued) {
+  Recorder recorder;
+  {
+    LogQueue queue(recorder.output());
+    push(queue, "last words");
+  }
+  EXPECT_THAT(recorder.texts(), ElementsAre("last words"));
+}
+
+TEST(LogQueue, TimeIsThatOfThePushNotOfTheOutput) {
+  Recorder recorder;
+  recorder.closeGate();
+  LogQueue queue(recorder.output());
+  const auto before = std::chrono::system_clock::now();
+  push(queue, "text");
+  const auto after = std::chrono::system_clock::now();
+  recorder.awaitWriterAtGate();
+  recorder.openGate();
+  ASSERT_TRUE(queue.flush(kPatience));
+
+  const auto lines = recorder.lines();
+  ASSERT_THAT(lines, SizeIs(1));
+  EXPECT_GE(lines[0].time, before);
+  EXPECT_LE(lines[0].time, after);
+}
+
+// With the output stopped on one message, fills the queue behind it.
+class FullLogQueue : public ::testing::Test {
+ protected:
+  FullLogQueue() : queue_(recorder_.output()) {
+    recorder_.closeGate();
+    push(queue_, "at the gate");
+    recorder_.awaitWriterAtGate();
+  }
+  ~FullLogQueue() override { recorder_.openGate(); }
+
+  Recorder recorder_;
+  LogQueue queue_;
+};
+
+TEST_F(FullLogQueue, AsManyMessagesAsTheLimitAreKept) {
+  for (std::size_t i = 0; i < kLogQueueMessages; ++i) push(queue_, "x");
+  recorder_.openGate();
+  ASSERT_TRUE(queue_.flush(kPatience));
+  EXPECT_THAT(recorder_.lines(), SizeIs(1 + kLogQueueMessages));
+}
+
+TEST_F(FullLogQueue, OneMessageMoreIsLostAndReportedAfterThoseKept) {
+  for (std::size_t i = 0; i < kLogQueueMessages + 1; ++i) push(queue_, "x");
+  recorder_.openGate();
+  ASSERT_TRUE(queue_.flush(kPatience));
+
+  const auto lines = recorder_.lines();
+  ASSERT_THAT(lines, SizeIs(1 + kLogQueueMessages + 1));
+  EXPECT_EQ(lines.back().text, "1 log message was lost because the output did not keep up");
+  EXPECT_EQ(lines.back().level, LogLevel::error);
+}
+
+TEST_F(FullLogQueue, ManyLossesAreReportedInOneLineBeforeLaterMessages) {
+  for (std::size_t i = 0; i < kLogQueueMessages + 5; ++i) push(queue_, "x");
+  recorder_.openGate();
+  ASSERT_TRUE(queue_.flush(kPatience));
+  push(queue_, "later");
+  ASSERT_TRUE(queue_.flush(kPatience));
+
+  const auto texts = recorder_.texts();
+  ASSERT_THAT(texts, SizeIs(1 + kLogQueueMessages + 2));
+  EXPECT_EQ(texts[texts.size() - 2], "5 log messages were lost because the output did not keep up");
+  EXPECT_EQ(texts.back(), "later");
+}
+
+TEST_F(FullLogQueue, BytesUpToTheLimitAreKept) {
+  push(queue_, std::string(kLogQueueBytes - 1, 'x'));
+  push(queue_, "y");
+  recorder_.openGate();
+  ASSERT_TRUE(queue_.flush(kPatience));
+  EXPECT_THAT(recorder_.lines(), SizeIs(3));
+}
+
+TEST_F(FullLogQueue, OneByteMoreIsLost) {
+  push(queue_, std::string(kLogQueueBytes - 1, 'x'));
+  push(queue_, "yy");
+  push(queue_, "z");
+  recorder_.openGate();
+  ASSERT_TRUE(queue_.flush(kPatience));
+
+  const auto texts = recorder_.texts();
+  ASSERT_THAT(texts, SizeIs(4));
+  EXPECT_EQ(texts[2], "z");
+  EXPECT_EQ(texts[3], "1 log message was lost because the output did not keep up");
+}
+
+TEST_F(FullLogQueue, FlushGivesUpAfterItsPatience) {
+  EXPECT_FALSE(queue_.flush(std::chrono::milliseconds(0)));
+}
+
+TEST_F(FullLogQueue, MessagesHaveRoomAgainOnceTheBatchIsTaken) {
+  for (std::size_t i = 0; i < kLogQueueMessages; ++i) push(queue_, "x");
+  recorder_.openGate();
+  ASSERT_TRUE(queue_.flush(kPatience));
+  for (std::size_t i = 0; i < kLogQueueMessages; ++i) push(queue_, "x");
+  ASSERT_TRUE(queue_.flush(kPatience));
+  EXPECT_THAT(recorder_.lines(), SizeIs(::testing::Ge(1 + kLogQueueMessages + 1)));
+}
+
+TEST(LogQueue, WhatTheOutputRefusesIsCountedAndReportedOnceItTakesMessages) {
+  Recorder recorder;
+  // Refuses the first message, its report, and the second message.
+  LogQueue queue(recorder.output([](std::size_t place) { return place >= 3; }));
+  push(queue, "first");
+  ASSERT_TRUE(queue.flush(kPatience));
+  push(queue, "second");
+  ASSERT_TRUE(queue.flush(kPatience));
+  push(queue, "third");
+  ASSERT_TRUE(queue.flush(kPatience));
+
+  EXPECT_THAT(recorder.texts(), ElementsAre("first", "1 log message was lost because the output did not keep up", "second",
+                                            "2 log messages were lost because the output did not keep up", "third"));
+}
+
+class ThrowingOutput : public LogOutput {
+ public:
+  bool write(const LogMessage&) override { throw std::runtime_error("broken output"); }
+};
+
+TEST(LogQueue, AnOutputThatThrowsLosesTheMessageAndNothingElse) {
+  LogQueue queue(std::make_unique<ThrowingOutput>());
+  push(queue, "first");
+  EXPECT_TRUE(queue.flush(kPatience));
+  push(queue, "second");
+  EXPECT_TRUE(queue.flush(kPatience));
+}
+
+struct ThreadFacts {
+  std::string name;
+  bool pipeBlocked = false;
+  bool terminateBlocked = false;
+  bool segmentationFaultBlocked = true;
+};
+
+class ThreadFactsOutput : public LogOutput {
+ public:
+  explicit ThreadFactsOutput(ThreadFacts& facts) : facts_(facts) {}
+  bool write(const LogMessage&) override {
+    char name[16] = {};
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    facts_ = {name, sigismember(&mask, SIGPIPE) == 1, sigismember(&mask, SIGTERM) == 1, sigismember(&mask, SIGSEGV) == 1};
+    return true;
+  }
+
+ private:
+  ThreadFacts& facts_;
+};
+
+TEST(LogQueue, ThreadHasItsNameAndTakesNoSignalsButItsOwnFaults) {
+  ThreadFacts facts;
+  LogQueue queue(std::make_unique<ThreadFactsOutput>(facts));
+  push(queue, "text");
+  ASSERT_TRUE(queue.flush(kPatience));
+  EXPECT_EQ(facts.name, "keel-log");
+  EXPECT_TRUE(facts.pipeBlocked);
+  EXPECT_TRUE(facts.terminateBlocked);
+  EXPECT_FALSE(facts.segmentationFaultBlocked);
+}
+
+TEST(LogQueue, SignalMaskOfWhoeverMakesItStays) {
+  sigset_t before;
+  pthread_sigmask(SIG_BLOCK, nullptr, &before);
+  Recorder recorder;
+  LogQueue queue(recorder.output());
+  sigset_t after;
+  pthread_sigmask(SIG_BLOCK, nullptr, &after);
+  EXPECT_EQ(sigismember(&after, SIGTERM), sigismember(&before, SIGTERM));
+  EXPECT_EQ(sigismember(&after, SIGPIPE), sigismember(&before, SIGPIPE));
+  EXPECT_THAT(recorder.lines(), IsEmpty());
+}
+
+TEST(LogQueue, ManyThreadsLoseNothingBelowTheLimit) {
+  constexpr std::size_t kThreads = 4;
+  Recorder recorder;
+  LogQueue queue(recorder.output());
+  std::vector<std::thread> threads;
+  for (std::size_t t = 0; t < kThreads; ++t)
+    threads.emplace_back([&queue] {
+      for (std::size_t i = 0; i < kLogQueueMessages / kThreads; ++i) push(queue, "x");
+    });
+  for (auto& thread : threads) thread.join();
+  ASSERT_TRUE(queue.flush(kPatience));
+  EXPECT_THAT(recorder.lines(), SizeIs(kLogQueueMessages));
+}
+
+}  // namespace
+}  // namespace keel

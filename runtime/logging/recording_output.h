@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "runtime/logging/log_system.h"
+
+namespace keel {
+
+// What an output of the tests was given. Shared by the test and the output that a queue owns.
+class Recorder {
+ public:
+  struct Line {
+    LogLevel level;
+    std::string category;
+    std::string text;
+    std::chrono::system_clock::time_point time;
+    std::size_t fullBytes;
+  };
+
+  // An output that notes every message here. It returns what `accept` says of the message's place, counted from 0.
+  std::unique_ptr<LogOutput> output(std::function<bool(std::size_t)> accept = [](std::size_t) { return true; });
+
+  // While the gate is closed, write() waits in front of it.
+  void closeGate() {
+    const std::lock_guard lock(mutex_);
+    open_ = false;
+  }
+  void openGate() {
+    const std::lock_guard lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+  }
+  void awaitWriterAtGate() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return atGate_; });
+  }
+
+  std::vector<Line> lines() {
+    const std::lock_guard lock(mutex_);
+    return lines_;
+  }
+  std::vector<std::string> texts() {
+    std::vector<std::string> texts;
+    for (auto& line : lines()) texts.push_back(std::move(line.text));
+    return texts;
+  }
+
+  std::size_t note(const LogMessage& message) {
+    std::unique_lock lock(mutex_);
+    atGate_ = !open_;
+    changed_.notify_all();
+    changed_.wait(lock, [this] { return open_; });
+    atGate_ = false;
+    lines_.push_back(
+        {message.level, std::string(message.category), std::string(message.text), message.time, message.fullBytes});
+    return lines_.size() - 1;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool open_ = true;
+  bool atGate_ = false;
+  std::vector<Line> lines_;
+};
+
+class RecordingOutput : public LogOutput {
+ public:
+  RecordingOutput(Recorder& recorder, std::function<bool(std::size_t)> accept)
+      : recorder_(recorder), accept_(std::move(accept)) {}
+  bool write(const LogMessage& message) override { return accept_(recorder_.note(message)); }
+
+ private:
+  Recorder& recorder_;
+  const std::function<bool(std::size_t)> accept_;
+};
+
+inline std::unique_ptr<LogOutput> Recorder::output(std::function<bool(std::size_t)> accept) {
+  return std::make_unique<RecordingOutput>(*this, std::move(accept));
+}
+
+// Far longer than any flush here takes; it only ends a test that hangs.
+inline constexpr std::chrono::minutes kPatience{1};
+
+}  // namespace keel

@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime/transport/admissions.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "runtime/wire/limits.h"
+
+namespace keel::xpc {
+
+namespace {
+
+std::size_t connectionLimitOfProcess() {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const std::size_t descriptors = std::min<std::size_t>(limit.rlim_cur, limits::kConnections + limits::kReservedDescriptors);
+  // With very few descriptors the reserve shrinks: some clients are better than none.
+  return descriptors > 2 * limits::kReservedDescriptors ? descriptors - limits::kReservedDescriptors : descriptors / 2;
+}
+
+std::size_t memoryLimitOfUsers() {
+  const long pages = ::sysconf(_SC_PHYS_PAGES);
+  const long pageBytes = ::sysconf(_SC_PAGESIZE);
+  // A system that does not say what it has is taken for a small one.
+  if (pages <= 0 || pageBytes <= 0) return 2 * limits::kMemoryOfOneUserBytes;
+  return static_cast<std::size_t>(static_cast<double>(pages) * static_cast<double>(pageBytes) * limits::kMemoryShareOfUsers);
+}
+
+}  // namespace
+
+std::shared_ptr<Admissions> Admissions::ofProcess() {
+  static const auto& admissions = *new std::shared_ptr<Admissions>(std::make_shared<Admissions>(connectionLimitOfProcess()));
+  return admissions;
+}
+
+bool Admissions::full() const {
+  const std::lock_guard lock(mutex_);
+  return count_ >= connectionLimit_;
+}
+
+bool Admissions::hasRoom() const {
+  const std::lock_guard lock(mutex_);
+  return count_ < connectionLimit_ - connectionLimit_ / 10;
+}
+
+Admissions::Refusal Admissions::admit(uid_t uid, std::shared_ptr<void>& admission) {
+  const std::lock_guard lock(mutex_);
+  if (count_ >= connectionLimit_) return Refusal::full;
+  if (uid != 0) {
+    const auto shareOfUsers = static_cast<std::size_t>(static_cast<double>(connectionLimit_) * limits::kConnectionShareOfUsers);
+    if (count_ >= shareOfUsers) return Refusal::tooManyOfUsers;
+    const auto found = countByUser_.find(uid);
+    if (found != countByUser_.end() && found->second >= shareOfUsers - count_) return Refusal::tooManyOfUser;
+  }
+  ++countByUser_[uid];
+  ++count_;
+  admission = std::shared_ptr<void>(nullptr, [self = shared_from_this(), uid](void*) {
+    const std::lock_guard dropping(self->mutex_);
+    --self->count_;
+    const auto found = self->countByUser_.find(uid);
+    if (--found->second == 0) self->countByUser_.erase(found);
+  });
+  return Refusal::none;
+}
+
+const MemoryQuota& memoryQuotaOfUser(uid_t uid) {
+  static std::mutex& mutex = *new std::mutex;
+  // Elements stay where they are.
+  static auto& quotasByUser = *new std::unordered_map<uid_t, MemoryQuota>;
+  const std::lock_guard lock(mutex);
+  static MemoryAccount& allUsers = *new MemoryAccount;
+  static const std::size_t limitOfAll = memoryLimitOfUsers();
+  const auto [entry, isNew] = quotasByUser.try_emplace(uid);
+  MemoryQuota& quota = entry->second;
+  if (isNew && uid == 0) {
+    quota.account = new MemoryAccount;
+  } else if (isNew) {
+    quota = {.account = new MemoryAccount(allUsers),
+             .limitBytes = limits::kMemoryOfOneUserBytes,
+             .sum = &allUsers,
+             .sumLimitBytes = limitOfAll};
+  }
+  return quota;
+}
+
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+}  // namespace keel::xpc

@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime/transport/admissions.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "runtime/wire/limits.h"
+
+namespace keel::xpc {
+namespace {
+
+using Refusal = Admissions::Refusal;
+
+class AdmissionsTest : public ::testing::Test {
+ protected:
+  // As many as are let in.
+  std::size_t fill(uid_t uid) {
+    std::size_t count = 0;
+    for (std::shared_ptr<void> admission; admissions->admit(uid, admission) == Refusal::none; ++count) {
+      held.push_back(std::move(admission));
+    }
+    return count;
+  }
+  Refusal admit(uid_t uid) {
+    std::shared_ptr<void> admission;
+    const Refusal refusal = admissions->admit(uid, admission);
+    if (refusal == Refusal::none) held.push_back(std::move(admission));
+    return refusal;
+  }
+
+  std::shared_ptr<Admissions> admissions = std::make_shared<Admissions>(80);  // of which 70 are for users
+  std::vector<std::shared_ptr<void>> held;
+};
+
+TEST_F(AdmissionsTest, OneUserMayHoldAsManyAsAreStillFree) {
+  EXPECT_EQ(fill(501), 35u);
+  EXPECT_EQ(admit(501), Refusal::tooManyOfUser);
+  EXPECT_EQ(fill(502), 18u);
+  EXPECT_EQ(fill(503), 9u);
+}
+
+TEST_F(AdmissionsTest, TheLastPlacesAreForRoot) {
+  for (uid_t uid = 1000; admit(uid) == Refusal::none; ++uid) {
+  }
+  EXPECT_EQ(held.size(), 70u);
+  EXPECT_EQ(admit(501), Refusal::tooManyOfUsers);
+  EXPECT_EQ(fill(0), 10u);
+  EXPECT_TRUE(admissions->full());
+  EXPECT_EQ(admit(0), Refusal::full);
+}
+
+TEST_F(AdmissionsTest, RootMayHoldThemAll) {
+  EXPECT_EQ(fill(0), 80u);
+}
+
+TEST_F(AdmissionsTest, AShortageIsOverWhenOneTenthIsFree) {
+  fill(0);
+  held.resize(73);
+  EXPECT_FALSE(admissions->full());
+  EXPECT_FALSE(admissions->hasRoom());
+  held.resize(71);
+  EXPECT_TRUE(admissions->hasRoom());
+  EXPECT_EQ(admit(501), Refusal::tooManyOfUsers);
+}
+
+TEST(MemoryQuota, OneMayHoldAsMuchAsIsStillFreeOfWhatAllMay) {
+  MemoryAccount all;
+  MemoryAccount alice(all);
+  MemoryAccount bob(all);
+  const MemoryQuota quota{.account = &bob, .limitBytes = 50'000, .sum = &all, .sumLimitBytes = 100'000};
+  EXPECT_EQ(quota.grantedBytes(), 50'000u);
+  alice.charge(80'000);
+  EXPECT_EQ(quota.grantedBytes(), 20'000u);
+  EXPECT_EQ(quota.grantedNameBytes(), 30'000u);
+  alice.charge(80'000);
+  EXPECT_EQ(quota.grantedBytes(), 0u);
+  alice.refund(160'000);
+  EXPECT_EQ(quota.grantedBytes(), 50'000u);
+}
+
+TEST(MemoryQuota, OfRootHasNoLimit) {
+  EXPECT_EQ(memoryQuotaOfUser(0).grantedBytes(), std::numeric_limits<std::size_t>::max());
+  EXPECT_EQ(memoryQuotaOfUser(0).grantedNameBytes(), std::numeric_limits<std::size_t>::max());
+  EXPECT_LE(memoryQuotaOfUser(501).grantedBytes(), limits::kMemoryOfOneUserBytes);
+}
+
+}  // namespace
+}  // namespace keel::xpc

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime/transport/farewell.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <string>
+
+#include "runtime/wire/limits.h"
+#include "runtime/wire/wire.h"
+
+namespace keel::xpc {
+namespace {
+
+// More than a socket takes at once.
+constexpr std::size_t kTextBytes = 4u << 20;
+
+class Farewell : public ::testing::Test {
+ protected:
+  Farewell() {
+    int both[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
+    own.reset(both[0]);
+    peer.reset(both[1]);
+  }
+  void say(std::size_t textBytes) {
+    OutgoingMessage message;
+    writeGoodbye(message, std::string(textBytes, 'x'));
+    BorrowedOutputQueue output;
+    output.borrow();
+    output->append(message);
+    sendFarewell(std::move(own), std::move(output), std::move(admission), this, reactor);
+  }
+  void turns() {
+    while (reactor.turn(/*wait=*/false)) {
+    }
+  }
+  // Reads what is there; false at the end of the stream.
+  bool read() {
+    std::string buffer(1u << 20, '\0');
+    for (;;) {
+      const ssize_t got = ::recv(peer.get(), buffer.data(), buffer.size(), 0);
+      if (got == 0) return false;
+      if (got < 0) return true;
+      receivedBytes += static_cast<std::size_t>(got);
+      turns();
+    }
+  }
+  // Sockets are closed on another thread. The limit only guards against hanging.
+  bool endComes() {
+    while (read()) {
+      pollfd readable{peer.get(), POLLIN, 0};
+      if (::poll(&readable, 1, 30'000) != 1) return false;
+    }
+    return true;
+  }
+
+  std::chrono::steady_clock::time_point now{};
+  Reactor reactor{[this] { return now; }};
+  FileDescriptor own, peer;
+  std::shared_ptr<void> admission = std::make_shared<int>(0);
+  std::weak_ptr<void> held = admission;
+  std::size_t receivedBytes = 0;
+};
+
+TEST_F(Farewell, LeavesAtOnceWhenTheSocketTakesIt) {
+  say(10);
+  EXPECT_TRUE(endComes());
+  EXPECT_GT(receivedBytes, 10u);
+}
+
+TEST_F(Farewell, LeavesAsThePeerReads) {
+  say(kTextBytes);
+  turns();
+  EXPECT_FALSE(held.expired());
+  EXPECT_TRUE(endComes());
+  EXPECT_GT(receivedBytes, kTextBytes);
+}
+
+TEST_F(Farewell, IsGivenUpWhenItsTimeIsOver) {
+  say(kTextBytes);
+  now += limits::kFarewell - std::chrono::milliseconds(1);
+  turns();
+  EXPECT_FALSE(held.expired());
+  now += std::chrono::milliseconds(1);
+  turns();
+  EXPECT_TRUE(endComes());
+  EXPECT_LT(receivedBytes, kTextBytes);
+}
+
+TEST_F(Farewell, EndsWithAPeerThatIsGone) {
+  say(kTextBytes);
+  peer.reset();
+  turns();
+  // Nothing is left that could be waited for.
+  now += 2 * limits::kFarewell;
+  EXPECT_FALSE(reactor.turn(/*wait=*/false));
+}
+
+}  // namespace
+}  // namespace keel::xpc

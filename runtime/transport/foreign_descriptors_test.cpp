@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime/transport/foreign_descriptors.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <limits>
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace keel::xpc {
+namespace {
+
+// Both ends of a connection over the loopback device.
+std::pair<FileDescriptor, FileDescriptor> networkSockets() {
+  const FileDescriptor listening(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  EXPECT_EQ(::bind(listening.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+  EXPECT_EQ(::listen(listening.get(), 1), 0);
+  EXPECT_EQ(::getsockname(listening.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+  FileDescriptor one(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(::connect(one.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+  FileDescriptor other(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  return {std::move(one), std::move(other)};
+}
+
+// Whether the other end is closed. The limit only guards against hanging.
+bool endComes(int descriptor) {
+  pollfd readable{descriptor, POLLIN, 0};
+  return ::poll(&readable, 1, 30'000) == 1;
+}
+
+TEST(ForeignDescriptors, OnlyMemoryFilesAreMemoryFiles) {
+  EXPECT_TRUE(isMemoryFile(FileDescriptor(::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING))));
+  int both[2];
+  ASSERT_EQ(::pipe(both), 0);
+  EXPECT_FALSE(isMemoryFile(FileDescriptor(both[0])));
+  EXPECT_FALSE(isMemoryFile(FileDescriptor(both[1])));
+}
+
+TEST(ForeignDescriptors, AreClosedAndTheirAdmissionIsHeldUntilThen) {
+  int both[2];
+  ASSERT_EQ(::pipe(both), 0);
+  const FileDescriptor reading(both[0]);
+  auto admission = std::make_shared<int>(0);
+  closeElsewhere(FileDescriptor(both[1]), std::move(admission), nullptr);
+  EXPECT_TRUE(endComes(reading.get()));
+}
+
+// Sockets that would wait for a peer that never reads, more of them than there are threads: none keeps another waiting.
+TEST(ForeignDescriptors, SocketsThatLingerKeepNobodyWaiting) {
+  const int owner = 0;
+  std::vector<FileDescriptor> others;
+  for (int i = 0; i < 8; ++i) {
+    auto [one, other] = networkSockets();
+    const linger forEver{.l_onoff = 1, .l_linger = std::numeric_limits<std::int16_t>::max()};
+    ASSERT_EQ(::setsockopt(one.get(), SOL_SOCKET, SO_LINGER, &forEver, sizeof(forEver)), 0);
+    std::array<char, 65536> bytes{};
+    while (::send(one.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+    }
+    others.push_back(std::move(other));
+    closeElsewhere(std::move(one), nullptr, &owner);
+  }
+  int both[2];
+  ASSERT_EQ(::pipe(both), 0);
+  const FileDescriptor reading(both[0]);
+  closeElsewhere(FileDescriptor(both[1]), nullptr, &owner);
+  EXPECT_TRUE(endComes(reading.get()));
+}
+
+}  // namespace
+}  // namespace keel::xpc

@@ -1,0 +1,294 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime/transport/output_queue.h"
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "runtime/foundation/check.h"
+#include "runtime/foundation/secret.h"
+#include "runtime/wire/limits.h"
+
+namespace keel::xpc {
+
+namespace {
+
+// The first chunk of a queue is small, since most connections have one frame to send at a time; those behind it are large.
+constexpr std::size_t kFirstChunkBytes = 2u << 10;
+constexpr std::size_t kChunkBytes = 32u << 10;
+
+// Frame ends for which an empty queue keeps its memory.
+constexpr std::size_t kKeptFrameEnds = 16384;
+
+// Idle queues that a thread keeps ready.
+constexpr std::size_t kReadyQueues = 1024;
+
+constexpr std::size_t kPiecesPerWrite = 64;
+
+// Shared frames that do not follow one another begin a piece each; beyond so many pieces they are cheaper to copy.
+constexpr std::size_t kPiecesWithRuns = 16;
+
+std::vector<std::unique_ptr<OutputQueue>>& readyQueues() {
+  thread_local std::vector<std::unique_ptr<OutputQueue>> queues;
+  return queues;
+}
+
+// Large chunks that the thread's queues fill in turn: to allocate and free so much costs as much as to fill it.
+constexpr std::size_t kSpareChunks = 32;
+
+std::vector<std::shared_ptr<std::byte[]>>& spareChunks() {
+  thread_local std::vector<std::shared_ptr<std::byte[]>> chunks;
+  return chunks;
+}
+
+std::shared_ptr<std::byte[]> chunkOf(std::size_t capacity) {
+  if (capacity != kChunkBytes || spareChunks().empty()) return std::make_shared_for_overwrite<std::byte[]>(capacity);
+  auto chunk = std::move(spareChunks().back());
+  spareChunks().pop_back();
+  return chunk;
+}
+
+void spare(std::shared_ptr<std::byte[]> chunk, std::size_t capacity) {
+  if (capacity == kChunkBytes && chunk.use_count() == 1 && spareChunks().size() < kSpareChunks) {
+    spareChunks().push_back(std::move(chunk));
+  }
+}
+
+}  // namespace
+
+std::size_t OutputQueue::Piece::fileBytes() const {
+  std::size_t bytes = 0;
+  for (const BufferRef& file : files) bytes += file->size();
+  return bytes;
+}
+
+void OutputQueue::append(const OutgoingMessage& frame) {
+  if (frame.sharedRun().chunk && appendRun(frame.sharedRun(), frame.wireBytes())) {
+    frameEnds_.push_back(appendedBytes_);
+    return;
+  }
+  if (!frame.files().empty()) {
+    // The files go with the frame's first byte, so a piece begins here.
+    Piece& piece = pieces_.emplace_back();
+    piece.files = frame.files();
+    waitingFileBytes_ += piece.fileBytes();
+  }
+  std::span<const std::byte> own = frame.bytes();
+  std::size_t taken = 0;
+  for (const OutgoingMessage::Splice& splice : frame.splices()) {
+    appendBytes(own.subspan(taken, splice.offset - taken));
+    taken = splice.offset;
+    Piece& piece = pieces_.emplace_back();
+    piece.shared = splice.buffer;
+    piece.end = splice.buffer->size();
+    appendedBytes_ += piece.end;
+  }
+  appendBytes(own.subspan(taken));
+  frameEnds_.push_back(appendedBytes_);
+}
+
+// False when it is to be copied.
+bool OutputQueue::appendRun(const SharedRun& run, std::size_t sizeBytes) {
+  if (copies_ || confidential_) return false;
+  if (!pieces_.empty() && pieces_.back().chunk == run.chunk && pieces_.back().end == run.begin) {
+    pieces_.back().end += sizeBytes;
+  } else {
+    if (pieces_.size() >= kPiecesWithRuns) return false;
+    Piece& piece = pieces_.emplace_back();
+    piece.chunk = run.chunk;
+    piece.isRun = true;
+    piece.begin = run.begin;
+    piece.end = run.begin + sizeBytes;
+  }
+  appendedBytes_ += sizeBytes;
+  return true;
+}
+
+void OutputQueue::unshare() {
+  copies_ = true;
+  const std::uint64_t appended = appendedBytes_;
+  for (Piece& piece : std::exchange(pieces_, {})) {
+    if (piece.isRun) {
+      appendBytes({piece.data() + piece.begin, piece.size()});
+    } else {
+      pieces_.push_back(std::move(piece));
+    }
+  }
+  appendedBytes_ = appended;
+}
+
+void OutputQueue::appendBytes(std::span<const std::byte> bytes) {
+  while (!bytes.empty()) {
+    if (chunkUsed_ == chunkCapacity_) {
+      chunkCapacity_ = chunk_ == nullptr && bytes.size() <= kFirstChunkBytes ? kFirstChunkBytes : kChunkBytes;
+      chunk_ = chunkOf(chunkCapacity_);
+      chunkUsed_ = 0;
+      ownBytes_ += chunkCapacity_;
+    }
+    // The last piece goes on if it ends where the chunk does; a piece that waits for its first byte begins here.
+    const bool extends =
+        !pieces_.empty() && !pieces_.back().shared &&
+        (pieces_.back().chunk == nullptr || (pieces_.back().chunk == chunk_ && pieces_.back().end == chunkUsed_));
+    Piece& piece = extends ? pieces_.back() : pieces_.emplace_back();
+    if (piece.chunk == nullptr) {
+      piece.chunk = chunk_;
+      piece.chunkCapacity = chunkCapacity_;
+      piece.begin = piece.end = chunkUsed_;
+    }
+    const std::size_t copied = std::min(bytes.size(), chunkCapacity_ - chunkUsed_);
+    std::memcpy(chunk_.get() + chunkUsed_, bytes.data(), copied);
+    chunkUsed_ += copied;
+    piece.end += copied;
+    appendedBytes_ += copied;
+    bytes = bytes.subspan(copied);
+  }
+}
+
+std::expected<void, std::error_code> OutputQueue::flush(int socket) {
+  stuck_ = false;
+  while (!empty()) {
+    const Piece& first = pieces_.front();
+    const bool alone = pieces_.size() == 1 && first.files.empty();
+    const ssize_t sent =
+        alone ? ::send(socket, first.data() + first.begin, first.size(), MSG_NOSIGNAL | MSG_DONTWAIT) : sendPieces(socket);
+    if (sent < 0) {
+      if (errno == EINTR) continue;
+      stuck_ = errno == ETOOMANYREFS || errno == ENOBUFS || errno == ENOMEM;
+      if (errno == EAGAIN || errno == EWOULDBLOCK || stuck_) return {};
+      return std::unexpected(std::error_code(errno, std::system_category()));
+    }
+    consume(static_cast<std::size_t>(sent));
+  }
+  return {};
+}
+
+// As many as go together: files go with the first byte of theirs.
+ssize_t OutputQueue::sendPieces(int socket) const {
+  std::array<iovec, kPiecesPerWrite> vectors;
+  std::size_t count = 0;
+  for (const Piece& piece : pieces_) {
+    if (count == vectors.size() || (count > 0 && !piece.files.empty())) break;
+    vectors[count++] = {const_cast<std::byte*>(piece.data()) + piece.begin, piece.size()};
+  }
+  msghdr header{};
+  header.msg_iov = vectors.data();
+  header.msg_iovlen = count;
+  alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerMessage * sizeof(int))> control;
+  const std::vector<BufferRef>& files = pieces_.front().files;
+  if (!files.empty()) {
+    KEEL_CHECK(files.size() <= limits::kDescriptorsPerMessage);
+    header.msg_control = control.data();
+    header.msg_controllen = CMSG_SPACE(files.size() * sizeof(int));
+    cmsghdr* rights = CMSG_FIRSTHDR(&header);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(files.size() * sizeof(int));
+    for (std::size_t i = 0; i < files.size(); ++i) {
+      const int descriptor = files[i]->sealedFile();
+      std::memcpy(CMSG_DATA(rights) + i * sizeof(int), &descriptor, sizeof(int));
+    }
+  }
+  return ::sendmsg(socket, &header, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+void OutputQueue::consume(std::size_t sent) {
+  sentBytes_ += sent;
+  if (sent > 0 && !pieces_.front().files.empty()) {
+    const std::size_t fileBytes = pieces_.front().fileBytes();
+    waitingFileBytes_ -= fileBytes;
+    sentFileBytes_ += fileBytes;
+    pieces_.front().files.clear();
+  }
+  if (empty()) return clear();
+  while (sent > 0) {
+    Piece& piece = pieces_.front();
+    const std::size_t taken = std::min(sent, piece.size());
+    piece.begin += taken;
+    sent -= taken;
+    if (piece.size() > 0) break;
+    // The last piece of a full chunk takes the chunk with it.
+    if (piece.chunk && !piece.isRun && piece.chunk.use_count() == 1) {
+      ownBytes_ -= piece.chunkCapacity;
+      wipe(piece);
+      spare(std::move(piece.chunk), piece.chunkCapacity);
+    }
+    pieces_.pop_front();
+  }
+  // Frame ends are dropped once they are many, so that a queue that never quite empties stays bounded.
+  if (frameEnds_.size() < kKeptFrameEnds) return;
+  const auto waiting = std::upper_bound(frameEnds_.begin(), frameEnds_.end(), sentBytes_);
+  if (waiting - frameEnds_.begin() < static_cast<std::ptrdiff_t>(kKeptFrameEnds / 2)) return;
+  prunedEnd_ = *(waiting - 1);
+  frameEnds_.erase(frameEnds_.begin(), waiting);
+}
+
+void OutputQueue::clear() {
+  for (Piece& piece : pieces_) {
+    wipe(piece);
+    if (!piece.isRun) spare(std::move(piece.chunk), piece.chunkCapacity);
+  }
+  confidential_ = false;
+  copies_ = false;
+  pieces_.clear();
+  // A first chunk stays for the next frames; whatever grew beyond it goes.
+  if (chunkCapacity_ > kFirstChunkBytes) {
+    spare(std::move(chunk_), chunkCapacity_);
+    chunkCapacity_ = 0;
+  }
+  chunkUsed_ = 0;
+  ownBytes_ = chunkCapacity_;
+  if (frameEnds_.capacity() > kKeptFrameEnds) frameEnds_ = {};
+  frameEnds_.clear();
+  appendedBytes_ = sentBytes_ = prunedEnd_ = 0;
+  waitingFileBytes_ = 0;
+}
+
+void OutputQueue::wipe(const Piece& piece) const {
+  if (confidential_ && piece.chunk && !piece.isRun) keel::wipe({piece.chunk.get(), piece.chunkCapacity});
+}
+
+void OutputQueue::dropUnbegunFrames() {
+  // The end of the frame that is under way, or of what is sent when the next frame is not begun.
+  std::uint64_t keepUntil = sentBytes_;
+  std::uint64_t begin = prunedEnd_;
+  for (const std::uint64_t end : frameEnds_) {
+    if (begin < sentBytes_ && sentBytes_ < end) keepUntil = end;
+    begin = end;
+  }
+  std::uint64_t excess = appendedBytes_ - keepUntil;
+  while (excess > 0) {
+    Piece& last = pieces_.back();
+    const std::size_t dropped = static_cast<std::size_t>(std::min<std::uint64_t>(excess, last.size()));
+    last.end -= dropped;
+    excess -= dropped;
+    if (last.size() > 0) break;
+    waitingFileBytes_ -= last.fileBytes();
+    pieces_.pop_back();
+  }
+  appendedBytes_ = keepUntil;
+  std::erase_if(frameEnds_, [keepUntil](std::uint64_t end) { return end > keepUntil; });
+  if (empty()) clear();
+}
+
+void BorrowedOutputQueue::borrow() {
+  if (queue_) return;
+  auto& ready = readyQueues();
+  if (ready.empty()) {
+    queue_ = std::make_unique<OutputQueue>();
+  } else {
+    queue_ = std::move(ready.back());
+    ready.pop_back();
+  }
+}
+
+void BorrowedOutputQueue::giveBack() {
+  KEEL_CHECK(!queue_ || queue_->empty());
+  if (queue_ && readyQueues().size() < kReadyQueues) readyQueues().push_back(std::move(queue_));
+  queue_.reset();
+}
+
+}  // namespace keel::xpc

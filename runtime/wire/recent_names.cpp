@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime/wire/recent_names.h"
+
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include "runtime/foundation/check.h"
+
+namespace keel::xpc {
+
+namespace {
+
+// The first bytes and the last. Loads of fixed sizes, which may overlap: one of any size would wait for its own parts.
+template <class Number>
+std::pair<std::uint64_t, std::uint64_t> endsAs(std::string_view text) {
+  Number begin;
+  Number end;
+  std::memcpy(&begin, text.data(), sizeof begin);
+  std::memcpy(&end, text.data() + text.size() - sizeof end, sizeof end);
+  return {begin, end};
+}
+
+std::pair<std::uint64_t, std::uint64_t> ends(std::string_view text) {
+  if (text.size() >= 8) return endsAs<std::uint64_t>(text);
+  if (text.size() >= 4) return endsAs<std::uint32_t>(text);
+  if (text.size() >= 2) return endsAs<std::uint16_t>(text);
+  return text.empty() ? std::pair<std::uint64_t, std::uint64_t>() : endsAs<std::uint8_t>(text);
+}
+
+// Names that share a place only cost each other what they cost without it.
+std::size_t placeOf(std::string_view text) {
+  const auto [begin, end] = ends(text);
+  const std::uint64_t mixed = (begin ^ (end << 7 | end >> 57) ^ text.size()) * 0x9e37'79b9'7f4a'7c15;
+  return static_cast<std::size_t>(mixed >> 32) % RecentNames::kNames;
+}
+
+}  // namespace
+
+String RecentNames::of(std::string_view text) {
+  KEEL_CHECK(text.size() <= kLongestBytes);
+  String& name = names_[placeOf(text)];
+  if (name.isNull() || name.view() != text) name = String(text);
+  return name;
+}
+
+}  // namespace keel::xpc

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime/wire/wire.h"
+
+#include <array>
+#include <cstring>
+#include <limits>
+
+#include "runtime/foundation/check.h"
+#include "runtime/foundation/sealed_memory.h"
+#include "runtime/foundation/secret.h"
+#include "runtime/wire/limits.h"
+
+namespace keel::xpc {
+
+void OutgoingMessage::wipe() {
+  keel::wipe(bytes_.bytes());
+}
+
+cbor::Writer OutgoingMessage::begin() {
+  bytes_.clear();
+  splices_.clear();
+  files_.clear();
+  splicedBytes_ = 0;
+  sharedRun_ = {};
+  return beginNext();
+}
+
+cbor::Writer OutgoingMessage::beginNext() {
+  KEEL_CHECK(splices_.empty() && files_.empty());
+  frameBegin_ = bytes_.size();
+  bytes_.append(std::array<std::byte, kLengthBytes>{});
+  return writer();
+}
+
+bool OutgoingMessage::finish() {
+  const std::size_t length = wireBytes() - frameBegin_ - kLengthBytes;
+  if (length > limits::kFrameBytesFromDaemon) return false;
+  const std::span<std::byte> field = bytes_.bytes().subspan(frameBegin_, kLengthBytes);
+  for (std::size_t i = 0; i < kLengthBytes; ++i) field[i] = static_cast<std::byte>(length >> (8 * i));
+  return true;
+}
+
+void OutgoingMessage::share() {
+  if (!sharedRun_.chunk && splices_.empty() && files_.empty()) sharedRun_ = shareRun(bytes_);
+}
+
+void OutgoingMessage::item(const BufferRef& encoded) {
+  if (encoded->size() < limits::kSharedPieceBytes) {
+    writer().encoded(encoded->bytes());
+    return;
+  }
+  splices_.push_back({bytes_.size(), encoded});
+  splicedBytes_ += encoded->size();
+}
+
+bool OutgoingMessage::sealedItem(const BufferRef& encoded) {
+  BufferRef file = encoded;
+  if (file->sealedFile() < 0) {
+    auto made = sealedMemoryOf(encoded->bytes());
+    if (!made) return false;
+    auto mapped = openSealedMemory(std::move(*made), encoded->size());
+    if (!mapped) return false;
+    file = std::move(*mapped);
+  }
+  cbor::Writer items = writer();
+  items.tag(kSealedMemoryTag);
+  items.unsignedInteger(file->size());
+  files_.push_back(std::move(file));
+  return true;
+}
+
+std::optional<Envelope> peekEnvelope(std::span<const std::byte> beginningOfFrame) {
+  cbor::Cursor cursor(beginningOfFrame);
+  std::uint64_t count = 0;
+  std::uint64_t kind = 0;
+  if (!cursor.array(count) || !cursor.unsignedInteger(kind)) return std::nullopt;
+  if (kind > static_cast<std::uint64_t>(MessageKind::goodbye)) return std::nullopt;
+  Envelope envelope{static_cast<MessageKind>(kind), std::nullopt};
+  std::uint64_t requestId = 0;
+  if (envelope.kind == MessageKind::request && cursor.unsignedInteger(requestId)) envelope.requestId = requestId;
+  return envelope;
+}
+
+void writeFailure(OutgoingMessage& message, std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text) {
+  cbor::Writer writer = message.begin();
+  writer.array(4);
+  writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::failure));
+  if (requestId) {
+    writer.unsignedInteger(*requestId);
+  } else {
+    writer.null();
+  }
+  writer.unsignedInteger(static_cast<std::uint64_t>(code));
+  writer.text(text);
+  message.finish();
+}
+
+void writeGoodbye(OutgoingMessage& message, std::string_view text) {
+  cbor::Writer writer = message.begin();
+  writer.array(2);
+  writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::goodbye));
+  writer.text(text);
+  message.finish();
+}
+
+}  // namespace keel::xpc

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime/xpc/client_endpoint.h"
+
+#include "runtime/transport/frame_stream.h"
+#include "runtime/transport/service_socket.h"
+#include "runtime/wire/limits.h"
+
+namespace keel::xpc {
+
+std::expected<std::shared_ptr<Connection>, Error> connectToService(const std::string& directory, const std::string& name,
+                                                                   Reactor& reactor) {
+  auto socket = connectSocket(directory, name);
+  if (!socket) return std::unexpected(socket.error());
+  return clientConnection(std::move(*socket), reactor);
+}
+
+std::shared_ptr<Connection> clientConnection(FileDescriptor connectedSocket, Reactor& reactor) {
+  // Who serves is known by the path of the socket, which only the administrator can place; a client has no need to ask further.
+  Connection::Options options;
+  options.receiveLimitBytes = limits::kFrameBytesFromDaemon;
+  FrameStream::Terms terms{.frameLimitBytes = options.receiveLimitBytes};
+  return Connection::create(PeerIdentity(),
+                            std::make_unique<FrameStream>(std::move(connectedSocket), reactor, std::move(terms)), options);
+}
+
+}  // namespace keel::xpc

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <atomic>
+#include <expected>
+#include <memory>
+#include <string>
+
+#include "runtime/dispatch/reactor.h"
+#include "runtime/foundation/error.h"
+#include "runtime/foundation/file_descriptor.h"
+#include "runtime/transport/admissions.h"
+#include "runtime/xpc/connection.h"
+
+namespace keel::xpc {
+
+class Listener;
+
+// Decides on each new connection and configures it. Called on the I/O thread.
+class ListenerDelegate {
+ public:
+  virtual ~ListenerDelegate() = default;
+  // True keeps the connection, which must then have been resumed; false drops it.
+  virtual bool listenerShouldAcceptNewConnection(Listener& listener, const std::shared_ptr<Connection>& connection) = 0;
+};
+
+// Accepts connections to one named service. The socket comes from the service manager when it passed one under that name
+// (sd_listen_fds_with_names(3)), else the listener binds DIRECTORY/NAME, mode 0666, and removes it when invalidated.
+class Listener final : private Reactor::Watcher, public std::enable_shared_from_this<Listener> {
+ public:
+  // Fails with a POSIX error whose description names the path and what to do; for example EADDRINUSE when another process
+  // serves that name. The delegate is borrowed. The reactor is borrowed and outlives the listener.
+  static std::expected<std::shared_ptr<Listener>, Error> initWithMachServiceName(const std::string& name, Reactor& reactor);
+  // The same in another directory; for tests.
+  static std::expected<std::shared_ptr<Listener>, Error> inDirectory(const std::string& directory, const std::string& name,
+                                                                     Reactor& reactor);
+  ~Listener();
+
+  // From any thread. Begins suspended. What is called on another thread than the reactor's takes effect there, in order.
+  void setDelegate(std::shared_ptr<ListenerDelegate> delegate);
+  void resume();
+  // Connections wait in the socket's backlog.
+  void suspend();
+  // Closes the socket for good. Connections that were accepted stay.
+  void invalidate();
+
+ private:
+  Listener(std::string path, FileDescriptor socket, bool ownsPath, Reactor& reactor, std::shared_ptr<Admissions> admissions);
+
+  void onReady(std::uint32_t events) override;
+  // False when there is nothing more to accept for now.
+  bool acceptOne();
+  void pauseAccepting(const char* why);
+  void stopWatching();
+  void close();
+  void removePath();
+  void perform(Block block);
+
+  const std::string path_;
+  std::atomic<bool> ownsPath_;
+  Reactor& reactor_;
+  FileDescriptor socket_;
+  std::shared_ptr<ListenerDelegate> delegate_;
+  const std::shared_ptr<Admissions> admissions_;
+  const std::shared_ptr<HeavyTurns> heavyTurns_ = std::make_shared<HeavyTurns>();
+  bool suspended_ = true;
+  bool pauseLogged_ = false;
+  bool refusalLogged_ = false;
+  Reactor::TimerId pause_ = 0;  // 0: not paused
+};
+
+}  // namespace keel::xpc

@@ -1,0 +1,177 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "runtime/logging/logger.h"
+#include "runtime/transport/admissions.h"
+#include "runtime/transport/farewell.h"
+#include "runtime/transport/frame_stream.h"
+#include "runtime/transport/service_socket.h"
+#include "runtime/wire/limits.h"
+#include "runtime/xpc/listener.h"
+
+namespace keel::xpc {
+
+namespace {
+
+Logger& logger() {
+  static Logger& runtime = _loggerForCategory("runtime");
+  return runtime;
+}
+
+bool isShortage(int problem) {
+  return problem == EMFILE || problem == ENFILE || problem == ENOBUFS || problem == ENOMEM;
+}
+
+// Tells a client that it is not let in, and why.
+void turnAway(FileDescriptor socket, const std::string& why, const void* owner, Reactor& reactor) {
+  OutgoingMessage goodbye;
+  writeGoodbye(goodbye, why);
+  BorrowedOutputQueue output;
+  output.borrow();
+  output->append(goodbye);
+  sendFarewell(std::move(socket), std::move(output), /*admission=*/nullptr, owner, reactor);
+}
+
+}  // namespace
+
+std::expected<std::shared_ptr<Listener>, Error> Listener::initWithMachServiceName(const std::string& name, Reactor& reactor) {
+  return inDirectory(kServiceDirectory, name, reactor);
+}
+
+std::expected<std::shared_ptr<Listener>, Error> Listener::inDirectory(const std::string& directory, const std::string& name,
+                                                                      Reactor& reactor) {
+  auto service = listenForService(directory, name);
+  if (!service) return std::unexpected(service.error());
+  return std::shared_ptr<Listener>(new Listener(std::move(service->path), std::move(service->descriptor), service->ownsPath,
+                                                reactor, Admissions::ofProcess()));
+}
+
+Listener::Listener(std::string path, FileDescriptor socket, bool ownsPath, Reactor& reactor,
+                   std::shared_ptr<Admissions> admissions)
+    : path_(std::move(path)),
+      ownsPath_(ownsPath),
+      reactor_(reactor),
+      socket_(std::move(socket)),
+      admissions_(std::move(admissions)) {}
+
+Listener::~Listener() {
+  close();
+}
+
+void Listener::perform(Block block) {
+  if (reactor_.isCurrent()) return block();
+  reactor_.post(std::move(block));
+}
+
+void Listener::setDelegate(std::shared_ptr<ListenerDelegate> delegate) {
+  perform([self = shared_from_this(), delegate = std::move(delegate)]() mutable { self->delegate_ = std::move(delegate); });
+}
+
+void Listener::resume() {
+  perform([self = shared_from_this()] {
+    if (!self->socket_ || !self->suspended_) return;
+    self->suspended_ = false;
+    if (self->pause_ == 0) self->reactor_.watch(self->socket_.get(), EPOLLIN, *self);
+  });
+}
+
+void Listener::suspend() {
+  perform([self = shared_from_this()] { self->stopWatching(); });
+}
+
+void Listener::invalidate() {
+  // The path goes at once, so that a process which ends right after leaves none behind.
+  removePath();
+  perform([self = shared_from_this()] { self->close(); });
+}
+
+void Listener::stopWatching() {
+  if (suspended_) return;
+  suspended_ = true;
+  if (pause_ == 0) {
+    reactor_.unwatch(socket_.get(), *this);
+  } else {
+    reactor_.cancel(std::exchange(pause_, 0));
+  }
+}
+
+void Listener::close() {
+  if (!socket_) return;
+  stopWatching();
+  removePath();
+  socket_.reset();
+  delegate_.reset();
+}
+
+void Listener::removePath() {
+  if (ownsPath_.exchange(false)) ::unlink(path_.c_str());
+}
+
+void Listener::onReady(std::uint32_t) {
+  const auto self = shared_from_this();
+  for (int i = 0; i < limits::kAcceptsPerTurn && !suspended_ && pause_ == 0; ++i) {
+    if (!acceptOne()) return;
+  }
+}
+
+bool Listener::acceptOne() {
+  if (admissions_->full()) {
+    pauseAccepting("there are as many connections as descriptors allow");
+    return false;
+  }
+  FileDescriptor socket(::accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  if (!socket) {
+    if (isShortage(errno)) pauseAccepting(std::strerror(errno));
+    return errno == EINTR || errno == ECONNABORTED;
+  }
+  auto peer = PeerIdentity::ofSocket(socket.get());
+  if (!peer) {
+    if (isShortage(peer.error().value())) {
+      turnAway(std::move(socket), "the daemon is short of resources; try again", /*owner=*/nullptr, reactor_);
+      pauseAccepting(std::strerror(peer.error().value()));
+      return false;
+    }
+    logger().debug("a connection to {} was dropped: its process has ended ({})", path_, peer.error().message());
+    return true;
+  }
+  std::shared_ptr<void> admission;
+  FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes, .quota = &memoryQuotaOfUser(peer->uid)};
+  if (const auto refusal = admissions_->admit(peer->uid, terms.admission); refusal != Admissions::Refusal::none) {
+    const std::string why = refusal == Admissions::Refusal::tooManyOfUser
+                                ? fmt::format("too many connections of uid {}", peer->uid)
+                                : std::string("too many connections");
+    if (!std::exchange(refusalLogged_, true)) logger().error("{}: {}; new ones are turned away", path_, why);
+    turnAway(std::move(socket), why, terms.quota->account, reactor_);
+    return true;
+  }
+  if (admissions_->hasRoom()) pauseLogged_ = refusalLogged_ = false;
+  Connection::Options options;
+  options.quota = terms.quota;
+  options.heavyTurns = heavyTurns_;
+  auto stream = std::make_unique<FrameStream>(std::move(socket), reactor_, std::move(terms));
+  const auto connection = Connection::create(std::move(*peer), std::move(stream), options);
+  const auto delegate = delegate_;
+  if (delegate) delegate->listenerShouldAcceptNewConnection(*this, connection);
+  // A connection that the delegate did not resume ends here, with its last reference.
+  return true;
+}
+
+void Listener::pauseAccepting(const char* why) {
+  if (!std::exchange(pauseLogged_, true)) {
+    logger().error("no more connections are accepted at {} for now: {}", path_, why);
+  }
+  reactor_.unwatch(socket_.get(), *this);
+  pause_ = reactor_.after(limits::kAcceptPause, [weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (!self || self->pause_ == 0) return;
+    self->pause_ = 0;
+    if (!self->suspended_) self->reactor_.watch(self->socket_.get(), EPOLLIN, *self);
+  });
+}
+
+}  // namespace keel::xpc
