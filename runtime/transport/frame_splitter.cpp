@@ -34,7 +34,7 @@ FrameSplitter::Found FrameSplitter::next() {
   if (length > garbageBytes_) return Found::garbage;
   const std::size_t present = rest_.size() - kLengthBytes;
   if (length > limitBytes_) {
-    const std::size_t wanted = std::min(length, kBeginningBytes);
+    const std::size_t wanted = std::min(length, beginningBytes_);
     if (present < wanted) return Found::nothing;
     frame_ = rest_.subspan(kLengthBytes, wanted);
     rest_ = rest_.subspan(kLengthBytes);

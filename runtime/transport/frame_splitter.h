@@ -19,7 +19,7 @@ class FrameSplitter {
   enum class Found : std::uint8_t {
     nothing,    // the next frame has not come whole
     frame,      // frame() holds it
-    oversized,  // a frame over the limit begins; frameSizeBytes() and frame() (its first bytes) tell. It is skipped.
+    oversized,  // a frame over the limit begins; frameSizeBytes() and frame() (see setLimit) tell. It is skipped.
     garbage,    // a length beyond everything: the stream makes no sense
   };
 
@@ -30,7 +30,12 @@ class FrameSplitter {
   FrameSplitter(const FrameSplitter&) = delete;
   FrameSplitter& operator=(const FrameSplitter&) = delete;
 
-  void setLimit(std::size_t limitBytes) { limitBytes_ = limitBytes; }
+  // From here on an oversized frame is found once its first bytes are there, which frame() holds. Until then its length is
+  // enough, and frame() is empty: such a frame is not answered.
+  void setLimit(std::size_t limitBytes) {
+    limitBytes_ = limitBytes;
+    beginningBytes_ = kBeginningBytes;
+  }
   // What is kept is wiped when it is dropped.
   void setConfidential() { confidential_ = true; }
 
@@ -58,6 +63,7 @@ class FrameSplitter {
 
   std::size_t limitBytes_;
   std::size_t garbageBytes_;
+  std::size_t beginningBytes_ = 0;
   std::span<const std::byte> rest_;
   std::span<const std::byte> frame_;
   std::size_t frameSizeBytes_ = 0;

@@ -50,7 +50,8 @@ TEST(FrameSplitter, FindsFramesThatCameTogether) {
 }
 
 TEST(FrameSplitter, LimitItselfIsTakenAndOneMoreIsOversized) {
-  FrameSplitter splitter(20, 1000);
+  FrameSplitter splitter(10, 1000);
+  splitter.setLimit(20);
   const Bytes bytes = frameOf(std::string(20, 'a')) + frameOf(std::string(21, 'b')) + frameOf("next");
   splitter.give(bytes);
   EXPECT_EQ(splitter.next(), Found::frame);
@@ -59,6 +60,20 @@ TEST(FrameSplitter, LimitItselfIsTakenAndOneMoreIsOversized) {
   EXPECT_EQ(text(splitter.frame()), std::string(16, 'b'));
   ASSERT_EQ(splitter.next(), Found::frame);
   EXPECT_EQ(text(splitter.frame()), "next");
+}
+
+TEST(FrameSplitter, OversizedFrameIsFoundByItsLengthUntilALimitIsSet) {
+  FrameSplitter splitter(20, 1000);
+  const Bytes bytes = lengthField(21);
+  splitter.give(bytes);
+  ASSERT_EQ(splitter.next(), Found::oversized);
+  EXPECT_EQ(splitter.frameSizeBytes(), 21u);
+  EXPECT_TRUE(splitter.frame().empty());
+  FrameSplitter other(20, 1000);
+  other.setLimit(20);
+  Bytes beginning = lengthField(21) + Bytes(15);
+  other.give(beginning);
+  EXPECT_EQ(other.next(), Found::nothing);
 }
 
 TEST(FrameSplitter, LengthAtTheGarbageBoundIsOversizedAndOneMoreIsGarbage) {

@@ -192,6 +192,8 @@ class Endings(BadInputTest):
         client.send_frame(body)
         client.take_hello()
         self.assertEqual(client.module_table(), {})
+        # The length is enough.
+        self.assertDropped(struct.pack("<I", HELLO_LIMIT + 1))
         self.assertDropped(framed(self.hello_of(HELLO_LIMIT + 1)))
         self.assertDropped(framed(self.hello_of(1 << 20)))
         self.assertDropped(struct.pack("<I", 16 << 20) + bytes(HELLO_LIMIT + 1))
