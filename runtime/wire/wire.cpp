@@ -12,6 +12,27 @@
 
 namespace keel::xpc {
 
+namespace {
+
+// Consumes an argument that travels as a sealed memory file.
+bool skipSealedArgument(cbor::Cursor& cursor) {
+  cbor::Cursor attempt = cursor;
+  std::uint64_t number = 0;
+  std::uint64_t sizeBytes = 0;
+  if (!attempt.tag(number) || number != kSealedMemoryTag || !attempt.unsignedInteger(sizeBytes)) return false;
+  cursor = attempt;
+  return true;
+}
+
+// Consumes an argument that stands in the message itself.
+bool skipInlineArgument(cbor::Cursor& cursor) {
+  constexpr std::uint8_t kArrayType = 4;
+  const bool isArray = cursor.majorType() == kArrayType;
+  return cursor.item(limits::kDepth + (isArray ? limits::kArrayWrapping : 0)).has_value();
+}
+
+}  // namespace
+
 void OutgoingMessage::wipe() {
   keel::wipe(bytes_.bytes());
 }
@@ -79,6 +100,33 @@ std::optional<Envelope> peekEnvelope(std::span<const std::byte> beginningOfFrame
   std::uint64_t requestId = 0;
   if (envelope.kind == MessageKind::request && cursor.unsignedInteger(requestId)) envelope.requestId = requestId;
   return envelope;
+}
+
+std::size_t countSealedArguments(std::span<const std::byte> frame) {
+  cbor::Cursor cursor(frame);
+  std::uint64_t count = 0;
+  std::uint64_t kind = 0;
+  if (!cursor.array(count) || !cursor.unsignedInteger(kind)) return 0;
+  const bool isRequest = kind == static_cast<std::uint64_t>(MessageKind::request);
+  const bool isOneWay = kind == static_cast<std::uint64_t>(MessageKind::oneWay);
+  const bool isReply = kind == static_cast<std::uint64_t>(MessageKind::reply);
+  if (!isRequest && !isOneWay && !isReply) return 0;
+  // Of a request its id and its method, of a one-way message its method, of a reply its id.
+  std::uint64_t number = 0;
+  for (int i = 0; i < (isRequest ? 2 : 1); ++i) {
+    if (!cursor.unsignedInteger(number)) return 0;
+  }
+  std::uint64_t argumentCount = 0;
+  if (!cursor.array(argumentCount)) return 0;
+  std::size_t sealedCount = 0;
+  for (std::uint64_t i = 0; i < argumentCount; ++i) {
+    if (skipSealedArgument(cursor)) {
+      ++sealedCount;
+    } else if (!skipInlineArgument(cursor)) {
+      break;
+    }
+  }
+  return sealedCount;
 }
 
 void writeFailure(OutgoingMessage& message, std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text) {

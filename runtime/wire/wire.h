@@ -102,6 +102,9 @@ struct Envelope {
 };
 std::optional<Envelope> peekEnvelope(std::span<const std::byte> beginningOfFrame);
 
+// Counts the arguments or results of a message that travel as sealed memory files, up to the first that cannot be read.
+std::size_t countSealedArguments(std::span<const std::byte> frame);
+
 void writeFailure(OutgoingMessage& message, std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);
 void writeGoodbye(OutgoingMessage& message, std::string_view text);
 

@@ -193,5 +193,26 @@ TEST(Envelope, RequestShowsItsIdAndOthersTheirKind) {
   EXPECT_FALSE(peekEnvelope({}));
 }
 
+// The bytes of a message: its kind, one or two numbers, and what its arguments are.
+std::vector<std::byte> bytesOf(std::initializer_list<int> numbers) {
+  std::vector<std::byte> bytes;
+  for (const int number : numbers) bytes.push_back(static_cast<std::byte>(number));
+  return bytes;
+}
+
+TEST(SealedArguments, AreCountedUpToTheFirstThatCannotBeRead) {
+  // A request, a one-way message and a reply.
+  EXPECT_EQ(countSealedArguments(bytesOf({0x84, 1, 5, 3, 0x82, 0xd9, 0xca, 0x1e, 9, 0xa0})), 1u);
+  EXPECT_EQ(countSealedArguments(bytesOf({0x83, 2, 3, 0x82, 0xd9, 0xca, 0x1e, 9, 0xd9, 0xca, 0x1e, 9})), 2u);
+  EXPECT_EQ(countSealedArguments(bytesOf({0x83, 3, 5, 0x82, 0x80, 0xd9, 0xca, 0x1e, 9})), 1u);
+  // Behind what breaks a rule, and within a value.
+  EXPECT_EQ(countSealedArguments(bytesOf({0x83, 2, 3, 0x83, 0xd9, 0xca, 0x1e, 9, 0xff, 0xd9, 0xca, 0x1e, 9})), 1u);
+  EXPECT_EQ(countSealedArguments(bytesOf({0x83, 2, 3, 0x81, 0x81, 0xd9, 0xca, 0x1e, 9})), 0u);
+  // No message, and those without arguments.
+  EXPECT_EQ(countSealedArguments({}), 0u);
+  EXPECT_EQ(countSealedArguments(bytesOf({0x84, 0, 1, 0x81, 0xd9, 0xca, 0x1e, 9, 0xa0})), 0u);
+  EXPECT_EQ(countSealedArguments(bytesOf({0x84, 1, 5, 0x20, 0x81, 0xd9, 0xca, 0x1e, 9})), 0u);
+}
+
 }  // namespace
 }  // namespace keel::xpc

@@ -164,12 +164,12 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   void queueFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files);
   void sendHello();
   void receiveHello(std::span<const std::byte> bytes);
-  // On the connection's queue. Those that return a bool tell whether the message was served.
+  // On the connection's queue. `files` are those that the message claims.
   void receive(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files);
-  bool receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
-  bool receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
-  bool receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
-  bool dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files, Interface::Call& call);
+  void receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  void receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  void receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  void dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files, Interface::Call& call);
   // What a heavy request brought, kept until it is its user's turn.
   struct HeavyRequest {
     std::uint64_t method;
@@ -180,11 +180,11 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   };
   void queueHeavy(HeavyRequest request);
   void serveHeavy(HeavyRequest request);
-  bool serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount, Interface::Call& call);
+  void serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount, Interface::Call& call);
   void receiveGoodbye(cbor::Cursor& cursor, std::uint64_t count);
-  // Answers what cannot be served (`requestId` empty for a one-way message) and tells the interruption handler. Returns false.
-  bool refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);
-  bool refuseOverQuota(std::optional<std::uint64_t> requestId);
+  // Answers what cannot be served (`requestId` empty for a one-way message) and tells the interruption handler.
+  void refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);
+  void refuseOverQuota(std::optional<std::uint64_t> requestId);
   void interrupted(std::string_view why);
   void sendAnswer(std::uint64_t requestId, OutgoingMessage& message);
   // Returns the new count.

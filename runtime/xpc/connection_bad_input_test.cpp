@@ -211,19 +211,47 @@ TEST_F(RawPeer, DescriptorThatNoMessageClaimsEndsTheConnection) {
   EXPECT_EQ(invalidations, 1);
 }
 
+// A request whose only argument is in a file of that size.
+Bytes requestWithFile(std::uint8_t id, std::uint8_t method, std::uint8_t sizeBytes) {
+  Bytes bytes;
+  for (const int byte : {0x84, 0x01, int{id}, 0x18, int{method}, 0x81, 0xd9, 0xca, 0x1e, int{sizeBytes}}) {
+    // A method below 24 has a head of one byte.
+    if (byte != 0x18 || method >= 24) bytes.push_back(static_cast<std::byte>(byte));
+  }
+  return framed(bytes);
+}
+
 TEST_F(RawPeer, DescriptorOfARefusedMessageGoesWithIt) {
   start();
   const std::string content = "bytes";
   const auto file = sealedMemoryOf(std::as_bytes(std::span(content)));
   sendMessage(Value::list({1, 7, 0, Value::list({nullptr})}));
-  sendWithDescriptor(peer.get(), framed(encoded(Value::list({1, 7, 0, Value::list({nullptr})}))), file->get());
-  sendWithDescriptor(peer.get(), framed(encoded(Value::list({1, 8, 99, Value::list({nullptr})}))), file->get());
+  sendWithDescriptor(peer.get(), requestWithFile(7, 0, 5), file->get());
+  sendWithDescriptor(peer.get(), requestWithFile(8, 99, 5), file->get());
   sendMessage(Value::list({1, 9, 0, Value::list({nullptr})}));
   const std::vector<Value> messages = received();
   ASSERT_EQ(messages.size(), 4u);
   EXPECT_EQ(messages[1], failure(7, FailureCode::badRequestId, "request ids must rise"));
   EXPECT_EQ(messages[2], failure(8, FailureCode::unknownMethod, "there is no method 99"));
   EXPECT_EQ(invalidations, 0);
+}
+
+TEST_F(RawPeer, DescriptorBehindAnotherMessageStaysWithItsOwn) {
+  start();
+  const std::string content = "\xa0";
+  const auto file = sealedMemoryOf(std::as_bytes(std::span(content)));
+  // One refused, and one that keeps what it came with until it is served; each is read at once with the one behind it.
+  std::uint8_t id = 1;
+  for (const int method : {99, 3}) {
+    const Bytes first = framed(encoded(Value::list({1, int{id++}, method, Value::list({})})));
+    ASSERT_EQ(::send(peer.get(), first.data(), first.size(), MSG_NOSIGNAL), static_cast<ssize_t>(first.size()));
+    sendWithDescriptor(peer.get(), requestWithFile(id, 0, 1), file->get());
+    turns();
+    if (!service->kept.empty()) service->kept.front()(nullptr);
+    const std::vector<Value> messages = received();
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_EQ(messages[1], Value::list({3, int{id++}, Value::list({Value::map({}), nullptr})}));
+  }
 }
 
 TEST_F(RawPeer, DescriptorOfAnythingElseEndsTheConnectionUnserved) {

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include "runtime/foundation/secret.h"
 #include "runtime/logging/logger.h"
@@ -42,6 +43,13 @@ std::shared_ptr<const MethodNumbers> readMethodNumbers(cbor::Cursor& cursor, con
   return last;
 }
 
+std::vector<FileDescriptor> takeFirst(std::vector<FileDescriptor>& files, std::size_t count) {
+  const auto end = files.begin() + static_cast<std::ptrdiff_t>(std::min(count, files.size()));
+  std::vector<FileDescriptor> taken(std::make_move_iterator(files.begin()), std::make_move_iterator(end));
+  files.erase(files.begin(), end);
+  return taken;
+}
+
 // How much a message asks for, before it is looked at any further.
 Weight weightOf(std::span<const std::byte> frame, const Interface* interface) {
   cbor::Cursor cursor(frame);
@@ -59,8 +67,11 @@ Weight weightOf(std::span<const std::byte> frame, const Interface* interface) {
 
 void Connection::onFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
   if (!helloReceived_) return receiveHello(bytes);
-  if (!queue_) return receive(bytes, files);
-  queueFrame(bytes, files);
+  // One read may bring a message and the files of the next: each takes those that it claims, served or refused.
+  std::vector<FileDescriptor> claimed;
+  if (!files.empty()) claimed = takeFirst(files, countSealedArguments(bytes));
+  if (!queue_) return receive(bytes, claimed);
+  queueFrame(bytes, claimed);
 }
 
 void Connection::queueFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
@@ -80,7 +91,6 @@ void Connection::queueFrame(std::span<const std::byte> bytes, std::vector<FileDe
       self->adjustReading();
     });
   };
-  files.clear();
   if (slow != nullptr) {
     queue_->asyncOn(*slow, std::move(work));
   } else {
@@ -153,17 +163,16 @@ void Connection::receive(std::span<const std::byte> bytes, std::vector<FileDescr
   cbor::Cursor cursor(bytes);
   std::uint64_t count = 0;
   std::uint64_t kind = 0;
-  bool served = false;
   if (!cursor.array(count) || !cursor.unsignedInteger(kind)) {
     refuse(std::nullopt, FailureCode::undecodable, kUndecodable);
   } else if (kind == static_cast<std::uint64_t>(MessageKind::request)) {
-    served = receiveRequest(cursor, count, files);
+    receiveRequest(cursor, count, files);
   } else if (kind == static_cast<std::uint64_t>(MessageKind::oneWay)) {
-    served = receiveOneWay(cursor, count, files);
+    receiveOneWay(cursor, count, files);
   } else if (kind == static_cast<std::uint64_t>(MessageKind::reply)) {
-    served = receiveAnswer(MessageKind::reply, cursor, count, files);
+    receiveAnswer(MessageKind::reply, cursor, count, files);
   } else if (kind == static_cast<std::uint64_t>(MessageKind::failure)) {
-    served = receiveAnswer(MessageKind::failure, cursor, count, files);
+    receiveAnswer(MessageKind::failure, cursor, count, files);
   } else if (kind == static_cast<std::uint64_t>(MessageKind::goodbye)) {
     receiveGoodbye(cursor, count);
   } else if (kind == static_cast<std::uint64_t>(MessageKind::hello)) {
@@ -171,8 +180,6 @@ void Connection::receive(std::span<const std::byte> bytes, std::vector<FileDescr
   } else {
     refuse(std::nullopt, FailureCode::undecodable, fmt::format("there is no message of kind {}", kind));
   }
-  // What came with a message that was not served is of no use to the next.
-  if (!served) files.clear();
 }
 
 void Connection::receiveGoodbye(cbor::Cursor& cursor, std::uint64_t count) {
@@ -185,7 +192,7 @@ void Connection::receiveGoodbye(cbor::Cursor& cursor, std::uint64_t count) {
   });
 }
 
-bool Connection::receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
+void Connection::receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
   std::uint64_t id = 0;
   std::uint64_t method = 0;
   if (!cursor.unsignedInteger(id)) return refuse(std::nullopt, FailureCode::undecodable, kUndecodable);
@@ -196,7 +203,7 @@ bool Connection::receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::
   return dispatch(method, cursor, files, call);
 }
 
-bool Connection::receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
+void Connection::receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
   std::uint64_t method = 0;
   if (count != 3 || !cursor.unsignedInteger(method)) {
     return refuse(std::nullopt, FailureCode::undecodable, kUndecodable);
@@ -205,7 +212,7 @@ bool Connection::receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::v
   return dispatch(method, cursor, files, call);
 }
 
-bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files,
+void Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files,
                           Interface::Call& call) {
   const std::optional<std::uint64_t> id = call.route ? std::optional(call.requestId) : std::nullopt;
   if (exportedInterface_ == nullptr || exportedInterface_->dispatchAt(method) == nullptr || !exportedObject_) {
@@ -215,9 +222,8 @@ bool Connection::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vecto
   if (!cursor.array(argumentCount)) return refuse(id, FailureCode::undecodable, kUndecodable);
   const Weight weight = exportedInterface_->weightAt(method);
   if (weight == Weight::heavy && call.route && !queue_) {
-    queueHeavy(
+    return queueHeavy(
         {method, argumentCount, Buffer::copyOf(cursor.rest(), *options_.quota->account), std::move(files), std::move(call)});
-    return true;
   }
   ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes, *options_.quota);
   reader.setConfidential(confidential_);
@@ -244,32 +250,29 @@ void Connection::serveHeavy(HeavyRequest request) {
   serve(request.method, reader, request.argumentCount, request.call);
 }
 
-bool Connection::serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount, Interface::Call& call) {
+void Connection::serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount, Interface::Call& call) {
   const std::optional<std::uint64_t> id = call.route ? std::optional(call.requestId) : std::nullopt;
   const bool outer = std::exchange(inCallee_, true);
   const bool fits = exportedInterface_->dispatchAt(method)(exportedObject_.get(), reader, argumentCount, call);
   inCallee_ = outer;
-  if (fits) return true;
+  if (fits) return;
   if (call.route) {
     transport_->perform([self = shared_from_this(), requestId = call.requestId] { self->requestAnswered(requestId); });
   }
   if (reader.isOverQuota()) return refuseOverQuota(id);
-  return refuse(id, FailureCode::wrongArguments,
-                fmt::format("the arguments do not fit {}", exportedInterface_->selectors()[method]));
+  refuse(id, FailureCode::wrongArguments, fmt::format("the arguments do not fit {}", exportedInterface_->selectors()[method]));
 }
 
-bool Connection::receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count,
+void Connection::receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count,
                                std::vector<FileDescriptor>& files) {
   std::uint64_t id = 0;
   if (kind == MessageKind::failure && count == 4 && cursor.null()) {
-    interrupted("the peer could not serve a one-way message");
-    return false;
+    return interrupted("the peer could not serve a one-way message");
   }
   decltype(Caller::expected)::node_type found;
   if (cursor.unsignedInteger(id) && caller_) found = caller_->expected.extract(id);
   if (found.empty()) {
-    interrupted("an answer to no request");
-    return false;
+    return interrupted("an answer to no request");
   }
   Expected expected = std::move(found.mapped());
   if (kind == MessageKind::failure) {
@@ -277,36 +280,33 @@ bool Connection::receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint
     std::string_view text;
     if (count != 4 || !cursor.unsignedInteger(code) || !cursor.text(text) || !cursor.atEnd()) {
       expected.onError(connectionError(ConnectionErrorCode::badReply, "the peer's failure cannot be decoded"));
-      interrupted("a failure that cannot be decoded");
-      return false;
+      return interrupted("a failure that cannot be decoded");
     }
     const Value userInfo = Value::map({{std::string(NSLocalizedDescriptionKey), text}, {"failureCode", code}});
     expected.onError(
         Error(kConnectionErrorDomain, static_cast<std::int64_t>(ConnectionErrorCode::refused), Dictionary(userInfo)));
-    return true;
+    return;
   }
   std::uint64_t resultCount = 0;
   const bool framed = count == 3 && cursor.array(resultCount);
   ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes);
-  if (framed && expected.read(reader, resultCount)) return true;
+  if (framed && expected.read(reader, resultCount)) return;
   expected.onError(connectionError(ConnectionErrorCode::badReply, "the peer's answer does not fit the method"));
   interrupted("an answer that does not fit its method");
-  return false;
 }
 
-bool Connection::refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text) {
+void Connection::refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text) {
   OutgoingMessage message;
   writeFailure(message, requestId, code, text);
   transport_->perform(
       [self = shared_from_this(), moved = std::move(message)] { self->transport_->send(moved, EndOfTurn::Urgency::urgent); });
   interrupted(text);
-  return false;
 }
 
-bool Connection::refuseOverQuota(std::optional<std::uint64_t> requestId) {
-  return refuse(requestId, FailureCode::overQuota,
-                fmt::format("uid {} holds {} bytes here; at most {} are granted", peer_.uid, options_.quota->account->bytes(),
-                            options_.quota->grantedBytes()));
+void Connection::refuseOverQuota(std::optional<std::uint64_t> requestId) {
+  refuse(requestId, FailureCode::overQuota,
+         fmt::format("uid {} holds {} bytes here; at most {} are granted", peer_.uid, options_.quota->account->bytes(),
+                     options_.quota->grantedBytes()));
 }
 
 void Connection::interrupted(std::string_view why) {

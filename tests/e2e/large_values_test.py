@@ -8,7 +8,7 @@ import socket
 import struct
 
 import keel_host
-from keel_client import FRAME_LIMIT, IN_FILE_LEAST, ONE_WAY, REQUEST, Code
+from keel_client import AUTH, FRAME_LIMIT, IN_FILE_LEAST, ONE_WAY, REQUEST, Client, Code
 from keel_host import DaemonTest
 from keel_values import InFile, Raw, encode, framed, sealed_file
 
@@ -110,6 +110,14 @@ class ToTheDaemon(LargeValueTest):
             self.send_in_file(self.sender, item_of(IN_FILE_LEAST + 100 + number, bytes([number])), "camera")
         for number in range(1, 51):
             self.assertEqual(follower.delivery().raw_item, item_of(IN_FILE_LEAST + 100 + number, bytes([number])))
+
+
+    def test_a_value_in_a_file_may_be_small(self):
+        follower = self.client(descriptors=True)
+        self.assertWorked(follower.subscribe("camera"))
+        self.assertEqual(self.sender.results(self.send_in_file(self.sender, b"\xa0", "camera", selector=PUBLISH)), [None])
+        delivery = follower.delivery()
+        self.assertEqual((delivery.item, delivery.from_file), ({}, False))
 
 
 class FromTheDaemon(LargeValueTest):
@@ -252,6 +260,12 @@ class BadFiles(LargeValueTest):
             self.assertWorked(client.publish({}, "mine"))
             self.after_clean_up(lambda: self.send_and_end(client, selector, arguments, [file] * count))
 
+    def test_to_the_auth_service_ends_the_connection(self):
+        file = self.file(sealed_file(self.item))
+        client = Client(AUTH, exports=())
+        self.send_and_end(client, "authServiceCheckWithHandler:", [], [file])
+        client.close()
+
     def test_in_a_place_that_takes_none_is_refused(self):
         file = sealed_file(self.item)
         for arguments in ([InFile(70014), InFile(70014)], [{}, InFile(70014)], [InFile(70014)], [InFile(70014), "camera", 1]):
@@ -272,6 +286,21 @@ class BadFiles(LargeValueTest):
         self.assertEqual(self.follower.delivery().raw_item, self.item)
         os.close(file)
         os.close(other)
+
+    def test_behind_other_messages_stays_with_its_own(self):
+        # Both messages come in one read: one that is refused, and one that waits for its turn, with the file behind it.
+        file = self.file(sealed_file(self.item))
+        for method, arguments in ((99, []), (7, ["_all", False])):
+            first = self.sender.last_id + 1
+            self.sender.last_id += 2
+            second = [REQUEST, self.sender.last_id, 4, [InFile(70014), "camera"]]
+            self.daemon.pause()
+            self.sender.send([REQUEST, first, method, arguments])
+            self.sender.send(second, files=[file])
+            self.daemon.go_on()
+            self.sender.answer(first)
+            self.assertEqual(self.sender.results(self.sender.last_id), [None])
+            self.assertEqual(self.follower.delivery().raw_item, self.item)
 
     def test_that_its_sender_cannot_change_any_more_stays_what_it_was(self):
         file = sealed_file(self.item)
