@@ -102,6 +102,14 @@ std::optional<Envelope> peekEnvelope(std::span<const std::byte> beginningOfFrame
   return envelope;
 }
 
+bool areWellFormedArguments(std::span<const std::byte> items, std::uint64_t count) {
+  cbor::Cursor cursor(items);
+  for (std::uint64_t i = 0; i < count; ++i) {
+    if (!skipSealedArgument(cursor) && !skipInlineArgument(cursor)) return false;
+  }
+  return cursor.atEnd();
+}
+
 std::size_t countSealedArguments(std::span<const std::byte> frame) {
   cbor::Cursor cursor(frame);
   std::uint64_t count = 0;

@@ -102,6 +102,9 @@ struct Envelope {
 };
 std::optional<Envelope> peekEnvelope(std::span<const std::byte> beginningOfFrame);
 
+// Returns true if `items` are exactly `count` arguments that keep the rules for values, whatever their method wants.
+bool areWellFormedArguments(std::span<const std::byte> items, std::uint64_t count);
+
 // Counts the arguments or results of a message that travel as sealed memory files, up to the first that cannot be read.
 std::size_t countSealedArguments(std::span<const std::byte> frame);
 

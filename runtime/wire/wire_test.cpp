@@ -214,5 +214,27 @@ TEST(SealedArguments, AreCountedUpToTheFirstThatCannotBeRead) {
   EXPECT_EQ(countSealedArguments(bytesOf({0x84, 1, 5, 0x20, 0x81, 0xd9, 0xca, 0x1e, 9})), 0u);
 }
 
+TEST(Arguments, AreWellFormedAsALotOrNotAtAll) {
+  EXPECT_TRUE(areWellFormedArguments({}, 0));
+  EXPECT_TRUE(areWellFormedArguments(bytesOf({0xa0, 0xd9, 0xca, 0x1e, 9, 0x60}), 3));
+  EXPECT_FALSE(areWellFormedArguments(bytesOf({0xa0, 0x60}), 1));
+  EXPECT_FALSE(areWellFormedArguments(bytesOf({0xa0, 0x60}), 3));
+  EXPECT_FALSE(areWellFormedArguments(bytesOf({0x18, 1}), 1));
+  EXPECT_FALSE(areWellFormedArguments(bytesOf({0xd9, 0xca, 0x1e, 0x60}), 1));
+}
+
+TEST(Arguments, OfTheLargestDepthAreWellFormedAndOneMoreIsNot) {
+  const auto nested = [](std::size_t depth, int outermost) {
+    auto bytes = outermost == 0xa1 ? bytesOf({0xa1, 0x60}) : bytesOf({outermost});
+    bytes.resize(bytes.size() + depth - 2, std::byte{0x81});
+    bytes.push_back(std::byte{0x80});
+    return bytes;
+  };
+  EXPECT_TRUE(areWellFormedArguments(nested(limits::kDepth, 0xa1), 1));
+  EXPECT_FALSE(areWellFormedArguments(nested(limits::kDepth + 1, 0xa1), 1));
+  EXPECT_TRUE(areWellFormedArguments(nested(limits::kDepth + limits::kArrayWrapping, 0x81), 1));
+  EXPECT_FALSE(areWellFormedArguments(nested(limits::kDepth + limits::kArrayWrapping + 1, 0x81), 1));
+}
+
 }  // namespace
 }  // namespace keel::xpc

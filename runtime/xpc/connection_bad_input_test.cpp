@@ -50,13 +50,33 @@ TEST_F(RawPeer, WrongMessagesNameWhatIsWrong) {
   EXPECT_EQ(received(), std::vector{failure(nullptr, FailureCode::wrongArguments, "the arguments do not fit echo:reply:")});
   sendMessage(Value::list({1, 4, 1, Value::list({"x"})}));
   EXPECT_EQ(received(), std::vector{failure(4, FailureCode::wrongArguments, "the arguments do not fit tell:")});
+  EXPECT_EQ(interruptions, 5);
+  EXPECT_TRUE(service->told.empty());
+}
+
+TEST_F(RawPeer, ArgumentsThatAreNotWellFormedAreUndecodable) {
+  start();
+  const auto expectUndecodable = [&](const Bytes& message, const Value& id) {
+    sendBytes(framed(message));
+    EXPECT_EQ(received(), std::vector{failure(id, FailureCode::undecodable, "the message cannot be decoded")});
+  };
   // Text that is not UTF-8.
   Bytes bad = encoded(Value::list({2, 1, Value::list({"ab"})}));
   bad[bad.size() - 1] = std::byte{0xff};
-  sendBytes(framed(bad));
-  EXPECT_EQ(received(), std::vector{failure(nullptr, FailureCode::wrongArguments, "the arguments do not fit tell:")});
-  EXPECT_EQ(interruptions, 6);
+  expectUndecodable(bad, nullptr);
+  // Bytes behind the message, or another message.
+  Bytes longer = encoded(Value::list({1, 1, 0, Value::list({nullptr})}));
+  longer.push_back(std::byte{0});
+  expectUndecodable(longer, 1);
+  Bytes two = encoded(Value::list({1, 2, 0, Value::list({nullptr})}));
+  for (const std::byte byte : encoded(Value::list({1, 3, 0, Value::list({nullptr})}))) two.push_back(byte);
+  expectUndecodable(two, 2);
+  // Of a method that is served later, too.
+  Bytes heavy = encoded(Value::list({1, 4, 3, Value::list({})}));
+  heavy.push_back(std::byte{0});
+  expectUndecodable(heavy, 4);
   EXPECT_TRUE(service->told.empty());
+  EXPECT_TRUE(service->kept.empty());
 }
 
 TEST_F(RawPeer, DeepValueIsTakenToTheLimitAndNoFurther) {

@@ -252,6 +252,7 @@ void Connection::serveHeavy(HeavyRequest request) {
 
 void Connection::serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount, Interface::Call& call) {
   const std::optional<std::uint64_t> id = call.route ? std::optional(call.requestId) : std::nullopt;
+  const std::span<const std::byte> arguments = reader.cursor.rest();
   const bool outer = std::exchange(inCallee_, true);
   const bool fits = exportedInterface_->dispatchAt(method)(exportedObject_.get(), reader, argumentCount, call);
   inCallee_ = outer;
@@ -260,6 +261,7 @@ void Connection::serve(std::uint64_t method, ArgumentReader& reader, std::uint64
     transport_->perform([self = shared_from_this(), requestId = call.requestId] { self->requestAnswered(requestId); });
   }
   if (reader.isOverQuota()) return refuseOverQuota(id);
+  if (!areWellFormedArguments(arguments, argumentCount)) return refuse(id, FailureCode::undecodable, kUndecodable);
   refuse(id, FailureCode::wrongArguments, fmt::format("the arguments do not fit {}", exportedInterface_->selectors()[method]));
 }
 
