@@ -95,7 +95,7 @@ void ClientCore::timedOut(std::uint64_t id) {
 
 void ClientCore::couldNotAsk(Operation& operation, const Error& error) {
   if (connection_ && error.code() == static_cast<std::int64_t>(xpc::ConnectionErrorCode::invalid)) {
-    return fail(operation, diagnosis::ofRequestAtLoss(operation.what(), diagnosis::ofLoss(connection_->farewell()).message()));
+    return fail(operation, diagnosis::ofRequestAtLoss(operation.what(), diagnosis::ofLoss(connection_->goodbye()).message()));
   }
   fail(operation, answerError(operation, error));
 }
@@ -143,7 +143,7 @@ void ClientCore::connect() {
   });
   connection_->setInvalidationHandler([weak, number] {
     const auto self = weak.lock();
-    if (self && self->connectionNumber_ == number) self->disconnected(diagnosis::ofLoss(self->connection_->farewell()));
+    if (self && self->connectionNumber_ == number) self->disconnected(diagnosis::ofLoss(self->connection_->goodbye()));
   });
   connection_->resume();
 }

@@ -23,9 +23,9 @@ class ClientThread : public testing::Test {
     auto connector = [this]() -> std::expected<std::shared_ptr<xpc::Connection>, Error> {
       int ends[2];
       KEEL_CHECK(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) == 0);
-      service = std::make_shared<FakeService>(shared, xpc::clientConnection(FileDescriptor(ends[0]), reactor));
+      service = std::make_shared<FakeService>(shared, xpc::clientConnection(FileDescriptor(ends[0]), context));
       FakeService::serve(service);
-      return xpc::clientConnection(FileDescriptor(ends[1]), reactor);
+      return xpc::clientConnection(FileDescriptor(ends[1]), context);
     };
     client = std::make_unique<KLNClient>(
         std::make_shared<ClientCore>(reactor, connector, "/run/keeld/test", ClientOptions{}, [] { return 0.0; }));
@@ -50,6 +50,7 @@ class ClientThread : public testing::Test {
     done.wait();
   }
 
+  xpc::TransportContext context{reactor};
   Reactor reactor;
   FakeService::Shared shared;
   std::shared_ptr<FakeService> service;

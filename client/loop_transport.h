@@ -11,6 +11,7 @@
 
 #include "runtime/dispatch/reactor.h"
 #include "runtime/transport/transport.h"
+#include "runtime/transport/transport_context.h"
 
 namespace keel {
 
@@ -19,13 +20,14 @@ namespace keel {
 class LoopTransport final : public xpc::Transport {
  public:
   static std::pair<std::unique_ptr<LoopTransport>, std::unique_ptr<LoopTransport>> pair(Reactor& reactor) {
-    auto left = std::make_shared<End>();
-    auto right = std::make_shared<End>();
+    auto left = std::make_shared<End>(reactor);
+    auto right = std::make_shared<End>(reactor);
     return {std::unique_ptr<LoopTransport>(new LoopTransport(reactor, left, right)),
             std::unique_ptr<LoopTransport>(new LoopTransport(reactor, right, left))};
   }
   ~LoopTransport() override { close({}); }
 
+  xpc::TransportContext& context() override { return own_->context; }
   void start(Receiver& receiver) override {
     own_->receiver = &receiver;
     reactor_.post([own = own_] { own->deliver(); });
@@ -66,6 +68,9 @@ class LoopTransport final : public xpc::Transport {
   using Arrival = std::function<void(Receiver&)>;
 
   struct End {
+    explicit End(Reactor& reactor) : context(reactor) {}
+
+    xpc::TransportContext context;
     Receiver* receiver = nullptr;  // from start() on
     bool open = true;
     std::vector<Arrival> arrivals;

@@ -27,7 +27,7 @@ ClientError ofConnecting(const std::string& serviceName, const Error& error) {
 ClientResult<std::shared_ptr<ModuleLink>> ModuleLink::open(const std::string& serviceName, const std::string& serviceDirectory,
                                                            const xpc::Interface& remoteInterface) {
   const std::string directory = serviceDirectory.empty() ? kServiceDirectory : serviceDirectory;
-  auto connection = xpc::connectToService(directory, serviceName, ioReactor());
+  auto connection = xpc::connectToService(directory, serviceName, xpc::TransportContext::ofIoThread());
   if (!connection) return std::unexpected(ofConnecting(serviceName, connection.error()));
   auto link = std::make_shared<ModuleLink>(serviceName);
   ioReactor().post([link, connection = std::move(*connection), &remoteInterface] {

@@ -82,7 +82,7 @@ ClientResult<std::unique_ptr<KLNModuleListener>> KLNModuleListener::createWith(c
                                                                                Configure configure, Options options) {
   const std::string directory = options.serviceDirectory.empty() ? kServiceDirectory : options.serviceDirectory;
   Reactor& reactor = ioReactor();
-  auto listener = xpc::Listener::inDirectory(directory, serviceName, reactor);
+  auto listener = xpc::Listener::inDirectory(directory, serviceName, xpc::TransportContext::ofIoThread());
   if (!listener) {
     return std::unexpected(ClientError(ClientError::Kind::requestFailed,
                                        fmt::format("cannot serve {}: {}", serviceName, listener.error().description()),

@@ -24,7 +24,7 @@ std::shared_ptr<ClientCore> coreOf(ClientService service, ClientOptions options)
   const std::string directory = options.serviceDirectory.empty() ? kServiceDirectory : options.serviceDirectory;
   const char* const name = service == ClientService::notify ? kNotifyServiceName : kAuthServiceName;
   Reactor& reactor = ioReactor();
-  auto connector = [directory, name, &reactor] { return xpc::connectToService(directory, name, reactor); };
+  auto connector = [directory, name] { return xpc::connectToService(directory, name, xpc::TransportContext::ofIoThread()); };
   return std::make_shared<ClientCore>(reactor, std::move(connector), directory + "/" + name, std::move(options),
                                       randomNumbers(), service);
 }

@@ -30,7 +30,7 @@ class NotifyListener : public ::testing::Test {
   NotifyListener() {
     char made[] = "/tmp/keel-delegate-XXXXXX";
     directory_ = ::mkdtemp(made);
-    listener_ = xpc::Listener::inDirectory(directory_, "notify", reactor_).value();
+    listener_ = xpc::Listener::inDirectory(directory_, "notify", context_).value();
   }
   ~NotifyListener() override {
     listener_->invalidate();
@@ -49,6 +49,7 @@ class NotifyListener : public ::testing::Test {
   static LogLine debug(const char* text) { return {LogLevel::debug, "runtime", text}; }
 
   std::string directory_;
+  xpc::TransportContext context_{reactor_};
   Reactor reactor_;
   std::shared_ptr<xpc::Listener> listener_;
   ManualExecutor executor_;

@@ -56,7 +56,7 @@ Logger& logger() {
 }
 
 std::shared_ptr<xpc::Listener> makeListener(const char* serviceName) {
-  auto listener = xpc::Listener::initWithMachServiceName(serviceName, ioReactor());
+  auto listener = xpc::Listener::initWithMachServiceName(serviceName, xpc::TransportContext::ofIoThread());
   if (!listener) {
     logger().error("cannot serve {}: {}", serviceName, listener.error());
     endProcess(kExitNoListener);

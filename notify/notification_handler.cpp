@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <span>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -13,7 +14,7 @@
 #include "notify/dump_desk.h"
 #include "notify/notification_service.h"
 #include "notify/slice_line.h"
-#include "notify/update_line.h"
+#include "notify/update_coalescer.h"
 #include "platform/product/product.h"
 #include "runtime/dispatch/block_date.h"
 #include "runtime/foundation/value.h"
@@ -173,7 +174,8 @@ void KLNNotificationHandler::updatePublishedItem(Dictionary item, Name name, xpc
   if (log.enabled(LogLevel::debug)) {
     log.debug("updatePublishedItem: updating {} from {}", name, describe(xpcConnection()));
   }
-  KLNNotificationService::defaultService()->updateLine().add(*this, std::move(name), std::move(item), std::move(withHandler));
+  KLNNotificationService::defaultService()->updateCoalescer().add(*this, std::move(name), std::move(item),
+                                                                  std::move(withHandler));
 }
 
 void KLNNotificationHandler::update(UpdateBatch& batch) {
@@ -186,17 +188,13 @@ void KLNNotificationHandler::update(UpdateBatch& batch) {
     return;
   }
   KLNPublishedObject& item = *found->second;
-  // Who follows what he publishes hears of each before its answer, and of the next one behind it.
-  if (batch.data.size() == 1 || item.subscriberForConnection(xpcConnection())) {
-    for (std::size_t i = 0; i < batch.data.size(); ++i) {
-      if (i > 0) ageDateOfBlock(1);
-      item.updateWithData(std::move(batch.data[i]));
-      batch.replies[i](nullptr);
-    }
-    return;
+  // A client that follows what it publishes receives each update before the answer to it.
+  const bool followsItself = item.subscriberForConnection(xpcConnection()) != nullptr;
+  const std::size_t step = followsItself ? 1 : batch.data.size();
+  for (std::size_t done = 0; done < batch.data.size(); done += step) {
+    item.updateWithBatch(std::span(batch.data).subspan(done, step));
+    xpc::Reply<Error>::answerAll(std::span(batch.replies).subspan(done, step), nullptr);
   }
-  item.updateWithSeries(batch.data);
-  xpc::Reply<Error>::answerAll(batch.replies, nullptr);
 }
 
 void KLNNotificationHandler::removePublishedItemForName(Name name, xpc::Reply<Error> withHandler) {

@@ -11,7 +11,7 @@
 #include "notify/same_object.h"
 #include "notify/slice_line.h"
 #include "notify/subscriber_behavior.h"
-#include "notify/update_line.h"
+#include "notify/update_coalescer.h"
 #include "platform/product/product.h"
 #include "runtime/dispatch/reactor.h"
 #include "runtime/dispatch/system.h"
@@ -50,7 +50,7 @@ KLNNotificationService::KLNNotificationService(Executor& executor)
       updateQ_(SerialQueue::create("KLNNotificationUpdateQ", executor)),
       sliceLine_(std::make_shared<SliceLine>(inputQ_)),
       dumpDesk_(std::make_shared<DumpDesk>(sliceLine_)),
-      updateLine_(std::make_shared<UpdateLine>(inputQ_)) {}
+      updateCoalescer_(std::make_shared<UpdateCoalescer>(inputQ_)) {}
 
 KLNNotificationService::~KLNNotificationService() = default;
 

@@ -20,7 +20,7 @@ class DumpDesk;
 class KLNPublishBehavior;
 class SliceLine;
 class SubscriberBehavior;
-class UpdateLine;
+class UpdateCoalescer;
 
 // Every name that is published or waited for: one publisher for each, one subscription for each connection, and only the
 // publisher updates or removes. A name that is followed before it is published, or that has lost its publisher, is kept as a
@@ -94,7 +94,7 @@ class KLNNotificationService {
   void beginCleanUp(const std::weak_ptr<xpc::Connection>& owner);
   void endCleanUp(const std::weak_ptr<xpc::Connection>& owner);
   DumpDesk& dumpDesk() { return *dumpDesk_; }
-  UpdateLine& updateLine() { return *updateLine_; }
+  UpdateCoalescer& updateCoalescer() { return *updateCoalescer_; }
 
  private:
   static std::shared_ptr<KLNNotificationService>& overridingService();
@@ -114,7 +114,7 @@ class KLNNotificationService {
   const std::shared_ptr<SerialQueue> updateQ_;
   const std::shared_ptr<SliceLine> sliceLine_;
   const std::shared_ptr<DumpDesk> dumpDesk_;
-  const std::shared_ptr<UpdateLine> updateLine_;
+  const std::shared_ptr<UpdateCoalescer> updateCoalescer_;
   std::vector<std::weak_ptr<xpc::Connection>> cleanedUp_;  // owners whose publications are being ended
 };
 

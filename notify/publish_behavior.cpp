@@ -1,39 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "notify/publish_behavior.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "notify/published_object.h"
 #include "notify/subscription_object.h"
 #include "platform/product/product.h"
+#include "protocols/delivery.h"
 #include "runtime/dispatch/block_date.h"
-#include "runtime/logging/logger.h"
-#include "runtime/xpc/fan_out.h"
 
 namespace keel {
 
 namespace {
 
-Logger& log = _loggerForCategory("notification");
-
+// So many subscribers take as long as the blocks that share a date.
 constexpr std::size_t kManySubscribers = 100;
-
-// What a message is longer than its name and its data, at most.
-constexpr std::size_t kAroundData = 32;
-
-// How many of the first of `series` are to be sent together.
-std::size_t countTogether(std::span<const Dictionary> series, const Name& name) {
-  std::size_t count = 0;
-  std::size_t bytes = 0;
-  for (; count < series.size(); ++count) {
-    const BufferRef& data = series[count].buffer();
-    const std::size_t dataBytes = data ? data->size() : 0;
-    bytes += dataBytes + name.view().size() + kAroundData;
-    if (dataBytes > xpc::FanOut::kLargestInSeriesBytes || bytes > xpc::FanOut::kSeriesBytes) break;
-  }
-  return std::max<std::size_t>(count, 1);
-}
 
 }  // namespace
 
@@ -43,47 +24,32 @@ void KLNPublishBehavior::addTarget(const std::shared_ptr<KLNPublishedObject>& it
 }
 
 void KLNPublishBehavior::updateWithData(Dictionary data) {
+  updateWithBatch({&data, 1});
+}
+
+void KLNPublishBehavior::updateWithBatch(std::span<const Dictionary> batch) {
   const auto item = published();
   if (!item) return;
-  deliver(*item, data, [&data](KLNSubscriptionObject& subscription) { subscription.updateWithData(data); });
-}
-
-template <class Tell>
-void KLNPublishBehavior::deliver(KLNPublishedObject& item, const Dictionary& data, Tell tell) {
-  item.setData(data);
-  item.setLastUpdated(dateOfBlock());
-  if (SubscriberSet* const subscribers = item.subscribers()) {
-    const xpc::FanOut fanOut(subscribers->count());
-    subscribers->forEach(tell);
-    if (subscribers->count() > kManySubscribers) ageDateOfBlock(kBlocksPerDate);
-  }
-}
-
-// The time goes into waiting for what is known of each subscriber: so one is told of all before the next one is looked at.
-void KLNPublishBehavior::updateWithSeries(std::span<const Dictionary> series) {
-  // The log tells of one after the other.
-  const auto item = log.enabled(LogLevel::debug) ? nullptr : published();
-  if (!item) return protocols::PublishBehavior::updateWithSeries(series);
-  while (!series.empty()) {
-    const std::span<const Dictionary> together = series.first(countTogether(series, item->name()));
-    series = series.subspan(together.size());
-    ageDateOfBlock(together.size());
-    if (together.size() == 1) {
-      updateWithData(together.front());
-    } else {
-      deliver(*item, together.back(),
-              [together](KLNSubscriptionObject& subscription) { subscription.updateWithSeries(together); });
-    }
-  }
+  // As much as that many blocks would have done.
+  if (batch.size() > 1) ageDateOfBlock(batch.size());
+  item->setData(batch.back());
+  item->setLastUpdated(dateOfBlock());
+  Delivery delivery(item->name(), batch);
+  deliver(*item, delivery);
+  if (item->subscribers() != nullptr && item->subscribers()->count() > kManySubscribers) ageDateOfBlock(kBlocksPerDate);
 }
 
 void KLNPublishBehavior::updateWithError(Error error) {
   const auto item = published();
   if (!item) return;
   item->willChange();
-  if (SubscriberSet* const subscribers = item->subscribers()) {
-    const xpc::FanOut fanOut(subscribers->count());
-    subscribers->forEach([&error](KLNSubscriptionObject& subscription) { subscription.updateWithError(error); });
+  Delivery delivery(item->name(), error);
+  deliver(*item, delivery);
+}
+
+void KLNPublishBehavior::deliver(KLNPublishedObject& item, Delivery& delivery) {
+  if (SubscriberSet* const subscribers = item.subscribers()) {
+    subscribers->forEach([&delivery](KLNSubscriptionObject& subscription) { subscription.deliver(delivery); });
   }
 }
 

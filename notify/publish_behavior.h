@@ -8,6 +8,7 @@
 
 namespace keel {
 
+class Delivery;
 class KLNPublishedObject;
 
 // The plain way in which an item takes news: stores, dates and passes them on to every subscriber, in the set's order. Lives on
@@ -19,7 +20,7 @@ class KLNPublishBehavior final : public protocols::PublishBehavior, public std::
 
   // Equal data are news too.
   void updateWithData(Dictionary data) override;
-  void updateWithSeries(std::span<const Dictionary> series) override;
+  void updateWithBatch(std::span<const Dictionary> batch) override;
   // Data and date stay.
   void updateWithError(Error error) override;
   // Sends errPublisherDisconnected, then leaves the item, which becomes a placeholder. Whoever calls holds this behaviour.
@@ -33,8 +34,7 @@ class KLNPublishBehavior final : public protocols::PublishBehavior, public std::
   void setPublished(const std::shared_ptr<KLNPublishedObject>& published) { published_ = published; }
 
  private:
-  template <class Tell>
-  void deliver(KLNPublishedObject& item, const Dictionary& data, Tell tell);
+  static void deliver(KLNPublishedObject& item, Delivery& delivery);
 
   std::weak_ptr<KLNPublishedObject> published_;
 };

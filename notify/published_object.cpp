@@ -41,13 +41,12 @@ std::shared_ptr<KLNSubscriptionObject> KLNPublishedObject::subscriberForConnecti
 // Each of these holds the behaviour while it works: some of what a behaviour does takes it off the item.
 
 void KLNPublishedObject::updateWithData(Dictionary data) {
-  if (const auto delegate = delegate_) return delegate->updateWithData(std::move(data));
-  setData(std::move(data));
+  updateWithBatch({&data, 1});
 }
 
-void KLNPublishedObject::updateWithSeries(std::span<const Dictionary> series) {
-  if (const auto delegate = delegate_) return delegate->updateWithSeries(series);
-  protocols::PublishBehavior::updateWithSeries(series);
+void KLNPublishedObject::updateWithBatch(std::span<const Dictionary> batch) {
+  if (const auto delegate = delegate_) return delegate->updateWithBatch(batch);
+  setData(batch.back());
 }
 
 void KLNPublishedObject::updateWithError(Error error) {

@@ -46,7 +46,7 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   // The behaviour's business where there is one. A placeholder stores data without a date and tells nobody, ignores errors, may
   // always be dropped, and keeps its set of subscribers itself.
   void updateWithData(Dictionary data) override;
-  void updateWithSeries(std::span<const Dictionary> series) override;
+  void updateWithBatch(std::span<const Dictionary> batch) override;
   void updateWithError(Error error) override;
   void connectionIsInvalid() override;
   bool remove() override;

@@ -4,33 +4,21 @@
 #include "notify/published_object.h"
 #include "notify/subscription_object.h"
 #include "platform/product/product.h"
-#include "protocols/subscriber_proxy.h"
+#include "protocols/delivery.h"
 #include "runtime/dispatch/block_date.h"
 #include "runtime/logging/logger.h"
-#include "runtime/xpc/remote_proxy.h"
 
 namespace keel {
-
-using protocols::SubscriberProxy;
 
 namespace {
 
 Logger& log = _loggerForCategory("notification");
 
-Name nameOf(const KLNSubscriptionObject* subscriber) {
-  return subscriber != nullptr ? subscriber->name() : nullptr;
+const Name kNoName;
+
+const Name& nameOf(const KLNSubscriptionObject* subscription) {
+  return subscription != nullptr ? subscription->name() : kNoName;
 }
-
-// Logs that news could not be sent. Made into a block, which holds the subscription, only when that has happened.
-struct SendFailure {
-  KLNSubscriptionObject& subscription;
-
-  xpc::Connection::ErrorBlock block() const {
-    return [subscriber = subscription.shared_from_this()](const Error& error) {
-      log.error("behavior updateWithData: ({}) connection returned an error {}", subscriber->name(), error);
-    };
-  }
-};
 
 }  // namespace
 
@@ -39,45 +27,59 @@ void SubscriberBehavior::addTarget(const std::shared_ptr<KLNSubscriptionObject>&
   if (subscription) subscription->setDelegate(shared_from_this());
 }
 
-// Once per subscriber and update: what is not needed to send is left out of the way of it.
 void SubscriberBehavior::updateWithData(const Dictionary& data) {
+  Delivery delivery(nameOf(borrowedSubscriber()), {&data, 1});
+  deliverData(delivery);
+}
+
+void SubscriberBehavior::updateWithError(Error error) {
+  Delivery delivery(nameOf(borrowedSubscriber()), error);
+  deliverError(delivery);
+}
+
+void SubscriberBehavior::deliver(Delivery& delivery) {
+  if (delivery.error()) {
+    deliverError(delivery);
+  } else {
+    deliverData(delivery);
+  }
+}
+
+// Once per subscriber and batch: does nothing that sending does not need.
+void SubscriberBehavior::deliverData(Delivery& delivery) {
   KLNSubscriptionObject* const subscription = borrowedSubscriber();
-  if (log.enabled(LogLevel::debug)) log.debug("updateWithData: {} behavior", nameOf(subscription));
+  log.debug("updateWithData: {} behavior", nameOf(subscription));
   xpc::Connection* const connection = subscription != nullptr ? subscription->borrowedOwner() : nullptr;
-  if (connection == nullptr) return log.error("behavior updateWithData: connection is nil");
-  xpc::borrowedProxyOf<SubscriberProxy>(*connection, SendFailure{*subscription})
-      .call<&SubscriberProxy::updateSubscriptionFor>(subscription->name(), data, std::uint64_t{0}, nullptr);
+  if (connection == nullptr) {
+    // Each update is an error of its own.
+    for (std::size_t i = 0; i < delivery.batch().size(); ++i) log.error("behavior updateWithData: connection is nil");
+    return;
+  }
+  delivery.sendTo(*connection, subscription->name(), [subscription] {
+    return [held = subscription->shared_from_this()](const Error& error) {
+      log.error("behavior updateWithData: ({}) connection returned an error {}", held->name(), error);
+    };
+  });
   log.debug("updateWithData: {} behavior notification sent", subscription->name());
   subscription->setLastUpdated(dateOfBlock());
 }
 
-void SubscriberBehavior::updateWithSeries(std::span<const Dictionary> series) {
+void SubscriberBehavior::deliverError(Delivery& delivery) {
   KLNSubscriptionObject* const subscription = borrowedSubscriber();
-  xpc::Connection* const connection = subscription != nullptr ? subscription->borrowedOwner() : nullptr;
-  if (connection == nullptr || log.enabled(LogLevel::debug)) return protocols::SubscriberBehavior::updateWithSeries(series);
-  const std::uint64_t flags = 0;
-  const Error none;
-  xpc::borrowedProxyOf<SubscriberProxy>(*connection, SendFailure{*subscription})
-      .callSeries<&SubscriberProxy::updateSubscriptionFor>(
-          series, [&](const Dictionary& data) { return std::tie(subscription->name(), data, flags, none); });
-  subscription->setLastUpdated(dateOfBlock());
-}
-
-void SubscriberBehavior::updateWithError(Error error) {
-  const auto held = subscriber();
-  if (log.enabled(LogLevel::debug)) log.debug("SubscriberBehavior:updateWithError: {}", nameOf(held.get()));
+  const Error& error = delivery.error();
+  log.debug("SubscriberBehavior:updateWithError: {}", nameOf(subscription));
   if (error.code() == errPublisherDisconnected) {
     return log.debug("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected({})", error.code());
   }
-  const auto connection = held ? held->owner() : nullptr;
-  if (!connection) return log.error("behavior updateWithError: connection is nil");
-  auto onError = [subscriber = held, sent = error](Error sendError) {
-    log.error("behavior updateWithError: ({}) connection returned an error {} when sending error {}", subscriber->name(),
-              sendError, sent);
-  };
-  connection->remoteObjectProxyWithErrorHandler<SubscriberProxy>(std::move(onError))
-      .call<&SubscriberProxy::updateSubscriptionFor>(held->name(), nullptr, std::uint64_t{0}, std::move(error));
-  held->setLastUpdated(dateOfBlock());
+  xpc::Connection* const connection = subscription != nullptr ? subscription->borrowedOwner() : nullptr;
+  if (connection == nullptr) return log.error("behavior updateWithError: connection is nil");
+  delivery.sendTo(*connection, subscription->name(), [subscription, &error] {
+    return [held = subscription->shared_from_this(), sent = error](const Error& sendError) {
+      log.error("behavior updateWithError: ({}) connection returned an error {} when sending error {}", held->name(), sendError,
+                sent);
+    };
+  });
+  subscription->setLastUpdated(dateOfBlock());
 }
 
 void SubscriberBehavior::connectionIsInvalid() {

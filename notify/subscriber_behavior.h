@@ -2,7 +2,6 @@
 #pragma once
 
 #include <memory>
-#include <span>
 
 #include "protocols/subscriber_behavior.h"
 
@@ -19,9 +18,8 @@ class SubscriberBehavior final : public protocols::SubscriberBehavior, public st
 
   // As KLNSubscriptionObject says of itself. A subscription that is gone counts as one whose client is gone.
   void updateWithData(const Dictionary& data) override;
-  // Small data (xpc::FanOut) travel together.
-  void updateWithSeries(std::span<const Dictionary> series) override;
   void updateWithError(Error error) override;
+  void deliver(Delivery& delivery) override;
   void connectionIsInvalid() override;
 
   std::shared_ptr<KLNSubscriptionObject> subscriber() const { return subscriber_.lock(); }
@@ -31,6 +29,8 @@ class SubscriberBehavior final : public protocols::SubscriberBehavior, public st
   }
 
  private:
+  void deliverData(Delivery& delivery);
+  void deliverError(Delivery& delivery);
   // The same without counting, for as long as the caller holds it.
   KLNSubscriptionObject* borrowedSubscriber() const { return subscriber_.expired() ? nullptr : borrowedSubscriber_; }
 

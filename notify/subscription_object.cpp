@@ -3,14 +3,11 @@
 
 #include "notify/published_object.h"
 #include "platform/product/product.h"
-#include "protocols/subscriber_proxy.h"
+#include "protocols/delivery.h"
 #include "runtime/dispatch/block_date.h"
 #include "runtime/logging/logger.h"
-#include "runtime/xpc/remote_proxy.h"
 
 namespace keel {
-
-using protocols::SubscriberProxy;
 
 namespace {
 
@@ -35,37 +32,55 @@ std::shared_ptr<KLNSubscriptionObject> KLNSubscriptionObject::initWithName(
 }
 
 void KLNSubscriptionObject::updateWithData(const Dictionary& data) {
-  log.debug("updateWithData: {}", name_);
-  if (delegate_) return delegate_->updateWithData(data);
-  const auto connection = owner();
-  if (!connection) return log.error("updateWithData: connection is nil");
-  auto onError = [subscription = shared_from_this()](Error error) {
-    log.error("updateWithData: ({}) connection returned an error {}", subscription->name(), error);
-  };
-  connection->remoteObjectProxyWithErrorHandler<SubscriberProxy>(std::move(onError))
-      .call<&SubscriberProxy::updateSubscriptionFor>(name_, data, std::uint64_t{0}, nullptr);
-  lastUpdated_ = dateOfBlock();
-}
-
-void KLNSubscriptionObject::updateWithSeries(std::span<const Dictionary> series) {
-  if (!delegate_ || log.enabled(LogLevel::debug)) return protocols::SubscriberBehavior::updateWithSeries(series);
-  delegate_->updateWithSeries(series);
+  Delivery delivery(name_, {&data, 1});
+  deliver(delivery);
 }
 
 void KLNSubscriptionObject::updateWithError(Error error) {
+  Delivery delivery(name_, error);
+  deliver(delivery);
+}
+
+void KLNSubscriptionObject::deliver(Delivery& delivery) {
+  if (delivery.error()) {
+    deliverError(delivery);
+  } else {
+    deliverData(delivery);
+  }
+}
+
+void KLNSubscriptionObject::deliverData(Delivery& delivery) {
+  log.debug("updateWithData: {}", name_);
+  if (delegate_) return delegate_->deliver(delivery);
+  const auto connection = owner();
+  if (!connection) {
+    // Each update is an error of its own.
+    for (std::size_t i = 0; i < delivery.batch().size(); ++i) log.error("updateWithData: connection is nil");
+    return;
+  }
+  delivery.sendTo(*connection, name_, [this] {
+    return [subscription = shared_from_this()](const Error& error) {
+      log.error("updateWithData: ({}) connection returned an error {}", subscription->name(), error);
+    };
+  });
+  lastUpdated_ = dateOfBlock();
+}
+
+void KLNSubscriptionObject::deliverError(Delivery& delivery) {
   log.debug("updateWithError: {}", name_);
-  if (delegate_) return delegate_->updateWithError(std::move(error));
+  if (delegate_) return delegate_->deliver(delivery);
+  const Error& error = delivery.error();
   if (error.code() == errPublisherDisconnected) {
     return log.debug("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected({})", error.code());
   }
   const auto connection = owner();
   if (!connection) return log.error("updateWithError: connection is nil");
-  auto onError = [subscription = shared_from_this(), sent = error](Error sendError) {
-    log.error("updateWithError: ({}) connection returned an error {} when sending error {}", subscription->name(), sendError,
-              sent);
-  };
-  connection->remoteObjectProxyWithErrorHandler<SubscriberProxy>(std::move(onError))
-      .call<&SubscriberProxy::updateSubscriptionFor>(name_, nullptr, std::uint64_t{0}, std::move(error));
+  delivery.sendTo(*connection, name_, [this, &error] {
+    return [subscription = shared_from_this(), sent = error](const Error& sendError) {
+      log.error("updateWithError: ({}) connection returned an error {} when sending error {}", subscription->name(), sendError,
+                sent);
+    };
+  });
   lastUpdated_ = dateOfBlock();
 }
 

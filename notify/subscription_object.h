@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <span>
 
 #include "notify/same_object.h"
 #include "protocols/subscriber_behavior.h"
@@ -30,10 +29,11 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
   // Sends `data` to the client and returns at once; `data` may be null (an item without data). A client that is gone: logged,
   // nothing sent, lastUpdated() unchanged. A failure to send is logged later and changes nothing.
   void updateWithData(const Dictionary& data) override;
-  void updateWithSeries(std::span<const Dictionary> series) override;
   // The same with an error. An error whose code is errPublisherDisconnected, of whatever domain, is dropped: the client hears
   // of the name again when somebody publishes it.
   void updateWithError(Error error) override;
+  // Either of the two, as the delivery has it.
+  void deliver(Delivery& delivery) override;
   // The client is gone: leaves the item, whose `target` it no longer is. The second time there is nothing to leave.
   void connectionIsInvalid() override;
 
@@ -72,6 +72,9 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
       : owner_(owner), borrowedOwner_(owner.get()), name_(std::move(name)) {}
 
  private:
+  void deliverData(Delivery& delivery);
+  void deliverError(Delivery& delivery);
+
   std::shared_ptr<protocols::SubscriberBehavior> delegate_;
   std::optional<Date> lastUpdated_;
   std::weak_ptr<xpc::Connection> owner_;

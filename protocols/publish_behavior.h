@@ -13,14 +13,14 @@ class KLNSubscriptionObject;
 
 namespace keel::protocols {
 
-// How a published item takes news and passes it on. On the notification input queue.
+// How a published item takes updates and passes them on. On the notification input queue.
 class PublishBehavior {
  public:
   virtual ~PublishBehavior() = default;
   virtual void updateWithData(Dictionary data) = 0;
-  // The same with each of `series`, one after the other and with nothing in between.
-  virtual void updateWithSeries(std::span<const Dictionary> series) {
-    for (const Dictionary& data : series) updateWithData(data);
+  // Updates with each of `batch`, which is not empty, in order and with nothing in between.
+  virtual void updateWithBatch(std::span<const Dictionary> batch) {
+    for (const Dictionary& data : batch) updateWithData(data);
   }
   virtual void updateWithError(Error error) = 0;
   // The publisher's connection has ended.

@@ -15,6 +15,7 @@ class SinkClient::SinkTransport final : public xpc::Transport {
  public:
   explicit SinkTransport(SinkClient& client) : client_(client) {}
 
+  xpc::TransportContext& context() override { return context_; }
   // The client says hello at once.
   void start(Receiver& receiver) override {
     xpc::OutgoingMessage hello;
@@ -41,6 +42,9 @@ class SinkClient::SinkTransport final : public xpc::Transport {
 
  private:
   SinkClient& client_;
+  // Never runs: only the pools are used.
+  Reactor reactor_;
+  xpc::TransportContext context_{reactor_};
 };
 
 SinkClient::SinkClient() {

@@ -18,11 +18,6 @@ std::atomic<std::size_t> liveSealedFileCount{0};
 
 }  // namespace
 
-MemoryAccount& MemoryAccount::ofProcess() {
-  static MemoryAccount& account = *new MemoryAccount;
-  return account;
-}
-
 BufferRef Buffer::copyOf(std::span<const std::byte> bytes, MemoryAccount& account, std::uint32_t surchargeBytes) {
   BufferRef buffer = allocate(bytes.size(), account, surchargeBytes);
   if (!bytes.empty()) std::memcpy(const_cast<std::byte*>(buffer->data_), bytes.data(), bytes.size());

@@ -8,43 +8,11 @@
 #include <utility>
 
 #include "runtime/foundation/file_descriptor.h"
+#include "runtime/foundation/memory_account.h"
 
 namespace keel {
 
 class Buffer;
-
-// Counts the bytes that the buffers charged to it hold together. Lives as long as the process. From any thread.
-class MemoryAccount {
- public:
-  MemoryAccount() = default;
-  // One of several whose sum is kept, too: in steps, so that small changes cost nothing. `sum` is never off by more than
-  // kStepBytes for each of them.
-  explicit MemoryAccount(MemoryAccount& sum) : sum_(&sum) {}
-  MemoryAccount(const MemoryAccount&) = delete;
-  MemoryAccount& operator=(const MemoryAccount&) = delete;
-  // Pays for every buffer of which nothing else is said.
-  static MemoryAccount& ofProcess();
-
-  static constexpr std::size_t kStepBytes = 4096;
-
-  std::size_t bytes() const { return bytes_.load(std::memory_order_relaxed); }
-  void charge(std::size_t bytes) { changeTo(bytes_.fetch_add(bytes, std::memory_order_relaxed) + bytes); }
-  void refund(std::size_t bytes) { changeTo(bytes_.fetch_sub(bytes, std::memory_order_relaxed) - bytes); }
-
- private:
-  void changeTo(std::size_t bytes) {
-    if (sum_ == nullptr) return;
-    // Unsigned: either difference that is negative is huge.
-    if (bytes - summed_.load(std::memory_order_relaxed) + kStepBytes > 2 * kStepBytes) [[unlikely]] {
-      sum_->charge(bytes - summed_.exchange(bytes, std::memory_order_relaxed));
-    }
-  }
-
-  // A cache line of its own: every thread that makes or drops a buffer writes it.
-  alignas(64) std::atomic<std::size_t> bytes_{0};
-  std::atomic<std::size_t> summed_{0};  // what the sum knows of
-  MemoryAccount* sum_ = nullptr;
-};
 
 // A counted reference to a Buffer, or null. One pointer wide; copies may live on any thread.
 class BufferRef {

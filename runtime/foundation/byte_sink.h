@@ -30,6 +30,7 @@ class ByteSink {
 
   std::size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
+  std::size_t capacity() const { return capacity_; }
   std::span<const std::byte> bytes() const { return {data_.get(), size_}; }
   std::span<std::byte> bytes() { return {data_.get(), size_}; }
   operator std::span<const std::byte>() const { return bytes(); }

@@ -17,6 +17,6 @@ bool isMemoryFile(const FileDescriptor& descriptor);
 
 // Closes it on a thread that may wait, one of the few that `owner` may keep waiting: any address that stands for the user.
 // `admission`, which may be null, is held until then: who lets us wait has fewer connections.
-void closeElsewhere(FileDescriptor descriptor, std::shared_ptr<void> admission, const void* owner);
+void closeInBackground(FileDescriptor descriptor, std::shared_ptr<void> admission, const void* owner);
 
 }  // namespace keel::xpc

@@ -25,7 +25,7 @@ bool isMemoryFile(const FileDescriptor& descriptor) {
   return ::fcntl(descriptor.get(), F_GET_SEALS) >= 0;
 }
 
-void closeElsewhere(FileDescriptor descriptor, std::shared_ptr<void> admission, const void* owner) {
+void closeInBackground(FileDescriptor descriptor, std::shared_ptr<void> admission, const void* owner) {
   static WorkerPool& threads = *new WorkerPool(kClosingThreads, kClosingThreadsOfUser);
   // What waits in a network socket that lingers is worth nothing to us. Other kinds of descriptors do not understand this.
   const linger atOnce{.l_onoff = 1, .l_linger = 0};

@@ -53,7 +53,7 @@ TEST(ForeignDescriptors, AreClosedAndTheirAdmissionIsHeldUntilThen) {
   ASSERT_EQ(::pipe(both), 0);
   const FileDescriptor reading(both[0]);
   auto admission = std::make_shared<int>(0);
-  closeElsewhere(FileDescriptor(both[1]), std::move(admission), nullptr);
+  closeInBackground(FileDescriptor(both[1]), std::move(admission), nullptr);
   EXPECT_TRUE(endComes(reading.get()));
 }
 
@@ -69,12 +69,12 @@ TEST(ForeignDescriptors, SocketsThatLingerKeepNobodyWaiting) {
     while (::send(one.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
     }
     others.push_back(std::move(other));
-    closeElsewhere(std::move(one), nullptr, &owner);
+    closeInBackground(std::move(one), nullptr, &owner);
   }
   int both[2];
   ASSERT_EQ(::pipe(both), 0);
   const FileDescriptor reading(both[0]);
-  closeElsewhere(FileDescriptor(both[1]), nullptr, &owner);
+  closeInBackground(FileDescriptor(both[1]), nullptr, &owner);
   EXPECT_TRUE(endComes(reading.get()));
 }
 

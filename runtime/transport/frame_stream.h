@@ -1,23 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <sys/socket.h>
-
 #include <memory>
-#include <string>
-#include <vector>
+#include <string_view>
 
-#include "runtime/dispatch/reactor.h"
-#include "runtime/foundation/file_descriptor.h"
-#include "runtime/transport/frame_splitter.h"
-#include "runtime/transport/output_queue.h"
+#include "runtime/foundation/memory_account.h"
+#include "runtime/transport/frame_reader.h"
+#include "runtime/transport/frame_writer.h"
 #include "runtime/transport/transport.h"
-#include "runtime/wire/argument.h"
 
 namespace keel::xpc {
 
-// Frames over a connected stream socket (unix(7)), with back-pressure both ways: a reader that is too slow is dropped, a peer
-// that does not take what it is sent is not read.
+// Frames over a connected stream socket (unix(7)), with back-pressure both ways: a reader that is too slow is dropped, and a
+// peer that does not take what it is sent is not read.
 class FrameStream final : public Transport, private Reactor::Watcher, private EndOfTurn {
  public:
   // What a stream may cost, and who pays for it.
@@ -30,78 +25,80 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
     std::shared_ptr<void> admission{};
   };
 
-  // The reactor is borrowed.
-  FrameStream(FileDescriptor socket, Reactor& reactor, Terms terms);
+  // The context is borrowed.
+  FrameStream(FileDescriptor socket, TransportContext& context, Terms terms);
   ~FrameStream() override;
 
   void start(Receiver& receiver) override;
+  TransportContext& context() override { return context_; }
   void send(const OutgoingMessage& message, EndOfTurn::Urgency urgency) override;
   void setReading(bool reading) override;
   void liftHelloBound() override;
   void setConfidential() override;
   void close(std::string_view goodbye) override;
-  bool maySendFiles() override;
+  bool maySendFiles() override { return writer_.maySendFiles(socket_.get()); }
   void perform(Block block) override;
   void performLater(Block block) override;
   bool onIoThread() const override;
 
  private:
+  // Once it is no longer open, a stream sends and takes nothing more, and ends with the turn.
+  enum class Life : std::uint8_t { open, writeFailed, tooSlow, hoardsFiles };
+  // Frames that were read and not handed over, because the peer's requests had to wait.
+  enum class HandOver : std::uint8_t {
+    none,
+    pending,  // at the end of this turn
+    done,     // at the end of the last turn: they are served in this one, before anything else is read
+  };
+
   void onReady(std::uint32_t events) override;
   void onEndOfTurn() override;
 
   // Each returns false when the stream has ended.
   bool readOnce();
-  bool takeRead(std::span<std::byte> bytes, msghdr& header, ssize_t received);
-  bool takeFiles(msghdr& header);
+  bool take(FrameReader::Outcome& outcome);
   bool handFramesOver();
+  bool handFrames();
   bool flush();
-  // Writes what the socket takes; a failure is noted in problem_.
-  void write();
-  void writeAgainLater();
-  void writeAgain();
-  // Counts what waits here, and has the stream dropped for which most waits when all is too much.
-  void countWaiting();
-  void endSlow();
-  // Notes how many files wait for their message.
-  void countFiles();
-  void endForUnclaimedFiles();
-  // Charges what is kept of a frame that came in part. False when the peer's user holds too much.
+
+  void handOverAtEndOfTurn();
+  void retryLater();
+  void retry();
+  // Books the backlog, and drops the heaviest stream when all backlogs together are too large.
+  void bookBacklog();
+  void bookFiles();
+  // Charges what is kept of a frame that came in part. Returns false when the peer's user holds too much.
   bool chargeKept();
+  void endWithTurn(Life how);
+  void dropSlowReader();
 
   // Ends it because of the peer or the socket, with a word to the peer unless `goodbye` is empty.
   void fail(std::string_view reason, std::string_view goodbye);
+  void failWith(int problem);
   void detach();
-  void sayGoodbye(std::string_view goodbye, bool dropWaiting);
+  void sayGoodbye(std::string_view goodbye);
   void watchAsNeeded();
   void stopWatching();
-  bool wantsToRead() const { return reading_ && !outputFull_; }
+  bool wantsToRead() const { return !paused_ && !backlogFull_; }
+  const MemoryAccount* user() const { return terms_.quota->account; }
 
-  // What every frame that is sent looks at stands together, in as few cache lines as it takes.
+  // What every frame that is sent looks at stands together, in as few cache lines as possible.
   FileDescriptor socket_;
-  bool reading_ = true;
-  bool outputFull_ = false;     // so much waits that the peer's requests have to
-  bool outputBlocked_ = false;  // the socket takes no more for now
-  bool handOverPending_ = false;
-  bool handedOverLast_ = false;  // at the end of the last turn
-  bool tooSlow_ = false;
-  bool keepsFilesUnclaimed_ = false;
-  bool confidential_ = false;
-  bool readToItsEnd_ = false;
-  bool ending_ = false;  // at the end of the turn
-  bool handingOver_ = false;
-  int problem_ = 0;  // errno of a write that failed
-  Reactor& reactor_;
-  BorrowedOutputQueue output_;
-  std::size_t countedOwnBytes_ = 0;  // of what waits, as it was noted last
-  std::size_t unreadFileBytes_ = 0;  // sent since the peer was last seen to have read everything
+  Life life_ = Life::open;
+  HandOver handOver_ = HandOver::none;
+  bool paused_ = false;       // by the receiver
+  bool backlogFull_ = false;  // so much waits for the peer that its requests have to
+  int writeProblem_ = 0;      // errno
+  TransportContext& context_;
+  FrameWriter writer_;
+  std::size_t bookedOwnBytes_ = 0;
   Receiver* receiver_ = nullptr;
-  FrameSplitter splitter_;
+  FrameReader reader_;
   Terms terms_;
-  std::size_t countedFiles_ = 0;  // that were noted as unclaimed
+  std::size_t bookedFiles_ = 0;
   std::size_t chargedKeptBytes_ = 0;
-  std::vector<FileDescriptor> files_;  // received, not yet claimed
-  Reactor::TimerId writingAgain_ = 0;  // 0: not waiting for better times
-  std::uint32_t watchedEvents_ = 0;    // 0: the socket is not watched
+  Reactor::TimerId retryTimer_ = 0;  // 0: none is set
+  std::uint32_t watchedEvents_ = 0;  // 0: the socket is not watched
 };
 
 }  // namespace keel::xpc

@@ -1,78 +1,46 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The life of a frame on its way in: one recvmsg(2) per turn takes what the socket has, up to the reactor's fair share, into a
-// buffer that all streams of the thread share. Whole frames are handed over where they lie; only a frame that came in part is
-// copied to the stream's own memory, and put back in front of what the next read brings. So an idle connection owns no buffer
-// at all.
+// In: at most one recvmsg(2) per turn takes what the socket has, up to the reactor's fair share, and
+// its whole frames are handed to the receiver where they lie (FrameReader).
 //
-// On its way out: send() appends to the output queue and asks to be told when the turn ends; then one sendmsg(2) writes all
-// that the turn produced for this peer. What the socket does not take stays, and the stream waits for EPOLLOUT.
+// Out: send() appends to the output queue and asks for the end of the turn; then one sendmsg(2)
+// writes everything the turn produced for this peer (FrameWriter). What the socket does not take
+// stays, and the stream waits for EPOLLOUT.
 //
-// Nothing here calls the receiver from within a call that the receiver made: a stream that has to end because of what was sent
-// (a reader too slow) ends at the end of the turn.
+// The end: nothing here calls the receiver from within a call that the receiver made. A stream that
+// has to end because of what was sent, or because all backlogs together are too large, is marked
+// (Life) and ends with the turn. From the mark on it neither reads nor writes: its queue stays as it
+// is until the goodbye goes through it.
 #include "runtime/transport/frame_stream.h"
 
 #include <fmt/format.h>
-#include <linux/sockios.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
-#include "runtime/foundation/secret.h"
-#include "runtime/transport/farewell.h"
 #include "runtime/transport/foreign_descriptors.h"
-#include "runtime/transport/unclaimed_files.h"
-#include "runtime/transport/waiting_output.h"
+#include "runtime/transport/linger.h"
 #include "runtime/wire/limits.h"
 
 namespace keel::xpc {
 
 namespace {
 
-// Room in front of what is read for the beginning of a frame that came before; longer beginnings stay with the stream.
-constexpr std::size_t kHeadroomBytes = 64u << 10;
-
-std::span<std::byte> readBuffer() {
-  constexpr std::size_t kSizeBytes = kHeadroomBytes + Reactor::kMostReadBytes;
-  thread_local const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kSizeBytes);
-  return {buffer.get(), kSizeBytes};
-}
-
 constexpr std::string_view kUnclaimed = "descriptors that no message claims";
 
-WaitingOutput<FrameStream, MemoryAccount>& waitingOutput() {
-  thread_local WaitingOutput<FrameStream, MemoryAccount> output;
-  return output;
-}
-
-UnclaimedFiles<FrameStream, MemoryAccount>& unclaimedFiles() {
-  thread_local UnclaimedFiles<FrameStream, MemoryAccount> files;
-  return files;
-}
-
-// How many streams of this thread wait for the system to take more descriptors.
-std::size_t& stuckStreams() {
-  thread_local std::size_t count = 0;
-  return count;
-}
-
-// The one that is being dropped because all of them together hold too much.
-FrameStream*& leavingUnderPressure() {
-  thread_local FrameStream* leaving = nullptr;
-  return leaving;
+bool isEndOfPeer(int problem) {
+  return problem == EPIPE || problem == ECONNRESET;
 }
 
 }  // namespace
 
-FrameStream::FrameStream(FileDescriptor socket, Reactor& reactor, Terms terms)
+FrameStream::FrameStream(FileDescriptor socket, TransportContext& context, Terms terms)
     : socket_(std::move(socket)),
-      reactor_(reactor),
-      splitter_(std::min(limits::kHelloBytes, terms.frameLimitBytes), limits::kFrameBytesFromDaemon),
+      context_(context),
+      writer_(context),
+      reader_(context, std::min(limits::kHelloBytes, terms.frameLimitBytes)),
       terms_(std::move(terms)) {}
 
 FrameStream::~FrameStream() {
@@ -85,113 +53,96 @@ void FrameStream::start(Receiver& receiver) {
 }
 
 void FrameStream::send(const OutgoingMessage& message, EndOfTurn::Urgency urgency) {
-  if (!socket_ || ending_) return;
-  output_.borrow();
-  if (output_->waitingBytes() > limits::kPauseReadingBytes) [[unlikely]] {
+  if (!socket_ || life_ != Life::open) return;
+  if (writer_.waitingBytes() > limits::kPauseReadingBytes) [[unlikely]] {
     // So much in one turn: what the socket takes goes now, so that only what the peer does not read is held.
-    if (!outputBlocked_) write();
-    if (problem_ != 0) {
-      ending_ = true;
-      return reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
-    }
-    countWaiting();
-    if (ending_) return;
-    output_.borrow();
-    reactor_.atEndOfTurn(*this, urgency);
+    writeProblem_ = writer_.flush(socket_.get());
+    if (writeProblem_ != 0) return endWithTurn(Life::writeFailed);
+    if (writer_.isStuck()) retryLater();
+    bookBacklog();
+    if (life_ != Life::open) return;
+    context_.reactor().atEndOfTurn(*this, urgency);
   }
-  if (confidential_) output_->setConfidential();
-  output_->append(message);
-  if (!outputBlocked_) {
-    reactor_.atEndOfTurn(*this, urgency);
-  } else if (output_->ownBytes() != countedOwnBytes_) {
-    countWaiting();
+  writer_.append(message);
+  if (!writer_.isBlocked()) {
+    context_.reactor().atEndOfTurn(*this, urgency);
+  } else if (writer_.ownBytes() != bookedOwnBytes_) {
+    bookBacklog();
   }
 }
 
-void FrameStream::countWaiting() {
-  const std::size_t waiting = output_ ? output_->waitingBytes() : 0;
-  outputFull_ = waiting > limits::kPauseReadingBytes || (outputFull_ && waiting > limits::kPauseReadingBytes / 2);
-  const bool counts = outputBlocked_ || outputFull_;
-  countedOwnBytes_ = counts ? output_->ownBytes() : 0;
-  waitingOutput().note(this, terms_.quota->account, counts ? waiting : 0, countedOwnBytes_);
+void FrameStream::bookBacklog() {
+  const std::size_t waiting = writer_.waitingBytes();
+  backlogFull_ = waiting > limits::kPauseReadingBytes || (backlogFull_ && waiting > limits::kPauseReadingBytes / 2);
+  const bool counts = writer_.isBlocked() || backlogFull_;
+  bookedOwnBytes_ = counts ? writer_.ownBytes() : 0;
+  context_.backlogs().note(this, user(), counts ? waiting : 0, bookedOwnBytes_);
   if (!counts) return;
-  if (waiting > limits::kWaitingBytes) return endSlow();
-  // Superseded values are the process's own to pay for (see Buffer::chargeTo). One goes at a time; what it held is free only
-  // then.
-  if (leavingUnderPressure() != nullptr) return;
-  if (waitingOutput().ownBytes() + MemoryAccount::ofProcess().bytes() <= limits::kTotalWaitingBytes) return;
-  FrameStream* const most = waitingOutput().heaviest();
-  leavingUnderPressure() = most;
-  most->endSlow();
+  if (waiting > limits::kWaitingBytes) return dropSlowReader();
+  // Superseded values are charged to the process (see Buffer::chargeTo). One stream goes at a time: what it holds is free only
+  // once it has ended.
+  if (context_.beingDropped() != nullptr) return;
+  if (context_.backlogs().ownTotal() + MemoryAccount::ofProcess().bytes() <= limits::kTotalWaitingBytes) return;
+  context_.beingDropped() = context_.backlogs().heaviest();
+  context_.beingDropped()->dropSlowReader();
 }
 
-void FrameStream::endSlow() {
-  // Others have their turn in being the heaviest.
-  waitingOutput().note(this, terms_.quota->account, 0, 0);
-  tooSlow_ = true;
-  ending_ = true;
-  reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
+void FrameStream::dropSlowReader() {
+  // The next heaviest is another one.
+  context_.backlogs().note(this, user(), 0, 0);
+  endWithTurn(Life::tooSlow);
+}
+
+void FrameStream::endWithTurn(Life how) {
+  life_ = how;
+  context_.reactor().atEndOfTurn(*this, EndOfTurn::Urgency::normal);
 }
 
 void FrameStream::setReading(bool reading) {
-  if (reading == reading_) return;
-  reading_ = reading;
+  if (reading != paused_) return;
+  paused_ = !reading;
   if (!socket_) return;
-  if (reading && splitter_.keptBytes() > 0) {
-    handOverPending_ = true;
-    reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
-  }
-  if (!handingOver_) watchAsNeeded();
+  if (reading && reader_.keptBytes() > 0) handOverAtEndOfTurn();
+  watchAsNeeded();
 }
 
 void FrameStream::liftHelloBound() {
-  splitter_.setLimit(terms_.frameLimitBytes);
+  reader_.setFrameLimit(terms_.frameLimitBytes);
 }
 
 void FrameStream::setConfidential() {
-  confidential_ = true;
-  splitter_.setConfidential();
+  writer_.setConfidential();
+  reader_.setConfidential();
 }
 
 void FrameStream::close(std::string_view goodbye) {
-  if (!socket_) return;
-  sayGoodbye(goodbye, /*dropWaiting=*/false);
-}
-
-bool FrameStream::maySendFiles() {
-  if (stuckStreams() > 0) return false;
-  if (unreadFileBytes_ <= limits::kUnreadSealedBytes) return true;
-  int unread = 0;
-  if (::ioctl(socket_.get(), SIOCOUTQ, &unread) != 0 || unread != 0) return false;
-  unreadFileBytes_ = 0;
-  return true;
+  if (socket_) sayGoodbye(goodbye);
 }
 
 void FrameStream::perform(Block block) {
-  if (reactor_.isCurrent()) return block();
-  reactor_.post(std::move(block));
+  if (onIoThread()) return block();
+  performLater(std::move(block));
 }
 
 void FrameStream::performLater(Block block) {
-  reactor_.post(std::move(block));
+  context_.reactor().post(std::move(block));
 }
 
 bool FrameStream::onIoThread() const {
-  return reactor_.isCurrent();
+  return context_.reactor().isCurrent();
 }
 
 void FrameStream::onReady(std::uint32_t events) {
-  // The verdict stands: its queue must stay as it is until the end of the turn, which says goodbye through it.
-  if (ending_) return;
+  if (life_ != Life::open) return;
   const std::shared_ptr<void> alive = receiver_->holdAlive();
-  if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0 && outputBlocked_) {
-    outputBlocked_ = false;
+  if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0 && writer_.isBlocked()) {
+    writer_.unblock();
     if (!flush()) return;
   }
   const bool readable = (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0;
-  if (readable && wantsToRead() && !handOverPending_) {
+  if (readable && wantsToRead() && handOver_ != HandOver::pending) {
     // What was handed over at the end of the last turn is served in this one, before the end that may be read now.
-    const bool servedFirst = std::exchange(handedOverLast_, false);
+    const bool servedFirst = std::exchange(handOver_, HandOver::none) == HandOver::done;
     if (!servedFirst && !readOnce()) return;
   }
   watchAsNeeded();
@@ -199,99 +150,57 @@ void FrameStream::onReady(std::uint32_t events) {
 
 void FrameStream::onEndOfTurn() {
   const std::shared_ptr<void> alive = receiver_ != nullptr ? receiver_->holdAlive() : nullptr;
-  if (tooSlow_) {
-    const std::string reason = fmt::format("too slow: {} bytes were waiting", output_->waitingBytes());
+  if (life_ == Life::tooSlow) {
+    const std::string reason = fmt::format("too slow: {} bytes were waiting", writer_.waitingBytes());
     return fail(reason, reason);
   }
-  if (keepsFilesUnclaimed_) return fail(kUnclaimed, kUnclaimed);
+  if (life_ == Life::hoardsFiles) return fail(kUnclaimed, kUnclaimed);
   if (!flush()) return;
-  if (handOverPending_ && wantsToRead()) {
-    handOverPending_ = false;
-    handedOverLast_ = true;
-    splitter_.give({});
+  if (handOver_ == HandOver::pending && wantsToRead()) {
+    handOver_ = HandOver::done;
+    reader_.resume();
     if (!handFramesOver()) return;
   }
   watchAsNeeded();
 }
 
 bool FrameStream::readOnce() {
-  const std::span<std::byte> buffer = readBuffer();
-  const std::size_t kept = splitter_.keptBytes() <= kHeadroomBytes ? splitter_.take(buffer) : 0;
-  iovec vector{buffer.data() + kept, reactor_.fairReadBytes()};
-  alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerRead * sizeof(int))> control;
-  msghdr header{};
-  header.msg_iov = &vector;
-  header.msg_iovlen = 1;
-  header.msg_control = control.data();
-  header.msg_controllen = control.size();
-  ssize_t received = 0;
-  do {
-    received = ::recvmsg(socket_.get(), &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-  } while (received < 0 && errno == EINTR);
-  const std::span<std::byte> all = buffer.first(kept + (received > 0 ? static_cast<std::size_t>(received) : 0));
-  const bool goesOn = takeRead(all, header, received < 0 ? -errno : received);
-  if (confidential_) {
-    wipe(all);
-    wipeStack();
-  }
+  FrameReader::Outcome outcome = reader_.read(socket_.get());
+  const bool goesOn = take(outcome);
+  // Of a stream that has ended, too: what was read may have to be wiped.
+  reader_.endRead();
   return goesOn;
 }
 
-// `received` is what the read yielded: bytes, 0 at the end, or an errno below 0.
-bool FrameStream::takeRead(std::span<std::byte> bytes, msghdr& header, ssize_t received) {
-  const int problem = received < 0 ? static_cast<int>(-received) : 0;
-  const bool again = problem == EAGAIN || problem == EWOULDBLOCK;
-  splitter_.give(bytes);
-  if (received == static_cast<ssize_t>(header.msg_iov->iov_len)) reactor_.noteFullRead();
-  if (received > 0 && header.msg_controllen > 0 && !takeFiles(header)) return false;
-  if (received > 0 || again) return handFramesOver();
-  splitter_.keepRest();
-  readToItsEnd_ = received == 0;
-  fail(problem == 0 || problem == ECONNRESET ? std::string_view() : std::string_view(std::strerror(problem)), {});
-  return false;
-}
-
-bool FrameStream::takeFiles(msghdr& header) {
-  std::string_view offence;
-  std::size_t count = 0;
-  for (cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr; item = CMSG_NXTHDR(&header, item)) {
-    if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_RIGHTS) continue;
-    for (std::size_t at = CMSG_LEN(0); at + sizeof(int) <= item->cmsg_len; at += sizeof(int), ++count) {
-      int number = -1;
-      std::memcpy(&number, reinterpret_cast<const std::byte*>(item) + at, sizeof(int));
-      FileDescriptor descriptor(number);
-      if (isMemoryFile(descriptor)) {
-        files_.push_back(std::move(descriptor));
-      } else {
-        closeElsewhere(std::move(descriptor), terms_.admission, terms_.quota->account);
-        offence = "a descriptor that is no memory file";
-      }
-    }
+bool FrameStream::take(FrameReader::Outcome& outcome) {
+  using Kind = FrameReader::Outcome::Kind;
+  switch (outcome.kind) {
+    case Kind::bytes:
+    case Kind::nothing:
+      bookFiles();
+      return handFramesOver();
+    case Kind::offence:
+      for (FileDescriptor& each : outcome.foreign) closeInBackground(std::move(each), terms_.admission, user());
+      fail(outcome.offence, outcome.offence);
+      return false;
+    case Kind::end:
+      fail({}, {});
+      return false;
+    case Kind::failed:
+      failWith(outcome.problem);
+      return false;
   }
-  countFiles();
-  if (count > limits::kDescriptorsPerMessage) offence = "too many descriptors at once";
-  if (offence.empty()) return true;
-  splitter_.keepRest();
-  fail(offence, offence);
   return false;
 }
 
-void FrameStream::countFiles() {
-  if (files_.size() == countedFiles_) return;
-  countedFiles_ = files_.size();
-  unclaimedFiles().note(this, terms_.quota->account, countedFiles_);
-}
-
-void FrameStream::endForUnclaimedFiles() {
-  // Its files are as good as closed.
-  unclaimedFiles().note(this, terms_.quota->account, 0);
-  keepsFilesUnclaimed_ = true;
-  ending_ = true;
-  reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
+void FrameStream::bookFiles() {
+  if (reader_.files().size() == bookedFiles_) return;
+  bookedFiles_ = reader_.files().size();
+  context_.unclaimedFiles().note(this, user(), bookedFiles_, bookedFiles_);
 }
 
 bool FrameStream::chargeKept() {
-  const std::size_t kept = splitter_.keptBytes();
+  const std::size_t kept = reader_.keptBytes();
   if (kept == chargedKeptBytes_) return true;
   terms_.quota->account->charge(kept);
   terms_.quota->account->refund(std::exchange(chargedKeptBytes_, kept));
@@ -299,112 +208,122 @@ bool FrameStream::chargeKept() {
 }
 
 bool FrameStream::handFramesOver() {
-  handingOver_ = true;
-  bool tookFile = false;
-  // One value in a memory file is enough for a turn: it may be large.
-  while (reading_ && !ending_ && !tookFile) {
-    const FrameSplitter::Found found = splitter_.next();
-    if (found == FrameSplitter::Found::nothing) break;
-    if (found == FrameSplitter::Found::garbage) {
-      const std::string reason = fmt::format("a frame of {} bytes makes no sense", splitter_.frameSizeBytes());
-      splitter_.keepRest();
-      fail(reason, reason);
-      return false;
-    }
-    if (found == FrameSplitter::Found::frame) {
-      receiver_->onFrame(splitter_.frame(), files_);
-    } else {
-      receiver_->onOversizedFrame(splitter_.frameSizeBytes(), splitter_.frame());
-    }
-    if (!socket_) return false;
-    tookFile = files_.size() < countedFiles_;
-    countFiles();
-  }
-  handingOver_ = false;
-  splitter_.keepRest();
+  if (!handFrames()) return false;
+  reader_.endRead();
   if (!chargeKept()) {
     constexpr std::string_view kOffence = "its user holds too much here for a message of this size";
     fail(kOffence, kOffence);
     return false;
   }
-  if (tookFile && splitter_.keptBytes() > 0) {
-    handOverPending_ = true;
-    reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
-    return true;
-  }
+  if (handOver_ == HandOver::pending) return true;
   // Descriptors come with the first byte of their frame: none may be left when no frame is under way.
-  if (!files_.empty() && !splitter_.inFrame()) {
+  if (!reader_.files().empty() && !reader_.isInFrame()) {
     fail(kUnclaimed, kUnclaimed);
     return false;
   }
-  if (FrameStream* const offender = unclaimedFiles().offender()) offender->endForUnclaimedFiles();
+  if (context_.unclaimedFiles().ownTotal() > limits::kUnclaimedDescriptors) {
+    FrameStream* const hoarder = context_.unclaimedFiles().heaviest();
+    // Its files are as good as closed.
+    context_.unclaimedFiles().note(hoarder, hoarder->user(), 0, 0);
+    hoarder->endWithTurn(Life::hoardsFiles);
+  }
   return true;
 }
 
-void FrameStream::write() {
-  if (auto flushed = output_->flush(socket_.get()); !flushed) {
-    problem_ = flushed.error().value();
-    return;
+// Whole frames, one after the other. Stops behind a value in a memory file, since that may be large: the rest waits for the
+// next turn.
+bool FrameStream::handFrames() {
+  while (!paused_ && life_ == Life::open) {
+    switch (reader_.next()) {
+      case FrameSplitter::Found::nothing:
+        return true;
+      case FrameSplitter::Found::garbage: {
+        const std::string reason = fmt::format("a frame of {} bytes makes no sense", reader_.frameSizeBytes());
+        fail(reason, reason);
+        return false;
+      }
+      case FrameSplitter::Found::frame:
+        receiver_->onFrame(reader_.frame(), reader_.files());
+        break;
+      case FrameSplitter::Found::oversized:
+        // What came with its first byte would be taken for the next frame's.
+        if (!reader_.files().empty()) {
+          fail(kUnclaimed, kUnclaimed);
+          return false;
+        }
+        receiver_->onOversizedFrame(reader_.frameSizeBytes(), reader_.frame());
+        break;
+    }
+    if (!socket_) return false;
+    const bool tookFile = reader_.files().size() < bookedFiles_;
+    bookFiles();
+    if (tookFile) {
+      reader_.endRead();
+      if (reader_.keptBytes() > 0) handOverAtEndOfTurn();
+      return true;
+    }
   }
-  unreadFileBytes_ += output_->takeSentFileBytes();
-  outputBlocked_ = !output_->empty();
-  if (output_->isStuck()) writeAgainLater();
-  if (!outputBlocked_) return output_.giveBack();
-  output_->unshare();
+  return true;
 }
 
-void FrameStream::writeAgainLater() {
-  if (writingAgain_ != 0) return;
-  ++stuckStreams();
-  writingAgain_ = reactor_.after(limits::kSendPause, [this] { writeAgain(); });
-}
-
-void FrameStream::writeAgain() {
-  const std::shared_ptr<void> alive = receiver_->holdAlive();
-  writingAgain_ = 0;
-  --stuckStreams();
-  if (ending_) return;
-  outputBlocked_ = false;
-  if (flush()) watchAsNeeded();
+void FrameStream::handOverAtEndOfTurn() {
+  handOver_ = HandOver::pending;
+  context_.reactor().atEndOfTurn(*this, EndOfTurn::Urgency::normal);
 }
 
 bool FrameStream::flush() {
-  if (output_ && !outputBlocked_ && problem_ == 0) write();
-  if (problem_ != 0) {
-    // EPIPE and ECONNRESET: the peer is gone; what it sent before is not read any more, as nobody could be answered.
-    fail(problem_ == EPIPE || problem_ == ECONNRESET ? std::string_view() : std::string_view(std::strerror(problem_)), {});
+  if (writeProblem_ == 0) writeProblem_ = writer_.flush(socket_.get());
+  if (writeProblem_ != 0) {
+    // What the peer sent before it went is not read any more: nobody could be answered.
+    failWith(writeProblem_);
     return false;
   }
-  if (outputBlocked_ || outputFull_ || countedOwnBytes_ > 0) {
-    const bool wasFull = outputFull_;
-    countWaiting();
-    if (wasFull && !outputFull_ && splitter_.keptBytes() > 0) {
-      handOverPending_ = true;
-      reactor_.atEndOfTurn(*this, EndOfTurn::Urgency::normal);
-    }
+  if (writer_.isStuck()) retryLater();
+  if (writer_.isBlocked() || backlogFull_ || bookedOwnBytes_ > 0) {
+    const bool wasFull = backlogFull_;
+    bookBacklog();
+    if (wasFull && !backlogFull_ && reader_.keptBytes() > 0) handOverAtEndOfTurn();
   }
   return true;
 }
 
+void FrameStream::retryLater() {
+  if (retryTimer_ != 0) return;
+  ++context_.stuckStreamCount();
+  retryTimer_ = context_.reactor().after(limits::kSendPause, [this] { retry(); });
+}
+
+void FrameStream::retry() {
+  const std::shared_ptr<void> alive = receiver_->holdAlive();
+  retryTimer_ = 0;
+  --context_.stuckStreamCount();
+  if (life_ != Life::open) return;
+  writer_.unblock();
+  if (flush()) watchAsNeeded();
+}
+
+void FrameStream::failWith(int problem) {
+  fail(isEndOfPeer(problem) ? std::string_view() : std::string_view(std::strerror(problem)), {});
+}
+
 void FrameStream::fail(std::string_view reason, std::string_view goodbye) {
-  sayGoodbye(goodbye, tooSlow_);
+  sayGoodbye(goodbye);
   receiver_->onClosed(reason);
 }
 
-void FrameStream::sayGoodbye(std::string_view goodbye, bool dropWaiting) {
+void FrameStream::sayGoodbye(std::string_view goodbye) {
   stopWatching();
   // Nothing can lie in a socket that was read to its end; it is closed at once, with detach().
-  if (!readToItsEnd_) {
-    if (output_ && dropWaiting) output_->dropUnbegunFrames();
+  if (!reader_.hasReachedEnd()) {
+    if (life_ == Life::tooSlow) writer_.dropUnbegunFrames();
     // Whoever does not read an answer longer than any other message gets no more of it: it must not be held any longer.
-    if (output_ && output_->waitingBytes() > 2 * limits::kFrameBytes) return detach();
+    if (writer_.waitingBytes() > 2 * limits::kFrameBytes) return detach();
     if (!goodbye.empty()) {
-      OutgoingMessage message;
-      writeGoodbye(message, goodbye);
-      output_.borrow();
-      output_->append(message);
+      const MessagePool::Borrowed message = context_.messages().borrow();
+      writeGoodbye(*message, goodbye);
+      writer_.append(*message);
     }
-    sendFarewell(std::move(socket_), std::move(output_), std::move(terms_.admission), terms_.quota->account, reactor_);
+    lingerAndClose(std::move(socket_), writer_.release(), std::move(terms_.admission), user(), context_.reactor());
   }
   detach();
 }
@@ -412,39 +331,43 @@ void FrameStream::sayGoodbye(std::string_view goodbye, bool dropWaiting) {
 void FrameStream::detach() {
   stopWatching();
   cancelEndOfTurn();
-  waitingOutput().note(this, terms_.quota->account, 0, 0);
-  if (leavingUnderPressure() == this) leavingUnderPressure() = nullptr;
-  if (writingAgain_ != 0) {
-    reactor_.cancel(std::exchange(writingAgain_, 0));
-    --stuckStreams();
+  context_.backlogs().note(this, user(), 0, 0);
+  if (context_.beingDropped() == this) context_.beingDropped() = nullptr;
+  if (retryTimer_ != 0) {
+    context_.reactor().cancel(std::exchange(retryTimer_, 0));
+    --context_.stuckStreamCount();
   }
-  countedOwnBytes_ = 0;
-  files_.clear();
-  countFiles();
+  bookedOwnBytes_ = 0;
+  reader_.files().clear();
+  bookFiles();
   terms_.quota->account->refund(std::exchange(chargedKeptBytes_, 0));
   // A stream that was never started has read nothing.
-  if (socket_ && !readToItsEnd_) return closeElsewhere(std::move(socket_), std::move(terms_.admission), terms_.quota->account);
+  if (socket_ && !reader_.hasReachedEnd()) {
+    return closeInBackground(std::move(socket_), std::move(terms_.admission), user());
+  }
   socket_.reset();
   terms_.admission.reset();
 }
 
 void FrameStream::watchAsNeeded() {
   if (!socket_) return;
-  const std::uint32_t events = (wantsToRead() ? EPOLLIN : 0u) | (outputBlocked_ && writingAgain_ == 0 ? EPOLLOUT : 0u);
+  const bool waitsForRoom = writer_.isBlocked() && retryTimer_ == 0;
+  const std::uint32_t events = (wantsToRead() ? EPOLLIN : 0u) | (waitsForRoom ? EPOLLOUT : 0u);
   if (events == watchedEvents_) return;
-  // Not watched at all for no events: a peer that hung up would be told of again and again.
+  // Not watched at all for no events: a peer that hung up would be reported again and again.
+  Reactor& reactor = context_.reactor();
   if (watchedEvents_ == 0) {
-    reactor_.watch(socket_.get(), events, *this);
+    reactor.watch(socket_.get(), events, *this);
   } else if (events == 0) {
-    reactor_.unwatch(socket_.get(), *this);
+    reactor.unwatch(socket_.get(), *this);
   } else {
-    reactor_.rewatch(socket_.get(), events, *this);
+    reactor.rewatch(socket_.get(), events, *this);
   }
   watchedEvents_ = events;
 }
 
 void FrameStream::stopWatching() {
-  if (watchedEvents_ != 0) reactor_.unwatch(socket_.get(), *this);
+  if (watchedEvents_ != 0) context_.reactor().unwatch(socket_.get(), *this);
   watchedEvents_ = 0;
 }
 

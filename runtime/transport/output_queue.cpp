@@ -24,41 +24,24 @@ constexpr std::size_t kChunkBytes = 32u << 10;
 // Frame ends for which an empty queue keeps its memory.
 constexpr std::size_t kKeptFrameEnds = 16384;
 
-// Idle queues that a thread keeps ready.
-constexpr std::size_t kReadyQueues = 1024;
+constexpr std::size_t kIdleQueues = 1024;
 
 constexpr std::size_t kPiecesPerWrite = 64;
 
-// Shared frames that do not follow one another begin a piece each; beyond so many pieces they are cheaper to copy.
-constexpr std::size_t kPiecesWithRuns = 16;
+constexpr std::size_t kIdleChunks = 32;
 
-std::vector<std::unique_ptr<OutputQueue>>& readyQueues() {
-  thread_local std::vector<std::unique_ptr<OutputQueue>> queues;
-  return queues;
-}
+}  // namespace
 
-// Large chunks that the thread's queues fill in turn: to allocate and free so much costs as much as to fill it.
-constexpr std::size_t kSpareChunks = 32;
-
-std::vector<std::shared_ptr<std::byte[]>>& spareChunks() {
-  thread_local std::vector<std::shared_ptr<std::byte[]>> chunks;
-  return chunks;
-}
-
-std::shared_ptr<std::byte[]> chunkOf(std::size_t capacity) {
-  if (capacity != kChunkBytes || spareChunks().empty()) return std::make_shared_for_overwrite<std::byte[]>(capacity);
-  auto chunk = std::move(spareChunks().back());
-  spareChunks().pop_back();
+ChunkPool::Chunk ChunkPool::take(std::size_t capacityBytes) {
+  if (capacityBytes != kChunkBytes || idle_.empty()) return std::make_shared_for_overwrite<std::byte[]>(capacityBytes);
+  Chunk chunk = std::move(idle_.back());
+  idle_.pop_back();
   return chunk;
 }
 
-void spare(std::shared_ptr<std::byte[]> chunk, std::size_t capacity) {
-  if (capacity == kChunkBytes && chunk.use_count() == 1 && spareChunks().size() < kSpareChunks) {
-    spareChunks().push_back(std::move(chunk));
-  }
+void ChunkPool::giveBack(Chunk chunk, std::size_t capacityBytes) {
+  if (capacityBytes == kChunkBytes && chunk.use_count() == 1 && idle_.size() < kIdleChunks) idle_.push_back(std::move(chunk));
 }
-
-}  // namespace
 
 std::size_t OutputQueue::Piece::fileBytes() const {
   std::size_t bytes = 0;
@@ -67,10 +50,6 @@ std::size_t OutputQueue::Piece::fileBytes() const {
 }
 
 void OutputQueue::append(const OutgoingMessage& frame) {
-  if (frame.sharedRun().chunk && appendRun(frame.sharedRun(), frame.wireBytes())) {
-    frameEnds_.push_back(appendedBytes_);
-    return;
-  }
   if (!frame.files().empty()) {
     // The files go with the frame's first byte, so a piece begins here.
     Piece& piece = pieces_.emplace_back();
@@ -91,41 +70,11 @@ void OutputQueue::append(const OutgoingMessage& frame) {
   frameEnds_.push_back(appendedBytes_);
 }
 
-// False when it is to be copied.
-bool OutputQueue::appendRun(const SharedRun& run, std::size_t sizeBytes) {
-  if (copies_ || confidential_) return false;
-  if (!pieces_.empty() && pieces_.back().chunk == run.chunk && pieces_.back().end == run.begin) {
-    pieces_.back().end += sizeBytes;
-  } else {
-    if (pieces_.size() >= kPiecesWithRuns) return false;
-    Piece& piece = pieces_.emplace_back();
-    piece.chunk = run.chunk;
-    piece.isRun = true;
-    piece.begin = run.begin;
-    piece.end = run.begin + sizeBytes;
-  }
-  appendedBytes_ += sizeBytes;
-  return true;
-}
-
-void OutputQueue::unshare() {
-  copies_ = true;
-  const std::uint64_t appended = appendedBytes_;
-  for (Piece& piece : std::exchange(pieces_, {})) {
-    if (piece.isRun) {
-      appendBytes({piece.data() + piece.begin, piece.size()});
-    } else {
-      pieces_.push_back(std::move(piece));
-    }
-  }
-  appendedBytes_ = appended;
-}
-
 void OutputQueue::appendBytes(std::span<const std::byte> bytes) {
   while (!bytes.empty()) {
     if (chunkUsed_ == chunkCapacity_) {
       chunkCapacity_ = chunk_ == nullptr && bytes.size() <= kFirstChunkBytes ? kFirstChunkBytes : kChunkBytes;
-      chunk_ = chunkOf(chunkCapacity_);
+      chunk_ = chunks_.take(chunkCapacity_);
       chunkUsed_ = 0;
       ownBytes_ += chunkCapacity_;
     }
@@ -211,10 +160,10 @@ void OutputQueue::consume(std::size_t sent) {
     sent -= taken;
     if (piece.size() > 0) break;
     // The last piece of a full chunk takes the chunk with it.
-    if (piece.chunk && !piece.isRun && piece.chunk.use_count() == 1) {
+    if (piece.chunk && piece.chunk.use_count() == 1) {
       ownBytes_ -= piece.chunkCapacity;
       wipe(piece);
-      spare(std::move(piece.chunk), piece.chunkCapacity);
+      chunks_.giveBack(std::move(piece.chunk), piece.chunkCapacity);
     }
     pieces_.pop_front();
   }
@@ -229,14 +178,13 @@ void OutputQueue::consume(std::size_t sent) {
 void OutputQueue::clear() {
   for (Piece& piece : pieces_) {
     wipe(piece);
-    if (!piece.isRun) spare(std::move(piece.chunk), piece.chunkCapacity);
+    if (piece.chunk) chunks_.giveBack(std::move(piece.chunk), piece.chunkCapacity);
   }
   confidential_ = false;
-  copies_ = false;
   pieces_.clear();
   // A first chunk stays for the next frames; whatever grew beyond it goes.
   if (chunkCapacity_ > kFirstChunkBytes) {
-    spare(std::move(chunk_), chunkCapacity_);
+    chunks_.giveBack(std::move(chunk_), chunkCapacity_);
     chunkCapacity_ = 0;
   }
   chunkUsed_ = 0;
@@ -248,7 +196,7 @@ void OutputQueue::clear() {
 }
 
 void OutputQueue::wipe(const Piece& piece) const {
-  if (confidential_ && piece.chunk && !piece.isRun) keel::wipe({piece.chunk.get(), piece.chunkCapacity});
+  if (confidential_ && piece.chunk) keel::wipe({piece.chunk.get(), piece.chunkCapacity});
 }
 
 void OutputQueue::dropUnbegunFrames() {
@@ -274,21 +222,16 @@ void OutputQueue::dropUnbegunFrames() {
   if (empty()) clear();
 }
 
-void BorrowedOutputQueue::borrow() {
-  if (queue_) return;
-  auto& ready = readyQueues();
-  if (ready.empty()) {
-    queue_ = std::make_unique<OutputQueue>();
-  } else {
-    queue_ = std::move(ready.back());
-    ready.pop_back();
-  }
+std::unique_ptr<OutputQueue> OutputQueuePool::take() {
+  if (idle_.empty()) return std::make_unique<OutputQueue>(chunks_);
+  auto queue = std::move(idle_.back());
+  idle_.pop_back();
+  return queue;
 }
 
-void BorrowedOutputQueue::giveBack() {
-  KEEL_CHECK(!queue_ || queue_->empty());
-  if (queue_ && readyQueues().size() < kReadyQueues) readyQueues().push_back(std::move(queue_));
-  queue_.reset();
+void OutputQueuePool::giveBack(std::unique_ptr<OutputQueue> queue) {
+  KEEL_CHECK(queue->empty());
+  if (idle_.size() < kIdleQueues) idle_.push_back(std::move(queue));
 }
 
 }  // namespace keel::xpc

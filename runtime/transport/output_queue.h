@@ -17,11 +17,25 @@
 
 namespace keel::xpc {
 
+// Large chunks that output queues fill in turn: to allocate and free one costs as much as to fill it. On one thread.
+class ChunkPool {
+ public:
+  using Chunk = std::shared_ptr<std::byte[]>;
+
+  Chunk take(std::size_t capacityBytes);
+  // Keeps a chunk that nobody else refers to, if there is room.
+  void giveBack(Chunk chunk, std::size_t capacityBytes);
+
+ private:
+  std::vector<Chunk> idle_;
+};
+
 // Frames that wait to be written to a socket. Small ones are copied behind one another; larger values, and frames that go to
 // several connections, stay where they are and are shared. One sendmsg(2) then takes as much as the socket has room for.
 class OutputQueue {
  public:
-  OutputQueue() = default;
+  // `chunks` is borrowed.
+  explicit OutputQueue(ChunkPool& chunks) : chunks_(chunks) {}
   OutputQueue(const OutputQueue&) = delete;
   OutputQueue& operator=(const OutputQueue&) = delete;
 
@@ -44,11 +58,7 @@ class OutputQueue {
   // The socket does not tell when that is over.
   bool isStuck() const { return stuck_; }
 
-  // Copies the shared frames that the socket did not take, and those that come until it has taken all: whoever reads slowly
-  // must not hold on to what others have long been sent, much of which may not even be his.
-  void unshare();
-
-  // Drops the frames of which nothing was written, or of a series of frames the whole; what was begun can be completed.
+  // Drops the messages of which nothing was written; what was begun can be completed.
   void dropUnbegunFrames();
 
  private:
@@ -60,19 +70,18 @@ class OutputQueue {
     std::size_t begin = 0;
     std::size_t end = 0;
     std::vector<BufferRef> files;
-    bool isRun = false;  // `chunk` is that of a SharedRun
     const std::byte* data() const { return shared ? shared->bytes().data() : chunk.get(); }
     std::size_t size() const { return end - begin; }
     std::size_t fileBytes() const;
   };
 
-  bool appendRun(const SharedRun& run, std::size_t sizeBytes);
   void appendBytes(std::span<const std::byte> bytes);
   ssize_t sendPieces(int socket) const;
   void consume(std::size_t sent);
   void clear();
   void wipe(const Piece& piece) const;
 
+  ChunkPool& chunks_;
   std::deque<Piece> pieces_;
   // The chunk that is being filled, perhaps by several pieces.
   std::shared_ptr<std::byte[]> chunk_;
@@ -80,7 +89,6 @@ class OutputQueue {
   std::size_t chunkUsed_ = 0;
   bool confidential_ = false;
   bool stuck_ = false;
-  bool copies_ = false;  // shared frames, too, until the queue is empty
   std::uint64_t appendedBytes_ = 0;
   std::uint64_t sentBytes_ = 0;
   std::size_t ownBytes_ = 0;
@@ -90,23 +98,17 @@ class OutputQueue {
   std::vector<std::uint64_t> frameEnds_;  // where each waiting frame ends, counted as appendedBytes_ is
 };
 
-// Output queues are needed only while something waits; then a connection borrows one. Kept ready per thread, with their memory,
-// so that a busy daemon allocates none.
-class BorrowedOutputQueue {
+// Output queues that connections borrow while something waits. Kept with their memory, so that a busy daemon allocates none. On
+// one thread.
+class OutputQueuePool {
  public:
-  BorrowedOutputQueue() = default;
-  BorrowedOutputQueue(BorrowedOutputQueue&&) = default;
-  BorrowedOutputQueue& operator=(BorrowedOutputQueue&&) = default;
-
-  explicit operator bool() const { return queue_ != nullptr; }
-  OutputQueue* operator->() const { return queue_.get(); }
-  // Has one from now on.
-  void borrow();
-  // Gives it back; it must be empty.
-  void giveBack();
+  std::unique_ptr<OutputQueue> take();
+  // The queue must be empty.
+  void giveBack(std::unique_ptr<OutputQueue> queue);
 
  private:
-  std::unique_ptr<OutputQueue> queue_;
+  ChunkPool chunks_;
+  std::vector<std::unique_ptr<OutputQueue>> idle_;
 };
 
 }  // namespace keel::xpc

@@ -18,6 +18,8 @@
 namespace keel::xpc {
 namespace {
 
+ChunkPool chunks;
+
 struct SocketPair {
   SocketPair() {
     int both[2];
@@ -70,7 +72,7 @@ OutgoingMessage messageOf(std::size_t smallBytes, std::size_t largeBytes, char f
 
 TEST(OutputQueue, SmallAndLargeFramesArriveInOrder) {
   SocketPair pair;
-  OutputQueue queue;
+  OutputQueue queue(chunks);
   std::string expected;
   for (int i = 0; i < 20; ++i) {
     const OutgoingMessage message =
@@ -87,7 +89,7 @@ TEST(OutputQueue, SmallAndLargeFramesArriveInOrder) {
 
 TEST(OutputQueue, FullSocketKeepsTheRestInOrder) {
   SocketPair pair;
-  OutputQueue queue;
+  OutputQueue queue(chunks);
   std::string expected;
   std::string received;
   std::mt19937 random(99);
@@ -111,7 +113,7 @@ TEST(OutputQueue, FullSocketKeepsTheRestInOrder) {
 TEST(OutputQueue, DroppingKeepsTheFrameThatIsUnderWayWhole) {
   for (const std::size_t largeBytes : {std::size_t{0}, std::size_t{300'000}}) {
     SocketPair pair;
-    OutputQueue queue;
+    OutputQueue queue(chunks);
     std::vector<std::string> frames;
     for (int i = 0; i < 400; ++i) {
       const OutgoingMessage message = messageOf(2000, largeBytes, static_cast<char>('a' + i % 26));
@@ -137,7 +139,7 @@ TEST(OutputQueue, DroppingKeepsTheFrameThatIsUnderWayWhole) {
 }
 
 TEST(OutputQueue, DroppingBeforeAnythingWasSentDropsAll) {
-  OutputQueue queue;
+  OutputQueue queue(chunks);
   queue.append(messageOf(10, 5000, 'x'));
   queue.append(messageOf(10, 0, 'y'));
   queue.dropUnbegunFrames();
@@ -147,7 +149,7 @@ TEST(OutputQueue, DroppingBeforeAnythingWasSentDropsAll) {
 // The kernel bounds what an ordinary user has sent and nobody received by that user's limit of descriptors.
 int exitCodeOfTooManyFiles() {
   SocketPair pair;
-  OutputQueue queue;
+  OutputQueue queue(chunks);
   const BufferRef large = bufferOf(100'000, 'z');
   for (int i = 0; i < 200; ++i) {
     OutgoingMessage message;
@@ -180,7 +182,7 @@ TEST(OutputQueue, TooManyFilesOnTheirWayAreAShortageThatPasses) {
 
 TEST(OutputQueue, SealedFilesArriveWithTheirFrames) {
   SocketPair pair;
-  OutputQueue queue;
+  OutputQueue queue(chunks);
   queue.append(messageOf(10, 0, 'a'));
   OutgoingMessage message;
   message.begin();
@@ -221,7 +223,7 @@ TEST(OutputQueue, SealedFilesArriveWithTheirFrames) {
 TEST(OutputQueue, ClosedPeerIsAnError) {
   SocketPair pair;
   pair.theirs.reset();
-  OutputQueue queue;
+  OutputQueue queue(chunks);
   queue.append(messageOf(10, 0, 'a'));
   const auto flushed = queue.flush(pair.ours.get());
   ASSERT_FALSE(flushed);
@@ -231,13 +233,12 @@ TEST(OutputQueue, ClosedPeerIsAnError) {
 OutgoingMessage sharedMessageOf(std::size_t smallBytes, char fill) {
   OutgoingMessage message = messageOf(smallBytes, 0, fill);
   message.share();
-  EXPECT_NE(message.sharedRun().chunk, nullptr);
   return message;
 }
 
 TEST(OutputQueue, SharedFramesArriveInOrderBetweenOthers) {
   SocketPair pairs[2];
-  OutputQueue queues[2];
+  OutputQueue queues[2] = {OutputQueue(chunks), OutputQueue(chunks)};
   std::string expected;
   for (int i = 0; i < 100; ++i) {
     const auto size = static_cast<std::size_t>(i) * 7;
@@ -254,60 +255,31 @@ TEST(OutputQueue, SharedFramesArriveInOrderBetweenOthers) {
   }
 }
 
-TEST(OutputQueue, SharedFramesAreHeldTogetherUntilTheyAreSent) {
+TEST(OutputQueue, ASharedMessageIsReferredToUntilItIsSent) {
   SocketPair pair;
-  OutputQueue queue;
-  const OutgoingMessage message = sharedMessageOf(100, 'x');
-  const auto holders = message.sharedRun().chunk.use_count();
+  OutputQueue queue(chunks);
+  const OutgoingMessage message = sharedMessageOf(4000, 'x');
+  ASSERT_EQ(message.splices().size(), 1u);
+  const BufferRef& shared = message.splices().front().buffer;
+  ASSERT_FALSE(shared->isShared());
   queue.append(message);
   EXPECT_EQ(queue.ownBytes(), 0u);
-  EXPECT_EQ(message.sharedRun().chunk.use_count(), holders + 1);
+  EXPECT_TRUE(shared->isShared());
   ASSERT_TRUE(queue.flush(pair.ours.get()));
-  EXPECT_EQ(message.sharedRun().chunk.use_count(), holders);
+  EXPECT_FALSE(shared->isShared());
 }
 
-TEST(OutputQueue, WhatASlowReaderLeavesIsCopied) {
-  SocketPair pair;
-  OutputQueue queue;
-  const OutgoingMessage message = sharedMessageOf(4000, 'x');
-  const auto holders = message.sharedRun().chunk.use_count();
-  std::string expected;
-  for (int i = 0; i < 200; ++i) {
-    queue.append(message);
-    expected += flat(message);
-  }
-  ASSERT_TRUE(queue.flush(pair.ours.get()));
-  ASSERT_FALSE(queue.empty());
-  const std::size_t waiting = queue.waitingBytes();
-  queue.unshare();
-  queue.append(message);
-  expected += flat(message);
-  EXPECT_EQ(message.sharedRun().chunk.use_count(), holders);
-  EXPECT_EQ(queue.waitingBytes(), waiting + message.wireBytes());
-  EXPECT_GE(queue.ownBytes(), queue.waitingBytes());
-  std::string received = pair.receive();
-  while (!queue.empty()) {
-    ASSERT_TRUE(queue.flush(pair.ours.get()));
-    received += pair.receive();
-  }
-  EXPECT_EQ(received, expected);
-  // With everything taken it shares again.
-  queue.append(message);
-  EXPECT_EQ(message.sharedRun().chunk.use_count(), holders + 1);
-}
-
-TEST(OutputQueue, ConfidentialFramesAreNotShared) {
-  OutputQueue queue;
-  queue.setConfidential();
+TEST(OutputQueue, ASmallMessageIsCopiedForEach) {
+  OutputQueue queue(chunks);
   const OutgoingMessage message = sharedMessageOf(100, 'x');
-  const auto holders = message.sharedRun().chunk.use_count();
+  EXPECT_TRUE(message.splices().empty());
   queue.append(message);
-  EXPECT_EQ(message.sharedRun().chunk.use_count(), holders);
+  EXPECT_GT(queue.ownBytes(), 0u);
 }
 
 TEST(OutputQueue, UnbegunSharedFramesCanBeDropped) {
   SocketPair pair;
-  OutputQueue queue;
+  OutputQueue queue(chunks);
   const OutgoingMessage message = sharedMessageOf(4000, 'x');
   for (int i = 0; i < 200; ++i) queue.append(message);
   ASSERT_TRUE(queue.flush(pair.ours.get()));
@@ -321,8 +293,8 @@ TEST(OutputQueue, UnbegunSharedFramesCanBeDropped) {
   EXPECT_EQ(received.size() % message.wireBytes(), 0u);
 }
 
-// Frames of 1,000 bytes that travel together.
-OutgoingMessage seriesOf(std::size_t frameCount, char fill) {
+// A batch of frames of 1,000 bytes.
+OutgoingMessage batchOf(std::size_t frameCount, char fill) {
   OutgoingMessage message;
   for (std::size_t i = 0; i < frameCount; ++i) {
     cbor::Writer writer = i == 0 ? message.begin() : message.beginNext();
@@ -332,28 +304,27 @@ OutgoingMessage seriesOf(std::size_t frameCount, char fill) {
   return message;
 }
 
-TEST(OutputQueue, ASeriesOfFramesIsShared) {
-  OutgoingMessage message = seriesOf(32, 'x');
+TEST(OutputQueue, ABatchIsSharedWhole) {
+  OutgoingMessage message = batchOf(32, 'x');
   message.share();
-  ASSERT_TRUE(message.sharedRun().chunk);
+  ASSERT_EQ(message.splices().size(), 1u);
   SocketPair pair;
-  OutputQueue queue;
+  OutputQueue queue(chunks);
   queue.append(message);
   EXPECT_EQ(queue.ownBytes(), 0u);
   ASSERT_TRUE(queue.flush(pair.ours.get()));
   EXPECT_EQ(pair.receive(), flat(message));
 }
 
-TEST(OutputQueue, DroppingLeavesNoPartOfAFrameOfASeries) {
+TEST(OutputQueue, DroppingLeavesNoPartOfAFrameOfABatch) {
   for (const bool shared : {false, true}) {
     SocketPair pair;
-    OutputQueue queue;
-    OutgoingMessage message = seriesOf(30, 'x');
+    OutputQueue queue(chunks);
+    OutgoingMessage message = batchOf(30, 'x');
     if (shared) message.share();
     for (int i = 0; i < 40; ++i) queue.append(message);
     ASSERT_TRUE(queue.flush(pair.ours.get()));
     ASSERT_FALSE(queue.empty());
-    queue.unshare();
     queue.dropUnbegunFrames();
     OutgoingMessage goodbye;
     goodbye.begin().text("goodbye");
@@ -371,21 +342,20 @@ TEST(OutputQueue, DroppingLeavesNoPartOfAFrameOfASeries) {
   }
 }
 
-TEST(OutputQueue, BorrowedQueueIsUsedAgain) {
-  BorrowedOutputQueue first;
-  first.borrow();
+TEST(OutputQueuePool, HandsOutAQueueThatWasGivenBack) {
+  OutputQueuePool pool;
+  auto first = pool.take();
+  OutputQueue* const address = first.get();
   first->append(messageOf(10, 0, 'a'));
   SocketPair pair;
   ASSERT_TRUE(first->flush(pair.ours.get()));
-  first.giveBack();
-  EXPECT_FALSE(first);
-  BorrowedOutputQueue second;
-  second.borrow();
+  pool.giveBack(std::move(first));
+  const auto second = pool.take();
+  EXPECT_EQ(second.get(), address);
   EXPECT_TRUE(second->empty());
   second->append(messageOf(10, 0, 'b'));
   ASSERT_TRUE(second->flush(pair.ours.get()));
   EXPECT_EQ(pair.receive(), flat(messageOf(10, 0, 'a')) + flat(messageOf(10, 0, 'b')));
-  second.giveBack();
 }
 
 }  // namespace

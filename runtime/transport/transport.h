@@ -15,6 +15,8 @@
 
 namespace keel::xpc {
 
+class TransportContext;
+
 // Carries whole frames to and from one peer. FrameStream does it over a socket; tests have their own.
 class Transport {
  public:
@@ -35,6 +37,9 @@ class Transport {
   };
 
   virtual ~Transport() = default;
+
+  // Outlives the transport.
+  virtual TransportContext& context() = 0;
 
   // Begins to read. The receiver is borrowed, and must outlive the transport or the call of onClosed().
   virtual void start(Receiver& receiver) = 0;

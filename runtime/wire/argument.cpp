@@ -4,7 +4,6 @@
 #include "runtime/foundation/cbor.h"
 #include "runtime/foundation/sealed_memory.h"
 #include "runtime/wire/limits.h"
-#include "runtime/wire/recent_names.h"
 
 namespace keel::xpc {
 
@@ -37,9 +36,8 @@ bool ArgumentReader::encodedItem(std::uint8_t major, BufferRef& item) {
 bool ArgumentReader::string(String& value) {
   std::string_view text;
   if (!cursor.text(text) || !mayHold(text.size() + limits::kRecordBytes, quota_.grantedNameBytes())) return false;
-  if (brief_ && !confidential_ && text.size() <= RecentNames::kLongestBytes) {
-    thread_local RecentNames recent;
-    value = recent.of(text);
+  if (names_ != nullptr && !confidential_ && text.size() <= NameCache::kLongestBytes) {
+    value = names_->nameOf(text);
     return true;
   }
   value = String(text, *quota_.account, limits::kRecordBytes);

@@ -1,45 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <vector>
 
 #include "runtime/foundation/collections.h"
 #include "runtime/foundation/error.h"
+#include "runtime/foundation/memory_account.h"
 #include "runtime/foundation/string.h"
+#include "runtime/wire/name_cache.h"
 #include "runtime/wire/wire.h"
 
 // How each type that may stand in a protocol travels.
 
 namespace keel::xpc {
-
-// Whose memory pays for what a peer sends, and how much of it the peer may hold. Those of users live as long as the process.
-struct MemoryQuota {
-  // Where nobody is held to anything.
-  static const MemoryQuota& ofProcess() {
-    static const MemoryQuota quota;
-    return quota;
-  }
-
-  MemoryAccount* account = &MemoryAccount::ofProcess();
-  std::size_t limitBytes = std::numeric_limits<std::size_t>::max();
-  // What several hold together, and may hold. One of them may hold as much as is still free: no single one takes it all.
-  const MemoryAccount* sum = nullptr;
-  std::size_t sumLimitBytes = 0;
-
-  std::size_t grantedBytes() const {
-    if (sum == nullptr) return limitBytes;
-    const std::size_t held = sum->bytes();
-    return std::min(limitBytes, held < sumLimitBytes ? sumLimitBytes - held : 0);
-  }
-  // Names may go beyond by half: who holds too much must be able to say what it gives up.
-  std::size_t grantedNameBytes() const {
-    const std::size_t granted = grantedBytes();
-    return granted + std::min(granted / 2, std::numeric_limits<std::size_t>::max() - granted);
-  }
-};
 
 // Reads the arguments of one message in place. `files` are the sealed memory files that came for it, taken in order; none may
 // be larger than `sealedLimitBytes`.
@@ -61,8 +36,8 @@ class ArgumentReader {
   bool mayHoldMore() { return mayHold(0, quota_.grantedBytes()); }
   // What is read from here on is wiped when it is let go of.
   void setConfidential(bool confidential) { confidential_ = confidential; }
-  // Text that is read from here on may be shared with that of earlier messages, at nobody's expense: nothing is kept for it.
-  void setBrief(bool brief) { brief_ = brief; }
+  // Text that is read from here on may come from `names`, charged to nobody: the request keeps none of it. Borrowed.
+  void takeNamesFrom(NameCache& names) { names_ = &names; }
 
   cbor::Cursor cursor;
 
@@ -75,7 +50,7 @@ class ArgumentReader {
   const MemoryQuota& quota_;
   bool overQuota_ = false;
   bool confidential_ = false;
-  bool brief_ = false;
+  NameCache* names_ = nullptr;
 };
 
 // Writes the arguments of one message; `takesDescriptors` says whether the peer does.

@@ -49,7 +49,7 @@ inline constexpr std::size_t kTotalWaitingBytes = 512u << 20;
 inline constexpr std::size_t kPauseReadingBytes = 1u << 20;
 
 // How long the goodbye to an invalidated connection, and what stood before it, may take to leave.
-inline constexpr std::chrono::seconds kFarewell{5};
+inline constexpr std::chrono::seconds kLinger{5};
 
 // Values of at least this size travel as a sealed memory file where the peer takes descriptors. Below it the system calls
 // for the file cost more than the copy.
@@ -57,6 +57,13 @@ inline constexpr std::size_t kSealedMemoryBytes = 64u << 10;
 
 // Values of at least this size are sent from where they lie; smaller ones are copied behind one another.
 inline constexpr std::size_t kSharedPieceBytes = 4u << 10;
+
+// Messages of at least this size that go to several connections are encoded into one buffer, to which all refer; smaller ones
+// are copied for each, which costs less than referring to them.
+inline constexpr std::size_t kSharedMessageBytes = 2u << 10;
+
+// What one client sends in a row for one name is delivered together up to this size.
+inline constexpr std::size_t kBatchBytes = 32u << 10;
 
 // Descriptors that one message may carry. In practice it is one.
 inline constexpr std::size_t kDescriptorsPerMessage = 8;

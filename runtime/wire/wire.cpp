@@ -37,24 +37,24 @@ void OutgoingMessage::wipe() {
   keel::wipe(bytes_.bytes());
 }
 
-cbor::Writer OutgoingMessage::begin() {
+void OutgoingMessage::clear() {
   bytes_.clear();
   splices_.clear();
   files_.clear();
   splicedBytes_ = 0;
-  sharedRun_ = {};
-  return beginNext();
 }
 
 cbor::Writer OutgoingMessage::beginNext() {
-  KEEL_CHECK(splices_.empty() && files_.empty());
+  // Files go with the first byte of the message.
+  KEEL_CHECK(files_.empty());
   frameBegin_ = bytes_.size();
+  frameBeginOnWire_ = wireBytes();
   bytes_.append(std::array<std::byte, kLengthBytes>{});
   return writer();
 }
 
 bool OutgoingMessage::finish() {
-  const std::size_t length = wireBytes() - frameBegin_ - kLengthBytes;
+  const std::size_t length = wireBytes() - frameBeginOnWire_ - kLengthBytes;
   if (length > limits::kFrameBytesFromDaemon) return false;
   const std::span<std::byte> field = bytes_.bytes().subspan(frameBegin_, kLengthBytes);
   for (std::size_t i = 0; i < kLengthBytes; ++i) field[i] = static_cast<std::byte>(length >> (8 * i));
@@ -62,7 +62,10 @@ bool OutgoingMessage::finish() {
 }
 
 void OutgoingMessage::share() {
-  if (!sharedRun_.chunk && splices_.empty() && files_.empty()) sharedRun_ = shareRun(bytes_);
+  if (bytes_.size() < limits::kSharedMessageBytes || !splices_.empty() || !files_.empty()) return;
+  splices_.push_back({0, Buffer::copyOf(bytes_)});
+  splicedBytes_ = bytes_.size();
+  bytes_.clear();
 }
 
 void OutgoingMessage::item(const BufferRef& encoded) {

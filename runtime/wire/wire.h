@@ -10,7 +10,6 @@
 #include "runtime/foundation/buffer.h"
 #include "runtime/foundation/cbor_cursor.h"
 #include "runtime/foundation/cbor_writer.h"
-#include "runtime/wire/shared_run.h"
 
 // The frames of docs/protocol.md: a length of 4 bytes, little-endian, and one CBOR array whose first element says its kind.
 
@@ -43,9 +42,8 @@ enum class FailureCode : std::uint8_t {
   overQuota = 8,       // the sender's user holds too much already
 };
 
-// A frame to be sent, in pieces: bytes of its own, and between them larger values that stay where they are. Or several frames
-// that travel together, without such values. Reused from message to message, so that building one allocates nothing in the
-// steady state.
+// One or more frames to be sent together, in pieces: bytes of its own, and between them larger values that stay where they are.
+// Reused from message to message, so that building one allocates nothing in the steady state.
 class OutgoingMessage {
  public:
   struct Splice {
@@ -57,17 +55,21 @@ class OutgoingMessage {
   OutgoingMessage(OutgoingMessage&&) = default;
   OutgoingMessage& operator=(OutgoingMessage&&) = default;
 
-  // Starts anew: forgets everything and leaves room for the length.
-  cbor::Writer begin();
+  // Drops everything but the memory.
+  void clear();
+  // Starts anew with the first frame.
+  cbor::Writer begin() {
+    clear();
+    return beginNext();
+  }
   // Starts a further frame behind the finished ones.
   cbor::Writer beginNext();
   // Completes the length. False when the frame would be longer than its length field can say.
   bool finish();
 
-  // For finished frames that go to several connections: their bytes are kept once for all of them. Nothing where there are
-  // splices, files, or too many bytes.
+  // For finished frames that go to several connections: moves bytes that are too many to copy for each into a shared buffer.
+  // Frames that refer to larger values or files stay as they are.
   void share();
-  const SharedRun& sharedRun() const { return sharedRun_; }
 
   // Overwrites what stands here; after it only begin() makes sense.
   void wipe();
@@ -84,14 +86,17 @@ class OutgoingMessage {
   const std::vector<BufferRef>& files() const { return files_; }
   // The length on the wire, length fields included.
   std::size_t wireBytes() const { return bytes_.size() + splicedBytes_; }
+  // The memory that it keeps.
+  std::size_t capacityBytes() const { return bytes_.capacity(); }
 
  private:
   ByteSink bytes_;
   std::vector<Splice> splices_;
   std::vector<BufferRef> files_;
   std::size_t splicedBytes_ = 0;
-  std::size_t frameBegin_ = 0;  // in bytes(), of the last frame
-  SharedRun sharedRun_;
+  // Of the last frame, in bytes() and on the wire.
+  std::size_t frameBegin_ = 0;
+  std::size_t frameBeginOnWire_ = 0;
 };
 
 // The first elements of a message, as far as they can be read from the beginning of a frame: enough to answer a request whose

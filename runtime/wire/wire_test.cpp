@@ -2,7 +2,10 @@
 #include "runtime/wire/wire.h"
 
 #include <gtest/gtest.h>
+
 #include <unistd.h>
+#include <algorithm>
+#include <cstring>
 
 #include <algorithm>
 #include <limits>
@@ -234,6 +237,39 @@ TEST(Arguments, OfTheLargestDepthAreWellFormedAndOneMoreIsNot) {
   EXPECT_FALSE(areWellFormedArguments(nested(limits::kDepth + 1, 0xa1), 1));
   EXPECT_TRUE(areWellFormedArguments(nested(limits::kDepth + limits::kArrayWrapping, 0x81), 1));
   EXPECT_FALSE(areWellFormedArguments(nested(limits::kDepth + limits::kArrayWrapping + 1, 0x81), 1));
+}
+
+TEST(Message, FramesWithLargeValuesHaveTheirOwnLengths) {
+  const BufferRef large = Buffer::make(5000, [](std::byte* bytes) { std::fill_n(bytes, 5000, std::byte{0x61}); });
+  OutgoingMessage message;
+  message.clear();
+  std::string expected;
+  for (int i = 0; i < 2; ++i) {
+    message.beginNext().unsignedInteger(static_cast<std::uint64_t>(i));
+    message.item(large);
+    ASSERT_TRUE(message.finish());
+  }
+  ASSERT_EQ(message.splices().size(), 2u);
+  EXPECT_EQ(message.wireBytes(), 2 * (kLengthBytes + 1 + 5000));
+  for (const std::size_t begin : {std::size_t{0}, kLengthBytes + 1}) {
+    std::uint32_t length = 0;
+    std::memcpy(&length, message.bytes().data() + begin, sizeof(length));
+    EXPECT_EQ(length, 5001u);
+  }
+}
+
+TEST(Message, SharingMovesLargeMessagesIntoABuffer) {
+  for (const std::size_t size : {limits::kSharedMessageBytes - kLengthBytes - 4, limits::kSharedMessageBytes}) {
+    OutgoingMessage message;
+    message.begin().text(std::string(size, 'x'));
+    ASSERT_TRUE(message.finish());
+    const std::size_t wireBytes = message.wireBytes();
+    message.share();
+    EXPECT_EQ(message.wireBytes(), wireBytes);
+    const bool isShared = wireBytes >= limits::kSharedMessageBytes;
+    EXPECT_EQ(message.bytes().empty(), isShared);
+    EXPECT_EQ(message.splices().size(), isShared ? 1u : 0u);
+  }
 }
 
 }  // namespace

@@ -14,9 +14,9 @@ namespace keel::xpc {
 // made. Fails with a POSIX error: ENOENT or ECONNREFUSED when nobody serves that name, EACCES, EAGAIN when the service is
 // overloaded.
 std::expected<std::shared_ptr<Connection>, Error> connectToService(const std::string& directory, const std::string& name,
-                                                                   Reactor& reactor);
+                                                                   TransportContext& context);
 
 // The client's end over a socket that is connected already; for tests and inherited sockets.
-std::shared_ptr<Connection> clientConnection(FileDescriptor connectedSocket, Reactor& reactor);
+std::shared_ptr<Connection> clientConnection(FileDescriptor connectedSocket, TransportContext& context);
 
 }  // namespace keel::xpc

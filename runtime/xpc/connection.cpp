@@ -1,37 +1,37 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// docs/protocol.md has the rules. In short: what cannot be served is answered with a failure and the connection stays, answers
+// are never answered, and only a peer that does not begin properly is turned away.
 #include "runtime/xpc/connection.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
+#include "runtime/foundation/secret.h"
 #include "runtime/foundation/value.h"
-#include "runtime/xpc/remote_proxy.h"
+#include "runtime/logging/logger.h"
+#include "runtime/xpc/hello.h"
 
 namespace keel::xpc {
 
 namespace {
 
-// Connections are told apart in texts by a number; they are made on whatever thread has a reactor.
-std::atomic<std::uint32_t> lastConnectionNumber{0};
-
-// One message per thread to build in, so that none is allocated.
-OutgoingMessage& scratchMessage() {
-  thread_local OutgoingMessage message;
-  return message;
+Logger& logger() {
+  static Logger& runtime = _loggerForCategory("runtime");
+  return runtime;
 }
 
-// How large replies may be that travel together, and how many do.
-constexpr std::size_t kLargestRepliesTogether = 256;
-constexpr std::size_t kRepliesTogether = 64;
+// Connections are told apart in texts by a number. They are made on any thread that runs a reactor.
+std::atomic<std::uint32_t> lastConnectionNumber{0};
 
-void writeReplyHead(OutgoingMessage& message, std::uint64_t requestId, std::size_t resultCount) {
-  cbor::Writer writer = message.writer();
-  writer.array(3);
-  writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::reply));
-  writer.unsignedInteger(requestId);
-  writer.array(resultCount);
+std::vector<FileDescriptor> takeFirst(std::vector<FileDescriptor>& files, std::size_t count) {
+  const auto end = files.begin() + static_cast<std::ptrdiff_t>(std::min(count, files.size()));
+  std::vector<FileDescriptor> taken(std::make_move_iterator(files.begin()), std::make_move_iterator(end));
+  files.erase(files.begin(), end);
+  return taken;
 }
 
 }  // namespace
@@ -43,7 +43,7 @@ Error connectionError(ConnectionErrorCode code, std::string_view description) {
 
 std::shared_ptr<Connection> Connection::create(PeerIdentity peer, std::unique_ptr<Transport> transport,
                                                const Options& options) {
-  // Destroyed on the I/O thread, whoever lets go of it last: there it may be used without being counted.
+  // Destroyed on the I/O thread, whoever releases it last: there it may be used without being counted.
   return std::shared_ptr<Connection>(new Connection(std::move(peer), std::move(transport), options), [](Connection* last) {
     std::unique_ptr<Connection> owned(last);
     if (!owned->transport_->onIoThread()) last->transport_->performLater([going = std::move(owned)] {});
@@ -51,7 +51,11 @@ std::shared_ptr<Connection> Connection::create(PeerIdentity peer, std::unique_pt
 }
 
 Connection::Connection(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options)
-    : transport_(std::move(transport)), options_(options), number_(++lastConnectionNumber), peer_(std::move(peer)) {}
+    : transport_(std::move(transport)),
+      server_(*this),
+      options_(options),
+      number_(++lastConnectionNumber),
+      peer_(std::move(peer)) {}
 
 Connection::~Connection() = default;
 
@@ -60,11 +64,31 @@ std::string Connection::description() const {
                      peer_.auditSession);
 }
 
+void Connection::setQueue(std::shared_ptr<SerialQueue> queue, Executor& slowRequests) {
+  queue_ = std::move(queue);
+  slowRequests_ = &slowRequests;
+  server_.setShared();
+}
+
+void Connection::setConfidential() {
+  confidential_ = true;
+  transport_->setConfidential();
+}
+
+Connection::Asking& Connection::asking() {
+  if (!asking_) asking_ = std::make_unique<Asking>();
+  return *asking_;
+}
+
 void Connection::resume() {
   KEEL_CHECK(state_ == State::configured);
   state_ = State::running;
   keptAlive_ = shared_from_this();
-  sendHello();
+  const MessagePool::Borrowed message = context().messages().borrow();
+  const Interface* const exported = server_.interface();
+  writeHello(*message, exported != nullptr ? exported->selectors() : std::span<const std::string_view>(),
+             options_.takesDescriptors);
+  send(*message);
   transport_->start(*this);
 }
 
@@ -72,38 +96,155 @@ void Connection::invalidate(std::string_view goodbye) {
   end(goodbye, /*transportIsClosed=*/false);
 }
 
-void Connection::sendHello() {
-  OutgoingMessage& message = scratchMessage();
-  cbor::Writer writer = message.begin();
-  const auto selectors = exportedInterface_ != nullptr ? exportedInterface_->selectors() : std::span<const std::string_view>();
-  writer.array(4);
-  writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::hello));
-  writer.unsignedInteger(kProtocolVersion);
-  writer.array(selectors.size());
-  for (const std::string_view selector : selectors) writer.text(selector);
-  writer.map(1);
-  writer.text("descriptors");
-  writer.boolean(options_.takesDescriptors);
-  message.finish();
-  transport_->send(message, EndOfTurn::Urgency::normal);
+// ---- What comes in
+
+void Connection::onFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
+  if (!helloReceived_) return receiveHello(bytes);
+  // One read may bring a message and the files of the next: each takes those that it claims, served or refused.
+  std::vector<FileDescriptor> claimed;
+  if (!files.empty()) claimed = takeFirst(files, countSealedArguments(bytes));
+  if (!queue_) return receive(bytes, claimed);
+  queueFrame(bytes, claimed);
 }
 
-std::int64_t Connection::methodNumber(const Interface& interface, std::size_t place) const {
-  if (&interface != remoteInterface_ || !methodNumbers_) return -1;
-  return (*methodNumbers_)[place];
+void Connection::receiveHello(std::span<const std::byte> bytes) {
+  const auto read = readHello(bytes, remoteInterface_, context());
+  if (const auto* violation = std::get_if<PeerViolation>(&read)) return protocolViolation(violation->text);
+  if (const auto* words = std::get_if<PeerGoodbye>(&read)) {
+    if (!words->text.empty()) goodbye_ = String(words->text);
+    return end({}, /*transportIsClosed=*/false);
+  }
+  const auto& hello = std::get<PeerHello>(read);
+  methodIndexes_ = hello.methodIndexes;
+  peerTakesDescriptors_ = hello.takesDescriptors;
+  helloReceived_ = true;
+  transport_->liftHelloBound();
+  if (asking_ && asking_->readyHandler) std::exchange(asking_->readyHandler, {})();
 }
 
-std::uint64_t Connection::expectReply(ReplyReader read, ErrorBlock onError) {
-  Caller& asking = caller();
-  const std::uint64_t id = asking.nextRequestId++;
-  asking.expected.emplace(id, Expected{std::move(read), std::move(onError)});
-  return id;
+void Connection::queueFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
+  if (options_.quota->account->bytes() > options_.quota->grantedNameBytes()) {
+    return protocolViolation("its user holds too much here for a message to wait");
+  }
+  BufferRef copy = Buffer::copyOf(bytes, *options_.quota->account, limits::kQueuedMessageBytes);
+  if (confidential_) copy->makeSecret();
+  server_.messageQueued(bytes.size());
+  Executor* const slow = server_.weightOf(bytes) == Weight::slow ? slowRequests_ : nullptr;
+  Block work = [self = shared_from_this(), frame = std::move(copy), taken = std::move(files)]() mutable {
+    if (self->state_ == State::running) self->receive(frame->bytes(), taken);
+    if (self->confidential_) wipeStack();
+    self->transport_->perform([self, size = frame->size()] { self->server_.messageServed(size); });
+  };
+  if (slow != nullptr) {
+    queue_->asyncOn(*slow, std::move(work));
+  } else {
+    queue_->async(std::move(work));
+  }
 }
 
-void Connection::unexpectReply(std::uint64_t requestId, Error error) {
-  if (!caller_) return;
-  auto found = caller_->expected.extract(requestId);
-  if (!found.empty()) reportError(std::move(found.mapped().onError), std::move(error));
+void Connection::onOversizedFrame(std::size_t sizeBytes, std::span<const std::byte> beginning) {
+  if (!helloReceived_) return protocolViolation(fmt::format("a hello of {} bytes is too large", sizeBytes));
+  const std::optional<Envelope> envelope = peekEnvelope(beginning);
+  const std::string text =
+      fmt::format("a message of {} bytes is too large; at most {} are taken", sizeBytes, limits::kFrameBytes);
+  if (envelope && envelope->kind != MessageKind::request && envelope->kind != MessageKind::oneWay) {
+    return runOnQueue([self = shared_from_this(), text] { self->interrupted(text); });
+  }
+  runOnQueue([self = shared_from_this(), id = envelope ? envelope->requestId : std::nullopt, text] {
+    self->server_.refuseOversized(id, text);
+  });
+}
+
+void Connection::onClosed(std::string_view reason) {
+  if (!reason.empty() && state_ == State::running) logger().error("{} dropped: {}", description(), reason);
+  if (goodbye_.isNull() && !reason.empty()) goodbye_ = String(reason);
+  end({}, /*transportIsClosed=*/true);
+}
+
+void Connection::receive(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
+  cbor::Cursor cursor(bytes);
+  std::uint64_t count = 0;
+  std::uint64_t kind = 0;
+  if (!cursor.array(count) || !cursor.unsignedInteger(kind)) {
+    return server_.refuse(std::nullopt, FailureCode::undecodable, "the message cannot be decoded");
+  }
+  switch (static_cast<MessageKind>(std::min<std::uint64_t>(kind, 0xff))) {
+    case MessageKind::request:
+      return server_.receiveRequest(cursor, count, files);
+    case MessageKind::oneWay:
+      return server_.receiveOneWay(cursor, count, files);
+    case MessageKind::reply:
+      return receiveReply(cursor, count, files);
+    case MessageKind::failure:
+      return receiveFailure(cursor, count);
+    case MessageKind::goodbye:
+      return receiveGoodbye(cursor, count);
+    case MessageKind::hello:
+      return transport_->perform([self = shared_from_this()] { self->protocolViolation("it said hello twice"); });
+  }
+  server_.refuse(std::nullopt, FailureCode::undecodable, fmt::format("there is no message of kind {}", kind));
+}
+
+std::optional<PendingReplies::Reply> Connection::takePending(cbor::Cursor& cursor) {
+  std::uint64_t id = 0;
+  if (!cursor.unsignedInteger(id) || !asking_) return std::nullopt;
+  return asking_->pending.take(id);
+}
+
+void Connection::receiveReply(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
+  auto pending = takePending(cursor);
+  if (!pending) return interrupted("an answer to no request");
+  std::uint64_t resultCount = 0;
+  const bool framed = count == 3 && cursor.array(resultCount);
+  ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes);
+  if (framed && pending->read(reader, resultCount)) return;
+  pending->onError(connectionError(ConnectionErrorCode::badReply, "the peer's answer does not fit the method"));
+  interrupted("an answer that does not fit its method");
+}
+
+void Connection::receiveFailure(cbor::Cursor& cursor, std::uint64_t count) {
+  if (count == 4 && cursor.null()) return interrupted("the peer could not serve a one-way message");
+  auto pending = takePending(cursor);
+  if (!pending) return interrupted("an answer to no request");
+  std::uint64_t code = 0;
+  std::string_view text;
+  if (count != 4 || !cursor.unsignedInteger(code) || !cursor.text(text) || !cursor.atEnd()) {
+    pending->onError(connectionError(ConnectionErrorCode::badReply, "the peer's failure cannot be decoded"));
+    return interrupted("a failure that cannot be decoded");
+  }
+  const Value userInfo = Value::map({{std::string(NSLocalizedDescriptionKey), text}, {"failureCode", code}});
+  pending->onError(
+      Error(kConnectionErrorDomain, static_cast<std::int64_t>(ConnectionErrorCode::refused), Dictionary(userInfo)));
+}
+
+void Connection::receiveGoodbye(cbor::Cursor& cursor, std::uint64_t count) {
+  std::string_view text;
+  if (count != 2 || !cursor.text(text) || !cursor.atEnd()) return interrupted("a goodbye that cannot be decoded");
+  transport_->perform([self = shared_from_this(), words = text.empty() ? String(nullptr) : String(text)] {
+    if (self->state_ == State::ended) return;
+    self->goodbye_ = words;
+    self->end({}, /*transportIsClosed=*/false);
+  });
+}
+
+void Connection::interrupted(std::string_view why) {
+  // Once per connection: a peer that sends nonsense must not fill the log.
+  if (!std::exchange(interruptionLogged_, true)) logger().error("{} sent what cannot be served: {}", description(), why);
+  if (interruptionHandler_) inCallee([this] { interruptionHandler_(); });
+}
+
+void Connection::protocolViolation(std::string_view what) {
+  if (state_ == State::running) logger().error("{} dropped: {}", description(), what);
+  end(what, /*transportIsClosed=*/false);
+}
+
+// ---- What goes out
+
+std::expected<std::int64_t, Error> Connection::indexAt(const Interface& interface, std::size_t place) const {
+  if (!isValid()) return std::unexpected(connectionError(ConnectionErrorCode::invalid, "the connection is invalid"));
+  const bool isKnown = &interface == remoteInterface_ && methodIndexes_ && (*methodIndexes_)[place] >= 0;
+  if (isKnown) return (*methodIndexes_)[place];
+  return std::unexpected(connectionError(ConnectionErrorCode::notImplemented, "the peer does not implement the method"));
 }
 
 void Connection::reportError(ErrorBlock onError, Error error) {
@@ -116,114 +257,41 @@ void Connection::reportError(ErrorBlock onError, Error error) {
 }
 
 void Connection::sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write, void* results) {
-  OutgoingMessage& message = scratchMessage();
-  message.begin();
-  writeReplyHead(message, requestId, resultCount);
-  // Off the I/O thread nobody knows what the peer has left unread.
-  ArgumentWriter arguments{message, transport_->onIoThread() && takesDescriptors()};
-  write(results, arguments);
-  if (!message.finish()) {
-    return sendFailure(requestId, FailureCode::unsendable,
-                       fmt::format("the answer is longer than a frame can be ({} bytes)", limits::kFrameBytesFromDaemon));
-  }
-  sendAnswer(requestId, message);
+  server_.sendReply(requestId, resultCount, write, results);
+}
+
+void Connection::sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text) {
+  server_.sendFailure(requestId, code, text);
 }
 
 void Connection::sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount, WriteResults write,
                              void* results) {
-  if (confidential_ || !transport_->onIoThread()) {
-    return ReplyRoute::sendReplies(requestIds, resultCount, write, results);
-  }
-  OutgoingMessage encoded;
-  encoded.begin();
-  ArgumentWriter arguments{encoded, /*takesDescriptors=*/false};
-  write(results, arguments);
-  if (encoded.wireBytes() > kLargestRepliesTogether) {
-    return ReplyRoute::sendReplies(requestIds, resultCount, write, results);
-  }
-  OutgoingMessage& message = scratchMessage();
-  for (std::span<const std::uint64_t> rest = requestIds; !rest.empty();) {
-    const std::span<const std::uint64_t> some = rest.first(std::min(rest.size(), kRepliesTogether));
-    rest = rest.subspan(some.size());
-    message.begin();
-    for (const std::uint64_t& id : some) {
-      if (&id != some.data()) message.beginNext();
-      writeReplyHead(message, id, resultCount);
-      message.writer().encoded(encoded.bytes().subspan(kLengthBytes));
-      message.finish();
-    }
-    transport_->send(message, EndOfTurn::Urgency::urgent);
-    for (const std::uint64_t id : some) requestAnswered(id);
-  }
+  if (server_.sendReplies(requestIds, resultCount, write, results)) return;
+  ReplyRoute::sendReplies(requestIds, resultCount, write, results);
 }
 
-void Connection::sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text) {
-  OutgoingMessage& message = scratchMessage();
-  writeFailure(message, requestId, code, text);
-  sendAnswer(requestId, message);
-}
+// ---- The end
 
-void Connection::sendAnswer(std::uint64_t requestId, OutgoingMessage& message) {
-  if (transport_->onIoThread()) {
-    transport_->send(message, EndOfTurn::Urgency::urgent);
-    // A large answer is not held until the next one.
-    if (!message.splices().empty() || !message.files().empty()) message.begin();
-    return requestAnswered(requestId);
-  }
-  transport_->perform([self = shared_from_this(), requestId, moved = std::move(message)] {
-    self->transport_->send(moved, EndOfTurn::Urgency::urgent);
-    self->requestAnswered(requestId);
-  });
-}
-
-// Without a queue everything that counts is on the I/O thread, and nothing has to be locked.
-std::uint32_t Connection::changeUnanswered(std::int32_t difference) {
-  const auto added = static_cast<std::uint32_t>(difference);
-  if (queue_) return unansweredCount_.fetch_add(added, std::memory_order_relaxed) + added;
-  const std::uint32_t changed = unansweredCount_.load(std::memory_order_relaxed) + added;
-  unansweredCount_.store(changed, std::memory_order_relaxed);
-  return changed;
-}
-
-void Connection::requestAnswered(std::uint64_t requestId) {
-  changeUnanswered(-1);
-  if (requestId == heavyRequestId_) {
-    heavyRequestId_ = 0;
-    // Not before what this answer made wait was counted, at the end of the turn.
-    transport_->performLater([turns = options_.heavyTurns, user = options_.quota->account] { turns->leave(user); });
-  }
-  if (readingPaused_) adjustReading();
-}
-
-void Connection::adjustReading() {
-  // Once paused, half of each limit has to be free again: not a pause for every message.
-  const std::size_t divisor = readingPaused_ ? 2 : 1;
-  const bool pause = unansweredCount_ > limits::kUnansweredRequests / divisor ||
-                     queuedBytes_ > limits::kPauseReadingBytes / divisor || heavyRequestId_ != 0;
-  if (pause == readingPaused_ || state_ != State::running) return;
-  readingPaused_ = pause;
-  transport_->setReading(!pause);
-}
-
-void Connection::end(std::string_view goodbye, bool transportIsClosed) {
+void Connection::end(std::string_view text, bool transportIsClosed) {
   if (state_ == State::ended) return;
   const std::shared_ptr<Connection> self = shared_from_this();
   state_ = State::ended;
   keptAlive_.reset();
-  if (!transportIsClosed) transport_->close(goodbye);
-  runOnQueue([self, farewell = farewell_] {
-    if (!self->caller_) return;
-    const std::string why =
-        farewell.isNull() ? std::string("the connection ended") : fmt::format("the connection ended: {}", farewell.view());
-    for (auto& [id, expected] : std::exchange(self->caller_->expected, {})) {
-      self->reportError(std::move(expected.onError), connectionError(ConnectionErrorCode::invalid, why));
-    }
-  });
+  if (!transportIsClosed) transport_->close(text);
+  runOnQueue([self, goodbye = goodbye_] { self->failPending(goodbye); });
   if (!queue_ && inCallee_) {
-    // What is running must not be destroyed under its own feet.
     transport_->performLater([self] { self->release(); });
   } else {
     runOnQueue([self] { self->release(); });
+  }
+}
+
+void Connection::failPending(const String& goodbye) {
+  if (!asking_) return;
+  const std::string why =
+      goodbye.isNull() ? std::string("the connection ended") : fmt::format("the connection ended: {}", goodbye.view());
+  for (auto& [id, pending] : asking_->pending.takeAll()) {
+    reportError(std::move(pending.onError), connectionError(ConnectionErrorCode::invalid, why));
   }
 }
 
@@ -231,8 +299,8 @@ void Connection::release() {
   if (invalidationHandler_) invalidationHandler_();
   invalidationHandler_ = {};
   interruptionHandler_ = {};
-  if (caller_) caller_->readyHandler = {};
-  exportedObject_.reset();
+  if (asking_) asking_->readyHandler = {};
+  server_.setObject(nullptr);
 }
 
 void Connection::runOnQueue(Block block) {

@@ -5,26 +5,29 @@
 
 #include <atomic>
 #include <cstdint>
+#include <expected>
 #include <functional>
 #include <memory>
 #include <string>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "runtime/dispatch/block.h"
-#include "runtime/dispatch/reactor.h"
 #include "runtime/dispatch/serial_queue.h"
 #include "runtime/foundation/error.h"
 #include "runtime/foundation/string.h"
 #include "runtime/transport/peer_identity.h"
 #include "runtime/transport/transport.h"
+#include "runtime/transport/transport_context.h"
 #include "runtime/wire/limits.h"
-#include "runtime/xpc/heavy_turns.h"
+#include "runtime/xpc/heavy_request_queue.h"
 #include "runtime/xpc/interface.h"
+#include "runtime/xpc/pending_replies.h"
+#include "runtime/xpc/request_server.h"
 
 namespace keel::xpc {
 
-template <class Protocol, class ErrorHandler, class Held>
+template <class Protocol, class ErrorHandler>
 class RemoteProxy;
 
 // Domain of errors that say why a call could not be made or was not answered; the code is a ConnectionErrorCode.
@@ -36,32 +39,33 @@ enum class ConnectionErrorCode : std::int64_t {
   refused = 3,         // the peer answered with a failure; its code and text are in the user info
   badReply = 4,        // the peer's answer does not fit the method
 };
+Error connectionError(ConnectionErrorCode code, std::string_view description);
 
-// One connection between two processes. Each side exports an object for the other to call and calls the other's through a
-// proxy.
+// One connection between two processes. Each side exports an object for the other to call, and calls the other's through a
+// proxy (remote_proxy.h). RequestServer is the serving half.
 //
 // Life: made, configured (interfaces, object, handlers), resumed; from then on the transport's machinery keeps it alive until
-// it is invalidated, by either side. Then the invalidation handler runs once, and the exported object and both handlers are let
-// go.
+// either side invalidates it. Then the invalidation handler runs once, and the exported object and both handlers are released.
 //
 // Messages and handlers run on the connection's queue: the I/O thread itself, or the queue given with setQueue(). Replies may
-// be sent from any thread; everything else belongs on the I/O thread.
+// be sent from any thread; everything else belongs on the I/O thread. Destroyed on the I/O thread.
 class Connection final : public std::enable_shared_from_this<Connection>, public ReplyRoute, private Transport::Receiver {
  public:
   // `options` differ between the daemon's end and a client's.
   struct Options {
-    // Whether this side takes sealed memory files.
+    // This side takes sealed memory files.
     bool takesDescriptors = true;
     // The largest value that is taken, however it travels.
     std::size_t receiveLimitBytes = limits::kFrameBytes;
-    // Who pays for what the peer sends; borrowed.
+    // Pays for what the peer sends; borrowed.
     const MemoryQuota* quota = &MemoryQuota::ofProcess();
-    // Where heavy requests take turns with those of other connections.
-    std::shared_ptr<HeavyTurns> heavyTurns = std::make_shared<HeavyTurns>();
+    // Shared with the other connections of the service.
+    std::shared_ptr<HeavyRequestQueue> heavyRequests = std::make_shared<HeavyRequestQueue>();
   };
 
   // Smaller than a Block: idle connections are many.
   using Handler = std::move_only_function<void()>;
+  using ErrorBlock = PendingReplies::ErrorBlock;
 
   static std::shared_ptr<Connection> create(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options);
   ~Connection() override;
@@ -75,58 +79,51 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   std::string description() const;
 
   // Configuration, before resume().
-  void setExportedInterface(const Interface& interface) { exportedInterface_ = &interface; }
+  void setExportedInterface(const Interface& interface) { server_.setInterface(interface); }
   template <class Protocol>
   void setExportedObject(std::shared_ptr<Protocol> object) {
-    KEEL_CHECK(exportedInterface_ == &Interface::interfaceWithProtocol<Protocol>());
-    exportedObject_ = std::move(object);
+    KEEL_CHECK(server_.interface() == &Interface::interfaceWithProtocol<Protocol>());
+    server_.setObject(std::move(object));
   }
   void setRemoteObjectInterface(const Interface& interface) { remoteInterface_ = &interface; }
   // The peer sent something that could not be decoded; the connection stays usable.
   void setInterruptionHandler(Handler handler) { interruptionHandler_ = std::move(handler); }
   void setInvalidationHandler(Handler handler) { invalidationHandler_ = std::move(handler); }
-  // Messages and handlers run on `queue` instead of the I/O thread; of the requests, those declared slow run on `slowRequests`,
-  // borrowed, in their place in that queue.
-  void setQueue(std::shared_ptr<SerialQueue> queue, Executor& slowRequests) {
-    queue_ = std::move(queue);
-    slowRequests_ = &slowRequests;
-  }
-  // What the peers say to each other holds secrets: the bytes are wiped wherever they were held, once they are done with.
-  void setConfidential() {
-    confidential_ = true;
-    transport_->setConfidential();
-  }
+  // Messages and handlers run on `queue` instead of the I/O thread; requests declared slow run on `slowRequests`, borrowed, in
+  // their place in that queue.
+  void setQueue(std::shared_ptr<SerialQueue> queue, Executor& slowRequests);
+  // The messages hold secrets: their bytes are wiped wherever they were held, once they are done with.
+  void setConfidential();
   // Called once, on the I/O thread, when the peer's hello has come and calls can be made.
-  void setReadyHandler(Handler handler) { caller().readyHandler = std::move(handler); }
+  void setReadyHandler(Handler handler) { asking().readyHandler = std::move(handler); }
 
   void resume();
   // Ends the connection from this side; `goodbye`, unless empty, tells the peer why. Idempotent.
   void invalidate(std::string_view goodbye = {});
+  bool isValid() const { return state_ == State::running; }
+  // The text of the peer's goodbye; empty when it sent none. For the invalidation handler.
+  std::string_view goodbye() const { return goodbye_.isNull() ? std::string_view() : goodbye_.view(); }
 
-  // A proxy that sends asynchronously. `onError(Error)` is called on the connection's queue, later, when a call cannot be made
-  // or its answer does not come. remote_proxy.h has the calls.
+  // Returns a proxy that sends asynchronously. `onError(Error)` is called on the connection's queue, later, when a call cannot
+  // be made or its answer does not come.
   template <class Protocol, class ErrorHandler>
-  RemoteProxy<Protocol, ErrorHandler, std::shared_ptr<Connection>> remoteObjectProxyWithErrorHandler(ErrorHandler onError) {
+  RemoteProxy<Protocol, ErrorHandler> remoteObjectProxyWithErrorHandler(ErrorHandler onError) {
     return {shared_from_this(), std::move(onError)};
   }
 
-  // The peer's last words, empty when it said none. For the invalidation handler.
-  std::string_view farewell() const { return farewell_.isNull() ? std::string_view() : farewell_.view(); }
+  // For what encodes calls to the peer itself.
 
-  // For RemoteProxy.
-  using ErrorBlock = std::move_only_function<void(Error)>;
-  using ReplyReader = std::move_only_function<bool(ArgumentReader& results, std::uint64_t resultCount)>;
-  // The number by which the peer knows the method at `place` of `interface`; negative when it has none, or no hello came yet.
-  std::int64_t methodNumber(const Interface& interface, std::size_t place) const;
+  // Returns the peer's index of a method, or the error to report when it cannot be called.
+  template <auto Member>
+  std::expected<std::int64_t, Error> indexOf() const {
+    using Protocol = typename MemberTraits<decltype(Member)>::Protocol;
+    return indexAt(Interface::interfaceWithProtocol<Protocol>(), MethodsOf<Protocol>::template placeOf<Member>());
+  }
   bool takesDescriptors() const { return peerTakesDescriptors_ && transport_->maySendFiles(); }
-  bool isValid() const { return state_ == State::running; }
   bool isConfidential() const { return confidential_; }
-  void sendOneWay(const OutgoingMessage& message) { transport_->send(message, EndOfTurn::Urgency::normal); }
-  // Registers the answer's reader and returns the id to send.
-  std::uint64_t expectReply(ReplyReader read, ErrorBlock onError);
-  // The request cannot be sent after all.
-  void unexpectReply(std::uint64_t requestId, Error error);
-  void sendRequest(const OutgoingMessage& message) { transport_->send(message, EndOfTurn::Urgency::normal); }
+  TransportContext& context() const { return transport_->context(); }
+  void send(const OutgoingMessage& message) { transport_->send(message, EndOfTurn::Urgency::normal); }
+  PendingReplies& pendingReplies() { return asking().pending; }
   // Runs onError(error) later, on the connection's queue.
   void reportError(ErrorBlock onError, Error error);
 
@@ -137,16 +134,12 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
                    void* results) override;
 
  private:
+  friend class RequestServer;
   enum class State : std::uint8_t { configured, running, ended };
-  struct Expected {
-    ReplyReader read;
-    ErrorBlock onError;
-  };
-  // What only a side has that asks for replies: idle connections are many.
-  struct Caller {
+  // What only a side needs that asks for replies: idle connections are many.
+  struct Asking {
     Handler readyHandler;
-    std::uint64_t nextRequestId = 1;
-    std::unordered_map<std::uint64_t, Expected> expected;
+    PendingReplies pending;
   };
 
   Connection(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options);
@@ -157,77 +150,60 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   void onClosed(std::string_view reason) override;
   std::shared_ptr<void> holdAlive() override { return shared_from_this(); }
 
-  Caller& caller() {
-    if (!caller_) caller_ = std::make_unique<Caller>();
-    return *caller_;
-  }
-  void queueFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files);
-  void sendHello();
+  Asking& asking();
   void receiveHello(std::span<const std::byte> bytes);
-  // On the connection's queue. `files` are those that the message claims.
+  void queueFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files);
+  // On the connection's queue.
   void receive(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files);
-  void receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
-  void receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
-  void receiveAnswer(MessageKind kind, cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
-  void dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files, Interface::Call& call);
-  // What a heavy request brought, kept until it is its user's turn.
-  struct HeavyRequest {
-    std::uint64_t method;
-    std::uint64_t argumentCount;
-    BufferRef arguments;
-    std::vector<FileDescriptor> files;
-    Interface::Call call;
-  };
-  void queueHeavy(HeavyRequest request);
-  void serveHeavy(HeavyRequest request);
-  void serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount, Interface::Call& call);
+  void receiveReply(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  void receiveFailure(cbor::Cursor& cursor, std::uint64_t count);
   void receiveGoodbye(cbor::Cursor& cursor, std::uint64_t count);
-  // Answers what cannot be served (`requestId` empty for a one-way message) and tells the interruption handler.
-  void refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);
-  void refuseOverQuota(std::optional<std::uint64_t> requestId);
+  std::optional<PendingReplies::Reply> takePending(cbor::Cursor& cursor);
   void interrupted(std::string_view why);
-  void sendAnswer(std::uint64_t requestId, OutgoingMessage& message);
-  // Returns the new count.
-  std::uint32_t changeUnanswered(std::int32_t difference);
-  // On the I/O thread.
-  void requestAnswered(std::uint64_t requestId);
-  void adjustReading();
   void protocolViolation(std::string_view what);
-  void end(std::string_view goodbye, bool transportIsClosed);
-  void runOnQueue(Block block);
-  // Runs the invalidation handler and lets go of everything the connection holds for others.
-  void release();
 
-  // What every delivery looks at stands together, in as few cache lines as it takes.
+  std::expected<std::int64_t, Error> indexAt(const Interface& interface, std::size_t place) const;
+  void end(std::string_view text, bool transportIsClosed);
+  void failPending(const String& goodbye);
+  // Runs the invalidation handler and releases everything the connection holds for others.
+  void release();
+  void runOnQueue(Block block);
+
+  // For the serving half.
+  const Options& options() const { return options_; }
+  Transport& transport() { return *transport_; }
+  bool hasQueue() const { return queue_ != nullptr; }
+  // Calls `call`, which may end the connection: what is running is not destroyed under it.
+  template <class Call>
+  auto inCallee(Call call) {
+    struct Restore {
+      bool& flag;
+      const bool outer = std::exchange(flag, true);
+      ~Restore() { flag = outer; }
+    } const restore{inCallee_};
+    return call();
+  }
+
+  // What every delivery looks at stands together, in as few cache lines as possible.
   std::atomic<State> state_ = State::configured;
   bool helloReceived_ = false;
   bool peerTakesDescriptors_ = false;
   bool interruptionLogged_ = false;
-  std::atomic<bool> readingPaused_ = false;
   bool inCallee_ = false;  // in a method of the exported object, or in the handler of an interruption
   bool confidential_ = false;
   const Interface* remoteInterface_ = nullptr;
-  // Place in remoteInterface_ to the peer's number; shared by connections whose peers have the same list.
-  std::shared_ptr<const std::vector<std::int64_t>> methodNumbers_;
+  TransportContext::MethodIndexes methodIndexes_;
   std::unique_ptr<Transport> transport_;
-  // What every request looks at.
   std::shared_ptr<SerialQueue> queue_;
-  const Interface* exportedInterface_ = nullptr;
-  std::shared_ptr<void> exportedObject_;
-  std::uint64_t lastRequestId_ = 0;
-  // Requests that were dispatched and not answered yet, and bytes of messages that wait on the queue.
-  std::atomic<std::uint32_t> unansweredCount_{0};
-  std::atomic<std::size_t> queuedBytes_{0};
-  // The heavy request that waits for its answer; 0: none does.
-  std::atomic<std::uint64_t> heavyRequestId_{0};
+  RequestServer server_;
   const Options options_;
   const std::uint32_t number_;
   PeerIdentity peer_;
   Executor* slowRequests_ = nullptr;  // with queue_
   Handler interruptionHandler_;
   Handler invalidationHandler_;
-  std::unique_ptr<Caller> caller_;  // null: has asked for nothing yet
-  String farewell_;
+  std::unique_ptr<Asking> asking_;  // null: this side has asked for nothing yet
+  String goodbye_;
   std::shared_ptr<Connection> keptAlive_;  // from resume() until the end
 };
 

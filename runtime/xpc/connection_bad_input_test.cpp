@@ -167,7 +167,7 @@ TEST_F(RawPeer, BadHellosEndTheConnectionWithAWord) {
     pending.clear();
     const auto other =
         Connection::create(PeerIdentity(),
-                           std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor,
+                           std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
                                                          FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
                            Connection::Options());
     int ended = 0;

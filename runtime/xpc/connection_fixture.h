@@ -83,7 +83,7 @@ class RawPeer : public testing::Test {
     identity.auditSession = 3;
     identity.processName = "mailmod";
     connection = Connection::create(identity,
-                                    std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor,
+                                    std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
                                                                   FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
                                     options);
     connection->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
@@ -160,6 +160,7 @@ class RawPeer : public testing::Test {
   LogCapture capture{[this](const LogMessage& message) {
     if (message.level >= LogLevel::error) logged.emplace_back(message.text);
   }};
+  TransportContext context{reactor};
   Reactor reactor;
   ManualExecutor executor;
   FileDescriptor peer;

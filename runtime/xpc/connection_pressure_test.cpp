@@ -110,7 +110,7 @@ class UnderPressure : public RawPeer {
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
     otherPeer.reset(both[1]);
     other = Connection::create(PeerIdentity(),
-                               std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor,
+                               std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
                                                              FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
                                Connection::Options());
     other->setRemoteObjectInterface(Interface::interfaceWithProtocol<Echo>());
@@ -184,7 +184,7 @@ TEST_F(RawPeer, UserThatHoldsTooMuchIsRefusedUntilItHoldsLess) {
   options.quota = &quota;
   const auto limited =
       Connection::create(PeerIdentity(),
-                         std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor,
+                         std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
                                                        FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
                          options);
   limited->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
@@ -241,22 +241,22 @@ TEST_F(RawPeer, HeavyRequestsAreServedOneAtATime) {
   EXPECT_EQ(received().size(), 2u);
 }
 
-struct PeerWithTurns : RawPeer {
-  explicit PeerWithTurns(std::shared_ptr<HeavyTurns> given = std::make_shared<HeavyTurns>())
-      : RawPeer(Connection::Options{.heavyTurns = given}), heavyTurns(std::move(given)) {}
-  const std::shared_ptr<HeavyTurns> heavyTurns;
+struct PeerWithHeavyRequests : RawPeer {
+  explicit PeerWithHeavyRequests(std::shared_ptr<HeavyRequestQueue> given = std::make_shared<HeavyRequestQueue>())
+      : RawPeer(Connection::Options{.heavyRequests = given}), heavyRequests(std::move(given)) {}
+  const std::shared_ptr<HeavyRequestQueue> heavyRequests;
 };
 
-TEST_F(PeerWithTurns, HeavyRequestsOfOneUserTakeTurnsOverAllConnections) {
+TEST_F(PeerWithHeavyRequests, HeavyRequestsOfOneUserTakeTurnsOverAllConnections) {
   start();
   int both[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
   const FileDescriptor otherPeer(both[1]);
   const auto other =
       Connection::create(PeerIdentity(),
-                         std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor,
+                         std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
                                                        FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
-                         Connection::Options{.heavyTurns = heavyTurns});
+                         Connection::Options{.heavyRequests = heavyRequests});
   const auto otherService = std::make_shared<EchoService>();
   other->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
   other->setExportedObject<Echo>(otherService);
@@ -286,21 +286,21 @@ TEST_F(PeerWithTurns, HeavyRequestsOfOneUserTakeTurnsOverAllConnections) {
   EXPECT_EQ(service->kept.size(), 1u);
 }
 
-TEST_F(PeerWithTurns, AHeavyRequestThatWaitsEndsWithItsConnection) {
+TEST_F(PeerWithHeavyRequests, AHeavyRequestThatWaitsEndsWithItsConnection) {
   start();
   MemoryAccount& user = MemoryAccount::ofProcess();
-  heavyTurns->enter(&user, [] {});
+  heavyRequests->enter(&user, [] {});
   sendMessage(Value::list({1, 1, 3, Value::list({})}));
   turns();
   EXPECT_EQ(service->kept.size(), 0u);
   connection->invalidate();
-  heavyTurns->leave(&user);
+  heavyRequests->leave(&user);
   turns();
   EXPECT_EQ(service->kept.size(), 0u);
   bool isFree = false;
-  heavyTurns->enter(&user, [&] { isFree = true; });
+  heavyRequests->enter(&user, [&] { isFree = true; });
   EXPECT_TRUE(isFree);
-  heavyTurns->leave(&user);
+  heavyRequests->leave(&user);
 }
 
 TEST_F(RawPeer, HalfOfALargeFrameIsChargedToItsUser) {
@@ -311,7 +311,7 @@ TEST_F(RawPeer, HalfOfALargeFrameIsChargedToItsUser) {
   static const MemoryQuota quota{.account = &account, .limitBytes = 200'000};
   FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes, .quota = &quota};
   const auto limited = Connection::create(
-      PeerIdentity(), std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor, std::move(terms)), Connection::Options());
+      PeerIdentity(), std::make_unique<FrameStream>(FileDescriptor(both[0]), context, std::move(terms)), Connection::Options());
   limited->resume();
   sendMessage(hello());
   received();

@@ -119,7 +119,7 @@ TEST_F(RawPeer, GoodbyeEndsTheConnectionAndIsRemembered) {
   start();
   sendMessage(Value::list({5, "that is all"}));
   EXPECT_TRUE(peerSeesTheEnd());
-  EXPECT_EQ(connection->farewell(), "that is all");
+  EXPECT_EQ(connection->goodbye(), "that is all");
   EXPECT_EQ(invalidations, 1);
 }
 
@@ -342,12 +342,12 @@ struct BothEnds : testing::Test {
     int both[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
     server = Connection::create(PeerIdentity(),
-                                std::make_unique<FrameStream>(FileDescriptor(both[0]), reactor,
+                                std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
                                                               FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
                                 Connection::Options());
     server->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
     server->setExportedObject<Echo>(service);
-    client = clientConnection(FileDescriptor(both[1]), reactor);
+    client = clientConnection(FileDescriptor(both[1]), context);
     client->setRemoteObjectInterface(Interface::interfaceWithProtocol<Echo>());
     client->setReadyHandler([this] { ready = true; });
     server->resume();
@@ -367,6 +367,7 @@ struct BothEnds : testing::Test {
   auto proxy() {
     return client->remoteObjectProxyWithErrorHandler<Echo>([this](Error error) { errors.push_back(error); });
   }
+  TransportContext context{reactor};
   Reactor reactor;
   std::shared_ptr<EchoService> service = std::make_shared<EchoService>();
   std::shared_ptr<Connection> server;
@@ -408,7 +409,7 @@ TEST_F(BothEnds, UnansweredRequestsHearOfTheEnd) {
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_EQ(errors[0].code(), static_cast<int>(ConnectionErrorCode::invalid));
   EXPECT_NE(errors[0].description().find("maintenance"), std::string::npos);
-  EXPECT_EQ(client->farewell(), "maintenance");
+  EXPECT_EQ(client->goodbye(), "maintenance");
 }
 
 }  // namespace

@@ -29,11 +29,12 @@ class ListenerDelegate {
 class Listener final : private Reactor::Watcher, public std::enable_shared_from_this<Listener> {
  public:
   // Fails with a POSIX error whose description names the path and what to do; for example EADDRINUSE when another process
-  // serves that name. The delegate is borrowed. The reactor is borrowed and outlives the listener.
-  static std::expected<std::shared_ptr<Listener>, Error> initWithMachServiceName(const std::string& name, Reactor& reactor);
+  // serves that name. The delegate is borrowed. The context is borrowed and outlives the listener.
+  static std::expected<std::shared_ptr<Listener>, Error> initWithMachServiceName(const std::string& name,
+                                                                                 TransportContext& context);
   // The same in another directory; for tests.
   static std::expected<std::shared_ptr<Listener>, Error> inDirectory(const std::string& directory, const std::string& name,
-                                                                     Reactor& reactor);
+                                                                     TransportContext& context);
   ~Listener();
 
   // From any thread. Begins suspended. What is called on another thread than the reactor's takes effect there, in order.
@@ -45,7 +46,8 @@ class Listener final : private Reactor::Watcher, public std::enable_shared_from_
   void invalidate();
 
  private:
-  Listener(std::string path, FileDescriptor socket, bool ownsPath, Reactor& reactor, std::shared_ptr<Admissions> admissions);
+  Listener(std::string path, FileDescriptor socket, bool ownsPath, TransportContext& context,
+           std::shared_ptr<Admissions> admissions);
 
   void onReady(std::uint32_t events) override;
   // False when there is nothing more to accept for now.
@@ -58,11 +60,11 @@ class Listener final : private Reactor::Watcher, public std::enable_shared_from_
 
   const std::string path_;
   std::atomic<bool> ownsPath_;
-  Reactor& reactor_;
+  TransportContext& context_;
   FileDescriptor socket_;
   std::shared_ptr<ListenerDelegate> delegate_;
   const std::shared_ptr<Admissions> admissions_;
-  const std::shared_ptr<HeavyTurns> heavyTurns_ = std::make_shared<HeavyTurns>();
+  const std::shared_ptr<HeavyRequestQueue> heavyRequests_ = std::make_shared<HeavyRequestQueue>();
   bool suspended_ = true;
   bool pauseLogged_ = false;
   bool refusalLogged_ = false;

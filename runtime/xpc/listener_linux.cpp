@@ -8,8 +8,8 @@
 
 #include "runtime/logging/logger.h"
 #include "runtime/transport/admissions.h"
-#include "runtime/transport/farewell.h"
 #include "runtime/transport/frame_stream.h"
+#include "runtime/transport/linger.h"
 #include "runtime/transport/service_socket.h"
 #include "runtime/wire/limits.h"
 #include "runtime/xpc/listener.h"
@@ -27,35 +27,35 @@ bool isShortage(int problem) {
   return problem == EMFILE || problem == ENFILE || problem == ENOBUFS || problem == ENOMEM;
 }
 
-// Tells a client that it is not let in, and why.
-void turnAway(FileDescriptor socket, const std::string& why, const void* owner, Reactor& reactor) {
-  OutgoingMessage goodbye;
-  writeGoodbye(goodbye, why);
-  BorrowedOutputQueue output;
-  output.borrow();
-  output->append(goodbye);
-  sendFarewell(std::move(socket), std::move(output), /*admission=*/nullptr, owner, reactor);
+// Sends a client that is not let in a goodbye with the reason.
+void turnAway(FileDescriptor socket, const std::string& why, const void* owner, TransportContext& context) {
+  const MessagePool::Borrowed goodbye = context.messages().borrow();
+  writeGoodbye(*goodbye, why);
+  auto output = context.outputQueues().take();
+  output->append(*goodbye);
+  lingerAndClose(std::move(socket), std::move(output), /*admission=*/nullptr, owner, context.reactor());
 }
 
 }  // namespace
 
-std::expected<std::shared_ptr<Listener>, Error> Listener::initWithMachServiceName(const std::string& name, Reactor& reactor) {
-  return inDirectory(kServiceDirectory, name, reactor);
+std::expected<std::shared_ptr<Listener>, Error> Listener::initWithMachServiceName(const std::string& name,
+                                                                                  TransportContext& context) {
+  return inDirectory(kServiceDirectory, name, context);
 }
 
 std::expected<std::shared_ptr<Listener>, Error> Listener::inDirectory(const std::string& directory, const std::string& name,
-                                                                      Reactor& reactor) {
+                                                                      TransportContext& context) {
   auto service = listenForService(directory, name);
   if (!service) return std::unexpected(service.error());
   return std::shared_ptr<Listener>(new Listener(std::move(service->path), std::move(service->descriptor), service->ownsPath,
-                                                reactor, Admissions::ofProcess()));
+                                                context, Admissions::ofProcess()));
 }
 
-Listener::Listener(std::string path, FileDescriptor socket, bool ownsPath, Reactor& reactor,
+Listener::Listener(std::string path, FileDescriptor socket, bool ownsPath, TransportContext& context,
                    std::shared_ptr<Admissions> admissions)
     : path_(std::move(path)),
       ownsPath_(ownsPath),
-      reactor_(reactor),
+      context_(context),
       socket_(std::move(socket)),
       admissions_(std::move(admissions)) {}
 
@@ -64,8 +64,8 @@ Listener::~Listener() {
 }
 
 void Listener::perform(Block block) {
-  if (reactor_.isCurrent()) return block();
-  reactor_.post(std::move(block));
+  if (context_.reactor().isCurrent()) return block();
+  context_.reactor().post(std::move(block));
 }
 
 void Listener::setDelegate(std::shared_ptr<ListenerDelegate> delegate) {
@@ -76,7 +76,7 @@ void Listener::resume() {
   perform([self = shared_from_this()] {
     if (!self->socket_ || !self->suspended_) return;
     self->suspended_ = false;
-    if (self->pause_ == 0) self->reactor_.watch(self->socket_.get(), EPOLLIN, *self);
+    if (self->pause_ == 0) self->context_.reactor().watch(self->socket_.get(), EPOLLIN, *self);
   });
 }
 
@@ -94,9 +94,9 @@ void Listener::stopWatching() {
   if (suspended_) return;
   suspended_ = true;
   if (pause_ == 0) {
-    reactor_.unwatch(socket_.get(), *this);
+    context_.reactor().unwatch(socket_.get(), *this);
   } else {
-    reactor_.cancel(std::exchange(pause_, 0));
+    context_.reactor().cancel(std::exchange(pause_, 0));
   }
 }
 
@@ -132,7 +132,7 @@ bool Listener::acceptOne() {
   auto peer = PeerIdentity::ofSocket(socket.get());
   if (!peer) {
     if (isShortage(peer.error().value())) {
-      turnAway(std::move(socket), "the daemon is short of resources; try again", /*owner=*/nullptr, reactor_);
+      turnAway(std::move(socket), "the daemon is short of resources; try again", /*owner=*/nullptr, context_);
       pauseAccepting(std::strerror(peer.error().value()));
       return false;
     }
@@ -146,14 +146,14 @@ bool Listener::acceptOne() {
                                 ? fmt::format("too many connections of uid {}", peer->uid)
                                 : std::string("too many connections");
     if (!std::exchange(refusalLogged_, true)) logger().error("{}: {}; new ones are turned away", path_, why);
-    turnAway(std::move(socket), why, terms.quota->account, reactor_);
+    turnAway(std::move(socket), why, terms.quota->account, context_);
     return true;
   }
   if (admissions_->hasRoom()) pauseLogged_ = refusalLogged_ = false;
   Connection::Options options;
   options.quota = terms.quota;
-  options.heavyTurns = heavyTurns_;
-  auto stream = std::make_unique<FrameStream>(std::move(socket), reactor_, std::move(terms));
+  options.heavyRequests = heavyRequests_;
+  auto stream = std::make_unique<FrameStream>(std::move(socket), context_, std::move(terms));
   const auto connection = Connection::create(std::move(*peer), std::move(stream), options);
   const auto delegate = delegate_;
   if (delegate) delegate->listenerShouldAcceptNewConnection(*this, connection);
@@ -165,12 +165,12 @@ void Listener::pauseAccepting(const char* why) {
   if (!std::exchange(pauseLogged_, true)) {
     logger().error("no more connections are accepted at {} for now: {}", path_, why);
   }
-  reactor_.unwatch(socket_.get(), *this);
-  pause_ = reactor_.after(limits::kAcceptPause, [weak = weak_from_this()] {
+  context_.reactor().unwatch(socket_.get(), *this);
+  pause_ = context_.reactor().after(limits::kAcceptPause, [weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self || self->pause_ == 0) return;
     self->pause_ = 0;
-    if (!self->suspended_) self->reactor_.watch(self->socket_.get(), EPOLLIN, *self);
+    if (!self->suspended_) self->context_.reactor().watch(self->socket_.get(), EPOLLIN, *self);
   });
 }
 

@@ -48,7 +48,7 @@ class Service : public testing::Test {
     }
   }
   void open() {
-    auto made = Listener::inDirectory(directory, "svc", reactor);
+    auto made = Listener::inDirectory(directory, "svc", context);
     ASSERT_TRUE(made) << made.error().description();
     listener = *made;
     listener->setDelegate(delegate);
@@ -58,6 +58,7 @@ class Service : public testing::Test {
     return socket ? std::move(*socket) : FileDescriptor();
   }
   std::string directory;
+  TransportContext context{reactor};
   Reactor reactor;
   std::shared_ptr<CountingDelegate> delegate = std::make_shared<CountingDelegate>();
   std::shared_ptr<Listener> listener;
@@ -118,7 +119,7 @@ TEST_F(Service, InvalidatedListenerLeavesNoPathAndKeepsItsConnections) {
 
 TEST_F(Service, NameThatIsServedIsNotTakenOver) {
   open();
-  const auto second = Listener::inDirectory(directory, "svc", reactor);
+  const auto second = Listener::inDirectory(directory, "svc", context);
   ASSERT_FALSE(second);
   EXPECT_EQ(second.error().code(), EADDRINUSE);
   EXPECT_TRUE(connectNow());
@@ -138,14 +139,14 @@ TEST_F(Service, SocketLeftBehindIsReplaced) {
 
 TEST_F(Service, DirectoryThatOthersMayWriteIsRefused) {
   ::chmod(directory.c_str(), 0777);
-  const auto refused = Listener::inDirectory(directory, "svc", reactor);
+  const auto refused = Listener::inDirectory(directory, "svc", context);
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code(), EPERM);
   EXPECT_NE(refused.error().description().find(directory), std::string::npos);
 }
 
 TEST_F(Service, PathTooLongIsRefused) {
-  const auto refused = Listener::inDirectory(directory, std::string(200, 'n'), reactor);
+  const auto refused = Listener::inDirectory(directory, std::string(200, 'n'), context);
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code(), ENAMETOOLONG);
 }

@@ -72,6 +72,7 @@ class Reply {
 
   // The same answer to each of `replies`, in their order. What goes to one connection travels together.
   static void answerAll(std::span<Reply> replies, Results... results) {
+    if (replies.size() == 1) return replies.front()(std::move(results)...);
     std::vector<std::uint64_t> ids;
     ids.reserve(replies.size());
     while (!replies.empty()) {

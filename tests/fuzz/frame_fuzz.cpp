@@ -52,6 +52,7 @@ class Service final : public protocols::NotifyProxy {
 
 class Wire final : public xpc::Transport {
  public:
+  xpc::TransportContext& context() override { return context_; }
   void start(Receiver& receiver) override { receiver_ = &receiver; }
   void send(const xpc::OutgoingMessage& message, EndOfTurn::Urgency) override {
     const auto envelope = xpc::peekEnvelope(std::span(message.bytes()).subspan(xpc::kLengthBytes));
@@ -97,6 +98,9 @@ class Wire final : public xpc::Transport {
   bool reading_ = true;
   bool answering_ = false;
   std::set<std::uint64_t> answered_;
+  // Never runs: only the pools are used.
+  Reactor reactor_;
+  xpc::TransportContext context_{reactor_};
 };
 
 void run(std::span<const std::byte> input) {

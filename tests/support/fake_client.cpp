@@ -45,6 +45,7 @@ class FakeClient::FakeTransport final : public xpc::Transport {
     if (client_ != nullptr) client_->transport_ = nullptr;
   }
 
+  xpc::TransportContext& context() override { return context_; }
   void start(Receiver& receiver) override {
     receiver_ = &receiver;
     client_->sayHello();
@@ -79,6 +80,9 @@ class FakeClient::FakeTransport final : public xpc::Transport {
   FakeClient* client_;
   Receiver* receiver_ = nullptr;
   std::shared_ptr<SerialQueue> later_;
+  // Never runs: only the pools are used.
+  Reactor reactor_;
+  xpc::TransportContext context_{reactor_};
 };
 
 // What the client exports.

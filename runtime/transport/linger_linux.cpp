@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "runtime/transport/farewell.h"
+#include "runtime/transport/linger.h"
 
 #include <memory>
 
@@ -10,10 +10,10 @@ namespace keel::xpc {
 
 namespace {
 
-class Farewell final : public std::enable_shared_from_this<Farewell>, private Reactor::Watcher {
+class Lingering final : public std::enable_shared_from_this<Lingering>, private Reactor::Watcher {
  public:
-  Farewell(FileDescriptor socket, BorrowedOutputQueue output, std::shared_ptr<void> admission, const void* owner,
-           Reactor& reactor)
+  Lingering(FileDescriptor socket, std::unique_ptr<OutputQueue> output, std::shared_ptr<void> admission, const void* owner,
+            Reactor& reactor)
       : socket_(std::move(socket)),
         output_(std::move(output)),
         admission_(std::move(admission)),
@@ -22,7 +22,7 @@ class Farewell final : public std::enable_shared_from_this<Farewell>, private Re
 
   void begin() {
     reactor_.watch(socket_.get(), EPOLLOUT, *this);
-    deadline_ = reactor_.after(limits::kFarewell, [self = shared_from_this()] { self->end(); });
+    deadline_ = reactor_.after(limits::kLinger, [self = shared_from_this()] { self->end(); });
   }
 
  private:
@@ -35,12 +35,12 @@ class Farewell final : public std::enable_shared_from_this<Farewell>, private Re
   void end() {
     if (!socket_) return;
     reactor_.unwatch(socket_.get(), *this);
-    closeElsewhere(std::move(socket_), std::move(admission_), owner_);
+    closeInBackground(std::move(socket_), std::move(admission_), owner_);
     reactor_.cancel(deadline_);
   }
 
   FileDescriptor socket_;
-  BorrowedOutputQueue output_;
+  std::unique_ptr<OutputQueue> output_;
   std::shared_ptr<void> admission_;
   const void* const owner_;
   Reactor& reactor_;
@@ -49,11 +49,11 @@ class Farewell final : public std::enable_shared_from_this<Farewell>, private Re
 
 }  // namespace
 
-void sendFarewell(FileDescriptor socket, BorrowedOutputQueue output, std::shared_ptr<void> admission, const void* owner,
-                  Reactor& reactor) {
+void lingerAndClose(FileDescriptor socket, std::unique_ptr<OutputQueue> output, std::shared_ptr<void> admission,
+                    const void* owner, Reactor& reactor) {
   const bool more = output && output->flush(socket.get()) && !output->empty();
-  if (!more) return closeElsewhere(std::move(socket), std::move(admission), owner);
-  std::make_shared<Farewell>(std::move(socket), std::move(output), std::move(admission), owner, reactor)->begin();
+  if (!more) return closeInBackground(std::move(socket), std::move(admission), owner);
+  std::make_shared<Lingering>(std::move(socket), std::move(output), std::move(admission), owner, reactor)->begin();
 }
 
 }  // namespace keel::xpc

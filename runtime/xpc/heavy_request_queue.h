@@ -6,15 +6,16 @@
 #include <utility>
 
 #include "runtime/dispatch/block.h"
-#include "runtime/foundation/buffer.h"
+#include "runtime/foundation/memory_account.h"
 
 namespace keel::xpc {
 
-// Heavy requests of one user take turns, over all its connections: their answers may be as large as all that the service holds.
-// Shared by the connections of a listener; lives on the I/O thread.
-class HeavyTurns {
+// Serves one heavy request of each user at a time, over all its connections: the answer may be as large as all that the service
+// holds. Shared by the connections of a listener. Lives on the I/O thread.
+class HeavyRequestQueue {
  public:
-  // Runs `serve` as soon as it is its turn, which may be at once. It, or what it set going, calls leave() in the end.
+  // Runs `serve` once no other request of that user is being served, which may be at once. It, or what it started, calls
+  // leave() in the end.
   void enter(const MemoryAccount* user, Block serve) {
     const auto [found, isFree] = waitingByUser_.try_emplace(user);
     if (isFree) return serve();
@@ -33,7 +34,7 @@ class HeavyTurns {
   }
 
  private:
-  std::unordered_map<const MemoryAccount*, std::deque<Block>> waitingByUser_;  // of whoever has a turn now
+  std::unordered_map<const MemoryAccount*, std::deque<Block>> waitingByUser_;  // of users with a request being served
 };
 
 }  // namespace keel::xpc

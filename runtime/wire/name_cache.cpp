@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "runtime/wire/recent_names.h"
+#include "runtime/wire/name_cache.h"
 
 #include <cstdint>
 #include <cstring>
@@ -32,12 +32,12 @@ std::pair<std::uint64_t, std::uint64_t> ends(std::string_view text) {
 std::size_t placeOf(std::string_view text) {
   const auto [begin, end] = ends(text);
   const std::uint64_t mixed = (begin ^ (end << 7 | end >> 57) ^ text.size()) * 0x9e37'79b9'7f4a'7c15;
-  return static_cast<std::size_t>(mixed >> 32) % RecentNames::kNames;
+  return static_cast<std::size_t>(mixed >> 32) % NameCache::kNames;
 }
 
 }  // namespace
 
-String RecentNames::of(std::string_view text) {
+String NameCache::nameOf(std::string_view text) {
   KEEL_CHECK(text.size() <= kLongestBytes);
   String& name = names_[placeOf(text)];
   if (name.isNull() || name.view() != text) name = String(text);

@@ -6,12 +6,13 @@
 #include <string_view>
 
 #include "notify/handler_fixture.h"
-#include "runtime/xpc/fan_out.h"
+#include "protocols/delivery.h"
+#include "runtime/wire/limits.h"
 
 namespace keel {
 namespace {
 
-class UpdateSeries : public NotificationHandler {
+class CoalescedUpdates : public NotificationHandler {
  protected:
   void SetUp() override {
     mustPublish(one, "n", 0);
@@ -52,7 +53,7 @@ class UpdateSeries : public NotificationHandler {
   NotifyClient third{executor, FakeClient::identity(13, 5)};
 };
 
-TEST_F(UpdateSeries, EachReachesEverySubscriberAndIsAnswered) {
+TEST_F(CoalescedUpdates, EachReachesEverySubscriberAndIsAnswered) {
   const int sentBefore = other.sendCount();
   updateEach({1, 2, 2, 3});
   executor.runAll();
@@ -65,7 +66,7 @@ TEST_F(UpdateSeries, EachReachesEverySubscriberAndIsAnswered) {
   EXPECT_EQ(third.sendCount(), 1 + sentBefore);
 }
 
-TEST_F(UpdateSeries, DatesAreThoseOfTheLast) {
+TEST_F(CoalescedUpdates, DatesAreThoseOfTheLast) {
   const auto dates = [this] {
     return std::vector{entry("n")->lastUpdated(), other.handler()->subscriptions().at("n")->lastUpdated(),
                        third.handler()->subscriptions().at("n")->lastUpdated()};
@@ -79,7 +80,7 @@ TEST_F(UpdateSeries, DatesAreThoseOfTheLast) {
   }
 }
 
-TEST_F(UpdateSeries, AnotherRequestInBetweenIsCarriedOutInItsPlace) {
+TEST_F(CoalescedUpdates, AnotherRequestInBetweenIsCarriedOutInItsPlace) {
   updateEach({1, 2});
   unsubscribe(other, "n");
   updateEach({3, 4});
@@ -88,7 +89,7 @@ TEST_F(UpdateSeries, AnotherRequestInBetweenIsCarriedOutInItsPlace) {
   EXPECT_EQ(receivedBy(third), updates({1, 2, 3, 4}));
 }
 
-TEST_F(UpdateSeries, ARemovalInBetweenIsCarriedOutInItsPlace) {
+TEST_F(CoalescedUpdates, ARemovalInBetweenIsCarriedOutInItsPlace) {
   updateEach({1, 2});
   const auto removal = remove(one, "n");
   const auto late = update(one, "n", number(3));
@@ -101,7 +102,7 @@ TEST_F(UpdateSeries, ARemovalInBetweenIsCarriedOutInItsPlace) {
   }
 }
 
-TEST_F(UpdateSeries, OfSeveralClientsAndNamesAreCarriedOutInTheirOrder) {
+TEST_F(CoalescedUpdates, OfSeveralClientsAndNamesAreCarriedOutInTheirOrder) {
   mustPublish(one, "m", 0);
   mustPublish(other, "o", 0);
   for (const Name& name : {Name("m"), Name("o")}) mustSubscribe(third, name);
@@ -118,7 +119,7 @@ TEST_F(UpdateSeries, OfSeveralClientsAndNamesAreCarriedOutInTheirOrder) {
                           "update n {\"number\": 4}", "update n {\"number\": 5}", "update o {\"number\": 6}"));
 }
 
-TEST_F(UpdateSeries, WhoFollowsWhatHePublishesHearsOfEachBeforeItsAnswer) {
+TEST_F(CoalescedUpdates, WhoFollowsWhatHePublishesHearsOfEachBeforeItsAnswer) {
   mustSubscribe(one, "n");
   forgetAll();
   updateEach({1, 2});
@@ -127,8 +128,8 @@ TEST_F(UpdateSeries, WhoFollowsWhatHePublishesHearsOfEachBeforeItsAnswer) {
   EXPECT_EQ(receivedBy(other), updates({1, 2}));
 }
 
-TEST_F(UpdateSeries, LargeOnesStandInTheirPlace) {
-  constexpr std::size_t kLarge = xpc::FanOut::kLargestInSeriesBytes + 1;
+TEST_F(CoalescedUpdates, LargeOnesStandInTheirPlace) {
+  constexpr std::size_t kLarge = xpc::limits::kSharedPieceBytes;
   update(one, "n", number(1));
   update(one, "n", number(2));
   update(one, "n", large(3, kLarge));
@@ -140,7 +141,7 @@ TEST_F(UpdateSeries, LargeOnesStandInTheirPlace) {
   EXPECT_THAT(numbersOf(third), ElementsAre(1, 2, 3, 4, 5, 6));
 }
 
-TEST_F(UpdateSeries, ManyGoInSeveralPieces) {
+TEST_F(CoalescedUpdates, ManyGoInSeveralPieces) {
   const int sentBefore = other.sendCount();
   std::vector<std::int64_t> expected;
   for (int i = 0; i < 100; ++i) {
@@ -154,7 +155,7 @@ TEST_F(UpdateSeries, ManyGoInSeveralPieces) {
   EXPECT_LT(other.sendCount(), sentBefore + 100);
 }
 
-TEST_F(UpdateSeries, DataMayBeNull) {
+TEST_F(CoalescedUpdates, DataMayBeNull) {
   update(one, "n", nullptr);
   update(one, "n", number(1));
   update(one, "n", nullptr);
@@ -163,7 +164,7 @@ TEST_F(UpdateSeries, DataMayBeNull) {
   EXPECT_TRUE(entry("n")->data().isNull());
 }
 
-TEST_F(UpdateSeries, ASubscriberOfAnotherNameIsToldUnderThatName) {
+TEST_F(CoalescedUpdates, ASubscriberOfAnotherNameIsToldUnderThatName) {
   // Names of subscriptions can be set.
   third.handler()->subscriptions().at("n")->setName("its own");
   updateEach({1, 2});
@@ -172,7 +173,7 @@ TEST_F(UpdateSeries, ASubscriberOfAnotherNameIsToldUnderThatName) {
   EXPECT_THAT(receivedBy(third), ElementsAre("update its own {\"number\": 1}", "update its own {\"number\": 2}"));
 }
 
-TEST_F(UpdateSeries, ASubscriberWithItsOwnNumbersIsCalledByThem) {
+TEST_F(CoalescedUpdates, ASubscriberWithItsOwnNumbersIsCalledByThem) {
   NotifyClient old(executor, FakeClient::identity(14, 6),
                    std::vector<std::string>{"getClientInfoViaHandler:", "updateSubscriptionFor:withItem:flags:error:"});
   mustSubscribe(old, "n");
@@ -185,7 +186,7 @@ TEST_F(UpdateSeries, ASubscriberWithItsOwnNumbersIsCalledByThem) {
   EXPECT_EQ(receivedBy(third), updates({1, 2}));
 }
 
-TEST_F(UpdateSeries, EachFailureToSendIsReported) {
+TEST_F(CoalescedUpdates, EachFailureToSendIsReported) {
   NotifyClient deaf(executor, FakeClient::identity(14, 6), std::vector<std::string>());
   mustSubscribe(deaf, "n");
   forgetAll();
@@ -195,7 +196,7 @@ TEST_F(UpdateSeries, EachFailureToSendIsReported) {
   EXPECT_EQ(receivedBy(third), updates({1, 2, 3}));
 }
 
-TEST_F(UpdateSeries, AClientThatIsGoneIsLoggedForEach) {
+TEST_F(CoalescedUpdates, AClientThatIsGoneIsLoggedForEach) {
   const auto subscription = KLNSubscriptionObject::initWithName("n", nullptr);
   std::make_shared<SubscriberBehavior>()->addTarget(subscription);
   entry("n")->addSubscriber(subscription);
@@ -206,13 +207,16 @@ TEST_F(UpdateSeries, AClientThatIsGoneIsLoggedForEach) {
   EXPECT_EQ(receivedBy(third), updates({1, 2}));
 }
 
-TEST_F(UpdateSeries, ABehaviorWhoseSubscriptionIsGoneLogsEach) {
+TEST_F(CoalescedUpdates, ABehaviorWhoseSubscriptionIsGoneLogsEach) {
   const auto behavior = std::make_shared<SubscriberBehavior>();
-  behavior->updateWithSeries(std::vector{number(1), number(2)});
+  const std::vector batch{number(1), number(2)};
+  const Name name("n");
+  Delivery delivery(name, batch);
+  behavior->deliver(delivery);
   EXPECT_EQ(errorCount("behavior updateWithData: connection is nil"), 2);
 }
 
-TEST_F(UpdateSeries, ASubscriptionWithoutABehaviorServesItself) {
+TEST_F(CoalescedUpdates, ASubscriptionWithoutABehaviorServesItself) {
   NotifyClient fourth(executor, FakeClient::identity(14, 6));
   const auto subscription = KLNSubscriptionObject::initWithName("n", fourth.connection());
   entry("n")->addSubscriber(subscription);
@@ -226,7 +230,7 @@ TEST_F(UpdateSeries, ASubscriptionWithoutABehaviorServesItself) {
   EXPECT_EQ(errorCount("updateWithData: connection is nil"), 2);
 }
 
-TEST_F(UpdateSeries, ThoseOfAnotherClientBehindTheOwnersAreRefused) {
+TEST_F(CoalescedUpdates, ThoseOfAnotherClientBehindTheOwnersAreRefused) {
   update(one, "n", number(1));
   const auto foreign = update(other, "n", number(2));
   update(one, "n", number(3));
@@ -236,7 +240,7 @@ TEST_F(UpdateSeries, ThoseOfAnotherClientBehindTheOwnersAreRefused) {
   EXPECT_EQ(errorCount("updatePublishedItem: item : n not found"), 1);
 }
 
-TEST_F(UpdateSeries, OfANullNameAreNotThoseOfTheEmptyOne) {
+TEST_F(CoalescedUpdates, OfANullNameAreNotThoseOfTheEmptyOne) {
   mustPublish(one, "", 0);
   mustSubscribe(third, "");
   forgetAll();
@@ -248,7 +252,7 @@ TEST_F(UpdateSeries, OfANullNameAreNotThoseOfTheEmptyOne) {
   EXPECT_EQ(std::get<0>(*one.resultsOf<&NotifyProxy::updatePublishedItem>(nameless)), kNotFound);
 }
 
-TEST_F(UpdateSeries, OneAfterTheOtherAreNotMixedUp) {
+TEST_F(CoalescedUpdates, OneAfterTheOtherAreNotMixedUp) {
   // Equal in their first data, in their number, and in all but the last.
   update(one, "n", nullptr);
   update(one, "n", number(1));
@@ -266,7 +270,7 @@ TEST_F(UpdateSeries, OneAfterTheOtherAreNotMixedUp) {
   EXPECT_EQ(receivedBy(third), expected);
 }
 
-TEST_F(UpdateSeries, ALongNameGoesInSeveralPieces) {
+TEST_F(CoalescedUpdates, ALongNameGoesInSeveralPieces) {
   const std::string name(20'000, 'n');
   mustPublish(one, Name(name), 0);
   mustSubscribe(third, Name(name));
@@ -279,28 +283,28 @@ TEST_F(UpdateSeries, ALongNameGoesInSeveralPieces) {
   EXPECT_EQ(third.sendCount(), sentBefore + 6);
 }
 
-TEST_F(UpdateSeries, DataOfTheLargestSizeGoTogetherAndLargerOnesAlone) {
-  // A map with a number and a filling of that many bytes takes 20 bytes around it.
-  const auto ofSize = [](int value, std::size_t sizeBytes) { return large(value, sizeBytes - 20); };
-  ASSERT_EQ(ofSize(1, xpc::FanOut::kLargestInSeriesBytes).buffer()->size(), xpc::FanOut::kLargestInSeriesBytes);
+TEST_F(CoalescedUpdates, ABatchHoldsAsManyAsItsBoundAndNotOneMore) {
+  // Of one update: the data, the name, and the envelope.
+  const std::size_t around = large(1, 1000).buffer()->size() - 1000 + Name("n").view().size() + 32;
+  const std::size_t filling = xpc::limits::kBatchBytes / 4 - around;
   for (const std::size_t more : {0u, 1u}) {
     const int sentBefore = third.sendCount();
-    for (int i = 1; i <= 3; ++i) update(one, "n", ofSize(i, xpc::FanOut::kLargestInSeriesBytes + more));
+    for (int i = 1; i <= 4; ++i) update(one, "n", large(i, filling + more));
     executor.runAll();
-    EXPECT_THAT(numbersOf(third), ElementsAre(1, 2, 3));
-    EXPECT_EQ(third.sendCount(), sentBefore + (more == 0 ? 1 : 3));
+    EXPECT_THAT(numbersOf(third), ElementsAre(1, 2, 3, 4));
+    EXPECT_EQ(third.sendCount(), sentBefore + (more == 0 ? 1 : 2));
     forgetAll();
   }
 }
 
-TEST_F(UpdateSeries, WhoDiesBeforeTheyAreCarriedOutHasPublishedThem) {
+TEST_F(CoalescedUpdates, WhoDiesBeforeTheyAreCarriedOutHasPublishedThem) {
   updateEach({1, 2});
   one.die();
   executor.runAll();
   EXPECT_EQ(receivedBy(third), updates({1, 2}));
 }
 
-TEST_F(UpdateSeries, AtTheDebugLevelTheLogTellsOfEachInOrder) {
+TEST_F(CoalescedUpdates, AtTheDebugLevelTheLogTellsOfEachInOrder) {
   LogRecorder everything;
   updateEach({1, 2});
   everything.take();
@@ -315,7 +319,7 @@ TEST_F(UpdateSeries, AtTheDebugLevelTheLogTellsOfEachInOrder) {
   EXPECT_THAT(receivedBy(other), ElementsAre("update n {\"number\": 1}", "update n {\"number\": 2}"));
 }
 
-TEST_F(UpdateSeries, APlaceholderKeepsTheLast) {
+TEST_F(CoalescedUpdates, APlaceholderKeepsTheLast) {
   const auto item = entry("n");
   item->setDelegate(nullptr);
   updateEach({1, 2});
@@ -325,7 +329,7 @@ TEST_F(UpdateSeries, APlaceholderKeepsTheLast) {
   EXPECT_THAT(receivedBy(one), ElementsAre("reply 2", "reply 3"));
 }
 
-TEST_F(UpdateSeries, ThatAreNeverCarriedOutAreDroppedUnanswered) {
+TEST_F(CoalescedUpdates, ThatAreNeverCarriedOutAreDroppedUnanswered) {
   updateEach({1, 2});
   service->inputQ()->abandon();
   EXPECT_THAT(receivedBy(one), ElementsAre("failure 2", "failure 3"));

@@ -8,15 +8,15 @@
 
 namespace keel::xpc {
 
-// Names that came in lately: who publishes a name sends it with every update, and neither its text nor its hash has to be made
-// anew. Few and short, and paid for by the process. On one thread.
-class RecentNames {
+// The names received most recently. A publisher sends its name with every update; a cached name needs neither a copy of its
+// text nor a new hash. Few and short, and charged to the process. Lives on one thread.
+class NameCache {
  public:
   static constexpr std::size_t kNames = 64;
   static constexpr std::size_t kLongestBytes = 128;
 
-  // `text`, which is valid UTF-8 and no longer than that, as a name.
-  String of(std::string_view text);
+  // Returns `text`, valid UTF-8 of at most kLongestBytes, as a name.
+  String nameOf(std::string_view text);
 
  private:
   std::array<String, kNames> names_;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "runtime/transport/farewell.h"
+#include "runtime/transport/linger.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -17,9 +17,9 @@ namespace {
 // More than a socket takes at once.
 constexpr std::size_t kTextBytes = 4u << 20;
 
-class Farewell : public ::testing::Test {
+class Linger : public ::testing::Test {
  protected:
-  Farewell() {
+  Linger() {
     int both[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
     own.reset(both[0]);
@@ -28,10 +28,9 @@ class Farewell : public ::testing::Test {
   void say(std::size_t textBytes) {
     OutgoingMessage message;
     writeGoodbye(message, std::string(textBytes, 'x'));
-    BorrowedOutputQueue output;
-    output.borrow();
+    auto output = queues.take();
     output->append(message);
-    sendFarewell(std::move(own), std::move(output), std::move(admission), this, reactor);
+    lingerAndClose(std::move(own), std::move(output), std::move(admission), this, reactor);
   }
   void turns() {
     while (reactor.turn(/*wait=*/false)) {
@@ -57,6 +56,7 @@ class Farewell : public ::testing::Test {
     return true;
   }
 
+  OutputQueuePool queues;
   std::chrono::steady_clock::time_point now{};
   Reactor reactor{[this] { return now; }};
   FileDescriptor own, peer;
@@ -65,13 +65,13 @@ class Farewell : public ::testing::Test {
   std::size_t receivedBytes = 0;
 };
 
-TEST_F(Farewell, LeavesAtOnceWhenTheSocketTakesIt) {
+TEST_F(Linger, LeavesAtOnceWhenTheSocketTakesIt) {
   say(10);
   EXPECT_TRUE(endComes());
   EXPECT_GT(receivedBytes, 10u);
 }
 
-TEST_F(Farewell, LeavesAsThePeerReads) {
+TEST_F(Linger, LeavesAsThePeerReads) {
   say(kTextBytes);
   turns();
   EXPECT_FALSE(held.expired());
@@ -79,9 +79,9 @@ TEST_F(Farewell, LeavesAsThePeerReads) {
   EXPECT_GT(receivedBytes, kTextBytes);
 }
 
-TEST_F(Farewell, IsGivenUpWhenItsTimeIsOver) {
+TEST_F(Linger, IsGivenUpWhenItsTimeIsOver) {
   say(kTextBytes);
-  now += limits::kFarewell - std::chrono::milliseconds(1);
+  now += limits::kLinger - std::chrono::milliseconds(1);
   turns();
   EXPECT_FALSE(held.expired());
   now += std::chrono::milliseconds(1);
@@ -90,12 +90,12 @@ TEST_F(Farewell, IsGivenUpWhenItsTimeIsOver) {
   EXPECT_LT(receivedBytes, kTextBytes);
 }
 
-TEST_F(Farewell, EndsWithAPeerThatIsGone) {
+TEST_F(Linger, EndsWithAPeerThatIsGone) {
   say(kTextBytes);
   peer.reset();
   turns();
   // Nothing is left that could be waited for.
-  now += 2 * limits::kFarewell;
+  now += 2 * limits::kLinger;
   EXPECT_FALSE(reactor.turn(/*wait=*/false));
 }
 

@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "notify/update_coalescer.h"
+
+#include <utility>
+
+#include "notify/notification_handler.h"
+#include "runtime/dispatch/serial_queue.h"
+#include "runtime/logging/logger.h"
+#include "runtime/wire/limits.h"
+
+namespace keel {
+
+namespace {
+
+Logger& log = _loggerForCategory("notification");
+
+// Many are in use at once when clients update several names in turn.
+constexpr std::size_t kIdleBatches = 512;
+
+// Upper bound of the envelope's size, excluding name and data.
+constexpr std::size_t kEnvelopeOverheadBytes = 32;
+
+// What one subscriber is sent for an update. A value in a memory file travels alone.
+std::size_t sentBytes(const Name& name, const Dictionary& data) {
+  const std::size_t dataBytes = data.buffer() ? data.buffer()->size() : 0;
+  return dataBytes + name.view().size() + kEnvelopeOverheadBytes;
+}
+
+}  // namespace
+
+// In its block. The queue may drop it without running it.
+class UpdateCoalescer::QueuedBatch {
+ public:
+  QueuedBatch(std::shared_ptr<UpdateCoalescer> coalescer, std::unique_ptr<UpdateBatch> batch)
+      : coalescer_(std::move(coalescer)), batch_(std::move(batch)) {}
+  QueuedBatch(QueuedBatch&&) = default;
+  QueuedBatch(const QueuedBatch&) = delete;
+  QueuedBatch& operator=(const QueuedBatch&) = delete;
+  ~QueuedBatch() {
+    if (batch_) coalescer_->giveBack(std::move(batch_));
+  }
+
+  void operator()() {
+    // Nothing more can be added.
+    if (coalescer_->last_ == batch_.get()) coalescer_->last_ = nullptr;
+    batch_->handler->update(*batch_);
+  }
+
+ private:
+  std::shared_ptr<UpdateCoalescer> coalescer_;
+  std::unique_ptr<UpdateBatch> batch_;
+};
+
+UpdateCoalescer::UpdateCoalescer(std::shared_ptr<SerialQueue> inputQueue) : inputQueue_(std::move(inputQueue)) {}
+
+UpdateCoalescer::~UpdateCoalescer() = default;
+
+void UpdateCoalescer::add(KLNNotificationHandler& handler, Name name, Dictionary data, xpc::Reply<Error> reply) {
+  const std::size_t bytes = sentBytes(name, data);
+  std::unique_ptr<UpdateBatch> begun;
+  if (!canJoin(handler, name, bytes)) {
+    begun = takeIdle();
+    begun->handler = handler.shared_from_this();
+    begun->name = std::move(name);
+    last_ = begun.get();
+  }
+  last_->data.push_back(std::move(data));
+  last_->replies.push_back(std::move(reply));
+  last_->bytes += bytes;
+  if (begun) numberOfLast_ = inputQueue_->async(QueuedBatch(shared_from_this(), std::move(begun)));
+}
+
+bool UpdateCoalescer::canJoin(const KLNNotificationHandler& handler, const Name& name, std::size_t bytes) const {
+  return last_ != nullptr && inputQueue_->lastNumber() == numberOfLast_ && last_->handler.get() == &handler &&
+         last_->bytes + bytes <= xpc::limits::kBatchBytes && last_->name == name && !log.enabled(LogLevel::debug);
+}
+
+std::unique_ptr<UpdateBatch> UpdateCoalescer::takeIdle() {
+  if (idle_.empty()) return std::make_unique<UpdateBatch>();
+  auto batch = std::move(idle_.back());
+  idle_.pop_back();
+  return batch;
+}
+
+void UpdateCoalescer::giveBack(std::unique_ptr<UpdateBatch> batch) {
+  if (last_ == batch.get()) last_ = nullptr;
+  batch->data.clear();
+  batch->replies.clear();
+  batch->handler = nullptr;
+  batch->name = nullptr;
+  batch->bytes = 0;
+  if (idle_.size() < kIdleBatches) idle_.push_back(std::move(batch));
+}
+
+}  // namespace keel

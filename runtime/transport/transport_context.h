@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "runtime/dispatch/reactor.h"
+#include "runtime/foundation/memory_account.h"
+#include "runtime/transport/holdings.h"
+#include "runtime/transport/output_queue.h"
+#include "runtime/wire/message_pool.h"
+#include "runtime/wire/name_cache.h"
+
+namespace keel::xpc {
+
+class FrameStream;
+
+// What all connections of one reactor share: buffers and pools, so that an idle connection owns
+// none, and the books of what their peers make this process hold. Lives on the reactor's thread.
+// Made beside the reactor and outlives whatever the reactor still holds, so declare it first:
+//
+//   TransportContext context{reactor};
+//   Reactor reactor;
+class TransportContext {
+ public:
+  // The reactor is borrowed.
+  explicit TransportContext(Reactor& reactor);
+  TransportContext(const TransportContext&) = delete;
+  TransportContext& operator=(const TransportContext&) = delete;
+
+  // The context of this process's I/O thread, kept until the process ends.
+  static TransportContext& ofIoThread();
+
+  Reactor& reactor() { return reactor_; }
+
+  // Every stream reads into it. Room for `kHeadroomBytes` of an earlier read, then for a full one.
+  static constexpr std::size_t kHeadroomBytes = 64u << 10;
+  std::span<std::byte> readBuffer();
+
+  OutputQueuePool& outputQueues() { return outputQueues_; }
+  MessagePool& messages() { return messages_; }
+  NameCache& names() { return names_; }
+
+  // Backlogs of peers that do not read, in bytes.
+  Holdings<FrameStream>& backlogs() { return backlogs_; }
+  // Received descriptors whose message has not arrived in full.
+  Holdings<FrameStream>& unclaimedFiles() { return unclaimedFiles_; }
+  // The stream that is being dropped because all backlogs together are too large; null: none is.
+  FrameStream*& beingDropped() { return beingDropped_; }
+  // Streams that wait for the system to take more descriptors.
+  std::size_t& stuckStreamCount() { return stuckStreamCount_; }
+
+  // Peers of one kind list their methods in the same order, and share the result of matching it.
+  using MethodIndexes = std::shared_ptr<const std::vector<std::int64_t>>;
+  MethodIndexes shared(std::vector<std::int64_t> methodIndexes);
+
+ private:
+  Reactor& reactor_;
+  std::unique_ptr<std::byte[]> readBuffer_;
+  OutputQueuePool outputQueues_;
+  MessagePool messages_;
+  NameCache names_;
+  Holdings<FrameStream> backlogs_;
+  Holdings<FrameStream> unclaimedFiles_;
+  FrameStream* beingDropped_ = nullptr;
+  std::size_t stuckStreamCount_ = 0;
+  MethodIndexes lastMethodIndexes_;
+};
+
+}  // namespace keel::xpc

@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "runtime/dispatch/block.h"
+#include "runtime/foundation/buffer.h"
+#include "runtime/foundation/cbor_cursor.h"
+#include "runtime/foundation/file_descriptor.h"
+#include "runtime/xpc/heavy_request_queue.h"
+#include "runtime/xpc/interface.h"
+#include "runtime/xpc/request_ledger.h"
+
+namespace keel::xpc {
+
+class Connection;
+
+// The serving half of a connection: decodes requests and one-way messages, calls the exported object, and answers. A message
+// that cannot be served is answered with a failure, and the connection stays. Owned by its connection. Messages are received on
+// the connection's queue; answers may come from any thread.
+class RequestServer {
+ public:
+  explicit RequestServer(Connection& connection) : connection_(connection) {}
+  RequestServer(const RequestServer&) = delete;
+  RequestServer& operator=(const RequestServer&) = delete;
+
+  void setInterface(const Interface& interface) { interface_ = &interface; }
+  const Interface* interface() const { return interface_; }
+  void setObject(std::shared_ptr<void> object) { object_ = std::move(object); }
+  // Messages are received off the I/O thread.
+  void setShared() { ledger_.setShared(); }
+
+  // Each gets the message behind its kind. `count` is the number of the message's elements.
+  void receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  void receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  // A request of that id, if it has one, whose frame was skipped.
+  void refuseOversized(std::optional<std::uint64_t> requestId, std::string_view text);
+  // Answers what cannot be served (`requestId` empty for a one-way message) and runs the interruption handler.
+  void refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);
+  // How much a message asks for, before it is decoded any further.
+  Weight weightOf(std::span<const std::byte> frame) const;
+
+  // As ReplyRoute has them.
+  void sendReply(std::uint64_t requestId, std::size_t resultCount, ReplyRoute::WriteResults write, void* results);
+  void sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text);
+  // Returns false, having sent nothing, when the replies cannot travel together.
+  bool sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount, ReplyRoute::WriteResults write,
+                   void* results);
+
+  // Messages wait on the connection's queue, or were served from there. On the I/O thread.
+  void messageQueued(std::size_t sizeBytes);
+  void messageServed(std::size_t sizeBytes);
+
+ private:
+  // What a heavy request brought, kept until it is its user's turn.
+  struct HeavyRequest {
+    std::uint64_t method;
+    std::uint64_t argumentCount;
+    BufferRef arguments;
+    std::vector<FileDescriptor> files;
+    Interface::Call call;
+  };
+
+  void dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files, Interface::Call& call);
+  void queueHeavy(HeavyRequest request);
+  void serveHeavy(HeavyRequest request);
+  void serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount, Interface::Call& call);
+  void refuseOverQuota(std::optional<std::uint64_t> requestId);
+  template <class Build>
+  void answer(std::uint64_t requestId, Build build);
+  // On the I/O thread.
+  void requestAnswered(std::uint64_t requestId);
+  void decideOnReading();
+  void onIoThread(Block block);
+
+  Connection& connection_;
+  const Interface* interface_ = nullptr;
+  std::shared_ptr<void> object_;
+  std::uint64_t lastRequestId_ = 0;
+  RequestLedger ledger_;
+};
+
+}  // namespace keel::xpc
