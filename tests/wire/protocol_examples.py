@@ -5,27 +5,26 @@
     protocol_examples.py PAGE            makes every example anew and compares; exits 1 on any difference
     protocol_examples.py --write PAGE    puts the examples into the page
 
-What is checked: the bytes and annotations behind each "<!-- example: NAME -->"; that the page's tables name the selectors of
-protocols/*.h in their order; that every example matches the page's grammar; and that the page's programs, run against the bytes
-of the examples, send and understand exactly those.
+What is checked: the bytes and annotations behind each "<!-- example: NAME -->", and the texts
+behind each "<!-- exchange: NAME -->"; that the page's tables name the selectors of protocols/*.h in
+their order, and its bad frames have the length that they should; that every example matches the
+page's grammar; and that the page's programs, run against the bytes of the examples, send and
+understand exactly those. tests/e2e/protocol_page_test.py holds the page against the daemon.
 """
 
-import contextlib
-import fcntl
-import io
-import os
+import datetime
+import hashlib
 import re
-import socket
 import struct
 import sys
-import tempfile
-import threading
 from pathlib import Path
 
 import cbor2
+import protocol_programs
 
 from cbor_walk import MAP, describe, parse
 from cddl_subset import Grammar
+from protocol_page import EXAMPLE, Page, folded
 
 PROTOCOLS = Path(__file__).resolve().parents[2] / "protocols"
 BYTES_PER_LINE = 16
@@ -109,7 +108,7 @@ FRAMES = {
         [REQUEST, 4, 99, []],
         ("%s", ["kind %s: request", "id %s", "method %s: the daemon has none there", "arguments: %s"]),
     ),
-    "failure": failure(4, 2, "unknownMethod", "no method 99"),
+    "failure": failure(4, 2, "unknownMethod", "there is no method 99"),
     "unsubscribe": one_way(NOTIFY, "unsubscribeFrom:", name="weather"),
     "goodbye": goodbye("done"),
     "sealed-request": request(
@@ -124,9 +123,13 @@ FRAMES = {
     "auth-password-request": request(
         1, "authenticateUser:withPassword:andHandler:", AUTH, user="alice", password="open sesame"
     ),
-    "auth-password-reply": reply(1, error=cbor2.CBORTag(51741, ["KLNErrorDomain", 5, None])),
-    "auth-reference-request": request(2, "authenticateForUser:using:withHandler:", AUTH, user="alice", reference=REFERENCE),
-    "auth-reference-reply": reply(2, error=cbor2.CBORTag(51741, ["NSOSStatusErrorDomain", -60005, None])),
+    "auth-password-accepted": reply(1, error=None),
+    "auth-password-request-wrong": request(
+        2, "authenticateUser:withPassword:andHandler:", AUTH, user="alice", password="open says me"
+    ),
+    "auth-password-reply": reply(2, error=cbor2.CBORTag(51741, ["KLNErrorDomain", 5, None])),
+    "auth-reference-request": request(3, "authenticateForUser:using:withHandler:", AUTH, user="alice", reference=REFERENCE),
+    "auth-reference-reply": reply(3, error=cbor2.CBORTag(51741, ["NSOSStatusErrorDomain", -60005, None])),
 }
 
 # Items outside a frame.
@@ -137,6 +140,55 @@ ITEMS = {
     "error-bare": (cbor2.CBORTag(51741, ["KLNErrorDomain", 12, None]), None),
     "sealed-content": (PICTURE, None),
 }
+
+
+# The exchange of a digest challenge (RFC 7616), worked out here for alice's password "open sesame".
+
+NONCE, OPAQUE, CNONCE = "5b" * 24, "c7" * 24, "0a4f113b"
+AUTH_ID = "myob-k3EvXb0sTq9uMZ1yLr7PcAf5WjGhDo2N"
+
+
+def digest_line(algorithm):
+    return (
+        f'Digest realm="com.vantor.keeld", qop="auth", algorithm={algorithm}, nonce="{NONCE}", '
+        f'opaque="{OPAQUE}", charset=UTF-8, userhash=true'
+    )
+
+
+def digest_proof(method):
+    digest = lambda text: hashlib.sha256(text.encode()).hexdigest()
+    secret, of_request = digest("alice:com.vantor.keeld:open sesame"), digest(f"{method}:/")
+    return digest(f"{secret}:{NONCE}:00000001:{CNONCE}:auth:{of_request}")
+
+
+DIGEST = {
+    "challenge": digest_line("SHA-256") + "\n" + digest_line("MD5"),
+    "answer": (
+        f'Digest username="alice", realm="com.vantor.keeld", nonce="{NONCE}", opaque="{OPAQUE}", '
+        f'algorithm=SHA-256, qop=auth, nc=00000001, cnonce="{CNONCE}", uri="/", '
+        f'response="{digest_proof("GET")}"'
+    ),
+    "response": f'qop=auth, rspauth="{digest_proof("")}", cnonce="{CNONCE}", nc=00000001',
+}
+DIGEST_REQUESTS = [
+    request(1, "authDigestStartWithHandler:", AUTH)[0],
+    request(2, "authValidate:andID:withHandler:", AUTH, answer=DIGEST["answer"], authID=AUTH_ID)[0],
+]
+DIGEST_REPLIES = [
+    reply(1, challenge=DIGEST["challenge"], authID=AUTH_ID, error=None)[0],
+    reply(2, response=DIGEST["response"], user="alice", error=None)[0],
+]
+
+
+def digest_exchange():
+    messages = (
+        f'C  [1, 1, {DIGEST_REQUESTS[0][2]}, []]',
+        f'D  [3, 1, [challenge, "{AUTH_ID}", null]]',
+        f'C  [1, 2, {DIGEST_REQUESTS[1][2]}, [answer, "{AUTH_ID}"]]',
+        'D  [3, 2, [response, "alice", null]]',
+    )
+    parts = [f"\n{name}:\n{folded(text)}" for name, text in DIGEST.items()]
+    return "\n".join(messages) + "\n" + "".join(parts)
 
 
 # From messages to the page's text.
@@ -180,19 +232,17 @@ def item_text(value, note):
 def examples():
     made = {name: frame_text(*frame) for name, frame in FRAMES.items()}
     made.update({name: item_text(*item) for name, item in ITEMS.items()})
+    made["digest"] = digest_exchange()
     return made
 
 
 # What is compared.
 
-EXAMPLE = re.compile(r"(<!-- example: ([\w-]+) -->\n```text\n)((?:(?!```).*\n)*)(```\n)")
-
-
 def compare_examples(page):
     wanted = examples()
     standing = {match[2]: match[3] for match in EXAMPLE.finditer(page)}
     count = len(EXAMPLE.findall(page))
-    if count != len(standing) or count != page.count("<!-- example:"):
+    if count != len(standing) or count != len(re.findall("<!-- ex", page)):
         yield "an example stands twice, or is no block of text"
     for name in sorted(wanted.keys() ^ standing.keys()):
         yield f"example {name}: {'not in the page' if name in wanted else 'nobody makes it'}"
@@ -244,94 +294,69 @@ def items_and_rule(message, node, pending, table):
     return node, None
 
 
-# The page's programs.
+def compare_reader(page):
+    """What tests read out of the page is what was put into it."""
+    read = Page(page)
+    for name, (message, _) in FRAMES.items():
+        if read.example(name) != frame_bytes(message):
+            yield f"example {name} is read as {read.example(name).hex()}"
+    if read.exchange("digest") != DIGEST:
+        yield f"the exchange is read as {read.exchange('digest')}"
 
 
-FIRST_CLIENT_SENDS = [frame_bytes(FRAMES[name][0]) for name in ("client-hello", "subscribe-request")]
-
-
-def run_first_client(program):
-    """The first program against a daemon that says what the examples say, then goodbye."""
-    if "/run/keeld/com.vantor.keeld.notify" not in program:
-        yield "the first program does not connect to the notify service"
-        return
-    received = []
-    printed = io.StringIO()
-    with tempfile.TemporaryDirectory() as folder, socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
-        listener.bind(folder + "/service")
-        listener.listen()
-        daemon = threading.Thread(target=serve_first_client, args=(listener, received), daemon=True)
-        daemon.start()
+def compare_dates(_):
+    """What the page says of cbor2 and dates."""
+    whole, fraction = (cbor2.dumps(ITEMS[name][0]) for name in ("date-whole", "date-fraction"))
+    moment = datetime.datetime(2026, 11, 21, 9, 30, tzinfo=datetime.timezone.utc)
+    if (cbor2.loads(whole), cbor2.loads(fraction)) != (moment, moment.replace(microsecond=250000)):
+        yield "cbor2 decodes dates to something else"
+    if cbor2.dumps(moment)[0] != 0xC0 or cbor2.dumps(moment, datetime_as_timestamp=True) != whole:
+        yield "cbor2 encodes dates in another way"
+    try:
+        cbor2.dumps(moment.replace(tzinfo=None), datetime_as_timestamp=True)
+        yield "cbor2 encodes naive dates"
+    except cbor2.CBOREncodeError:
+        pass
+    for seconds in (10**12, -(10**12), 2**64 - 1, 1e300):
         try:
-            with contextlib.redirect_stdout(printed):
-                exec(program.replace("/run/keeld/com.vantor.keeld.notify", folder + "/service"), {})
-        except (Exception, SystemExit) as problem:
-            yield f"the first program ended with {problem!r}"
-        daemon.join()
-    if received != FIRST_CLIENT_SENDS:
-        yield f"the first program sent {[frame.hex() for frame in received]}"
-    if "Tegel" not in printed.getvalue() or "enough" not in printed.getvalue():
-        yield f"the first program printed {printed.getvalue()}"
+            cbor2.loads(cbor2.dumps(cbor2.CBORTag(1, seconds)))
+            yield f"cbor2 decodes the date {seconds}"
+        except (OverflowError, OSError, ValueError):
+            pass
 
 
-def serve_first_client(listener, received):
-    peer, _ = listener.accept()
-    # Only a program that sends too little ever waits this long; then both sides end.
-    peer.settimeout(20)
-    with peer, contextlib.suppress(TimeoutError):
-        peer.sendall(frame_bytes(FRAMES["daemon-hello"][0]))
-        for wanted in FIRST_CLIENT_SENDS:
-            received.append(peer.recv(len(wanted), socket.MSG_WAITALL))
-            if received[-1] != wanted:
-                return
-        for name in ("subscribe-reply", "delivery"):
-            peer.sendall(frame_bytes(FRAMES[name][0]))
-        peer.sendall(frame_bytes([GOODBYE, "enough"]))
-
-
-def run_sealed_sender(program):
-    """The second program's function: what comes out of the socket, and what the file holds."""
-    sender, receiver = socket.socketpair(socket.AF_UNIX, socket.SOCK_STREAM)
-    with sender, receiver:
-        names = {}
-        exec(program, names)
-        names["send_sealed"](sender, 5, 3, PICTURE, ["camera", 0, 0])
-        sender.close()
-        frame, files, _, _ = socket.recv_fds(receiver, 65536, 8)
-    if frame != frame_bytes(FRAMES["sealed-request"][0]) or len(files) != 1:
-        yield f"the second program sent {frame.hex()} and {len(files)} files"
-        return
-    with open(files[0], "rb") as file:
-        seals = fcntl.F_SEAL_WRITE | fcntl.F_SEAL_GROW | fcntl.F_SEAL_SHRINK | fcntl.F_SEAL_SEAL
-        if fcntl.fcntl(file, fcntl.F_GET_SEALS) != seals:
-            yield "the second program's file is not sealed"
-        if os.pread(file.fileno(), 1 << 20, 0) != cbor2.dumps(PICTURE):
-            yield "the second program's file does not hold the item"
-
-
-def run_reference_maker(program):
-    """The third program's function: a reference to the process that runs it."""
-    names = {}
-    exec(program, names)
-    made = names["own_reference"]()
-    pid, uid, start = struct.unpack("<IIQ", made[8:24])
-    boot_seconds = start / os.sysconf("SC_CLK_TCK")
-    with open("/proc/uptime") as file:
-        uptime = float(file.read().split()[0])
-    if (made[:8] + made[24:], pid, uid) != (REFERENCE[:8] + REFERENCE[24:], os.getpid(), os.getuid()):
-        yield f"the third program made {made.hex()}"
-    if not 0 < boot_seconds <= uptime:
-        yield f"the third program's process began at {boot_seconds} s"
+def compare_bad_frames(page):
+    tables = Page(page).tables("frame", "answer", "why")
+    if len(tables) != 2:
+        yield f"{len(tables)} tables of bad frames"
+    for frame, _, why in sum(tables, []):
+        data = bytes.fromhex(frame.strip("`"))
+        size = struct.unpack("<I", data[:4])[0]
+        # Of frames that are too long the beginning is enough.
+        if size != len(data) - 4 and size <= 1 << 16:
+            yield f"the bad frame {frame} ({why}) has the length {size}"
 
 
 def compare_programs(page):
-    programs = re.findall(r"```python\n(.*?)```", page, re.DOTALL)
-    if len(programs) != 3:
-        yield f"the page has {len(programs)} programs instead of 3"
-        return
-    yield from run_first_client(programs[0])
-    yield from run_sealed_sender(programs[1])
-    yield from run_reference_maker(programs[2])
+    page = Page(page)
+    frames = {name: frame_bytes(message) for name, (message, _) in FRAMES.items()}
+    first, sender, receiver, reference, digest, login = page.programs()
+    yield from protocol_programs.first_client(
+        first,
+        [frames["daemon-hello"], frames["subscribe-reply"], frames["delivery"]],
+        [frames["client-hello"], frames["subscribe-request"]],
+    )
+    yield from protocol_programs.sealed_sender(sender, PICTURE, frames["sealed-request"])
+    yield from protocol_programs.receiver_of_files(receiver, PICTURE)
+    yield from protocol_programs.reference_maker(reference, REFERENCE)
+    yield from protocol_programs.digest_answerer(
+        digest, DIGEST["challenge"], DIGEST["answer"], CNONCE
+    )
+    names = protocol_programs.helpers_of(first)
+    exec(digest, names)
+    requests = [frames["auth-hello"], *map(frame_bytes, DIGEST_REQUESTS)]
+    replies = list(map(frame_bytes, DIGEST_REPLIES))
+    yield from protocol_programs.login(login, names, AUTH, CNONCE, requests, replies)
 
 
 def main(arguments):
@@ -345,12 +370,21 @@ def main(arguments):
         path.write_text(EXAMPLE.sub(lambda match: match[1] + made.get(match[2], match[3]) + match[4], page))
         return 0
     differences = []
-    for comparison in (compare_examples, compare_tables, compare_grammar, compare_programs):
+    comparisons = (
+        compare_examples,
+        compare_reader,
+        compare_dates,
+        compare_tables,
+        compare_bad_frames,
+        compare_grammar,
+        compare_programs,
+    )
+    for comparison in comparisons:
         differences.extend(comparison(page))
     for difference in differences:
         print(f"{path}: {difference}", file=sys.stderr)
     if not differences:
-        print(f"{path}: {len(FRAMES) + len(ITEMS)} examples, 3 programs, the tables and the grammar are as they should be")
+        print(f"{path}: {len(examples())} examples, the programs, the tables and the grammar are as they should be")
     return 1 if differences else 0
 
 

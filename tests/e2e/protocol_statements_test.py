@@ -1,0 +1,182 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""What docs/protocol.md says in prose, and no other test is about: greetings, order, endings, sessions.
+"""
+
+import errno
+import itertools
+import re
+import select
+import socket
+import struct
+
+import keel_host
+from keel_client import (
+    AUTH, FAILURE, FRAME_LIMIT, HELLO, ONE_WAY, REPLY, REQUEST, UPDATE, Client, Code, Ended)
+from keel_host import HANG_GUARD, Bystanders, DaemonTest
+from keel_values import InFile, encode, framed, sealed_file
+
+SUBSCRIBE, UNSUBSCRIBE, PUBLISH, UPDATE_ITEM, MODULE_TABLE = 1, 2, 3, 4, 6
+
+
+def frames(*messages):
+    return b"".join(framed(encode(message)) for message in messages)
+
+
+class StatementTest(DaemonTest):
+    def at_once(self, client, *messages):
+        """Has the daemon read all of them before it carries out the first."""
+        self.daemon.pause()
+        client.send_bytes(frames(*messages))
+        self.daemon.go_on()
+        client.last_id = max(message[1] for message in messages if message[0] == REQUEST)
+
+    def items(self, client):
+        return [delivery.item for delivery in client.deliveries_so_far()]
+
+
+class Hello(StatementTest):
+    def test_of_the_daemon_need_not_be_awaited(self):
+        client = self.client(greet=False)
+        client.send_bytes(frames([HELLO, 1, [UPDATE], {}], [REQUEST, 1, SUBSCRIBE, ["weather", 0]],
+                                 [REQUEST, 2, PUBLISH, [{"n": 1}, "weather", 0, 0]]))
+        client.take_hello()
+        self.assertEqual(client.results(1), [None, None])
+        self.assertEqual(client.results(2), [None])
+        self.assertEqual(client.delivery().item, {"n": 1})
+
+    def test_may_come_as_late_as_one_likes(self):
+        bystanders = Bystanders(self)
+        client = self.client(greet=False)
+        client.take_hello()
+        for _ in range(10):
+            bystanders.step()
+        client._read()
+        self.assertEqual((client.ended, len(client.history)), (False, 1))
+        client.send([HELLO, 1, [], {}])
+        self.assertEqual(client.module_table(), {})
+
+
+class Order(StatementTest):
+    def test_of_deliveries_is_that_of_the_changes_over_all_names(self):
+        names = ("wind", "rain", "snow")
+        publishers = [self.client(), self.client()]
+        followers = [self.client(), self.client(descriptors=True)]
+        for place, name in enumerate(names):
+            self.assertWorked(publishers[place % 2].publish({"n": -1}, name))
+        for follower in followers:
+            for name in names:
+                self.assertWorked(follower.subscribe(name))
+            follower.deliveries_so_far()
+        sent = {0: [], 1: []}
+        for number, place in zip(range(300), itertools.cycle((0, 0, 1, 2, 1))):
+            publishers[place % 2].request("updatePublishedItem:name:withHandler:", {"n": number},
+                                          names[place])
+            sent[place % 2].append((names[place], number))
+        for publisher in publishers:
+            publisher.dump("")
+        received = [[(name, item["n"]) for name, item, *_ in follower.deliveries_so_far()]
+                    for follower in followers]
+        self.assertEqual(received[0], received[1])
+        for place in (0, 1):
+            own = names[place::2]
+            self.assertEqual([each for each in received[0] if each[0] in own], sent[place])
+
+    def test_has_deliveries_before_the_answers_to_what_is_asked_later(self):
+        publisher, follower = self.client(), self.client()
+        self.assertWorked(publisher.publish({"n": 0}, "weather"))
+        self.assertWorked(follower.subscribe("weather"))
+        follower.deliveries_so_far()
+        for number in range(1, 50):
+            self.assertWorked(publisher.update({"n": number}, "weather"))
+            # Methods that do not wait in the queue, and failures, come behind it too.
+            before = len(follower.history)
+            follower.last_id += 1
+            follower.send([REQUEST, follower.last_id, (MODULE_TABLE, 99)[number % 2], []])
+            follower.answer(follower.last_id)
+            self.assertEqual(follower.delivery().item, {"n": number})
+            self.assertEqual([message.kind for message in follower.history[before:]],
+                             [ONE_WAY, (REPLY, FAILURE)[number % 2]])
+
+    def test_of_a_subscription_and_updates_behind_it_repeats_the_newest(self):
+        client = self.client()
+        self.at_once(client, [REQUEST, 1, PUBLISH, [{"n": 1}, "weather", 0, 0]],
+                     [REQUEST, 2, SUBSCRIBE, ["weather", 0]],
+                     [REQUEST, 3, UPDATE_ITEM, [{"n": 2}, "weather"]],
+                     [REQUEST, 4, UPDATE_ITEM, [{"n": 3}, "weather"]])
+        self.assertEqual(self.items(client), [{"n": 2}, {"n": 3}, {"n": 3}])
+        answers = [message.fields[1] for message in client.history if message.kind == REPLY]
+        self.assertEqual(answers[:4], [1, 2, 3, 4])
+        # The reply to the subscription precedes all of them.
+        kinds = [message.kind for message in client.history[1:4]]
+        self.assertEqual(kinds, [REPLY, REPLY, ONE_WAY])
+
+    def test_of_a_subscription_and_its_end_may_yield_a_delivery(self):
+        client = self.client()
+        self.assertWorked(client.publish({"n": 1}, "weather"))
+        self.at_once(client, [REQUEST, 2, SUBSCRIBE, ["weather", 0]],
+                     [ONE_WAY, UNSUBSCRIBE, ["weather"]])
+        self.assertEqual(self.items(client), [{"n": 1}])
+        self.assertWorked(client.update({"n": 2}, "weather"))
+        self.assertEqual(self.items(client), [])
+
+
+class Endings(StatementTest):
+    def test_by_the_daemon_leave_the_goodbye_to_be_read(self):
+        client = self.client()
+        self.daemon.pause()
+        # As much as fits: some of it stays unread.
+        data = memoryview(struct.pack("<I", (1 << 32) - 1) + bytes(1 << 20))
+        try:
+            while data:
+                data = data[client.socket.send(data) :]
+        except BlockingIOError:
+            pass
+        self.daemon.go_on()
+        closed = select.poll()
+        closed.register(client.socket, 0)
+        self.assertEqual(closed.poll(HANG_GUARD * 1000)[0][1] & select.POLLHUP, select.POLLHUP)
+        with self.assertRaises(OSError) as raised:
+            client.socket.send(b"more", socket.MSG_NOSIGNAL)
+        self.assertIn(raised.exception.errno, (errno.EPIPE, errno.ECONNRESET))
+        # Ends at the end of file, or at ECONNRESET.
+        self.assertTrue(client.end())
+        self.assertFalse(client.cut_off)
+
+    def test_by_half_are_endings(self):
+        publisher = self.client()
+        self.assertWorked(publisher.publish({}, "weather"))
+        self.after_clean_up(lambda: publisher.socket.shutdown(socket.SHUT_WR))
+        self.assertWorked(self.own_client().publish({}, "weather"))
+
+    def test_come_of_a_file_with_a_frame_that_is_skipped(self):
+        client = self.client()
+        file = self.file(sealed_file(encode({"picture": bytes(70000)})))
+        body = encode([REQUEST, 1, PUBLISH, [InFile(70014), "camera", 0, 0]])
+        rest = bytes(FRAME_LIMIT + 1 - len(body))
+        try:
+            client.send_bytes(struct.pack("<I", FRAME_LIMIT + 1) + body + rest, files=[file])
+        except Ended:
+            pass
+        self.assertEqual(client.failure(1), Code.tooLarge)
+        self.assertTrue(client.end())
+
+
+class Sessions(StatementTest):
+    def test_are_unsigned_in_proc_and_signed_here(self):
+        with open("/proc/self/sessionid") as file:
+            session = int(file.read())
+        signed = session - (1 << 32 if session > 2147483647 else 0)
+        client = self.client()
+        self.assertWorked(client.publish({}, "mine"))
+        publisher = client.dump("mine")[0][0]["publisher"]
+        self.assertEqual(int(re.search(r"session (-?\d+)>", publisher)[1]), signed)
+        with Client(AUTH, exports=()) as asker:
+            selector = "isAuthedASID:withHandler:"
+            self.assertEqual(asker.call(selector, -1), [False])
+            unsigned = asker.request(selector, 4294967295)
+            self.assertEqual(asker.failure(unsigned), Code.wrongArguments)
+
+
+if __name__ == "__main__":
+    keel_host.main()
