@@ -5,6 +5,7 @@
 
 import errno
 import itertools
+import os
 import re
 import select
 import socket
@@ -12,10 +13,11 @@ import struct
 
 import keel_host
 from keel_client import (
-    AUTH, FAILURE, FRAME_LIMIT, HELLO, ONE_WAY, REPLY, REQUEST, UPDATE, Client, Code, Ended)
+    AUTH, FAILURE, FRAME_LIMIT, HELLO, ONE_WAY, REPLY, REQUEST, UPDATE, Client, Code, Ended, Refused)
 from keel_host import HANG_GUARD, Bystanders, DaemonTest
 from keel_values import InFile, encode, framed, sealed_file
 
+BOOKKEEPING = 128
 SUBSCRIBE, UNSUBSCRIBE, PUBLISH, UPDATE_ITEM, MODULE_TABLE = 1, 2, 3, 4, 6
 
 
@@ -176,6 +178,100 @@ class Sessions(StatementTest):
             self.assertEqual(asker.call(selector, -1), [False])
             unsigned = asker.request(selector, 4294967295)
             self.assertEqual(asker.failure(unsigned), Code.wrongArguments)
+
+
+class Charges(StatementTest):
+    """What a user holds stands in the text of failure 8."""
+
+    options = {"log": "runtime=debug"}
+
+    USER = 501
+
+    def setUp(self):
+        super().setUp()
+        self.user = self.as_user(Client)
+        self.filled = self.fill()
+
+    def as_user(self, maker, *arguments, **options):
+        os.seteuid(self.USER)
+        try:
+            client = maker(*arguments, **options)
+        finally:
+            os.seteuid(0)
+        self.addCleanup(client.close)
+        return client
+
+    def publish_large(self, name):
+        content = encode({"": bytes(FRAME_LIMIT - 7)})
+        file = sealed_file(content)
+        try:
+            more = [InFile(len(content)), name, 0, 0]
+            self.user.call("publishItem:name:flags:value:withHandler:", *more, files=[file])
+        finally:
+            os.close(file)
+        return len(content), len(name) + 640
+
+    def fill(self):
+        """Publishes until no more large data fits; the charges by the page."""
+        charges = []
+        try:
+            for number in range(100):
+                charges += self.publish_large(f"large {number}")
+        except Refused:
+            return charges
+        self.fail("never refused")
+
+    def held(self):
+        with self.assertRaises(Refused) as refused:
+            self.publish_large("never published")
+        self.assertEqual(refused.exception.code, Code.overQuota)
+        return int(re.search(r"holds (\d+) bytes", refused.exception.text)[1])
+
+    def assertHeld(self, before, *charges):
+        """So much more than `before`, and some bookkeeping for each."""
+        more = self.held() - before
+        self.assertGreaterEqual(more, sum(charges))
+        self.assertLessEqual(more, sum(charges) + BOOKKEEPING * len(charges))
+
+    def test_are_those_of_the_page(self):
+        self.assertHeld(0, *self.filled)
+        before = self.held()
+        self.assertWorked(self.user.subscribe("weather"))
+        self.assertHeld(before, 7 + 640)
+        # It is known now, although nobody follows it, and until somebody makes it unknown.
+        self.user.unsubscribe("weather")
+        self.assertHeld(before, 7 + 640)
+        root = self.client()
+        self.assertWorked(root.publish({}, "weather"))
+        self.assertWorked(root.remove("weather"))
+        self.assertHeld(before)
+        # Following what others have made known is charged until it ends.
+        self.assertWorked(root.publish({}, "weather"))
+        self.assertWorked(self.user.subscribe("weather"))
+        self.assertHeld(before, 7 + 640)
+        self.user.unsubscribe("weather")
+        self.assertHeld(before)
+
+    def test_of_data_end_with_other_data(self):
+        before = self.held()
+        self.assertWorked(self.user.update({}, "large 0"))
+        self.publish_large("large again")
+        self.assertHeld(before, 1, 11 + 640)
+
+    def test_of_challenges_end_with_their_answer_or_connection(self):
+        before = self.held()
+        auth = self.as_user(Client, AUTH, exports=())
+        identifiers = [auth.call("authBasicStartWithHandler:")[1] for _ in range(3)]
+        self.assertHeld(before, 1024, 1024, 1024)
+        error = auth.call("authValidate:andID:withHandler:", "nonsense", identifiers[0])[2]
+        self.assertEqual(error.code, 5)
+        self.assertHeld(before, 1024, 1024)
+
+    def test_of_what_a_connection_leaves_behind_stay(self):
+        before = self.held()
+        self.end_of(self.user)
+        self.user = self.as_user(Client)
+        self.assertHeld(before)
 
 
 if __name__ == "__main__":
