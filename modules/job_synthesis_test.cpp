@@ -113,8 +113,7 @@ TEST_F(JobSynthesis, ServicesThatAreNoDictionaryAreNone) {
   write("launchd.plist", dictionary("<key>MachServices</key><array><string>a</string></array>"));
   EXPECT_EQ(job(), Value::map({{"MachServices", Value::list({"a"})}}));
   EXPECT_TRUE(machName_.isNull());
-  EXPECT_THAT(logged(), ElementsAre("error: synthesizeJobFromBundle: \"MachServices\" in the job of " +
-                                    folder_.path("keel_mail.bundle") + " is no dictionary"));
+  EXPECT_THAT(logged(), ElementsAre());
 }
 
 TEST_F(JobSynthesis, WhoeverDoesNotAskIsNotTold) {
@@ -137,21 +136,16 @@ TEST_F(JobSynthesis, WhatIsNoBundleGetsTheDefaultJob) {
   EXPECT_THAT(logged(), ElementsAre(kMaking, kMaking));
 }
 
-TEST_F(JobSynthesis, AnOwnJobThatCannotBeReadIsNamedAndReplaced) {
+TEST_F(JobSynthesis, AnOwnJobThatCannotBeReadIsSilentlyReplaced) {
   write("launchd.plist", "garbage");
   EXPECT_EQ(job(), defaultJob());
-  EXPECT_THAT(logged(), ElementsAre("error: synthesizeJobFromBundle: " + path("launchd.plist") +
-                                        " is no property list: line 1: syntax error (NSPOSIXErrorDomain error 74); "
-                                        "the module gets a job without it",
-                                    kMaking));
+  EXPECT_THAT(logged(), ElementsAre(kMaking));
 }
 
-TEST_F(JobSynthesis, AnOwnJobThatIsNoDictionaryIsNamedAndReplaced) {
+TEST_F(JobSynthesis, AnOwnJobThatIsNoDictionaryIsSilentlyReplaced) {
   write("launchd.plist", "<plist><array/></plist>");
   EXPECT_EQ(job(), defaultJob());
-  EXPECT_THAT(logged(), ElementsAre("error: synthesizeJobFromBundle: " + path("launchd.plist") +
-                                        " holds no dictionary (NSPOSIXErrorDomain error 74); the module gets a job without it",
-                                    kMaking));
+  EXPECT_THAT(logged(), ElementsAre(kMaking));
 }
 
 TEST_F(JobSynthesis, FilesThatAreNoFilesDoNoHarm) {
@@ -159,23 +153,19 @@ TEST_F(JobSynthesis, FilesThatAreNoFilesDoNoHarm) {
   ASSERT_EQ(::mkfifo(path("launchd.plist").c_str(), 0600), 0);
   ASSERT_EQ(::symlink("/dev/zero", path("Info.plist").c_str()), 0);
   EXPECT_EQ(job(), defaultJob());
-  EXPECT_THAT(logged(),
-              ElementsAre("error: synthesizeJobFromBundle: cannot read " + path("launchd.plist") +
-                              ": not a regular file (NSPOSIXErrorDomain error 22); the module gets a job without it",
-                          kMaking,
-                          "error: synthesizeJobFromBundle: cannot read " + path("Info.plist") +
-                              ": not a regular file (NSPOSIXErrorDomain error 22); the module gets a job without it"));
+  EXPECT_THAT(logged(), ElementsAre(kMaking));
 }
 
-TEST_F(JobSynthesis, InfoOfTheWrongKindIsNamedAndNotUsed) {
+TEST_F(JobSynthesis, InfoOfTheWrongKindIsNotUsed) {
   write("Info.plist", dictionary("<key>QZJobLabel</key><integer>5</integer><key>QZMachServiceName</key><dict/>"));
   EXPECT_EQ(job(), defaultJob());
-  const std::string bundle = folder_.path("keel_mail.bundle");
-  EXPECT_THAT(logged(), ElementsAre(kMaking,
-                                    "error: synthesizeJobFromBundle: \"QZJobLabel\" in the Info.plist of " + bundle +
-                                        " is no text; com.vantor.keeld.mail is used",
-                                    "error: synthesizeJobFromBundle: \"QZMachServiceName\" in the Info.plist of " + bundle +
-                                        " is no text; com.vantor.keeld.mail is used"));
+  EXPECT_THAT(logged(), ElementsAre(kMaking));
+}
+
+TEST_F(JobSynthesis, InfoThatCannotBeReadIsNotUsed) {
+  write("Info.plist", "garbage");
+  EXPECT_EQ(job(), defaultJob());
+  EXPECT_THAT(logged(), ElementsAre(kMaking));
 }
 
 }  // namespace

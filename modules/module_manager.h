@@ -48,8 +48,8 @@ class KLNModuleManager {
   // module's short name and Mach service name unless the argument is null. The Mach service name of a bundle with a job of its
   // own is the first key of its "MachServices", and null when it has no such dictionary; an empty one raises NSRangeException.
   //
-  // What the bundle holds is never trusted: a file that cannot be read, or says something of the wrong kind, is logged as an
-  // error and counts as if it were not there. The job is never null, except from a subclass.
+  // What the bundle holds is never trusted: a file that cannot be read, or says something of the wrong kind, counts as if it
+  // were not there (platform/bundle logs that, at debug level). The job is never null, except from a subclass.
   virtual Value synthesizeJobFromBundle(const std::string& path, String* returningName, String* andMachName);
 
   ModuleTable& moduleTable() { return moduleTable_; }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "client/shown_text.h"
+#include "platform/product/product.h"
 #include "tools/table.h"
 
 namespace keel {
@@ -29,6 +30,13 @@ std::string jsonOfOptional(const std::optional<Date>& date) {
 template <class T>
 ClientResult<T> ask(Request<T> request, const CommonOptions& common) {
   return std::move(request).within(common.timeout().value_or(kAnswerTimeout)).wait();
+}
+
+// Whether the job is synthesized. Not known when the bundle has gone, or this user may not read the job file, as root may.
+std::optional<bool> isSynthesized(const JobDescription& description) {
+  using JobFile = JobDescription::JobFile;
+  if (description.jobFile == JobFile::noBundle || description.jobFile == JobFile::denied) return std::nullopt;
+  return description.jobFile != JobFile::used;
 }
 
 }  // namespace
@@ -115,6 +123,23 @@ std::string jsonOfJob(const JobState& job, JsonLetters letters) {
                      job.problem.empty() ? "null" : jsonOfText(job.problem, letters));
 }
 
+std::string shownSynthesis(const std::string& module, const JobDescription& description) {
+  const auto synthesized = isSynthesized(description);
+  if (synthesized == false) return "";
+  return fmt::format("{} {} a synthesized job: {}", shownText(module, 100), synthesized ? "has" : "may have",
+                     shownText(fmt::format("{}", fmt::join(description.reasons, "; ")), 1000));
+}
+
+std::string jsonOfSynthesis(const JobDescription& description, JsonLetters letters) {
+  const auto synthesized = isSynthesized(description);
+  const std::string reasons = fmt::format("{}", fmt::join(description.reasons, "; "));
+  return fmt::format(R"("synthesized":{},"reason":{})",
+                     !synthesized   ? "null"
+                     : *synthesized ? "true"
+                                    : "false",
+                     reasons.empty() ? "null" : jsonOfText(reasons, letters));
+}
+
 int modulesCommand(Console& console, const CommonOptions& common) {
   const auto client = connectClient(common, /*reconnect=*/false);
   const auto modules = ask(client->moduleTable(), common);
@@ -126,16 +151,19 @@ int modulesCommand(Console& console, const CommonOptions& common) {
   const bool forPeople = !common.json && console.isTerminal();
   if (forPeople && modules->empty()) console.write("no module is enabled\n");
   Table table({"MODULE", "SERVICE", "JOB"});
-  std::string lines;
+  std::string lines, remarks;
   for (const auto& [name, service] : *modules) {
     const JobState& job = jobs.at(service);
+    const auto description = readJobDescription(Bundle(fmt::format("{}{}.bundle", kBundlesDirectory, name)));
     table.add({name, service, shownJob(job)});
-    lines += fmt::format(R"({{"module":{},"service":{},"job":{}}})", jsonOfText(name, console.letters()),
-                         jsonOfText(service, console.letters()), jsonOfJob(job, console.letters()));
+    if (const std::string remark = shownSynthesis(name, description); !remark.empty()) remarks += remark + '\n';
+    lines += fmt::format(R"({{"module":{},"service":{},"job":{},{}}})", jsonOfText(name, console.letters()),
+                         jsonOfText(service, console.letters()), jsonOfJob(job, console.letters()),
+                         jsonOfSynthesis(description, console.letters()));
     lines += '\n';
   }
   if (!forPeople) console.write(lines);
-  if (forPeople && !modules->empty()) console.write(table.text(console));
+  if (forPeople && !modules->empty()) console.write(table.text(console) + (remarks.empty() ? "" : "\n" + remarks));
   return kExitOk;
 }
 

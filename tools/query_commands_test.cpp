@@ -98,5 +98,31 @@ TEST(ModuleJob, JsonSaysNothingOfWhatIsNotKnown) {
             R"({"label":null,"enabled":null,"listening":null,"program":"unknown","pid":null,"problem":null})");
 }
 
+TEST(ModuleJob, OfTheBundlesOwnNeedsNoRemark) {
+  const JobDescription own{.jobFile = JobDescription::JobFile::used};
+  EXPECT_EQ(shownSynthesis("keel_mail", own), "");
+  EXPECT_EQ(jsonOfSynthesis(own, JsonLetters::utf8), R"("synthesized":false,"reason":null)");
+}
+
+TEST(ModuleJob, ThatIsSynthesizedIsShownWithTheReasons) {
+  const JobDescription missing{.jobFile = JobDescription::JobFile::missing, .reasons = {"job file missing"}};
+  EXPECT_EQ(shownSynthesis("keel_mail", missing), "keel_mail has a synthesized job: job file missing");
+  EXPECT_EQ(jsonOfSynthesis(missing, JsonLetters::utf8), R"("synthesized":true,"reason":"job file missing")");
+  const JobDescription bad{.jobFile = JobDescription::JobFile::unusable, .reasons = {"job file: \x1b[31m", "Info.plist: y"}};
+  EXPECT_THAT(shownSynthesis("keel_mail", bad), testing::StartsWith("keel_mail has a synthesized job: job file: "));
+  EXPECT_THAT(shownSynthesis("keel_mail", bad), testing::EndsWith("; Info.plist: y"));
+  EXPECT_THAT(shownSynthesis("keel_mail", bad), Not(HasSubstr("\x1b")));
+  EXPECT_EQ(jsonOfSynthesis(bad, JsonLetters::utf8), R"("synthesized":true,"reason":"job file: \u001b[31m; Info.plist: y")");
+}
+
+TEST(ModuleJob, MayBeSynthesizedWhenItsFileCannotBeSeen) {
+  using JobFile = JobDescription::JobFile;
+  for (const JobFile jobFile : {JobFile::noBundle, JobFile::denied}) {
+    const JobDescription unseen{.jobFile = jobFile, .reasons = {"r"}};
+    EXPECT_EQ(shownSynthesis("keel_mail", unseen), "keel_mail may have a synthesized job: r");
+    EXPECT_EQ(jsonOfSynthesis(unseen, JsonLetters::utf8), R"("synthesized":null,"reason":"r")");
+  }
+}
+
 }  // namespace
 }  // namespace keel

@@ -21,6 +21,10 @@ bool isAbsent(const std::string& path) {
 
 }  // namespace
 
+bool Bundle::isThere() const {
+  return !isAbsent(path_);
+}
+
 bool Bundle::hasContents() const {
   struct stat status;
   return ::stat((path_ + "/Contents").c_str(), &status) == 0 && S_ISDIR(status.st_mode);

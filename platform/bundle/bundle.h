@@ -22,6 +22,8 @@ class Bundle {
   explicit Bundle(std::string path) : path_(std::move(path)) {}
 
   const std::string& path() const { return path_; }
+  // True when there is anything at the path.
+  bool isThere() const;
   // Where the resource "NAME.TYPE" is. What is there but cannot be looked at counts as found.
   std::optional<std::string> pathForResource(std::string_view name, std::string_view type) const;
   // The map in the description, empty without one. An error when the description cannot be read or holds something else.

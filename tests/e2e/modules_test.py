@@ -3,6 +3,7 @@
 """Bundles of modules: which are found, what becomes of broken ones, and that keeld starts whatever there is."""
 
 import glob
+import json
 import os
 import plistlib
 import re
@@ -155,12 +156,14 @@ class Loading(ModulesTest):
         self.assertEqual(len(odd), 1)
         failed.remove(odd[0])
         self.assertEqual(sorted(failed), sorted(self.path(name) for name in refused))
-        # Each that could not be read is named, once for each of its files.
+        # Each that could not be read is replaced without an error, and named for whoever looks closer: once for each file.
+        remarks = [line.text for line in self.daemon.log if line.category == "bundle" and line.level == "debug"]
         for name in broken:
-            named = [text for text in self.startup("error") if self.path(name) in text]
+            self.assertEqual([text for text in self.startup("error") if self.path(name) in text], [])
+            named = [text for text in remarks if text.startswith(f"{self.path(name)}: ")]
             self.assertEqual(len(named), {"file": 0, "loop": 2}.get(name, 1), named)
         for name, why in (("nested", "nested more than 64 deep"), ("large", "more than 1048576 bytes")):
-            self.assertTrue([text for text in self.startup("error") if self.path(name) in text and why in text], name)
+            self.assertTrue([text for text in remarks if self.path(name) in text and why in text], name)
         self.assertEqual(len([text for text in self.startup("error") if "is not UTF-8" in text]), 1)
         self.wait_for_crash("com.vantor.crashing")
         self.assertEqual(self.table(), expected)
@@ -237,6 +240,39 @@ class Loading(ModulesTest):
                 f'loadAllModules: moduleTable is {{"keel_one": "{label}"}}',
             )],
         )
+
+    def test_keelctl_shows_why_a_job_is_synthesized(self):
+        own = own_job("com.vantor.own", "com.vantor.own")
+        self.bundle("plain")
+        self.bundle("own", job=own)
+        self.bundle("gone", job=own_job("com.vantor.gone", "com.vantor.gone"))
+        self.write("bad", "Contents/Resources/launchd.plist", b"<plist>\n<dict>\n</plist>")
+        self.write("worse", "launchd.plist", plistlib.dumps(["Label"]))
+        self.write("worse", "Info.plist", plistlib.dumps({"QZJobLabel": 5}))
+        self.run_daemon()
+        remove(self.path("gone"))
+        os.chmod(self.path("own"), 0o700)
+        bad, worse = self.path("bad", "Contents/Resources/launchd.plist"), self.path("worse", "launchd.plist")
+        expected = {
+            "keel_plain": (True, "job file missing"),
+            "keel_own": (False, None),
+            "keel_gone": (None, "bundle missing"),
+            "keel_bad": (True, f"job file: {bad} is no property list: line 3: mismatched tag"),
+            "keel_worse": (True, f'job file: {worse} holds no dictionary; Info.plist: "QZJobLabel" is no text'),
+        }
+        self.assertEqual(self.shown_synthesis(), expected)
+        # Whoever may not look is not told that it was synthesized.
+        shown = self.shown_synthesis(user=1001)
+        self.assertIsNone(shown["keel_own"][0])
+        self.assertIn("Permission denied", shown["keel_own"][1])
+        self.assertEqual(shown["keel_plain"], expected["keel_plain"])
+
+    @staticmethod
+    def shown_synthesis(user=0):
+        """What keelctl shows that user of each module: whether its job is synthesized, and why."""
+        shown = subprocess.run([keel_host.keelctl, "modules", "--json"], check=True, capture_output=True, text=True, user=user)
+        modules = map(json.loads, shown.stdout.splitlines())
+        return {module["module"]: (module["synthesized"], module["reason"]) for module in modules}
 
     def test_what_is_enabled_already_is_only_recorded(self):
         self.bundle("one")
