@@ -4,6 +4,7 @@
 //
 // It finds a socket as descriptor 3, reads one packet (pam_question.h) from it and answers with one byte.
 
+#include <pwd.h>
 #include <security/pam_appl.h>
 #include <shadow.h>
 #include <sys/prctl.h>
@@ -16,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -76,11 +78,22 @@ int answerPrompts(int count, const pam_message** messages, pam_response** respon
 // PAM would sleep here after a failure. The daemon sees to it that every refusal takes the same time.
 void doNotDelay(int, unsigned, void*) {}
 
-// A "!" in front of the encrypted password locks an account. PAM's account management does not look there, because whoever
-// proved a password cannot have been locked out of it.
-bool isLocked(const std::string& user) {
-  const spwd* const entry = ::getspnam(user.c_str());
+// The name under which the account itself goes, for any name that leads to it; nothing when none does.
+std::optional<std::string> accountName(const std::string& name) {
+  const passwd* const entry = ::getpwnam(name.c_str());
+  return entry != nullptr && entry->pw_name != nullptr ? std::optional<std::string>(entry->pw_name) : std::nullopt;
+}
+
+bool hasLockedPassword(const std::string& name) {
+  const spwd* const entry = ::getspnam(name.c_str());
   return entry != nullptr && entry->sp_pwdp != nullptr && entry->sp_pwdp[0] == '!';
+}
+
+// A "!" in front of the encrypted password locks an account. PAM's account management does not look there, because whoever
+// proved a password cannot have been locked out of it. The entry stands under the account's own name, to which an alias need
+// not lead here.
+bool isLocked(const std::string& user) {
+  return hasLockedPassword(user) || hasLockedPassword(accountName(user).value_or(user));
 }
 
 // A module may have put another account in the place of the one that was asked about.

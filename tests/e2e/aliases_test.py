@@ -84,6 +84,17 @@ class Aliases(AuthTest):
         self.assertEqual(self.digest(ALIAS, "of the alias"), [ALIAS, None])
         self.assertRecorded(ALIAS)
 
+    def test_of_a_locked_account_are_locked_whether_or_not_they_lead_to_its_password(self):
+        set_digest_password(ALIAS, "of the alias")
+        set_digest_password(LOCKED_ALIAS, "of the alias")
+        install_service("auth required pam_unix.so\naccount required pam_permit.so\n")
+        for shadow in ("files keeltest", "files"):
+            switch(shadow)
+            with self.subTest(shadow):
+                self.assertFailed(self.digest(LOCKED_ALIAS, "of the alias")[1])
+                self.assertWorked(self.digest(ALIAS, "of the alias")[1])
+        self.assertRecorded(ALIAS)
+
     def test_a_pam_module_may_not_put_another_account_in_their_place(self):
         install_service(f"auth required {PAM_MODULE} rename alice\n{UNIX}")
         self.assertFailed(self.auth_client.password(BOBS_ALIAS, password_of("alice")))
