@@ -96,10 +96,15 @@ bool isLocked(const std::string& user) {
   return hasLockedPassword(user) || hasLockedPassword(accountName(user).value_or(user));
 }
 
-// A module may have put another account in the place of the one that was asked about.
-bool isStillAbout(pam_handle_t* pam, std::string_view user) {
-  const void* now = nullptr;
-  return ::pam_get_item(pam, PAM_USER, &now) == PAM_SUCCESS && now != nullptr && static_cast<const char*>(now) == user;
+// A module may have put another account in the place of the one that was asked about; but it may also have put the account's
+// own name in the place of an alias.
+bool isStillAbout(pam_handle_t* pam, const std::string& user) {
+  const void* item = nullptr;
+  if (::pam_get_item(pam, PAM_USER, &item) != PAM_SUCCESS || item == nullptr) return false;
+  const std::string now = static_cast<const char*>(item);
+  if (now == user) return true;
+  const auto asked = accountName(user);
+  return asked && asked == accountName(now);
 }
 
 PamVerdict ask(pam_handle_t* pam, const PamQuestion& question) {
@@ -116,7 +121,7 @@ PamVerdict ask(pam_handle_t* pam, const PamQuestion& question) {
     return PamVerdict::refused;
   }
   // An expired account, and one whose password must be changed first, end here.
-  if (::pam_acct_mgmt(pam, kFlags) != PAM_SUCCESS || !isStillAbout(pam, question.user)) return PamVerdict::refused;
+  if (::pam_acct_mgmt(pam, kFlags) != PAM_SUCCESS || !isStillAbout(pam, std::string(question.user))) return PamVerdict::refused;
   return PamVerdict::accepted;
 }
 

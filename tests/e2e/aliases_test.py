@@ -95,6 +95,12 @@ class Aliases(AuthTest):
                 self.assertWorked(self.digest(ALIAS, "of the alias")[1])
         self.assertRecorded(ALIAS)
 
+    def test_a_pam_module_may_put_the_accounts_own_name_in_their_place(self):
+        install_service(f"auth required {PAM_MODULE} rename alice\n{UNIX}")
+        self.assertWorked(self.auth_client.password(ALIAS, password_of("alice")))
+        self.assertFailed(self.auth_client.password(ALIAS, password_of("bob")))
+        self.assertRecorded(ALIAS)
+
     def test_a_pam_module_may_not_put_another_account_in_their_place(self):
         install_service(f"auth required {PAM_MODULE} rename alice\n{UNIX}")
         self.assertFailed(self.auth_client.password(BOBS_ALIAS, password_of("alice")))
