@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "notify/notification_handler.h"
@@ -47,6 +48,26 @@ class NotifyListener : public ::testing::Test {
     while (!connection.expired()) std::this_thread::yield();
   }
   static LogLine debug(const char* text) { return {LogLevel::debug, "runtime", text}; }
+  // Accepts the client with `delegate`. When it logs a line that begins with `received`, everything is configured otherwise:
+  // what the delegate has configured before that is overwritten.
+  void acceptSpoilt(xpc::ListenerDelegate& delegate, FakeClient& client, std::string_view received) {
+    const auto& connection = client.connection();
+    int count = 0;
+    bool wasConfidential = false;
+    const LogCapture capture([&](const LogMessage& message) {
+      if (!message.text.starts_with(received)) return;
+      ++count;
+      wasConfidential = connection->isConfidential();
+      connection->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+      connection->setExportedObject<protocols::SubscriberProxy>(nullptr);
+      connection->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<NotifyProxy>());
+      connection->setInterruptionHandler([] {});
+      connection->setInvalidationHandler([] {});
+    });
+    EXPECT_TRUE(delegate.listenerShouldAcceptNewConnection(*listener_, connection));
+    EXPECT_EQ(count, 1);
+    EXPECT_FALSE(wasConfidential);
+  }
 
   std::string directory_;
   xpc::TransportContext context_{reactor_};
@@ -65,6 +86,25 @@ TEST_F(NotifyListener, AcceptsEveryConnectionAndLogsItsPidFirst) {
   EXPECT_EQ(log_.linesOf("runtime"), (std::vector{debug("New Notification Service Connection received from 345"),
                                                   debug("NotifyListenerDelgate: Notify service is ready")}));
   EXPECT_EQ(client.daemonSelectors().size(), 8u);
+}
+
+TEST_F(NotifyListener, ReceptionIsLoggedBeforeAnythingIsConfigured) {
+  FakeClient client(executor_, FakeClient::identity(345));
+  acceptSpoilt(delegate_, client, "New Notification Service Connection received from 345");
+  EXPECT_EQ(client.daemonSelectors().size(), 8u);
+  const auto subscription = client.request<&NotifyProxy::subscribeTo>(Name("n"), 0u);
+  executor_.runAll();
+  EXPECT_TRUE(client.resultsOf<&NotifyProxy::subscribeTo>(subscription));
+  const auto& subscriber = xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>();
+  EXPECT_GE(client.connection()->methodNumber(subscriber, 0), 0);
+  client.sendNonsense();
+  client.die();
+  executor_.runAll();
+  const auto lines = log_.linesOf("runtime");
+  for (const char* text : {"Dispatcher: plugin connection from 345 interrupted (unserialized object?)",
+                           "Dispatcher: connection from 345 is invalidated"}) {
+    EXPECT_NE(std::ranges::find(lines, debug(text)), lines.end()) << text;
+  }
 }
 
 TEST_F(NotifyListener, TwoConnectionsOfOneProcessHaveTheirOwnHandlers) {
@@ -121,6 +161,17 @@ TEST_F(NotifyListener, AuthDelegateAcceptsEveryConnectionAndLogsItsPidFirst) {
                                                   debug("AuthListenerDelgate: AuthService is ready")}));
   EXPECT_EQ(client.daemonSelectors().size(), 8u);
   EXPECT_TRUE(client.connection()->isConfidential());
+  log_.take();
+  end(client);
+  EXPECT_EQ(log_.linesOf("runtime"), (std::vector{debug("AuthListenerDelgate: connection is invalidated"),
+                                                  debug("AuthService connection from 7 invalidated")}));
+}
+
+TEST_F(NotifyListener, AuthDelegateLogsReceptionBeforeAnythingIsConfigured) {
+  AuthListenerDelgate delegate;
+  FakeClient client(executor_, FakeClient::identity(345));
+  acceptSpoilt(delegate, client, "New Auth Service Connection received from 345");
+  EXPECT_EQ(client.daemonSelectors().size(), 8u);
   log_.take();
   end(client);
   EXPECT_EQ(log_.linesOf("runtime"), (std::vector{debug("AuthListenerDelgate: connection is invalidated"),
