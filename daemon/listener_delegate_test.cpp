@@ -178,6 +178,19 @@ TEST_F(NotifyListener, AuthDelegateLogsReceptionBeforeAnythingIsConfigured) {
                                                   debug("AuthService connection from 7 invalidated")}));
 }
 
+TEST_F(NotifyListener, AuthDelegateGivesTwoConnectionsOfOneProcessTheirOwnHandlers) {
+  AuthListenerDelgate delegate;
+  // One handler would know the session of the last of them alone.
+  FakeClient first(executor_, FakeClient::identity(345, 7));
+  FakeClient second(executor_, FakeClient::identity(345, 8));
+  for (FakeClient* client : {&first, &second}) delegate.listenerShouldAcceptNewConnection(*listener_, client->connection());
+  log_.take();
+  end(first);
+  EXPECT_EQ(log_.linesOf("runtime").back(), debug("AuthService connection from 7 invalidated"));
+  end(second);
+  EXPECT_EQ(log_.linesOf("runtime").back(), debug("AuthService connection from 8 invalidated"));
+}
+
 TEST_F(NotifyListener, AuthDelegateSetsNoRemoteInterface) {
   AuthListenerDelgate delegate;
   FakeClient client(executor_);
