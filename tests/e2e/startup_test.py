@@ -3,6 +3,7 @@
 """How keeld starts, what it refuses, and how it ends."""
 
 import ctypes
+import errno
 import os
 import re
 import signal
@@ -289,7 +290,32 @@ class SocketActivation(StartTest):
         self.assertWorked(self.client().publish({}, "name"))
 
 
+def deny_signal_sources():
+    """From now on signalfd(2) fails in this process: as if there were no descriptors left, but for it alone."""
+    load_number, equal, answer, allow, fail = 0x20, 0x15, 0x06, 0x7FFF0000, 0x00050000
+    number = {"x86_64": 289, "aarch64": 74}[os.uname().machine]
+    filters = [(load_number, 0, 0, 0), (equal, 0, 1, number), (answer, 0, 0, fail | errno.EMFILE), (answer, 0, 0, allow)]
+    code = ctypes.create_string_buffer(b"".join(struct.pack("=HBBI", *each) for each in filters))
+    program = struct.pack("@HP", len(filters), ctypes.addressof(code))
+    set_seccomp, by_filter = 22, 2
+    if ctypes.CDLL(None, use_errno=True).prctl(set_seccomp, by_filter, program) != 0:
+        raise OSError(ctypes.get_errno(), "prctl")
+
+
 class Signals(StartTest):
+    def test_the_start_goes_on_without_sources_for_them(self):
+        daemon = self.start(before_exec=deny_signal_sources)
+        self.assertEqual([line for line in daemon.log if line.level != "debug"], [])
+        client = self.client()
+        self.assertWorked(client.publish({}, "name"))
+        # Without a source a signal has no effect.
+        for number in (signal.SIGHUP, signal.SIGTERM):
+            daemon.signal(number)
+            self.assertWorked(client.update({"after": int(number)}, "name"))
+        self.assertWorked(self.client().publish({}, "another"))
+        self.assertEqual([line.text for line in daemon.log if line.text == SHUTTING_DOWN], [])
+        daemon.kill()
+
     def test_the_start_is_logged_in_order(self):
         daemon = self.start()
         told = [line.text for line in daemon.log if line.level == "debug" and line.category == "runtime"]
