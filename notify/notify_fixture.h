@@ -47,6 +47,12 @@ inline Dictionary number(int value) {
   return Dictionary(Value::map({{"number", value}}));
 }
 
+// Returns when the clock shows another time than `date`, which it does after less than a microsecond.
+inline void letTheClockPass(Date date) {
+  while (Date::now() == date) {
+  }
+}
+
 inline std::string addressOf(const void* object) {
   return fmt::format("{}", fmt::ptr(object));
 }

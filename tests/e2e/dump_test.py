@@ -107,6 +107,20 @@ class Dump(DaemonTest):
         follower.delivery()
         self.assertEqual(self.entry("weather"), self.entry("weather"))
 
+    def test_equal_updates_have_a_date_each(self):
+        follower, publisher = self.client(), self.client()
+        follower.subscribe("weather")
+        publisher.publish({"n": 1}, "weather")
+        dates = []
+        for _ in range(3):
+            self.assertWorked(publisher.update({"n": 1}, "weather"))
+            entry = self.entry("weather")
+            dates.append((entry["publishDate"].seconds, entry["subscribers"][0]["updateDate"].seconds))
+            self.assertEqual(follower.delivery().item, {"n": 1})
+        for earlier, later in zip(dates, dates[1:]):
+            self.assertLess(earlier[0], later[0])
+            self.assertLess(earlier[1], later[1])
+
     def test_of_a_withdrawn_name_with_followers_keeps_data_date_and_publisher(self):
         publisher = self.client()
         self.asker.subscribe("weather")
