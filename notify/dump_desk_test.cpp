@@ -196,6 +196,45 @@ TEST_F(DumpDeskTest, AnErrorThatTheSubscriberHearsOfIsNotSeen) {
   expectUnseen([this] { entry("c")->updateWithError(Error("test", 1)); });
 }
 
+// What the asker of a dump hears of what came after the dump's beginning may overtake the answer, but is not in it.
+TEST_F(DumpDeskTest, ADeliveryToTheAskerMayOvertakeTheAnswerWhichDoesNotShowIt) {
+  followed(asker, "c", Date{1.0});
+  const Value before = describe("c");
+  forget();
+  const auto dump = begin(asker);
+  update(one, "c", number(2));
+  turn();
+  ASSERT_EQ(asker.received().size(), 1u);
+  EXPECT_EQ(asker.received().front().item, number(2));
+  runAll();
+  const Value c = entryOf(entriesOf(asker, dump), "c");
+  EXPECT_EQ(c, before);
+  EXPECT_EQ(*c.find("publishDate"), Value(Date{1.0}));
+  EXPECT_EQ(*c.find("subscribers")->as<Value::List>()->front().find("updateDate"), Value(Date{1.0}));
+  EXPECT_EQ(*describe("c").find("publishedData"), number(2).value());
+}
+
+// What was carried out before the dump began was delivered before its answer.
+TEST_F(DumpDeskTest, TheAnswerIsNotAheadOfDeliveries) {
+  followed(asker, "c", Date{1.0});
+  update(one, "c", number(2));
+  const auto dump = request(asker);
+  runAll();
+  EXPECT_EQ(*entryOf(entriesOf(asker, dump), "c").find("publishedData"), number(2).value());
+  ASSERT_EQ(asker.received().size(), 2u);
+  EXPECT_EQ(asker.received().front().item, number(2));
+  EXPECT_EQ(asker.received().back().requestId, dump);
+}
+
+TEST_F(DumpDeskTest, UpdatesThatAreCarriedOutTogetherAreNotSeen) {
+  // At the debug level each would be carried out alone.
+  const LogRecorder errors(LogLevel::error);
+  followed(other, "c", Date{1.0});
+  expectUnseen([this] {
+    for (int value = 2; value < 5; ++value) update(one, "c", number(value));
+  });
+}
+
 TEST_F(DumpDeskTest, ASubscriptionThatChangesHandsIsNotSeen) {
   const auto subscription = followed(other, "c", Date{1.0});
   expectUnseen([this, subscription] { subscription->setOwner(one.connection()); });

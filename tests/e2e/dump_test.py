@@ -6,9 +6,9 @@ import os
 import re
 
 import keel_host
-from keel_client import Client
+from keel_client import ONE_WAY, REPLY, REQUEST, Client, framed
 from keel_host import DaemonTest
-from keel_values import Date, Error
+from keel_values import Date, Error, encode
 
 
 class Dump(DaemonTest):
@@ -172,6 +172,54 @@ class Dump(DaemonTest):
         self.assertEqual(self.entry("name 0")["publisher"], texts[0])
         numbers = [int(re.match(r"<connection (\d+) ", text).group(1)) for text in texts]
         self.assertEqual(numbers, sorted(numbers))
+
+    def test_shows_one_moment_and_not_what_is_delivered_later(self):
+        """A dump in slices, and updates of every item that the daemon finds beside it, in the order of the names."""
+        names = [f"name {number:03}" for number in range(300)]
+        publisher = self.client()
+        for name in names:
+            self.assertWorked(publisher.publish({"version": 0}, name))
+            self.assertWorked(self.asker.subscribe(name))
+        settled = self.entries_by_name()
+        for version in range(1, 11):
+            # Both are there when the daemon looks again, the one or the other first.
+            self.daemon.pause()
+            if version % 2:
+                dump = self.asker.request("dumpNotification:withData:andHandler:", "_all", True)
+            updates = self.send_updates(publisher, names, {"version": version})
+            if not version % 2:
+                dump = self.asker.request("dumpNotification:withData:andHandler:", "_all", True)
+            self.daemon.go_on()
+            entries, error = self.asker.results(dump)
+            self.assertIsNone(error)
+            for identifier in updates:
+                self.assertEqual(publisher.results(identifier), [None])
+            shown = {entry["name"]: entry for entry in entries}
+            self.assertEqual(sorted(shown), names)
+            before, settled = settled, self.entries_by_name()
+            # At one moment some of the names, the first ones, had been updated, each with all that belongs to it.
+            updated = sum(entry["publishedData"] == {"version": version} for entry in entries)
+            for place, name in enumerate(names):
+                self.assertEqual(shown[name], (settled if place < updated else before)[name])
+            # Those updates had been delivered.
+            history = self.asker.history
+            answer = next(place for place, message in enumerate(history) if message.kind == REPLY and message.fields[1] == dump)
+            delivered = [message.fields[2][0] for message in history[:answer] if message.kind == ONE_WAY
+                         and message.fields[2][1] == {"version": version}]
+            self.assertEqual(delivered[:updated], names[:updated])
+
+    @staticmethod
+    def send_updates(publisher, names, item):
+        """All with one system call: a socket that nobody reads takes few messages, however small. Returns the requests' ids."""
+        method = publisher.selectors.index("updatePublishedItem:name:withHandler:")
+        identifiers = range(publisher.last_id + 1, publisher.last_id + 1 + len(names))
+        publisher.last_id += len(names)
+        publisher.send_bytes(b"".join(framed(encode([REQUEST, identifier, method, [item, name]]))
+                                      for identifier, name in zip(identifiers, names)))
+        return identifiers
+
+    def entries_by_name(self):
+        return {entry["name"]: entry for entry in self.asker.dump("_all", True)[0]}
 
     def test_stands_in_line_with_the_requests_of_its_connection(self):
         identifiers = []
