@@ -12,7 +12,8 @@
 
 namespace keel {
 
-// Whom the auth handlers ask; without more said, this machine. All are borrowed and outlive the handlers.
+// Whom the auth handlers ask; without more said, this machine. All are borrowed and outlive the
+// handlers.
 struct AuthBackEnds {
   Membership& membership = systemMembership();
   Authenticators& authenticators = systemAuthenticators();

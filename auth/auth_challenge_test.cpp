@@ -27,7 +27,9 @@ class AuthChallenge : public AuthHandler {
   auto validate(AuthClient& asking, const char* answer, const String& authID) {
     return ask<&AuthProxy::authValidate>(asking, String(answer), authID);
   }
-  auto validate(const char* answer, const String& authID) { return validate(client, answer, authID); }
+  auto validate(const char* answer, const String& authID) {
+    return validate(client, answer, authID);
+  }
 
   using Outcome = std::tuple<String, String, Error>;
   const Outcome notFound{nullptr, nullptr, kAuthIDNotFound};
@@ -36,14 +38,18 @@ class AuthChallenge : public AuthHandler {
 
 TEST_F(AuthChallenge, StartMakesTheIDThenAnAuthenticatorForGet) {
   const String authID = startDigest();
-  EXPECT_THAT(takeCalls(), ElementsAre("random", "make digest", "digest setMethod GET", "digest generateInitialResponse"));
-  EXPECT_THAT(log.take(), ElementsAre(debugLine("authDigestStartWithHandler starting auth for " + std::string(authID.view()))));
+  EXPECT_THAT(takeCalls(), ElementsAre("random", "make digest", "digest setMethod GET",
+                                       "digest generateInitialResponse"));
+  EXPECT_THAT(log.take(), ElementsAre(debugLine("authDigestStartWithHandler starting auth for " +
+                                                std::string(authID.view()))));
 
   const auto [challenge, basicID, error] = ask<&AuthProxy::authBasicStartWithHandler>(client);
   EXPECT_EQ(challenge, String("basic challenge"));
   EXPECT_FALSE(error);
-  EXPECT_THAT(takeCalls(), ElementsAre("random", "make basic", "basic setMethod GET", "basic generateInitialResponse"));
-  EXPECT_THAT(log.take(), ElementsAre(debugLine("authBasicStartWithHandler starting auth for " + std::string(basicID.view()))));
+  EXPECT_THAT(takeCalls(), ElementsAre("random", "make basic", "basic setMethod GET",
+                                       "basic generateInitialResponse"));
+  EXPECT_THAT(log.take(), ElementsAre(debugLine("authBasicStartWithHandler starting auth for " +
+                                                std::string(basicID.view()))));
   EXPECT_EQ(client.handler()->authsInProgress().size(), 2u);
 }
 
@@ -53,7 +59,8 @@ TEST_F(AuthChallenge, RightAnswerOfAnAdministratorIsRecorded) {
   EXPECT_EQ(validate("right alice", authID), Outcome("response", "alice", nullptr));
   EXPECT_TRUE(isAuthedASID(7));
   EXPECT_THAT(recorded(7), ElementsAre(String("alice")));
-  EXPECT_THAT(log.linesOf("auth"), ElementsAre(debugLine("authValidate: validating auth for " + std::string(authID.view()))));
+  EXPECT_THAT(log.linesOf("auth"), ElementsAre(debugLine("authValidate: validating auth for " +
+                                                         std::string(authID.view()))));
   EXPECT_TRUE(client.handler()->authsInProgress().empty());
 }
 
@@ -61,7 +68,8 @@ TEST_F(AuthChallenge, IsRecordedAndUsedUpBeforeItIsAnswered) {
   const String authID = startDigest();
   const auto handler = client.handler();
   std::optional<bool> isRecorded;
-  handler->authValidate("right alice", authID, xpc::Reply<String, String, Error>::to([&](String, String, Error error) {
+  handler->authValidate("right alice", authID,
+                        xpc::Reply<String, String, Error>::to([&](String, String, Error error) {
                           EXPECT_FALSE(error);
                           EXPECT_TRUE(handler->authsInProgress().empty());
                           service->isAuthedASID(7, [&](bool found) { isRecorded = found; });
@@ -72,10 +80,12 @@ TEST_F(AuthChallenge, IsRecordedAndUsedUpBeforeItIsAnswered) {
 
 TEST_F(AuthChallenge, IsUsedUpBeforeARefusalIsAnswered) {
   const auto handler = client.handler();
-  for (const auto& [answer, refusal] : {std::pair("wrong", kAuthFailed), std::pair("right bob", kNotAdmin)}) {
+  for (const auto& [answer, refusal] :
+       {std::pair("wrong", kAuthFailed), std::pair("right bob", kNotAdmin)}) {
     const String authID = startDigest();
     std::optional<Error> answered;
-    handler->authValidate(answer, authID, xpc::Reply<String, String, Error>::to([&](String, String, Error error) {
+    handler->authValidate(answer, authID,
+                          xpc::Reply<String, String, Error>::to([&](String, String, Error error) {
                             EXPECT_TRUE(handler->authsInProgress().empty());
                             answered = std::move(error);
                           }));
@@ -102,7 +112,8 @@ TEST_F(AuthChallenge, RightAnswerOfNoAdministratorIsHandedBackWithTheError) {
   const String authID = startDigest();
   log.take();
   EXPECT_EQ(validate("right bob", authID), Outcome("response", "bob", kNotAdmin));
-  EXPECT_THAT(log.lines(), ElementsAre(debugLine("authValidate: validating auth for " + std::string(authID.view())),
+  EXPECT_THAT(log.lines(), ElementsAre(debugLine("authValidate: validating auth for " +
+                                                 std::string(authID.view())),
                                        debugLine("user is not in admin group")));
   EXPECT_EQ(validate("right alice", authID), notFound);
   EXPECT_TRUE(recorded(7).empty());
@@ -174,22 +185,29 @@ String authIDFor(AuthBackEnds backEnds, std::array<std::byte, 33> random) {
 TEST_F(AuthChallenge, IDsAreMadeOfTheBytesModuloSixtyTwo) {
   std::array<std::byte, 33> random{};
   constexpr std::array<int, 8> kBytes{0, 25, 26, 51, 52, 61, 62, 255};
-  std::ranges::transform(kBytes, random.begin(), [](int byte) { return static_cast<std::byte>(byte); });
+  std::ranges::transform(kBytes, random.begin(),
+                         [](int byte) { return static_cast<std::byte>(byte); });
   // The last byte is drawn and thrown away.
   random[32] = std::byte{7};
-  EXPECT_EQ(authIDFor(backEnds, random), String(std::string_view("myob-azAZ09ah" + std::string(24, 'a'))));
+  EXPECT_EQ(authIDFor(backEnds, random),
+            String(std::string_view("myob-azAZ09ah" + std::string(24, 'a'))));
 }
 
 TEST_F(AuthChallenge, EightLettersComeUpFiveTimesInAllBytesTheOthersFour) {
   std::array<int, 256> counts{};
   for (int from = 0; from < 256; from += 32) {
     std::array<std::byte, 33> random{};
-    for (int i = 0; i < 32; ++i) random[static_cast<std::size_t>(i)] = static_cast<std::byte>(from + i);
-    for (const char letter : authIDFor(backEnds, random).view().substr(5)) ++counts[static_cast<unsigned char>(letter)];
+    for (int i = 0; i < 32; ++i)
+      random[static_cast<std::size_t>(i)] = static_cast<std::byte>(from + i);
+    for (const char letter : authIDFor(backEnds, random).view().substr(5))
+      ++counts[static_cast<unsigned char>(letter)];
   }
   for (int character = 0; character < 256; ++character) {
-    const int expected = std::isalnum(character) == 0 ? 0 : (character >= 'a' && character <= 'h') ? 5 : 4;
-    EXPECT_EQ(counts[static_cast<std::size_t>(character)], expected) << static_cast<char>(character);
+    const int expected = std::isalnum(character) == 0             ? 0
+                         : (character >= 'a' && character <= 'h') ? 5
+                                                                  : 4;
+    EXPECT_EQ(counts[static_cast<std::size_t>(character)], expected)
+        << static_cast<char>(character);
   }
 }
 
@@ -200,7 +218,8 @@ TEST_F(AuthChallenge, IDsOfTheSystemsBytesDiffer) {
     const String authID = handler.getNextAuthID();
     EXPECT_EQ(authID.view().size(), KLNAuthHandler::kAuthIDLength);
     EXPECT_TRUE(authID.view().starts_with("myob-"));
-    EXPECT_TRUE(std::ranges::all_of(authID.view().substr(5), [](unsigned char each) { return std::isalnum(each) != 0; }));
+    EXPECT_TRUE(std::ranges::all_of(authID.view().substr(5),
+                                    [](unsigned char each) { return std::isalnum(each) != 0; }));
     seen.emplace(authID.view());
   }
   EXPECT_EQ(seen.size(), 1000u);
@@ -235,7 +254,9 @@ class AuthBasicValidate : public AuthChallenge {
 
 TEST_F(AuthBasicValidate, IsNoMethodOfTheProtocol) {
   EXPECT_EQ(std::ranges::count_if(client.daemonSelectors(),
-                                  [](const std::string& selector) { return selector.starts_with("authBasicValidate"); }),
+                                  [](const std::string& selector) {
+                                    return selector.starts_with("authBasicValidate");
+                                  }),
             0);
 }
 
@@ -275,14 +296,16 @@ TEST_F(AuthBasicValidate, WrongAnswerUsesTheChallengeUp) {
 // The process that dies has no log output: the message is seen where it is written.
 void startWithoutRandomBytes(AuthBackEnds backEnds) {
   const LogCapture capture([](const LogMessage& message) {
-    std::fprintf(stderr, "%d %.*s: %.*s\n", static_cast<int>(message.level), static_cast<int>(message.category.size()),
-                 message.category.data(), static_cast<int>(message.text.size()), message.text.data());
+    std::fprintf(stderr, "%d %.*s: %.*s\n", static_cast<int>(message.level),
+                 static_cast<int>(message.category.size()), message.category.data(),
+                 static_cast<int>(message.text.size()), message.text.data());
   });
   backEnds.randomBytes = [](std::span<std::byte>) {
     errno = ENOSYS;
     return -1;
   };
-  KLNAuthHandler(backEnds).authDigestStartWithHandler(xpc::Reply<String, String, Error>::to([](String, String, Error) {}));
+  KLNAuthHandler(backEnds).authDigestStartWithHandler(
+      xpc::Reply<String, String, Error>::to([](String, String, Error) {}));
 }
 
 TEST_F(AuthChallenge, WithoutRandomBytesTheProcessAborts) {

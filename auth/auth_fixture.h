@@ -60,7 +60,8 @@ class FakeMembership final : public Membership {
     group = Identifier(Identifier::Group{80});
     return groupProblem;
   }
-  int mbr_check_membership(const Identifier& user, const Identifier& group, bool& isMember) override {
+  int mbr_check_membership(const Identifier& user, const Identifier& group,
+                           bool& isMember) override {
     EXPECT_EQ(group.group()->id, 80u);
     isMember = administrators.contains(user.user()->name);
     return checkProblem;
@@ -76,12 +77,15 @@ class FakeMembership final : public Membership {
   Calls& calls_;
 };
 
-// Takes one right answer: "right NAME", for the user of that name. Its response is "response", unless the name is "quiet".
+// Takes one right answer: "right NAME", for the user of that name. Its response is "response",
+// unless the name is "quiet".
 class FakeAuthenticator final : public QZAuthenticator {
  public:
   FakeAuthenticator(Calls& calls, std::string kind) : calls_(calls), kind_(std::move(kind)) {}
 
-  void setMethod(String method) override { calls_.push_back(kind_ + " setMethod " + std::string(method.view())); }
+  void setMethod(String method) override {
+    calls_.push_back(kind_ + " setMethod " + std::string(method.view()));
+  }
   String generateInitialResponse() override {
     calls_.push_back(kind_ + " generateInitialResponse");
     return std::string_view(kind_ + " challenge");
@@ -91,7 +95,8 @@ class FakeAuthenticator final : public QZAuthenticator {
                      (generateResponse == nullptr ? " without a response" : ""));
     const bool right = answer.view().starts_with("right ");
     // A wrong answer may leave something behind, too.
-    if (generateResponse != nullptr && answer.view() != "right quiet") *generateResponse = "response";
+    if (generateResponse != nullptr && answer.view() != "right quiet")
+      *generateResponse = "response";
     user_ = right ? String(answer.view().substr(6)) : String("somebody");
     return right;
   }
@@ -134,7 +139,8 @@ class FakeAuthorization final : public Authorization {
  public:
   explicit FakeAuthorization(Calls& calls) : calls_(calls) {}
 
-  OSStatus AuthorizationCreateFromExternalForm(const AuthorizationExternalForm& form, const xpc::PeerIdentity& peer,
+  OSStatus AuthorizationCreateFromExternalForm(const AuthorizationExternalForm& form,
+                                               const xpc::PeerIdentity& peer,
                                                AuthorizationRef& authorization) override {
     calls_.push_back("create from pid " + std::to_string(peer.pid));
     given = form;
@@ -144,7 +150,8 @@ class FakeAuthorization final : public Authorization {
     }
     return createStatus;
   }
-  OSStatus AuthorizationCopyRights(const AuthorizationRef& authorization, std::span<const AuthorizationItem> rights,
+  OSStatus AuthorizationCopyRights(const AuthorizationRef& authorization,
+                                   std::span<const AuthorizationItem> rights,
                                    AuthorizationFlags flags) override {
     EXPECT_EQ(authorization, reference.lock());
     EXPECT_EQ(rights.size(), 1u);
@@ -203,7 +210,8 @@ class AuthHandler : public ::testing::Test {
     return results.value();
   }
   Error authenticate(AuthClient& asking, String user, String password) {
-    return std::get<0>(ask<&AuthProxy::authenticateUser>(asking, std::move(user), std::move(password)));
+    return std::get<0>(
+        ask<&AuthProxy::authenticateUser>(asking, std::move(user), std::move(password)));
   }
   Error authenticate(AuthClient& asking, String user, std::size_t formBytes) {
     const std::vector<std::byte> form(formBytes, std::byte{'f'});
@@ -232,7 +240,8 @@ class AuthHandler : public ::testing::Test {
   FakeMembership membership{calls};
   FakeAuthenticators authenticators{calls};
   FakeAuthorization authorization{calls};
-  AuthBackEnds backEnds{membership, authenticators, authorization, [this](std::span<std::byte> bytes) {
+  AuthBackEnds backEnds{membership, authenticators, authorization,
+                        [this](std::span<std::byte> bytes) {
                           calls.push_back("random");
                           return SecRandomCopyBytes(bytes);
                         }};

@@ -29,7 +29,8 @@ Logger& runtimeLog() {
 constexpr const char* kAdminGroup = "admin";
 
 // The last letter never occurs: characters are chosen modulo 62.
-constexpr std::string_view kAuthIDLetters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ01234567890";
+constexpr std::string_view kAuthIDLetters =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ01234567890";
 constexpr unsigned kAuthIDModulus = 62;
 constexpr std::string_view kAuthIDPrefix = "myob-";
 
@@ -50,7 +51,8 @@ void KLNAuthHandler::authServiceCheckWithHandler(xpc::Reply<Error> handler) {
   handler(nullptr);
 }
 
-void KLNAuthHandler::authenticateUser(String user, String withPassword, xpc::Reply<Error> andHandler) {
+void KLNAuthHandler::authenticateUser(String user, String withPassword,
+                                      xpc::Reply<Error> andHandler) {
   andHandler(authenticate(user, withPassword));
 }
 
@@ -69,8 +71,8 @@ Error KLNAuthHandler::authenticate(const String& user, const Data& externalForm)
   const auto bytes = externalForm.bytes();
   log.debug("authenitcateForUser: auth request with authRef for {}", user);
   if (bytes.size() != kAuthorizationExternalFormLength) {
-    log.fault("authenitcateForUser: authRefext is the wrong size (expected {} got {})", kAuthorizationExternalFormLength,
-              bytes.size());
+    log.fault("authenitcateForUser: authRefext is the wrong size (expected {} got {})",
+              kAuthorizationExternalFormLength, bytes.size());
   }
   AuthorizationExternalForm form;
   std::ranges::copy(bytes.first(std::min(bytes.size(), form.bytes.size())), form.bytes.begin());
@@ -83,9 +85,11 @@ Error KLNAuthHandler::authenticate(const String& user, const Data& externalForm)
     return statusError(status);
   }
   const std::array rights{AuthorizationItem{.name = kManageDaemonsRight}};
-  status = backEnds_.authorization.AuthorizationCopyRights(reference, rights, kAuthorizationFlagDefaults);
+  status = backEnds_.authorization.AuthorizationCopyRights(reference, rights,
+                                                           kAuthorizationFlagDefaults);
   if (status != errAuthorizationSuccess) {
-    log.fault("authenitcateForUser: didn't find the correct right in the authRef error = {}", statusError(status));
+    log.fault("authenitcateForUser: didn't find the correct right in the authRef error = {}",
+              statusError(status));
     return statusError(status);
   }
   if (Error refusal = requireAdministrator(user)) return refusal;
@@ -105,7 +109,8 @@ void KLNAuthHandler::recordUser(const String& user) {
   const auto connection = xpcConnection();
   // Without a connection there is no session to record anything under.
   if (!connection || user.isNull()) return;
-  // What is recorded stays for the life of the process: a copy, since the request's own text is charged to the client.
+  // What is recorded stays for the life of the process: a copy, since the request's own text is
+  // charged to the client.
   KLNAuthService::defaultService()->addUser(user.view(), connection->auditSessionIdentifier());
 }
 
@@ -142,16 +147,19 @@ String KLNAuthHandler::getNextAuthID() const {
     std::abort();
   }
   std::array<char, random.size()> letters;
-  std::ranges::transform(random, letters.begin(),
-                         [](std::byte byte) { return kAuthIDLetters[std::to_integer<unsigned>(byte) % kAuthIDModulus]; });
+  std::ranges::transform(random, letters.begin(), [](std::byte byte) {
+    return kAuthIDLetters[std::to_integer<unsigned>(byte) % kAuthIDModulus];
+  });
   letters.back() = '\0';
   const std::string text = std::string(kAuthIDPrefix) + letters.data();
   // The ID is held for as long as its challenge, which is charged with it.
   const auto connection = xpcConnection();
-  return connection ? String(text, *connection->quota().account, kChallengeBytes) : String(std::string_view(text));
+  return connection ? String(text, *connection->quota().account, kChallengeBytes)
+                    : String(std::string_view(text));
 }
 
-void KLNAuthHandler::addAuthToTable(std::shared_ptr<QZAuthenticator> authenticator, const String& withID) {
+void KLNAuthHandler::addAuthToTable(std::shared_ptr<QZAuthenticator> authenticator,
+                                    const String& withID) {
   authsInProgress_.insert_or_assign(withID, std::move(authenticator));
 }
 
@@ -178,14 +186,16 @@ void KLNAuthHandler::authBasicStartWithHandler(xpc::Reply<String, String, Error>
   handler(std::move(challenge), std::move(authID), nullptr);
 }
 
-String KLNAuthHandler::start(const std::shared_ptr<QZAuthenticator>& authenticator, const String& authID) {
+String KLNAuthHandler::start(const std::shared_ptr<QZAuthenticator>& authenticator,
+                             const String& authID) {
   authenticator->setMethod("GET");
   String challenge = authenticator->generateInitialResponse();
   addAuthToTable(authenticator, authID);
   return challenge;
 }
 
-void KLNAuthHandler::authValidate(String answer, String andID, xpc::Reply<String, String, Error> withHandler) {
+void KLNAuthHandler::authValidate(String answer, String andID,
+                                  xpc::Reply<String, String, Error> withHandler) {
   const auto authenticator = getAuthForID(andID);
   log.debug("authValidate: validating auth for {}", andID);
   if (!authenticator) return withHandler(nullptr, nullptr, error(errAuthIDNotFound));
@@ -203,8 +213,9 @@ void KLNAuthHandler::authValidate(String answer, String andID, xpc::Reply<String
   withHandler(std::move(response), std::move(user), std::move(outcome));
 }
 
-void KLNAuthHandler::authBasicValidate(const String& answer, const String& andID,
-                                       std::move_only_function<void(bool, String, Error)> withHandler) {
+void KLNAuthHandler::authBasicValidate(
+    const String& answer, const String& andID,
+    std::move_only_function<void(bool, String, Error)> withHandler) {
   const auto authenticator = getAuthForID(andID);
   if (!authenticator) return withHandler(false, nullptr, error(errAuthIDNotFound));
   const bool valid = authenticator->validateChallenge(answer, nullptr);
@@ -216,12 +227,14 @@ void KLNAuthHandler::authBasicValidate(const String& answer, const String& andID
 
 void KLNAuthHandler::connectionInterupted() {
   const auto connection = xpcConnection();
-  runtimeLog().debug("AuthService connection from {} interrupted", connection ? connection->auditSessionIdentifier() : 0);
+  runtimeLog().debug("AuthService connection from {} interrupted",
+                     connection ? connection->auditSessionIdentifier() : 0);
 }
 
 void KLNAuthHandler::connectionInvalidated() {
   const auto connection = xpcConnection();
-  runtimeLog().debug("AuthService connection from {} invalidated", connection ? connection->auditSessionIdentifier() : 0);
+  runtimeLog().debug("AuthService connection from {} invalidated",
+                     connection ? connection->auditSessionIdentifier() : 0);
 }
 
 }  // namespace keel

@@ -25,7 +25,8 @@ TEST_F(AuthHandler, SuccessIsRecordedBeforeItIsAnswered) {
   std::optional<bool> isRecorded;
   client.handler()->authenticateUser("alice", "right", xpc::Reply<Error>::to([&](Error error) {
                                        EXPECT_FALSE(error);
-                                       service->isAuthedASID(7, [&](bool found) { isRecorded = found; });
+                                       service->isAuthedASID(
+                                           7, [&](bool found) { isRecorded = found; });
                                      }));
   executor.runAll();
   EXPECT_EQ(isRecorded, true);
@@ -36,12 +37,14 @@ TEST_F(AuthHandler, WhatIsRecordedIsNotTheClientsToPayFor) {
   static MemoryAccount account;
   membership.shortNames["Alice Liddell"] = "alice";
   for (int count = 0; count < 3; ++count) {
-    client.handler()->authenticateUser(String("Alice Liddell", account, 0), "right", xpc::Reply<Error>::to([&](Error error) {
+    client.handler()->authenticateUser(String("Alice Liddell", account, 0), "right",
+                                       xpc::Reply<Error>::to([&](Error error) {
                                          EXPECT_FALSE(error);
                                          EXPECT_GT(account.bytes(), 0u);
                                        }));
   }
-  EXPECT_THAT(recorded(7), ElementsAre(String("Alice Liddell"), String("Alice Liddell"), String("Alice Liddell")));
+  EXPECT_THAT(recorded(7), ElementsAre(String("Alice Liddell"), String("Alice Liddell"),
+                                       String("Alice Liddell")));
   EXPECT_EQ(account.bytes(), 0u);
 }
 
@@ -67,12 +70,14 @@ TEST_F(AuthHandler, NullArgumentsAreRefused) {
 TEST_F(AuthHandler, MembershipIsThatOfTheShortNameAndTheNameSentIsRecorded) {
   membership.shortNames["Alice Liddell"] = "alice";
   EXPECT_FALSE(authenticate(client, "Alice Liddell", "right"));
-  EXPECT_THAT(calls, ElementsAre("verify Alice Liddell", "shortName Alice Liddell", "user alice", "group admin"));
+  EXPECT_THAT(calls, ElementsAre("verify Alice Liddell", "shortName Alice Liddell", "user alice",
+                                 "group admin"));
   EXPECT_THAT(recorded(7), ElementsAre(String("Alice Liddell")));
 }
 
 TEST_F(AuthHandler, WhatCannotBeToldIsNoMembership) {
-  for (int* problem : {&membership.userProblem, &membership.groupProblem, &membership.checkProblem}) {
+  for (int* problem :
+       {&membership.userProblem, &membership.groupProblem, &membership.checkProblem}) {
     *problem = ENOENT;
     EXPECT_EQ(authenticate(client, "alice", "right"), kNotAdmin);
     *problem = 0;
@@ -99,7 +104,8 @@ TEST_F(AuthHandler, NegativeSessionIsOneLikeAnyOther) {
 TEST_F(AuthHandler, WithoutAConnectionNothingIsRecorded) {
   KLNAuthHandler alone(backEnds);
   Error error("none", 0);
-  alone.authenticateUser("alice", "right", xpc::Reply<Error>::to([&](Error given) { error = std::move(given); }));
+  alone.authenticateUser("alice", "right",
+                         xpc::Reply<Error>::to([&](Error given) { error = std::move(given); }));
   EXPECT_FALSE(error);
   executor.runAll();
   EXPECT_TRUE(service->authTable().empty());
@@ -109,7 +115,8 @@ constexpr const char* kRequested = "authenitcateForUser: auth request with authR
 
 TEST_F(AuthHandler, ReferenceWithTheRightIsFreedAndRecorded) {
   EXPECT_FALSE(authenticate(client, "alice", 32));
-  EXPECT_THAT(calls, ElementsAre("create from pid 100", "copy com.vantor.ServiceManagement.daemons.modify flags 0",
+  EXPECT_THAT(calls, ElementsAre("create from pid 100",
+                                 "copy com.vantor.ServiceManagement.daemons.modify flags 0",
                                  "shortName alice", "user alice", "group admin", "free flags 0"));
   EXPECT_THAT(recorded(7), ElementsAre(String("alice")));
   EXPECT_THAT(log.lines(), ElementsAre(debugLine(kRequested)));
@@ -118,12 +125,15 @@ TEST_F(AuthHandler, ReferenceWithTheRightIsFreedAndRecorded) {
 TEST_F(AuthHandler, ReferenceIsFreedThenTheUserIsRecordedThenItIsAnswered) {
   std::optional<bool> wasRecordedWhenFreed;
   std::optional<bool> isRecorded;
-  authorization.onFree = [&] { service->isAuthedASID(7, [&](bool found) { wasRecordedWhenFreed = found; }); };
-  client.handler()->authenticateForUser("alice", Data(std::vector(32, std::byte{'f'})), xpc::Reply<Error>::to([&](Error error) {
-                                          EXPECT_FALSE(error);
-                                          EXPECT_EQ(calls.back(), "free flags 0");
-                                          service->isAuthedASID(7, [&](bool found) { isRecorded = found; });
-                                        }));
+  authorization.onFree = [&] {
+    service->isAuthedASID(7, [&](bool found) { wasRecordedWhenFreed = found; });
+  };
+  client.handler()->authenticateForUser(
+      "alice", Data(std::vector(32, std::byte{'f'})), xpc::Reply<Error>::to([&](Error error) {
+        EXPECT_FALSE(error);
+        EXPECT_EQ(calls.back(), "free flags 0");
+        service->isAuthedASID(7, [&](bool found) { isRecorded = found; });
+      }));
   executor.runAll();
   EXPECT_EQ(wasRecordedWhenFreed, false);
   EXPECT_EQ(isRecorded, true);
@@ -133,28 +143,32 @@ TEST_F(AuthHandler, ReferenceThatCannotBeMadeIsRefusedWithItsStatus) {
   authorization.createStatus = errAuthorizationInvalidRef;
   EXPECT_EQ(authenticate(client, "alice", 32), Error(NSOSStatusErrorDomain, -60002));
   EXPECT_THAT(calls, ElementsAre("create from pid 100"));
-  EXPECT_THAT(
-      log.lines(),
-      ElementsAre(debugLine(kRequested),
-                  LogLine{LogLevel::fault, "auth",
-                          "authenitcateForUser: failed to unpack the authRef error = NSOSStatusErrorDomain error -60002"}));
+  EXPECT_THAT(log.lines(), ElementsAre(debugLine(kRequested),
+                                       LogLine{LogLevel::fault, "auth",
+                                               "authenitcateForUser: failed to unpack the authRef "
+                                               "error = NSOSStatusErrorDomain error -60002"}));
   EXPECT_TRUE(recorded(7).empty());
 }
 
 TEST_F(AuthHandler, ReferenceWithoutTheRightIsRefusedWithItsStatusAndNotFreed) {
   authorization.copyStatus = errAuthorizationDenied;
   EXPECT_EQ(authenticate(client, "alice", 32), Error(NSOSStatusErrorDomain, -60005));
-  EXPECT_THAT(calls, ElementsAre("create from pid 100", "copy com.vantor.ServiceManagement.daemons.modify flags 0"));
-  EXPECT_THAT(log.lines(), ElementsAre(debugLine(kRequested),
-                                       LogLine{LogLevel::fault, "auth",
-                                               "authenitcateForUser: didn't find the correct right in the authRef error = "
-                                               "NSOSStatusErrorDomain error -60005"}));
+  EXPECT_THAT(calls, ElementsAre("create from pid 100",
+                                 "copy com.vantor.ServiceManagement.daemons.modify flags 0"));
+  EXPECT_THAT(
+      log.lines(),
+      ElementsAre(
+          debugLine(kRequested),
+          LogLine{LogLevel::fault, "auth",
+                  "authenitcateForUser: didn't find the correct right in the authRef error = "
+                  "NSOSStatusErrorDomain error -60005"}));
   EXPECT_TRUE(recorded(7).empty());
 }
 
 TEST_F(AuthHandler, ReferenceWithTheRightForNoAdministratorIsRefusedAndNotFreed) {
   EXPECT_EQ(authenticate(client, "bob", 32), kNotAdmin);
-  EXPECT_THAT(calls, ElementsAre("create from pid 100", "copy com.vantor.ServiceManagement.daemons.modify flags 0",
+  EXPECT_THAT(calls, ElementsAre("create from pid 100",
+                                 "copy com.vantor.ServiceManagement.daemons.modify flags 0",
                                  "shortName bob", "user bob", "group admin"));
   EXPECT_EQ(log.lines().back(), debugLine("user is not in admin group"));
   EXPECT_TRUE(recorded(7).empty());
@@ -170,7 +184,8 @@ TEST_F(AuthHandler, FormsOfAnotherLengthAreAFaultAndUsedAllTheSame) {
     EXPECT_EQ(lines[0], debugLine(kRequested));
     EXPECT_EQ(lines[1],
               (LogLine{LogLevel::fault, "auth",
-                       "authenitcateForUser: authRefext is the wrong size (expected 32 got " + std::to_string(size) + ")"}));
+                       "authenitcateForUser: authRefext is the wrong size (expected 32 got " +
+                           std::to_string(size) + ")"}));
     std::array<std::byte, 32> expected{};
     std::fill_n(expected.begin(), std::min<std::size_t>(size, 32), std::byte{'f'});
     EXPECT_EQ(authorization.given.bytes, expected) << size;
@@ -179,9 +194,11 @@ TEST_F(AuthHandler, FormsOfAnotherLengthAreAFaultAndUsedAllTheSame) {
 
 TEST_F(AuthHandler, NoFormAtAllIsOneOfNoBytes) {
   authorization.createStatus = errAuthorizationInvalidRef;
-  EXPECT_EQ(std::get<0>(ask<&AuthProxy::authenticateForUser>(client, String(), Data())), Error(NSOSStatusErrorDomain, -60002));
+  EXPECT_EQ(std::get<0>(ask<&AuthProxy::authenticateForUser>(client, String(), Data())),
+            Error(NSOSStatusErrorDomain, -60002));
   EXPECT_EQ(log.lines()[0].text, "authenitcateForUser: auth request with authRef for (null)");
-  EXPECT_EQ(log.lines()[1].text, "authenitcateForUser: authRefext is the wrong size (expected 32 got 0)");
+  EXPECT_EQ(log.lines()[1].text,
+            "authenitcateForUser: authRefext is the wrong size (expected 32 got 0)");
 }
 
 TEST_F(AuthHandler, DefaultRealmIsHandedOn) {
@@ -202,8 +219,11 @@ TEST_F(AuthHandler, InterruptionAndInvalidationOnlyLog) {
   authenticate(client, "alice", "right");
   client.handler()->connectionInterupted();
   client.handler()->connectionInvalidated();
-  EXPECT_THAT(log.lines(), ElementsAre(LogLine{LogLevel::debug, "runtime", "AuthService connection from 7 interrupted"},
-                                       LogLine{LogLevel::debug, "runtime", "AuthService connection from 7 invalidated"}));
+  EXPECT_THAT(
+      log.lines(),
+      ElementsAre(
+          LogLine{LogLevel::debug, "runtime", "AuthService connection from 7 interrupted"},
+          LogLine{LogLevel::debug, "runtime", "AuthService connection from 7 invalidated"}));
   client.die();
   executor.runAll();
   EXPECT_TRUE(isAuthedASID(7));

@@ -10,7 +10,8 @@ const std::shared_ptr<KLNAuthService>& KLNAuthService::defaultService() {
   if (const auto& overriding = overridingService()) [[unlikely]]
     return overriding;
   // Never destroyed: other threads use it while the process ends.
-  static const auto& service = *new std::shared_ptr<KLNAuthService>(std::make_shared<KLNAuthService>());
+  static const auto& service =
+      *new std::shared_ptr<KLNAuthService>(std::make_shared<KLNAuthService>());
   return service;
 }
 
@@ -22,18 +23,23 @@ void KLNAuthService::addUser(String user, std::int32_t andASID) {
 }
 
 void KLNAuthService::removeASID(std::int32_t asid) {
-  continueWithBlock([self = shared_from_this(), asid] { self->authTable().erase(std::to_string(asid)); });
+  continueWithBlock(
+      [self = shared_from_this(), asid] { self->authTable().erase(std::to_string(asid)); });
 }
 
-void KLNAuthService::isAuthedUser(String user, std::int32_t andASID, std::move_only_function<void(bool, Error)> withHandler) {
-  continueWithBlock([self = shared_from_this(), user = std::move(user), andASID, handler = std::move(withHandler)]() mutable {
+void KLNAuthService::isAuthedUser(String user, std::int32_t andASID,
+                                  std::move_only_function<void(bool, Error)> withHandler) {
+  continueWithBlock([self = shared_from_this(), user = std::move(user), andASID,
+                     handler = std::move(withHandler)]() mutable {
     const auto& table = self->authTable();
     const auto found = table.find(std::to_string(andASID));
-    handler(found != table.end() && std::ranges::find(found->second, user) != found->second.end(), nullptr);
+    handler(found != table.end() && std::ranges::find(found->second, user) != found->second.end(),
+            nullptr);
   });
 }
 
-void KLNAuthService::isAuthedASID(std::int32_t asid, std::move_only_function<void(bool)> withHandler) {
+void KLNAuthService::isAuthedASID(std::int32_t asid,
+                                  std::move_only_function<void(bool)> withHandler) {
   continueWithBlock([self = shared_from_this(), asid, handler = std::move(withHandler)]() mutable {
     handler(self->authTable().contains(std::to_string(asid)));
   });

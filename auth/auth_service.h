@@ -14,12 +14,14 @@
 
 namespace keel {
 
-// Which users have proved to be administrators, by audit session. Shared by all connections of both services; what is recorded
-// counts for the life of the process. All operations return at once, from any thread; they take effect, and call their
-// handlers, on the strand, in the order of the calls. Made with make_shared.
+// Which users have proved to be administrators, by audit session. Shared by all connections of both
+// services; what is recorded counts for the life of the process. All operations return at once,
+// from any thread; they take effect, and call their handlers, on the strand, in the order of the
+// calls. Made with make_shared.
 class KLNAuthService : public QZStrand, public std::enable_shared_from_this<KLNAuthService> {
  public:
-  // The session in decimal, to the names in the order of their recording. A name may stand more than once; no list is empty.
+  // The session in decimal, to the names in the order of their recording. A name may stand more
+  // than once; no list is empty.
   using AuthTable = std::unordered_map<std::string, std::vector<String>>;
   class Override;
 
@@ -34,7 +36,8 @@ class KLNAuthService : public QZStrand, public std::enable_shared_from_this<KLNA
   void addUser(String user, std::int32_t andASID);
   void removeASID(std::int32_t asid);
   // Whether that very name, case included, was recorded for the session; the error is always null.
-  void isAuthedUser(String user, std::int32_t andASID, std::move_only_function<void(bool, Error)> withHandler);
+  void isAuthedUser(String user, std::int32_t andASID,
+                    std::move_only_function<void(bool, Error)> withHandler);
   // Whether any name was.
   void isAuthedASID(std::int32_t asid, std::move_only_function<void(bool)> withHandler);
 

@@ -84,7 +84,8 @@ TEST_F(AuthService, NamesAreComparedExactly) {
 TEST_F(AuthService, NamesAreKeptInOrderAndMayRepeat) {
   for (const char* user : {"alice", "alice", "bob", "alice"}) service->addUser(user, 5);
   executor.runAll();
-  EXPECT_THAT(service->authTable().at("5"), ElementsAre(String("alice"), String("alice"), String("bob"), String("alice")));
+  EXPECT_THAT(service->authTable().at("5"),
+              ElementsAre(String("alice"), String("alice"), String("bob"), String("alice")));
   EXPECT_TRUE(isAuthedUser("alice", 5));
   EXPECT_TRUE(isAuthedUser("bob", 5));
 }
@@ -94,7 +95,8 @@ TEST_F(AuthService, SessionsAreKeyedInDecimal) {
   constexpr auto kGreatest = std::numeric_limits<std::int32_t>::max();
   for (const std::int32_t asid : {42, -3, 0, kLeast, kGreatest}) service->addUser("alice", asid);
   executor.runAll();
-  for (const char* key : {"42", "-3", "0", "-2147483648", "2147483647"}) EXPECT_EQ(service->authTable().count(key), 1u) << key;
+  for (const char* key : {"42", "-3", "0", "-2147483648", "2147483647"})
+    EXPECT_EQ(service->authTable().count(key), 1u) << key;
   EXPECT_EQ(service->authTable().size(), 5u);
 }
 
@@ -184,7 +186,8 @@ TEST(AuthServiceOnThreads, RecordingsOfManyThreadsAreAllKeptInTheOrderOfEach) {
         for (int i = 0; i < kEach; ++i) {
           const String name(std::to_string(i));
           service->addUser(name, asid);
-          service->isAuthedUser(name, asid, [&](bool authenticated, Error) { missed += authenticated ? 0 : 1; });
+          service->isAuthedUser(
+              name, asid, [&](bool authenticated, Error) { missed += authenticated ? 0 : 1; });
         }
         service->isAuthedASID(asid, [&](bool) { answered.count_down(); });
       });
@@ -196,7 +199,8 @@ TEST(AuthServiceOnThreads, RecordingsOfManyThreadsAreAllKeptInTheOrderOfEach) {
   service->continueWithBlock([&] { table.set_value(service->authTable()); });
   for (const auto& [key, names] : table.get_future().get()) {
     ASSERT_EQ(names.size(), static_cast<std::size_t>(kEach)) << key;
-    for (int i = 0; i < kEach; ++i) EXPECT_EQ(names[static_cast<std::size_t>(i)], String(std::to_string(i)));
+    for (int i = 0; i < kEach; ++i)
+      EXPECT_EQ(names[static_cast<std::size_t>(i)], String(std::to_string(i)));
   }
 }
 

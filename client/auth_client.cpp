@@ -39,7 +39,8 @@ Request<void> KLNAuthClient::authenticateByReference(String user, Data form) {
   return requestFor(core_, operations::authenticateByReference(std::move(user), std::move(form)));
 }
 
-ClientResult<Data> KLNAuthClient::makeForm(AuthInteraction interaction, std::chrono::milliseconds patience) {
+ClientResult<Data> KLNAuthClient::makeForm(AuthInteraction interaction,
+                                           std::chrono::milliseconds patience) {
   if (interaction == AuthInteraction::allowed) {
     const OSStatus status = AuthorizationObtainRight(kManageDaemonsRight, patience);
     if (status != errAuthorizationSuccess) return std::unexpected(diagnosis::ofRight(status));

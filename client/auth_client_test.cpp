@@ -28,14 +28,23 @@ class FakeAuth final : public protocols::AuthProxy {
     std::ranges::copy(data.bytes(), form.bytes.begin());
     withHandler(error);
   }
-  void authGetDefaultRealm(xpc::Reply<String, Error> handler) override { handler("a realm", error); }
-  void authBasicStartWithHandler(xpc::Reply<String, String, Error> handler) override { handler("basic", "myob-1", error); }
-  void authDigestStartWithHandler(xpc::Reply<String, String, Error> handler) override { handler("digest", "myob-2", error); }
-  void authValidate(String answer, String andID, xpc::Reply<String, String, Error> withHandler) override {
+  void authGetDefaultRealm(xpc::Reply<String, Error> handler) override {
+    handler("a realm", error);
+  }
+  void authBasicStartWithHandler(xpc::Reply<String, String, Error> handler) override {
+    handler("basic", "myob-1", error);
+  }
+  void authDigestStartWithHandler(xpc::Reply<String, String, Error> handler) override {
+    handler("digest", "myob-2", error);
+  }
+  void authValidate(String answer, String andID,
+                    xpc::Reply<String, String, Error> withHandler) override {
     asked = std::string(answer.view()) + "/" + std::string(andID.view());
     withHandler(response, "alice", error);
   }
-  void isAuthedASID(std::int32_t asid, xpc::Reply<bool> withHandler) override { withHandler(asid == 7); }
+  void isAuthedASID(std::int32_t asid, xpc::Reply<bool> withHandler) override {
+    withHandler(asid == 7);
+  }
 
   Error error;
   String response;
@@ -56,7 +65,8 @@ class AuthClientTest : public testing::Test {
       return xpc::Connection::create({}, std::move(here), {});
     };
     client = std::make_unique<KLNAuthClient>(std::make_shared<ClientCore>(
-        reactor, connector, "/run/keeld/test", ClientOptions(), [] { return 0.0; }, ClientService::auth));
+        reactor, connector, "/run/keeld/test", ClientOptions(), [] { return 0.0; },
+        ClientService::auth));
     settle();
   }
   ~AuthClientTest() override {
@@ -73,7 +83,8 @@ class AuthClientTest : public testing::Test {
     auto future = std::move(request).future();
     settle();
     if (future.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-      return std::unexpected(ClientError(Kind::timedOut, "still waiting when nothing was left to do"));
+      return std::unexpected(
+          ClientError(Kind::timedOut, "still waiting when nothing was left to do"));
     }
     return future.get();
   }
@@ -137,7 +148,8 @@ TEST_F(AuthClientTest, FormWithInteractionIsMadeWhenTheRightIsHeldAndRefusedOthe
   ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
   if (::geteuid() == 0) {
     ASSERT_TRUE(form);
-    EXPECT_TRUE(std::ranges::equal(form->bytes(), KLNAuthClient::makeForm(AuthInteraction::none).value().bytes()));
+    EXPECT_TRUE(std::ranges::equal(form->bytes(),
+                                   KLNAuthClient::makeForm(AuthInteraction::none).value().bytes()));
   } else {
     ASSERT_FALSE(form);
     EXPECT_EQ(form.error().kind(), Kind::notAuthorized);
@@ -166,12 +178,17 @@ TEST_F(AuthClientTest, RefusalsSayWhatIsWrong) {
     EXPECT_EQ(refusal.underlying(), error);
   };
   expect(Error(KLNErrorDomain, errAuthFailed), Kind::authFailed, "(error 5)");
-  expect(Error(KLNErrorDomain, errAuthIDNotFound), Kind::authIDNotFound, "start a new one (error 6)");
+  expect(Error(KLNErrorDomain, errAuthIDNotFound), Kind::authIDNotFound,
+         "start a new one (error 6)");
   expect(Error(KLNErrorDomain, errNotAdmin), Kind::notAdmin, "not in the group admin (error 14)");
-  expect(Error(NSOSStatusErrorDomain, -60002), Kind::notAuthorized, "not that of this process (status -60002)");
-  expect(Error(NSOSStatusErrorDomain, -60005), Kind::notAuthorized, "see the rules of polkit (status -60005)");
-  expect(Error(NSOSStatusErrorDomain, -60007), Kind::notAuthorized, "with interaction first (status -60007)");
-  expect(Error(NSOSStatusErrorDomain, -60008), Kind::notAuthorized, "see the log of keeld (status -60008)");
+  expect(Error(NSOSStatusErrorDomain, -60002), Kind::notAuthorized,
+         "not that of this process (status -60002)");
+  expect(Error(NSOSStatusErrorDomain, -60005), Kind::notAuthorized,
+         "see the rules of polkit (status -60005)");
+  expect(Error(NSOSStatusErrorDomain, -60007), Kind::notAuthorized,
+         "with interaction first (status -60007)");
+  expect(Error(NSOSStatusErrorDomain, -60008), Kind::notAuthorized,
+         "see the log of keeld (status -60008)");
   expect(Error(NSOSStatusErrorDomain, -60011), Kind::notAuthorized, "was refused (status -60011)");
 }
 

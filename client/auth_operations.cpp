@@ -28,7 +28,8 @@ String secretText(const Secret& secret) {
 }
 
 template <class T>
-void finishOrFail(ClientCore& core, OperationOf<T>& it, bool inTime, const Error& error, auto result) {
+void finishOrFail(ClientCore& core, OperationOf<T>& it, bool inTime, const Error& error,
+                  auto result) {
   if (!inTime) return;
   if (error) return core.finish<T>(it, std::unexpected(core.answerError(it, error)));
   if constexpr (std::is_void_v<T>) {
@@ -41,7 +42,9 @@ void finishOrFail(ClientCore& core, OperationOf<T>& it, bool inTime, const Error
 class CheckService final : public OperationOf<void> {
  public:
   std::string what() const override { return "say that it is alive"; }
-  void send(ClientCore& core) override { core.ask<&AuthProxy::authServiceCheckWithHandler>(sharedFrom(*this), &answered); }
+  void send(ClientCore& core) override {
+    core.ask<&AuthProxy::authServiceCheckWithHandler>(sharedFrom(*this), &answered);
+  }
 
  private:
   static void answered(ClientCore& core, CheckService& it, bool inTime, const Error& error) {
@@ -51,14 +54,18 @@ class CheckService final : public OperationOf<void> {
 
 class Authenticate final : public OperationOf<void> {
  public:
-  Authenticate(String user, const Secret& password) : user_(std::move(user)), password_(secretText(password)) {
+  Authenticate(String user, const Secret& password)
+      : user_(std::move(user)), password_(secretText(password)) {
     bytes = user_.view().size() + password_.view().size();
     refusal = checkText(user_, "the user's name");
     if (!refusal) refusal = checkText(password_, "the password");
   }
-  std::string what() const override { return fmt::format("authenticate {} by password", diagnosis::shownName(user_)); }
+  std::string what() const override {
+    return fmt::format("authenticate {} by password", diagnosis::shownName(user_));
+  }
   void send(ClientCore& core) override {
-    core.ask<&AuthProxy::authenticateUser>(sharedFrom(*this), &answered, user_, std::exchange(password_, nullptr));
+    core.ask<&AuthProxy::authenticateUser>(sharedFrom(*this), &answered, user_,
+                                           std::exchange(password_, nullptr));
   }
 
  private:
@@ -76,13 +83,16 @@ class AuthenticateByReference final : public OperationOf<void> {
     bytes = user_.view().size() + form_.bytes().size();
     refusal = checkText(user_, "the user's name");
   }
-  std::string what() const override { return fmt::format("authenticate {} by reference", diagnosis::shownName(user_)); }
+  std::string what() const override {
+    return fmt::format("authenticate {} by reference", diagnosis::shownName(user_));
+  }
   void send(ClientCore& core) override {
     core.ask<&AuthProxy::authenticateForUser>(sharedFrom(*this), &answered, user_, form_);
   }
 
  private:
-  static void answered(ClientCore& core, AuthenticateByReference& it, bool inTime, const Error& error) {
+  static void answered(ClientCore& core, AuthenticateByReference& it, bool inTime,
+                       const Error& error) {
     finishOrFail<void>(core, it, inTime, error, nullptr);
   }
 
@@ -93,10 +103,13 @@ class AuthenticateByReference final : public OperationOf<void> {
 class DefaultRealm final : public OperationOf<std::string> {
  public:
   std::string what() const override { return "name its realm"; }
-  void send(ClientCore& core) override { core.ask<&AuthProxy::authGetDefaultRealm>(sharedFrom(*this), &answered); }
+  void send(ClientCore& core) override {
+    core.ask<&AuthProxy::authGetDefaultRealm>(sharedFrom(*this), &answered);
+  }
 
  private:
-  static void answered(ClientCore& core, DefaultRealm& it, bool inTime, const String& realm, const Error& error) {
+  static void answered(ClientCore& core, DefaultRealm& it, bool inTime, const String& realm,
+                       const Error& error) {
     finishOrFail<std::string>(core, it, inTime, error, [&] { return std::string(realm.view()); });
   }
 };
@@ -117,10 +130,11 @@ class StartChallenge final : public OperationOf<AuthChallenge> {
   }
 
  private:
-  static void answered(ClientCore& core, StartChallenge& it, bool inTime, const String& challenge, const String& id,
-                       const Error& error) {
-    finishOrFail<AuthChallenge>(core, it, inTime, error,
-                                [&] { return AuthChallenge{std::string(challenge.view()), std::string(id.view())}; });
+  static void answered(ClientCore& core, StartChallenge& it, bool inTime, const String& challenge,
+                       const String& id, const Error& error) {
+    finishOrFail<AuthChallenge>(core, it, inTime, error, [&] {
+      return AuthChallenge{std::string(challenge.view()), std::string(id.view())};
+    });
   }
 
   const Scheme scheme_;
@@ -128,19 +142,21 @@ class StartChallenge final : public OperationOf<AuthChallenge> {
 
 class Validate final : public OperationOf<AuthProof> {
  public:
-  Validate(const Secret& answer, const std::string& authID) : answer_(secretText(answer)), id_(authID) {
+  Validate(const Secret& answer, const std::string& authID)
+      : answer_(secretText(answer)), id_(authID) {
     bytes = answer_.view().size() + id_.view().size();
     refusal = checkText(answer_, "the answer");
     if (!refusal) refusal = checkText(id_, "the challenge's ID");
   }
   std::string what() const override { return "accept the answer to a challenge"; }
   void send(ClientCore& core) override {
-    core.ask<&AuthProxy::authValidate>(sharedFrom(*this), &answered, std::exchange(answer_, nullptr), id_);
+    core.ask<&AuthProxy::authValidate>(sharedFrom(*this), &answered,
+                                       std::exchange(answer_, nullptr), id_);
   }
 
  private:
-  static void answered(ClientCore& core, Validate& it, bool inTime, const String& response, const String& user,
-                       const Error& error) {
+  static void answered(ClientCore& core, Validate& it, bool inTime, const String& response,
+                       const String& user, const Error& error) {
     finishOrFail<AuthProof>(core, it, inTime, error, [&] {
       AuthProof proof{std::string(user.view()), std::nullopt};
       if (!response.isNull()) proof.response = response.view();
@@ -156,8 +172,12 @@ class IsAuthenticated final : public OperationOf<bool> {
  public:
   explicit IsAuthenticated(std::int32_t auditSession) : auditSession_(auditSession) {}
 
-  std::string what() const override { return fmt::format("look up audit session {}", auditSession_); }
-  void send(ClientCore& core) override { core.ask<&AuthProxy::isAuthedASID>(sharedFrom(*this), &answered, auditSession_); }
+  std::string what() const override {
+    return fmt::format("look up audit session {}", auditSession_);
+  }
+  void send(ClientCore& core) override {
+    core.ask<&AuthProxy::isAuthedASID>(sharedFrom(*this), &answered, auditSession_);
+  }
 
  private:
   static void answered(ClientCore& core, IsAuthenticated& it, bool inTime, bool authenticated) {

@@ -22,7 +22,8 @@ BackOff::Duration BackOff::next() {
   const Duration pause = pause_;
   pause_ = pause_ > maximum_ / 2 ? maximum_ : pause_ * 2;
   const double share = 1.0 - std::clamp(random_(), 0.0, 1.0) / 2;
-  return std::max(Duration(1), Duration(static_cast<Duration::rep>(static_cast<double>(pause.count()) * share)));
+  return std::max(Duration(1),
+                  Duration(static_cast<Duration::rep>(static_cast<double>(pause.count()) * share)));
 }
 
 }  // namespace keel

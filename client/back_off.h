@@ -6,7 +6,8 @@
 
 namespace keel {
 
-// How long to wait before the next attempt: doubled from one to the next within bounds, shortened at random by up to a half.
+// How long to wait before the next attempt: doubled from one to the next within bounds, shortened
+// at random by up to a half.
 class BackOff {
  public:
   using Duration = std::chrono::milliseconds;

@@ -33,7 +33,8 @@ std::string newClientNonce() {
   std::array<std::byte, 16> random;
   if (SecRandomCopyBytes(random) != 0) return {};
   std::string text;
-  for (const std::byte byte : random) text += fmt::format("{:02x}", std::to_integer<unsigned>(byte));
+  for (const std::byte byte : random)
+    text += fmt::format("{:02x}", std::to_integer<unsigned>(byte));
   return text;
 }
 
@@ -54,7 +55,8 @@ struct Asked {
     const std::string wanted = valueOf(*parameters, "algorithm");
     const auto known = std::ranges::find(kDigestAlgorithms, wanted, nameOf);
     if (known == std::end(kDigestAlgorithms) || !isOffered(*known)) return std::nullopt;
-    return Asked{valueOf(*parameters, "realm"), valueOf(*parameters, "nonce"), valueOf(*parameters, "opaque"), *known};
+    return Asked{valueOf(*parameters, "realm"), valueOf(*parameters, "nonce"),
+                 valueOf(*parameters, "opaque"), *known};
   }
 };
 
@@ -69,7 +71,8 @@ std::optional<Secret> basicAnswer(std::string_view user, const Secret& password)
   return answer;
 }
 
-std::optional<DigestReply> DigestReply::to(std::string_view challenge, std::string_view user, const Secret& password) {
+std::optional<DigestReply> DigestReply::to(std::string_view challenge, std::string_view user,
+                                           const Secret& password) {
   std::optional<Asked> asked;
   while (!challenge.empty() && !asked) {
     const std::size_t end = std::min(challenge.find('\n'), challenge.size());
@@ -82,17 +85,19 @@ std::optional<DigestReply> DigestReply::to(std::string_view challenge, std::stri
     const auto secret = digestOf(asked->algorithm, {user, asked->realm, password.text()});
     const auto request = digestOf(asked->algorithm, {method, kUri});
     if (!secret || !request) return std::nullopt;
-    return digestOf(asked->algorithm,
-                    {secret->text(), asked->nonce, kDigestNonceCount, clientNonce, kDigestQop, request->text()});
+    return digestOf(asked->algorithm, {secret->text(), asked->nonce, kDigestNonceCount, clientNonce,
+                                       kDigestQop, request->text()});
   };
   const auto ours = proof(kMethod);
   auto theirs = proof("");
   if (!ours || !theirs) return std::nullopt;
   const std::string answer = fmt::format(
-      "Digest username={}, realm={}, uri=\"{}\", algorithm={}, nonce={}, nc={}, cnonce=\"{}\", qop={}, opaque={}, "
+      "Digest username={}, realm={}, uri=\"{}\", algorithm={}, nonce={}, nc={}, cnonce=\"{}\", "
+      "qop={}, opaque={}, "
       "response=\"{}\"",
-      quotedString(user), quotedString(asked->realm), kUri, nameOf(asked->algorithm), quotedString(asked->nonce),
-      kDigestNonceCount, clientNonce, kDigestQop, quotedString(asked->opaque), ours->text());
+      quotedString(user), quotedString(asked->realm), kUri, nameOf(asked->algorithm),
+      quotedString(asked->nonce), kDigestNonceCount, clientNonce, kDigestQop,
+      quotedString(asked->opaque), ours->text());
   return DigestReply(Secret(answer), std::move(*theirs));
 }
 

@@ -21,7 +21,8 @@ std::string line(const char* algorithm) {
 
 TEST(BasicAnswer, IsThatOfTheStandard) {
   // RFC 7617, section 2.
-  EXPECT_EQ(basicAnswer("Aladdin", Secret("open sesame"))->text(), "Basic QWxhZGRpbjpvcGVuIHNlc2FtZQ==");
+  EXPECT_EQ(basicAnswer("Aladdin", Secret("open sesame"))->text(),
+            "Basic QWxhZGRpbjpvcGVuIHNlc2FtZQ==");
   EXPECT_EQ(basicAnswer("test", Secret("123\xc2\xa3"))->text(), "Basic dGVzdDoxMjPCow==");
 }
 
@@ -43,12 +44,14 @@ TEST(DigestReply, IsWhatTheServerComputes) {
   const auto secret = digestOf(DigestAlgorithm::sha256, {"Mufasa", "a realm", "Circle of Life"});
   const auto request = digestOf(DigestAlgorithm::sha256, {"GET", answer->uri});
   const auto expected =
-      digestOf(DigestAlgorithm::sha256, {secret->text(), "7ypf", "00000001", answer->clientNonce, "auth", request->text()});
+      digestOf(DigestAlgorithm::sha256,
+               {secret->text(), "7ypf", "00000001", answer->clientNonce, "auth", request->text()});
   EXPECT_EQ(answer->response, expected->text());
 
   const auto back = digestOf(DigestAlgorithm::sha256, {"", answer->uri});
   const auto confirmation =
-      digestOf(DigestAlgorithm::sha256, {secret->text(), "7ypf", "00000001", answer->clientNonce, "auth", back->text()});
+      digestOf(DigestAlgorithm::sha256,
+               {secret->text(), "7ypf", "00000001", answer->clientNonce, "auth", back->text()});
   EXPECT_TRUE(reply->isConfirmedBy(fmt::format("qop=auth, rspauth=\"{}\"", confirmation->text())));
   EXPECT_FALSE(reply->isConfirmedBy(fmt::format("qop=auth, rspauth=\"{}\"", expected->text())));
   EXPECT_FALSE(reply->isConfirmedBy("qop=auth"));
@@ -68,8 +71,9 @@ TEST(DigestReply, TwoToOneChallengeDiffer) {
 }
 
 TEST(DigestReply, ChallengesThatCannotBeAnsweredAreNot) {
-  for (const std::string& challenge : {std::string(), std::string("Basic realm=\"x\""), line("SHA-512"), std::string("Digest"),
-                                       std::string("Digest realm=\"a\", nonce=\"b\", algorithm=MD5")}) {
+  for (const std::string& challenge :
+       {std::string(), std::string("Basic realm=\"x\""), line("SHA-512"), std::string("Digest"),
+        std::string("Digest realm=\"a\", nonce=\"b\", algorithm=MD5")}) {
     EXPECT_FALSE(DigestReply::to(challenge, "Mufasa", kPassword)) << challenge;
   }
 }

@@ -25,7 +25,8 @@ void KLNClient::setStateHandler(std::move_only_function<void(const ConnectionSta
   core_->setStateHandler(std::move(handler));
 }
 
-void KLNClient::setPublicationHandler(std::move_only_function<void(const PublicationState&)> handler) {
+void KLNClient::setPublicationHandler(
+    std::move_only_function<void(const PublicationState&)> handler) {
   core_->setPublicationHandler(std::move(handler));
 }
 

@@ -26,14 +26,17 @@ struct ClientOptions {
   // Where the daemon's socket is; empty for the fixed place, /run/keeld.
   std::string serviceDirectory = {};
 
-  // Whether a lost connection, or one that could not be made, is tried again. Without, the client is good for one connection.
+  // Whether a lost connection, or one that could not be made, is tried again. Without, the client
+  // is good for one connection.
   bool reconnect = true;
-  // The pause before a new attempt: doubled from one to the next, up to the maximum, and shortened at random by up to a half,
-  // so that not all clients come at once. Back to the minimum when a connection has lasted as long as the maximum.
+  // The pause before a new attempt: doubled from one to the next, up to the maximum, and shortened
+  // at random by up to a half, so that not all clients come at once. Back to the minimum when a
+  // connection has lasted as long as the maximum.
   std::chrono::milliseconds minimumPause{100};
   std::chrono::milliseconds maximumPause{10'000};
 
-  // How long a request may take, from its beginning; Request::within() says otherwise for one of them.
+  // How long a request may take, from its beginning; Request::within() says otherwise for one of
+  // them.
   std::chrono::milliseconds requestTimeout{30'000};
 
   // Requests that may wait for their answer, and the bytes of data that they may hold.
@@ -60,27 +63,31 @@ struct PublicationState {
   enum class Kind : std::uint8_t {
     published,
     waiting,  // the connection is gone; published anew with the next one
-    refused,  // the daemon refused to publish it anew, since somebody else took the name; tried again with the next connection
+    refused,  // the daemon refused to publish it anew, since somebody else took the name; tried
+              // again with the next connection
   };
   String name;
   Kind kind = Kind::published;
   Error error;  // of a refused one
 };
 
-// A program's link to keeld's notification service: publish named items, follow names, ask what is there.
+// A program's link to keeld's notification service: publish named items, follow names, ask what is
+// there.
 //
-// Everything may be called from any thread and returns at once, but for Request::wait(). Callbacks run on a thread of the
-// library, one at a time; they may call everything here, must not block, and an exception that leaves them ends the process.
+// Everything may be called from any thread and returns at once, but for Request::wait(). Callbacks
+// run on a thread of the library, one at a time; they may call everything here, must not block, and
+// an exception that leaves them ends the process.
 //
-// What a client publishes and follows lasts as long as its connection to the daemon, which keeps nothing. The client connects
-// by itself when it is made, and again when the connection is lost; it then publishes anew what it had published, with the last
-// data that was accepted, and follows anew what it followed, in the order in which that was first done. Requests that were
-// under way at the loss end with `disconnected`; those made while there is no connection wait for the next one, at most until
-// their timeout.
+// What a client publishes and follows lasts as long as its connection to the daemon, which keeps
+// nothing. The client connects by itself when it is made, and again when the connection is lost; it
+// then publishes anew what it had published, with the last data that was accepted, and follows anew
+// what it followed, in the order in which that was first done. Requests that were under way at the
+// loss end with `disconnected`; those made while there is no connection wait for the next one, at
+// most until their timeout.
 //
-// Destroying it ends everything at once: when the destructor has returned no callback runs (unless it is a callback that
-// destroys it) and none will; futures and blocked callers get `closed`. The destructor waits for a callback that is just
-// running; so hold no lock which callbacks take.
+// Destroying it ends everything at once: when the destructor has returned no callback runs (unless
+// it is a callback that destroys it) and none will; futures and blocked callers get `closed`. The
+// destructor waits for a callback that is just running; so hold no lock which callbacks take.
 class KLNClient {
  public:
   static std::unique_ptr<KLNClient> create(ClientOptions options = {});
@@ -98,9 +105,11 @@ class KLNClient {
   // Ends the connection. Requests that wait end with `closed`, and so does every later one.
   void close();
 
-  // Names are any text, compared exactly. A null name is sent as it is: the daemon answers with `nilName` or `notFound`.
+  // Names are any text, compared exactly. A null name is sent as it is: the daemon answers with
+  // `nilName` or `notFound`.
 
-  // Publishes `data`, a map or null, under a name that nobody publishes. `duplicate` otherwise, also when it is this client.
+  // Publishes `data`, a map or null, under a name that nobody publishes. `duplicate` otherwise,
+  // also when it is this client.
   Request<void> publish(String name, Value data, std::uint64_t flags = 0, std::int64_t value = 0);
   // Replaces the data of a name that this client publishes. `notFound` otherwise.
   Request<void> update(String name, Value data);
@@ -110,7 +119,8 @@ class KLNClient {
   // Follows a name, published or not. `duplicate` when this client follows it already.
   Request<Subscription> subscribe(String name, EventCallback callback);
 
-  // What the daemon knows of that name, or of every name. `notFound` for a name that nobody ever published or followed.
+  // What the daemon knows of that name, or of every name. `notFound` for a name that nobody ever
+  // published or followed.
   Request<std::vector<DumpEntry>> dump(String name, bool withData = false);
   Request<std::vector<DumpEntry>> dumpAll(bool withData = false);
 
@@ -119,7 +129,8 @@ class KLNClient {
   // "keel_" and the short name of each enabled module, with its service name.
   Request<std::map<std::string, std::string>> moduleTable();
 
-  // What this client publishes, in the order in which it was published. Answered without the daemon.
+  // What this client publishes, in the order in which it was published. Answered without the
+  // daemon.
   Request<std::vector<PublicationState>> publications();
 
  private:

@@ -2,14 +2,16 @@
 //
 // How the core keeps its promises:
 //
-// No callback after the destruction. Every callback passes the gate, which abandon() closes, waiting for the one that runs. The
-// rest of the end is posted to the I/O thread and may come later.
+// No callback after the destruction. Every callback passes the gate, which abandon() closes,
+// waiting for the one that runs. The rest of the end is posted to the I/O thread and may come
+// later.
 //
-// No callback within a call. Whatever a program calls is posted, also on the I/O thread; so a callback may call anything, and
-// no container here changes while it is walked through.
+// No callback within a call. Whatever a program calls is posted, also on the I/O thread; so a
+// callback may call anything, and no container here changes while it is walked through.
 //
-// Exactly one result. Answer, timeout, loss, closing and a waiter who gives up race for Operation::settled; the first one wins.
-// The operation leaves the list when one of those on the I/O thread comes, and only then makes room for another.
+// Exactly one result. Answer, timeout, loss, closing and a waiter who gives up race for
+// Operation::settled; the first one wins. The operation leaves the list when one of those on the
+// I/O thread comes, and only then makes room for another.
 #include "client/client_core.h"
 
 #include <fmt/format.h>
@@ -22,8 +24,8 @@
 
 namespace keel {
 
-ClientCore::ClientCore(Reactor& reactor, Connector connector, std::string socketPath, ClientOptions options,
-                       std::function<double()> random, ClientService service)
+ClientCore::ClientCore(Reactor& reactor, Connector connector, std::string socketPath,
+                       ClientOptions options, std::function<double()> random, ClientService service)
     : reactor_(reactor),
       connector_(std::move(connector)),
       socketPath_(std::move(socketPath)),
@@ -36,20 +38,23 @@ void ClientCore::start() {
   reactor_.post([self = shared_from_this()] { self->connect(); });
 }
 
-ClientResult<void> ClientCore::submit(std::shared_ptr<Operation> operation, std::chrono::milliseconds timeout) {
+ClientResult<void> ClientCore::submit(std::shared_ptr<Operation> operation,
+                                      std::chrono::milliseconds timeout) {
   const std::size_t bytes = operation->bytes;
   const std::size_t count = waitingRequests_.fetch_add(1) + 1;
   const std::size_t sum = waitingBytes_.fetch_add(bytes) + bytes;
   if (count > options_.waitingRequests || sum > options_.waitingBytes) {
     waitingRequests_.fetch_sub(1);
     waitingBytes_.fetch_sub(bytes);
-    return std::unexpected(ClientError(
-        ClientError::Kind::tooMany,
-        fmt::format("too many requests wait for keeld's answer ({} with {} bytes of data); wait for some of them to {}",
-                    count - 1, sum - bytes, operation->what())));
+    return std::unexpected(
+        ClientError(ClientError::Kind::tooMany,
+                    fmt::format("too many requests wait for keeld's answer ({} with {} bytes of "
+                                "data); wait for some of them to {}",
+                                count - 1, sum - bytes, operation->what())));
   }
   operation->timeout = timeout;
-  reactor_.post([self = shared_from_this(), operation = std::move(operation)] { self->begin(operation); });
+  reactor_.post(
+      [self = shared_from_this(), operation = std::move(operation)] { self->begin(operation); });
   return {};
 }
 
@@ -61,8 +66,10 @@ void ClientCore::begin(std::shared_ptr<Operation> operation) {
   if (ended_) return fail(it, diagnosis::ofClosing(it.what()));
   if (it.isLocal()) return it.send(*this);
   if (!options_.reconnect && state_.kind == ConnectionState::Kind::disconnected) {
-    return fail(it, ClientError(disconnection_.kind(), fmt::format("could not {}: {}", it.what(), disconnection_.message()),
-                                disconnection_.underlying()));
+    return fail(it,
+                ClientError(disconnection_.kind(),
+                            fmt::format("could not {}: {}", it.what(), disconnection_.message()),
+                            disconnection_.underlying()));
   }
   it.timer = reactor_.after(it.timeout, [weak = weak_from_this(), id = it.id] {
     if (const auto self = weak.lock()) self->timedOut(id);
@@ -88,14 +95,18 @@ void ClientCore::timedOut(std::uint64_t id) {
   const auto found = operations_.find(id);
   if (found == operations_.end()) return;
   const auto operation = found->second;
-  const bool unconnected = !operation->sent && disconnection_.kind() != ClientError::Kind::disconnected;
-  fail(*operation, unconnected ? diagnosis::ofWaiting(operation->what(), disconnection_, operation->timeout)
-                               : diagnosis::ofTimeout(operation->what(), operation->timeout));
+  const bool unconnected =
+      !operation->sent && disconnection_.kind() != ClientError::Kind::disconnected;
+  fail(*operation, unconnected
+                       ? diagnosis::ofWaiting(operation->what(), disconnection_, operation->timeout)
+                       : diagnosis::ofTimeout(operation->what(), operation->timeout));
 }
 
 void ClientCore::couldNotAsk(Operation& operation, const Error& error) {
   if (connection_ && error.code() == static_cast<std::int64_t>(xpc::ConnectionErrorCode::invalid)) {
-    return fail(operation, diagnosis::ofRequestAtLoss(operation.what(), diagnosis::ofLoss(connection_->goodbye()).message()));
+    return fail(operation,
+                diagnosis::ofRequestAtLoss(operation.what(),
+                                           diagnosis::ofLoss(connection_->goodbye()).message()));
   }
   fail(operation, answerError(operation, error));
 }
@@ -134,7 +145,8 @@ void ClientCore::connect() {
   if (service_ == ClientService::notify) {
     configureForNotify();
   } else {
-    connection_->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::AuthProxy>());
+    connection_->setRemoteObjectInterface(
+        xpc::Interface::interfaceWithProtocol<protocols::AuthProxy>());
     connection_->setConfidential();
   }
   connection_->setReadyHandler([weak, number] {
@@ -143,19 +155,25 @@ void ClientCore::connect() {
   });
   connection_->setInvalidationHandler([weak, number] {
     const auto self = weak.lock();
-    if (self && self->connectionNumber_ == number) self->disconnected(diagnosis::ofLoss(self->connection_->goodbye()));
+    if (self && self->connectionNumber_ == number)
+      self->disconnected(diagnosis::ofLoss(self->connection_->goodbye()));
   });
   connection_->resume();
 }
 
 void ClientCore::configureForNotify() {
-  connection_->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());
-  connection_->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
-  auto deliver = [weak = weak_from_this(), number = connectionNumber_](Name name, Dictionary item, Error error) {
+  connection_->setRemoteObjectInterface(
+      xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());
+  connection_->setExportedInterface(
+      xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+  auto deliver = [weak = weak_from_this(), number = connectionNumber_](Name name, Dictionary item,
+                                                                       Error error) {
     const auto self = weak.lock();
-    if (self && self->connectionNumber_ == number) self->deliver(name, std::move(item), std::move(error));
+    if (self && self->connectionNumber_ == number)
+      self->deliver(name, std::move(item), std::move(error));
   };
-  connection_->setExportedObject<protocols::SubscriberProxy>(std::make_shared<SubscriberEndpoint>(std::move(deliver)));
+  connection_->setExportedObject<protocols::SubscriberProxy>(
+      std::make_shared<SubscriberEndpoint>(std::move(deliver)));
 }
 
 void ClientCore::connected() {
@@ -181,10 +199,11 @@ void ClientCore::disconnected(ClientError reason) {
   disconnection_ = std::move(reason);
   setState({ConnectionState::Kind::disconnected, disconnection_.message(), disconnection_.kind()});
   failOperations(/*all=*/!options_.reconnect, [&](const Operation& operation) {
-    return operation.sent
-               ? diagnosis::ofRequestAtLoss(operation.what(), disconnection_.message())
-               : ClientError(disconnection_.kind(), fmt::format("could not {}: {}", operation.what(), disconnection_.message()),
-                             disconnection_.underlying());
+    return operation.sent ? diagnosis::ofRequestAtLoss(operation.what(), disconnection_.message())
+                          : ClientError(disconnection_.kind(),
+                                        fmt::format("could not {}: {}", operation.what(),
+                                                    disconnection_.message()),
+                                        disconnection_.underlying());
   });
   if (options_.reconnect) {
     connectTimer_ = reactor_.after(backOff_.next(), [weak = weak_from_this()] {
@@ -206,9 +225,11 @@ void ClientCore::setStateHandler(std::move_only_function<void(const ConnectionSt
   });
 }
 
-void ClientCore::setPublicationHandler(std::move_only_function<void(const PublicationState&)> handler) {
-  reactor_.post(
-      [self = shared_from_this(), handler = std::move(handler)]() mutable { self->publicationHandler_ = std::move(handler); });
+void ClientCore::setPublicationHandler(
+    std::move_only_function<void(const PublicationState&)> handler) {
+  reactor_.post([self = shared_from_this(), handler = std::move(handler)]() mutable {
+    self->publicationHandler_ = std::move(handler);
+  });
 }
 
 void ClientCore::close() {
@@ -232,10 +253,13 @@ void ClientCore::end() {
   reactor_.cancel(std::exchange(steadyTimer_, 0));
   ready_ = false;
   if (const auto connection = std::exchange(connection_, nullptr)) connection->invalidate();
-  failOperations(/*all=*/true, [](const Operation& operation) { return diagnosis::ofClosing(operation.what()); });
+  failOperations(/*all=*/true,
+                 [](const Operation& operation) { return diagnosis::ofClosing(operation.what()); });
   publications_.clear();
-  for (const auto& [name, record] : std::exchange(subscriptions_, {})) record->state = Subscription::State::ended;
-  setState({.kind = ConnectionState::Kind::closed, .reason = {}, .error = ClientError::Kind::closed});
+  for (const auto& [name, record] : std::exchange(subscriptions_, {}))
+    record->state = Subscription::State::ended;
+  setState(
+      {.kind = ConnectionState::Kind::closed, .reason = {}, .error = ClientError::Kind::closed});
 }
 
 }  // namespace keel

@@ -26,14 +26,16 @@ namespace keel {
 // Which service a client talks to.
 enum class ClientService : std::uint8_t { notify, auth };
 
-// The inside of a KLNClient or KLNAuthClient: keeps a connection, sends operations over it, knows what the program publishes
-// and follows. It lives on the I/O thread; what may be called from elsewhere says so. The program's callbacks are called only
-// through the gate, and never from within a call of the program's.
+// The inside of a KLNClient or KLNAuthClient: keeps a connection, sends operations over it, knows
+// what the program publishes and follows. It lives on the I/O thread; what may be called from
+// elsewhere says so. The program's callbacks are called only through the gate, and never from
+// within a call of the program's.
 class ClientCore final : public std::enable_shared_from_this<ClientCore> {
  public:
   using Connector = std::function<std::expected<std::shared_ptr<xpc::Connection>, Error>()>;
 
-  // The reactor is borrowed and outlives everything. `socketPath` is for messages; `random` yields numbers from 0 up to 1.
+  // The reactor is borrowed and outlives everything. `socketPath` is for messages; `random` yields
+  // numbers from 0 up to 1.
   ClientCore(Reactor& reactor, Connector connector, std::string socketPath, ClientOptions options,
              std::function<double()> random, ClientService service = ClientService::notify);
 
@@ -41,7 +43,8 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   void start();
   const ClientOptions& options() const { return options_; }
   bool onIoThread() const { return reactor_.isCurrent(); }
-  ClientResult<void> submit(std::shared_ptr<Operation> operation, std::chrono::milliseconds timeout);
+  ClientResult<void> submit(std::shared_ptr<Operation> operation,
+                            std::chrono::milliseconds timeout);
   void setStateHandler(std::move_only_function<void(const ConnectionState&)> handler);
   void setPublicationHandler(std::move_only_function<void(const PublicationState&)> handler);
   void cancel(std::shared_ptr<SubscriptionRecord> record);
@@ -51,16 +54,18 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
 
   // For operations.
   //
-  // Calls a method of the daemon; `answered(core, operation, inTime, results...)` gets the answer. It is not in time when the
-  // operation has ended already.
+  // Calls a method of the daemon; `answered(core, operation, inTime, results...)` gets the answer.
+  // It is not in time when the operation has ended already.
   template <auto Member, class AnOperation, class Answered, class... Arguments>
-  void ask(const std::shared_ptr<AnOperation>& operation, Answered answered, Arguments&&... arguments) {
+  void ask(const std::shared_ptr<AnOperation>& operation, Answered answered,
+           Arguments&&... arguments) {
     const std::weak_ptr<ClientCore> weak = weak_from_this();
     auto onError = [weak, operation](const Error& error) {
       if (const auto core = weak.lock()) core->couldNotAsk(*operation, error);
     };
     proxy<typename xpc::MemberTraits<decltype(Member)>::Protocol>(std::move(onError))
-        .template call<Member>(std::forward<Arguments>(arguments)..., [weak, operation, answered](const auto&... results) {
+        .template call<Member>(std::forward<Arguments>(arguments)..., [weak, operation, answered](
+                                                                          const auto&... results) {
           const auto core = weak.lock();
           if (core) answered(*core, *operation, core->settle(*operation), results...);
         });
@@ -139,7 +144,8 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   ConnectionState state_;
   ClientError disconnection_;  // why there is no connection
 
-  std::map<std::uint64_t, std::shared_ptr<Operation>> operations_;  // by id, in the order of their beginning
+  std::map<std::uint64_t, std::shared_ptr<Operation>>
+      operations_;  // by id, in the order of their beginning
   std::uint64_t nextId_ = 1;
   std::uint64_t nextOrder_ = 1;
   std::unordered_map<String, PublicationRecord, StringHash> publications_;

@@ -32,7 +32,8 @@ std::vector<PublicationState> ClientCore::publications() const {
 }
 
 std::shared_ptr<SubscriptionRecord> ClientCore::subscribed(String name, EventCallback callback) {
-  auto record = std::make_shared<SubscriptionRecord>(name, nextOrder_++, std::move(callback), weak_from_this());
+  auto record = std::make_shared<SubscriptionRecord>(name, nextOrder_++, std::move(callback),
+                                                     weak_from_this());
   subscriptions_.insert_or_assign(std::move(name), record);
   return record;
 }
@@ -84,10 +85,12 @@ void ClientCore::restore() {
 }
 
 void ClientCore::restorePublication(const PublicationRecord& record) {
-  const auto answered = [weak = weak_from_this(), order = record.order, name = record.name](Error error) {
+  const auto answered = [weak = weak_from_this(), order = record.order,
+                         name = record.name](Error error) {
     if (const auto self = weak.lock()) self->publicationRestored(order, name, std::move(error));
   };
-  proxy(answered).call<&protocols::NotifyProxy::publishItem>(record.item, record.name, record.flags, record.value, answered);
+  proxy(answered).call<&protocols::NotifyProxy::publishItem>(record.item, record.name, record.flags,
+                                                             record.value, answered);
 }
 
 void ClientCore::restoreSubscription(const std::shared_ptr<SubscriptionRecord>& record) {
@@ -95,7 +98,8 @@ void ClientCore::restoreSubscription(const std::shared_ptr<SubscriptionRecord>& 
     if (const auto self = weak.lock()) self->subscriptionRestored(record, std::move(error));
   };
   proxy(answered).call<&protocols::NotifyProxy::subscribeTo>(
-      record->name, std::uint64_t{0}, [answered](Dictionary, Error error) { answered(std::move(error)); });
+      record->name, std::uint64_t{0},
+      [answered](Dictionary, Error error) { answered(std::move(error)); });
 }
 
 void ClientCore::publicationRestored(std::uint64_t order, const String& name, Error error) {
@@ -108,7 +112,8 @@ void ClientCore::publicationRestored(std::uint64_t order, const String& name, Er
   tell([&] { publicationHandler_(record.state()); });
 }
 
-void ClientCore::subscriptionRestored(const std::shared_ptr<SubscriptionRecord>& record, Error error) {
+void ClientCore::subscriptionRestored(const std::shared_ptr<SubscriptionRecord>& record,
+                                      Error error) {
   if (!ready_ || record->cancelled) return;
   record->state = error ? Subscription::State::refused : Subscription::State::active;
   if (!error) return;

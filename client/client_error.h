@@ -18,23 +18,25 @@ class ClientError {
     notRunning,        // nobody serves the socket
     permissionDenied,  // the system does not let this process connect
     connectFailed,     // connecting failed for another reason
-    disconnected,      // the connection ended before the answer; whether the request was served is not known
-    timedOut,          // no answer in time
-    tooMany,           // more requests wait for their answer than Options allow; nothing was sent
-    tooLarge,          // larger than one message may be
-    badArgument,       // what was given cannot be sent: no dictionary, not UTF-8, nested too deep, a date that is no date
-    duplicate,         // the name is published already, or followed already by this client
-    notOwner,          // somebody else publishes the name
-    notFound,          // no such name, or this client does not publish it
-    nilName,           // a name is required
-    authFailed,        // wrong user name, password or answer, or an account that may not be used
-    authIDNotFound,    // no challenge is open under that ID on this connection
-    notAdmin,          // right credentials, but of no administrator
-    notAuthorized,     // this process does not hold the right; the underlying error's code says more
-    requestFailed,     // the daemon could not do it
-    refused,           // the daemon took the request for malformed, or answered what does not fit
-    wouldDeadlock,     // waiting on the library's own thread, which would have to bring the answer
-    closed,            // the client was closed or destroyed
+    disconnected,  // the connection ended before the answer; whether the request was served is not
+                   // known
+    timedOut,      // no answer in time
+    tooMany,       // more requests wait for their answer than Options allow; nothing was sent
+    tooLarge,      // larger than one message may be
+    badArgument,   // what was given cannot be sent: no dictionary, not UTF-8, nested too deep, a
+                   // date that is no date
+    duplicate,     // the name is published already, or followed already by this client
+    notOwner,      // somebody else publishes the name
+    notFound,      // no such name, or this client does not publish it
+    nilName,       // a name is required
+    authFailed,    // wrong user name, password or answer, or an account that may not be used
+    authIDNotFound,  // no challenge is open under that ID on this connection
+    notAdmin,        // right credentials, but of no administrator
+    notAuthorized,   // this process does not hold the right; the underlying error's code says more
+    requestFailed,   // the daemon could not do it
+    refused,         // the daemon took the request for malformed, or answered what does not fit
+    wouldDeadlock,   // waiting on the library's own thread, which would have to bring the answer
+    closed,          // the client was closed or destroyed
   };
 
   ClientError(Kind kind, std::string message, Error underlying = nullptr)

@@ -86,10 +86,14 @@ TEST_F(ClientLifetime, CloseEndsEveryRequestAndTellsSo) {
   std::vector<Kind> kinds;
   ConnectionState last;
   client->setStateHandler([&](const ConnectionState& state) { last = state; });
-  client->publish("a", kData).then([&](ClientResult<void> result) { kinds.push_back(kindOf(result)); });
+  client->publish("a", kData).then([&](ClientResult<void> result) {
+    kinds.push_back(kindOf(result));
+  });
   settle();
   client->close();
-  client->publish("b", kData).then([&](ClientResult<void> result) { kinds.push_back(kindOf(result)); });
+  client->publish("b", kData).then([&](ClientResult<void> result) {
+    kinds.push_back(kindOf(result));
+  });
   settle();
   EXPECT_EQ(kinds, (std::vector<Kind>{Kind::closed, Kind::closed}));
   EXPECT_EQ(last.kind, ConnectionState::Kind::closed);

@@ -12,7 +12,8 @@ using Kind = ClientError::Kind;
 class ClientReconnect : public ClientWorld {
  protected:
   void follow(const char* name) {
-    auto result = resultOf(client->subscribe(name, [this](const Event& event) { events.push_back(event); }));
+    auto result =
+        resultOf(client->subscribe(name, [this](const Event& event) { events.push_back(event); }));
     ASSERT_TRUE(result.has_value());
     subscriptions.push_back(std::move(*result));
   }
@@ -220,7 +221,8 @@ TEST_F(ClientReconnect, StatesAreTold) {
   lose("bye");
   client->close();
   settle();
-  EXPECT_THAT(states(), ElementsAre("disconnected", "connecting", "connected", "disconnected", "closed"));
+  EXPECT_THAT(states(),
+              ElementsAre("disconnected", "connecting", "connected", "disconnected", "closed"));
   EXPECT_EQ(seen[0].error, Kind::notRunning);
   EXPECT_THAT(seen[3].reason, HasSubstr("bye"));
 }

@@ -59,8 +59,9 @@ TEST_F(ClientRequest, TheDaemonsOwnWordsAreHandedOn) {
   makeConnectedClient();
   shared.words = "the key weather has already been published";
   shared.refusals["weather"] = errDuplicate;
-  EXPECT_EQ(resultOf(client->publish("weather", kData)).error().message(),
-            "keeld refused to publish \"weather\": the key weather has already been published (error 9)");
+  EXPECT_EQ(
+      resultOf(client->publish("weather", kData)).error().message(),
+      "keeld refused to publish \"weather\": the key weather has already been published (error 9)");
 }
 
 TEST_F(ClientRequest, NullNamesAreSentAndRefusedByTheDaemon) {
@@ -74,7 +75,9 @@ TEST_F(ClientRequest, WhatCannotBeSentIsRefusedHere) {
   makeConnectedClient();
   EXPECT_EQ(kindOf(resultOf(client->publish("weather", "text"))), Kind::badArgument);
   EXPECT_EQ(kindOf(resultOf(client->update("weather", Value::list({})))), Kind::badArgument);
-  EXPECT_EQ(kindOf(resultOf(client->publish("weather", Value::map({{"a", std::string(17u << 20, 'x')}})))), Kind::tooLarge);
+  EXPECT_EQ(kindOf(resultOf(
+                client->publish("weather", Value::map({{"a", std::string(17u << 20, 'x')}})))),
+            Kind::tooLarge);
   EXPECT_TRUE(shared.calls.empty());
 }
 
@@ -94,7 +97,9 @@ TEST_F(ClientRequest, CallbackMayMakeFurtherRequests) {
   makeConnectedClient();
   bool updated = false;
   client->publish("weather", kData).then([&](ClientResult<void>) {
-    client->update("weather", kData).then([&](ClientResult<void> result) { updated = result.has_value(); });
+    client->update("weather", kData).then([&](ClientResult<void> result) {
+      updated = result.has_value();
+    });
   });
   settle();
   EXPECT_TRUE(updated);
@@ -202,8 +207,10 @@ TEST_F(ClientRequest, WaitingDataIsBounded) {
 
 TEST_F(ClientRequest, DumpYieldsEntries) {
   makeConnectedClient();
-  shared.dump = Value::list({Value::map(
-      {{"name", "weather"}, {"publisher", "<connection 1>"}, {"publishDate", Date{5}}, {"subscribers", Value::list({})}})});
+  shared.dump = Value::list({Value::map({{"name", "weather"},
+                                         {"publisher", "<connection 1>"},
+                                         {"publishDate", Date{5}},
+                                         {"subscribers", Value::list({})}})});
   const auto entries = resultOf(client->dumpAll());
   ASSERT_TRUE(entries.has_value());
   ASSERT_EQ(entries->size(), 1U);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The client over a socket, with a library thread of its own, used from others; worth most under the thread sanitizer.
+// The client over a socket, with a library thread of its own, used from others; worth most under
+// the thread sanitizer.
 #include <sys/socket.h>
 
 #include <atomic>
@@ -23,12 +24,13 @@ class ClientThread : public testing::Test {
     auto connector = [this]() -> std::expected<std::shared_ptr<xpc::Connection>, Error> {
       int ends[2];
       KEEL_CHECK(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) == 0);
-      service = std::make_shared<FakeService>(shared, xpc::clientConnection(FileDescriptor(ends[0]), context));
+      service = std::make_shared<FakeService>(
+          shared, xpc::clientConnection(FileDescriptor(ends[0]), context));
       FakeService::serve(service);
       return xpc::clientConnection(FileDescriptor(ends[1]), context);
     };
-    client = std::make_unique<KLNClient>(
-        std::make_shared<ClientCore>(reactor, connector, "/run/keeld/test", ClientOptions{}, [] { return 0.0; }));
+    client = std::make_unique<KLNClient>(std::make_shared<ClientCore>(
+        reactor, connector, "/run/keeld/test", ClientOptions{}, [] { return 0.0; }));
     thread = std::thread([this] { reactor.run(); });
   }
   ~ClientThread() override {
@@ -81,14 +83,17 @@ TEST_F(ClientThread, WaiterGivesUpThoughACallbackHoldsUpTheLibrary) {
     release.get_future().wait();
   });
   held.get_future().wait();
-  EXPECT_EQ(client->publish("b", kData).within(std::chrono::milliseconds(1)).wait().error().kind(), Kind::timedOut);
+  EXPECT_EQ(client->publish("b", kData).within(std::chrono::milliseconds(1)).wait().error().kind(),
+            Kind::timedOut);
   release.set_value();
   onLibraryThread([] {});
 }
 
 TEST_F(ClientThread, WaitingInACallbackIsRefused) {
   std::promise<Kind> kind;
-  client->publish("a", kData).then([&](ClientResult<void>) { kind.set_value(client->dumpAll().wait().error().kind()); });
+  client->publish("a", kData).then([&](ClientResult<void>) {
+    kind.set_value(client->dumpAll().wait().error().kind());
+  });
   EXPECT_EQ(kind.get_future().get(), Kind::wouldDeadlock);
 }
 

@@ -13,8 +13,8 @@
 
 namespace keel {
 
-// One client and the services that it gets to talk to, all on a reactor that the test turns by hand, with a clock that it moves
-// by hand.
+// One client and the services that it gets to talk to, all on a reactor that the test turns by
+// hand, with a clock that it moves by hand.
 class ClientWorld : public testing::Test {
  protected:
   ClientWorld() { reactor.turn(/*wait=*/false); }
@@ -29,12 +29,13 @@ class ClientWorld : public testing::Test {
       ++attempts;
       if (connectErrno != 0) return std::unexpected(Error(NSPOSIXErrorDomain, connectErrno));
       auto [here, there] = LoopTransport::pair(reactor);
-      services.push_back(std::make_shared<FakeService>(shared, xpc::Connection::create({}, std::move(there), {})));
+      services.push_back(
+          std::make_shared<FakeService>(shared, xpc::Connection::create({}, std::move(there), {})));
       FakeService::serve(services.back());
       return xpc::Connection::create({}, std::move(here), {});
     };
-    client = std::make_unique<KLNClient>(
-        std::make_shared<ClientCore>(reactor, connector, "/run/keeld/test", std::move(options), [] { return 0.0; }));
+    client = std::make_unique<KLNClient>(std::make_shared<ClientCore>(
+        reactor, connector, "/run/keeld/test", std::move(options), [] { return 0.0; }));
   }
   void makeConnectedClient(ClientOptions options = {}) {
     makeClient(std::move(options));
@@ -59,7 +60,8 @@ class ClientWorld : public testing::Test {
     auto future = std::move(request).future();
     settle();
     if (future.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-      return std::unexpected(ClientError(ClientError::Kind::timedOut, "still waiting when nothing was left to do"));
+      return std::unexpected(
+          ClientError(ClientError::Kind::timedOut, "still waiting when nothing was left to do"));
     }
     return future.get();
   }

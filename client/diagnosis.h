@@ -10,7 +10,8 @@
 #include "client/client_error.h"
 #include "runtime/foundation/string.h"
 
-// From what went wrong to a ClientError whose message helps. `what` says what was asked for: "publish \"weather\"".
+// From what went wrong to a ClientError whose message helps. `what` says what was asked for:
+// "publish \"weather\"".
 
 namespace keel::diagnosis {
 
@@ -24,7 +25,8 @@ ClientError ofLoss(std::string_view farewell);
 // A request was under way when the connection ended.
 ClientError ofRequestAtLoss(const std::string& what, const std::string& reason);
 // A request waited for a connection in vain.
-ClientError ofWaiting(const std::string& what, const ClientError& reason, std::chrono::milliseconds timeout);
+ClientError ofWaiting(const std::string& what, const ClientError& reason,
+                      std::chrono::milliseconds timeout);
 ClientError ofTimeout(const std::string& what, std::chrono::milliseconds timeout);
 // The daemon answered with an error, or the call could not be made.
 ClientError ofAnswer(const std::string& what, const Error& error);

@@ -11,7 +11,8 @@ namespace {
 constexpr std::string_view kUnconnected = "<unconnected>";
 
 // A text under `key`, none for kUnconnected; false when there is neither.
-bool readConnection(const Value& entry, std::string_view key, std::optional<std::string>& connection) {
+bool readConnection(const Value& entry, std::string_view key,
+                    std::optional<std::string>& connection) {
   const Value* found = entry.find(key);
   const auto* text = found == nullptr ? nullptr : found->as<std::string>();
   if (text == nullptr) return false;
@@ -33,7 +34,8 @@ bool readSubscribers(const Value& entry, std::vector<DumpEntry::Subscriber>& sub
   if (list == nullptr) return false;
   for (const Value& each : *list) {
     DumpEntry::Subscriber& subscriber = subscribers.emplace_back();
-    if (!readConnection(each, "subscriber", subscriber.connection) || !readDate(each, "updateDate", subscriber.updated))
+    if (!readConnection(each, "subscriber", subscriber.connection) ||
+        !readDate(each, "updateDate", subscriber.updated))
       return false;
   }
   return true;
@@ -44,8 +46,10 @@ bool readEntry(const Value& described, DumpEntry& entry) {
   const auto* text = name == nullptr ? nullptr : name->as<std::string>();
   if (text == nullptr) return false;
   entry.name = *text;
-  if (const Value* data = described.find("publishedData"); data != nullptr && data->isMap()) entry.data = *data;
-  return readConnection(described, "publisher", entry.publisher) && readDate(described, "publishDate", entry.published) &&
+  if (const Value* data = described.find("publishedData"); data != nullptr && data->isMap())
+    entry.data = *data;
+  return readConnection(described, "publisher", entry.publisher) &&
+         readDate(described, "publishDate", entry.published) &&
          readSubscribers(described, entry.subscribers);
 }
 
@@ -57,9 +61,10 @@ ClientResult<std::vector<DumpEntry>> readDump(const Array& description) {
   if (const auto* list = decoded.as<Value::List>()) {
     for (const Value& each : *list) {
       if (!readEntry(each, entries.emplace_back())) {
-        return std::unexpected(ClientError(ClientError::Kind::refused,
-                                           "keeld described an item in a way that is not understood; "
-                                           "this library and keeld may be of different versions"));
+        return std::unexpected(
+            ClientError(ClientError::Kind::refused,
+                        "keeld described an item in a way that is not understood; "
+                        "this library and keeld may be of different versions"));
       }
     }
   }

@@ -23,8 +23,9 @@ struct DumpEntry {
   };
 
   std::string name;
-  std::optional<std::string> publisher;  // the publishing connection; none when nobody publishes it now
-  std::optional<Date> published;         // when its data was last replaced; none when never
+  std::optional<std::string>
+      publisher;                  // the publishing connection; none when nobody publishes it now
+  std::optional<Date> published;  // when its data was last replaced; none when never
   std::vector<Subscriber> subscribers;
   std::optional<Value> data;  // none when not asked for, or when there is none
 

@@ -14,18 +14,23 @@ Value entry(Value publisher, Value date, Value subscribers) {
 }
 
 TEST(ReadDump, KnownThingsAreRead) {
-  const Value subscriber = Value::map({{"subscriber", "<connection 2>"}, {"updateDate", Date{2.5}}});
-  Value::Map described = *entry("<connection 1>", Date{1}, Value::list({subscriber})).as<Value::Map>();
+  const Value subscriber =
+      Value::map({{"subscriber", "<connection 2>"}, {"updateDate", Date{2.5}}});
+  Value::Map described =
+      *entry("<connection 1>", Date{1}, Value::list({subscriber})).as<Value::Map>();
   described.push_back({"publishedData", Value::map({{"n", 1}})});
   const auto entries = readDump(Array(Value::list({Value(described)})));
   ASSERT_TRUE(entries.has_value());
-  const DumpEntry expected{"a", "<connection 1>", Date{1}, {{"<connection 2>", Date{2.5}}}, Value::map({{"n", 1}})};
+  const DumpEntry expected{
+      "a", "<connection 1>", Date{1}, {{"<connection 2>", Date{2.5}}}, Value::map({{"n", 1}})};
   EXPECT_EQ(entries->at(0), expected);
 }
 
 TEST(ReadDump, PlaceholdersBecomeAbsent) {
-  const Value subscriber = Value::map({{"subscriber", "<unconnected>"}, {"updateDate", "<never updated>"}});
-  Value::Map described = *entry("<unconnected>", "<never published>", Value::list({subscriber})).as<Value::Map>();
+  const Value subscriber =
+      Value::map({{"subscriber", "<unconnected>"}, {"updateDate", "<never updated>"}});
+  Value::Map described =
+      *entry("<unconnected>", "<never published>", Value::list({subscriber})).as<Value::Map>();
   described.push_back({"publishedData", "<no data>"});
   const auto entries = readDump(Array(Value::list({Value(described)})));
   ASSERT_TRUE(entries.has_value());

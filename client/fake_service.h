@@ -18,7 +18,8 @@
 
 namespace keel {
 
-// The daemon's end of one client's connection, for tests: writes down what is asked, and answers as told.
+// The daemon's end of one client's connection, for tests: writes down what is asked, and answers as
+// told.
 class FakeService final : public protocols::NotifyProxy {
  public:
   // What every connection of one test shares.
@@ -37,9 +38,11 @@ class FakeService final : public protocols::NotifyProxy {
 
   static void serve(const std::shared_ptr<FakeService>& service) {
     auto& connection = *service->connection_;
-    connection.setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());
+    connection.setExportedInterface(
+        xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());
     connection.setExportedObject<protocols::NotifyProxy>(service);
-    connection.setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+    connection.setRemoteObjectInterface(
+        xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
     connection.setInvalidationHandler([weak = std::weak_ptr(service)] {
       if (const auto self = weak.lock()) self->ended_ = true;
     });
@@ -57,10 +60,12 @@ class FakeService final : public protocols::NotifyProxy {
   }
   void send(const char* name, const Value& data, Error error = nullptr) {
     connection_->remoteObjectProxyWithErrorHandler<protocols::SubscriberProxy>([](Error) {})
-        .call<&protocols::SubscriberProxy::updateSubscriptionFor>(Name(name), Dictionary(data), std::uint64_t{0}, error);
+        .call<&protocols::SubscriberProxy::updateSubscriptionFor>(Name(name), Dictionary(data),
+                                                                  std::uint64_t{0}, error);
   }
 
-  void authCheckForUser(String user, std::int32_t andASID, xpc::Reply<bool, Error> withHandler) override {
+  void authCheckForUser(String user, std::int32_t andASID,
+                        xpc::Reply<bool, Error> withHandler) override {
     note("authCheck", user);
     answer(std::move(withHandler), andASID == 7, Error());
   }
@@ -113,8 +118,9 @@ class FakeService final : public protocols::NotifyProxy {
   template <class Reply, class... Results>
   void answer(Reply reply, Results... results) {
     if (shared_.answers) return reply(std::move(results)...);
-    held_.emplace_back(
-        [reply = std::move(reply), ... results = std::move(results)]() mutable { reply(std::move(results)...); });
+    held_.emplace_back([reply = std::move(reply), ... results = std::move(results)]() mutable {
+      reply(std::move(results)...);
+    });
   }
 
   Shared& shared_;

@@ -6,7 +6,8 @@
 
 namespace keel {
 
-// What every callback of one client passes through, on the library's thread. Closed, it lets none through any more.
+// What every callback of one client passes through, on the library's thread. Closed, it lets none
+// through any more.
 class Gate {
  public:
   template <class Callback>
@@ -15,8 +16,8 @@ class Gate {
     if (!closed_.load(std::memory_order_relaxed)) callback();
   }
 
-  // When close() or afterRunning() returns, no callback is in the gate, but for the one that calls it.
-  // `onLibraryThread`: then either no callback runs, or it is this one.
+  // When close() or afterRunning() returns, no callback is in the gate, but for the one that calls
+  // it. `onLibraryThread`: then either no callback runs, or it is this one.
   void close(bool onLibraryThread) {
     afterRunning(onLibraryThread, [this] { closed_.store(true, std::memory_order_relaxed); });
   }

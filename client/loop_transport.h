@@ -15,11 +15,12 @@
 
 namespace keel {
 
-// One end of a connection within this process, for tests: frames and the end arrive in their order, by the reactor's posts
-// alone.
+// One end of a connection within this process, for tests: frames and the end arrive in their order,
+// by the reactor's posts alone.
 class LoopTransport final : public xpc::Transport {
  public:
-  static std::pair<std::unique_ptr<LoopTransport>, std::unique_ptr<LoopTransport>> pair(Reactor& reactor) {
+  static std::pair<std::unique_ptr<LoopTransport>, std::unique_ptr<LoopTransport>> pair(
+      Reactor& reactor) {
     auto left = std::make_shared<End>(reactor);
     auto right = std::make_shared<End>(reactor);
     return {std::unique_ptr<LoopTransport>(new LoopTransport(reactor, left, right)),

@@ -18,16 +18,20 @@ namespace {
 ClientError ofConnecting(const std::string& serviceName, const Error& error) {
   const bool nobody = error.code() == ENOENT || error.code() == ECONNREFUSED;
   return {nobody ? ClientError::Kind::notRunning : ClientError::Kind::connectFailed,
-          fmt::format("{}{}", nobody ? "no module serves " + serviceName + ", see keelctl modules: " : "", error.description()),
+          fmt::format("{}{}",
+                      nobody ? "no module serves " + serviceName + ", see keelctl modules: " : "",
+                      error.description()),
           error};
 }
 
 }  // namespace
 
-ClientResult<std::shared_ptr<ModuleLink>> ModuleLink::open(const std::string& serviceName, const std::string& serviceDirectory,
+ClientResult<std::shared_ptr<ModuleLink>> ModuleLink::open(const std::string& serviceName,
+                                                           const std::string& serviceDirectory,
                                                            const xpc::Interface& remoteInterface) {
   const std::string directory = serviceDirectory.empty() ? kServiceDirectory : serviceDirectory;
-  auto connection = xpc::connectToService(directory, serviceName, xpc::TransportContext::ofIoThread());
+  auto connection =
+      xpc::connectToService(directory, serviceName, xpc::TransportContext::ofIoThread());
   if (!connection) return std::unexpected(ofConnecting(serviceName, connection.error()));
   auto link = std::make_shared<ModuleLink>(serviceName);
   ioReactor().post([link, connection = std::move(*connection), &remoteInterface] {
@@ -69,17 +73,20 @@ bool ModuleLink::onLibraryThread() const {
 }
 
 ClientError ModuleLink::errorOf(const Error& error) const {
-  return {ClientError::Kind::requestFailed, fmt::format("{} could not be called: {}", serviceName_, error.description()),
-          error};
+  return {ClientError::Kind::requestFailed,
+          fmt::format("{} could not be called: {}", serviceName_, error.description()), error};
 }
 ClientError ModuleLink::timedOut(std::chrono::milliseconds timeout) const {
-  return {ClientError::Kind::timedOut, fmt::format("{} did not answer within {} ms", serviceName_, timeout.count())};
+  return {ClientError::Kind::timedOut,
+          fmt::format("{} did not answer within {} ms", serviceName_, timeout.count())};
 }
 ClientError ModuleLink::lost() const {
-  return {ClientError::Kind::disconnected, "the connection to " + serviceName_ + " ended before the answer came"};
+  return {ClientError::Kind::disconnected,
+          "the connection to " + serviceName_ + " ended before the answer came"};
 }
 ClientError ModuleLink::deadlock() const {
-  return {ClientError::Kind::wouldDeadlock, "a callback cannot wait for an answer, which it would itself hold up"};
+  return {ClientError::Kind::wouldDeadlock,
+          "a callback cannot wait for an answer, which it would itself hold up"};
 }
 
 }  // namespace keel

@@ -14,12 +14,13 @@
 
 namespace keel {
 
-// The part of a KLNModuleConnection that knows no protocol. Once connected it lives on the I/O thread, but for what says
-// otherwise.
+// The part of a KLNModuleConnection that knows no protocol. Once connected it lives on the I/O
+// thread, but for what says otherwise.
 class ModuleLink : public std::enable_shared_from_this<ModuleLink> {
  public:
   // From any thread, and so is its end.
-  static ClientResult<std::shared_ptr<ModuleLink>> open(const std::string& serviceName, const std::string& serviceDirectory,
+  static ClientResult<std::shared_ptr<ModuleLink>> open(const std::string& serviceName,
+                                                        const std::string& serviceDirectory,
                                                         const xpc::Interface& remoteInterface);
   explicit ModuleLink(std::string serviceName) : serviceName_(std::move(serviceName)) {}
   void close();
@@ -43,11 +44,13 @@ class ModuleLink : public std::enable_shared_from_this<ModuleLink> {
   bool ended_ = false;
 };
 
-// A program's connection to the Mach service of a module, which is started by the system if it does not run. It lasts until one
-// side ends it: a module ends when nobody has been connected for a while, so keep no connection that is not needed.
+// A program's connection to the Mach service of a module, which is started by the system if it does
+// not run. It lasts until one side ends it: a module ends when nobody has been connected for a
+// while, so keep no connection that is not needed.
 //
 //   auto greeter = KLNModuleConnection<GreeterProxy>::open("com.example.greeter");
-//   auto answer = (*greeter)->call<&GreeterProxy::greet>(String("Bob"));   // ClientResult<std::tuple<String>>
+//   auto answer = (*greeter)->call<&GreeterProxy::greet>(String("Bob"));   //
+//   ClientResult<std::tuple<String>>
 //
 // From any thread.
 template <class Protocol>
@@ -57,13 +60,15 @@ class KLNModuleConnection {
   static std::tuple<Results...> resultsOf(xpc::Reply<Results...>*);
   // What a method with a reply answers.
   template <auto Member>
-  using Answer =
-      decltype(resultsOf(static_cast<typename xpc::MethodsOf<Protocol>::template MethodOf<Member>::ReplyBlock*>(nullptr)));
+  using Answer = decltype(resultsOf(
+      static_cast<typename xpc::MethodsOf<Protocol>::template MethodOf<Member>::ReplyBlock*>(
+          nullptr)));
 
   // `serviceDirectory` empty: the fixed place, /run/keeld.
-  static ClientResult<std::unique_ptr<KLNModuleConnection>> open(const std::string& serviceName,
-                                                                 const std::string& serviceDirectory = {}) {
-    auto link = ModuleLink::open(serviceName, serviceDirectory, xpc::Interface::interfaceWithProtocol<Protocol>());
+  static ClientResult<std::unique_ptr<KLNModuleConnection>> open(
+      const std::string& serviceName, const std::string& serviceDirectory = {}) {
+    auto link = ModuleLink::open(serviceName, serviceDirectory,
+                                 xpc::Interface::interfaceWithProtocol<Protocol>());
     if (!link) return std::unexpected(std::move(link.error()));
     return std::unique_ptr<KLNModuleConnection>(new KLNModuleConnection(std::move(*link)));
   }
@@ -71,20 +76,32 @@ class KLNModuleConnection {
   KLNModuleConnection(const KLNModuleConnection&) = delete;
   KLNModuleConnection& operator=(const KLNModuleConnection&) = delete;
 
-  // Calls and waits for the answer, which may take the start of the module. Not on the library's own thread.
+  // Calls and waits for the answer, which may take the start of the module. Not on the library's
+  // own thread.
   template <auto Member, class... Given>
   ClientResult<Answer<Member>> call(Given... given) {
     if (link_->onLibraryThread()) return std::unexpected(link_->deadlock());
     auto promise = std::make_shared<Promise<Answer<Member>>>(link_);
     auto future = promise->future();
-    link_->whenReady([link = link_, promise, arguments = std::make_tuple(std::move(given)...)]() mutable {
-      auto onError = [link, promise](const Error& error) { promise->set(std::unexpected(link->errorOf(error))); };
-      auto onAnswer = [promise](auto... results) { promise->set(Answer<Member>(std::move(results)...)); };
-      auto proxy = link->connection()->template remoteObjectProxyWithErrorHandler<Protocol>(std::move(onError));
-      std::apply([&](auto&... each) { proxy.template call<Member>(std::move(each)..., std::move(onAnswer)); }, arguments);
-    });
+    link_->whenReady(
+        [link = link_, promise, arguments = std::make_tuple(std::move(given)...)]() mutable {
+          auto onError = [link, promise](const Error& error) {
+            promise->set(std::unexpected(link->errorOf(error)));
+          };
+          auto onAnswer = [promise](auto... results) {
+            promise->set(Answer<Member>(std::move(results)...));
+          };
+          auto proxy = link->connection()->template remoteObjectProxyWithErrorHandler<Protocol>(
+              std::move(onError));
+          std::apply(
+              [&](auto&... each) {
+                proxy.template call<Member>(std::move(each)..., std::move(onAnswer));
+              },
+              arguments);
+        });
     promise.reset();
-    if (future.wait_for(timeout_) == std::future_status::timeout) return std::unexpected(link_->timedOut(timeout_));
+    if (future.wait_for(timeout_) == std::future_status::timeout)
+      return std::unexpected(link_->timedOut(timeout_));
     return future.get();
   }
   // How long a call may take; without it 30 s.

@@ -15,10 +15,15 @@
 namespace keel {
 
 // Lives on the I/O thread.
-class KLNModuleListener::Delegate final : public xpc::ListenerDelegate, public std::enable_shared_from_this<Delegate> {
+class KLNModuleListener::Delegate final : public xpc::ListenerDelegate,
+                                          public std::enable_shared_from_this<Delegate> {
  public:
-  Delegate(Reactor& reactor, std::shared_ptr<xpc::Listener> listener, Configure configure, std::chrono::milliseconds idleTime)
-      : reactor_(reactor), listener_(std::move(listener)), configure_(std::move(configure)), idleTime_(idleTime) {}
+  Delegate(Reactor& reactor, std::shared_ptr<xpc::Listener> listener, Configure configure,
+           std::chrono::milliseconds idleTime)
+      : reactor_(reactor),
+        listener_(std::move(listener)),
+        configure_(std::move(configure)),
+        idleTime_(idleTime) {}
 
   // From any thread.
   void begin() {
@@ -32,11 +37,13 @@ class KLNModuleListener::Delegate final : public xpc::ListenerDelegate, public s
   }
   std::shared_ptr<void> beginWork() {
     reactor_.post([self = shared_from_this()] { self->enter(); });
-    return {nullptr, [self = shared_from_this()](void*) { self->reactor_.post([self] { self->leave(); }); }};
+    return {nullptr,
+            [self = shared_from_this()](void*) { self->reactor_.post([self] { self->leave(); }); }};
   }
   std::future<void> idle() { return idle_.get_future(); }
 
-  bool listenerShouldAcceptNewConnection(xpc::Listener&, const std::shared_ptr<xpc::Connection>& connection) override {
+  bool listenerShouldAcceptNewConnection(
+      xpc::Listener&, const std::shared_ptr<xpc::Connection>& connection) override {
     const ModulePeer peer{connection->processIdentifier(), connection->effectiveUserIdentifier(),
                           connection->auditSessionIdentifier()};
     bool accepted = false;
@@ -78,21 +85,26 @@ class KLNModuleListener::Delegate final : public xpc::ListenerDelegate, public s
   std::promise<void> idle_;
 };
 
-ClientResult<std::unique_ptr<KLNModuleListener>> KLNModuleListener::createWith(const std::string& serviceName,
-                                                                               Configure configure, Options options) {
-  const std::string directory = options.serviceDirectory.empty() ? kServiceDirectory : options.serviceDirectory;
+ClientResult<std::unique_ptr<KLNModuleListener>> KLNModuleListener::createWith(
+    const std::string& serviceName, Configure configure, Options options) {
+  const std::string directory =
+      options.serviceDirectory.empty() ? kServiceDirectory : options.serviceDirectory;
   Reactor& reactor = ioReactor();
-  auto listener = xpc::Listener::inDirectory(directory, serviceName, xpc::TransportContext::ofIoThread());
+  auto listener =
+      xpc::Listener::inDirectory(directory, serviceName, xpc::TransportContext::ofIoThread());
   if (!listener) {
-    return std::unexpected(ClientError(ClientError::Kind::requestFailed,
-                                       fmt::format("cannot serve {}: {}", serviceName, listener.error().description()),
-                                       listener.error()));
+    return std::unexpected(
+        ClientError(ClientError::Kind::requestFailed,
+                    fmt::format("cannot serve {}: {}", serviceName, listener.error().description()),
+                    listener.error()));
   }
-  auto delegate = std::make_shared<Delegate>(reactor, std::move(*listener), std::move(configure), options.idleTime);
+  auto delegate = std::make_shared<Delegate>(reactor, std::move(*listener), std::move(configure),
+                                             options.idleTime);
   return std::unique_ptr<KLNModuleListener>(new KLNModuleListener(std::move(delegate)));
 }
 
-KLNModuleListener::KLNModuleListener(std::shared_ptr<Delegate> delegate) : delegate_(std::move(delegate)) {
+KLNModuleListener::KLNModuleListener(std::shared_ptr<Delegate> delegate)
+    : delegate_(std::move(delegate)) {
   delegate_->begin();
 }
 

@@ -19,8 +19,8 @@ class EchoProxy {
   virtual void echo(String text, xpc::Reply<String, std::int64_t> withHandler) = 0;
   virtual void drop(xpc::Reply<String> withHandler) = 0;
 };
-using EchoProxyMethods =
-    xpc::MethodTable<xpc::Method<"echo:withHandler:", &EchoProxy::echo>, xpc::Method<"dropWithHandler:", &EchoProxy::drop>>;
+using EchoProxyMethods = xpc::MethodTable<xpc::Method<"echo:withHandler:", &EchoProxy::echo>,
+                                          xpc::Method<"dropWithHandler:", &EchoProxy::drop>>;
 EchoProxyMethods methodTableOf(const EchoProxy*);
 
 namespace {
@@ -31,7 +31,9 @@ using namespace std::chrono_literals;
 // Tells with each answer how often it was asked.
 class Echo final : public EchoProxy {
  public:
-  void echo(String text, xpc::Reply<String, std::int64_t> withHandler) override { withHandler(std::move(text), ++count_); }
+  void echo(String text, xpc::Reply<String, std::int64_t> withHandler) override {
+    withHandler(std::move(text), ++count_);
+  }
   void drop(xpc::Reply<String>) override {}
 
  private:
@@ -43,12 +45,13 @@ class ModuleListener : public testing::Test {
   using Connection = KLNModuleConnection<EchoProxy>;
 
   std::unique_ptr<KLNModuleListener> serve(std::chrono::milliseconds idleTime = 1h) {
-    auto made = KLNModuleListener::create<EchoProxy>("echo",
-                                                     [this](const ModulePeer& peer) {
-                                                       peers_.push_back(peer);
-                                                       return refuse_ ? nullptr : std::make_shared<Echo>();
-                                                     },
-                                                     {.serviceDirectory = folder_.path(), .idleTime = idleTime});
+    auto made = KLNModuleListener::create<EchoProxy>(
+        "echo",
+        [this](const ModulePeer& peer) {
+          peers_.push_back(peer);
+          return refuse_ ? nullptr : std::make_shared<Echo>();
+        },
+        {.serviceDirectory = folder_.path(), .idleTime = idleTime});
     EXPECT_TRUE(made) << made.error().message();
     return std::move(*made);
   }
@@ -114,8 +117,9 @@ TEST_F(ModuleListener, ServiceThatNobodyServesIsToldOf) {
 
 TEST_F(ModuleListener, SocketThatCannotBeHadIsToldOf) {
   const auto listener = serve();
-  const auto second = KLNModuleListener::create<EchoProxy>("echo", [](const ModulePeer&) { return std::make_shared<Echo>(); },
-                                                           {.serviceDirectory = folder_.path()});
+  const auto second = KLNModuleListener::create<EchoProxy>(
+      "echo", [](const ModulePeer&) { return std::make_shared<Echo>(); },
+      {.serviceDirectory = folder_.path()});
   ASSERT_FALSE(second);
   EXPECT_THAT(second.error().message(), HasSubstr("cannot serve echo: "));
 }

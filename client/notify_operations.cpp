@@ -24,7 +24,9 @@ class Named : public OperationOf<T> {
     this->bytes = name_.view().size();
     this->refusal = checkText(name_, "the name");
   }
-  std::string what() const override { return fmt::format("{} {}", verb_, diagnosis::shownName(name_)); }
+  std::string what() const override {
+    return fmt::format("{} {}", verb_, diagnosis::shownName(name_));
+  }
 
  protected:
   template <class Derived>
@@ -43,7 +45,8 @@ class WithData : public Named<void> {
     if (refusal) return;
     auto encoded = encodeData(data, bytes);
     if (!encoded) {
-      refusal = ClientError(encoded.error().kind(), fmt::format("cannot {}: {}", what(), encoded.error().message()));
+      refusal = ClientError(encoded.error().kind(),
+                            fmt::format("cannot {}: {}", what(), encoded.error().message()));
       return;
     }
     item_ = std::move(*encoded);
@@ -87,7 +90,9 @@ class Update final : public WithData {
  public:
   Update(String name, const Value& data) : WithData("update", std::move(name), data) {}
 
-  void send(ClientCore& core) override { core.ask<&NotifyProxy::updatePublishedItem>(self(this), &answered, item_, name_); }
+  void send(ClientCore& core) override {
+    core.ask<&NotifyProxy::updatePublishedItem>(self(this), &answered, item_, name_);
+  }
 
  private:
   static void answered(ClientCore& core, Update& it, bool inTime, const Error& error) {
@@ -103,7 +108,9 @@ class Remove final : public Named<void> {
  public:
   explicit Remove(String name) : Named("remove", std::move(name)) {}
 
-  void send(ClientCore& core) override { core.ask<&NotifyProxy::removePublishedItemForName>(self(this), &answered, name_); }
+  void send(ClientCore& core) override {
+    core.ask<&NotifyProxy::removePublishedItemForName>(self(this), &answered, name_);
+  }
 
  private:
   static void answered(ClientCore& core, Remove& it, bool inTime, const Error& error) {
@@ -117,12 +124,16 @@ class Remove final : public Named<void> {
 
 class Subscribe final : public Named<Subscription> {
  public:
-  Subscribe(String name, EventCallback events) : Named("subscribe to", std::move(name)), events_(std::move(events)) {}
+  Subscribe(String name, EventCallback events)
+      : Named("subscribe to", std::move(name)), events_(std::move(events)) {}
 
-  void send(ClientCore& core) override { core.ask<&NotifyProxy::subscribeTo>(self(this), &answered, name_, std::uint64_t{0}); }
+  void send(ClientCore& core) override {
+    core.ask<&NotifyProxy::subscribeTo>(self(this), &answered, name_, std::uint64_t{0});
+  }
 
  private:
-  static void answered(ClientCore& core, Subscribe& it, bool inTime, const Dictionary&, const Error& error) {
+  static void answered(ClientCore& core, Subscribe& it, bool inTime, const Dictionary&,
+                       const Error& error) {
     if (!inTime) {
       if (!error) core.takeBackSubscription(it.name_);
       return;
@@ -140,12 +151,16 @@ class Dump final : public Named<std::vector<DumpEntry>> {
  public:
   Dump(String name, bool withData) : Named("dump", std::move(name)), withData_(withData) {}
 
-  void send(ClientCore& core) override { core.ask<&NotifyProxy::dumpNotification>(self(this), &answered, name_, withData_); }
+  void send(ClientCore& core) override {
+    core.ask<&NotifyProxy::dumpNotification>(self(this), &answered, name_, withData_);
+  }
 
  private:
-  static void answered(ClientCore& core, Dump& it, bool inTime, const Array& entries, const Error& error) {
+  static void answered(ClientCore& core, Dump& it, bool inTime, const Array& entries,
+                       const Error& error) {
     if (!inTime) return;
-    if (error) return core.finish<std::vector<DumpEntry>>(it, std::unexpected(core.answerError(it, error)));
+    if (error)
+      return core.finish<std::vector<DumpEntry>>(it, std::unexpected(core.answerError(it, error)));
     core.finish(it, readDump(entries));
   }
 
@@ -154,14 +169,16 @@ class Dump final : public Named<std::vector<DumpEntry>> {
 
 class AuthCheck final : public Named<bool> {
  public:
-  AuthCheck(String user, std::int32_t auditSession) : Named("check user", std::move(user)), auditSession_(auditSession) {}
+  AuthCheck(String user, std::int32_t auditSession)
+      : Named("check user", std::move(user)), auditSession_(auditSession) {}
 
   void send(ClientCore& core) override {
     core.ask<&NotifyProxy::authCheckForUser>(self(this), &answered, name_, auditSession_);
   }
 
  private:
-  static void answered(ClientCore& core, AuthCheck& it, bool inTime, bool authenticated, const Error& error) {
+  static void answered(ClientCore& core, AuthCheck& it, bool inTime, bool authenticated,
+                       const Error& error) {
     if (!inTime) return;
     if (error) return core.finish<bool>(it, std::unexpected(core.answerError(it, error)));
     core.finish<bool>(it, authenticated);
@@ -176,7 +193,8 @@ class ModuleTable final : public OperationOf<Table> {
  public:
   std::string what() const override { return "list the modules"; }
   void send(ClientCore& core) override {
-    core.ask<&NotifyProxy::getModuleTableWithHandler>(std::static_pointer_cast<ModuleTable>(shared_from_this()), &answered);
+    core.ask<&NotifyProxy::getModuleTableWithHandler>(
+        std::static_pointer_cast<ModuleTable>(shared_from_this()), &answered);
   }
 
  private:
@@ -186,7 +204,8 @@ class ModuleTable final : public OperationOf<Table> {
     const Value decoded = modules.value();
     if (const auto* map = decoded.as<Value::Map>()) {
       for (const Member& module : *map) {
-        if (const auto* service = module.value.as<std::string>()) table.emplace(module.key, *service);
+        if (const auto* service = module.value.as<std::string>())
+          table.emplace(module.key, *service);
       }
     }
     core.finish<Table>(it, std::move(table));
@@ -205,7 +224,8 @@ class Publications final : public OperationOf<std::vector<PublicationState>> {
 
 }  // namespace
 
-std::shared_ptr<OperationOf<void>> publish(String name, const Value& data, std::uint64_t flags, std::int64_t value) {
+std::shared_ptr<OperationOf<void>> publish(String name, const Value& data, std::uint64_t flags,
+                                           std::int64_t value) {
   return std::make_shared<Publish>(std::move(name), data, flags, value);
 }
 

@@ -8,11 +8,13 @@
 #include "client/client.h"
 #include "client/operation.h"
 
-// The requests of KLNClient, as operations. Data and names are checked when they are made, on the caller's thread.
+// The requests of KLNClient, as operations. Data and names are checked when they are made, on the
+// caller's thread.
 
 namespace keel::operations {
 
-std::shared_ptr<OperationOf<void>> publish(String name, const Value& data, std::uint64_t flags, std::int64_t value);
+std::shared_ptr<OperationOf<void>> publish(String name, const Value& data, std::uint64_t flags,
+                                           std::int64_t value);
 std::shared_ptr<OperationOf<void>> update(String name, const Value& data);
 std::shared_ptr<OperationOf<void>> remove(String name);
 std::shared_ptr<OperationOf<Subscription>> subscribe(String name, EventCallback callback);

@@ -16,7 +16,8 @@ namespace keel {
 
 class ClientCore;
 
-// One request of a program, from its beginning to its result. Belongs to the I/O thread once it was submitted.
+// One request of a program, from its beginning to its result. Belongs to the I/O thread once it was
+// submitted.
 class Operation {
  public:
   virtual ~Operation() = default;
@@ -46,7 +47,9 @@ class Operation {
 template <class T>
 class OperationOf : public Operation, public std::enable_shared_from_this<OperationOf<T>> {
  public:
-  void fail(ClientError error) override { std::exchange(callback, nullptr)(std::unexpected(std::move(error))); }
+  void fail(ClientError error) override {
+    std::exchange(callback, nullptr)(std::unexpected(std::move(error)));
+  }
   void drop() override { callback = nullptr; }
   void finish(ClientResult<T> result) { std::exchange(callback, nullptr)(std::move(result)); }
 

@@ -13,7 +13,8 @@ namespace keel {
 namespace {
 
 std::function<double()> randomNumbers() {
-  return [engine = std::minstd_rand(std::random_device()()), numbers = std::uniform_real_distribution<double>(0, 1)]() mutable {
+  return [engine = std::minstd_rand(std::random_device()()),
+          numbers = std::uniform_real_distribution<double>(0, 1)]() mutable {
     return numbers(engine);
   };
 }
@@ -21,12 +22,15 @@ std::function<double()> randomNumbers() {
 }  // namespace
 
 std::shared_ptr<ClientCore> coreOf(ClientService service, ClientOptions options) {
-  const std::string directory = options.serviceDirectory.empty() ? kServiceDirectory : options.serviceDirectory;
+  const std::string directory =
+      options.serviceDirectory.empty() ? kServiceDirectory : options.serviceDirectory;
   const char* const name = service == ClientService::notify ? kNotifyServiceName : kAuthServiceName;
   Reactor& reactor = ioReactor();
-  auto connector = [directory, name] { return xpc::connectToService(directory, name, xpc::TransportContext::ofIoThread()); };
-  return std::make_shared<ClientCore>(reactor, std::move(connector), directory + "/" + name, std::move(options),
-                                      randomNumbers(), service);
+  auto connector = [directory, name] {
+    return xpc::connectToService(directory, name, xpc::TransportContext::ofIoThread());
+  };
+  return std::make_shared<ClientCore>(reactor, std::move(connector), directory + "/" + name,
+                                      std::move(options), randomNumbers(), service);
 }
 
 }  // namespace keel

@@ -21,7 +21,8 @@ class OperationSource final : public RequestSource<T> {
                                                          ResultCallback<T> callback) override {
     operation_->callback = std::move(callback);
     typename RequestSource<T>::Settled settled(operation_, &operation_->settled);
-    if (auto submitted = core_->submit(operation_, timeout); !submitted) return std::unexpected(std::move(submitted.error()));
+    if (auto submitted = core_->submit(operation_, timeout); !submitted)
+      return std::unexpected(std::move(submitted.error()));
     return settled;
   }
   bool onLibraryThread() const override { return core_->onIoThread(); }
@@ -35,8 +36,10 @@ class OperationSource final : public RequestSource<T> {
 };
 
 template <class T>
-Request<T> requestFor(const std::shared_ptr<ClientCore>& core, std::shared_ptr<OperationOf<T>> operation) {
-  return Request<T>(std::make_unique<OperationSource<T>>(core, std::move(operation)), core->options().requestTimeout);
+Request<T> requestFor(const std::shared_ptr<ClientCore>& core,
+                      std::shared_ptr<OperationOf<T>> operation) {
+  return Request<T>(std::make_unique<OperationSource<T>>(core, std::move(operation)),
+                    core->options().requestTimeout);
 }
 
 // The core of a client in this process, on its one I/O thread.

@@ -9,11 +9,13 @@
 #include "runtime/foundation/string.h"
 #include "runtime/foundation/value.h"
 
-// Checks what a program hands over before it is sent: the daemon would refuse it, and would say less about why.
+// Checks what a program hands over before it is sent: the daemon would refuse it, and would say
+// less about why.
 
 namespace keel {
 
-// `badArgument` when `text` is not UTF-8, `tooLarge` when no message can carry it. `what` names it: "the name".
+// `badArgument` when `text` is not UTF-8, `tooLarge` when no message can carry it. `what` names it:
+// "the name".
 std::optional<ClientError> checkText(const String& text, const char* what);
 
 // The encoded form of `data`, a map or null. `otherBytes` is what the message carries besides.

@@ -48,8 +48,11 @@ TEST(EncodeData, SixtyFourLevelsWorkAndSixtyFiveAreRefused) {
 }
 
 TEST(EncodeData, DatesThatAreNoneAreRefused) {
-  EXPECT_EQ(kindOf(Value::map({{"a", Date{std::numeric_limits<double>::quiet_NaN()}}})), Kind::badArgument);
-  EXPECT_EQ(kindOf(Value::map({{"a", Value::list({Date{std::numeric_limits<double>::infinity()}})}})), Kind::badArgument);
+  EXPECT_EQ(kindOf(Value::map({{"a", Date{std::numeric_limits<double>::quiet_NaN()}}})),
+            Kind::badArgument);
+  EXPECT_EQ(
+      kindOf(Value::map({{"a", Value::list({Date{std::numeric_limits<double>::infinity()}})}})),
+      Kind::badArgument);
 }
 
 TEST(EncodeData, TextThatIsNotUtf8IsRefused) {

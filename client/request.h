@@ -20,17 +20,19 @@ using ResultCallback = std::move_only_function<void(ClientResult<T>)>;
 template <class T>
 class RequestSource {
  public:
-  // Set by whoever settles the request first: its answer, its timeout, or one who waited and gave up.
+  // Set by whoever settles the request first: its answer, its timeout, or one who waited and gave
+  // up.
   using Settled = std::shared_ptr<std::atomic<bool>>;
 
   virtual ~RequestSource() = default;
-  virtual ClientResult<Settled> begin(std::chrono::milliseconds timeout, ResultCallback<T> callback) = 0;
+  virtual ClientResult<Settled> begin(std::chrono::milliseconds timeout,
+                                      ResultCallback<T> callback) = 0;
   virtual bool onLibraryThread() const = 0;
   virtual ClientError timedOut(std::chrono::milliseconds timeout) const = 0;
 };
 
-// One request that KLNClient can make, not begun yet: then(), future() or wait() begins it, in the order of these calls, and
-// says how its result is wanted. A request that is not begun is not made.
+// One request that KLNClient can make, not begun yet: then(), future() or wait() begins it, in the
+// order of these calls, and says how its result is wanted. A request that is not begun is not made.
 //
 //   client->publish("weather", data).then([](ClientResult<void> result) { ... });
 //   std::future<ClientResult<void>> result = client->publish("weather", data).future();
@@ -41,34 +43,39 @@ class [[nodiscard]] Request {
   Request(std::unique_ptr<RequestSource<T>> source, std::chrono::milliseconds timeout)
       : source_(std::move(source)), timeout_(bounded(timeout)) {}
 
-  // Ends with `timedOut` when there is no answer by then; without it the client's Options say. Time spent waiting for a
-  // connection counts. A publication or subscription that the daemon accepts too late is undone.
+  // Ends with `timedOut` when there is no answer by then; without it the client's Options say. Time
+  // spent waiting for a connection counts. A publication or subscription that the daemon accepts
+  // too late is undone.
   Request within(std::chrono::milliseconds timeout) && {
     timeout_ = bounded(timeout);
     return std::move(*this);
   }
 
-  // Calls `callback(result)` once, later, on the library's thread. When too many requests wait already it says so in its
-  // result, and the callback is not called.
+  // Calls `callback(result)` once, later, on the library's thread. When too many requests wait
+  // already it says so in its result, and the callback is not called.
   ClientResult<void> then(ResultCallback<T> callback) && {
     auto settled = source_->begin(timeout_, std::move(callback));
     if (!settled) return std::unexpected(settled.error());
     return {};
   }
 
-  // A future that always becomes ready, with `closed` when the client goes away. Never wait for it on the library's own thread.
+  // A future that always becomes ready, with `closed` when the client goes away. Never wait for it
+  // on the library's own thread.
   std::future<ClientResult<T>> future() && { return std::move(begin().future); }
 
-  // Waits for the result. On the library's own thread it makes no request and returns `wouldDeadlock`.
+  // Waits for the result. On the library's own thread it makes no request and returns
+  // `wouldDeadlock`.
   ClientResult<T> wait() && {
     if (source_->onLibraryThread()) {
-      return std::unexpected(
-          ClientError(ClientError::Kind::wouldDeadlock,
-                      "a callback cannot wait for keeld's answer, which it would itself hold up; use then()"));
+      return std::unexpected(ClientError(
+          ClientError::Kind::wouldDeadlock,
+          "a callback cannot wait for keeld's answer, which it would itself hold up; use then()"));
     }
     Begun begun = begin();
-    // The client's own timer ends the request in time, unless a callback holds up the library's thread.
-    if (begun.settled && begun.future.wait_for(timeout_) == std::future_status::timeout && !begun.settled->exchange(true)) {
+    // The client's own timer ends the request in time, unless a callback holds up the library's
+    // thread.
+    if (begun.settled && begun.future.wait_for(timeout_) == std::future_status::timeout &&
+        !begun.settled->exchange(true)) {
       return std::unexpected(source_->timedOut(timeout_));
     }
     return begun.future.get();
@@ -87,7 +94,8 @@ class [[nodiscard]] Request {
     Promise(Promise&&) noexcept = default;
     ~Promise() {
       if (promise_)
-        (*this)(std::unexpected(ClientError(ClientError::Kind::closed, "the client was closed before keeld answered")));
+        (*this)(std::unexpected(
+            ClientError(ClientError::Kind::closed, "the client was closed before keeld answered")));
     }
     std::future<ClientResult<T>> future() { return promise_->get_future(); }
     void operator()(ClientResult<T> result) {
@@ -101,7 +109,8 @@ class [[nodiscard]] Request {
 
   // Longer than anybody waits, and no clock overflows on it.
   static std::chrono::milliseconds bounded(std::chrono::milliseconds timeout) {
-    return std::clamp<std::chrono::milliseconds>(timeout, std::chrono::milliseconds(0), std::chrono::years(100));
+    return std::clamp<std::chrono::milliseconds>(timeout, std::chrono::milliseconds(0),
+                                                 std::chrono::years(100));
   }
 
   Begun begin() {

@@ -20,21 +20,26 @@ struct Range {
   std::uint32_t last;
 };
 
-// What is never shown as it is: controls, and what is invisible or changes the direction of its line.
-constexpr Range kEscaped[] = {{0, 0x1f},        {0x7f, 0x9f},     {0xad, 0xad},       {0x61c, 0x61c},
-                              {0x180e, 0x180e}, {0x200b, 0x200f}, {0x2028, 0x202e},   {0x2060, 0x206f},
-                              {0xfeff, 0xfeff}, {0xfff9, 0xfffb}, {0xe0000, 0xe0fff}, {0xe000, 0xf8ff}};
+// What is never shown as it is: controls, and what is invisible or changes the direction of its
+// line.
+constexpr Range kEscaped[] = {{0, 0x1f},        {0x7f, 0x9f},       {0xad, 0xad},
+                              {0x61c, 0x61c},   {0x180e, 0x180e},   {0x200b, 0x200f},
+                              {0x2028, 0x202e}, {0x2060, 0x206f},   {0xfeff, 0xfeff},
+                              {0xfff9, 0xfffb}, {0xe0000, 0xe0fff}, {0xe000, 0xf8ff}};
 // Marks that stand on the letter before them.
-constexpr Range kCombining[] = {{0x300, 0x36f},   {0x483, 0x489},   {0x591, 0x5bd},   {0x610, 0x61a},   {0x64b, 0x65f},
-                                {0x900, 0x902},   {0x93c, 0x93c},   {0xe31, 0xe31},   {0xe34, 0xe3a},   {0xe47, 0xe4e},
-                                {0x1ab0, 0x1aff}, {0x1dc0, 0x1dff}, {0x20d0, 0x20ff}, {0xfe00, 0xfe0f}, {0xfe20, 0xfe2f}};
-constexpr Range kWide[] = {{0x1100, 0x115f},   {0x2e80, 0x303e},   {0x3041, 0xa4cf},  {0xa960, 0xa97c}, {0xac00, 0xd7a3},
-                           {0xf900, 0xfaff},   {0xfe30, 0xfe6f},   {0xff00, 0xff60},  {0xffe0, 0xffe6}, {0x1f300, 0x1f64f},
-                           {0x1f680, 0x1f6ff}, {0x1f900, 0x1f9ff}, {0x20000, 0x3fffd}};
+constexpr Range kCombining[] = {
+    {0x300, 0x36f},   {0x483, 0x489},   {0x591, 0x5bd},   {0x610, 0x61a},   {0x64b, 0x65f},
+    {0x900, 0x902},   {0x93c, 0x93c},   {0xe31, 0xe31},   {0xe34, 0xe3a},   {0xe47, 0xe4e},
+    {0x1ab0, 0x1aff}, {0x1dc0, 0x1dff}, {0x20d0, 0x20ff}, {0xfe00, 0xfe0f}, {0xfe20, 0xfe2f}};
+constexpr Range kWide[] = {
+    {0x1100, 0x115f},   {0x2e80, 0x303e},   {0x3041, 0xa4cf},  {0xa960, 0xa97c}, {0xac00, 0xd7a3},
+    {0xf900, 0xfaff},   {0xfe30, 0xfe6f},   {0xff00, 0xff60},  {0xffe0, 0xffe6}, {0x1f300, 0x1f64f},
+    {0x1f680, 0x1f6ff}, {0x1f900, 0x1f9ff}, {0x20000, 0x3fffd}};
 
 template <std::size_t N>
 bool isIn(std::uint32_t letter, const Range (&ranges)[N]) {
-  return std::ranges::any_of(ranges, [letter](Range range) { return letter >= range.first && letter <= range.last; });
+  return std::ranges::any_of(
+      ranges, [letter](Range range) { return letter >= range.first && letter <= range.last; });
 }
 
 std::size_t columnsOfLetter(std::uint32_t letter) {
@@ -48,7 +53,8 @@ std::size_t letterBytes(std::string_view text, std::uint32_t& letter) {
   if (size > text.size() || !cbor::isUtf8(text.substr(0, size))) return 0;
   constexpr unsigned kFirstMask[] = {0, 0x7f, 0x1f, 0x0f, 0x07};
   letter = first & kFirstMask[size];
-  for (std::size_t i = 1; i < size; ++i) letter = letter << 6 | (static_cast<unsigned char>(text[i]) & 0x3fU);
+  for (std::size_t i = 1; i < size; ++i)
+    letter = letter << 6 | (static_cast<unsigned char>(text[i]) & 0x3fU);
   return size;
 }
 
@@ -77,9 +83,10 @@ std::string shownText(std::string_view text, std::size_t columns) {
     std::uint32_t letter = 0;
     const std::size_t size = letterBytes(text.substr(at), letter);
     const bool plain = size != 0 && !isIn(letter, kEscaped);
-    const std::string piece = size == 0 ? fmt::format("\\x{:02x}", static_cast<unsigned char>(text[at]))
-                              : plain   ? std::string(text.substr(at, size))
-                                        : escaped(letter);
+    const std::string piece = size == 0
+                                  ? fmt::format("\\x{:02x}", static_cast<unsigned char>(text[at]))
+                              : plain ? std::string(text.substr(at, size))
+                                      : escaped(letter);
     used += plain ? columnsOfLetter(letter) : piece.size();
     if (used > columns) return shown.substr(0, cut) + length;
     shown += piece;

@@ -11,13 +11,15 @@
 
 namespace keel {
 
-void SubscriberEndpoint::updateSubscriptionFor(Name name, Dictionary withItem, std::uint64_t, Error error) {
+void SubscriberEndpoint::updateSubscriptionFor(Name name, Dictionary withItem, std::uint64_t,
+                                               Error error) {
   deliver_(std::move(name), std::move(withItem), std::move(error));
 }
 
 void SubscriberEndpoint::getClientInfoViaHandler(xpc::Reply<Dictionary> handler) {
-  handler(Dictionary(
-      Value::map({{"library", "KLNClient"}, {"version", TBCopyCalderBuildVersion().view()}, {"pid", std::int64_t{getpid()}}})));
+  handler(Dictionary(Value::map({{"library", "KLNClient"},
+                                 {"version", TBCopyCalderBuildVersion().view()},
+                                 {"pid", std::int64_t{getpid()}}})));
 }
 
 }  // namespace keel

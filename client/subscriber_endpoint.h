@@ -13,7 +13,8 @@ class SubscriberEndpoint final : public protocols::SubscriberProxy {
   using Deliver = std::function<void(Name name, Dictionary item, Error error)>;
   explicit SubscriberEndpoint(Deliver deliver) : deliver_(std::move(deliver)) {}
 
-  void updateSubscriptionFor(Name name, Dictionary withItem, std::uint64_t flags, Error error) override;
+  void updateSubscriptionFor(Name name, Dictionary withItem, std::uint64_t flags,
+                             Error error) override;
   // The library's version and this process's id.
   void getClientInfoViaHandler(xpc::Reply<Dictionary> handler) override;
 

@@ -28,19 +28,21 @@ struct Event {
 // Called on the library's thread, one event at a time.
 using EventCallback = std::move_only_function<void(const Event&)>;
 
-// What a client follows. While it lives its callback hears of the name: the data that stands when the subscription is made
-// (after a reconnection again), then every new version. A publisher that goes away is no event: the name waits for its next
-// one.
+// What a client follows. While it lives its callback hears of the name: the data that stands when
+// the subscription is made (after a reconnection again), then every new version. A publisher that
+// goes away is no event: the name waits for its next one.
 //
-// Destroying it unsubscribes. When the destructor has returned, the callback is not running and runs no more, unless it is that
-// callback which destroys it. The destructor waits for a callback of the same client that is just running; so hold no lock
-// which callbacks take. It may outlive its client.
+// Destroying it unsubscribes. When the destructor has returned, the callback is not running and
+// runs no more, unless it is that callback which destroys it. The destructor waits for a callback
+// of the same client that is just running; so hold no lock which callbacks take. It may outlive its
+// client.
 class Subscription {
  public:
   enum class State : std::uint8_t {
     active,   // the daemon knows of it
     waiting,  // the connection is gone; made anew with the next one
-    refused,  // the daemon refused to make it anew, and the callback was told why; tried again with the next connection
+    refused,  // the daemon refused to make it anew, and the callback was told why; tried again with
+              // the next connection
     ended,    // the client was closed
   };
 

@@ -11,11 +11,16 @@ namespace keel {
 
 class ClientCore;
 
-// What a client follows. Shared by the program's Subscription and the core, and used on the I/O thread but for what is atomic.
+// What a client follows. Shared by the program's Subscription and the core, and used on the I/O
+// thread but for what is atomic.
 class SubscriptionRecord {
  public:
-  SubscriptionRecord(String itsName, std::uint64_t itsOrder, EventCallback itsCallback, std::weak_ptr<ClientCore> itsCore)
-      : name(std::move(itsName)), order(itsOrder), callback(std::move(itsCallback)), core(std::move(itsCore)) {}
+  SubscriptionRecord(String itsName, std::uint64_t itsOrder, EventCallback itsCallback,
+                     std::weak_ptr<ClientCore> itsCore)
+      : name(std::move(itsName)),
+        order(itsOrder),
+        callback(std::move(itsCallback)),
+        core(std::move(itsCore)) {}
 
   const String name;
   const std::uint64_t order;  // among all publications and subscriptions of the client

@@ -10,7 +10,8 @@ using Kind = ClientError::Kind;
 class ClientSubscription : public ClientWorld {
  protected:
   Subscription follow(const char* name) {
-    auto result = resultOf(client->subscribe(name, [this](const Event& event) { events.push_back(event); }));
+    auto result =
+        resultOf(client->subscribe(name, [this](const Event& event) { events.push_back(event); }));
     EXPECT_TRUE(result.has_value());
     return result ? std::move(*result) : Subscription();
   }
@@ -106,7 +107,8 @@ TEST_F(ClientSubscription, MovedFromFollowsNothing) {
 TEST_F(ClientSubscription, RefusedOneHearsNothing) {
   makeConnectedClient();
   shared.refusals["a"] = errDuplicate;
-  EXPECT_EQ(kindOf(resultOf(client->subscribe("a", [](const Event&) { FAIL(); }))), Kind::duplicate);
+  EXPECT_EQ(kindOf(resultOf(client->subscribe("a", [](const Event&) { FAIL(); }))),
+            Kind::duplicate);
   service().send("a", kData);
   settle();
 }

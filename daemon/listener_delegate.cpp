@@ -22,23 +22,28 @@ Logger& logger() {
 
 }  // namespace
 
-bool KLNListenerDelegate::listenerShouldAcceptNewConnection(xpc::Listener&, const std::shared_ptr<xpc::Connection>&) {
+bool KLNListenerDelegate::listenerShouldAcceptNewConnection(
+    xpc::Listener&, const std::shared_ptr<xpc::Connection>&) {
   return true;
 }
 
-bool NotifyListenerDelgate::listenerShouldAcceptNewConnection(xpc::Listener& listener,
-                                                              const std::shared_ptr<xpc::Connection>& connection) {
-  const bool accepted = KLNListenerDelegate::listenerShouldAcceptNewConnection(listener, connection);
+bool NotifyListenerDelgate::listenerShouldAcceptNewConnection(
+    xpc::Listener& listener, const std::shared_ptr<xpc::Connection>& connection) {
+  const bool accepted =
+      KLNListenerDelegate::listenerShouldAcceptNewConnection(listener, connection);
   const pid_t pid = connection->processIdentifier();
   logger().debug("New Notification Service Connection received from {}", pid);
   if (accepted) {
-    connection->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());
+    connection->setExportedInterface(
+        xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());
     const auto handler = std::make_shared<KLNNotificationHandler>();
     connection->setExportedObject<protocols::NotifyProxy>(handler);
-    connection->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+    connection->setRemoteObjectInterface(
+        xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
     handler->setXpcConnection(connection);
     connection->setInterruptionHandler([handler, pid] {
-      logger().debug("Dispatcher: plugin connection from {} interrupted (unserialized object?)", pid);
+      logger().debug("Dispatcher: plugin connection from {} interrupted (unserialized object?)",
+                     pid);
       handler->connectionInterupted();
     });
     connection->setInvalidationHandler([handler, pid] {
@@ -51,9 +56,10 @@ bool NotifyListenerDelgate::listenerShouldAcceptNewConnection(xpc::Listener& lis
   return accepted;
 }
 
-bool AuthListenerDelgate::listenerShouldAcceptNewConnection(xpc::Listener& listener,
-                                                            const std::shared_ptr<xpc::Connection>& connection) {
-  const bool accepted = KLNListenerDelegate::listenerShouldAcceptNewConnection(listener, connection);
+bool AuthListenerDelgate::listenerShouldAcceptNewConnection(
+    xpc::Listener& listener, const std::shared_ptr<xpc::Connection>& connection) {
+  const bool accepted =
+      KLNListenerDelegate::listenerShouldAcceptNewConnection(listener, connection);
   logger().debug("New Auth Service Connection received from {}", connection->processIdentifier());
   if (accepted) {
     connection->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::AuthProxy>());

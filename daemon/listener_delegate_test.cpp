@@ -40,17 +40,21 @@ class NotifyListener : public ::testing::Test {
     ::rmdir(directory_.c_str());
   }
 
-  bool accept(FakeClient& client) { return delegate_.listenerShouldAcceptNewConnection(*listener_, client.connection()); }
-  // Ends a connection whose handlers run on the worker pool, and waits for that: what they log belongs to this test.
+  bool accept(FakeClient& client) {
+    return delegate_.listenerShouldAcceptNewConnection(*listener_, client.connection());
+  }
+  // Ends a connection whose handlers run on the worker pool, and waits for that: what they log
+  // belongs to this test.
   static void end(FakeClient& client) {
     const std::weak_ptr<xpc::Connection> connection = client.connection();
     client.die();
     while (!connection.expired()) std::this_thread::yield();
   }
   static LogLine debug(const char* text) { return {LogLevel::debug, "runtime", text}; }
-  // Accepts the client with `delegate`. When it logs a line that begins with `received`, everything is configured otherwise:
-  // what the delegate has configured before that is overwritten.
-  void acceptSpoilt(xpc::ListenerDelegate& delegate, FakeClient& client, std::string_view received) {
+  // Accepts the client with `delegate`. When it logs a line that begins with `received`, everything
+  // is configured otherwise: what the delegate has configured before that is overwritten.
+  void acceptSpoilt(xpc::ListenerDelegate& delegate, FakeClient& client,
+                    std::string_view received) {
     const auto& connection = client.connection();
     int count = 0;
     bool wasConfidential = false;
@@ -58,7 +62,8 @@ class NotifyListener : public ::testing::Test {
       if (!message.text.starts_with(received)) return;
       ++count;
       wasConfidential = connection->isConfidential();
-      connection->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+      connection->setExportedInterface(
+          xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
       connection->setExportedObject<protocols::SubscriberProxy>(nullptr);
       connection->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<NotifyProxy>());
       connection->setInterruptionHandler([] {});
@@ -74,7 +79,8 @@ class NotifyListener : public ::testing::Test {
   Reactor reactor_;
   std::shared_ptr<xpc::Listener> listener_;
   ManualExecutor executor_;
-  std::shared_ptr<KLNNotificationService> service_ = std::make_shared<KLNNotificationService>(executor_);
+  std::shared_ptr<KLNNotificationService> service_ =
+      std::make_shared<KLNNotificationService>(executor_);
   KLNNotificationService::Override override_{service_};
   testing::LogRecorder log_;
   NotifyListenerDelgate delegate_;
@@ -83,8 +89,9 @@ class NotifyListener : public ::testing::Test {
 TEST_F(NotifyListener, AcceptsEveryConnectionAndLogsItsPidFirst) {
   FakeClient client(executor_, FakeClient::identity(345));
   EXPECT_TRUE(accept(client));
-  EXPECT_EQ(log_.linesOf("runtime"), (std::vector{debug("New Notification Service Connection received from 345"),
-                                                  debug("NotifyListenerDelgate: Notify service is ready")}));
+  EXPECT_EQ(log_.linesOf("runtime"),
+            (std::vector{debug("New Notification Service Connection received from 345"),
+                         debug("NotifyListenerDelgate: Notify service is ready")}));
   EXPECT_EQ(client.daemonSelectors().size(), 8u);
 }
 
@@ -101,8 +108,9 @@ TEST_F(NotifyListener, ReceptionIsLoggedBeforeAnythingIsConfigured) {
   client.die();
   executor_.runAll();
   const auto lines = log_.linesOf("runtime");
-  for (const char* text : {"Dispatcher: plugin connection from 345 interrupted (unserialized object?)",
-                           "Dispatcher: connection from 345 is invalidated"}) {
+  for (const char* text :
+       {"Dispatcher: plugin connection from 345 interrupted (unserialized object?)",
+        "Dispatcher: connection from 345 is invalidated"}) {
     EXPECT_NE(std::ranges::find(lines, debug(text)), lines.end()) << text;
   }
 }
@@ -130,9 +138,12 @@ TEST_F(NotifyListener, InterruptionAndInvalidationTellTheHandlerAndLogThePid) {
   client.sendNonsense();
   executor_.runAll();
   const auto interrupted = log_.take();
-  EXPECT_NE(std::ranges::find(interrupted, debug("Dispatcher: plugin connection from 345 interrupted (unserialized object?)")),
+  EXPECT_NE(std::ranges::find(
+                interrupted,
+                debug("Dispatcher: plugin connection from 345 interrupted (unserialized object?)")),
             interrupted.end());
-  EXPECT_EQ(interrupted.back(), (LogLine{LogLevel::debug, "notification", "NotifyService connection from (345)9 interrupted"}));
+  EXPECT_EQ(interrupted.back(), (LogLine{LogLevel::debug, "notification",
+                                         "NotifyService connection from (345)9 interrupted"}));
   EXPECT_EQ(service_->published().at("n")->subscribers()->count(), 1u);
 
   client.die();
@@ -140,7 +151,8 @@ TEST_F(NotifyListener, InterruptionAndInvalidationTellTheHandlerAndLogThePid) {
   const auto ended = log_.take();
   ASSERT_GE(ended.size(), 2u);
   EXPECT_EQ(ended[0], debug("Dispatcher: connection from 345 is invalidated"));
-  EXPECT_EQ(ended[1], (LogLine{LogLevel::debug, "notification", "NotifyService  connection from (345)9 invalidated"}));
+  EXPECT_EQ(ended[1], (LogLine{LogLevel::debug, "notification",
+                               "NotifyService  connection from (345)9 invalidated"}));
   EXPECT_EQ(service_->published().at("n")->subscribers()->count(), 0u);
 }
 
@@ -157,14 +169,16 @@ TEST_F(NotifyListener, AuthDelegateAcceptsEveryConnectionAndLogsItsPidFirst) {
   AuthListenerDelgate delegate;
   FakeClient client(executor_, FakeClient::identity(345));
   EXPECT_TRUE(delegate.listenerShouldAcceptNewConnection(*listener_, client.connection()));
-  EXPECT_EQ(log_.linesOf("runtime"), (std::vector{debug("New Auth Service Connection received from 345"),
-                                                  debug("AuthListenerDelgate: AuthService is ready")}));
+  EXPECT_EQ(log_.linesOf("runtime"),
+            (std::vector{debug("New Auth Service Connection received from 345"),
+                         debug("AuthListenerDelgate: AuthService is ready")}));
   EXPECT_EQ(client.daemonSelectors().size(), 8u);
   EXPECT_TRUE(client.connection()->isConfidential());
   log_.take();
   end(client);
-  EXPECT_EQ(log_.linesOf("runtime"), (std::vector{debug("AuthListenerDelgate: connection is invalidated"),
-                                                  debug("AuthService connection from 7 invalidated")}));
+  EXPECT_EQ(log_.linesOf("runtime"),
+            (std::vector{debug("AuthListenerDelgate: connection is invalidated"),
+                         debug("AuthService connection from 7 invalidated")}));
 }
 
 TEST_F(NotifyListener, AuthDelegateLogsReceptionBeforeAnythingIsConfigured) {
@@ -174,8 +188,9 @@ TEST_F(NotifyListener, AuthDelegateLogsReceptionBeforeAnythingIsConfigured) {
   EXPECT_EQ(client.daemonSelectors().size(), 8u);
   log_.take();
   end(client);
-  EXPECT_EQ(log_.linesOf("runtime"), (std::vector{debug("AuthListenerDelgate: connection is invalidated"),
-                                                  debug("AuthService connection from 7 invalidated")}));
+  EXPECT_EQ(log_.linesOf("runtime"),
+            (std::vector{debug("AuthListenerDelgate: connection is invalidated"),
+                         debug("AuthService connection from 7 invalidated")}));
 }
 
 TEST_F(NotifyListener, AuthDelegateGivesTwoConnectionsOfOneProcessTheirOwnHandlers) {
@@ -183,7 +198,8 @@ TEST_F(NotifyListener, AuthDelegateGivesTwoConnectionsOfOneProcessTheirOwnHandle
   // One handler would know the session of the last of them alone.
   FakeClient first(executor_, FakeClient::identity(345, 7));
   FakeClient second(executor_, FakeClient::identity(345, 8));
-  for (FakeClient* client : {&first, &second}) delegate.listenerShouldAcceptNewConnection(*listener_, client->connection());
+  for (FakeClient* client : {&first, &second})
+    delegate.listenerShouldAcceptNewConnection(*listener_, client->connection());
   log_.take();
   end(first);
   EXPECT_EQ(log_.linesOf("runtime").back(), debug("AuthService connection from 7 invalidated"));

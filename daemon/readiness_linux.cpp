@@ -22,7 +22,9 @@ void tell(std::string_view message, std::chrono::microseconds patience, int flag
   const std::string_view path = setting != nullptr ? setting : "";
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() < 2 || (path[0] != '/' && path[0] != '@') || path.size() >= sizeof(address.sun_path)) return;
+  if (path.size() < 2 || (path[0] != '/' && path[0] != '@') ||
+      path.size() >= sizeof(address.sun_path))
+    return;
   std::ranges::copy(path, address.sun_path);
   // "@" stands for the NUL with which names begin that are in no directory.
   if (path[0] == '@') address.sun_path[0] = '\0';
@@ -31,9 +33,10 @@ void tell(std::string_view message, std::chrono::microseconds patience, int flag
   const FileDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const auto whole = std::chrono::floor<std::chrono::seconds>(patience);
   const timeval limit{.tv_sec = whole.count(), .tv_usec = (patience - whole).count()};
-  if (!socket || ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) return;
-  ::sendto(socket.get(), message.data(), message.size(), MSG_NOSIGNAL | flags, reinterpret_cast<const sockaddr*>(&address),
-           addressBytes);
+  if (!socket || ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0)
+    return;
+  ::sendto(socket.get(), message.data(), message.size(), MSG_NOSIGNAL | flags,
+           reinterpret_cast<const sockaddr*>(&address), addressBytes);
 }
 
 }  // namespace

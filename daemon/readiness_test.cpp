@@ -28,7 +28,8 @@ class Readiness : public ::testing::Test {
     const std::string path = directory_ + "/notify";
     address_.sun_family = AF_UNIX;
     path.copy(address_.sun_path, sizeof(address_.sun_path) - 1);
-    EXPECT_EQ(::bind(manager_.get(), reinterpret_cast<const sockaddr*>(&address_), sizeof(address_)), 0);
+    EXPECT_EQ(
+        ::bind(manager_.get(), reinterpret_cast<const sockaddr*>(&address_), sizeof(address_)), 0);
     ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
   }
   ~Readiness() override {
@@ -47,7 +48,8 @@ class Readiness : public ::testing::Test {
   int fill() const {
     const FileDescriptor other(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     int count = 0;
-    while (::sendto(other.get(), "x", 1, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&address_), sizeof(address_)) == 1) {
+    while (::sendto(other.get(), "x", 1, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&address_),
+                    sizeof(address_)) == 1) {
       ++count;
     }
     EXPECT_EQ(errno, EAGAIN);
@@ -90,8 +92,9 @@ TEST_F(Readiness, NobodyWhoReadsHoldsUpNothing) {
 }
 
 TEST_F(Readiness, NobodyWhoWantsToKnowIsNoFailure) {
-  for (const std::string& setting : {std::string(), std::string("relative"), std::string("/"), std::string("/nowhere"),
-                                     "/" + std::string(sizeof(address_.sun_path), 'x')}) {
+  for (const std::string& setting :
+       {std::string(), std::string("relative"), std::string("/"), std::string("/nowhere"),
+        "/" + std::string(sizeof(address_.sun_path), 'x')}) {
     ::setenv("NOTIFY_SOCKET", setting.c_str(), 1);
     tellReady();
     tellStopping();

@@ -9,12 +9,13 @@
 
 namespace keel {
 
-// The daemon's two services and the order in which they come and go: auth before notify. `Listener` is xpc::Listener, or in
-// tests one that notes what it is told. Used by one thread at a time.
+// The daemon's two services and the order in which they come and go: auth before notify. `Listener`
+// is xpc::Listener, or in tests one that notes what it is told. Used by one thread at a time.
 template <class Listener>
 class Services {
  public:
-  // Makes the listeners with `make(serviceName)` and resumes each before the next is made. `make` yields no null.
+  // Makes the listeners with `make(serviceName)` and resumes each before the next is made. `make`
+  // yields no null.
   template <class Make>
   void open(Make make) {
     Logger& log = _loggerForCategory("runtime");
@@ -41,8 +42,10 @@ class Services {
 
  private:
   // Borrowed by the listeners, which go before them.
-  const std::shared_ptr<AuthListenerDelgate> authDelegate_ = std::make_shared<AuthListenerDelgate>();
-  const std::shared_ptr<NotifyListenerDelgate> notifyDelegate_ = std::make_shared<NotifyListenerDelgate>();
+  const std::shared_ptr<AuthListenerDelgate> authDelegate_ =
+      std::make_shared<AuthListenerDelgate>();
+  const std::shared_ptr<NotifyListenerDelgate> notifyDelegate_ =
+      std::make_shared<NotifyListenerDelgate>();
   std::shared_ptr<Listener> auth_;
   std::shared_ptr<Listener> notify_;
 };

@@ -19,7 +19,8 @@ std::vector<std::string> calls;
 
 class NotingListener {
  public:
-  explicit NotingListener(std::string_view serviceName) : name_(serviceName == kAuthServiceName ? "auth" : "notify") {
+  explicit NotingListener(std::string_view serviceName)
+      : name_(serviceName == kAuthServiceName ? "auth" : "notify") {
     note("make");
   }
   ~NotingListener() { note("drop"); }
@@ -44,17 +45,18 @@ TEST(Services, AuthComesAndGoesBeforeNotify) {
   testing::LogRecorder log;
   Services<NotingListener> services;
   calls.clear();
-  services.open([](const char* serviceName) { return std::make_shared<NotingListener>(serviceName); });
-  EXPECT_THAT(calls, ElementsAre("make auth", "set delegate auth", "resume auth", "make notify", "set delegate notify",
-                                 "resume notify"));
+  services.open(
+      [](const char* serviceName) { return std::make_shared<NotingListener>(serviceName); });
+  EXPECT_THAT(calls, ElementsAre("make auth", "set delegate auth", "resume auth", "make notify",
+                                 "set delegate notify", "resume notify"));
   ASSERT_EQ(log.lines().size(), 2u);
   EXPECT_EQ(log.lines()[0].text, "Auth listener created");
   EXPECT_EQ(log.lines()[1].text, "Notify listener created");
 
   calls.clear();
   services.close();
-  EXPECT_THAT(
-      calls, ElementsAre("suspend auth", "suspend notify", "invalidate auth", "invalidate notify", "drop auth", "drop notify"));
+  EXPECT_THAT(calls, ElementsAre("suspend auth", "suspend notify", "invalidate auth",
+                                 "invalidate notify", "drop auth", "drop notify"));
 }
 
 }  // namespace

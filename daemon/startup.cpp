@@ -33,7 +33,8 @@ namespace {
 // How long the last messages may take to reach the journal before the process ends without them.
 constexpr std::chrono::milliseconds kLogPatience{500};
 
-// What the process keeps for as long as it lives; never destroyed, as exit() runs while other threads still use it.
+// What the process keeps for as long as it lives; never destroyed, as exit() runs while other
+// threads still use it.
 struct Process {
   Services<xpc::Listener> services;
   std::unique_ptr<SignalSource> hangup;
@@ -56,7 +57,8 @@ Logger& logger() {
 }
 
 std::shared_ptr<xpc::Listener> makeListener(const char* serviceName) {
-  auto listener = xpc::Listener::initWithMachServiceName(serviceName, xpc::TransportContext::ofIoThread());
+  auto listener =
+      xpc::Listener::initWithMachServiceName(serviceName, xpc::TransportContext::ofIoThread());
   if (!listener) {
     logger().error("cannot serve {}: {}", serviceName, listener.error());
     endProcess(kExitNoListener);
@@ -76,8 +78,9 @@ bool isPending(int signal) {
   return ::sigpending(&pending) == 0 && ::sigismember(&pending, signal) == 1;
 }
 
-// A signal that is blocked stays pending even when its disposition is to be ignored; but setting it so discards one that is
-// pending already, which is therefore sent again. So this is done once, and early.
+// A signal that is blocked stays pending even when its disposition is to be ignored; but setting it
+// so discards one that is pending already, which is therefore sent again. So this is done once, and
+// early.
 void holdSignal(int signal) {
   blockSignal(signal);
   const bool pending = isPending(signal);
@@ -98,7 +101,8 @@ std::unique_ptr<SignalSource> resumedSource(int signal, Block handler) {
 
 void requireRoot(const char* programName) {
   if (::getuid() == 0) return;
-  std::fprintf(stderr, "%s must be executed as root.\nSee the man pages for %s, su, and sudo.\n", programName, programName);
+  std::fprintf(stderr, "%s must be executed as root.\nSee the man pages for %s, su, and sudo.\n",
+               programName, programName);
   std::exit(kExitNotRoot);
 }
 
@@ -113,14 +117,16 @@ void forbidCores() {
 
 void startDaemonLogging() {
   const char* setting = std::getenv("KEELD_LOG");
-  const std::string notUnderstood = startLogging(defaultOutput(), setting != nullptr ? setting : "");
+  const std::string notUnderstood =
+      startLogging(defaultOutput(), setting != nullptr ? setting : "");
   if (!notUnderstood.empty()) logger().error("KEELD_LOG: not understood: {}", notUnderstood);
 }
 
 void complainAboutMissingSessions(const char* ownSession) {
   if (::access(ownSession, F_OK) == 0) return;
   logger().error(
-      "this kernel has no audit sessions: all processes are in session -1, and whoever proves to be an administrator proves it "
+      "this kernel has no audit sessions: all processes are in session -1, and whoever proves to "
+      "be an administrator proves it "
       "for every one of them; use a kernel with CONFIG_AUDIT");
 }
 

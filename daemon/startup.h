@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-// The steps of the daemon's start, in the order in which main takes them. Each ends the process with the exit code named when
-// it cannot do its part.
+// The steps of the daemon's start, in the order in which main takes them. Each ends the process
+// with the exit code named when it cannot do its part.
 
 namespace keel {
 
@@ -13,35 +13,41 @@ inline constexpr int kExitNoListener = 3;
 // Ends with kExitNotRoot and a message on standard error unless the real user is root.
 void requireRoot(const char* programName);
 
-// Has SIGHUP and SIGTERM wait for their sources from now on, in every thread that is started later: neither ends the process
-// any more, and none is lost. Before any thread exists.
+// Has SIGHUP and SIGTERM wait for their sources from now on, in every thread that is started later:
+// neither ends the process any more, and none is lost. Before any thread exists.
 void holdSignals();
 
-// Has the kernel write no core of this process, wherever it crashes: in the middle of an attempt it has a password in its
-// memory. Root's debuggers still may look. Programs that it starts are free of this.
+// Has the kernel write no core of this process, wherever it crashes: in the middle of an attempt it
+// has a password in its memory. Root's debuggers still may look. Programs that it starts are free
+// of this.
 void forbidCores();
 
-// Starts logging to the journal or standard error; the environment variable KEELD_LOG sets the levels.
+// Starts logging to the journal or standard error; the environment variable KEELD_LOG sets the
+// levels.
 void startDaemonLogging();
 
 // Says so in the log when this system does not tell sessions apart, to which every proof is bound.
 // `ownSession` is where the kernel shows this process's own.
 void complainAboutMissingSessions(const char* ownSession = "/proc/self/sessionid");
 
-// Has the I/O thread run before the clients that it serves: its turns are short, and everybody waits for them.
+// Has the I/O thread run before the clients that it serves: its turns are short, and everybody
+// waits for them.
 void preferIoThread();
 
-// Makes `path`, mode 0755; what exists there already is left as it is. Ends with kExitNoLockDirectory.
+// Makes `path`, mode 0755; what exists there already is left as it is. Ends with
+// kExitNoLockDirectory.
 void makeLockDirectory(const char* path);
 
-// Makes and enables the jobs of the product's modules, before any client can come. Whatever comes of it, the start goes on.
+// Makes and enables the jobs of the product's modules, before any client can come. Whatever comes
+// of it, the start goes on.
 void loadModules();
 
-// Makes the listeners and resumes each before the next is made. Ends with kExitNoListener when a service's socket cannot be
-// had.
+// Makes the listeners and resumes each before the next is made. Ends with kExitNoListener when a
+// service's socket cannot be had.
 void openListeners();
 
-// Has SIGHUP do nothing and SIGTERM end the process in good order, also one that came during the start.
+// Has SIGHUP do nothing and SIGTERM end the process in good order, also one that came during the
+// start.
 void installSignalHandling();
 
 }  // namespace keel

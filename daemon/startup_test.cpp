@@ -17,7 +17,8 @@ TEST(Startup, KernelWithoutAuditSessionsIsLogged) {
   complainAboutMissingSessions("/proc/self/nothing-of-that-name");
   ASSERT_EQ(log.lines().size(), 1u);
   EXPECT_EQ(log.lines()[0].level, LogLevel::error);
-  EXPECT_TRUE(log.lines()[0].text.starts_with("this kernel has no audit sessions: ")) << log.lines()[0].text;
+  EXPECT_TRUE(log.lines()[0].text.starts_with("this kernel has no audit sessions: "))
+      << log.lines()[0].text;
 }
 
 }  // namespace

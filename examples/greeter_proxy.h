@@ -5,8 +5,9 @@
 #include "runtime/wire/method_table.h"
 #include "runtime/xpc/reply.h"
 
-// What the example module offers to its clients. A protocol is an abstract class and, beneath it, its method table: one ':' in
-// a selector for each parameter. A reply block comes last and answers once, at once or later.
+// What the example module offers to its clients. A protocol is an abstract class and, beneath it,
+// its method table: one ':' in a selector for each parameter. A reply block comes last and answers
+// once, at once or later.
 class GreeterProxy {
  public:
   virtual ~GreeterProxy() = default;
@@ -15,5 +16,6 @@ class GreeterProxy {
   virtual void greet(keel::String name, keel::xpc::Reply<keel::String> withHandler) = 0;
 };
 
-using GreeterProxyMethods = keel::xpc::MethodTable<keel::xpc::Method<"greet:withHandler:", &GreeterProxy::greet>>;
+using GreeterProxyMethods =
+    keel::xpc::MethodTable<keel::xpc::Method<"greet:withHandler:", &GreeterProxy::greet>>;
 GreeterProxyMethods methodTableOf(const GreeterProxy*);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The program of the module keel_example.bundle: greets its clients, and publishes whom it has greeted. It is started when a
-// client connects, and ends when it has had none for a while.
+// The program of the module keel_example.bundle: greets its clients, and publishes whom it has
+// greeted. It is started when a client connects, and ends when it has had none for a while.
 //
 //   keel_example SERVICE [IDLE-MILLISECONDS]
 #include <chrono>
@@ -17,20 +17,24 @@ namespace {
 
 constexpr const char* kItem = "example.greeted";
 
-// One for each client. Its methods run on the library's thread, so that it asks keeld without waiting.
+// One for each client. Its methods run on the library's thread, so that it asks keeld without
+// waiting.
 class Greeter final : public GreeterProxy {
  public:
   Greeter(keel::KLNClient& client, uid_t uid) : client_(client), uid_(uid) {}
 
   void greet(keel::String name, keel::xpc::Reply<keel::String> withHandler) override {
     const std::string who(name.view());
-    auto data = keel::Value::map({{"name", who}, {"uid", static_cast<std::int64_t>(uid_)}, {"greeted", keel::Date::now()}});
+    auto data = keel::Value::map(
+        {{"name", who}, {"uid", static_cast<std::int64_t>(uid_)}, {"greeted", keel::Date::now()}});
     // The client hears its greeting when all who follow the item are about to.
     auto reply = std::make_shared<keel::xpc::Reply<keel::String>>(std::move(withHandler));
-    const auto begun = client_.update(std::string_view(kItem), std::move(data)).then([reply, who](const auto& result) {
-      if (!result) std::cerr << "keel_example: " << result.error().message() << "\n";
-      (*reply)(std::string_view("Hello, " + who + "!"));
-    });
+    const auto begun = client_.update(std::string_view(kItem), std::move(data))
+                           .then([reply, who](const auto& result) {
+                             if (!result)
+                               std::cerr << "keel_example: " << result.error().message() << "\n";
+                             (*reply)(std::string_view("Hello, " + who + "!"));
+                           });
     if (!begun) std::cerr << "keel_example: " << begun.error().message() << "\n";
   }
 
@@ -55,7 +59,10 @@ int main(int count, char** words) {
   keel::KLNModuleListener::Options options;
   if (count == 3) options.idleTime = std::chrono::milliseconds(std::atoi(words[2]));
   const auto listener = keel::KLNModuleListener::create<GreeterProxy>(
-      words[1], [&](const keel::ModulePeer& peer) { return std::make_shared<Greeter>(*client, peer.effectiveUserIdentifier); },
+      words[1],
+      [&](const keel::ModulePeer& peer) {
+        return std::make_shared<Greeter>(*client, peer.effectiveUserIdentifier);
+      },
       options);
   if (!listener) {
     std::cerr << "keel_example: " << listener.error().message() << "\n";

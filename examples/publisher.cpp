@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Publishes a greeting and updates it with every line of standard input; at its end the item loses its publisher.
+// Publishes a greeting and updates it with every line of standard input; at its end the item loses
+// its publisher.
 //
 //   publisher greeting
 #include <cstdint>
@@ -25,7 +26,8 @@ int main(int count, char** words) {
   const std::string_view name = words[1];
   const auto client = keel::KLNClient::create();
 
-  // After a lost connection the client publishes anew by itself. This tells when somebody else was faster.
+  // After a lost connection the client publishes anew by itself. This tells when somebody else was
+  // faster.
   client->setPublicationHandler([](const keel::PublicationState& state) {
     std::cerr << "publisher: lost the name: " << state.error.description() << "\n";
   });

@@ -16,7 +16,8 @@ void print(const keel::Event& event) {
     return;
   }
   const keel::Value data = event.data();
-  std::cout << event.name.view() << ": " << data.textOf("text", "(no text)") << "   " << data.description() << std::endl;
+  std::cout << event.name.view() << ": " << data.textOf("text", "(no text)") << "   "
+            << data.description() << std::endl;
 }
 
 }  // namespace
@@ -28,7 +29,8 @@ int main(int count, char** words) {
   }
   const auto client = keel::KLNClient::create();
   client->setStateHandler([](const keel::ConnectionState& state) {
-    if (state.kind == keel::ConnectionState::Kind::disconnected) std::cerr << "subscriber: " << state.reason << "\n";
+    if (state.kind == keel::ConnectionState::Kind::disconnected)
+      std::cerr << "subscriber: " << state.reason << "\n";
   });
 
   // The subscription lasts as long as this object; a lost connection does not end it.

@@ -15,14 +15,14 @@
 
 namespace keel {
 
-// For tests: a supervisor that notes each call, and answers as the test says; otherwise everything works at once.
+// For tests: a supervisor that notes each call, and answers as the test says; otherwise everything
+// works at once.
 class FakeSupervisor final : public Supervisor {
  public:
   static Error fault(std::string text) { return describedError("test", 1, std::move(text)); }
 
-  std::shared_ptr<QZCommandAuthorization> QZSupervisorCreateCommandAuthorizationWithCredentials(const void* first,
-                                                                                                const void* second,
-                                                                                                const void* third) override {
+  std::shared_ptr<QZCommandAuthorization> QZSupervisorCreateCommandAuthorizationWithCredentials(
+      const void* first, const void* second, const void* third) override {
     const bool allNull = first == nullptr && second == nullptr && third == nullptr;
     calls_.emplace_back(allNull ? "authorize" : "authorize with credentials");
     auto made = makeCommandAuthorization();
@@ -30,24 +30,27 @@ class FakeSupervisor final : public Supervisor {
     return made;
   }
 
-  bool QZSupervisorGetServiceEnabled(QZCommandAuthorization* authorization, const String& label, Error* error) override {
+  bool QZSupervisorGetServiceEnabled(QZCommandAuthorization* authorization, const String& label,
+                                     Error* error) override {
     note(authorization, "enabled?", label);
     if (onQuery) onQuery(label);
     if (const Error fault = take(queryFaults)) *error = fault;
     return !label.isNull() && enabled.contains(std::string(label.view()));
   }
 
-  bool QZSupervisorCreateService(QZCommandAuthorization* authorization, const Value& job, Error* error) override {
+  bool QZSupervisorCreateService(QZCommandAuthorization* authorization, const Value& job,
+                                 Error* error) override {
     note(authorization, "create", String(job.textOf("Label", "(null)")));
     createdJobs.push_back(job);
     if (const Error fault = take(creationFaults)) *error = fault;
     return creationWorks;
   }
 
-  bool QZSupervisorSetServiceEnabled(QZCommandAuthorization* authorization, const String& label, bool isEnabled,
-                                     Error* error) override {
+  bool QZSupervisorSetServiceEnabled(QZCommandAuthorization* authorization, const String& label,
+                                     bool isEnabled, Error* error) override {
     note(authorization,
-         error == nullptr ? (isEnabled ? "enable without slot" : "disable without slot") : (isEnabled ? "enable" : "disable"),
+         error == nullptr ? (isEnabled ? "enable without slot" : "disable without slot")
+                          : (isEnabled ? "enable" : "disable"),
          label);
     if (const Error fault = take(enablingFaults)) *error = fault;
     if (enablingWorks && !label.isNull()) enabled.insert(std::string(label.view()));
@@ -55,8 +58,8 @@ class FakeSupervisor final : public Supervisor {
     return false;
   }
 
-  // The calls since the last time, such as "enabled? LABEL"; "auth: " in front with the authorization that was made, nothing
-  // with none.
+  // The calls since the last time, such as "enabled? LABEL"; "auth: " in front with the
+  // authorization that was made, nothing with none.
   std::vector<std::string> calls() { return std::exchange(calls_, {}); }
   // Whether the authorization still lives.
   bool keepsAuthorization() const { return !authorization_.expired(); }
@@ -82,7 +85,8 @@ class FakeSupervisor final : public Supervisor {
   void note(QZCommandAuthorization* authorization, std::string_view what, const String& label) {
     const bool made = authorization != nullptr && authorization == authorization_.lock().get();
     std::string call = made ? "auth: " : authorization != nullptr ? "unknown: " : "";
-    calls_.push_back(call.append(what).append(" ").append(label.isNull() ? "(null)" : label.view()));
+    calls_.push_back(
+        call.append(what).append(" ").append(label.isNull() ? "(null)" : label.view()));
   }
 
   std::weak_ptr<QZCommandAuthorization> authorization_;

@@ -7,7 +7,8 @@
 #include "runtime/foundation/exception.h"
 #include "runtime/logging/logger.h"
 
-// The job of one module: the bundle's own, or one that starts the program that hosts modules when the first client comes.
+// The job of one module: the bundle's own, or one that starts the program that hosts modules when
+// the first client comes.
 
 namespace keel {
 
@@ -24,7 +25,8 @@ String firstServiceOf(const Value& job, const std::string& bundlePath) {
   const auto* map = services != nullptr ? services->as<Value::Map>() : nullptr;
   if (map == nullptr) return nullptr;
   if (map->empty()) {
-    throw Exception(NSRangeException, "index 0 beyond the end of the empty \"MachServices\" of " + bundlePath);
+    throw Exception(NSRangeException,
+                    "index 0 beyond the end of the empty \"MachServices\" of " + bundlePath);
   }
   return String(map->front().key);
 }
@@ -37,14 +39,16 @@ Value madeJob(const std::string& label, const std::string& shortName, const std:
        {"EnableTransactions", true},
        {"EnablePressuredExit", true},
        {"MachServices", Value::map({{machName, true}})},
-       {"ProgramArguments", Value::list({kModuleProgram, "-p", std::string(kModulePrefix) + shortName, "-m", machName})},
+       {"ProgramArguments", Value::list({kModuleProgram, "-p",
+                                         std::string(kModulePrefix) + shortName, "-m", machName})},
        {"ProcessType", "Interactive"},
        {"Transient", true}});
 }
 
 }  // namespace
 
-Value KLNModuleManager::synthesizeJobFromBundle(const std::string& path, String* returningName, String* andMachName) {
+Value KLNModuleManager::synthesizeJobFromBundle(const std::string& path, String* returningName,
+                                                String* andMachName) {
   const std::string shortName = shortNameOfBundle(path);
   JobDescription description = readJobDescription(Bundle(path));
   Value job = std::move(description.job);

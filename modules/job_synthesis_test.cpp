@@ -12,25 +12,34 @@ namespace {
 using ::testing::ElementsAre;
 
 constexpr const char* kProgram =
-    "/Applications/Calder.app/Contents/CalderRoot/System/Library/CoreServices/KeelDaemon.bundle/Contents/MacOS/keeld";
-constexpr const char* kMaking = "debug: synthesizeJobFromBundle: did not find a custom launchd.plist, creating one";
+    "/Applications/Calder.app/Contents/CalderRoot/System/Library/CoreServices/KeelDaemon.bundle/"
+    "Contents/MacOS/keeld";
+constexpr const char* kMaking =
+    "debug: synthesizeJobFromBundle: did not find a custom launchd.plist, creating one";
 
 class JobSynthesis : public ModulesFixture {
  protected:
-  Value job() { return manager_.synthesizeJobFromBundle(folder_.path("keel_mail.bundle"), &name_, &machName_); }
-  void write(const std::string& file, const std::string& content) { folder_.write("keel_mail.bundle/" + file, content); }
-  std::string path(const std::string& file) const { return folder_.path("keel_mail.bundle/" + file); }
+  Value job() {
+    return manager_.synthesizeJobFromBundle(folder_.path("keel_mail.bundle"), &name_, &machName_);
+  }
+  void write(const std::string& file, const std::string& content) {
+    folder_.write("keel_mail.bundle/" + file, content);
+  }
+  std::string path(const std::string& file) const {
+    return folder_.path("keel_mail.bundle/" + file);
+  }
 
   static Value madeJob(const char* label, const char* service) {
-    return Value::map({{"Label", label},
-                       {"Program", kProgram},
-                       {"Disabled", false},
-                       {"EnableTransactions", true},
-                       {"EnablePressuredExit", true},
-                       {"MachServices", Value::map({{service, true}})},
-                       {"ProgramArguments", Value::list({kProgram, "-p", "keel_mail", "-m", service})},
-                       {"ProcessType", "Interactive"},
-                       {"Transient", true}});
+    return Value::map(
+        {{"Label", label},
+         {"Program", kProgram},
+         {"Disabled", false},
+         {"EnableTransactions", true},
+         {"EnablePressuredExit", true},
+         {"MachServices", Value::map({{service, true}})},
+         {"ProgramArguments", Value::list({kProgram, "-p", "keel_mail", "-m", service})},
+         {"ProcessType", "Interactive"},
+         {"Transient", true}});
   }
   static Value defaultJob() { return madeJob("com.vantor.keeld.mail", "com.vantor.keeld.mail"); }
 
@@ -55,7 +64,8 @@ TEST_F(JobSynthesis, InfoSaysTheLabelAlone) {
 }
 
 TEST_F(JobSynthesis, InfoSaysTheServiceAlone) {
-  write("Contents/Info.plist", dictionary(text("QZMachServiceName", "S") + text("Other", "ignored")));
+  write("Contents/Info.plist",
+        dictionary(text("QZMachServiceName", "S") + text("Other", "ignored")));
   EXPECT_EQ(job(), madeJob("com.vantor.keeld.mail", "S"));
   EXPECT_EQ(name_, String("mail"));
   EXPECT_EQ(machName_, String("S"));
@@ -73,10 +83,13 @@ TEST_F(JobSynthesis, AnEmptyTextIsAText) {
 }
 
 TEST_F(JobSynthesis, TheBundlesOwnJobIsTakenAsItStands) {
-  write("Contents/Info.plist", dictionary(text("QZJobLabel", "L") + text("QZMachServiceName", "S")));
+  write("Contents/Info.plist",
+        dictionary(text("QZJobLabel", "L") + text("QZMachServiceName", "S")));
   write("Contents/Resources/launchd.plist",
-        dictionary(text("Other", "x") + services("<key>z</key><false/><key>a</key><true/>") + text("Label", "own")));
-  EXPECT_EQ(job().description(), R"({"Other": "x", "MachServices": {"z": false, "a": true}, "Label": "own"})");
+        dictionary(text("Other", "x") + services("<key>z</key><false/><key>a</key><true/>") +
+                   text("Label", "own")));
+  EXPECT_EQ(job().description(),
+            R"({"Other": "x", "MachServices": {"z": false, "a": true}, "Label": "own"})");
   EXPECT_EQ(name_, String("mail"));
   EXPECT_EQ(machName_, String("z"));
   EXPECT_THAT(logged(), ElementsAre());
@@ -157,7 +170,8 @@ TEST_F(JobSynthesis, FilesThatAreNoFilesDoNoHarm) {
 }
 
 TEST_F(JobSynthesis, InfoOfTheWrongKindIsNotUsed) {
-  write("Info.plist", dictionary("<key>QZJobLabel</key><integer>5</integer><key>QZMachServiceName</key><dict/>"));
+  write("Info.plist",
+        dictionary("<key>QZJobLabel</key><integer>5</integer><key>QZMachServiceName</key><dict/>"));
   EXPECT_EQ(job(), defaultJob());
   EXPECT_THAT(logged(), ElementsAre(kMaking));
 }

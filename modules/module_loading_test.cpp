@@ -20,17 +20,24 @@ using ::testing::UnorderedElementsAre;
 class ModuleLoading : public ModulesFixture {
  protected:
   void makeBundle(const std::string& name) { folder_.makeFolder(name); }
-  void makeBundle(const std::string& name, const std::string& job) { folder_.write(name + "/launchd.plist", job); }
+  void makeBundle(const std::string& name, const std::string& job) {
+    folder_.write(name + "/launchd.plist", job);
+  }
   Value table() { return manager_.moduleTable().dictionary().value(); }
-  bool load(const std::string& name) { return manager_.loadModuleIfNeededFromPath(folder_.path(name), nullptr); }
+  bool load(const std::string& name) {
+    return manager_.loadModuleIfNeededFromPath(folder_.path(name), nullptr);
+  }
 
-  // What is logged of a bundle with a job of its own whose label is LABEL, from the first answer to the last.
+  // What is logged of a bundle with a job of its own whose label is LABEL, from the first answer to
+  // the last.
   static std::vector<std::string> linesOf(const std::string& label) {
     return {"debug: loadModuleIfNeededFromPath service " + label + " is not enabled ",
-            "debug: loadModuleIfNeededFromPath created " + label, "debug: loadModuleIfNeededFromPath enabled " + label};
+            "debug: loadModuleIfNeededFromPath created " + label,
+            "debug: loadModuleIfNeededFromPath enabled " + label};
   }
   std::string ownJob(const std::string& label) const {
-    return dictionary(text("Label", label) + services("<key>service of " + label + "</key><true/>"));
+    return dictionary(text("Label", label) +
+                      services("<key>service of " + label + "</key><true/>"));
   }
 
   FakeSupervisor supervisor_;
@@ -38,17 +45,23 @@ class ModuleLoading : public ModulesFixture {
 };
 
 TEST_F(ModuleLoading, OnlyEntriesWithPrefixAndSuffixAreModules) {
-  for (const char* name : {"keel_a.bundle", "a.bundle", "keel_b.plist", "Keel_c.bundle"}) makeBundle(name);
+  for (const char* name : {"keel_a.bundle", "a.bundle", "keel_b.plist", "Keel_c.bundle"})
+    makeBundle(name);
   manager_.loadAllModules();
   EXPECT_EQ(table(), Value::map({{"keel_a", "com.vantor.keeld.a"}}));
-  EXPECT_THAT(supervisor_.calls(), ElementsAre("authorize", "auth: enabled? com.vantor.keeld.a", "create com.vantor.keeld.a",
-                                               "enable com.vantor.keeld.a", "enabled? com.vantor.keeld.a"));
-  EXPECT_THAT(logged(), ElementsAre("debug: synthesizeJobFromBundle: did not find a custom launchd.plist, creating one",
-                                    "debug: loadModuleIfNeededFromPath service com.vantor.keeld.a is not enabled ",
-                                    "debug: loadModuleIfNeededFromPath created com.vantor.keeld.a",
-                                    "debug: loadModuleIfNeededFromPath enabled com.vantor.keeld.a",
-                                    "debug: loadAllModules: loaded " + folder_.path("keel_a.bundle"),
-                                    R"(debug: loadAllModules: moduleTable is {"keel_a": "com.vantor.keeld.a"})"));
+  EXPECT_THAT(
+      supervisor_.calls(),
+      ElementsAre("authorize", "auth: enabled? com.vantor.keeld.a", "create com.vantor.keeld.a",
+                  "enable com.vantor.keeld.a", "enabled? com.vantor.keeld.a"));
+  EXPECT_THAT(
+      logged(),
+      ElementsAre(
+          "debug: synthesizeJobFromBundle: did not find a custom launchd.plist, creating one",
+          "debug: loadModuleIfNeededFromPath service com.vantor.keeld.a is not enabled ",
+          "debug: loadModuleIfNeededFromPath created com.vantor.keeld.a",
+          "debug: loadModuleIfNeededFromPath enabled com.vantor.keeld.a",
+          "debug: loadAllModules: loaded " + folder_.path("keel_a.bundle"),
+          R"(debug: loadAllModules: moduleTable is {"keel_a": "com.vantor.keeld.a"})"));
 }
 
 TEST_F(ModuleLoading, AFileIsAsGoodAsAFolder) {
@@ -69,12 +82,14 @@ TEST_F(ModuleLoading, AMissingDirectoryIsAnErrorAndTheEnd) {
   manager.loadAllModules();
   EXPECT_EQ(manager.moduleTable().count(), 0U);
   EXPECT_THAT(supervisor_.calls(), IsEmpty());
-  EXPECT_THAT(logged(), ElementsAre("error: loadAllModules: can't find " + folder_.path("none/") +
-                                    " error No such file or directory (NSPOSIXErrorDomain error 2)"));
+  EXPECT_THAT(logged(),
+              ElementsAre("error: loadAllModules: can't find " + folder_.path("none/") +
+                          " error No such file or directory (NSPOSIXErrorDomain error 2)"));
 }
 
 TEST_F(ModuleLoading, TheOrderIsThatOfTheDirectory) {
-  for (int number = 0; number < 30; ++number) makeBundle("keel_" + std::to_string(number * 7919 % 30) + ".bundle");
+  for (int number = 0; number < 30; ++number)
+    makeBundle("keel_" + std::to_string(number * 7919 % 30) + ".bundle");
   const auto names = contentsOfDirectory(folder_.path()).value();
   std::vector<std::string> expected;
   for (const std::string& name : names) {
@@ -106,19 +121,25 @@ TEST_F(ModuleLoading, AJobThatIsEnabledAlreadyIsOnlyRecorded) {
   manager_.loadAllModules();
   EXPECT_EQ(table(), Value::map({{"keel_a", "com.vantor.keeld.a"}}));
   EXPECT_THAT(supervisor_.calls(), ElementsAre("authorize", "auth: enabled? com.vantor.keeld.a"));
-  EXPECT_THAT(logged(), ElementsAre("debug: synthesizeJobFromBundle: did not find a custom launchd.plist, creating one",
-                                    "debug: loadAllModules: loaded " + folder_.path("keel_a.bundle"),
-                                    R"(debug: loadAllModules: moduleTable is {"keel_a": "com.vantor.keeld.a"})"));
+  EXPECT_THAT(
+      logged(),
+      ElementsAre(
+          "debug: synthesizeJobFromBundle: did not find a custom launchd.plist, creating one",
+          "debug: loadAllModules: loaded " + folder_.path("keel_a.bundle"),
+          R"(debug: loadAllModules: moduleTable is {"keel_a": "com.vantor.keeld.a"})"));
 }
 
 TEST_F(ModuleLoading, AJobThatStaysDisabledIsNotRecordedAndTheOthersAre) {
   for (const char* name : {"keel_a.bundle", "keel_b.bundle", "keel_c.bundle"}) makeBundle(name);
   supervisor_.onQuery = [this](const String&) { supervisor_.enabled.erase("com.vantor.keeld.b"); };
   manager_.loadAllModules();
-  EXPECT_EQ(table(), Value::map({{"keel_a", "com.vantor.keeld.a"}, {"keel_c", "com.vantor.keeld.c"}}));
+  EXPECT_EQ(table(),
+            Value::map({{"keel_a", "com.vantor.keeld.a"}, {"keel_c", "com.vantor.keeld.c"}}));
   const auto lines = logged();
-  EXPECT_THAT(lines, ::testing::Contains("error: loadAllModules: can't load module at " + folder_.path("keel_b.bundle")));
-  EXPECT_THAT(lines, ::testing::Contains("debug: loadModuleIfNeededFromPath enabled com.vantor.keeld.b"));
+  EXPECT_THAT(lines, ::testing::Contains("error: loadAllModules: can't load module at " +
+                                         folder_.path("keel_b.bundle")));
+  EXPECT_THAT(lines,
+              ::testing::Contains("debug: loadModuleIfNeededFromPath enabled com.vantor.keeld.b"));
 }
 
 TEST_F(ModuleLoading, TheJobIsHandedOverWhole) {
@@ -130,16 +151,20 @@ TEST_F(ModuleLoading, TheJobIsHandedOverWhole) {
 TEST_F(ModuleLoading, AnOwnLabelIsUsedThroughoutAndTheKeyIsTheBundlesName) {
   makeBundle("keel_a.bundle", ownJob("L"));
   manager_.loadAllModules();
-  EXPECT_THAT(supervisor_.calls(), ElementsAre("authorize", "auth: enabled? L", "create L", "enable L", "enabled? L"));
+  EXPECT_THAT(supervisor_.calls(),
+              ElementsAre("authorize", "auth: enabled? L", "create L", "enable L", "enabled? L"));
   EXPECT_EQ(table(), Value::map({{"keel_a", "service of L"}}));
 }
 
 TEST_F(ModuleLoading, TheAuthorizationGivenIsForTheFirstQuestionAlone) {
   makeBundle("keel_a.bundle", ownJob("L"));
-  const auto authorization = supervisor_.QZSupervisorCreateCommandAuthorizationWithCredentials(nullptr, nullptr, nullptr);
+  const auto authorization =
+      supervisor_.QZSupervisorCreateCommandAuthorizationWithCredentials(nullptr, nullptr, nullptr);
   supervisor_.calls();
-  EXPECT_TRUE(manager_.loadModuleIfNeededFromPath(folder_.path("keel_a.bundle"), authorization.get()));
-  EXPECT_THAT(supervisor_.calls(), ElementsAre("auth: enabled? L", "create L", "enable L", "enabled? L"));
+  EXPECT_TRUE(
+      manager_.loadModuleIfNeededFromPath(folder_.path("keel_a.bundle"), authorization.get()));
+  EXPECT_THAT(supervisor_.calls(),
+              ElementsAre("auth: enabled? L", "create L", "enable L", "enabled? L"));
 }
 
 TEST_F(ModuleLoading, AFailedFirstQuestionIsLoggedAndMeansNotEnabled) {
@@ -148,7 +173,8 @@ TEST_F(ModuleLoading, AFailedFirstQuestionIsLoggedAndMeansNotEnabled) {
   EXPECT_TRUE(load("keel_a.bundle"));
   auto expected = linesOf("L");
   expected.insert(expected.begin(),
-                  "error: loadModuleIfNeededFromPath QZSupervisorGetServiceEnabled returns first (test error 1)");
+                  "error: loadModuleIfNeededFromPath QZSupervisorGetServiceEnabled returns first "
+                  "(test error 1)");
   EXPECT_EQ(logged(), expected);
 }
 
@@ -157,7 +183,9 @@ TEST_F(ModuleLoading, AFailedLastQuestionIsLoggedWhateverTheAnswer) {
   supervisor_.queryFaults = {nullptr, FakeSupervisor::fault("last")};
   EXPECT_TRUE(load("keel_a.bundle"));
   auto expected = linesOf("L");
-  expected.emplace_back("error: loadModuleIfNeededFromPath QZSupervisorGetServiceEnabled returns last (test error 1)");
+  expected.emplace_back(
+      "error: loadModuleIfNeededFromPath QZSupervisorGetServiceEnabled returns last (test error "
+      "1)");
   EXPECT_EQ(logged(), expected);
 
   supervisor_.enabled.clear();
@@ -190,7 +218,8 @@ TEST_F(ModuleLoading, WhatACreationThatWorkedReportsIsToldByTheNextStep) {
   EXPECT_TRUE(load("keel_a.bundle"));
   auto expected = linesOf("L");
   expected.insert(expected.begin() + 2,
-                  "error: loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns carried over (test error 1)");
+                  "error: loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns carried "
+                  "over (test error 1)");
   EXPECT_EQ(logged(), expected);
 }
 
@@ -199,7 +228,9 @@ TEST_F(ModuleLoading, TheNextStepsOwnErrorTakesItsPlace) {
   supervisor_.creationFaults = {FakeSupervisor::fault("carried over")};
   supervisor_.enablingFaults = {FakeSupervisor::fault("its own")};
   EXPECT_TRUE(load("keel_a.bundle"));
-  EXPECT_EQ(logged().at(2), "error: loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns its own (test error 1)");
+  EXPECT_EQ(logged().at(2),
+            "error: loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns its own (test "
+            "error 1)");
 }
 
 TEST_F(ModuleLoading, AFailedEnablingIsLoggedAndTheLastQuestionDecides) {
@@ -209,7 +240,8 @@ TEST_F(ModuleLoading, AFailedEnablingIsLoggedAndTheLastQuestionDecides) {
   EXPECT_FALSE(load("keel_a.bundle"));
   auto expected = linesOf("L");
   expected.insert(expected.begin() + 2,
-                  "error: loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns refused (test error 1)");
+                  "error: loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns refused "
+                  "(test error 1)");
   EXPECT_EQ(logged(), expected);
   EXPECT_EQ(table(), Value::map({}));
 }
@@ -221,15 +253,18 @@ TEST_F(ModuleLoading, AJobWithoutServicesIsEnabledButNotInTheTable) {
   manager_.loadAllModules();
   EXPECT_TRUE(supervisor_.enabled.contains("L"));
   EXPECT_EQ(table(), Value::map({{"keel_b", "other"}}));
-  EXPECT_THAT(logged(), ::testing::Contains("debug: loadAllModules: loaded " + folder_.path("keel_a.bundle")));
+  EXPECT_THAT(logged(), ::testing::Contains("debug: loadAllModules: loaded " +
+                                            folder_.path("keel_a.bundle")));
 }
 
 TEST_F(ModuleLoading, AJobWithoutALabelTextHasTheNullLabel) {
-  makeBundle("keel_a.bundle", dictionary("<key>Label</key><integer>1</integer>" + services("<key>s</key><true/>")));
+  makeBundle("keel_a.bundle",
+             dictionary("<key>Label</key><integer>1</integer>" + services("<key>s</key><true/>")));
   makeBundle("keel_b.bundle", dictionary(services("<key>s</key><true/>")));
   for (const char* name : {"keel_a.bundle", "keel_b.bundle"}) {
     EXPECT_FALSE(load(name));
-    EXPECT_THAT(supervisor_.calls(), ElementsAre("enabled? (null)", "create (null)", "enable (null)", "enabled? (null)"));
+    EXPECT_THAT(supervisor_.calls(), ElementsAre("enabled? (null)", "create (null)",
+                                                 "enable (null)", "enabled? (null)"));
     EXPECT_EQ(logged(), linesOf("(null)"));
   }
 }
@@ -246,7 +281,8 @@ TEST_F(ModuleLoading, AnExceptionEndsTheWalkAndWhatWasLoadedStays) {
   ASSERT_EQ(lines.size(), 7U);
   EXPECT_EQ(lines[4], "debug: loadAllModules: loaded " + folder_.path(names[0]));
   EXPECT_EQ(lines[5],
-            "error: loadAllModules: received an exception NSRangeException: index 0 beyond the end of the empty "
+            "error: loadAllModules: received an exception NSRangeException: index 0 beyond the end "
+            "of the empty "
             "\"MachServices\" of " +
                 folder_.path(names[1]));
   EXPECT_EQ(lines[6], "debug: loadAllModules: moduleTable is " + table().description());
@@ -256,9 +292,12 @@ TEST_F(ModuleLoading, AnExceptionOfTheSupervisorEndsTheWalkToo) {
   makeBundle("keel_a.bundle");
   supervisor_.onQuery = [](const String&) { throw Exception(NSGenericException, "no"); };
   manager_.loadAllModules();
-  EXPECT_THAT(logged(), ElementsAre("debug: synthesizeJobFromBundle: did not find a custom launchd.plist, creating one",
-                                    "error: loadAllModules: received an exception NSGenericException: no",
-                                    "debug: loadAllModules: moduleTable is {}"));
+  EXPECT_THAT(
+      logged(),
+      ElementsAre(
+          "debug: synthesizeJobFromBundle: did not find a custom launchd.plist, creating one",
+          "error: loadAllModules: received an exception NSGenericException: no",
+          "debug: loadAllModules: moduleTable is {}"));
 }
 
 TEST_F(ModuleLoading, WhatIsNoExceptionObjectIsNotCaught) {
@@ -268,7 +307,8 @@ TEST_F(ModuleLoading, WhatIsNoExceptionObjectIsNotCaught) {
 }
 
 TEST_F(ModuleLoading, ABundleThatVanishesDuringTheWalkGetsItsDefaultJob) {
-  for (const char* name : {"keel_a.bundle", "keel_b.bundle", "keel_c.bundle"}) makeBundle(name, ownJob(name));
+  for (const char* name : {"keel_a.bundle", "keel_b.bundle", "keel_c.bundle"})
+    makeBundle(name, ownJob(name));
   supervisor_.onQuery = [this](const String&) {
     for (const char* name : {"keel_a.bundle", "keel_b.bundle", "keel_c.bundle"})
       std::filesystem::remove_all(folder_.path(name));
@@ -278,8 +318,9 @@ TEST_F(ModuleLoading, ABundleThatVanishesDuringTheWalkGetsItsDefaultJob) {
   EXPECT_EQ(manager_.moduleTable().count(), 3U);
   for (const char* key : {"keel_a", "keel_b", "keel_c"}) {
     const bool isFirst = first.starts_with(key);
-    EXPECT_EQ(manager_.moduleTable().at(key),
-              String(isFirst ? "service of " + first : std::string("com.vantor.keeld.").append(key + 5)));
+    EXPECT_EQ(
+        manager_.moduleTable().at(key),
+        String(isFirst ? "service of " + first : std::string("com.vantor.keeld.").append(key + 5)));
   }
 }
 
@@ -290,7 +331,8 @@ TEST_F(ModuleLoading, ANameThatIsNoTextIsNamedAndPassedOver) {
   EXPECT_EQ(table(), Value::map({{"keel_a", "com.vantor.keeld.a"}}));
   const std::string path = folder_.path("keel_\xff.bundle");
   EXPECT_THAT(logged(),
-              ::testing::IsSupersetOf({"error: loadAllModules: the name of " + path + " is not UTF-8; give it another one",
+              ::testing::IsSupersetOf({"error: loadAllModules: the name of " + path +
+                                           " is not UTF-8; give it another one",
                                        "error: loadAllModules: can't load module at " + path}));
 }
 
@@ -309,7 +351,8 @@ TEST_F(ModuleLoading, WithoutAJobTheModuleIsNotLoadedAndTheSupervisorNotAsked) {
   const std::string path = folder_.path("keel_a.bundle");
   EXPECT_THAT(logged(),
               ElementsAre("error: loadModuleIfNeededFromPath failed to crete a jobDict for " + path,
-                          "error: loadAllModules: can't load module at " + path, "debug: loadAllModules: moduleTable is {}"));
+                          "error: loadAllModules: can't load module at " + path,
+                          "debug: loadAllModules: moduleTable is {}"));
 }
 
 TEST_F(ModuleLoading, UnloadingDisablesTheDefaultLabelOfEachKeyAndNothingElse) {
@@ -321,8 +364,8 @@ TEST_F(ModuleLoading, UnloadingDisablesTheDefaultLabelOfEachKeyAndNothingElse) {
 
   manager_.moduleTable().set("other", "t");
   manager_.unloadAllModules();
-  EXPECT_THAT(supervisor_.calls(),
-              UnorderedElementsAre("disable without slot com.vantor.keeld.x", "disable without slot com.vantor.keeld."));
+  EXPECT_THAT(supervisor_.calls(), UnorderedElementsAre("disable without slot com.vantor.keeld.x",
+                                                        "disable without slot com.vantor.keeld."));
 }
 
 TEST_F(ModuleLoading, UnloadingDoesNotKnowTheLabelsOfBundles) {

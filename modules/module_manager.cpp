@@ -26,7 +26,8 @@ String labelOf(const Value& job) {
 }
 
 void logFailedQuery(const Error& failure) {
-  if (failure) logger().error("loadModuleIfNeededFromPath QZSupervisorGetServiceEnabled returns {}", failure);
+  if (failure)
+    logger().error("loadModuleIfNeededFromPath QZSupervisorGetServiceEnabled returns {}", failure);
 }
 
 std::string appendingPathComponent(const std::string& directory, const std::string& name) {
@@ -39,7 +40,8 @@ const std::shared_ptr<KLNModuleManager>& KLNModuleManager::defaultManager() {
   if (const auto& overriding = overridingManager()) [[unlikely]]
     return overriding;
   // Never destroyed: other threads use it while the process ends.
-  static const auto& manager = *new std::shared_ptr<KLNModuleManager>(std::make_shared<KLNModuleManager>());
+  static const auto& manager =
+      *new std::shared_ptr<KLNModuleManager>(std::make_shared<KLNModuleManager>());
   return manager;
 }
 
@@ -49,7 +51,8 @@ void KLNModuleManager::loadAllModules() {
     logger().error("loadAllModules: can't find {} error {}", bundlesDirectory_, names.error());
     return;
   }
-  authorization_ = supervisor().QZSupervisorCreateCommandAuthorizationWithCredentials(nullptr, nullptr, nullptr);
+  authorization_ =
+      supervisor().QZSupervisorCreateCommandAuthorizationWithCredentials(nullptr, nullptr, nullptr);
   try {
     for (const std::string& name : *names) {
       if (isModuleBundle(name)) loadModule(appendingPathComponent(bundlesDirectory_, name));
@@ -58,7 +61,8 @@ void KLNModuleManager::loadAllModules() {
     logger().error("loadAllModules: received an exception {}", raised.description());
   }
   if (logger().enabled(LogLevel::debug)) {
-    logger().debug("loadAllModules: moduleTable is {}", moduleTable_.dictionary().value().description());
+    logger().debug("loadAllModules: moduleTable is {}",
+                   moduleTable_.dictionary().value().description());
   }
 }
 
@@ -73,7 +77,8 @@ void KLNModuleManager::loadModule(const std::string& path) {
   }
 }
 
-bool KLNModuleManager::loadModuleIfNeededFromPath(const std::string& path, QZCommandAuthorization* authorization) {
+bool KLNModuleManager::loadModuleIfNeededFromPath(const std::string& path,
+                                                  QZCommandAuthorization* authorization) {
   String name, machName;
   const Value job = synthesizeJobFromBundle(path, &name, &machName);
   if (job.isNull()) {
@@ -97,13 +102,14 @@ bool KLNModuleManager::loadModuleIfNeededFromPath(const std::string& path, QZCom
 
 void KLNModuleManager::createAndEnable(const Value& job, const String& label) {
   Error created, enabled;
-  // What a creation that worked says nevertheless is told with the next step; what one that failed says is not: that the job
-  // cannot be enabled then tells enough.
+  // What a creation that worked says nevertheless is told with the next step; what one that failed
+  // says is not: that the job cannot be enabled then tells enough.
   if (supervisor().QZSupervisorCreateService(nullptr, job, &created)) enabled = created;
   logger().debug("loadModuleIfNeededFromPath created {}", label);
 
   supervisor().QZSupervisorSetServiceEnabled(nullptr, label, /*enabled=*/true, &enabled);
-  if (enabled) logger().error("loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns {}", enabled);
+  if (enabled)
+    logger().error("loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns {}", enabled);
   logger().debug("loadModuleIfNeededFromPath enabled {}", label);
 }
 

@@ -4,7 +4,8 @@
 #include <string>
 #include <string_view>
 
-// How modules and what belongs to them are called. The module in keel_mail.bundle has the short name "mail".
+// How modules and what belongs to them are called. The module in keel_mail.bundle has the short
+// name "mail".
 
 namespace keel {
 
@@ -15,10 +16,12 @@ inline constexpr std::string_view kBundleSuffix = ".bundle";
 // Whether a bundle of that name is a module. Letters count as they are.
 bool isModuleBundle(std::string_view name);
 
-// `name` without as many characters as kModulePrefix has, whichever they are; empty when it has no more.
+// `name` without as many characters as kModulePrefix has, whichever they are; empty when it has no
+// more.
 std::string withoutModulePrefix(std::string_view name);
 
-// The short name of the module whose bundle is at `path`: its last part, without its extension and without the prefix.
+// The short name of the module whose bundle is at `path`: its last part, without its extension and
+// without the prefix.
 std::string shortNameOfBundle(std::string_view path);
 
 // "com.vantor.keeld.mail": a module's label and Mach service name unless its bundle says otherwise.

@@ -7,9 +7,11 @@ namespace keel {
 namespace {
 
 TEST(ModuleName, ABundleIsAModuleByItsExactBeginningAndEnd) {
-  for (const char* name : {"keel_a.bundle", "keel_.bundle", "keel_a.b.bundle"}) EXPECT_TRUE(isModuleBundle(name)) << name;
-  for (const char* name : {"", "keel_", ".bundle", "a.bundle", "keel_b.plist", "Keel_c.bundle", "keel_d.Bundle",
-                           "keel_e.bundle ", " keel_f.bundle", "keel-g.bundle", "keel_h.bundle.old", "keel_ibundle"}) {
+  for (const char* name : {"keel_a.bundle", "keel_.bundle", "keel_a.b.bundle"})
+    EXPECT_TRUE(isModuleBundle(name)) << name;
+  for (const char* name :
+       {"", "keel_", ".bundle", "a.bundle", "keel_b.plist", "Keel_c.bundle", "keel_d.Bundle",
+        "keel_e.bundle ", " keel_f.bundle", "keel-g.bundle", "keel_h.bundle.old", "keel_ibundle"}) {
     EXPECT_FALSE(isModuleBundle(name)) << name;
   }
 }

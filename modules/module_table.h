@@ -12,8 +12,9 @@
 
 namespace keel {
 
-// A dictionary of texts that can be changed, and is ready at any time in the form in which it is sent. Changing it takes time
-// with its size; it is meant for as many entries as a product has modules.
+// A dictionary of texts that can be changed, and is ready at any time in the form in which it is
+// sent. Changing it takes time with its size; it is meant for as many entries as a product has
+// modules.
 class ModuleTable {
  public:
   ModuleTable();

@@ -28,8 +28,9 @@ class ModulesFixture : public ::testing::Test {
     return "<key>MachServices</key><dict>" + std::string(names) + "</dict>";
   }
 
-  // What was logged since the last time, "LEVEL: text". All of it must be of category "startup", but for the remarks on what is
-  // in the bundles, which are left out: debug messages of category "bundle".
+  // What was logged since the last time, "LEVEL: text". All of it must be of category "startup",
+  // but for the remarks on what is in the bundles, which are left out: debug messages of category
+  // "bundle".
   std::vector<std::string> logged() {
     std::vector<std::string> lines;
     for (const testing::LogLine& line : log_.take()) {

@@ -15,7 +15,8 @@ namespace {
 
 constexpr std::string_view kUnconnected = "<unconnected>";
 
-// An answer up to here is collected in memory of our own, and written to its file in such portions beyond.
+// An answer up to here is collected in memory of our own, and written to its file in such portions
+// beyond.
 constexpr std::size_t kPortionBytes = std::size_t{64} << 10;
 
 void writeDate(cbor::Writer& writer, const std::optional<Date>& date, std::string_view otherwise) {
@@ -28,7 +29,8 @@ void writeDate(cbor::Writer& writer, const std::optional<Date>& date, std::strin
 
 }  // namespace
 
-DumpAnswer::DumpAnswer(std::size_t entryCount, bool withData) : withData_(withData), missingCount_(entryCount) {
+DumpAnswer::DumpAnswer(std::size_t entryCount, bool withData)
+    : withData_(withData), missingCount_(entryCount) {
   cbor::Writer(bytes_).array(entryCount);
 }
 
@@ -75,11 +77,13 @@ void DumpAnswer::describeSubscribers(KLNPublishedObject& item) {
 }
 
 // `connection` is what `reference` refers to, null when that is gone.
-void DumpAnswer::describeConnection(const std::weak_ptr<xpc::Connection>& reference, const xpc::Connection* connection) {
+void DumpAnswer::describeConnection(const std::weak_ptr<xpc::Connection>& reference,
+                                    const xpc::Connection* connection) {
   cbor::Writer writer(bytes_);
   if (connection != nullptr) return writer.text(connection->description());
   const auto remembered = endedConnections_.find(reference);
-  writer.text(remembered != endedConnections_.end() ? std::string_view(remembered->second) : kUnconnected);
+  writer.text(remembered != endedConnections_.end() ? std::string_view(remembered->second)
+                                                    : kUnconnected);
 }
 
 void DumpAnswer::remember(const std::shared_ptr<xpc::Connection>& connection) {

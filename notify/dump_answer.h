@@ -18,8 +18,9 @@ namespace keel {
 
 class KLNPublishedObject;
 
-// What a dump answers, entry by entry, encoded at once: published data are spliced in as they came, never decoded. A long
-// answer grows in a memory file, so that it is not copied again to be sent. Lives on the notification input queue.
+// What a dump answers, entry by entry, encoded at once: published data are spliced in as they came,
+// never decoded. A long answer grows in a memory file, so that it is not copied again to be sent.
+// Lives on the notification input queue.
 class DumpAnswer {
  public:
   // For so many entries.
@@ -31,16 +32,19 @@ class DumpAnswer {
   // Of what has been described.
   std::size_t sizeBytes() const { return fileBytes_ + bytes_.size(); }
 
-  // From now on this connection is described as it is now, though it may end before the answer is whole.
+  // From now on this connection is described as it is now, though it may end before the answer is
+  // whole.
   void remember(const std::shared_ptr<xpc::Connection>& connection);
 
   // Once, when nothing is missing. Fails when the memory for a long answer could not be had.
   std::expected<Array, std::error_code> take();
 
  private:
-  using Texts = std::map<std::weak_ptr<xpc::Connection>, std::string, std::owner_less<std::weak_ptr<xpc::Connection>>>;
+  using Texts = std::map<std::weak_ptr<xpc::Connection>, std::string,
+                         std::owner_less<std::weak_ptr<xpc::Connection>>>;
 
-  void describeConnection(const std::weak_ptr<xpc::Connection>& reference, const xpc::Connection* connection);
+  void describeConnection(const std::weak_ptr<xpc::Connection>& reference,
+                          const xpc::Connection* connection);
   void describeSubscribers(KLNPublishedObject& item);
   void append(std::span<const std::byte> encoded);
   void moveToFile();

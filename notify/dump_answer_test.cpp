@@ -45,7 +45,8 @@ TEST(DumpAnswer, LongOnesAreInAMemoryFile) {
   EXPECT_GE(many.buffer()->sealedFile(), 0);
   const Value list = many.value();
   ASSERT_EQ(list.as<Value::List>()->size(), 2000u);
-  for (const Value& each : *list.as<Value::List>()) ASSERT_EQ(*each.find("publishedData"), number(1).value());
+  for (const Value& each : *list.as<Value::List>())
+    ASSERT_EQ(*each.find("publishedData"), number(1).value());
 }
 
 TEST(DumpAnswer, LargeDataStandInTheirPlaces) {
@@ -56,7 +57,8 @@ TEST(DumpAnswer, LargeDataStandInTheirPlaces) {
   const Value value = mixed.value();
   const auto& list = *value.as<Value::List>();
   ASSERT_EQ(list.size(), 5u);
-  for (std::size_t i = 0; i < 5; ++i) EXPECT_EQ(*list[i].find("publishedData"), (i % 2 == 0 ? small : large)->data().value());
+  for (std::size_t i = 0; i < 5; ++i)
+    EXPECT_EQ(*list[i].find("publishedData"), (i % 2 == 0 ? small : large)->data().value());
 }
 
 TEST(DumpAnswer, CountsWhatItHolds) {

@@ -2,16 +2,22 @@
 //
 // How an answer in slices shows one moment:
 //
-// - Each dump has a number, and each item has the number of the last dump it was described for. An item whose number is smaller
-//   than that of a dump in progress is missing in its answer. Describing an item describes it for all dumps that lack it, so
-//   one number is enough however many there are.
-// - An item is described when its turn comes, and before it changes, or leaves the table, if that is earlier. An item that
-//   enters the table gets the last number, and so is missing nowhere. While no dump is in progress, no item has a smaller
-//   number than the last (or once more, after a dump that was dropped): to ask for that is all that a change costs.
+// - Each dump has a number, and each item has the number of the last dump it was described for. An
+// item whose number is smaller
+//   than that of a dump in progress is missing in its answer. Describing an item describes it for
+//   all dumps that lack it, so one number is enough however many there are.
+// - An item is described when its turn comes, and before it changes, or leaves the table, if that
+// is earlier. An item that
+//   enters the table gets the last number, and so is missing nowhere. While no dump is in progress,
+//   no item has a smaller number than the last (or once more, after a dump that was dropped): to
+//   ask for that is all that a change costs.
 // - A subscription changes with its item: whoever adds, removes or delivers says so to the item.
-// - A connection that ends changes the text of all its items and subscriptions without touching them. So the answers remember
-//   those that end meanwhile, and those that had ended before but were still there when the dump began.
-// - The dumps' common walk over the items begins anew when the first dump is answered; what it then passes over was described
+// - A connection that ends changes the text of all its items and subscriptions without touching
+// them. So the answers remember
+//   those that end meanwhile, and those that had ended before but were still there when the dump
+//   began.
+// - The dumps' common walk over the items begins anew when the first dump is answered; what it then
+// passes over was described
 //   already. It ends with the last missing entry, not with the last item.
 #include "notify/dump_desk.h"
 
@@ -74,14 +80,18 @@ void DumpDesk::leave(KLNPublishedObject& item) {
 
 // Of the connections that ended, those that nobody holds any more.
 void DumpDesk::forgetTheGone() {
-  std::erase_if(ended_, [](const std::weak_ptr<xpc::Connection>& ended) { return ended.expired(); });
+  std::erase_if(ended_,
+                [](const std::weak_ptr<xpc::Connection>& ended) { return ended.expired(); });
 }
 
 void DumpDesk::begin(bool withData, const std::shared_ptr<xpc::Connection>& asker, Reply reply) {
   forgetTheGone();
-  const auto isAsker = [&asker](const std::weak_ptr<xpc::Connection>& ended) { return ended.lock() == asker; };
+  const auto isAsker = [&asker](const std::weak_ptr<xpc::Connection>& ended) {
+    return ended.lock() == asker;
+  };
   if (std::ranges::any_of(ended_, isAsker)) return;
-  Dump& dump = dumps_.emplace_back(Dump{++lastNumber_, asker, DumpAnswer(itemCount_, withData), std::move(reply)});
+  Dump& dump = dumps_.emplace_back(
+      Dump{++lastNumber_, asker, DumpAnswer(itemCount_, withData), std::move(reply)});
   for (const auto& ended : ended_) {
     if (const auto living = ended.lock()) dump.answer.remember(living);
   }
@@ -118,7 +128,8 @@ void DumpDesk::describe(KLNPublishedObject& item) {
     if (describedFor >= dump.number) continue;
     const std::size_t sizeBefore = dump.answer.sizeBytes();
     dump.answer.describe(item);
-    workDone_ += 1 + subscriberCountOf(item) + (dump.answer.sizeBytes() - sizeBefore) / kBytesPerWork;
+    workDone_ +=
+        1 + subscriberCountOf(item) + (dump.answer.sizeBytes() - sizeBefore) / kBytesPerWork;
   }
 }
 

@@ -9,7 +9,8 @@
 namespace keel {
 namespace {
 
-// Dumps of all items, of which each slice describes one. Those that a test sees change or leave are described last.
+// Dumps of all items, of which each slice describes one. Those that a test sees change or leave are
+// described last.
 class DumpDeskTest : public NotifyTest {
  protected:
   DumpDeskTest() {
@@ -28,7 +29,9 @@ class DumpDeskTest : public NotifyTest {
     while (executor.scheduledCount() > 0) turn();
   }
   DumpDesk& desk() { return service->dumpDesk(); }
-  std::shared_ptr<KLNPublishedObject> entry(const Name& name) { return service->published().at(name); }
+  std::shared_ptr<KLNPublishedObject> entry(const Name& name) {
+    return service->published().at(name);
+  }
   void forget() {
     for (NotifyClient* client : {&one, &other, &asker}) {
       if (client->connection()) client->take();
@@ -36,7 +39,8 @@ class DumpDeskTest : public NotifyTest {
     log.take();
   }
   // Follows `name`, and has heard from it last at `date`.
-  std::shared_ptr<KLNSubscriptionObject> followed(NotifyClient& client, const Name& name, Date date) {
+  std::shared_ptr<KLNSubscriptionObject> followed(NotifyClient& client, const Name& name,
+                                                  Date date) {
     subscribe(client, name);
     runAll();
     const auto subscription = entry(name)->subscriberForConnection(client.connection());
@@ -45,7 +49,8 @@ class DumpDeskTest : public NotifyTest {
     return subscription;
   }
 
-  // Requests a dump, and runs what waits: the dump's first slice, and whatever was requested before.
+  // Requests a dump, and runs what waits: the dump's first slice, and whatever was requested
+  // before.
   static std::uint64_t request(NotifyClient& client, bool withData = true) {
     return client.request<&NotifyProxy::dumpNotification>("_all", withData);
   }
@@ -68,7 +73,8 @@ class DumpDeskTest : public NotifyTest {
     return names;
   }
   static Value entryOf(const Value::List& entries, std::string_view name) {
-    const auto found = std::ranges::find(entries, name, [](const Value& each) { return each.textOf("name"); });
+    const auto found =
+        std::ranges::find(entries, name, [](const Value& each) { return each.textOf("name"); });
     EXPECT_NE(found, entries.end());
     return found != entries.end() ? *found : Value();
   }
@@ -79,7 +85,8 @@ class DumpDeskTest : public NotifyTest {
     return entriesOf(asker, id).front();
   }
 
-  // Changes "c" between two slices: neither `change` nor what it queued shows in the dump, but does afterwards.
+  // Changes "c" between two slices: neither `change` nor what it queued shows in the dump, but does
+  // afterwards.
   template <class Change>
   void expectUnseen(Change change) {
     const Value before = describe("c");
@@ -187,7 +194,8 @@ TEST_F(DumpDeskTest, AFirstDeliveryAfterTheBeginningIsNotSeen) {
   runAll();
   const auto entries = entriesOf(asker, dump);
   const Value c = entryOf(entries, "c");
-  EXPECT_EQ(c.find("subscribers")->as<Value::List>()->front().textOf("updateDate"), "<never updated>");
+  EXPECT_EQ(c.find("subscribers")->as<Value::List>()->front().textOf("updateDate"),
+            "<never updated>");
   EXPECT_NE(describe("c"), c);
 }
 
@@ -196,7 +204,8 @@ TEST_F(DumpDeskTest, AnErrorThatTheSubscriberHearsOfIsNotSeen) {
   expectUnseen([this] { entry("c")->updateWithError(Error("test", 1)); });
 }
 
-// What the asker of a dump hears of what came after the dump's beginning may overtake the answer, but is not in it.
+// What the asker of a dump hears of what came after the dump's beginning may overtake the answer,
+// but is not in it.
 TEST_F(DumpDeskTest, ADeliveryToTheAskerMayOvertakeTheAnswerWhichDoesNotShowIt) {
   followed(asker, "c", Date{1.0});
   const Value before = describe("c");
@@ -210,7 +219,8 @@ TEST_F(DumpDeskTest, ADeliveryToTheAskerMayOvertakeTheAnswerWhichDoesNotShowIt) 
   const Value c = entryOf(entriesOf(asker, dump), "c");
   EXPECT_EQ(c, before);
   EXPECT_EQ(*c.find("publishDate"), Value(Date{1.0}));
-  EXPECT_EQ(*c.find("subscribers")->as<Value::List>()->front().find("updateDate"), Value(Date{1.0}));
+  EXPECT_EQ(*c.find("subscribers")->as<Value::List>()->front().find("updateDate"),
+            Value(Date{1.0}));
   EXPECT_EQ(*describe("c").find("publishedData"), number(2).value());
 }
 
@@ -352,7 +362,8 @@ TEST_F(DumpDeskTest, AConnectionThatWasGoneIsUnconnected) {
   runAll();
   const auto dump = begin(asker);
   runAll();
-  for (const Value& each : entriesOf(asker, dump)) EXPECT_EQ(each.textOf("publisher"), "<unconnected>");
+  for (const Value& each : entriesOf(asker, dump))
+    EXPECT_EQ(each.textOf("publisher"), "<unconnected>");
 }
 
 TEST_F(DumpDeskTest, EachOfSeveralShowsItsOwnMoment) {
@@ -441,7 +452,8 @@ TEST_F(DumpDeskTest, OfNothingIsAnsweredAtOnceWhileAnotherIsInProgress) {
 }
 
 TEST_F(DumpDeskTest, ItemsMayOutliveIt) {
-  auto desk = std::make_shared<DumpDesk>(std::make_shared<SliceLine>(SerialQueue::create("test", executor)));
+  auto desk = std::make_shared<DumpDesk>(
+      std::make_shared<SliceLine>(SerialQueue::create("test", executor)));
   const auto item = KLNPublishedObject::initWithName("d");
   desk->enter(*item);
   desk->begin(/*withData=*/false, nullptr, DumpDesk::Reply::to([](const Array&, const Error&) {}));

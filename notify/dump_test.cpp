@@ -28,7 +28,9 @@ class NotificationDump : public NotifyTest {
     for (const Member& member : *entry.as<Value::Map>()) keys.push_back(member.key);
     return keys;
   }
-  std::shared_ptr<KLNPublishedObject> entry(const Name& name) const { return service->published().at(name); }
+  std::shared_ptr<KLNPublishedObject> entry(const Name& name) const {
+    return service->published().at(name);
+  }
 
   NotifyClient one{executor, FakeClient::identity(11)};
   NotifyClient other{executor, FakeClient::identity(12)};
@@ -65,7 +67,8 @@ TEST_F(NotificationDump, KeysStandInOrder) {
   subscribe(other, "n");
   executor.runAll();
   const auto all = entries("n", true);
-  EXPECT_THAT(keysOf(all.front()), ElementsAre("name", "publisher", "publishDate", "subscribers", "publishedData"));
+  EXPECT_THAT(keysOf(all.front()),
+              ElementsAre("name", "publisher", "publishDate", "subscribers", "publishedData"));
   const Value& subscriber = all.front().find("subscribers")->as<Value::List>()->front();
   EXPECT_THAT(keysOf(subscriber), ElementsAre("subscriber", "updateDate"));
 }
@@ -73,8 +76,10 @@ TEST_F(NotificationDump, KeysStandInOrder) {
 TEST_F(NotificationDump, WithoutTheFlagThereIsNoDataKey) {
   publish(one, "n", number(1));
   executor.runAll();
-  EXPECT_THAT(keysOf(entries("n", false).front()), ElementsAre("name", "publisher", "publishDate", "subscribers"));
-  EXPECT_THAT(keysOf(entries("_all", false).front()), ElementsAre("name", "publisher", "publishDate", "subscribers"));
+  EXPECT_THAT(keysOf(entries("n", false).front()),
+              ElementsAre("name", "publisher", "publishDate", "subscribers"));
+  EXPECT_THAT(keysOf(entries("_all", false).front()),
+              ElementsAre("name", "publisher", "publishDate", "subscribers"));
 }
 
 TEST_F(NotificationDump, WhatIsNotKnownHasAPlaceholderText) {
@@ -117,7 +122,8 @@ TEST_F(NotificationDump, LostConnectionsAreUnconnected) {
     if (item.textOf("name") == "m") {
       EXPECT_EQ(item.textOf("publisher"), "<unconnected>");
     } else {
-      EXPECT_EQ(item.find("subscribers")->as<Value::List>()->front().textOf("subscriber"), "<unconnected>");
+      EXPECT_EQ(item.find("subscribers")->as<Value::List>()->front().textOf("subscriber"),
+                "<unconnected>");
     }
   }
   // After it the placeholder still has its date.
@@ -201,7 +207,8 @@ TEST_F(NotificationDump, PublishedDataAreSplicedInAsTheyCame) {
   const auto id = one.request<&NotifyProxy::dumpNotification>("n", true);
   executor.runAll();
   const Array dumped = std::get<0>(*one.resultsOf<&NotifyProxy::dumpNotification>(id));
-  EXPECT_EQ(*dumped.value().as<Value::List>()->front().find("publishedData"), Value::map({{"h", 1.0}}));
+  EXPECT_EQ(*dumped.value().as<Value::List>()->front().find("publishedData"),
+            Value::map({{"h", 1.0}}));
   EXPECT_NE(std::ranges::search(dumped.encoded(), encoded).begin(), dumped.encoded().end());
 }
 
@@ -211,7 +218,8 @@ TEST_F(NotificationDump, LargeRegistriesAreDescribedWhole) {
     followers.push_back(std::make_unique<NotifyClient>(executor));
     subscribe(*followers.back(), "n");
   }
-  for (int i = 0; i < 300; ++i) publish(one, Name(std::string("item ") + std::to_string(i)), number(i));
+  for (int i = 0; i < 300; ++i)
+    publish(one, Name(std::string("item ") + std::to_string(i)), number(i));
   executor.runAll();
   EXPECT_EQ(entries("_all", true).size(), 301u);
   const auto followed = entries("n").front();

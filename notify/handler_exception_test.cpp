@@ -8,7 +8,8 @@ namespace keel {
 namespace {
 
 // The user info of an answer to an exception.
-void expectException(const Error& error, std::string_view nameKey, std::string_view exceptionName, std::string_view reason) {
+void expectException(const Error& error, std::string_view nameKey, std::string_view exceptionName,
+                     std::string_view reason) {
   EXPECT_EQ(error.domain(), String(KLNErrorDomain));
   EXPECT_EQ(error.code(), 13);
   const Value userInfo = error.userInfo().value();
@@ -28,14 +29,17 @@ void expectException(const Error& error, std::string_view nameKey, std::string_v
 
 TEST_F(NotificationHandler, AnExceptionWhilePublishingIsAnswered) {
   const Exception raised(NSRangeException, "too far");
-  service->makePublishBehavior = [&](std::uint64_t, std::int64_t) -> std::shared_ptr<KLNPublishBehavior> { throw raised; };
+  service->makePublishBehavior =
+      [&](std::uint64_t, std::int64_t) -> std::shared_ptr<KLNPublishBehavior> { throw raised; };
   const auto id = publish(one, "n", number(1));
   executor.runAll();
   const Error error = publishError(one, id);
   expectException(error, "publishName", "NSRangeException", "too far");
   const Value userInfo = error.userInfo().value();
-  EXPECT_EQ(userInfo.find("backtrace")->as<Value::List>()->size(), raised.callStackSymbols().size());
-  EXPECT_EQ(lines().back(), errorLine("NotificationHandler: publishItem: received an exception publishing n"));
+  EXPECT_EQ(userInfo.find("backtrace")->as<Value::List>()->size(),
+            raised.callStackSymbols().size());
+  EXPECT_EQ(lines().back(),
+            errorLine("NotificationHandler: publishItem: received an exception publishing n"));
   EXPECT_TRUE(one.handler()->publishedItems().empty());
   // The connection goes on.
   service->makePublishBehavior = nullptr;
@@ -43,27 +47,33 @@ TEST_F(NotificationHandler, AnExceptionWhilePublishingIsAnswered) {
 }
 
 TEST_F(NotificationHandler, AStandardExceptionWhilePublishingIsAnsweredToo) {
-  service->makeItem = []() -> std::shared_ptr<KLNPublishedObject> { throw std::runtime_error("no luck"); };
+  service->makeItem = []() -> std::shared_ptr<KLNPublishedObject> {
+    throw std::runtime_error("no luck");
+  };
   const auto id = publish(one, "n", number(1));
   executor.runAll();
   expectException(publishError(one, id), "publishName", "std::exception", "no luck");
-  EXPECT_EQ(lines().back(), errorLine("NotificationHandler: publishItem: received an exception publishing n"));
+  EXPECT_EQ(lines().back(),
+            errorLine("NotificationHandler: publishItem: received an exception publishing n"));
 }
 
 TEST_F(NotificationHandler, AnExceptionWhileSubscribingIsAnswered) {
-  service->makeSubscriberBehavior = [](std::uint64_t, std::int64_t) -> std::shared_ptr<SubscriberBehavior> {
+  service->makeSubscriberBehavior = [](std::uint64_t,
+                                       std::int64_t) -> std::shared_ptr<SubscriberBehavior> {
     throw Exception(NSGenericException, "why not");
   };
   const auto id = subscribe(one, "n");
   executor.runAll();
   expectException(subscribeError(one, id), "subscriptionName", "NSGenericException", "why not");
-  EXPECT_EQ(lines().back(),
-            errorLine("NotificationHandler: subscribeTo: received an exception processing a subscription request for n"));
+  EXPECT_EQ(lines().back(), errorLine("NotificationHandler: subscribeTo: received an exception "
+                                      "processing a subscription request for n"));
   EXPECT_TRUE(one.handler()->subscriptions().empty());
 }
 
 TEST_F(NotificationHandler, AStandardExceptionWhileSubscribingIsAnsweredToo) {
-  service->makeSubscription = []() -> std::shared_ptr<KLNSubscriptionObject> { throw std::runtime_error("no luck"); };
+  service->makeSubscription = []() -> std::shared_ptr<KLNSubscriptionObject> {
+    throw std::runtime_error("no luck");
+  };
   const auto id = subscribe(one, "n");
   executor.runAll();
   expectException(subscribeError(one, id), "subscriptionName", "std::exception", "no luck");

@@ -18,7 +18,8 @@ inline const Error kRequestFailed(KLNErrorDomain, 13);
 inline std::string shortForm(const Received& received) {
   switch (received.kind) {
     case Received::Kind::update:
-      return "update " + std::string(received.name.view()) + " " + received.item.value().description() +
+      return "update " + std::string(received.name.view()) + " " +
+             received.item.value().description() +
              (received.error ? " error " + std::to_string(received.error.code()) : "");
     case Received::Kind::reply:
       return "reply " + std::to_string(received.requestId);

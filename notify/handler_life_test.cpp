@@ -48,7 +48,8 @@ TEST_F(NotificationHandler, ModuleTableIsAnsweredAtOnceAsItStands) {
   const auto manager = std::make_shared<KLNModuleManager>();
   const KLNModuleManager::Override defaultManager(manager);
   const auto empty = one.request<&NotifyProxy::getModuleTableWithHandler>();
-  EXPECT_EQ(std::get<0>(*one.resultsOf<&NotifyProxy::getModuleTableWithHandler>(empty)).value(), Value::map({}));
+  EXPECT_EQ(std::get<0>(*one.resultsOf<&NotifyProxy::getModuleTableWithHandler>(empty)).value(),
+            Value::map({}));
   manager->moduleTable().set("keel_mail", "com.vantor.keeld.mail");
   const auto full = one.request<&NotifyProxy::getModuleTableWithHandler>();
   EXPECT_EQ(std::get<0>(*one.resultsOf<&NotifyProxy::getModuleTableWithHandler>(full)).value(),
@@ -76,9 +77,11 @@ TEST_F(NotificationHandler, ConnectionTextsOfAGoneConnectionAreZeros) {
   EXPECT_THAT(lines(), ElementsAre(debugLine("NotifyService connection from (0)0 interrupted"),
                                    debugLine("NotifyService  connection from (0)0 invalidated")));
   Error error;
-  handler->publishItem(nullptr, nullptr, 0, 0, xpc::Reply<Error>::to([&](Error given) { error = given; }));
+  handler->publishItem(nullptr, nullptr, 0, 0,
+                       xpc::Reply<Error>::to([&](Error given) { error = given; }));
   EXPECT_EQ(error, kNilName);
-  EXPECT_EQ(lines().back(), debugLine("NotificationHandler we have a publish request: (null) from (null)"));
+  EXPECT_EQ(lines().back(),
+            debugLine("NotificationHandler we have a publish request: (null) from (null)"));
 }
 
 TEST_F(NotificationHandler, CleanUpUndoesSubscriptionsBeforePublications) {
@@ -99,13 +102,15 @@ TEST_F(NotificationHandler, CleanUpUndoesSubscriptionsBeforePublications) {
   ASSERT_EQ(all.size(), 7u);
   EXPECT_EQ(all[0], debugLine("NotifyService unsubscribing"));
   EXPECT_THAT(std::vector(all.begin() + 1, all.begin() + 3),
-              ::testing::UnorderedElementsAre(debugLine("behavior connectionIsInvalid: unsubscribing from n"),
-                                              debugLine("behavior connectionIsInvalid: unsubscribing from m")));
+              ::testing::UnorderedElementsAre(
+                  debugLine("behavior connectionIsInvalid: unsubscribing from n"),
+                  debugLine("behavior connectionIsInvalid: unsubscribing from m")));
   EXPECT_EQ(all[3], debugLine("NotifyService unpublishing"));
   // The error goes to the one subscriber that is left, who drops it.
   EXPECT_EQ(all[4], debugLine("updateWithError: n"));
   EXPECT_EQ(all[5], debugLine("SubscriberBehavior:updateWithError: n"));
-  EXPECT_EQ(all[6], debugLine("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected(8)"));
+  EXPECT_EQ(all[6],
+            debugLine("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected(8)"));
 
   EXPECT_TRUE(handler->subscriptions().empty());
   EXPECT_TRUE(handler->publishedItems().empty());
@@ -234,7 +239,9 @@ TEST_F(NotificationHandlerCleanUp, OfSeveralClientsTakesTurns) {
   }
   executor.runAll();
   for (const auto& client : clients) client->die();
-  const auto left = [&handlers] { return handlers[0]->subscriptions().size() + handlers[1]->subscriptions().size(); };
+  const auto left = [&handlers] {
+    return handlers[0]->subscriptions().size() + handlers[1]->subscriptions().size();
+  };
   // The first slice of each is in its place in the queue.
   executor.runOne();
   EXPECT_EQ(left(), 4 * kSlice);
@@ -296,7 +303,8 @@ TEST_F(NotificationHandler, ASubscriberThatIsGoneHoldsUpNobody) {
   other.die();
   executor.runAll();
   EXPECT_THAT(receivedBy(third), ElementsAre("update n {\"number\": 2}"));
-  EXPECT_THAT(lines(), ::testing::Contains(errorLine("behavior updateWithData: connection is nil")));
+  EXPECT_THAT(lines(),
+              ::testing::Contains(errorLine("behavior updateWithData: connection is nil")));
   EXPECT_EQ(entry("n")->subscribers()->count(), 1u);
 }
 

@@ -11,7 +11,9 @@ TEST_F(NotificationHandler, PublishReachesTheRegistryAndItsTable) {
   const auto id = publish(one, "n", number(1));
   EXPECT_FALSE(one.isAnswered(id));
   EXPECT_EQ(entry("n"), nullptr);
-  EXPECT_THAT(lines(), ElementsAre(debugLine("NotificationHandler we have a publish request: n from " + from)));
+  EXPECT_THAT(
+      lines(),
+      ElementsAre(debugLine("NotificationHandler we have a publish request: n from " + from)));
   executor.runAll();
   EXPECT_FALSE(publishError(one, id));
   ASSERT_NE(entry("n"), nullptr);
@@ -25,8 +27,9 @@ TEST_F(NotificationHandler, PublishWithoutANameIsAnsweredBeforeAnythingIsQueued)
   const auto id = publish(one, nullptr, number(1));
   EXPECT_EQ(publishError(one, id), kNilName);
   EXPECT_EQ(executor.scheduledCount(), 0u);
-  EXPECT_THAT(lines(), ElementsAre(debugLine("NotificationHandler we have a publish request: (null) from " +
-                                             one.connection()->description())));
+  EXPECT_THAT(lines(),
+              ElementsAre(debugLine("NotificationHandler we have a publish request: (null) from " +
+                                    one.connection()->description())));
 }
 
 TEST_F(NotificationHandler, PublishWithoutDataSucceeds) {
@@ -42,7 +45,8 @@ TEST_F(NotificationHandler, PublishingOnesOwnNameAgainIsRefused) {
   executor.runAll();
   EXPECT_EQ(publishError(one, id), kDuplicate);
   EXPECT_TRUE(publishError(one, id).userInfo().isNull());
-  EXPECT_EQ(lines().back(), errorLine("NotificationHandler we don't allow duplicate publications n"));
+  EXPECT_EQ(lines().back(),
+            errorLine("NotificationHandler we don't allow duplicate publications n"));
   EXPECT_EQ(entry("n")->data(), number(1));
 }
 
@@ -52,7 +56,8 @@ TEST_F(NotificationHandler, PublishingTheNameOfAnotherIsRefusedByTheRegistry) {
   executor.runAll();
   const Error error = publishError(other, id);
   EXPECT_EQ(error.code(), 9);
-  EXPECT_EQ(error.userInfo().value(), Value::map({{"NSLocalizedDescription", "the key n has already been published"}}));
+  EXPECT_EQ(error.userInfo().value(),
+            Value::map({{"NSLocalizedDescription", "the key n has already been published"}}));
   EXPECT_TRUE(other.handler()->publishedItems().empty());
   EXPECT_EQ(lines().size(), 1u);  // the request
 }
@@ -68,7 +73,8 @@ TEST_F(NotificationHandler, AfterATakeOverTheTableHoldsThePlaceholder) {
   // What it updates is what the others follow.
   update(one, "n", number(2));
   executor.runAll();
-  EXPECT_THAT(receivedBy(other), ElementsAre("update n {\"number\": 1}", "update n {\"number\": 2}"));
+  EXPECT_THAT(receivedBy(other),
+              ElementsAre("update n {\"number\": 1}", "update n {\"number\": 2}"));
 }
 
 TEST_F(NotificationHandler, AnItemThatCannotBeMadeIsAFailure) {
@@ -84,21 +90,25 @@ TEST_F(NotificationHandler, AnItemThatCannotBeMadeIsAFailure) {
 TEST_F(NotificationHandler, SubscribeReachesTheRegistryAndItsTable) {
   const auto id = subscribe(one, "n");
   EXPECT_FALSE(one.isAnswered(id));
-  EXPECT_THAT(lines(), ElementsAre(debugLine("NotificationHandler we have a subscription request: n")));
+  EXPECT_THAT(lines(),
+              ElementsAre(debugLine("NotificationHandler we have a subscription request: n")));
   executor.runAll();
   EXPECT_FALSE(subscribeError(one, id));
   const auto subscription = one.handler()->subscriptions().at("n");
   EXPECT_EQ(subscription->owner(), one.connection());
   EXPECT_TRUE(entry("n")->subscribers()->contains(subscription));
-  EXPECT_THAT(lines(), ElementsAre(debugLine("NotificationHandler we have a subscription request: n"),
-                                   debugLine("NotificationHandler subscribing n with " + addressOf(subscription.get()))));
+  EXPECT_THAT(lines(),
+              ElementsAre(debugLine("NotificationHandler we have a subscription request: n"),
+                          debugLine("NotificationHandler subscribing n with " +
+                                    addressOf(subscription.get()))));
 }
 
 TEST_F(NotificationHandler, SubscribeWithoutANameIsAnsweredBeforeAnythingIsQueued) {
   const auto id = subscribe(one, nullptr);
   EXPECT_EQ(subscribeError(one, id), kNilName);
   EXPECT_EQ(executor.scheduledCount(), 0u);
-  EXPECT_THAT(lines(), ElementsAre(debugLine("NotificationHandler we have a subscription request: (null)")));
+  EXPECT_THAT(lines(),
+              ElementsAre(debugLine("NotificationHandler we have a subscription request: (null)")));
 }
 
 TEST_F(NotificationHandler, SubscribingAgainIsRefusedAndTheFirstSubscriptionStays) {
@@ -111,7 +121,8 @@ TEST_F(NotificationHandler, SubscribingAgainIsRefusedAndTheFirstSubscriptionStay
   EXPECT_EQ(one.handler()->subscriptions().at("n"), first);
   EXPECT_EQ(entry("n")->subscribers()->count(), 1u);
   EXPECT_EQ(lines().back(),
-            standardLine("NotificationHandler: subscribeTo: already subscribed to n subscription " + addressOf(first.get())));
+            standardLine("NotificationHandler: subscribeTo: already subscribed to n subscription " +
+                         addressOf(first.get())));
 }
 
 TEST_F(NotificationHandler, ARefusalOfTheRegistryLeavesTheTable) {
@@ -143,7 +154,8 @@ TEST_F(NotificationHandler, TwoConnectionsMayFollowOneName) {
 }
 
 TEST_F(NotificationHandler, FlagsAndValuesChangeNothing) {
-  const auto published = publish(one, "n", number(1), std::numeric_limits<std::uint64_t>::max(), -1);
+  const auto published =
+      publish(one, "n", number(1), std::numeric_limits<std::uint64_t>::max(), -1);
   const auto subscribed = subscribe(other, "n", std::numeric_limits<std::uint64_t>::max());
   executor.runAll();
   EXPECT_FALSE(publishError(one, published));
@@ -158,7 +170,8 @@ TEST_F(NotificationHandler, TheReplyComesBeforeTheFirstDelivery) {
   executor.runOne();
   EXPECT_THAT(receivedBy(other), ElementsAre("reply " + std::to_string(id)));
   executor.runAll();
-  EXPECT_THAT(receivedBy(other), ElementsAre("reply " + std::to_string(id), "update n {\"number\": 1}"));
+  EXPECT_THAT(receivedBy(other),
+              ElementsAre("reply " + std::to_string(id), "update n {\"number\": 1}"));
 }
 
 TEST_F(NotificationHandler, APlaceholderWithoutDataSendsOneNullItem) {
@@ -177,9 +190,10 @@ TEST_F(NotificationHandler, RepliesKeepTheOrderOfTheRequestsButImmediateOnesOver
   const auto atOnce = publish(one, nullptr, number(1));
   const auto third = update(one, "n", number(2));
   executor.runAll();
-  EXPECT_THAT(receivedBy(one), ElementsAre("reply " + std::to_string(atOnce), "reply " + std::to_string(first),
-                                           "reply " + std::to_string(second), "update n {\"number\": 2}",
-                                           "reply " + std::to_string(third), "update n {\"number\": 2}"));
+  EXPECT_THAT(receivedBy(one),
+              ElementsAre("reply " + std::to_string(atOnce), "reply " + std::to_string(first),
+                          "reply " + std::to_string(second), "update n {\"number\": 2}",
+                          "reply " + std::to_string(third), "update n {\"number\": 2}"));
 }
 
 TEST_F(NotificationHandler, UnsubscribeDetachesAndForgets) {
@@ -191,7 +205,8 @@ TEST_F(NotificationHandler, UnsubscribeDetachesAndForgets) {
   EXPECT_EQ(other.handler()->subscriptions().size(), 1u);
   executor.runAll();
   EXPECT_THAT(lines(), ElementsAre(debugLine("unsubscribeFrom n"),
-                                   debugLine("unsubscribeFrom n subscription " + addressOf(subscription.get()))));
+                                   debugLine("unsubscribeFrom n subscription " +
+                                             addressOf(subscription.get()))));
   EXPECT_TRUE(other.handler()->subscriptions().empty());
   EXPECT_TRUE(entry("n")->subscribers()->empty());
   update(one, "n", number(2));
@@ -204,9 +219,10 @@ TEST_F(NotificationHandler, UnsubscribeFromAnUnknownNameIsOnlyLogged) {
   unsubscribe(one, "n");
   unsubscribe(one, nullptr);
   executor.runAll();
-  EXPECT_THAT(lines(), ElementsAre(debugLine("unsubscribeFrom n"), debugLine("unsubscribeFrom (null)"),
-                                   errorLine("unsubscribeFrom n failed to find subscription"),
-                                   errorLine("unsubscribeFrom (null) failed to find subscription")));
+  EXPECT_THAT(lines(),
+              ElementsAre(debugLine("unsubscribeFrom n"), debugLine("unsubscribeFrom (null)"),
+                          errorLine("unsubscribeFrom n failed to find subscription"),
+                          errorLine("unsubscribeFrom (null) failed to find subscription")));
   EXPECT_THAT(receivedBy(one), IsEmpty());
   EXPECT_TRUE(service->published().empty());
 }
@@ -241,7 +257,8 @@ TEST_F(NotificationHandler, UpdateOfWhatThisConnectionDoesNotPublishIsNotFound) 
     executor.runAll();
     EXPECT_EQ(publishError(other, id), kNotFound);
     EXPECT_EQ(lines().back(),
-              errorLine("updatePublishedItem: item : " + (name.isNull() ? "(null)" : std::string(name.view())) + " not found"));
+              errorLine("updatePublishedItem: item : " +
+                        (name.isNull() ? "(null)" : std::string(name.view())) + " not found"));
   }
   EXPECT_EQ(entry("n")->data(), number(1));
 }

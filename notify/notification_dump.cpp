@@ -20,10 +20,12 @@ constexpr std::string_view kAllNames = "_all";
 
 Error notFound(const Name& name) {
   const std::string text = fmt::format("{} not found", name);
-  return Error(KLNErrorDomain, errNotFound, Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), text}})));
+  return Error(KLNErrorDomain, errNotFound,
+               Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), text}})));
 }
 
-void dumpOne(KLNNotificationService& service, const Name& name, bool withData, xpc::Reply<Array, Error> reply) {
+void dumpOne(KLNNotificationService& service, const Name& name, bool withData,
+             xpc::Reply<Array, Error> reply) {
   const auto found = service.published().find(name);
   if (found == service.published().end()) return reply(Array(Value::list({})), notFound(name));
   DumpAnswer answer(1, withData);
@@ -33,13 +35,14 @@ void dumpOne(KLNNotificationService& service, const Name& name, bool withData, x
 
 }  // namespace
 
-void KLNNotificationHandler::dumpNotification(Name name, bool withData, xpc::Reply<Array, Error> andHandler) {
+void KLNNotificationHandler::dumpNotification(Name name, bool withData,
+                                              xpc::Reply<Array, Error> andHandler) {
   const auto& service = KLNNotificationService::defaultService();
-  service->inputQueue()->async(
-      [handler = shared_from_this(), name = std::move(name), service, withData, reply = std::move(andHandler)]() mutable {
-        if (name.view() != kAllNames) return dumpOne(*service, name, withData, std::move(reply));
-        service->dumpDesk().begin(withData, handler->xpcConnection(), std::move(reply));
-      });
+  service->inputQueue()->async([handler = shared_from_this(), name = std::move(name), service,
+                                withData, reply = std::move(andHandler)]() mutable {
+    if (name.view() != kAllNames) return dumpOne(*service, name, withData, std::move(reply));
+    service->dumpDesk().begin(withData, handler->xpcConnection(), std::move(reply));
+  });
 }
 
 }  // namespace keel

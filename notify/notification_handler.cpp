@@ -39,17 +39,19 @@ std::string describe(const std::shared_ptr<xpc::Connection>& connection) {
 
 Error exceptionError(std::string_view nameKey, const Name& name, const Exception& raised) {
   const auto& symbols = raised.callStackSymbols();
-  return Error(KLNErrorDomain, errRequestFailed,
-               Dictionary(Value::map({
-                   {std::string(nameKey), name.view()},
-                   {"exception", Value::map({{"name", raised.name()}, {"reason", raised.reason()}})},
-                   {"backtrace", Value::List(symbols.begin(), symbols.end())},
-               })));
+  return Error(
+      KLNErrorDomain, errRequestFailed,
+      Dictionary(Value::map({
+          {std::string(nameKey), name.view()},
+          {"exception", Value::map({{"name", raised.name()}, {"reason", raised.reason()}})},
+          {"backtrace", Value::List(symbols.begin(), symbols.end())},
+      })));
 }
 
 // The exception guard of a request: what `serve` raises is logged and becomes the request's error.
 template <class Serve>
-Error guarded(fmt::format_string<const Name&> text, std::string_view nameKey, const Name& name, Serve serve) {
+Error guarded(fmt::format_string<const Name&> text, std::string_view nameKey, const Name& name,
+              Serve serve) {
   try {
     return serve();
   } catch (const Exception& raised) {
@@ -68,11 +70,12 @@ std::size_t weightOf(const KLNSubscriptionObject&) {
   return 1;
 }
 std::size_t weightOf(KLNPublishedObject& item) {
-  return 1 + (item.subscribers() != nullptr ? item.subscribers()->count() / kSubscribersPerName : 0);
+  return 1 +
+         (item.subscribers() != nullptr ? item.subscribers()->count() / kSubscribersPerName : 0);
 }
 
-// Tells what a client had, unless it is another's by now, that its connection is gone, and lets go of it, until the slice is
-// full.
+// Tells what a client had, unless it is another's by now, that its connection is gone, and lets go
+// of it, until the slice is full.
 template <class Table, class IsOwn>
 void endObjects(Table& table, std::size_t& done, IsOwn isOwn) {
   while (!table.empty() && done < KLNNotificationHandler::kCleanUpSlice) {
@@ -85,25 +88,32 @@ void endObjects(Table& table, std::size_t& done, IsOwn isOwn) {
 
 }  // namespace
 
-void KLNNotificationHandler::authCheckForUser(String user, std::int32_t andASID, xpc::Reply<bool, Error> withHandler) {
+void KLNNotificationHandler::authCheckForUser(String user, std::int32_t andASID,
+                                              xpc::Reply<bool, Error> withHandler) {
   KLNAuthService::defaultService()->isAuthedUser(
       std::move(user), andASID,
-      [reply = std::move(withHandler)](bool authenticated, Error error) mutable { reply(authenticated, std::move(error)); });
+      [reply = std::move(withHandler)](bool authenticated, Error error) mutable {
+        reply(authenticated, std::move(error));
+      });
 }
 
-void KLNNotificationHandler::subscribeTo(Name name, std::uint64_t withFlags, xpc::Reply<Dictionary, Error> andHandler) {
+void KLNNotificationHandler::subscribeTo(Name name, std::uint64_t withFlags,
+                                         xpc::Reply<Dictionary, Error> andHandler) {
   log.debug("NotificationHandler we have a subscription request: {}", name);
   if (name.isNull()) return andHandler(nullptr, Error(KLNErrorDomain, errNilName));
   const auto& service = KLNNotificationService::defaultService();
-  queueWork(*service, [handler = shared_from_this(), name = std::move(name), reply = std::move(andHandler), service,
-                       withFlags]() mutable {
-    Error error = guarded("NotificationHandler: subscribeTo: received an exception processing a subscription request for {}",
-                          "subscriptionName", name, [&] { return handler->subscribe(*service, name, withFlags); });
+  queueWork(*service, [handler = shared_from_this(), name = std::move(name),
+                       reply = std::move(andHandler), service, withFlags]() mutable {
+    Error error = guarded(
+        "NotificationHandler: subscribeTo: received an exception processing a subscription request "
+        "for {}",
+        "subscriptionName", name, [&] { return handler->subscribe(*service, name, withFlags); });
     reply(nullptr, std::move(error));
   });
 }
 
-Error KLNNotificationHandler::subscribe(KLNNotificationService& service, const Name& name, std::uint64_t flags) {
+Error KLNNotificationHandler::subscribe(KLNNotificationService& service, const Name& name,
+                                        std::uint64_t flags) {
   if (const auto existing = subscriptions_.find(name); existing != subscriptions_.end()) {
     log.standard("NotificationHandler: subscribeTo: already subscribed to {} subscription {}", name,
                  fmt::ptr(existing->second.get()));
@@ -119,14 +129,13 @@ Error KLNNotificationHandler::subscribe(KLNNotificationService& service, const N
   return error;
 }
 
-// The connection lives until the work is done: were it gone by then, the registry could not find its subscription, which would
-// stay with the item for good.
+// The connection lives until the work is done: were it gone by then, the registry could not find
+// its subscription, which would stay with the item for good.
 void KLNNotificationHandler::unsubscribeFrom(Name name) {
   log.debug("unsubscribeFrom {}", name);
   const auto& service = KLNNotificationService::defaultService();
-  queueWork(*service, [handler = shared_from_this(), name = std::move(name), service, connection = xpcConnection()] {
-    handler->unsubscribe(*service, name);
-  });
+  queueWork(*service, [handler = shared_from_this(), name = std::move(name), service,
+                       connection = xpcConnection()] { handler->unsubscribe(*service, name); });
 }
 
 void KLNNotificationHandler::unsubscribe(KLNNotificationService& service, const Name& name) {
@@ -141,22 +150,25 @@ void KLNNotificationHandler::unsubscribe(KLNNotificationService& service, const 
   if (error) log.error("unsubscribeFrom {} failed to find subscription", name);
 }
 
-void KLNNotificationHandler::publishItem(Dictionary item, Name name, std::uint64_t flags, std::int64_t value,
-                                         xpc::Reply<Error> withHandler) {
+void KLNNotificationHandler::publishItem(Dictionary item, Name name, std::uint64_t flags,
+                                         std::int64_t value, xpc::Reply<Error> withHandler) {
   if (log.enabled(LogLevel::debug)) {
-    log.debug("NotificationHandler we have a publish request: {} from {}", name, describe(xpcConnection()));
+    log.debug("NotificationHandler we have a publish request: {} from {}", name,
+              describe(xpcConnection()));
   }
   if (name.isNull()) return withHandler(Error(KLNErrorDomain, errNilName));
   const auto& service = KLNNotificationService::defaultService();
-  queueWork(*service, [handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler), service,
-                       item = std::move(item), flags, value]() mutable {
-    reply(guarded("NotificationHandler: publishItem: received an exception publishing {}", "publishName", name,
-                  [&] { return handler->publish(*service, item, name, flags, value); }));
-  });
+  queueWork(*service,
+            [handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler),
+             service, item = std::move(item), flags, value]() mutable {
+              reply(guarded("NotificationHandler: publishItem: received an exception publishing {}",
+                            "publishName", name,
+                            [&] { return handler->publish(*service, item, name, flags, value); }));
+            });
 }
 
-Error KLNNotificationHandler::publish(KLNNotificationService& service, const Dictionary& item, const Name& name,
-                                      std::uint64_t flags, std::int64_t value) {
+Error KLNNotificationHandler::publish(KLNNotificationService& service, const Dictionary& item,
+                                      const Name& name, std::uint64_t flags, std::int64_t value) {
   if (publishedItems().contains(name)) {
     log.error("NotificationHandler we don't allow duplicate publications {}", name);
     return Error(KLNErrorDomain, errDuplicate);
@@ -170,12 +182,13 @@ Error KLNNotificationHandler::publish(KLNNotificationService& service, const Dic
   return error;
 }
 
-void KLNNotificationHandler::updatePublishedItem(Dictionary item, Name name, xpc::Reply<Error> withHandler) {
+void KLNNotificationHandler::updatePublishedItem(Dictionary item, Name name,
+                                                 xpc::Reply<Error> withHandler) {
   if (log.enabled(LogLevel::debug)) {
     log.debug("updatePublishedItem: updating {} from {}", name, describe(xpcConnection()));
   }
-  KLNNotificationService::defaultService()->updateCoalescer().add(*this, std::move(name), std::move(item),
-                                                                  std::move(withHandler));
+  KLNNotificationService::defaultService()->updateCoalescer().add(
+      *this, std::move(name), std::move(item), std::move(withHandler));
 }
 
 void KLNNotificationHandler::update(UpdateBatch& batch) {
@@ -199,8 +212,9 @@ void KLNNotificationHandler::update(UpdateBatch& batch) {
 
 void KLNNotificationHandler::removePublishedItemForName(Name name, xpc::Reply<Error> withHandler) {
   const auto& service = KLNNotificationService::defaultService();
-  queueWork(*service, [handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler),
-                       service]() mutable { reply(handler->remove(*service, name)); });
+  queueWork(*service,
+            [handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler),
+             service]() mutable { reply(handler->remove(*service, name)); });
 }
 
 Error KLNNotificationHandler::remove(KLNNotificationService& service, const Name& name) {
@@ -218,13 +232,15 @@ void KLNNotificationHandler::getModuleTableWithHandler(xpc::Reply<Dictionary> ha
 
 void KLNNotificationHandler::connectionInterupted() {
   const auto connection = xpcConnection();
-  log.debug("NotifyService connection from ({}){} interrupted", connection ? connection->processIdentifier() : 0,
+  log.debug("NotifyService connection from ({}){} interrupted",
+            connection ? connection->processIdentifier() : 0,
             connection ? connection->auditSessionIdentifier() : 0);
 }
 
 void KLNNotificationHandler::connectionInvalidated() {
   const auto connection = xpcConnection();
-  log.debug("NotifyService  connection from ({}){} invalidated", connection ? connection->processIdentifier() : 0,
+  log.debug("NotifyService  connection from ({}){} invalidated",
+            connection ? connection->processIdentifier() : 0,
             connection ? connection->auditSessionIdentifier() : 0);
   const auto& service = KLNNotificationService::defaultService();
   if (connection) service->dumpDesk().connectionEnds(connection);
@@ -255,7 +271,8 @@ bool KLNNotificationHandler::cleanUpSlice(CleanUp& stage) {
     stage = CleanUp::publications;
   }
   if (!publishedItems_) return false;
-  endObjects(*publishedItems_, done, [this](const KLNPublishedObject& item) { return item.isOwnedBy(xpcConnection_); });
+  endObjects(*publishedItems_, done,
+             [this](const KLNPublishedObject& item) { return item.isOwnedBy(xpcConnection_); });
   return !publishedItems_->empty();
 }
 

@@ -17,29 +17,35 @@ namespace keel {
 class KLNNotificationService;
 struct UpdateBatch;
 
-// Serves one client of the notify service, and knows what this client published and follows. Requests arrive on the
-// connection's queue; what touches the registry or the tables here runs on the registry's input queue, in the order of arrival,
-// and so do the replies. Held by its connection and by the work it has queued; it refers to the connection weakly. Made with
+// Serves one client of the notify service, and knows what this client published and follows.
+// Requests arrive on the connection's queue; what touches the registry or the tables here runs on
+// the registry's input queue, in the order of arrival, and so do the replies. Held by its
+// connection and by the work it has queued; it refers to the connection weakly. Made with
 // make_shared.
 class KLNNotificationHandler final : public protocols::NotifyProxy,
                                      public std::enable_shared_from_this<KLNNotificationHandler> {
  public:
   using PublishedItems = std::unordered_map<Name, std::shared_ptr<KLNPublishedObject>, StringHash>;
-  using Subscriptions = std::unordered_map<Name, std::shared_ptr<KLNSubscriptionObject>, StringHash>;
+  using Subscriptions =
+      std::unordered_map<Name, std::shared_ptr<KLNSubscriptionObject>, StringHash>;
 
-  // How many names of a client that is gone are dealt with in one slice; those with many subscribers count more.
+  // How many names of a client that is gone are dealt with in one slice; those with many
+  // subscribers count more.
   static constexpr std::size_t kCleanUpSlice = 32;
 
   // The table of KLNAuthService answers; its reply comes on that service's strand.
-  void authCheckForUser(String user, std::int32_t andASID, xpc::Reply<bool, Error> withHandler) override;
-  // A null name is answered at once. An exception is answered with code 13, whose user info holds "subscriptionName",
-  // "exception" and "backtrace".
-  void subscribeTo(Name name, std::uint64_t withFlags, xpc::Reply<Dictionary, Error> andHandler) override;
+  void authCheckForUser(String user, std::int32_t andASID,
+                        xpc::Reply<bool, Error> withHandler) override;
+  // A null name is answered at once. An exception is answered with code 13, whose user info holds
+  // "subscriptionName", "exception" and "backtrace".
+  void subscribeTo(Name name, std::uint64_t withFlags,
+                   xpc::Reply<Dictionary, Error> andHandler) override;
   // A name that is not followed is only logged.
   void unsubscribeFrom(Name name) override;
-  // A null name is answered at once. An exception is answered with code 13, whose user info holds "publishName", "exception"
-  // and "backtrace".
-  void publishItem(Dictionary item, Name name, std::uint64_t flags, std::int64_t value, xpc::Reply<Error> withHandler) override;
+  // A null name is answered at once. An exception is answered with code 13, whose user info holds
+  // "publishName", "exception" and "backtrace".
+  void publishItem(Dictionary item, Name name, std::uint64_t flags, std::int64_t value,
+                   xpc::Reply<Error> withHandler) override;
   void updatePublishedItem(Dictionary item, Name name, xpc::Reply<Error> withHandler) override;
   void removePublishedItemForName(Name name, xpc::Reply<Error> withHandler) override;
   // At once.
@@ -49,8 +55,9 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
 
   // The client sent something that cannot be decoded: logged, nothing changes.
   void connectionInterupted();
-  // The connection has ended: queues the end of its subscriptions, of which nobody hears, then of its publications, which
-  // become placeholders. Other requests may run in between, never in the middle of one name.
+  // The connection has ended: queues the end of its subscriptions, of which nobody hears, then of
+  // its publications, which become placeholders. Other requests may run in between, never in the
+  // middle of one name.
   void connectionInvalidated();
 
   // What those updates ask for, and their answers. On the input queue.
@@ -65,14 +72,16 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   const Subscriptions& subscriptions() const { return subscriptions_; }
 
   std::shared_ptr<xpc::Connection> xpcConnection() const { return xpcConnection_.lock(); }
-  void setXpcConnection(const std::shared_ptr<xpc::Connection>& connection) { xpcConnection_ = connection; }
+  void setXpcConnection(const std::shared_ptr<xpc::Connection>& connection) {
+    xpcConnection_ = connection;
+  }
 
  private:
   // What the requests do on the input queue; the error is the reply's.
   Error subscribe(KLNNotificationService& service, const Name& name, std::uint64_t flags);
   void unsubscribe(KLNNotificationService& service, const Name& name);
-  Error publish(KLNNotificationService& service, const Dictionary& item, const Name& name, std::uint64_t flags,
-                std::int64_t value);
+  Error publish(KLNNotificationService& service, const Dictionary& item, const Name& name,
+                std::uint64_t flags, std::int64_t value);
   Error remove(KLNNotificationService& service, const Name& name);
   enum class CleanUp : std::uint8_t { subscriptions, publications };
   void cleanUp(const std::shared_ptr<KLNNotificationService>& service);

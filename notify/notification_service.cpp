@@ -39,7 +39,8 @@ const std::shared_ptr<KLNNotificationService>& KLNNotificationService::defaultSe
   if (const auto& overriding = overridingService()) [[unlikely]]
     return overriding;
   // Never destroyed: other threads use it while the process ends.
-  static const auto& service = *new std::shared_ptr<KLNNotificationService>(std::make_shared<KLNNotificationService>());
+  static const auto& service =
+      *new std::shared_ptr<KLNNotificationService>(std::make_shared<KLNNotificationService>());
   return service;
 }
 
@@ -67,7 +68,8 @@ std::shared_ptr<KLNPublishedObject> KLNNotificationService::newPublishedObjectWi
   return item;
 }
 
-std::shared_ptr<KLNPublishBehavior> KLNNotificationService::newPublishBehaviorFromFlags(std::uint64_t, std::int64_t) {
+std::shared_ptr<KLNPublishBehavior> KLNNotificationService::newPublishBehaviorFromFlags(
+    std::uint64_t, std::int64_t) {
   return std::make_shared<KLNPublishBehavior>();
 }
 
@@ -80,17 +82,21 @@ bool KLNNotificationService::publish(std::shared_ptr<KLNPublishedObject>& item, 
   }
   if (isPublished(*placeholder)) {
     const std::string text = fmt::format("the key {} has already been published", item->name());
-    return refuse(error, errDuplicate, Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), text}})));
+    return refuse(error, errDuplicate,
+                  Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), text}})));
   }
   placeholder->setOwner(item->owner());
-  if (const auto behavior = std::dynamic_pointer_cast<KLNPublishBehavior>(item->delegate())) behavior->addTarget(placeholder);
+  if (const auto behavior = std::dynamic_pointer_cast<KLNPublishBehavior>(item->delegate()))
+    behavior->addTarget(placeholder);
   const auto made = std::exchange(item, placeholder);
   placeholder->updateWithData(made->data());
   return true;
 }
 
-bool KLNNotificationService::publishItem(Dictionary data, Name name, std::uint64_t flags, std::int64_t value,
-                                         const std::shared_ptr<xpc::Connection>& fromConnection, Error* error) {
+bool KLNNotificationService::publishItem(Dictionary data, Name name, std::uint64_t flags,
+                                         std::int64_t value,
+                                         const std::shared_ptr<xpc::Connection>& fromConnection,
+                                         Error* error) {
   const auto placeholder = itemOfName(name);
   if (!placeholder) {
     auto item = newPublishedObjectWith(std::move(data), name, flags, value, fromConnection);
@@ -110,8 +116,9 @@ bool KLNNotificationService::publishItem(Dictionary data, Name name, std::uint64
   return true;
 }
 
-bool KLNNotificationService::updatePublishedItem(Dictionary data, const Name& name,
-                                                 const std::shared_ptr<xpc::Connection>& fromConnection, Error* error) {
+bool KLNNotificationService::updatePublishedItem(
+    Dictionary data, const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection,
+    Error* error) {
   const auto item = itemOfName(name);
   if (!item) return refuse(error, errNotFound);
   if (!isOwner(*item, fromConnection)) return refuse(error, errNotOwner);
@@ -119,8 +126,8 @@ bool KLNNotificationService::updatePublishedItem(Dictionary data, const Name& na
   return true;
 }
 
-bool KLNNotificationService::removePublishedItemForName(const Name& name,
-                                                        const std::shared_ptr<xpc::Connection>& fromConnection, Error* error) {
+bool KLNNotificationService::removePublishedItemForName(
+    const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection, Error* error) {
   const auto item = itemOfName(name);
   log.debug("removePublishedItemForName {} ", name);
   if (!item) return refuse(error, errNotFound);
@@ -135,7 +142,8 @@ bool KLNNotificationService::removePublishedItemForName(const Name& name,
 }
 
 std::shared_ptr<KLNSubscriptionObject> KLNNotificationService::newSubscriptionObjectForName(
-    Name name, std::uint64_t flags, std::int64_t value, const std::shared_ptr<xpc::Connection>& fromConnection) {
+    Name name, std::uint64_t flags, std::int64_t value,
+    const std::shared_ptr<xpc::Connection>& fromConnection) {
   auto subscription = KLNSubscriptionObject::initWithName(std::move(name), fromConnection);
   if (!subscription) return nullptr;
   const auto behavior = newSubscriberBehaviorFromFlags(flags, value);
@@ -144,11 +152,13 @@ std::shared_ptr<KLNSubscriptionObject> KLNNotificationService::newSubscriptionOb
   return subscription;
 }
 
-std::shared_ptr<SubscriberBehavior> KLNNotificationService::newSubscriberBehaviorFromFlags(std::uint64_t, std::int64_t) {
+std::shared_ptr<SubscriberBehavior> KLNNotificationService::newSubscriberBehaviorFromFlags(
+    std::uint64_t, std::int64_t) {
   return std::make_shared<SubscriberBehavior>();
 }
 
-bool KLNNotificationService::subscribe(const std::shared_ptr<KLNSubscriptionObject>& subscription, Error* error) {
+bool KLNNotificationService::subscribe(const std::shared_ptr<KLNSubscriptionObject>& subscription,
+                                       Error* error) {
   if (!subscription) return refuse(error, errRequestFailed);
   const Name& name = subscription->name();
   if (const auto item = itemOfName(name)) {
@@ -166,7 +176,8 @@ bool KLNNotificationService::subscribe(const std::shared_ptr<KLNSubscriptionObje
   return true;
 }
 
-bool KLNNotificationService::subscribeTo(const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection,
+bool KLNNotificationService::subscribeTo(const Name& name,
+                                         const std::shared_ptr<xpc::Connection>& fromConnection,
                                          std::uint64_t withFlags, Error*) {
   const auto subscription = newSubscriptionObjectForName(name, withFlags, 0, fromConnection);
   if (!subscription) return true;
@@ -181,8 +192,8 @@ bool KLNNotificationService::subscribeTo(const Name& name, const std::shared_ptr
   return true;
 }
 
-bool KLNNotificationService::removeSubscriptionForName(const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection,
-                                                       Error*) {
+bool KLNNotificationService::removeSubscriptionForName(
+    const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection, Error*) {
   const auto item = itemOfName(name);
   if (!item) return false;
   const auto subscription = item->subscriberForConnection(fromConnection);

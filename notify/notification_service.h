@@ -22,20 +22,23 @@ class SliceLine;
 class SubscriberBehavior;
 class UpdateCoalescer;
 
-// Every name that is published or waited for: one publisher for each, one subscription for each connection, and only the
-// publisher updates or removes. A name that is followed before it is published, or that has lost its publisher, is kept as a
-// placeholder with its subscribers, which the next publication takes over.
+// Every name that is published or waited for: one publisher for each, one subscription for each
+// connection, and only the publisher updates or removes. A name that is followed before it is
+// published, or that has lost its publisher, is kept as a placeholder with its subscribers, which
+// the next publication takes over.
 //
-// Owns the input queue, on which all notification work runs and to which everything here is confined. Never waits, and never
-// sends to a client. A refusal returns false, is written to `error` unless that is null, and changes nothing. Flags and values
-// are for the factories of behaviours, which ignore them.
+// Owns the input queue, on which all notification work runs and to which everything here is
+// confined. Never waits, and never sends to a client. A refusal returns false, is written to
+// `error` unless that is null, and changes nothing. Flags and values are for the factories of
+// behaviours, which ignore them.
 class KLNNotificationService {
  public:
   using PublishedItems = std::unordered_map<Name, std::shared_ptr<KLNPublishedObject>, StringHash>;
   using CountedConnections = std::unordered_map<std::shared_ptr<xpc::Connection>, std::size_t>;
   class Override;
 
-  // The one service of this process, made on the first call, on the I/O thread's executor. From any thread.
+  // The one service of this process, made on the first call, on the I/O thread's executor. From any
+  // thread.
   static const std::shared_ptr<KLNNotificationService>& defaultService();
 
   KLNNotificationService();
@@ -48,37 +51,46 @@ class KLNNotificationService {
   const std::shared_ptr<SerialQueue>& inputQueue() const { return inputQ_; }
 
   // A published item that is not in the table yet. Null for a null name.
-  virtual std::shared_ptr<KLNPublishedObject> newPublishedObjectWith(Dictionary data, Name name, std::uint64_t flags,
-                                                                     std::int64_t value,
-                                                                     const std::shared_ptr<xpc::Connection>& fromConnection);
-  virtual std::shared_ptr<KLNPublishBehavior> newPublishBehaviorFromFlags(std::uint64_t flags, std::int64_t value);
-  // Enters `item`. Where a placeholder waits it takes over owner, behaviour and data of `item`, its subscribers receive the
-  // data, and `item` becomes the placeholder. Codes 9 (with a description) and 13 (null item).
+  virtual std::shared_ptr<KLNPublishedObject> newPublishedObjectWith(
+      Dictionary data, Name name, std::uint64_t flags, std::int64_t value,
+      const std::shared_ptr<xpc::Connection>& fromConnection);
+  virtual std::shared_ptr<KLNPublishBehavior> newPublishBehaviorFromFlags(std::uint64_t flags,
+                                                                          std::int64_t value);
+  // Enters `item`. Where a placeholder waits it takes over owner, behaviour and data of `item`, its
+  // subscribers receive the data, and `item` becomes the placeholder. Codes 9 (with a description)
+  // and 13 (null item).
   bool publish(std::shared_ptr<KLNPublishedObject>& item, Error* error);
   // The same in one step. Codes 9, 13 (no item could be made).
   bool publishItem(Dictionary data, Name name, std::uint64_t flags, std::int64_t value,
                    const std::shared_ptr<xpc::Connection>& fromConnection, Error* error);
   // Codes 10, 11.
-  bool updatePublishedItem(Dictionary data, const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection,
-                           Error* error);
+  bool updatePublishedItem(Dictionary data, const Name& name,
+                           const std::shared_ptr<xpc::Connection>& fromConnection, Error* error);
   // The entry goes, or stays as a placeholder when it is followed. Codes 10, 11.
-  bool removePublishedItemForName(const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection, Error* error);
+  bool removePublishedItemForName(const Name& name,
+                                  const std::shared_ptr<xpc::Connection>& fromConnection,
+                                  Error* error);
 
   // A subscription with its behaviour that follows no item yet. Null for a null name.
   virtual std::shared_ptr<KLNSubscriptionObject> newSubscriptionObjectForName(
-      Name name, std::uint64_t flags, std::int64_t value, const std::shared_ptr<xpc::Connection>& fromConnection);
-  virtual std::shared_ptr<SubscriberBehavior> newSubscriberBehaviorFromFlags(std::uint64_t flags, std::int64_t value);
-  // Attaches `subscription` to the item of its name, and queues the delivery of the item's data, null data included; so they
-  // follow what the running block replies. Without an item it makes a placeholder and delivers nothing. Codes 9 (the
-  // subscription's owner follows the name already) and 13 (null subscription).
+      Name name, std::uint64_t flags, std::int64_t value,
+      const std::shared_ptr<xpc::Connection>& fromConnection);
+  virtual std::shared_ptr<SubscriberBehavior> newSubscriberBehaviorFromFlags(std::uint64_t flags,
+                                                                             std::int64_t value);
+  // Attaches `subscription` to the item of its name, and queues the delivery of the item's data,
+  // null data included; so they follow what the running block replies. Without an item it makes a
+  // placeholder and delivers nothing. Codes 9 (the subscription's owner follows the name already)
+  // and 13 (null subscription).
   bool subscribe(const std::shared_ptr<KLNSubscriptionObject>& subscription, Error* error);
-  // The same without asking whether the connection follows the name already; and where there is no item, it enters one without
-  // a name and without subscribers, so that the subscription is not recorded. Always true, `error` is never written. A null
-  // name does nothing.
-  bool subscribeTo(const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection, std::uint64_t withFlags,
-                   Error* error);
+  // The same without asking whether the connection follows the name already; and where there is no
+  // item, it enters one without a name and without subscribers, so that the subscription is not
+  // recorded. Always true, `error` is never written. A null name does nothing.
+  bool subscribeTo(const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection,
+                   std::uint64_t withFlags, Error* error);
   // False when the connection does not follow the name; `error` is never written. The item stays.
-  bool removeSubscriptionForName(const Name& name, const std::shared_ptr<xpc::Connection>& fromConnection, Error* error);
+  bool removeSubscriptionForName(const Name& name,
+                                 const std::shared_ptr<xpc::Connection>& fromConnection,
+                                 Error* error);
 
   // Does nothing: publishers() stays empty.
   void addPublisher(const std::shared_ptr<xpc::Connection>& connection);
@@ -89,8 +101,8 @@ class KLNNotificationService {
   PublishedItems& published() { return published_; }
   const CountedConnections& publishers() const { return publishers_; }
   SliceLine& sliceLine() { return *sliceLine_; }
-  // The publications of that client, which is gone, are ended in slices: whoever publishes one that has yet to be ended finds
-  // it ended, too.
+  // The publications of that client, which is gone, are ended in slices: whoever publishes one that
+  // has yet to be ended finds it ended, too.
   void beginCleanUp(const std::weak_ptr<xpc::Connection>& owner);
   void endCleanUp(const std::weak_ptr<xpc::Connection>& owner);
   DumpDesk& dumpDesk() { return *dumpDesk_; }
@@ -104,8 +116,10 @@ class KLNNotificationService {
   // Whether somebody publishes it. Ends the publication first if that is about to be done anyhow.
   bool isPublished(KLNPublishedObject& item);
   void enter(const Name& name, std::shared_ptr<KLNPublishedObject> item);
-  void follow(const std::shared_ptr<KLNSubscriptionObject>& subscription, const std::shared_ptr<KLNPublishedObject>& item);
-  void queueFirstDelivery(std::shared_ptr<KLNSubscriptionObject> subscription, std::shared_ptr<KLNPublishedObject> item);
+  void follow(const std::shared_ptr<KLNSubscriptionObject>& subscription,
+              const std::shared_ptr<KLNPublishedObject>& item);
+  void queueFirstDelivery(std::shared_ptr<KLNSubscriptionObject> subscription,
+                          std::shared_ptr<KLNPublishedObject> item);
 
   // In the order in which they are made.
   PublishedItems published_;
@@ -115,7 +129,8 @@ class KLNNotificationService {
   const std::shared_ptr<SliceLine> sliceLine_;
   const std::shared_ptr<DumpDesk> dumpDesk_;
   const std::shared_ptr<UpdateCoalescer> updateCoalescer_;
-  std::vector<std::weak_ptr<xpc::Connection>> cleanedUp_;  // owners whose publications are being ended
+  std::vector<std::weak_ptr<xpc::Connection>>
+      cleanedUp_;  // owners whose publications are being ended
 };
 
 // For tests: makes `service` the default one until the token is destroyed. Tokens nest.

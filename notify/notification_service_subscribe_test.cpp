@@ -5,7 +5,8 @@ namespace keel {
 namespace {
 
 TEST_F(NotificationService, ANewSubscriptionHasABehaviorAndFollowsNothing) {
-  const auto subscription = service->newSubscriptionObjectForName("n", kAnyFlags, kAnyValue, one.connection());
+  const auto subscription =
+      service->newSubscriptionObjectForName("n", kAnyFlags, kAnyValue, one.connection());
   ASSERT_NE(subscription, nullptr);
   EXPECT_EQ(subscription->name(), Name("n"));
   EXPECT_EQ(subscription->owner(), one.connection());
@@ -18,7 +19,8 @@ TEST_F(NotificationService, ANewSubscriptionHasABehaviorAndFollowsNothing) {
 
 TEST_F(NotificationService, ANewSubscriptionWithoutANameIsNone) {
   EXPECT_EQ(service->newSubscriptionObjectForName(nullptr, 0, 0, one.connection()), nullptr);
-  EXPECT_THAT(lines(), ElementsAre(errorLine("KLNSubscriptionObject: subscription name may not be nil")));
+  EXPECT_THAT(lines(),
+              ElementsAre(errorLine("KLNSubscriptionObject: subscription name may not be nil")));
 }
 
 TEST_F(NotificationService, WithoutABehaviorANewSubscriptionServesItself) {
@@ -111,7 +113,8 @@ TEST_F(NotificationService, SubscribingTwiceFromOneConnectionIsRefused) {
   EXPECT_FALSE(service->subscribe(second.subscription, &error));
   EXPECT_EQ(error, Error(KLNErrorDomain, 9));
   EXPECT_TRUE(error.userInfo().isNull());
-  EXPECT_THAT(lines(), ElementsAre(errorLine("subscribe: already subscribed to n from this connection")));
+  EXPECT_THAT(lines(),
+              ElementsAre(errorLine("subscribe: already subscribed to n from this connection")));
   EXPECT_FALSE(service->subscribe(second.subscription, nullptr));
   EXPECT_EQ(entry("n")->subscribers()->count(), 1u);
   EXPECT_EQ(second.subscription->target(), nullptr);
@@ -139,7 +142,8 @@ TEST_F(NotificationService, AllIsAnOrdinaryNameHere) {
 
 TEST_F(NotificationService, SubscribeToAttachesWithoutAskingForDuplicates) {
   const auto item = mustPublish("n", 1, one);
-  other.connection()->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+  other.connection()->setRemoteObjectInterface(
+      xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
   other.connection()->resume();
   Error error;
   EXPECT_TRUE(service->subscribeTo("n", other.connection(), kAnyFlags, &error));

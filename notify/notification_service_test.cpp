@@ -84,12 +84,15 @@ TEST_F(NotificationService, FlagsAndValueReachTheFactoriesWhichIgnoreThem) {
     asked.emplace_back(flags, value);
     return service->KLNNotificationService::newSubscriberBehaviorFromFlags(flags, value);
   };
-  const auto item = service->newPublishedObjectWith(number(1), "n", kAnyFlags, kAnyValue, one.connection());
-  const auto subscription = service->newSubscriptionObjectForName("n", kAnyFlags, kAnyValue, one.connection());
+  const auto item =
+      service->newPublishedObjectWith(number(1), "n", kAnyFlags, kAnyValue, one.connection());
+  const auto subscription =
+      service->newSubscriptionObjectForName("n", kAnyFlags, kAnyValue, one.connection());
   service->publishItem(number(1), "m", 5, -6, one.connection(), nullptr);
   service->subscribeTo("n", one.connection(), 7, nullptr);
   EXPECT_THAT(asked, ElementsAre(std::pair(kAnyFlags, kAnyValue), std::pair(kAnyFlags, kAnyValue),
-                                 std::pair(std::uint64_t{5}, std::int64_t{-6}), std::pair(std::uint64_t{7}, std::int64_t{0})));
+                                 std::pair(std::uint64_t{5}, std::int64_t{-6}),
+                                 std::pair(std::uint64_t{7}, std::int64_t{0})));
   EXPECT_NE(std::dynamic_pointer_cast<KLNPublishBehavior>(item->delegate()), nullptr);
   EXPECT_NE(std::dynamic_pointer_cast<SubscriberBehavior>(subscription->delegate()), nullptr);
 }
@@ -132,7 +135,8 @@ TEST_F(NotificationService, PublishOfAPublishedNameIsRefusedToEverybody) {
     EXPECT_FALSE(service->publish(item, &error));
     EXPECT_EQ(error.domain(), String(KLNErrorDomain));
     EXPECT_EQ(error.code(), 9);
-    EXPECT_EQ(error.userInfo().value(), Value::map({{"NSLocalizedDescription", "the key n has already been published"}}));
+    EXPECT_EQ(error.userInfo().value(),
+              Value::map({{"NSLocalizedDescription", "the key n has already been published"}}));
     EXPECT_FALSE(service->publish(item, nullptr));
     EXPECT_EQ(item, made);
     EXPECT_EQ(entry("n"), first);
@@ -178,7 +182,8 @@ TEST_F(NotificationService, PublishOfAnItemWithoutABehaviorLeavesThePlaceholderO
 
 TEST_F(NotificationService, NamesAreComparedExactly) {
   mustPublish("name", 1, one);
-  for (const char* name : {"Name", "name ", "", "_all"}) EXPECT_NE(mustPublish(name, 2, one), nullptr);
+  for (const char* name : {"Name", "name ", "", "_all"})
+    EXPECT_NE(mustPublish(name, 2, one), nullptr);
   EXPECT_EQ(service->published().size(), 5u);
   EXPECT_EQ(entry("name")->data(), number(1));
 }
@@ -201,8 +206,11 @@ TEST_F(NotificationService, PublishItemOfAPublishedNameIsRefused) {
   EXPECT_EQ(error, Error(KLNErrorDomain, 9));
   EXPECT_TRUE(error.userInfo().isNull());
   EXPECT_EQ(entry("n")->data(), number(1));
-  EXPECT_THAT(lines(), ElementsAre(debugLine("publishItem: we are publishing to an item (n) that already has subscribers"),
-                                   errorLine("publishItem: someone else has already published n")));
+  EXPECT_THAT(
+      lines(),
+      ElementsAre(
+          debugLine("publishItem: we are publishing to an item (n) that already has subscribers"),
+          errorLine("publishItem: someone else has already published n")));
   EXPECT_FALSE(service->publishItem(number(2), "n", 0, 0, one.connection(), nullptr));
 }
 
@@ -213,10 +221,14 @@ TEST_F(NotificationService, PublishItemTakesAPlaceholderOver) {
   EXPECT_TRUE(service->publishItem(number(1), "n", 0, 0, one.connection(), nullptr));
   EXPECT_EQ(entry("n"), placeholder);
   EXPECT_EQ(placeholder->owner(), one.connection());
-  EXPECT_EQ(std::dynamic_pointer_cast<KLNPublishBehavior>(placeholder->delegate())->published(), placeholder);
+  EXPECT_EQ(std::dynamic_pointer_cast<KLNPublishBehavior>(placeholder->delegate())->published(),
+            placeholder);
   EXPECT_THAT(subscriber.behavior->data, ElementsAre(number(1)));
-  EXPECT_THAT(lines(), ElementsAre(debugLine("publishItem: we are publishing to an item (n) that already has subscribers"),
-                                   debugLine("updateWithData: n")));
+  EXPECT_THAT(
+      lines(),
+      ElementsAre(
+          debugLine("publishItem: we are publishing to an item (n) that already has subscribers"),
+          debugLine("updateWithData: n")));
 }
 
 TEST_F(NotificationService, PublishItemWithoutANameIsRefused) {

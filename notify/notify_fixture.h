@@ -47,7 +47,8 @@ inline Dictionary number(int value) {
   return Dictionary(Value::map({{"number", value}}));
 }
 
-// Returns when the clock shows another time than `date`, which it does after less than a microsecond.
+// Returns when the clock shows another time than `date`, which it does after less than a
+// microsecond.
 inline void letTheClockPass(Date date) {
   while (Date::now() == date) {
   }
@@ -63,27 +64,36 @@ class ScriptedService final : public KLNNotificationService {
   using KLNNotificationService::KLNNotificationService;
 
   std::function<std::shared_ptr<KLNPublishedObject>()> makeItem;
-  std::function<std::shared_ptr<KLNPublishBehavior>(std::uint64_t, std::int64_t)> makePublishBehavior;
+  std::function<std::shared_ptr<KLNPublishBehavior>(std::uint64_t, std::int64_t)>
+      makePublishBehavior;
   std::function<std::shared_ptr<KLNSubscriptionObject>()> makeSubscription;
-  std::function<std::shared_ptr<SubscriberBehavior>(std::uint64_t, std::int64_t)> makeSubscriberBehavior;
+  std::function<std::shared_ptr<SubscriberBehavior>(std::uint64_t, std::int64_t)>
+      makeSubscriberBehavior;
 
-  std::shared_ptr<KLNPublishedObject> newPublishedObjectWith(Dictionary data, Name name, std::uint64_t flags,
-                                                             std::int64_t value,
-                                                             const std::shared_ptr<xpc::Connection>& connection) override {
-    return makeItem ? makeItem() : KLNNotificationService::newPublishedObjectWith(data, name, flags, value, connection);
+  std::shared_ptr<KLNPublishedObject> newPublishedObjectWith(
+      Dictionary data, Name name, std::uint64_t flags, std::int64_t value,
+      const std::shared_ptr<xpc::Connection>& connection) override {
+    return makeItem ? makeItem()
+                    : KLNNotificationService::newPublishedObjectWith(data, name, flags, value,
+                                                                     connection);
   }
-  std::shared_ptr<KLNPublishBehavior> newPublishBehaviorFromFlags(std::uint64_t flags, std::int64_t value) override {
+  std::shared_ptr<KLNPublishBehavior> newPublishBehaviorFromFlags(std::uint64_t flags,
+                                                                  std::int64_t value) override {
     return makePublishBehavior ? makePublishBehavior(flags, value)
                                : KLNNotificationService::newPublishBehaviorFromFlags(flags, value);
   }
   std::shared_ptr<KLNSubscriptionObject> newSubscriptionObjectForName(
-      Name name, std::uint64_t flags, std::int64_t value, const std::shared_ptr<xpc::Connection>& connection) override {
+      Name name, std::uint64_t flags, std::int64_t value,
+      const std::shared_ptr<xpc::Connection>& connection) override {
     return makeSubscription ? makeSubscription()
-                            : KLNNotificationService::newSubscriptionObjectForName(name, flags, value, connection);
+                            : KLNNotificationService::newSubscriptionObjectForName(
+                                  name, flags, value, connection);
   }
-  std::shared_ptr<SubscriberBehavior> newSubscriberBehaviorFromFlags(std::uint64_t flags, std::int64_t value) override {
-    return makeSubscriberBehavior ? makeSubscriberBehavior(flags, value)
-                                  : KLNNotificationService::newSubscriberBehaviorFromFlags(flags, value);
+  std::shared_ptr<SubscriberBehavior> newSubscriberBehaviorFromFlags(std::uint64_t flags,
+                                                                     std::int64_t value) override {
+    return makeSubscriberBehavior
+               ? makeSubscriberBehavior(flags, value)
+               : KLNNotificationService::newSubscriberBehaviorFromFlags(flags, value);
   }
 };
 
@@ -101,11 +111,13 @@ class RecordingSubscriberBehavior final : public protocols::SubscriberBehavior {
 
 // A subscription whose news are recorded instead of sent.
 struct RecordingSubscription {
-  explicit RecordingSubscription(Name name, const std::shared_ptr<xpc::Connection>& connection = nullptr)
+  explicit RecordingSubscription(Name name,
+                                 const std::shared_ptr<xpc::Connection>& connection = nullptr)
       : subscription(KLNSubscriptionObject::initWithName(std::move(name), connection)) {
     subscription->setDelegate(behavior);
   }
-  std::shared_ptr<RecordingSubscriberBehavior> behavior = std::make_shared<RecordingSubscriberBehavior>();
+  std::shared_ptr<RecordingSubscriberBehavior> behavior =
+      std::make_shared<RecordingSubscriberBehavior>();
   std::shared_ptr<KLNSubscriptionObject> subscription;
 };
 
@@ -121,9 +133,10 @@ class NotifyTest : public ::testing::Test {
   std::vector<LogLine> lines() const { return log.linesOf("notification"); }
 
   // Requests of `client`, by their numbers.
-  static std::uint64_t publish(NotifyClient& client, Name name, Dictionary item, std::uint64_t flags = 0,
-                               std::int64_t value = 0) {
-    return client.request<&NotifyProxy::publishItem>(std::move(item), std::move(name), flags, value);
+  static std::uint64_t publish(NotifyClient& client, Name name, Dictionary item,
+                               std::uint64_t flags = 0, std::int64_t value = 0) {
+    return client.request<&NotifyProxy::publishItem>(std::move(item), std::move(name), flags,
+                                                     value);
   }
   static std::uint64_t update(NotifyClient& client, Name name, Dictionary item) {
     return client.request<&NotifyProxy::updatePublishedItem>(std::move(item), std::move(name));
@@ -134,7 +147,9 @@ class NotifyTest : public ::testing::Test {
   static std::uint64_t subscribe(NotifyClient& client, Name name, std::uint64_t flags = 0) {
     return client.request<&NotifyProxy::subscribeTo>(std::move(name), flags);
   }
-  static void unsubscribe(NotifyClient& client, Name name) { client.tell<&NotifyProxy::unsubscribeFrom>(std::move(name)); }
+  static void unsubscribe(NotifyClient& client, Name name) {
+    client.tell<&NotifyProxy::unsubscribeFrom>(std::move(name));
+  }
 };
 
 }  // namespace keel

@@ -36,7 +36,8 @@ void KLNPublishBehavior::updateWithBatch(std::span<const Dictionary> batch) {
   item->setLastUpdated(dateOfBlock());
   Delivery delivery(item->name(), batch);
   deliver(*item, delivery);
-  if (item->subscribers() != nullptr && item->subscribers()->count() > kManySubscribers) ageDateOfBlock(kBlocksPerDate);
+  if (item->subscribers() != nullptr && item->subscribers()->count() > kManySubscribers)
+    ageDateOfBlock(kBlocksPerDate);
 }
 
 void KLNPublishBehavior::updateWithError(Error error) {
@@ -49,7 +50,8 @@ void KLNPublishBehavior::updateWithError(Error error) {
 
 void KLNPublishBehavior::deliver(KLNPublishedObject& item, Delivery& delivery) {
   if (SubscriberSet* const subscribers = item.subscribers()) {
-    subscribers->forEach([&delivery](KLNSubscriptionObject& subscription) { subscription.deliver(delivery); });
+    subscribers->forEach(
+        [&delivery](KLNSubscriptionObject& subscription) { subscription.deliver(delivery); });
   }
 }
 
@@ -70,7 +72,8 @@ void KLNPublishBehavior::addSubscriber(std::shared_ptr<KLNSubscriptionObject> su
   if (item && item->subscribers() != nullptr) item->subscribers()->add(std::move(subscriber));
 }
 
-void KLNPublishBehavior::removeSubscriber(const std::shared_ptr<KLNSubscriptionObject>& subscriber) {
+void KLNPublishBehavior::removeSubscriber(
+    const std::shared_ptr<KLNSubscriptionObject>& subscriber) {
   const auto item = published();
   if (item && item->subscribers() != nullptr) item->subscribers()->remove(subscriber);
 }

@@ -38,7 +38,8 @@ std::shared_ptr<KLNSubscriptionObject> KLNPublishedObject::subscriberForConnecti
   return subscribers_ ? subscribers_->lastOwnedBy(connection) : nullptr;
 }
 
-// Each of these holds the behaviour while it works: some of what a behaviour does takes it off the item.
+// Each of these holds the behaviour while it works: some of what a behaviour does takes it off the
+// item.
 
 void KLNPublishedObject::updateWithData(Dictionary data) {
   updateWithBatch({&data, 1});
@@ -68,7 +69,8 @@ void KLNPublishedObject::addSubscriber(std::shared_ptr<KLNSubscriptionObject> su
   if (subscribers_) subscribers_->add(std::move(subscriber));
 }
 
-void KLNPublishedObject::removeSubscriber(const std::shared_ptr<KLNSubscriptionObject>& subscriber) {
+void KLNPublishedObject::removeSubscriber(
+    const std::shared_ptr<KLNSubscriptionObject>& subscriber) {
   willChange();
   if (const auto delegate = delegate_) return delegate->removeSubscriber(subscriber);
   if (subscribers_) subscribers_->remove(subscriber);

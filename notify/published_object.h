@@ -19,9 +19,10 @@ namespace xpc {
 class Connection;
 }
 
-// All that is known of one name: its data, when they were set, who publishes it, who follows it. Lives on the notification
-// input queue. Held by the registry and by its publisher's handler; it holds its behaviour and its subscriptions, and refers to
-// its publisher weakly. Without a behaviour it is a placeholder: it keeps what it has and waits for a publisher.
+// All that is known of one name: its data, when they were set, who publishes it, who follows it.
+// Lives on the notification input queue. Held by the registry and by its publisher's handler; it
+// holds its behaviour and its subscriptions, and refers to its publisher weakly. Without a
+// behaviour it is a placeholder: it keeps what it has and waits for a publisher.
 class KLNPublishedObject final : public protocols::PublishBehavior {
  public:
   // An item with no name and no set of subscribers: subscribers added to it are not recorded.
@@ -32,19 +33,22 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   KLNPublishedObject(const KLNPublishedObject&) = delete;
   KLNPublishedObject& operator=(const KLNPublishedObject&) = delete;
 
-  // To be called before anything changes that a dump tells of this item or of its subscriptions; what changes the item here
-  // does so itself. Costs nothing unless a dump in progress lacks the item.
+  // To be called before anything changes that a dump tells of this item or of its subscriptions;
+  // what changes the item here does so itself. Costs nothing unless a dump in progress lacks the
+  // item.
   void willChange() {
-    if (dumpPlace_.desk != nullptr && dumpPlace_.describedFor < dumpPlace_.desk->lastNumber()) [[unlikely]] {
+    if (dumpPlace_.desk != nullptr && dumpPlace_.describedFor < dumpPlace_.desk->lastNumber())
+        [[unlikely]] {
       dumpPlace_.desk->describe(*this);
     }
   }
 
   // The last subscription of that connection, in the set's order; null when it has none.
-  std::shared_ptr<KLNSubscriptionObject> subscriberForConnection(const std::shared_ptr<xpc::Connection>& connection);
+  std::shared_ptr<KLNSubscriptionObject> subscriberForConnection(
+      const std::shared_ptr<xpc::Connection>& connection);
 
-  // The behaviour's business where there is one. A placeholder stores data without a date and tells nobody, ignores errors, may
-  // always be dropped, and keeps its set of subscribers itself.
+  // The behaviour's business where there is one. A placeholder stores data without a date and tells
+  // nobody, ignores errors, may always be dropped, and keeps its set of subscribers itself.
   void updateWithData(Dictionary data) override;
   void updateWithBatch(std::span<const Dictionary> batch) override;
   void updateWithError(Error error) override;
@@ -54,12 +58,16 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   void removeSubscriber(const std::shared_ptr<KLNSubscriptionObject>& subscriber) override;
 
   const std::shared_ptr<protocols::PublishBehavior>& delegate() const { return delegate_; }
-  void setDelegate(std::shared_ptr<protocols::PublishBehavior> delegate) { delegate_ = std::move(delegate); }
+  void setDelegate(std::shared_ptr<protocols::PublishBehavior> delegate) {
+    delegate_ = std::move(delegate);
+  }
   const Dictionary& data() const { return data_; }
-  // Data that is replaced is its publisher's no more: whoever reads slowly keeps it at the daemon's expense.
+  // Data that is replaced is its publisher's no more: whoever reads slowly keeps it at the daemon's
+  // expense.
   void setData(Dictionary data) {
     willChange();
-    if (data_.buffer() && data_.buffer()->isShared()) data_.buffer()->chargeTo(MemoryAccount::ofProcess());
+    if (data_.buffer() && data_.buffer()->isShared())
+      data_.buffer()->chargeTo(MemoryAccount::ofProcess());
     data_ = std::move(data);
   }
   // When the behaviour last stored data.
@@ -77,7 +85,9 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   std::shared_ptr<xpc::Connection> owner() const { return owner_.lock(); }
   const std::weak_ptr<xpc::Connection>& ownerReference() const { return owner_; }
   // Whether its owner is, or was, that very connection.
-  bool isOwnedBy(const std::weak_ptr<xpc::Connection>& connection) const { return sameObject(owner_, connection); }
+  bool isOwnedBy(const std::weak_ptr<xpc::Connection>& connection) const {
+    return sameObject(owner_, connection);
+  }
   void setOwner(const std::shared_ptr<xpc::Connection>& owner) {
     willChange();
     owner_ = owner;

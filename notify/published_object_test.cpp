@@ -115,8 +115,9 @@ TEST(PublishedObject, ForwardsEverythingToItsDelegate) {
   EXPECT_FALSE(item->remove());
   delegate->removeAnswer = true;
   EXPECT_TRUE(item->remove());
-  EXPECT_THAT(delegate->calls, ElementsAre("updateWithData", "updateWithError", "connectionIsInvalid", "addSubscriber",
-                                           "removeSubscriber", "remove", "remove"));
+  EXPECT_THAT(delegate->calls,
+              ElementsAre("updateWithData", "updateWithError", "connectionIsInvalid",
+                          "addSubscriber", "removeSubscriber", "remove", "remove"));
   EXPECT_TRUE(item->data().isNull());
   EXPECT_TRUE(item->subscribers()->empty());
 }

@@ -3,7 +3,8 @@
 
 namespace keel {
 
-// Whether two counted references, strong or weak, are to the same object, dead or alive. No count is touched.
+// Whether two counted references, strong or weak, are to the same object, dead or alive. No count
+// is touched.
 template <class Left, class Right>
 bool sameObject(const Left& left, const Right& right) {
   return !left.owner_before(right) && !right.owner_before(left);

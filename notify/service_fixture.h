@@ -16,7 +16,8 @@ inline constexpr std::int64_t kAnyValue = std::numeric_limits<std::int64_t>::min
 class NotificationService : public NotifyTest {
  protected:
   std::shared_ptr<KLNPublishedObject> newItem(Name name, int value, const FakeClient& client) {
-    return service->newPublishedObjectWith(number(value), std::move(name), 0, 0, client.connection());
+    return service->newPublishedObjectWith(number(value), std::move(name), 0, 0,
+                                           client.connection());
   }
   // Publishes, which must succeed; the item that then stands for the name.
   std::shared_ptr<KLNPublishedObject> mustPublish(Name name, int value, const FakeClient& client) {

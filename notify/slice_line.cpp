@@ -7,7 +7,8 @@
 
 namespace keel {
 
-SliceLine::SliceLine(std::shared_ptr<SerialQueue> inputQueue) : inputQueue_(std::move(inputQueue)) {}
+SliceLine::SliceLine(std::shared_ptr<SerialQueue> inputQueue)
+    : inputQueue_(std::move(inputQueue)) {}
 
 void SliceLine::add(Slice slice) {
   waiting_.push_back(std::move(slice));

@@ -49,15 +49,18 @@ void SubscriberBehavior::deliver(Delivery& delivery) {
 void SubscriberBehavior::deliverData(Delivery& delivery) {
   KLNSubscriptionObject* const subscription = borrowedSubscriber();
   log.debug("updateWithData: {} behavior", nameOf(subscription));
-  xpc::Connection* const connection = subscription != nullptr ? subscription->borrowedOwner() : nullptr;
+  xpc::Connection* const connection =
+      subscription != nullptr ? subscription->borrowedOwner() : nullptr;
   if (connection == nullptr) {
     // Each update is an error of its own.
-    for (std::size_t i = 0; i < delivery.batch().size(); ++i) log.error("behavior updateWithData: connection is nil");
+    for (std::size_t i = 0; i < delivery.batch().size(); ++i)
+      log.error("behavior updateWithData: connection is nil");
     return;
   }
   delivery.sendTo(*connection, subscription->name(), [subscription] {
     return [held = subscription->shared_from_this()](const Error& error) {
-      log.error("behavior updateWithData: ({}) connection returned an error {}", held->name(), error);
+      log.error("behavior updateWithData: ({}) connection returned an error {}", held->name(),
+                error);
     };
   });
   log.debug("updateWithData: {} behavior notification sent", subscription->name());
@@ -69,14 +72,17 @@ void SubscriberBehavior::deliverError(Delivery& delivery) {
   const Error& error = delivery.error();
   log.debug("SubscriberBehavior:updateWithError: {}", nameOf(subscription));
   if (error.code() == errPublisherDisconnected) {
-    return log.debug("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected({})", error.code());
+    return log.debug("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected({})",
+                     error.code());
   }
-  xpc::Connection* const connection = subscription != nullptr ? subscription->borrowedOwner() : nullptr;
+  xpc::Connection* const connection =
+      subscription != nullptr ? subscription->borrowedOwner() : nullptr;
   if (connection == nullptr) return log.error("behavior updateWithError: connection is nil");
   delivery.sendTo(*connection, subscription->name(), [subscription, &error] {
     return [held = subscription->shared_from_this(), sent = error](const Error& sendError) {
-      log.error("behavior updateWithError: ({}) connection returned an error {} when sending error {}", held->name(), sendError,
-                sent);
+      log.error(
+          "behavior updateWithError: ({}) connection returned an error {} when sending error {}",
+          held->name(), sendError, sent);
     };
   });
   subscription->setLastUpdated(dateOfBlock());
@@ -84,7 +90,8 @@ void SubscriberBehavior::deliverError(Delivery& delivery) {
 
 void SubscriberBehavior::connectionIsInvalid() {
   const auto held = subscriber();
-  if (log.enabled(LogLevel::debug)) log.debug("behavior connectionIsInvalid: unsubscribing from {}", nameOf(held.get()));
+  if (log.enabled(LogLevel::debug))
+    log.debug("behavior connectionIsInvalid: unsubscribing from {}", nameOf(held.get()));
   const auto item = held ? held->target() : nullptr;
   if (!item) return;
   item->removeSubscriber(held);

@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// Members stand in a vector in the order of their adding; removing one leaves a hole, and the holes are closed when they are as
-// many as the members. A small set is searched member by member. A large one has two indexes: from a member to its place, and
-// from a connection to the place of its last member.
+// Members stand in a vector in the order of their adding; removing one leaves a hole, and the holes
+// are closed when they are as many as the members. A small set is searched member by member. A
+// large one has two indexes: from a member to its place, and from a connection to the place of its
+// last member.
 //
-// The second index is a shortcut, and the weak reference of each subscription to its owner stays the truth:
-// - An owner may be gone and its address may belong to a new connection. So what the index finds is compared with the weak
-//   reference itself. Nothing else needs to be looked at then: of all members that were ever indexed under one address, only
-//   those indexed last can have an owner that lives, since the earlier owners died before it was made.
-// - An owner may be replaced after the adding. KLNSubscriptionObject counts such changes, which never happen to subscriptions
+// The second index is a shortcut, and the weak reference of each subscription to its owner stays
+// the truth:
+// - An owner may be gone and its address may belong to a new connection. So what the index finds is
+// compared with the weak
+//   reference itself. Nothing else needs to be looked at then: of all members that were ever
+//   indexed under one address, only those indexed last can have an owner that lives, since the
+//   earlier owners died before it was made.
+// - An owner may be replaced after the adding. KLNSubscriptionObject counts such changes, which
+// never happen to subscriptions
 //   of clients; when the count has moved, the index is made anew.
 #include "notify/subscriber_set.h"
 
@@ -54,7 +59,8 @@ void SubscriberSet::remove(const Subscription& subscription) {
   }
 }
 
-SubscriberSet::Subscription SubscriberSet::lastOwnedBy(const std::shared_ptr<xpc::Connection>& connection) {
+SubscriberSet::Subscription SubscriberSet::lastOwnedBy(
+    const std::shared_ptr<xpc::Connection>& connection) {
   if (!connection) return nullptr;
   if (!indexed_) {
     Subscription last;
@@ -63,7 +69,8 @@ SubscriberSet::Subscription SubscriberSet::lastOwnedBy(const std::shared_ptr<xpc
     }
     return last;
   }
-  if (ownersAreStale_ || ownerChangeCount_ != KLNSubscriptionObject::ownerChangeCount()) indexOwners();
+  if (ownersAreStale_ || ownerChangeCount_ != KLNSubscriptionObject::ownerChangeCount())
+    indexOwners();
   const auto found = lastPlacesByOwner_.find(connection.get());
   if (found == lastPlacesByOwner_.end()) return nullptr;
   const Subscription& last = slots_[found->second.place].subscription;

@@ -14,8 +14,9 @@ namespace xpc {
 class Connection;
 }
 
-// The subscriptions that follow one item, each at most once, enumerated in the order of their adding. Lives on the notification
-// input queue. Adding, removing and finding take the same time for one member and for a hundred thousand.
+// The subscriptions that follow one item, each at most once, enumerated in the order of their
+// adding. Lives on the notification input queue. Adding, removing and finding take the same time
+// for one member and for a hundred thousand.
 class SubscriberSet {
  public:
   using Subscription = std::shared_ptr<KLNSubscriptionObject>;
@@ -31,16 +32,18 @@ class SubscriberSet {
 
   std::size_t count() const { return count_; }
   bool empty() const { return count_ == 0; }
-  bool contains(const Subscription& subscription) const { return placeOf(subscription.get()) != kNowhere; }
-  // The last member in the order of enumeration whose owner is that very connection; null when there is none. A member whose
-  // owner is gone is nobody's, and null owns nothing.
+  bool contains(const Subscription& subscription) const {
+    return placeOf(subscription.get()) != kNowhere;
+  }
+  // The last member in the order of enumeration whose owner is that very connection; null when
+  // there is none. A member whose owner is gone is nobody's, and null owns nothing.
   Subscription lastOwnedBy(const std::shared_ptr<xpc::Connection>& connection);
   // A snapshot.
   std::vector<Subscription> allObjects() const;
 
-  // Calls visit(KLNSubscriptionObject&) for each member, without touching any reference count. Callees may add and remove
-  // members, and enumerate: who is added is not visited, who is removed is not visited any more but lives until the end of the
-  // visits.
+  // Calls visit(KLNSubscriptionObject&) for each member, without touching any reference count.
+  // Callees may add and remove members, and enumerate: who is added is not visited, who is removed
+  // is not visited any more but lives until the end of the visits.
   template <class Visit>
   void forEach(Visit visit) {
     const Visiting visiting(*this);
@@ -48,7 +51,8 @@ class SubscriberSet {
     for (std::size_t place = 0; place < end; ++place) {
       // With many members most of the time would go into waiting for memory.
       if (place + kAhead < end) __builtin_prefetch(slots_[place + kAhead].subscription.get());
-      if (KLNSubscriptionObject* const subscription = slots_[place].subscription.get()) visit(*subscription);
+      if (KLNSubscriptionObject* const subscription = slots_[place].subscription.get())
+        visit(*subscription);
     }
   }
 
@@ -87,7 +91,7 @@ class SubscriberSet {
 
   std::vector<Slot> slots_;
   std::size_t count_ = 0;
-  std::size_t visitCount_ = 0;          // enumerations under way; holes stay where they are meanwhile
+  std::size_t visitCount_ = 0;  // enumerations under way; holes stay where they are meanwhile
   std::vector<Subscription> departed_;  // removed during an enumeration
 
   // Kept once the set is too large to be searched member by member.

@@ -20,7 +20,8 @@ using ::testing::IsEmpty;
 
 using Subscriptions = std::vector<std::shared_ptr<KLNSubscriptionObject>>;
 
-std::shared_ptr<KLNSubscriptionObject> subscriptionOf(const std::shared_ptr<xpc::Connection>& owner = nullptr) {
+std::shared_ptr<KLNSubscriptionObject> subscriptionOf(
+    const std::shared_ptr<xpc::Connection>& owner = nullptr) {
   return KLNSubscriptionObject::initWithName("n", owner);
 }
 
@@ -47,7 +48,9 @@ class SubscriberSetOfSize : public ::testing::TestWithParam<std::size_t> {
     }
   }
 
-  const std::shared_ptr<xpc::Connection>& connectionOf(std::size_t index) const { return clients[index]->connection(); }
+  const std::shared_ptr<xpc::Connection>& connectionOf(std::size_t index) const {
+    return clients[index]->connection();
+  }
 
   ManualExecutor executor;
   std::vector<std::unique_ptr<FakeClient>> clients;
@@ -55,7 +58,8 @@ class SubscriberSetOfSize : public ::testing::TestWithParam<std::size_t> {
   SubscriberSet set;
 };
 
-INSTANTIATE_TEST_SUITE_P(SearchedAndIndexed, SubscriberSetOfSize, ::testing::Values(2, 15, 16, 17, 18, 40, 1000));
+INSTANTIATE_TEST_SUITE_P(SearchedAndIndexed, SubscriberSetOfSize,
+                         ::testing::Values(2, 15, 16, 17, 18, 40, 1000));
 
 TEST_P(SubscriberSetOfSize, EnumeratesInTheOrderOfAdding) {
   EXPECT_EQ(visited(set), addressesOf(members));
@@ -120,7 +124,8 @@ TEST_P(SubscriberSetOfSize, RemovingAStrangerChangesNothing) {
 }
 
 TEST_P(SubscriberSetOfSize, EachOwnerHasItsMember) {
-  for (std::size_t i = 0; i < members.size(); ++i) EXPECT_EQ(set.lastOwnedBy(connectionOf(i)), members[i]);
+  for (std::size_t i = 0; i < members.size(); ++i)
+    EXPECT_EQ(set.lastOwnedBy(connectionOf(i)), members[i]);
   FakeClient stranger(executor);
   EXPECT_EQ(set.lastOwnedBy(stranger.connection()), nullptr);
   EXPECT_EQ(set.lastOwnedBy(nullptr), nullptr);

@@ -55,12 +55,14 @@ void KLNSubscriptionObject::deliverData(Delivery& delivery) {
   const auto connection = owner();
   if (!connection) {
     // Each update is an error of its own.
-    for (std::size_t i = 0; i < delivery.batch().size(); ++i) log.error("updateWithData: connection is nil");
+    for (std::size_t i = 0; i < delivery.batch().size(); ++i)
+      log.error("updateWithData: connection is nil");
     return;
   }
   delivery.sendTo(*connection, name_, [this] {
     return [subscription = shared_from_this()](const Error& error) {
-      log.error("updateWithData: ({}) connection returned an error {}", subscription->name(), error);
+      log.error("updateWithData: ({}) connection returned an error {}", subscription->name(),
+                error);
     };
   });
   lastUpdated_ = dateOfBlock();
@@ -71,14 +73,15 @@ void KLNSubscriptionObject::deliverError(Delivery& delivery) {
   if (delegate_) return delegate_->deliver(delivery);
   const Error& error = delivery.error();
   if (error.code() == errPublisherDisconnected) {
-    return log.debug("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected({})", error.code());
+    return log.debug("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected({})",
+                     error.code());
   }
   const auto connection = owner();
   if (!connection) return log.error("updateWithError: connection is nil");
   delivery.sendTo(*connection, name_, [this, &error] {
     return [subscription = shared_from_this(), sent = error](const Error& sendError) {
-      log.error("updateWithError: ({}) connection returned an error {} when sending error {}", subscription->name(), sendError,
-                sent);
+      log.error("updateWithError: ({}) connection returned an error {} when sending error {}",
+                subscription->name(), sendError, sent);
     };
   });
   lastUpdated_ = dateOfBlock();

@@ -18,7 +18,8 @@ constexpr Date kPast{1.0};
 class SubscriptionObject : public ::testing::Test {
  protected:
   SubscriptionObject() {
-    client.connection()->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+    client.connection()->setRemoteObjectInterface(
+        xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
   }
 
   std::shared_ptr<KLNSubscriptionObject> plain(Name name = "n") {
@@ -48,10 +49,12 @@ class SubscriptionObject : public ::testing::Test {
 
   // The one line written since, which begins and ends so and names a connection error between.
   void expectSendError(const std::string& beginning, const std::string& end = "") {
-    EXPECT_THAT(log.take(),
-                ElementsAre(AllOf(Field(&LogLine::level, LogLevel::error), Field(&LogLine::category, "notification"),
-                                  Field(&LogLine::text, AllOf(StartsWith(beginning), EndsWith(end),
-                                                              HasSubstr(std::string(xpc::kConnectionErrorDomain)))))));
+    EXPECT_THAT(
+        log.take(),
+        ElementsAre(AllOf(
+            Field(&LogLine::level, LogLevel::error), Field(&LogLine::category, "notification"),
+            Field(&LogLine::text, AllOf(StartsWith(beginning), EndsWith(end),
+                                        HasSubstr(std::string(xpc::kConnectionErrorDomain)))))));
   }
 
   ManualExecutor executor;
@@ -63,12 +66,14 @@ using SubscriptionBehavior = SubscriptionObject;
 
 TEST_F(SubscriptionObject, InitYieldsNothingAndLogs) {
   EXPECT_EQ(KLNSubscriptionObject::init(), nullptr);
-  EXPECT_THAT(log.lines(), ElementsAre(errorLine("KLNSubscriptionObject: subscription name may not be nil")));
+  EXPECT_THAT(log.lines(),
+              ElementsAre(errorLine("KLNSubscriptionObject: subscription name may not be nil")));
 }
 
 TEST_F(SubscriptionObject, NullNameYieldsNothingAndLogs) {
   EXPECT_EQ(KLNSubscriptionObject::initWithName(nullptr, client.connection()), nullptr);
-  EXPECT_THAT(log.lines(), ElementsAre(errorLine("KLNSubscriptionObject: subscription name may not be nil")));
+  EXPECT_THAT(log.lines(),
+              ElementsAre(errorLine("KLNSubscriptionObject: subscription name may not be nil")));
 }
 
 TEST_F(SubscriptionObject, HasItsNameAndOwnerAndNothingElse) {
@@ -130,7 +135,8 @@ TEST_F(SubscriptionObject, ForwardsEverythingToItsDelegate) {
   EXPECT_THAT(recording.behavior->errors, ElementsAre(Error("d", 8)));
   EXPECT_EQ(recording.behavior->invalidCount, 1);
   EXPECT_FALSE(subscription.lastUpdated());
-  EXPECT_THAT(log.lines(), ElementsAre(debugLine("updateWithData: n"), debugLine("updateWithError: n")));
+  EXPECT_THAT(log.lines(),
+              ElementsAre(debugLine("updateWithData: n"), debugLine("updateWithError: n")));
 }
 
 TEST_F(SubscriptionObject, DeliversDataItselfWithoutABehavior) {
@@ -159,8 +165,10 @@ TEST_F(SubscriptionObject, DropsALostPublisherOfAnyDomainItself) {
   subscription->updateWithError(Error(KLNErrorDomain, 8));
   EXPECT_THAT(client.received(), IsEmpty());
   EXPECT_FALSE(subscription->lastUpdated());
-  const auto dropped = debugLine("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected(8)");
-  EXPECT_THAT(log.lines(), ElementsAre(debugLine("updateWithError: n"), dropped, debugLine("updateWithError: n"), dropped));
+  const auto dropped =
+      debugLine("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected(8)");
+  EXPECT_THAT(log.lines(), ElementsAre(debugLine("updateWithError: n"), dropped,
+                                       debugLine("updateWithError: n"), dropped));
 }
 
 TEST_F(SubscriptionObject, AGoneClientIsLoggedAndNothingChanges) {
@@ -169,14 +177,19 @@ TEST_F(SubscriptionObject, AGoneClientIsLoggedAndNothingChanges) {
   subscription->setLastUpdated(kPast);
   client.die();
   subscription->updateWithData(number(1));
-  EXPECT_THAT(log.take(), ElementsAre(debugLine("updateWithData: n"), errorLine("updateWithData: connection is nil")));
+  EXPECT_THAT(log.take(), ElementsAre(debugLine("updateWithData: n"),
+                                      errorLine("updateWithData: connection is nil")));
   subscription->updateWithError(Error("d", 1));
-  EXPECT_THAT(log.take(), ElementsAre(debugLine("updateWithError: n"), errorLine("updateWithError: connection is nil")));
+  EXPECT_THAT(log.take(), ElementsAre(debugLine("updateWithError: n"),
+                                      errorLine("updateWithError: connection is nil")));
   EXPECT_EQ(subscription->lastUpdated(), kPast);
   // A lost publisher is dropped before anybody looks for the client.
   subscription->updateWithError(Error("d", 8));
-  EXPECT_THAT(log.take(), ElementsAre(debugLine("updateWithError: n"),
-                                      debugLine("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected(8)")));
+  EXPECT_THAT(
+      log.take(),
+      ElementsAre(
+          debugLine("updateWithError: n"),
+          debugLine("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected(8)")));
 }
 
 TEST_F(SubscriptionObject, AFailureToSendIsLoggedLaterAndChangesNothing) {
@@ -195,7 +208,8 @@ TEST_F(SubscriptionObject, AFailureToSendIsLoggedLaterAndChangesNothing) {
   subscription->updateWithError(error);
   log.take();
   executor.runAll();
-  expectSendError("updateWithError: (after) connection returned an error ", " when sending error " + error.description());
+  expectSendError("updateWithError: (after) connection returned an error ",
+                  " when sending error " + error.description());
   EXPECT_TRUE(item->subscribers()->contains(subscription));
   EXPECT_EQ(subscription->target(), item);
 }
@@ -246,8 +260,9 @@ TEST_F(SubscriptionBehavior, SendsData) {
   subscription->updateWithData(number(1));
   expectOnlyUpdate("n", number(1), nullptr);
   EXPECT_TRUE(subscription->lastUpdated());
-  EXPECT_THAT(log.lines(), ElementsAre(debugLine("updateWithData: n"), debugLine("updateWithData: n behavior"),
-                                       debugLine("updateWithData: n behavior notification sent")));
+  EXPECT_THAT(log.lines(),
+              ElementsAre(debugLine("updateWithData: n"), debugLine("updateWithData: n behavior"),
+                          debugLine("updateWithData: n behavior notification sent")));
   // Nothing is reported later.
   log.take();
   executor.runAll();
@@ -267,7 +282,8 @@ TEST_F(SubscriptionBehavior, SendsAnErrorUnchanged) {
   subscription->updateWithError(error);
   expectOnlyUpdate("n", nullptr, error);
   EXPECT_TRUE(subscription->lastUpdated());
-  EXPECT_THAT(log.lines(), ElementsAre(debugLine("updateWithError: n"), debugLine("SubscriberBehavior:updateWithError: n")));
+  EXPECT_THAT(log.lines(), ElementsAre(debugLine("updateWithError: n"),
+                                       debugLine("SubscriberBehavior:updateWithError: n")));
 }
 
 TEST_F(SubscriptionBehavior, DropsALostPublisherOfAnyDomainBeforeLookingForTheClient) {
@@ -275,9 +291,11 @@ TEST_F(SubscriptionBehavior, DropsALostPublisherOfAnyDomainBeforeLookingForTheCl
   const auto subscription = withBehavior();
   const auto expectDropped = [&](const Error& error) {
     subscription->updateWithError(error);
-    EXPECT_THAT(log.linesOf("notification"),
-                ElementsAre(debugLine("updateWithError: n"), debugLine("SubscriberBehavior:updateWithError: n"),
-                            debugLine("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected(8)")));
+    EXPECT_THAT(
+        log.linesOf("notification"),
+        ElementsAre(
+            debugLine("updateWithError: n"), debugLine("SubscriberBehavior:updateWithError: n"),
+            debugLine("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected(8)")));
     log.take();
   };
   expectDropped(Error("d", 8));
@@ -303,10 +321,12 @@ TEST_F(SubscriptionBehavior, AGoneClientIsLoggedAndNothingChanges) {
   subscription->setLastUpdated(kPast);
   client.die();
   subscription->updateWithData(number(1));
-  EXPECT_THAT(log.take(), ElementsAre(debugLine("updateWithData: n"), debugLine("updateWithData: n behavior"),
-                                      errorLine("behavior updateWithData: connection is nil")));
+  EXPECT_THAT(log.take(),
+              ElementsAre(debugLine("updateWithData: n"), debugLine("updateWithData: n behavior"),
+                          errorLine("behavior updateWithData: connection is nil")));
   subscription->updateWithError(Error("d", 1));
-  EXPECT_THAT(log.take(), ElementsAre(debugLine("updateWithError: n"), debugLine("SubscriberBehavior:updateWithError: n"),
+  EXPECT_THAT(log.take(), ElementsAre(debugLine("updateWithError: n"),
+                                      debugLine("SubscriberBehavior:updateWithError: n"),
                                       errorLine("behavior updateWithError: connection is nil")));
   EXPECT_EQ(subscription->lastUpdated(), kPast);
 }
@@ -319,7 +339,8 @@ TEST_F(SubscriptionBehavior, AGoneSubscriptionCountsAsAGoneClient) {
   behavior->updateWithError(Error("d", 1));
   behavior->connectionIsInvalid();
   EXPECT_THAT(log.lines(),
-              ElementsAre(debugLine("updateWithData: (null) behavior"), errorLine("behavior updateWithData: connection is nil"),
+              ElementsAre(debugLine("updateWithData: (null) behavior"),
+                          errorLine("behavior updateWithData: connection is nil"),
                           debugLine("SubscriberBehavior:updateWithError: (null)"),
                           errorLine("behavior updateWithError: connection is nil"),
                           debugLine("behavior connectionIsInvalid: unsubscribing from (null)")));
@@ -371,11 +392,13 @@ TEST_F(SubscriptionBehavior, LeavesItsItemOnceAndTellsTheClientNothing) {
   subscription->connectionIsInvalid();
   EXPECT_TRUE(item->subscribers()->empty());
   EXPECT_EQ(subscription->target(), nullptr);
-  EXPECT_THAT(log.take(), ElementsAre(debugLine("behavior connectionIsInvalid: unsubscribing from n")));
+  EXPECT_THAT(log.take(),
+              ElementsAre(debugLine("behavior connectionIsInvalid: unsubscribing from n")));
   // The second time there is no target: nothing but the line.
   item->addSubscriber(subscription);
   subscription->connectionIsInvalid();
-  EXPECT_THAT(log.take(), ElementsAre(debugLine("behavior connectionIsInvalid: unsubscribing from n")));
+  EXPECT_THAT(log.take(),
+              ElementsAre(debugLine("behavior connectionIsInvalid: unsubscribing from n")));
   EXPECT_TRUE(item->subscribers()->contains(subscription));
   EXPECT_THAT(client.received(), IsEmpty());
 }

@@ -51,11 +51,13 @@ class UpdateCoalescer::QueuedBatch {
   std::unique_ptr<UpdateBatch> batch_;
 };
 
-UpdateCoalescer::UpdateCoalescer(std::shared_ptr<SerialQueue> inputQueue) : inputQueue_(std::move(inputQueue)) {}
+UpdateCoalescer::UpdateCoalescer(std::shared_ptr<SerialQueue> inputQueue)
+    : inputQueue_(std::move(inputQueue)) {}
 
 UpdateCoalescer::~UpdateCoalescer() = default;
 
-void UpdateCoalescer::add(KLNNotificationHandler& handler, Name name, Dictionary data, xpc::Reply<Error> reply) {
+void UpdateCoalescer::add(KLNNotificationHandler& handler, Name name, Dictionary data,
+                          xpc::Reply<Error> reply) {
   const std::size_t bytes = sentBytes(name, data);
   std::unique_ptr<UpdateBatch> begun;
   if (!canJoin(handler, name, bytes)) {
@@ -70,9 +72,11 @@ void UpdateCoalescer::add(KLNNotificationHandler& handler, Name name, Dictionary
   if (begun) numberOfLast_ = inputQueue_->async(QueuedBatch(shared_from_this(), std::move(begun)));
 }
 
-bool UpdateCoalescer::canJoin(const KLNNotificationHandler& handler, const Name& name, std::size_t bytes) const {
-  return last_ != nullptr && inputQueue_->lastNumber() == numberOfLast_ && last_->handler.get() == &handler &&
-         last_->bytes + bytes <= xpc::limits::kBatchBytes && last_->name == name && !log.enabled(LogLevel::debug);
+bool UpdateCoalescer::canJoin(const KLNNotificationHandler& handler, const Name& name,
+                              std::size_t bytes) const {
+  return last_ != nullptr && inputQueue_->lastNumber() == numberOfLast_ &&
+         last_->handler.get() == &handler && last_->bytes + bytes <= xpc::limits::kBatchBytes &&
+         last_->name == name && !log.enabled(LogLevel::debug);
 }
 
 std::unique_ptr<UpdateBatch> UpdateCoalescer::takeIdle() {

@@ -15,8 +15,8 @@ namespace keel {
 class KLNNotificationHandler;
 class SerialQueue;
 
-// One or more updates of one name that a client sent one behind the other. One block of the input queue carries them all out,
-// as if each had a block of its own.
+// One or more updates of one name that a client sent one behind the other. One block of the input
+// queue carries them all out, as if each had a block of its own.
 struct UpdateBatch {
   std::shared_ptr<KLNNotificationHandler> handler;
   Name name;
@@ -25,11 +25,13 @@ struct UpdateBatch {
   std::size_t bytes = 0;                   // upper bound of what one subscriber is sent
 };
 
-// Queues the updates of all clients. An update joins the batch that was queued last if that is of the same client and name, has
-// room, and nothing is queued behind it. This is the only place that decides what travels together; all else handles a batch,
-// be it of one. With debug logging a batch holds one update, since the log has lines for each.
+// Queues the updates of all clients. An update joins the batch that was queued last if that is of
+// the same client and name, has room, and nothing is queued behind it. This is the only place that
+// decides what travels together; all else handles a batch, be it of one. With debug logging a batch
+// holds one update, since the log has lines for each.
 //
-// Held by whoever queues updates and by the blocks that it has queued. Lives on the thread of the notification input queue.
+// Held by whoever queues updates and by the blocks that it has queued. Lives on the thread of the
+// notification input queue.
 class UpdateCoalescer : public std::enable_shared_from_this<UpdateCoalescer> {
  public:
   explicit UpdateCoalescer(std::shared_ptr<SerialQueue> inputQueue);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Updates that one client sends in a row are carried out together. Nobody must be able to tell, except by the time it takes.
+// Updates that one client sends in a row are carried out together. Nobody must be able to tell,
+// except by the time it takes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -26,9 +27,10 @@ class CoalescedUpdates : public NotificationHandler {
     errors.take();
   }
   int errorCount(std::string_view beginning) const {
-    return static_cast<int>(std::ranges::count_if(errors.linesOf("notification"), [beginning](const LogLine& line) {
-      return line.level == LogLevel::error && line.text.starts_with(beginning);
-    }));
+    return static_cast<int>(
+        std::ranges::count_if(errors.linesOf("notification"), [beginning](const LogLine& line) {
+          return line.level == LogLevel::error && line.text.starts_with(beginning);
+        }));
   }
   // What these updates cause.
   static std::vector<std::string> updates(std::vector<int> values) {
@@ -44,7 +46,8 @@ class CoalescedUpdates : public NotificationHandler {
   }
   static std::vector<std::int64_t> numbersOf(const NotifyClient& client) {
     std::vector<std::int64_t> all;
-    for (const Received& each : client.received()) all.push_back(*each.item.value().find("number")->as<std::int64_t>());
+    for (const Received& each : client.received())
+      all.push_back(*each.item.value().find("number")->as<std::int64_t>());
     return all;
   }
 
@@ -68,7 +71,8 @@ TEST_F(CoalescedUpdates, EachReachesEverySubscriberAndIsAnswered) {
 
 TEST_F(CoalescedUpdates, EqualOnesDateTheItemAndItsSubscriptionsAnewEachTime) {
   const auto dates = [this] {
-    return std::vector{entry("n")->lastUpdated(), other.handler()->subscriptions().at("n")->lastUpdated(),
+    return std::vector{entry("n")->lastUpdated(),
+                       other.handler()->subscriptions().at("n")->lastUpdated(),
                        third.handler()->subscriptions().at("n")->lastUpdated()};
   };
   updateEach({1});
@@ -118,8 +122,9 @@ TEST_F(CoalescedUpdates, OfSeveralClientsAndNamesAreCarriedOutInTheirOrder) {
   update(other, "o", number(6));
   executor.runAll();
   EXPECT_THAT(receivedBy(third),
-              ElementsAre("update n {\"number\": 1}", "update m {\"number\": 2}", "update o {\"number\": 3}",
-                          "update n {\"number\": 4}", "update n {\"number\": 5}", "update o {\"number\": 6}"));
+              ElementsAre("update n {\"number\": 1}", "update m {\"number\": 2}",
+                          "update o {\"number\": 3}", "update n {\"number\": 4}",
+                          "update n {\"number\": 5}", "update o {\"number\": 6}"));
 }
 
 TEST_F(CoalescedUpdates, WhoFollowsWhatHePublishesHearsOfEachBeforeItsAnswer) {
@@ -127,7 +132,8 @@ TEST_F(CoalescedUpdates, WhoFollowsWhatHePublishesHearsOfEachBeforeItsAnswer) {
   forgetAll();
   updateEach({1, 2});
   executor.runAll();
-  EXPECT_THAT(receivedBy(one), ElementsAre("update n {\"number\": 1}", "reply 3", "update n {\"number\": 2}", "reply 4"));
+  EXPECT_THAT(receivedBy(one), ElementsAre("update n {\"number\": 1}", "reply 3",
+                                           "update n {\"number\": 2}", "reply 4"));
   EXPECT_EQ(receivedBy(other), updates({1, 2}));
 }
 
@@ -163,7 +169,8 @@ TEST_F(CoalescedUpdates, DataMayBeNull) {
   update(one, "n", number(1));
   update(one, "n", nullptr);
   executor.runAll();
-  EXPECT_THAT(receivedBy(other), ElementsAre("update n null", "update n {\"number\": 1}", "update n null"));
+  EXPECT_THAT(receivedBy(other),
+              ElementsAre("update n null", "update n {\"number\": 1}", "update n null"));
   EXPECT_TRUE(entry("n")->data().isNull());
 }
 
@@ -173,12 +180,14 @@ TEST_F(CoalescedUpdates, ASubscriberOfAnotherNameIsToldUnderThatName) {
   updateEach({1, 2});
   executor.runAll();
   EXPECT_EQ(receivedBy(other), updates({1, 2}));
-  EXPECT_THAT(receivedBy(third), ElementsAre("update its own {\"number\": 1}", "update its own {\"number\": 2}"));
+  EXPECT_THAT(receivedBy(third),
+              ElementsAre("update its own {\"number\": 1}", "update its own {\"number\": 2}"));
 }
 
 TEST_F(CoalescedUpdates, ASubscriberWithItsOwnNumbersIsCalledByThem) {
   NotifyClient old(executor, FakeClient::identity(14, 6),
-                   std::vector<std::string>{"getClientInfoViaHandler:", "updateSubscriptionFor:withItem:flags:error:"});
+                   std::vector<std::string>{"getClientInfoViaHandler:",
+                                            "updateSubscriptionFor:withItem:flags:error:"});
   mustSubscribe(old, "n");
   forgetAll();
   old.take();
@@ -319,7 +328,8 @@ TEST_F(CoalescedUpdates, AtTheDebugLevelTheLogTellsOfEachInOrder) {
   std::vector<std::string> expected;
   for (int i = 0; i < 4; ++i) expected.insert(expected.end(), ofOne.begin(), ofOne.end());
   EXPECT_EQ(texts, expected);
-  EXPECT_THAT(receivedBy(other), ElementsAre("update n {\"number\": 1}", "update n {\"number\": 2}"));
+  EXPECT_THAT(receivedBy(other),
+              ElementsAre("update n {\"number\": 1}", "update n {\"number\": 2}"));
 }
 
 TEST_F(CoalescedUpdates, APlaceholderKeepsTheLast) {

@@ -10,10 +10,10 @@
 // already, a large value, is never copied at all.
 //
 // Visit each subscriber once. With a hundred subscribers and more, finding what one update needs
-// of a subscriber (the subscription, its connection, its output queue) is a row of cache misses that
-// costs more than sending. So updates of one name that a client pipelines travel as a batch, and a
-// subscriber receives the whole batch in one visit: 1 -> 100 subscribers went from 0.067 to 0.035 us
-// a delivery.
+// of a subscriber (the subscription, its connection, its output queue) is a row of cache misses
+// that costs more than sending. So updates of one name that a client pipelines travel as a batch,
+// and a subscriber receives the whole batch in one visit: 1 -> 100 subscribers went from 0.067 to
+// 0.035 us a delivery.
 //
 // Answer together. The publisher's replies to a batch are sent behind it, as one message too.
 //
@@ -33,7 +33,8 @@ const Error kNoError;
 
 }  // namespace
 
-Delivery::Delivery(const Name& name, std::span<const Dictionary> batch) : Delivery(name, batch, kNoError) {}
+Delivery::Delivery(const Name& name, std::span<const Dictionary> batch)
+    : Delivery(name, batch, kNoError) {}
 
 Delivery::Delivery(const Name& name, const Error& error) : Delivery(name, {}, error) {}
 
@@ -45,7 +46,8 @@ Error Delivery::tooLarge() {
   return xpc::connectionError(xpc::ConnectionErrorCode::refused, "the message is too large");
 }
 
-const xpc::OutgoingMessage* Delivery::messageFor(xpc::Connection& connection, std::int64_t methodIndex) {
+const xpc::OutgoingMessage* Delivery::messageFor(xpc::Connection& connection,
+                                                 std::int64_t methodIndex) {
   const bool takesDescriptors = connection.takesDescriptors();
   Encoding& encoding = encodings_[takesDescriptors ? 1 : 0];
   if (!encoding.message || encoding.methodIndex != methodIndex) {
@@ -61,12 +63,13 @@ const xpc::OutgoingMessage* Delivery::messageFor(xpc::Connection& connection, st
   return &**encoding.message;
 }
 
-bool Delivery::encode(xpc::OutgoingMessage& message, std::int64_t methodIndex, bool takesDescriptors) const {
+bool Delivery::encode(xpc::OutgoingMessage& message, std::int64_t methodIndex,
+                      bool takesDescriptors) const {
   constexpr std::uint64_t kFlags = 0;
   message.clear();
   const auto append = [&](const Dictionary& data, const Error& error) {
-    return xpc::appendOneWayCall<&SubscriberProxy::updateSubscriptionFor>(message, methodIndex, takesDescriptors, name_, data,
-                                                                          kFlags, error);
+    return xpc::appendOneWayCall<&SubscriberProxy::updateSubscriptionFor>(
+        message, methodIndex, takesDescriptors, name_, data, kFlags, error);
   };
   if (error_) return append(nullptr, error_);
   for (const Dictionary& data : batch_) {

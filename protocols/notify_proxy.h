@@ -11,18 +11,21 @@
 
 namespace keel::protocols {
 
-// What the service "com.vantor.keeld.notify" does for its clients. A null error means success; error codes are those of
-// KLNErrorDomain (platform/product/product.h).
+// What the service "com.vantor.keeld.notify" does for its clients. A null error means success;
+// error codes are those of KLNErrorDomain (platform/product/product.h).
 class NotifyProxy {
  public:
   virtual ~NotifyProxy() = default;
 
   // Whether `user` was proved an administrator in that audit session. The error is always null.
-  virtual void authCheckForUser(String user, std::int32_t andASID, xpc::Reply<bool, Error> withHandler) = 0;
+  virtual void authCheckForUser(String user, std::int32_t andASID,
+                                xpc::Reply<bool, Error> withHandler) = 0;
 
-  // Follows `name`, published or not. The dictionary of the reply is always null; the data arrives through SubscriberProxy,
-  // first right behind the reply when an item of that name exists. Codes 9, 12, 13.
-  virtual void subscribeTo(Name name, std::uint64_t withFlags, xpc::Reply<Dictionary, Error> andHandler) = 0;
+  // Follows `name`, published or not. The dictionary of the reply is always null; the data arrives
+  // through SubscriberProxy, first right behind the reply when an item of that name exists. Codes
+  // 9, 12, 13.
+  virtual void subscribeTo(Name name, std::uint64_t withFlags,
+                           xpc::Reply<Dictionary, Error> andHandler) = 0;
 
   virtual void unsubscribeFrom(Name name) = 0;
 
@@ -39,8 +42,9 @@ class NotifyProxy {
   // "keel_" + short name of each enabled module, to the service name of its job.
   virtual void getModuleTableWithHandler(xpc::Reply<Dictionary> handler) = 0;
 
-  // Describes the item of that name, or all for "_all": as they were when it was this request's turn, though deliveries of
-  // later changes may come before the answer. Code 11 with an empty array for an unknown name.
+  // Describes the item of that name, or all for "_all": as they were when it was this request's
+  // turn, though deliveries of later changes may come before the answer. Code 11 with an empty
+  // array for an unknown name.
   virtual void dumpNotification(Name name, bool withData, xpc::Reply<Array, Error> andHandler) = 0;
 };
 
@@ -49,10 +53,13 @@ using NotifyProxyMethods = xpc::MethodTable<
     xpc::Method<"subscribeTo:withFlags:andHandler:", &NotifyProxy::subscribeTo>,
     xpc::Method<"unsubscribeFrom:", &NotifyProxy::unsubscribeFrom>,
     xpc::Method<"publishItem:name:flags:value:withHandler:", &NotifyProxy::publishItem>,
-    xpc::Method<"updatePublishedItem:name:withHandler:", &NotifyProxy::updatePublishedItem, xpc::Weight::brief>,
-    xpc::Method<"removePublishedItemForName:withHandler:", &NotifyProxy::removePublishedItemForName>,
+    xpc::Method<"updatePublishedItem:name:withHandler:", &NotifyProxy::updatePublishedItem,
+                xpc::Weight::brief>,
+    xpc::Method<"removePublishedItemForName:withHandler:",
+                &NotifyProxy::removePublishedItemForName>,
     xpc::Method<"getModuleTableWithHandler:", &NotifyProxy::getModuleTableWithHandler>,
-    xpc::Method<"dumpNotification:withData:andHandler:", &NotifyProxy::dumpNotification, xpc::Weight::heavy>>;
+    xpc::Method<"dumpNotification:withData:andHandler:", &NotifyProxy::dumpNotification,
+                xpc::Weight::heavy>>;
 NotifyProxyMethods methodTableOf(const NotifyProxy*);
 
 }  // namespace keel::protocols

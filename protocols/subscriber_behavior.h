@@ -16,7 +16,8 @@ class SubscriberBehavior {
   virtual ~SubscriberBehavior() = default;
   virtual void updateWithData(const Dictionary& data) = 0;
   virtual void updateWithError(Error error) = 0;
-  // Passes on what an item delivers to all who follow it. Unless overridden, one call of the above for each update in it.
+  // Passes on what an item delivers to all who follow it. Unless overridden, one call of the above
+  // for each update in it.
   virtual void deliver(Delivery& delivery);
   // The subscriber's own connection has ended.
   virtual void connectionIsInvalid() = 0;

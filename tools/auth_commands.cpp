@@ -24,7 +24,8 @@ constexpr std::size_t kShownUserColumns = 100;
 // A client, and how this command waits for its answers.
 class Asking {
  public:
-  explicit Asking(const CommonOptions& common) : timeout_(common.timeout().value_or(kCheckTimeout)) {
+  explicit Asking(const CommonOptions& common)
+      : timeout_(common.timeout().value_or(kCheckTimeout)) {
     ClientOptions options;
     options.serviceDirectory = common.serviceDirectory;
     options.reconnect = false;
@@ -49,15 +50,18 @@ void tell(Console& console, const CommonOptions& common, std::string text, std::
 int tellProof(Console& console, const CommonOptions& common, const std::string& user) {
   const std::int32_t session = ownAuditSession();
   tell(console, common,
-       fmt::format("{} is proved an administrator in audit session {}{}", shownText(user, kShownUserColumns), session,
+       fmt::format("{} is proved an administrator in audit session {}{}",
+                   shownText(user, kShownUserColumns), session,
                    session == -1 ? ", which all processes without a session share" : ""),
-       fmt::format(R"({{"user":{},"auditSession":{},"authenticated":true}})", jsonOfText(user, console.letters()), session));
+       fmt::format(R"({{"user":{},"auditSession":{},"authenticated":true}})",
+                   jsonOfText(user, console.letters()), session));
   return kExitOk;
 }
 
 std::optional<Secret> passwordOf(Console& console, const AuthOptions& options) {
-  auto password = readPassword(fmt::format("Password of {}: ", shownText(options.user, kShownUserColumns)),
-                               options.passwordDescriptor, Prompting::once);
+  auto password =
+      readPassword(fmt::format("Password of {}: ", shownText(options.user, kShownUserColumns)),
+                   options.passwordDescriptor, Prompting::once);
   if (password) return std::move(*password);
   console.note(password.error());
   return std::nullopt;
@@ -71,8 +75,8 @@ bool isNameForChallenge(Console& console, const std::string& user) {
   return false;
 }
 
-int validate(Console& console, const CommonOptions& common, Asking& asking, const AuthChallenge& challenge,
-             const Secret& answer, const DigestReply* reply) {
+int validate(Console& console, const CommonOptions& common, Asking& asking,
+             const AuthChallenge& challenge, const Secret& answer, const DigestReply* reply) {
   const auto proof = asking.answer(asking->validate(answer, challenge.id));
   if (!proof) return report(console, proof.error());
   if (reply != nullptr && !reply->isConfirmedBy(proof->response.value_or(""))) {
@@ -113,7 +117,8 @@ int authSessionCommand(Console& console, const CommonOptions& common, const Auth
   const auto authenticated = asking.answer(asking->isAuthenticated(session));
   if (!authenticated) return report(console, authenticated.error());
   tell(console, common,
-       fmt::format("{}: in audit session {} {} proved an administrator", *authenticated ? "yes" : "no", session,
+       fmt::format("{}: in audit session {} {} proved an administrator",
+                   *authenticated ? "yes" : "no", session,
                    *authenticated ? "somebody was" : "nobody was"),
        fmt::format(R"({{"auditSession":{},"authenticated":{}}})", session, *authenticated));
   return *authenticated ? kExitOk : kExitRefused;
@@ -124,7 +129,8 @@ int authPasswordCommand(Console& console, const CommonOptions& common, const Aut
   const auto password = passwordOf(console, options);
   if (!password) return kExitUsage;
   Asking asking(common);
-  const auto proved = asking.answer(asking->authenticate(std::string_view(options.user), *password));
+  const auto proved =
+      asking.answer(asking->authenticate(std::string_view(options.user), *password));
   return proved ? tellProof(console, common, options.user) : report(console, proved.error());
 }
 
@@ -154,12 +160,15 @@ int authDigestCommand(Console& console, const CommonOptions& common, const AuthO
   return validate(console, common, asking, *challenge, reply->answer(), &*reply);
 }
 
-int authReferenceCommand(Console& console, const CommonOptions& common, const AuthOptions& options) {
+int authReferenceCommand(Console& console, const CommonOptions& common,
+                         const AuthOptions& options) {
   if (!isName(console, options.user)) return kExitUsage;
-  const auto form = options.interactive ? formAfterProof() : KLNAuthClient::makeForm(AuthInteraction::none);
+  const auto form =
+      options.interactive ? formAfterProof() : KLNAuthClient::makeForm(AuthInteraction::none);
   if (!form) return report(console, form.error());
   Asking asking(common);
-  const auto proved = asking.answer(asking->authenticateByReference(std::string_view(options.user), *form));
+  const auto proved =
+      asking.answer(asking->authenticateByReference(std::string_view(options.user), *form));
   return proved ? tellProof(console, common, options.user) : report(console, proved.error());
 }
 

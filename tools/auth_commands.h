@@ -7,8 +7,8 @@
 
 #include "tools/session.h"
 
-// keelctl auth: proves that a user is an administrator, in each way that keeld offers, and asks for what was proved. What is
-// proved counts in the audit session of this process.
+// keelctl auth: proves that a user is an administrator, in each way that keeld offers, and asks for
+// what was proved. What is proved counts in the audit session of this process.
 
 namespace keel {
 

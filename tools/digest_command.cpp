@@ -32,16 +32,19 @@ int reportUnusable(Console& console, const std::string& what) {
 // The description alone: the domain and number behind it say nothing more to people.
 int reportFailure(Console& console, const Error& error) {
   const Value userInfo = error.userInfo().value();
-  return reportFailure(console, std::string(userInfo.textOf(NSLocalizedDescriptionKey, error.description())));
+  return reportFailure(
+      console, std::string(userInfo.textOf(NSLocalizedDescriptionKey, error.description())));
 }
 
 // Whether user and realm can stand in the file; tells a person when they cannot.
 bool canBeWritten(Console& console, const DigestOptions& options) {
-  const bool canBe = DigestCredentials::canBeUser(options.user) && DigestCredentials::canBeRealm(options.realm) &&
-                     cbor::isUtf8(options.user) && cbor::isUtf8(options.realm);
+  const bool canBe = DigestCredentials::canBeUser(options.user) &&
+                     DigestCredentials::canBeRealm(options.realm) && cbor::isUtf8(options.user) &&
+                     cbor::isUtf8(options.realm);
   if (!canBe) {
     reportUsage(console,
-                "users and realms are valid UTF-8 without : and control characters, and not empty; users do not begin with #");
+                "users and realms are valid UTF-8 without : and control characters, and not empty; "
+                "users do not begin with #");
   }
   return canBe;
 }
@@ -56,19 +59,23 @@ bool has(const DigestCredentials& credentials, const DigestOptions& options) {
 
 int digestSetCommand(Console& console, const DigestOptions& options) {
   if (!canBeWritten(console, options)) return kExitUsage;
-  const auto password = readPassword(fmt::format("Digest password of {} in {}: ", options.user, options.realm),
-                                     options.passwordDescriptor, Prompting::twice);
+  const auto password =
+      readPassword(fmt::format("Digest password of {} in {}: ", options.user, options.realm),
+                   options.passwordDescriptor, Prompting::twice);
   if (!password) return reportUnusable(console, password.error());
-  if (password->text().empty()) return reportUnusable(console, "the password is empty; nothing was changed");
+  if (password->text().empty())
+    return reportUnusable(console, "the password is empty; nothing was changed");
   std::vector<Secret> digests;
   for (const DigestAlgorithm algorithm : kDigestAlgorithms) {
     auto digest = digestOf(algorithm, {options.user, options.realm, password->text()});
     if (digest) digests.push_back(std::move(*digest));
   }
-  if (digests.empty()) return reportFailure(console, "this system's cryptography offers no algorithm for digests");
-  const auto changed = changeDigestFile(options.file, [&](const DigestCredentials& present) -> std::expected<Secret, Error> {
-    return present.with(options.user, options.realm, digests);
-  });
+  if (digests.empty())
+    return reportFailure(console, "this system's cryptography offers no algorithm for digests");
+  const auto changed = changeDigestFile(
+      options.file, [&](const DigestCredentials& present) -> std::expected<Secret, Error> {
+        return present.with(options.user, options.realm, digests);
+      });
   return changed ? static_cast<int>(kExitOk) : reportFailure(console, changed.error());
 }
 
@@ -77,11 +84,13 @@ int digestListCommand(Console& console, const CommonOptions& common, const Diges
   if (!text && text.error().code() != ENOENT) return reportFailure(console, text.error());
   const DigestCredentials credentials(text ? std::move(*text) : Secret());
   for (const std::size_t number : credentials.badLines()) {
-    console.note(fmt::format("line {} of {} is not USER:REALM:DIGEST and counts for nothing", number, options.file));
+    console.note(fmt::format("line {} of {} is not USER:REALM:DIGEST and counts for nothing",
+                             number, options.file));
   }
   std::map<std::pair<std::string, std::string>, std::vector<std::string>> algorithmsByUserAndRealm;
   for (const auto& line : credentials.lines()) {
-    algorithmsByUserAndRealm[{std::string(line.user), std::string(line.realm)}].emplace_back(nameOf(line.algorithm));
+    algorithmsByUserAndRealm[{std::string(line.user), std::string(line.realm)}].emplace_back(
+        nameOf(line.algorithm));
   }
   Table table({"USER", "REALM", "ALGORITHMS"});
   for (const auto& [user, algorithms] : algorithmsByUserAndRealm) {
@@ -90,7 +99,8 @@ int digestListCommand(Console& console, const CommonOptions& common, const Diges
       continue;
     }
     const std::string line =
-        fmt::format(R"({{"user":{},"realm":{},"algorithms":["{}"]}})", jsonOfText(user.first, console.letters()),
+        fmt::format(R"({{"user":{},"realm":{},"algorithms":["{}"]}})",
+                    jsonOfText(user.first, console.letters()),
                     jsonOfText(user.second, console.letters()), fmt::join(algorithms, R"(",")"));
     if (!console.writeLine(line)) break;
   }
@@ -104,15 +114,16 @@ int digestRemoveCommand(Console& console, const DigestOptions& options) {
   // Without a file there is nobody in it, and none is made.
   const auto present = readDigestFile(options.file);
   if (present || present.error().code() != ENOENT) {
-    const auto changed =
-        changeDigestFile(options.file, [&](const DigestCredentials& credentials) -> std::expected<Secret, Error> {
+    const auto changed = changeDigestFile(
+        options.file, [&](const DigestCredentials& credentials) -> std::expected<Secret, Error> {
           wasThere = has(credentials, options);
           return credentials.without(options.user, options.realm);
         });
     if (!changed) return reportFailure(console, changed.error());
   }
   if (wasThere) return kExitOk;
-  return reportFailure(console, fmt::format("{} has no digest credentials in the realm {}", options.user, options.realm));
+  return reportFailure(console, fmt::format("{} has no digest credentials in the realm {}",
+                                            options.user, options.realm));
 }
 
 }  // namespace keel

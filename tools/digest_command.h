@@ -8,7 +8,8 @@
 #include "platform/authenticator/digest_file.h"
 #include "tools/session.h"
 
-// keelctl digest set, list, remove: the file of digest credentials, which keeld reads. They work without keeld.
+// keelctl digest set, list, remove: the file of digest credentials, which keeld reads. They work
+// without keeld.
 
 namespace keel {
 

@@ -63,7 +63,8 @@ class DigestCommand : public testing::Test {
 
 // The user of the examples of RFC 7616, section 3.9.1.
 constexpr const char* kMufasa =
-    "Mufasa:http-auth@example.org:7987c64c30e25f1b74be53f966b49b90f2808aa92faf9a00262392d7b4794232\n"
+    "Mufasa:http-auth@example.org:"
+    "7987c64c30e25f1b74be53f966b49b90f2808aa92faf9a00262392d7b4794232\n"
     "Mufasa:http-auth@example.org:3d78807defe7de2157e2b0b6573a855f\n";
 
 TEST_F(DigestCommand, SetWritesADigestForEachAlgorithm) {
@@ -89,8 +90,8 @@ TEST_F(DigestCommand, SetReplacesTheUserAndKeepsOthers) {
 }
 
 TEST_F(DigestCommand, SetRefusesPasswordsThatNobodyCouldMean) {
-  for (const auto& password :
-       {std::string(), std::string("\n"), std::string("\xff\n"), std::string(kLongestPasswordBytes + 1, 'p')}) {
+  for (const auto& password : {std::string(), std::string("\n"), std::string("\xff\n"),
+                               std::string(kLongestPasswordBytes + 1, 'p')}) {
     EXPECT_EQ(set(password), kExitUsage) << password.size();
   }
   EXPECT_FALSE(fs::exists(options.file));
@@ -122,7 +123,8 @@ TEST_F(DigestCommand, RemoveTakesTheUserOut) {
 
 TEST_F(DigestCommand, RemoveOfSomebodyWhoIsNotThereSaysSoAndMakesNothing) {
   EXPECT_EQ(digestRemoveCommand(console, options), kExitRefused);
-  EXPECT_THAT(said(), HasSubstr("Mufasa has no digest credentials in the realm http-auth@example.org"));
+  EXPECT_THAT(said(),
+              HasSubstr("Mufasa has no digest credentials in the realm http-auth@example.org"));
   EXPECT_FALSE(fs::exists(directory + "/keeld"));
   EXPECT_EQ(set("Circle of Life"), kExitOk);
   options.realm = "other";
@@ -144,10 +146,12 @@ TEST_F(DigestCommand, ListShowsUsersAndNoDigests) {
   EXPECT_EQ(digestListCommand(console, {}, options), kExitOk);
   EXPECT_EQ(contentOf(output.get()), "");
   EXPECT_EQ(set("Circle of Life"), kExitOk);
-  std::ofstream(options.file, std::ios::app) << "nonsense\nal \"x\":r:" << std::string(32, 'a') << "\n";
+  std::ofstream(options.file, std::ios::app)
+      << "nonsense\nal \"x\":r:" << std::string(32, 'a') << "\n";
   EXPECT_EQ(digestListCommand(console, {}, options), kExitOk);
   EXPECT_EQ(contentOf(output.get()),
-            "{\"user\":\"Mufasa\",\"realm\":\"http-auth@example.org\",\"algorithms\":[\"SHA-256\",\"MD5\"]}\n"
+            "{\"user\":\"Mufasa\",\"realm\":\"http-auth@example.org\",\"algorithms\":[\"SHA-256\","
+            "\"MD5\"]}\n"
             "{\"user\":\"al \\\"x\\\"\",\"realm\":\"r\",\"algorithms\":[\"MD5\"]}\n");
   EXPECT_THAT(said(), HasSubstr("line 3 of"));
 }

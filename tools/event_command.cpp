@@ -37,7 +37,8 @@ std::vector<std::string> environmentWith(const std::string& name, const std::str
   std::vector<std::string> environment;
   for (char** entry = environ; *entry != nullptr; ++entry) {
     const std::string_view text = *entry;
-    if (!text.starts_with("KEELCTL_NAME=") && !text.starts_with("KEELCTL_EVENT=")) environment.emplace_back(text);
+    if (!text.starts_with("KEELCTL_NAME=") && !text.starts_with("KEELCTL_EVENT="))
+      environment.emplace_back(text);
   }
   environment.push_back("KEELCTL_EVENT=" + event);
   if (name.size() <= EventCommand::kNameBytes && name.find('\0') == std::string::npos)
@@ -75,8 +76,8 @@ std::expected<int, std::string> EventCommand::run(const std::string& name, const
   posix_spawnattr_setsigdefault(&attributes, &taken);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   pid_t child = 0;
-  const int fault =
-      ::posix_spawnp(&child, words[0].c_str(), &actions, &attributes, pointersTo(words).data(), pointersTo(environment).data());
+  const int fault = ::posix_spawnp(&child, words[0].c_str(), &actions, &attributes,
+                                   pointersTo(words).data(), pointersTo(environment).data());
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   ::close(file);

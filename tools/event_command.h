@@ -15,9 +15,11 @@ class EventCommand {
 
   explicit EventCommand(std::vector<std::string> words) : words_(std::move(words)) {}
 
-  // Runs it with `input` as its standard input, KEELCTL_NAME and KEELCTL_EVENT set, and waits for it to end. Its exit status,
-  // 128 and the signal's number when one ended it, or why it could not be started.
-  std::expected<int, std::string> run(const std::string& name, const std::string& event, const std::string& input) const;
+  // Runs it with `input` as its standard input, KEELCTL_NAME and KEELCTL_EVENT set, and waits for
+  // it to end. Its exit status, 128 and the signal's number when one ended it, or why it could not
+  // be started.
+  std::expected<int, std::string> run(const std::string& name, const std::string& event,
+                                      const std::string& input) const;
 
  private:
   std::vector<std::string> words_;

@@ -11,8 +11,9 @@ EventCommand shell(const char* script) {
 }
 
 TEST(EventCommand, GetsTheDataAndItsEnvironment) {
-  const auto command =
-      shell("read line; test \"$line\" = '{\"n\":1}' && test \"$KEELCTL_NAME\" = weather && test $KEELCTL_EVENT = data");
+  const auto command = shell(
+      "read line; test \"$line\" = '{\"n\":1}' && test \"$KEELCTL_NAME\" = weather && test "
+      "$KEELCTL_EVENT = data");
   EXPECT_EQ(command.run("weather", "data", "{\"n\":1}\n"), 0);
 }
 

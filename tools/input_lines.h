@@ -14,7 +14,8 @@ class InputLines {
   // The descriptor is borrowed.
   explicit InputLines(int descriptor) : descriptor_(descriptor) {}
 
-  // Reads once what is there; false when it failed or the line is too long, with the reason in `fault`.
+  // Reads once what is there; false when it failed or the line is too long, with the reason in
+  // `fault`.
   bool read(std::string& fault);
   // The next whole line; at the end of the input also one without its end.
   std::optional<std::string> next();

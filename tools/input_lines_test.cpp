@@ -21,7 +21,9 @@ class InputLinesTest : public testing::Test {
     ::close(reader);
     close();
   }
-  void put(std::string_view text) { ASSERT_EQ(::write(writer, text.data(), text.size()), static_cast<ssize_t>(text.size())); }
+  void put(std::string_view text) {
+    ASSERT_EQ(::write(writer, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
   void close() {
     if (writer >= 0) ::close(writer);
     writer = -1;

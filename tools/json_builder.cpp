@@ -19,8 +19,10 @@ constexpr std::size_t kMaximumLevels = 200;
 using Meaning = std::expected<Value, std::string>;
 
 Meaning dateOf(const Value& seconds) {
-  if (const auto* whole = seconds.as<std::int64_t>()) return Value(Date{static_cast<double>(*whole)});
-  if (const auto* real = seconds.as<double>(); real != nullptr && std::isfinite(*real)) return Value(Date{*real});
+  if (const auto* whole = seconds.as<std::int64_t>())
+    return Value(Date{static_cast<double>(*whole)});
+  if (const auto* real = seconds.as<double>(); real != nullptr && std::isfinite(*real))
+    return Value(Date{*real});
   return std::unexpected("\"$date\" takes a number of seconds since 1970-01-01T00:00:00Z");
 }
 
@@ -44,10 +46,13 @@ Meaning errorOf(const Value& parts) {
   const Value* userInfo = parts.find("userInfo");
   const auto* domainText = domain == nullptr ? nullptr : domain->as<std::string>();
   const auto* codeNumber = code == nullptr ? nullptr : code->as<std::int64_t>();
-  if (domainText == nullptr || codeNumber == nullptr || (userInfo != nullptr && !userInfo->isNull() && !userInfo->isMap())) {
-    return std::unexpected(R"("$error" takes {"domain": TEXT, "code": INTEGER, "userInfo": MAP or null})");
+  if (domainText == nullptr || codeNumber == nullptr ||
+      (userInfo != nullptr && !userInfo->isNull() && !userInfo->isMap())) {
+    return std::unexpected(
+        R"("$error" takes {"domain": TEXT, "code": INTEGER, "userInfo": MAP or null})");
   }
-  return Value(Error(std::string_view(*domainText), *codeNumber, userInfo == nullptr ? Dictionary() : Dictionary(*userInfo)));
+  return Value(Error(std::string_view(*domainText), *codeNumber,
+                     userInfo == nullptr ? Dictionary() : Dictionary(*userInfo)));
 }
 
 Meaning meaningOf(Value::Map map);
@@ -97,7 +102,8 @@ bool JsonBuilder::number_float(double value, const std::string& text) {
 
 bool JsonBuilder::key(std::string& key) {
   Open& map = open_.back();
-  if (!map.keys.insert(key).second) return fail(fmt::format("the key {} stands twice", quotedText(key)));
+  if (!map.keys.insert(key).second)
+    return fail(fmt::format("the key {} stands twice", quotedText(key)));
   map.map.push_back({key, nullptr});
   return true;
 }
@@ -114,7 +120,8 @@ bool JsonBuilder::add(Value value) {
 }
 
 bool JsonBuilder::open(Value empty) {
-  if (open_.size() == kMaximumLevels) return fail(fmt::format("it is nested deeper than {} levels", kMaximumLevels));
+  if (open_.size() == kMaximumLevels)
+    return fail(fmt::format("it is nested deeper than {} levels", kMaximumLevels));
   open_.push_back({empty.isMap(), {}, {}, {}});
   return true;
 }
@@ -133,12 +140,14 @@ bool JsonBuilder::end_object() {
   return meaning ? add(std::move(*meaning)) : fail(std::move(meaning.error()));
 }
 
-bool JsonBuilder::parse_error(std::size_t position, const std::string&, const nlohmann::detail::exception& fault) {
+bool JsonBuilder::parse_error(std::size_t position, const std::string&,
+                              const nlohmann::detail::exception& fault) {
   // The parser's words begin with its own error number in brackets.
   const std::string words = fault.what();
   const std::size_t after = words.find("] ");
-  return fail(fmt::format("not JSON at byte {}: {}", position,
-                          shownText(words.substr(after == std::string::npos ? 0 : after + 2), 300)));
+  return fail(
+      fmt::format("not JSON at byte {}: {}", position,
+                  shownText(words.substr(after == std::string::npos ? 0 : after + 2), 300)));
 }
 
 }  // namespace keel

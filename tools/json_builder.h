@@ -11,8 +11,8 @@
 
 namespace keel {
 
-// Makes a Value from the events of the JSON parser, and never a tree of the parser's own: that would lose the order of the
-// members and turn integers that are too large into something else.
+// Makes a Value from the events of the JSON parser, and never a tree of the parser's own: that
+// would lose the order of the members and turn integers that are too large into something else.
 class JsonBuilder final : public nlohmann::json::json_sax_t {
  public:
   std::expected<Value, std::string> take();
@@ -29,7 +29,8 @@ class JsonBuilder final : public nlohmann::json::json_sax_t {
   bool key(std::string& key) override;
   bool end_object() override;
   bool end_array() override;
-  bool parse_error(std::size_t position, const std::string& token, const nlohmann::detail::exception& fault) override;
+  bool parse_error(std::size_t position, const std::string& token,
+                   const nlohmann::detail::exception& fault) override;
 
  private:
   // A map or list that is not complete yet.
@@ -43,8 +44,11 @@ class JsonBuilder final : public nlohmann::json::json_sax_t {
   bool fail(std::string why);
   bool add(Value value);
   bool open(Value empty);
-  // Whether the value that comes next is the first in what may become {"$map": ...}: only its end tells what a map there means.
-  bool isUndecided() const { return !open_.empty() && open_.back().map.size() == 1 && open_.back().map[0].key == "$map"; }
+  // Whether the value that comes next is the first in what may become {"$map": ...}: only its end
+  // tells what a map there means.
+  bool isUndecided() const {
+    return !open_.empty() && open_.back().map.size() == 1 && open_.back().map[0].key == "$map";
+  }
 
   std::vector<Open> open_;
   Value root_;

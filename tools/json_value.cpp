@@ -32,7 +32,9 @@ class JsonWriter {
     if (std::isfinite(real)) {
       json_ += nlohmann::json(real).dump();
     } else {
-      json_ += std::isnan(real) ? R"({"$real":"NaN"})" : real > 0 ? R"({"$real":"Infinity"})" : R"({"$real":"-Infinity"})";
+      json_ += std::isnan(real) ? R"({"$real":"NaN"})"
+               : real > 0       ? R"({"$real":"Infinity"})"
+                                : R"({"$real":"-Infinity"})";
     }
   }
   void operator()(const std::string& text) { json_ += jsonOfText(text, letters_); }
@@ -47,7 +49,8 @@ class JsonWriter {
     json_ += "}";
   }
   void operator()(const Error& error) {
-    json_ += R"({"$error":{"domain":)" + jsonOfText(error.domain().view(), letters_) + R"(,"code":)";
+    json_ +=
+        R"({"$error":{"domain":)" + jsonOfText(error.domain().view(), letters_) + R"(,"code":)";
     (*this)(error.code());
     json_ += R"(,"userInfo":)";
     write(error.userInfo().value());
@@ -92,7 +95,8 @@ std::string jsonOf(const Value& value, JsonLetters letters) {
 }
 
 std::string jsonOfText(std::string_view text, JsonLetters letters) {
-  return nlohmann::json(text).dump(-1, ' ', letters == JsonLetters::ascii, nlohmann::json::error_handler_t::replace);
+  return nlohmann::json(text).dump(-1, ' ', letters == JsonLetters::ascii,
+                                   nlohmann::json::error_handler_t::replace);
 }
 
 std::expected<Value, std::string> valueOfJson(std::string_view json) {

@@ -7,7 +7,8 @@
 
 #include "runtime/foundation/value.h"
 
-// Published data as JSON (RFC 8259), both ways without loss. What JSON lacks stands as a map with one member:
+// Published data as JSON (RFC 8259), both ways without loss. What JSON lacks stands as a map with
+// one member:
 //
 //   a date            {"$date": SECONDS}       since 1970-01-01T00:00:00Z
 //   bytes             {"$data": "BASE64"}      RFC 4648, with padding
@@ -15,7 +16,8 @@
 //   not a number ...  {"$real": "NaN"}, {"$real": "Infinity"}, {"$real": "-Infinity"}
 //   a map that would itself look like one of these   {"$map": {...}}
 //
-// Integers from -2^63 to 2^64-1 are exact; a number with a fraction or an exponent is a floating-point number.
+// Integers from -2^63 to 2^64-1 are exact; a number with a fraction or an exponent is a
+// floating-point number.
 
 namespace keel {
 
@@ -26,8 +28,8 @@ std::string jsonOf(const Value& value, JsonLetters letters = JsonLetters::utf8);
 // A JSON text, quotes included.
 std::string jsonOfText(std::string_view text, JsonLetters letters = JsonLetters::utf8);
 
-// Says what is wrong with it, and where, for people. Refuses a key that stands twice, integers that are out of range, and more
-// than 200 levels.
+// Says what is wrong with it, and where, for people. Refuses a key that stands twice, integers that
+// are out of range, and more than 200 levels.
 std::expected<Value, std::string> valueOfJson(std::string_view json);
 
 }  // namespace keel

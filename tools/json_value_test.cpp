@@ -23,7 +23,8 @@ std::string faultOf(std::string_view json) {
 }
 
 TEST(JsonOfValue, PlainKindsAreWrittenAsTheyAre) {
-  const Value value = Value::map({{"b", true}, {"a", Value::list({1, -2, 1.5, "x", nullptr})}, {"", Value::map({})}});
+  const Value value = Value::map(
+      {{"b", true}, {"a", Value::list({1, -2, 1.5, "x", nullptr})}, {"", Value::map({})}});
   EXPECT_EQ(jsonOf(value), R"({"b":true,"a":[1,-2,1.5,"x",null],"":{}})");
 }
 
@@ -47,7 +48,8 @@ TEST(JsonOfValue, FloatingPointNumbersStaySuch) {
 }
 
 TEST(JsonOfValue, WhatIsNoNumberHasItsEscape) {
-  for (const char* json : {R"({"$real":"NaN"})", R"({"$real":"Infinity"})", R"({"$real":"-Infinity"})"})
+  for (const char* json :
+       {R"({"$real":"NaN"})", R"({"$real":"Infinity"})", R"({"$real":"-Infinity"})"})
     EXPECT_EQ(again(json), json);
   EXPECT_TRUE(std::isnan(*valueOfJson(R"({"$real":"NaN"})")->as<double>()));
 }
@@ -58,9 +60,10 @@ TEST(JsonOfValue, DatesBytesAndErrorsHaveTheirEscapes) {
                                   {"bytes", Value::Bytes{std::byte{0}, std::byte{255}}},
                                   {"error", Error("D", 9, Dictionary(Value::map({{"k", "v"}})))},
                                   {"bare", Error("D", -1)}});
-  EXPECT_EQ(jsonOf(value), R"({"when":{"$date":1.5},"then":{"$date":1700000000},"bytes":{"$data":"AP8="},)"
-                           R"("error":{"$error":{"domain":"D","code":9,"userInfo":{"k":"v"}}},)"
-                           R"("bare":{"$error":{"domain":"D","code":-1,"userInfo":null}}})");
+  EXPECT_EQ(jsonOf(value),
+            R"({"when":{"$date":1.5},"then":{"$date":1700000000},"bytes":{"$data":"AP8="},)"
+            R"("error":{"$error":{"domain":"D","code":9,"userInfo":{"k":"v"}}},)"
+            R"("bare":{"$error":{"domain":"D","code":-1,"userInfo":null}}})");
   EXPECT_EQ(valueOfJson(jsonOf(value)), value);
 }
 
@@ -110,7 +113,9 @@ TEST(ValueOfJson, FaultsSayWhereAndWhat) {
 }
 
 TEST(ValueOfJson, TwoHundredLevelsWorkAndOneMoreIsRefused) {
-  const auto nested = [](std::size_t levels) { return std::string(levels, '[') + std::string(levels, ']'); };
+  const auto nested = [](std::size_t levels) {
+    return std::string(levels, '[') + std::string(levels, ']');
+  };
   EXPECT_TRUE(valueOfJson(nested(200)).has_value());
   EXPECT_THAT(faultOf(nested(201)), HasSubstr("deeper than 200"));
   EXPECT_THAT(faultOf(std::string(100'000, '[')), HasSubstr("deeper than 200"));

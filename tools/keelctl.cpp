@@ -16,7 +16,8 @@ namespace keel {
 
 namespace {
 
-constexpr const char* kDescription = "Talks to keeld: publish named items, follow them, see what is there.";
+constexpr const char* kDescription =
+    "Talks to keeld: publish named items, follow them, see what is there.";
 
 constexpr const char* kFooter = R"(
 Data is a JSON object, or null. What JSON lacks is written as an object with one member:
@@ -51,12 +52,16 @@ struct Parsed {
 
 // The parser takes "-1" for the largest number there is.
 const CLI::Validator kUnsigned(
-    [](std::string& text) { return text.starts_with('-') ? "a number from 0 on is wanted, not " + text : std::string(); }, "");
+    [](std::string& text) {
+      return text.starts_with('-') ? "a number from 0 on is wanted, not " + text : std::string();
+    },
+    "");
 
 // Options that stand before or behind the command.
 void addCommonOptions(CLI::App& app, CommonOptions& common) {
   app.add_flag("--json", common.json, "write JSON also to a terminal");
-  app.add_option("--service-directory", common.serviceDirectory, "where keeld's socket is, instead of /run/keeld")
+  app.add_option("--service-directory", common.serviceDirectory,
+                 "where keeld's socket is, instead of /run/keeld")
       ->type_name("DIR");
 }
 
@@ -78,28 +83,38 @@ void addTimeout(CLI::App* command, Parsed& parsed, const char* description) {
 constexpr const char* kAnswerTimeoutText = "how long to wait for keeld's answer; without it 10";
 
 void addPublishing(CLI::App& app, Parsed& parsed) {
-  CLI::App* publish =
-      addCommand(app, parsed, "publish",
-                 "publish an item and stay: it is published as long as this command runs. With - the item comes from "
-                 "standard input, and each further line updates it; the end of the input does not end the command",
-                 [&](Console& console) { return publishCommand(console, parsed.common, parsed.publish); });
+  CLI::App* publish = addCommand(
+      app, parsed, "publish",
+      "publish an item and stay: it is published as long as this command runs. With - the item "
+      "comes from "
+      "standard input, and each further line updates it; the end of the input does not end the "
+      "command",
+      [&](Console& console) { return publishCommand(console, parsed.common, parsed.publish); });
   publish->add_option("NAME", parsed.publish.name)->required();
-  publish->add_option("JSON", parsed.publish.json, "the data, or - for lines from standard input")->required();
-  publish->add_option("--flags", parsed.publish.flags, "the flags of the publication")->check(kUnsigned);
+  publish->add_option("JSON", parsed.publish.json, "the data, or - for lines from standard input")
+      ->required();
+  publish->add_option("--flags", parsed.publish.flags, "the flags of the publication")
+      ->check(kUnsigned);
   publish->add_option("--value", parsed.publish.value, "the value of the publication");
-  publish->add_option("--count", parsed.publish.count, "end after that many versions")->check(kUnsigned);
-  publish->add_flag("--reconnect", parsed.publish.reconnect, "wait for keeld, and publish anew when the connection was lost");
+  publish->add_option("--count", parsed.publish.count, "end after that many versions")
+      ->check(kUnsigned);
+  publish->add_flag("--reconnect", parsed.publish.reconnect,
+                    "wait for keeld, and publish anew when the connection was lost");
   addTimeout(publish, parsed, "end after that time");
 
   CLI::App* update =
-      addCommand(app, parsed, "update", "update an item; only its publisher's connection can, so see publish NAME -",
-                 [&](Console& console) { return updateCommand(console, parsed.common, parsed.name, parsed.json); });
+      addCommand(app, parsed, "update",
+                 "update an item; only its publisher's connection can, so see publish NAME -",
+                 [&](Console& console) {
+                   return updateCommand(console, parsed.common, parsed.name, parsed.json);
+                 });
   update->add_option("NAME", parsed.name)->required();
   update->add_option("JSON", parsed.json, "the data")->required();
   addTimeout(update, parsed, kAnswerTimeoutText);
 
-  CLI::App* remove = addCommand(app, parsed, "remove", "withdraw an item; only its publisher's connection can",
-                                [&](Console& console) { return removeCommand(console, parsed.common, parsed.name); });
+  CLI::App* remove = addCommand(
+      app, parsed, "remove", "withdraw an item; only its publisher's connection can",
+      [&](Console& console) { return removeCommand(console, parsed.common, parsed.name); });
   remove->add_option("NAME", parsed.name)->required();
   addTimeout(remove, parsed, kAnswerTimeoutText);
 }
@@ -107,42 +122,51 @@ void addPublishing(CLI::App& app, Parsed& parsed) {
 void addSubscribing(CLI::App& app, Parsed& parsed) {
   CLI::App* subscribe = addCommand(
       app, parsed, "subscribe",
-      "follow names, published or not, and write each event. With -- COMMAND ARGUMENTS... run that for each event instead, one "
+      "follow names, published or not, and write each event. With -- COMMAND ARGUMENTS... run that "
+      "for each event instead, one "
       "at a "
-      "time, with the data as JSON on its standard input and KEELCTL_NAME and KEELCTL_EVENT (data or error) in its environment",
+      "time, with the data as JSON on its standard input and KEELCTL_NAME and KEELCTL_EVENT (data "
+      "or error) in its environment",
       [&](Console& console) { return subscribeCommand(console, parsed.common, parsed.subscribe); });
-  CLI::Option* names =
-      subscribe->add_option("NAME,--name", parsed.subscribe.names, "which; one that begins with - as --name=-x");
+  CLI::Option* names = subscribe->add_option("NAME,--name", parsed.subscribe.names,
+                                             "which; one that begins with - as --name=-x");
   names->required();
-  subscribe->add_option("--count", parsed.subscribe.count, "end after that many events")->check(kUnsigned);
+  subscribe->add_option("--count", parsed.subscribe.count, "end after that many events")
+      ->check(kUnsigned);
   subscribe->add_flag("--reconnect", parsed.subscribe.reconnect,
                       "wait for keeld, and follow anew when the connection was lost");
   addTimeout(subscribe, parsed, "end after that time");
 }
 
 void addQueries(CLI::App& app, Parsed& parsed) {
-  CLI::App* dump = addCommand(app, parsed, "dump", "show items, their publishers and subscribers", [&](Console& console) {
-    return dumpCommand(console, parsed.common, parsed.dumpName, parsed.withData);
-  });
+  CLI::App* dump = addCommand(
+      app, parsed, "dump", "show items, their publishers and subscribers", [&](Console& console) {
+        return dumpCommand(console, parsed.common, parsed.dumpName, parsed.withData);
+      });
   dump->add_option("NAME", parsed.dumpName, "which one; without it, or with _all, every one");
   dump->add_flag("--data", parsed.withData, "with their data");
   addTimeout(dump, parsed, kAnswerTimeoutText);
 
-  CLI::App* modules = addCommand(app, parsed, "modules", "list the enabled modules, their services, and how their jobs stand",
-                                 [&](Console& console) { return modulesCommand(console, parsed.common); });
+  CLI::App* modules = addCommand(
+      app, parsed, "modules", "list the enabled modules, their services, and how their jobs stand",
+      [&](Console& console) { return modulesCommand(console, parsed.common); });
   addTimeout(modules, parsed, kAnswerTimeoutText);
 
-  CLI::App* authCheck =
-      addCommand(app, parsed, "authcheck", "ask whether a user was proved an administrator in an audit session",
-                 [&](Console& console) { return authCheckCommand(console, parsed.common, parsed.name, parsed.auditSession); });
+  CLI::App* authCheck = addCommand(
+      app, parsed, "authcheck",
+      "ask whether a user was proved an administrator in an audit session", [&](Console& console) {
+        return authCheckCommand(console, parsed.common, parsed.name, parsed.auditSession);
+      });
   authCheck->add_option("USER", parsed.name)->required();
-  authCheck->add_option("ASID", parsed.auditSession, "the audit session; without it, that of this process");
+  authCheck->add_option("ASID", parsed.auditSession,
+                        "the audit session; without it, that of this process");
   addTimeout(authCheck, parsed, kAnswerTimeoutText);
 }
 
 // Adds a command of keelctl auth.
 template <class Run>
-CLI::App* addAuthCommand(CLI::App& auth, Parsed& parsed, const char* name, const char* description, Run run) {
+CLI::App* addAuthCommand(CLI::App& auth, Parsed& parsed, const char* name, const char* description,
+                         Run run) {
   CLI::App* command = addCommand(auth, parsed, name, description, [&parsed, run](Console& console) {
     if constexpr (std::is_invocable_v<Run, Console&, const CommonOptions&, const AuthOptions&>) {
       return run(console, parsed.common, parsed.auth);
@@ -155,7 +179,8 @@ CLI::App* addAuthCommand(CLI::App& auth, Parsed& parsed, const char* name, const
 }
 
 void addAuth(CLI::App& app, Parsed& parsed) {
-  CLI::App* auth = app.add_subcommand("auth", "prove that a user is an administrator, for the audit session of this process");
+  CLI::App* auth = app.add_subcommand(
+      "auth", "prove that a user is an administrator, for the audit session of this process");
   auth->require_subcommand(1);
   const auto add = [&](const char* name, const char* description, auto run) {
     return addAuthCommand(*auth, parsed, name, description, run);
@@ -163,52 +188,72 @@ void addAuth(CLI::App& app, Parsed& parsed) {
   const auto addWithPassword = [&](const char* name, const char* description, auto run) {
     CLI::App* command = add(name, description, run);
     command->add_option("USER", parsed.auth.user)->required();
-    command->add_option("--password-fd", parsed.auth.passwordDescriptor, "read it, one line, from that descriptor instead")
+    command
+        ->add_option("--password-fd", parsed.auth.passwordDescriptor,
+                     "read it, one line, from that descriptor instead")
         ->type_name("N")
         ->check(kUnsigned);
   };
   add("check", "ask whether the auth service is alive", authAliveCommand);
-  addWithPassword("password", "with the password of an account, which is asked for on the terminal", authPasswordCommand);
+  addWithPassword("password", "with the password of an account, which is asked for on the terminal",
+                  authPasswordCommand);
   addWithPassword("basic", "the same by a basic challenge", authBasicCommand);
-  addWithPassword("digest", "by a digest challenge, with a password of keelctl digest set", authDigestCommand);
+  addWithPassword("digest", "by a digest challenge, with a password of keelctl digest set",
+                  authDigestCommand);
   CLI::App* reference =
-      add("reference", "with the right of this process to manage daemons, which polkit grants", authReferenceCommand);
-  reference->add_option("USER", parsed.auth.user, "an administrator; need not be the user of this process")->required();
-  reference->add_flag("--interactive", parsed.auth.interactive, "have polkit ask for a proof first, where it wants one");
+      add("reference", "with the right of this process to manage daemons, which polkit grants",
+          authReferenceCommand);
+  reference
+      ->add_option("USER", parsed.auth.user,
+                   "an administrator; need not be the user of this process")
+      ->required();
+  reference->add_flag("--interactive", parsed.auth.interactive,
+                      "have polkit ask for a proof first, where it wants one");
   add("realm", "show the realm of the challenges", authRealmCommand);
-  add("session", "ask whether anybody was proved an administrator in an audit session", authSessionCommand)
+  add("session", "ask whether anybody was proved an administrator in an audit session",
+      authSessionCommand)
       ->add_option("ASID", parsed.auth.auditSession, "which; without it, that of this process");
 }
 
 // Adds a command of keelctl digest, for one user unless it lists them.
-CLI::App* addDigestCommand(CLI::App& digest, Parsed& parsed, const char* name, const char* description,
-                           std::function<int(Console&)> run) {
+CLI::App* addDigestCommand(CLI::App& digest, Parsed& parsed, const char* name,
+                           const char* description, std::function<int(Console&)> run) {
   CLI::App* command = addCommand(digest, parsed, name, description, std::move(run));
-  command->add_option("--file", parsed.digest.file, "the file of the credentials, instead of /etc/keeld/digest")
+  command
+      ->add_option("--file", parsed.digest.file,
+                   "the file of the credentials, instead of /etc/keeld/digest")
       ->type_name("FILE");
   return command;
 }
 
 void addDigest(CLI::App& app, Parsed& parsed) {
-  CLI::App* digest = app.add_subcommand("digest", "say who may answer digest challenges, with which passwords; as root");
+  CLI::App* digest = app.add_subcommand(
+      "digest", "say who may answer digest challenges, with which passwords; as root");
   digest->require_subcommand(1);
   const auto addUser = [&](CLI::App* command) {
     command->add_option("USER", parsed.digest.user, "the name of an account")->required();
-    command->add_option("--realm", parsed.digest.realm, "another realm than that of keeld's challenges")->type_name("REALM");
+    command
+        ->add_option("--realm", parsed.digest.realm,
+                     "another realm than that of keeld's challenges")
+        ->type_name("REALM");
   };
   CLI::App* set =
       addDigestCommand(*digest, parsed, "set",
-                       "give a user a digest password, which need not be that of the account. It is asked for on the "
+                       "give a user a digest password, which need not be that of the account. It "
+                       "is asked for on the "
                        "terminal",
                        [&](Console& console) { return digestSetCommand(console, parsed.digest); });
   addUser(set);
-  set->add_option("--password-fd", parsed.digest.passwordDescriptor, "read it, one line, from that descriptor instead")
+  set->add_option("--password-fd", parsed.digest.passwordDescriptor,
+                  "read it, one line, from that descriptor instead")
       ->type_name("N")
       ->check(kUnsigned);
-  addDigestCommand(*digest, parsed, "list", "show the users who have one, with realm and algorithms",
-                   [&](Console& console) { return digestListCommand(console, parsed.common, parsed.digest); });
-  addUser(addDigestCommand(*digest, parsed, "remove", "take a user's digest password away",
-                           [&](Console& console) { return digestRemoveCommand(console, parsed.digest); }));
+  addDigestCommand(
+      *digest, parsed, "list", "show the users who have one, with realm and algorithms",
+      [&](Console& console) { return digestListCommand(console, parsed.common, parsed.digest); });
+  addUser(addDigestCommand(
+      *digest, parsed, "remove", "take a user's digest password away",
+      [&](Console& console) { return digestRemoveCommand(console, parsed.digest); }));
 }
 
 // What stands behind "--" belongs to the command that subscribe runs.
@@ -220,8 +265,8 @@ std::vector<std::string> takeEventCommand(std::vector<std::string>& arguments) {
   return command;
 }
 
-// The parser takes "[a,b]" for two words where there may be several. A letter in front of what begins so, or like that letter,
-// keeps it whole.
+// The parser takes "[a,b]" for two words where there may be several. A letter in front of what
+// begins so, or like that letter, keeps it whole.
 constexpr char kKept = '\x01';
 
 void keepWhole(std::vector<std::string>& arguments) {

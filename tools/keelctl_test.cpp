@@ -34,7 +34,8 @@ class Keelctl : public testing::Test {
   }
   static std::string contentOf(int file) {
     std::string content(static_cast<std::size_t>(::lseek(file, 0, SEEK_END)), '\0');
-    EXPECT_EQ(::pread(file, content.data(), content.size(), 0), static_cast<ssize_t>(content.size()));
+    EXPECT_EQ(::pread(file, content.data(), content.size(), 0),
+              static_cast<ssize_t>(content.size()));
     return content;
   }
   std::string said() { return contentOf(errors); }
@@ -47,8 +48,8 @@ class Keelctl : public testing::Test {
 TEST_F(Keelctl, HelpNamesEveryCommandAndExitStatus) {
   EXPECT_EQ(run({"--help"}), kExitOk);
   const std::string help = contentOf(output);
-  for (const char* command :
-       {"publish", "update", "remove", "subscribe", "dump", "modules", "authcheck", "digest", "NO_COLOR", "$date", "130"}) {
+  for (const char* command : {"publish", "update", "remove", "subscribe", "dump", "modules",
+                              "authcheck", "digest", "NO_COLOR", "$date", "130"}) {
     EXPECT_THAT(help, HasSubstr(command));
   }
   EXPECT_EQ(said(), "");
@@ -60,29 +61,30 @@ TEST_F(Keelctl, HelpOfACommandSaysWhatItTakes) {
 }
 
 TEST_F(Keelctl, SenselessCommandLinesAreUsageErrors) {
-  const std::vector<std::vector<std::string>> lines = {{},
-                                                       {"frobnicate"},
-                                                       {"publish"},
-                                                       {"publish", "a"},
-                                                       {"publish", "a", "{}", "more"},
-                                                       {"publish", "a", "{}", "--count", "few"},
-                                                       {"publish", "a", "{}", "--count", "-1"},
-                                                       {"publish", "a", "{}", "--flags", "-1"},
-                                                       {"subscribe", "a", "--count", "-1"},
-                                                       {"publish", "a", "{}", "--timeout", "-1"},
-                                                       {"subscribe"},
-                                                       {"subscribe", "a", "--"},
-                                                       {"dump", "a", "b"},
-                                                       {"authcheck"},
-                                                       {"auth"},
-                                                       {"auth", "frobnicate"},
-                                                       {"auth", "password"},
-                                                       {"auth", "reference"},
-                                                       {"auth", "digest", "ann", "secret"},
-                                                       {"auth", "session", "99999999999"},
-                                                       {"auth", "password", "ann", "--password-fd", "-1"},
-                                                       {"authcheck", "ann", "99999999999"},
-                                                       {"modules", "--bogus"}};
+  const std::vector<std::vector<std::string>> lines = {
+      {},
+      {"frobnicate"},
+      {"publish"},
+      {"publish", "a"},
+      {"publish", "a", "{}", "more"},
+      {"publish", "a", "{}", "--count", "few"},
+      {"publish", "a", "{}", "--count", "-1"},
+      {"publish", "a", "{}", "--flags", "-1"},
+      {"subscribe", "a", "--count", "-1"},
+      {"publish", "a", "{}", "--timeout", "-1"},
+      {"subscribe"},
+      {"subscribe", "a", "--"},
+      {"dump", "a", "b"},
+      {"authcheck"},
+      {"auth"},
+      {"auth", "frobnicate"},
+      {"auth", "password"},
+      {"auth", "reference"},
+      {"auth", "digest", "ann", "secret"},
+      {"auth", "session", "99999999999"},
+      {"auth", "password", "ann", "--password-fd", "-1"},
+      {"authcheck", "ann", "99999999999"},
+      {"modules", "--bogus"}};
   for (const auto& line : lines) EXPECT_EQ(run(line), kExitUsage) << testing::PrintToString(line);
   EXPECT_THAT(said(), HasSubstr("see keelctl --help"));
   EXPECT_EQ(contentOf(output), "");
@@ -119,8 +121,8 @@ TEST_F(Keelctl, EveryCommandSaysThatKeeldIsNotRunning) {
     ASSERT_EQ(::ftruncate(errors, 0), 0);
     ::lseek(errors, 0, SEEK_SET);
     EXPECT_EQ(runAlone(line), kExitUnreachable) << testing::PrintToString(line);
-    EXPECT_THAT(said(),
-                HasSubstr("keeld is not running: no socket at /nonexistent/keeld/com.vantor.keeld.notify; start it with"));
+    EXPECT_THAT(said(), HasSubstr("keeld is not running: no socket at "
+                                  "/nonexistent/keeld/com.vantor.keeld.notify; start it with"));
     EXPECT_EQ(std::ranges::count(said(), '\n'), 1) << said();
   }
   EXPECT_EQ(contentOf(output), "");
@@ -141,7 +143,8 @@ TEST_F(Keelctl, PublishNamesTheLineThatIsWrong) {
 TEST_F(Keelctl, WaitingForKeeldEndsWithTheTimeout) {
   EXPECT_EQ(runAlone({"publish", "a", "{}", "--reconnect", "--timeout", "0"}), kExitOk);
   EXPECT_EQ(runAlone({"subscribe", "a", "--reconnect", "--timeout", "0"}), kExitOk);
-  EXPECT_EQ(runAlone({"subscribe", "a", "--reconnect", "--timeout", "0", "--count", "2"}), kExitTimedOut);
+  EXPECT_EQ(runAlone({"subscribe", "a", "--reconnect", "--timeout", "0", "--count", "2"}),
+            kExitTimedOut);
   EXPECT_THAT(said(), HasSubstr("0 of 2 events came in time"));
 }
 

@@ -13,8 +13,9 @@
 
 namespace keel {
 
-// Messages from the library's thread to the one that waits for them with poll(2). Full, it makes the sender wait: then the
-// daemon is not read any more, and its limit for slow readers holds, not our memory.
+// Messages from the library's thread to the one that waits for them with poll(2). Full, it makes
+// the sender wait: then the daemon is not read any more, and its limit for slow readers holds, not
+// our memory.
 template <class Message>
 class Mailbox {
  public:
@@ -32,8 +33,10 @@ class Mailbox {
   // `bytes` is what the message holds.
   void push(Message message, std::size_t bytes = 0) {
     std::unique_lock lock(mutex_);
-    room_.wait(lock,
-               [&] { return closed_ || messages_.empty() || (messages_.size() < kMessages && bytes_ + bytes <= kBytes); });
+    room_.wait(lock, [&] {
+      return closed_ || messages_.empty() ||
+             (messages_.size() < kMessages && bytes_ + bytes <= kBytes);
+    });
     if (closed_) return;
     messages_.emplace_back(std::move(message), bytes);
     bytes_ += bytes;

@@ -10,11 +10,12 @@
 
 namespace {
 
-// A standard descriptor that is missing would be given to the next file that is opened. Opened for the wrong direction, reading
-// and writing there fail as they should.
+// A standard descriptor that is missing would be given to the next file that is opened. Opened for
+// the wrong direction, reading and writing there fail as they should.
 void fillStandardDescriptors() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (::fcntl(descriptor, F_GETFD) < 0) ::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    if (::fcntl(descriptor, F_GETFD) < 0)
+      ::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
   }
 }
 
@@ -25,6 +26,7 @@ int main(int count, char** words) {
   keel::endOnSignals();
   keel::Console console(STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO);
   const int code = keel::runKeelctl(std::vector<std::string>(words + 1, words + count), console);
-  // All output is written. The library's thread goes on running, so nothing that it uses may be destroyed.
+  // All output is written. The library's thread goes on running, so nothing that it uses may be
+  // destroyed.
   _exit(code);
 }

@@ -28,7 +28,8 @@ std::expected<Secret, std::string> readLine(int descriptor) {
     // Letter by letter: what follows the line is left to whoever reads on.
     const ssize_t count = ::read(descriptor, line.bytes().data() + size, 1);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return Failure(fmt::format("cannot read the password: {}", std::strerror(errno)));
+    if (count < 0)
+      return Failure(fmt::format("cannot read the password: {}", std::strerror(errno)));
     if (count == 0 && size == 0) return Failure("there is no password: the input has ended");
     if (count == 0 || line.bytes()[size] == std::byte{'\n'}) break;
     if (++size > kLongestPasswordBytes)
@@ -71,9 +72,12 @@ class Unseen {
 };
 
 std::expected<Secret, std::string> promptFor(int terminal, std::string_view prompt) {
-  const auto write = [terminal](std::string_view text) { return ::write(terminal, text.data(), text.size()) >= 0; };
+  const auto write = [terminal](std::string_view text) {
+    return ::write(terminal, text.data(), text.size()) >= 0;
+  };
   const Unseen unseen(terminal);
-  if (!unseen || !write(prompt)) return Failure(fmt::format("cannot ask on the terminal: {}", std::strerror(errno)));
+  if (!unseen || !write(prompt))
+    return Failure(fmt::format("cannot ask on the terminal: {}", std::strerror(errno)));
   auto line = readLine(terminal);
   // The end of the line was not shown either.
   write("\n");
@@ -82,10 +86,13 @@ std::expected<Secret, std::string> promptFor(int terminal, std::string_view prom
 
 }  // namespace
 
-std::expected<Secret, std::string> readPassword(const std::string& prompt, std::optional<int> descriptor, Prompting prompting) {
+std::expected<Secret, std::string> readPassword(const std::string& prompt,
+                                                std::optional<int> descriptor,
+                                                Prompting prompting) {
   if (descriptor) return readLine(*descriptor);
   const FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
-  if (!terminal) return Failure("there is no terminal to ask for the password on; give it with --password-fd");
+  if (!terminal)
+    return Failure("there is no terminal to ask for the password on; give it with --password-fd");
   auto password = promptFor(terminal.get(), prompt);
   if (!password || prompting == Prompting::once) return password;
   const auto again = promptFor(terminal.get(), "Once more: ");

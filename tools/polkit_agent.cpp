@@ -39,7 +39,9 @@ PolkitAgent::PolkitAgent() {
   std::array<std::string, 5> words{"pkttyagent", "--process", ours, "--notify-fd", notify};
   std::array<char*, 6> arguments{};
   for (std::size_t i = 0; i < words.size(); ++i) arguments[i] = words[i].data();
-  if (::posix_spawnp(&process_, "pkttyagent", &actions, &attributes, arguments.data(), environ) != 0) process_ = 0;
+  if (::posix_spawnp(&process_, "pkttyagent", &actions, &attributes, arguments.data(), environ) !=
+      0)
+    process_ = 0;
   ::posix_spawn_file_actions_destroy(&actions);
   ::posix_spawnattr_destroy(&attributes);
   written.reset();

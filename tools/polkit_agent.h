@@ -5,9 +5,10 @@
 
 namespace keel {
 
-// While this lives, polkit asks the person at the terminal of this process for a password: pkttyagent(1) runs for it. Without a
-// terminal, or without pkttyagent, an agent of the desktop's asks if there is one. It is no fall-back behind that one: polkit
-// does not know of fall-backs for processes outside of login sessions.
+// While this lives, polkit asks the person at the terminal of this process for a password:
+// pkttyagent(1) runs for it. Without a terminal, or without pkttyagent, an agent of the desktop's
+// asks if there is one. It is no fall-back behind that one: polkit does not know of fall-backs for
+// processes outside of login sessions.
 class PolkitAgent {
  public:
   // Returns once the agent is ready.

@@ -44,7 +44,8 @@ class Publisher {
   void wait() {
     switch (waiting_.next(readsInput_ && !asking_ && !lines_.atEnd() ? console_.input() : -1)) {
       case Waiting::Reason::message:
-        if (auto message = mailbox_.take()) std::visit([this](const auto& it) { take(it); }, *message);
+        if (auto message = mailbox_.take())
+          std::visit([this](const auto& it) { take(it); }, *message);
         break;
       case Waiting::Reason::input:
         readInput();
@@ -70,7 +71,8 @@ class Publisher {
     }
   }
 
-  // Publishes, or updates what is published. One request at a time: input is not read while keeld owes an answer.
+  // Publishes, or updates what is published. One request at a time: input is not read while keeld
+  // owes an answer.
   void send(const std::string& json, const std::string& where) {
     auto data = dataOfJson(console_, json, where);
     if (!data) {
@@ -78,8 +80,9 @@ class Publisher {
       return;
     }
     const std::string_view name = options_.name;
-    auto request = versions_ == 0 ? client_->publish(name, std::move(*data), options_.flags, options_.value)
-                                  : client_->update(name, std::move(*data));
+    auto request = versions_ == 0
+                       ? client_->publish(name, std::move(*data), options_.flags, options_.value)
+                       : client_->update(name, std::move(*data));
     asking_ = true;
     std::move(request).then([this](Result result) { mailbox_.push(std::move(result)); });
   }
@@ -90,7 +93,8 @@ class Publisher {
       exit_ = report(console_, result.error());
       return;
     }
-    console_.status(fmt::format("{} {}", versions_ == 0 ? "published" : "updated", shownName(options_.name)));
+    console_.status(
+        fmt::format("{} {}", versions_ == 0 ? "published" : "updated", shownName(options_.name)));
     if (++versions_ == options_.count) {
       exit_ = kExitOk;
     } else if (readsInput_) {
@@ -142,7 +146,8 @@ namespace {
 ExitCode reportNotOurs(Console& console, const ClientError& error, const char* advice) {
   const ExitCode code = report(console, error);
   if (error.kind() == ClientError::Kind::notFound) {
-    console.note(std::string("an item belongs to the connection that published it, and this command has one of its own; ") +
+    console.note(std::string("an item belongs to the connection that published it, and this "
+                             "command has one of its own; ") +
                  advice);
   }
   return code;
@@ -150,16 +155,19 @@ ExitCode reportNotOurs(Console& console, const ClientError& error, const char* a
 
 }  // namespace
 
-int updateCommand(Console& console, const CommonOptions& common, const std::string& name, const std::string& json) {
+int updateCommand(Console& console, const CommonOptions& common, const std::string& name,
+                  const std::string& json) {
   if (!isName(console, name)) return kExitUsage;
   auto data = dataOfJson(console, json, "the data");
   if (!data) return kExitUsage;
   const auto client = connectClient(common, /*reconnect=*/false);
-  const auto result =
-      client->update(std::string_view(name), std::move(*data)).within(common.timeout().value_or(kAnswerTimeout)).wait();
+  const auto result = client->update(std::string_view(name), std::move(*data))
+                          .within(common.timeout().value_or(kAnswerTimeout))
+                          .wait();
   if (!result) {
     return reportNotOurs(console, result.error(),
-                         "to update, keep `keelctl publish NAME -` running and give it one JSON line for each version");
+                         "to update, keep `keelctl publish NAME -` running and give it one JSON "
+                         "line for each version");
   }
   console.status("updated " + shownName(name));
   return kExitOk;
@@ -168,7 +176,9 @@ int updateCommand(Console& console, const CommonOptions& common, const std::stri
 int removeCommand(Console& console, const CommonOptions& common, const std::string& name) {
   if (!isName(console, name)) return kExitUsage;
   const auto client = connectClient(common, /*reconnect=*/false);
-  const auto result = client->remove(std::string_view(name)).within(common.timeout().value_or(kAnswerTimeout)).wait();
+  const auto result = client->remove(std::string_view(name))
+                          .within(common.timeout().value_or(kAnswerTimeout))
+                          .wait();
   if (!result) return reportNotOurs(console, result.error(), "to withdraw it, end its publisher");
   console.status("removed " + shownName(name));
   return kExitOk;

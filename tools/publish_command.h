@@ -23,7 +23,8 @@ struct PublishOptions {
 int publishCommand(Console& console, const CommonOptions& common, const PublishOptions& options);
 
 // Both ask on a connection of their own, and report what keeld says to that.
-int updateCommand(Console& console, const CommonOptions& common, const std::string& name, const std::string& json);
+int updateCommand(Console& console, const CommonOptions& common, const std::string& name,
+                  const std::string& json);
 int removeCommand(Console& console, const CommonOptions& common, const std::string& name);
 
 }  // namespace keel

@@ -32,10 +32,12 @@ ClientResult<T> ask(Request<T> request, const CommonOptions& common) {
   return std::move(request).within(common.timeout().value_or(kAnswerTimeout)).wait();
 }
 
-// Whether the job is synthesized. Not known when the bundle has gone, or this user may not read the job file, as root may.
+// Whether the job is synthesized. Not known when the bundle has gone, or this user may not read the
+// job file, as root may.
 std::optional<bool> isSynthesized(const JobDescription& description) {
   using JobFile = JobDescription::JobFile;
-  if (description.jobFile == JobFile::noBundle || description.jobFile == JobFile::denied) return std::nullopt;
+  if (description.jobFile == JobFile::noBundle || description.jobFile == JobFile::denied)
+    return std::nullopt;
   return description.jobFile != JobFile::used;
 }
 
@@ -55,7 +57,8 @@ std::string tableOf(const std::vector<DumpEntry>& entries, bool withData, const 
             shownDate(entry.published, "(never published)")},
            data);
     for (const DumpEntry::Subscriber& subscriber : entry.subscribers) {
-      addRow({"", "subscriber", subscriber.connection.value_or("(gone)"), shownDate(subscriber.updated, "(never updated)")},
+      addRow({"", "subscriber", subscriber.connection.value_or("(gone)"),
+              shownDate(subscriber.updated, "(never updated)")},
              "");
     }
   }
@@ -66,24 +69,29 @@ std::string jsonLineOf(const DumpEntry& entry, bool withData, JsonLetters letter
   std::string subscribers;
   for (const DumpEntry::Subscriber& subscriber : entry.subscribers) {
     if (!subscribers.empty()) subscribers += ',';
-    subscribers += fmt::format(R"({{"subscriber":{},"updateDate":{}}})", jsonOfOptional(subscriber.connection, letters),
+    subscribers += fmt::format(R"({{"subscriber":{},"updateDate":{}}})",
+                               jsonOfOptional(subscriber.connection, letters),
                                jsonOfOptional(subscriber.updated));
   }
   std::string line =
-      fmt::format(R"({{"name":{},"publisher":{},"publishDate":{},"subscribers":[{}])", jsonOfText(entry.name, letters),
-                  jsonOfOptional(entry.publisher, letters), jsonOfOptional(entry.published), subscribers);
-  if (withData) line += R"(,"publishedData":)" + (entry.data ? jsonOf(*entry.data, letters) : "null");
+      fmt::format(R"({{"name":{},"publisher":{},"publishDate":{},"subscribers":[{}])",
+                  jsonOfText(entry.name, letters), jsonOfOptional(entry.publisher, letters),
+                  jsonOfOptional(entry.published), subscribers);
+  if (withData)
+    line += R"(,"publishedData":)" + (entry.data ? jsonOf(*entry.data, letters) : "null");
   return line + "}\n";
 }
 
-int dumpCommand(Console& console, const CommonOptions& common, const std::string& name, bool withData) {
+int dumpCommand(Console& console, const CommonOptions& common, const std::string& name,
+                bool withData) {
   if (!isName(console, name)) return kExitUsage;
   const auto client = connectClient(common, /*reconnect=*/false);
   auto entries = ask(client->dump(std::string_view(name), withData), common);
   if (!entries) return report(console, entries.error());
   std::ranges::sort(*entries, {}, &DumpEntry::name);
   if (!common.json && console.isTerminal()) {
-    console.write(entries->empty() ? "nothing is published or followed\n" : tableOf(*entries, withData, console));
+    console.write(entries->empty() ? "nothing is published or followed\n"
+                                   : tableOf(*entries, withData, console));
     return kExitOk;
   }
   for (const DumpEntry& entry : *entries) {
@@ -116,17 +124,20 @@ std::string shownJob(const JobState& job) {
 std::string jsonOfJob(const JobState& job, JsonLetters letters) {
   constexpr std::array<const char*, 4> kPrograms = {"none", "running", "starting", "failed"};
   const auto known = [&](bool yes) { return !job.known ? "null" : yes ? "true" : "false"; };
-  return fmt::format(R"({{"label":{},"enabled":{},"listening":{},"program":"{}","pid":{},"problem":{}}})",
-                     job.label.empty() ? "null" : jsonOfText(job.label, letters), known(job.enabled), known(job.listening),
-                     job.known ? kPrograms[static_cast<std::size_t>(job.program)] : "unknown",
-                     job.known && job.processId > 0 ? std::to_string(job.processId) : "null",
-                     job.problem.empty() ? "null" : jsonOfText(job.problem, letters));
+  return fmt::format(
+      R"({{"label":{},"enabled":{},"listening":{},"program":"{}","pid":{},"problem":{}}})",
+      job.label.empty() ? "null" : jsonOfText(job.label, letters), known(job.enabled),
+      known(job.listening),
+      job.known ? kPrograms[static_cast<std::size_t>(job.program)] : "unknown",
+      job.known && job.processId > 0 ? std::to_string(job.processId) : "null",
+      job.problem.empty() ? "null" : jsonOfText(job.problem, letters));
 }
 
 std::string shownSynthesis(const std::string& module, const JobDescription& description) {
   const auto synthesized = isSynthesized(description);
   if (synthesized == false) return "";
-  return fmt::format("{} {} a synthesized job: {}", shownText(module, 100), synthesized ? "has" : "may have",
+  return fmt::format("{} {} a synthesized job: {}", shownText(module, 100),
+                     synthesized ? "has" : "may have",
                      shownText(fmt::format("{}", fmt::join(description.reasons, "; ")), 1000));
 }
 
@@ -154,16 +165,20 @@ int modulesCommand(Console& console, const CommonOptions& common) {
   std::string lines, remarks;
   for (const auto& [name, service] : *modules) {
     const JobState& job = jobs.at(service);
-    const auto description = readJobDescription(Bundle(fmt::format("{}{}.bundle", kBundlesDirectory, name)));
+    const auto description =
+        readJobDescription(Bundle(fmt::format("{}{}.bundle", kBundlesDirectory, name)));
     table.add({name, service, shownJob(job)});
-    if (const std::string remark = shownSynthesis(name, description); !remark.empty()) remarks += remark + '\n';
-    lines += fmt::format(R"({{"module":{},"service":{},"job":{},{}}})", jsonOfText(name, console.letters()),
+    if (const std::string remark = shownSynthesis(name, description); !remark.empty())
+      remarks += remark + '\n';
+    lines += fmt::format(R"({{"module":{},"service":{},"job":{},{}}})",
+                         jsonOfText(name, console.letters()),
                          jsonOfText(service, console.letters()), jsonOfJob(job, console.letters()),
                          jsonOfSynthesis(description, console.letters()));
     lines += '\n';
   }
   if (!forPeople) console.write(lines);
-  if (forPeople && !modules->empty()) console.write(table.text(console) + (remarks.empty() ? "" : "\n" + remarks));
+  if (forPeople && !modules->empty())
+    console.write(table.text(console) + (remarks.empty() ? "" : "\n" + remarks));
   return kExitOk;
 }
 
@@ -175,10 +190,11 @@ int authCheckCommand(Console& console, const CommonOptions& common, const std::s
   const auto answer = ask(client->authCheck(std::string_view(user), session), common);
   if (!answer) return report(console, answer.error());
   if (common.json || !console.isTerminal()) {
-    console.writeLine(fmt::format(R"({{"user":{},"auditSession":{},"authenticated":{}}})", jsonOfText(user, console.letters()),
-                                  session, *answer));
+    console.writeLine(fmt::format(R"({{"user":{},"auditSession":{},"authenticated":{}}})",
+                                  jsonOfText(user, console.letters()), session, *answer));
   } else {
-    console.writeLine(fmt::format("{}: {} is {}authenticated in audit session {}", *answer ? "yes" : "no", shownText(user, 100),
+    console.writeLine(fmt::format("{}: {} is {}authenticated in audit session {}",
+                                  *answer ? "yes" : "no", shownText(user, 100),
                                   *answer ? "" : "not ", session));
   }
   return *answer ? kExitOk : kExitRefused;

@@ -14,7 +14,8 @@
 
 namespace keel {
 
-int dumpCommand(Console& console, const CommonOptions& common, const std::string& name, bool withData);
+int dumpCommand(Console& console, const CommonOptions& common, const std::string& name,
+                bool withData);
 int modulesCommand(Console& console, const CommonOptions& common);
 // `auditSession` none: that of this process.
 int authCheckCommand(Console& console, const CommonOptions& common, const std::string& user,
@@ -24,8 +25,8 @@ int authCheckCommand(Console& console, const CommonOptions& common, const std::s
 std::string shownJob(const JobState& job);
 std::string jsonOfJob(const JobState& job, JsonLetters letters);
 
-// What modules says of where a job comes from, going by the bundle as it is now: to a person a line without its end, empty for
-// a job of the bundle's own; to a program two members.
+// What modules says of where a job comes from, going by the bundle as it is now: to a person a line
+// without its end, empty for a job of the bundle's own; to a program two members.
 std::string shownSynthesis(const std::string& module, const JobDescription& description);
 std::string jsonOfSynthesis(const JobDescription& description, JsonLetters letters);
 

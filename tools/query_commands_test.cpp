@@ -11,8 +11,11 @@ using testing::Not;
 
 const Console kNoTerminal(-1, -1, -1);
 
-const DumpEntry kPublished{
-    "weather", "<connection 1>", Date{0}, {{"<connection 2>", Date{60}}, {{}, {}}}, Value::map({{"n", 1}})};
+const DumpEntry kPublished{"weather",
+                           "<connection 1>",
+                           Date{0},
+                           {{"<connection 2>", Date{60}}, {{}, {}}},
+                           Value::map({{"n", 1}})};
 const DumpEntry kPlaceholder{"later", {}, {}, {}, {}};
 
 TEST(DumpTable, ShowsPublishersAndSubscribers) {
@@ -35,23 +38,27 @@ TEST(DumpTable, EmptyNameIsSeen) {
 }
 
 TEST(DumpJson, OneLineHasAll) {
-  EXPECT_EQ(jsonLineOf(kPublished, /*withData=*/true, JsonLetters::utf8),
-            R"({"name":"weather","publisher":"<connection 1>","publishDate":{"$date":0},"subscribers":[)"
-            R"({"subscriber":"<connection 2>","updateDate":{"$date":60}},{"subscriber":null,"updateDate":null}],)"
-            R"("publishedData":{"n":1}})"
-            "\n");
+  EXPECT_EQ(
+      jsonLineOf(kPublished, /*withData=*/true, JsonLetters::utf8),
+      R"({"name":"weather","publisher":"<connection 1>","publishDate":{"$date":0},"subscribers":[)"
+      R"({"subscriber":"<connection 2>","updateDate":{"$date":60}},{"subscriber":null,"updateDate":null}],)"
+      R"("publishedData":{"n":1}})"
+      "\n");
 }
 
 TEST(DumpJson, AbsentThingsAreNullAndDataIsLeftOutUnlessAskedFor) {
   EXPECT_EQ(jsonLineOf(kPlaceholder, /*withData=*/true, JsonLetters::utf8),
-            "{\"name\":\"later\",\"publisher\":null,\"publishDate\":null,\"subscribers\":[],\"publishedData\":null}\n");
-  EXPECT_THAT(jsonLineOf(kPublished, /*withData=*/false, JsonLetters::utf8), Not(HasSubstr("publishedData")));
+            "{\"name\":\"later\",\"publisher\":null,\"publishDate\":null,\"subscribers\":[],"
+            "\"publishedData\":null}\n");
+  EXPECT_THAT(jsonLineOf(kPublished, /*withData=*/false, JsonLetters::utf8),
+              Not(HasSubstr("publishedData")));
 }
 
 TEST(DumpJson, NamesStayExact) {
   DumpEntry entry;
   entry.name = std::string("a\nb\0c", 5);
-  EXPECT_THAT(jsonLineOf(entry, /*withData=*/false, JsonLetters::utf8), HasSubstr(R"("a\nb\u0000c")"));
+  EXPECT_THAT(jsonLineOf(entry, /*withData=*/false, JsonLetters::utf8),
+              HasSubstr(R"("a\nb\u0000c")"));
   entry.name = std::string(1u << 20, 'x');
   EXPECT_GT(jsonLineOf(entry, /*withData=*/false, JsonLetters::utf8).size(), 1u << 20);
 }
@@ -78,24 +85,28 @@ TEST(ModuleJob, ThatIsNotKnownIsShownAsNothingElse) {
 }
 
 TEST(ModuleJob, JsonHasAll) {
-  EXPECT_EQ(jsonOfJob({.label = "l",
-                       .known = true,
-                       .enabled = true,
-                       .listening = true,
-                       .program = JobState::Program::running,
-                       .processId = 7,
-                       .problem = "\""},
-                      JsonLetters::utf8),
-            R"({"label":"l","enabled":true,"listening":true,"program":"running","pid":7,"problem":"\""})");
-  EXPECT_EQ(jsonOfJob({.label = "l", .known = true}, JsonLetters::utf8),
-            R"({"label":"l","enabled":false,"listening":false,"program":"none","pid":null,"problem":null})");
+  EXPECT_EQ(
+      jsonOfJob({.label = "l",
+                 .known = true,
+                 .enabled = true,
+                 .listening = true,
+                 .program = JobState::Program::running,
+                 .processId = 7,
+                 .problem = "\""},
+                JsonLetters::utf8),
+      R"({"label":"l","enabled":true,"listening":true,"program":"running","pid":7,"problem":"\""})");
+  EXPECT_EQ(
+      jsonOfJob({.label = "l", .known = true}, JsonLetters::utf8),
+      R"({"label":"l","enabled":false,"listening":false,"program":"none","pid":null,"problem":null})");
 }
 
 TEST(ModuleJob, JsonSaysNothingOfWhatIsNotKnown) {
-  EXPECT_EQ(jsonOfJob({.label = "l", .problem = "p"}, JsonLetters::utf8),
-            R"({"label":"l","enabled":null,"listening":null,"program":"unknown","pid":null,"problem":"p"})");
-  EXPECT_EQ(jsonOfJob({}, JsonLetters::utf8),
-            R"({"label":null,"enabled":null,"listening":null,"program":"unknown","pid":null,"problem":null})");
+  EXPECT_EQ(
+      jsonOfJob({.label = "l", .problem = "p"}, JsonLetters::utf8),
+      R"({"label":"l","enabled":null,"listening":null,"program":"unknown","pid":null,"problem":"p"})");
+  EXPECT_EQ(
+      jsonOfJob({}, JsonLetters::utf8),
+      R"({"label":null,"enabled":null,"listening":null,"program":"unknown","pid":null,"problem":null})");
 }
 
 TEST(ModuleJob, OfTheBundlesOwnNeedsNoRemark) {
@@ -105,14 +116,20 @@ TEST(ModuleJob, OfTheBundlesOwnNeedsNoRemark) {
 }
 
 TEST(ModuleJob, ThatIsSynthesizedIsShownWithTheReasons) {
-  const JobDescription missing{.jobFile = JobDescription::JobFile::missing, .reasons = {"job file missing"}};
-  EXPECT_EQ(shownSynthesis("keel_mail", missing), "keel_mail has a synthesized job: job file missing");
-  EXPECT_EQ(jsonOfSynthesis(missing, JsonLetters::utf8), R"("synthesized":true,"reason":"job file missing")");
-  const JobDescription bad{.jobFile = JobDescription::JobFile::unusable, .reasons = {"job file: \x1b[31m", "Info.plist: y"}};
-  EXPECT_THAT(shownSynthesis("keel_mail", bad), testing::StartsWith("keel_mail has a synthesized job: job file: "));
+  const JobDescription missing{.jobFile = JobDescription::JobFile::missing,
+                               .reasons = {"job file missing"}};
+  EXPECT_EQ(shownSynthesis("keel_mail", missing),
+            "keel_mail has a synthesized job: job file missing");
+  EXPECT_EQ(jsonOfSynthesis(missing, JsonLetters::utf8),
+            R"("synthesized":true,"reason":"job file missing")");
+  const JobDescription bad{.jobFile = JobDescription::JobFile::unusable,
+                           .reasons = {"job file: \x1b[31m", "Info.plist: y"}};
+  EXPECT_THAT(shownSynthesis("keel_mail", bad),
+              testing::StartsWith("keel_mail has a synthesized job: job file: "));
   EXPECT_THAT(shownSynthesis("keel_mail", bad), testing::EndsWith("; Info.plist: y"));
   EXPECT_THAT(shownSynthesis("keel_mail", bad), Not(HasSubstr("\x1b")));
-  EXPECT_EQ(jsonOfSynthesis(bad, JsonLetters::utf8), R"("synthesized":true,"reason":"job file: \u001b[31m; Info.plist: y")");
+  EXPECT_EQ(jsonOfSynthesis(bad, JsonLetters::utf8),
+            R"("synthesized":true,"reason":"job file: \u001b[31m; Info.plist: y")");
 }
 
 TEST(ModuleJob, MayBeSynthesizedWhenItsFileCannotBeSeen) {

@@ -22,7 +22,8 @@ constexpr std::size_t kShownNameColumns = 200;
 std::optional<std::chrono::milliseconds> CommonOptions::timeout() const {
   if (!timeoutSeconds) return std::nullopt;
   const double longest = static_cast<double>(kForGood.count());
-  return std::chrono::milliseconds(static_cast<std::int64_t>(std::clamp(*timeoutSeconds * 1000, 0.0, longest)));
+  return std::chrono::milliseconds(
+      static_cast<std::int64_t>(std::clamp(*timeoutSeconds * 1000, 0.0, longest)));
 }
 
 std::unique_ptr<KLNClient> connectClient(const CommonOptions& options, bool reconnect) {
@@ -60,7 +61,8 @@ std::string shownName(std::string_view name) {
   return name.empty() ? "(empty)" : shownText(name, kShownNameColumns);
 }
 
-std::optional<Value> dataOfJson(Console& console, const std::string& json, const std::string& where) {
+std::optional<Value> dataOfJson(Console& console, const std::string& json,
+                                const std::string& where) {
   auto value = valueOfJson(json);
   if (!value) {
     reportUsage(console, where + ": " + value.error());

@@ -41,7 +41,9 @@ std::int32_t ownAuditSession();
 // A name for people, who must see the empty one too.
 std::string shownName(std::string_view name);
 
-// The JSON of an item's data: an object, or null. Tells a person when it is not; `where` says which it is.
-std::optional<Value> dataOfJson(Console& console, const std::string& json, const std::string& where);
+// The JSON of an item's data: an object, or null. Tells a person when it is not; `where` says which
+// it is.
+std::optional<Value> dataOfJson(Console& console, const std::string& json,
+                                const std::string& where);
 
 }  // namespace keel

@@ -33,8 +33,12 @@ class Subscriber {
     client_->setStateHandler([this](const ConnectionState& state) { mailbox_.push(state); });
     for (const std::string& name : options_.names) {
       client_
-          ->subscribe(std::string_view(name), [this](const Event& event) { mailbox_.push(event, event.item.encoded().size()); })
-          .then([this, &name](ClientResult<Subscription> result) { mailbox_.push(Subscribed{name, std::move(result)}); });
+          ->subscribe(
+              std::string_view(name),
+              [this](const Event& event) { mailbox_.push(event, event.item.encoded().size()); })
+          .then([this, &name](ClientResult<Subscription> result) {
+            mailbox_.push(Subscribed{name, std::move(result)});
+          });
     }
     while (!exit_) wait();
     return *exit_;
@@ -53,7 +57,8 @@ class Subscriber {
         if (auto message = mailbox_.take()) std::visit([this](auto& it) { take(it); }, *message);
         break;
       case Waiting::Reason::timeIsUp:
-        if (options_.count > 0) console_.note(fmt::format("{} of {} events came in time", events_, options_.count));
+        if (options_.count > 0)
+          console_.note(fmt::format("{} of {} events came in time", events_, options_.count));
         exit_ = options_.count > 0 ? kExitTimedOut : outcome_;
         break;
       default:
@@ -91,24 +96,29 @@ class Subscriber {
   }
 
   std::string lineOf(const Event& event) const {
-    const std::string data = jsonOf(event.error ? Value(event.error) : event.data(), console_.letters());
+    const std::string data =
+        jsonOf(event.error ? Value(event.error) : event.data(), console_.letters());
     if (common_.json || !console_.isTerminal()) {
-      return fmt::format(R"({{"name":{},"event":"{}","{}":{}}})", jsonOfText(event.name.view(), console_.letters()),
+      return fmt::format(R"({{"name":{},"event":"{}","{}":{}}})",
+                         jsonOfText(event.name.view(), console_.letters()),
                          event.error ? "error" : "data", event.error ? "error" : "data", data);
     }
-    const std::string shown = event.error ? "error: " + shownText(event.error.description(), kShownDataColumns)
-                                          : shownText(jsonOf(event.data()), kShownDataColumns);
+    const std::string shown =
+        event.error ? "error: " + shownText(event.error.description(), kShownDataColumns)
+                    : shownText(jsonOf(event.data()), kShownDataColumns);
     return fmt::format("{}  {}  {}", console_.dim(Date::now().description().substr(11, 12)),
                        console_.bold(shownName(event.name.view())), shown);
   }
 
   void runCommand(const Event& event) {
     const std::string input = jsonOf(event.error ? Value(event.error) : event.data()) + "\n";
-    const auto status = command_.run(std::string(event.name.view()), event.error ? "error" : "data", input);
+    const auto status =
+        command_.run(std::string(event.name.view()), event.error ? "error" : "data", input);
     if (status && *status == 0) return;
     outcome_ = kExitCommandFailed;
-    console_.note(status ? fmt::format("{} ended with status {}", options_.command[0], *status)
-                         : fmt::format("{} cannot be run: {}", options_.command[0], status.error()));
+    console_.note(status
+                      ? fmt::format("{} ended with status {}", options_.command[0], *status)
+                      : fmt::format("{} cannot be run: {}", options_.command[0], status.error()));
   }
 
   Console& console_;
@@ -127,7 +137,8 @@ class Subscriber {
 
 }  // namespace
 
-int subscribeCommand(Console& console, const CommonOptions& common, const SubscribeOptions& options) {
+int subscribeCommand(Console& console, const CommonOptions& common,
+                     const SubscribeOptions& options) {
   for (const std::string& name : options.names) {
     if (!isName(console, name)) return kExitUsage;
   }

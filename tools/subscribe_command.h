@@ -12,11 +12,13 @@ namespace keel {
 
 struct SubscribeOptions {
   std::vector<std::string> names;
-  std::vector<std::string> command;  // to run for each event; empty: events are written to the output
-  std::size_t count = 0;             // events after which it ends; 0 for no end
+  std::vector<std::string>
+      command;            // to run for each event; empty: events are written to the output
+  std::size_t count = 0;  // events after which it ends; 0 for no end
   bool reconnect = false;
 };
 
-int subscribeCommand(Console& console, const CommonOptions& common, const SubscribeOptions& options);
+int subscribeCommand(Console& console, const CommonOptions& common,
+                     const SubscribeOptions& options);
 
 }  // namespace keel

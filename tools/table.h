@@ -8,8 +8,8 @@
 
 namespace keel {
 
-// Rows of cells, aligned for a person. Cells may hold anything: what a terminal would act upon is escaped, and what is too long
-// is shortened.
+// Rows of cells, aligned for a person. Cells may hold anything: what a terminal would act upon is
+// escaped, and what is too long is shortened.
 class Table {
  public:
   // What one cell may take of a line; the last column may take more.

@@ -19,7 +19,8 @@ Waiting::Reason Waiting::next(int input) const {
     pollfd watched[] = {{message_, POLLIN, 0}, {input, POLLIN, 0}, {output_, 0, 0}};
     int left = -1;
     if (end_) {
-      const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(*end_ - Clock::now()).count();
+      const auto milliseconds =
+          std::chrono::ceil<std::chrono::milliseconds>(*end_ - Clock::now()).count();
       left = static_cast<int>(std::clamp<std::int64_t>(milliseconds, 0, INT_MAX));
     }
     ::poll(watched, 3, left);

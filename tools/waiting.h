@@ -6,7 +6,8 @@
 
 namespace keel {
 
-// What a command that stays waits for: messages, input, the end of its time, or that nobody reads its output any more.
+// What a command that stays waits for: messages, input, the end of its time, or that nobody reads
+// its output any more.
 class Waiting {
  public:
   using Clock = std::chrono::steady_clock;
@@ -15,7 +16,8 @@ class Waiting {
   // `message` and `output` are descriptors to watch, borrowed, or -1; `timeout` counts from now.
   Waiting(int message, int output, std::optional<std::chrono::milliseconds> timeout);
 
-  // Waits. `input` is watched too unless it is negative. Messages come before all else, the end of the time last.
+  // Waits. `input` is watched too unless it is negative. Messages come before all else, the end of
+  // the time last.
   Reason next(int input) const;
 
  private:

@@ -7,7 +7,8 @@
 
 namespace keel::bench {
 
-// Where a system listens: the path of a Unix socket, or a port of the loopback device, as in "/run/x" and "4222".
+// Where a system listens: the path of a Unix socket, or a port of the loopback device, as in
+// "/run/x" and "4222".
 class Address {
  public:
   explicit Address(std::string text) : text_(std::move(text)) {}

@@ -23,7 +23,8 @@ namespace {
 FileDescriptor connectTo(int family, const void* address, socklen_t size, const std::string& text) {
   FileDescriptor socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!socket) fail("socket");
-  if (::connect(socket.get(), static_cast<const sockaddr*>(address), size) != 0) fail("connect to " + text);
+  if (::connect(socket.get(), static_cast<const sockaddr*>(address), size) != 0)
+    fail("connect to " + text);
   return socket;
 }
 
@@ -43,7 +44,8 @@ FileDescriptor Address::connect() const {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socket = connectTo(AF_INET, &address, sizeof address, text_);
     const int on = 1;
-    if (setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0) fail("TCP_NODELAY");
+    if (setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0)
+      fail("TCP_NODELAY");
   }
   if (fcntl(socket.get(), F_SETFL, O_NONBLOCK) != 0) fail("O_NONBLOCK");
   return socket;

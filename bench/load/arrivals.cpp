@@ -26,12 +26,14 @@ Result Arrivals::measure(std::size_t count) {
   const auto usageAfter = DaemonUsage::of(daemon_);
 
   const auto arrived = static_cast<double>(count);
-  const std::chrono::duration<double, std::micro> processor = usageAfter.processor - usage.processor;
+  const std::chrono::duration<double, std::micro> processor =
+      usageAfter.processor - usage.processor;
   Result result;
   result.add("arrivals_per_s", arrived / seconds);
   result.add("daemon_us_per_arrival", processor.count() / arrived);
-  result.add("resident_bytes_per_subscriber",
-             (static_cast<double>(usageAfter.residentBytes) - static_cast<double>(usage.residentBytes)) / arrived);
+  result.add("resident_bytes_per_subscriber", (static_cast<double>(usageAfter.residentBytes) -
+                                               static_cast<double>(usage.residentBytes)) /
+                                                  arrived);
   return result;
 }
 

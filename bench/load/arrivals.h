@@ -10,7 +10,8 @@
 
 namespace keel::bench {
 
-// Clients that connect and follow one name, and then stay: how fast they are served, and what memory each one takes.
+// Clients that connect and follow one name, and then stay: how fast they are served, and what
+// memory each one takes.
 class Arrivals {
  public:
   Arrivals(Crowd& crowd, pid_t daemon) : crowd_(crowd), daemon_(daemon) {}

@@ -10,7 +10,8 @@
 
 namespace keel::bench {
 
-// One connection of the load: says hello when it is made, then sends what stands in its session and counts what comes.
+// One connection of the load: says hello when it is made, then sends what stands in its session and
+// counts what comes.
 class Client {
  public:
   // `number` is the owner's own name for it. The system outlives the client.
@@ -25,7 +26,8 @@ class Client {
 
   // Sends what waits, as far as it goes. True when nothing is left.
   bool flush();
-  // Reads once. Throws std::runtime_error when the system ended the connection or refused something.
+  // Reads once. Throws std::runtime_error when the system ended the connection or refused
+  // something.
   void receive();
 
  private:

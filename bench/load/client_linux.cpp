@@ -36,7 +36,8 @@ Client::Client(System& system, const Address& address, Role role, std::size_t nu
 }
 
 std::size_t Client::write() const {
-  iovec piece{const_cast<char*>(session_.out.data()) + sentBytes_, session_.out.size() - sentBytes_};
+  iovec piece{const_cast<char*>(session_.out.data()) + sentBytes_,
+              session_.out.size() - sentBytes_};
   msghdr message{};
   message.msg_iov = &piece;
   message.msg_iovlen = 1;
@@ -94,7 +95,8 @@ std::size_t Client::read(char* place, std::size_t size) const {
     if (errno == EAGAIN) return 0;
     fail("receive");
   }
-  for (cmsghdr* head = CMSG_FIRSTHDR(&message); head != nullptr; head = CMSG_NXTHDR(&message, head)) {
+  for (cmsghdr* head = CMSG_FIRSTHDR(&message); head != nullptr;
+       head = CMSG_NXTHDR(&message, head)) {
     const std::size_t count = (head->cmsg_len - CMSG_LEN(0)) / sizeof(int);
     for (std::size_t each = 0; each < count; ++each) {
       int file = -1;
@@ -107,7 +109,8 @@ std::size_t Client::read(char* place, std::size_t size) const {
 
 void Client::receive() {
   std::vector<char>& buffer = readBuffer();
-  if (rest_.size() == buffer.size()) throw std::runtime_error("a frame is too long to be collected");
+  if (rest_.size() == buffer.size())
+    throw std::runtime_error("a frame is too long to be collected");
   std::memcpy(buffer.data(), rest_.data(), rest_.size());
   const std::size_t got = read(buffer.data() + rest_.size(), buffer.size() - rest_.size());
   if (got == 0) return;

@@ -17,7 +17,8 @@ namespace keel::bench {
 
 using Clock = std::chrono::steady_clock;
 
-// All clients of a load, on one epoll and one thread: with the system on one processor, the load has the other.
+// All clients of a load, on one epoll and one thread: with the system on one processor, the load
+// has the other.
 class Crowd {
  public:
   // Some systems hear publishers and subscribers at different addresses.
@@ -31,7 +32,8 @@ class Crowd {
 
   // Sends what stands in the client's session; what does not go at once goes with the next turns.
   void flush(Client& client);
-  // Waits until something comes, or until then, and reads once from each client that has something. `heard` is called for each.
+  // Waits until something comes, or until then, and reads once from each client that has something.
+  // `heard` is called for each.
   template <class Heard>
   void turn(std::optional<Clock::time_point> until, Heard heard) {
     for (const epoll_event& event : wait(until)) {
@@ -39,7 +41,8 @@ class Crowd {
       if ((event.events & EPOLLOUT) != 0) flush(client);
       if ((event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) == 0) continue;
       client.receive();
-      // Now and then a system asks whether somebody is there. A publisher's answer goes with its next publishes.
+      // Now and then a system asks whether somebody is there. A publisher's answer goes with its
+      // next publishes.
       if (client.session().role == Role::subscriber && !client.session().out.empty()) flush(client);
       heard(client);
     }

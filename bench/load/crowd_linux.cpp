@@ -51,11 +51,13 @@ void Crowd::flush(Client& client) {
 std::span<const epoll_event> Crowd::wait(std::optional<Clock::time_point> until) {
   timespec timeout{};
   if (until) {
-    const auto left = std::chrono::nanoseconds(std::max(*until - Clock::now(), Clock::duration::zero())).count();
+    const auto left =
+        std::chrono::nanoseconds(std::max(*until - Clock::now(), Clock::duration::zero())).count();
     timeout.tv_sec = left / 1'000'000'000;
     timeout.tv_nsec = left % 1'000'000'000;
   }
-  const int count = epoll_pwait2(epoll_.get(), events_.data(), static_cast<int>(events_.size()), until ? &timeout : nullptr,
+  const int count = epoll_pwait2(epoll_.get(), events_.data(), static_cast<int>(events_.size()),
+                                 until ? &timeout : nullptr,
                                  /*sigmask=*/nullptr);
   check(count < 0 && errno == EINTR ? 0 : count, "epoll_wait");
   return std::span(events_).first(static_cast<std::size_t>(std::max(count, 0)));

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// D-Bus. A publish is a signal, which is not answered; a batch of them is followed by a call of Ping to the bus itself, whose
-// return acknowledges them all, since messages of one connection keep their order. It retains nothing.
+// D-Bus. A publish is a signal, which is not answered; a batch of them is followed by a call of
+// Ping to the bus itself, whose return acknowledges them all, since messages of one connection keep
+// their order. It retains nothing.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -65,7 +66,9 @@ class DbusSystem final : public System {
  public:
   explicit DbusSystem(std::string payload)
       : System(std::move(payload)),
-        ping_(Message{kCall, "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer", "Ping", kBus, "", ""}.encode()) {}
+        ping_(Message{kCall, "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer", "Ping", kBus, "",
+                      ""}
+                  .encode()) {}
 
   void greet(Session& session) override {
     std::string user;
@@ -77,13 +80,16 @@ class DbusSystem final : public System {
   void subscribe(Session& session, const Topic& topic) override {
     std::string rule;
     appendText(rule, fmt::format("type='signal',interface='bench.Bench',member='{}'", topic.name));
-    send(session, Message{kCall, "/org/freedesktop/DBus", kBus, "AddMatch", kBus, "s", rule}.encode());
+    send(session,
+         Message{kCall, "/org/freedesktop/DBus", kBus, "AddMatch", kBus, "s", rule}.encode());
   }
   void publish(Session& session, Topic& topic) override {
     if (topic.frame.empty()) {
       std::string body;
       appendLittleEndian(body, static_cast<std::uint32_t>(payload().size()));
-      topic.frame = Message{kSignal, "/bench", "bench.Bench", topic.name, "", "ay", body + payload()}.encode();
+      topic.frame =
+          Message{kSignal, "/bench", "bench.Bench", topic.name, "", "ay", body + payload()}
+              .encode();
     }
     send(session, topic.frame);
   }
@@ -93,7 +99,8 @@ class DbusSystem final : public System {
   }
 
   std::size_t consume(Session& session, std::string_view bytes, Seen& seen) override {
-    return consumeFrames(session, bytes, seen, [&session](std::string_view head) { return read(session, head); });
+    return consumeFrames(session, bytes, seen,
+                         [&session](std::string_view head) { return read(session, head); });
   }
 
  private:
@@ -108,12 +115,14 @@ class DbusSystem final : public System {
     if (session.stage == kAuthentication) {
       const std::size_t end = head.find('\n');
       if (end == std::string_view::npos) return {};
-      if (!head.starts_with("OK")) throw std::runtime_error(fmt::format("the bus answered {}", head.substr(0, end)));
+      if (!head.starts_with("OK"))
+        throw std::runtime_error(fmt::format("the bus answered {}", head.substr(0, end)));
       session.stage = kHello;
       return {end + 1, Frame::Kind::nothing};
     }
     if (head.size() < 16) return {};
-    const std::size_t bytes = (16 + littleEndian(head.data() + 12) + 7) / 8 * 8 + littleEndian(head.data() + 4);
+    const std::size_t bytes =
+        (16 + littleEndian(head.data() + 12) + 7) / 8 * 8 + littleEndian(head.data() + 4);
     // Stages and batches must not be counted twice.
     if (bytes > head.size() && bytes < kLargeFrameBytes) return {};
     if (head[1] == kError) throw std::runtime_error("the bus refused a call");

@@ -30,7 +30,8 @@ double milliseconds(Clock::duration time) {
 
 }  // namespace
 
-Disturbance::Disturbance(Crowd& crowd, pid_t daemon) : crowd_(crowd), daemon_(daemon), steady_(crowd, steadyPlan(daemon)) {
+Disturbance::Disturbance(Crowd& crowd, pid_t daemon)
+    : crowd_(crowd), daemon_(daemon), steady_(crowd, steadyPlan(daemon)) {
   steady_.prepare();
 }
 
@@ -70,11 +71,13 @@ Client& Disturbance::owner(std::size_t itemCount, Role role) {
     }
   }
   crowd_.flush(client);
-  crowd_.until([&] { return client.seen().acknowledged + client.seen().confirmed >= itemCount; }, "items");
+  crowd_.until([&] { return client.seen().acknowledged + client.seen().confirmed >= itemCount; },
+               "items");
   return client;
 }
 
-Result Disturbance::measure(const std::function<void()>& begin, const std::function<bool()>& isOver) {
+Result Disturbance::measure(const std::function<void()>& begin,
+                            const std::function<bool()>& isOver) {
   steady_.run(kQuietTime);
   steady_.completions().clear();
   const auto usageBefore = DaemonUsage::of(daemon_);
@@ -90,15 +93,16 @@ Result Disturbance::measure(const std::function<void()>& begin, const std::funct
   // Whoever still waits counts, too.
   steady_.run(kAfterTime);
   const auto usageAfter = DaemonUsage::of(daemon_);
-  const double quietShare = milliseconds(usage.processor - usageBefore.processor) / milliseconds(kQuietTime);
+  const double quietShare =
+      milliseconds(usage.processor - usageBefore.processor) / milliseconds(kQuietTime);
 
   Result result;
   result.add("took_ms", milliseconds(took));
   result.add("longest_hold_up_ms", steady_.completions().quantile(1) / 1000);
   result.add("longest_quiet_ms", quiet / 1000);
   // Without what the steady publisher costs.
-  result.add("daemon_ms",
-             milliseconds(usageAfter.processor - usage.processor) - quietShare * milliseconds(Clock::now() - start));
+  result.add("daemon_ms", milliseconds(usageAfter.processor - usage.processor) -
+                              quietShare * milliseconds(Clock::now() - start));
   result.add("resident_bytes", static_cast<double>(usage.residentBytes));
   return result;
 }

@@ -8,7 +8,8 @@
 
 namespace keel::bench {
 
-// How long one client's large affair holds up others: a publisher and its subscriber go on at a steady rate meanwhile.
+// How long one client's large affair holds up others: a publisher and its subscriber go on at a
+// steady rate meanwhile.
 class Disturbance {
  public:
   Disturbance(Crowd& crowd, pid_t daemon);

@@ -21,7 +21,8 @@ double microseconds(Clock::duration time) {
 
 }  // namespace
 
-FanOut::FanOut(Crowd& crowd, const FanOutPlan& plan) : crowd_(crowd), plan_(plan), deliveredCounts_(plan.subscriberCount) {
+FanOut::FanOut(Crowd& crowd, const FanOutPlan& plan)
+    : crowd_(crowd), plan_(plan), deliveredCounts_(plan.subscriberCount) {
   for (std::size_t number = 0; number < plan.topicCount; ++number) {
     topics_.push_back({.name = fmt::format("n{:06}", number), .frame = {}, .published = false});
   }
@@ -58,7 +59,8 @@ Result FanOut::measure() {
   result.add("daemon_us_per_publish", daemonMicroseconds / publishes);
   result.add("daemon_share", daemonMicroseconds / seconds / 1e6);
   result.add("load_share", microseconds(ownProcessorTime() - own) / seconds / 1e6);
-  result.add("sleeps_per_publish", static_cast<double>(usageAfter.wakeUpCount - usage.wakeUpCount) / publishes);
+  result.add("sleeps_per_publish",
+             static_cast<double>(usageAfter.wakeUpCount - usage.wakeUpCount) / publishes);
   result.add("resident_bytes", static_cast<double>(usageAfter.residentBytes));
   result.add("answer_p50_us", answers_.quantile(0.5));
   result.add("p50_us", completions_.quantile(0.5));
@@ -72,7 +74,11 @@ void FanOut::subscribe() {
     Client& client = crowd_.add(Role::subscriber);
     for (const Topic& topic : topics_) crowd_.system().subscribe(client.session(), topic);
     crowd_.flush(client);
-    crowd_.until([&] { return client.seen().confirmed >= (crowd_.system().confirms() ? topics_.size() : 1); }, "subscriptions");
+    crowd_.until(
+        [&] {
+          return client.seen().confirmed >= (crowd_.system().confirms() ? topics_.size() : 1);
+        },
+        "subscriptions");
   }
   const Topic quiet{.name = "quiet", .frame = {}, .published = false};
   for (std::size_t number = 0; number < plan_.bystanderCount; ++number) {
@@ -89,7 +95,8 @@ void FanOut::subscribe() {
 
 void FanOut::publishEachOnce() {
   for (std::size_t left = topics_.size(); left > 0 || completedCount_ < publishedCount_;) {
-    const std::size_t count = std::min(left, plan_.outstanding - (publishedCount_ - completedCount_));
+    const std::size_t count =
+        std::min(left, plan_.outstanding - (publishedCount_ - completedCount_));
     if (count > 0) publish(count);
     left -= count;
     const std::uint64_t before = completedCount_;
@@ -113,15 +120,16 @@ void FanOut::run(std::chrono::duration<double> time, const std::function<bool()>
   auto now = Clock::now();
   const auto end = now + std::chrono::duration_cast<Clock::duration>(time);
   const bool paced = plan_.publishesPerSecond > 0;
-  const auto interval =
-      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(paced ? 1 / plan_.publishesPerSecond : 0));
+  const auto interval = std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(paced ? 1 / plan_.publishesPerSecond : 0));
   nextPublish_ = now;
   for (; now < end && (!isDone || !isDone()); now = Clock::now()) {
     if (const std::size_t count = allowed(now); count > 0) {
       publish(count);
       nextPublish_ += interval;
     }
-    crowd_.turn(paced ? std::min(end, nextPublish_) : end, [this](const Client& client) { heard(client); });
+    crowd_.turn(paced ? std::min(end, nextPublish_) : end,
+                [this](const Client& client) { heard(client); });
   }
 }
 
@@ -147,17 +155,20 @@ void FanOut::heard(const Client& client) {
     const std::uint64_t before = count;
     count = client.seen().delivered;
     deliveredCount_ += count - before;
-    // Who was the last at the lowest count lets it rise: looked for once in a whole round of all subscribers.
+    // Who was the last at the lowest count lets it rise: looked for once in a whole round of all
+    // subscribers.
     if (before == lowestDelivered_ && count > before && --lowestHolders_ == 0) {
       lowestDelivered_ = std::ranges::min(deliveredCounts_);
-      lowestHolders_ = static_cast<std::size_t>(std::ranges::count(deliveredCounts_, lowestDelivered_));
+      lowestHolders_ =
+          static_cast<std::size_t>(std::ranges::count(deliveredCounts_, lowestDelivered_));
     }
   }
   advance();
 }
 
 void FanOut::advance() {
-  const std::uint64_t answered = crowd_.system().acknowledges() ? acknowledgedCount_ : publishedCount_;
+  const std::uint64_t answered =
+      crowd_.system().acknowledges() ? acknowledgedCount_ : publishedCount_;
   completedCount_ = std::min(answered, lowestDelivered_);
   if (sentTimes_.empty()) return;
   const auto now = Clock::now();

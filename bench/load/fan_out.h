@@ -26,14 +26,14 @@ struct FanOutPlan {
   std::chrono::duration<double> measured{1};
 };
 
-// One publisher and its subscribers. A publish is outstanding until it was acknowledged and every subscriber has got it, so
-// that nobody wins by building a queue.
+// One publisher and its subscribers. A publish is outstanding until it was acknowledged and every
+// subscriber has got it, so that nobody wins by building a queue.
 class FanOut {
  public:
   FanOut(Crowd& crowd, const FanOutPlan& plan);
 
-  // Subscribes, and publishes each name once. The publisher is the crowd's first client, its subscribers are the next ones;
-  // others may join later, and are left alone.
+  // Subscribes, and publishes each name once. The publisher is the crowd's first client, its
+  // subscribers are the next ones; others may join later, and are left alone.
   void prepare();
   // Warms up and measures.
   Result measure();

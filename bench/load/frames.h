@@ -23,7 +23,8 @@ struct Frame {
 // Frames of this size are counted without being collected.
 inline constexpr std::size_t kLargeFrameBytes = 64u << 10;
 
-// The loop of every System::consume: `read(std::string_view) -> Frame` looks at the head of a frame.
+// The loop of every System::consume: `read(std::string_view) -> Frame` looks at the head of a
+// frame.
 template <class Read>
 std::size_t consumeFrames(Session& session, std::string_view bytes, Seen& seen, Read read) {
   std::size_t place = 0;
@@ -73,7 +74,8 @@ inline void appendLittleEndian(std::string& out, std::uint32_t value) {
 }
 
 inline void appendBigEndian(std::string& out, std::uint64_t value, int byteCount) {
-  for (int shift = 8 * (byteCount - 1); shift >= 0; shift -= 8) out.push_back(static_cast<char>(value >> shift));
+  for (int shift = 8 * (byteCount - 1); shift >= 0; shift -= 8)
+    out.push_back(static_cast<char>(value >> shift));
 }
 
 }  // namespace keel::bench

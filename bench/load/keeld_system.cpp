@@ -20,10 +20,12 @@ constexpr std::size_t kHeadBytes = 9;
 // Where the name's head stands in a delivery; behind the name stands the item.
 constexpr std::size_t kNameHead = 8;
 
-// Whoever subscribes to a name that others wait for, too, is told that there is nothing yet. That is no publish.
+// Whoever subscribes to a name that others wait for, too, is told that there is nothing yet. That
+// is no publish.
 bool bringsNothing(std::string_view delivery) {
   const auto nameBytes = static_cast<unsigned char>(delivery[kNameHead]) - 0x60u;
-  if (nameBytes >= 24) throw std::runtime_error("names of 24 bytes and more are not understood here");
+  if (nameBytes >= 24)
+    throw std::runtime_error("names of 24 bytes and more are not understood here");
   const std::size_t item = kNameHead + 1 + nameBytes;
   return item < delivery.size() && delivery[item] == kNull;
 }
@@ -102,21 +104,26 @@ class KeeldSystem final : public System {
   }
 
   std::size_t consume(Session& session, std::string_view bytes, Seen& seen) override {
-    return consumeFrames(session, bytes, seen, [role = session.role](std::string_view head) -> Frame {
-      if (head.size() < kHeadBytes) return {};
-      const std::size_t size = 4 + littleEndian(head.data());
-      switch (head[5]) {
-        case 0:
-          return {size, Frame::Kind::nothing};
-        case 2:
-          return bringsNothing(head) ? Frame{size, Frame::Kind::nothing} : Frame{size, Frame::Kind::delivery};
-        case 3:
-          if (size <= head.size() && head[size - 1] != kNull) throw std::runtime_error("keeld refused a request");
-          return {size, role == Role::subscriber ? Frame::Kind::confirmation : Frame::Kind::acknowledgement};
-        default:
-          throw std::runtime_error(fmt::format("keeld answered: {}", head.substr(0, std::min(size, head.size()))));
-      }
-    });
+    return consumeFrames(
+        session, bytes, seen, [role = session.role](std::string_view head) -> Frame {
+          if (head.size() < kHeadBytes) return {};
+          const std::size_t size = 4 + littleEndian(head.data());
+          switch (head[5]) {
+            case 0:
+              return {size, Frame::Kind::nothing};
+            case 2:
+              return bringsNothing(head) ? Frame{size, Frame::Kind::nothing}
+                                         : Frame{size, Frame::Kind::delivery};
+            case 3:
+              if (size <= head.size() && head[size - 1] != kNull)
+                throw std::runtime_error("keeld refused a request");
+              return {size, role == Role::subscriber ? Frame::Kind::confirmation
+                                                     : Frame::Kind::acknowledgement};
+            default:
+              throw std::runtime_error(
+                  fmt::format("keeld answered: {}", head.substr(0, std::min(size, head.size()))));
+          }
+        });
   }
 
  private:

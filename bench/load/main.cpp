@@ -22,11 +22,16 @@ struct Options {
 
 Result run(const Options& options) {
   const auto system = systemOfName(options.system, options.payloadBytes);
-  Crowd crowd(*system, Address(options.publisherAddress.empty() ? options.address : options.publisherAddress),
-              Address(options.address));
-  if (options.measurement == "arrivals") return Arrivals(crowd, options.plan.daemon).measure(options.count);
-  if (options.measurement == "dump") return Disturbance(crowd, options.plan.daemon).dump(options.count);
-  if (options.measurement == "clean-up") return Disturbance(crowd, options.plan.daemon).cleanUp(options.count);
+  Crowd crowd(
+      *system,
+      Address(options.publisherAddress.empty() ? options.address : options.publisherAddress),
+      Address(options.address));
+  if (options.measurement == "arrivals")
+    return Arrivals(crowd, options.plan.daemon).measure(options.count);
+  if (options.measurement == "dump")
+    return Disturbance(crowd, options.plan.daemon).dump(options.count);
+  if (options.measurement == "clean-up")
+    return Disturbance(crowd, options.plan.daemon).cleanUp(options.count);
   FanOutPlan plan = options.plan;
   plan.measured = std::chrono::duration<double>(options.seconds);
   plan.warmUp = plan.measured / 4;
@@ -40,13 +45,18 @@ Result run(const Options& options) {
 
 int main(int argumentCount, char** arguments) {
   keel::bench::Options options;
-  CLI::App app("Puts a load on a publish/subscribe system and prints what it measured, as one line of JSON.");
-  app.add_option("system", options.system, "keeld, relay, redis, nats, mosquitto, zeromq or dbus")->required();
-  app.add_option("address", options.address, "path of its Unix socket, or port on this machine")->required();
+  CLI::App app(
+      "Puts a load on a publish/subscribe system and prints what it measured, as one line of "
+      "JSON.");
+  app.add_option("system", options.system, "keeld, relay, redis, nats, mosquitto, zeromq or dbus")
+      ->required();
+  app.add_option("address", options.address, "path of its Unix socket, or port on this machine")
+      ->required();
   app.add_option("pid", options.plan.daemon, "its process")->required();
   app.add_option("measurement", options.measurement, "what to measure")
       ->check(CLI::IsMember({"fan-out", "arrivals", "dump", "clean-up"}));
-  app.add_option("--publishers", options.publisherAddress, "address for publishers, where it is another");
+  app.add_option("--publishers", options.publisherAddress,
+                 "address for publishers, where it is another");
   app.add_option("--payload", options.payloadBytes, "bytes of each publish");
   app.add_option("--count", options.count, "arrivals, or items");
   app.add_option("--seconds", options.seconds, "how long to measure");
@@ -54,7 +64,8 @@ int main(int argumentCount, char** arguments) {
   app.add_option("--names", options.plan.topicCount, "names");
   app.add_option("--bystanders", options.plan.bystanderCount, "idle subscribers of another name");
   app.add_option("--outstanding", options.plan.outstanding, "publishes that may be under way");
-  app.add_option("--rate", options.plan.publishesPerSecond, "publishes per second; 0: as fast as they complete");
+  app.add_option("--rate", options.plan.publishesPerSecond,
+                 "publishes per second; 0: as fast as they complete");
   CLI11_PARSE(app, argumentCount, arguments);
   try {
     fmt::print("{}\n", keel::bench::run(options).toJson());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// MQTT 3.1.1. Publishes have QoS 1, so that they are acknowledged, and are retained; subscriptions have QoS 0, so that nobody
-// has to acknowledge deliveries.
+// MQTT 3.1.1. Publishes have QoS 1, so that they are acknowledged, and are retained; subscriptions
+// have QoS 0, so that nobody has to acknowledge deliveries.
 #include "bench/load/frames.h"
 #include "bench/load/systems.h"
 
@@ -79,7 +79,9 @@ class MosquittoSystem final : public System {
  private:
   // Packet identifiers are 16 bits, and never 0.
   static std::uint64_t takeNumber(Session& session) { return session.nextNumber++ % 0xffff + 1; }
-  static void appendNumber(std::string& out, Session& session) { appendBigEndian(out, takeNumber(session), 2); }
+  static void appendNumber(std::string& out, Session& session) {
+    appendBigEndian(out, takeNumber(session), 2);
+  }
 };
 
 }  // namespace

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// NATS. A batch of publishes is followed by PING, whose PONG acknowledges them all: what its clients call a flush. It has no
-// Unix sockets, and retains nothing.
+// NATS. A batch of publishes is followed by PING, whose PONG acknowledges them all: what its
+// clients call a flush. It has no Unix sockets, and retains nothing.
 #include <fmt/format.h>
 
 #include <charconv>
@@ -16,12 +16,15 @@ class NatsSystem final : public System {
  public:
   using System::System;
 
-  void greet(Session& session) override { session.out += "CONNECT {\"verbose\":false,\"pedantic\":false,\"echo\":false}\r\n"; }
+  void greet(Session& session) override {
+    session.out += "CONNECT {\"verbose\":false,\"pedantic\":false,\"echo\":false}\r\n";
+  }
   void subscribe(Session& session, const Topic& topic) override {
     session.out += fmt::format("SUB {} {}\r\nPING\r\n", topic.name, session.nextNumber++);
   }
   void publish(Session& session, Topic& topic) override {
-    if (topic.frame.empty()) topic.frame = fmt::format("PUB {} {}\r\n{}\r\n", topic.name, payload().size(), payload());
+    if (topic.frame.empty())
+      topic.frame = fmt::format("PUB {} {}\r\n{}\r\n", topic.name, payload().size(), payload());
     session.out += topic.frame;
   }
   void endBatch(Session& session, std::size_t count) override {

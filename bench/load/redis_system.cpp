@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Redis, RESP2. A publish is SET and PUBLISH in one pipeline, since the last value is to be kept; PUBLISH's answer counts.
+// Redis, RESP2. A publish is SET and PUBLISH in one pipeline, since the last value is to be kept;
+// PUBLISH's answer counts.
 #include <fmt/format.h>
 
 #include <charconv>
@@ -20,9 +21,11 @@ constexpr std::size_t kUnknown = std::string_view::npos;
 std::size_t behindBulk(std::string_view bytes, std::size_t place) {
   if (place + 1 >= bytes.size()) return kUnknown;
   std::size_t size = 0;
-  const auto [end, error] = std::from_chars(bytes.data() + place + 1, bytes.data() + bytes.size(), size);
+  const auto [end, error] =
+      std::from_chars(bytes.data() + place + 1, bytes.data() + bytes.size(), size);
   const auto digitsEnd = static_cast<std::size_t>(end - bytes.data());
-  return error != std::errc() || digitsEnd + 1 >= bytes.size() ? kUnknown : digitsEnd + 2 + size + 2;
+  return error != std::errc() || digitsEnd + 1 >= bytes.size() ? kUnknown
+                                                               : digitsEnd + 2 + size + 2;
 }
 
 class RedisSystem final : public System {
@@ -56,7 +59,8 @@ class RedisSystem final : public System {
     if (head[0] == '*') return readArray(head);
     const std::size_t end = head.find('\n');
     if (end == std::string_view::npos) return {};
-    if (head[0] == '-') throw std::runtime_error(fmt::format("redis answered {}", head.substr(0, end)));
+    if (head[0] == '-')
+      throw std::runtime_error(fmt::format("redis answered {}", head.substr(0, end)));
     return {end + 1, head[0] == ':' ? Frame::Kind::acknowledgement : Frame::Kind::nothing};
   }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The bare relay: a length of 4 bytes, a letter, and the payload. It acknowledges each read with one frame that has a count.
+// The bare relay: a length of 4 bytes, a letter, and the payload. It acknowledges each read with
+// one frame that has a count.
 #include "bench/load/frames.h"
 #include "bench/load/systems.h"
 

@@ -7,7 +7,8 @@ namespace keel::bench {
 
 std::string Result::toJson() const {
   std::string text;
-  for (const auto& [name, value] : figures_) text += fmt::format("{}\"{}\": {:.6g}", text.empty() ? "" : ", ", name, value);
+  for (const auto& [name, value] : figures_)
+    text += fmt::format("{}\"{}\": {:.6g}", text.empty() ? "" : ", ", name, value);
   return "{" + text + "}";
 }
 

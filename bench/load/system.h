@@ -19,15 +19,17 @@ struct Seen {
   std::uint64_t confirmed = 0;  // subscriptions
 };
 
-// A name to publish under. A system keeps here what it has encoded of a publish, so that each further one is a copy.
+// A name to publish under. A system keeps here what it has encoded of a publish, so that each
+// further one is a copy.
 struct Topic {
   std::string name;
   std::string frame;
   bool published = false;
 };
 
-// Speaks one system's raw protocol, as its best clients do: everything is pipelined, nothing is decoded that need not be. All
-// connections of one run share it; what differs between them is in their Session.
+// Speaks one system's raw protocol, as its best clients do: everything is pipelined, nothing is
+// decoded that need not be. All connections of one run share it; what differs between them is in
+// their Session.
 class System {
  public:
   // Payloads are the same bytes for every system.
@@ -47,13 +49,14 @@ class System {
   virtual void greet(Session& session) = 0;
   virtual void subscribe(Session& session, const Topic& topic) = 0;
   virtual void publish(Session& session, Topic& topic) = 0;
-  // After the last of `count` publishes that are sent together, for systems that acknowledge them together.
+  // After the last of `count` publishes that are sent together, for systems that acknowledge them
+  // together.
   virtual void endBatch(Session&, std::size_t /*count*/) {}
   // Asks for a description of everything. Only where there is such a thing.
   virtual void dump(Session&) {}
 
-  // Counts the frames at the beginning of `bytes`; how many bytes they are. What is left is offered again, with more behind it.
-  // Throws std::runtime_error when the system refused something.
+  // Counts the frames at the beginning of `bytes`; how many bytes they are. What is left is offered
+  // again, with more behind it. Throws std::runtime_error when the system refused something.
   virtual std::size_t consume(Session& session, std::string_view bytes, Seen& seen) = 0;
 
  protected:
@@ -63,7 +66,8 @@ class System {
   const std::string payload_;
 };
 
-// keeld, relay, redis, nats, mosquitto, zeromq or dbus; throws std::runtime_error for any other name.
+// keeld, relay, redis, nats, mosquitto, zeromq or dbus; throws std::runtime_error for any other
+// name.
 std::unique_ptr<System> systemOfName(std::string_view name, std::size_t payloadBytes);
 
 }  // namespace keel::bench

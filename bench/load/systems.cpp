@@ -22,7 +22,8 @@ std::unique_ptr<System> systemOfName(std::string_view name, std::size_t payloadB
   }};
   // Letters, so that a system that looks at its payloads has nothing to escape.
   std::string payload(payloadBytes, ' ');
-  for (std::size_t place = 0; place < payload.size(); ++place) payload[place] = static_cast<char>('a' + place % 26);
+  for (std::size_t place = 0; place < payload.size(); ++place)
+    payload[place] = static_cast<char>('a' + place % 26);
   for (const auto& [known, make] : kSystems) {
     if (known == name) return make(std::move(payload));
   }

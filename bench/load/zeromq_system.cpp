@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// ZMTP 3.0 with the NULL mechanism, through a proxy of XSUB and XPUB. A message is one frame that begins with its name. It
-// acknowledges neither publishes nor subscriptions, and retains nothing.
+// ZMTP 3.0 with the NULL mechanism, through a proxy of XSUB and XPUB. A message is one frame that
+// begins with its name. It acknowledges neither publishes nor subscriptions, and retains nothing.
 #include <utility>
 
 #include "bench/load/frames.h"
@@ -42,7 +42,8 @@ class ZeromqSystem final : public System {
     appendFrame(session.out, 4, ready);
   }
   void subscribe(Session& session, const Topic& topic) override {
-    appendFrame(session.stage == kReady ? session.out : session.afterGreeting, 0, "\1" + topic.name + " ");
+    appendFrame(session.stage == kReady ? session.out : session.afterGreeting, 0,
+                "\1" + topic.name + " ");
   }
   void publish(Session& session, Topic& topic) override {
     if (topic.frame.empty()) appendFrame(topic.frame, 0, topic.name + " " + payload());

@@ -22,12 +22,14 @@ void updateSubscribers(benchmark::State& state) {
   const std::array items{bench::itemOf(static_cast<std::size_t>(state.range(1))),
                          bench::itemOf(static_cast<std::size_t>(state.range(1)))};
   service.publishItem(items[0], name, 0, 0, publisher.connection(), nullptr);
-  for (const auto& subscriber : subscribers) service.subscribeTo(name, subscriber.connection(), 0, nullptr);
+  for (const auto& subscriber : subscribers)
+    service.subscribeTo(name, subscriber.connection(), 0, nullptr);
   executor.runAll();
   KLNPublishedObject& published = *service.published().at(name);
   std::size_t updateCount = 0;
   for (auto _ : state) {
-    service.inputQueue()->async([&published, data = items[updateCount++ % 2]] { published.updateWithData(data); });
+    service.inputQueue()->async(
+        [&published, data = items[updateCount++ % 2]] { published.updateWithData(data); });
     executor.runAll();
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));

@@ -14,7 +14,8 @@ class Registry {
  public:
   explicit Registry(std::int64_t nameCount) {
     for (std::int64_t number = 0; number < nameCount; ++number) {
-      service.publishItem(item, Name(fmt::format("name{}", number)), 0, 0, client.connection(), nullptr);
+      service.publishItem(item, Name(fmt::format("name{}", number)), 0, 0, client.connection(),
+                          nullptr);
     }
   }
 
@@ -28,18 +29,22 @@ class Registry {
 void publishAndRemove(benchmark::State& state) {
   Registry registry(state.range(0));
   for (auto _ : state) {
-    registry.service.publishItem(registry.item, registry.name, 0, 0, registry.client.connection(), nullptr);
-    registry.service.removePublishedItemForName(registry.name, registry.client.connection(), nullptr);
+    registry.service.publishItem(registry.item, registry.name, 0, 0, registry.client.connection(),
+                                 nullptr);
+    registry.service.removePublishedItemForName(registry.name, registry.client.connection(),
+                                                nullptr);
   }
 }
 BENCHMARK(publishAndRemove)->ArgName("names")->Arg(10)->Arg(1000)->Arg(100000);
 
 void subscribeAndUnsubscribe(benchmark::State& state) {
   Registry registry(state.range(0));
-  registry.service.publishItem(registry.item, registry.name, 0, 0, registry.client.connection(), nullptr);
+  registry.service.publishItem(registry.item, registry.name, 0, 0, registry.client.connection(),
+                               nullptr);
   for (auto _ : state) {
     registry.service.subscribeTo(registry.name, registry.client.connection(), 0, nullptr);
-    registry.service.removeSubscriptionForName(registry.name, registry.client.connection(), nullptr);
+    registry.service.removeSubscriptionForName(registry.name, registry.client.connection(),
+                                               nullptr);
     registry.executor.runAll();
   }
 }

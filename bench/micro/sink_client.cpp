@@ -31,7 +31,9 @@ class SinkClient::SinkTransport final : public xpc::Transport {
     std::vector<FileDescriptor> noFiles;
     receiver.onFrame(std::span(hello.bytes()).subspan(xpc::kLengthBytes), noFiles);
   }
-  void send(const xpc::OutgoingMessage& message, EndOfTurn::Urgency) override { client_.sentBytes_ += message.wireBytes(); }
+  void send(const xpc::OutgoingMessage& message, EndOfTurn::Urgency) override {
+    client_.sentBytes_ += message.wireBytes();
+  }
   void setReading(bool) override {}
   void liftHelloBound() override {}
   void close(std::string_view) override {}
@@ -48,9 +50,12 @@ class SinkClient::SinkTransport final : public xpc::Transport {
 };
 
 SinkClient::SinkClient() {
-  const xpc::PeerIdentity peer{.pid = 1, .uid = 0, .gid = 0, .startTime = 1, .auditSession = 1, .processName = "sink"};
-  connection_ = xpc::Connection::create(peer, std::make_unique<SinkTransport>(*this), {.takesDescriptors = false});
-  connection_->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+  const xpc::PeerIdentity peer{
+      .pid = 1, .uid = 0, .gid = 0, .startTime = 1, .auditSession = 1, .processName = "sink"};
+  connection_ = xpc::Connection::create(peer, std::make_unique<SinkTransport>(*this),
+                                        {.takesDescriptors = false});
+  connection_->setRemoteObjectInterface(
+      xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
   connection_->resume();
 }
 

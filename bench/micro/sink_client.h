@@ -8,8 +8,8 @@
 
 namespace keel::bench {
 
-// A client whose connection takes callbacks and forgets them: what is measured ends where bytes would go to a socket. All on
-// one thread.
+// A client whose connection takes callbacks and forgets them: what is measured ends where bytes
+// would go to a socket. All on one thread.
 class SinkClient {
  public:
   SinkClient();

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The bare relay: what sockets alone can do. One thread, one epoll. A frame is a length of 4 bytes, lowest first, and a letter
-// with what belongs to it:
+// The bare relay: what sockets alone can do. One thread, one epoll. A frame is a length of 4 bytes,
+// lowest first, and a letter with what belongs to it:
 //   S          from a client: follow; the same frame answers it
 //   P payload  a publish: the frame goes to every follower as it is
 //   A count    to a publisher: so many were passed on (4 bytes)
-// All publishes that one read brought are passed on with one write per follower and answered with one frame. There are no
-// names, nothing is kept, checked or limited.
+// All publishes that one read brought are passed on with one write per follower and answered with
+// one frame. There are no names, nothing is kept, checked or limited.
 //
 // usage: keel-relay PATH
 #include <sys/epoll.h>

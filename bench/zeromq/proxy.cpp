@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Passes what publishers of ZeroMQ send on to its subscribers: usage keel-zeromq-proxy PUBLISHERS SUBSCRIBERS, two addresses
-// such as ipc:///run/x. Queues are not limited, so that nothing is dropped; it is the load that limits what is under way.
+// Passes what publishers of ZeroMQ send on to its subscribers: usage keel-zeromq-proxy PUBLISHERS
+// SUBSCRIBERS, two addresses such as ipc:///run/x. Queues are not limited, so that nothing is
+// dropped; it is the load that limits what is under way.
 #include <zmq.h>
 
 #include <cstdio>
@@ -11,7 +12,8 @@ namespace {
 void* boundSocket(void* context, int type, const char* address) {
   void* const socket = zmq_socket(context, type);
   const int unlimited = 0, backlog = 4096;
-  for (const int option : {ZMQ_SNDHWM, ZMQ_RCVHWM}) zmq_setsockopt(socket, option, &unlimited, sizeof unlimited);
+  for (const int option : {ZMQ_SNDHWM, ZMQ_RCVHWM})
+    zmq_setsockopt(socket, option, &unlimited, sizeof unlimited);
   zmq_setsockopt(socket, ZMQ_BACKLOG, &backlog, sizeof backlog);
   if (zmq_bind(socket, address) == 0) return socket;
   std::perror(address);

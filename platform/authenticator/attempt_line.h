@@ -8,8 +8,8 @@
 
 namespace keel {
 
-// Lets a bounded number of threads go on at once, the others in the order in which they came. As many wait as there are threads
-// that come. From any thread.
+// Lets a bounded number of threads go on at once, the others in the order in which they came. As
+// many wait as there are threads that come. From any thread.
 class AttemptLine {
  public:
   class Turn;
@@ -27,7 +27,8 @@ class AttemptLine {
   const std::size_t atOnce_;
   mutable std::mutex mutex_;
   std::condition_variable left_;
-  // Numbers are given out in order; the one that is next to go on, and how many are on their way. Under mutex_.
+  // Numbers are given out in order; the one that is next to go on, and how many are on their way.
+  // Under mutex_.
   std::uint64_t nextNumber_ = 0;
   std::uint64_t nextToGo_ = 0;
   std::size_t underWay_ = 0;

@@ -18,8 +18,8 @@ char inLowerCase(char letter) {
 
 bool isTokenLetter(char letter) {
   constexpr std::string_view kOthers = "!#$%&'*+-.^_`|~";
-  return (letter >= '0' && letter <= '9') || (letter >= 'A' && letter <= 'Z') || (letter >= 'a' && letter <= 'z') ||
-         kOthers.find(letter) != std::string_view::npos;
+  return (letter >= '0' && letter <= '9') || (letter >= 'A' && letter <= 'Z') ||
+         (letter >= 'a' && letter <= 'z') || kOthers.find(letter) != std::string_view::npos;
 }
 
 bool isControl(char letter) {
@@ -76,7 +76,8 @@ class Reader {
 
 std::optional<std::string_view> afterScheme(std::string_view text, std::string_view scheme) {
   if (text.size() <= scheme.size() || text[scheme.size()] != ' ') return std::nullopt;
-  if (!std::ranges::equal(text.substr(0, scheme.size()), scheme, {}, inLowerCase, inLowerCase)) return std::nullopt;
+  if (!std::ranges::equal(text.substr(0, scheme.size()), scheme, {}, inLowerCase, inLowerCase))
+    return std::nullopt;
   text.remove_prefix(std::min(text.find_first_not_of(' ', scheme.size()), text.size()));
   return text;
 }

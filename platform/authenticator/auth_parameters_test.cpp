@@ -28,7 +28,8 @@ TEST(AuthParameters, SchemeIsTheSameInAnyCase) {
 }
 
 TEST(AuthParameters, AnotherSchemeIsNone) {
-  for (const char* text : {"", "Digest", "Digesta=1", "Digests a=1", "Basic a=1", " Digest a=1", "Digest\ta=1"}) {
+  for (const char* text :
+       {"", "Digest", "Digesta=1", "Digests a=1", "Basic a=1", " Digest a=1", "Digest\ta=1"}) {
     EXPECT_FALSE(afterScheme(text, "digest")) << text;
   }
 }

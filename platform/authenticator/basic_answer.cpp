@@ -17,9 +17,11 @@ std::optional<BasicAnswer> BasicAnswer::parse(std::string_view text) {
   const auto size = decodeBase64(encoded, decoded.bytes());
   if (!size) return std::nullopt;
   decoded.shrink(*size);
-  const bool hasControl = std::ranges::any_of(decoded.text(), [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; });
+  const bool hasControl = std::ranges::any_of(
+      decoded.text(), [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; });
   const std::size_t colon = decoded.text().find(':');
-  if (hasControl || !cbor::isUtf8(decoded.text()) || colon == std::string_view::npos || colon == 0) return std::nullopt;
+  if (hasControl || !cbor::isUtf8(decoded.text()) || colon == std::string_view::npos || colon == 0)
+    return std::nullopt;
   return BasicAnswer(std::move(decoded), colon);
 }
 

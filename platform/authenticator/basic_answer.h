@@ -10,14 +10,16 @@
 
 namespace keel {
 
-// The name and password in an Authorization of the scheme Basic (RFC 7617, section 2). Wiped when let go of.
+// The name and password in an Authorization of the scheme Basic (RFC 7617, section 2). Wiped when
+// let go of.
 class BasicAnswer {
  public:
-  // Longer ones are refused unread. What name and password may have together, in base64, is far less.
+  // Longer ones are refused unread. What name and password may have together, in base64, is far
+  // less.
   static constexpr std::size_t kLargestBytes = 2048;
 
-  // With or without the scheme in front. Nothing for what is not base64 of a name, ":" and a password, in UTF-8 without control
-  // characters. The password may be empty, the name not.
+  // With or without the scheme in front. Nothing for what is not base64 of a name, ":" and a
+  // password, in UTF-8 without control characters. The password may be empty, the name not.
   static std::optional<BasicAnswer> parse(std::string_view text);
 
   // Before and behind the first ":".

@@ -53,18 +53,21 @@ TEST(BasicAnswer, ThePasswordMayBeEmptyAndTheNameNot) {
 }
 
 TEST(BasicAnswer, NonsenseIsRefused) {
-  for (const std::string_view text : {"", "Basic", "Basic ", "Digest QTpi", "QTpi\n", " QTpi", "QTpi ", "Basic QTpi QTpi",
-                                      "QTp", "Q*pi", "Basic Basic QTpi"}) {
+  for (const std::string_view text :
+       {"", "Basic", "Basic ", "Digest QTpi", "QTpi\n", " QTpi", "QTpi ", "Basic QTpi QTpi", "QTp",
+        "Q*pi", "Basic Basic QTpi"}) {
     EXPECT_EQ(parsed(text), "none") << text;
   }
-  for (const std::string_view plain : {std::string_view("alice"), std::string_view("a\0:b", 4), std::string_view("a:b\0", 4),
-                                       std::string_view("a:b\n"), std::string_view("a:\x7f"), std::string_view("a:\xff")}) {
+  for (const std::string_view plain :
+       {std::string_view("alice"), std::string_view("a\0:b", 4), std::string_view("a:b\0", 4),
+        std::string_view("a:b\n"), std::string_view("a:\x7f"), std::string_view("a:\xff")}) {
     EXPECT_EQ(parsed(encoded(plain)), "none") << plain;
   }
 }
 
 TEST(BasicAnswer, SizeIsBounded) {
-  const std::string largest = encoded("a:" + std::string(BasicAnswer::kLargestBytes / 4 * 3 - 2, 'p'));
+  const std::string largest =
+      encoded("a:" + std::string(BasicAnswer::kLargestBytes / 4 * 3 - 2, 'p'));
   ASSERT_EQ(largest.size(), BasicAnswer::kLargestBytes);
   EXPECT_NE(parsed(largest), "none");
   EXPECT_EQ(parsed("basic " + largest), "none");
@@ -77,7 +80,8 @@ class BasicAuthenticatorTest : public ::testing::Test {
 };
 
 TEST_F(BasicAuthenticatorTest, Challenges) {
-  EXPECT_EQ(authenticator.generateInitialResponse(), String(R"(Basic realm="my \"realm\"", charset="UTF-8")"));
+  EXPECT_EQ(authenticator.generateInitialResponse(),
+            String(R"(Basic realm="my \"realm\"", charset="UTF-8")"));
 }
 
 TEST_F(BasicAuthenticatorTest, AsksForThePassword) {

@@ -25,7 +25,8 @@ bool isLowerHex(std::string_view text) {
 std::optional<std::string> decodeExtended(std::string_view text) {
   constexpr std::string_view kOthers = "!#$&+-.^_`|~";
   const std::size_t first = text.find('\'');
-  if (first == std::string_view::npos || !isSame(text.substr(0, first), "utf-8")) return std::nullopt;
+  if (first == std::string_view::npos || !isSame(text.substr(0, first), "utf-8"))
+    return std::nullopt;
   const std::size_t second = text.find('\'', first + 1);
   if (second == std::string_view::npos) return std::nullopt;
   std::string decoded;
@@ -34,11 +35,12 @@ std::optional<std::string> decodeExtended(std::string_view text) {
     if (letter == '%') {
       unsigned char byte = 0;
       const char* const digits = text.data() + at + 1;
-      if (text.size() - at < 3 || std::from_chars(digits, digits + 2, byte, 16).ptr != digits + 2) return std::nullopt;
+      if (text.size() - at < 3 || std::from_chars(digits, digits + 2, byte, 16).ptr != digits + 2)
+        return std::nullopt;
       decoded += static_cast<char>(byte);
       at += 2;
-    } else if ((letter >= '0' && letter <= '9') || (letter >= 'A' && letter <= 'Z') || (letter >= 'a' && letter <= 'z') ||
-               kOthers.contains(letter)) {
+    } else if ((letter >= '0' && letter <= '9') || (letter >= 'A' && letter <= 'Z') ||
+               (letter >= 'a' && letter <= 'z') || kOthers.contains(letter)) {
       decoded += letter;
     } else {
       return std::nullopt;
@@ -72,7 +74,8 @@ bool takeUser(const AuthParameters& parameters, DigestAnswer& answer) {
   const std::string* const extended = parameters.find("username*");
   if (extended == nullptr) {
     if (!take(parameters, "username", answer.user)) return false;
-    return !answer.isUserHashed || (answer.user.size() == hexLettersOf(answer.algorithm) && isLowerHex(answer.user));
+    return !answer.isUserHashed ||
+           (answer.user.size() == hexLettersOf(answer.algorithm) && isLowerHex(answer.user));
   }
   if (answer.isUserHashed || parameters.find("username") != nullptr) return false;
   auto decoded = decodeExtended(*extended);
@@ -99,7 +102,8 @@ std::optional<DigestAnswer> DigestAnswer::parse(std::string_view text) {
       !take(*parameters, "nc", nonceCount)) {
     return std::nullopt;
   }
-  if (answer.response.size() != hexLettersOf(answer.algorithm) || !isLowerHex(answer.response)) return std::nullopt;
+  if (answer.response.size() != hexLettersOf(answer.algorithm) || !isLowerHex(answer.response))
+    return std::nullopt;
   if (qop != kDigestQop || nonceCount != kDigestNonceCount) return std::nullopt;
   return answer;
 }

@@ -26,8 +26,9 @@ struct DigestAnswer {
   DigestAlgorithm algorithm = DigestAlgorithm::md5;
   std::string response;  // as many letters as the algorithm makes
 
-  // Strict: nothing when a parameter is missing, stands twice or makes no sense; for another algorithm than ours, another
-  // qop than "auth", or another nonce count than 1, since a nonce is used once.
+  // Strict: nothing when a parameter is missing, stands twice or makes no sense; for another
+  // algorithm than ours, another qop than "auth", or another nonce count than 1, since a nonce is
+  // used once.
   static std::optional<DigestAnswer> parse(std::string_view text);
 };
 

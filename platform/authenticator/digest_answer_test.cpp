@@ -14,13 +14,15 @@ using Parameters = std::map<std::string, std::string>;
 
 // A good answer, changed.
 std::optional<DigestAnswer> parsedWith(const std::function<void(Parameters&)>& change) {
-  Parameters parameters{{"username", "\"alice\""}, {"realm", "\"r\""},  {"nonce", "\"n\""},
-                        {"opaque", "\"o\""},       {"uri", "\"/\""},    {"response", "\"" + std::string(64, 'a') + "\""},
-                        {"algorithm", "SHA-256"},  {"cnonce", "\"c\""}, {"qop", "auth"},
-                        {"nc", "00000001"}};
+  Parameters parameters{{"username", "\"alice\""}, {"realm", "\"r\""},
+                        {"nonce", "\"n\""},        {"opaque", "\"o\""},
+                        {"uri", "\"/\""},          {"response", "\"" + std::string(64, 'a') + "\""},
+                        {"algorithm", "SHA-256"},  {"cnonce", "\"c\""},
+                        {"qop", "auth"},           {"nc", "00000001"}};
   change(parameters);
   std::string text;
-  for (const auto& [name, value] : parameters) text += (text.empty() ? "Digest " : ", ") + name + "=" + value;
+  for (const auto& [name, value] : parameters)
+    text += (text.empty() ? "Digest " : ", ") + name + "=" + value;
   return DigestAnswer::parse(text);
 }
 
@@ -56,7 +58,8 @@ TEST(DigestAnswer, MayHaveParametersThatNobodyKnows) {
 }
 
 TEST(DigestAnswer, NothingMayBeMissingOrEmpty) {
-  for (const char* name : {"username", "realm", "nonce", "opaque", "uri", "response", "cnonce", "qop", "nc"}) {
+  for (const char* name :
+       {"username", "realm", "nonce", "opaque", "uri", "response", "cnonce", "qop", "nc"}) {
     EXPECT_FALSE(parsedWith([&](Parameters& parameters) { parameters.erase(name); })) << name;
     EXPECT_FALSE(parsedWith(name, "\"\"")) << name;
   }
@@ -90,7 +93,8 @@ TEST(DigestAnswer, ResponseHasTheSizeOfItsAlgorithmInLowerCase) {
 
 TEST(DigestAnswer, CountsOnlyTheFirstUseOfANonce) {
   EXPECT_TRUE(parsedWith("nc", "\"00000001\""));
-  for (const char* count : {"00000002", "1", "00000000", "000000001"}) EXPECT_FALSE(parsedWith("nc", count)) << count;
+  for (const char* count : {"00000002", "1", "00000000", "000000001"})
+    EXPECT_FALSE(parsedWith("nc", count)) << count;
 }
 
 TEST(DigestAnswer, ProtectsNothingButTheRequest) {
@@ -122,20 +126,23 @@ TEST(DigestAnswer, MayHaveTheUserInTheExtendedForm) {
 }
 
 TEST(DigestAnswer, ExtendedFormsThatMakeNoSenseAreRefused) {
-  for (const char* text : {"UTF-8''", "alice", "UTF-8'alice", "ISO-8859-1''alice", "UTF-8''%", "UTF-8''%4", "UTF-8''%4x",
-                           "UTF-8''%+1", "UTF-8''%-1", "UTF-8''%ff", "\"UTF-8''a b\"", "\"UTF-8''a'b\""}) {
+  for (const char* text : {"UTF-8''", "alice", "UTF-8'alice", "ISO-8859-1''alice", "UTF-8''%",
+                           "UTF-8''%4", "UTF-8''%4x", "UTF-8''%+1", "UTF-8''%-1", "UTF-8''%ff",
+                           "\"UTF-8''a b\"", "\"UTF-8''a'b\""}) {
     EXPECT_EQ(userOf({{"username*", text}}), "none") << text;
   }
 }
 
 TEST(DigestAnswer, HasTheUserInOneFormOnly) {
   EXPECT_EQ(userOf({{"username*", "UTF-8''alice"}, {"username", "alice"}}), "none");
-  EXPECT_EQ(userOf({{"username*", "UTF-8''" + std::string(64, 'a')}, {"userhash", "true"}}), "none");
+  EXPECT_EQ(userOf({{"username*", "UTF-8''" + std::string(64, 'a')}, {"userhash", "true"}}),
+            "none");
 }
 
 TEST(DigestAnswer, SizeIsBounded) {
-  const std::string text = "Digest username=alice, realm=r, nonce=n, opaque=o, response=" + std::string(32, 'a') +
-                           ", cnonce=c, qop=auth, nc=00000001, uri=";
+  const std::string text =
+      "Digest username=alice, realm=r, nonce=n, opaque=o, response=" + std::string(32, 'a') +
+      ", cnonce=c, qop=auth, nc=00000001, uri=";
   const std::string uri(DigestAnswer::kLargestBytes - text.size(), 'u');
   EXPECT_TRUE(DigestAnswer::parse(text + uri));
   EXPECT_FALSE(DigestAnswer::parse(text + uri + "u"));

@@ -29,17 +29,23 @@ DigestAuthenticator::Marks DigestAuthenticator::Marks::random() {
   return {.nonce = randomMark(), .opaque = randomMark()};
 }
 
-DigestAuthenticator::DigestAuthenticator(std::string realm, Marks marks, DigestStore& store, AccountCheck& accounts,
-                                         const RefusalTime& refusalTime)
-    : realm_(std::move(realm)), marks_(std::move(marks)), store_(store), accounts_(accounts), refusalTime_(refusalTime) {}
+DigestAuthenticator::DigestAuthenticator(std::string realm, Marks marks, DigestStore& store,
+                                         AccountCheck& accounts, const RefusalTime& refusalTime)
+    : realm_(std::move(realm)),
+      marks_(std::move(marks)),
+      store_(store),
+      accounts_(accounts),
+      refusalTime_(refusalTime) {}
 
 String DigestAuthenticator::generateInitialResponse() {
   std::string lines;
   for (const DigestAlgorithm algorithm : kDigestAlgorithms) {
     if (!isOffered(algorithm)) continue;
-    lines += fmt::format("{}Digest realm={}, qop={}, algorithm={}, nonce={}, opaque={}, charset=UTF-8, userhash=true",
-                         lines.empty() ? "" : "\n", quotedString(realm_), quotedString(kDigestQop), nameOf(algorithm),
-                         quotedString(marks_.nonce), quotedString(marks_.opaque));
+    lines += fmt::format(
+        "{}Digest realm={}, qop={}, algorithm={}, nonce={}, opaque={}, charset=UTF-8, "
+        "userhash=true",
+        lines.empty() ? "" : "\n", quotedString(realm_), quotedString(kDigestQop),
+        nameOf(algorithm), quotedString(marks_.nonce), quotedString(marks_.opaque));
   }
   return String(lines);
 }
@@ -63,22 +69,26 @@ bool DigestAuthenticator::validateChallenge(const String& answer, String* genera
   userName_ = String(credentials->user);
   if (generateResponse == nullptr) return true;
   const auto ours = proof(*parsed, digest, "");
-  *generateResponse = ours ? String(fmt::format("qop={}, rspauth={}, cnonce={}, nc={}", kDigestQop, quotedString(ours->text()),
-                                                quotedString(parsed->clientNonce), kDigestNonceCount))
-                           : String();
+  *generateResponse =
+      ours ? String(fmt::format("qop={}, rspauth={}, cnonce={}, nc={}", kDigestQop,
+                                quotedString(ours->text()), quotedString(parsed->clientNonce),
+                                kDigestNonceCount))
+           : String();
   return true;
 }
 
 bool DigestAuthenticator::fits(const DigestAnswer& answer) const {
-  return answer.realm == realm_ && answer.opaque == marks_.opaque && areEqual(answer.nonce, marks_.nonce);
+  return answer.realm == realm_ && answer.opaque == marks_.opaque &&
+         areEqual(answer.nonce, marks_.nonce);
 }
 
-std::optional<Secret> DigestAuthenticator::proof(const DigestAnswer& answer, std::string_view credentials,
+std::optional<Secret> DigestAuthenticator::proof(const DigestAnswer& answer,
+                                                 std::string_view credentials,
                                                  std::string_view method) const {
   const auto request = digestOf(answer.algorithm, {method, answer.uri});
   if (!request) return std::nullopt;
-  return digestOf(answer.algorithm,
-                  {credentials, marks_.nonce, kDigestNonceCount, answer.clientNonce, kDigestQop, request->text()});
+  return digestOf(answer.algorithm, {credentials, marks_.nonce, kDigestNonceCount,
+                                     answer.clientNonce, kDigestQop, request->text()});
 }
 
 }  // namespace keel

@@ -11,9 +11,10 @@
 
 namespace keel {
 
-// HTTP Digest (RFC 7616) with SHA-256 or MD5, qop "auth", and a nonce that only this authenticator takes, once. The challenge
-// has a line for each algorithm. Users may hide their names (userhash). An answer that does not fit the challenge is refused at
-// once; all others, whether the user is unknown, the answer wrong or the account locked, at the same time.
+// HTTP Digest (RFC 7616) with SHA-256 or MD5, qop "auth", and a nonce that only this authenticator
+// takes, once. The challenge has a line for each algorithm. Users may hide their names (userhash).
+// An answer that does not fit the challenge is refused at once; all others, whether the user is
+// unknown, the answer wrong or the account locked, at the same time.
 class DigestAuthenticator final : public QZAuthenticator {
  public:
   // What makes a challenge different from every other.
@@ -34,8 +35,10 @@ class DigestAuthenticator final : public QZAuthenticator {
 
  private:
   bool fits(const DigestAnswer& answer) const;
-  // The digest that proves who knows the credentials' digest: of METHOD:URI on the way here, of :URI on the way back.
-  std::optional<Secret> proof(const DigestAnswer& answer, std::string_view credentials, std::string_view method) const;
+  // The digest that proves who knows the credentials' digest: of METHOD:URI on the way here, of
+  // :URI on the way back.
+  std::optional<Secret> proof(const DigestAnswer& answer, std::string_view credentials,
+                              std::string_view method) const;
 
   const std::string realm_;
   const Marks marks_;

@@ -27,7 +27,8 @@ std::string digest(DigestAlgorithm algorithm, std::initializer_list<std::string_
   return std::string(digestOf(algorithm, parts)->text());
 }
 
-// The client's side, by the letter of RFC 7616, section 3.4. Every member may be changed before the answer is made.
+// The client's side, by the letter of RFC 7616, section 3.4. Every member may be changed before the
+// answer is made.
 struct Client {
   DigestAlgorithm algorithm = DigestAlgorithm::sha256;
   std::string user = "Mufasa";
@@ -42,14 +43,16 @@ struct Client {
   std::string shownUser{};  // as a parameter; empty: the plain name
 
   std::string response(const std::string& ofMethod) const {
-    return digest(algorithm, {digest(algorithm, {user, realm, password}), nonce, nonceCount, clientNonce, "auth",
-                              digest(algorithm, {ofMethod, uri})});
+    return digest(algorithm, {digest(algorithm, {user, realm, password}), nonce, nonceCount,
+                              clientNonce, "auth", digest(algorithm, {ofMethod, uri})});
   }
   String answer() const {
-    return String("Digest " + (shownUser.empty() ? "username=" + quotedString(user) : shownUser) + ", realm=" +
-                  quotedString(realm) + ", uri=" + quotedString(uri) + ", algorithm=" + std::string(nameOf(algorithm)) +
-                  ", nonce=" + quotedString(nonce) + ", nc=" + nonceCount + ", cnonce=" + quotedString(clientNonce) +
-                  ", qop=auth, response=" + quotedString(response(method)) + ", opaque=" + quotedString(opaque));
+    return String("Digest " + (shownUser.empty() ? "username=" + quotedString(user) : shownUser) +
+                  ", realm=" + quotedString(realm) + ", uri=" + quotedString(uri) + ", algorithm=" +
+                  std::string(nameOf(algorithm)) + ", nonce=" + quotedString(nonce) +
+                  ", nc=" + nonceCount + ", cnonce=" + quotedString(clientNonce) +
+                  ", qop=auth, response=" + quotedString(response(method)) +
+                  ", opaque=" + quotedString(opaque));
   }
 };
 
@@ -63,7 +66,8 @@ class DigestAuthenticatorTest : public ::testing::Test {
   }
   ~DigestAuthenticatorTest() override { std::filesystem::remove_all(directory); }
 
-  static std::string lines(const std::string& user, const std::string& realm, const std::string& password) {
+  static std::string lines(const std::string& user, const std::string& realm,
+                           const std::string& password) {
     std::string text;
     for (const DigestAlgorithm algorithm : kDigestAlgorithms) {
       text += user + ":" + realm + ":" + digest(algorithm, {user, realm, password}) + "\n";
@@ -75,7 +79,8 @@ class DigestAuthenticatorTest : public ::testing::Test {
     ::chmod(path.c_str(), mode);
   }
   DigestAuthenticator authenticator() {
-    DigestAuthenticator made("http-auth@example.org", {.nonce = Client().nonce, .opaque = Client().opaque}, *store, accounts,
+    DigestAuthenticator made("http-auth@example.org",
+                             {.nonce = Client().nonce, .opaque = Client().opaque}, *store, accounts,
                              refusalTime);
     made.setMethod("GET");
     return made;
@@ -84,24 +89,28 @@ class DigestAuthenticatorTest : public ::testing::Test {
   bool takes(const String& answer) { return authenticator().validateChallenge(answer, &response); }
   bool takes(const Client& client) { return takes(client.answer()); }
 
-  std::string directory = (std::filesystem::temp_directory_path() / "digest_authenticator.XXXXXX").string();
+  std::string directory =
+      (std::filesystem::temp_directory_path() / "digest_authenticator.XXXXXX").string();
   std::string path;
   std::optional<DigestStore> store;
   RecordingAccounts accounts;
   const RefusalTime::Clock::time_point begin{12345s};
   int refusalCount = 0;
-  const RefusalTime refusalTime{500ms, [this] { return begin; }, [this](RefusalTime::Clock::time_point) { ++refusalCount; }};
+  const RefusalTime refusalTime{500ms, [this] { return begin; },
+                                [this](RefusalTime::Clock::time_point) { ++refusalCount; }};
   String response;
 };
 
 TEST_F(DigestAuthenticatorTest, ChallengesAsInTheExampleOfTheRfc) {
-  EXPECT_EQ(authenticator().generateInitialResponse(),
-            String("Digest realm=\"http-auth@example.org\", qop=\"auth\", algorithm=SHA-256, "
-                   "nonce=\"7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v\", "
-                   "opaque=\"FQhe/qaU925kfnzjCev0ciny7QMkPqMAFRtzCUYo5tdS\", charset=UTF-8, userhash=true\n"
-                   "Digest realm=\"http-auth@example.org\", qop=\"auth\", algorithm=MD5, "
-                   "nonce=\"7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v\", "
-                   "opaque=\"FQhe/qaU925kfnzjCev0ciny7QMkPqMAFRtzCUYo5tdS\", charset=UTF-8, userhash=true"));
+  EXPECT_EQ(
+      authenticator().generateInitialResponse(),
+      String(
+          "Digest realm=\"http-auth@example.org\", qop=\"auth\", algorithm=SHA-256, "
+          "nonce=\"7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v\", "
+          "opaque=\"FQhe/qaU925kfnzjCev0ciny7QMkPqMAFRtzCUYo5tdS\", charset=UTF-8, userhash=true\n"
+          "Digest realm=\"http-auth@example.org\", qop=\"auth\", algorithm=MD5, "
+          "nonce=\"7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v\", "
+          "opaque=\"FQhe/qaU925kfnzjCev0ciny7QMkPqMAFRtzCUYo5tdS\", charset=UTF-8, userhash=true"));
 }
 
 // RFC 7616, section 3.9.1.
@@ -111,11 +120,16 @@ TEST_F(DigestAuthenticatorTest, TakesTheAnswersOfTheRfc) {
       "nonce=\"7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v\", nc=00000001, "
       "cnonce=\"f2/wE4q74E6zIJEtWaHKaf5wv/H5QzzpXusqGemxURZJ\", qop=auth, "
       "opaque=\"FQhe/qaU925kfnzjCev0ciny7QMkPqMAFRtzCUYo5tdS\", ";
-  EXPECT_TRUE(takes(String(common + "algorithm=MD5, response=\"8ca523f5e9506fed4657c9700eebdbec\"")));
+  EXPECT_TRUE(
+      takes(String(common + "algorithm=MD5, response=\"8ca523f5e9506fed4657c9700eebdbec\"")));
   EXPECT_TRUE(takes(
-      String(common + "algorithm=SHA-256, response=\"753927fa0e85d155564e2e272a28d1802ca10daf4496794697cf8db5856cb6c1\"")));
+      String(common +
+             "algorithm=SHA-256, "
+             "response=\"753927fa0e85d155564e2e272a28d1802ca10daf4496794697cf8db5856cb6c1\"")));
   EXPECT_FALSE(takes(
-      String(common + "algorithm=SHA-256, response=\"753927fa0e85d155564e2e272a28d1802ca10daf4496794697cf8db5856cb6c2\"")));
+      String(common +
+             "algorithm=SHA-256, "
+             "response=\"753927fa0e85d155564e2e272a28d1802ca10daf4496794697cf8db5856cb6c2\"")));
 }
 
 TEST_F(DigestAuthenticatorTest, NamesTheUserAfterwards) {
@@ -129,8 +143,9 @@ TEST_F(DigestAuthenticatorTest, ProvesItselfInItsResponse) {
   for (const DigestAlgorithm algorithm : kDigestAlgorithms) {
     const Client client{.algorithm = algorithm};
     ASSERT_TRUE(takes(client));
-    EXPECT_EQ(response, String("qop=auth, rspauth=\"" + client.response("") +
-                               "\", cnonce=\"f2/wE4q74E6zIJEtWaHKaf5wv/H5QzzpXusqGemxURZJ\", nc=00000001"));
+    EXPECT_EQ(response,
+              String("qop=auth, rspauth=\"" + client.response("") +
+                     "\", cnonce=\"f2/wE4q74E6zIJEtWaHKaf5wv/H5QzzpXusqGemxURZJ\", nc=00000001"));
   }
 }
 
@@ -164,8 +179,9 @@ TEST_F(DigestAuthenticatorTest, WrongPasswordsAndUnknownUsersAreRefusedAtTheSame
 TEST_F(DigestAuthenticatorTest, NobodyHasTheDigestOfZeros) {
   const Client client{.user = "Scar"};
   const std::string zeros(64, '0');
-  const std::string guessed = digest(client.algorithm, {zeros, client.nonce, "00000001", client.clientNonce, "auth",
-                                                        digest(client.algorithm, {"GET", client.uri})});
+  const std::string guessed =
+      digest(client.algorithm, {zeros, client.nonce, "00000001", client.clientNonce, "auth",
+                                digest(client.algorithm, {"GET", client.uri})});
   std::string text(client.answer().view());
   text.replace(text.find(client.response("GET")), guessed.size(), guessed);
   EXPECT_FALSE(takes(String(text)));
@@ -184,13 +200,15 @@ TEST_F(DigestAuthenticatorTest, AnswersToOtherChallengesAreRefusedAtOnce) {
 }
 
 TEST_F(DigestAuthenticatorTest, OnlyCredentialsOfItsRealmCount) {
-  write("Mufasa:other:" + digest(DigestAlgorithm::sha256, {"Mufasa", "http-auth@example.org", "Circle of Life"}) + "\n");
+  write("Mufasa:other:" +
+        digest(DigestAlgorithm::sha256, {"Mufasa", "http-auth@example.org", "Circle of Life"}) +
+        "\n");
   EXPECT_FALSE(takes(Client()));
 }
 
 TEST_F(DigestAuthenticatorTest, OnlyCredentialsOfItsAlgorithmCount) {
-  write("Mufasa:http-auth@example.org:" + digest(DigestAlgorithm::md5, {"Mufasa", "http-auth@example.org", "Circle of Life"}) +
-        "\n");
+  write("Mufasa:http-auth@example.org:" +
+        digest(DigestAlgorithm::md5, {"Mufasa", "http-auth@example.org", "Circle of Life"}) + "\n");
   EXPECT_FALSE(takes(Client()));
   EXPECT_TRUE(takes(Client{.algorithm = DigestAlgorithm::md5}));
 }
@@ -219,10 +237,12 @@ TEST_F(DigestAuthenticatorTest, TakesNoAnswerAfterAWrongOne) {
 // The hash and the name are those of RFC 7616, section 3.9.2, with another algorithm.
 TEST_F(DigestAuthenticatorTest, UsersMayHideTheirNames) {
   const std::string name = "J\xc3\xa4s\xc3\xb8n Doe";
-  write(lines("Mufasa", "http-auth@example.org", "x") + lines(name, "http-auth@example.org", "Secret, or not?"));
+  write(lines("Mufasa", "http-auth@example.org", "x") +
+        lines(name, "http-auth@example.org", "Secret, or not?"));
   for (const DigestAlgorithm algorithm : kDigestAlgorithms) {
     Client client{.algorithm = algorithm, .user = name, .password = "Secret, or not?"};
-    client.shownUser = "username=" + quotedString(digest(algorithm, {name, client.realm})) + ", userhash=true";
+    client.shownUser =
+        "username=" + quotedString(digest(algorithm, {name, client.realm})) + ", userhash=true";
     auto one = authenticator();
     EXPECT_TRUE(one.validateChallenge(client.answer(), nullptr));
     EXPECT_EQ(one.userName(), String(name));
@@ -255,7 +275,8 @@ TEST_F(DigestAuthenticatorTest, CredentialsThatOthersMayReadCountForNothingWhich
   EXPECT_FALSE(takes(Client()));
   EXPECT_FALSE(takes(Client()));
   ASSERT_EQ(logged.size(), 1U);
-  EXPECT_THAT(logged[0], ::testing::StartsWith("all answers to digest challenges are refused: " + path + " is as secret as"));
+  EXPECT_THAT(logged[0], ::testing::StartsWith("all answers to digest challenges are refused: " +
+                                               path + " is as secret as"));
   ::chmod(path.c_str(), 0600);
   EXPECT_TRUE(takes(Client()));
   ::chmod(path.c_str(), 0640);
@@ -269,7 +290,9 @@ TEST_F(DigestAuthenticatorTest, ABadLineIsLoggedOnceAndTheOthersCount) {
   write("nonsense\n" + lines("Mufasa", "http-auth@example.org", "Circle of Life"));
   EXPECT_TRUE(takes(Client()));
   EXPECT_TRUE(takes(Client()));
-  EXPECT_THAT(logged, ElementsAre("line 1 of " + path + " is not USER:REALM:DIGEST and counts for nothing; mend or remove it"));
+  EXPECT_THAT(logged,
+              ElementsAre("line 1 of " + path +
+                          " is not USER:REALM:DIGEST and counts for nothing; mend or remove it"));
 }
 
 TEST_F(DigestAuthenticatorTest, WithoutAFileNothingIsLogged) {

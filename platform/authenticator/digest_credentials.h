@@ -11,9 +11,10 @@
 
 namespace keel {
 
-// The text of a file of digest credentials: lines of USER:REALM:DIGEST as htdigest(1) writes them, the digest that of
-// USER:REALM:PASSWORD. It is as good as the password for whoever answers challenges of that realm. A digest of 32 letters is
-// MD5, one of 64 is SHA-256. Empty lines, and lines that begin with "#", are left alone. Immutable.
+// The text of a file of digest credentials: lines of USER:REALM:DIGEST as htdigest(1) writes them,
+// the digest that of USER:REALM:PASSWORD. It is as good as the password for whoever answers
+// challenges of that realm. A digest of 32 letters is MD5, one of 64 is SHA-256. Empty lines, and
+// lines that begin with "#", are left alone. Immutable.
 class DigestCredentials {
  public:
   struct Line {
@@ -30,12 +31,13 @@ class DigestCredentials {
   // The numbers, counted from 1, of those that make no sense and count for nothing.
   const std::vector<std::size_t>& badLines() const { return badLines_; }
 
-  // The text without the lines of that user in that realm, and all others as they are; and the same with lines for these
-  // digests behind them.
+  // The text without the lines of that user in that realm, and all others as they are; and the same
+  // with lines for these digests behind them.
   Secret without(std::string_view user, std::string_view realm) const;
   Secret with(std::string_view user, std::string_view realm, std::span<const Secret> digests) const;
 
-  // Whether these can stand in a line: not empty, and neither ":" nor a control character in them; nor does a user begin with
+  // Whether these can stand in a line: not empty, and neither ":" nor a control character in them;
+  // nor does a user begin with
   // "#".
   static bool canBeUser(std::string_view user);
   static bool canBeRealm(std::string_view realm);

@@ -41,33 +41,36 @@ TEST(DigestCredentials, EmptyLinesAndCommentsAreNotBad) {
 }
 
 TEST(DigestCredentials, LinesThatMakeNoSenseAreNamed) {
-  const auto found = credentials("a:r:" + kMd5 + "\nno colon\na:one colon\n:r:" + kMd5 + "\na::" + kMd5 + "\na:r:" + kMd5 +
-                                 "a\na:r:" + std::string(32, 'A') + "\na:r:" + std::string(32, 'g') + "\na:r:x:" + kMd5 +
-                                 "\na:r:" + kMd5 + "\r\n");
+  const auto found =
+      credentials("a:r:" + kMd5 + "\nno colon\na:one colon\n:r:" + kMd5 + "\na::" + kMd5 +
+                  "\na:r:" + kMd5 + "a\na:r:" + std::string(32, 'A') +
+                  "\na:r:" + std::string(32, 'g') + "\na:r:x:" + kMd5 + "\na:r:" + kMd5 + "\r\n");
   EXPECT_EQ(found.lines().size(), 1U);
   EXPECT_THAT(found.badLines(), ElementsAre(2, 3, 4, 5, 6, 7, 8, 9, 10));
 }
 
 TEST(DigestCredentials, AUserIsAddedBehindAllOthers) {
   const std::array digests{Secret(kSha256), Secret(kMd5)};
-  EXPECT_EQ(credentials("").with("bob", "r", digests).text(), "bob:r:" + kSha256 + "\nbob:r:" + kMd5 + "\n");
+  EXPECT_EQ(credentials("").with("bob", "r", digests).text(),
+            "bob:r:" + kSha256 + "\nbob:r:" + kMd5 + "\n");
   EXPECT_EQ(credentials("# mine\na:r:" + kMd5).with("bob", "r", digests).text(),
             "# mine\na:r:" + kMd5 + "\nbob:r:" + kSha256 + "\nbob:r:" + kMd5 + "\n");
 }
 
 TEST(DigestCredentials, AUserTakesThePlaceOfItsFormerLines) {
   const std::array digests{Secret(std::string(32, 'c'))};
-  const auto before =
-      credentials("bob:r:" + kSha256 + "\n\nbob:other:" + kMd5 + "\nbob:r:" + kMd5 + "\nbobby:r:" + kMd5 + "\n");
+  const auto before = credentials("bob:r:" + kSha256 + "\n\nbob:other:" + kMd5 + "\nbob:r:" + kMd5 +
+                                  "\nbobby:r:" + kMd5 + "\n");
   EXPECT_EQ(before.with("bob", "r", digests).text(),
             "\nbob:other:" + kMd5 + "\nbobby:r:" + kMd5 + "\nbob:r:" + std::string(32, 'c') + "\n");
 }
 
 TEST(DigestCredentials, AUserIsRemovedAndNothingElse) {
-  const auto before = credentials("x\nbob:r:" + kMd5 + "\n#bob:r:" + kMd5 + "\nal:r:" + kMd5 + "\nbob:r:" + kSha256);
+  const auto before = credentials("x\nbob:r:" + kMd5 + "\n#bob:r:" + kMd5 + "\nal:r:" + kMd5 +
+                                  "\nbob:r:" + kSha256);
   EXPECT_EQ(before.without("bob", "r").text(), "x\n#bob:r:" + kMd5 + "\nal:r:" + kMd5 + "\n");
-  EXPECT_EQ(before.without("bob", "q").text(),
-            "x\nbob:r:" + kMd5 + "\n#bob:r:" + kMd5 + "\nal:r:" + kMd5 + "\nbob:r:" + kSha256 + "\n");
+  EXPECT_EQ(before.without("bob", "q").text(), "x\nbob:r:" + kMd5 + "\n#bob:r:" + kMd5 +
+                                                   "\nal:r:" + kMd5 + "\nbob:r:" + kSha256 + "\n");
 }
 
 TEST(DigestCredentials, WhatWouldBreakALineCannotStandInOne) {

@@ -19,8 +19,9 @@ namespace keel {
 namespace {
 
 std::unexpected<Error> failure(int problem, std::string description) {
-  return std::unexpected(Error(NSPOSIXErrorDomain, problem,
-                               Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), std::move(description)}}))));
+  return std::unexpected(Error(
+      NSPOSIXErrorDomain, problem,
+      Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), std::move(description)}}))));
 }
 
 std::unexpected<Error> systemFailure(std::string_view what, const std::string& path) {
@@ -41,25 +42,30 @@ class Place {
     const std::string directory = parts.parent_path();
     FileDescriptor held(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat status{};
-    if (!held || ::fstat(held.get(), &status) != 0) return systemFailure("open the directory", directory);
-    if ((status.st_uid != ::geteuid() && status.st_uid != 0) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-      return failure(
-          EPERM,
-          fmt::format("{} can be written by others, who could put any credentials there; mend its owner and mode", directory));
+    if (!held || ::fstat(held.get(), &status) != 0)
+      return systemFailure("open the directory", directory);
+    if ((status.st_uid != ::geteuid() && status.st_uid != 0) ||
+        (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+      return failure(EPERM, fmt::format("{} can be written by others, who could put any "
+                                        "credentials there; mend its owner and mode",
+                                        directory));
     }
     return Place(path, parts.filename(), std::move(held));
   }
 
-  // Waits until nobody else has it; it is had until what this yields is closed. The lock is a file of its own, which stays: who
-  // can open a file can lock it, and everybody can open the directory.
+  // Waits until nobody else has it; it is had until what this yields is closed. The lock is a file
+  // of its own, which stays: who can open a file can lock it, and everybody can open the directory.
   std::expected<FileDescriptor, Error> lock() const {
     const std::string lockName = "." + name_ + ".lock";
     FileDescriptor file(::openat(directory_.get(), lockName.c_str(),
-                                 O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, S_IRUSR | S_IWUSR));
+                                 O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                                 S_IRUSR | S_IWUSR));
     struct stat status{};
     if (!file || ::fstat(file.get(), &status) != 0) return systemFailure("open the lock of", path_);
     if (!S_ISREG(status.st_mode) || !isOurs(status)) {
-      return failure(EPERM, fmt::format("{} beside {} could be locked by others for ever; remove it", lockName, path_));
+      return failure(
+          EPERM, fmt::format("{} beside {} could be locked by others for ever; remove it", lockName,
+                             path_));
     }
     while (::flock(file.get(), LOCK_EX) != 0) {
       if (errno != EINTR) return systemFailure("lock", path_);
@@ -69,17 +75,18 @@ class Place {
 
   std::expected<Secret, Error> read() const {
     // Neither waits for the other end of a pipe, nor follows a link.
-    const FileDescriptor file(
-        ::openat(directory_.get(), name_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const FileDescriptor file(::openat(directory_.get(), name_.c_str(),
+                                       O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status{};
-    if (!file && errno == ELOOP) return failure(EPERM, path_ + " is a link; put the file itself there");
+    if (!file && errno == ELOOP)
+      return failure(EPERM, path_ + " is a link; put the file itself there");
     if (!file || ::fstat(file.get(), &status) != 0) return systemFailure("open", path_);
     if (!S_ISREG(status.st_mode)) return failure(EPERM, path_ + " is no ordinary file; remove it");
     if (!isOurs(status)) {
-      return failure(
-          EPERM, fmt::format("{} is as secret as the passwords in it: it must belong to uid {} and have mode 0600; mend its "
-                             "owner and mode",
-                             path_, ::geteuid()));
+      return failure(EPERM, fmt::format("{} is as secret as the passwords in it: it must belong to "
+                                        "uid {} and have mode 0600; mend its "
+                                        "owner and mode",
+                                        path_, ::geteuid()));
     }
     if (std::cmp_greater(status.st_size, kDigestFileBytes)) return tooLarge();
     return readAll(file.get(), static_cast<std::size_t>(status.st_size));
@@ -88,10 +95,12 @@ class Place {
   std::expected<void, Error> replace(const Secret& text) const {
     if (text.text().size() > kDigestFileBytes) return tooLarge();
     const std::string newName = "." + name_ + ".new";
-    // One that is there was left by somebody who did not come to the end; whoever has the lock is alone.
+    // One that is there was left by somebody who did not come to the end; whoever has the lock is
+    // alone.
     ::unlinkat(directory_.get(), newName.c_str(), 0);
     auto written = write(newName, text.text());
-    if (written && ::renameat(directory_.get(), newName.c_str(), directory_.get(), name_.c_str()) != 0) {
+    if (written &&
+        ::renameat(directory_.get(), newName.c_str(), directory_.get(), name_.c_str()) != 0) {
       written = systemFailure("replace", path_);
     }
     if (!written) ::unlinkat(directory_.get(), newName.c_str(), 0);
@@ -104,7 +113,8 @@ class Place {
       : path_(std::move(path)), name_(std::move(name)), directory_(std::move(directory)) {}
 
   std::unexpected<Error> tooLarge() const {
-    return failure(EFBIG, fmt::format("{} would have more than {} bytes; remove users from it", path_, kDigestFileBytes));
+    return failure(EFBIG, fmt::format("{} would have more than {} bytes; remove users from it",
+                                      path_, kDigestFileBytes));
   }
 
   std::expected<Secret, Error> readAll(int file, std::size_t sizeBytes) const {
@@ -122,8 +132,9 @@ class Place {
   }
 
   std::expected<void, Error> write(const std::string& name, std::string_view text) const {
-    const FileDescriptor file(
-        ::openat(directory_.get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    const FileDescriptor file(::openat(directory_.get(), name.c_str(),
+                                       O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                       S_IRUSR | S_IWUSR));
     if (!file) return systemFailure("make the successor of", path_);
     while (!text.empty()) {
       const ssize_t count = ::write(file.get(), text.data(), text.size());
@@ -148,9 +159,11 @@ std::expected<Secret, Error> readDigestFile(const std::string& path) {
 }
 
 std::expected<void, Error> changeDigestFile(
-    const std::string& path, const std::function<std::expected<Secret, Error>(const DigestCredentials&)>& change) {
+    const std::string& path,
+    const std::function<std::expected<Secret, Error>(const DigestCredentials&)>& change) {
   const std::string directory = std::filesystem::path(path).parent_path();
-  if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) return systemFailure("make the directory", directory);
+  if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST)
+    return systemFailure("make the directory", directory);
   const auto place = Place::open(path);
   if (!place) return std::unexpected(place.error());
   const auto lock = place->lock();

@@ -50,7 +50,8 @@ class DigestFile : public ::testing::Test {
   }
   std::vector<std::string> namesInDirectory() const {
     std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(directory)) names.push_back(entry.path().filename());
+    for (const auto& entry : fs::directory_iterator(directory))
+      names.push_back(entry.path().filename());
     return names;
   }
   // 0 when it can be read.
@@ -59,9 +60,10 @@ class DigestFile : public ::testing::Test {
     return text ? 0 : text.error().code();
   }
   std::expected<void, Error> add(const std::string& user) const {
-    return changeDigestFile(path, [&](const DigestCredentials& present) -> std::expected<Secret, Error> {
-      return present.with(user, "r", std::array{Secret(std::string(32, 'b'))});
-    });
+    return changeDigestFile(
+        path, [&](const DigestCredentials& present) -> std::expected<Secret, Error> {
+          return present.with(user, "r", std::array{Secret(std::string(32, 'b'))});
+        });
   }
 
   std::string directory = (fs::temp_directory_path() / "digest_file.XXXXXX").string();
@@ -161,8 +163,10 @@ TEST_F(DigestFile, ThatIsUnsafeIsNotChanged) {
 
 TEST_F(DigestFile, IsLeftWhenTheChangeFails) {
   write(kLine);
-  const auto changed = changeDigestFile(
-      path, [](const DigestCredentials&) -> std::expected<Secret, Error> { return std::unexpected(Error("mine", 7)); });
+  const auto changed =
+      changeDigestFile(path, [](const DigestCredentials&) -> std::expected<Secret, Error> {
+        return std::unexpected(Error("mine", 7));
+      });
   ASSERT_FALSE(changed);
   EXPECT_EQ(changed.error().code(), 7);
   EXPECT_EQ(written(), kLine);

@@ -33,14 +33,17 @@ std::size_t hexLettersOf(DigestAlgorithm algorithm) {
   return algorithm == DigestAlgorithm::md5 ? 32 : 64;
 }
 
-std::optional<Secret> digestOf(DigestAlgorithm algorithm, std::initializer_list<std::string_view> parts) {
+std::optional<Secret> digestOf(DigestAlgorithm algorithm,
+                               std::initializer_list<std::string_view> parts) {
   const EVP_MD* const method = fetched(algorithm);
   // Its memory is wiped when it is freed.
   const std::unique_ptr<EVP_MD_CTX, Freeing> context(EVP_MD_CTX_new());
-  if (method == nullptr || !context || EVP_DigestInit_ex2(context.get(), method, nullptr) != 1) return std::nullopt;
+  if (method == nullptr || !context || EVP_DigestInit_ex2(context.get(), method, nullptr) != 1)
+    return std::nullopt;
   std::string_view separator;
   for (const std::string_view part : parts) {
-    if (EVP_DigestUpdate(context.get(), separator.data(), separator.size()) != 1) return std::nullopt;
+    if (EVP_DigestUpdate(context.get(), separator.data(), separator.size()) != 1)
+      return std::nullopt;
     if (EVP_DigestUpdate(context.get(), part.data(), part.size()) != 1) return std::nullopt;
     separator = ":";
   }
@@ -50,7 +53,8 @@ std::optional<Secret> digestOf(DigestAlgorithm algorithm, std::initializer_list<
   KEEL_CHECK(size * 2 == hexLettersOf(algorithm));
   Secret letters(hexLettersOf(algorithm));
   for (std::size_t i = 0; i < letters.bytes().size(); ++i) {
-    letters.bytes()[i] = static_cast<std::byte>("0123456789abcdef"[(digest[i / 2] >> (i % 2 == 0 ? 4 : 0)) & 15]);
+    letters.bytes()[i] =
+        static_cast<std::byte>("0123456789abcdef"[(digest[i / 2] >> (i % 2 == 0 ? 4 : 0)) & 15]);
   }
   OPENSSL_cleanse(digest.data(), digest.size());
   return letters;

@@ -17,7 +17,8 @@ std::string digest(DigestAlgorithm algorithm, std::initializer_list<std::string_
 TEST(DigestHash, TestVectors) {
   EXPECT_EQ(digest(DigestAlgorithm::md5, {""}), "d41d8cd98f00b204e9800998ecf8427e");
   EXPECT_EQ(digest(DigestAlgorithm::md5, {"message digest"}), "f96b697d7cb7938d525a2f31aaf161d0");
-  EXPECT_EQ(digest(DigestAlgorithm::sha256, {"abc"}), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(digest(DigestAlgorithm::sha256, {"abc"}),
+            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 
 TEST(DigestHash, PartsAreJoinedByColons) {

@@ -27,18 +27,23 @@ std::optional<DigestStore::Credentials> DigestStore::find(const DigestAnswer& an
     // Who uses no digests needs no file.
     complaint_.now(text.error().code() == ENOENT
                        ? std::string()
-                       : fmt::format("all answers to digest challenges are refused: {}", text.error().description()));
+                       : fmt::format("all answers to digest challenges are refused: {}",
+                                     text.error().description()));
     return std::nullopt;
   }
   const DigestCredentials credentials(std::move(*text));
   const auto& bad = credentials.badLines();
-  complaint_.now(bad.empty() ? std::string()
-                             : fmt::format("line {} of {} is not USER:REALM:DIGEST and counts for nothing; mend or remove it",
-                                           bad.front(), path_));
+  complaint_.now(
+      bad.empty()
+          ? std::string()
+          : fmt::format(
+                "line {} of {} is not USER:REALM:DIGEST and counts for nothing; mend or remove it",
+                bad.front(), path_));
   std::optional<Credentials> found;
   // To the end, wherever the user stands.
   for (const auto& line : credentials.lines()) {
-    if (isAbout(line, answer)) found = Credentials{.user = std::string(line.user), .digest = Secret(line.digest)};
+    if (isAbout(line, answer))
+      found = Credentials{.user = std::string(line.user), .digest = Secret(line.digest)};
   }
   return found;
 }

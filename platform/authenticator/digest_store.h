@@ -10,9 +10,9 @@
 
 namespace keel {
 
-// Finds the credentials for answers to challenges. Reads the file anew each time and keeps nothing: what is changed counts at
-// once, and no credentials lie in the daemon's memory. A file that cannot be used safely holds nobody, which is logged once.
-// From any thread.
+// Finds the credentials for answers to challenges. Reads the file anew each time and keeps nothing:
+// what is changed counts at once, and no credentials lie in the daemon's memory. A file that cannot
+// be used safely holds nobody, which is logged once. From any thread.
 class DigestStore {
  public:
   struct Credentials {
@@ -22,7 +22,8 @@ class DigestStore {
 
   explicit DigestStore(std::string path) : path_(std::move(path)) {}
 
-  // Those of the user whom the answer names, in the realm it names, for its algorithm; of several the last.
+  // Those of the user whom the answer names, in the realm it names, for its algorithm; of several
+  // the last.
   std::optional<Credentials> find(const DigestAnswer& answer);
 
  private:

@@ -18,8 +18,9 @@
 #include "runtime/foundation/check.h"
 #include "runtime/foundation/file_descriptor.h"
 
-// The daemon has many threads, so nothing may run between fork and exec that could wait for a lock: posix_spawn(3) sees to
-// that. It shares the daemon's memory until the exec, so it does not slow down as the daemon grows, either.
+// The daemon has many threads, so nothing may run between fork and exec that could wait for a lock:
+// posix_spawn(3) sees to that. It shares the daemon's memory until the exec, so it does not slow
+// down as the daemon grows, either.
 
 namespace keel {
 
@@ -50,7 +51,8 @@ class SpawnSettings {
     ::posix_spawnattr_setsigdefault(&attributes_, &signals);
     ::sigemptyset(&signals);
     ::posix_spawnattr_setsigmask(&attributes_, &signals);
-    ::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSID);
+    ::posix_spawnattr_setflags(&attributes_,
+                               POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSID);
   }
   ~SpawnSettings() {
     ::posix_spawn_file_actions_destroy(&actions_);
@@ -65,7 +67,8 @@ class SpawnSettings {
     std::array<char*, 2> arguments{program.data(), nullptr};
     std::array<char*, 1> environment{nullptr};
     pid_t pid = 0;
-    const int problem = ::posix_spawn(&pid, program.c_str(), &actions_, &attributes_, arguments.data(), environment.data());
+    const int problem = ::posix_spawn(&pid, program.c_str(), &actions_, &attributes_,
+                                      arguments.data(), environment.data());
     if (problem != 0) return std::unexpected(problem);
     return pid;
   }
@@ -91,20 +94,24 @@ class Child {
     if (!child.handle_) return std::unexpected(problem);
     return child;
   }
-  Child(Child&& other) noexcept : pid_(std::exchange(other.pid_, 0)), handle_(std::move(other.handle_)) {}
+  Child(Child&& other) noexcept
+      : pid_(std::exchange(other.pid_, 0)), handle_(std::move(other.handle_)) {}
   Child& operator=(Child&&) = delete;
   ~Child() { end(); }
 
   // Readable when it has ended.
   int handle() const { return handle_.get(); }
 
-  // Kills it, if need be, with its group, and reaps it. The signal that it had died of before; 0 when there was none.
+  // Kills it, if need be, with its group, and reaps it. The signal that it had died of before; 0
+  // when there was none.
   int end() {
     if (pid_ == 0) return 0;
     const pid_t pid = std::exchange(pid_, 0);
     siginfo_t status{};
-    // Nobody else reaps it, unless this process was started with SIGCHLD ignored; then its id may be another's by now.
-    if (::waitid(P_PID, static_cast<id_t>(pid), &status, WEXITED | WNOHANG | WNOWAIT) != 0) return 0;
+    // Nobody else reaps it, unless this process was started with SIGCHLD ignored; then its id may
+    // be another's by now.
+    if (::waitid(P_PID, static_cast<id_t>(pid), &status, WEXITED | WNOHANG | WNOWAIT) != 0)
+      return 0;
     const bool diedBefore = status.si_pid == pid && status.si_code != CLD_EXITED;
     // Its id is its own, and its group's, until it has been reaped.
     ::kill(-pid, SIGKILL);
@@ -123,7 +130,8 @@ class Child {
 bool awaitNews(std::array<pollfd, 2>& watched, Clock::time_point deadline) {
   for (;;) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    const int count = ::poll(watched.data(), watched.size(), static_cast<int>(std::clamp<long>(left, 0, 1 << 30)));
+    const int count = ::poll(watched.data(), watched.size(),
+                             static_cast<int>(std::clamp<long>(left, 0, 1 << 30)));
     if (count > 0) return true;
     if (count == 0 && left <= 0) return false;
     KEEL_CHECK(count == 0 || errno == EINTR);
@@ -149,10 +157,12 @@ HelperAnswer awaitAnswer(int socket, Child& child, Clock::time_point deadline) {
 
 }  // namespace
 
-HelperAnswer askHelper(const std::string& program, std::span<const std::byte> question, std::chrono::milliseconds deadline) {
+HelperAnswer askHelper(const std::string& program, std::span<const std::byte> question,
+                       std::chrono::milliseconds deadline) {
   const Clock::time_point end = Clock::now() + deadline;
   std::array<int, 2> pair{};
-  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()) != 0) return notStarted(errno);
+  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()) != 0)
+    return notStarted(errno);
   const FileDescriptor ours(pair[0]);
   FileDescriptor its(pair[1]);
   // It fits into the socket's buffer, and so does not wait for the helper.

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// keel-pam: asks PAM service "keeld" one question for the daemon and ends. A process of its own for each question, because a
-// module may do anything: hang, crash, leak, change the process. The daemon kills it at a deadline.
+// keel-pam: asks PAM service "keeld" one question for the daemon and ends. A process of its own for
+// each question, because a module may do anything: hang, crash, leak, change the process. The
+// daemon kills it at a deadline.
 //
-// It finds a socket as descriptor 3, reads one packet (pam_question.h) from it and answers with one byte.
+// It finds a socket as descriptor 3, reads one packet (pam_question.h) from it and answers with one
+// byte.
 
 #include <pwd.h>
 #include <security/pam_appl.h>
@@ -32,7 +34,8 @@ using keel::PamVerdict;
 
 constexpr int kSocket = 3;
 constexpr const char* kService = "keeld";
-// Given to PAM, so that a service without a file there fails; PAM would fall back to the service "other".
+// Given to PAM, so that a service without a file there fails; PAM would fall back to the service
+// "other".
 constexpr const char* kServiceDirectory = "/etc/pam.d";
 constexpr const char* kServiceFile = "/etc/pam.d/keeld";
 
@@ -40,26 +43,30 @@ constexpr const char* kServiceFile = "/etc/pam.d/keeld";
 bool protectOurselves() {
   const rlimit none{.rlim_cur = 0, .rlim_max = 0};
   ::umask(077);
-  return ::setrlimit(RLIMIT_CORE, &none) == 0 && ::prctl(PR_SET_DUMPABLE, 0) == 0 && ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 &&
-         ::chdir("/") == 0;
+  return ::setrlimit(RLIMIT_CORE, &none) == 0 && ::prctl(PR_SET_DUMPABLE, 0) == 0 &&
+         ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && ::chdir("/") == 0;
 }
 
-// Whether whoever made the socket, which is the daemon, is still our parent: it may have ended before we were to end with it.
+// Whether whoever made the socket, which is the daemon, is still our parent: it may have ended
+// before we were to end with it.
 bool isDaemonAlive() {
   ucred maker{};
   socklen_t size = sizeof(maker);
-  return ::getsockopt(kSocket, SOL_SOCKET, SO_PEERCRED, &maker, &size) == 0 && maker.pid == ::getppid();
+  return ::getsockopt(kSocket, SOL_SOCKET, SO_PEERCRED, &maker, &size) == 0 &&
+         maker.pid == ::getppid();
 }
 
-// Whether the service has rules for both questions. For one that has none PAM would take those of the service "other".
+// Whether the service has rules for both questions. For one that has none PAM would take those of
+// the service "other".
 bool isServiceComplete() {
   const keel::PamRules rules(kServiceDirectory);
   return rules.has(kService, "auth") && rules.has(kService, "account");
 }
 
-// The account's password for each prompt that hides what is typed. A module that asks for anything else cannot be answered
-// here.
-int answerPrompts(int count, const pam_message** messages, pam_response** responses, void* password) {
+// The account's password for each prompt that hides what is typed. A module that asks for anything
+// else cannot be answered here.
+int answerPrompts(int count, const pam_message** messages, pam_response** responses,
+                  void* password) {
   if (count <= 0 || count > PAM_MAX_NUM_MSG) return PAM_CONV_ERR;
   const std::span<const pam_message*> asked(messages, static_cast<std::size_t>(count));
   for (const pam_message* message : asked) {
@@ -69,19 +76,23 @@ int answerPrompts(int count, const pam_message** messages, pam_response** respon
   auto* const answers = static_cast<pam_response*>(std::calloc(asked.size(), sizeof(pam_response)));
   if (answers == nullptr) return PAM_BUF_ERR;
   for (std::size_t i = 0; i < asked.size(); ++i) {
-    if (asked[i]->msg_style == PAM_PROMPT_ECHO_OFF) answers[i].resp = ::strdup(static_cast<const char*>(password));
+    if (asked[i]->msg_style == PAM_PROMPT_ECHO_OFF)
+      answers[i].resp = ::strdup(static_cast<const char*>(password));
   }
   *responses = answers;
   return PAM_SUCCESS;
 }
 
-// PAM would sleep here after a failure. The daemon sees to it that every refusal takes the same time.
+// PAM would sleep here after a failure. The daemon sees to it that every refusal takes the same
+// time.
 void doNotDelay(int, unsigned, void*) {}
 
-// The name under which the account itself goes, for any name that leads to it; nothing when none does.
+// The name under which the account itself goes, for any name that leads to it; nothing when none
+// does.
 std::optional<std::string> accountName(const std::string& name) {
   const passwd* const entry = ::getpwnam(name.c_str());
-  return entry != nullptr && entry->pw_name != nullptr ? std::optional<std::string>(entry->pw_name) : std::nullopt;
+  return entry != nullptr && entry->pw_name != nullptr ? std::optional<std::string>(entry->pw_name)
+                                                       : std::nullopt;
 }
 
 bool hasLockedPassword(const std::string& name) {
@@ -89,15 +100,15 @@ bool hasLockedPassword(const std::string& name) {
   return entry != nullptr && entry->sp_pwdp != nullptr && entry->sp_pwdp[0] == '!';
 }
 
-// A "!" in front of the encrypted password locks an account. PAM's account management does not look there, because whoever
-// proved a password cannot have been locked out of it. The entry stands under the account's own name, to which an alias need
-// not lead here.
+// A "!" in front of the encrypted password locks an account. PAM's account management does not look
+// there, because whoever proved a password cannot have been locked out of it. The entry stands
+// under the account's own name, to which an alias need not lead here.
 bool isLocked(const std::string& user) {
   return hasLockedPassword(user) || hasLockedPassword(accountName(user).value_or(user));
 }
 
-// A module may have put another account in the place of the one that was asked about; but it may also have put the account's
-// own name in the place of an alias.
+// A module may have put another account in the place of the one that was asked about; but it may
+// also have put the account's own name in the place of an alias.
 bool isStillAbout(pam_handle_t* pam, const std::string& user) {
   const void* item = nullptr;
   if (::pam_get_item(pam, PAM_USER, &item) != PAM_SUCCESS || item == nullptr) return false;
@@ -111,7 +122,8 @@ PamVerdict ask(pam_handle_t* pam, const PamQuestion& question) {
   constexpr int kFlags = PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK;
   using Delay = void (*)(int, unsigned, void*);
   const Delay delay = doNotDelay;
-  if (::pam_set_item(pam, PAM_FAIL_DELAY, reinterpret_cast<const void*>(delay)) != PAM_SUCCESS) return PamVerdict::failed;
+  if (::pam_set_item(pam, PAM_FAIL_DELAY, reinterpret_cast<const void*>(delay)) != PAM_SUCCESS)
+    return PamVerdict::failed;
   if (question.task == PamQuestion::Task::password) {
     if (::pam_authenticate(pam, kFlags) != PAM_SUCCESS) {
       keel::RefusalWork().make(std::string(question.user), question.password.data());
@@ -121,17 +133,19 @@ PamVerdict ask(pam_handle_t* pam, const PamQuestion& question) {
     return PamVerdict::refused;
   }
   // An expired account, and one whose password must be changed first, end here.
-  if (::pam_acct_mgmt(pam, kFlags) != PAM_SUCCESS || !isStillAbout(pam, std::string(question.user))) return PamVerdict::refused;
+  if (::pam_acct_mgmt(pam, kFlags) != PAM_SUCCESS || !isStillAbout(pam, std::string(question.user)))
+    return PamVerdict::refused;
   return PamVerdict::accepted;
 }
 
 PamVerdict answer(const PamQuestion& question) {
   if (::access(kServiceFile, F_OK) != 0) return PamVerdict::withoutService;
   if (!isServiceComplete()) return PamVerdict::failed;
-  const pam_conv conversation{.conv = answerPrompts, .appdata_ptr = const_cast<char*>(question.password.data())};
+  const pam_conv conversation{.conv = answerPrompts,
+                              .appdata_ptr = const_cast<char*>(question.password.data())};
   pam_handle_t* pam = nullptr;
-  if (::pam_start_confdir(kService, std::string(question.user).c_str(), &conversation, kServiceDirectory, &pam) !=
-      PAM_SUCCESS) {
+  if (::pam_start_confdir(kService, std::string(question.user).c_str(), &conversation,
+                          kServiceDirectory, &pam) != PAM_SUCCESS) {
     return PamVerdict::failed;
   }
   const PamVerdict verdict = ask(pam, question);

@@ -13,22 +13,26 @@ namespace keel {
 
 namespace {
 
-// What is wrong when the helper's answer is none, for the log. It names no user: people mistake that field for the other one.
+// What is wrong when the helper's answer is none, for the log. It names no user: people mistake
+// that field for the other one.
 std::string complaintAbout(const HelperAnswer& answer, const PamAccountCheck::Settings& settings) {
   switch (answer.outcome) {
     case HelperAnswer::Outcome::notStarted:
-      return fmt::format("cannot run {}: {}; all passwords are refused until that is mended", settings.helper,
-                         std::strerror(answer.detail));
+      return fmt::format("cannot run {}: {}; all passwords are refused until that is mended",
+                         settings.helper, std::strerror(answer.detail));
     case HelperAnswer::Outcome::silent:
       return fmt::format(
-          "keel-pam did not answer within {} ms and was ended; look for a module of the PAM service keeld that hangs",
+          "keel-pam did not answer within {} ms and was ended; look for a module of the PAM "
+          "service keeld that hangs",
           settings.deadline.count());
     case HelperAnswer::Outcome::ended:
       return answer.detail != 0 ? fmt::format(
-                                      "keel-pam was ended by signal {}; look for a module of the PAM service keeld that "
+                                      "keel-pam was ended by signal {}; look for a module of the "
+                                      "PAM service keeld that "
                                       "crashes",
                                       answer.detail)
-                                : "keel-pam ended without an answer; look for a module of the PAM service keeld that ends it";
+                                : "keel-pam ended without an answer; look for a module of the PAM "
+                                  "service keeld that ends it";
     case HelperAnswer::Outcome::answered:
       break;
   }
@@ -37,12 +41,15 @@ std::string complaintAbout(const HelperAnswer& answer, const PamAccountCheck::Se
     case PamVerdict::refused:
       return {};
     case PamVerdict::withoutService:
-      return "there is no PAM service keeld; install the file /etc/pam.d/keeld, until then all passwords are refused";
+      return "there is no PAM service keeld; install the file /etc/pam.d/keeld, until then all "
+             "passwords are refused";
     case PamVerdict::failed:
-      return "PAM cannot be asked; mend /etc/pam.d/keeld, which needs rules for auth and account, until then all passwords are "
+      return "PAM cannot be asked; mend /etc/pam.d/keeld, which needs rules for auth and account, "
+             "until then all passwords are "
              "refused";
   }
-  return "keel-pam gave an answer that makes no sense; install it anew, of the same version as keeld";
+  return "keel-pam gave an answer that makes no sense; install it anew, of the same version as "
+         "keeld";
 }
 
 }  // namespace
@@ -51,14 +58,16 @@ PamAccountCheck::PamAccountCheck(Settings settings, const RefusalTime& refusalTi
     : settings_(std::move(settings)), refusalTime_(refusalTime), line_(settings_.atOnce) {}
 
 bool PamAccountCheck::isPassword(std::string_view user, std::string_view password) {
-  return ask({.task = PamQuestion::Task::password, .user = user, .password = password}, std::nullopt);
+  return ask({.task = PamQuestion::Task::password, .user = user, .password = password},
+             std::nullopt);
 }
 
 bool PamAccountCheck::mayBeUsed(std::string_view user, Clock::time_point attemptStart) {
   return ask({.task = PamQuestion::Task::account, .user = user, .password = {}}, attemptStart);
 }
 
-bool PamAccountCheck::ask(const PamQuestion& question, std::optional<Clock::time_point> attemptStart) {
+bool PamAccountCheck::ask(const PamQuestion& question,
+                          std::optional<Clock::time_point> attemptStart) {
   auto packet = encodePamQuestion(question);
   // The client can tell by itself that no account has such a name or password.
   if (!packet) return false;
@@ -67,7 +76,8 @@ bool PamAccountCheck::ask(const PamQuestion& question, std::optional<Clock::time
   const HelperAnswer answer = askHelper(settings_.helper, packet->bytes(), settings_.deadline);
   packet->shrink(0);
   complaint_.now(complaintAbout(answer, settings_));
-  if (answer.outcome == HelperAnswer::Outcome::answered && answer.answer == static_cast<std::byte>(PamVerdict::accepted)) {
+  if (answer.outcome == HelperAnswer::Outcome::answered &&
+      answer.answer == static_cast<std::byte>(PamVerdict::accepted)) {
     return true;
   }
   refusalTime_.await(start);

@@ -14,18 +14,21 @@
 
 namespace keel {
 
-// Asks PAM service "keeld", through the program keel-pam, a process for each attempt. Whatever goes wrong on the way is a
-// refusal, and an error in the log: once, until something else happens. From any thread.
+// Asks PAM service "keeld", through the program keel-pam, a process for each attempt. Whatever goes
+// wrong on the way is a refusal, and an error in the log: once, until something else happens. From
+// any thread.
 //
-// All refusals look alike, in time too: a user whom nobody knows is refused faster than a password is hashed. An attempt
-// therefore keeps its place in the line until its refusal is told, so that how fast the line moves says nothing either.
+// All refusals look alike, in time too: a user whom nobody knows is refused faster than a password
+// is hashed. An attempt therefore keeps its place in the line until its refusal is told, so that
+// how fast the line moves says nothing either.
 class PamAccountCheck final : public AccountCheck {
  public:
   struct Settings {
     std::string helper;  // the path of keel-pam
     // When keel-pam is killed. Modules may ask other machines; clients wait for about as long.
     std::chrono::milliseconds deadline{std::chrono::seconds(8)};
-    // keel-pam processes at once: hashing a password may take 16 MiB and a processor each. More wait in line.
+    // keel-pam processes at once: hashing a password may take 16 MiB and a processor each. More
+    // wait in line.
     std::size_t atOnce = 16;
   };
 

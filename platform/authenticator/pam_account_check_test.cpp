@@ -32,7 +32,8 @@ TEST_F(PamAccountCheckTest, WithoutTheHelperEverythingIsRefusedAndThatIsLoggedOn
   EXPECT_EQ(refusalCount, 2);
   ASSERT_EQ(logged.size(), 1U);
   EXPECT_EQ(logged[0],
-            "cannot run /nonexistent/keel-pam: No such file or directory; all passwords are refused until that is mended");
+            "cannot run /nonexistent/keel-pam: No such file or directory; all passwords are "
+            "refused until that is mended");
 }
 
 TEST_F(PamAccountCheckTest, AHelperWithoutAnAnswerIsARefusal) {
@@ -40,7 +41,9 @@ TEST_F(PamAccountCheckTest, AHelperWithoutAnAnswerIsARefusal) {
   EXPECT_FALSE(check.isPassword("alice", "secret"));
   EXPECT_EQ(refusalCount, 1);
   ASSERT_EQ(logged.size(), 1U);
-  EXPECT_EQ(logged[0], "keel-pam ended without an answer; look for a module of the PAM service keeld that ends it");
+  EXPECT_EQ(
+      logged[0],
+      "keel-pam ended without an answer; look for a module of the PAM service keeld that ends it");
 }
 
 TEST_F(PamAccountCheckTest, AnAnswerThatMakesNoSenseIsARefusal) {

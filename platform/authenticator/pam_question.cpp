@@ -15,12 +15,13 @@ bool isForeignToNames(char letter) {
 }
 
 bool canBeAsked(const PamQuestion& question) {
-  if (question.user.empty() || question.user.size() > kUserNameBytes || std::ranges::any_of(question.user, isForeignToNames)) {
+  if (question.user.empty() || question.user.size() > kUserNameBytes ||
+      std::ranges::any_of(question.user, isForeignToNames)) {
     return false;
   }
   if (question.task == PamQuestion::Task::account) return question.password.empty();
-  return question.task == PamQuestion::Task::password && question.password.size() <= kPasswordBytes &&
-         !question.password.contains('\0');
+  return question.task == PamQuestion::Task::password &&
+         question.password.size() <= kPasswordBytes && !question.password.contains('\0');
 }
 
 }  // namespace

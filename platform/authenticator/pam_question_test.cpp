@@ -19,7 +19,8 @@ bool canBeAsked(Task task, std::string_view user, std::string_view password) {
 }
 
 TEST(PamQuestion, ComesBackAsItWas) {
-  auto packet = encodePamQuestion({.task = Task::password, .user = "alice", .password = "open sesame"});
+  auto packet =
+      encodePamQuestion({.task = Task::password, .user = "alice", .password = "open sesame"});
   ASSERT_TRUE(packet);
   EXPECT_EQ(packet->text(), std::string_view("palice\0open sesame\0", 19));
   const auto question = decodePamQuestion(packet->bytes());
@@ -47,7 +48,8 @@ TEST(PamQuestion, ThePasswordMayBeEmptyAndTheUserNot) {
 }
 
 TEST(PamQuestion, SizesAreBounded) {
-  EXPECT_TRUE(canBeAsked(Task::password, std::string(kUserNameBytes, 'u'), std::string(kPasswordBytes, 'p')));
+  EXPECT_TRUE(canBeAsked(Task::password, std::string(kUserNameBytes, 'u'),
+                         std::string(kPasswordBytes, 'p')));
   EXPECT_FALSE(canBeAsked(Task::password, std::string(kUserNameBytes + 1, 'u'), "x"));
   EXPECT_FALSE(canBeAsked(Task::password, "a", std::string(kPasswordBytes + 1, 'p')));
 }
@@ -71,12 +73,13 @@ TEST(PamQuestion, NamesThatModulesCouldTripOverAreRefused) {
 TEST(PamQuestion, OtherPacketsAreRefused) {
   EXPECT_TRUE(decoded({"pa\0x\0", 5}));
   for (const std::string_view packet : {
-           std::string_view(), std::string_view("p\0\0", 3), std::string_view("p\0x\0", 4),  // no user
-           std::string_view("pa\0x", 4),                                                     // not ended
-           std::string_view("paaa\0", 5),                                                    // no password
-           std::string_view("pa\0x\0y\0", 7),                                                // one text too many
-           std::string_view("aa\0x\0", 5),                                                   // a password that is not asked for
-           std::string_view("xa\0x\0", 5),                                                   // unknown task
+           std::string_view(), std::string_view("p\0\0", 3),
+           std::string_view("p\0x\0", 4),      // no user
+           std::string_view("pa\0x", 4),       // not ended
+           std::string_view("paaa\0", 5),      // no password
+           std::string_view("pa\0x\0y\0", 7),  // one text too many
+           std::string_view("aa\0x\0", 5),     // a password that is not asked for
+           std::string_view("xa\0x\0", 5),     // unknown task
        }) {
     EXPECT_FALSE(decoded(packet)) << packet;
   }

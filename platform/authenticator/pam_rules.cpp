@@ -53,8 +53,10 @@ bool PamRules::has(const std::string& service, std::string_view type) const {
   return has(service, type, 1, filesLeft);
 }
 
-bool PamRules::has(const std::string& service, std::string_view type, std::size_t depth, std::size_t& filesLeft) const {
-  const bool isPlain = !service.empty() && !service.starts_with('.') && service.find('/') == std::string::npos;
+bool PamRules::has(const std::string& service, std::string_view type, std::size_t depth,
+                   std::size_t& filesLeft) const {
+  const bool isPlain =
+      !service.empty() && !service.starts_with('.') && service.find('/') == std::string::npos;
   if (!isPlain || depth > kDepth || filesLeft == 0) return false;
   --filesLeft;
   std::ifstream file(directory_ + "/" + service);
@@ -63,8 +65,10 @@ bool PamRules::has(const std::string& service, std::string_view type, std::size_
     if (isSameWord(rule.type, "@include")) {
       if (has(rule.control, type, depth + 1, filesLeft)) return true;
     } else if (isSameWord(rule.type, type)) {
-      const bool includes = isSameWord(rule.control, "include") || isSameWord(rule.control, "substack");
-      if (includes ? has(rule.module, type, depth + 1, filesLeft) : !rule.module.empty()) return true;
+      const bool includes =
+          isSameWord(rule.control, "include") || isSameWord(rule.control, "substack");
+      if (includes ? has(rule.module, type, depth + 1, filesLeft) : !rule.module.empty())
+        return true;
     }
   }
   return false;

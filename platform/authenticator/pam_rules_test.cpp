@@ -17,12 +17,15 @@ class PamRulesTest : public ::testing::Test {
   PamRulesTest() { EXPECT_NE(::mkdtemp(directory.data()), nullptr); }
   ~PamRulesTest() override { fs::remove_all(directory); }
 
-  void write(const std::string& service, const std::string& text) const { std::ofstream(directory + "/" + service) << text; }
+  void write(const std::string& service, const std::string& text) const {
+    std::ofstream(directory + "/" + service) << text;
+  }
   // Which of the two types the service "own" has rules of, when its file is `text`.
   std::string typesOf(const std::string& text) const {
     write("own", text);
     const PamRules rules(directory);
-    return std::string(rules.has("own", "auth") ? "auth " : "") + (rules.has("own", "account") ? "account " : "");
+    return std::string(rules.has("own", "auth") ? "auth " : "") +
+           (rules.has("own", "account") ? "account " : "");
   }
 
   std::string directory = (fs::temp_directory_path() / "pam_rules.XXXXXX").string();
@@ -31,15 +34,17 @@ class PamRulesTest : public ::testing::Test {
 TEST_F(PamRulesTest, RulesOfTheFileItselfCount) {
   EXPECT_EQ(typesOf("auth required pam_unix.so\n"), "auth ");
   EXPECT_EQ(typesOf("# first\n\n\tACCOUNT\trequired pam_unix.so nullok # last"), "account ");
-  EXPECT_EQ(typesOf("auth [success=1 default=ignore] pam_unix.so\naccount [success=ok] x.so"), "auth account ");
+  EXPECT_EQ(typesOf("auth [success=1 default=ignore] pam_unix.so\naccount [success=ok] x.so"),
+            "auth account ");
   EXPECT_EQ(typesOf("auth \\\n required \\\n pam_unix.so\n"), "auth ");
 }
 
 TEST_F(PamRulesTest, WhatIsNoRuleDoesNotCount) {
   EXPECT_FALSE(PamRules(directory).has("missing", "auth"));
   for (const char* text :
-       {"", "#auth required pam_unix.so\n", "nonsense\n", "auth", "auth required\n", "auth required # pam_unix.so",
-        "auth [success=1 default=ignore]\n", "# \\\nauthx required pam_unix.so", "password required pam_unix.so",
+       {"", "#auth required pam_unix.so\n", "nonsense\n", "auth", "auth required\n",
+        "auth required # pam_unix.so", "auth [success=1 default=ignore]\n",
+        "# \\\nauthx required pam_unix.so", "password required pam_unix.so",
         "session required pam_unix.so", "-auth required pam_unix.so"}) {
     EXPECT_EQ(typesOf(text), "") << text;
   }
@@ -69,8 +74,9 @@ TEST_F(PamRulesTest, FilesElsewhereDoNotCount) {
   write(".hidden", "auth required pam_unix.so\n");
   fs::create_directory(directory + "/deeper");
   write("deeper/one", "auth required pam_unix.so\n");
-  for (const std::string& name : {directory + "/one", std::string("../x/one"), std::string("deeper/one"), std::string("./one"),
-                                  std::string(".hidden"), std::string("deeper")}) {
+  for (const std::string& name :
+       {directory + "/one", std::string("../x/one"), std::string("deeper/one"),
+        std::string("./one"), std::string(".hidden"), std::string("deeper")}) {
     EXPECT_EQ(typesOf("@include " + name), "") << name;
   }
 }

@@ -7,7 +7,9 @@
 namespace keel {
 
 RefusalTime::RefusalTime(std::chrono::milliseconds step)
-    : RefusalTime(step, [] { return Clock::now(); }, [](Clock::time_point time) { std::this_thread::sleep_until(time); }) {}
+    : RefusalTime(
+          step, [] { return Clock::now(); },
+          [](Clock::time_point time) { std::this_thread::sleep_until(time); }) {}
 
 RefusalTime::RefusalTime(std::chrono::milliseconds step, std::function<Clock::time_point()> now,
                          std::function<void(Clock::time_point)> waitUntil)

@@ -6,14 +6,15 @@
 
 namespace keel {
 
-// Tells refusals at fixed times after their attempts began, so that how long one took says nothing about its reason: after
-// `step`, or, when finding out took longer, after the next whole multiple of it. Immutable; from any thread.
+// Tells refusals at fixed times after their attempts began, so that how long one took says nothing
+// about its reason: after `step`, or, when finding out took longer, after the next whole multiple
+// of it. Immutable; from any thread.
 class RefusalTime {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Far longer than finding out takes, even when hashing a password is made dear and the machine is busy; short enough for
-  // people not to mind.
+  // Far longer than finding out takes, even when hashing a password is made dear and the machine is
+  // busy; short enough for people not to mind.
   static constexpr std::chrono::milliseconds kStep{500};
 
   explicit RefusalTime(std::chrono::milliseconds step = kStep);

@@ -8,12 +8,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// When a refusal is told that took `spent` to find, both counted from the attempt's begin; the step is 500 ms.
+// When a refusal is told that took `spent` to find, both counted from the attempt's begin; the step
+// is 500 ms.
 std::chrono::nanoseconds toldAfter(std::chrono::nanoseconds spent) {
   const RefusalTime::Clock::time_point start(12345678ns);
   std::chrono::nanoseconds told{};
   const RefusalTime refusalTime(
-      500ms, [&] { return start + spent; }, [&](RefusalTime::Clock::time_point time) { told = time - start; });
+      500ms, [&] { return start + spent; },
+      [&](RefusalTime::Clock::time_point time) { told = time - start; });
   refusalTime.await(start);
   return told;
 }

@@ -7,8 +7,9 @@
 
 namespace keel {
 
-// Makes the refusal of a user whom nobody knows as much work as that of one whose password was wrong: hashing it takes long
-// where the administrator made that dear, and would tell the two apart. For keel-pam; not from several threads.
+// Makes the refusal of a user whom nobody knows as much work as that of one whose password was
+// wrong: hashing it takes long where the administrator made that dear, and would tell the two
+// apart. For keel-pam; not from several threads.
 class RefusalWork {
  public:
   // Hashes of accounts, as /etc/shadow has them.
@@ -25,11 +26,12 @@ class RefusalWork {
   // For tests.
   RefusalWork(Accounts accounts, Hash hash);
 
-  // How often pam_unix of Linux-PAM 1.5.2 hashes a password to check it once: what it takes a copy of, it evaluates twice.
+  // How often pam_unix of Linux-PAM 1.5.2 hashes a password to check it once: what it takes a copy
+  // of, it evaluates twice.
   static constexpr int kHashCount = 2;
 
-  // After PAM refused that password. Hashes it as often as PAM does, unless PAM will have done so: as root's was, or else any
-  // account's, or else as the system does it by default.
+  // After PAM refused that password. Hashes it as often as PAM does, unless PAM will have done so:
+  // as root's was, or else any account's, or else as the system does it by default.
   void make(const std::string& user, const char* password) const;
 
  private:

@@ -10,13 +10,15 @@ namespace keel {
 
 namespace {
 
-// Whether there is work in comparing a password with it: there is none when the account is locked ("!") or has no password.
+// Whether there is work in comparing a password with it: there is none when the account is locked
+// ("!") or has no password.
 bool isUsable(const std::string& hash) {
   return hash.size() > 1 && hash[0] != '!' && hash[0] != '*' && hash != "x";
 }
 
 std::optional<std::string> hashIn(const spwd* entry) {
-  return entry != nullptr && entry->sp_pwdp != nullptr ? std::optional<std::string>(entry->sp_pwdp) : std::nullopt;
+  return entry != nullptr && entry->sp_pwdp != nullptr ? std::optional<std::string>(entry->sp_pwdp)
+                                                       : std::nullopt;
 }
 
 std::optional<std::string> firstHash(const std::function<bool(const std::string&)>& isWanted) {
@@ -39,10 +41,13 @@ std::string defaultSetting() {
 }  // namespace
 
 RefusalWork::RefusalWork()
-    : RefusalWork({.hashOf = [](const std::string& user) { return hashIn(::getspnam(user.c_str())); }, .first = firstHash},
-                  [](const char* password, const char* setting) { ::crypt(password, setting); }) {}
+    : RefusalWork(
+          {.hashOf = [](const std::string& user) { return hashIn(::getspnam(user.c_str())); },
+           .first = firstHash},
+          [](const char* password, const char* setting) { ::crypt(password, setting); }) {}
 
-RefusalWork::RefusalWork(Accounts accounts, Hash hash) : accounts_(std::move(accounts)), hash_(std::move(hash)) {}
+RefusalWork::RefusalWork(Accounts accounts, Hash hash)
+    : accounts_(std::move(accounts)), hash_(std::move(hash)) {}
 
 void RefusalWork::make(const std::string& user, const char* password) const {
   const auto own = accounts_.hashOf(user);

@@ -25,7 +25,8 @@ class RefusalWorkTest : public ::testing::Test {
            }
            return std::nullopt;
          },
-         .first = [this](const std::function<bool(const std::string&)>& isWanted) -> std::optional<std::string> {
+         .first = [this](const std::function<bool(const std::string&)>& isWanted)
+             -> std::optional<std::string> {
            for (const auto& [each, hash] : shadow) {
              if (isWanted(hash)) return hash;
            }
@@ -36,10 +37,13 @@ class RefusalWorkTest : public ::testing::Test {
     return made;
   }
   using Work = std::vector<std::pair<std::string, std::string>>;
-  static Work workLike(const std::string& hash) { return Work(RefusalWork::kHashCount, {"secret", hash}); }
+  static Work workLike(const std::string& hash) {
+    return Work(RefusalWork::kHashCount, {"secret", hash});
+  }
 
-  std::vector<std::pair<std::string, std::string>> shadow{{"daemon", "*"},    {"locked", "!" + kRoots}, {"empty", ""},
-                                                          {"elsewhere", "x"}, {"alice", kAlices},       {"root", kRoots}};
+  std::vector<std::pair<std::string, std::string>> shadow{
+      {"daemon", "*"},    {"locked", "!" + kRoots}, {"empty", ""},
+      {"elsewhere", "x"}, {"alice", kAlices},       {"root", kRoots}};
 };
 
 TEST_F(RefusalWorkTest, IsMadeForWhomNobodyKnows) {
@@ -47,7 +51,8 @@ TEST_F(RefusalWorkTest, IsMadeForWhomNobodyKnows) {
 }
 
 TEST_F(RefusalWorkTest, IsMadeForAccountsWithoutAUsablePassword) {
-  for (const char* user : {"daemon", "locked", "empty", "elsewhere"}) EXPECT_EQ(workFor(user), workLike(kRoots)) << user;
+  for (const char* user : {"daemon", "locked", "empty", "elsewhere"})
+    EXPECT_EQ(workFor(user), workLike(kRoots)) << user;
 }
 
 TEST_F(RefusalWorkTest, IsNotMadeTwiceForWhoeverHasAPassword) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A helper program for tests: what it does is the text that it is sent. It reports what it sees of itself by its answer.
+// A helper program for tests: what it does is the text that it is sent. It reports what it sees of
+// itself by its answer.
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -25,7 +26,8 @@ void answer(std::string_view packet) {
 
 int openDescriptorCount() {
   int count = 0;
-  for (int descriptor = 0; descriptor < 1024; ++descriptor) count += ::fcntl(descriptor, F_GETFD) >= 0;
+  for (int descriptor = 0; descriptor < 1024; ++descriptor)
+    count += ::fcntl(descriptor, F_GETFD) >= 0;
   return count;
 }
 

@@ -9,11 +9,13 @@
 
 namespace keel {
 
-SystemAuthenticators::SystemAuthenticators(PamAccountCheck::Settings passwords, std::string digestFile)
+SystemAuthenticators::SystemAuthenticators(PamAccountCheck::Settings passwords,
+                                           std::string digestFile)
     : accounts_(std::move(passwords), refusalTime_), digests_(std::move(digestFile)) {}
 
 bool SystemAuthenticators::verifyUserName(const String& userName, const String& password) {
-  return !userName.isNull() && !password.isNull() && accounts_.isPassword(userName.view(), password.view());
+  return !userName.isNull() && !password.isNull() &&
+         accounts_.isPassword(userName.view(), password.view());
 }
 
 String SystemAuthenticators::defaultRealm() {
@@ -21,8 +23,8 @@ String SystemAuthenticators::defaultRealm() {
 }
 
 std::shared_ptr<QZAuthenticator> SystemAuthenticators::serverDigestAuthenticator() {
-  return std::make_shared<DigestAuthenticator>(kDefaultRealm, DigestAuthenticator::Marks::random(), digests_, accounts_,
-                                               refusalTime_);
+  return std::make_shared<DigestAuthenticator>(kDefaultRealm, DigestAuthenticator::Marks::random(),
+                                               digests_, accounts_, refusalTime_);
 }
 
 std::shared_ptr<QZAuthenticator> SystemAuthenticators::serverBasicAuthenticator() {
@@ -31,7 +33,8 @@ std::shared_ptr<QZAuthenticator> SystemAuthenticators::serverBasicAuthenticator(
 
 Authenticators& systemAuthenticators() {
   // Never destroyed: exit() runs on one thread while others may still check a password.
-  static auto* const authenticators = new SystemAuthenticators({.helper = pathOfKeelPam()}, kDigestFile);
+  static auto* const authenticators =
+      new SystemAuthenticators({.helper = pathOfKeelPam()}, kDigestFile);
   return *authenticators;
 }
 

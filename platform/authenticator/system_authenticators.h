@@ -10,7 +10,8 @@
 
 namespace keel {
 
-// The accounts of one machine, as systemAuthenticators() has them. The authenticators that it makes must not outlive it.
+// The accounts of one machine, as systemAuthenticators() has them. The authenticators that it makes
+// must not outlive it.
 class SystemAuthenticators final : public Authenticators {
  public:
   SystemAuthenticators(PamAccountCheck::Settings passwords, std::string digestFile);

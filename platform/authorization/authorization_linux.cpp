@@ -9,12 +9,14 @@ namespace keel {
 
 namespace {
 
-// How long polkit may take to answer: it reads rules and the accounts, but asks nobody. An endless rule occupies it for 15 s.
+// How long polkit may take to answer: it reads rules and the accounts, but asks nobody. An endless
+// rule occupies it for 15 s.
 constexpr std::chrono::seconds kPolkitPatience{5};
 
 class PolkitAuthorization final : public Authorization {
  public:
-  OSStatus AuthorizationCreateFromExternalForm(const AuthorizationExternalForm& form, const xpc::PeerIdentity& peer,
+  OSStatus AuthorizationCreateFromExternalForm(const AuthorizationExternalForm& form,
+                                               const xpc::PeerIdentity& peer,
                                                AuthorizationRef& authorization) override {
     const std::optional<ProcessName> named = processOf(form);
     if (!named || peer.pid <= 0 || peer.startTime == 0) return errAuthorizationInvalidRef;
@@ -24,13 +26,16 @@ class PolkitAuthorization final : public Authorization {
     return errAuthorizationSuccess;
   }
 
-  OSStatus AuthorizationCopyRights(const AuthorizationRef& authorization, std::span<const AuthorizationItem> rights,
+  OSStatus AuthorizationCopyRights(const AuthorizationRef& authorization,
+                                   std::span<const AuthorizationItem> rights,
                                    AuthorizationFlags flags) override {
     if (!authorization) return errAuthorizationInvalidRef;
     if (flags != kAuthorizationFlagDefaults) return errAuthorizationInvalidFlags;
     if (rights.empty()) return errAuthorizationInvalidSet;
     for (const AuthorizationItem& right : rights) {
-      if (const OSStatus status = copyRight(*authorization, right.name); status != errAuthorizationSuccess) return status;
+      if (const OSStatus status = copyRight(*authorization, right.name);
+          status != errAuthorizationSuccess)
+        return status;
     }
     return errAuthorizationSuccess;
   }
@@ -48,8 +53,9 @@ class PolkitAuthorization final : public Authorization {
     if (process.uid == 0) return errAuthorizationSuccess;
     const RightAnswer answer = askPolkit(process, right, Interaction::none, kPolkitPatience);
     if (answer.status == errAuthorizationInternal) {
-      _loggerForCategory("runtime").error("polkit could not say whether pid {} (uid {}) holds the right {}: {}", process.pid,
-                                          process.uid, right, answer.problem);
+      _loggerForCategory("runtime").error(
+          "polkit could not say whether pid {} (uid {}) holds the right {}: {}", process.pid,
+          process.uid, right, answer.problem);
     }
     return answer.status;
   }

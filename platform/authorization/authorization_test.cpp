@@ -13,7 +13,12 @@ namespace {
 constexpr AuthorizationItem kRight[] = {{.name = "com.vantor.ServiceManagement.daemons.modify"}};
 
 xpc::PeerIdentity identity(uid_t uid = 501) {
-  return {.pid = 345, .uid = uid, .gid = 20, .startTime = 777, .auditSession = 3, .processName = "test"};
+  return {.pid = 345,
+          .uid = uid,
+          .gid = 20,
+          .startTime = 777,
+          .auditSession = 3,
+          .processName = "test"};
 }
 
 AuthorizationExternalForm formOf(const xpc::PeerIdentity& process) {
@@ -23,7 +28,9 @@ AuthorizationExternalForm formOf(const xpc::PeerIdentity& process) {
 class SystemAuthorization : public testing::Test {
  protected:
   // No bus is found there, so that nothing of this machine is asked.
-  SystemAuthorization() { ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", /*replace=*/1); }
+  SystemAuthorization() {
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", /*replace=*/1);
+  }
 
   OSStatus create(const AuthorizationExternalForm& form, const xpc::PeerIdentity& peer) {
     return authorization.AuthorizationCreateFromExternalForm(form, peer, reference);
@@ -58,14 +65,17 @@ TEST_F(SystemAuthorization, AProcessWithoutAStartTimeIsNobody) {
   xpc::PeerIdentity unknown = identity();
   unknown.startTime = 0;
   EXPECT_EQ(create(formOf(unknown), unknown), errAuthorizationInvalidRef);
-  EXPECT_EQ(askPolkit(unknown, kRight[0].name, Interaction::none, std::chrono::seconds(1)).status, errAuthorizationInvalidRef);
+  EXPECT_EQ(askPolkit(unknown, kRight[0].name, Interaction::none, std::chrono::seconds(1)).status,
+            errAuthorizationInvalidRef);
 }
 
 TEST_F(SystemAuthorization, WithoutPolkitTheSuperuserAloneHoldsRights) {
   ASSERT_EQ(create(formOf(identity(0)), identity(0)), errAuthorizationSuccess);
-  EXPECT_EQ(authorization.AuthorizationCopyRights(reference, kRight, kAuthorizationFlagDefaults), errAuthorizationSuccess);
+  EXPECT_EQ(authorization.AuthorizationCopyRights(reference, kRight, kAuthorizationFlagDefaults),
+            errAuthorizationSuccess);
   ASSERT_EQ(create(formOf(identity()), identity()), errAuthorizationSuccess);
-  EXPECT_EQ(authorization.AuthorizationCopyRights(reference, kRight, kAuthorizationFlagDefaults), errAuthorizationDenied);
+  EXPECT_EQ(authorization.AuthorizationCopyRights(reference, kRight, kAuthorizationFlagDefaults),
+            errAuthorizationDenied);
 }
 
 TEST_F(SystemAuthorization, SenselessCallsAreRefused) {
@@ -73,14 +83,16 @@ TEST_F(SystemAuthorization, SenselessCallsAreRefused) {
   EXPECT_EQ(authorization.AuthorizationFree(reference, 0), errAuthorizationInvalidRef);
   ASSERT_EQ(create(formOf(identity(0)), identity(0)), errAuthorizationSuccess);
   EXPECT_EQ(authorization.AuthorizationCopyRights(reference, {}, 0), errAuthorizationInvalidSet);
-  EXPECT_EQ(authorization.AuthorizationCopyRights(reference, kRight, 1), errAuthorizationInvalidFlags);
+  EXPECT_EQ(authorization.AuthorizationCopyRights(reference, kRight, 1),
+            errAuthorizationInvalidFlags);
   EXPECT_EQ(authorization.AuthorizationFree(reference, 1), errAuthorizationInvalidFlags);
 }
 
 TEST_F(SystemAuthorization, AFreedReferenceIsNoneAnyMore) {
   ASSERT_EQ(create(formOf(identity(0)), identity(0)), errAuthorizationSuccess);
   EXPECT_EQ(authorization.AuthorizationFree(reference, 0), errAuthorizationSuccess);
-  EXPECT_EQ(authorization.AuthorizationCopyRights(reference, kRight, 0), errAuthorizationInvalidRef);
+  EXPECT_EQ(authorization.AuthorizationCopyRights(reference, kRight, 0),
+            errAuthorizationInvalidRef);
 }
 
 }  // namespace

@@ -21,7 +21,8 @@ constexpr std::string_view kEndMark = "1feRleeK";
 
 template <class Number>
 void put(AuthorizationExternalForm& form, std::size_t at, Number number) {
-  for (std::size_t i = 0; i < sizeof(Number); ++i) form.bytes[at + i] = static_cast<std::byte>(number >> (8 * i));
+  for (std::size_t i = 0; i < sizeof(Number); ++i)
+    form.bytes[at + i] = static_cast<std::byte>(number >> (8 * i));
 }
 
 template <class Number>
@@ -34,11 +35,13 @@ Number get(const AuthorizationExternalForm& form, std::size_t at) {
 }
 
 void put(AuthorizationExternalForm& form, std::size_t at, std::string_view mark) {
-  std::ranges::copy(std::as_bytes(std::span(mark)), form.bytes.begin() + static_cast<std::ptrdiff_t>(at));
+  std::ranges::copy(std::as_bytes(std::span(mark)),
+                    form.bytes.begin() + static_cast<std::ptrdiff_t>(at));
 }
 
 bool has(const AuthorizationExternalForm& form, std::size_t at, std::string_view mark) {
-  return std::ranges::equal(std::span(form.bytes).subspan(at, mark.size()), std::as_bytes(std::span(mark)));
+  return std::ranges::equal(std::span(form.bytes).subspan(at, mark.size()),
+                            std::as_bytes(std::span(mark)));
 }
 
 }  // namespace

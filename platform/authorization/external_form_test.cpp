@@ -16,7 +16,8 @@ TEST(ExternalForm, HasTheLayoutThatIsWrittenDown) {
       "KeelRef1\x04\x03\x02\x01\xd0\xc0\xb0\xa0\x88\x77\x66\x55\x44\x33\x22\x11"
       "1feRleeK",
       32);
-  EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(form.bytes.data()), form.bytes.size()), kExpected);
+  EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(form.bytes.data()), form.bytes.size()),
+            kExpected);
 }
 
 TEST(ExternalForm, NamesTheSameProcessAgain) {
@@ -36,7 +37,8 @@ TEST(ExternalForm, AnyByteOfItsMarksThatDiffersMakesItNone) {
 TEST(ExternalForm, CutOffAndFilledUpItIsNone) {
   for (std::size_t size = 0; size < kAuthorizationExternalFormLength; ++size) {
     AuthorizationExternalForm form = externalFormOf(kProcess);
-    std::fill(form.bytes.begin() + static_cast<std::ptrdiff_t>(size), form.bytes.end(), std::byte{0});
+    std::fill(form.bytes.begin() + static_cast<std::ptrdiff_t>(size), form.bytes.end(),
+              std::byte{0});
     EXPECT_FALSE(processOf(form)) << size;
   }
 }

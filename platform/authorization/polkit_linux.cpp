@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// polkit believes what it is told about its subject: the user above all. So it is told what the kernel said about the process
-// when it connected, never what a client says. It finds out by itself whether the process has ended and its number been taken,
-// provided that the start time is given; 0 would mean that it is to look that up, and is never sent.
+// polkit believes what it is told about its subject: the user above all. So it is told what the
+// kernel said about the process when it connected, never what a client says. It finds out by itself
+// whether the process has ended and its number been taken, provided that the start time is given; 0
+// would mean that it is to look that up, and is never sent.
 //
-// The call is made on a bus connection of its own, with a deadline of its own over all its steps: connecting, the bus's
-// greeting, the answer. sd_bus_call(3) would wait for the greeting much longer.
+// The call is made on a bus connection of its own, with a deadline of its own over all its steps:
+// connecting, the bus's greeting, the answer. sd_bus_call(3) would wait for the greeting much
+// longer.
 #include "platform/authorization/polkit.h"
 
 #include <systemd/sd-bus.h>
@@ -45,8 +47,9 @@ bool isAbsence(std::string_view errorName) {
 }
 
 int appendSubject(sd_bus_message* message, const xpc::PeerIdentity& process) {
-  return sd_bus_message_append(message, "(sa{sv})", "unix-process", 3, "pid", "u", static_cast<std::uint32_t>(process.pid),
-                               "start-time", "t", process.startTime, "uid", "i", static_cast<std::int32_t>(process.uid));
+  return sd_bus_message_append(
+      message, "(sa{sv})", "unix-process", 3, "pid", "u", static_cast<std::uint32_t>(process.pid),
+      "start-time", "t", process.startTime, "uid", "i", static_cast<std::int32_t>(process.uid));
 }
 
 RightAnswer readAnswer(sd_bus_message* answer) {
@@ -77,7 +80,8 @@ RightAnswer awaitAnswer(sd_bus* bus, const Message& answer, Clock::time_point en
     if (progress > 0) continue;
     const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - Clock::now());
     if (left.count() <= 0) return {errAuthorizationInternal, "no answer in time"};
-    if (const int waited = sd_bus_wait(bus, static_cast<std::uint64_t>(left.count())); waited < 0 && waited != -EINTR) {
+    if (const int waited = sd_bus_wait(bus, static_cast<std::uint64_t>(left.count()));
+        waited < 0 && waited != -EINTR) {
       return couldNot("the system bus failed", -waited);
     }
   }
@@ -97,9 +101,9 @@ RightAnswer askPolkit(const xpc::PeerIdentity& process, const char* right, Inter
   }
   const Bus bus(opened);
   sd_bus_message* made = nullptr;
-  int failed =
-      sd_bus_message_new_method_call(bus.get(), &made, "org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority",
-                                     "org.freedesktop.PolicyKit1.Authority", "CheckAuthorization");
+  int failed = sd_bus_message_new_method_call(
+      bus.get(), &made, "org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority",
+      "org.freedesktop.PolicyKit1.Authority", "CheckAuthorization");
   const Message request(made);
   if (failed >= 0) failed = appendSubject(made, process);
   const std::uint32_t flags = interaction == Interaction::allowed ? kAllowUserInteraction : 0;
@@ -108,8 +112,9 @@ RightAnswer askPolkit(const xpc::PeerIdentity& process, const char* right, Inter
   if (failed < 0) return couldNot("polkit cannot be asked", -failed);
   Message answer;
   sd_bus_slot* waiting = nullptr;
-  failed = sd_bus_call_async(bus.get(), &waiting, made, &onAnswer, &answer,
-                             static_cast<std::uint64_t>(std::chrono::microseconds(patience).count()));
+  failed =
+      sd_bus_call_async(bus.get(), &waiting, made, &onAnswer, &answer,
+                        static_cast<std::uint64_t>(std::chrono::microseconds(patience).count()));
   const Slot slot(waiting);
   if (failed < 0) return couldNot("polkit cannot be asked", -failed);
   return awaitAnswer(bus.get(), answer, end);

@@ -15,11 +15,12 @@
 #include "platform/bundle/property_list.h"
 #include "platform/bundle/property_list_keys.h"
 
-// The form: the word "bplist00", then the objects, then a table with the place of each, then 32 bytes that say where the table
-// is and how wide its entries are. All numbers are big-endian. An object begins with a byte that has its kind in the upper
-// half, and in the lower a size; 15 means that the size follows as an integer object of its own. Arrays and dictionaries refer
-// to other objects by number: any number of them to the same one, which stands once in the file and many times in the value,
-// and a hostile file even to themselves.
+// The form: the word "bplist00", then the objects, then a table with the place of each, then 32
+// bytes that say where the table is and how wide its entries are. All numbers are big-endian. An
+// object begins with a byte that has its kind in the upper half, and in the lower a size; 15 means
+// that the size follows as an integer object of its own. Arrays and dictionaries refer to other
+// objects by number: any number of them to the same one, which stands once in the file and many
+// times in the value, and a hostile file even to themselves.
 
 namespace keel {
 
@@ -43,7 +44,9 @@ std::string_view asText(Bytes bytes) {
 }
 
 void appendUtf8(std::string& text, std::uint32_t character) {
-  const auto put = [&text](std::uint32_t byte) { text += static_cast<char>(static_cast<unsigned char>(byte)); };
+  const auto put = [&text](std::uint32_t byte) {
+    text += static_cast<char>(static_cast<unsigned char>(byte));
+  };
   if (character < 0x80) return put(character);
   if (character < 0x800) {
     put(0xc0 | character >> 6);
@@ -140,8 +143,10 @@ bool Reader::readTrailer() {
   objectCount_ = bigEndian(trailer.subspan(8, 8));
   topObject_ = bigEndian(trailer.subspan(16, 8));
   const std::uint64_t table = bigEndian(trailer.subspan(24, 8));
-  const bool widthsFit = offsetBytes_ >= 1 && offsetBytes_ <= 8 && referenceBytes_ >= 1 && referenceBytes_ <= 8;
-  if (!widthsFit || table < kMagic.size() || table > end || objectCount_ > end || objectCount_ * offsetBytes_ != end - table) {
+  const bool widthsFit =
+      offsetBytes_ >= 1 && offsetBytes_ <= 8 && referenceBytes_ >= 1 && referenceBytes_ <= 8;
+  if (!widthsFit || table < kMagic.size() || table > end || objectCount_ > end ||
+      objectCount_ * offsetBytes_ != end - table) {
     fault_ = "its trailer does not fit the file";
     return false;
   }
@@ -152,9 +157,12 @@ bool Reader::readTrailer() {
 
 std::optional<Value> Reader::object(std::uint64_t number) {
   if (number >= objectCount_) return refuse(fmt::format("there is no object {}", number));
-  if (std::ranges::find(within_, number) != within_.end()) return refuse(fmt::format("object {} holds itself", number));
-  const std::uint64_t offset = bigEndian(table_.subspan(static_cast<std::size_t>(number) * offsetBytes_, offsetBytes_));
-  if (offset < kMagic.size() || offset >= objects_.size()) return refuse(fmt::format("object {} lies outside", number));
+  if (std::ranges::find(within_, number) != within_.end())
+    return refuse(fmt::format("object {} holds itself", number));
+  const std::uint64_t offset =
+      bigEndian(table_.subspan(static_cast<std::size_t>(number) * offsetBytes_, offsetBytes_));
+  if (offset < kMagic.size() || offset >= objects_.size())
+    return refuse(fmt::format("object {} lies outside", number));
   const std::size_t before = std::exchange(at_, static_cast<std::size_t>(offset));
   within_.push_back(number);
   const auto head = std::to_integer<unsigned>(objects_[at_++]);
@@ -203,7 +211,8 @@ std::optional<Value> Reader::integer(unsigned low) {
   if (low == 3) return Value(static_cast<std::int64_t>(bigEndian(*bytes)));
   const std::uint64_t upper = bigEndian(bytes->first(8)), lower = bigEndian(bytes->last(8));
   if (upper == 0) return Value(lower);
-  if (upper == ~std::uint64_t{0} && static_cast<std::int64_t>(lower) < 0) return Value(static_cast<std::int64_t>(lower));
+  if (upper == ~std::uint64_t{0} && static_cast<std::int64_t>(lower) < 0)
+    return Value(static_cast<std::int64_t>(lower));
   return refuse("an integer beyond 64 bits");
 }
 
@@ -211,7 +220,8 @@ std::optional<Value> Reader::real(unsigned low) {
   const auto bytes = take(1, std::size_t{1} << low);
   if (!bytes) return {};
   const std::uint64_t bits = bigEndian(*bytes);
-  if (low == 2) return Value(static_cast<double>(std::bit_cast<float>(static_cast<std::uint32_t>(bits))));
+  if (low == 2)
+    return Value(static_cast<double>(std::bit_cast<float>(static_cast<std::uint32_t>(bits))));
   return Value(std::bit_cast<double>(bits));
 }
 
@@ -240,7 +250,8 @@ std::optional<Value> Reader::text(unsigned kind, std::uint64_t count) {
 std::optional<Value> Reader::list(std::uint64_t count) {
   const auto references = take(count, referenceBytes_);
   if (!references || !charge(count, sizeof(Value))) return {};
-  if (within_.size() > kPropertyListDepth) return refuse(fmt::format("nested more than {} deep", kPropertyListDepth));
+  if (within_.size() > kPropertyListDepth)
+    return refuse(fmt::format("nested more than {} deep", kPropertyListDepth));
   Value::List items;
   items.reserve(static_cast<std::size_t>(count));
   for (std::size_t index = 0; index < count; ++index) {
@@ -257,7 +268,8 @@ std::optional<Value> Reader::map(std::uint64_t count) {
   if (!keys) return {};
   const auto values = take(count, referenceBytes_);
   if (!values || !charge(count, sizeof(Member))) return {};
-  if (within_.size() > kPropertyListDepth) return refuse(fmt::format("nested more than {} deep", kPropertyListDepth));
+  if (within_.size() > kPropertyListDepth)
+    return refuse(fmt::format("nested more than {} deep", kPropertyListDepth));
   Value::Map members;
   members.reserve(static_cast<std::size_t>(count));
   for (std::size_t index = 0; index < count; ++index) {
@@ -312,7 +324,9 @@ bool Reader::charge(std::uint64_t count, std::size_t bytes) {
 }
 
 std::nullopt_t Reader::refuse(std::string_view reason) {
-  if (fault_.empty()) fault_ = within_.empty() ? std::string(reason) : fmt::format("object {}: {}", within_.back(), reason);
+  if (fault_.empty())
+    fault_ = within_.empty() ? std::string(reason)
+                             : fmt::format("object {}: {}", within_.back(), reason);
   return std::nullopt;
 }
 

@@ -13,7 +13,8 @@ namespace keel {
 // Whether `bytes` begin like the binary form, of whatever version.
 bool looksLikeBinaryPropertyList(std::span<const std::byte> bytes);
 
-// The value of a property list in the binary form, version 00. The error names the object where it goes wrong.
+// The value of a property list in the binary form, version 00. The error names the object where it
+// goes wrong.
 std::expected<Value, std::string> decodeBinaryPropertyList(std::span<const std::byte> bytes);
 
 }  // namespace keel

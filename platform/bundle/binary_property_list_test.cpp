@@ -50,7 +50,8 @@ Bytes fileWith(const std::vector<std::string>& objects, Trailer trailer = {}) {
   return file;
 }
 
-std::expected<Value, std::string> decoded(const std::vector<std::string>& objects, Trailer trailer = {}) {
+std::expected<Value, std::string> decoded(const std::vector<std::string>& objects,
+                                          Trailer trailer = {}) {
   return decodeBinaryPropertyList(fileWith(objects, trailer));
 }
 
@@ -66,8 +67,10 @@ TEST(BinaryPropertyList, HoldsEveryScalar) {
   EXPECT_EQ(decoded({"11 ffff"}), Value(65535));
   EXPECT_EQ(decoded({"12 ffffffff"}), Value(4294967295U));
   EXPECT_EQ(decoded({"13 ffffffffffffffff"}), Value(-1));
-  EXPECT_EQ(decoded({"14 0000000000000000 ffffffffffffffff"}), Value(std::numeric_limits<std::uint64_t>::max()));
-  EXPECT_EQ(decoded({"14 ffffffffffffffff 8000000000000000"}), Value(std::numeric_limits<std::int64_t>::min()));
+  EXPECT_EQ(decoded({"14 0000000000000000 ffffffffffffffff"}),
+            Value(std::numeric_limits<std::uint64_t>::max()));
+  EXPECT_EQ(decoded({"14 ffffffffffffffff 8000000000000000"}),
+            Value(std::numeric_limits<std::int64_t>::min()));
   EXPECT_EQ(decoded({"22 3f000000"}), Value(0.5));
   EXPECT_EQ(decoded({"23 bfe0000000000000"}), Value(-0.5));
   EXPECT_EQ(decoded({"33 0000000000000000"}), Value(Date{978307200}));
@@ -80,14 +83,16 @@ TEST(BinaryPropertyList, HoldsEveryScalar) {
 
 TEST(BinaryPropertyList, HoldsArraysAndDictionariesInOrder) {
   EXPECT_EQ(decoded({"a2 02 01", "51 61", "51 62"}), Value::list({"b", "a"}));
-  EXPECT_EQ(decoded({"d2 02 01 03 04", "51 61", "51 62", "10 01", "a0"}).value().description(), R"({"b": 1, "a": []})");
+  EXPECT_EQ(decoded({"d2 02 01 03 04", "51 61", "51 62", "10 01", "a0"}).value().description(),
+            R"({"b": 1, "a": []})");
 }
 
 TEST(BinaryPropertyList, SizesMayFollow) {
   EXPECT_EQ(decoded({"5f 10 03 616263"}), Value("abc"));
   EXPECT_EQ(decoded({"5f 13 0000000000000001 61"}), Value("a"));
   EXPECT_EQ(faultOf({"5f 09 616263"}), "object 0: a size that is no integer");
-  EXPECT_EQ(faultOf({"5f 14 0000000000000000 0000000000000001 61"}), "object 0: a size that is no integer");
+  EXPECT_EQ(faultOf({"5f 14 0000000000000000 0000000000000001 61"}),
+            "object 0: a size that is no integer");
   EXPECT_EQ(faultOf({"5f 13 ffffffffffffffff"}), "object 0: reaches beyond the objects");
   EXPECT_EQ(faultOf({"6f 13 8000000000000000"}), "object 0: reaches beyond the objects");
   EXPECT_EQ(faultOf({"5f"}), "object 0: reaches beyond the objects");
@@ -95,8 +100,10 @@ TEST(BinaryPropertyList, SizesMayFollow) {
 }
 
 TEST(BinaryPropertyList, WidthsGoUpToEightBytes) {
-  EXPECT_EQ(decoded({"a1 0000000000000001", "09"}, {.offsetBytes = 8, .referenceBytes = 8}), Value::list({true}));
-  EXPECT_EQ(decoded({"a1 000001", "09"}, {.offsetBytes = 1, .referenceBytes = 3}), Value::list({true}));
+  EXPECT_EQ(decoded({"a1 0000000000000001", "09"}, {.offsetBytes = 8, .referenceBytes = 8}),
+            Value::list({true}));
+  EXPECT_EQ(decoded({"a1 000001", "09"}, {.offsetBytes = 1, .referenceBytes = 3}),
+            Value::list({true}));
   for (const std::size_t width : {0U, 9U}) {
     EXPECT_EQ(faultOf({"09"}, {.referenceBytes = width}), "its trailer does not fit the file");
     EXPECT_EQ(faultOf({"09"}, {.offsetBytes = width}), "its trailer does not fit the file");
@@ -104,12 +111,14 @@ TEST(BinaryPropertyList, WidthsGoUpToEightBytes) {
 }
 
 TEST(BinaryPropertyList, WhatBelongsToNoPropertyListIsRefused) {
-  for (const char* object :
-       {"00", "01", "0f", "15 00", "20 00", "21 0000", "24 00", "30", "32 00000000", "70", "80 01", "b0", "c0", "e0", "f0"}) {
+  for (const char* object : {"00", "01", "0f", "15 00", "20 00", "21 0000", "24 00", "30",
+                             "32 00000000", "70", "80 01", "b0", "c0", "e0", "f0"}) {
     EXPECT_EQ(faultOf({object}), "object 0: of a kind that property lists do not have") << object;
   }
-  EXPECT_EQ(faultOf({"14 0000000000000001 0000000000000000"}), "object 0: an integer beyond 64 bits");
-  EXPECT_EQ(faultOf({"14 ffffffffffffffff 7fffffffffffffff"}), "object 0: an integer beyond 64 bits");
+  EXPECT_EQ(faultOf({"14 0000000000000001 0000000000000000"}),
+            "object 0: an integer beyond 64 bits");
+  EXPECT_EQ(faultOf({"14 ffffffffffffffff 7fffffffffffffff"}),
+            "object 0: an integer beyond 64 bits");
   EXPECT_EQ(faultOf({"33 7ff0000000000000"}), "object 0: a date without a time");
   EXPECT_EQ(faultOf({"33 7ff8000000000000"}), "object 0: a date without a time");
   EXPECT_EQ(faultOf({"51 80"}), "object 0: text that is not ASCII");
@@ -117,7 +126,8 @@ TEST(BinaryPropertyList, WhatBelongsToNoPropertyListIsRefused) {
 
 TEST(BinaryPropertyList, SurrogatesStandInPairs) {
   EXPECT_EQ(decoded({"62 dbff dfff"}), Value("\xf4\x8f\xbf\xbf"));
-  for (const char* object : {"61 d83d", "61 de00", "62 de00 d83d", "62 d83d 0041", "62 d83d d83d"}) {
+  for (const char* object :
+       {"61 d83d", "61 de00", "62 de00 d83d", "62 d83d 0041", "62 d83d d83d"}) {
     EXPECT_EQ(faultOf({object}), "object 0: text that is not UTF-16") << object;
   }
 }
@@ -143,11 +153,15 @@ TEST(BinaryPropertyList, ObjectsLieWithinTheFile) {
 
 TEST(BinaryPropertyList, TheTrailerFitsTheFileExactly) {
   EXPECT_EQ(faultOf({"09"}, {.extraObjects = 1}), "its trailer does not fit the file");
-  EXPECT_EQ(faultOf({"09"}, {.extraObjects = ~std::uint64_t{0}}), "its trailer does not fit the file");
-  EXPECT_EQ(faultOf({"09"}, {.offsetBytes = 8, .extraObjects = std::uint64_t{1} << 61}), "its trailer does not fit the file");
+  EXPECT_EQ(faultOf({"09"}, {.extraObjects = ~std::uint64_t{0}}),
+            "its trailer does not fit the file");
+  EXPECT_EQ(faultOf({"09"}, {.offsetBytes = 8, .extraObjects = std::uint64_t{1} << 61}),
+            "its trailer does not fit the file");
   EXPECT_EQ(faultOf({"09"}, {.tableShift = 1}), "its trailer does not fit the file");
-  EXPECT_EQ(faultOf({"09"}, {.tableShift = ~std::uint64_t{0}}), "its trailer does not fit the file");
-  EXPECT_EQ(faultOf({"09"}, {.tableShift = ~std::uint64_t{0} - 8}), "its trailer does not fit the file");
+  EXPECT_EQ(faultOf({"09"}, {.tableShift = ~std::uint64_t{0}}),
+            "its trailer does not fit the file");
+  EXPECT_EQ(faultOf({"09"}, {.tableShift = ~std::uint64_t{0} - 8}),
+            "its trailer does not fit the file");
   EXPECT_EQ(faultOf({}), "there is no object 0");
 }
 
@@ -157,7 +171,8 @@ TEST(BinaryPropertyList, AFileThatWasCutOffIsRefused) {
   for (std::size_t size = 0; size < whole.size(); ++size) {
     EXPECT_FALSE(decodeBinaryPropertyList(std::span(whole).first(size))) << size;
   }
-  EXPECT_EQ(decodeBinaryPropertyList(std::span(whole).first(39)).error(), "cut off before its trailer");
+  EXPECT_EQ(decodeBinaryPropertyList(std::span(whole).first(39)).error(),
+            "cut off before its trailer");
 }
 
 TEST(BinaryPropertyList, OtherVersionsAreRefused) {
@@ -167,7 +182,8 @@ TEST(BinaryPropertyList, OtherVersionsAreRefused) {
     file.erase(file.begin(), file.begin() + 8);
     file.insert(file.begin(), other.begin(), other.end());
     EXPECT_TRUE(looksLikeBinaryPropertyList(file));
-    EXPECT_EQ(decodeBinaryPropertyList(file).error(), "a binary property list of an unknown version");
+    EXPECT_EQ(decodeBinaryPropertyList(file).error(),
+              "a binary property list of an unknown version");
   }
   EXPECT_FALSE(looksLikeBinaryPropertyList(bytesOfText("bplis")));
   EXPECT_FALSE(looksLikeBinaryPropertyList(bytesOfText("<plist/>")));
@@ -183,7 +199,8 @@ TEST(BinaryPropertyList, WhatHoldsItselfIsRefused) {
 // Each object holds the next one; the last holds nothing.
 std::vector<std::string> chain(std::size_t length) {
   std::vector<std::string> objects;
-  for (std::size_t next = 1; next < length; ++next) objects.push_back("a1" + hexOf(bigEndian(next, 1)));
+  for (std::size_t next = 1; next < length; ++next)
+    objects.push_back("a1" + hexOf(bigEndian(next, 1)));
   objects.emplace_back("a0");
   return objects;
 }
@@ -194,7 +211,8 @@ TEST(BinaryPropertyList, NestsAsDeepAsTheLimit) {
 }
 
 TEST(BinaryPropertyList, SharedPartsAreCopiedUpToTheLimit) {
-  EXPECT_EQ(decoded({"a2 01 01", "a2 02 02", "51 61"}), Value::list({Value::list({"a", "a"}), Value::list({"a", "a"})}));
+  EXPECT_EQ(decoded({"a2 01 01", "a2 02 02", "51 61"}),
+            Value::list({Value::list({"a", "a"}), Value::list({"a", "a"})}));
   // Twice as many each level: 2^40 values in some hundred bytes.
   std::vector<std::string> doubling;
   for (std::size_t next = 1; next <= 40; ++next) {
@@ -214,7 +232,8 @@ std::vector<std::string> sharedText(std::size_t count) {
 
 TEST(BinaryPropertyList, SharedTextCountsEachTime) {
   EXPECT_EQ(decoded(sharedText(127), {.offsetBytes = 4}).value().as<Value::List>()->size(), 127U);
-  EXPECT_EQ(faultOf(sharedText(128), {.offsetBytes = 4}), "object 1: its value takes more than 16777216 bytes");
+  EXPECT_EQ(faultOf(sharedText(128), {.offsetBytes = 4}),
+            "object 1: its value takes more than 16777216 bytes");
 }
 
 }  // namespace

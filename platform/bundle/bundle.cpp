@@ -30,8 +30,10 @@ bool Bundle::hasContents() const {
   return ::stat((path_ + "/Contents").c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-std::optional<std::string> Bundle::pathForResource(std::string_view name, std::string_view type) const {
-  const auto places = hasContents() ? std::vector{"/Contents/Resources"} : std::vector{"/Resources", ""};
+std::optional<std::string> Bundle::pathForResource(std::string_view name,
+                                                   std::string_view type) const {
+  const auto places =
+      hasContents() ? std::vector{"/Contents/Resources"} : std::vector{"/Resources", ""};
   for (const char* place : places) {
     std::string path = fmt::format("{}{}/{}.{}", path_, place, name, type);
     if (!isAbsent(path)) return path;
@@ -48,7 +50,8 @@ std::expected<Value, Error> Bundle::infoDictionary() const {
 std::expected<Value, Error> readDictionary(const std::string& path) {
   auto value = readPropertyList(path);
   if (value && !value->isMap()) {
-    return std::unexpected(describedError(NSPOSIXErrorDomain, EBADMSG, path + " holds no dictionary"));
+    return std::unexpected(
+        describedError(NSPOSIXErrorDomain, EBADMSG, path + " holds no dictionary"));
   }
   return value;
 }

@@ -11,12 +11,12 @@
 
 namespace keel {
 
-// A folder that the system treats as one thing. With a folder "Contents" in it, its description is Contents/Info.plist and its
-// resources are in Contents/Resources. Without one it is flat: the description is Info.plist, and resources are in Resources or
-// directly inside.
+// A folder that the system treats as one thing. With a folder "Contents" in it, its description is
+// Contents/Info.plist and its resources are in Contents/Resources. Without one it is flat: the
+// description is Info.plist, and resources are in Resources or directly inside.
 //
-// The files are looked at when they are asked for, each time. A path where there is no bundle, or nothing, has no description
-// and no resources; that is no error.
+// The files are looked at when they are asked for, each time. A path where there is no bundle, or
+// nothing, has no description and no resources; that is no error.
 class Bundle {
  public:
   explicit Bundle(std::string path) : path_(std::move(path)) {}
@@ -26,7 +26,8 @@ class Bundle {
   bool isThere() const;
   // Where the resource "NAME.TYPE" is. What is there but cannot be looked at counts as found.
   std::optional<std::string> pathForResource(std::string_view name, std::string_view type) const;
-  // The map in the description, empty without one. An error when the description cannot be read or holds something else.
+  // The map in the description, empty without one. An error when the description cannot be read or
+  // holds something else.
   std::expected<Value, Error> infoDictionary() const;
 
  private:
@@ -35,7 +36,8 @@ class Bundle {
   std::string path_;
 };
 
-// The map in the property list at `path`. The error is that of readPropertyList, and EBADMSG when it holds something else.
+// The map in the property list at `path`. The error is that of readPropertyList, and EBADMSG when
+// it holds something else.
 std::expected<Value, Error> readDictionary(const std::string& path);
 
 }  // namespace keel

@@ -109,7 +109,8 @@ TEST(NoBundle, ButALoopOfLinksIsNamedWhenItIsRead) {
   ASSERT_EQ(::symlink("loop", folder.path("loop").c_str()), 0);
   const Bundle bundle(folder.path("loop"));
   EXPECT_EQ(bundle.infoDictionary().error().code(), ELOOP);
-  EXPECT_EQ(readDictionary(bundle.pathForResource("launchd", "plist").value()).error().code(), ELOOP);
+  EXPECT_EQ(readDictionary(bundle.pathForResource("launchd", "plist").value()).error().code(),
+            ELOOP);
 }
 
 }  // namespace

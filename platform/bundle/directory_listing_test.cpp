@@ -23,7 +23,8 @@ TEST(DirectoryListing, NamesEverythingButTheFolderAndItsParent) {
   folder.write(".hidden", "");
   folder.write("...", "");
   folder.write("\xff", "");
-  EXPECT_THAT(contentsOfDirectory(folder.path()).value(), UnorderedElementsAre("file", "folder", ".hidden", "...", "\xff"));
+  EXPECT_THAT(contentsOfDirectory(folder.path()).value(),
+              UnorderedElementsAre("file", "folder", ".hidden", "...", "\xff"));
   EXPECT_THAT(contentsOfDirectory(folder.path() + "/").value(),
               UnorderedElementsAre("file", "folder", ".hidden", "...", "\xff"));
 }

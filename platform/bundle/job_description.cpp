@@ -32,19 +32,22 @@ void readJobFile(const Bundle& bundle, JobDescription& description) {
   const auto path = bundle.pathForResource("launchd", "plist");
   if (!path) {
     const bool isThere = bundle.isThere();
-    description.jobFile = isThere ? JobDescription::JobFile::missing : JobDescription::JobFile::noBundle;
+    description.jobFile =
+        isThere ? JobDescription::JobFile::missing : JobDescription::JobFile::noBundle;
     description.reasons.emplace_back(isThere ? "job file missing" : "bundle missing");
     return;
   }
   auto job = readDictionary(*path);
   if (!job) {
     const bool denied = job.error().code() == EACCES || job.error().code() == EPERM;
-    description.jobFile = denied ? JobDescription::JobFile::denied : JobDescription::JobFile::unusable;
+    description.jobFile =
+        denied ? JobDescription::JobFile::denied : JobDescription::JobFile::unusable;
     return addProblem(description, bundle, "job file: " + textOf(job.error()));
   }
   description.jobFile = JobDescription::JobFile::used;
   description.job = std::move(*job);
-  if (const Value* services = description.job.find("MachServices"); services != nullptr && !services->isMap()) {
+  if (const Value* services = description.job.find("MachServices");
+      services != nullptr && !services->isMap()) {
     logger().debug("{}: job file: \"MachServices\" is no dictionary", bundle.path());
   }
 }

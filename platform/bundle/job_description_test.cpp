@@ -48,7 +48,9 @@ TEST_F(JobDescriptionTest, JobFileIsTakenAsItStandsAndInfoIsNotRead) {
 }
 
 TEST_F(JobDescriptionTest, WithoutAJobFileInfoIsRead) {
-  writeDictionary("Info.plist", "<key>QZJobLabel</key><string>L</string><key>QZMachServiceName</key><string>S</string>");
+  writeDictionary(
+      "Info.plist",
+      "<key>QZJobLabel</key><string>L</string><key>QZMachServiceName</key><string>S</string>");
   const auto description = read();
   EXPECT_EQ(description.jobFile, JobFile::missing);
   EXPECT_TRUE(description.job.isNull());
@@ -73,8 +75,8 @@ TEST_F(JobDescriptionTest, BadJobFileIsNamedAndInfoIsRead) {
   EXPECT_EQ(description.jobFile, JobFile::unusable);
   EXPECT_TRUE(description.job.isNull());
   EXPECT_EQ(description.label, "L");
-  const std::string reason =
-      "job file: " + folder_.path("launchd.plist") + " is no property list: line 4: key \"a\" without a value";
+  const std::string reason = "job file: " + folder_.path("launchd.plist") +
+                             " is no property list: line 4: key \"a\" without a value";
   EXPECT_THAT(description.reasons, ElementsAre(reason));
   EXPECT_THAT(logged(), ElementsAre(reason));
 }
@@ -82,30 +84,36 @@ TEST_F(JobDescriptionTest, BadJobFileIsNamedAndInfoIsRead) {
 TEST_F(JobDescriptionTest, JobFileOfTheWrongKindIsNamed) {
   folder_.write("launchd.plist", "<plist><array/></plist>");
   EXPECT_EQ(read().jobFile, JobFile::unusable);
-  EXPECT_THAT(logged(), ElementsAre("job file: " + folder_.path("launchd.plist") + " holds no dictionary"));
+  EXPECT_THAT(logged(),
+              ElementsAre("job file: " + folder_.path("launchd.plist") + " holds no dictionary"));
   ASSERT_EQ(::unlink(folder_.path("launchd.plist").c_str()), 0);
   ASSERT_EQ(::mkfifo(folder_.path("launchd.plist").c_str(), 0600), 0);
   EXPECT_EQ(read().jobFile, JobFile::unusable);
-  EXPECT_THAT(logged(), ElementsAre("job file: cannot read " + folder_.path("launchd.plist") + ": not a regular file"));
+  EXPECT_THAT(logged(), ElementsAre("job file: cannot read " + folder_.path("launchd.plist") +
+                                    ": not a regular file"));
 }
 
 TEST_F(JobDescriptionTest, BadInfoIsNamedAndNotUsed) {
   folder_.write("Info.plist", "garbage");
   const auto description = read();
   EXPECT_FALSE(description.label);
-  const std::string reason = "Info.plist: " + folder_.path("Info.plist") + " is no property list: line 1: syntax error";
+  const std::string reason =
+      "Info.plist: " + folder_.path("Info.plist") + " is no property list: line 1: syntax error";
   EXPECT_THAT(description.reasons, ElementsAre("job file missing", reason));
   EXPECT_THAT(logged(), ElementsAre(reason));
 }
 
 TEST_F(JobDescriptionTest, InfoOfTheWrongKindIsNamedAndNotUsed) {
-  writeDictionary("Info.plist", "<key>QZJobLabel</key><integer>5</integer><key>QZMachServiceName</key><dict/>");
+  writeDictionary("Info.plist",
+                  "<key>QZJobLabel</key><integer>5</integer><key>QZMachServiceName</key><dict/>");
   const auto description = read();
   EXPECT_FALSE(description.label);
   EXPECT_FALSE(description.machServiceName);
-  EXPECT_THAT(description.reasons, ElementsAre("job file missing", "Info.plist: \"QZJobLabel\" is no text",
-                                               "Info.plist: \"QZMachServiceName\" is no text"));
-  EXPECT_THAT(logged(), ElementsAre("Info.plist: \"QZJobLabel\" is no text", "Info.plist: \"QZMachServiceName\" is no text"));
+  EXPECT_THAT(description.reasons,
+              ElementsAre("job file missing", "Info.plist: \"QZJobLabel\" is no text",
+                          "Info.plist: \"QZMachServiceName\" is no text"));
+  EXPECT_THAT(logged(), ElementsAre("Info.plist: \"QZJobLabel\" is no text",
+                                    "Info.plist: \"QZMachServiceName\" is no text"));
 }
 
 TEST_F(JobDescriptionTest, ServicesOfTheWrongKindAreNamedAndTheJobIsUsed) {

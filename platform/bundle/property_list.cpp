@@ -12,8 +12,10 @@
 namespace keel {
 
 std::expected<Value, std::string> decodePropertyList(std::span<const std::byte> bytes) {
-  if (bytes.size() > kPropertyListBytes) return std::unexpected(fmt::format("more than {} bytes", kPropertyListBytes));
-  return looksLikeBinaryPropertyList(bytes) ? decodeBinaryPropertyList(bytes) : decodeXmlPropertyList(bytes);
+  if (bytes.size() > kPropertyListBytes)
+    return std::unexpected(fmt::format("more than {} bytes", kPropertyListBytes));
+  return looksLikeBinaryPropertyList(bytes) ? decodeBinaryPropertyList(bytes)
+                                            : decodeXmlPropertyList(bytes);
 }
 
 std::expected<Value, Error> readPropertyList(const std::string& path) {
@@ -22,7 +24,8 @@ std::expected<Value, Error> readPropertyList(const std::string& path) {
   auto value = decodePropertyList(*bytes);
   if (!value) {
     return std::unexpected(
-        describedError(NSPOSIXErrorDomain, EBADMSG, fmt::format("{} is no property list: {}", path, value.error())));
+        describedError(NSPOSIXErrorDomain, EBADMSG,
+                       fmt::format("{} is no property list: {}", path, value.error())));
   }
   return std::move(*value);
 }

@@ -11,7 +11,8 @@ const std::string* keyThatStandsTwice(const Value::Map& map) {
   keys.reserve(map.size());
   for (const Member& member : map) keys.push_back(&member.key);
   std::ranges::sort(keys, {}, [](const std::string* key) -> std::string_view { return *key; });
-  const auto twice = std::ranges::adjacent_find(keys, {}, [](const std::string* key) -> std::string_view { return *key; });
+  const auto twice = std::ranges::adjacent_find(
+      keys, {}, [](const std::string* key) -> std::string_view { return *key; });
   return twice == keys.end() ? nullptr : *twice;
 }
 

@@ -13,16 +13,17 @@
 #include "runtime/foundation/test_bytes.h"
 #include "runtime/foundation/test_python.h"
 
-// Our reading of property lists held against Python's: its files mean the same to us, and what we accept of damaged ones it
-// accepts too, and sees the same value in it. Values travel in CBOR between the two.
+// Our reading of property lists held against Python's: its files mean the same to us, and what we
+// accept of damaged ones it accepts too, and sees the same value in it. Values travel in CBOR
+// between the two.
 
 namespace keel {
 namespace {
 
 constexpr unsigned kSeed = 20261121;
 
-// How Python writes a value of a property list in CBOR, dates with a floating-point number as we do. It has no word for dates
-// outside of the years 1 to 9999.
+// How Python writes a value of a property list in CBOR, dates with a floating-point number as we
+// do. It has no word for dates outside of the years 1 to 9999.
 constexpr const char* kCbor = R"(
 import cbor2, plistlib, random, sys
 from datetime import datetime
@@ -36,8 +37,9 @@ def tagged(value):
 def cbor(value): return cbor2.dumps(tagged(value)).hex()
 )";
 
-// Prints a file in XML, the same in the binary form, and its value, a line each. The arguments are the seed and how many.
-// Python's writer of the binary form takes -0.0 for 0.0, so that there is none.
+// Prints a file in XML, the same in the binary form, and its value, a line each. The arguments are
+// the seed and how many. Python's writer of the binary form takes -0.0 for 0.0, so that there is
+// none.
 constexpr const char* kMakeCorpus = R"(
 from datetime import timedelta
 r = random.Random(int(sys.argv[1]))
@@ -65,7 +67,8 @@ for _ in range(int(sys.argv[2])):
     print(cbor(whole))
 )";
 
-// Reads lines of a file and our value from a file, and prints how many there were; fails at the first that differ.
+// Reads lines of a file and our value from a file, and prints how many there were; fails at the
+// first that differ.
 constexpr const char* kCompare = R"(
 count = 0
 for line in open(sys.argv[1]):
@@ -98,9 +101,11 @@ struct Corpus {
 
 Corpus pythonCorpus(const TemporaryFolder& folder, int count) {
   const std::string program = std::string(kCbor) + kMakeCorpus;
-  std::istringstream lines(runPython(folder, program.c_str(), std::to_string(kSeed) + " " + std::to_string(count)));
+  std::istringstream lines(
+      runPython(folder, program.c_str(), std::to_string(kSeed) + " " + std::to_string(count)));
   Corpus corpus;
-  for (std::string xml, binary, value; std::getline(lines, xml) && std::getline(lines, binary) && std::getline(lines, value);) {
+  for (std::string xml, binary, value;
+       std::getline(lines, xml) && std::getline(lines, binary) && std::getline(lines, value);) {
     corpus.xml.push_back(bytesOfHex(xml));
     corpus.binary.push_back(bytesOfHex(binary));
     corpus.values.push_back(cbor::decode(bytesOfHex(value), cbor::kDepthCapacity).value());
@@ -120,14 +125,16 @@ void expectValues(const Files& files, const std::vector<Value>& values) {
 // Python's dates end with the years 1 and 9999, and count whole microseconds.
 bool pythonCanHold(const Value& value) {
   if (const Date* date = value.as<Date>()) {
-    return date->secondsSinceEpoch > -6.2e10 && date->secondsSinceEpoch < 2.5e11 && date->wholeSeconds();
+    return date->secondsSinceEpoch > -6.2e10 && date->secondsSinceEpoch < 2.5e11 &&
+           date->wholeSeconds();
   }
   if (const auto* list = value.as<Value::List>()) return std::ranges::all_of(*list, pythonCanHold);
   const auto* map = value.as<Value::Map>();
   return map == nullptr || std::ranges::all_of(*map, pythonCanHold, &Member::value);
 }
 
-// Damages each file in a few places, and compares those that we still accept. Yields how many these were.
+// Damages each file in a few places, and compares those that we still accept. Yields how many these
+// were.
 std::size_t acceptedByBoth(const TemporaryFolder& folder, const Files& files, int rounds) {
   std::mt19937 random(kSeed);
   std::size_t accepted = 0;
@@ -144,7 +151,8 @@ std::size_t acceptedByBoth(const TemporaryFolder& folder, const Files& files, in
   }
   lines.close();
   const std::string program = std::string(kCbor) + kPlain + kCompare;
-  EXPECT_EQ(std::atoll(runPython(folder, program.c_str(), folder.path("lines")).c_str()), static_cast<long long>(accepted));
+  EXPECT_EQ(std::atoll(runPython(folder, program.c_str(), folder.path("lines")).c_str()),
+            static_cast<long long>(accepted));
   return accepted;
 }
 

@@ -72,11 +72,13 @@ std::optional<Value> dateOfText(std::string_view text) {
   const auto part = [text](std::size_t at, std::size_t size) {
     return wholeNumber<unsigned>(text.substr(at, size), 10).value();
   };
-  const chrono::year_month_day date(chrono::year(static_cast<int>(part(0, 4))), chrono::month(part(5, 2)),
-                                    chrono::day(part(8, 2)));
+  const chrono::year_month_day date(chrono::year(static_cast<int>(part(0, 4))),
+                                    chrono::month(part(5, 2)), chrono::day(part(8, 2)));
   const unsigned hour = part(11, 2), minute = part(14, 2), second = part(17, 2);
-  if (!date.ok() || date.year() < chrono::year(1) || hour > 23 || minute > 59 || second > 59) return {};
-  const auto point = chrono::sys_days(date) + chrono::hours(hour) + chrono::minutes(minute) + chrono::seconds(second);
+  if (!date.ok() || date.year() < chrono::year(1) || hour > 23 || minute > 59 || second > 59)
+    return {};
+  const auto point = chrono::sys_days(date) + chrono::hours(hour) + chrono::minutes(minute) +
+                     chrono::seconds(second);
   return Date{chrono::duration<double>(point.time_since_epoch()).count()};
 }
 

@@ -6,8 +6,9 @@
 
 #include "runtime/foundation/value.h"
 
-// Values of property lists that are written as text, read from it; nothing when the text is not exactly that. No locale has a
-// say. White space around a number or a date, and anywhere in data, is skipped.
+// Values of property lists that are written as text, read from it; nothing when the text is not
+// exactly that. No locale has a say. White space around a number or a date, and anywhere in data,
+// is skipped.
 
 namespace keel {
 

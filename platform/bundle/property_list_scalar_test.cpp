@@ -17,13 +17,15 @@ TEST(PropertyListInteger, IsReadWithinItsLimits) {
   EXPECT_EQ(integerOfText(" \n007\t"), Value(7));
   EXPECT_EQ(integerOfText("0x1F"), Value(31));
   EXPECT_EQ(integerOfText("-9223372036854775808"), Value(std::numeric_limits<std::int64_t>::min()));
-  EXPECT_EQ(integerOfText("18446744073709551615"), Value(std::numeric_limits<std::uint64_t>::max()));
+  EXPECT_EQ(integerOfText("18446744073709551615"),
+            Value(std::numeric_limits<std::uint64_t>::max()));
   EXPECT_EQ(integerOfText("0xffffffffffffffff"), Value(std::numeric_limits<std::uint64_t>::max()));
 }
 
 TEST(PropertyListInteger, OtherTextIsRefused) {
-  for (const char* text : {"", " ", "-", "+", "--1", "+-1", "-+1", "1 2", "1.0", "1e3", "x", "0x", "0x+1", "-0x1", "1\v", "0xg",
-                           "18446744073709551616", "-9223372036854775809", "0x10000000000000000"}) {
+  for (const char* text :
+       {"", " ", "-", "+", "--1", "+-1", "-+1", "1 2", "1.0", "1e3", "x", "0x", "0x+1", "-0x1",
+        "1\v", "0xg", "18446744073709551616", "-9223372036854775809", "0x10000000000000000"}) {
     EXPECT_FALSE(integerOfText(text)) << text;
   }
 }
@@ -39,7 +41,8 @@ TEST(PropertyListReal, IsRead) {
 }
 
 TEST(PropertyListReal, OtherTextIsRefused) {
-  for (const char* text : {"", "-", "+", "+-1", "--1", "1,5", "1.5x", "0x1p3", "1e", "1e999", "nan(1)", "1 2", "."}) {
+  for (const char* text :
+       {"", "-", "+", "+-1", "--1", "1,5", "1.5x", "0x1p3", "1e", "1e999", "nan(1)", "1 2", "."}) {
     EXPECT_FALSE(realOfText(text)) << text;
   }
 }
@@ -52,22 +55,25 @@ TEST(PropertyListDate, IsReadToTheSecond) {
 }
 
 TEST(PropertyListDate, OtherTextIsRefused) {
-  for (const char* text :
-       {"", "2026-11-20", "2026-11-20T09:30:05", "2026-11-20 09:30:05Z", "2026-13-20T09:30:05Z", "2026-00-20T09:30:05Z",
-        "2026-02-29T00:00:00Z", "2026-11-00T00:00:00Z", "2026-11-20T24:00:00Z", "2026-11-20T23:60:00Z", "2026-11-20T23:59:60Z",
-        "2026-11-20T09:30:05ZZ", "+026-11-20T09:30:05Z", "20 6-11-20T09:30:05Z", "0000-01-01T00:00:00Z"}) {
+  for (const char* text : {"", "2026-11-20", "2026-11-20T09:30:05", "2026-11-20 09:30:05Z",
+                           "2026-13-20T09:30:05Z", "2026-00-20T09:30:05Z", "2026-02-29T00:00:00Z",
+                           "2026-11-00T00:00:00Z", "2026-11-20T24:00:00Z", "2026-11-20T23:60:00Z",
+                           "2026-11-20T23:59:60Z", "2026-11-20T09:30:05ZZ", "+026-11-20T09:30:05Z",
+                           "20 6-11-20T09:30:05Z", "0000-01-01T00:00:00Z"}) {
     EXPECT_FALSE(dateOfText(text)) << text;
   }
 }
 
 TEST(PropertyListData, IsReadAcrossLines) {
   EXPECT_EQ(dataOfText(""), Value(Value::Bytes{}));
-  EXPECT_EQ(dataOfText("\n\tAAH\r\n /\n"), Value(Value::Bytes{std::byte{0}, std::byte{1}, std::byte{0xff}}));
+  EXPECT_EQ(dataOfText("\n\tAAH\r\n /\n"),
+            Value(Value::Bytes{std::byte{0}, std::byte{1}, std::byte{0xff}}));
   EXPECT_EQ(dataOfText("Ag=="), Value(Value::Bytes{std::byte{2}}));
 }
 
 TEST(PropertyListData, OtherTextIsRefused) {
-  for (const char* text : {"A", "Ag", "Ag=", "Ah==", "A-==", "Ag==Ag==", "\"Ag==\""}) EXPECT_FALSE(dataOfText(text)) << text;
+  for (const char* text : {"A", "Ag", "Ag=", "Ah==", "A-==", "Ag==Ag==", "\"Ag==\""})
+    EXPECT_FALSE(dataOfText(text)) << text;
 }
 
 }  // namespace

@@ -14,7 +14,9 @@ namespace {
 
 // A dictionary with the key "a" and the value true, in the binary form.
 const std::string kBinary(
-    "bplist00\xd1\x01\x02Qa\x09\x08\x0b\x0d\0\0\0\0\0\0\x01\x01\0\0\0\0\0\0\0\x03\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x0e", 49);
+    "bplist00\xd1\x01\x02Qa\x09\x08\x0b\x0d\0\0\0\0\0\0\x01\x01\0\0\0\0\0\0\0\x03\0\0\0\0\0\0\0\0\0"
+    "\0\0\0\0\0\0\x0e",
+    49);
 
 TEST(PropertyList, IsReadInBothForms) {
   const TemporaryFolder folder;
@@ -28,11 +30,13 @@ TEST(PropertyList, ThatIsWrongIsNamedWithTheReason) {
   const TemporaryFolder folder;
   const std::string path = folder.path("file");
   folder.write("file", "<plist>\n<what/></plist>");
-  EXPECT_EQ(readPropertyList(path).error().description(),
-            path + " is no property list: line 2: unknown element <what> (NSPOSIXErrorDomain error 74)");
+  EXPECT_EQ(
+      readPropertyList(path).error().description(),
+      path + " is no property list: line 2: unknown element <what> (NSPOSIXErrorDomain error 74)");
   folder.write("file", "bplist00");
-  EXPECT_EQ(readPropertyList(path).error().description(),
-            path + " is no property list: cut off before its trailer (NSPOSIXErrorDomain error 74)");
+  EXPECT_EQ(
+      readPropertyList(path).error().description(),
+      path + " is no property list: cut off before its trailer (NSPOSIXErrorDomain error 74)");
   EXPECT_EQ(readPropertyList(folder.path("none")).error().code(), ENOENT);
   EXPECT_EQ(readPropertyList(folder.path()).error().code(), EINVAL);
 }
@@ -50,7 +54,8 @@ TEST(PropertyList, HasALimitedSize) {
   EXPECT_TRUE(readPropertyList(folder.path("fits")));
   EXPECT_EQ(readPropertyList(folder.path("larger")).error().code(), EFBIG);
   EXPECT_TRUE(decodePropertyList(bytesOfText(documentOf(kPropertyListBytes))));
-  EXPECT_EQ(decodePropertyList(bytesOfText(documentOf(kPropertyListBytes + 1))).error(), "more than 1048576 bytes");
+  EXPECT_EQ(decodePropertyList(bytesOfText(documentOf(kPropertyListBytes + 1))).error(),
+            "more than 1048576 bytes");
 }
 
 TEST(PropertyListKeys, OneThatStandsTwiceIsFound) {

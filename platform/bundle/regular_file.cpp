@@ -18,7 +18,8 @@ namespace keel {
 namespace {
 
 std::unexpected<Error> unreadable(const std::string& path, int number, const std::string& reason) {
-  return std::unexpected(describedError(NSPOSIXErrorDomain, number, fmt::format("cannot read {}: {}", path, reason)));
+  return std::unexpected(
+      describedError(NSPOSIXErrorDomain, number, fmt::format("cannot read {}: {}", path, reason)));
 }
 
 std::unexpected<Error> unreadable(const std::string& path) {
@@ -26,7 +27,8 @@ std::unexpected<Error> unreadable(const std::string& path) {
   return unreadable(path, number, std::strerror(number));
 }
 
-// Up to `limitBytes`, fewer only at the end of the file; nothing, with errno set, when it cannot be read.
+// Up to `limitBytes`, fewer only at the end of the file; nothing, with errno set, when it cannot be
+// read.
 std::optional<std::vector<std::byte>> readUpTo(int descriptor, std::size_t limitBytes) {
   constexpr std::size_t kChunkBytes = 16 * 1024;
   std::vector<std::byte> bytes;
@@ -43,17 +45,20 @@ std::optional<std::vector<std::byte>> readUpTo(int descriptor, std::size_t limit
 
 }  // namespace
 
-std::expected<std::vector<std::byte>, Error> readRegularFile(const std::string& path, std::size_t limitBytes) {
+std::expected<std::vector<std::byte>, Error> readRegularFile(const std::string& path,
+                                                             std::size_t limitBytes) {
   struct stat status;
   if (::stat(path.c_str(), &status) != 0) return unreadable(path);
   if (!S_ISREG(status.st_mode)) return unreadable(path, EINVAL, "not a regular file");
-  // Another file may have taken its place meanwhile, so that it is opened without waiting, and looked at once more.
+  // Another file may have taken its place meanwhile, so that it is opened without waiting, and
+  // looked at once more.
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!file || ::fstat(file.get(), &status) != 0) return unreadable(path);
   if (!S_ISREG(status.st_mode)) return unreadable(path, EINVAL, "not a regular file");
   auto bytes = readUpTo(file.get(), limitBytes + 1);
   if (!bytes) return unreadable(path);
-  if (bytes->size() > limitBytes) return unreadable(path, EFBIG, fmt::format("more than {} bytes", limitBytes));
+  if (bytes->size() > limitBytes)
+    return unreadable(path, EFBIG, fmt::format("more than {} bytes", limitBytes));
   return std::move(*bytes);
 }
 

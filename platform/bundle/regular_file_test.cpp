@@ -38,8 +38,9 @@ TEST(RegularFile, WithMoreThanTheLimitIsRefused) {
   const TemporaryFolder folder;
   folder.write("file", "abc");
   EXPECT_EQ(outcomeOf(folder.path("file"), 3), "3 bytes");
-  EXPECT_EQ(outcomeOf(folder.path("file"), 2),
-            "cannot read " + folder.path("file") + ": more than 2 bytes (NSPOSIXErrorDomain error 27)");
+  EXPECT_EQ(
+      outcomeOf(folder.path("file"), 2),
+      "cannot read " + folder.path("file") + ": more than 2 bytes (NSPOSIXErrorDomain error 27)");
 }
 
 // Such files say that they have no size.
@@ -58,7 +59,8 @@ TEST(RegularFile, LinksAreFollowed) {
 TEST(RegularFile, ThatCannotBeReadIsNamed) {
   const TemporaryFolder folder;
   EXPECT_EQ(outcomeOf(folder.path("none")),
-            "cannot read " + folder.path("none") + ": No such file or directory (NSPOSIXErrorDomain error 2)");
+            "cannot read " + folder.path("none") +
+                ": No such file or directory (NSPOSIXErrorDomain error 2)");
   ASSERT_EQ(::symlink("loop", folder.path("loop").c_str()), 0);
   EXPECT_EQ(readRegularFile(folder.path("loop"), 100).error().code(), ELOOP);
 }
@@ -71,10 +73,12 @@ TEST(RegularFile, OtherKindsAreNotOpened) {
   const FileDescriptor listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
   std::strncpy(address.sun_path, folder.path("socket").c_str(), sizeof address.sun_path - 1);
-  ASSERT_EQ(::bind(listening.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  for (const std::string& path :
-       {folder.path("pipe"), folder.path("link"), folder.path("socket"), folder.path(""), std::string("/dev/zero")}) {
-    EXPECT_EQ(outcomeOf(path), "cannot read " + path + ": not a regular file (NSPOSIXErrorDomain error 22)");
+  ASSERT_EQ(::bind(listening.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+            0);
+  for (const std::string& path : {folder.path("pipe"), folder.path("link"), folder.path("socket"),
+                                  folder.path(""), std::string("/dev/zero")}) {
+    EXPECT_EQ(outcomeOf(path),
+              "cannot read " + path + ": not a regular file (NSPOSIXErrorDomain error 22)");
   }
 }
 

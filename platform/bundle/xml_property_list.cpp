@@ -35,8 +35,9 @@ std::optional<Value> nothingElse(std::string_view text) {
 }
 
 constexpr Leaf kLeaves[] = {
-    {"key", textOfText},  {"string", textOfText}, {"integer", integerOfText},  {"real", realOfText},
-    {"date", dateOfText}, {"data", dataOfText},   {"true", nothingElse<true>}, {"false", nothingElse<false>},
+    {"key", textOfText},         {"string", textOfText},        {"integer", integerOfText},
+    {"real", realOfText},        {"date", dateOfText},          {"data", dataOfText},
+    {"true", nothingElse<true>}, {"false", nothingElse<false>},
 };
 
 const Leaf* leafNamed(std::string_view name) {
@@ -55,8 +56,9 @@ struct Container {
   std::optional<std::string> key;
 };
 
-// Builds the value while the parser goes through the document. The first thing that is wrong ends it. The parser is C, which no
-// exception may cross; there are none but for want of memory, and then the process ends.
+// Builds the value while the parser goes through the document. The first thing that is wrong ends
+// it. The parser is C, which no exception may cross; there are none but for want of memory, and
+// then the process ends.
 class Builder {
  public:
   Builder();
@@ -67,7 +69,8 @@ class Builder {
     void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
   };
   static Builder& of(void* user) { return *static_cast<Builder*>(user); }
-  static void XMLCALL onDoctype(void* user, const char*, const char*, const char*, int hasInternalSubset) noexcept;
+  static void XMLCALL onDoctype(void* user, const char*, const char*, const char*,
+                                int hasInternalSubset) noexcept;
   static void XMLCALL onSkippedEntity(void* user, const char* name, int) noexcept;
   static void XMLCALL onStart(void* user, const char* name, const char** attributes) noexcept;
   static void XMLCALL onEnd(void* user, const char* name) noexcept;
@@ -102,14 +105,16 @@ Builder::Builder() : parser_(XML_ParserCreate(nullptr)) {
 
 std::expected<Value, std::string> Builder::decode(std::span<const std::byte> bytes) {
   const auto* text = reinterpret_cast<const char*>(bytes.data());
-  const bool wellFormed = XML_Parse(parser_.get(), text, static_cast<int>(bytes.size()), XML_TRUE) == XML_STATUS_OK;
+  const bool wellFormed =
+      XML_Parse(parser_.get(), text, static_cast<int>(bytes.size()), XML_TRUE) == XML_STATUS_OK;
   if (!wellFormed) refuse(XML_ErrorString(XML_GetErrorCode(parser_.get())));
   if (fault_) return std::unexpected(std::move(*fault_));
   return std::move(*whole_);
 }
 
 // Some calls still come after the parser was stopped.
-void Builder::onDoctype(void* user, const char*, const char*, const char*, int hasInternalSubset) noexcept {
+void Builder::onDoctype(void* user, const char*, const char*, const char*,
+                        int hasInternalSubset) noexcept {
   if (hasInternalSubset != 0) of(user).refuse("declarations within the document type are not read");
 }
 void Builder::onSkippedEntity(void* user, const char* name, int) noexcept {
@@ -126,9 +131,11 @@ void Builder::onText(void* user, const char* text, int size) noexcept {
 }
 
 void Builder::start(std::string_view name, const char** attributes) {
-  if (leaf_ != nullptr) return refuse(fmt::format("<{}> within <{}>", excerptOf(name), leaf_->name));
+  if (leaf_ != nullptr)
+    return refuse(fmt::format("<{}> within <{}>", excerptOf(name), leaf_->name));
   if (!inPlist_) {
-    if (name != "plist") return refuse(fmt::format("<{}> where <plist> should be", excerptOf(name)));
+    if (name != "plist")
+      return refuse(fmt::format("<{}> where <plist> should be", excerptOf(name)));
     return startPlist(attributes);
   }
   if (*attributes != nullptr) return refuse(fmt::format("<{}> with an attribute", excerptOf(name)));
@@ -139,7 +146,8 @@ void Builder::startPlist(const char** attributes) {
   inPlist_ = true;
   for (; *attributes != nullptr; attributes += 2) {
     if (attributes[0] != std::string_view("version") || attributes[1] != std::string_view("1.0")) {
-      return refuse(fmt::format("<plist> with {}=\"{}\"", excerptOf(attributes[0]), excerptOf(attributes[1])));
+      return refuse(fmt::format("<plist> with {}=\"{}\"", excerptOf(attributes[0]),
+                                excerptOf(attributes[1])));
     }
   }
 }
@@ -149,12 +157,15 @@ void Builder::startValue(std::string_view name) {
   if (open_.empty() && whole_) return refuse(fmt::format("<{}> after the value", excerptOf(name)));
   if (name == "key") {
     if (!inMap) return refuse("<key> outside of a dictionary");
-    if (open_.back().key) return refuse(fmt::format("<key> where the value of \"{}\" should be", excerptOf(*open_.back().key)));
+    if (open_.back().key)
+      return refuse(
+          fmt::format("<key> where the value of \"{}\" should be", excerptOf(*open_.back().key)));
   } else if (inMap && !open_.back().key) {
     return refuse(fmt::format("<{}> without a <key>", excerptOf(name)));
   }
   if (name == "dict" || name == "array") {
-    if (open_.size() == kPropertyListDepth) return refuse(fmt::format("nested more than {} deep", kPropertyListDepth));
+    if (open_.size() == kPropertyListDepth)
+      return refuse(fmt::format("nested more than {} deep", kPropertyListDepth));
     open_.emplace_back().isMap = name == "dict";
     return;
   }
@@ -191,9 +202,11 @@ void Builder::end(std::string_view name) {
 
 void Builder::endContainer() {
   Container container = std::move(open_.back());
-  if (container.key) return refuse(fmt::format("key \"{}\" without a value", excerptOf(*container.key)));
+  if (container.key)
+    return refuse(fmt::format("key \"{}\" without a value", excerptOf(*container.key)));
   if (const std::string* twice = keyThatStandsTwice(container.map)) {
-    return refuse(fmt::format("key \"{}\" twice in the dictionary that ends here", excerptOf(*twice)));
+    return refuse(
+        fmt::format("key \"{}\" twice in the dictionary that ends here", excerptOf(*twice)));
   }
   open_.pop_back();
   add(container.isMap ? Value(std::move(container.map)) : Value(std::move(container.list)));

@@ -68,13 +68,15 @@ TEST(XmlPropertyList, MayHoldAnyKindAtTheTop) {
 }
 
 TEST(XmlPropertyList, KeepsTheOrderOfKeys) {
-  const auto value = inside("<dict><key>z</key><true/><key>a</key><true/><key>m</key><true/></dict>");
+  const auto value =
+      inside("<dict><key>z</key><true/><key>a</key><true/><key>m</key><true/></dict>");
   EXPECT_EQ(value.value().description(), R"({"z": true, "a": true, "m": true})");
 }
 
 TEST(XmlPropertyList, MayBeWrittenInUtf16) {
   std::string wide = "\xff\xfe";
-  for (const char letter : std::string_view("<plist><string>x</string></plist>")) wide += {letter, '\0'};
+  for (const char letter : std::string_view("<plist><string>x</string></plist>"))
+    wide += {letter, '\0'};
   EXPECT_EQ(decoded(wide), Value("x"));
 }
 
@@ -93,7 +95,8 @@ TEST(XmlPropertyList, SaysInWhichLineWhatIsWrong) {
   EXPECT_EQ(faultOf("<date>today</date>"), "line 1: <date> holds \"today\"");
   EXPECT_EQ(faultOf("<data>!</data>"), "line 1: <data> holds \"!\"");
   EXPECT_EQ(faultOf("<string a=\"b\"/>"), "line 1: <string> with an attribute");
-  EXPECT_EQ(faultOf("<" + std::string(61, 'x') + "/>"), "line 1: unknown element <" + std::string(60, 'x') + "...>");
+  EXPECT_EQ(faultOf("<" + std::string(61, 'x') + "/>"),
+            "line 1: unknown element <" + std::string(60, 'x') + "...>");
 }
 
 TEST(XmlPropertyList, DictionariesHoldKeysAndValuesByTurns) {
@@ -102,7 +105,8 @@ TEST(XmlPropertyList, DictionariesHoldKeysAndValuesByTurns) {
   EXPECT_EQ(faultOf("<dict><true/></dict>"), "line 1: <true> without a <key>");
   EXPECT_EQ(faultOf("<dict><dict/></dict>"), "line 1: <dict> without a <key>");
   EXPECT_EQ(faultOf("<dict><key>a</key></dict>"), "line 1: key \"a\" without a value");
-  EXPECT_EQ(faultOf("<dict><key>a</key><key>b</key></dict>"), "line 1: <key> where the value of \"a\" should be");
+  EXPECT_EQ(faultOf("<dict><key>a</key><key>b</key></dict>"),
+            "line 1: <key> where the value of \"a\" should be");
   EXPECT_EQ(faultOf("<dict><key>a</key><true/><key>b</key><true/>\n<key>a</key><false/>\n</dict>"),
             "line 3: key \"a\" twice in the dictionary that ends here");
 }
@@ -113,43 +117,58 @@ TEST(XmlPropertyList, AKeyMayStandOnceInEachDictionary) {
 
 TEST(XmlPropertyList, TheRootIsPlistVersion1) {
   EXPECT_EQ(decoded("<dict/>").error(), "line 1: <dict> where <plist> should be");
-  EXPECT_EQ(decoded("<plist version=\"2.0\"><true/></plist>").error(), "line 1: <plist> with version=\"2.0\"");
-  EXPECT_EQ(decoded("<plist lang=\"en\"><true/></plist>").error(), "line 1: <plist> with lang=\"en\"");
+  EXPECT_EQ(decoded("<plist version=\"2.0\"><true/></plist>").error(),
+            "line 1: <plist> with version=\"2.0\"");
+  EXPECT_EQ(decoded("<plist lang=\"en\"><true/></plist>").error(),
+            "line 1: <plist> with lang=\"en\"");
 }
 
 TEST(XmlPropertyList, WhatIsNotWellFormedIsRefused) {
   for (const char* xml :
-       {"", " ", "text", "<plist>", "<plist><true/></plist><plist/>", "<plist><true/></plist>behind",
-        "<plist><array></dict></plist>", "<plist><string>&nbsp;</string></plist>", "<plist><string>\x01</string></plist>",
+       {"", " ", "text", "<plist>", "<plist><true/></plist><plist/>",
+        "<plist><true/></plist>behind", "<plist><array></dict></plist>",
+        "<plist><string>&nbsp;</string></plist>", "<plist><string>\x01</string></plist>",
         "<plist><string>\xff</string></plist>", "<plist><string>\xed\xa0\x80</string></plist>",
         "<plist><string>&#0;</string></plist>", "<plist><string>&#xd800;</string></plist>",
-        "<plist><true a='1' a='2'/></plist>", "<?xml version='1.0' encoding='EBCDIC'?><plist><true/></plist>"}) {
+        "<plist><true a='1' a='2'/></plist>",
+        "<?xml version='1.0' encoding='EBCDIC'?><plist><true/></plist>"}) {
     EXPECT_FALSE(decoded(xml)) << xml;
   }
   EXPECT_FALSE(decoded(std::string_view("<plist><true/></plist>\0", 23)));
 }
 
 TEST(XmlPropertyList, DeclaresNoEntities) {
-  EXPECT_EQ(decoded("<!DOCTYPE plist [<!ENTITY a \"b\">]><plist><string>&a;</string></plist>").error(),
-            "line 1: declarations within the document type are not read");
-  EXPECT_EQ(decoded("<!DOCTYPE plist [<!ENTITY a SYSTEM \"file:///etc/passwd\">]><plist><string>&a;</string></plist>").error(),
-            "line 1: declarations within the document type are not read");
   EXPECT_EQ(
-      decoded("<!DOCTYPE plist SYSTEM \"file:///etc/passwd\" [<!ENTITY % a SYSTEM \"b\"> %a;]><plist><true/></plist>").error(),
+      decoded("<!DOCTYPE plist [<!ENTITY a \"b\">]><plist><string>&a;</string></plist>").error(),
       "line 1: declarations within the document type are not read");
+  EXPECT_EQ(decoded("<!DOCTYPE plist [<!ENTITY a SYSTEM "
+                    "\"file:///etc/passwd\">]><plist><string>&a;</string></plist>")
+                .error(),
+            "line 1: declarations within the document type are not read");
+  EXPECT_EQ(decoded("<!DOCTYPE plist SYSTEM \"file:///etc/passwd\" [<!ENTITY % a SYSTEM \"b\"> "
+                    "%a;]><plist><true/></plist>")
+                .error(),
+            "line 1: declarations within the document type are not read");
 }
 
-// The parser passes over entities that an external document type, which it does not read, might declare.
+// The parser passes over entities that an external document type, which it does not read, might
+// declare.
 TEST(XmlPropertyList, EntitiesOfAnExternalTypeAreRefused) {
-  EXPECT_EQ(decoded("<!DOCTYPE plist SYSTEM \"file:///etc/passwd\">\n<plist><string>a&b;c</string></plist>").error(),
-            "line 2: unknown entity b");
+  EXPECT_EQ(
+      decoded(
+          "<!DOCTYPE plist SYSTEM \"file:///etc/passwd\">\n<plist><string>a&b;c</string></plist>")
+          .error(),
+      "line 2: unknown entity b");
 }
 
 TEST(XmlPropertyList, NestsAsDeepAsTheLimit) {
-  EXPECT_TRUE(inside(repeated("<array>", kPropertyListDepth) + repeated("</array>", kPropertyListDepth)));
-  EXPECT_EQ(faultOf(repeated("<array>", kPropertyListDepth + 1) + repeated("</array>", kPropertyListDepth + 1)),
+  EXPECT_TRUE(
+      inside(repeated("<array>", kPropertyListDepth) + repeated("</array>", kPropertyListDepth)));
+  EXPECT_EQ(faultOf(repeated("<array>", kPropertyListDepth + 1) +
+                    repeated("</array>", kPropertyListDepth + 1)),
             "line 1: nested more than 64 deep");
-  EXPECT_EQ(faultOf(repeated("<dict><key>a</key>", kPropertyListDepth + 1)), "line 1: nested more than 64 deep");
+  EXPECT_EQ(faultOf(repeated("<dict><key>a</key>", kPropertyListDepth + 1)),
+            "line 1: nested more than 64 deep");
   EXPECT_EQ(faultOf(repeated("<array>", 100000)), "line 1: nested more than 64 deep");
 }
 

@@ -16,7 +16,8 @@ namespace {
 
 // What a look-up of the short name may use.
 constexpr std::size_t kShortNameBytes = 2048;
-// No system lets an account's name be longer; what directories make of enormous names need not be found out.
+// No system lets an account's name be longer; what directories make of enormous names need not be
+// found out.
 constexpr std::size_t kNameBytes = 255;
 // An entry of a group lists its members, which may be many; one of a user is small.
 constexpr std::size_t kFirstEntryBytes = 4096;
@@ -28,8 +29,8 @@ bool canBeName(const std::string& name) {
   return !name.empty() && name.size() <= kNameBytes && name.find('\0') == std::string::npos;
 }
 
-// Calls `look(buffer)`, which yields 0 or an errno and whether there was an entry, with growing buffers while they do not
-// suffice.
+// Calls `look(buffer)`, which yields 0 or an errno and whether there was an entry, with growing
+// buffers while they do not suffice.
 template <class Look>
 int lookUp(Look look) {
   for (std::size_t size = kFirstEntryBytes; size <= kLargestEntryBytes; size *= 4) {
@@ -47,7 +48,9 @@ class SystemMembership final : public Membership {
     passwd entry{};
     passwd* found = nullptr;
     std::array<char, kShortNameBytes> buffer;
-    if (::getpwnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) return std::nullopt;
+    if (::getpwnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 ||
+        found == nullptr)
+      return std::nullopt;
     return found->pw_name;
   }
 
@@ -77,7 +80,8 @@ class SystemMembership final : public Membership {
     });
   }
 
-  int mbr_check_membership(const Identifier& user, const Identifier& group, bool& isMember) override {
+  int mbr_check_membership(const Identifier& user, const Identifier& group,
+                           bool& isMember) override {
     const Identifier::User* const member = user.user();
     if (member == nullptr || group.group() == nullptr) return EINVAL;
     int count = 64;

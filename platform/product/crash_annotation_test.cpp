@@ -63,7 +63,8 @@ TEST(CrashAnnotation, IsTheExecutablesSection) {
   EXPECT_EQ(section->sh_addr + loadOffset(), reinterpret_cast<std::uintptr_t>(&crashAnnotation()));
 }
 
-// The banner is set once in a process, so each of these runs in a process of its own and tells of it on standard error.
+// The banner is set once in a process, so each of these runs in a process of its own and tells of
+// it on standard error.
 
 [[noreturn]] void showBannerOfSection(const std::string& version) {
   const auto section = sectionNamed("keel_crash_info");
@@ -76,7 +77,8 @@ TEST(CrashAnnotation, IsTheExecutablesSection) {
 }
 
 TEST(SetCrashBannerDeathTest, FillsTheMessageOfTheSection) {
-  EXPECT_EXIT(showBannerOfSection("4.2 (17B5)"), ::testing::ExitedWithCode(0), "^5:\\* Calder Version 4\\.2 \\(17B5\\) \\*$");
+  EXPECT_EXIT(showBannerOfSection("4.2 (17B5)"), ::testing::ExitedWithCode(0),
+              "^5:\\* Calder Version 4\\.2 \\(17B5\\) \\*$");
 }
 
 TEST(SetCrashBannerDeathTest, VersionOf236CharactersIsWhole) {

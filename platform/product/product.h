@@ -15,15 +15,19 @@ String TBCopyCalderBuildVersion();
 inline constexpr std::string_view KLNErrorDomain = "KLNErrorDomain";
 
 // Codes of KLNErrorDomain.
-inline constexpr int errAuthFailed = 5;             // password, or answer to a challenge, rejected
-inline constexpr int errAuthIDNotFound = 6;         // no challenge in progress under that ID on this connection
+inline constexpr int errAuthFailed = 5;  // password, or answer to a challenge, rejected
+inline constexpr int errAuthIDNotFound =
+    6;  // no challenge in progress under that ID on this connection
 inline constexpr int errPublisherDisconnected = 8;  // the publisher's connection went away
-inline constexpr int errDuplicate = 9;              // already published, or already subscribed from this connection
-inline constexpr int errNotOwner = 10;              // the calling connection is not the item's publisher
-inline constexpr int errNotFound = 11;              // no item of that name, or not published by this connection
-inline constexpr int errNilName = 12;               // a required name was missing
-inline constexpr int errRequestFailed = 13;         // nothing given, nothing made, or an exception while serving
-inline constexpr int errNotAdmin = 14;              // credentials good, but the user is not in the group "admin"
+inline constexpr int errDuplicate =
+    9;  // already published, or already subscribed from this connection
+inline constexpr int errNotOwner = 10;  // the calling connection is not the item's publisher
+inline constexpr int errNotFound = 11;  // no item of that name, or not published by this connection
+inline constexpr int errNilName = 12;   // a required name was missing
+inline constexpr int errRequestFailed =
+    13;  // nothing given, nothing made, or an exception while serving
+inline constexpr int errNotAdmin =
+    14;  // credentials good, but the user is not in the group "admin"
 
 // The right that an authorization reference has to carry.
 inline constexpr const char* kManageDaemonsRight = "com.vantor.ServiceManagement.daemons.modify";
@@ -33,7 +37,9 @@ inline constexpr const char* kAuthServiceName = "com.vantor.keeld.auth";
 inline constexpr const char* kLockDirectory = "/private/var/keeld";
 // The program that hosts one module.
 inline constexpr const char* kModuleProgram =
-    "/Applications/Calder.app/Contents/CalderRoot/System/Library/CoreServices/KeelDaemon.bundle/Contents/MacOS/keeld";
-inline constexpr const char* kBundlesDirectory = "/Applications/Calder.app/Contents/CalderRoot/usr/share/keeld/bundles/";
+    "/Applications/Calder.app/Contents/CalderRoot/System/Library/CoreServices/KeelDaemon.bundle/"
+    "Contents/MacOS/keeld";
+inline constexpr const char* kBundlesDirectory =
+    "/Applications/Calder.app/Contents/CalderRoot/usr/share/keeld/bundles/";
 
 }  // namespace keel

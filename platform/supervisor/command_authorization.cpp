@@ -45,9 +45,11 @@ Error LastRefusal::reasonFor(const String& label, const Error& otherwise) const 
 
 void logUnsupportedKeys(const Job& job) {
   if (job.unsupported.empty()) return;
-  const auto named = std::span(job.unsupported).first(std::min(job.unsupported.size(), kNamedKeyCount));
-  _loggerForCategory("startup").error("the job {} has keys without a counterpart here, which are left out: {}{}", job.label,
-                                      fmt::join(named, ", "), named.size() < job.unsupported.size() ? ", ..." : "");
+  const auto named =
+      std::span(job.unsupported).first(std::min(job.unsupported.size(), kNamedKeyCount));
+  _loggerForCategory("startup").error(
+      "the job {} has keys without a counterpart here, which are left out: {}{}", job.label,
+      fmt::join(named, ", "), named.size() < job.unsupported.size() ? ", ..." : "");
 }
 
 }  // namespace keel

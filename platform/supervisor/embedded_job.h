@@ -18,13 +18,15 @@
 
 namespace keel {
 
-// One enabled job where keeld itself is the service manager: holds the job's sockets, starts its program when somebody
-// connects, and looks at the sockets again when the program has ended. A program that fails, or leaves whoever waits for it
-// waiting, is given a pause before the next start: ThrottleInterval, counted from its last start.
+// One enabled job where keeld itself is the service manager: holds the job's sockets, starts its
+// program when somebody connects, and looks at the sockets again when the program has ended. A
+// program that fails, or leaves whoever waits for it waiting, is given a pause before the next
+// start: ThrottleInterval, counted from its last start.
 //
-// Lives on the reactor's thread, but for what says otherwise. What may block, such as the start of its program, is done by a
-// worker, on a queue of the job's own: one job never waits for another.
-class EmbeddedJob final : private Reactor::Watcher, public std::enable_shared_from_this<EmbeddedJob> {
+// Lives on the reactor's thread, but for what says otherwise. What may block, such as the start of
+// its program, is done by a worker, on a queue of the job's own: one job never waits for another.
+class EmbeddedJob final : private Reactor::Watcher,
+                          public std::enable_shared_from_this<EmbeddedJob> {
  public:
   // Where a job runs, and how it is seen. Executors are borrowed.
   struct World {
@@ -41,15 +43,16 @@ class EmbeddedJob final : private Reactor::Watcher, public std::enable_shared_fr
   // Between SIGTERM and SIGKILL, unless the job says otherwise.
   static constexpr std::chrono::seconds kExitTimeOut{20};
 
-  // Makes the sockets in place of whatever has their names, such as one that a program of an earlier keeld still holds; fails
-  // when one cannot be had. From any thread.
+  // Makes the sockets in place of whatever has their names, such as one that a program of an
+  // earlier keeld still holds; fails when one cannot be had. From any thread.
   static std::expected<std::shared_ptr<EmbeddedJob>, Error> create(Job job, World world);
   ~EmbeddedJob();
 
   // From any thread.
   void begin();
-  // Removes the sockets at once, so that another job can have their names, and then ends the program, for good. From the thread
-  // that made the job. A job whose program is still ending keeps itself.
+  // Removes the sockets at once, so that another job can have their names, and then ends the
+  // program, for good. From the thread that made the job. A job whose program is still ending keeps
+  // itself.
   void end();
 
  private:

@@ -42,7 +42,8 @@ std::expected<std::shared_ptr<EmbeddedJob>, Error> EmbeddedJob::create(Job job, 
     }
     sockets.push_back(std::move(*socket));
   }
-  return std::shared_ptr<EmbeddedJob>(new EmbeddedJob(std::move(job), std::move(world), std::move(sockets)));
+  return std::shared_ptr<EmbeddedJob>(
+      new EmbeddedJob(std::move(job), std::move(world), std::move(sockets)));
 }
 
 EmbeddedJob::EmbeddedJob(Job job, World world, std::vector<xpc::ServiceSocket> sockets)
@@ -95,7 +96,8 @@ void EmbeddedJob::start() {
   if (lastStart_ - former >= pauseInterval()) startsInARow_ = 0;
   ++startsInARow_;
   slowWork_->async([self = shared_from_this()] {
-    auto launched = std::make_shared<std::expected<LaunchedProcess, Error>>(launch(self->job_, self->namedSockets_));
+    auto launched = std::make_shared<std::expected<LaunchedProcess, Error>>(
+        launch(self->job_, self->namedSockets_));
     Reactor& reactor = self->world_.reactor;
     reactor.post([self, launched] { self->started(std::move(*launched)); });
   });
@@ -123,7 +125,9 @@ void EmbeddedJob::ProcessWatcher::onReady(std::uint32_t) {
 
 void EmbeddedJob::processEnded() {
   siginfo_t end{};
-  if (::waitid(P_PID, static_cast<id_t>(process_.pid), &end, WEXITED | WNOHANG | WNOWAIT) != 0 || end.si_pid == 0) return;
+  if (::waitid(P_PID, static_cast<id_t>(process_.pid), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+      end.si_pid == 0)
+    return;
   // What it has started goes with it. As long as it is not reaped its group is no other's.
   if (!job_.abandonProcessGroup) ::kill(-process_.pid, SIGKILL);
   ::waitid(P_PID, static_cast<id_t>(process_.pid), &end, WEXITED);
@@ -144,8 +148,8 @@ void EmbeddedJob::settle(bool succeeded, bool crashed) {
   state_ = State::idle;
   if (ending_) return finish();
   if (wantsRestart(succeeded, crashed)) return pauseThen(&EmbeddedJob::start);
-  // Who connected while it was ending is left waiting by a good program, too; but one that never accepts anybody would be
-  // started without end.
+  // Who connected while it was ending is left waiting by a good program, too; but one that never
+  // accepts anybody would be started without end.
   if (succeeded && (!isDemanded() || startsInARow_ < kFreeStarts)) return wait();
   pauseThen(&EmbeddedJob::wait);
 }

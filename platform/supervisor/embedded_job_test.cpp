@@ -45,8 +45,11 @@ class EmbeddedJobTest : public testing::Test {
   }
 
   EmbeddedJob::World world() {
-    return {
-        .serviceDirectory = root_, .reactor = reactor_, .workers = *pool_, .records = records_, .now = [this] { return now_; }};
+    return {.serviceDirectory = root_,
+            .reactor = reactor_,
+            .workers = *pool_,
+            .records = records_,
+            .now = [this] { return now_; }};
   }
 
   // A shell that runs `script`.
@@ -112,7 +115,8 @@ class EmbeddedJobTest : public testing::Test {
 
 // A command that serves one client for as long as that one stays.
 constexpr const char* kServeOne =
-    "/usr/bin/python3 -c 'import socket; c, a = socket.socket(fileno=3).accept(); c.sendall(b\"x\"); c.recv(1)'";
+    "/usr/bin/python3 -c 'import socket; c, a = socket.socket(fileno=3).accept(); "
+    "c.sendall(b\"x\"); c.recv(1)'";
 
 TEST_F(EmbeddedJobTest, NobodyStartsItUntilSomebodyConnects) {
   begin(shell("echo start >>" + path("starts")));
@@ -122,12 +126,14 @@ TEST_F(EmbeddedJobTest, NobodyStartsItUntilSomebodyConnects) {
 }
 
 TEST_F(EmbeddedJobTest, ProgramIsHandedItsSockets) {
-  Job job = shell("echo \"$LISTEN_FDS $LISTEN_FDNAMES $((LISTEN_PID - $$)) $HOME$KEELD_LOG\" >" + path("told") + "; mv " +
-                  path("told") + " " + path("done") + "; exec sleep 1000");
+  Job job = shell("echo \"$LISTEN_FDS $LISTEN_FDNAMES $((LISTEN_PID - $$)) $HOME$KEELD_LOG\" >" +
+                  path("told") + "; mv " + path("told") + " " + path("done") + "; exec sleep 1000");
   job.machServices = {"service", "other.service"};
   begin(job);
   const auto client = connect();
-  until([&] { return std::filesystem::exists(path("done")) || recorded().program == JobState::Program::failed; });
+  until([&] {
+    return std::filesystem::exists(path("done")) || recorded().program == JobState::Program::failed;
+  });
   EXPECT_EQ(content(path("done")), "2 service:other.service 0 \n");
 }
 
@@ -201,7 +207,8 @@ TEST_F(EmbeddedJobTest, ProgramThatCannotBeRunIsToldOf) {
   begin(job);
   const auto client = connect();
   until([&] { return !recorded().problem.empty(); });
-  EXPECT_THAT(recorded().problem, HasSubstr("run its program " + path("missing") + ": No such file"));
+  EXPECT_THAT(recorded().problem,
+              HasSubstr("run its program " + path("missing") + ": No such file"));
 }
 
 TEST_F(EmbeddedJobTest, EveryStepThatFailsIsNamed) {
@@ -211,11 +218,14 @@ TEST_F(EmbeddedJobTest, EveryStepThatFailsIsNamed) {
     const auto launched = launch(job, {});
     return launched ? std::string("(started)") : launched.error().description();
   };
-  EXPECT_THAT(problemOf([](Job& job) { job.userName = "nobody-of-that-name"; }), HasSubstr("the user nobody-of-that-name"));
-  EXPECT_THAT(problemOf([](Job& job) { job.groupName = "nobody-of-that-name"; }), HasSubstr("the group nobody-of-that-name"));
+  EXPECT_THAT(problemOf([](Job& job) { job.userName = "nobody-of-that-name"; }),
+              HasSubstr("the user nobody-of-that-name"));
+  EXPECT_THAT(problemOf([](Job& job) { job.groupName = "nobody-of-that-name"; }),
+              HasSubstr("the group nobody-of-that-name"));
   EXPECT_THAT(problemOf([](Job& job) { job.workingDirectory = "/missing"; }),
               HasSubstr("change to its working directory: No such file"));
-  EXPECT_THAT(problemOf([](Job& job) { job.standardOutPath = "/missing/file"; }), HasSubstr("open /missing/file"));
+  EXPECT_THAT(problemOf([](Job& job) { job.standardOutPath = "/missing/file"; }),
+              HasSubstr("open /missing/file"));
 }
 
 TEST_F(EmbeddedJobTest, FilesAreOpenedWithTheRightsOfItsUser) {
@@ -277,12 +287,14 @@ TEST_F(EmbeddedJobTest, ProgramHasNothingOfOurs) {
   begin(job);
   ::signal(SIGHUP, SIG_DFL);
   until([&] { return content(path("out")).ends_with("end\n"); });
-  EXPECT_EQ(content(path("out")), "0\n1\n2\n3\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\nend\n");
+  EXPECT_EQ(content(path("out")),
+            "0\n1\n2\n3\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\nend\n");
   ::unsetenv("KEELD_SECRET");
 }
 
 TEST_F(EmbeddedJobTest, EndStopsTheProgramAndRemovesTheSockets) {
-  begin(shell("trap 'exit 0' TERM; echo start >>" + path("starts") + "; while :; do sleep 1000 & wait; done"));
+  begin(shell("trap 'exit 0' TERM; echo start >>" + path("starts") +
+              "; while :; do sleep 1000 & wait; done"));
   const auto client = connect();
   until([&] { return startCount() == 1; });
   end();
@@ -290,7 +302,8 @@ TEST_F(EmbeddedJobTest, EndStopsTheProgramAndRemovesTheSockets) {
 }
 
 TEST_F(EmbeddedJobTest, ProgramThatDoesNotEndIsKilled) {
-  Job job = shell("trap '' TERM; echo start >>" + path("starts") + "; while :; do sleep 1000; done");
+  Job job =
+      shell("trap '' TERM; echo start >>" + path("starts") + "; while :; do sleep 1000; done");
   job.exitTimeOut = 2s;
   begin(job);
   const auto client = connect();
@@ -321,9 +334,10 @@ TEST_F(EmbeddedJobTest, SocketThatSomebodyStillHoldsIsReplaced) {
 class EmbeddedSupervisorTest : public EmbeddedJobTest {
  protected:
   Value job(const char* label, const char* service) const {
-    return Value::map({{"Label", label},
-                       {"ProgramArguments", Value::list({"/bin/sh", "-c", "echo start >>" + path("starts")})},
-                       {"MachServices", Value::map({{service, true}})}});
+    return Value::map(
+        {{"Label", label},
+         {"ProgramArguments", Value::list({"/bin/sh", "-c", "echo start >>" + path("starts")})},
+         {"MachServices", Value::map({{service, true}})}});
   }
   std::string create(const Value& job) {
     Error error;
@@ -331,9 +345,13 @@ class EmbeddedSupervisorTest : public EmbeddedJobTest {
   }
   std::string set(const String& label, bool enabled) {
     Error error;
-    return supervisor_.QZSupervisorSetServiceEnabled(nullptr, label, enabled, &error) ? "" : error.description();
+    return supervisor_.QZSupervisorSetServiceEnabled(nullptr, label, enabled, &error)
+               ? ""
+               : error.description();
   }
-  bool isEnabled(const String& label) { return supervisor_.QZSupervisorGetServiceEnabled(nullptr, label, nullptr); }
+  bool isEnabled(const String& label) {
+    return supervisor_.QZSupervisorGetServiceEnabled(nullptr, label, nullptr);
+  }
 
   EmbeddedSupervisor supervisor_{world()};
 };
@@ -374,7 +392,8 @@ TEST_F(EmbeddedSupervisorTest, JobThatIsReplacedWhileItEndsLeavesTheNewOneAlone)
   ASSERT_EQ(set("a", true), "");
   until([&] {
     const auto now = recorded();
-    return ::kill(former, 0) != 0 && now.program == JobState::Program::running && now.processId != former;
+    return ::kill(former, 0) != 0 && now.program == JobState::Program::running &&
+           now.processId != former;
   });
   EXPECT_TRUE(std::filesystem::exists(path("service")));
   const pid_t pid = recorded().processId;
@@ -394,7 +413,8 @@ TEST_F(EmbeddedSupervisorTest, NothingIsDoneWhereAnotherKeeldHasTheJobs) {
                       other.QZSupervisorSetServiceEnabled(nullptr, "b", true, &enabled) ||
                       other.QZSupervisorGetServiceEnabled(nullptr, "a", &asked);
     const auto isTold = [](const Error& error) {
-      return error.code() == EBUSY && error.description().find("another keeld has the jobs here") != std::string::npos;
+      return error.code() == EBUSY &&
+             error.description().find("another keeld has the jobs here") != std::string::npos;
     };
     return !done && isTold(created) && isTold(enabled) && isTold(asked);
   };

@@ -23,20 +23,22 @@ EmbeddedSupervisor::~EmbeddedSupervisor() {
   }
 }
 
-std::shared_ptr<QZCommandAuthorization> EmbeddedSupervisor::QZSupervisorCreateCommandAuthorizationWithCredentials(const void*,
-                                                                                                                  const void*,
-                                                                                                                  const void*) {
+std::shared_ptr<QZCommandAuthorization>
+EmbeddedSupervisor::QZSupervisorCreateCommandAuthorizationWithCredentials(const void*, const void*,
+                                                                          const void*) {
   return makeCommandAuthorization();
 }
 
-bool EmbeddedSupervisor::QZSupervisorGetServiceEnabled(QZCommandAuthorization*, const String& label, Error* error) {
+bool EmbeddedSupervisor::QZSupervisorGetServiceEnabled(QZCommandAuthorization*, const String& label,
+                                                       Error* error) {
   if (auto problem = errorOfLabel(label)) return refuse(error, std::move(*problem));
   if (!lock_) return refuse(error, lock_.error());
   const auto found = entriesByLabel_.find(label.view());
   return found != entriesByLabel_.end() && found->second.enabled != nullptr;
 }
 
-bool EmbeddedSupervisor::QZSupervisorCreateService(QZCommandAuthorization*, const Value& dictionary, Error* error) {
+bool EmbeddedSupervisor::QZSupervisorCreateService(QZCommandAuthorization*, const Value& dictionary,
+                                                   Error* error) {
   if (!lock_) return refuse(error, lock_.error());
   auto job = jobOf(dictionary);
   if (!job) return lastRefusal_.note(dictionary, error, job.error());
@@ -45,7 +47,8 @@ bool EmbeddedSupervisor::QZSupervisorCreateService(QZCommandAuthorization*, cons
     if (owner != labelsByMachService_.end() && owner->second != job->label) {
       return lastRefusal_.note(
           dictionary, error,
-          supervisorError(EEXIST, fmt::format("{} is a service of the job {} already", name, owner->second)));
+          supervisorError(
+              EEXIST, fmt::format("{} is a service of the job {} already", name, owner->second)));
     }
   }
   logUnsupportedKeys(*job);
@@ -57,8 +60,8 @@ bool EmbeddedSupervisor::QZSupervisorCreateService(QZCommandAuthorization*, cons
   return true;
 }
 
-bool EmbeddedSupervisor::QZSupervisorSetServiceEnabled(QZCommandAuthorization*, const String& label, bool enabled,
-                                                       Error* error) {
+bool EmbeddedSupervisor::QZSupervisorSetServiceEnabled(QZCommandAuthorization*, const String& label,
+                                                       bool enabled, Error* error) {
   if (auto problem = errorOfLabel(label)) return refuse(error, std::move(*problem));
   if (!lock_) return refuse(error, lock_.error());
   const auto found = entriesByLabel_.find(label.view());

@@ -13,26 +13,28 @@
 
 namespace keel {
 
-// keeld as its own service manager, where no other runs: in a container, for example. Its jobs live and die with keeld.
-// The operations are called on one thread; the jobs live on the reactor's.
+// keeld as its own service manager, where no other runs: in a container, for example. Its jobs live
+// and die with keeld. The operations are called on one thread; the jobs live on the reactor's.
 //
-// Takes the lock of the jobs before anything else (jobs_lock.h). Without it each operation is refused with the reason, and what
-// the keeld that has it made stays as it is.
+// Takes the lock of the jobs before anything else (jobs_lock.h). Without it each operation is
+// refused with the reason, and what the keeld that has it made stays as it is.
 class EmbeddedSupervisor final : public Supervisor {
  public:
   explicit EmbeddedSupervisor(EmbeddedJob::World world);
   // The jobs end on their own thread, later.
   ~EmbeddedSupervisor() override;
 
-  std::shared_ptr<QZCommandAuthorization> QZSupervisorCreateCommandAuthorizationWithCredentials(const void* first,
-                                                                                                const void* second,
-                                                                                                const void* third) override;
-  bool QZSupervisorGetServiceEnabled(QZCommandAuthorization* authorization, const String& label, Error* error) override;
-  // A job of that label that is there already is ended and replaced. A Mach service that another job has is refused.
-  bool QZSupervisorCreateService(QZCommandAuthorization* authorization, const Value& job, Error* error) override;
-  // Makes the sockets, and starts what is to run from the beginning. Disabling a job ends it.
-  bool QZSupervisorSetServiceEnabled(QZCommandAuthorization* authorization, const String& label, bool enabled,
+  std::shared_ptr<QZCommandAuthorization> QZSupervisorCreateCommandAuthorizationWithCredentials(
+      const void* first, const void* second, const void* third) override;
+  bool QZSupervisorGetServiceEnabled(QZCommandAuthorization* authorization, const String& label,
                                      Error* error) override;
+  // A job of that label that is there already is ended and replaced. A Mach service that another
+  // job has is refused.
+  bool QZSupervisorCreateService(QZCommandAuthorization* authorization, const Value& job,
+                                 Error* error) override;
+  // Makes the sockets, and starts what is to run from the beginning. Disabling a job ends it.
+  bool QZSupervisorSetServiceEnabled(QZCommandAuthorization* authorization, const String& label,
+                                     bool enabled, Error* error) override;
 
  private:
   struct Entry {

@@ -31,7 +31,8 @@ Read readBoolean(const Value& value, bool& flag) {
   return {};
 }
 
-std::expected<std::int64_t, std::string> integerOf(const Value& value, std::int64_t least, std::int64_t most) {
+std::expected<std::int64_t, std::string> integerOf(const Value& value, std::int64_t least,
+                                                   std::int64_t most) {
   const auto* given = value.as<std::int64_t>();
   if (given == nullptr || *given < least || *given > most) {
     return std::unexpected(fmt::format("must be an integer from {} to {}", least, most));
@@ -49,11 +50,11 @@ std::expected<std::chrono::seconds, std::string> secondsOf(const Value& value) {
 Read readAccount(const Value& value, std::string& account) {
   const auto* given = value.as<std::string>();
   const auto fits = [](char letter) {
-    return (letter >= 'a' && letter <= 'z') || (letter >= 'A' && letter <= 'Z') || (letter >= '0' && letter <= '9') ||
-           letter == '_' || letter == '.' || letter == '-';
+    return (letter >= 'a' && letter <= 'z') || (letter >= 'A' && letter <= 'Z') ||
+           (letter >= '0' && letter <= '9') || letter == '_' || letter == '.' || letter == '-';
   };
-  if (given == nullptr || given->empty() || given->size() > 255 || given->front() == '-' || given->front() == '.' ||
-      !std::ranges::all_of(*given, fits)) {
+  if (given == nullptr || given->empty() || given->size() > 255 || given->front() == '-' ||
+      given->front() == '.' || !std::ranges::all_of(*given, fits)) {
     return std::unexpected("must be the name of an account: letters, digits, and _ . -");
   }
   // Whether a number is a name is not for everybody to read in the same way.
@@ -66,23 +67,27 @@ Read readAccount(const Value& value, std::string& account) {
 
 bool isVariableName(std::string_view name) {
   const auto fits = [](char letter) {
-    return (letter >= 'a' && letter <= 'z') || (letter >= 'A' && letter <= 'Z') || (letter >= '0' && letter <= '9') ||
-           letter == '_';
+    return (letter >= 'a' && letter <= 'z') || (letter >= 'A' && letter <= 'Z') ||
+           (letter >= '0' && letter <= '9') || letter == '_';
   };
-  return !name.empty() && !(name.front() >= '0' && name.front() <= '9') && std::ranges::all_of(name, fits);
+  return !name.empty() && !(name.front() >= '0' && name.front() <= '9') &&
+         std::ranges::all_of(name, fits);
 }
 
 Read readEnvironment(const Value& value, Job& job) {
   const auto* map = value.as<Value::Map>();
   if (map == nullptr) return std::unexpected("must be a dictionary");
-  if (map->size() > kTextsCount) return std::unexpected(fmt::format("has more than {} variables", kTextsCount));
+  if (map->size() > kTextsCount)
+    return std::unexpected(fmt::format("has more than {} variables", kTextsCount));
   std::size_t bytes = 0;
   for (const auto& [name, text] : *map) {
     const auto* given = text.as<std::string>();
     if (given == nullptr || !isJobText(*given)) return std::unexpected("must have texts");
-    if (!isVariableName(name)) return std::unexpected("has a name that is no variable's: letters, digits and _");
+    if (!isVariableName(name))
+      return std::unexpected("has a name that is no variable's: letters, digits and _");
     bytes += name.size() + given->size() + 2;
-    if (bytes > kTextsBytes) return std::unexpected(fmt::format("is larger than {} bytes", kTextsBytes));
+    if (bytes > kTextsBytes)
+      return std::unexpected(fmt::format("is larger than {} bytes", kTextsBytes));
     job.environment.emplace_back(name, *given);
   }
   return {};
@@ -94,7 +99,8 @@ Read readUmask(const Value& value, Job& job) {
     unsigned mask = 0;
     const char* end = octal->data() + octal->size();
     const auto [rest, problem] = std::from_chars(octal->data(), end, mask, 8);
-    if (problem != std::errc() || rest != end || mask > kMost) return std::unexpected("as a text must be octal, up to 777");
+    if (problem != std::errc() || rest != end || mask > kMost)
+      return std::unexpected("as a text must be octal, up to 777");
     job.umask = mask;
     return {};
   }
@@ -123,7 +129,8 @@ Read readLimits(const std::string& key, const Value& value, Job& job) {
   const auto* map = value.as<Value::Map>();
   if (map == nullptr) return std::unexpected("must be a dictionary");
   for (const auto& [name, number] : *map) {
-    const auto known = std::ranges::find_if(kResources, [&](const Resource& each) { return name == each.key; });
+    const auto known =
+        std::ranges::find_if(kResources, [&](const Resource& each) { return name == each.key; });
     if (known == kResources.end()) {
       job.unsupported.push_back(key + "." + name);
       continue;
@@ -136,7 +143,8 @@ Read readLimits(const std::string& key, const Value& value, Job& job) {
       limit = job.limits.insert(limit, Job::Limit{known->resource, known->name, bound, bound});
     } else {
       (key == "SoftResourceLimits" ? limit->soft : limit->hard) = bound;
-      if (limit->soft > limit->hard) return std::unexpected(fmt::format("{}: the soft limit is above the hard one", name));
+      if (limit->soft > limit->hard)
+        return std::unexpected(fmt::format("{}: the soft limit is above the hard one", name));
     }
   }
   return {};
@@ -155,7 +163,8 @@ Read readKeepAlive(const Value& value, Job& job) {
       job.restart = *flag ? Job::Restart::afterSuccess : Job::Restart::afterFailure;
     } else if (key == "Crashed" && flag != nullptr && *flag && job.restart == Job::Restart::never) {
       job.restart = Job::Restart::afterCrash;
-    } else if (key == "Crashed" && flag != nullptr && *flag && job.restart == Job::Restart::afterFailure) {
+    } else if (key == "Crashed" && flag != nullptr && *flag &&
+               job.restart == Job::Restart::afterFailure) {
       // A crash is a failure.
     } else if (key == "AfterInitialDemand" && flag != nullptr) {
       job.afterInitialDemand = *flag;
@@ -199,8 +208,8 @@ Read readNice(const Value& value, Job& job) {
   return {};
 }
 
-// These change nothing here. Whether a job is enabled is said by enabling it; and a program that ends when it is idle does so
-// by itself, for which it needs nobody's help.
+// These change nothing here. Whether a job is enabled is said by enabling it; and a program that
+// ends when it is idle does so by itself, for which it needs nobody's help.
 Read readWithoutEffect(const Value& value, Job&) {
   bool flag = false;
   return readBoolean(value, flag);
@@ -211,29 +220,42 @@ struct Key {
   Read (*read)(const Value& value, Job& job);
 };
 constexpr std::array kKeys = {
-    Key{"AbandonProcessGroup", [](const Value& value, Job& job) { return readBoolean(value, job.abandonProcessGroup); }},
+    Key{"AbandonProcessGroup",
+        [](const Value& value, Job& job) { return readBoolean(value, job.abandonProcessGroup); }},
     Key{"Disabled", readWithoutEffect},
     Key{"EnablePressuredExit", readWithoutEffect},
     Key{"EnableTransactions", readWithoutEffect},
     Key{"EnvironmentVariables", readEnvironment},
-    Key{"ExitTimeOut", [](const Value& value, Job& job) { return take(secondsOf(value), job.exitTimeOut); }},
-    Key{"GroupName", [](const Value& value, Job& job) { return readAccount(value, job.groupName); }},
-    Key{"HardResourceLimits", [](const Value& value, Job& job) { return readLimits("HardResourceLimits", value, job); }},
+    Key{"ExitTimeOut",
+        [](const Value& value, Job& job) { return take(secondsOf(value), job.exitTimeOut); }},
+    Key{"GroupName",
+        [](const Value& value, Job& job) { return readAccount(value, job.groupName); }},
+    Key{"HardResourceLimits",
+        [](const Value& value, Job& job) { return readLimits("HardResourceLimits", value, job); }},
     Key{"KeepAlive", readKeepAlive},
-    Key{"LowPriorityIO", [](const Value& value, Job& job) { return readBoolean(value, job.lowPriorityIO); }},
+    Key{"LowPriorityIO",
+        [](const Value& value, Job& job) { return readBoolean(value, job.lowPriorityIO); }},
     Key{"Nice", readNice},
     Key{"ProcessType", readProcessType},
-    Key{"RootDirectory", [](const Value& value, Job& job) { return readPath(value, job.rootDirectory); }},
-    Key{"RunAtLoad", [](const Value& value, Job& job) { return readBoolean(value, job.runAtLoad); }},
-    Key{"SoftResourceLimits", [](const Value& value, Job& job) { return readLimits("SoftResourceLimits", value, job); }},
-    Key{"StandardErrorPath", [](const Value& value, Job& job) { return readPath(value, job.standardErrorPath); }},
-    Key{"StandardInPath", [](const Value& value, Job& job) { return readPath(value, job.standardInPath); }},
-    Key{"StandardOutPath", [](const Value& value, Job& job) { return readPath(value, job.standardOutPath); }},
+    Key{"RootDirectory",
+        [](const Value& value, Job& job) { return readPath(value, job.rootDirectory); }},
+    Key{"RunAtLoad",
+        [](const Value& value, Job& job) { return readBoolean(value, job.runAtLoad); }},
+    Key{"SoftResourceLimits",
+        [](const Value& value, Job& job) { return readLimits("SoftResourceLimits", value, job); }},
+    Key{"StandardErrorPath",
+        [](const Value& value, Job& job) { return readPath(value, job.standardErrorPath); }},
+    Key{"StandardInPath",
+        [](const Value& value, Job& job) { return readPath(value, job.standardInPath); }},
+    Key{"StandardOutPath",
+        [](const Value& value, Job& job) { return readPath(value, job.standardOutPath); }},
     Key{"ThrottleInterval", readThrottle},
-    Key{"Transient", [](const Value& value, Job& job) { return readBoolean(value, job.transient); }},
+    Key{"Transient",
+        [](const Value& value, Job& job) { return readBoolean(value, job.transient); }},
     Key{"Umask", readUmask},
     Key{"UserName", [](const Value& value, Job& job) { return readAccount(value, job.userName); }},
-    Key{"WorkingDirectory", [](const Value& value, Job& job) { return readPath(value, job.workingDirectory); }},
+    Key{"WorkingDirectory",
+        [](const Value& value, Job& job) { return readPath(value, job.workingDirectory); }},
 };
 
 }  // namespace
@@ -246,9 +268,12 @@ Read readJobKey(const std::string& key, const Value& value, Job& job) {
 }
 
 void settleJob(Job& job) {
-  if (job.afterInitialDemand && job.restart == Job::Restart::never) job.restart = Job::Restart::always;
-  // To be kept running, a program must run. Only what looks at crashes alone waits for its first start.
-  const bool keptFromTheStart = job.restart != Job::Restart::never && job.restart != Job::Restart::afterCrash;
+  if (job.afterInitialDemand && job.restart == Job::Restart::never)
+    job.restart = Job::Restart::always;
+  // To be kept running, a program must run. Only what looks at crashes alone waits for its first
+  // start.
+  const bool keptFromTheStart =
+      job.restart != Job::Restart::never && job.restart != Job::Restart::afterCrash;
   if (keptFromTheStart && !job.afterInitialDemand) job.runAtLoad = true;
 }
 
@@ -259,13 +284,15 @@ bool isJobText(const std::string& text) {
 Read readTexts(const Value& value, std::vector<std::string>& texts) {
   const auto* list = value.as<Value::List>();
   if (list == nullptr) return std::unexpected("must be an array of texts");
-  if (list->size() > kTextsCount) return std::unexpected(fmt::format("has more than {} texts", kTextsCount));
+  if (list->size() > kTextsCount)
+    return std::unexpected(fmt::format("has more than {} texts", kTextsCount));
   std::size_t bytes = 0;
   for (const Value& each : *list) {
     const auto* text = each.as<std::string>();
     if (text == nullptr || !isJobText(*text)) return std::unexpected("must be an array of texts");
     bytes += text->size() + 1;
-    if (bytes > kTextsBytes) return std::unexpected(fmt::format("is larger than {} bytes", kTextsBytes));
+    if (bytes > kTextsBytes)
+      return std::unexpected(fmt::format("is larger than {} bytes", kTextsBytes));
     texts.push_back(*text);
   }
   return {};
@@ -273,10 +300,14 @@ Read readTexts(const Value& value, std::vector<std::string>& texts) {
 
 Read readPath(const Value& value, std::string& path) {
   const auto* text = value.as<std::string>();
-  if (text == nullptr || !text->starts_with('/')) return std::unexpected("must be an absolute path");
-  if (text->size() > kPathBytes) return std::unexpected(fmt::format("is longer than {} bytes", kPathBytes));
-  if (!isJobText(*text) || std::ranges::any_of(*text, isControl) || text->ends_with(' ') || text->ends_with('\\')) {
-    return std::unexpected("must be a path without control characters, and without a blank or a backslash at its end");
+  if (text == nullptr || !text->starts_with('/'))
+    return std::unexpected("must be an absolute path");
+  if (text->size() > kPathBytes)
+    return std::unexpected(fmt::format("is longer than {} bytes", kPathBytes));
+  if (!isJobText(*text) || std::ranges::any_of(*text, isControl) || text->ends_with(' ') ||
+      text->ends_with('\\')) {
+    return std::unexpected(
+        "must be a path without control characters, and without a blank or a backslash at its end");
   }
   path = *text;
   return {};

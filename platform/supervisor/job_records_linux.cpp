@@ -29,10 +29,12 @@ void JobRecords::clear() const {
 void JobRecords::write(const std::string& machService, const JobState& state) const {
   std::error_code ignored;
   std::filesystem::create_directory(directory_, ignored);
-  const std::string path = directory_ + "/" + machService, temporary = directory_ + "/.new." + machService;
+  const std::string path = directory_ + "/" + machService,
+                    temporary = directory_ + "/.new." + machService;
   {
     std::ofstream file(temporary, std::ios::trunc);
-    file << "label=" << describedText(state.label) << "\nprogram=" << kPrograms.at(static_cast<std::size_t>(state.program))
+    file << "label=" << describedText(state.label)
+         << "\nprogram=" << kPrograms.at(static_cast<std::size_t>(state.program))
          << "\npid=" << state.processId << "\nproblem=" << describedText(state.problem) << "\n";
   }
   std::filesystem::rename(temporary, path, ignored);
@@ -50,7 +52,8 @@ JobState JobRecords::read(const std::string& machService) const {
   for (std::string line; std::getline(file, line);) {
     const std::size_t equals = line.find('=');
     if (equals == std::string::npos) continue;
-    const std::string_view key = std::string_view(line).substr(0, equals), value = std::string_view(line).substr(equals + 1);
+    const std::string_view key = std::string_view(line).substr(0, equals),
+                           value = std::string_view(line).substr(equals + 1);
     if (key == "label") state.label = value;
     if (key == "problem") state.problem = value;
     if (key == "pid") std::from_chars(value.data(), value.data() + value.size(), state.processId);

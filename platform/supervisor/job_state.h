@@ -18,7 +18,8 @@ struct JobState {
     failed,    // its last run did not end well, or it could not be started
   };
   std::string label = {};  // empty: no job has that service
-  bool known = false;      // false: could not be found out, `problem` says why, and the four below say nothing
+  bool known =
+      false;  // false: could not be found out, `problem` says why, and the four below say nothing
   bool enabled = false;
   bool listening = false;  // somebody can connect
   Program program = Program::none;
@@ -30,7 +31,8 @@ struct JobState {
 class JobStates {
  public:
   virtual ~JobStates() = default;
-  // Waits for the service manager a few seconds at most, in all calls together; from then on it is not asked.
+  // Waits for the service manager a few seconds at most, in all calls together; from then on it is
+  // not asked.
   virtual JobState of(const std::string& machService) = 0;
 };
 

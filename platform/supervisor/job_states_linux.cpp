@@ -49,8 +49,8 @@ class RecordedJobStates final : public JobStates {
   const JobRecords records_{kServiceDirectory};
 };
 
-// What systemd tells of units over the system bus, or why it does not, for people. Once it is silent, or out of reach, it is
-// not asked again.
+// What systemd tells of units over the system bus, or why it does not, for people. Once it is
+// silent, or out of reach, it is not asked again.
 class UnitQuestions {
  public:
   template <class T>
@@ -59,7 +59,8 @@ class UnitQuestions {
   Answer<std::string> text(const std::string& unit, const char* interface, const char* property) {
     char* raw = nullptr;
     const int status = ask([&](sd_bus* bus) {
-      return sd_bus_get_property_string(bus, kSystemdDestination, pathOf(unit).c_str(), interface, property, nullptr, &raw);
+      return sd_bus_get_property_string(bus, kSystemdDestination, pathOf(unit).c_str(), interface,
+                                        property, nullptr, &raw);
     });
     const std::unique_ptr<char, decltype(&std::free)> owned(raw, &std::free);
     if (status < 0) return std::unexpected(reasonFor(status));
@@ -69,8 +70,8 @@ class UnitQuestions {
   Answer<pid_t> mainProcess(const std::string& service) {
     std::uint32_t process = 0;
     const int status = ask([&](sd_bus* bus) {
-      return sd_bus_get_property_trivial(bus, kSystemdDestination, pathOf(service).c_str(), kService, "MainPID", nullptr, 'u',
-                                         &process);
+      return sd_bus_get_property_trivial(bus, kSystemdDestination, pathOf(service).c_str(),
+                                         kService, "MainPID", nullptr, 'u', &process);
     });
     if (status < 0) return std::unexpected(reasonFor(status));
     return static_cast<pid_t>(process);
@@ -99,13 +100,15 @@ class UnitQuestions {
   }
 
   static std::string reasonFor(int status) {
-    if (status == -ETIMEDOUT) return fmt::format("systemd did not answer within {} s", kAnswerDeadline.count());
+    if (status == -ETIMEDOUT)
+      return fmt::format("systemd did not answer within {} s", kAnswerDeadline.count());
     return fmt::format("systemd cannot be asked: {}", std::strerror(-status));
   }
 
   static std::string pathOf(const std::string& unit) {
     char* path = nullptr;
-    if (sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.c_str(), &path) < 0) return kSystemdPath;
+    if (sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.c_str(), &path) < 0)
+      return kSystemdPath;
     std::string text = path;
     std::free(path);
     return text;
@@ -116,17 +119,20 @@ class UnitQuestions {
   int failure_ = 0;             // a negative errno: nothing is asked any more
 };
 
-// The units that somebody enabled: there is a link to each beside a unit that wants it. systemd looks through these folders
-// anew for each unit that it is asked about, which takes seconds for a thousand modules.
+// The units that somebody enabled: there is a link to each beside a unit that wants it. systemd
+// looks through these folders anew for each unit that it is asked about, which takes seconds for a
+// thousand modules.
 std::set<std::string, std::less<>> enabledUnits() {
   namespace fs = std::filesystem;
   std::set<std::string, std::less<>> enabled;
   std::error_code ignored;
-  for (const std::string& folder : {UnitStore::Directories().runtime, UnitStore::Directories().persistent}) {
+  for (const std::string& folder :
+       {UnitStore::Directories().runtime, UnitStore::Directories().persistent}) {
     for (const auto& wanting : fs::directory_iterator(folder, ignored)) {
       const std::string extension = wanting.path().extension();
       if (extension != ".wants" && extension != ".requires") continue;
-      for (const auto& link : fs::directory_iterator(wanting, ignored)) enabled.insert(link.path().filename());
+      for (const auto& link : fs::directory_iterator(wanting, ignored))
+        enabled.insert(link.path().filename());
     }
   }
   return enabled;
@@ -139,7 +145,8 @@ class SystemdJobStates final : public JobStates {
     JobState state{.label = store_.ownerOf(machService)};
     std::optional<UnitStore::Stored> service;
     const std::string serviceName = state.label + ".service";
-    if (state.label.empty() || store_.standingOf(serviceName, &service) != UnitStore::Standing::ours) {
+    if (state.label.empty() ||
+        store_.standingOf(serviceName, &service) != UnitStore::Standing::ours) {
       state.problem = "no job has that service";
       return state;
     }
@@ -154,10 +161,12 @@ class SystemdJobStates final : public JobStates {
  private:
   using Found = UnitQuestions::Answer<void>;
 
-  Found addSocket(JobState& state, const UnitStore::Stored& service, const std::string& machService) {
+  Found addSocket(JobState& state, const UnitStore::Stored& service,
+                  const std::string& machService) {
     const auto socket = std::ranges::find_if(service.started, [&](const std::string& name) {
       std::optional<UnitStore::Stored> stored;
-      return store_.standingOf(name, &stored) == UnitStore::Standing::ours && stored->machService == unitNameOf(machService);
+      return store_.standingOf(name, &stored) == UnitStore::Standing::ours &&
+             stored->machService == unitNameOf(machService);
     });
     if (socket == service.started.end()) return {};
     const auto active = systemd_.text(*socket, kUnit, "ActiveState");
@@ -181,12 +190,14 @@ class SystemdJobStates final : public JobStates {
     if (state.program == JobState::Program::running) return {};
     const auto result = systemd_.text(name, kService, "Result");
     if (!result) return std::unexpected(result.error());
-    if (*result != "success" && state.problem.empty()) state.problem = "its last run ended with " + *result;
+    if (*result != "success" && state.problem.empty())
+      state.problem = "its last run ended with " + *result;
     return {};
   }
 
   static JobState::Program programOf(std::string_view active) {
-    if (active == "active" || active == "reloading" || active == "deactivating") return JobState::Program::running;
+    if (active == "active" || active == "reloading" || active == "deactivating")
+      return JobState::Program::running;
     if (active == "activating") return JobState::Program::starting;
     return active == "failed" ? JobState::Program::failed : JobState::Program::none;
   }

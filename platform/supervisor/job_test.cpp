@@ -41,16 +41,16 @@ TEST(Job, NeedsALabelAndAProgramAndNoMore) {
 }
 
 TEST(Job, SynthesizedOneIsUnderstoodWhole) {
-  const auto job =
-      jobOf(Value::map({{"Label", "com.vantor.keeld.mail"},
-                        {"Program", "/p"},
-                        {"Disabled", false},
-                        {"EnableTransactions", true},
-                        {"EnablePressuredExit", true},
-                        {"MachServices", Value::map({{"com.vantor.keeld.mail", true}})},
-                        {"ProgramArguments", Value::list({"/p", "-p", "keel_mail", "-m", "com.vantor.keeld.mail"})},
-                        {"ProcessType", "Interactive"},
-                        {"Transient", true}}));
+  const auto job = jobOf(Value::map(
+      {{"Label", "com.vantor.keeld.mail"},
+       {"Program", "/p"},
+       {"Disabled", false},
+       {"EnableTransactions", true},
+       {"EnablePressuredExit", true},
+       {"MachServices", Value::map({{"com.vantor.keeld.mail", true}})},
+       {"ProgramArguments", Value::list({"/p", "-p", "keel_mail", "-m", "com.vantor.keeld.mail"})},
+       {"ProcessType", "Interactive"},
+       {"Transient", true}}));
   ASSERT_TRUE(job);
   EXPECT_THAT(job->arguments, ElementsAre("/p", "-p", "keel_mail", "-m", "com.vantor.keeld.mail"));
   EXPECT_THAT(job->machServices, ElementsAre("com.vantor.keeld.mail"));
@@ -60,23 +60,24 @@ TEST(Job, SynthesizedOneIsUnderstoodWhole) {
 }
 
 TEST(Job, EveryKeyFindsItsPlace) {
-  const auto job = jobOf(jobWith({{"ProgramArguments", Value::list({"zero", "one"})},
-                                  {"UserName", "alice"},
-                                  {"GroupName", "www-data"},
-                                  {"WorkingDirectory", "/w"},
-                                  {"RootDirectory", "/r"},
-                                  {"StandardInPath", "/i"},
-                                  {"StandardOutPath", "/o"},
-                                  {"StandardErrorPath", "/e"},
-                                  {"EnvironmentVariables", Value::map({{"B", "2"}, {"A", "1 %$\n"}})},
-                                  {"ThrottleInterval", 3},
-                                  {"ExitTimeOut", 7},
-                                  {"Nice", -5},
-                                  {"Umask", "027"},
-                                  {"ProcessType", "Background"},
-                                  {"LowPriorityIO", true},
-                                  {"AbandonProcessGroup", true},
-                                  {"RunAtLoad", true}}));
+  const auto job =
+      jobOf(jobWith({{"ProgramArguments", Value::list({"zero", "one"})},
+                     {"UserName", "alice"},
+                     {"GroupName", "www-data"},
+                     {"WorkingDirectory", "/w"},
+                     {"RootDirectory", "/r"},
+                     {"StandardInPath", "/i"},
+                     {"StandardOutPath", "/o"},
+                     {"StandardErrorPath", "/e"},
+                     {"EnvironmentVariables", Value::map({{"B", "2"}, {"A", "1 %$\n"}})},
+                     {"ThrottleInterval", 3},
+                     {"ExitTimeOut", 7},
+                     {"Nice", -5},
+                     {"Umask", "027"},
+                     {"ProcessType", "Background"},
+                     {"LowPriorityIO", true},
+                     {"AbandonProcessGroup", true},
+                     {"RunAtLoad", true}}));
   ASSERT_TRUE(job);
   EXPECT_EQ(job->program, "/bin/job");
   EXPECT_THAT(job->arguments, ElementsAre("zero", "one"));
@@ -100,12 +101,16 @@ TEST(Job, EveryKeyFindsItsPlace) {
 }
 
 TEST(Job, ProgramIsTheFirstArgumentWhenItIsNotGiven) {
-  const auto job = jobOf(Value::map({{"Label", "l"}, {"ProgramArguments", Value::list({"/bin/a", "b"})}}));
+  const auto job =
+      jobOf(Value::map({{"Label", "l"}, {"ProgramArguments", Value::list({"/bin/a", "b"})}}));
   ASSERT_TRUE(job);
   EXPECT_EQ(job->program, "/bin/a");
-  EXPECT_THAT(refusalOf(Value::map({{"Label", "l"}, {"ProgramArguments", Value::list({"a"})}})), HasSubstr("absolute path"));
-  EXPECT_THAT(refusalOf(Value::map({{"Label", "l"}, {"ProgramArguments", Value::list({})}})), HasSubstr("is empty"));
-  EXPECT_THAT(refusalOf(Value::map({{"Label", "l"}})), HasSubstr("has neither \"Program\" nor \"ProgramArguments\""));
+  EXPECT_THAT(refusalOf(Value::map({{"Label", "l"}, {"ProgramArguments", Value::list({"a"})}})),
+              HasSubstr("absolute path"));
+  EXPECT_THAT(refusalOf(Value::map({{"Label", "l"}, {"ProgramArguments", Value::list({})}})),
+              HasSubstr("is empty"));
+  EXPECT_THAT(refusalOf(Value::map({{"Label", "l"}})),
+              HasSubstr("has neither \"Program\" nor \"ProgramArguments\""));
 }
 
 TEST(Job, NumbersHaveBounds) {
@@ -124,7 +129,9 @@ TEST(Job, NumbersHaveBounds) {
 }
 
 TEST(Job, KeepAliveSaysWhenItIsStartedAgain) {
-  const auto kept = [](Value keepAlive) { return *jobOf(jobWith({{"KeepAlive", std::move(keepAlive)}})); };
+  const auto kept = [](Value keepAlive) {
+    return *jobOf(jobWith({{"KeepAlive", std::move(keepAlive)}}));
+  };
   EXPECT_EQ(kept(true).restart, Job::Restart::always);
   EXPECT_TRUE(kept(true).runAtLoad);
   EXPECT_EQ(kept(false).restart, Job::Restart::never);
@@ -132,7 +139,8 @@ TEST(Job, KeepAliveSaysWhenItIsStartedAgain) {
   EXPECT_EQ(kept(Value::map({{"SuccessfulExit", true}})).restart, Job::Restart::afterSuccess);
   EXPECT_TRUE(kept(Value::map({{"SuccessfulExit", true}})).runAtLoad);
   EXPECT_EQ(kept(Value::map({{"SuccessfulExit", false}})).restart, Job::Restart::afterFailure);
-  EXPECT_EQ(kept(Value::map({{"SuccessfulExit", false}, {"Crashed", true}})).restart, Job::Restart::afterFailure);
+  EXPECT_EQ(kept(Value::map({{"SuccessfulExit", false}, {"Crashed", true}})).restart,
+            Job::Restart::afterFailure);
   EXPECT_EQ(kept(Value::map({{"Crashed", true}})).restart, Job::Restart::afterCrash);
   EXPECT_FALSE(kept(Value::map({{"Crashed", true}})).runAtLoad);
   EXPECT_EQ(kept(Value::map({{"AfterInitialDemand", true}})).restart, Job::Restart::always);
@@ -147,8 +155,9 @@ TEST(Job, RunAtLoadHoldsWhateverStandsBehindIt) {
 }
 
 TEST(Job, LimitsOfOneResourceMeet) {
-  const auto job = jobOf(jobWith({{"SoftResourceLimits", Value::map({{"NumberOfFiles", 100}, {"Core", 0}})},
-                                  {"HardResourceLimits", Value::map({{"NumberOfFiles", 200}, {"Stack", 7}})}}));
+  const auto job =
+      jobOf(jobWith({{"SoftResourceLimits", Value::map({{"NumberOfFiles", 100}, {"Core", 0}})},
+                     {"HardResourceLimits", Value::map({{"NumberOfFiles", 200}, {"Stack", 7}})}}));
   ASSERT_TRUE(job);
   ASSERT_EQ(job->limits.size(), 3u);
   EXPECT_EQ(job->limits[0].resource, RLIMIT_NOFILE);
@@ -156,25 +165,28 @@ TEST(Job, LimitsOfOneResourceMeet) {
   EXPECT_EQ(job->limits[0].hard, 200u);
   EXPECT_EQ(job->limits[1].hard, 0u);
   EXPECT_EQ(job->limits[2].soft, 7u);
-  EXPECT_THAT(refusalOf(jobWith(
-                  {{"SoftResourceLimits", Value::map({{"Core", 2}})}, {"HardResourceLimits", Value::map({{"Core", 1}})}})),
+  EXPECT_THAT(refusalOf(jobWith({{"SoftResourceLimits", Value::map({{"Core", 2}})},
+                                 {"HardResourceLimits", Value::map({{"Core", 1}})}})),
               HasSubstr("Core: the soft limit is above the hard one"));
 }
 
 TEST(Job, KeysWithoutCounterpartAreNamed) {
-  const auto job = jobOf(jobWith({{"StartInterval", 5},
-                                  {"KeepAlive", Value::map({{"NetworkState", true}, {"Crashed", false}})},
-                                  {"SoftResourceLimits", Value::map({{"Bananas", 1}})},
-                                  {"MachServices", Value::map({{"a.b", Value::map({{"ResetAtClose", true}})}})}}));
+  const auto job = jobOf(
+      jobWith({{"StartInterval", 5},
+               {"KeepAlive", Value::map({{"NetworkState", true}, {"Crashed", false}})},
+               {"SoftResourceLimits", Value::map({{"Bananas", 1}})},
+               {"MachServices", Value::map({{"a.b", Value::map({{"ResetAtClose", true}})}})}}));
   ASSERT_TRUE(job);
-  EXPECT_THAT(job->unsupported, ElementsAre("MachServices.a.b", "StartInterval", "KeepAlive.NetworkState", "KeepAlive.Crashed",
-                                            "SoftResourceLimits.Bananas"));
+  EXPECT_THAT(job->unsupported,
+              ElementsAre("MachServices.a.b", "StartInterval", "KeepAlive.NetworkState",
+                          "KeepAlive.Crashed", "SoftResourceLimits.Bananas"));
 }
 
 TEST(Job, WrongKindsAreRefusedByName) {
   EXPECT_THAT(refusalOf(Value::list({})), HasSubstr("the job is no dictionary"));
   EXPECT_THAT(refusalOf(Value::map({{"Program", "/p"}})), HasSubstr("has no key \"Label\""));
-  EXPECT_THAT(refusalOf(Value::map({{"Label", 1}, {"Program", "/p"}})), HasSubstr("must have a text under \"Label\""));
+  EXPECT_THAT(refusalOf(Value::map({{"Label", 1}, {"Program", "/p"}})),
+              HasSubstr("must have a text under \"Label\""));
   for (const char* key : {"Disabled",
                           "EnableTransactions",
                           "EnablePressuredExit",
@@ -201,13 +213,16 @@ TEST(Job, WrongKindsAreRefusedByName) {
                           "MachServices",
                           "ProgramArguments"}) {
     EXPECT_THAT(refusalOf(jobWith({{key, Value(1.5)}})),
-                testing::AllOf(HasSubstr("the job \"com.example.job\": "), HasSubstr(std::string("\"") + key + "\"")))
+                testing::AllOf(HasSubstr("the job \"com.example.job\": "),
+                               HasSubstr(std::string("\"") + key + "\"")))
         << key;
   }
 }
 
 TEST(Job, LabelsAreBoundedAsTheNameOfAFile) {
-  const auto labelled = [](std::string label) { return Value::map({{"Label", std::move(label)}, {"Program", "/p"}}); };
+  const auto labelled = [](std::string label) {
+    return Value::map({{"Label", std::move(label)}, {"Program", "/p"}});
+  };
   EXPECT_TRUE(jobOf(labelled(std::string(kLabelBytes, 'a'))));
   EXPECT_FALSE(jobOf(labelled(std::string(kLabelBytes + 1, 'a'))));
   EXPECT_TRUE(jobOf(labelled(std::string(kLabelBytes / 3, '/'))));
@@ -220,7 +235,9 @@ TEST(Job, LabelsAreBoundedAsTheNameOfAFile) {
 }
 
 TEST(Job, PathsMustFitOnALine) {
-  const auto at = [](std::string path) { return Value::map({{"Label", "l"}, {"Program", std::move(path)}}); };
+  const auto at = [](std::string path) {
+    return Value::map({{"Label", "l"}, {"Program", std::move(path)}});
+  };
   EXPECT_TRUE(jobOf(at("/a b\"'%$\\c")));
   EXPECT_FALSE(jobOf(at("relative")));
   EXPECT_FALSE(jobOf(at("")));
@@ -234,13 +251,15 @@ TEST(Job, PathsMustFitOnALine) {
 
 TEST(Job, TextsAreBoundedInSumAndCount) {
   const auto with = [](std::size_t count, std::size_t size) {
-    return jobWith({{"ProgramArguments", Value(Value::List(count, Value(std::string(size, 'a'))))}});
+    return jobWith(
+        {{"ProgramArguments", Value(Value::List(count, Value(std::string(size, 'a'))))}});
   };
   EXPECT_TRUE(jobOf(with(1, kTextsBytes - 1)));
   EXPECT_FALSE(jobOf(with(1, kTextsBytes)));
   EXPECT_TRUE(jobOf(with(kTextsCount, 0)));
   EXPECT_FALSE(jobOf(with(kTextsCount + 1, 0)));
-  EXPECT_FALSE(jobOf(jobWith({{"EnvironmentVariables", Value::map({{"A", std::string(kTextsBytes, 'a')}})}})));
+  EXPECT_FALSE(jobOf(
+      jobWith({{"EnvironmentVariables", Value::map({{"A", std::string(kTextsBytes, 'a')}})}})));
   EXPECT_FALSE(jobOf(jobWith({{"EnvironmentVariables", Value::map({{"A=B", "a"}})}})));
   EXPECT_FALSE(jobOf(jobWith({{"EnvironmentVariables", Value::map({{"1A", "a"}})}})));
   EXPECT_FALSE(jobOf(jobWith({{"EnvironmentVariables", Value::map({{"A", 1}})}})));
@@ -249,16 +268,20 @@ TEST(Job, TextsAreBoundedInSumAndCount) {
 TEST(Job, MachServicesMustFitWhereSocketsAre) {
   EXPECT_EQ(problemOfMachService("com.vantor.keeld.mail"), "");
   EXPECT_EQ(problemOfMachService("a%n\""), "");
-  for (const char* unfit : {"", ".", "..", ".hidden", "a/b", "a:b", "a b", "a\\", "a\nb", "\xc3\xa4"}) {
+  for (const char* unfit :
+       {"", ".", "..", ".hidden", "a/b", "a:b", "a b", "a\\", "a\nb", "\xc3\xa4"}) {
     EXPECT_NE(problemOfMachService(unfit), "") << unfit;
   }
   EXPECT_EQ(problemOfMachService(std::string(kMachServiceNameBytes, 'a')), "");
   EXPECT_NE(problemOfMachService(std::string(kMachServiceNameBytes + 1, 'a')), "");
-  EXPECT_EQ(problemOfMachService("com.vantor.keeld.notify"), "com.vantor.keeld.notify is keeld's own service");
-  EXPECT_EQ(problemOfMachService("com.vantor.keeld.auth"), "com.vantor.keeld.auth is keeld's own service");
+  EXPECT_EQ(problemOfMachService("com.vantor.keeld.notify"),
+            "com.vantor.keeld.notify is keeld's own service");
+  EXPECT_EQ(problemOfMachService("com.vantor.keeld.auth"),
+            "com.vantor.keeld.auth is keeld's own service");
 
   Value::Map many;
-  for (std::size_t place = 0; place < kMachServiceCount; ++place) many.push_back({"s" + std::to_string(place), true});
+  for (std::size_t place = 0; place < kMachServiceCount; ++place)
+    many.push_back({"s" + std::to_string(place), true});
   EXPECT_TRUE(jobOf(jobWith({{"MachServices", many}})));
   many.push_back({"one.more", true});
   EXPECT_FALSE(jobOf(jobWith({{"MachServices", many}})));
@@ -269,7 +292,8 @@ TEST(Job, LongLabelIsNotCutInsideACharacter) {
   const auto toldOf = [](const std::string& label) {
     return jobOf(Value::map({{"Label", label}, {"Umask", false}})).error().description();
   };
-  EXPECT_THAT(toldOf(std::string(99, 'a') + "\xc3\xbc" + "b"), testing::HasSubstr("\"" + std::string(99, 'a') + "\"..."));
+  EXPECT_THAT(toldOf(std::string(99, 'a') + "\xc3\xbc" + "b"),
+              testing::HasSubstr("\"" + std::string(99, 'a') + "\"..."));
   EXPECT_THAT(toldOf(std::string(98, 'a') + "\xc3\xbc" + "b"),
               testing::HasSubstr("\"" + std::string(98, 'a') + "\xc3\xbc\"..."));
 }

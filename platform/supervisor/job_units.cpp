@@ -16,7 +16,8 @@ namespace keel {
 
 namespace {
 
-// Nothing else paces a job's restarts (StartLimitIntervalSec=0): without a pause one that fails at once keeps systemd busy.
+// Nothing else paces a job's restarts (StartLimitIntervalSec=0): without a pause one that fails at
+// once keeps systemd busy.
 constexpr std::chrono::seconds kLeastPause{1};
 
 // A unit's text, line by line.
@@ -28,9 +29,13 @@ class Text {
   }
 
   // For ourselves; directly behind the mark.
-  void note(std::string_view key, std::string_view value) { text_ += fmt::format("{}{}\n", key, value); }
+  void note(std::string_view key, std::string_view value) {
+    text_ += fmt::format("{}{}\n", key, value);
+  }
   void section(std::string_view name) { text_ += fmt::format("\n[{}]\n", name); }
-  void line(std::string_view key, std::string_view value) { text_ += fmt::format("{}={}\n", key, value); }
+  void line(std::string_view key, std::string_view value) {
+    text_ += fmt::format("{}={}\n", key, value);
+  }
   // A path, if there is one.
   void path(std::string_view key, std::string_view prefix, const std::string& value) {
     if (!value.empty()) line(key, fmt::format("{}{}", prefix, plainSetting(value)));
@@ -54,8 +59,9 @@ std::string_view restartOf(const Job& job) {
     case Job::Restart::afterCrash:
       return "on-abnormal";
   }
-  // A program that fails would be started again at once by the next client, or by the one that it left waiting, until systemd
-  // gives its socket up. Starting it once more after a while gives it the pause, and the socket lives.
+  // A program that fails would be started again at once by the next client, or by the one that it
+  // left waiting, until systemd gives its socket up. Starting it once more after a while gives it
+  // the pause, and the socket lives.
   return job.machServices.empty() ? "no" : "on-failure";
 }
 
@@ -68,7 +74,8 @@ void account(Text& text, const Job& job) {
   if (!job.groupName.empty()) text.line("Group", job.groupName);
   text.path("RootDirectory", "", job.rootDirectory);
   text.path("WorkingDirectory", "", job.workingDirectory);
-  for (const auto& [name, value] : job.environment) text.line("Environment", quotedWord(name + "=" + value));
+  for (const auto& [name, value] : job.environment)
+    text.line("Environment", quotedWord(name + "=" + value));
 }
 
 void files(Text& text, const Job& job) {
@@ -83,7 +90,8 @@ void scheduling(Text& text, const Job& job) {
   if (job.background || job.lowPriorityIO) text.line("IOSchedulingClass", "idle");
   if (job.umask) text.line("UMask", fmt::format("{:04o}", *job.umask));
   for (const Job::Limit& limit : job.limits) {
-    text.line(fmt::format("Limit{}", limit.name), fmt::format("{}:{}", limitText(limit.soft), limitText(limit.hard)));
+    text.line(fmt::format("Limit{}", limit.name),
+              fmt::format("{}:{}", limitText(limit.soft), limitText(limit.hard)));
   }
 }
 
@@ -91,7 +99,9 @@ void ending(Text& text, const Job& job) {
   text.line("Restart", restartOf(job));
   text.line("RestartSec", fmt::format("{}s", std::max(job.throttleInterval, kLeastPause).count()));
   if (job.exitTimeOut) {
-    text.line("TimeoutStopSec", job.exitTimeOut->count() == 0 ? "infinity" : fmt::format("{}s", job.exitTimeOut->count()));
+    text.line("TimeoutStopSec", job.exitTimeOut->count() == 0
+                                    ? "infinity"
+                                    : fmt::format("{}s", job.exitTimeOut->count()));
   }
   if (job.abandonProcessGroup) text.line("KillMode", "process");
 }
@@ -128,7 +138,8 @@ Unit socketOf(const Job& job, std::size_t place, const std::vector<std::string>&
   Text text(job);
   text.note(kUnitMachServiceKey, unitNameOf(name));
   text.section("Unit");
-  text.line("Description", plainSetting(fmt::format("Mach service {} of job {}", name, describedText(job.label))));
+  text.line("Description",
+            plainSetting(fmt::format("Mach service {} of job {}", name, describedText(job.label))));
   text.section("Socket");
   text.line("ListenStream", plainSetting(fmt::format("{}/{}", kServiceDirectory, name)));
   text.line("SocketMode", "0666");
@@ -150,12 +161,14 @@ std::string serviceUnitName(std::string_view label) {
 
 // ":2" is no escape, so no other label has such a name.
 std::string socketUnitName(std::string_view label, std::size_t place) {
-  return unitNameOf(label) + (place == 0 ? std::string() : fmt::format(":{}", place + 1)) + ".socket";
+  return unitNameOf(label) + (place == 0 ? std::string() : fmt::format(":{}", place + 1)) +
+         ".socket";
 }
 
 JobUnits unitsOf(const Job& job) {
   std::vector<std::string> sockets;
-  for (std::size_t place = 0; place < job.machServices.size(); ++place) sockets.push_back(socketUnitName(job.label, place));
+  for (std::size_t place = 0; place < job.machServices.size(); ++place)
+    sockets.push_back(socketUnitName(job.label, place));
   JobUnits made;
   made.started = sockets;
   if (job.runAtLoad) made.started.push_back(serviceUnitName(job.label));
@@ -163,9 +176,10 @@ JobUnits unitsOf(const Job& job) {
 
   made.units.push_back(serviceOf(job, sockets, made));
   for (std::size_t place = 0; place < sockets.size(); ++place) {
-    made.units.push_back(socketOf(
-        job, place,
-        place == 0 ? std::vector<std::string>(made.started.begin() + 1, made.started.end()) : std::vector<std::string>()));
+    made.units.push_back(
+        socketOf(job, place,
+                 place == 0 ? std::vector<std::string>(made.started.begin() + 1, made.started.end())
+                            : std::vector<std::string>()));
   }
   return made;
 }

@@ -20,7 +20,8 @@ struct JobUnits {
   std::vector<Unit> units;  // the service first
   // Which of them is enabled and disabled for all.
   std::string enabled;
-  // Which of them are started when the job is enabled: the sockets, and the service if it runs from the beginning.
+  // Which of them are started when the job is enabled: the sockets, and the service if it runs from
+  // the beginning.
   std::vector<std::string> started;
 };
 
@@ -30,9 +31,11 @@ JobUnits unitsOf(const Job& job);
 std::string serviceUnitName(std::string_view label);
 std::string socketUnitName(std::string_view label, std::size_t place);
 
-// What every unit of ours begins with, and no other does. Then come the job's label, as unitNameOf() writes it, and in a socket
-// its Mach service, in a service what JobUnits says of the job.
-inline constexpr std::string_view kUnitMark = "# Made by keeld; changes are lost. Use systemctl edit instead.\n[X-Keel]\n";
+// What every unit of ours begins with, and no other does. Then come the job's label, as
+// unitNameOf() writes it, and in a socket its Mach service, in a service what JobUnits says of the
+// job.
+inline constexpr std::string_view kUnitMark =
+    "# Made by keeld; changes are lost. Use systemctl edit instead.\n[X-Keel]\n";
 inline constexpr std::string_view kUnitLabelKey = "Label=";
 inline constexpr std::string_view kUnitMachServiceKey = "MachService=";
 inline constexpr std::string_view kUnitEnabledKey = "Enabled=";

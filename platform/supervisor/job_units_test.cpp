@@ -74,13 +74,18 @@ TEST(JobUnits, EveryServiceHasASocketAndTheFirstEnablesAll) {
   job.runAtLoad = true;
   const JobUnits made = unitsOf(job);
   EXPECT_EQ(made.enabled, "com.example.job.socket");
-  EXPECT_THAT(made.started, ElementsAre("com.example.job.socket", "com.example.job:2.socket", "com.example.job:3.socket",
-                                        "com.example.job.service"));
-  EXPECT_THAT(made.units[0].text,
-              HasSubstr("\nSockets=com.example.job.socket com.example.job:2.socket com.example.job:3.socket\n"));
-  EXPECT_THAT(made.units[1].text,
-              HasSubstr("\nAlso=com.example.job:2.socket com.example.job:3.socket com.example.job.service\n"));
-  EXPECT_THAT(made.units[2].text, AllOf(HasSubstr("\nFileDescriptorName=b\n"), Not(HasSubstr("Also="))));
+  EXPECT_THAT(made.started, ElementsAre("com.example.job.socket", "com.example.job:2.socket",
+                                        "com.example.job:3.socket", "com.example.job.service"));
+  EXPECT_THAT(
+      made.units[0].text,
+      HasSubstr(
+          "\nSockets=com.example.job.socket com.example.job:2.socket com.example.job:3.socket\n"));
+  EXPECT_THAT(
+      made.units[1].text,
+      HasSubstr(
+          "\nAlso=com.example.job:2.socket com.example.job:3.socket com.example.job.service\n"));
+  EXPECT_THAT(made.units[2].text,
+              AllOf(HasSubstr("\nFileDescriptorName=b\n"), Not(HasSubstr("Also="))));
 }
 
 TEST(JobUnits, JobThatNothingStartsIsEnabledAllTheSame) {
@@ -145,9 +150,10 @@ TEST(JobUnits, SettingsFollowTheJob) {
   job.abandonProcessGroup = true;
   const std::string text = serviceOf(job);
   for (const char* line :
-       {"User=alice", "Group=staff", "WorkingDirectory=/a b%%", "RootDirectory=/r", "StandardInput=file:/i",
-        "StandardOutput=append:/o", "StandardError=append:/e", "Environment=\"A=1\\x0a%%\"", "Environment=\"B=\"",
-        "RestartSec=3s", "TimeoutStopSec=infinity", "Nice=-3", "UMask=0027", "LimitNOFILE=10:20", "LimitCORE=0:0",
+       {"User=alice", "Group=staff", "WorkingDirectory=/a b%%", "RootDirectory=/r",
+        "StandardInput=file:/i", "StandardOutput=append:/o", "StandardError=append:/e",
+        "Environment=\"A=1\\x0a%%\"", "Environment=\"B=\"", "RestartSec=3s",
+        "TimeoutStopSec=infinity", "Nice=-3", "UMask=0027", "LimitNOFILE=10:20", "LimitCORE=0:0",
         "CPUSchedulingPolicy=batch", "IOSchedulingClass=idle", "KillMode=process"}) {
     EXPECT_THAT(text, HasSubstr(std::string("\n") + line + "\n"));
   }
@@ -161,11 +167,14 @@ TEST(JobUnits, NoTextBecomesALine) {
   job.environment = {{"A", "\"\nUser=root\n"}};
   job.machServices = {"s%n\""};
   for (const Unit& unit : unitsOf(job).units) {
-    EXPECT_EQ(unit.name.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789:_.-"),
+    EXPECT_EQ(unit.name.find_first_not_of(
+                  "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789:_.-"),
               std::string::npos);
-    EXPECT_THAT(unit.text, AllOf(Not(HasSubstr("\nExecStartP")), Not(HasSubstr("\nUser=")), Not(HasSubstr("\\\n"))));
+    EXPECT_THAT(unit.text, AllOf(Not(HasSubstr("\nExecStartP")), Not(HasSubstr("\nUser=")),
+                                 Not(HasSubstr("\\\n"))));
     std::size_t sections = 0;
-    for (std::size_t at = 0; (at = unit.text.find("\n[", at)) != std::string::npos; ++at) ++sections;
+    for (std::size_t at = 0; (at = unit.text.find("\n[", at)) != std::string::npos; ++at)
+      ++sections;
     EXPECT_EQ(sections, unit.name.ends_with(".socket") ? 4u : 3u) << unit.text;
   }
 }

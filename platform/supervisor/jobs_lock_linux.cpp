@@ -15,7 +15,8 @@ namespace keel {
 namespace {
 
 std::unexpected<Error> failure(int problem, const std::string& path, const char* why) {
-  return std::unexpected(supervisorError(problem, fmt::format("the lock {} cannot be had: {}", path, why)));
+  return std::unexpected(
+      supervisorError(problem, fmt::format("the lock {} cannot be had: {}", path, why)));
 }
 
 }  // namespace
@@ -27,7 +28,8 @@ std::expected<FileDescriptor, Error> lockJobs(const std::string& serviceDirector
   constexpr int kFlags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
   FileDescriptor file(::open(path.c_str(), kFlags, 0600));
   if (!file) return failure(errno, path, std::strerror(errno));
-  // One of fcntl(2), as these stay with the process: those of flock(2) would be shared by its children.
+  // One of fcntl(2), as these stay with the process: those of flock(2) would be shared by its
+  // children.
   struct flock whole{};
   whole.l_type = F_WRLCK;
   whole.l_whence = SEEK_SET;

@@ -10,15 +10,17 @@
 
 namespace keel {
 
-PatientSystemManager::PatientSystemManager(std::unique_ptr<SystemManager> manager, std::function<Clock::time_point()> now)
+PatientSystemManager::PatientSystemManager(std::unique_ptr<SystemManager> manager,
+                                           std::function<Clock::time_point()> now)
     : manager_(std::move(manager)), now_(std::move(now)) {}
 
 template <class Call>
 auto PatientSystemManager::timed(Call call) -> decltype(call()) {
   if (waited_ >= kPatience) {
-    return std::unexpected(supervisorError(
-        ETIMEDOUT, fmt::format("systemd is not asked any more: its answers took {} s in all; restart keeld when it is faster",
-                               kPatience.count())));
+    return std::unexpected(
+        supervisorError(ETIMEDOUT, fmt::format("systemd is not asked any more: its answers took {} "
+                                               "s in all; restart keeld when it is faster",
+                                               kPatience.count())));
   }
   const auto began = now_();
   auto answer = call();

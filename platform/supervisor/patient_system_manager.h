@@ -9,16 +9,18 @@
 
 namespace keel {
 
-// Asks another manager as long as that one's answers have not taken too long in all; from then on each call fails at once
-// (ETIMEDOUT). keeld lets nobody in before its modules are made, and a systemd that answers, but late, would hold it up once
-// for each of them. On one thread.
+// Asks another manager as long as that one's answers have not taken too long in all; from then on
+// each call fails at once (ETIMEDOUT). keeld lets nobody in before its modules are made, and a
+// systemd that answers, but late, would hold it up once for each of them. On one thread.
 class PatientSystemManager final : public SystemManager {
  public:
   using Clock = std::chrono::steady_clock;
-  // A thousand modules that are new take a busy machine less than half of it. keeld.service gives keeld a minute more.
+  // A thousand modules that are new take a busy machine less than half of it. keeld.service gives
+  // keeld a minute more.
   static constexpr std::chrono::seconds kPatience{120};
 
-  explicit PatientSystemManager(std::unique_ptr<SystemManager> manager, std::function<Clock::time_point()> now = &Clock::now);
+  explicit PatientSystemManager(std::unique_ptr<SystemManager> manager,
+                                std::function<Clock::time_point()> now = &Clock::now);
 
   std::expected<std::vector<std::string>, Error> unitPath() override;
   std::expected<std::string, Error> unitFileState(const std::string& name) override;

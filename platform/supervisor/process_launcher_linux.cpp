@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Between fork and exec the child is a copy of a process with many threads, of which it has only the one that forked: whatever
-// lock another held stays locked. So everything that allocates, or looks anything up, is done before (Preparation); the child
-// makes system calls alone, and tells through a pipe which of them failed. The pipe closes with the exec.
+// Between fork and exec the child is a copy of a process with many threads, of which it has only
+// the one that forked: whatever lock another held stays locked. So everything that allocates, or
+// looks anything up, is done before (Preparation); the child makes system calls alone, and tells
+// through a pipe which of them failed. The pipe closes with the exec.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
@@ -33,7 +34,8 @@ namespace keel {
 namespace {
 
 constexpr int kFirstPassed = 3;
-constexpr const char* kSearchPath = "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+constexpr const char* kSearchPath =
+    "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr std::size_t kAccountBytesLimit = 1u << 20;
 constexpr std::string_view kListenPid = "LISTEN_PID=";
 
@@ -100,24 +102,28 @@ std::expected<bool, int> lookUp(Entry& entry, std::vector<char>& buffer, Find fi
 
 std::unexpected<Error> failure(const Job& job, int problem, const std::string& what) {
   return std::unexpected(
-      supervisorError(problem, fmt::format("the job {} cannot be started: {}: {}", job.label, what, std::strerror(problem))));
+      supervisorError(problem, fmt::format("the job {} cannot be started: {}: {}", job.label, what,
+                                           std::strerror(problem))));
 }
 
 std::expected<void, Error> findUser(const Job& job, Preparation& made) {
   if (job.userName.empty()) return {};
   passwd user{};
   std::vector<char> buffer;
-  const auto found = lookUp(user, buffer, [&](passwd* entry, char* texts, std::size_t size, passwd** result) {
-    return ::getpwnam_r(job.userName.c_str(), entry, texts, size, result);
-  });
-  if (!found || !*found) return failure(job, found ? ESRCH : found.error(), "the user " + job.userName);
+  const auto found =
+      lookUp(user, buffer, [&](passwd* entry, char* texts, std::size_t size, passwd** result) {
+        return ::getpwnam_r(job.userName.c_str(), entry, texts, size, result);
+      });
+  if (!found || !*found)
+    return failure(job, found ? ESRCH : found.error(), "the user " + job.userName);
   made.account.uid = user.pw_uid;
   made.account.gid = user.pw_gid;
   made.account.changes = true;
   int count = 64;
   do {
     made.account.groups.resize(static_cast<std::size_t>(count));
-  } while (::getgrouplist(job.userName.c_str(), user.pw_gid, made.account.groups.data(), &count) < 0);
+  } while (::getgrouplist(job.userName.c_str(), user.pw_gid, made.account.groups.data(), &count) <
+           0);
   made.account.groups.resize(static_cast<std::size_t>(count));
   for (const auto& [name, value] : {std::pair<const char*, const char*>{"USER", user.pw_name},
                                     {"LOGNAME", user.pw_name},
@@ -132,17 +138,19 @@ std::expected<void, Error> findGroup(const Job& job, Preparation& made) {
   if (job.groupName.empty()) return {};
   group found{};
   std::vector<char> buffer;
-  const auto exists = lookUp(found, buffer, [&](group* entry, char* texts, std::size_t size, group** result) {
-    return ::getgrnam_r(job.groupName.c_str(), entry, texts, size, result);
-  });
-  if (!exists || !*exists) return failure(job, exists ? ESRCH : exists.error(), "the group " + job.groupName);
+  const auto exists =
+      lookUp(found, buffer, [&](group* entry, char* texts, std::size_t size, group** result) {
+        return ::getgrnam_r(job.groupName.c_str(), entry, texts, size, result);
+      });
+  if (!exists || !*exists)
+    return failure(job, exists ? ESRCH : exists.error(), "the group " + job.groupName);
   made.account.gid = found.gr_gid;
   made.account.changes = true;
   return {};
 }
 
-// The calling thread, and it alone, opens files as that account does, until this is destroyed. Past the C library, which would
-// change all threads.
+// The calling thread, and it alone, opens files as that account does, until this is destroyed. Past
+// the C library, which would change all threads.
 class RightsOf {
  public:
   explicit RightsOf(const Account& account) : changed_(account.changes) {
@@ -167,10 +175,13 @@ class RightsOf {
   std::vector<gid_t> former_;
 };
 
-// Nobody waits for the other end of a named pipe here, and no link leads from a folder of the job's user to another file.
+// Nobody waits for the other end of a named pipe here, and no link leads from a folder of the job's
+// user to another file.
 std::expected<FileDescriptor, Error> opened(const Job& job, const std::string& path, int flags) {
-  FileDescriptor file(::open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0640));
-  if (!file || ::fcntl(file.get(), F_SETFL, flags & O_APPEND) != 0) return failure(job, errno, "open " + path);
+  FileDescriptor file(
+      ::open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0640));
+  if (!file || ::fcntl(file.get(), F_SETFL, flags & O_APPEND) != 0)
+    return failure(job, errno, "open " + path);
   return file;
 }
 
@@ -200,7 +211,8 @@ void fillEnvironment(const Job& job, const std::vector<NamedSocket>& sockets, Pr
   for (const auto& [name, value] : job.environment) {
     // The job's own value takes the place of ours.
     const std::string beginning = name + "=";
-    std::erase_if(made.variables, [&](const std::string& variable) { return variable.starts_with(beginning); });
+    std::erase_if(made.variables,
+                  [&](const std::string& variable) { return variable.starts_with(beginning); });
     made.variables.push_back(beginning + value);
   }
   if (!sockets.empty()) {
@@ -215,7 +227,8 @@ void fillEnvironment(const Job& job, const std::vector<NamedSocket>& sockets, Pr
   made.environment.push_back(nullptr);
 }
 
-std::expected<void, Error> prepare(const Job& job, const std::vector<NamedSocket>& sockets, Preparation& made) {
+std::expected<void, Error> prepare(const Job& job, const std::vector<NamedSocket>& sockets,
+                                   Preparation& made) {
   made.job = &job;
   made.parent = ::getpid();
   if (auto found = findUser(job, made); !found) return found;
@@ -228,12 +241,14 @@ std::expected<void, Error> prepare(const Job& job, const std::vector<NamedSocket
   }
   made.moved.resize(sockets.size());
   fillEnvironment(job, sockets, made);
-  for (const std::string& argument : job.arguments) made.arguments.push_back(const_cast<char*>(argument.c_str()));
+  for (const std::string& argument : job.arguments)
+    made.arguments.push_back(const_cast<char*>(argument.c_str()));
   made.arguments.push_back(nullptr);
   return {};
 }
 
-// ---- in the child: system calls alone -------------------------------------------------------------------------------------
+// ---- in the child: system calls alone
+// -------------------------------------------------------------------------------------
 
 bool resetSignals() {
   struct sigaction standard{};
@@ -273,7 +288,8 @@ bool schedule(const Job& job) {
   const sched_param parameters{};
   if (job.background && ::sched_setscheduler(0, SCHED_BATCH, &parameters) != 0) return false;
   if (!job.background && !job.lowPriorityIO) return true;
-  return ::syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 7)) == 0;
+  return ::syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0,
+                   IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 7)) == 0;
 }
 
 bool limit(const Job& job) {
@@ -288,7 +304,8 @@ bool limit(const Job& job) {
 bool become(const Account& account) {
   if (!account.changes) return true;
   return ::setgroups(account.groups.size(), account.groups.data()) == 0 &&
-         ::setresgid(account.gid, account.gid, account.gid) == 0 && ::setresuid(account.uid, account.uid, account.uid) == 0;
+         ::setresgid(account.gid, account.gid, account.gid) == 0 &&
+         ::setresuid(account.uid, account.uid, account.uid) == 0;
 }
 
 // A change of the user would undo it, so it comes last.
@@ -319,8 +336,10 @@ void writeOwnProcessId(Preparation& made) {
   };
   if (taken(Step::signals, ::setsid() >= 0) && taken(Step::descriptors, resetSignals()) &&
       taken(Step::scheduling, arrangeDescriptors(made)) && taken(Step::limits, schedule(job)) &&
-      taken(Step::rootDirectory, limit(job)) && taken(Step::workingDirectory, enter(job.rootDirectory, &::chroot)) &&
-      taken(Step::account, ::chdir(job.workingDirectory.empty() ? "/" : job.workingDirectory.c_str()) == 0) &&
+      taken(Step::rootDirectory, limit(job)) &&
+      taken(Step::workingDirectory, enter(job.rootDirectory, &::chroot)) &&
+      taken(Step::account,
+            ::chdir(job.workingDirectory.empty() ? "/" : job.workingDirectory.c_str()) == 0) &&
       taken(Step::death, become(made.account)) && taken(Step::exec, endWithParent(made.parent))) {
     writeOwnProcessId(made);
     ::execve(job.program.c_str(), made.arguments.data(), made.environment.data());
@@ -331,7 +350,8 @@ void writeOwnProcessId(Preparation& made) {
   ::_exit(127);
 }
 
-// ---- in the parent --------------------------------------------------------------------------------------------------------
+// ---- in the parent
+// --------------------------------------------------------------------------------------------------------
 
 std::optional<Report> reportOf(int pipe) {
   Report report{};
@@ -345,9 +365,11 @@ std::optional<Report> reportOf(int pipe) {
 
 }  // namespace
 
-std::expected<LaunchedProcess, Error> launch(const Job& job, const std::vector<NamedSocket>& sockets) {
+std::expected<LaunchedProcess, Error> launch(const Job& job,
+                                             const std::vector<NamedSocket>& sockets) {
   Preparation made;
-  if (auto prepared = prepare(job, sockets, made); !prepared) return std::unexpected(prepared.error());
+  if (auto prepared = prepare(job, sockets, made); !prepared)
+    return std::unexpected(prepared.error());
   std::array<int, 2> ends{};
   if (::pipe2(ends.data(), O_CLOEXEC) != 0) return failure(job, errno, "a pipe");
   const FileDescriptor reading(ends[0]);
@@ -361,7 +383,8 @@ std::expected<LaunchedProcess, Error> launch(const Job& job, const std::vector<N
   if (const auto report = reportOf(reading.get())) {
     ::waitpid(pid, nullptr, 0);
     const char* step = kStepTexts[static_cast<std::size_t>(report->step)];
-    return failure(job, report->problem, report->step == Step::exec ? fmt::format("{} {}", step, job.program) : step);
+    return failure(job, report->problem,
+                   report->step == Step::exec ? fmt::format("{} {}", step, job.program) : step);
   }
   // Nobody else reaps our children, so that the number is still this one's.
   FileDescriptor pidfd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));

@@ -8,8 +8,9 @@
 namespace keel {
 
 Error supervisorError(int problem, std::string description) {
-  return Error(NSPOSIXErrorDomain, problem,
-               Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), std::move(description)}})));
+  return Error(
+      NSPOSIXErrorDomain, problem,
+      Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), std::move(description)}})));
 }
 
 bool refuse(Error* error, Error problem) {

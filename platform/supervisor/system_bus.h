@@ -10,8 +10,9 @@ struct sd_bus_message;
 
 namespace keel {
 
-// A connection over which systemd is asked, the words in which it is, and how to wait for it no longer than until a deadline.
-// The library would wait for somebody who lets it in, and is silent then, for a minute and a half.
+// A connection over which systemd is asked, the words in which it is, and how to wait for it no
+// longer than until a deadline. The library would wait for somebody who lets it in, and is silent
+// then, for a minute and a half.
 
 struct BusCloser {
   void operator()(sd_bus* bus) const;
@@ -30,7 +31,8 @@ inline constexpr const char* kSystemdManager = "org.freedesktop.systemd1.Manager
 // Zero when it has passed.
 std::uint64_t microsecondsUntil(std::chrono::steady_clock::time_point deadline);
 
-// Waits until a bus that was opened, or started, can be used. A negative errno when it cannot; -ETIMEDOUT: not by then.
+// Waits until a bus that was opened, or started, can be used. A negative errno when it cannot;
+// -ETIMEDOUT: not by then.
 int waitUntilReady(sd_bus& bus, std::chrono::steady_clock::time_point deadline);
 
 }  // namespace keel

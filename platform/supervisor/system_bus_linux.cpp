@@ -16,7 +16,9 @@ void MessageReleaser::operator()(sd_bus_message* message) const {
 }
 
 std::uint64_t microsecondsUntil(std::chrono::steady_clock::time_point deadline) {
-  const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now()).count();
+  const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+                        deadline - std::chrono::steady_clock::now())
+                        .count();
   return left > 0 ? static_cast<std::uint64_t>(left) : 0;
 }
 

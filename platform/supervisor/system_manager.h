@@ -10,7 +10,8 @@
 
 namespace keel {
 
-// What we ask of systemd (org.freedesktop.systemd1). Every call ends within a deadline of its own. On one thread.
+// What we ask of systemd (org.freedesktop.systemd1). Every call ends within a deadline of its own.
+// On one thread.
 class SystemManager {
  public:
   using Done = std::expected<void, Error>;
@@ -19,12 +20,14 @@ class SystemManager {
 
   // The folders in which systemd looks for units.
   virtual std::expected<std::vector<std::string>, Error> unitPath() = 0;
-  // As is-enabled of systemctl(1) has it, "enabled-runtime" for example; empty when there is no such unit. Looks at the disk.
+  // As is-enabled of systemctl(1) has it, "enabled-runtime" for example; empty when there is no
+  // such unit. Looks at the disk.
   virtual std::expected<std::string, Error> unitFileState(const std::string& name) = 0;
   // `runtime`: until the next boot.
   virtual Done enable(const std::string& name, bool runtime) = 0;
   virtual Done disable(const std::string& name, bool runtime) = 0;
-  // Loads the unit if need be. Sockets are waited for, for a while: one that is not ready then is no error, one that fails is.
+  // Loads the unit if need be. Sockets are waited for, for a while: one that is not ready then is
+  // no error, one that fails is.
   virtual Done start(const std::string& name) = 0;
   // Asks for it and does not wait. No error when it does not run.
   virtual Done stop(const std::string& name) = 0;

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Talks to systemd over the system bus, or, where there is none that works, over the socket on which systemctl(1) talks to it
-// as root.
+// Talks to systemd over the system bus, or, where there is none that works, over the socket on
+// which systemctl(1) talks to it as root.
 //
-// keeld asks while it is itself being started by systemd. That is safe as long as it waits for no job that waits for keeld: of
-// jobs it waits for those of sockets alone, which nothing orders behind keeld, and for those not beyond a deadline. A system
-// bus that is not up yet is started by the very connection; and each call has its deadline.
+// keeld asks while it is itself being started by systemd. That is safe as long as it waits for no
+// job that waits for keeld: of jobs it waits for those of sockets alone, which nothing orders
+// behind keeld, and for those not beyond a deadline. A system bus that is not up yet is started by
+// the very connection; and each call has its deadline.
 //
-// Whoever has missed a deadline is not asked again for a while: the modules are many, and keeld must start.
+// Whoever has missed a deadline is not asked again for a while: the modules are many, and keeld
+// must start.
 #include <fmt/format.h>
 #include <systemd/sd-bus.h>
 
@@ -45,14 +47,16 @@ class SystemdManager final : public SystemManager {
  public:
   std::expected<std::vector<std::string>, Error> unitPath() override {
     sd_bus_message* raw = nullptr;
-    if (auto connected = ready("UnitPath", ""); !connected) return std::unexpected(connected.error());
+    if (auto connected = ready("UnitPath", ""); !connected)
+      return std::unexpected(connected.error());
     sd_bus_error problem{};
-    const int status =
-        sd_bus_get_property(bus_.get(), kSystemdDestination, kSystemdPath, kSystemdManager, "UnitPath", &problem, &raw, "as");
+    const int status = sd_bus_get_property(bus_.get(), kSystemdDestination, kSystemdPath,
+                                           kSystemdManager, "UnitPath", &problem, &raw, "as");
     const Message answer(raw);
     if (status < 0) return std::unexpected(failed("UnitPath", "", status, problem));
     char** folders = nullptr;
-    if (sd_bus_message_read_strv(answer.get(), &folders) < 0) return std::unexpected(nonsense("UnitPath"));
+    if (sd_bus_message_read_strv(answer.get(), &folders) < 0)
+      return std::unexpected(nonsense("UnitPath"));
     std::vector<std::string> path;
     for (char** each = folders; each != nullptr && *each != nullptr; ++each) {
       path.emplace_back(*each);
@@ -69,12 +73,14 @@ class SystemdManager final : public SystemManager {
       return std::unexpected(answer.error());
     }
     const char* state = nullptr;
-    if (sd_bus_message_read(answer->get(), "s", &state) < 0) return std::unexpected(nonsense("GetUnitFileState"));
+    if (sd_bus_message_read(answer->get(), "s", &state) < 0)
+      return std::unexpected(nonsense("GetUnitFileState"));
     return std::string(state);
   }
 
   Done enable(const std::string& name, bool runtime) override {
-    return done(call("EnableUnitFiles", name, "asbb", 1, name.c_str(), runtime ? 1 : 0, /*force=*/1));
+    return done(
+        call("EnableUnitFiles", name, "asbb", 1, name.c_str(), runtime ? 1 : 0, /*force=*/1));
   }
   Done disable(const std::string& name, bool runtime) override {
     return done(call("DisableUnitFiles", name, "asb", 1, name.c_str(), runtime ? 1 : 0));
@@ -91,7 +97,8 @@ class SystemdManager final : public SystemManager {
     const auto answer = call("StartUnit", name, "ss", name.c_str(), "replace");
     if (!answer) return std::unexpected(answer.error());
     const char* job = nullptr;
-    if (sd_bus_message_read(answer->get(), "o", &job) < 0) return std::unexpected(nonsense("StartUnit"));
+    if (sd_bus_message_read(answer->get(), "o", &job) < 0)
+      return std::unexpected(nonsense("StartUnit"));
     return name.ends_with(".socket") ? waitFor(job, name) : Done();
   }
 
@@ -106,23 +113,29 @@ class SystemdManager final : public SystemManager {
     return supervisorError(EBADMSG, fmt::format("systemd answered {} with something else", method));
   }
 
-  // Asks once more over a new connection when the old one turns out to be lost: systemd drops it when it executes itself anew.
+  // Asks once more over a new connection when the old one turns out to be lost: systemd drops it
+  // when it executes itself anew.
   template <class... Arguments>
-  Answer call(const char* method, const std::string& unit, const char* types, Arguments... arguments) {
+  Answer call(const char* method, const std::string& unit, const char* types,
+              Arguments... arguments) {
     const bool fresh = bus_ == nullptr;
     Answer answer = callOnce(method, unit, types, arguments...);
-    if (!answer && !fresh && bus_ == nullptr && !silent()) return callOnce(method, unit, types, arguments...);
+    if (!answer && !fresh && bus_ == nullptr && !silent())
+      return callOnce(method, unit, types, arguments...);
     return answer;
   }
 
   template <class... Arguments>
-  Answer callOnce(const char* method, const std::string& unit, const char* types, Arguments... arguments) {
+  Answer callOnce(const char* method, const std::string& unit, const char* types,
+                  Arguments... arguments) {
     if (auto connected = ready(method, unit); !connected) return std::unexpected(connected.error());
     sd_bus_error problem{};
     sd_bus_message* raw = nullptr;
-    int status = sd_bus_message_new_method_call(bus_.get(), &raw, kSystemdDestination, kSystemdPath, kSystemdManager, method);
+    int status = sd_bus_message_new_method_call(bus_.get(), &raw, kSystemdDestination, kSystemdPath,
+                                                kSystemdManager, method);
     const Message request(raw);
-    if (status >= 0 && *types != '\0') status = sd_bus_message_append(request.get(), types, arguments...);
+    if (status >= 0 && *types != '\0')
+      status = sd_bus_message_append(request.get(), types, arguments...);
     if (status < 0) return std::unexpected(failed(method, unit, status, problem));
 
     raw = nullptr;
@@ -143,14 +156,15 @@ class SystemdManager final : public SystemManager {
     sd_bus_error_free(&problem);
     return error;
   }
-  Error errorOf(const char* method, const std::string& unit, int status, const sd_bus_error* problem) {
+  Error errorOf(const char* method, const std::string& unit, int status,
+                const sd_bus_error* problem) {
     const bool told = sd_bus_error_is_set(problem) != 0;
     const int code = -status;
     if (code == ETIMEDOUT || (told && sd_bus_error_has_name(problem, SD_BUS_ERROR_NO_REPLY) != 0)) {
       bus_.reset();
       silentUntil_ = Clock::now() + kSilence;
-      return supervisorError(ETIMEDOUT,
-                             fmt::format("systemd did not answer {} within {} s", named(method, unit), kCallDeadline.count()));
+      return supervisorError(ETIMEDOUT, fmt::format("systemd did not answer {} within {} s",
+                                                    named(method, unit), kCallDeadline.count()));
     }
     if (code == ECONNRESET || code == ENOTCONN || code == EPIPE || code == ESHUTDOWN) bus_.reset();
     if (told && sd_bus_error_has_name(problem, kNoSuchUnit) != 0) {
@@ -165,8 +179,9 @@ class SystemdManager final : public SystemManager {
   // Whether systemd can be asked, and is to be.
   Done ready(const char* method, const std::string& unit) {
     if (!silent()) return connect();
-    return std::unexpected(
-        supervisorError(ETIMEDOUT, fmt::format("systemd is not asked for {}: it did not answer before", named(method, unit))));
+    return std::unexpected(supervisorError(
+        ETIMEDOUT,
+        fmt::format("systemd is not asked for {}: it did not answer before", named(method, unit))));
   }
 
   Done connect() {
@@ -177,10 +192,12 @@ class SystemdManager final : public SystemManager {
     const int byPrivate = open(&SystemdManager::openPrivate, /*sender=*/nullptr);
     if (byPrivate >= 0) return {};
     if (byPrivate == -ETIMEDOUT) silentUntil_ = Clock::now() + kSilence;
-    // Whatever the reason, which may be that a socket is missing: ENOENT would say that systemd knows no such unit.
-    return std::unexpected(
-        supervisorError(ENOTCONN, fmt::format("systemd cannot be reached, neither over the system bus ({}) nor directly ({})",
-                                              std::strerror(-bySystemBus), std::strerror(-byPrivate))));
+    // Whatever the reason, which may be that a socket is missing: ENOENT would say that systemd
+    // knows no such unit.
+    return std::unexpected(supervisorError(
+        ENOTCONN,
+        fmt::format("systemd cannot be reached, neither over the system bus ({}) nor directly ({})",
+                    std::strerror(-bySystemBus), std::strerror(-byPrivate))));
   }
 
   // Opens with `openBus` and waits until it can be used.
@@ -190,17 +207,20 @@ class SystemdManager final : public SystemManager {
     int status = openBus(&raw);
     Bus bus(raw);
     if (status < 0) return status;
-    sd_bus_set_method_call_timeout(bus.get(), static_cast<std::uint64_t>(microseconds(kConnectDeadline).count()));
+    sd_bus_set_method_call_timeout(
+        bus.get(), static_cast<std::uint64_t>(microseconds(kConnectDeadline).count()));
     status = waitUntilReady(*bus, deadline);
     if (status < 0) return status;
-    status = sd_bus_match_signal(bus.get(), nullptr, sender, kSystemdPath, kSystemdManager, "JobRemoved",
-                                 &SystemdManager::jobRemoved, this);
+    status = sd_bus_match_signal(bus.get(), nullptr, sender, kSystemdPath, kSystemdManager,
+                                 "JobRemoved", &SystemdManager::jobRemoved, this);
     if (status < 0) return status;
-    // Without it systemd tells nobody of its jobs. Answered with an error when somebody of this connection did it before.
-    status =
-        sd_bus_call_method(bus.get(), kSystemdDestination, kSystemdPath, kSystemdManager, "Subscribe", nullptr, nullptr, "");
+    // Without it systemd tells nobody of its jobs. Answered with an error when somebody of this
+    // connection did it before.
+    status = sd_bus_call_method(bus.get(), kSystemdDestination, kSystemdPath, kSystemdManager,
+                                "Subscribe", nullptr, nullptr, "");
     if (status == -ETIMEDOUT) return status;
-    sd_bus_set_method_call_timeout(bus.get(), static_cast<std::uint64_t>(microseconds(kCallDeadline).count()));
+    sd_bus_set_method_call_timeout(bus.get(),
+                                   static_cast<std::uint64_t>(microseconds(kCallDeadline).count()));
     bus_ = std::move(bus);
     return 0;
   }
@@ -234,8 +254,9 @@ class SystemdManager final : public SystemManager {
       if (processed == 0) sd_bus_wait(bus_.get(), left);
     }
     if (result_ == "done" || result_ == "skipped") return {};
-    return std::unexpected(
-        supervisorError(EIO, fmt::format("{} did not start ({}); systemctl status {} says why", unit, result_, unit)));
+    return std::unexpected(supervisorError(
+        EIO,
+        fmt::format("{} did not start ({}); systemctl status {} says why", unit, result_, unit)));
   }
 
   Bus bus_;

@@ -15,7 +15,8 @@ namespace {
 
 Supervisor* makeSupervisor() {
   if (sd_booted() > 0)
-    return new SystemdSupervisor(std::make_unique<PatientSystemManager>(connectSystemManager()), UnitStore());
+    return new SystemdSupervisor(std::make_unique<PatientSystemManager>(connectSystemManager()),
+                                 UnitStore());
   return new EmbeddedSupervisor({.serviceDirectory = kServiceDirectory,
                                  .reactor = ioReactor(),
                                  .workers = globalQueue(),

@@ -15,7 +15,8 @@ namespace keel {
 
 namespace {
 
-std::vector<std::string> unitNamesOf(const UnitStore::Stored& service, const std::string& serviceName) {
+std::vector<std::string> unitNamesOf(const UnitStore::Stored& service,
+                                     const std::string& serviceName) {
   std::vector<std::string> names = service.started;
   if (std::ranges::find(names, serviceName) == names.end()) names.push_back(serviceName);
   return names;
@@ -30,13 +31,14 @@ bool isEnabledState(const std::string& state) {
 SystemdSupervisor::SystemdSupervisor(std::unique_ptr<SystemManager> manager, UnitStore store)
     : manager_(std::move(manager)), store_(std::move(store)) {}
 
-std::shared_ptr<QZCommandAuthorization> SystemdSupervisor::QZSupervisorCreateCommandAuthorizationWithCredentials(const void*,
-                                                                                                                 const void*,
-                                                                                                                 const void*) {
+std::shared_ptr<QZCommandAuthorization>
+SystemdSupervisor::QZSupervisorCreateCommandAuthorizationWithCredentials(const void*, const void*,
+                                                                         const void*) {
   return makeCommandAuthorization();
 }
 
-bool SystemdSupervisor::QZSupervisorGetServiceEnabled(QZCommandAuthorization*, const String& label, Error* error) {
+bool SystemdSupervisor::QZSupervisorGetServiceEnabled(QZCommandAuthorization*, const String& label,
+                                                      Error* error) {
   if (auto problem = errorOfLabel(label)) return refuse(error, std::move(*problem));
   const auto service = serviceOf(label);
   if (!service) return false;
@@ -45,7 +47,8 @@ bool SystemdSupervisor::QZSupervisorGetServiceEnabled(QZCommandAuthorization*, c
   return isEnabledState(*state);
 }
 
-bool SystemdSupervisor::QZSupervisorCreateService(QZCommandAuthorization*, const Value& dictionary, Error* error) {
+bool SystemdSupervisor::QZSupervisorCreateService(QZCommandAuthorization*, const Value& dictionary,
+                                                  Error* error) {
   const auto job = jobOf(dictionary);
   if (!job) return lastRefusal_.note(dictionary, error, job.error());
   if (auto made = create(*job); !made) return lastRefusal_.note(dictionary, error, made.error());
@@ -53,8 +56,8 @@ bool SystemdSupervisor::QZSupervisorCreateService(QZCommandAuthorization*, const
   return true;
 }
 
-bool SystemdSupervisor::QZSupervisorSetServiceEnabled(QZCommandAuthorization*, const String& label, bool enabled,
-                                                      Error* error) {
+bool SystemdSupervisor::QZSupervisorSetServiceEnabled(QZCommandAuthorization*, const String& label,
+                                                      bool enabled, Error* error) {
   if (auto problem = errorOfLabel(label)) return refuse(error, std::move(*problem));
   const auto service = serviceOf(label);
   if (!service) return refuse(error, lastRefusal_.reasonFor(label, service.error()));
@@ -73,7 +76,8 @@ std::expected<UnitStore::Stored, Error> SystemdSupervisor::serviceOf(const Strin
     case UnitStore::Standing::foreign:
       return std::unexpected(supervisorError(EEXIST, fmt::format("{} is not keeld's", name)));
   }
-  return std::unexpected(supervisorError(ENOENT, fmt::format("there is no job with the unit {}", name)));
+  return std::unexpected(
+      supervisorError(ENOENT, fmt::format("there is no job with the unit {}", name)));
 }
 
 SystemdSupervisor::Done SystemdSupervisor::create(const Job& job) {
@@ -95,7 +99,8 @@ SystemdSupervisor::Done SystemdSupervisor::checkNames(const Job& job, const JobU
   for (const std::string& name : job.machServices) {
     const std::string owner = store_.ownerOf(name);
     if (!owner.empty() && owner != unitNameOf(job.label)) {
-      return std::unexpected(supervisorError(EEXIST, fmt::format("{} is a service of the job {} already", name, owner)));
+      return std::unexpected(supervisorError(
+          EEXIST, fmt::format("{} is a service of the job {} already", name, owner)));
     }
   }
   if (unitPath_.empty()) {
@@ -108,26 +113,32 @@ SystemdSupervisor::Done SystemdSupervisor::checkNames(const Job& job, const JobU
     for (const std::string& folder : unitPath_) {
       if (!UnitStore::exists(folder, unit.name)) continue;
       return std::unexpected(supervisorError(
-          EEXIST, fmt::format("{}/{} is there already, and not keeld's; give the job another label", folder, unit.name)));
+          EEXIST, fmt::format("{}/{} is there already, and not keeld's; give the job another label",
+                              folder, unit.name)));
     }
   }
   return {};
 }
 
-SystemdSupervisor::Done SystemdSupervisor::removeFormer(const UnitStore::Stored& former, UnitStore::Place place,
+SystemdSupervisor::Done SystemdSupervisor::removeFormer(const UnitStore::Stored& former,
+                                                        UnitStore::Place place,
                                                         const JobUnits& units) {
   const std::string& serviceName = units.units.front().name;
   const std::vector<std::string> names = unitNamesOf(former, serviceName);
   const bool moved = former.place != place;
   const auto isSame = [&](const Unit& unit) {
     std::optional<UnitStore::Stored> stored;
-    return store_.standingOf(unit.name, &stored) == UnitStore::Standing::ours && stored->text == unit.text;
+    return store_.standingOf(unit.name, &stored) == UnitStore::Standing::ours &&
+           stored->text == unit.text;
   };
-  if (!moved && names.size() <= units.units.size() && std::ranges::all_of(units.units, isSame)) return {};
+  if (!moved && names.size() <= units.units.size() && std::ranges::all_of(units.units, isSame))
+    return {};
 
   reloadNeeded_ = true;
   if (auto stopped = stopAll(former, serviceName); !stopped) return stopped;
-  if (auto disabled = manager_->disable(former.enabled, former.place == UnitStore::Place::runtime); !disabled) return disabled;
+  if (auto disabled = manager_->disable(former.enabled, former.place == UnitStore::Place::runtime);
+      !disabled)
+    return disabled;
   for (const std::string& name : names) {
     if (!moved && std::ranges::find(units.units, name, &Unit::name) != units.units.end()) continue;
     if (auto removed = store_.remove(former.place, name); !removed) return removed;
@@ -135,7 +146,8 @@ SystemdSupervisor::Done SystemdSupervisor::removeFormer(const UnitStore::Stored&
   return {};
 }
 
-SystemdSupervisor::Done SystemdSupervisor::stopAll(const UnitStore::Stored& service, const std::string& serviceName) {
+SystemdSupervisor::Done SystemdSupervisor::stopAll(const UnitStore::Stored& service,
+                                                   const std::string& serviceName) {
   // The sockets first, lest they start it again.
   for (const std::string& name : unitNamesOf(service, serviceName)) {
     if (auto stopped = manager_->stop(name); !stopped) return stopped;
@@ -150,7 +162,8 @@ SystemdSupervisor::Done SystemdSupervisor::enable(const UnitStore::Stored& servi
   }
   Done done;
   std::size_t startedCount = 0;
-  for (; done && startedCount < service.started.size(); ++startedCount) done = manager_->start(service.started[startedCount]);
+  for (; done && startedCount < service.started.size(); ++startedCount)
+    done = manager_->start(service.started[startedCount]);
   if (done) done = manager_->enable(service.enabled, service.place == UnitStore::Place::runtime);
   if (done) return {};
   // What is not enabled does not run. What comes of that changes nothing in why the job is not.
@@ -160,8 +173,11 @@ SystemdSupervisor::Done SystemdSupervisor::enable(const UnitStore::Stored& servi
   return done;
 }
 
-SystemdSupervisor::Done SystemdSupervisor::disable(const UnitStore::Stored& service, const std::string& serviceName) {
-  if (auto disabled = manager_->disable(service.enabled, service.place == UnitStore::Place::runtime); !disabled) {
+SystemdSupervisor::Done SystemdSupervisor::disable(const UnitStore::Stored& service,
+                                                   const std::string& serviceName) {
+  if (auto disabled =
+          manager_->disable(service.enabled, service.place == UnitStore::Place::runtime);
+      !disabled) {
     return disabled;
   }
   return stopAll(service, serviceName);

@@ -82,8 +82,9 @@ class SystemdSupervisorTest : public testing::Test {
 
   // As with keeld's next start.
   void restart() {
-    supervisor_ = std::make_unique<SystemdSupervisor>(std::make_unique<FakeManager>(told_),
-                                                      UnitStore({.runtime = runtime(), .persistent = persistent()}));
+    supervisor_ = std::make_unique<SystemdSupervisor>(
+        std::make_unique<FakeManager>(told_),
+        UnitStore({.runtime = runtime(), .persistent = persistent()}));
   }
 
   std::string runtime() const { return root_ + "/run"; }
@@ -106,7 +107,9 @@ class SystemdSupervisorTest : public testing::Test {
   }
   std::string enable(const String& label, bool enabled = true) {
     Error error;
-    return supervisor_->QZSupervisorSetServiceEnabled(nullptr, label, enabled, &error) ? "" : error.description();
+    return supervisor_->QZSupervisorSetServiceEnabled(nullptr, label, enabled, &error)
+               ? ""
+               : error.description();
   }
   bool isEnabled(const String& label) {
     error_ = nullptr;
@@ -126,7 +129,9 @@ class SystemdSupervisorTest : public testing::Test {
 };
 
 TEST_F(SystemdSupervisorTest, AuthorizationIsNeverNull) {
-  EXPECT_NE(supervisor_->QZSupervisorCreateCommandAuthorizationWithCredentials(nullptr, nullptr, nullptr), nullptr);
+  EXPECT_NE(
+      supervisor_->QZSupervisorCreateCommandAuthorizationWithCredentials(nullptr, nullptr, nullptr),
+      nullptr);
 }
 
 TEST_F(SystemdSupervisorTest, NewJobIsWrittenStartedAndThenEnabled) {
@@ -137,7 +142,8 @@ TEST_F(SystemdSupervisorTest, NewJobIsWrittenStartedAndThenEnabled) {
   EXPECT_THAT(takeCalls(), ElementsAre("unit path"));
   EXPECT_THAT(content(runtime() + "/a:2.socket"), HasSubstr("ListenStream=/run/keeld/s2\n"));
   EXPECT_EQ(enable("a"), "");
-  EXPECT_THAT(takeCalls(), ElementsAre("start a.socket", "start a:2.socket", "enable-runtime a.socket"));
+  EXPECT_THAT(takeCalls(),
+              ElementsAre("start a.socket", "start a:2.socket", "enable-runtime a.socket"));
   EXPECT_TRUE(isEnabled("a"));
 }
 
@@ -180,19 +186,24 @@ TEST_F(SystemdSupervisorTest, JobThatIsNotEnabledInTheEndIsStopped) {
   takeCalls();
   told_.failing = "start a:2.socket";
   EXPECT_THAT(enable("a"), HasSubstr("no start a:2.socket"));
-  EXPECT_THAT(takeCalls(), ElementsAre("start a.socket", "start a:2.socket", "stop a.socket", "stop a:2.socket"));
+  EXPECT_THAT(takeCalls(), ElementsAre("start a.socket", "start a:2.socket", "stop a.socket",
+                                       "stop a:2.socket"));
   told_.failing = "enable-runtime a.socket";
   EXPECT_THAT(enable("a"), HasSubstr("no enable-runtime a.socket"));
-  EXPECT_THAT(takeCalls(), ElementsAre("start a.socket", "start a:2.socket", "start a:3.socket", "enable-runtime a.socket",
-                                       "stop a.socket", "stop a:2.socket", "stop a:3.socket"));
+  EXPECT_THAT(takeCalls(), ElementsAre("start a.socket", "start a:2.socket", "start a:3.socket",
+                                       "enable-runtime a.socket", "stop a.socket",
+                                       "stop a:2.socket", "stop a:3.socket"));
 }
 
 TEST_F(SystemdSupervisorTest, SlowSystemdIsNotAskedForEver) {
-  const auto manager = std::make_unique<PatientSystemManager>(std::make_unique<FakeManager>(told_), [&] { return told_.now; });
+  const auto manager = std::make_unique<PatientSystemManager>(std::make_unique<FakeManager>(told_),
+                                                              [&] { return told_.now; });
   told_.delay = std::chrono::seconds(1);
-  for (int round = 0; round < PatientSystemManager::kPatience.count(); ++round) EXPECT_TRUE(manager->unitFileState("a"));
+  for (int round = 0; round < PatientSystemManager::kPatience.count(); ++round)
+    EXPECT_TRUE(manager->unitFileState("a"));
   EXPECT_EQ(takeCalls().size(), static_cast<std::size_t>(PatientSystemManager::kPatience.count()));
-  for (const auto& refused : {manager->reload(), manager->start("a"), manager->stop("a"), manager->enable("a", true)}) {
+  for (const auto& refused :
+       {manager->reload(), manager->start("a"), manager->stop("a"), manager->enable("a", true)}) {
     ASSERT_FALSE(refused);
     EXPECT_EQ(refused.error().code(), ETIMEDOUT);
     EXPECT_THAT(refused.error().description(), HasSubstr("its answers took 120 s in all"));
@@ -257,7 +268,8 @@ TEST_F(SystemdSupervisorTest, ChangedJobIsStoppedAndReadAgainOnce) {
   ASSERT_EQ(enable("a"), "");
   takeCalls();
   ASSERT_EQ(create(job("a", {services({"s1"})})), "");
-  EXPECT_THAT(takeCalls(), ElementsAre("stop a.socket", "stop a:2.socket", "stop a.service", "disable-runtime a.socket"));
+  EXPECT_THAT(takeCalls(), ElementsAre("stop a.socket", "stop a:2.socket", "stop a.service",
+                                       "disable-runtime a.socket"));
   EXPECT_FALSE(std::filesystem::exists(runtime() + "/a:2.socket"));
   EXPECT_EQ(enable("a"), "");
   EXPECT_THAT(takeCalls(), ElementsAre("reload", "start a.socket", "enable-runtime a.socket"));
@@ -276,9 +288,11 @@ TEST_F(SystemdSupervisorTest, JobThatBecomesTransientLeavesNothingPersistent) {
 
 TEST_F(SystemdSupervisorTest, ServiceOfAnotherJobIsRefused) {
   ASSERT_EQ(create(job("a", {services({"s"})})), "");
-  EXPECT_THAT(create(job("b", {services({"s"})})), HasSubstr("s is a service of the job a already"));
+  EXPECT_THAT(create(job("b", {services({"s"})})),
+              HasSubstr("s is a service of the job a already"));
   restart();
-  EXPECT_THAT(create(job("b", {services({"s"})})), HasSubstr("s is a service of the job a already"));
+  EXPECT_THAT(create(job("b", {services({"s"})})),
+              HasSubstr("s is a service of the job a already"));
   EXPECT_FALSE(std::filesystem::exists(runtime() + "/b.service"));
 }
 
@@ -287,7 +301,8 @@ TEST_F(SystemdSupervisorTest, DisablingEndsIt) {
   ASSERT_EQ(enable("a"), "");
   takeCalls();
   EXPECT_EQ(enable("a", false), "");
-  EXPECT_THAT(takeCalls(), ElementsAre("disable-runtime a.socket", "stop a.socket", "stop a.service"));
+  EXPECT_THAT(takeCalls(),
+              ElementsAre("disable-runtime a.socket", "stop a.socket", "stop a.service"));
   EXPECT_FALSE(isEnabled("a"));
 }
 

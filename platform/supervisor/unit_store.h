@@ -14,7 +14,8 @@
 
 namespace keel {
 
-// The files of our units on disk, among those of others: only what carries our mark is ever replaced or removed. On one thread.
+// The files of our units on disk, among those of others: only what carries our mark is ever
+// replaced or removed. On one thread.
 class UnitStore {
  public:
   enum class Place : std::uint8_t {
@@ -41,19 +42,21 @@ class UnitStore {
   explicit UnitStore(Directories directories);
   UnitStore() : UnitStore(Directories()) {}
 
-  // Whose is the file of that name in our directories? `stored`, if given, gets what is in one of ours. Whatever cannot be
-  // read, such as a link (a masked unit is one), is foreign.
+  // Whose is the file of that name in our directories? `stored`, if given, gets what is in one of
+  // ours. Whatever cannot be read, such as a link (a masked unit is one), is foreign.
   Standing standingOf(const std::string& name, std::optional<Stored>* stored = nullptr) const;
 
   // Whether there is anything of that name in the folder, a link that leads nowhere too.
   static bool exists(const std::string& folder, const std::string& name);
 
-  // Puts the unit there; true when that changed something. A reader finds the old text or the new one, whole.
+  // Puts the unit there; true when that changed something. A reader finds the old text or the new
+  // one, whole.
   std::expected<bool, Error> write(Place place, const Unit& unit);
   // One of ours. No error when it is gone already.
   std::expected<void, Error> remove(Place place, const std::string& name);
 
-  // The label, as unitNameOf() writes it, of the job that has that Mach service; empty when none of ours has.
+  // The label, as unitNameOf() writes it, of the job that has that Mach service; empty when none of
+  // ours has.
   std::string ownerOf(const std::string& machService);
 
  private:
@@ -62,7 +65,8 @@ class UnitStore {
 
   const Directories directories_;
   bool indexed_ = false;
-  std::map<std::string, std::string, std::less<>> labelsByMachService_;  // as unitNameOf() writes both
+  std::map<std::string, std::string, std::less<>>
+      labelsByMachService_;  // as unitNameOf() writes both
 };
 
 }  // namespace keel

@@ -22,13 +22,15 @@ namespace keel {
 
 namespace {
 
-// Our units are a few KiB; kTextsBytes of arguments and environment, with every byte escaped, are below this.
+// Our units are a few KiB; kTextsBytes of arguments and environment, with every byte escaped, are
+// below this.
 constexpr std::size_t kUnitBytes = 2u << 20;
 
 // None when there is no such file; empty when it is not a file that could be ours.
 std::optional<std::string> contentOf(const std::string& path) {
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (!file) return errno == ENOENT || errno == ENOTDIR ? std::nullopt : std::optional(std::string());
+  if (!file)
+    return errno == ENOENT || errno == ENOTDIR ? std::nullopt : std::optional(std::string());
   struct stat status{};
   if (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::string();
   std::string text;
@@ -76,7 +78,8 @@ std::optional<UnitStore::Stored> notesOf(UnitStore::Place place, std::string tex
 
 std::unexpected<Error> failure(const char* what, const std::string& path) {
   const int problem = errno;
-  return std::unexpected(supervisorError(problem, fmt::format("cannot {} {}: {}", what, path, std::strerror(problem))));
+  return std::unexpected(supervisorError(
+      problem, fmt::format("cannot {} {}: {}", what, path, std::strerror(problem))));
 }
 
 bool writeAll(int file, std::string_view text) {
@@ -97,7 +100,8 @@ std::string UnitStore::pathOf(Place place, const std::string& name) const {
   return (place == Place::runtime ? directories_.runtime : directories_.persistent) + "/" + name;
 }
 
-UnitStore::Standing UnitStore::standingOf(const std::string& name, std::optional<Stored>* stored) const {
+UnitStore::Standing UnitStore::standingOf(const std::string& name,
+                                          std::optional<Stored>* stored) const {
   for (const Place place : {Place::persistent, Place::runtime}) {
     auto text = contentOf(pathOf(place, name));
     if (!text) continue;
@@ -119,13 +123,15 @@ std::expected<bool, Error> UnitStore::write(Place place, const Unit& unit) {
   const auto former = contentOf(path);
   if (former == unit.text) return false;
   const std::string directory = pathOf(place, "");
-  if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) return failure("make the folder", directory);
+  if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST)
+    return failure("make the folder", directory);
   // systemd overlooks names that begin with a dot.
   std::string temporary = directory + ".keeld-XXXXXX";
   const FileDescriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
   if (!file) return failure("write into", directory);
   const bool written = writeAll(file.get(), unit.text) && ::fchmod(file.get(), 0644) == 0 &&
-                       (place == Place::runtime || ::fsync(file.get()) == 0) && ::rename(temporary.c_str(), path.c_str()) == 0;
+                       (place == Place::runtime || ::fsync(file.get()) == 0) &&
+                       ::rename(temporary.c_str(), path.c_str()) == 0;
   if (!written) {
     auto problem = failure("write", path);
     ::unlink(temporary.c_str());
@@ -156,7 +162,8 @@ std::string UnitStore::ownerOf(const std::string& machService) {
 }
 
 void UnitStore::indexOwners(Place place) {
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(pathOf(place, "").c_str()), &::closedir);
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(pathOf(place, "").c_str()),
+                                                      &::closedir);
   if (!directory) return;
   while (const dirent* entry = ::readdir(directory.get())) {
     const std::string name = entry->d_name;

@@ -8,8 +8,8 @@ namespace keel {
 namespace {
 
 bool isPlainInName(char letter) {
-  return (letter >= 'a' && letter <= 'z') || (letter >= 'A' && letter <= 'Z') || (letter >= '0' && letter <= '9') ||
-         letter == '_' || letter == '.' || letter == '-';
+  return (letter >= 'a' && letter <= 'z') || (letter >= 'A' && letter <= 'Z') ||
+         (letter >= '0' && letter <= '9') || letter == '_' || letter == '.' || letter == '-';
 }
 
 unsigned byteOf(char letter) {
@@ -49,8 +49,8 @@ std::string quotedWord(std::string_view text) {
   return word + '"';
 }
 
-// The colon keeps variables from being expanded, the at sign takes the next word for argument 0. They stand outside the
-// quotation marks, which may stand within a word.
+// The colon keeps variables from being expanded, the at sign takes the next word for argument 0.
+// They stand outside the quotation marks, which may stand within a word.
 std::string commandLine(std::string_view program, const std::vector<std::string>& arguments) {
   std::string line = ":@" + quotedWord(program);
   for (const std::string& argument : arguments) line += ' ' + quotedWord(argument);
@@ -68,7 +68,8 @@ std::string plainSetting(std::string_view text) {
 
 std::string describedText(std::string_view text) {
   std::string described;
-  for (const char letter : text) described += byteOf(letter) < 0x20 || byteOf(letter) == 0x7f || letter == '\\' ? '?' : letter;
+  for (const char letter : text)
+    described += byteOf(letter) < 0x20 || byteOf(letter) == 0x7f || letter == '\\' ? '?' : letter;
   return described;
 }
 

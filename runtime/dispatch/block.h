@@ -9,8 +9,8 @@
 
 namespace keel {
 
-// A piece of work: a movable callable without arguments or result. Callables of up to kInlineBytes are held in place, larger
-// ones on the heap; so queueing an ordinary request allocates nothing.
+// A piece of work: a movable callable without arguments or result. Callables of up to kInlineBytes
+// are held in place, larger ones on the heap; so queueing an ordinary request allocates nothing.
 class Block {
  public:
   static constexpr std::size_t kInlineBytes = 112;
@@ -18,7 +18,8 @@ class Block {
   Block() = default;
 
   template <class Callable>
-    requires(!std::is_same_v<std::decay_t<Callable>, Block> && std::is_invocable_v<std::decay_t<Callable>&>)
+    requires(!std::is_same_v<std::decay_t<Callable>, Block> &&
+             std::is_invocable_v<std::decay_t<Callable>&>)
   Block(Callable&& callable) {
     using Held = std::decay_t<Callable>;
     if constexpr (fitsInline<Held>()) {

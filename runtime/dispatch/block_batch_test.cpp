@@ -21,7 +21,8 @@ TEST(BlockBatch, DestroysEachBlockBeforeTheNextBegins) {
   std::vector<std::string> events;
   BlockBatch batch;
   for (const std::string name : {"first", "second"}) {
-    const std::shared_ptr<void> held(nullptr, [&events, name](void*) { events.push_back(name + " destroyed"); });
+    const std::shared_ptr<void> held(
+        nullptr, [&events, name](void*) { events.push_back(name + " destroyed"); });
     batch.add([&events, name, held] { events.push_back(name); });
   }
   batch.run();

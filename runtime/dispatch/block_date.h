@@ -7,13 +7,14 @@
 
 namespace keel {
 
-// The date of the running block: the clock is read once for a few blocks that a serial queue (or the reactor) runs in a row, on
-// the first call, so that a fan-out to thousands of subscribers costs one reading. It is never earlier than the moment at which
-// the first of them began, so never earlier than what made it necessary. Outside a block, each call reads the clock.
+// The date of the running block: the clock is read once for a few blocks that a serial queue (or
+// the reactor) runs in a row, on the first call, so that a fan-out to thousands of subscribers
+// costs one reading. It is never earlier than the moment at which the first of them began, so never
+// earlier than what made it necessary. Outside a block, each call reads the clock.
 Date dateOfBlock();
 
-// As much was done in the running block as in that many small ones: the reading is forgotten once it has served for
-// kBlocksPerDate of them.
+// As much was done in the running block as in that many small ones: the reading is forgotten once
+// it has served for kBlocksPerDate of them.
 void ageDateOfBlock(std::size_t blocks);
 
 // Small blocks that share a reading: it takes as long as a good part of one.

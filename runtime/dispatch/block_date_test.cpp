@@ -12,7 +12,8 @@
 namespace keel {
 namespace {
 
-// Returns when the clock shows another time than `date`, which it does after less than a microsecond.
+// Returns when the clock shows another time than `date`, which it does after less than a
+// microsecond.
 void letTheClockPass(Date date) {
   while (Date::now() == date) {
   }
@@ -54,7 +55,8 @@ TEST(DateOfBlock, IsReadAnewInABlockThatDoesAsMuchAsAFew) {
   const auto queue = SerialQueue::create("test", executor);
   std::vector<Date> dates;
   queue->async([&dates] {
-    for (const std::size_t done : {std::size_t{0}, kBlocksPerDate - 1, std::size_t{1}, kBlocksPerDate + 5}) {
+    for (const std::size_t done :
+         {std::size_t{0}, kBlocksPerDate - 1, std::size_t{1}, kBlocksPerDate + 5}) {
       ageDateOfBlock(done);
       dates.push_back(dateOfBlock());
       letTheClockPass(dates.back());

@@ -28,7 +28,9 @@ void EndOfTurnLists::add(EndOfTurn& hook, EndOfTurn::Urgency urgency) {
   EndOfTurnLink& link = hook;
   if (link.listed()) {
     // One that is about to be told stays where it is: moving it would put it off.
-    if (urgency == EndOfTurn::Urgency::normal || link.urgency_ == urgency || link.round_ != collecting_) return;
+    if (urgency == EndOfTurn::Urgency::normal || link.urgency_ == urgency ||
+        link.round_ != collecting_)
+      return;
     link.cancelEndOfTurn();
   }
   link.urgency_ = urgency;

@@ -31,8 +31,8 @@ class EndOfTurnLink {
   std::uint8_t round_ = 0;  // of EndOfTurnLists
 };
 
-// Something to be told once when the current turn of the reactor ends: a connection that has bytes to write. Destroying it, or
-// calling cancelEndOfTurn(), takes it off the list.
+// Something to be told once when the current turn of the reactor ends: a connection that has bytes
+// to write. Destroying it, or calling cancelEndOfTurn(), takes it off the list.
 class EndOfTurn : public EndOfTurnLink {
  public:
   // May ask again, destroy itself and others, and take others off the list.
@@ -42,8 +42,8 @@ class EndOfTurn : public EndOfTurnLink {
   ~EndOfTurn() = default;
 };
 
-// Those who asked to be told. It owns none of them, and being listed allocates nothing. Those who ask while others are being
-// told are told the next time, so that telling always ends.
+// Those who asked to be told. It owns none of them, and being listed allocates nothing. Those who
+// ask while others are being told are told the next time, so that telling always ends.
 class EndOfTurnLists {
  public:
   EndOfTurnLists();
@@ -56,7 +56,8 @@ class EndOfTurnLists {
   void add(EndOfTurn& hook, EndOfTurn::Urgency urgency);
   // Whether nobody is to be told the next time.
   bool empty() const;
-  // Tells the urgent ones, then the others, each in the order of the adding. Returns whether there were any.
+  // Tells the urgent ones, then the others, each in the order of the adding. Returns whether there
+  // were any.
   bool tell();
 
  private:

@@ -9,7 +9,8 @@
 
 namespace keel {
 
-// An executor that runs a turn only when told: for tests, which thereby decide the order of everything. One thread only.
+// An executor that runs a turn only when told: for tests, which thereby decide the order of
+// everything. One thread only.
 class ManualExecutor final : public Executor {
  public:
   ManualExecutor() = default;
@@ -18,7 +19,9 @@ class ManualExecutor final : public Executor {
   ManualExecutor(const ManualExecutor&) = delete;
   ManualExecutor& operator=(const ManualExecutor&) = delete;
 
-  void schedule(std::shared_ptr<SerialQueue> queue) override { scheduled_.push_back(std::move(queue)); }
+  void schedule(std::shared_ptr<SerialQueue> queue) override {
+    scheduled_.push_back(std::move(queue));
+  }
 
   std::size_t scheduledCount() const { return scheduled_.size(); }
   // Runs the turn that was scheduled first. False when there is none.

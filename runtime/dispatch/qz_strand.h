@@ -7,7 +7,8 @@
 
 namespace keel {
 
-// A serial execution context to derive from: its blocks run one at a time, in the order of their submission.
+// A serial execution context to derive from: its blocks run one at a time, in the order of their
+// submission.
 class QZStrand {
  public:
   // A strand of its own on the I/O thread's executor (system.h).
@@ -18,7 +19,8 @@ class QZStrand {
   QZStrand& operator=(const QZStrand&) = delete;
   virtual ~QZStrand() = default;
 
-  // Submits `block` and returns at once. The block must hold strongly what it uses, the strand's owner included.
+  // Submits `block` and returns at once. The block must hold strongly what it uses, the strand's
+  // owner included.
   void continueWithBlock(Block block) { queue_->async(std::move(block)); }
 
  private:

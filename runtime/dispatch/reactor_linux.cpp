@@ -2,16 +2,19 @@
 //
 // How the reactor keeps its promises:
 //
-// Stale events. epoll_wait(2) hands out up to kEventsPerTurn events at once, and the first watcher that is told may unwatch and
-// close the descriptor of another, whose number the next accept(2) gives to a third. Each event therefore carries the
-// descriptor's number and its generation, which unwatch() changes; an event of an earlier generation is passed over.
+// Stale events. epoll_wait(2) hands out up to kEventsPerTurn events at once, and the first watcher
+// that is told may unwatch and close the descriptor of another, whose number the next accept(2)
+// gives to a third. Each event therefore carries the descriptor's number and its generation, which
+// unwatch() changes; an event of an earlier generation is passed over.
 //
-// Waking up. The thread says under the lock that it is going to sleep, after it found that nothing has arrived. Whoever adds an
-// arrival then writes to the eventfd, the first one only; while the thread is awake nobody writes anything. The eventfd is
-// watched edge-triggered, which reports every write anew, so it never needs to be read.
+// Waking up. The thread says under the lock that it is going to sleep, after it found that nothing
+// has arrived. Whoever adds an arrival then writes to the eventfd, the first one only; while the
+// thread is awake nobody writes anything. The eventfd is watched edge-triggered, which reports
+// every write anew, so it never needs to be read.
 //
-// Starvation. What arrives from this thread's own blocks is run in further rounds of the same turn, so that one write per
-// connection carries the outcome; after kRoundsPerTurn rounds the turn ends nevertheless, and sockets and timers get theirs.
+// Starvation. What arrives from this thread's own blocks is run in further rounds of the same turn,
+// so that one write per connection carries the outcome; after kRoundsPerTurn rounds the turn ends
+// nevertheless, and sockets and timers get theirs.
 #include "runtime/dispatch/reactor.h"
 
 #include <sys/eventfd.h>
@@ -40,7 +43,9 @@ constexpr std::uint64_t kWakeUp = ~std::uint64_t{0};
 }  // namespace
 
 Reactor::Reactor(std::function<Clock::time_point()> now)
-    : epoll_(epoll_create1(EPOLL_CLOEXEC)), wakeUps_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), now_(std::move(now)) {
+    : epoll_(epoll_create1(EPOLL_CLOEXEC)),
+      wakeUps_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      now_(std::move(now)) {
   KEEL_CHECK(epoll_ && wakeUps_);
   epoll_event event{.events = EPOLLIN | EPOLLET, .data = {.u64 = kWakeUp}};
   KEEL_CHECK(epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wakeUps_.get(), &event) == 0);
@@ -84,12 +89,14 @@ void Reactor::unwatch(int descriptor, Watcher& watcher) {
 
 Reactor::Registration& Reactor::registrationOf(int descriptor, const Watcher& watcher) {
   const auto index = static_cast<std::size_t>(descriptor);
-  KEEL_CHECK(descriptor >= 0 && index < registrations_.size() && registrations_[index].watcher == &watcher);
+  KEEL_CHECK(descriptor >= 0 && index < registrations_.size() &&
+             registrations_[index].watcher == &watcher);
   return registrations_[index];
 }
 
 void Reactor::control(int operation, int descriptor, const Registration& registration) {
-  const std::uint64_t tag = std::uint64_t{registration.generation} << 32 | static_cast<std::uint32_t>(descriptor);
+  const std::uint64_t tag =
+      std::uint64_t{registration.generation} << 32 | static_cast<std::uint32_t>(descriptor);
   epoll_event event{.events = registration.events, .data = {.u64 = tag}};
   KEEL_CHECK(epoll_ctl(epoll_.get(), operation, descriptor, &event) == 0);
 }
@@ -165,7 +172,8 @@ int Reactor::prepareToWait() {
     timeout = static_cast<int>(std::min<std::int64_t>(left, INT_MAX));
   }
   const std::lock_guard lock(mutex_);
-  if (arrived_.load(std::memory_order_relaxed) || stopped_.load(std::memory_order_relaxed)) return 0;
+  if (arrived_.load(std::memory_order_relaxed) || stopped_.load(std::memory_order_relaxed))
+    return 0;
   asleep_.store(true, std::memory_order_relaxed);
   return timeout;
 }
@@ -226,7 +234,8 @@ void Reactor::collectArrivals() {
   if (!arrived_.load(std::memory_order_relaxed)) return;
   const std::lock_guard lock(mutex_);
   posts_.swap(arrivedPosts_);
-  ready_.insert(ready_.end(), std::move_iterator(arrivedQueues_.begin()), std::move_iterator(arrivedQueues_.end()));
+  ready_.insert(ready_.end(), std::move_iterator(arrivedQueues_.begin()),
+                std::move_iterator(arrivedQueues_.end()));
   arrivedQueues_.clear();
   arrived_.store(false, std::memory_order_relaxed);
 }

@@ -387,7 +387,9 @@ TEST_F(ReactorTest, DropsWithItselfWhatDidNotRun) {
     queue->async([queue] { FAIL(); });
     // Destroyed as a timer, it posts; destroyed as a post, it sets a timer.
     const auto counts = [&destroyed](void*) { ++destroyed; };
-    const auto posts = [&dying, counts](void*) { dying.post([held = std::shared_ptr<void>(nullptr, counts)] { FAIL(); }); };
+    const auto posts = [&dying, counts](void*) {
+      dying.post([held = std::shared_ptr<void>(nullptr, counts)] { FAIL(); });
+    };
     const auto sets = [&dying, posts](void*) {
       dying.after(milliseconds(0), [held = std::shared_ptr<void>(nullptr, posts)] { FAIL(); });
     };

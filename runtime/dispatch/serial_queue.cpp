@@ -27,7 +27,8 @@ std::uint64_t SerialQueue::submit(Block&& block, Executor& executor) {
   std::uint64_t number = 0;
   {
     const std::lock_guard lock(mutex_);
-    // A block that is not taken is destroyed by the caller, outside the lock: its destruction may come back here.
+    // A block that is not taken is destroyed by the caller, outside the lock: its destruction may
+    // come back here.
     number = lastNumber_.load(std::memory_order_relaxed) + 1;
     lastNumber_.store(number, std::memory_order_relaxed);
     if (state_ == State::abandoned) return number;
@@ -39,13 +40,15 @@ std::uint64_t SerialQueue::submit(Block&& block, Executor& executor) {
 }
 
 void SerialQueue::add(Block&& block, Executor& executor) {
-  // Nothing joins a block that runs elsewhere: it has its turn alone, so that the other executor can choose after each.
+  // Nothing joins a block that runs elsewhere: it has its turn alone, so that the other executor
+  // can choose after each.
   const bool own = &executor == &executor_;
   if (later_.empty() && (waiting_.empty() || (own && waitingOn_ == &executor_))) {
     waitingOn_ = &executor;
     return waiting_.add(std::move(block));
   }
-  if (!own || later_.empty() || later_.back().executor != &executor_) later_.push_back({&executor, {}});
+  if (!own || later_.empty() || later_.back().executor != &executor_)
+    later_.push_back({&executor, {}});
   later_.back().blocks.add(std::move(block));
 }
 
@@ -82,7 +85,8 @@ void SerialQueue::runTurn() noexcept {
 }
 
 void SerialQueue::abandon() noexcept {
-  // Destroyed outside the lock, and before the members: the destruction of a block may submit to this queue.
+  // Destroyed outside the lock, and before the members: the destruction of a block may submit to
+  // this queue.
   BlockBatch dropped;
   std::list<Stretch> droppedLater;
   const std::lock_guard lock(mutex_);

@@ -204,7 +204,9 @@ TEST_F(SerialQueueTest, MayBeReleasedByItsOwnBlock) {
 TEST_F(SerialQueueTest, MayBeReleasedByTheDestructionOfItsBlockThatSubmitsToIt) {
   const std::weak_ptr<SerialQueue> released = queue_;
   {
-    auto last = whenDestroyed([this, queue = std::exchange(queue_, nullptr)] { queue->async([this] { ran_.push_back(2); }); });
+    auto last = whenDestroyed([this, queue = std::exchange(queue_, nullptr)] {
+      queue->async([this] { ran_.push_back(2); });
+    });
     released.lock()->async([this, held = std::move(last)] { ran_.push_back(1); });
   }
   executor_.runAll();

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A signal that is blocked in every thread stays pending in the process, even when its disposition is to be ignored, and
-// signalfd(2) takes it from there. Only signals that were sent to the process reach the source; a signal sent to one thread
-// (raise(3), pthread_kill(3)) can be read by that thread alone.
+// A signal that is blocked in every thread stays pending in the process, even when its disposition
+// is to be ignored, and signalfd(2) takes it from there. Only signals that were sent to the process
+// reach the source; a signal sent to one thread (raise(3), pthread_kill(3)) can be read by that
+// thread alone.
 #include "runtime/dispatch/signal_source.h"
 
 #include <poll.h>
@@ -89,8 +90,9 @@ class SignalSource::Impl {
       const State state = state_.load();
       if (state == State::ending) return;
       // poll(2) passes over a negative descriptor.
-      pollfd polled[] = {{.fd = news_.get(), .events = POLLIN, .revents = 0},
-                         {.fd = state == State::active ? signals_.get() : -1, .events = POLLIN, .revents = 0}};
+      pollfd polled[] = {
+          {.fd = news_.get(), .events = POLLIN, .revents = 0},
+          {.fd = state == State::active ? signals_.get() : -1, .events = POLLIN, .revents = 0}};
       KEEL_CHECK(poll(polled, std::size(polled), -1) >= 0 || errno == EINTR);
       std::uint64_t count = 0;
       while (read(news_.get(), &count, sizeof count) > 0) {

@@ -14,11 +14,13 @@ namespace keel {
 
 namespace {
 
-// A thread is started when work finds no other free, and an idle one costs a stack that is hardly touched.
+// A thread is started when work finds no other free, and an idle one costs a stack that is hardly
+// touched.
 constexpr std::size_t kWorkerLimit = 32;
 
-// As many slow checks (password, rights, membership) at once as an administrator could plausibly want; one user alone cannot
-// have them all, so that the checks of another never wait for those of the first to time out.
+// As many slow checks (password, rights, membership) at once as an administrator could plausibly
+// want; one user alone cannot have them all, so that the checks of another never wait for those of
+// the first to time out.
 constexpr std::size_t kCheckLimit = 32;
 constexpr std::size_t kCheckLimitOfUser = 12;
 

@@ -31,7 +31,9 @@ TEST(IoReactor, IsOneAndRunsOnAThreadOfItsOwn) {
 TEST(GlobalQueue, IsOneAndRunsOnWorkers) {
   EXPECT_EQ(&globalQueue(), &globalQueue());
   std::promise<std::string> name;
-  SerialQueue::create("test", globalQueue())->async([&name] { name.set_value(currentThreadName()); });
+  SerialQueue::create("test", globalQueue())->async([&name] {
+    name.set_value(currentThreadName());
+  });
   EXPECT_EQ(name.get_future().get(), "keel-worker");
 }
 

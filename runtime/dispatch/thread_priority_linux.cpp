@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Each thread has a priority of its own here (sched(7)), and the calls mean the calling one. sched_setattr(2), since filters
-// that forbid real-time priorities (RestrictRealtime= of a unit) forbid the older call together with its flag. The C library
-// has neither a function for it nor its structure, and the kernel's header does not go with the library's.
+// Each thread has a priority of its own here (sched(7)), and the calls mean the calling one.
+// sched_setattr(2), since filters that forbid real-time priorities (RestrictRealtime= of a unit)
+// forbid the older call together with its flag. The C library has neither a function for it nor its
+// structure, and the kernel's header does not go with the library's.
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>

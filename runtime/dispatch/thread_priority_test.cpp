@@ -15,11 +15,14 @@ int priorityOfThisThread() {
   return ::getpriority(PRIO_PROCESS, 0);
 }
 
-// What preferThisThread() makes of a thread here: not everybody may raise a priority, and one that was chosen stays.
+// What preferThisThread() makes of a thread here: not everybody may raise a priority, and one that
+// was chosen stays.
 int raised() {
   int priority = priorityOfThisThread();
   if (priority != 0) return priority;
-  std::thread([&priority] { priority = ::setpriority(PRIO_PROCESS, 0, -kPreferredSteps) == 0 ? -kPreferredSteps : 0; }).join();
+  std::thread([&priority] {
+    priority = ::setpriority(PRIO_PROCESS, 0, -kPreferredSteps) == 0 ? -kPreferredSteps : 0;
+  }).join();
   return priority;
 }
 

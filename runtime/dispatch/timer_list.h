@@ -27,8 +27,8 @@ class TimerList {
   // When the first is due; none when there is none.
   std::optional<TimePoint> nextDue() const;
 
-  // Runs what is due at `now`, in the order of the due times, those of equal times in the order of the adding. What is added
-  // meanwhile runs the next time. Returns whether there was any.
+  // Runs what is due at `now`, in the order of the due times, those of equal times in the order of
+  // the adding. What is added meanwhile runs the next time. Returns whether there was any.
   bool runDue(TimePoint now);
   // Destroys all.
   void clear();

@@ -102,7 +102,8 @@ TEST_F(TimerListTest, TheDestructionOfACancelledBlockMayAddAndCancel) {
     timers_.cancel(other);
     timers_.add(start_, record(2));
   };
-  const auto timer = timers_.add(start_, [held = std::shared_ptr<void>(nullptr, cancelsAndAdds)] { FAIL(); });
+  const auto timer =
+      timers_.add(start_, [held = std::shared_ptr<void>(nullptr, cancelsAndAdds)] { FAIL(); });
   timers_.cancel(timer);
   timers_.runDue(start_);
   EXPECT_THAT(ran_, ElementsAre(2));

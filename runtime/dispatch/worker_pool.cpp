@@ -25,7 +25,8 @@ WorkerPool::~WorkerPool() {
   }
   readied_.notify_all();
   for (std::thread& thread : threads) thread.join();
-  // No lock: no thread is left. The destruction of a block may schedule further queues, in any lane.
+  // No lock: no thread is left. The destruction of a block may schedule further queues, in any
+  // lane.
   while (!ready_.empty()) {
     Lane& lane = *ready_.front();
     ready_.pop_front();

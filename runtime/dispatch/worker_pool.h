@@ -16,10 +16,12 @@
 
 namespace keel {
 
-// A bounded number of threads for work that may block. Threads are started as work arrives, up to the bound, and kept.
+// A bounded number of threads for work that may block. Threads are started as work arrives, up to
+// the bound, and kept.
 //
-// Work may come in lanes, one for each of those whose work must not hold up that of the others: the lanes with something to do
-// take turns, and one lane has no more than a bounded number of the threads.
+// Work may come in lanes, one for each of those whose work must not hold up that of the others: the
+// lanes with something to do take turns, and one lane has no more than a bounded number of the
+// threads.
 class WorkerPool final : public Executor {
  public:
   explicit WorkerPool(std::size_t threadLimit) : WorkerPool(threadLimit, threadLimit) {}
@@ -39,7 +41,9 @@ class WorkerPool final : public Executor {
   class Lane final : public Executor {
    public:
     explicit Lane(WorkerPool& pool) : pool_(pool) {}
-    void schedule(std::shared_ptr<SerialQueue> queue) override { pool_.schedule(std::move(queue), *this); }
+    void schedule(std::shared_ptr<SerialQueue> queue) override {
+      pool_.schedule(std::move(queue), *this);
+    }
 
     // All under the pool's mutex.
     std::deque<std::shared_ptr<SerialQueue>> scheduled;
@@ -63,7 +67,8 @@ class WorkerPool final : public Executor {
   std::condition_variable readied_;
   Lane common_{*this};
   std::unordered_map<std::uint64_t, std::unique_ptr<Lane>> lanes_;  // under mutex_
-  std::deque<Lane*> ready_;           // lanes with work that may begin, in the order of their turns; under mutex_
+  std::deque<Lane*>
+      ready_;  // lanes with work that may begin, in the order of their turns; under mutex_
   std::vector<std::thread> threads_;  // under mutex_
   std::size_t scheduledCount_ = 0;    // in all lanes; under mutex_
   std::size_t idleCount_ = 0;         // under mutex_

@@ -127,10 +127,11 @@ TEST(WorkerPool, LanesTakeTurns) {
   begun.get_future().wait();
   // All wait when the thread becomes free.
   for (const char* lane = "aaaabc"; *lane != '\0'; ++lane) {
-    SerialQueue::create("one", pool.laneOf(static_cast<std::uint64_t>(*lane)))->async([&order, &ended, name = *lane] {
-      order += name;
-      ended.count_down();
-    });
+    SerialQueue::create("one", pool.laneOf(static_cast<std::uint64_t>(*lane)))
+        ->async([&order, &ended, name = *lane] {
+          order += name;
+          ended.count_down();
+        });
   }
   release.set_value();
   ended.wait();

@@ -8,7 +8,8 @@ namespace keel {
 
 namespace {
 
-constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr std::string_view kLetters =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 }  // namespace
 
@@ -18,8 +19,10 @@ std::string base64Of(std::span<const std::byte> bytes) {
   for (std::size_t at = 0; at < bytes.size(); at += 3) {
     const std::size_t count = std::min<std::size_t>(3, bytes.size() - at);
     std::uint32_t group = 0;
-    for (std::size_t i = 0; i < 3; ++i) group = group << 8 | (i < count ? std::to_integer<std::uint32_t>(bytes[at + i]) : 0);
-    for (std::size_t i = 0; i < 4; ++i) text += i <= count ? kLetters[group >> (18 - 6 * i) & 63] : '=';
+    for (std::size_t i = 0; i < 3; ++i)
+      group = group << 8 | (i < count ? std::to_integer<std::uint32_t>(bytes[at + i]) : 0);
+    for (std::size_t i = 0; i < 4; ++i)
+      text += i <= count ? kLetters[group >> (18 - 6 * i) & 63] : '=';
   }
   return text;
 }
@@ -36,7 +39,8 @@ std::optional<std::size_t> decodeBase64(std::string_view text, std::span<std::by
     if (letter == std::string_view::npos) return std::nullopt;
     group = group << 6 | static_cast<std::uint32_t>(letter);
     if (at % 4 == 3) {
-      for (unsigned shift : {16U, 8U, 0U}) into[count++] = static_cast<std::byte>(group >> shift & 0xff);
+      for (unsigned shift : {16U, 8U, 0U})
+        into[count++] = static_cast<std::byte>(group >> shift & 0xff);
       group = 0;
     }
   }

@@ -10,7 +10,8 @@
 
 namespace keel {
 
-// RFC 4648, section 4, with padding; no other letters are taken, and each sequence of bytes has one text only.
+// RFC 4648, section 4, with padding; no other letters are taken, and each sequence of bytes has one
+// text only.
 std::string base64Of(std::span<const std::byte> bytes);
 std::optional<std::vector<std::byte>> bytesOfBase64(std::string_view text);
 
@@ -18,8 +19,9 @@ std::optional<std::vector<std::byte>> bytesOfBase64(std::string_view text);
 constexpr std::size_t largestBytesOfBase64(std::string_view text) {
   return text.size() / 4 * 3;
 }
-// Decodes into the caller's memory alone, for what must be wiped afterwards: into at least largestBytesOfBase64(text) bytes, of
-// which it yields how many are filled. Nothing when `text` is no such text; then any of them may have been written.
+// Decodes into the caller's memory alone, for what must be wiped afterwards: into at least
+// largestBytesOfBase64(text) bytes, of which it yields how many are filled. Nothing when `text` is
+// no such text; then any of them may have been written.
 std::optional<std::size_t> decodeBase64(std::string_view text, std::span<std::byte> into);
 
 }  // namespace keel

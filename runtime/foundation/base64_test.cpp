@@ -43,7 +43,8 @@ TEST(Base64, DecodesIntoMemoryOfTheCaller) {
 }
 
 TEST(Base64, OtherTextIsRefused) {
-  for (const char* text : {"Z", "Zg", "Zg=", "Zg==Zg==", "Zh==", "Zm9=", "Z===", "====", "Zm9v\n", "Zm-_", "Z g="}) {
+  for (const char* text :
+       {"Z", "Zg", "Zg=", "Zg==Zg==", "Zh==", "Zm9=", "Z===", "====", "Zm9v\n", "Zm-_", "Z g="}) {
     EXPECT_FALSE(bytesOfBase64(text)) << text;
   }
 }

@@ -18,19 +18,23 @@ std::atomic<std::size_t> liveSealedFileCount{0};
 
 }  // namespace
 
-BufferRef Buffer::copyOf(std::span<const std::byte> bytes, MemoryAccount& account, std::uint32_t surchargeBytes) {
+BufferRef Buffer::copyOf(std::span<const std::byte> bytes, MemoryAccount& account,
+                         std::uint32_t surchargeBytes) {
   BufferRef buffer = allocate(bytes.size(), account, surchargeBytes);
-  if (!bytes.empty()) std::memcpy(const_cast<std::byte*>(buffer->data_), bytes.data(), bytes.size());
+  if (!bytes.empty())
+    std::memcpy(const_cast<std::byte*>(buffer->data_), bytes.data(), bytes.size());
   return buffer;
 }
 
-BufferRef Buffer::allocate(std::size_t sizeBytes, MemoryAccount& account, std::uint32_t surchargeBytes) {
+BufferRef Buffer::allocate(std::size_t sizeBytes, MemoryAccount& account,
+                           std::uint32_t surchargeBytes) {
   void* block = ::operator new(sizeof(Buffer) + sizeBytes);
-  return BufferRef(new (block) Buffer(static_cast<std::byte*>(block) + sizeof(Buffer), sizeBytes, -1, account, surchargeBytes));
+  return BufferRef(new (block) Buffer(static_cast<std::byte*>(block) + sizeof(Buffer), sizeBytes,
+                                      -1, account, surchargeBytes));
 }
 
-BufferRef Buffer::adoptMapping(const std::byte* mapping, std::size_t sizeBytes, FileDescriptor sealedFile,
-                               MemoryAccount& account) {
+BufferRef Buffer::adoptMapping(const std::byte* mapping, std::size_t sizeBytes,
+                               FileDescriptor sealedFile, MemoryAccount& account) {
   KEEL_CHECK(sealedFile);
   void* block = ::operator new(sizeof(Buffer));
   liveSealedFileCount.fetch_add(1, std::memory_order_relaxed);

@@ -30,7 +30,9 @@ class BufferRef {
   Buffer* operator->() const { return buffer_; }
   explicit operator bool() const { return buffer_ != nullptr; }
   // The same buffer, not merely the same bytes.
-  friend bool operator==(const BufferRef& left, const BufferRef& right) { return left.buffer_ == right.buffer_; }
+  friend bool operator==(const BufferRef& left, const BufferRef& right) {
+    return left.buffer_ == right.buffer_;
+  }
 
  private:
   friend class Buffer;
@@ -38,12 +40,14 @@ class BufferRef {
   Buffer* buffer_ = nullptr;
 };
 
-// Immutable bytes, shared by count: the storage behind String, Data, Dictionary and Array. Either one heap block (header and
-// bytes together) or the mapping of a sealed memory file, whose descriptor it then owns.
+// Immutable bytes, shared by count: the storage behind String, Data, Dictionary and Array. Either
+// one heap block (header and bytes together) or the mapping of a sealed memory file, whose
+// descriptor it then owns.
 class Buffer {
  public:
   // `surchargeBytes` are charged beyond its own size, for what its holder builds around it.
-  static BufferRef copyOf(std::span<const std::byte> bytes, MemoryAccount& account = MemoryAccount::ofProcess(),
+  static BufferRef copyOf(std::span<const std::byte> bytes,
+                          MemoryAccount& account = MemoryAccount::ofProcess(),
                           std::uint32_t surchargeBytes = 0);
 
   // A heap buffer of `sizeBytes`, filled by `fill(std::byte*)` before anybody else sees it.
@@ -54,8 +58,10 @@ class Buffer {
     return buffer;
   }
 
-  // Takes over a mapping of `sizeBytes` bytes and the sealed memory file it shows (sealed_memory.h), which must be open.
-  static BufferRef adoptMapping(const std::byte* mapping, std::size_t sizeBytes, FileDescriptor sealedFile,
+  // Takes over a mapping of `sizeBytes` bytes and the sealed memory file it shows
+  // (sealed_memory.h), which must be open.
+  static BufferRef adoptMapping(const std::byte* mapping, std::size_t sizeBytes,
+                                FileDescriptor sealedFile,
                                 MemoryAccount& account = MemoryAccount::ofProcess());
 
   Buffer(const Buffer&) = delete;
@@ -76,11 +82,12 @@ class Buffer {
     return known != 0 ? known : computeHash();
   }
 
-  // The bytes of a heap buffer are wiped when it is destroyed. Before it is shared with other threads.
+  // The bytes of a heap buffer are wiped when it is destroyed. Before it is shared with other
+  // threads.
   void makeSecret() { secret_ = true; }
 
-  // Has another account pay from now on: whoever sent bytes that are no longer current does not answer for those who still hold
-  // them. From one thread at a time.
+  // Has another account pay from now on: whoever sent bytes that are no longer current does not
+  // answer for those who still hold them. From one thread at a time.
   void chargeTo(MemoryAccount& account);
 
   // Bytes held by all living buffers that the process itself pays for, their headers included.
@@ -90,12 +97,18 @@ class Buffer {
 
  private:
   friend class BufferRef;
-  Buffer(const std::byte* data, std::size_t size, int sealedFile, MemoryAccount& account, std::uint32_t surchargeBytes)
-      : data_(data), size_(size), account_(&account), surchargeBytes_(surchargeBytes), sealedFile_(sealedFile) {
+  Buffer(const std::byte* data, std::size_t size, int sealedFile, MemoryAccount& account,
+         std::uint32_t surchargeBytes)
+      : data_(data),
+        size_(size),
+        account_(&account),
+        surchargeBytes_(surchargeBytes),
+        sealedFile_(sealedFile) {
     account.charge(chargedBytes());
   }
   ~Buffer() = default;
-  static BufferRef allocate(std::size_t sizeBytes, MemoryAccount& account, std::uint32_t surchargeBytes);
+  static BufferRef allocate(std::size_t sizeBytes, MemoryAccount& account,
+                            std::uint32_t surchargeBytes);
   std::size_t chargedBytes() const { return sizeof(Buffer) + size_ + surchargeBytes_; }
   std::uint64_t computeHash() const;
   void retain() noexcept { references_.fetch_add(1, std::memory_order_relaxed); }

@@ -29,7 +29,8 @@ TEST(BufferCopyOf, NothingYieldsAnEmptyBuffer) {
 }
 
 TEST(BufferMake, ShowsWhatTheFillerWrote) {
-  const BufferRef buffer = Buffer::make(4, [](std::byte* bytes) { std::fill_n(bytes, 4, std::byte{0xab}); });
+  const BufferRef buffer =
+      Buffer::make(4, [](std::byte* bytes) { std::fill_n(bytes, 4, std::byte{0xab}); });
   EXPECT_EQ(hexOf(buffer->bytes()), "abababab");
 }
 

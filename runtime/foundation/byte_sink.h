@@ -11,13 +11,15 @@
 
 namespace keel {
 
-// Bytes that are appended one by one or in runs, as messages are built: what a vector does, without its cost for a single byte.
-// Keeps its memory when it is cleared.
+// Bytes that are appended one by one or in runs, as messages are built: what a vector does, without
+// its cost for a single byte. Keeps its memory when it is cleared.
 class ByteSink {
  public:
   ByteSink() = default;
   ByteSink(ByteSink&& other) noexcept
-      : data_(std::move(other.data_)), size_(std::exchange(other.size_, 0)), capacity_(std::exchange(other.capacity_, 0)) {}
+      : data_(std::move(other.data_)),
+        size_(std::exchange(other.size_, 0)),
+        capacity_(std::exchange(other.capacity_, 0)) {}
   ByteSink& operator=(ByteSink&& other) noexcept {
     data_ = std::move(other.data_);
     size_ = std::exchange(other.size_, 0);
@@ -49,9 +51,11 @@ class ByteSink {
   }
   // One byte, then the lowest `width` bytes of `number` (1, 2, 4 or 8), the highest of them first.
   void appendBigEndian(std::byte first, std::uint64_t number, std::size_t width) {
-    // Written whole, whatever the width: parts would have to be put together again when they are read at once.
+    // Written whole, whatever the width: parts would have to be put together again when they are
+    // read at once.
     const std::uint64_t highest = number << (64 - 8 * width);
-    const std::uint64_t bytes = std::endian::native == std::endian::little ? std::byteswap(highest) : highest;
+    const std::uint64_t bytes =
+        std::endian::native == std::endian::little ? std::byteswap(highest) : highest;
     if (capacity_ - size_ < 1 + sizeof bytes) [[unlikely]]
       grow(1 + sizeof bytes);
     data_[size_] = first;

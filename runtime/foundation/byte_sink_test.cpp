@@ -37,7 +37,8 @@ TEST(ByteSink, NumbersAreAppendedHighestByteFirst) {
     for (const std::size_t width : {1u, 2u, 4u, 8u}) {
       sink.appendBigEndian(std::byte{0xaa}, 0x0102'0304'0506'0708, width);
       expected.push_back(std::byte{0xaa});
-      for (std::size_t each = 8 - width; each < 8; ++each) expected.push_back(static_cast<std::byte>(each + 1));
+      for (std::size_t each = 8 - width; each < 8; ++each)
+        expected.push_back(static_cast<std::byte>(each + 1));
     }
   }
   EXPECT_EQ(heldBy(sink), expected);

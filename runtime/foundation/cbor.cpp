@@ -8,16 +8,17 @@
 
 // How an item is checked without recursion.
 //
-// Of each open container only one number matters: how many items (of a map: how many pairs) are still to come. The innermost
-// container's number lives in `left_`; those around it wait in `outer_`, one word each, with the lowest bit set for a map. An
-// item that ends closes every container for which it was the last one. A map's key is checked where the pair is begun, so
-// that the loop proper sees values only.
+// Of each open container only one number matters: how many items (of a map: how many pairs) are
+// still to come. The innermost container's number lives in `left_`; those around it wait in
+// `outer_`, one word each, with the lowest bit set for a map. An item that ends closes every
+// container for which it was the last one. A map's key is checked where the pair is begun, so that
+// the loop proper sees values only.
 //
-// A count is compared with the bytes that are there before it is believed: each item takes a byte at least. So counts never
-// overflow, and a map that claims 2^60 pairs is refused at once.
+// A count is compared with the bytes that are there before it is believed: each item takes a byte
+// at least. So counts never overflow, and a map that claims 2^60 pairs is refused at once.
 //
-// An error (tag 51741) is an array of three whose first two items are checked on the spot; the third is left to the loop,
-// inside a container of which nothing more is to come.
+// An error (tag 51741) is an array of three whose first two items are checked on the spot; the
+// third is left to the loop, inside a container of which nothing more is to come.
 
 namespace keel::cbor {
 
@@ -25,7 +26,8 @@ namespace {
 
 class Checker {
  public:
-  Checker(const std::byte* end, std::size_t maximumDepth) : end_(end), maximumDepth_(maximumDepth) {}
+  Checker(const std::byte* end, std::size_t maximumDepth)
+      : end_(end), maximumDepth_(maximumDepth) {}
 
   const std::byte* item(const std::byte* at, Fault& fault);
 
@@ -84,7 +86,8 @@ inline const std::byte* Checker::simple(const std::byte* at, Fault& fault) const
   return readReal(at, end_, ignored, fault);
 }
 
-// From behind the tag to before the user info, which is then sure to be a map or null if it is there at all.
+// From behind the tag to before the user info, which is then sure to be a map or null if it is
+// there at all.
 const std::byte* Checker::errorUpToUserInfo(const std::byte* at, Fault& fault) {
   constexpr auto kArrayOfThree = std::byte{0x83};
   if (at == end_) return refuse(Fault::truncated, fault);
@@ -104,11 +107,13 @@ const std::byte* Checker::errorUpToUserInfo(const std::byte* at, Fault& fault) {
   at = readHead(at, end_, code, fault);
   if (at == nullptr) return nullptr;
   if (code.argument > kInt64Limit) {
-    return refuse(code.major == Major::negativeInteger ? Fault::integerRange : Fault::badTagContent, fault);
+    return refuse(code.major == Major::negativeInteger ? Fault::integerRange : Fault::badTagContent,
+                  fault);
   }
 
   if (at == end_) return refuse(Fault::truncated, fault);
-  if (*at != std::byte{kNull} && majorOf(*at) != Major::map) return refuse(Fault::badTagContent, fault);
+  if (*at != std::byte{kNull} && majorOf(*at) != Major::map)
+    return refuse(Fault::badTagContent, fault);
   return at;
 }
 
@@ -138,7 +143,8 @@ inline const std::byte* Checker::item(const std::byte* at, Fault& fault) {
           break;
         case Major::array:
         case Major::map:
-          if (!open(head.argument, head.major == Major::map, bytesBetween(at, end_), fault)) return nullptr;
+          if (!open(head.argument, head.major == Major::map, bytesBetween(at, end_), fault))
+            return nullptr;
           break;
         case Major::tag:
           if (head.argument == kErrorTag) {
@@ -167,12 +173,14 @@ inline const std::byte* Checker::item(const std::byte* at, Fault& fault) {
 
 }  // namespace
 
-const std::byte* readItem(const std::byte* at, const std::byte* end, std::size_t maximumDepth, Fault& fault) {
+const std::byte* readItem(const std::byte* at, const std::byte* end, std::size_t maximumDepth,
+                          Fault& fault) {
   KEEL_CHECK(maximumDepth <= kDepthCapacity);
   return Checker(end, maximumDepth).item(at, fault);
 }
 
-const std::byte* readDateContent(const std::byte* at, const std::byte* end, double& seconds, Fault& fault) {
+const std::byte* readDateContent(const std::byte* at, const std::byte* end, double& seconds,
+                                 Fault& fault) {
   if (at == end) return refuse(Fault::truncated, fault);
   switch (majorOf(*at)) {
     case Major::unsignedInteger:
@@ -182,8 +190,8 @@ const std::byte* readDateContent(const std::byte* at, const std::byte* end, doub
       if (at == nullptr) return nullptr;
       const bool negative = head.major == Major::negativeInteger;
       if (negative && head.argument > kInt64Limit) return refuse(Fault::integerRange, fault);
-      seconds =
-          negative ? static_cast<double>(-1 - static_cast<std::int64_t>(head.argument)) : static_cast<double>(head.argument);
+      seconds = negative ? static_cast<double>(-1 - static_cast<std::int64_t>(head.argument))
+                         : static_cast<double>(head.argument);
       return at;
     }
     case Major::simple: {

@@ -11,25 +11,30 @@
 
 namespace keel::cbor {
 
-// Walks encoded items in place, without allocating. Every read returns false on a fault or another kind of item, and leaves
-// the cursor where it was; views it yields borrow the bytes. It accepts what cbor.h accepts.
+// Walks encoded items in place, without allocating. Every read returns false on a fault or another
+// kind of item, and leaves the cursor where it was; views it yields borrow the bytes. It accepts
+// what cbor.h accepts.
 class Cursor {
  public:
-  explicit Cursor(std::span<const std::byte> bytes) : at_(bytes.data()), end_(bytes.data() + bytes.size()) {}
+  explicit Cursor(std::span<const std::byte> bytes)
+      : at_(bytes.data()), end_(bytes.data() + bytes.size()) {}
 
   bool atEnd() const { return at_ == end_; }
   std::span<const std::byte> rest() const { return {at_, end_}; }
 
   // Consumes a null if one is next.
   bool null() { return one(kNull); }
-  bool boolean(bool& value) { return one(kTrue) ? (value = true) : (one(kFalse) && !(value = false)); }
+  bool boolean(bool& value) {
+    return one(kTrue) ? (value = true) : (one(kFalse) && !(value = false));
+  }
   bool integer(std::int64_t& value);
   bool unsignedInteger(std::uint64_t& value);
   // A floating-point number of any width; integers are not converted.
   bool real(double& value);
   bool text(std::string_view& value);
   bool bytes(std::span<const std::byte>& value);
-  // The head of an array or map; its items (pairs) follow. A count for which the bytes left cannot suffice is a fault.
+  // The head of an array or map; its items (pairs) follow. A count for which the bytes left cannot
+  // suffice is a fault.
   bool array(std::uint64_t& count);
   bool map(std::uint64_t& pairCount);
   // The head of a tag of any number; its content follows unchecked.
@@ -54,7 +59,8 @@ class Cursor {
     ++at_;
     return true;
   }
-  // The argument of the next head if it is of that major type, and where the head ends; null otherwise.
+  // The argument of the next head if it is of that major type, and where the head ends; null
+  // otherwise.
   const std::byte* head(Major major, std::uint64_t& argument) const {
     if (atEnd() || majorOf(*at_) != major) return nullptr;
     Head read;
@@ -80,7 +86,8 @@ inline bool Cursor::unsignedInteger(std::uint64_t& value) {
 inline bool Cursor::integer(std::int64_t& value) {
   std::uint64_t argument;
   const bool negative = majorType() == static_cast<std::uint8_t>(Major::negativeInteger);
-  const std::byte* after = head(negative ? Major::negativeInteger : Major::unsignedInteger, argument);
+  const std::byte* after =
+      head(negative ? Major::negativeInteger : Major::unsignedInteger, argument);
   if (after == nullptr || argument > kInt64Limit) return false;
   value = negative ? -1 - static_cast<std::int64_t>(argument) : static_cast<std::int64_t>(argument);
   at_ = after;

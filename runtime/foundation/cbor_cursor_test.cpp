@@ -38,8 +38,10 @@ TEST(Cursor, WalksAMessageInOrder) {
   std::string_view text, key;
   std::span<const std::byte> blob;
   Date date;
-  EXPECT_TRUE(cursor.array(count) && cursor.null() && cursor.boolean(yes) && cursor.integer(integer));
-  EXPECT_TRUE(cursor.unsignedInteger(number) && cursor.real(real) && cursor.text(text) && cursor.bytes(blob));
+  EXPECT_TRUE(cursor.array(count) && cursor.null() && cursor.boolean(yes) &&
+              cursor.integer(integer));
+  EXPECT_TRUE(cursor.unsignedInteger(number) && cursor.real(real) && cursor.text(text) &&
+              cursor.bytes(blob));
   EXPECT_TRUE(cursor.map(pairs) && cursor.text(key) && cursor.boolean(no) && cursor.date(date));
   EXPECT_TRUE(cursor.atEnd());
   EXPECT_EQ(count, 9U);
@@ -55,8 +57,9 @@ TEST(Cursor, WalksAMessageInOrder) {
   EXPECT_EQ(date, Date{12.5});
 }
 
-// Which reads succeed on these bytes: n(ull) b(oolean) i(nteger) u(nsigned) r(eal) t(ext) B(ytes) a(rray) m(ap) T(ag) d(ate)
-// e(rror). Also sees to it that those which do not leave the cursor and the result alone.
+// Which reads succeed on these bytes: n(ull) b(oolean) i(nteger) u(nsigned) r(eal) t(ext) B(ytes)
+// a(rray) m(ap) T(ag) d(ate) e(rror). Also sees to it that those which do not leave the cursor and
+// the result alone.
 std::string readsThatSucceed(const char* hex) {
   const auto bytes = bytesOfHex(hex);
   std::string succeeded;
@@ -74,18 +77,25 @@ std::string readsThatSucceed(const char* hex) {
   };
   attempt('n', 0, [](Cursor& cursor, int&) { return cursor.null(); });
   attempt('b', false, [](Cursor& cursor, bool& value) { return cursor.boolean(value); });
-  attempt('i', std::int64_t{77}, [](Cursor& cursor, std::int64_t& value) { return cursor.integer(value); });
-  attempt('u', std::uint64_t{77}, [](Cursor& cursor, std::uint64_t& value) { return cursor.unsignedInteger(value); });
+  attempt('i', std::int64_t{77},
+          [](Cursor& cursor, std::int64_t& value) { return cursor.integer(value); });
+  attempt('u', std::uint64_t{77},
+          [](Cursor& cursor, std::uint64_t& value) { return cursor.unsignedInteger(value); });
   attempt('r', 77.0, [](Cursor& cursor, double& value) { return cursor.real(value); });
-  attempt('t', std::string_view("77"), [](Cursor& cursor, std::string_view& value) { return cursor.text(value); });
+  attempt('t', std::string_view("77"),
+          [](Cursor& cursor, std::string_view& value) { return cursor.text(value); });
   Cursor onBytes(bytes);
   std::span<const std::byte> blob;
   if (onBytes.bytes(blob)) succeeded += 'B';
-  attempt('a', std::uint64_t{77}, [](Cursor& cursor, std::uint64_t& value) { return cursor.array(value); });
-  attempt('m', std::uint64_t{77}, [](Cursor& cursor, std::uint64_t& value) { return cursor.map(value); });
-  attempt('T', std::uint64_t{77}, [](Cursor& cursor, std::uint64_t& value) { return cursor.tag(value); });
+  attempt('a', std::uint64_t{77},
+          [](Cursor& cursor, std::uint64_t& value) { return cursor.array(value); });
+  attempt('m', std::uint64_t{77},
+          [](Cursor& cursor, std::uint64_t& value) { return cursor.map(value); });
+  attempt('T', std::uint64_t{77},
+          [](Cursor& cursor, std::uint64_t& value) { return cursor.tag(value); });
   attempt('d', Date{77}, [](Cursor& cursor, Date& value) { return cursor.date(value); });
-  attempt('e', Error("77", 77), [](Cursor& cursor, Error& value) { return cursor.error(value, kDepthCapacity); });
+  attempt('e', Error("77", 77),
+          [](Cursor& cursor, Error& value) { return cursor.error(value, kDepthCapacity); });
   return succeeded;
 }
 
@@ -218,13 +228,17 @@ TEST(CursorMajorType, IsThatOfTheNextItem) {
 
 TEST(CursorReal, ReadsEveryHalfAsTheStandardSays) {
   for (unsigned half = 0; half < 0x10000; ++half) {
-    const std::array bytes{std::byte{0xf9}, static_cast<std::byte>(half >> 8), static_cast<std::byte>(half)};
+    const std::array bytes{std::byte{0xf9}, static_cast<std::byte>(half >> 8),
+                           static_cast<std::byte>(half)};
     double value = 0;
     ASSERT_TRUE(Cursor(bytes).real(value));
     // RFC 8949, appendix D.
-    const int exponent = static_cast<int>(half >> 10 & 0x1f), mantissa = static_cast<int>(half & 0x3ff);
-    double expected = exponent == 0 ? std::ldexp(mantissa, -24) : std::ldexp(mantissa + 1024, exponent - 25);
-    if (exponent == 31) expected = mantissa == 0 ? std::numeric_limits<double>::infinity() : std::nan("");
+    const int exponent = static_cast<int>(half >> 10 & 0x1f),
+              mantissa = static_cast<int>(half & 0x3ff);
+    double expected =
+        exponent == 0 ? std::ldexp(mantissa, -24) : std::ldexp(mantissa + 1024, exponent - 25);
+    if (exponent == 31)
+      expected = mantissa == 0 ? std::numeric_limits<double>::infinity() : std::nan("");
     if (half & 0x8000) expected = -expected;
     ASSERT_EQ(std::isnan(value), std::isnan(expected)) << half;
     if (std::isnan(expected)) continue;

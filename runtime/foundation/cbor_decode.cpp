@@ -2,8 +2,9 @@
 #include "runtime/foundation/cbor_cursor.h"
 #include "runtime/foundation/check.h"
 
-// Decoding comes after validation and relies on it: the depth is bounded, so building may recurse, and every count is at most
-// the number of bytes, so room may be reserved. A read that fails here means that validate() and the Cursor disagree.
+// Decoding comes after validation and relies on it: the depth is bounded, so building may recurse,
+// and every count is at most the number of bytes, so room may be reserved. A read that fails here
+// means that validate() and the Cursor disagree.
 
 namespace keel::cbor {
 
@@ -95,7 +96,8 @@ Value build(Cursor& cursor) {
 }  // namespace
 
 std::expected<Value, Fault> decode(std::span<const std::byte> bytes, std::size_t maximumDepth) {
-  if (const auto valid = validate(bytes, maximumDepth); !valid) return std::unexpected(valid.error());
+  if (const auto valid = validate(bytes, maximumDepth); !valid)
+    return std::unexpected(valid.error());
   Cursor cursor(bytes);
   Value value = build(cursor);
   KEEL_CHECK(cursor.atEnd());

@@ -14,8 +14,9 @@
 #include "runtime/foundation/test_bytes.h"
 #include "runtime/foundation/test_python.h"
 
-// Our codec held against two others: Python's cbor2 makes values and judges ours, libcbor reads what we accept. Both accept
-// more than we do, so the comparison runs one way: what we accept, they accept, and they see the same value in it.
+// Our codec held against two others: Python's cbor2 makes values and judges ours, libcbor reads
+// what we accept. Both accept more than we do, so the comparison runs one way: what we accept, they
+// accept, and they see the same value in it.
 
 namespace keel::cbor {
 namespace {
@@ -55,8 +56,8 @@ for _ in range(int(sys.argv[2])):
     print(cbor2.dumps(value(0), datetime_as_timestamp=True, canonical=r.random() < 0.5).hex())
 )";
 
-// Reads lines of two encodings each from a file and prints how many there were; exits with 1 at the first line whose
-// encodings hold different values.
+// Reads lines of two encodings each from a file and prints how many there were; exits with 1 at the
+// first line whose encodings hold different values.
 constexpr const char* kCompare = R"(
 import cbor2, io, sys
 def whole(text):
@@ -73,7 +74,8 @@ print(count)
 )";
 
 std::vector<std::vector<std::byte>> pythonCorpus(const TemporaryFolder& folder, int count) {
-  std::istringstream lines(runPython(folder, kMakeCorpus, std::to_string(kSeed) + " " + std::to_string(count)));
+  std::istringstream lines(
+      runPython(folder, kMakeCorpus, std::to_string(kSeed) + " " + std::to_string(count)));
   std::vector<std::vector<std::byte>> corpus;
   for (std::string line; std::getline(lines, line);) corpus.push_back(bytesOfHex(line));
   EXPECT_EQ(corpus.size(), static_cast<std::size_t>(count));
@@ -82,15 +84,18 @@ std::vector<std::vector<std::byte>> pythonCorpus(const TemporaryFolder& folder, 
 
 // Python's dates end with the years 1 and 9999.
 bool pythonCanHold(const Value& value) {
-  if (const Date* date = value.as<Date>()) return date->secondsSinceEpoch > -6.2e10 && date->secondsSinceEpoch < 2.5e11;
+  if (const Date* date = value.as<Date>())
+    return date->secondsSinceEpoch > -6.2e10 && date->secondsSinceEpoch < 2.5e11;
   if (const Error* error = value.as<Error>()) return pythonCanHold(error->userInfo().value());
   if (const auto* list = value.as<Value::List>()) return std::ranges::all_of(*list, pythonCanHold);
   const auto* map = value.as<Value::Map>();
   return map == nullptr || std::ranges::all_of(*map, pythonCanHold, &Member::value);
 }
 
-// Copies of the corpus with one byte of each changed, as far as we accept them and Python can hold them.
-std::vector<std::vector<std::byte>> acceptedMutations(const std::vector<std::vector<std::byte>>& corpus, int rounds) {
+// Copies of the corpus with one byte of each changed, as far as we accept them and Python can hold
+// them.
+std::vector<std::vector<std::byte>> acceptedMutations(
+    const std::vector<std::vector<std::byte>>& corpus, int rounds) {
   std::mt19937 random(kSeed);
   std::vector<std::vector<std::byte>> accepted;
   for (int round = 0; round < rounds; ++round) {
@@ -104,7 +109,8 @@ std::vector<std::vector<std::byte>> acceptedMutations(const std::vector<std::vec
 }
 
 // How many of these Python finds equal to what we make of them.
-std::size_t equalInPython(const TemporaryFolder& folder, const std::vector<std::vector<std::byte>>& encodings) {
+std::size_t equalInPython(const TemporaryFolder& folder,
+                          const std::vector<std::vector<std::byte>>& encodings) {
   {
     std::ofstream pairs(folder.path("pairs"));
     for (const auto& bytes : encodings) {

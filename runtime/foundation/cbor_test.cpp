@@ -15,7 +15,8 @@
 namespace keel::cbor {
 namespace {
 
-// What decode() says to these bytes: the value's notation, or why they were refused. Also sees to it that validate() agrees.
+// What decode() says to these bytes: the value's notation, or why they were refused. Also sees to
+// it that validate() agrees.
 std::string outcomeOf(std::span<const std::byte> bytes, std::size_t maximumDepth = kDepthCapacity) {
   const auto valid = validate(bytes, maximumDepth);
   const auto decoded = decode(bytes, maximumDepth);
@@ -98,13 +99,16 @@ TEST(Decode, ReadsTheExamplesOfTheStandard) {
       {"83010203", "[1, 2, 3]"},
       {"8301820203820405", "[1, [2, 3], [4, 5]]"},
       {"98190102030405060708090a0b0c0d0e0f101112131415161718181819",
-       "[1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25]"},
+       "[1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, "
+       "25]"},
       {"a0", "{}"},
       {"a26161016162820203", R"({"a": 1, "b": [2, 3]})"},
       {"826161a161626163", R"(["a", {"b": "c"}])"},
-      {"a56161614161626142616361436164614461656145", R"({"a": "A", "b": "B", "c": "C", "d": "D", "e": "E"})"},
+      {"a56161614161626142616361436164614461656145",
+       R"({"a": "A", "b": "B", "c": "C", "d": "D", "e": "E"})"},
   };
-  for (const Example& example : kExamples) EXPECT_EQ(outcomeOf(example.hex), example.notation) << example.hex;
+  for (const Example& example : kExamples)
+    EXPECT_EQ(outcomeOf(example.hex), example.notation) << example.hex;
 }
 
 struct Refused {
@@ -134,7 +138,8 @@ TEST(Decode, RefusesTheExamplesOfTheStandardBeyondTheSubset) {
       {"bf61610161629f0203ffff", Fault::indefiniteLength},
       {"bf6346756ef563416d7421ff", Fault::indefiniteLength},
   };
-  for (const Refused& example : kExamples) EXPECT_EQ(outcomeOf(example.hex), refusal(example.fault)) << example.hex;
+  for (const Refused& example : kExamples)
+    EXPECT_EQ(outcomeOf(example.hex), refusal(example.fault)) << example.hex;
 }
 
 TEST(Validate, RefusesNothingAtAll) {
@@ -206,8 +211,9 @@ TEST(Validate, AcceptsDatesOfEveryFiniteNumber) {
 }
 
 TEST(Validate, RefusesDatesOfAnythingElse) {
-  for (const char* hex : {"c1f97c00", "c1f97e00", "c1fa7f800000", "c1fbfff0000000000000", "c1f6", "c1f5", "c16130", "c140",
-                          "c180", "c1a0", "c1c100", "c1d9ca1d836164056f6"}) {
+  for (const char* hex :
+       {"c1f97c00", "c1f97e00", "c1fa7f800000", "c1fbfff0000000000000", "c1f6", "c1f5", "c16130",
+        "c140", "c180", "c1a0", "c1c100", "c1d9ca1d836164056f6"}) {
     EXPECT_EQ(outcomeOf(hex), refusal(Fault::badTagContent)) << hex;
   }
   EXPECT_EQ(outcomeOf("c1"), refusal(Fault::truncated));
@@ -220,14 +226,17 @@ TEST(Validate, RefusesDatesOfAnythingElse) {
 TEST(Validate, AcceptsErrors) {
   EXPECT_EQ(outcomeOf("d9ca1d83616405f6"), R"(51741(["d", 5, null]))");
   EXPECT_EQ(outcomeOf("d9ca1d836024a0"), R"(51741(["", -5, {}]))");
-  EXPECT_EQ(outcomeOf("d9ca1d8361641b7fffffffffffffffa1616101"), R"(51741(["d", 9223372036854775807, {"a": 1}]))");
-  EXPECT_EQ(outcomeOf("82d9ca1d83616405a16161d9ca1d83616506f607"), R"([51741(["d", 5, {"a": 51741(["e", 6, null])}]), 7])");
+  EXPECT_EQ(outcomeOf("d9ca1d8361641b7fffffffffffffffa1616101"),
+            R"(51741(["d", 9223372036854775807, {"a": 1}]))");
+  EXPECT_EQ(outcomeOf("82d9ca1d83616405a16161d9ca1d83616506f607"),
+            R"([51741(["d", 5, {"a": 51741(["e", 6, null])}]), 7])");
 }
 
 TEST(Validate, RefusesErrorsOfAnotherForm) {
-  for (const char* hex : {"d9ca1df6", "d9ca1d80", "d9ca1d82616405", "d9ca1d84616405f6f6", "d9ca1da0", "d9ca1d83416405f6",
-                          "d9ca1d83f605f6", "d9ca1d8361646135f6", "d9ca1d836164f94500f6", "d9ca1d83616405f5",
-                          "d9ca1d8361640580", "d9ca1d83616405c100", "d9ca1d8361641b8000000000000000f6"}) {
+  for (const char* hex : {"d9ca1df6", "d9ca1d80", "d9ca1d82616405", "d9ca1d84616405f6f6",
+                          "d9ca1da0", "d9ca1d83416405f6", "d9ca1d83f605f6", "d9ca1d8361646135f6",
+                          "d9ca1d836164f94500f6", "d9ca1d83616405f5", "d9ca1d8361640580",
+                          "d9ca1d83616405c100", "d9ca1d8361641b8000000000000000f6"}) {
     EXPECT_EQ(outcomeOf(hex), refusal(Fault::badTagContent)) << hex;
   }
   EXPECT_EQ(outcomeOf("d9ca1d8361643b8000000000000000f6"), refusal(Fault::integerRange));
@@ -238,7 +247,8 @@ TEST(Validate, RefusesErrorsOfAnotherForm) {
 }
 
 TEST(Validate, RefusesEveryOtherTag) {
-  for (const char* hex : {"c000", "c200", "d9ca1c83616405f6", "d9ca1e83616405f6", "d9d9f700", "db000000010000000000"}) {
+  for (const char* hex : {"c000", "c200", "d9ca1c83616405f6", "d9ca1e83616405f6", "d9d9f700",
+                          "db000000010000000000"}) {
     EXPECT_EQ(outcomeOf(hex), refusal(Fault::unknownTag)) << hex;
   }
 }
@@ -295,10 +305,12 @@ TEST(ValidateDepthDeathTest, MoreThanTheCapacityIsTheCallersMistake) {
 
 TEST(Validate, RefusesCountsBeyondTheBytes) {
   for (const char* hex :
-       {"9bffffffffffffffff", "bbffffffffffffffff", "bb8000000000000000", "bb7fffffffffffffff", "9b000000010000000000",
-        "5bffffffffffffffff", "7bffffffffffffffff", "9a7fffffff0000", "8200", "a26161f6", "4201", "6261", "a1616101616102a1"}) {
+       {"9bffffffffffffffff", "bbffffffffffffffff", "bb8000000000000000", "bb7fffffffffffffff",
+        "9b000000010000000000", "5bffffffffffffffff", "7bffffffffffffffff", "9a7fffffff0000",
+        "8200", "a26161f6", "4201", "6261", "a1616101616102a1"}) {
     const auto outcome = outcomeOf(hex);
-    EXPECT_TRUE(outcome == refusal(Fault::truncated) || outcome == refusal(Fault::trailingBytes)) << hex << outcome;
+    EXPECT_TRUE(outcome == refusal(Fault::truncated) || outcome == refusal(Fault::trailingBytes))
+        << hex << outcome;
   }
   EXPECT_EQ(outcomeOf("9bffffffffffffffff"), refusal(Fault::truncated));
   EXPECT_EQ(outcomeOf("bb8000000000000000"), refusal(Fault::truncated));
@@ -329,7 +341,8 @@ TEST(Decode, RefusesEveryPrefixAsTruncated) {
   const auto bytes = encode(everyKind());
   for (std::size_t size = 0; size < bytes.size(); ++size) {
     // A copy of exactly that size, so that a sanitizer sees every read beyond it.
-    const std::vector<std::byte> prefix(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
+    const std::vector<std::byte> prefix(bytes.begin(),
+                                        bytes.begin() + static_cast<std::ptrdiff_t>(size));
     EXPECT_EQ(outcomeOf(prefix), refusal(Fault::truncated)) << size;
   }
 }
@@ -351,7 +364,8 @@ TEST(Decode, AgreesWithValidateOnDamagedBytes) {
 TEST(Decode, KeepsDatesStable) {
   constexpr unsigned kSeed = 1;
   std::mt19937_64 random(kSeed);
-  std::vector<double> seconds{0, -0.0, 0.5, 0x1p53, 0x1p53 + 2, -0x1p53, 0x1p63, 0x1p64, -0x1p63, 1e300, 5e-324};
+  std::vector<double> seconds{0,      -0.0,   0.5,     0x1p53, 0x1p53 + 2, -0x1p53,
+                              0x1p63, 0x1p64, -0x1p63, 1e300,  5e-324};
   for (int round = 0; round < 10000; ++round) {
     const auto real = std::bit_cast<double>(random());
     if (std::isfinite(real)) seconds.push_back(real);
@@ -366,7 +380,8 @@ TEST(Decode, KeepsDatesStable) {
 
 TEST(DescribeFault, HasWordsForEachFault) {
   std::set<std::string_view> texts;
-  for (int fault = 0; fault <= static_cast<int>(Fault::tooDeep); ++fault) texts.insert(describe(static_cast<Fault>(fault)));
+  for (int fault = 0; fault <= static_cast<int>(Fault::tooDeep); ++fault)
+    texts.insert(describe(static_cast<Fault>(fault)));
   EXPECT_EQ(texts.size(), static_cast<std::size_t>(Fault::tooDeep) + 1);
   EXPECT_FALSE(texts.contains("unknown fault"));
 }

@@ -9,8 +9,9 @@ bool isContinuation(std::byte byte) {
   return (byte & std::byte{0xc0}) == std::byte{0x80};
 }
 
-// The length of the well-formed sequence of two bytes or more that begins at `at`, or 0. What the second byte may be depends
-// on the first (RFC 3629, section 4): that is where overlong forms, surrogates and numbers above U+10FFFF are told apart.
+// The length of the well-formed sequence of two bytes or more that begins at `at`, or 0. What the
+// second byte may be depends on the first (RFC 3629, section 4): that is where overlong forms,
+// surrogates and numbers above U+10FFFF are told apart.
 std::size_t sequenceLength(const std::byte* at, const std::byte* end) {
   const auto lead = std::to_integer<std::uint8_t>(*at);
   if (lead < 0xc2 || lead > 0xf4) return 0;

@@ -9,11 +9,13 @@
 namespace keel::cbor {
 namespace {
 
-// The encoding of any number as if it were a character, in `length` bytes, whether that is allowed or not.
+// The encoding of any number as if it were a character, in `length` bytes, whether that is allowed
+// or not.
 std::string encodedIn(std::size_t length, std::uint32_t number) {
   if (length == 1) return std::string(1, static_cast<char>(number));
   std::string bytes(length, '\0');
-  for (std::size_t i = length - 1; i > 0; --i, number >>= 6) bytes[i] = static_cast<char>(0x80 | (number & 0x3f));
+  for (std::size_t i = length - 1; i > 0; --i, number >>= 6)
+    bytes[i] = static_cast<char>(0x80 | (number & 0x3f));
   constexpr std::uint32_t kLead[] = {0, 0, 0xc0, 0xe0, 0xf0};
   bytes[0] = static_cast<char>(kLead[length] | number);
   return bytes;
@@ -23,11 +25,17 @@ std::size_t properLength(std::uint32_t number) {
   return number < 0x80 ? 1 : number < 0x800 ? 2 : number < 0x10000 ? 3 : 4;
 }
 
-// An obviously right decoder to hold isUtf8() against: decodes a number, then asks whether it was allowed there.
+// An obviously right decoder to hold isUtf8() against: decodes a number, then asks whether it was
+// allowed there.
 bool isUtf8Plainly(std::string_view text) {
   while (!text.empty()) {
     const auto lead = static_cast<unsigned char>(text[0]);
-    const std::size_t length = lead < 0x80 ? 1 : lead < 0xc0 ? 0 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : lead < 0xf8 ? 4 : 0;
+    const std::size_t length = lead < 0x80   ? 1
+                               : lead < 0xc0 ? 0
+                               : lead < 0xe0 ? 2
+                               : lead < 0xf0 ? 3
+                               : lead < 0xf8 ? 4
+                                             : 0;
     if (length == 0 || text.size() < length) return false;
     std::uint32_t number = length == 1 ? lead : lead & (0xffU >> (length + 1));
     for (std::size_t i = 1; i < length; ++i) {
@@ -35,7 +43,9 @@ bool isUtf8Plainly(std::string_view text) {
       if ((next & 0xc0) != 0x80) return false;
       number = number << 6 | (next & 0x3fU);
     }
-    if (properLength(number) != length || number > 0x10ffff || (number >= 0xd800 && number < 0xe000)) return false;
+    if (properLength(number) != length || number > 0x10ffff ||
+        (number >= 0xd800 && number < 0xe000))
+      return false;
     text.remove_prefix(length);
   }
   return true;
@@ -46,9 +56,11 @@ TEST(IsUtf8, AcceptsEveryCharacterInItsProperLengthOnly) {
     const bool surrogate = number >= 0xd800 && number < 0xe000;
     const std::size_t proper = properLength(number);
     ASSERT_EQ(isUtf8(encodedIn(proper, number)), !surrogate) << number;
-    for (std::size_t length = proper + 1; length <= 4; ++length) ASSERT_FALSE(isUtf8(encodedIn(length, number))) << number;
+    for (std::size_t length = proper + 1; length <= 4; ++length)
+      ASSERT_FALSE(isUtf8(encodedIn(length, number))) << number;
   }
-  for (std::uint32_t number = 0x110000; number < 0x200000; ++number) ASSERT_FALSE(isUtf8(encodedIn(4, number))) << number;
+  for (std::uint32_t number = 0x110000; number < 0x200000; ++number)
+    ASSERT_FALSE(isUtf8(encodedIn(4, number))) << number;
 }
 
 TEST(IsUtf8, JudgesEveryTwoBytesRight) {
@@ -95,8 +107,10 @@ TEST(IsUtf8, AgreesWithAPlainDecoderOnRandomMixtures) {
   for (int round = 0; round < 100000; ++round) {
     std::string text;
     // Mostly sound pieces, so that a fair part of the texts is accepted.
-    for (auto count = random() % 12; count > 0; --count) text += pieces[random() % (random() % 8 == 0 ? 9 : 5)];
-    ASSERT_EQ(isUtf8(text), isUtf8Plainly(text)) << "seed " << kSeed << ": " << hexOf(bytesOfText(text));
+    for (auto count = random() % 12; count > 0; --count)
+      text += pieces[random() % (random() % 8 == 0 ? 9 : 5)];
+    ASSERT_EQ(isUtf8(text), isUtf8Plainly(text))
+        << "seed " << kSeed << ": " << hexOf(bytesOfText(text));
     if (isUtf8(text)) ++accepted;
   }
   EXPECT_GT(accepted, 10000U);

@@ -10,8 +10,12 @@
 namespace keel::cbor {
 
 void Writer::longHead(std::uint8_t major, std::uint64_t argument) {
-  const unsigned power = argument <= 0xff ? 0 : argument <= 0xffff ? 1 : argument <= 0xffff'ffff ? 2 : 3;
-  output_.appendBigEndian(static_cast<std::byte>(unsigned{major} << 5 | (24 + power)), argument, std::size_t{1} << power);
+  const unsigned power = argument <= 0xff          ? 0
+                         : argument <= 0xffff      ? 1
+                         : argument <= 0xffff'ffff ? 2
+                                                   : 3;
+  output_.appendBigEndian(static_cast<std::byte>(unsigned{major} << 5 | (24 + power)), argument,
+                          std::size_t{1} << power);
 }
 
 void Writer::integer(std::int64_t value) {

@@ -11,8 +11,8 @@
 
 namespace keel::cbor {
 
-// Appends encoded items to bytes that the caller owns. Heads are written in their shortest form, floating point always as 64
-// bits. The caller sees to it that counts match what follows.
+// Appends encoded items to bytes that the caller owns. Heads are written in their shortest form,
+// floating point always as 64 bits. The caller sees to it that counts match what follows.
 class Writer {
  public:
   explicit Writer(ByteSink& output) : output_(output) {}

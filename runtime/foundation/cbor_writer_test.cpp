@@ -56,7 +56,8 @@ TEST(WriterInteger, TakesTheShortestHeadOfItsSign) {
       {std::numeric_limits<std::int64_t>::max(), "1b7fffffffffffffff"},
       {std::numeric_limits<std::int64_t>::min(), "3b7fffffffffffffff"},
   };
-  for (const Row& row : kRows) EXPECT_EQ(written([&](Writer& writer) { writer.integer(row.value); }), row.hex);
+  for (const Row& row : kRows)
+    EXPECT_EQ(written([&](Writer& writer) { writer.integer(row.value); }), row.hex);
 }
 
 TEST(Writer, WritesSimpleValues) {
@@ -70,7 +71,8 @@ TEST(Writer, WritesSimpleValues) {
 TEST(Writer, WritesTextsBytesAndContainers) {
   EXPECT_EQ(written([](Writer& writer) { writer.text(""); }), "60");
   EXPECT_EQ(written([](Writer& writer) { writer.text("\u00fc"); }), "62c3bc");
-  EXPECT_EQ(written([](Writer& writer) { writer.text(std::string(24, 'a')); }).substr(0, 6), "781861");
+  EXPECT_EQ(written([](Writer& writer) { writer.text(std::string(24, 'a')); }).substr(0, 6),
+            "781861");
   EXPECT_EQ(written([](Writer& writer) { writer.bytes(bytesOfHex("01ff")); }), "4201ff");
   EXPECT_EQ(written([](Writer& writer) { writer.array(3); }), "83");
   EXPECT_EQ(written([](Writer& writer) { writer.map(300); }), "b9012c");
@@ -81,7 +83,8 @@ TEST(Writer, WritesTextsBytesAndContainers) {
 TEST(WriterDate, IsAnIntegerForWholeSecondsUpTo2To53) {
   EXPECT_EQ(written([](Writer& writer) { writer.date(Date{1363896240}); }), "c11a514b67b0");
   EXPECT_EQ(written([](Writer& writer) { writer.date(Date{-1}); }), "c120");
-  EXPECT_EQ(written([](Writer& writer) { writer.date(Date{1363896240.5}); }), "c1fb41d452d9ec200000");
+  EXPECT_EQ(written([](Writer& writer) { writer.date(Date{1363896240.5}); }),
+            "c1fb41d452d9ec200000");
   EXPECT_EQ(written([](Writer& writer) { writer.date(Date{0x1p53}); }), "c11b0020000000000000");
   EXPECT_EQ(written([](Writer& writer) { writer.date(Date{0x1p53 + 2}); }), "c1fb4340000000000001");
 }
@@ -94,7 +97,9 @@ TEST(WriterDateDeathTest, InfinityIsTheCallersMistake) {
 TEST(WriterError, IsATaggedArrayOrNull) {
   EXPECT_EQ(written([](Writer& writer) { writer.error(Error()); }), "f6");
   EXPECT_EQ(written([](Writer& writer) { writer.error(Error("d", 5)); }), "d9ca1d83616405f6");
-  EXPECT_EQ(written([](Writer& writer) { writer.error(Error("d", -5, Dictionary(Value::map({{"a", 1}})))); }),
+  EXPECT_EQ(written([](Writer& writer) {
+              writer.error(Error("d", -5, Dictionary(Value::map({{"a", 1}}))));
+            }),
             "d9ca1d83616424a1616101");
 }
 

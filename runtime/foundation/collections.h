@@ -11,13 +11,16 @@ namespace keel {
 
 class Value;
 
-// Something held in its encoded form (one well-formed CBOR item, see cbor.h) and shared by count, or null. The daemon passes
-// such values on without ever decoding them; value() is for those who want to look inside.
+// Something held in its encoded form (one well-formed CBOR item, see cbor.h) and shared by count,
+// or null. The daemon passes such values on without ever decoding them; value() is for those who
+// want to look inside.
 class EncodedValue {
  public:
   bool isNull() const { return !buffer_; }
   // Empty for null.
-  std::span<const std::byte> encoded() const { return buffer_ ? buffer_->bytes() : std::span<const std::byte>(); }
+  std::span<const std::byte> encoded() const {
+    return buffer_ ? buffer_->bytes() : std::span<const std::byte>();
+  }
   const BufferRef& buffer() const { return buffer_; }
   // Decodes. Null yields a null Value. Nested no deeper than cbor::kDepthCapacity.
   Value value() const;
@@ -41,7 +44,9 @@ class Dictionary : public EncodedValue {
   explicit Dictionary(BufferRef wellFormed) : EncodedValue(std::move(wellFormed)) {}
   // Encodes `map`, whose kind must be map or null; a null Value yields a null dictionary.
   explicit Dictionary(const Value& map);
-  friend bool operator==(const Dictionary& left, const Dictionary& right) { return sameBytes(left, right); }
+  friend bool operator==(const Dictionary& left, const Dictionary& right) {
+    return sameBytes(left, right);
+  }
 };
 
 // An array of values, or null.
@@ -63,7 +68,9 @@ class Data {
   Data(std::nullptr_t) {}
   explicit Data(std::span<const std::byte> bytes) : buffer_(Buffer::copyOf(bytes)) {}
   bool isNull() const { return !buffer_; }
-  std::span<const std::byte> bytes() const { return buffer_ ? buffer_->bytes() : std::span<const std::byte>(); }
+  std::span<const std::byte> bytes() const {
+    return buffer_ ? buffer_->bytes() : std::span<const std::byte>();
+  }
   friend bool operator==(const Data& left, const Data& right);
 
  private:

@@ -30,7 +30,8 @@ TEST(Dictionary, NullIsANullValueWithoutBytes) {
 }
 
 TEST(Dictionary, EqualsByBytes) {
-  EXPECT_TRUE(Dictionary(Value::map({{"a", 1}})) == Dictionary(Buffer::copyOf(bytesOfHex("a1616101"))));
+  EXPECT_TRUE(Dictionary(Value::map({{"a", 1}})) ==
+              Dictionary(Buffer::copyOf(bytesOfHex("a1616101"))));
   EXPECT_FALSE(Dictionary(Value::map({{"a", 1}})) == Dictionary(Value::map({{"a", 2}})));
 }
 

@@ -9,12 +9,15 @@
 namespace keel {
 
 Date Date::now() {
-  return Date{std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count()};
+  return Date{
+      std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count()};
 }
 
 std::optional<std::int64_t> Date::wholeSeconds() const {
   constexpr double kExactLimit = 9007199254740992;  // 2^53
-  if (!(std::fabs(secondsSinceEpoch) <= kExactLimit) || std::trunc(secondsSinceEpoch) != secondsSinceEpoch) return {};
+  if (!(std::fabs(secondsSinceEpoch) <= kExactLimit) ||
+      std::trunc(secondsSinceEpoch) != secondsSinceEpoch)
+    return {};
   return static_cast<std::int64_t>(secondsSinceEpoch);
 }
 
@@ -33,8 +36,9 @@ std::string Date::description() const {
   const std::chrono::year_month_day day(midnight);
   const std::chrono::hh_mm_ss time(point - midnight);
   return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}Z", static_cast<int>(day.year()),
-                     static_cast<unsigned>(day.month()), static_cast<unsigned>(day.day()), time.hours().count(),
-                     time.minutes().count(), time.seconds().count(), static_cast<int>(microseconds));
+                     static_cast<unsigned>(day.month()), static_cast<unsigned>(day.day()),
+                     time.hours().count(), time.minutes().count(), time.seconds().count(),
+                     static_cast<int>(microseconds));
 }
 
 }  // namespace keel

@@ -13,7 +13,8 @@ namespace keel {
 
 namespace {
 
-// The text under `wanted`, or an empty one. The map stays encoded: errors are logged more often than taken apart.
+// The text under `wanted`, or an empty one. The map stays encoded: errors are logged more often
+// than taken apart.
 std::string_view textOf(const Dictionary& dictionary, std::string_view wanted) {
   cbor::Cursor cursor(dictionary.encoded());
   std::uint64_t pairCount = 0;
@@ -38,7 +39,8 @@ struct Error::Body {
 };
 
 Error::Error(String domain, std::int64_t code, Dictionary userInfo)
-    : body_(std::make_shared<const Body>(domain.isNull() ? String("") : std::move(domain), code, std::move(userInfo))) {}
+    : body_(std::make_shared<const Body>(domain.isNull() ? String("") : std::move(domain), code,
+                                         std::move(userInfo))) {}
 
 String Error::domain() const {
   return body_ ? body_->domain : String();
@@ -59,7 +61,8 @@ std::string Error::description() const {
 
 Error describedError(std::string_view domain, std::int64_t code, std::string description) {
   if (!cbor::isUtf8(description)) {
-    std::ranges::replace_if(description, [](char letter) { return static_cast<unsigned char>(letter) >= 0x80; }, '?');
+    std::ranges::replace_if(
+        description, [](char letter) { return static_cast<unsigned char>(letter) >= 0x80; }, '?');
   }
   const std::string key(NSLocalizedDescriptionKey);
   return Error(String(domain), code, Dictionary(Value::map({{key, std::move(description)}})));

@@ -31,7 +31,8 @@ class Error {
   std::int64_t code() const;
   Dictionary userInfo() const;
 
-  // One line for a log: the user info's description when there is one, then "(domain error code)". "(null)" for no error.
+  // One line for a log: the user info's description when there is one, then "(domain error code)".
+  // "(null)" for no error.
   std::string description() const;
 
   // Same domain, code and user info bytes.
@@ -42,7 +43,8 @@ class Error {
   std::shared_ptr<const Body> body_;
 };
 
-// An error whose user info has `description`. What in it is not UTF-8, such as the name of a file, shows as "?".
+// An error whose user info has `description`. What in it is not UTF-8, such as the name of a file,
+// shows as "?".
 Error describedError(std::string_view domain, std::int64_t code, std::string description);
 
 }  // namespace keel

@@ -54,7 +54,9 @@ TEST(ErrorDescription, IsTheTextForPeopleThenDomainAndCode) {
 TEST(ErrorDescription, WithoutSuchTextIsDomainAndCode) {
   EXPECT_EQ(Error("KLNErrorDomain", 9).description(), "KLNErrorDomain error 9");
   EXPECT_EQ(Error("d", -1, Dictionary(Value::map({{"other", "x"}}))).description(), "d error -1");
-  EXPECT_EQ(Error("d", 1, Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), 5}}))).description(), "d error 1");
+  EXPECT_EQ(Error("d", 1, Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), 5}})))
+                .description(),
+            "d error 1");
 }
 
 TEST(ErrorDescription, FindsTheTextBehindMembersOfOtherKinds) {
@@ -69,8 +71,10 @@ TEST(ErrorDescription, FindsTheTextBehindMembersOfOtherKinds) {
 
 TEST(ErrorDescription, OfTwoTextsTheLastCounts) {
   const std::string key(NSLocalizedDescriptionKey);
-  EXPECT_EQ(Error("d", 1, Dictionary(Value::map({{key, "first"}, {key, "last"}}))).description(), "last (d error 1)");
-  EXPECT_EQ(Error("d", 1, Dictionary(Value::map({{key, "first"}, {key, 2}}))).description(), "d error 1");
+  EXPECT_EQ(Error("d", 1, Dictionary(Value::map({{key, "first"}, {key, "last"}}))).description(),
+            "last (d error 1)");
+  EXPECT_EQ(Error("d", 1, Dictionary(Value::map({{key, "first"}, {key, 2}}))).description(),
+            "d error 1");
 }
 
 TEST(ErrorDescription, SaysNullForNoError) {

@@ -24,7 +24,8 @@ std::string readable(std::string_view symbol) {
   if (plus == symbol.npos) return std::string(symbol);
   const std::string mangled(symbol.substr(open + 1, plus - open - 1));
   int status = 0;
-  const std::unique_ptr<char, Free> name(abi::__cxa_demangle(mangled.c_str(), nullptr, nullptr, &status));
+  const std::unique_ptr<char, Free> name(
+      abi::__cxa_demangle(mangled.c_str(), nullptr, nullptr, &status));
   if (status != 0 || name == nullptr) return std::string(symbol);
   return std::string(symbol.substr(0, open + 1)).append(name.get()).append(symbol.substr(plus));
 }
@@ -33,10 +34,12 @@ std::string readable(std::string_view symbol) {
   void* frames[64];
   const int count = ::backtrace(frames, 64);
   std::vector<std::string> lines;
-  const std::unique_ptr<char*, Free> symbols(count > 0 ? ::backtrace_symbols(frames, count) : nullptr);
+  const std::unique_ptr<char*, Free> symbols(count > 0 ? ::backtrace_symbols(frames, count)
+                                                       : nullptr);
   // The first frame is this function.
   if (symbols != nullptr) {
-    for (const char* symbol : std::span(symbols.get(), static_cast<std::size_t>(count)).subspan(1)) {
+    for (const char* symbol :
+         std::span(symbols.get(), static_cast<std::size_t>(count)).subspan(1)) {
       lines.push_back(readable(symbol));
     }
   }

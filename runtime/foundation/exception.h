@@ -7,8 +7,8 @@
 
 namespace keel {
 
-// A raised exception that knows where it was raised. Only the two prescribed guards catch: the notify handler's publish and
-// subscribe work, and the module walk at start-up.
+// A raised exception that knows where it was raised. Only the two prescribed guards catch: the
+// notify handler's publish and subscribe work, and the module walk at start-up.
 class Exception : public std::exception {
  public:
   Exception(std::string name, std::string reason);

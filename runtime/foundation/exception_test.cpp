@@ -31,15 +31,18 @@ TEST(Exception, CarriesTheStackOfWhoeverRaisedIt) {
 }
 
 TEST(Exception, NamesFramesReadably) {
-  // Only exported functions have names at run time. A stream calls its callbacks from such functions of the C++ library.
+  // Only exported functions have names at run time. A stream calls its callbacks from such
+  // functions of the C++ library.
   static std::vector<std::string> symbols;
   const auto capture = [](std::ios_base::event event, std::ios_base&, int) {
-    if (event == std::ios_base::imbue_event) symbols = Exception(NSGenericException, "reason").callStackSymbols();
+    if (event == std::ios_base::imbue_event)
+      symbols = Exception(NSGenericException, "reason").callStackSymbols();
   };
   std::ostringstream stream;
   stream.register_callback(capture, 0);
   static_cast<std::ios_base&>(stream).imbue(std::locale::classic());
-  EXPECT_THAT(symbols, testing::Contains(testing::HasSubstr("(std::ios_base::imbue(std::locale const&)+0x")));
+  EXPECT_THAT(symbols, testing::Contains(
+                           testing::HasSubstr("(std::ios_base::imbue(std::locale const&)+0x")));
 }
 
 }  // namespace

@@ -16,7 +16,8 @@ TEST(RandomBytes, FillsAllThatIsAskedFor) {
     std::vector<std::byte> bytes(size);
     ASSERT_EQ(SecRandomCopyBytes(bytes), 0);
     for (std::size_t at = 0; at + zeros.size() <= size; at += zeros.size()) {
-      EXPECT_FALSE(std::equal(zeros.begin(), zeros.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at)))
+      EXPECT_FALSE(
+          std::equal(zeros.begin(), zeros.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at)))
           << size << " " << at;
     }
   }

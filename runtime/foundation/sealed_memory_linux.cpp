@@ -18,7 +18,8 @@ namespace keel {
 
 namespace {
 
-// What a reader relies on. F_SEAL_FUTURE_WRITE would not do: mappings made before it can still be written through.
+// What a reader relies on. F_SEAL_FUTURE_WRITE would not do: mappings made before it can still be
+// written through.
 constexpr int kNeededSeals = F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK;
 
 std::unexpected<std::error_code> failure(int number) {
@@ -72,12 +73,15 @@ std::expected<BufferRef, std::error_code> GrowingMemory::seal() && {
   return openSealedMemory(std::move(file_), sizeBytes_);
 }
 
-std::expected<BufferRef, std::error_code> openSealedMemory(FileDescriptor file, std::size_t sizeBytes, MemoryAccount& account) {
+std::expected<BufferRef, std::error_code> openSealedMemory(FileDescriptor file,
+                                                           std::size_t sizeBytes,
+                                                           MemoryAccount& account) {
   const int seals = ::fcntl(file.get(), F_GET_SEALS);
   if (seals < 0) return failure(errno);
   if ((seals & kNeededSeals) != kNeededSeals) return failure(EPERM);
 
-  // Memory files on huge pages can be sealed too, but their mappings come and go by other sizes than ours.
+  // Memory files on huge pages can be sealed too, but their mappings come and go by other sizes
+  // than ours.
   struct statfs fileSystem;
   if (::fstatfs(file.get(), &fileSystem) != 0) return failure(errno);
   if (fileSystem.f_type != TMPFS_MAGIC) return failure(EPERM);
@@ -89,7 +93,8 @@ std::expected<BufferRef, std::error_code> openSealedMemory(FileDescriptor file, 
 
   void* mapping = ::mmap(nullptr, sizeBytes, PROT_READ, MAP_SHARED, file.get(), 0);
   if (mapping == MAP_FAILED) return failure(errno);
-  return Buffer::adoptMapping(static_cast<const std::byte*>(mapping), sizeBytes, std::move(file), account);
+  return Buffer::adoptMapping(static_cast<const std::byte*>(mapping), sizeBytes, std::move(file),
+                              account);
 }
 
 }  // namespace keel

@@ -102,7 +102,8 @@ TEST(GrowingMemory, HoldsAllThatWasAppended) {
   auto growing = GrowingMemory::create();
   ASSERT_TRUE(growing.has_value());
   std::vector<std::byte> all;
-  for (std::size_t size : {std::size_t{1}, std::size_t{70'000}, std::size_t{0}, std::size_t{4096}}) {
+  for (std::size_t size :
+       {std::size_t{1}, std::size_t{70'000}, std::size_t{0}, std::size_t{4096}}) {
     const std::vector<std::byte> portion(size, static_cast<std::byte>(size + 3));
     ASSERT_TRUE(growing->append(portion).has_value());
     all.insert(all.end(), portion.begin(), portion.end());
@@ -132,7 +133,8 @@ TEST(OpenSealedMemory, RefusesAFileThatLacksASeal) {
   EXPECT_EQ(errnoOfOpening(memoryFile(F_SEAL_GROW | F_SEAL_SHRINK), 4), EPERM);
   EXPECT_EQ(errnoOfOpening(memoryFile(F_SEAL_WRITE | F_SEAL_SHRINK), 4), EPERM);
   EXPECT_EQ(errnoOfOpening(memoryFile(F_SEAL_WRITE | F_SEAL_GROW), 4), EPERM);
-  EXPECT_EQ(errnoOfOpening(memoryFile(F_SEAL_FUTURE_WRITE | F_SEAL_GROW | F_SEAL_SHRINK), 4), EPERM);
+  EXPECT_EQ(errnoOfOpening(memoryFile(F_SEAL_FUTURE_WRITE | F_SEAL_GROW | F_SEAL_SHRINK), 4),
+            EPERM);
   EXPECT_EQ(errnoOfOpening(memoryFile(0, 0), 4), EPERM);
 }
 
@@ -148,7 +150,8 @@ TEST(OpenSealedMemory, RefusesAnEmptyFile) {
 }
 
 TEST(OpenSealedMemory, RefusesWhatIsNoMemoryFile) {
-  EXPECT_EQ(errnoOfOpening(FileDescriptor(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC)), 4), EINVAL);
+  EXPECT_EQ(errnoOfOpening(FileDescriptor(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC)), 4),
+            EINVAL);
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
   const FileDescriptor writing(ends[1]);

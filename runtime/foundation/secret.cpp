@@ -6,13 +6,15 @@
 
 namespace keel {
 
-Secret::Secret(std::size_t sizeBytes) : bytes_(std::make_unique<std::byte[]>(sizeBytes)), size_(sizeBytes) {}
+Secret::Secret(std::size_t sizeBytes)
+    : bytes_(std::make_unique<std::byte[]>(sizeBytes)), size_(sizeBytes) {}
 
 Secret::Secret(std::string_view text) : Secret(text.size()) {
   if (!text.empty()) std::memcpy(bytes_.get(), text.data(), text.size());
 }
 
-Secret::Secret(Secret&& other) noexcept : bytes_(std::move(other.bytes_)), size_(std::exchange(other.size_, 0)) {}
+Secret::Secret(Secret&& other) noexcept
+    : bytes_(std::move(other.bytes_)), size_(std::exchange(other.size_, 0)) {}
 
 Secret& Secret::operator=(Secret&& other) noexcept {
   wipe(bytes());
@@ -34,8 +36,8 @@ void Secret::shrink(std::size_t sizeBytes) {
 void wipe(std::span<std::byte> bytes) {
   if (bytes.empty()) return;
   ::explicit_bzero(bytes.data(), bytes.size());
-  // Whoever copied the secret did it through registers, which keep it until they are used again. A copy of the same size goes
-  // through the same ones.
+  // Whoever copied the secret did it through registers, which keep it until they are used again. A
+  // copy of the same size goes through the same ones.
   void* (*volatile copy)(void*, const void*, std::size_t) = std::memmove;
   copy(bytes.data(), bytes.data(), bytes.size());
 }

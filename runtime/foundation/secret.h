@@ -8,8 +8,9 @@
 
 namespace keel {
 
-// Bytes that nobody may find in memory afterwards: a password, or what is as good as one. Wiped when they are let go of. They
-// never grow, so that no copy of them is left behind. Copies are made with Secret(text()), where they can be seen.
+// Bytes that nobody may find in memory afterwards: a password, or what is as good as one. Wiped
+// when they are let go of. They never grow, so that no copy of them is left behind. Copies are made
+// with Secret(text()), where they can be seen.
 class Secret {
  public:
   Secret() = default;
@@ -34,8 +35,8 @@ class Secret {
 // Overwrites memory with zeros even where the compiler can tell that nobody reads it again.
 void wipe(std::span<std::byte> bytes);
 
-// Overwrites what functions that have returned left on the stack of this thread, kStackBytes deep: registers are saved there in
-// passing, and with them parts of what was copied last.
+// Overwrites what functions that have returned left on the stack of this thread, kStackBytes deep:
+// registers are saved there in passing, and with them parts of what was copied last.
 void wipeStack();
 inline constexpr std::size_t kStackBytes = 64u << 10;
 

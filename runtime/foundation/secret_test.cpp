@@ -26,7 +26,8 @@ TEST(Secret, CutsOffAndWipesWhatIsBeyond) {
   const std::span<std::byte> all = secret.bytes();
   secret.shrink(4);
   EXPECT_EQ(secret.text(), "pass");
-  EXPECT_TRUE(std::ranges::all_of(all.subspan(4), [](std::byte byte) { return byte == std::byte{0}; }));
+  EXPECT_TRUE(
+      std::ranges::all_of(all.subspan(4), [](std::byte byte) { return byte == std::byte{0}; }));
   secret.shrink(8);
   EXPECT_EQ(secret.text(), "pass");
 }

@@ -12,8 +12,8 @@
 
 namespace keel {
 
-// SipHash-c-d of 64 bits for any number of rounds, so that the variant in use can be held against the published vectors of
-// another. Everybody else calls sipHash13() (keyed_hash.h).
+// SipHash-c-d of 64 bits for any number of rounds, so that the variant in use can be held against
+// the published vectors of another. Everybody else calls sipHash13() (keyed_hash.h).
 template <int compressionRounds, int finalisationRounds>
 class SipHash {
  public:

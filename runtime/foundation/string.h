@@ -7,7 +7,8 @@
 
 namespace keel {
 
-// Immutable UTF-8 text, or null. Null differs from empty. Copies share the text and may live on any thread.
+// Immutable UTF-8 text, or null. Null differs from empty. Copies share the text and may live on any
+// thread.
 class String {
  public:
   String() = default;

@@ -22,9 +22,13 @@ class TemporaryFolder {
   TemporaryFolder(const TemporaryFolder&) = delete;
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
-  std::string path(std::string_view name = {}) const { return name.empty() ? path_.string() : (path_ / name).string(); }
+  std::string path(std::string_view name = {}) const {
+    return name.empty() ? path_.string() : (path_ / name).string();
+  }
   // Makes a folder, and those around it.
-  void makeFolder(std::string_view name) const { std::filesystem::create_directories(path_ / name); }
+  void makeFolder(std::string_view name) const {
+    std::filesystem::create_directories(path_ / name);
+  }
   // Makes a file, and the folders around it.
   void write(std::string_view name, std::string_view text) const {
     std::filesystem::create_directories((path_ / name).parent_path());

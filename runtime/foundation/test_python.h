@@ -13,14 +13,17 @@
 
 namespace keel {
 
-// Runs a program with the system's Python, and yields what it printed. A program that fails, for want of a library too, fails
-// the test.
-inline std::string runPython(const TemporaryFolder& folder, const char* program, const std::string& arguments) {
+// Runs a program with the system's Python, and yields what it printed. A program that fails, for
+// want of a library too, fails the test.
+inline std::string runPython(const TemporaryFolder& folder, const char* program,
+                             const std::string& arguments) {
   folder.write("program.py", program);
-  std::FILE* pipe = ::popen(("/usr/bin/python3 " + folder.path("program.py") + " " + arguments + " 2>&1").c_str(), "r");
+  std::FILE* pipe = ::popen(
+      ("/usr/bin/python3 " + folder.path("program.py") + " " + arguments + " 2>&1").c_str(), "r");
   std::string output;
   char chunk[65536];
-  while (const std::size_t size = std::fread(chunk, 1, sizeof chunk, pipe)) output.append(chunk, size);
+  while (const std::size_t size = std::fread(chunk, 1, sizeof chunk, pipe))
+    output.append(chunk, size);
   const int status = ::pclose(pipe);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << output;
   return output;

@@ -18,8 +18,12 @@ class Notation {
 
   void operator()(std::nullptr_t) const { output_ += "null"; }
   void operator()(bool boolean) const { output_ += boolean ? "true" : "false"; }
-  void operator()(std::int64_t integer) const { fmt::format_to(std::back_inserter(output_), "{}", integer); }
-  void operator()(std::uint64_t integer) const { fmt::format_to(std::back_inserter(output_), "{}", integer); }
+  void operator()(std::int64_t integer) const {
+    fmt::format_to(std::back_inserter(output_), "{}", integer);
+  }
+  void operator()(std::uint64_t integer) const {
+    fmt::format_to(std::back_inserter(output_), "{}", integer);
+  }
   void operator()(double real) const;
   void operator()(std::string_view text) const;
   void operator()(const Value::Bytes& bytes) const;
@@ -43,12 +47,14 @@ void Notation::operator()(double real) const {
     output_ += real < 0 ? "-Infinity" : "Infinity";
   } else {
     std::string digits = fmt::format("{}", real);
-    if (digits.find('.') == digits.npos) digits.insert(std::min(digits.find('e'), digits.size()), ".0");
+    if (digits.find('.') == digits.npos)
+      digits.insert(std::min(digits.find('e'), digits.size()), ".0");
     output_ += digits;
   }
 }
 
-// One character of ASCII, or one byte of any other; escaped when it would do something to a terminal or end the text.
+// One character of ASCII, or one byte of any other; escaped when it would do something to a
+// terminal or end the text.
 void Notation::character(std::string_view text, std::size_t& index) const {
   constexpr std::string_view kSpecial = "\"\\\b\f\n\r\t", kLetters = "\"\\bfnrt";
   const auto byte = static_cast<unsigned char>(text[index]);
@@ -75,7 +81,8 @@ void Notation::operator()(std::string_view text) const {
 
 void Notation::operator()(const Value::Bytes& bytes) const {
   output_ += "h'";
-  for (const std::byte byte : bytes) fmt::format_to(std::back_inserter(output_), "{:02x}", std::to_integer<unsigned>(byte));
+  for (const std::byte byte : bytes)
+    fmt::format_to(std::back_inserter(output_), "{:02x}", std::to_integer<unsigned>(byte));
   output_ += '\'';
 }
 
@@ -138,7 +145,8 @@ Value::Value(Error error) {
 const Value* Value::find(std::string_view key) const {
   const Map* map = as<Map>();
   if (map == nullptr) return nullptr;
-  const auto last = std::find_if(map->rbegin(), map->rend(), [key](const Member& member) { return member.key == key; });
+  const auto last = std::find_if(map->rbegin(), map->rend(),
+                                 [key](const Member& member) { return member.key == key; });
   return last == map->rend() ? nullptr : &last->value;
 }
 

@@ -16,8 +16,9 @@ namespace keel {
 
 struct Member;
 
-// A decoded value of any kind that may stand in published data: what programs build and look at. A plain value: copies are
-// deep. Maps keep the order of their members; a key that stands twice counts with its last value.
+// A decoded value of any kind that may stand in published data: what programs build and look at. A
+// plain value: copies are deep. Maps keep the order of their members; a key that stands twice
+// counts with its last value.
 class Value {
  public:
   using Bytes = std::vector<std::byte>;
@@ -68,13 +69,14 @@ class Value {
   // The text of member `key`, or `otherwise` when there is no such text.
   std::string_view textOf(std::string_view key, std::string_view otherwise = {}) const;
 
-  // One line in CBOR's diagnostic notation (RFC 8949, section 8), dates as tag 1; for logs and tests.
+  // One line in CBOR's diagnostic notation (RFC 8949, section 8), dates as tag 1; for logs and
+  // tests.
   std::string description() const;
 
   friend bool operator==(const Value& left, const Value& right);
 
-  using Held =
-      std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, double, std::string, Bytes, Date, List, Map, Error>;
+  using Held = std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, double, std::string,
+                            Bytes, Date, List, Map, Error>;
   const Held& held() const { return held_; }
 
  private:

@@ -87,8 +87,9 @@ TEST(ValueDescription, IsDiagnosticNotation) {
       {"bytes", bytesOfHex("00ff")},
       {"empty", Value::list({Value::map({}), Value::list({}), "", Value::Bytes()})},
   });
-  EXPECT_EQ(value.description(),
-            R"({"null": null, "list": [true, false, -1, 18446744073709551615], "bytes": h'00ff', "empty": [{}, [], "", h'']})");
+  EXPECT_EQ(
+      value.description(),
+      R"({"null": null, "list": [true, false, -1, 18446744073709551615], "bytes": h'00ff', "empty": [{}, [], "", h'']})");
 }
 
 TEST(ValueDescription, TellsRealNumbersFromIntegers) {
@@ -103,7 +104,8 @@ TEST(ValueDescription, TellsRealNumbersFromIntegers) {
 
 TEST(ValueDescription, EscapesWhatWouldBreakTheLine) {
   EXPECT_EQ(Value("a\"b\\c\n\r\t\b\f").description(), R"("a\"b\\c\n\r\t\b\f")");
-  EXPECT_EQ(Value(std::string_view("\x1b[0m\0\x7f", 6)).description(), R"("\u001b[0m\u0000\u007f")");
+  EXPECT_EQ(Value(std::string_view("\x1b[0m\0\x7f", 6)).description(),
+            R"("\u001b[0m\u0000\u007f")");
   EXPECT_EQ(Value("\u0080\u009f\u00a0").description(), "\"\\u0080\\u009f\u00a0\"");
   EXPECT_EQ(Value("\u00e9\u4e2d").description(), "\"\u00e9\u4e2d\"");
 }

@@ -27,8 +27,9 @@ int priorityOf(LogLevel level) {
 }  // namespace
 
 std::array<std::string, 4> journalFields(const LogMessage& message) {
-  return {fmt::format("MESSAGE={}", message.text), fmt::format("PRIORITY={}", priorityOf(message.level)),
-          "SUBSYSTEM=com.vantor.keeld", fmt::format("CATEGORY={}", message.category)};
+  return {fmt::format("MESSAGE={}", message.text),
+          fmt::format("PRIORITY={}", priorityOf(message.level)), "SUBSYSTEM=com.vantor.keeld",
+          fmt::format("CATEGORY={}", message.category)};
 }
 
 bool JournalOutput::write(const LogMessage& message) {

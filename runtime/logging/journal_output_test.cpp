@@ -14,7 +14,8 @@ using ::testing::ElementsAre;
 
 TEST(JournalFields, SayTextLevelSubsystemAndCategory) {
   EXPECT_THAT(journalFields({LogLevel::error, "auth", "no such user"}),
-              ElementsAre("MESSAGE=no such user", "PRIORITY=3", "SUBSYSTEM=com.vantor.keeld", "CATEGORY=auth"));
+              ElementsAre("MESSAGE=no such user", "PRIORITY=3", "SUBSYSTEM=com.vantor.keeld",
+                          "CATEGORY=auth"));
 }
 
 TEST(JournalFields, EachLevelHasItsPriority) {
@@ -35,7 +36,8 @@ int sendResult = 0;
 
 int recordingSend(const iovec* fields, int count) {
   sentFields.clear();
-  for (int i = 0; i < count; ++i) sentFields.emplace_back(static_cast<const char*>(fields[i].iov_base), fields[i].iov_len);
+  for (int i = 0; i < count; ++i)
+    sentFields.emplace_back(static_cast<const char*>(fields[i].iov_base), fields[i].iov_len);
   return sendResult;
 }
 
@@ -43,7 +45,8 @@ TEST(JournalOutput, SendsTheFields) {
   sendResult = 0;
   JournalOutput output(&recordingSend);
   EXPECT_TRUE(output.write({LogLevel::standard, "runtime", "text"}));
-  EXPECT_THAT(sentFields, ElementsAre("MESSAGE=text", "PRIORITY=5", "SUBSYSTEM=com.vantor.keeld", "CATEGORY=runtime"));
+  EXPECT_THAT(sentFields, ElementsAre("MESSAGE=text", "PRIORITY=5", "SUBSYSTEM=com.vantor.keeld",
+                                      "CATEGORY=runtime"));
 }
 
 TEST(JournalOutput, FailedSendLosesTheMessage) {

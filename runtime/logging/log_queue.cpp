@@ -10,14 +10,16 @@
 namespace keel {
 namespace {
 
-// Blocks, in the calling thread and those it starts, every signal but those that report a fault of the thread itself. An
-// output whose reader is gone thus gets EPIPE instead of ending the process, and no signal meant for somebody else lands here.
+// Blocks, in the calling thread and those it starts, every signal but those that report a fault of
+// the thread itself. An output whose reader is gone thus gets EPIPE instead of ending the process,
+// and no signal meant for somebody else lands here.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
     sigset_t all;
     sigfillset(&all);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS}) sigdelset(&all, fault);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS})
+      sigdelset(&all, fault);
     pthread_sigmask(SIG_BLOCK, &all, &before_);
   }
   ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
@@ -45,7 +47,8 @@ LogQueue::~LogQueue() {
   thread_.join();
 }
 
-void LogQueue::push(LogLevel level, std::string_view category, std::string text, std::size_t fullBytes) noexcept {
+void LogQueue::push(LogLevel level, std::string_view category, std::string text,
+                    std::size_t fullBytes) noexcept {
   const auto now = std::chrono::system_clock::now();
   {
     const std::lock_guard lock(mutex_);
@@ -83,8 +86,8 @@ void LogQueue::run() noexcept {
     std::uint64_t lostCount = std::exchange(lostCount_, 0);
     lock.unlock();
 
-    // Messages are lost while earlier ones fill the queue, so the report belongs behind the batch. It is not written while the
-    // output takes nothing: then the losses wait for a later batch.
+    // Messages are lost while earlier ones fill the queue, so the report belongs behind the batch.
+    // It is not written while the output takes nothing: then the losses wait for a later batch.
     lostCount += writeBatch(batch);
     if (lostCount > 0) lostCount = reportLost(lostCount);
     const std::uint64_t batchCount = batch.size();
@@ -101,7 +104,8 @@ std::uint64_t LogQueue::writeBatch(const std::vector<Entry>& batch) noexcept {
   std::uint64_t lostCount = 0;
   for (const Entry& entry : batch) {
     try {
-      if (output_->write({entry.level, entry.category, entry.text, entry.time, entry.fullBytes})) continue;
+      if (output_->write({entry.level, entry.category, entry.text, entry.time, entry.fullBytes}))
+        continue;
     } catch (...) {  // No memory.
     }
     ++lostCount;
@@ -111,9 +115,11 @@ std::uint64_t LogQueue::writeBatch(const std::vector<Entry>& batch) noexcept {
 
 std::uint64_t LogQueue::reportLost(std::uint64_t lostCount) noexcept {
   try {
-    const std::string text = fmt::format("{} log {} lost because the output did not keep up", lostCount,
-                                         lostCount == 1 ? "message was" : "messages were");
-    if (output_->write({LogLevel::error, "runtime", text, std::chrono::system_clock::now()})) return 0;
+    const std::string text =
+        fmt::format("{} log {} lost because the output did not keep up", lostCount,
+                    lostCount == 1 ? "message was" : "messages were");
+    if (output_->write({LogLevel::error, "runtime", text, std::chrono::system_clock::now()}))
+      return 0;
   } catch (...) {  // No memory.
   }
   return lostCount;

@@ -156,8 +156,10 @@ TEST(LogQueue, WhatTheOutputRefusesIsCountedAndReportedOnceItTakesMessages) {
   push(queue, "third");
   ASSERT_TRUE(queue.flush(kPatience));
 
-  EXPECT_THAT(recorder.texts(), ElementsAre("first", "1 log message was lost because the output did not keep up", "second",
-                                            "2 log messages were lost because the output did not keep up", "third"));
+  EXPECT_THAT(
+      recorder.texts(),
+      ElementsAre("first", "1 log message was lost because the output did not keep up", "second",
+                  "2 log messages were lost because the output did not keep up", "third"));
 }
 
 class ThrowingOutput : public LogOutput {
@@ -188,7 +190,8 @@ class ThreadFactsOutput : public LogOutput {
     pthread_getname_np(pthread_self(), name, sizeof name);
     sigset_t mask;
     pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-    facts_ = {name, sigismember(&mask, SIGPIPE) == 1, sigismember(&mask, SIGTERM) == 1, sigismember(&mask, SIGSEGV) == 1};
+    facts_ = {name, sigismember(&mask, SIGPIPE) == 1, sigismember(&mask, SIGTERM) == 1,
+              sigismember(&mask, SIGSEGV) == 1};
     return true;
   }
 

@@ -46,7 +46,8 @@ LogSetting::Parsed LogSetting::parse(std::string_view text) {
 
     const std::size_t equals = entry.find('=');
     const bool forCategory = equals != std::string_view::npos;
-    const std::string_view category = forCategory ? trimmed(entry.substr(0, equals)) : std::string_view{};
+    const std::string_view category =
+        forCategory ? trimmed(entry.substr(0, equals)) : std::string_view{};
     const auto level = levelNamed(trimmed(forCategory ? entry.substr(equals + 1) : entry));
     if (!level || (forCategory && category.empty())) {
       if (!parsed.notUnderstood.empty()) parsed.notUnderstood += ',';

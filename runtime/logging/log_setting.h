@@ -17,8 +17,8 @@ class LogSetting {
  public:
   struct Parsed;
 
-  // Entries are separated by commas; spaces around names do not count, nor do empty entries, and of two entries for the same
-  // category the later wins.
+  // Entries are separated by commas; spaces around names do not count, nor do empty entries, and of
+  // two entries for the same category the later wins.
   static Parsed parse(std::string_view text);
 
   // The lowest level that is enabled in that category.

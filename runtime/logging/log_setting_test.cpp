@@ -44,7 +44,8 @@ TEST(LogSetting, SpacesAndEmptyEntriesAreNoFault) {
 }
 
 TEST(LogSetting, EntriesNotUnderstoodAreReturnedAndTheOthersHold) {
-  const auto [setting, notUnderstood] = LogSetting::parse("loud,auth=debug,startup=,=error,runtime=Debug");
+  const auto [setting, notUnderstood] =
+      LogSetting::parse("loud,auth=debug,startup=,=error,runtime=Debug");
   EXPECT_EQ(notUnderstood, "loud,startup=,=error,runtime=Debug");
   EXPECT_EQ(setting.levelFor("auth"), LogLevel::debug);
   EXPECT_EQ(setting.levelFor("startup"), LogLevel::standard);

@@ -15,7 +15,8 @@ bool flushLog(std::chrono::milliseconds patience) {
   return LoggerTable::shared().flush(patience);
 }
 
-LogCapture::LogCapture(std::function<void(const LogMessage&)> receive, LogLevel least) : receive_(std::move(receive)) {
+LogCapture::LogCapture(std::function<void(const LogMessage&)> receive, LogLevel least)
+    : receive_(std::move(receive)) {
   LoggerTable::shared().beginCapture(receive_, least);
 }
 

@@ -31,8 +31,9 @@ TEST(LogCapture, ReceivesUntilItIsDestroyed) {
   std::vector<std::string> outer;
   std::vector<std::string> inner;
   {
-    const LogCapture capture(
-        [&](const LogMessage& message) { outer.push_back(std::string(message.category) + ": " + std::string(message.text)); });
+    const LogCapture capture([&](const LogMessage& message) {
+      outer.push_back(std::string(message.category) + ": " + std::string(message.text));
+    });
     logger.debug("one");
     {
       const LogCapture nested([&](const LogMessage& message) { inner.emplace_back(message.text); });
@@ -74,8 +75,9 @@ TEST(StartLoggingDeathTest, ExitWorksWhileOtherThreadsLog) {
 }
 
 TEST(StartLoggingDeathTest, FlushedMessagesAreOnStandardError) {
-  EXPECT_EXIT(logFlushAndEnd(), ::testing::ExitedWithCode(0),
-              "^[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\\.[0-9][0-9][0-9] default auth: not admin\\\\x1b\\[2J\n$");
+  EXPECT_EXIT(
+      logFlushAndEnd(), ::testing::ExitedWithCode(0),
+      "^[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\\.[0-9][0-9][0-9] default auth: not admin\\\\x1b\\[2J\n$");
 }
 
 [[noreturn]] void logWithClosedStandardError() {

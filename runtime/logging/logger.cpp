@@ -13,7 +13,8 @@ Logger& _loggerForCategory(const char* category) {
 }
 
 // Whoever logs is not to fail because of it: without memory for the message there is none.
-void Logger::write(LogLevel level, fmt::string_view format, fmt::format_args arguments) noexcept try {
+void Logger::write(LogLevel level, fmt::string_view format, fmt::format_args arguments) noexcept
+    try {
   std::string text = fmt::vformat(format, arguments);
   std::size_t fullBytes = 0;
   if (text.size() > kLogMessageBytes) {
@@ -27,10 +28,12 @@ void Logger::write(LogLevel level, fmt::string_view format, fmt::format_args arg
 
 }  // namespace keel
 
-auto fmt::formatter<keel::String>::format(const keel::String& text, format_context& context) const -> format_context::iterator {
+auto fmt::formatter<keel::String>::format(const keel::String& text, format_context& context) const
+    -> format_context::iterator {
   return fmt::formatter<std::string_view>::format(text.isNull() ? "(null)" : text.view(), context);
 }
 
-auto fmt::formatter<keel::Error>::format(const keel::Error& error, format_context& context) const -> format_context::iterator {
+auto fmt::formatter<keel::Error>::format(const keel::Error& error, format_context& context) const
+    -> format_context::iterator {
   return fmt::formatter<std::string_view>::format(error.description(), context);
 }

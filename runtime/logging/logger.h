@@ -15,7 +15,8 @@
 
 namespace keel {
 
-// Large enough for an error with its backtrace; small enough that a few hundred such messages do not fill the queue.
+// Large enough for an error with its backtrace; small enough that a few hundred such messages do
+// not fill the queue.
 inline constexpr std::size_t kLogMessageBytes = 16 * 1024;
 
 // In rising order of weight. `standard` is the level called "default" in settings and output.
@@ -23,16 +24,18 @@ enum class LogLevel : std::uint8_t { debug, standard, error, fault };
 
 class LoggerTable;
 
-// Writes the messages of one category. Lives for the whole process; all functions may be called from any thread, none ever
-// blocks on the output or throws, and a message is formed only when its level is enabled. A message above kLogMessageBytes
-// is cut, with a note of its full size.
+// Writes the messages of one category. Lives for the whole process; all functions may be called
+// from any thread, none ever blocks on the output or throws, and a message is formed only when its
+// level is enabled. A message above kLogMessageBytes is cut, with a note of its full size.
 class Logger {
  public:
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
   const std::string& category() const { return category_; }
-  bool enabled(LogLevel level) const { return std::to_underlying(level) >= threshold_.load(std::memory_order_relaxed); }
+  bool enabled(LogLevel level) const {
+    return std::to_underlying(level) >= threshold_.load(std::memory_order_relaxed);
+  }
 
   template <class... Arguments>
   void debug(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
@@ -53,7 +56,8 @@ class Logger {
 
  private:
   friend class LoggerTable;
-  Logger(std::string category, LoggerTable& table) : category_(std::move(category)), table_(table) {}
+  Logger(std::string category, LoggerTable& table)
+      : category_(std::move(category)), table_(table) {}
 
   template <class... Arguments>
   void log(LogLevel level, fmt::format_string<Arguments...> format, Arguments&&... arguments) {
@@ -68,8 +72,8 @@ class Logger {
   std::atomic<std::uint8_t> threshold_{0xff};
 };
 
-// The logger of that category, always the same one for the same name; null is the empty name. Keep the reference: the look-up
-// takes a lock.
+// The logger of that category, always the same one for the same name; null is the empty name. Keep
+// the reference: the look-up takes a lock.
 Logger& _loggerForCategory(const char* category);
 
 }  // namespace keel

@@ -54,11 +54,16 @@ void LoggerTable::endCapture(const Receiver& receiver) {
   refreshThresholds();
 }
 
-void LoggerTable::submit(const Logger& logger, LogLevel level, std::string text, std::size_t fullBytes) noexcept {
-  if (capturing_.load() && capture({level, logger.category(), text, std::chrono::system_clock::now(), fullBytes})) return;
-  // Asked again: a capture that ended a moment ago may have enabled a level that the output must not get.
+void LoggerTable::submit(const Logger& logger, LogLevel level, std::string text,
+                         std::size_t fullBytes) noexcept {
+  if (capturing_.load() &&
+      capture({level, logger.category(), text, std::chrono::system_clock::now(), fullBytes}))
+    return;
+  // Asked again: a capture that ended a moment ago may have enabled a level that the output must
+  // not get.
   LogQueue* const queue = startedQueue_.load(std::memory_order_acquire);
-  if (queue != nullptr && logger.enabled(level)) queue->push(level, logger.category(), std::move(text), fullBytes);
+  if (queue != nullptr && logger.enabled(level))
+    queue->push(level, logger.category(), std::move(text), fullBytes);
 }
 
 bool LoggerTable::capture(const LogMessage& message) {

@@ -19,12 +19,14 @@
 
 namespace keel {
 
-// All loggers by category, their levels, and where their messages go: nowhere, to a queue, or to a capture. Any thread.
+// All loggers by category, their levels, and where their messages go: nowhere, to a queue, or to a
+// capture. Any thread.
 class LoggerTable {
  public:
   using Receiver = std::function<void(const LogMessage&)>;
 
-  // The process's table. It is never destroyed, because other threads may log while the process ends.
+  // The process's table. It is never destroyed, because other threads may log while the process
+  // ends.
   static LoggerTable& shared();
 
   LoggerTable() = default;
@@ -41,7 +43,8 @@ class LoggerTable {
   void endCapture(const Receiver& receiver);
 
   // A message of `logger`, whose text may be cut already.
-  void submit(const Logger& logger, LogLevel level, std::string text, std::size_t fullBytes) noexcept;
+  void submit(const Logger& logger, LogLevel level, std::string text,
+              std::size_t fullBytes) noexcept;
 
  private:
   // Hands the message to the newest capture; false when there is none.
@@ -50,7 +53,8 @@ class LoggerTable {
   std::uint8_t thresholdFor(std::string_view category) const;
   void refreshThresholds();
 
-  // Never taken in the other order; a receiver runs with captureMutex_ held and may ask for a logger.
+  // Never taken in the other order; a receiver runs with captureMutex_ held and may ask for a
+  // logger.
   std::mutex captureMutex_;
   std::mutex tableMutex_;
 
@@ -61,8 +65,9 @@ class LoggerTable {
   std::vector<Capture> captures_;  // With captureMutex_; changed with both.
   std::atomic<bool> capturing_{false};
 
-  std::map<std::string, std::unique_ptr<Logger>, std::less<>> loggersByCategory_;  // With tableMutex_.
-  std::optional<LogSetting> setting_;                                              // With tableMutex_; none until started.
+  std::map<std::string, std::unique_ptr<Logger>, std::less<>>
+      loggersByCategory_;              // With tableMutex_.
+  std::optional<LogSetting> setting_;  // With tableMutex_; none until started.
 
   std::unique_ptr<LogQueue> queue_;
   // queue_ once it is there, for threads that hold no lock.

@@ -18,7 +18,9 @@ struct CountedFormatting {
 
 template <>
 struct fmt::formatter<keel::Explosive> : fmt::formatter<std::string_view> {
-  auto format(keel::Explosive, format_context& context) const -> decltype(context.out()) { throw std::bad_alloc(); }
+  auto format(keel::Explosive, format_context& context) const -> decltype(context.out()) {
+    throw std::bad_alloc();
+  }
 };
 template <>
 struct fmt::formatter<keel::CountedFormatting> : fmt::formatter<std::string_view> {
@@ -97,7 +99,8 @@ TEST_F(LoggerTableTest, NullableValuesPrintAsTheirTextOrAsNull) {
   Logger& logger = table_.loggerForCategory("auth");
   logger.error("[{}] [{}] [{:>5}]", String(), String(""), String("bob"));
   logger.error("[{}] [{}]", Error(), Error("Domain", 7));
-  EXPECT_THAT(writtenTexts(), ElementsAre("[(null)] [] [  bob]", "[(null)] [" + Error("Domain", 7).description() + "]"));
+  EXPECT_THAT(writtenTexts(), ElementsAre("[(null)] [] [  bob]",
+                                          "[(null)] [" + Error("Domain", 7).description() + "]"));
 }
 
 TEST_F(LoggerTableTest, MessageOfTheLimitIsWhole) {
@@ -110,14 +113,16 @@ TEST_F(LoggerTableTest, MessageOfTheLimitIsWhole) {
 TEST_F(LoggerTableTest, MessageAboveTheLimitIsCutWithANoteOfItsSize) {
   table_.start(recorder_.output(), "");
   table_.loggerForCategory("auth").error("{}", std::string(kLogMessageBytes + 1, 'x'));
-  EXPECT_THAT(writtenTexts(), ElementsAre(std::string(kLogMessageBytes, 'x') + "... (16385 bytes)"));
+  EXPECT_THAT(writtenTexts(),
+              ElementsAre(std::string(kLogMessageBytes, 'x') + "... (16385 bytes)"));
   EXPECT_EQ(recorder_.lines()[0].fullBytes, 16385U);
 }
 
 TEST_F(LoggerTableTest, CutDoesNotSplitACharacter) {
   table_.start(recorder_.output(), "");
   table_.loggerForCategory("auth").error("{}\u20ac", std::string(kLogMessageBytes - 2, 'x'));
-  EXPECT_THAT(writtenTexts(), ElementsAre(std::string(kLogMessageBytes - 2, 'x') + "... (16385 bytes)"));
+  EXPECT_THAT(writtenTexts(),
+              ElementsAre(std::string(kLogMessageBytes - 2, 'x') + "... (16385 bytes)"));
 }
 
 TEST_F(LoggerTableTest, FormattingThatThrowsLosesTheMessageAlone) {
@@ -131,7 +136,9 @@ TEST_F(LoggerTableTest, FormattingThatThrowsLosesTheMessageAlone) {
 // Collects what a capture receives.
 struct Captured {
   std::vector<std::string> texts;
-  LoggerTable::Receiver receiver = [this](const LogMessage& message) { texts.emplace_back(message.text); };
+  LoggerTable::Receiver receiver = [this](const LogMessage& message) {
+    texts.emplace_back(message.text);
+  };
 };
 
 TEST_F(LoggerTableTest, CaptureGetsEveryLevelInsteadOfTheOutput) {

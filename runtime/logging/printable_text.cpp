@@ -24,7 +24,8 @@ bool isContinuation(std::uint8_t byte) {
   return (byte & 0xc0) == 0x80;
 }
 
-// The first character of `text`, which is not empty; strict as RFC 3629. What is not valid has length 1.
+// The first character of `text`, which is not empty; strict as RFC 3629. What is not valid has
+// length 1.
 Character firstCharacter(std::string_view text) {
   const std::uint8_t lead = byteAt(text, 0);
   if (lead < 0x80) return {lead, 1, true};
@@ -44,7 +45,7 @@ Character firstCharacter(std::string_view text) {
 bool disturbs(char32_t c) {
   return c < 0x20 || (c >= 0x7f && c <= 0x9f) ||       // C0, DEL, C1
          c == 0x061c || c == 0x200e || c == 0x200f ||  // directional marks
-         (c >= 0x2028 && c <= 0x202e) ||               // separators, directional embeddings and overrides
+         (c >= 0x2028 && c <= 0x202e) ||  // separators, directional embeddings and overrides
          (c >= 0x2066 && c <= 0x2069) || c == 0xfeff;  // directional isolates, byte order mark
 }
 
@@ -92,7 +93,8 @@ bool appendPrintable(std::string& line, std::string_view text, std::size_t limit
 
 std::size_t wholeCharacters(std::string_view text, std::size_t limitBytes) {
   if (text.size() <= limitBytes) return text.size();
-  // A character has at most three continuation bytes; more of them in a row are not text, and are cut anywhere.
+  // A character has at most three continuation bytes; more of them in a row are not text, and are
+  // cut anywhere.
   for (std::size_t back = 0; back <= std::min<std::size_t>(3, limitBytes); ++back)
     if (!isContinuation(byteAt(text, limitBytes - back))) return limitBytes - back;
   return limitBytes;

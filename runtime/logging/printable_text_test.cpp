@@ -53,7 +53,8 @@ TEST(AppendPrintable, InvalidUtf8IsEscapedByteByByte) {
 }
 
 TEST(AppendPrintable, EdgesOfValidUtf8AreUnchanged) {
-  EXPECT_EQ(printable("\u07ff\u0800\ud7ff\ue000\U00010000\U0010ffff"), "\u07ff\u0800\ud7ff\ue000\U00010000\U0010ffff");
+  EXPECT_EQ(printable("\u07ff\u0800\ud7ff\ue000\U00010000\U0010ffff"),
+            "\u07ff\u0800\ud7ff\ue000\U00010000\U0010ffff");
 }
 
 TEST(AppendPrintable, TextOfTheLimitIsWhole) {

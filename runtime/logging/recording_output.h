@@ -23,8 +23,11 @@ class Recorder {
     std::size_t fullBytes;
   };
 
-  // An output that notes every message here. It returns what `accept` says of the message's place, counted from 0.
-  std::unique_ptr<LogOutput> output(std::function<bool(std::size_t)> accept = [](std::size_t) { return true; });
+  // An output that notes every message here. It returns what `accept` says of the message's place,
+  // counted from 0.
+  std::unique_ptr<LogOutput> output(std::function<bool(std::size_t)> accept = [](std::size_t) {
+    return true;
+  });
 
   // While the gate is closed, write() waits in front of it.
   void closeGate() {
@@ -57,8 +60,8 @@ class Recorder {
     changed_.notify_all();
     changed_.wait(lock, [this] { return open_; });
     atGate_ = false;
-    lines_.push_back(
-        {message.level, std::string(message.category), std::string(message.text), message.time, message.fullBytes});
+    lines_.push_back({message.level, std::string(message.category), std::string(message.text),
+                      message.time, message.fullBytes});
     return lines_.size() - 1;
   }
 

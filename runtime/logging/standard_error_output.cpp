@@ -40,8 +40,8 @@ void appendLocalTime(std::string& line, std::chrono::system_clock::time_point ti
   const std::time_t clock = std::chrono::system_clock::to_time_t(seconds);
   std::tm local{};
   ::localtime_r(&clock, &local);
-  fmt::format_to(std::back_inserter(line), "{:02}:{:02}:{:02}.{:03}", local.tm_hour, local.tm_min, local.tm_sec,
-                 (milliseconds - seconds).count());
+  fmt::format_to(std::back_inserter(line), "{:02}:{:02}:{:02}.{:03}", local.tm_hour, local.tm_min,
+                 local.tm_sec, (milliseconds - seconds).count());
 }
 
 }  // namespace
@@ -50,7 +50,8 @@ std::string logLine(const LogMessage& message, bool colour) {
   std::string line;
   appendLocalTime(line, message.time);
   const std::string_view begin = colour ? colourOf(message.level) : "";
-  fmt::format_to(std::back_inserter(line), " {}{}{} ", begin, nameOf(message.level), begin.empty() ? "" : "\x1b[0m");
+  fmt::format_to(std::back_inserter(line), " {}{}{} ", begin, nameOf(message.level),
+                 begin.empty() ? "" : "\x1b[0m");
   appendPrintable(line, message.category, kShownCategoryBytes);
   line += ": ";
   if (!appendPrintable(line, message.text, kShownTextBytes))

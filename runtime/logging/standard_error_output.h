@@ -8,8 +8,8 @@
 
 namespace keel {
 
-// How much of a text is shown. With time, level, category and the note of its size a line stays below PIPE_BUF, so that lines
-// of several processes on one pipe do not mix.
+// How much of a text is shown. With time, level, category and the note of its size a line stays
+// below PIPE_BUF, so that lines of several processes on one pipe do not mix.
 inline constexpr std::size_t kShownTextBytes = 1024;
 
 // The line that standardErrorOutput() writes for a message, with its newline.
@@ -18,10 +18,12 @@ std::string logLine(const LogMessage& message, bool colour);
 // Whether `descriptor` is the file that `journalStream` ("DEVICE:INODE", or null) names.
 bool isJournalStream(int descriptor, const char* journalStream);
 
-// Writes lines to a descriptor. A reader that is gone, or a full pipe that does not block, loses the message.
+// Writes lines to a descriptor. A reader that is gone, or a full pipe that does not block, loses
+// the message.
 class LineOutput : public LogOutput {
  public:
-  LineOutput(FileDescriptor descriptor, bool colour) : descriptor_(std::move(descriptor)), colour_(colour) {}
+  LineOutput(FileDescriptor descriptor, bool colour)
+      : descriptor_(std::move(descriptor)), colour_(colour) {}
   bool write(const LogMessage& message) override;
 
  private:

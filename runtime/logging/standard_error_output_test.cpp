@@ -54,26 +54,32 @@ class LogLine : public ::testing::Test {
 
 TEST_F(LogLine, ShowsLocalTimeLevelCategoryAndText) {
   LogMessage told = message("no such item");
-  told.time =
-      std::chrono::system_clock::time_point(std::chrono::seconds(7 * 3600 + 4 * 60 + 56) + std::chrono::milliseconds(789));
+  told.time = std::chrono::system_clock::time_point(std::chrono::seconds(7 * 3600 + 4 * 60 + 56) +
+                                                    std::chrono::milliseconds(789));
   EXPECT_EQ(logLine(told, /*colour=*/false), "12:34:56.789 error notification: no such item\n");
 }
 
 TEST_F(LogLine, ShortNumbersAreFilledWithZeros) {
   LogMessage told = message("text");
-  told.time = std::chrono::system_clock::time_point(std::chrono::hours(19) + std::chrono::minutes(31) +
-                                                    std::chrono::seconds(2) + std::chrono::milliseconds(3));
+  told.time =
+      std::chrono::system_clock::time_point(std::chrono::hours(19) + std::chrono::minutes(31) +
+                                            std::chrono::seconds(2) + std::chrono::milliseconds(3));
   EXPECT_EQ(logLine(told, /*colour=*/false), "01:01:02.003 error notification: text\n");
 }
 
 TEST_F(LogLine, EveryLevelHasItsNameAndColour) {
   EXPECT_THAT(logLine(message("x", LogLevel::debug), false), EndsWith(" debug notification: x\n"));
-  EXPECT_THAT(logLine(message("x", LogLevel::standard), false), EndsWith(" default notification: x\n"));
+  EXPECT_THAT(logLine(message("x", LogLevel::standard), false),
+              EndsWith(" default notification: x\n"));
   EXPECT_THAT(logLine(message("x", LogLevel::fault), false), EndsWith(" fault notification: x\n"));
-  EXPECT_THAT(logLine(message("x", LogLevel::debug), true), EndsWith(" \x1b[2mdebug\x1b[0m notification: x\n"));
-  EXPECT_THAT(logLine(message("x", LogLevel::standard), true), EndsWith(" default notification: x\n"));
-  EXPECT_THAT(logLine(message("x", LogLevel::error), true), EndsWith(" \x1b[31merror\x1b[0m notification: x\n"));
-  EXPECT_THAT(logLine(message("x", LogLevel::fault), true), EndsWith(" \x1b[1;31mfault\x1b[0m notification: x\n"));
+  EXPECT_THAT(logLine(message("x", LogLevel::debug), true),
+              EndsWith(" \x1b[2mdebug\x1b[0m notification: x\n"));
+  EXPECT_THAT(logLine(message("x", LogLevel::standard), true),
+              EndsWith(" default notification: x\n"));
+  EXPECT_THAT(logLine(message("x", LogLevel::error), true),
+              EndsWith(" \x1b[31merror\x1b[0m notification: x\n"));
+  EXPECT_THAT(logLine(message("x", LogLevel::fault), true),
+              EndsWith(" \x1b[1;31mfault\x1b[0m notification: x\n"));
 }
 
 TEST_F(LogLine, HostileTextStaysOnItsLine) {
@@ -88,7 +94,8 @@ TEST_F(LogLine, TextOfTheLimitIsWhole) {
 
 TEST_F(LogLine, TextAboveTheLimitIsCutWithItsSize) {
   const std::string text(kShownTextBytes + 1, 'x');
-  EXPECT_THAT(logLine(message(text), false), EndsWith(": " + std::string(kShownTextBytes, 'x') + "... (1025 bytes)\n"));
+  EXPECT_THAT(logLine(message(text), false),
+              EndsWith(": " + std::string(kShownTextBytes, 'x') + "... (1025 bytes)\n"));
 }
 
 TEST_F(LogLine, TextThatWasCutBeforeShowsItsFullSize) {
@@ -150,9 +157,12 @@ TEST(IsJournalStream, TrueForTheVeryFileAlone) {
   ASSERT_EQ(::fstat(pipe.writing.get(), &status), 0);
   const auto stream = [](auto device, auto inode) { return fmt::format("{}:{}", device, inode); };
   EXPECT_TRUE(isJournalStream(pipe.writing.get(), stream(status.st_dev, status.st_ino).c_str()));
-  EXPECT_FALSE(isJournalStream(pipe.writing.get(), stream(status.st_dev, status.st_ino + 1).c_str()));
-  EXPECT_FALSE(isJournalStream(pipe.writing.get(), stream(status.st_dev + 1, status.st_ino).c_str()));
-  EXPECT_FALSE(isJournalStream(pipe.writing.get(), (stream(status.st_dev, status.st_ino) + "0").c_str()));
+  EXPECT_FALSE(
+      isJournalStream(pipe.writing.get(), stream(status.st_dev, status.st_ino + 1).c_str()));
+  EXPECT_FALSE(
+      isJournalStream(pipe.writing.get(), stream(status.st_dev + 1, status.st_ino).c_str()));
+  EXPECT_FALSE(
+      isJournalStream(pipe.writing.get(), (stream(status.st_dev, status.st_ino) + "0").c_str()));
   EXPECT_FALSE(isJournalStream(pipe.writing.get(), ""));
 }
 

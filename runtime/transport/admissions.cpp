@@ -15,9 +15,11 @@ namespace {
 std::size_t connectionLimitOfProcess() {
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);
-  const std::size_t descriptors = std::min<std::size_t>(limit.rlim_cur, limits::kConnections + limits::kReservedDescriptors);
+  const std::size_t descriptors =
+      std::min<std::size_t>(limit.rlim_cur, limits::kConnections + limits::kReservedDescriptors);
   // With very few descriptors the reserve shrinks: some clients are better than none.
-  return descriptors > 2 * limits::kReservedDescriptors ? descriptors - limits::kReservedDescriptors : descriptors / 2;
+  return descriptors > 2 * limits::kReservedDescriptors ? descriptors - limits::kReservedDescriptors
+                                                        : descriptors / 2;
 }
 
 std::size_t memoryLimitOfUsers() {
@@ -25,13 +27,15 @@ std::size_t memoryLimitOfUsers() {
   const long pageBytes = ::sysconf(_SC_PAGESIZE);
   // A system that does not say what it has is taken for a small one.
   if (pages <= 0 || pageBytes <= 0) return 2 * limits::kMemoryOfOneUserBytes;
-  return static_cast<std::size_t>(static_cast<double>(pages) * static_cast<double>(pageBytes) * limits::kMemoryShareOfUsers);
+  return static_cast<std::size_t>(static_cast<double>(pages) * static_cast<double>(pageBytes) *
+                                  limits::kMemoryShareOfUsers);
 }
 
 }  // namespace
 
 std::shared_ptr<Admissions> Admissions::ofProcess() {
-  static const auto& admissions = *new std::shared_ptr<Admissions>(std::make_shared<Admissions>(connectionLimitOfProcess()));
+  static const auto& admissions =
+      *new std::shared_ptr<Admissions>(std::make_shared<Admissions>(connectionLimitOfProcess()));
   return admissions;
 }
 
@@ -49,10 +53,12 @@ Admissions::Refusal Admissions::admit(uid_t uid, std::shared_ptr<void>& admissio
   const std::lock_guard lock(mutex_);
   if (count_ >= connectionLimit_) return Refusal::full;
   if (uid != 0) {
-    const auto shareOfUsers = static_cast<std::size_t>(static_cast<double>(connectionLimit_) * limits::kConnectionShareOfUsers);
+    const auto shareOfUsers = static_cast<std::size_t>(static_cast<double>(connectionLimit_) *
+                                                       limits::kConnectionShareOfUsers);
     if (count_ >= shareOfUsers) return Refusal::tooManyOfUsers;
     const auto found = countByUser_.find(uid);
-    if (found != countByUser_.end() && found->second >= shareOfUsers - count_) return Refusal::tooManyOfUser;
+    if (found != countByUser_.end() && found->second >= shareOfUsers - count_)
+      return Refusal::tooManyOfUser;
   }
   ++countByUser_[uid];
   ++count_;

@@ -13,7 +13,8 @@
 
 namespace keel::xpc {
 
-// How many connections there may be, in all and of one user, and how many there are. From any thread.
+// How many connections there may be, in all and of one user, and how many there are. From any
+// thread.
 class Admissions : public std::enable_shared_from_this<Admissions> {
  public:
   enum class Refusal : std::uint8_t { none, full, tooManyOfUser, tooManyOfUsers };
@@ -25,9 +26,9 @@ class Admissions : public std::enable_shared_from_this<Admissions> {
   bool full() const;
   // Well below the limit: a shortage is over, not merely interrupted.
   bool hasRoom() const;
-  // Counts one connection of `uid` in until `admission` is dropped; sets nothing and counts nothing when refused. Root is
-  // bounded by the total only. All others have a share of it, of which one may hold as many as are still free: no
-  // single one keeps the others out.
+  // Counts one connection of `uid` in until `admission` is dropped; sets nothing and counts nothing
+  // when refused. Root is bounded by the total only. All others have a share of it, of which one
+  // may hold as many as are still free: no single one keeps the others out.
   Refusal admit(uid_t uid, std::shared_ptr<void>& admission);
 
  private:
@@ -37,10 +38,12 @@ class Admissions : public std::enable_shared_from_this<Admissions> {
   std::unordered_map<uid_t, std::size_t> countByUser_;  // under mutex_
 };
 
-// The memory account of a user, the same for all its connections, kept for the life of the process; root's has no limit.
+// The memory account of a user, the same for all its connections, kept for the life of the process;
+// root's has no limit.
 const MemoryQuota& memoryQuotaOfUser(uid_t uid);
 
-// Raises the soft limit of open descriptors to the hard one, so that connections are bounded by what the administrator allows.
+// Raises the soft limit of open descriptors to the hard one, so that connections are bounded by
+// what the administrator allows.
 void raiseDescriptorLimit();
 
 }  // namespace keel::xpc

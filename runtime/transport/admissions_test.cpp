@@ -17,7 +17,8 @@ class AdmissionsTest : public ::testing::Test {
   // As many as are let in.
   std::size_t fill(uid_t uid) {
     std::size_t count = 0;
-    for (std::shared_ptr<void> admission; admissions->admit(uid, admission) == Refusal::none; ++count) {
+    for (std::shared_ptr<void> admission; admissions->admit(uid, admission) == Refusal::none;
+         ++count) {
       held.push_back(std::move(admission));
     }
     return count;
@@ -29,7 +30,8 @@ class AdmissionsTest : public ::testing::Test {
     return refusal;
   }
 
-  std::shared_ptr<Admissions> admissions = std::make_shared<Admissions>(80);  // of which 70 are for users
+  std::shared_ptr<Admissions> admissions =
+      std::make_shared<Admissions>(80);  // of which 70 are for users
   std::vector<std::shared_ptr<void>> held;
 };
 
@@ -68,7 +70,8 @@ TEST(MemoryQuota, OneMayHoldAsMuchAsIsStillFreeOfWhatAllMay) {
   MemoryAccount all;
   MemoryAccount alice(all);
   MemoryAccount bob(all);
-  const MemoryQuota quota{.account = &bob, .limitBytes = 50'000, .sum = &all, .sumLimitBytes = 100'000};
+  const MemoryQuota quota{
+      .account = &bob, .limitBytes = 50'000, .sum = &all, .sumLimitBytes = 100'000};
   EXPECT_EQ(quota.grantedBytes(), 50'000u);
   alice.charge(80'000);
   EXPECT_EQ(quota.grantedBytes(), 20'000u);

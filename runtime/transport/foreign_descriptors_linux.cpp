@@ -14,8 +14,8 @@ namespace keel::xpc {
 
 namespace {
 
-// A few threads for each user, so that one descriptor that waits does not hold up the others at once, and for no user so many
-// that those of others have to wait.
+// A few threads for each user, so that one descriptor that waits does not hold up the others at
+// once, and for no user so many that those of others have to wait.
 constexpr std::size_t kClosingThreads = 64;
 constexpr std::size_t kClosingThreadsOfUser = 4;
 
@@ -25,17 +25,20 @@ bool isMemoryFile(const FileDescriptor& descriptor) {
   return ::fcntl(descriptor.get(), F_GET_SEALS) >= 0;
 }
 
-void closeInBackground(FileDescriptor descriptor, std::shared_ptr<void> admission, const void* owner) {
+void closeInBackground(FileDescriptor descriptor, std::shared_ptr<void> admission,
+                       const void* owner) {
   static WorkerPool& threads = *new WorkerPool(kClosingThreads, kClosingThreadsOfUser);
-  // What waits in a network socket that lingers is worth nothing to us. Other kinds of descriptors do not understand this.
+  // What waits in a network socket that lingers is worth nothing to us. Other kinds of descriptors
+  // do not understand this.
   const linger atOnce{.l_onoff = 1, .l_linger = 0};
   ::setsockopt(descriptor.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
   // A queue for each: they need not wait for each other.
   Executor& lane = threads.laneOf(reinterpret_cast<std::uintptr_t>(owner));
-  SerialQueue::create("KeelClosing", lane)->async([closing = std::move(descriptor), held = std::move(admission)]() mutable {
-    closing.reset();
-    held.reset();
-  });
+  SerialQueue::create("KeelClosing", lane)
+      ->async([closing = std::move(descriptor), held = std::move(admission)]() mutable {
+        closing.reset();
+        held.reset();
+      });
 }
 
 }  // namespace keel::xpc

@@ -41,7 +41,8 @@ bool endComes(int descriptor) {
 }
 
 TEST(ForeignDescriptors, OnlyMemoryFilesAreMemoryFiles) {
-  EXPECT_TRUE(isMemoryFile(FileDescriptor(::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING))));
+  EXPECT_TRUE(
+      isMemoryFile(FileDescriptor(::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING))));
   int both[2];
   ASSERT_EQ(::pipe(both), 0);
   EXPECT_FALSE(isMemoryFile(FileDescriptor(both[0])));
@@ -57,7 +58,8 @@ TEST(ForeignDescriptors, AreClosedAndTheirAdmissionIsHeldUntilThen) {
   EXPECT_TRUE(endComes(reading.get()));
 }
 
-// Sockets that would wait for a peer that never reads, more of them than there are threads: none keeps another waiting.
+// Sockets that would wait for a peer that never reads, more of them than there are threads: none
+// keeps another waiting.
 TEST(ForeignDescriptors, SocketsThatLingerKeepNobodyWaiting) {
   const int owner = 0;
   std::vector<FileDescriptor> others;

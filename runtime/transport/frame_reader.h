@@ -15,8 +15,9 @@
 
 namespace keel::xpc {
 
-// The way into a stream: one recvmsg(2) at a time into the buffer of the context, where the frames are found and handed out as
-// they lie. Only a frame that came in part is copied, so an idle stream owns no buffer. Lives on the reactor's thread.
+// The way into a stream: one recvmsg(2) at a time into the buffer of the context, where the frames
+// are found and handed out as they lie. Only a frame that came in part is copied, so an idle stream
+// owns no buffer. Lives on the reactor's thread.
 //
 //   const auto outcome = reader.read(socket);
 //   while (reader.next() == FrameSplitter::Found::frame) use(reader.frame(), reader.files());

@@ -23,10 +23,12 @@ void FrameReader::setConfidential() {
 FrameReader::Outcome FrameReader::read(int socket) {
   // The beginning of a frame goes in front of its rest; a long one stays where it is.
   const std::span<std::byte> buffer = context_.readBuffer();
-  const std::size_t kept = splitter_.keptBytes() <= TransportContext::kHeadroomBytes ? splitter_.take(buffer) : 0;
+  const std::size_t kept =
+      splitter_.keptBytes() <= TransportContext::kHeadroomBytes ? splitter_.take(buffer) : 0;
   Reactor& reactor = context_.reactor();
   iovec vector{buffer.data() + kept, reactor.fairReadBytes()};
-  alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerRead * sizeof(int))> control;
+  alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerRead * sizeof(int))>
+      control;
   msghdr header{};
   header.msg_iov = &vector;
   header.msg_iovlen = 1;
@@ -60,7 +62,8 @@ void FrameReader::takeFiles(msghdr& header, Outcome& outcome) {
   std::size_t count = 0;
   for (cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr; item = CMSG_NXTHDR(&header, item)) {
     if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_RIGHTS) continue;
-    for (std::size_t at = CMSG_LEN(0); at + sizeof(int) <= item->cmsg_len; at += sizeof(int), ++count) {
+    for (std::size_t at = CMSG_LEN(0); at + sizeof(int) <= item->cmsg_len;
+         at += sizeof(int), ++count) {
       int number = -1;
       std::memcpy(&number, reinterpret_cast<const std::byte*>(item) + at, sizeof(int));
       FileDescriptor descriptor(number);

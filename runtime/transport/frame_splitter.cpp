@@ -29,7 +29,8 @@ FrameSplitter::Found FrameSplitter::next() {
   }
   if (rest_.size() < kLengthBytes) return Found::nothing;
   std::size_t length = 0;
-  for (std::size_t i = 0; i < kLengthBytes; ++i) length |= std::to_integer<std::size_t>(rest_[i]) << (8 * i);
+  for (std::size_t i = 0; i < kLengthBytes; ++i)
+    length |= std::to_integer<std::size_t>(rest_[i]) << (8 * i);
   frameSizeBytes_ = length;
   if (length > garbageBytes_) return Found::garbage;
   const std::size_t present = rest_.size() - kLengthBytes;
@@ -51,7 +52,8 @@ void FrameSplitter::keepRest() {
   if (rest_.empty()) {
     // Gives the memory of a large frame back; an idle connection holds none.
     dropKept();
-  } else if (kept_.empty() || rest_.data() < kept_.data() || rest_.data() >= kept_.data() + kept_.size()) {
+  } else if (kept_.empty() || rest_.data() < kept_.data() ||
+             rest_.data() >= kept_.data() + kept_.size()) {
     kept_.assign(rest_.begin(), rest_.end());
   } else if (rest_.size() < kept_.size()) {
     // Only then: a large frame must not be moved for every piece of it that comes.

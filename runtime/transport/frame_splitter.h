@@ -8,8 +8,8 @@
 
 namespace keel::xpc {
 
-// Splits the bytes of a stream into frames, where they lie: only a frame that came in part is kept, and only then is memory
-// held.
+// Splits the bytes of a stream into frames, where they lie: only a frame that came in part is kept,
+// and only then is memory held.
 //
 //   splitter.give(bytes);
 //   while (splitter.next() == FrameSplitter::Found::frame) use(splitter.frame());
@@ -19,19 +19,21 @@ class FrameSplitter {
   enum class Found : std::uint8_t {
     nothing,    // the next frame has not come whole
     frame,      // frame() holds it
-    oversized,  // a frame over the limit begins; frameSizeBytes() and frame() (see setLimit) tell. It is skipped.
+    oversized,  // a frame over the limit begins; frameSizeBytes() and frame() (see setLimit) tell.
+                // It is skipped.
     garbage,    // a length beyond everything: the stream makes no sense
   };
 
   // Frames longer than `limitBytes` are oversized, longer than `garbageBytes` garbage.
-  FrameSplitter(std::size_t limitBytes, std::size_t garbageBytes) : limitBytes_(limitBytes), garbageBytes_(garbageBytes) {}
+  FrameSplitter(std::size_t limitBytes, std::size_t garbageBytes)
+      : limitBytes_(limitBytes), garbageBytes_(garbageBytes) {}
 
   ~FrameSplitter() { dropKept(); }
   FrameSplitter(const FrameSplitter&) = delete;
   FrameSplitter& operator=(const FrameSplitter&) = delete;
 
-  // From here on an oversized frame is found once its first bytes are there, which frame() holds. Until then its length is
-  // enough, and frame() is empty: such a frame is not answered.
+  // From here on an oversized frame is found once its first bytes are there, which frame() holds.
+  // Until then its length is enough, and frame() is empty: such a frame is not answered.
   void setLimit(std::size_t limitBytes) {
     limitBytes_ = limitBytes;
     beginningBytes_ = kBeginningBytes;
@@ -47,7 +49,8 @@ class FrameSplitter {
   std::size_t frameSizeBytes() const { return frameSizeBytes_; }
   void keepRest();
 
-  // What is kept of a frame that came in part. take() hands it out, to be given again in front of what comes next.
+  // What is kept of a frame that came in part. take() hands it out, to be given again in front of
+  // what comes next.
   std::size_t keptBytes() const { return kept_.size(); }
   std::size_t take(std::span<std::byte> destination);
   // In the middle of a frame, kept or skipped.

@@ -52,7 +52,8 @@ TEST(FrameSplitter, FindsFramesThatCameTogether) {
 TEST(FrameSplitter, LimitItselfIsTakenAndOneMoreIsOversized) {
   FrameSplitter splitter(10, 1000);
   splitter.setLimit(20);
-  const Bytes bytes = frameOf(std::string(20, 'a')) + frameOf(std::string(21, 'b')) + frameOf("next");
+  const Bytes bytes =
+      frameOf(std::string(20, 'a')) + frameOf(std::string(21, 'b')) + frameOf("next");
   splitter.give(bytes);
   EXPECT_EQ(splitter.next(), Found::frame);
   ASSERT_EQ(splitter.next(), Found::oversized);

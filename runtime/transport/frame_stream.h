@@ -11,8 +11,8 @@
 
 namespace keel::xpc {
 
-// Frames over a connected stream socket (unix(7)), with back-pressure both ways: a reader that is too slow is dropped, and a
-// peer that does not take what it is sent is not read.
+// Frames over a connected stream socket (unix(7)), with back-pressure both ways: a reader that is
+// too slow is dropped, and a peer that does not take what it is sent is not read.
 class FrameStream final : public Transport, private Reactor::Watcher, private EndOfTurn {
  public:
   // What a stream may cost, and who pays for it.
@@ -48,7 +48,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   enum class HandOver : std::uint8_t {
     none,
     pending,  // at the end of this turn
-    done,     // at the end of the last turn: they are served in this one, before anything else is read
+    done,  // at the end of the last turn: they are served in this one, before anything else is read
   };
 
   void onReady(std::uint32_t events) override;
@@ -67,7 +67,8 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   // Books the backlog, and drops the heaviest stream when all backlogs together are too large.
   void bookBacklog();
   void bookFiles();
-  // Charges what is kept of a frame that came in part. Returns false when the peer's user holds too much.
+  // Charges what is kept of a frame that came in part. Returns false when the peer's user holds too
+  // much.
   bool chargeKept();
   void endWithTurn(Life how);
   void dropSlowReader();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// In: at most one recvmsg(2) per turn takes what the socket has, up to the reactor's fair share, and
-// its whole frames are handed to the receiver where they lie (FrameReader).
+// In: at most one recvmsg(2) per turn takes what the socket has, up to the reactor's fair share,
+// and its whole frames are handed to the receiver where they lie (FrameReader).
 //
 // Out: send() appends to the output queue and asks for the end of the turn; then one sendmsg(2)
 // writes everything the turn produced for this peer (FrameWriter). What the socket does not take
@@ -9,8 +9,8 @@
 //
 // The end: nothing here calls the receiver from within a call that the receiver made. A stream that
 // has to end because of what was sent, or because all backlogs together are too large, is marked
-// (Life) and ends with the turn. From the mark on it neither reads nor writes: its queue stays as it
-// is until the goodbye goes through it.
+// (Life) and ends with the turn. From the mark on it neither reads nor writes: its queue stays as
+// it is until the goodbye goes through it.
 #include "runtime/transport/frame_stream.h"
 
 #include <fmt/format.h>
@@ -55,7 +55,8 @@ void FrameStream::start(Receiver& receiver) {
 void FrameStream::send(const OutgoingMessage& message, EndOfTurn::Urgency urgency) {
   if (!socket_ || life_ != Life::open) return;
   if (writer_.waitingBytes() > limits::kPauseReadingBytes) [[unlikely]] {
-    // So much in one turn: what the socket takes goes now, so that only what the peer does not read is held.
+    // So much in one turn: what the socket takes goes now, so that only what the peer does not read
+    // is held.
     writeProblem_ = writer_.flush(socket_.get());
     if (writeProblem_ != 0) return endWithTurn(Life::writeFailed);
     if (writer_.isStuck()) retryLater();
@@ -73,16 +74,19 @@ void FrameStream::send(const OutgoingMessage& message, EndOfTurn::Urgency urgenc
 
 void FrameStream::bookBacklog() {
   const std::size_t waiting = writer_.waitingBytes();
-  backlogFull_ = waiting > limits::kPauseReadingBytes || (backlogFull_ && waiting > limits::kPauseReadingBytes / 2);
+  backlogFull_ = waiting > limits::kPauseReadingBytes ||
+                 (backlogFull_ && waiting > limits::kPauseReadingBytes / 2);
   const bool counts = writer_.isBlocked() || backlogFull_;
   bookedOwnBytes_ = counts ? writer_.ownBytes() : 0;
   context_.backlogs().note(this, user(), counts ? waiting : 0, bookedOwnBytes_);
   if (!counts) return;
   if (waiting > limits::kWaitingBytes) return dropSlowReader();
-  // Superseded values are charged to the process (see Buffer::chargeTo). One stream goes at a time: what it holds is free only
-  // once it has ended.
+  // Superseded values are charged to the process (see Buffer::chargeTo). One stream goes at a time:
+  // what it holds is free only once it has ended.
   if (context_.beingDropped() != nullptr) return;
-  if (context_.backlogs().ownTotal() + MemoryAccount::ofProcess().bytes() <= limits::kTotalWaitingBytes) return;
+  if (context_.backlogs().ownTotal() + MemoryAccount::ofProcess().bytes() <=
+      limits::kTotalWaitingBytes)
+    return;
   context_.beingDropped() = context_.backlogs().heaviest();
   context_.beingDropped()->dropSlowReader();
 }
@@ -141,7 +145,8 @@ void FrameStream::onReady(std::uint32_t events) {
   }
   const bool readable = (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0;
   if (readable && wantsToRead() && handOver_ != HandOver::pending) {
-    // What was handed over at the end of the last turn is served in this one, before the end that may be read now.
+    // What was handed over at the end of the last turn is served in this one, before the end that
+    // may be read now.
     const bool servedFirst = std::exchange(handOver_, HandOver::none) == HandOver::done;
     if (!servedFirst && !readOnce()) return;
   }
@@ -151,7 +156,8 @@ void FrameStream::onReady(std::uint32_t events) {
 void FrameStream::onEndOfTurn() {
   const std::shared_ptr<void> alive = receiver_ != nullptr ? receiver_->holdAlive() : nullptr;
   if (life_ == Life::tooSlow) {
-    const std::string reason = fmt::format("too slow: {} bytes were waiting", writer_.waitingBytes());
+    const std::string reason =
+        fmt::format("too slow: {} bytes were waiting", writer_.waitingBytes());
     return fail(reason, reason);
   }
   if (life_ == Life::hoardsFiles) return fail(kUnclaimed, kUnclaimed);
@@ -180,7 +186,8 @@ bool FrameStream::take(FrameReader::Outcome& outcome) {
       bookFiles();
       return handFramesOver();
     case Kind::offence:
-      for (FileDescriptor& each : outcome.foreign) closeInBackground(std::move(each), terms_.admission, user());
+      for (FileDescriptor& each : outcome.foreign)
+        closeInBackground(std::move(each), terms_.admission, user());
       fail(outcome.offence, outcome.offence);
       return false;
     case Kind::end:
@@ -204,7 +211,8 @@ bool FrameStream::chargeKept() {
   if (kept == chargedKeptBytes_) return true;
   terms_.quota->account->charge(kept);
   terms_.quota->account->refund(std::exchange(chargedKeptBytes_, kept));
-  return kept < limits::kHelloBytes || terms_.quota->account->bytes() <= terms_.quota->grantedNameBytes();
+  return kept < limits::kHelloBytes ||
+         terms_.quota->account->bytes() <= terms_.quota->grantedNameBytes();
 }
 
 bool FrameStream::handFramesOver() {
@@ -216,7 +224,8 @@ bool FrameStream::handFramesOver() {
     return false;
   }
   if (handOver_ == HandOver::pending) return true;
-  // Descriptors come with the first byte of their frame: none may be left when no frame is under way.
+  // Descriptors come with the first byte of their frame: none may be left when no frame is under
+  // way.
   if (!reader_.files().empty() && !reader_.isInFrame()) {
     fail(kUnclaimed, kUnclaimed);
     return false;
@@ -230,15 +239,16 @@ bool FrameStream::handFramesOver() {
   return true;
 }
 
-// Whole frames, one after the other. Stops behind a value in a memory file, since that may be large: the rest waits for the
-// next turn.
+// Whole frames, one after the other. Stops behind a value in a memory file, since that may be
+// large: the rest waits for the next turn.
 bool FrameStream::handFrames() {
   while (!paused_ && life_ == Life::open) {
     switch (reader_.next()) {
       case FrameSplitter::Found::nothing:
         return true;
       case FrameSplitter::Found::garbage: {
-        const std::string reason = fmt::format("a frame of {} bytes makes no sense", reader_.frameSizeBytes());
+        const std::string reason =
+            fmt::format("a frame of {} bytes makes no sense", reader_.frameSizeBytes());
         fail(reason, reason);
         return false;
       }
@@ -316,14 +326,16 @@ void FrameStream::sayGoodbye(std::string_view goodbye) {
   // Nothing can lie in a socket that was read to its end; it is closed at once, with detach().
   if (!reader_.hasReachedEnd()) {
     if (life_ == Life::tooSlow) writer_.dropUnbegunFrames();
-    // Whoever does not read an answer longer than any other message gets no more of it: it must not be held any longer.
+    // Whoever does not read an answer longer than any other message gets no more of it: it must not
+    // be held any longer.
     if (writer_.waitingBytes() > 2 * limits::kFrameBytes) return detach();
     if (!goodbye.empty()) {
       const MessagePool::Borrowed message = context_.messages().borrow();
       writeGoodbye(*message, goodbye);
       writer_.append(*message);
     }
-    lingerAndClose(std::move(socket_), writer_.release(), std::move(terms_.admission), user(), context_.reactor());
+    lingerAndClose(std::move(socket_), writer_.release(), std::move(terms_.admission), user(),
+                   context_.reactor());
   }
   detach();
 }

@@ -9,8 +9,8 @@
 
 namespace keel::xpc {
 
-// The way out of a stream. Frames wait in a queue, borrowed from the context while anything waits, until somebody flushes them;
-// what the socket does not take stays. Lives on the reactor's thread.
+// The way out of a stream. Frames wait in a queue, borrowed from the context while anything waits,
+// until somebody flushes them; what the socket does not take stays. Lives on the reactor's thread.
 class FrameWriter {
  public:
   explicit FrameWriter(TransportContext& context) : context_(context) {}
@@ -21,7 +21,8 @@ class FrameWriter {
   void setConfidential() { confidential_ = true; }
 
   void append(const OutgoingMessage& message);
-  // Writes what the socket takes; nothing while it is known to take no more. Returns 0, or the errno that ended the connection.
+  // Writes what the socket takes; nothing while it is known to take no more. Returns 0, or the
+  // errno that ended the connection.
   int flush(int socket);
   // The socket takes more again.
   void unblock() { state_ = State::clear; }

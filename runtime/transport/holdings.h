@@ -16,8 +16,8 @@ namespace keel::xpc {
 template <class Holder>
 class Holdings {
  public:
-  // Notes what `holder` has now; an amount of 0 takes it off the books. `ownAmount` is the part that
-  // nobody else shares.
+  // Notes what `holder` has now; an amount of 0 takes it off the books. `ownAmount` is the part
+  // that nobody else shares.
   void note(Holder* holder, const MemoryAccount* user, std::size_t amount, std::size_t ownAmount) {
     if (amount == 0) ownAmount = 0;
     const auto of = users_.try_emplace(user).first;
@@ -39,9 +39,11 @@ class Holdings {
   // books longest. Null when nobody holds anything.
   Holder* heaviest() const {
     if (users_.empty()) return nullptr;
-    const auto& most = *std::ranges::max_element(users_, {}, [](const auto& user) { return user.second.amount; });
+    const auto& most =
+        *std::ranges::max_element(users_, {}, [](const auto& user) { return user.second.amount; });
     const auto isLighter = [](const auto& left, const auto& right) {
-      if (left.second.amount != right.second.amount) return left.second.amount < right.second.amount;
+      if (left.second.amount != right.second.amount)
+        return left.second.amount < right.second.amount;
       return left.second.since > right.second.since;
     };
     return std::ranges::max_element(most.second.entries, isLighter)->first;

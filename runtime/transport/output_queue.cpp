@@ -17,7 +17,8 @@ namespace keel::xpc {
 
 namespace {
 
-// The first chunk of a queue is small, since most connections have one frame to send at a time; those behind it are large.
+// The first chunk of a queue is small, since most connections have one frame to send at a time;
+// those behind it are large.
 constexpr std::size_t kFirstChunkBytes = 2u << 10;
 constexpr std::size_t kChunkBytes = 32u << 10;
 
@@ -33,14 +34,16 @@ constexpr std::size_t kIdleChunks = 32;
 }  // namespace
 
 ChunkPool::Chunk ChunkPool::take(std::size_t capacityBytes) {
-  if (capacityBytes != kChunkBytes || idle_.empty()) return std::make_shared_for_overwrite<std::byte[]>(capacityBytes);
+  if (capacityBytes != kChunkBytes || idle_.empty())
+    return std::make_shared_for_overwrite<std::byte[]>(capacityBytes);
   Chunk chunk = std::move(idle_.back());
   idle_.pop_back();
   return chunk;
 }
 
 void ChunkPool::giveBack(Chunk chunk, std::size_t capacityBytes) {
-  if (capacityBytes == kChunkBytes && chunk.use_count() == 1 && idle_.size() < kIdleChunks) idle_.push_back(std::move(chunk));
+  if (capacityBytes == kChunkBytes && chunk.use_count() == 1 && idle_.size() < kIdleChunks)
+    idle_.push_back(std::move(chunk));
 }
 
 std::size_t OutputQueue::Piece::fileBytes() const {
@@ -73,15 +76,17 @@ void OutputQueue::append(const OutgoingMessage& frame) {
 void OutputQueue::appendBytes(std::span<const std::byte> bytes) {
   while (!bytes.empty()) {
     if (chunkUsed_ == chunkCapacity_) {
-      chunkCapacity_ = chunk_ == nullptr && bytes.size() <= kFirstChunkBytes ? kFirstChunkBytes : kChunkBytes;
+      chunkCapacity_ =
+          chunk_ == nullptr && bytes.size() <= kFirstChunkBytes ? kFirstChunkBytes : kChunkBytes;
       chunk_ = chunks_.take(chunkCapacity_);
       chunkUsed_ = 0;
       ownBytes_ += chunkCapacity_;
     }
-    // The last piece goes on if it ends where the chunk does; a piece that waits for its first byte begins here.
-    const bool extends =
-        !pieces_.empty() && !pieces_.back().shared &&
-        (pieces_.back().chunk == nullptr || (pieces_.back().chunk == chunk_ && pieces_.back().end == chunkUsed_));
+    // The last piece goes on if it ends where the chunk does; a piece that waits for its first byte
+    // begins here.
+    const bool extends = !pieces_.empty() && !pieces_.back().shared &&
+                         (pieces_.back().chunk == nullptr ||
+                          (pieces_.back().chunk == chunk_ && pieces_.back().end == chunkUsed_));
     Piece& piece = extends ? pieces_.back() : pieces_.emplace_back();
     if (piece.chunk == nullptr) {
       piece.chunk = chunk_;
@@ -102,8 +107,9 @@ std::expected<void, std::error_code> OutputQueue::flush(int socket) {
   while (!empty()) {
     const Piece& first = pieces_.front();
     const bool alone = pieces_.size() == 1 && first.files.empty();
-    const ssize_t sent =
-        alone ? ::send(socket, first.data() + first.begin, first.size(), MSG_NOSIGNAL | MSG_DONTWAIT) : sendPieces(socket);
+    const ssize_t sent = alone ? ::send(socket, first.data() + first.begin, first.size(),
+                                        MSG_NOSIGNAL | MSG_DONTWAIT)
+                               : sendPieces(socket);
     if (sent < 0) {
       if (errno == EINTR) continue;
       stuck_ = errno == ETOOMANYREFS || errno == ENOBUFS || errno == ENOMEM;
@@ -126,7 +132,8 @@ ssize_t OutputQueue::sendPieces(int socket) const {
   msghdr header{};
   header.msg_iov = vectors.data();
   header.msg_iovlen = count;
-  alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerMessage * sizeof(int))> control;
+  alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerMessage * sizeof(int))>
+      control;
   const std::vector<BufferRef>& files = pieces_.front().files;
   if (!files.empty()) {
     KEEL_CHECK(files.size() <= limits::kDescriptorsPerMessage);
@@ -167,7 +174,8 @@ void OutputQueue::consume(std::size_t sent) {
     }
     pieces_.pop_front();
   }
-  // Frame ends are dropped once they are many, so that a queue that never quite empties stays bounded.
+  // Frame ends are dropped once they are many, so that a queue that never quite empties stays
+  // bounded.
   if (frameEnds_.size() < kKeptFrameEnds) return;
   const auto waiting = std::upper_bound(frameEnds_.begin(), frameEnds_.end(), sentBytes_);
   if (waiting - frameEnds_.begin() < static_cast<std::ptrdiff_t>(kKeptFrameEnds / 2)) return;
@@ -210,7 +218,8 @@ void OutputQueue::dropUnbegunFrames() {
   std::uint64_t excess = appendedBytes_ - keepUntil;
   while (excess > 0) {
     Piece& last = pieces_.back();
-    const std::size_t dropped = static_cast<std::size_t>(std::min<std::uint64_t>(excess, last.size()));
+    const std::size_t dropped =
+        static_cast<std::size_t>(std::min<std::uint64_t>(excess, last.size()));
     last.end -= dropped;
     excess -= dropped;
     if (last.size() > 0) break;

@@ -17,7 +17,8 @@
 
 namespace keel::xpc {
 
-// Large chunks that output queues fill in turn: to allocate and free one costs as much as to fill it. On one thread.
+// Large chunks that output queues fill in turn: to allocate and free one costs as much as to fill
+// it. On one thread.
 class ChunkPool {
  public:
   using Chunk = std::shared_ptr<std::byte[]>;
@@ -30,8 +31,9 @@ class ChunkPool {
   std::vector<Chunk> idle_;
 };
 
-// Frames that wait to be written to a socket. Small ones are copied behind one another; larger values, and frames that go to
-// several connections, stay where they are and are shared. One sendmsg(2) then takes as much as the socket has room for.
+// Frames that wait to be written to a socket. Small ones are copied behind one another; larger
+// values, and frames that go to several connections, stay where they are and are shared. One
+// sendmsg(2) then takes as much as the socket has room for.
 class OutputQueue {
  public:
   // `chunks` is borrowed.
@@ -51,11 +53,11 @@ class OutputQueue {
   // Contents of sealed files that were sent since the last call.
   std::size_t takeSentFileBytes() { return std::exchange(sentFileBytes_, 0); }
 
-  // Writes to the non-blocking socket until all is written or it takes no more (which is success). Fails with the errno that
-  // ended the connection.
+  // Writes to the non-blocking socket until all is written or it takes no more (which is success).
+  // Fails with the errno that ended the connection.
   std::expected<void, std::error_code> flush(int socket);
-  // Whether the last flush() met a shortage of the system's: too many descriptors that nobody has received yet, or no memory.
-  // The socket does not tell when that is over.
+  // Whether the last flush() met a shortage of the system's: too many descriptors that nobody has
+  // received yet, or no memory. The socket does not tell when that is over.
   bool isStuck() const { return stuck_; }
 
   // Drops the messages of which nothing was written; what was begun can be completed.
@@ -94,12 +96,13 @@ class OutputQueue {
   std::size_t ownBytes_ = 0;
   std::size_t waitingFileBytes_ = 0;
   std::size_t sentFileBytes_ = 0;
-  std::uint64_t prunedEnd_ = 0;           // where the frame before the first of frameEnds_ ends
-  std::vector<std::uint64_t> frameEnds_;  // where each waiting frame ends, counted as appendedBytes_ is
+  std::uint64_t prunedEnd_ = 0;  // where the frame before the first of frameEnds_ ends
+  std::vector<std::uint64_t>
+      frameEnds_;  // where each waiting frame ends, counted as appendedBytes_ is
 };
 
-// Output queues that connections borrow while something waits. Kept with their memory, so that a busy daemon allocates none. On
-// one thread.
+// Output queues that connections borrow while something waits. Kept with their memory, so that a
+// busy daemon allocates none. On one thread.
 class OutputQueuePool {
  public:
   std::unique_ptr<OutputQueue> take();

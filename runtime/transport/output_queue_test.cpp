@@ -41,7 +41,9 @@ struct SocketPair {
 };
 
 BufferRef bufferOf(std::size_t sizeBytes, char fill) {
-  return Buffer::make(sizeBytes, [&](std::byte* bytes) { std::fill_n(bytes, sizeBytes, static_cast<std::byte>(fill)); });
+  return Buffer::make(sizeBytes, [&](std::byte* bytes) {
+    std::fill_n(bytes, sizeBytes, static_cast<std::byte>(fill));
+  });
 }
 
 // A frame as it is on the wire, for comparison.
@@ -75,8 +77,8 @@ TEST(OutputQueue, SmallAndLargeFramesArriveInOrder) {
   OutputQueue queue(chunks);
   std::string expected;
   for (int i = 0; i < 20; ++i) {
-    const OutgoingMessage message =
-        messageOf(static_cast<std::size_t>(i) * 37, i % 3 == 0 ? 5000 : 0, static_cast<char>('a' + i));
+    const OutgoingMessage message = messageOf(static_cast<std::size_t>(i) * 37,
+                                              i % 3 == 0 ? 5000 : 0, static_cast<char>('a' + i));
     EXPECT_EQ(flat(message).size(), message.wireBytes());
     expected += flat(message);
     queue.append(message);
@@ -95,7 +97,8 @@ TEST(OutputQueue, FullSocketKeepsTheRestInOrder) {
   std::mt19937 random(99);
   for (int i = 0; i < 300; ++i) {
     const OutgoingMessage message =
-        messageOf(random() % 3000, random() % 4 == 0 ? 4096 + random() % 30000 : 0, static_cast<char>('a' + i % 26));
+        messageOf(random() % 3000, random() % 4 == 0 ? 4096 + random() % 30000 : 0,
+                  static_cast<char>('a' + i % 26));
     expected += flat(message);
     queue.append(message);
     ASSERT_TRUE(queue.flush(pair.ours.get()));
@@ -133,7 +136,8 @@ TEST(OutputQueue, DroppingKeepsTheFrameThatIsUnderWayWhole) {
       received += pair.receive();
     }
     std::string expected;
-    for (std::size_t i = 0; expected.size() + flat(last).size() < received.size(); ++i) expected += frames.at(i);
+    for (std::size_t i = 0; expected.size() + flat(last).size() < received.size(); ++i)
+      expected += frames.at(i);
     EXPECT_TRUE(received == expected + flat(last));
   }
 }
@@ -146,7 +150,8 @@ TEST(OutputQueue, DroppingBeforeAnythingWasSentDropsAll) {
   EXPECT_TRUE(queue.empty());
 }
 
-// The kernel bounds what an ordinary user has sent and nobody received by that user's limit of descriptors.
+// The kernel bounds what an ordinary user has sent and nobody received by that user's limit of
+// descriptors.
 int exitCodeOfTooManyFiles() {
   SocketPair pair;
   OutputQueue queue(chunks);
@@ -243,7 +248,8 @@ TEST(OutputQueue, SharedFramesArriveInOrderBetweenOthers) {
   for (int i = 0; i < 100; ++i) {
     const auto size = static_cast<std::size_t>(i) * 7;
     const char fill = static_cast<char>('a' + i % 26);
-    const OutgoingMessage message = i % 5 == 0 ? messageOf(size, i % 10 == 0 ? 5000 : 0, fill) : sharedMessageOf(size, fill);
+    const OutgoingMessage message =
+        i % 5 == 0 ? messageOf(size, i % 10 == 0 ? 5000 : 0, fill) : sharedMessageOf(size, fill);
     expected += flat(message);
     for (OutputQueue& queue : queues) queue.append(message);
   }

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Numbers are reused: by the time /proc/PID is read, PID may be somebody else. So a pidfd of the connecting process is taken
-// from the socket itself first, the values are read, and then the pidfd is asked whether its process still exists. If it does,
-// the pid was not free at any moment between, and what was read is the peer's. A process that has ended but was not waited for
-// still counts as existing, and its values can still be read.
+// Numbers are reused: by the time /proc/PID is read, PID may be somebody else. So a pidfd of the
+// connecting process is taken from the socket itself first, the values are read, and then the pidfd
+// is asked whether its process still exists. If it does, the pid was not free at any moment
+// between, and what was read is the peer's. A process that has ended but was not waited for still
+// counts as existing, and its values can still be read.
 #include "runtime/transport/peer_identity.h"
 
 #include <fcntl.h>
@@ -36,11 +37,12 @@ std::unexpected<std::error_code> failure(int problem) {
 std::expected<FileDescriptor, std::error_code> pidfdOf(int socket, pid_t pid) {
   int descriptor = -1;
   socklen_t length = sizeof(descriptor);
-  if (::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &length) == 0) return FileDescriptor(descriptor);
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &length) == 0)
+    return FileDescriptor(descriptor);
   if (errno != ENOPROTOOPT) return failure(errno);
-  // Before 6.5 the pid has to do. It was the peer's when it connected; should it have ended and its number been taken since,
-  // then the new owner's values would be read. The kernel gives numbers out in a circle, so this needs the circle to close
-  // meanwhile.
+  // Before 6.5 the pid has to do. It was the peer's when it connected; should it have ended and its
+  // number been taken since, then the new owner's values would be read. The kernel gives numbers
+  // out in a circle, so this needs the circle to close meanwhile.
   descriptor = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
   if (descriptor < 0) return failure(errno);
   return FileDescriptor(descriptor);
@@ -61,11 +63,13 @@ bool parse(std::string_view text, Number& number) {
   return std::from_chars(text.data(), text.data() + text.size(), number).ec == std::errc();
 }
 
-// proc(5): "PID (COMM) STATE ..."; COMM may hold anything, parentheses included. Field 22 is the start time.
+// proc(5): "PID (COMM) STATE ..."; COMM may hold anything, parentheses included. Field 22 is the
+// start time.
 bool parseStat(std::string_view stat, PeerIdentity& identity) {
   const std::size_t open = stat.find('(');
   const std::size_t close = stat.rfind(')');
-  if (open == std::string_view::npos || close == std::string_view::npos || close < open) return false;
+  if (open == std::string_view::npos || close == std::string_view::npos || close < open)
+    return false;
   for (const char character : stat.substr(open + 1, close - open - 1)) {
     identity.processName += character > ' ' && character < 0x7f ? character : '?';
   }
@@ -82,9 +86,12 @@ bool parseStat(std::string_view stat, PeerIdentity& identity) {
 bool readValues(PeerIdentity& identity) {
   std::array<char, 1024> buffer;
   if (!parseStat(readProc(identity.pid, "stat", buffer), identity)) return false;
-  // The kernel prints the unset session as 4294967295. Without audit in the kernel there is no such file: unset, too.
+  // The kernel prints the unset session as 4294967295. Without audit in the kernel there is no such
+  // file: unset, too.
   std::uint32_t session = 0;
-  identity.auditSession = parse(readProc(identity.pid, "sessionid", buffer), session) ? static_cast<std::int32_t>(session) : -1;
+  identity.auditSession = parse(readProc(identity.pid, "sessionid", buffer), session)
+                              ? static_cast<std::int32_t>(session)
+                              : -1;
   return true;
 }
 
@@ -102,7 +109,8 @@ std::expected<PeerIdentity, std::error_code> PeerIdentity::ofThisProcess() {
 std::expected<PeerIdentity, std::error_code> PeerIdentity::ofSocket(int socket) {
   ucred credentials{};
   socklen_t length = sizeof(credentials);
-  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return failure(errno);
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0)
+    return failure(errno);
   const auto pidfd = pidfdOf(socket, credentials.pid);
   if (!pidfd) return std::unexpected(pidfd.error());
 
@@ -111,7 +119,8 @@ std::expected<PeerIdentity, std::error_code> PeerIdentity::ofSocket(int socket) 
   identity.uid = credentials.uid;
   identity.gid = credentials.gid;
   if (!readValues(identity)) return failure(ESRCH);
-  if (::syscall(SYS_pidfd_send_signal, pidfd->get(), 0, nullptr, 0) != 0 && errno != EPERM) return failure(errno);
+  if (::syscall(SYS_pidfd_send_signal, pidfd->get(), 0, nullptr, 0) != 0 && errno != EPERM)
+    return failure(errno);
   return identity;
 }
 

@@ -42,9 +42,12 @@ class Peers : public testing::Test {
 
   int connectNow() {
     const int socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    return ::connect(socket, reinterpret_cast<sockaddr*>(&address_), sizeof(address_)) == 0 ? socket : -1;
+    return ::connect(socket, reinterpret_cast<sockaddr*>(&address_), sizeof(address_)) == 0 ? socket
+                                                                                            : -1;
   }
-  FileDescriptor accept() { return FileDescriptor(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)); }
+  FileDescriptor accept() {
+    return FileDescriptor(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  }
   // In a child: waits until release().
   void waitForRelease() {
     release_[1].reset();

@@ -8,7 +8,8 @@
 #include "runtime/foundation/error.h"
 #include "runtime/foundation/file_descriptor.h"
 
-// The sockets behind service names. Errors are POSIX errors whose description names the path and what to do.
+// The sockets behind service names. Errors are POSIX errors whose description names the path and
+// what to do.
 
 namespace keel {
 
@@ -25,19 +26,22 @@ struct ServiceSocket {
   bool ownsPath;     // we bound it, and remove it in the end
 };
 
-// The listening socket of a service: the one that the service manager passed under that name (sd_listen_fds_with_names(3)),
-// else a new one at DIRECTORY/NAME, mode 0666. A socket left behind by a process that ended is replaced; one that is being
-// served is not (EADDRINUSE), unless the caller knows that its name is the caller's own: then the former one is replaced
-// without being connected to, whoever may still hold it. The directory is made (0755) if it is missing, and must belong to this
-// user and be writable by it alone.
+// The listening socket of a service: the one that the service manager passed under that name
+// (sd_listen_fds_with_names(3)), else a new one at DIRECTORY/NAME, mode 0666. A socket left behind
+// by a process that ended is replaced; one that is being served is not (EADDRINUSE), unless the
+// caller knows that its name is the caller's own: then the former one is replaced without being
+// connected to, whoever may still hold it. The directory is made (0755) if it is missing, and must
+// belong to this user and be writable by it alone.
 enum class ServedSocket : std::uint8_t { kept, replaced };
-std::expected<ServiceSocket, Error> listenForService(const std::string& directory, const std::string& name,
+std::expected<ServiceSocket, Error> listenForService(const std::string& directory,
+                                                     const std::string& name,
                                                      ServedSocket served = ServedSocket::kept);
 
 // The directory, made and looked at in the same way.
 std::expected<FileDescriptor, Error> openServiceDirectory(const std::string& directory);
 
 // A socket on its way to being connected to DIRECTORY/NAME; non-blocking.
-std::expected<FileDescriptor, Error> connectSocket(const std::string& directory, const std::string& name);
+std::expected<FileDescriptor, Error> connectSocket(const std::string& directory,
+                                                   const std::string& name);
 
 }  // namespace keel::xpc

@@ -23,7 +23,8 @@ std::span<std::byte> TransportContext::readBuffer() {
 
 TransportContext::MethodIndexes TransportContext::shared(std::vector<std::int64_t> methodIndexes) {
   if (!lastMethodIndexes_ || *lastMethodIndexes_ != methodIndexes) {
-    lastMethodIndexes_ = std::make_shared<const std::vector<std::int64_t>>(std::move(methodIndexes));
+    lastMethodIndexes_ =
+        std::make_shared<const std::vector<std::int64_t>>(std::move(methodIndexes));
   }
   return lastMethodIndexes_;
 }

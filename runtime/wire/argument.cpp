@@ -35,7 +35,8 @@ bool ArgumentReader::encodedItem(std::uint8_t major, BufferRef& item) {
 
 bool ArgumentReader::string(String& value) {
   std::string_view text;
-  if (!cursor.text(text) || !mayHold(text.size() + limits::kRecordBytes, quota_.grantedNameBytes())) return false;
+  if (!cursor.text(text) || !mayHold(text.size() + limits::kRecordBytes, quota_.grantedNameBytes()))
+    return false;
   if (names_ != nullptr && !confidential_ && text.size() <= NameCache::kLongestBytes) {
     value = names_->nameOf(text);
     return true;
@@ -55,17 +56,21 @@ bool ArgumentReader::sealedItem(std::uint8_t major, BufferRef& item) {
   cbor::Cursor attempt = cursor;
   std::uint64_t number = 0;
   std::uint64_t sizeBytes = 0;
-  if (!attempt.tag(number) || number != kSealedMemoryTag || !attempt.unsignedInteger(sizeBytes)) return false;
+  if (!attempt.tag(number) || number != kSealedMemoryTag || !attempt.unsignedInteger(sizeBytes))
+    return false;
   if (files_.empty() || sizeBytes > sealedLimitBytes_) return false;
   FileDescriptor file = std::move(files_.front());
   files_.erase(files_.begin());
   if (!mayHold(static_cast<std::size_t>(sizeBytes), quota_.grantedBytes())) return false;
-  auto mapped = openSealedMemory(std::move(file), static_cast<std::size_t>(sizeBytes), *quota_.account);
+  auto mapped =
+      openSealedMemory(std::move(file), static_cast<std::size_t>(sizeBytes), *quota_.account);
   if (!mapped || !isOfType((*mapped)->bytes(), major)) return false;
   if (!cbor::validate((*mapped)->bytes(), depthOf(major))) return false;
-  // Every mapping holds a descriptor; past a number of them the bytes are copied, so that values cannot use up the table.
-  item = Buffer::sealedFileCount() > limits::kSealedFiles ? Buffer::copyOf((*mapped)->bytes(), *quota_.account)
-                                                          : std::move(*mapped);
+  // Every mapping holds a descriptor; past a number of them the bytes are copied, so that values
+  // cannot use up the table.
+  item = Buffer::sealedFileCount() > limits::kSealedFiles
+             ? Buffer::copyOf((*mapped)->bytes(), *quota_.account)
+             : std::move(*mapped);
   cursor = attempt;
   return true;
 }
@@ -77,7 +82,8 @@ void ArgumentWriter::encodedItem(const BufferRef& item) {
   }
   const bool large = takesDescriptors && item->size() >= limits::kSealedMemoryBytes;
   // A file that there is already costs nothing; new ones are made while they are few.
-  const bool affordable = large && (item->sealedFile() >= 0 || Buffer::sealedFileCount() < limits::kSealedFiles);
+  const bool affordable =
+      large && (item->sealedFile() >= 0 || Buffer::sealedFileCount() < limits::kSealedFiles);
   if (affordable && message.sealedItem(item)) return;
   message.item(item);
 }

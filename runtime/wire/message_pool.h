@@ -15,7 +15,8 @@ class MessagePool {
   // A message of the pool, empty at first, that goes back when this is destroyed.
   class Borrowed {
    public:
-    Borrowed(MessagePool& pool, std::unique_ptr<OutgoingMessage> message) : pool_(&pool), message_(std::move(message)) {}
+    Borrowed(MessagePool& pool, std::unique_ptr<OutgoingMessage> message)
+        : pool_(&pool), message_(std::move(message)) {}
     Borrowed(Borrowed&&) = default;
     Borrowed& operator=(Borrowed&&) = delete;
     ~Borrowed() {

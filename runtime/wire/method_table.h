@@ -18,8 +18,9 @@
 //   using GreeterMethods = xpc::MethodTable<xpc::Method<"greet:withHandler:", &Greeter::greet>>;
 //   GreeterMethods methodTableOf(const Greeter*);
 //
-// Dispatch on the serving side (interface.h) and calls on the other (remote_proxy.h) derive from it. The table is checked when
-// it is compiled: one ':' per parameter, unique selectors, and members of one class.
+// Dispatch on the serving side (interface.h) and calls on the other (remote_proxy.h) derive from
+// it. The table is checked when it is compiled: one ':' per parameter, unique selectors, and
+// members of one class.
 
 namespace keel::xpc {
 
@@ -49,7 +50,8 @@ struct MemberTraits<void (Class::*)(Parameters...)> {
 template <auto Member>
 struct MemberTag {};
 
-// Splits a parameter list into what travels with the request and the reply block behind it, if there is one.
+// Splits a parameter list into what travels with the request and the reply block behind it, if
+// there is one.
 template <class Tuple>
 struct SplitParameters;
 template <>
@@ -60,7 +62,8 @@ struct SplitParameters<std::tuple<>> {
 template <class First, class... Rest>
 struct SplitParameters<std::tuple<First, Rest...>> {
   using Tail = SplitParameters<std::tuple<Rest...>>;
-  using Sent = decltype(std::tuple_cat(std::declval<std::tuple<First>>(), std::declval<typename Tail::Sent>()));
+  using Sent = decltype(std::tuple_cat(std::declval<std::tuple<First>>(),
+                                       std::declval<typename Tail::Sent>()));
   using ReplyBlock = typename Tail::ReplyBlock;
 };
 template <class... Results>
@@ -72,9 +75,12 @@ struct SplitParameters<std::tuple<Reply<Results...>>> {
 // How much a request asks for.
 enum class Weight : std::uint8_t {
   usual,
-  brief,    // what it brings is named and done with: names may be shared with those of earlier messages
-  heavy,    // its work grows with all that the service holds: a user has one at a time, over all connections
-  slow,     // may wait for seconds: where requests have queues of their own, it does so where it holds up no others
+  brief,  // what it brings is named and done with: names may be shared with those of earlier
+          // messages
+  heavy,  // its work grows with all that the service holds: a user has one at a time, over all
+          // connections
+  slow,  // may wait for seconds: where requests have queues of their own, it does so where it holds
+         // up no others
   lasting,  // leaves something behind on the asker's account: refused while that one holds too much
 };
 
@@ -102,7 +108,8 @@ template <class First, class... Rest>
 struct MethodTable {
   using Protocol = typename First::Protocol;
   static constexpr std::size_t kCount = 1 + sizeof...(Rest);
-  static constexpr std::array<std::string_view, kCount> kSelectors = {First::kSelector, Rest::kSelector...};
+  static constexpr std::array<std::string_view, kCount> kSelectors = {First::kSelector,
+                                                                      Rest::kSelector...};
 
   // Calls `visit.template operator()<Method>()` for each method, in the order of the table.
   template <class Visitor>
@@ -136,7 +143,8 @@ struct MethodTable {
     return true;
   }
   static_assert(selectorsAreUnique(), "selectors of one protocol differ");
-  static_assert((std::is_same_v<Protocol, typename Rest::Protocol> && ...), "all methods belong to one protocol");
+  static_assert((std::is_same_v<Protocol, typename Rest::Protocol> && ...),
+                "all methods belong to one protocol");
 };
 
 // The method table of a protocol.

@@ -11,7 +11,8 @@ namespace keel::xpc {
 
 namespace {
 
-// The first bytes and the last. Loads of fixed sizes, which may overlap: one of any size would wait for its own parts.
+// The first bytes and the last. Loads of fixed sizes, which may overlap: one of any size would wait
+// for its own parts.
 template <class Number>
 std::pair<std::uint64_t, std::uint64_t> endsAs(std::string_view text) {
   Number begin;
@@ -31,7 +32,8 @@ std::pair<std::uint64_t, std::uint64_t> ends(std::string_view text) {
 // Names that share a place only cost each other what they cost without it.
 std::size_t placeOf(std::string_view text) {
   const auto [begin, end] = ends(text);
-  const std::uint64_t mixed = (begin ^ (end << 7 | end >> 57) ^ text.size()) * 0x9e37'79b9'7f4a'7c15;
+  const std::uint64_t mixed =
+      (begin ^ (end << 7 | end >> 57) ^ text.size()) * 0x9e37'79b9'7f4a'7c15;
   return static_cast<std::size_t>(mixed >> 32) % NameCache::kNames;
 }
 

@@ -28,7 +28,8 @@ TEST(NameCache, EveryTextComesBackAsItIs) {
   EXPECT_EQ(names.nameOf("").view(), "");
   EXPECT_FALSE(names.nameOf("").isNull());
   EXPECT_EQ(names.nameOf(std::string_view("\0", 1)).view(), std::string_view("\0", 1));
-  EXPECT_EQ(names.nameOf(std::string(NameCache::kLongestBytes, 'x')).view().size(), NameCache::kLongestBytes);
+  EXPECT_EQ(names.nameOf(std::string(NameCache::kLongestBytes, 'x')).view().size(),
+            NameCache::kLongestBytes);
 }
 
 TEST(NameCache, ShortTextsOfEveryLength) {

@@ -19,7 +19,8 @@ bool skipSealedArgument(cbor::Cursor& cursor) {
   cbor::Cursor attempt = cursor;
   std::uint64_t number = 0;
   std::uint64_t sizeBytes = 0;
-  if (!attempt.tag(number) || number != kSealedMemoryTag || !attempt.unsignedInteger(sizeBytes)) return false;
+  if (!attempt.tag(number) || number != kSealedMemoryTag || !attempt.unsignedInteger(sizeBytes))
+    return false;
   cursor = attempt;
   return true;
 }
@@ -57,7 +58,8 @@ bool OutgoingMessage::finish() {
   const std::size_t length = wireBytes() - frameBeginOnWire_ - kLengthBytes;
   if (length > limits::kFrameBytesFromDaemon) return false;
   const std::span<std::byte> field = bytes_.bytes().subspan(frameBegin_, kLengthBytes);
-  for (std::size_t i = 0; i < kLengthBytes; ++i) field[i] = static_cast<std::byte>(length >> (8 * i));
+  for (std::size_t i = 0; i < kLengthBytes; ++i)
+    field[i] = static_cast<std::byte>(length >> (8 * i));
   return true;
 }
 
@@ -101,7 +103,8 @@ std::optional<Envelope> peekEnvelope(std::span<const std::byte> beginningOfFrame
   if (kind > static_cast<std::uint64_t>(MessageKind::goodbye)) return std::nullopt;
   Envelope envelope{static_cast<MessageKind>(kind), std::nullopt};
   std::uint64_t requestId = 0;
-  if (envelope.kind == MessageKind::request && cursor.unsignedInteger(requestId)) envelope.requestId = requestId;
+  if (envelope.kind == MessageKind::request && cursor.unsignedInteger(requestId))
+    envelope.requestId = requestId;
   return envelope;
 }
 
@@ -140,7 +143,8 @@ std::size_t countSealedArguments(std::span<const std::byte> frame) {
   return sealedCount;
 }
 
-void writeFailure(OutgoingMessage& message, std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text) {
+void writeFailure(OutgoingMessage& message, std::optional<std::uint64_t> requestId,
+                  FailureCode code, std::string_view text) {
   cbor::Writer writer = message.begin();
   writer.array(4);
   writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::failure));

@@ -11,14 +11,16 @@
 #include "runtime/foundation/cbor_cursor.h"
 #include "runtime/foundation/cbor_writer.h"
 
-// The frames of docs/protocol.md: a length of 4 bytes, little-endian, and one CBOR array whose first element says its kind.
+// The frames of docs/protocol.md: a length of 4 bytes, little-endian, and one CBOR array whose
+// first element says its kind.
 
 namespace keel::xpc {
 
 inline constexpr std::uint64_t kProtocolVersion = 1;
 inline constexpr std::size_t kLengthBytes = 4;
 
-// Tag of a value that travels as a sealed memory file: its content is the size in bytes, the file comes with the frame.
+// Tag of a value that travels as a sealed memory file: its content is the size in bytes, the file
+// comes with the frame.
 inline constexpr std::uint64_t kSealedMemoryTag = 51742;
 
 enum class MessageKind : std::uint8_t {
@@ -42,8 +44,9 @@ enum class FailureCode : std::uint8_t {
   overQuota = 8,       // the sender's user holds too much already
 };
 
-// One or more frames to be sent together, in pieces: bytes of its own, and between them larger values that stay where they are.
-// Reused from message to message, so that building one allocates nothing in the steady state.
+// One or more frames to be sent together, in pieces: bytes of its own, and between them larger
+// values that stay where they are. Reused from message to message, so that building one allocates
+// nothing in the steady state.
 class OutgoingMessage {
  public:
   struct Splice {
@@ -67,8 +70,8 @@ class OutgoingMessage {
   // Completes the length. False when the frame would be longer than its length field can say.
   bool finish();
 
-  // For finished frames that go to several connections: moves bytes that are too many to copy for each into a shared buffer.
-  // Frames that refer to larger values or files stay as they are.
+  // For finished frames that go to several connections: moves bytes that are too many to copy for
+  // each into a shared buffer. Frames that refer to larger values or files stay as they are.
   void share();
 
   // Overwrites what stands here; after it only begin() makes sense.
@@ -76,7 +79,8 @@ class OutgoingMessage {
 
   // Adds one encoded item, by copy or by reference as its size suggests.
   void item(const BufferRef& encoded);
-  // Adds one encoded item as a sealed memory file. False when it cannot be made (no descriptors); nothing is added then.
+  // Adds one encoded item as a sealed memory file. False when it cannot be made (no descriptors);
+  // nothing is added then.
   bool sealedItem(const BufferRef& encoded);
 
   cbor::Writer writer() { return cbor::Writer(bytes_); }
@@ -99,21 +103,24 @@ class OutgoingMessage {
   std::size_t frameBeginOnWire_ = 0;
 };
 
-// The first elements of a message, as far as they can be read from the beginning of a frame: enough to answer a request whose
-// frame is not taken.
+// The first elements of a message, as far as they can be read from the beginning of a frame: enough
+// to answer a request whose frame is not taken.
 struct Envelope {
   MessageKind kind;
   std::optional<std::uint64_t> requestId;
 };
 std::optional<Envelope> peekEnvelope(std::span<const std::byte> beginningOfFrame);
 
-// Returns true if `items` are exactly `count` arguments that keep the rules for values, whatever their method wants.
+// Returns true if `items` are exactly `count` arguments that keep the rules for values, whatever
+// their method wants.
 bool areWellFormedArguments(std::span<const std::byte> items, std::uint64_t count);
 
-// Counts the arguments or results of a message that travel as sealed memory files, up to the first that cannot be read.
+// Counts the arguments or results of a message that travel as sealed memory files, up to the first
+// that cannot be read.
 std::size_t countSealedArguments(std::span<const std::byte> frame);
 
-void writeFailure(OutgoingMessage& message, std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);
+void writeFailure(OutgoingMessage& message, std::optional<std::uint64_t> requestId,
+                  FailureCode code, std::string_view text);
 void writeGoodbye(OutgoingMessage& message, std::string_view text);
 
 }  // namespace keel::xpc

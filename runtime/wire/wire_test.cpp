@@ -206,10 +206,14 @@ std::vector<std::byte> bytesOf(std::initializer_list<int> numbers) {
 TEST(SealedArguments, AreCountedUpToTheFirstThatCannotBeRead) {
   // A request, a one-way message and a reply.
   EXPECT_EQ(countSealedArguments(bytesOf({0x84, 1, 5, 3, 0x82, 0xd9, 0xca, 0x1e, 9, 0xa0})), 1u);
-  EXPECT_EQ(countSealedArguments(bytesOf({0x83, 2, 3, 0x82, 0xd9, 0xca, 0x1e, 9, 0xd9, 0xca, 0x1e, 9})), 2u);
+  EXPECT_EQ(
+      countSealedArguments(bytesOf({0x83, 2, 3, 0x82, 0xd9, 0xca, 0x1e, 9, 0xd9, 0xca, 0x1e, 9})),
+      2u);
   EXPECT_EQ(countSealedArguments(bytesOf({0x83, 3, 5, 0x82, 0x80, 0xd9, 0xca, 0x1e, 9})), 1u);
   // Behind what breaks a rule, and within a value.
-  EXPECT_EQ(countSealedArguments(bytesOf({0x83, 2, 3, 0x83, 0xd9, 0xca, 0x1e, 9, 0xff, 0xd9, 0xca, 0x1e, 9})), 1u);
+  EXPECT_EQ(countSealedArguments(
+                bytesOf({0x83, 2, 3, 0x83, 0xd9, 0xca, 0x1e, 9, 0xff, 0xd9, 0xca, 0x1e, 9})),
+            1u);
   EXPECT_EQ(countSealedArguments(bytesOf({0x83, 2, 3, 0x81, 0x81, 0xd9, 0xca, 0x1e, 9})), 0u);
   // No message, and those without arguments.
   EXPECT_EQ(countSealedArguments({}), 0u);
@@ -236,11 +240,13 @@ TEST(Arguments, OfTheLargestDepthAreWellFormedAndOneMoreIsNot) {
   EXPECT_TRUE(areWellFormedArguments(nested(limits::kDepth, 0xa1), 1));
   EXPECT_FALSE(areWellFormedArguments(nested(limits::kDepth + 1, 0xa1), 1));
   EXPECT_TRUE(areWellFormedArguments(nested(limits::kDepth + limits::kArrayWrapping, 0x81), 1));
-  EXPECT_FALSE(areWellFormedArguments(nested(limits::kDepth + limits::kArrayWrapping + 1, 0x81), 1));
+  EXPECT_FALSE(
+      areWellFormedArguments(nested(limits::kDepth + limits::kArrayWrapping + 1, 0x81), 1));
 }
 
 TEST(Message, FramesWithLargeValuesHaveTheirOwnLengths) {
-  const BufferRef large = Buffer::make(5000, [](std::byte* bytes) { std::fill_n(bytes, 5000, std::byte{0x61}); });
+  const BufferRef large =
+      Buffer::make(5000, [](std::byte* bytes) { std::fill_n(bytes, 5000, std::byte{0x61}); });
   OutgoingMessage message;
   message.clear();
   std::string expected;
@@ -259,7 +265,8 @@ TEST(Message, FramesWithLargeValuesHaveTheirOwnLengths) {
 }
 
 TEST(Message, SharingMovesLargeMessagesIntoABuffer) {
-  for (const std::size_t size : {limits::kSharedMessageBytes - kLengthBytes - 4, limits::kSharedMessageBytes}) {
+  for (const std::size_t size :
+       {limits::kSharedMessageBytes - kLengthBytes - 4, limits::kSharedMessageBytes}) {
     OutgoingMessage message;
     message.begin().text(std::string(size, 'x'));
     ASSERT_TRUE(message.finish());

@@ -7,20 +7,25 @@
 
 namespace keel::xpc {
 
-std::expected<std::shared_ptr<Connection>, Error> connectToService(const std::string& directory, const std::string& name,
+std::expected<std::shared_ptr<Connection>, Error> connectToService(const std::string& directory,
+                                                                   const std::string& name,
                                                                    TransportContext& context) {
   auto socket = connectSocket(directory, name);
   if (!socket) return std::unexpected(socket.error());
   return clientConnection(std::move(*socket), context);
 }
 
-std::shared_ptr<Connection> clientConnection(FileDescriptor connectedSocket, TransportContext& context) {
-  // Who serves is known by the path of the socket, which only the administrator can place; a client has no need to ask further.
+std::shared_ptr<Connection> clientConnection(FileDescriptor connectedSocket,
+                                             TransportContext& context) {
+  // Who serves is known by the path of the socket, which only the administrator can place; a client
+  // has no need to ask further.
   Connection::Options options;
   options.receiveLimitBytes = limits::kFrameBytesFromDaemon;
   FrameStream::Terms terms{.frameLimitBytes = options.receiveLimitBytes};
-  return Connection::create(PeerIdentity(),
-                            std::make_unique<FrameStream>(std::move(connectedSocket), context, std::move(terms)), options);
+  return Connection::create(
+      PeerIdentity(),
+      std::make_unique<FrameStream>(std::move(connectedSocket), context, std::move(terms)),
+      options);
 }
 
 }  // namespace keel::xpc

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// docs/protocol.md has the rules. In short: what cannot be served is answered with a failure and the connection stays, answers
-// are never answered, and only a peer that does not begin properly is turned away.
+// docs/protocol.md has the rules. In short: what cannot be served is answered with a failure and
+// the connection stays, answers are never answered, and only a peer that does not begin properly is
+// turned away.
 #include "runtime/xpc/connection.h"
 
 #include <fmt/format.h>
@@ -29,7 +30,8 @@ std::atomic<std::uint32_t> lastConnectionNumber{0};
 
 std::vector<FileDescriptor> takeFirst(std::vector<FileDescriptor>& files, std::size_t count) {
   const auto end = files.begin() + static_cast<std::ptrdiff_t>(std::min(count, files.size()));
-  std::vector<FileDescriptor> taken(std::make_move_iterator(files.begin()), std::make_move_iterator(end));
+  std::vector<FileDescriptor> taken(std::make_move_iterator(files.begin()),
+                                    std::make_move_iterator(end));
   files.erase(files.begin(), end);
   return taken;
 }
@@ -41,16 +43,21 @@ Error connectionError(ConnectionErrorCode code, std::string_view description) {
                Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), description}})));
 }
 
-std::shared_ptr<Connection> Connection::create(PeerIdentity peer, std::unique_ptr<Transport> transport,
+std::shared_ptr<Connection> Connection::create(PeerIdentity peer,
+                                               std::unique_ptr<Transport> transport,
                                                const Options& options) {
-  // Destroyed on the I/O thread, whoever releases it last: there it may be used without being counted.
-  return std::shared_ptr<Connection>(new Connection(std::move(peer), std::move(transport), options), [](Connection* last) {
-    std::unique_ptr<Connection> owned(last);
-    if (!owned->transport_->onIoThread()) last->transport_->performLater([going = std::move(owned)] {});
-  });
+  // Destroyed on the I/O thread, whoever releases it last: there it may be used without being
+  // counted.
+  return std::shared_ptr<Connection>(
+      new Connection(std::move(peer), std::move(transport), options), [](Connection* last) {
+        std::unique_ptr<Connection> owned(last);
+        if (!owned->transport_->onIoThread())
+          last->transport_->performLater([going = std::move(owned)] {});
+      });
 }
 
-Connection::Connection(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options)
+Connection::Connection(PeerIdentity peer, std::unique_ptr<Transport> transport,
+                       const Options& options)
     : transport_(std::move(transport)),
       server_(*this),
       options_(options),
@@ -60,8 +67,8 @@ Connection::Connection(PeerIdentity peer, std::unique_ptr<Transport> transport, 
 Connection::~Connection() = default;
 
 std::string Connection::description() const {
-  return fmt::format("<connection {} pid {} ({}) uid {} session {}>", number_, peer_.pid, peer_.processName, peer_.uid,
-                     peer_.auditSession);
+  return fmt::format("<connection {} pid {} ({}) uid {} session {}>", number_, peer_.pid,
+                     peer_.processName, peer_.uid, peer_.auditSession);
 }
 
 void Connection::setQueue(std::shared_ptr<SerialQueue> queue, Executor& slowRequests) {
@@ -86,7 +93,8 @@ void Connection::resume() {
   keptAlive_ = shared_from_this();
   const MessagePool::Borrowed message = context().messages().borrow();
   const Interface* const exported = server_.interface();
-  writeHello(*message, exported != nullptr ? exported->selectors() : std::span<const std::string_view>(),
+  writeHello(*message,
+             exported != nullptr ? exported->selectors() : std::span<const std::string_view>(),
              options_.takesDescriptors);
   send(*message);
   transport_->start(*this);
@@ -100,7 +108,8 @@ void Connection::invalidate(std::string_view goodbye) {
 
 void Connection::onFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
   if (!helloReceived_) return receiveHello(bytes);
-  // One read may bring a message and the files of the next: each takes those that it claims, served or refused.
+  // One read may bring a message and the files of the next: each takes those that it claims, served
+  // or refused.
   std::vector<FileDescriptor> claimed;
   if (!files.empty()) claimed = takeFirst(files, countSealedArguments(bytes));
   if (!queue_) return receive(bytes, claimed);
@@ -109,7 +118,8 @@ void Connection::onFrame(std::span<const std::byte> bytes, std::vector<FileDescr
 
 void Connection::receiveHello(std::span<const std::byte> bytes) {
   const auto read = readHello(bytes, remoteInterface_, context());
-  if (const auto* violation = std::get_if<PeerViolation>(&read)) return protocolViolation(violation->text);
+  if (const auto* violation = std::get_if<PeerViolation>(&read))
+    return protocolViolation(violation->text);
   if (const auto* words = std::get_if<PeerGoodbye>(&read)) {
     if (!words->text.empty()) goodbye_ = String(words->text);
     return end({}, /*transportIsClosed=*/false);
@@ -130,7 +140,8 @@ void Connection::queueFrame(std::span<const std::byte> bytes, std::vector<FileDe
   if (confidential_) copy->makeSecret();
   server_.messageQueued(bytes.size());
   Executor* const slow = server_.weightOf(bytes) == Weight::slow ? slowRequests_ : nullptr;
-  Block work = [self = shared_from_this(), frame = std::move(copy), taken = std::move(files)]() mutable {
+  Block work = [self = shared_from_this(), frame = std::move(copy),
+                taken = std::move(files)]() mutable {
     if (self->state_ == State::running) self->receive(frame->bytes(), taken);
     if (self->confidential_) wipeStack();
     self->transport_->perform([self, size = frame->size()] { self->server_.messageServed(size); });
@@ -143,10 +154,11 @@ void Connection::queueFrame(std::span<const std::byte> bytes, std::vector<FileDe
 }
 
 void Connection::onOversizedFrame(std::size_t sizeBytes, std::span<const std::byte> beginning) {
-  if (!helloReceived_) return protocolViolation(fmt::format("a hello of {} bytes is too large", sizeBytes));
+  if (!helloReceived_)
+    return protocolViolation(fmt::format("a hello of {} bytes is too large", sizeBytes));
   const std::optional<Envelope> envelope = peekEnvelope(beginning);
-  const std::string text =
-      fmt::format("a message of {} bytes is too large; at most {} are taken", sizeBytes, limits::kFrameBytes);
+  const std::string text = fmt::format("a message of {} bytes is too large; at most {} are taken",
+                                       sizeBytes, limits::kFrameBytes);
   if (envelope && envelope->kind != MessageKind::request && envelope->kind != MessageKind::oneWay) {
     return runOnQueue([self = shared_from_this(), text] { self->interrupted(text); });
   }
@@ -156,7 +168,8 @@ void Connection::onOversizedFrame(std::size_t sizeBytes, std::span<const std::by
 }
 
 void Connection::onClosed(std::string_view reason) {
-  if (!reason.empty() && state_ == State::running) logger().error("{} dropped: {}", description(), reason);
+  if (!reason.empty() && state_ == State::running)
+    logger().error("{} dropped: {}", description(), reason);
   if (goodbye_.isNull() && !reason.empty()) goodbye_ = String(reason);
   end({}, /*transportIsClosed=*/true);
 }
@@ -180,9 +193,11 @@ void Connection::receive(std::span<const std::byte> bytes, std::vector<FileDescr
     case MessageKind::goodbye:
       return receiveGoodbye(cursor, count);
     case MessageKind::hello:
-      return transport_->perform([self = shared_from_this()] { self->protocolViolation("it said hello twice"); });
+      return transport_->perform(
+          [self = shared_from_this()] { self->protocolViolation("it said hello twice"); });
   }
-  server_.refuse(std::nullopt, FailureCode::undecodable, fmt::format("there is no message of kind {}", kind));
+  server_.refuse(std::nullopt, FailureCode::undecodable,
+                 fmt::format("there is no message of kind {}", kind));
 }
 
 std::optional<PendingReplies::Reply> Connection::takePending(cbor::Cursor& cursor) {
@@ -191,14 +206,16 @@ std::optional<PendingReplies::Reply> Connection::takePending(cbor::Cursor& curso
   return asking_->pending.take(id);
 }
 
-void Connection::receiveReply(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
+void Connection::receiveReply(cbor::Cursor& cursor, std::uint64_t count,
+                              std::vector<FileDescriptor>& files) {
   auto pending = takePending(cursor);
   if (!pending) return interrupted("an answer to no request");
   std::uint64_t resultCount = 0;
   const bool framed = count == 3 && cursor.array(resultCount);
   ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes);
   if (framed && pending->read(reader, resultCount)) return;
-  pending->onError(connectionError(ConnectionErrorCode::badReply, "the peer's answer does not fit the method"));
+  pending->onError(
+      connectionError(ConnectionErrorCode::badReply, "the peer's answer does not fit the method"));
   interrupted("an answer that does not fit its method");
 }
 
@@ -209,27 +226,33 @@ void Connection::receiveFailure(cbor::Cursor& cursor, std::uint64_t count) {
   std::uint64_t code = 0;
   std::string_view text;
   if (count != 4 || !cursor.unsignedInteger(code) || !cursor.text(text) || !cursor.atEnd()) {
-    pending->onError(connectionError(ConnectionErrorCode::badReply, "the peer's failure cannot be decoded"));
+    pending->onError(
+        connectionError(ConnectionErrorCode::badReply, "the peer's failure cannot be decoded"));
     return interrupted("a failure that cannot be decoded");
   }
-  const Value userInfo = Value::map({{std::string(NSLocalizedDescriptionKey), text}, {"failureCode", code}});
-  pending->onError(
-      Error(kConnectionErrorDomain, static_cast<std::int64_t>(ConnectionErrorCode::refused), Dictionary(userInfo)));
+  const Value userInfo =
+      Value::map({{std::string(NSLocalizedDescriptionKey), text}, {"failureCode", code}});
+  pending->onError(Error(kConnectionErrorDomain,
+                         static_cast<std::int64_t>(ConnectionErrorCode::refused),
+                         Dictionary(userInfo)));
 }
 
 void Connection::receiveGoodbye(cbor::Cursor& cursor, std::uint64_t count) {
   std::string_view text;
-  if (count != 2 || !cursor.text(text) || !cursor.atEnd()) return interrupted("a goodbye that cannot be decoded");
-  transport_->perform([self = shared_from_this(), words = text.empty() ? String(nullptr) : String(text)] {
-    if (self->state_ == State::ended) return;
-    self->goodbye_ = words;
-    self->end({}, /*transportIsClosed=*/false);
-  });
+  if (count != 2 || !cursor.text(text) || !cursor.atEnd())
+    return interrupted("a goodbye that cannot be decoded");
+  transport_->perform(
+      [self = shared_from_this(), words = text.empty() ? String(nullptr) : String(text)] {
+        if (self->state_ == State::ended) return;
+        self->goodbye_ = words;
+        self->end({}, /*transportIsClosed=*/false);
+      });
 }
 
 void Connection::interrupted(std::string_view why) {
   // Once per connection: a peer that sends nonsense must not fill the log.
-  if (!std::exchange(interruptionLogged_, true)) logger().error("{} sent what cannot be served: {}", description(), why);
+  if (!std::exchange(interruptionLogged_, true))
+    logger().error("{} sent what cannot be served: {}", description(), why);
   if (interruptionHandler_) inCallee([this] { interruptionHandler_(); });
 }
 
@@ -240,15 +263,22 @@ void Connection::protocolViolation(std::string_view what) {
 
 // ---- What goes out
 
-std::expected<std::int64_t, Error> Connection::indexAt(const Interface& interface, std::size_t place) const {
-  if (!isValid()) return std::unexpected(connectionError(ConnectionErrorCode::invalid, "the connection is invalid"));
-  const bool isKnown = &interface == remoteInterface_ && methodIndexes_ && (*methodIndexes_)[place] >= 0;
+std::expected<std::int64_t, Error> Connection::indexAt(const Interface& interface,
+                                                       std::size_t place) const {
+  if (!isValid())
+    return std::unexpected(
+        connectionError(ConnectionErrorCode::invalid, "the connection is invalid"));
+  const bool isKnown =
+      &interface == remoteInterface_ && methodIndexes_ && (*methodIndexes_)[place] >= 0;
   if (isKnown) return (*methodIndexes_)[place];
-  return std::unexpected(connectionError(ConnectionErrorCode::notImplemented, "the peer does not implement the method"));
+  return std::unexpected(connectionError(ConnectionErrorCode::notImplemented,
+                                         "the peer does not implement the method"));
 }
 
 void Connection::reportError(ErrorBlock onError, Error error) {
-  Block report = [onError = std::move(onError), error = std::move(error)]() mutable { onError(std::move(error)); };
+  Block report = [onError = std::move(onError), error = std::move(error)]() mutable {
+    onError(std::move(error));
+  };
   if (queue_) {
     queue_->async(std::move(report));
   } else {
@@ -256,7 +286,8 @@ void Connection::reportError(ErrorBlock onError, Error error) {
   }
 }
 
-void Connection::sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write, void* results) {
+void Connection::sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write,
+                           void* results) {
   server_.sendReply(requestId, resultCount, write, results);
 }
 
@@ -264,8 +295,8 @@ void Connection::sendFailure(std::uint64_t requestId, FailureCode code, std::str
   server_.sendFailure(requestId, code, text);
 }
 
-void Connection::sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount, WriteResults write,
-                             void* results) {
+void Connection::sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount,
+                             WriteResults write, void* results) {
   if (server_.sendReplies(requestIds, resultCount, write, results)) return;
   ReplyRoute::sendReplies(requestIds, resultCount, write, results);
 }
@@ -288,8 +319,9 @@ void Connection::end(std::string_view text, bool transportIsClosed) {
 
 void Connection::failPending(const String& goodbye) {
   if (!asking_) return;
-  const std::string why =
-      goodbye.isNull() ? std::string("the connection ended") : fmt::format("the connection ended: {}", goodbye.view());
+  const std::string why = goodbye.isNull()
+                              ? std::string("the connection ended")
+                              : fmt::format("the connection ended: {}", goodbye.view());
   for (auto& [id, pending] : asking_->pending.takeAll()) {
     reportError(std::move(pending.onError), connectionError(ConnectionErrorCode::invalid, why));
   }

@@ -30,7 +30,8 @@ namespace keel::xpc {
 template <class Protocol, class ErrorHandler>
 class RemoteProxy;
 
-// Domain of errors that say why a call could not be made or was not answered; the code is a ConnectionErrorCode.
+// Domain of errors that say why a call could not be made or was not answered; the code is a
+// ConnectionErrorCode.
 inline constexpr std::string_view kConnectionErrorDomain = "KLNConnectionErrorDomain";
 
 enum class ConnectionErrorCode : std::int64_t {
@@ -41,15 +42,19 @@ enum class ConnectionErrorCode : std::int64_t {
 };
 Error connectionError(ConnectionErrorCode code, std::string_view description);
 
-// One connection between two processes. Each side exports an object for the other to call, and calls the other's through a
-// proxy (remote_proxy.h). RequestServer is the serving half.
+// One connection between two processes. Each side exports an object for the other to call, and
+// calls the other's through a proxy (remote_proxy.h). RequestServer is the serving half.
 //
-// Life: made, configured (interfaces, object, handlers), resumed; from then on the transport's machinery keeps it alive until
-// either side invalidates it. Then the invalidation handler runs once, and the exported object and both handlers are released.
+// Life: made, configured (interfaces, object, handlers), resumed; from then on the transport's
+// machinery keeps it alive until either side invalidates it. Then the invalidation handler runs
+// once, and the exported object and both handlers are released.
 //
-// Messages and handlers run on the connection's queue: the I/O thread itself, or the queue given with setQueue(). Replies may
-// be sent from any thread; everything else belongs on the I/O thread. Destroyed on the I/O thread.
-class Connection final : public std::enable_shared_from_this<Connection>, public ReplyRoute, private Transport::Receiver {
+// Messages and handlers run on the connection's queue: the I/O thread itself, or the queue given
+// with setQueue(). Replies may be sent from any thread; everything else belongs on the I/O thread.
+// Destroyed on the I/O thread.
+class Connection final : public std::enable_shared_from_this<Connection>,
+                         public ReplyRoute,
+                         private Transport::Receiver {
  public:
   // `options` differ between the daemon's end and a client's.
   struct Options {
@@ -67,7 +72,8 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   using Handler = std::move_only_function<void()>;
   using ErrorBlock = PendingReplies::ErrorBlock;
 
-  static std::shared_ptr<Connection> create(PeerIdentity peer, std::unique_ptr<Transport> transport, const Options& options);
+  static std::shared_ptr<Connection> create(PeerIdentity peer, std::unique_ptr<Transport> transport,
+                                            const Options& options);
   ~Connection() override;
 
   pid_t processIdentifier() const { return peer_.pid; }
@@ -89,10 +95,11 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   // The peer sent something that could not be decoded; the connection stays usable.
   void setInterruptionHandler(Handler handler) { interruptionHandler_ = std::move(handler); }
   void setInvalidationHandler(Handler handler) { invalidationHandler_ = std::move(handler); }
-  // Messages and handlers run on `queue` instead of the I/O thread; requests declared slow run on `slowRequests`, borrowed, in
-  // their place in that queue.
+  // Messages and handlers run on `queue` instead of the I/O thread; requests declared slow run on
+  // `slowRequests`, borrowed, in their place in that queue.
   void setQueue(std::shared_ptr<SerialQueue> queue, Executor& slowRequests);
-  // The messages hold secrets: their bytes are wiped wherever they were held, once they are done with.
+  // The messages hold secrets: their bytes are wiped wherever they were held, once they are done
+  // with.
   void setConfidential();
   // Called once, on the I/O thread, when the peer's hello has come and calls can be made.
   void setReadyHandler(Handler handler) { asking().readyHandler = std::move(handler); }
@@ -102,10 +109,12 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   void invalidate(std::string_view goodbye = {});
   bool isValid() const { return state_ == State::running; }
   // The text of the peer's goodbye; empty when it sent none. For the invalidation handler.
-  std::string_view goodbye() const { return goodbye_.isNull() ? std::string_view() : goodbye_.view(); }
+  std::string_view goodbye() const {
+    return goodbye_.isNull() ? std::string_view() : goodbye_.view();
+  }
 
-  // Returns a proxy that sends asynchronously. `onError(Error)` is called on the connection's queue, later, when a call cannot
-  // be made or its answer does not come.
+  // Returns a proxy that sends asynchronously. `onError(Error)` is called on the connection's
+  // queue, later, when a call cannot be made or its answer does not come.
   template <class Protocol, class ErrorHandler>
   RemoteProxy<Protocol, ErrorHandler> remoteObjectProxyWithErrorHandler(ErrorHandler onError) {
     return {shared_from_this(), std::move(onError)};
@@ -117,21 +126,25 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   template <auto Member>
   std::expected<std::int64_t, Error> indexOf() const {
     using Protocol = typename MemberTraits<decltype(Member)>::Protocol;
-    return indexAt(Interface::interfaceWithProtocol<Protocol>(), MethodsOf<Protocol>::template placeOf<Member>());
+    return indexAt(Interface::interfaceWithProtocol<Protocol>(),
+                   MethodsOf<Protocol>::template placeOf<Member>());
   }
   bool takesDescriptors() const { return peerTakesDescriptors_ && transport_->maySendFiles(); }
   bool isConfidential() const { return confidential_; }
   TransportContext& context() const { return transport_->context(); }
-  void send(const OutgoingMessage& message) { transport_->send(message, EndOfTurn::Urgency::normal); }
+  void send(const OutgoingMessage& message) {
+    transport_->send(message, EndOfTurn::Urgency::normal);
+  }
   PendingReplies& pendingReplies() { return asking().pending; }
   // Runs onError(error) later, on the connection's queue.
   void reportError(ErrorBlock onError, Error error);
 
   // ReplyRoute.
-  void sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write, void* results) override;
+  void sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write,
+                 void* results) override;
   void sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text) override;
-  void sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount, WriteResults write,
-                   void* results) override;
+  void sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount,
+                   WriteResults write, void* results) override;
 
  private:
   friend class RequestServer;
@@ -189,7 +202,8 @@ class Connection final : public std::enable_shared_from_this<Connection>, public
   bool helloReceived_ = false;
   bool peerTakesDescriptors_ = false;
   bool interruptionLogged_ = false;
-  bool inCallee_ = false;  // in a method of the exported object, or in the handler of an interruption
+  bool inCallee_ =
+      false;  // in a method of the exported object, or in the handler of an interruption
   bool confidential_ = false;
   const Interface* remoteInterface_ = nullptr;
   TransportContext::MethodIndexes methodIndexes_;

@@ -10,15 +10,16 @@ namespace {
 TEST_F(RawPeer, UndecodableMessageIsAFailureAnInterruptionAndOneLogLine) {
   start();
   const std::vector<Bytes> nonsense = {
-      {},                                                        // nothing at all
-      {std::byte{0xff}},                                         // a break
-      {std::byte{0x83}, std::byte{0x01}},                        // cut short
-      encoded(Value::list({})),                                  // no kind
-      encoded(Value::list({9, 1})),                              // no such kind
-      encoded(Value::list({Value(std::uint64_t{1} << 32), 1})),  // nor one that looks like another when cut
-      encoded(Value::map({{"kind", 1}})),                        // no array
-      encoded(Value::list({1, "id", 0, Value::list({})})),       // an id that is no number
-      Bytes(3000, std::byte{0x81}),                              // nested without end
+      {},                                  // nothing at all
+      {std::byte{0xff}},                   // a break
+      {std::byte{0x83}, std::byte{0x01}},  // cut short
+      encoded(Value::list({})),            // no kind
+      encoded(Value::list({9, 1})),        // no such kind
+      encoded(Value::list(
+          {Value(std::uint64_t{1} << 32), 1})),  // nor one that looks like another when cut
+      encoded(Value::map({{"kind", 1}})),        // no array
+      encoded(Value::list({1, "id", 0, Value::list({})})),  // an id that is no number
+      Bytes(3000, std::byte{0x81}),                         // nested without end
       encoded(Value::list({1, -4, 0, Value::list({})})),
   };
   for (const Bytes& bytes : nonsense) {
@@ -40,16 +41,21 @@ TEST_F(RawPeer, UndecodableMessageIsAFailureAnInterruptionAndOneLogLine) {
 TEST_F(RawPeer, WrongMessagesNameWhatIsWrong) {
   start();
   sendMessage(Value::list({1, 1, 6, Value::list({})}));
-  EXPECT_EQ(received(), std::vector{failure(1, FailureCode::unknownMethod, "there is no method 6")});
+  EXPECT_EQ(received(),
+            std::vector{failure(1, FailureCode::unknownMethod, "there is no method 6")});
   sendMessage(Value::list({1, 2, 0, Value::list({5})}));
-  EXPECT_EQ(received(), std::vector{failure(2, FailureCode::wrongArguments, "the arguments do not fit echo:reply:")});
+  EXPECT_EQ(received(), std::vector{failure(2, FailureCode::wrongArguments,
+                                            "the arguments do not fit echo:reply:")});
   sendMessage(Value::list({1, 3, 0, Value::list({nullptr, nullptr})}));
-  EXPECT_EQ(received(), std::vector{failure(3, FailureCode::wrongArguments, "the arguments do not fit echo:reply:")});
+  EXPECT_EQ(received(), std::vector{failure(3, FailureCode::wrongArguments,
+                                            "the arguments do not fit echo:reply:")});
   // A method with a reply sent one-way, and the other way round.
   sendMessage(Value::list({2, 0, Value::list({nullptr})}));
-  EXPECT_EQ(received(), std::vector{failure(nullptr, FailureCode::wrongArguments, "the arguments do not fit echo:reply:")});
+  EXPECT_EQ(received(), std::vector{failure(nullptr, FailureCode::wrongArguments,
+                                            "the arguments do not fit echo:reply:")});
   sendMessage(Value::list({1, 4, 1, Value::list({"x"})}));
-  EXPECT_EQ(received(), std::vector{failure(4, FailureCode::wrongArguments, "the arguments do not fit tell:")});
+  EXPECT_EQ(received(),
+            std::vector{failure(4, FailureCode::wrongArguments, "the arguments do not fit tell:")});
   EXPECT_EQ(interruptions, 5);
   EXPECT_TRUE(service->told.empty());
 }
@@ -58,7 +64,8 @@ TEST_F(RawPeer, ArgumentsThatAreNotWellFormedAreUndecodable) {
   start();
   const auto expectUndecodable = [&](const Bytes& message, const Value& id) {
     sendBytes(framed(message));
-    EXPECT_EQ(received(), std::vector{failure(id, FailureCode::undecodable, "the message cannot be decoded")});
+    EXPECT_EQ(received(),
+              std::vector{failure(id, FailureCode::undecodable, "the message cannot be decoded")});
   };
   // Text that is not UTF-8.
   Bytes bad = encoded(Value::list({2, 1, Value::list({"ab"})}));
@@ -69,7 +76,8 @@ TEST_F(RawPeer, ArgumentsThatAreNotWellFormedAreUndecodable) {
   longer.push_back(std::byte{0});
   expectUndecodable(longer, 1);
   Bytes two = encoded(Value::list({1, 2, 0, Value::list({nullptr})}));
-  for (const std::byte byte : encoded(Value::list({1, 3, 0, Value::list({nullptr})}))) two.push_back(byte);
+  for (const std::byte byte : encoded(Value::list({1, 3, 0, Value::list({nullptr})})))
+    two.push_back(byte);
   expectUndecodable(two, 2);
   // Of a method that is served later, too.
   Bytes heavy = encoded(Value::list({1, 4, 3, Value::list({})}));
@@ -107,9 +115,11 @@ TEST_F(RawPeer, RequestIdsMustRise) {
   start();
   sendMessage(Value::list({1, 5, 2, Value::list({})}));
   sendMessage(Value::list({1, 5, 0, Value::list({nullptr})}));
-  EXPECT_EQ(received(), std::vector{failure(5, FailureCode::badRequestId, "request ids must rise")});
+  EXPECT_EQ(received(),
+            std::vector{failure(5, FailureCode::badRequestId, "request ids must rise")});
   sendMessage(Value::list({1, 4, 0, Value::list({nullptr})}));
-  EXPECT_EQ(received(), std::vector{failure(4, FailureCode::badRequestId, "request ids must rise")});
+  EXPECT_EQ(received(),
+            std::vector{failure(4, FailureCode::badRequestId, "request ids must rise")});
   sendMessage(Value::list({1, 6, 0, Value::list({nullptr})}));
   EXPECT_EQ(received().size(), 1u);
   EXPECT_EQ(service->kept.size(), 1u);
@@ -120,11 +130,14 @@ TEST_F(RawPeer, OversizedRequestIsSkippedAndAnswered) {
   const std::size_t size = limits::kFrameBytes + 1;
   Bytes bytes;
   for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<std::byte>(size >> (8 * i)));
-  for (const std::byte byte : encoded(Value::list({1, 9, 0, Value::list({})}))) bytes.push_back(byte);
+  for (const std::byte byte : encoded(Value::list({1, 9, 0, Value::list({})})))
+    bytes.push_back(byte);
   bytes.resize(4 + size);
   sendBytes(bytes);
-  EXPECT_EQ(received(), std::vector{failure(9, FailureCode::tooLarge,
-                                            "a message of 16777217 bytes is too large; at most 16777216 are taken")});
+  EXPECT_EQ(
+      received(),
+      std::vector{failure(9, FailureCode::tooLarge,
+                          "a message of 16777217 bytes is too large; at most 16777216 are taken")});
   sendMessage(Value::list({1, 10, 0, Value::list({nullptr})}));
   EXPECT_EQ(received().size(), 1u);
   EXPECT_EQ(invalidations, 0);
@@ -132,8 +145,8 @@ TEST_F(RawPeer, OversizedRequestIsSkippedAndAnswered) {
 
 TEST_F(RawPeer, LargestFrameIsTaken) {
   start();
-  Bytes content =
-      encoded(Value::list({1, 9, 0, Value::list({Value::map({{"x", std::string(limits::kFrameBytes - 13, 'a')}})})}));
+  Bytes content = encoded(Value::list(
+      {1, 9, 0, Value::list({Value::map({{"x", std::string(limits::kFrameBytes - 13, 'a')}})})}));
   ASSERT_EQ(content.size(), limits::kFrameBytes);
   sendBytes(framed(content));
   const std::vector<Value> answers = received();
@@ -144,7 +157,8 @@ TEST_F(RawPeer, LargestFrameIsTaken) {
 TEST_F(RawPeer, LengthWithoutSenseEndsTheConnection) {
   start();
   sendBytes(Bytes(4, std::byte{0xff}));
-  EXPECT_EQ(received(), std::vector{Value::list({5, "a frame of 4294967295 bytes makes no sense"})});
+  EXPECT_EQ(received(),
+            std::vector{Value::list({5, "a frame of 4294967295 bytes makes no sense"})});
   EXPECT_TRUE(peerSeesTheEnd());
   EXPECT_EQ(invalidations, 1);
   EXPECT_EQ(logged.size(), 1u);
@@ -153,10 +167,12 @@ TEST_F(RawPeer, LengthWithoutSenseEndsTheConnection) {
 TEST_F(RawPeer, BadHellosEndTheConnectionWithAWord) {
   const std::vector<std::pair<Value, const char*>> hellos = {
       {Value::list({1, 1, 0, Value::list({nullptr})}), "its first message is no hello"},
-      {Value::list({0, 2, Value::list({}), Value::map({})}), "protocol version 2 is not known here; this side speaks 1"},
+      {Value::list({0, 2, Value::list({}), Value::map({})}),
+       "protocol version 2 is not known here; this side speaks 1"},
       {Value::list({0, 1, "selectors", Value::map({})}), "its hello cannot be decoded"},
       {Value::list({0, 1, Value::list({1}), Value::map({})}), "its hello cannot be decoded"},
-      {Value::list({0, 1, Value::list({}), Value::map({{"descriptors", 1}})}), "its hello cannot be decoded"},
+      {Value::list({0, 1, Value::list({}), Value::map({{"descriptors", 1}})}),
+       "its hello cannot be decoded"},
       {Value::list({0, 1, Value::list({})}), "its hello cannot be decoded"},
       {Value("hello"), "its hello cannot be decoded"},
   };
@@ -165,11 +181,11 @@ TEST_F(RawPeer, BadHellosEndTheConnectionWithAWord) {
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
     peer.reset(both[1]);
     pending.clear();
-    const auto other =
-        Connection::create(PeerIdentity(),
-                           std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
-                                                         FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
-                           Connection::Options());
+    const auto other = Connection::create(
+        PeerIdentity(),
+        std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
+                                      FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
+        Connection::Options());
     int ended = 0;
     other->setInvalidationHandler([&] { ++ended; });
     other->resume();
@@ -184,8 +200,8 @@ TEST_F(RawPeer, BadHellosEndTheConnectionWithAWord) {
 
 TEST_F(RawPeer, UnknownHelloOptionsAreIgnored) {
   connection->resume();
-  sendMessage(
-      Value::list({0, 1, Value::list({"future:"}), Value::map({{"later", Value::list({1, 2})}, {"descriptors", false}})}));
+  sendMessage(Value::list({0, 1, Value::list({"future:"}),
+                           Value::map({{"later", Value::list({1, 2})}, {"descriptors", false}})}));
   sendMessage(Value::list({1, 1, 0, Value::list({nullptr})}));
   EXPECT_EQ(received().size(), 2u);
 }
@@ -224,7 +240,8 @@ TEST_F(RawPeer, DescriptorThatNoMessageClaimsEndsTheConnection) {
   start();
   const std::string content = "bytes";
   const auto file = sealedMemoryOf(std::as_bytes(std::span(content)));
-  sendWithDescriptor(peer.get(), framed(encoded(Value::list({1, 1, 0, Value::list({nullptr})}))), file->get());
+  sendWithDescriptor(peer.get(), framed(encoded(Value::list({1, 1, 0, Value::list({nullptr})}))),
+                     file->get());
   const std::vector<Value> messages = received();
   ASSERT_EQ(messages.size(), 2u);
   EXPECT_EQ(messages[1], Value::list({5, "descriptors that no message claims"}));
@@ -234,7 +251,8 @@ TEST_F(RawPeer, DescriptorThatNoMessageClaimsEndsTheConnection) {
 // A request whose only argument is in a file of that size.
 Bytes requestWithFile(std::uint8_t id, std::uint8_t method, std::uint8_t sizeBytes) {
   Bytes bytes;
-  for (const int byte : {0x84, 0x01, int{id}, 0x18, int{method}, 0x81, 0xd9, 0xca, 0x1e, int{sizeBytes}}) {
+  for (const int byte :
+       {0x84, 0x01, int{id}, 0x18, int{method}, 0x81, 0xd9, 0xca, 0x1e, int{sizeBytes}}) {
     // A method below 24 has a head of one byte.
     if (byte != 0x18 || method >= 24) bytes.push_back(static_cast<std::byte>(byte));
   }
@@ -260,11 +278,13 @@ TEST_F(RawPeer, DescriptorBehindAnotherMessageStaysWithItsOwn) {
   start();
   const std::string content = "\xa0";
   const auto file = sealedMemoryOf(std::as_bytes(std::span(content)));
-  // One refused, and one that keeps what it came with until it is served; each is read at once with the one behind it.
+  // One refused, and one that keeps what it came with until it is served; each is read at once with
+  // the one behind it.
   std::uint8_t id = 1;
   for (const int method : {99, 3}) {
     const Bytes first = framed(encoded(Value::list({1, int{id++}, method, Value::list({})})));
-    ASSERT_EQ(::send(peer.get(), first.data(), first.size(), MSG_NOSIGNAL), static_cast<ssize_t>(first.size()));
+    ASSERT_EQ(::send(peer.get(), first.data(), first.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(first.size()));
     sendWithDescriptor(peer.get(), requestWithFile(id, 0, 1), file->get());
     turns();
     if (!service->kept.empty()) service->kept.front()(nullptr);
@@ -276,7 +296,8 @@ TEST_F(RawPeer, DescriptorBehindAnotherMessageStaysWithItsOwn) {
 
 TEST_F(RawPeer, DescriptorOfAnythingElseEndsTheConnectionUnserved) {
   start();
-  sendWithDescriptor(peer.get(), framed(encoded(Value::list({2, 1, Value::list({"x"})}))), peer.get());
+  sendWithDescriptor(peer.get(), framed(encoded(Value::list({2, 1, Value::list({"x"})}))),
+                     peer.get());
   EXPECT_EQ(received(), std::vector{Value::list({5, "a descriptor that is no memory file"})});
   EXPECT_EQ(invalidations, 1);
   EXPECT_TRUE(service->told.empty());

@@ -33,13 +33,16 @@ class Echo {
   virtual void settle(Reply<Error> reply) = 0;
 };
 using EchoMethods =
-    MethodTable<Method<"echo:reply:", &Echo::echo>, Method<"tell:", &Echo::tell>, Method<"keep:", &Echo::keep>,
-                Method<"survey:", &Echo::survey, Weight::heavy>, Method<"ponder:reply:", &Echo::ponder, Weight::slow>,
+    MethodTable<Method<"echo:reply:", &Echo::echo>, Method<"tell:", &Echo::tell>,
+                Method<"keep:", &Echo::keep>, Method<"survey:", &Echo::survey, Weight::heavy>,
+                Method<"ponder:reply:", &Echo::ponder, Weight::slow>,
                 Method<"settle:", &Echo::settle, Weight::lasting>>;
 EchoMethods methodTableOf(const Echo*);
 
 struct EchoService final : Echo {
-  void echo(Dictionary item, Reply<Dictionary, Error> reply) override { reply(std::move(item), nullptr); }
+  void echo(Dictionary item, Reply<Dictionary, Error> reply) override {
+    reply(std::move(item), nullptr);
+  }
   void tell(String text) override { told.emplace_back(text.view()); }
   void keep(Reply<Error> reply) override { kept.push_back(std::move(reply)); }
   void survey(Reply<Error> reply) override { kept.push_back(std::move(reply)); }
@@ -82,10 +85,11 @@ class RawPeer : public testing::Test {
     identity.uid = 501;
     identity.auditSession = 3;
     identity.processName = "mailmod";
-    connection = Connection::create(identity,
-                                    std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
-                                                                  FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
-                                    options);
+    connection = Connection::create(
+        identity,
+        std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
+                                      FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
+        options);
     connection->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
     connection->setExportedObject<Echo>(service);
     connection->setRemoteObjectInterface(Interface::interfaceWithProtocol<Echo>());
@@ -106,7 +110,8 @@ class RawPeer : public testing::Test {
   void sendBytes(const Bytes& bytes) {
     std::size_t sent = 0;
     while (sent < bytes.size()) {
-      const ssize_t now = ::send(peer.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      const ssize_t now =
+          ::send(peer.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
       if (now > 0) sent += static_cast<std::size_t>(now);
       if (now < 0 && errno != EAGAIN) return;
       turns();
@@ -118,9 +123,10 @@ class RawPeer : public testing::Test {
     sendMessage(hello(selectors, descriptors));
     const std::vector<Value> first = received();
     ASSERT_EQ(first.size(), 1u);
-    ASSERT_EQ(first[0],
-              Value::list({0, 1, Value::list({"echo:reply:", "tell:", "keep:", "survey:", "ponder:reply:", "settle:"}),
-                           Value::map({{"descriptors", true}})}));
+    ASSERT_EQ(first[0], Value::list({0, 1,
+                                     Value::list({"echo:reply:", "tell:", "keep:", "survey:",
+                                                  "ponder:reply:", "settle:"}),
+                                     Value::map({{"descriptors", true}})}));
   }
   // All that has come from the connection, decoded.
   std::vector<Value> received() {

@@ -27,7 +27,8 @@ TEST_F(RawPeer, TooManyUnansweredRequestsStopTheReadingUntilHalfAreAnswered) {
   service->kept.erase(service->kept.begin());
   turns();
   EXPECT_EQ(service->kept.size(), limits::kUnansweredRequests);
-  service->kept.erase(service->kept.begin(), service->kept.begin() + limits::kUnansweredRequests / 2);
+  service->kept.erase(service->kept.begin(),
+                      service->kept.begin() + limits::kUnansweredRequests / 2);
   turns();
   EXPECT_EQ(service->kept.size(), kCount - 1 - limits::kUnansweredRequests / 2);
   EXPECT_EQ(invalidations, 0);
@@ -109,10 +110,11 @@ class UnderPressure : public RawPeer {
     int both[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
     otherPeer.reset(both[1]);
-    other = Connection::create(PeerIdentity(),
-                               std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
-                                                             FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
-                               Connection::Options());
+    other = Connection::create(
+        PeerIdentity(),
+        std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
+                                      FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
+        Connection::Options());
     other->setRemoteObjectInterface(Interface::interfaceWithProtocol<Echo>());
   }
   ~UnderPressure() override {
@@ -124,7 +126,8 @@ class UnderPressure : public RawPeer {
     start(Value::list({"tell:"}));
     other->resume();
     const Bytes bytes = framed(encoded(hello(Value::list({"tell:"}))));
-    ASSERT_EQ(::send(otherPeer.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    ASSERT_EQ(::send(otherPeer.get(), bytes.data(), bytes.size(), 0),
+              static_cast<ssize_t>(bytes.size()));
     turns();
   }
   void send(Connection& to, std::size_t sizeBytes) {
@@ -144,7 +147,8 @@ class UnderPressure : public RawPeer {
     overloaded = true;
   }
   void relieve() {
-    if (std::exchange(overloaded, false)) MemoryAccount::ofProcess().refund(limits::kTotalWaitingBytes);
+    if (std::exchange(overloaded, false))
+      MemoryAccount::ofProcess().refund(limits::kTotalWaitingBytes);
   }
   void drain(const FileDescriptor& socket) {
     char buffer[65536];
@@ -164,8 +168,8 @@ TEST_F(UnderPressure, AReaderThatIsBeingDroppedIsNotWrittenToBeforeItsGoodbye) {
   turns();
   ASSERT_EQ(invalidations, 0);
   overload();
-  // The first reads all that its socket holds and could be flushed, in the very turn in which the second one's backlog decides
-  // that the first has to go.
+  // The first reads all that its socket holds and could be flushed, in the very turn in which the
+  // second one's backlog decides that the first has to go.
   drain(peer);
   send(*other, 40'000);
   turns();
@@ -182,11 +186,11 @@ TEST_F(RawPeer, UserThatHoldsTooMuchIsRefusedUntilItHoldsLess) {
   static const MemoryQuota quota{.account = &account, .limitBytes = 10'000};
   Connection::Options options;
   options.quota = &quota;
-  const auto limited =
-      Connection::create(PeerIdentity(),
-                         std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
-                                                       FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
-                         options);
+  const auto limited = Connection::create(
+      PeerIdentity(),
+      std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
+                                    FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
+      options);
   limited->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
   limited->setExportedObject<Echo>(service);
   limited->resume();
@@ -208,7 +212,9 @@ TEST_F(RawPeer, UserThatHoldsTooMuchIsRefusedUntilItHoldsLess) {
 }
 
 TEST_F(RawPeer, ReaderThatLeavesItsFilesUnreadIsDroppedToo) {
-  const auto makeItem = [](char fill) { return Dictionary(Value::map({{"x", std::string(1u << 20, fill)}})); };
+  const auto makeItem = [](char fill) {
+    return Dictionary(Value::map({{"x", std::string(1u << 20, fill)}}));
+  };
   start(Value::list({"echo:reply:", "tell:"}), /*descriptors=*/true);
   std::size_t told = 0;
   while (invalidations == 0 && told < 300) {
@@ -242,7 +248,8 @@ TEST_F(RawPeer, HeavyRequestsAreServedOneAtATime) {
 }
 
 struct PeerWithHeavyRequests : RawPeer {
-  explicit PeerWithHeavyRequests(std::shared_ptr<HeavyRequestQueue> given = std::make_shared<HeavyRequestQueue>())
+  explicit PeerWithHeavyRequests(
+      std::shared_ptr<HeavyRequestQueue> given = std::make_shared<HeavyRequestQueue>())
       : RawPeer(Connection::Options{.heavyRequests = given}), heavyRequests(std::move(given)) {}
   const std::shared_ptr<HeavyRequestQueue> heavyRequests;
 };
@@ -252,18 +259,19 @@ TEST_F(PeerWithHeavyRequests, HeavyRequestsOfOneUserTakeTurnsOverAllConnections)
   int both[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
   const FileDescriptor otherPeer(both[1]);
-  const auto other =
-      Connection::create(PeerIdentity(),
-                         std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
-                                                       FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
-                         Connection::Options{.heavyRequests = heavyRequests});
+  const auto other = Connection::create(
+      PeerIdentity(),
+      std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
+                                    FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
+      Connection::Options{.heavyRequests = heavyRequests});
   const auto otherService = std::make_shared<EchoService>();
   other->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
   other->setExportedObject<Echo>(otherService);
   other->resume();
   const auto sendOther = [&](const Value& message) {
     const Bytes bytes = framed(encoded(message));
-    ASSERT_EQ(::send(otherPeer.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    ASSERT_EQ(::send(otherPeer.get(), bytes.data(), bytes.size(), 0),
+              static_cast<ssize_t>(bytes.size()));
     turns();
   };
   sendOther(hello());
@@ -311,12 +319,15 @@ TEST_F(RawPeer, HalfOfALargeFrameIsChargedToItsUser) {
   static const MemoryQuota quota{.account = &account, .limitBytes = 200'000};
   FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes, .quota = &quota};
   const auto limited = Connection::create(
-      PeerIdentity(), std::make_unique<FrameStream>(FileDescriptor(both[0]), context, std::move(terms)), Connection::Options());
+      PeerIdentity(),
+      std::make_unique<FrameStream>(FileDescriptor(both[0]), context, std::move(terms)),
+      Connection::Options());
   limited->resume();
   sendMessage(hello());
   received();
   Bytes half;
-  for (int i = 0; i < 4; ++i) half.push_back(static_cast<std::byte>(limits::kFrameBytes >> (8 * i)));
+  for (int i = 0; i < 4; ++i)
+    half.push_back(static_cast<std::byte>(limits::kFrameBytes >> (8 * i)));
   half.resize(200'000);
   sendBytes(half);
   EXPECT_EQ(account.bytes(), 200'000u);

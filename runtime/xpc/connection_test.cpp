@@ -9,7 +9,8 @@ namespace {
 TEST_F(RawPeer, RequestIsAnsweredWithItsId) {
   start();
   sendMessage(Value::list({1, 17, 0, Value::list({Value::map({{"a", 1}})})}));
-  EXPECT_EQ(received(), std::vector{Value::list({3, 17, Value::list({Value::map({{"a", 1}}), nullptr})})});
+  EXPECT_EQ(received(),
+            std::vector{Value::list({3, 17, Value::list({Value::map({{"a", 1}}), nullptr})})});
 }
 
 TEST_F(RawPeer, OneWayMessageIsNotAnswered) {
@@ -34,7 +35,8 @@ TEST_F(RawPeer, DroppedReplyBlockAnswersAFailure) {
   sendMessage(Value::list({1, 1, 2, Value::list({})}));
   EXPECT_TRUE(received().empty());
   service->kept.clear();
-  EXPECT_EQ(received(), std::vector{failure(1, FailureCode::unanswered, "the request was dropped unanswered")});
+  EXPECT_EQ(received(),
+            std::vector{failure(1, FailureCode::unanswered, "the request was dropped unanswered")});
   EXPECT_EQ(interruptions, 0);
 }
 
@@ -47,7 +49,8 @@ TEST_F(RawPeer, ManyRequestsAnsweredTogetherAreEachAnswered) {
   const std::vector<Value> answers = received();
   ASSERT_EQ(answers.size(), 150u);
   for (int id = 1; id <= 150; ++id) {
-    EXPECT_EQ(answers[static_cast<std::size_t>(id - 1)], Value::list({3, id, Value::list({nullptr})}));
+    EXPECT_EQ(answers[static_cast<std::size_t>(id - 1)],
+              Value::list({3, id, Value::list({nullptr})}));
   }
   // None of them counts as unanswered any more.
   service->kept.clear();
@@ -57,12 +60,14 @@ TEST_F(RawPeer, ManyRequestsAnsweredTogetherAreEachAnswered) {
 TEST_F(RawPeer, LargeAnswersToManyRequestsGoOneByOne) {
   start();
   for (int id = 1; id <= 3; ++id) sendMessage(Value::list({1, id, 2, Value::list({})}));
-  const Error error("domain", 1, Dictionary(Value::map({{"text", std::string(limits::kSharedPieceBytes, 'x')}})));
+  const Error error(
+      "domain", 1, Dictionary(Value::map({{"text", std::string(limits::kSharedPieceBytes, 'x')}})));
   Reply<Error>::answerAll(service->kept, error);
   const std::vector<Value> answers = received();
   ASSERT_EQ(answers.size(), 3u);
   for (int id = 1; id <= 3; ++id) {
-    EXPECT_EQ(answers[static_cast<std::size_t>(id - 1)], Value::list({3, id, Value::list({error})}));
+    EXPECT_EQ(answers[static_cast<std::size_t>(id - 1)],
+              Value::list({3, id, Value::list({error})}));
   }
 }
 
@@ -70,7 +75,9 @@ TEST_F(RawPeer, AnswersToSeveralConnectionsAtOnceFindTheirWay) {
   start();
   std::vector<std::string> local;
   const auto localReply = [&local](std::string name) {
-    return Reply<Error>::to([&local, name](const Error& error) { local.push_back(name + std::to_string(error.code())); });
+    return Reply<Error>::to([&local, name](const Error& error) {
+      local.push_back(name + std::to_string(error.code()));
+    });
   };
   for (int id = 1; id <= 2; ++id) sendMessage(Value::list({1, id, 2, Value::list({})}));
   std::vector<Reply<Error>> replies;
@@ -82,7 +89,8 @@ TEST_F(RawPeer, AnswersToSeveralConnectionsAtOnceFindTheirWay) {
   const Error error("domain", 7);
   Reply<Error>::answerAll(replies, error);
   EXPECT_EQ(local, (std::vector<std::string>{"a7", "b7"}));
-  EXPECT_EQ(received(), (std::vector{Value::list({3, 1, Value::list({error})}), Value::list({3, 2, Value::list({error})})}));
+  EXPECT_EQ(received(), (std::vector{Value::list({3, 1, Value::list({error})}),
+                                     Value::list({3, 2, Value::list({error})})}));
 }
 
 TEST_F(RawPeer, AMethodMayEndTheConnectionThatHoldsItsObject) {
@@ -150,7 +158,8 @@ TEST_F(RawPeer, ReplyAfterTheEndIsHarmless) {
 TEST_F(RawPeer, CallReachesThePeerByItsOwnNumber) {
   start(Value::list({"other:", "tell:"}));
   int errors = 0;
-  connection->remoteObjectProxyWithErrorHandler<Echo>([&](Error) { ++errors; }).call<&Echo::tell>(String("hi"));
+  connection->remoteObjectProxyWithErrorHandler<Echo>([&](Error) { ++errors; })
+      .call<&Echo::tell>(String("hi"));
   EXPECT_EQ(received(), std::vector{Value::list({2, 1, Value::list({"hi"})})});
   EXPECT_EQ(errors, 0);
 }
@@ -180,15 +189,18 @@ TEST_F(RawPeer, CallOnAnEndedConnectionIsReportedLater) {
 TEST_F(RawPeer, AlternatingCallsAreNotMixedUp) {
   start(Value::list({"tell:"}));
   for (const char* text : {"a", "a", "b", "a"}) {
-    connection->remoteObjectProxyWithErrorHandler<Echo>([](Error) {}).call<&Echo::tell>(String(text));
+    connection->remoteObjectProxyWithErrorHandler<Echo>([](Error) {})
+        .call<&Echo::tell>(String(text));
   }
   std::vector<Value> expected;
-  for (const char* text : {"a", "a", "b", "a"}) expected.push_back(Value::list({2, 0, Value::list({text})}));
+  for (const char* text : {"a", "a", "b", "a"})
+    expected.push_back(Value::list({2, 0, Value::list({text})}));
   EXPECT_EQ(received(), expected);
 }
 
 TEST_F(RawPeer, DescriptionIsStable) {
-  EXPECT_TRUE(connection->description().ends_with("pid 345 (mailmod) uid 501 session 3>")) << connection->description();
+  EXPECT_TRUE(connection->description().ends_with("pid 345 (mailmod) uid 501 session 3>"))
+      << connection->description();
   const std::string before = connection->description();
   connection->resume();
   peer.reset();
@@ -286,7 +298,8 @@ TEST_F(PeerWithQuota, LastingRequestsAreRefusedToWhoHoldsTooMuch) {
   accountOfTest().charge(1);
   sendMessage(Value::list({1, 2, 5, Value::list({})}));
   EXPECT_EQ(received(),
-            std::vector{failure(2, FailureCode::overQuota, "uid 501 holds 100001 bytes here; at most 100000 are granted")});
+            std::vector{failure(2, FailureCode::overQuota,
+                                "uid 501 holds 100001 bytes here; at most 100000 are granted")});
 }
 
 TEST_F(PeerWithQuota, MessagesThatWaitAreCharged) {
@@ -309,7 +322,8 @@ TEST_F(PeerWithQuota, AMessageThatWouldHaveToWaitOnTooMuchEndsTheConnection) {
   sendMessage(hello());
   accountOfTest().charge(150'001);
   sendMessage(Value::list({2, 1, Value::list({"one"})}));
-  EXPECT_EQ(received().back(), Value::list({5, "its user holds too much here for a message to wait"}));
+  EXPECT_EQ(received().back(),
+            Value::list({5, "its user holds too much here for a message to wait"}));
   executor.runAll();
   EXPECT_TRUE(service->told.empty());
 }
@@ -319,7 +333,8 @@ TEST_F(RawPeer, ConfidentialConnectionsWorkLikeOthers) {
   connection->setConfidential();
   start();
   const Bytes whole = framed(encoded(Value::list({2, 1, Value::list({std::string(70'000, 'x')})})));
-  for (const std::size_t cut : {std::size_t{2}, std::size_t{10}, std::size_t{65'000}, whole.size() - 1}) {
+  for (const std::size_t cut :
+       {std::size_t{2}, std::size_t{10}, std::size_t{65'000}, whole.size() - 1}) {
     sendBytes(Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(cut)));
     turns();
     sendBytes(Bytes(whole.begin() + static_cast<std::ptrdiff_t>(cut), whole.end()));
@@ -341,10 +356,11 @@ struct BothEnds : testing::Test {
   BothEnds() {
     int both[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
-    server = Connection::create(PeerIdentity(),
-                                std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
-                                                              FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
-                                Connection::Options());
+    server = Connection::create(
+        PeerIdentity(),
+        std::make_unique<FrameStream>(FileDescriptor(both[0]), context,
+                                      FrameStream::Terms{.frameLimitBytes = limits::kFrameBytes}),
+        Connection::Options());
     server->setExportedInterface(Interface::interfaceWithProtocol<Echo>());
     server->setExportedObject<Echo>(service);
     client = clientConnection(FileDescriptor(both[1]), context);
@@ -365,7 +381,8 @@ struct BothEnds : testing::Test {
     }
   }
   auto proxy() {
-    return client->remoteObjectProxyWithErrorHandler<Echo>([this](Error error) { errors.push_back(error); });
+    return client->remoteObjectProxyWithErrorHandler<Echo>(
+        [this](Error error) { errors.push_back(error); });
   }
   TransportContext context{reactor};
   Reactor reactor;
@@ -378,7 +395,8 @@ struct BothEnds : testing::Test {
 
 TEST_F(BothEnds, LargeValueTravelsAsSealedMemoryBothWays) {
   ASSERT_TRUE(ready);
-  for (const std::size_t size : {limits::kSealedMemoryBytes - 100, limits::kSealedMemoryBytes + 100, std::size_t{10} << 20}) {
+  for (const std::size_t size : {limits::kSealedMemoryBytes - 100, limits::kSealedMemoryBytes + 100,
+                                 std::size_t{10} << 20}) {
     const Dictionary item(Value::map({{"x", std::string(size, 'a')}}));
     Dictionary answer;
     proxy().call<&Echo::echo>(item, [&](Dictionary result, Error) { answer = result; });

@@ -10,12 +10,13 @@
 
 namespace keel::xpc {
 
-// Serves one heavy request of each user at a time, over all its connections: the answer may be as large as all that the service
-// holds. Shared by the connections of a listener. Lives on the I/O thread.
+// Serves one heavy request of each user at a time, over all its connections: the answer may be as
+// large as all that the service holds. Shared by the connections of a listener. Lives on the I/O
+// thread.
 class HeavyRequestQueue {
  public:
-  // Runs `serve` once no other request of that user is being served, which may be at once. It, or what it started, calls
-  // leave() in the end.
+  // Runs `serve` once no other request of that user is being served, which may be at once. It, or
+  // what it started, calls leave() in the end.
   void enter(const MemoryAccount* user, Block serve) {
     const auto [found, isFree] = waitingByUser_.try_emplace(user);
     if (isFree) return serve();
@@ -34,7 +35,8 @@ class HeavyRequestQueue {
   }
 
  private:
-  std::unordered_map<const MemoryAccount*, std::deque<Block>> waitingByUser_;  // of users with a request being served
+  std::unordered_map<const MemoryAccount*, std::deque<Block>>
+      waitingByUser_;  // of users with a request being served
 };
 
 }  // namespace keel::xpc

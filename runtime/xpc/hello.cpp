@@ -20,7 +20,8 @@ namespace {
 constexpr std::string_view kUndecodable = "its hello cannot be decoded";
 
 // Matches a hello's list of selectors with the methods of `interface`.
-std::optional<std::vector<std::int64_t>> readMethodIndexes(cbor::Cursor& cursor, const Interface* interface) {
+std::optional<std::vector<std::int64_t>> readMethodIndexes(cbor::Cursor& cursor,
+                                                           const Interface* interface) {
   const std::span<const std::string_view> wanted =
       interface != nullptr ? interface->selectors() : std::span<const std::string_view>();
   std::uint64_t count = 0;
@@ -30,7 +31,8 @@ std::optional<std::vector<std::int64_t>> readMethodIndexes(cbor::Cursor& cursor,
     std::string_view selector;
     if (!cursor.text(selector)) return std::nullopt;
     const auto found = std::find(wanted.begin(), wanted.end(), selector);
-    if (found != wanted.end()) indexes[static_cast<std::size_t>(found - wanted.begin())] = static_cast<std::int64_t>(index);
+    if (found != wanted.end())
+      indexes[static_cast<std::size_t>(found - wanted.begin())] = static_cast<std::int64_t>(index);
   }
   return indexes;
 }
@@ -41,8 +43,8 @@ bool readOptions(cbor::Cursor& cursor, bool& takesDescriptors) {
   for (std::uint64_t i = 0; i < count; ++i) {
     std::string_view option;
     if (!cursor.text(option)) return false;
-    const bool understood =
-        option == "descriptors" ? cursor.boolean(takesDescriptors) : cursor.item(limits::kDepth).has_value();
+    const bool understood = option == "descriptors" ? cursor.boolean(takesDescriptors)
+                                                    : cursor.item(limits::kDepth).has_value();
     if (!understood) return false;
   }
   return cursor.atEnd();
@@ -50,7 +52,8 @@ bool readOptions(cbor::Cursor& cursor, bool& takesDescriptors) {
 
 }  // namespace
 
-void writeHello(OutgoingMessage& message, std::span<const std::string_view> selectors, bool takesDescriptors) {
+void writeHello(OutgoingMessage& message, std::span<const std::string_view> selectors,
+                bool takesDescriptors) {
   cbor::Writer writer = message.begin();
   writer.array(4);
   writer.unsignedInteger(static_cast<std::uint64_t>(MessageKind::hello));
@@ -64,7 +67,8 @@ void writeHello(OutgoingMessage& message, std::span<const std::string_view> sele
 }
 
 std::variant<PeerHello, PeerGoodbye, PeerViolation> readHello(std::span<const std::byte> bytes,
-                                                              const Interface* remoteInterface, TransportContext& context) {
+                                                              const Interface* remoteInterface,
+                                                              TransportContext& context) {
   const PeerViolation undecodable{std::string(kUndecodable)};
   cbor::Cursor cursor(bytes);
   std::uint64_t count = 0;
@@ -76,10 +80,12 @@ std::variant<PeerHello, PeerGoodbye, PeerViolation> readHello(std::span<const st
     if (count == 2) cursor.text(goodbye.text);
     return goodbye;
   }
-  if (kind != static_cast<std::uint64_t>(MessageKind::hello)) return PeerViolation{"its first message is no hello"};
+  if (kind != static_cast<std::uint64_t>(MessageKind::hello))
+    return PeerViolation{"its first message is no hello"};
   if (!cursor.unsignedInteger(version)) return undecodable;
   if (version != kProtocolVersion) {
-    return PeerViolation{fmt::format("protocol version {} is not known here; this side speaks {}", version, kProtocolVersion)};
+    return PeerViolation{fmt::format("protocol version {} is not known here; this side speaks {}",
+                                     version, kProtocolVersion)};
   }
   auto indexes = readMethodIndexes(cursor, remoteInterface);
   PeerHello hello;

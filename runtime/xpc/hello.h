@@ -17,7 +17,8 @@ namespace keel::xpc {
 
 // What a peer said of itself.
 struct PeerHello {
-  // From the index of a method in our remote interface to its index in the peer's list; negative where the peer has none.
+  // From the index of a method in our remote interface to its index in the peer's list; negative
+  // where the peer has none.
   TransportContext::MethodIndexes methodIndexes;
   bool takesDescriptors = false;
 };
@@ -30,10 +31,12 @@ struct PeerViolation {
   std::string text;
 };
 
-void writeHello(OutgoingMessage& message, std::span<const std::string_view> selectors, bool takesDescriptors);
+void writeHello(OutgoingMessage& message, std::span<const std::string_view> selectors,
+                bool takesDescriptors);
 
 // `remoteInterface` is what the peer is expected to export; null: nothing.
 std::variant<PeerHello, PeerGoodbye, PeerViolation> readHello(std::span<const std::byte> bytes,
-                                                              const Interface* remoteInterface, TransportContext& context);
+                                                              const Interface* remoteInterface,
+                                                              TransportContext& context);
 
 }  // namespace keel::xpc

@@ -13,8 +13,8 @@
 
 namespace keel::xpc {
 
-// A protocol as a connection sees it: its selectors in order, and for each a function that decodes the arguments of one message
-// and calls the method on an object.
+// A protocol as a connection sees it: its selectors in order, and for each a function that decodes
+// the arguments of one message and calls the method on an object.
 class Interface {
  public:
   // What a request comes with.
@@ -22,9 +22,10 @@ class Interface {
     std::shared_ptr<ReplyRoute> route;  // null for a one-way message
     std::uint64_t requestId;
   };
-  // `object` is the protocol's class. False, and nothing called, when the arguments do not fit or when a method with a reply
-  // comes one-way, or the other way round.
-  using Dispatch = bool (*)(void* object, ArgumentReader& arguments, std::uint64_t argumentCount, Call& call);
+  // `object` is the protocol's class. False, and nothing called, when the arguments do not fit or
+  // when a method with a reply comes one-way, or the other way round.
+  using Dispatch = bool (*)(void* object, ArgumentReader& arguments, std::uint64_t argumentCount,
+                            Call& call);
 
   // The interface of a protocol; one for each, kept for the life of the process.
   template <class Protocol>
@@ -35,9 +36,13 @@ class Interface {
 
   std::span<const std::string_view> selectors() const { return selectors_; }
   // Null beyond the list.
-  Dispatch dispatchAt(std::uint64_t place) const { return place < dispatches_.size() ? dispatches_[place] : nullptr; }
+  Dispatch dispatchAt(std::uint64_t place) const {
+    return place < dispatches_.size() ? dispatches_[place] : nullptr;
+  }
   // Usual beyond the list.
-  Weight weightAt(std::uint64_t place) const { return place < weights_.size() ? weights_[place] : Weight::usual; }
+  Weight weightAt(std::uint64_t place) const {
+    return place < weights_.size() ? weights_[place] : Weight::usual;
+  }
 
  private:
   Interface() = default;
@@ -54,17 +59,24 @@ class Interface {
   }
 
   template <class M>
-  static bool dispatch(void* object, ArgumentReader& reader, std::uint64_t argumentCount, Call& call) {
+  static bool dispatch(void* object, ArgumentReader& reader, std::uint64_t argumentCount,
+                       Call& call) {
     typename M::Sent arguments;
-    if (argumentCount != std::tuple_size_v<typename M::Sent> || (call.route != nullptr) != M::kHasReply) return false;
+    if (argumentCount != std::tuple_size_v<typename M::Sent> ||
+        (call.route != nullptr) != M::kHasReply)
+      return false;
     const bool read = std::apply(
-        [&](auto&... each) { return (Argument<std::decay_t<decltype(each)>>::read(reader, each) && ...); }, arguments);
+        [&](auto&... each) {
+          return (Argument<std::decay_t<decltype(each)>>::read(reader, each) && ...);
+        },
+        arguments);
     if (!read || !reader.cursor.atEnd()) return false;
     auto& target = *static_cast<typename M::Protocol*>(object);
     std::apply(
         [&](auto&... each) {
           if constexpr (M::kHasReply) {
-            (target.*M::kMember)(std::move(each)..., typename M::ReplyBlock(std::move(call.route), call.requestId));
+            (target.*M::kMember)(std::move(each)...,
+                                 typename M::ReplyBlock(std::move(call.route), call.requestId));
           } else {
             (target.*M::kMember)(std::move(each)...);
           }

@@ -21,23 +21,28 @@ class ListenerDelegate {
  public:
   virtual ~ListenerDelegate() = default;
   // True keeps the connection, which must then have been resumed; false drops it.
-  virtual bool listenerShouldAcceptNewConnection(Listener& listener, const std::shared_ptr<Connection>& connection) = 0;
+  virtual bool listenerShouldAcceptNewConnection(Listener& listener,
+                                                 const std::shared_ptr<Connection>& connection) = 0;
 };
 
-// Accepts connections to one named service. The socket comes from the service manager when it passed one under that name
-// (sd_listen_fds_with_names(3)), else the listener binds DIRECTORY/NAME, mode 0666, and removes it when invalidated.
+// Accepts connections to one named service. The socket comes from the service manager when it
+// passed one under that name (sd_listen_fds_with_names(3)), else the listener binds DIRECTORY/NAME,
+// mode 0666, and removes it when invalidated.
 class Listener final : private Reactor::Watcher, public std::enable_shared_from_this<Listener> {
  public:
-  // Fails with a POSIX error whose description names the path and what to do; for example EADDRINUSE when another process
-  // serves that name. The delegate is borrowed. The context is borrowed and outlives the listener.
-  static std::expected<std::shared_ptr<Listener>, Error> initWithMachServiceName(const std::string& name,
-                                                                                 TransportContext& context);
+  // Fails with a POSIX error whose description names the path and what to do; for example
+  // EADDRINUSE when another process serves that name. The delegate is borrowed. The context is
+  // borrowed and outlives the listener.
+  static std::expected<std::shared_ptr<Listener>, Error> initWithMachServiceName(
+      const std::string& name, TransportContext& context);
   // The same in another directory; for tests.
-  static std::expected<std::shared_ptr<Listener>, Error> inDirectory(const std::string& directory, const std::string& name,
+  static std::expected<std::shared_ptr<Listener>, Error> inDirectory(const std::string& directory,
+                                                                     const std::string& name,
                                                                      TransportContext& context);
   ~Listener();
 
-  // From any thread. Begins suspended. What is called on another thread than the reactor's takes effect there, in order.
+  // From any thread. Begins suspended. What is called on another thread than the reactor's takes
+  // effect there, in order.
   void setDelegate(std::shared_ptr<ListenerDelegate> delegate);
   void resume();
   // Connections wait in the socket's backlog.

@@ -28,31 +28,35 @@ bool isShortage(int problem) {
 }
 
 // Sends a client that is not let in a goodbye with the reason.
-void turnAway(FileDescriptor socket, const std::string& why, const void* owner, TransportContext& context) {
+void turnAway(FileDescriptor socket, const std::string& why, const void* owner,
+              TransportContext& context) {
   const MessagePool::Borrowed goodbye = context.messages().borrow();
   writeGoodbye(*goodbye, why);
   auto output = context.outputQueues().take();
   output->append(*goodbye);
-  lingerAndClose(std::move(socket), std::move(output), /*admission=*/nullptr, owner, context.reactor());
+  lingerAndClose(std::move(socket), std::move(output), /*admission=*/nullptr, owner,
+                 context.reactor());
 }
 
 }  // namespace
 
-std::expected<std::shared_ptr<Listener>, Error> Listener::initWithMachServiceName(const std::string& name,
-                                                                                  TransportContext& context) {
+std::expected<std::shared_ptr<Listener>, Error> Listener::initWithMachServiceName(
+    const std::string& name, TransportContext& context) {
   return inDirectory(kServiceDirectory, name, context);
 }
 
-std::expected<std::shared_ptr<Listener>, Error> Listener::inDirectory(const std::string& directory, const std::string& name,
+std::expected<std::shared_ptr<Listener>, Error> Listener::inDirectory(const std::string& directory,
+                                                                      const std::string& name,
                                                                       TransportContext& context) {
   auto service = listenForService(directory, name);
   if (!service) return std::unexpected(service.error());
-  return std::shared_ptr<Listener>(new Listener(std::move(service->path), std::move(service->descriptor), service->ownsPath,
+  return std::shared_ptr<Listener>(new Listener(std::move(service->path),
+                                                std::move(service->descriptor), service->ownsPath,
                                                 context, Admissions::ofProcess()));
 }
 
-Listener::Listener(std::string path, FileDescriptor socket, bool ownsPath, TransportContext& context,
-                   std::shared_ptr<Admissions> admissions)
+Listener::Listener(std::string path, FileDescriptor socket, bool ownsPath,
+                   TransportContext& context, std::shared_ptr<Admissions> admissions)
     : path_(std::move(path)),
       ownsPath_(ownsPath),
       context_(context),
@@ -69,7 +73,9 @@ void Listener::perform(Block block) {
 }
 
 void Listener::setDelegate(std::shared_ptr<ListenerDelegate> delegate) {
-  perform([self = shared_from_this(), delegate = std::move(delegate)]() mutable { self->delegate_ = std::move(delegate); });
+  perform([self = shared_from_this(), delegate = std::move(delegate)]() mutable {
+    self->delegate_ = std::move(delegate);
+  });
 }
 
 void Listener::resume() {
@@ -132,20 +138,25 @@ bool Listener::acceptOne() {
   auto peer = PeerIdentity::ofSocket(socket.get());
   if (!peer) {
     if (isShortage(peer.error().value())) {
-      turnAway(std::move(socket), "the daemon is short of resources; try again", /*owner=*/nullptr, context_);
+      turnAway(std::move(socket), "the daemon is short of resources; try again", /*owner=*/nullptr,
+               context_);
       pauseAccepting(std::strerror(peer.error().value()));
       return false;
     }
-    logger().debug("a connection to {} was dropped: its process has ended ({})", path_, peer.error().message());
+    logger().debug("a connection to {} was dropped: its process has ended ({})", path_,
+                   peer.error().message());
     return true;
   }
   std::shared_ptr<void> admission;
-  FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes, .quota = &memoryQuotaOfUser(peer->uid)};
-  if (const auto refusal = admissions_->admit(peer->uid, terms.admission); refusal != Admissions::Refusal::none) {
+  FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes,
+                           .quota = &memoryQuotaOfUser(peer->uid)};
+  if (const auto refusal = admissions_->admit(peer->uid, terms.admission);
+      refusal != Admissions::Refusal::none) {
     const std::string why = refusal == Admissions::Refusal::tooManyOfUser
                                 ? fmt::format("too many connections of uid {}", peer->uid)
                                 : std::string("too many connections");
-    if (!std::exchange(refusalLogged_, true)) logger().error("{}: {}; new ones are turned away", path_, why);
+    if (!std::exchange(refusalLogged_, true))
+      logger().error("{}: {}; new ones are turned away", path_, why);
     turnAway(std::move(socket), why, terms.quota->account, context_);
     return true;
   }

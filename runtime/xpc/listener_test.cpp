@@ -18,7 +18,8 @@ namespace keel::xpc {
 namespace {
 
 struct CountingDelegate final : ListenerDelegate {
-  bool listenerShouldAcceptNewConnection(Listener&, const std::shared_ptr<Connection>& connection) override {
+  bool listenerShouldAcceptNewConnection(Listener&,
+                                         const std::shared_ptr<Connection>& connection) override {
     seen.push_back(connection->processIdentifier());
     if (accept) {
       connection->resume();

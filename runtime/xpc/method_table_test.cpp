@@ -14,8 +14,9 @@ class Sample {
   virtual void ask(String what, Reply<String, Error> withHandler) = 0;
   virtual void probe(Reply<bool> handler) = 0;
 };
-using SampleMethods = MethodTable<Method<"tell:andNumber:", &Sample::tell>, Method<"ask:withHandler:", &Sample::ask>,
-                                  Method<"probe:", &Sample::probe>>;
+using SampleMethods =
+    MethodTable<Method<"tell:andNumber:", &Sample::tell>, Method<"ask:withHandler:", &Sample::ask>,
+                Method<"probe:", &Sample::probe>>;
 SampleMethods methodTableOf(const Sample*);
 
 namespace {
@@ -40,7 +41,9 @@ TEST(MethodTable, InterfaceListsSelectorsInOrder) {
 }
 
 struct RecordingSample : Sample {
-  void tell(String what, std::int64_t andNumber) override { told = std::string(what.view()) + " " + std::to_string(andNumber); }
+  void tell(String what, std::int64_t andNumber) override {
+    told = std::string(what.view()) + " " + std::to_string(andNumber);
+  }
   void ask(String, Reply<String, Error> withHandler) override { withHandler("answer", nullptr); }
   void probe(Reply<bool>) override {}
   std::string told;
@@ -53,7 +56,8 @@ bool dispatchTell(RecordingSample& object, std::uint64_t count, void (*write)(cb
   std::vector<FileDescriptor> files;
   ArgumentReader reader(bytes, files, 1000);
   Interface::Call call{nullptr, 0};
-  return Interface::interfaceWithProtocol<Sample>().dispatchAt(0)(static_cast<Sample*>(&object), reader, count, call);
+  return Interface::interfaceWithProtocol<Sample>().dispatchAt(0)(static_cast<Sample*>(&object),
+                                                                  reader, count, call);
 }
 
 TEST(MethodTable, DispatchDecodesAndCalls) {
@@ -83,8 +87,8 @@ TEST(MethodTable, WrongArgumentsAreNotPassedOn) {
 
 TEST(Reply, LocalBlockIsCalledWithTheResults) {
   std::string seen;
-  auto reply =
-      Reply<String, Error>::to([&](String text, Error error) { seen = std::string(text.view()) + (error ? "!" : "."); });
+  auto reply = Reply<String, Error>::to(
+      [&](String text, Error error) { seen = std::string(text.view()) + (error ? "!" : "."); });
   reply("yes", nullptr);
   EXPECT_EQ(seen, "yes.");
 }
@@ -94,7 +98,8 @@ struct RecordingRoute : ReplyRoute {
     events.push_back("reply " + std::to_string(requestId) + " of " + std::to_string(resultCount));
   }
   void sendFailure(std::uint64_t requestId, FailureCode code, std::string_view) override {
-    events.push_back("failure " + std::to_string(requestId) + " code " + std::to_string(static_cast<int>(code)));
+    events.push_back("failure " + std::to_string(requestId) + " code " +
+                     std::to_string(static_cast<int>(code)));
   }
   std::vector<std::string> events;
 };

@@ -12,12 +12,13 @@
 
 namespace keel::xpc {
 
-// The requests of this side that the peer has not answered yet. On the I/O thread until the connection's queue, if it has one,
-// takes answers out.
+// The requests of this side that the peer has not answered yet. On the I/O thread until the
+// connection's queue, if it has one, takes answers out.
 class PendingReplies {
  public:
   using ErrorBlock = std::move_only_function<void(Error)>;
-  // Reads the results and calls the reply block; returns false, and calls nothing, when they do not fit.
+  // Reads the results and calls the reply block; returns false, and calls nothing, when they do not
+  // fit.
   using Reader = std::move_only_function<bool(ArgumentReader& results, std::uint64_t resultCount)>;
 
   struct Reply {

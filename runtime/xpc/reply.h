@@ -22,22 +22,24 @@ class ReplyRoute {
 
   virtual ~ReplyRoute() = default;
   // From any thread, all three.
-  virtual void sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write, void* results) = 0;
+  virtual void sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write,
+                         void* results) = 0;
   virtual void sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text) = 0;
   // The same results for each.
-  virtual void sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount, WriteResults write,
-                           void* results) {
+  virtual void sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount,
+                           WriteResults write, void* results) {
     for (const std::uint64_t id : requestIds) sendReply(id, resultCount, write, results);
   }
   virtual bool isLocal() const { return false; }
 };
 
-// A reply block: answers one request, exactly once, from any thread. Dropped unanswered, it answers with a failure. It keeps
-// the connection's object alive, and outlives the connection harmlessly.
+// A reply block: answers one request, exactly once, from any thread. Dropped unanswered, it answers
+// with a failure. It keeps the connection's object alive, and outlives the connection harmlessly.
 template <class... Results>
 class Reply {
  public:
-  Reply(std::shared_ptr<ReplyRoute> route, std::uint64_t requestId) : route_(std::move(route)), requestId_(requestId) {}
+  Reply(std::shared_ptr<ReplyRoute> route, std::uint64_t requestId)
+      : route_(std::move(route)), requestId_(requestId) {}
 
   // A reply block that calls `block(results...)`; dropped unanswered it calls nothing.
   template <class LocalBlock>
@@ -55,7 +57,9 @@ class Reply {
   Reply(const Reply&) = delete;
   Reply& operator=(const Reply&) = delete;
   ~Reply() {
-    if (route_) route_->sendFailure(requestId_, FailureCode::unanswered, "the request was dropped unanswered");
+    if (route_)
+      route_->sendFailure(requestId_, FailureCode::unanswered,
+                          "the request was dropped unanswered");
   }
 
   // At most once.
@@ -70,7 +74,8 @@ class Reply {
     route->sendReply(requestId_, sizeof...(Results), &writeAll, &all);
   }
 
-  // The same answer to each of `replies`, in their order. What goes to one connection travels together.
+  // The same answer to each of `replies`, in their order. What goes to one connection travels
+  // together.
   static void answerAll(std::span<Reply> replies, Results... results) {
     if (replies.size() == 1) return replies.front()(std::move(results)...);
     std::vector<std::uint64_t> ids;

@@ -10,9 +10,9 @@
 
 namespace keel::xpc {
 
-// What the peer of one connection has asked for and not been given yet: requests without an answer, messages that wait on the
-// connection's queue, a heavy request. Decides when that is so much that the peer is not read for a while. Counted from any
-// thread; decisions are made on the I/O thread.
+// What the peer of one connection has asked for and not been given yet: requests without an answer,
+// messages that wait on the connection's queue, a heavy request. Decides when that is so much that
+// the peer is not read for a while. Counted from any thread; decisions are made on the I/O thread.
 class RequestLedger {
  public:
   // Requests are taken on a queue of the connection's own, off the I/O thread.
@@ -34,8 +34,8 @@ class RequestLedger {
   }
 
   bool isPaused() const { return isPaused_.load(std::memory_order_relaxed); }
-  // Decides anew. Returns the decision when it has changed: true pauses reading. Once paused, half of each limit has to be free
-  // again, so that not every message causes a pause.
+  // Decides anew. Returns the decision when it has changed: true pauses reading. Once paused, half
+  // of each limit has to be free again, so that not every message causes a pause.
   std::optional<bool> decide() {
     const std::size_t divisor = isPaused() ? 2 : 1;
     const bool pause = unansweredCount_ > limits::kUnansweredRequests / divisor ||

@@ -34,24 +34,29 @@ Weight RequestServer::weightOf(std::span<const std::byte> frame) const {
   std::uint64_t kind = 0;
   std::uint64_t id = 0;
   std::uint64_t method = 0;
-  const bool isRequest = interface_ != nullptr && cursor.array(count) && cursor.unsignedInteger(kind) &&
-                         kind == static_cast<std::uint64_t>(MessageKind::request) && cursor.unsignedInteger(id) &&
-                         cursor.unsignedInteger(method);
+  const bool isRequest = interface_ != nullptr && cursor.array(count) &&
+                         cursor.unsignedInteger(kind) &&
+                         kind == static_cast<std::uint64_t>(MessageKind::request) &&
+                         cursor.unsignedInteger(id) && cursor.unsignedInteger(method);
   return isRequest ? interface_->weightAt(method) : Weight::usual;
 }
 
-void RequestServer::receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
+void RequestServer::receiveRequest(cbor::Cursor& cursor, std::uint64_t count,
+                                   std::vector<FileDescriptor>& files) {
   std::uint64_t id = 0;
   std::uint64_t method = 0;
-  if (!cursor.unsignedInteger(id)) return refuse(std::nullopt, FailureCode::undecodable, kUndecodable);
+  if (!cursor.unsignedInteger(id))
+    return refuse(std::nullopt, FailureCode::undecodable, kUndecodable);
   if (id <= lastRequestId_) return refuse(id, FailureCode::badRequestId, "request ids must rise");
   lastRequestId_ = id;
-  if (count != 4 || !cursor.unsignedInteger(method)) return refuse(id, FailureCode::undecodable, kUndecodable);
+  if (count != 4 || !cursor.unsignedInteger(method))
+    return refuse(id, FailureCode::undecodable, kUndecodable);
   Interface::Call call{connection_.shared_from_this(), id};
   dispatch(method, cursor, files, call);
 }
 
-void RequestServer::receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files) {
+void RequestServer::receiveOneWay(cbor::Cursor& cursor, std::uint64_t count,
+                                  std::vector<FileDescriptor>& files) {
   std::uint64_t method = 0;
   if (count != 3 || !cursor.unsignedInteger(method)) {
     return refuse(std::nullopt, FailureCode::undecodable, kUndecodable);
@@ -62,14 +67,15 @@ void RequestServer::receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std
 
 void RequestServer::refuseOversized(std::optional<std::uint64_t> requestId, std::string_view text) {
   if (requestId) {
-    if (*requestId <= lastRequestId_) return refuse(requestId, FailureCode::badRequestId, "request ids must rise");
+    if (*requestId <= lastRequestId_)
+      return refuse(requestId, FailureCode::badRequestId, "request ids must rise");
     lastRequestId_ = *requestId;
   }
   refuse(requestId, FailureCode::tooLarge, text);
 }
 
-void RequestServer::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files,
-                             Interface::Call& call) {
+void RequestServer::dispatch(std::uint64_t method, cbor::Cursor& cursor,
+                             std::vector<FileDescriptor>& files, Interface::Call& call) {
   const std::optional<std::uint64_t> id = call.route ? std::optional(call.requestId) : std::nullopt;
   if (interface_ == nullptr || interface_->dispatchAt(method) == nullptr || !object_) {
     return refuse(id, FailureCode::unknownMethod, fmt::format("there is no method {}", method));
@@ -79,12 +85,13 @@ void RequestServer::dispatch(std::uint64_t method, cbor::Cursor& cursor, std::ve
   const Weight weight = interface_->weightAt(method);
   const MemoryQuota& quota = connection_.quota();
   if (weight == Weight::heavy && call.route && !connection_.hasQueue()) {
-    return queueHeavy(
-        {method, argumentCount, Buffer::copyOf(cursor.rest(), *quota.account), std::move(files), std::move(call)});
+    return queueHeavy({method, argumentCount, Buffer::copyOf(cursor.rest(), *quota.account),
+                       std::move(files), std::move(call)});
   }
   ArgumentReader reader(cursor.rest(), files, connection_.options().receiveLimitBytes, quota);
   reader.setConfidential(connection_.isConfidential());
-  if (weight == Weight::brief && !connection_.hasQueue()) reader.takeNamesFrom(connection_.context().names());
+  if (weight == Weight::brief && !connection_.hasQueue())
+    reader.takeNamesFrom(connection_.context().names());
   if (weight == Weight::lasting && !reader.mayHoldMore()) return refuseOverQuota(id);
   if (call.route && ledger_.takeRequest()) {
     onIoThread([this, alive = connection_.shared_from_this()] { decideOnReading(); });
@@ -98,31 +105,39 @@ void RequestServer::queueHeavy(HeavyRequest request) {
   decideOnReading();
   connection_.options().heavyRequests->enter(
       connection_.quota().account,
-      [this, alive = connection_.shared_from_this(), held = std::move(request)]() mutable { serveHeavy(std::move(held)); });
+      [this, alive = connection_.shared_from_this(), held = std::move(request)]() mutable {
+        serveHeavy(std::move(held));
+      });
 }
 
 void RequestServer::serveHeavy(HeavyRequest request) {
   if (!connection_.isValid()) return requestAnswered(request.call.requestId);
-  ArgumentReader reader(request.arguments->bytes(), request.files, connection_.options().receiveLimitBytes,
-                        connection_.quota());
+  ArgumentReader reader(request.arguments->bytes(), request.files,
+                        connection_.options().receiveLimitBytes, connection_.quota());
   serve(request.method, reader, request.argumentCount, request.call);
 }
 
-void RequestServer::serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount, Interface::Call& call) {
+void RequestServer::serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount,
+                          Interface::Call& call) {
   const std::optional<std::uint64_t> id = call.route ? std::optional(call.requestId) : std::nullopt;
   const std::span<const std::byte> arguments = reader.cursor.rest();
-  const bool fits =
-      connection_.inCallee([&] { return interface_->dispatchAt(method)(object_.get(), reader, argumentCount, call); });
+  const bool fits = connection_.inCallee(
+      [&] { return interface_->dispatchAt(method)(object_.get(), reader, argumentCount, call); });
   if (fits) return;
   if (call.route) {
-    onIoThread([this, alive = connection_.shared_from_this(), requestId = call.requestId] { requestAnswered(requestId); });
+    onIoThread([this, alive = connection_.shared_from_this(), requestId = call.requestId] {
+      requestAnswered(requestId);
+    });
   }
   if (reader.isOverQuota()) return refuseOverQuota(id);
-  if (!areWellFormedArguments(arguments, argumentCount)) return refuse(id, FailureCode::undecodable, kUndecodable);
-  refuse(id, FailureCode::wrongArguments, fmt::format("the arguments do not fit {}", interface_->selectors()[method]));
+  if (!areWellFormedArguments(arguments, argumentCount))
+    return refuse(id, FailureCode::undecodable, kUndecodable);
+  refuse(id, FailureCode::wrongArguments,
+         fmt::format("the arguments do not fit {}", interface_->selectors()[method]));
 }
 
-void RequestServer::refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text) {
+void RequestServer::refuse(std::optional<std::uint64_t> requestId, FailureCode code,
+                           std::string_view text) {
   OutgoingMessage message;
   writeFailure(message, requestId, code, text);
   onIoThread([this, alive = connection_.shared_from_this(), moved = std::move(message)] {
@@ -134,8 +149,9 @@ void RequestServer::refuse(std::optional<std::uint64_t> requestId, FailureCode c
 void RequestServer::refuseOverQuota(std::optional<std::uint64_t> requestId) {
   const MemoryQuota& quota = connection_.quota();
   refuse(requestId, FailureCode::overQuota,
-         fmt::format("uid {} holds {} bytes here; at most {} are granted", connection_.effectiveUserIdentifier(),
-                     quota.account->bytes(), quota.grantedBytes()));
+         fmt::format("uid {} holds {} bytes here; at most {} are granted",
+                     connection_.effectiveUserIdentifier(), quota.account->bytes(),
+                     quota.grantedBytes()));
 }
 
 // `build(message)` writes the answer.
@@ -156,9 +172,11 @@ void RequestServer::answer(std::uint64_t requestId, Build build) {
   });
 }
 
-void RequestServer::sendReply(std::uint64_t requestId, std::size_t resultCount, ReplyRoute::WriteResults write, void* results) {
+void RequestServer::sendReply(std::uint64_t requestId, std::size_t resultCount,
+                              ReplyRoute::WriteResults write, void* results) {
   // Off the I/O thread nobody knows what the peer has left unread.
-  const bool takesDescriptors = connection_.transport().onIoThread() && connection_.takesDescriptors();
+  const bool takesDescriptors =
+      connection_.transport().onIoThread() && connection_.takesDescriptors();
   answer(requestId, [&](OutgoingMessage& message) {
     message.begin();
     writeReplyHead(message, requestId, resultCount);
@@ -166,12 +184,14 @@ void RequestServer::sendReply(std::uint64_t requestId, std::size_t resultCount, 
     write(results, arguments);
     if (message.finish()) return;
     writeFailure(message, requestId, FailureCode::unsendable,
-                 fmt::format("the answer is longer than a frame can be ({} bytes)", limits::kFrameBytesFromDaemon));
+                 fmt::format("the answer is longer than a frame can be ({} bytes)",
+                             limits::kFrameBytesFromDaemon));
   });
 }
 
 void RequestServer::sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text) {
-  answer(requestId, [&](OutgoingMessage& message) { writeFailure(message, requestId, code, text); });
+  answer(requestId,
+         [&](OutgoingMessage& message) { writeFailure(message, requestId, code, text); });
 }
 
 bool RequestServer::sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount,
@@ -215,14 +235,17 @@ void RequestServer::requestAnswered(std::uint64_t requestId) {
   if (ledger_.endHeavy(requestId)) {
     // Not before what this answer made wait was counted, at the end of the turn.
     connection_.transport().performLater(
-        [queue = connection_.options().heavyRequests, user = connection_.quota().account] { queue->leave(user); });
+        [queue = connection_.options().heavyRequests, user = connection_.quota().account] {
+          queue->leave(user);
+        });
   }
   if (ledger_.isPaused()) decideOnReading();
 }
 
 void RequestServer::decideOnReading() {
   if (!connection_.isValid()) return;
-  if (const std::optional<bool> pause = ledger_.decide()) connection_.transport().setReading(!*pause);
+  if (const std::optional<bool> pause = ledger_.decide())
+    connection_.transport().setReading(!*pause);
 }
 
 void RequestServer::onIoThread(Block block) {

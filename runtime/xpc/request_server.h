@@ -21,9 +21,10 @@ namespace keel::xpc {
 
 class Connection;
 
-// The serving half of a connection: decodes requests and one-way messages, calls the exported object, and answers. A message
-// that cannot be served is answered with a failure, and the connection stays. Owned by its connection. Messages are received on
-// the connection's queue; answers may come from any thread.
+// The serving half of a connection: decodes requests and one-way messages, calls the exported
+// object, and answers. A message that cannot be served is answered with a failure, and the
+// connection stays. Owned by its connection. Messages are received on the connection's queue;
+// answers may come from any thread.
 class RequestServer {
  public:
   explicit RequestServer(Connection& connection) : connection_(connection) {}
@@ -37,21 +38,24 @@ class RequestServer {
   void setShared() { ledger_.setShared(); }
 
   // Each gets the message behind its kind. `count` is the number of the message's elements.
-  void receiveRequest(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  void receiveRequest(cbor::Cursor& cursor, std::uint64_t count,
+                      std::vector<FileDescriptor>& files);
   void receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
   // A request of that id, if it has one, whose frame was skipped.
   void refuseOversized(std::optional<std::uint64_t> requestId, std::string_view text);
-  // Answers what cannot be served (`requestId` empty for a one-way message) and runs the interruption handler.
+  // Answers what cannot be served (`requestId` empty for a one-way message) and runs the
+  // interruption handler.
   void refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);
   // How much a message asks for, before it is decoded any further.
   Weight weightOf(std::span<const std::byte> frame) const;
 
   // As ReplyRoute has them.
-  void sendReply(std::uint64_t requestId, std::size_t resultCount, ReplyRoute::WriteResults write, void* results);
+  void sendReply(std::uint64_t requestId, std::size_t resultCount, ReplyRoute::WriteResults write,
+                 void* results);
   void sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text);
   // Returns false, having sent nothing, when the replies cannot travel together.
-  bool sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount, ReplyRoute::WriteResults write,
-                   void* results);
+  bool sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount,
+                   ReplyRoute::WriteResults write, void* results);
 
   // Messages wait on the connection's queue, or were served from there. On the I/O thread.
   void messageQueued(std::size_t sizeBytes);
@@ -67,10 +71,12 @@ class RequestServer {
     Interface::Call call;
   };
 
-  void dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files, Interface::Call& call);
+  void dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files,
+                Interface::Call& call);
   void queueHeavy(HeavyRequest request);
   void serveHeavy(HeavyRequest request);
-  void serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount, Interface::Call& call);
+  void serve(std::uint64_t method, ArgumentReader& reader, std::uint64_t argumentCount,
+             Interface::Call& call);
   void refuseOverQuota(std::optional<std::uint64_t> requestId);
   template <class Build>
   void answer(std::uint64_t requestId, Build build);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// An NSS source for tests, "keeltest": other names of the accounts in /etc/passwd, as directories have them. Each line of
-// /etc/keel-aliases is NAME ACCOUNT. Who asks for NAME gets the entry of ACCOUNT, which has the account's own name in it.
+// An NSS source for tests, "keeltest": other names of the accounts in /etc/passwd, as directories
+// have them. Each line of /etc/keel-aliases is NAME ACCOUNT. Who asks for NAME gets the entry of
+// ACCOUNT, which has the account's own name in it.
 
 #include <nss.h>
 #include <pwd.h>
@@ -29,9 +30,11 @@ std::string accountOf(std::string_view name) {
   return {};
 }
 
-// The entry of that account in the file at `path`. `next` reads one entry, and `nameOf` is its name.
+// The entry of that account in the file at `path`. `next` reads one entry, and `nameOf` is its
+// name.
 template <class Entry, class Next>
-nss_status find(const char* path, const std::string& account, Entry* result, Next next, char* Entry::* nameOf, int* problem) {
+nss_status find(const char* path, const std::string& account, Entry* result, Next next,
+                char* Entry::* nameOf, int* problem) {
   const std::unique_ptr<std::FILE, Close> file(account.empty() ? nullptr : std::fopen(path, "re"));
   if (!file) return NSS_STATUS_NOTFOUND;
   for (;;) {
@@ -51,15 +54,21 @@ nss_status find(const char* path, const std::string& account, Entry* result, Nex
 extern "C" {
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the C library looks for these names.
-[[gnu::visibility("default")]] nss_status _nss_keeltest_getpwnam_r(const char* name, passwd* result, char* buffer,
-                                                                   std::size_t size, int* problem) {
-  const auto next = [&](std::FILE* file, passwd** found) { return ::fgetpwent_r(file, result, buffer, size, found); };
+[[gnu::visibility("default")]] nss_status _nss_keeltest_getpwnam_r(const char* name, passwd* result,
+                                                                   char* buffer, std::size_t size,
+                                                                   int* problem) {
+  const auto next = [&](std::FILE* file, passwd** found) {
+    return ::fgetpwent_r(file, result, buffer, size, found);
+  };
   return find("/etc/passwd", accountOf(name), result, next, &passwd::pw_name, problem);
 }
 
-[[gnu::visibility("default")]] nss_status _nss_keeltest_getspnam_r(const char* name, spwd* result, char* buffer,
-                                                                   std::size_t size, int* problem) {
-  const auto next = [&](std::FILE* file, spwd** found) { return ::fgetspent_r(file, result, buffer, size, found); };
+[[gnu::visibility("default")]] nss_status _nss_keeltest_getspnam_r(const char* name, spwd* result,
+                                                                   char* buffer, std::size_t size,
+                                                                   int* problem) {
+  const auto next = [&](std::FILE* file, spwd** found) {
+    return ::fgetspent_r(file, result, buffer, size, found);
+  };
   return find("/etc/shadow", accountOf(name), result, next, &spwd::sp_namp, problem);
 }
 // NOLINTEND(bugprone-reserved-identifier)

@@ -53,9 +53,11 @@ void report(const char* path) {
   file << "== descriptors\n";
   for (int descriptor = 0; descriptor < 1024; ++descriptor) {
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
-    if (::fcntl(descriptor, F_GETFD) >= 0) file << descriptor << " " << std::filesystem::read_symlink(link).native() << "\n";
+    if (::fcntl(descriptor, F_GETFD) >= 0)
+      file << descriptor << " " << std::filesystem::read_symlink(link).native() << "\n";
   }
-  file << "== process\ndumpable " << ::prctl(PR_GET_DUMPABLE) << "\nleader " << (::getsid(0) == ::getpid()) << "\n";
+  file << "== process\ndumpable " << ::prctl(PR_GET_DUMPABLE) << "\nleader "
+       << (::getsid(0) == ::getpid()) << "\n";
 }
 
 int act(pam_handle_t* pam, std::span<const char*> arguments) {
@@ -75,7 +77,8 @@ int act(pam_handle_t* pam, std::span<const char*> arguments) {
 
 extern "C" {
 
-[[gnu::visibility("default")]] int pam_sm_authenticate(pam_handle_t* pam, int, int count, const char** arguments) {
+[[gnu::visibility("default")]] int pam_sm_authenticate(pam_handle_t* pam, int, int count,
+                                                       const char** arguments) {
   return act(pam, {arguments, static_cast<std::size_t>(count)});
 }
 
@@ -83,7 +86,8 @@ extern "C" {
   return PAM_SUCCESS;
 }
 
-[[gnu::visibility("default")]] int pam_sm_acct_mgmt(pam_handle_t* pam, int, int count, const char** arguments) {
+[[gnu::visibility("default")]] int pam_sm_acct_mgmt(pam_handle_t* pam, int, int count,
+                                                    const char** arguments) {
   return act(pam, {arguments, static_cast<std::size_t>(count)});
 }
 

@@ -6,7 +6,8 @@
 #include "runtime/foundation/base64.h"
 #include "runtime/foundation/check.h"
 
-// Fuzzes what reads the answers to basic challenges: the text itself, and the text as what was encoded.
+// Fuzzes what reads the answers to basic challenges: the text itself, and the text as what was
+// encoded.
 
 namespace {
 

@@ -7,7 +7,8 @@
 #include "runtime/foundation/cbor_writer.h"
 #include "runtime/foundation/check.h"
 
-// Fuzzes everything that reads encoded items. The first byte of the input is the depth that is allowed.
+// Fuzzes everything that reads encoded items. The first byte of the input is the depth that is
+// allowed.
 
 namespace {
 
@@ -18,7 +19,8 @@ using keel::cbor::Cursor;
 
 using Bytes = std::span<const std::byte>;
 
-// decode() accepts what validate() accepts, refuses the rest for the same reason, and what it yields survives encoding.
+// decode() accepts what validate() accepts, refuses the rest for the same reason, and what it
+// yields survives encoding.
 void checkDecoding(Bytes input, std::size_t maximumDepth) {
   const auto valid = keel::cbor::validate(input, maximumDepth);
   const auto decoded = keel::cbor::decode(input, maximumDepth);
@@ -36,7 +38,8 @@ void checkDecoding(Bytes input, std::size_t maximumDepth) {
   KEEL_CHECK(!decoded->description().empty());
 }
 
-// One read: what it yields lies within the bytes, it goes forward on success and nowhere on failure.
+// One read: what it yields lies within the bytes, it goes forward on success and nowhere on
+// failure.
 template <class Read>
 bool reads(const Cursor& before, Cursor& after, Read read) {
   after = before;
@@ -55,7 +58,8 @@ void checkWithin(Bytes whole, const void* begin, std::size_t size) {
   for (const std::byte byte : Bytes(first, size)) sum = sum + std::to_integer<unsigned>(byte);
 }
 
-// Tries every read at each place that some read leads to, heads before whole items, until none succeeds.
+// Tries every read at each place that some read leads to, heads before whole items, until none
+// succeeds.
 void checkCursor(Bytes input, std::size_t maximumDepth) {
   Cursor at(input), next(input);
   for (bool moved = true; moved;) {

@@ -7,8 +7,8 @@
 #include "platform/authenticator/digest_answer.h"
 #include "runtime/foundation/check.h"
 
-// Fuzzes what reads the answers to digest challenges. What is taken, written anew in one plain form, is taken again as the
-// same.
+// Fuzzes what reads the answers to digest challenges. What is taken, written anew in one plain
+// form, is taken again as the same.
 
 namespace {
 
@@ -16,21 +16,25 @@ using keel::DigestAnswer;
 using keel::quotedString;
 
 std::string written(const DigestAnswer& answer) {
-  return "Digest username=" + quotedString(answer.user) + ", userhash=" + (answer.isUserHashed ? "true" : "false") +
+  return "Digest username=" + quotedString(answer.user) +
+         ", userhash=" + (answer.isUserHashed ? "true" : "false") +
          ", realm=" + quotedString(answer.realm) + ", nonce=" + quotedString(answer.nonce) +
          ", opaque=" + quotedString(answer.opaque) + ", uri=" + quotedString(answer.uri) +
-         ", cnonce=" + quotedString(answer.clientNonce) + ", algorithm=" + std::string(nameOf(answer.algorithm)) +
-         ", response=" + answer.response + ", qop=auth, nc=00000001";
+         ", cnonce=" + quotedString(answer.clientNonce) +
+         ", algorithm=" + std::string(nameOf(answer.algorithm)) + ", response=" + answer.response +
+         ", qop=auth, nc=00000001";
 }
 
 bool isSame(const DigestAnswer& left, const DigestAnswer& right) {
-  return left.user == right.user && left.isUserHashed == right.isUserHashed && left.realm == right.realm &&
-         left.nonce == right.nonce && left.opaque == right.opaque && left.uri == right.uri &&
-         left.clientNonce == right.clientNonce && left.algorithm == right.algorithm && left.response == right.response;
+  return left.user == right.user && left.isUserHashed == right.isUserHashed &&
+         left.realm == right.realm && left.nonce == right.nonce && left.opaque == right.opaque &&
+         left.uri == right.uri && left.clientNonce == right.clientNonce &&
+         left.algorithm == right.algorithm && left.response == right.response;
 }
 
 bool hasControl(std::string_view text) {
-  return std::ranges::any_of(text, [](unsigned char byte) { return (byte < 0x20 && byte != '\t') || byte == 0x7f; });
+  return std::ranges::any_of(
+      text, [](unsigned char byte) { return (byte < 0x20 && byte != '\t') || byte == 0x7f; });
 }
 
 }  // namespace

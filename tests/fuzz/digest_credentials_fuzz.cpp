@@ -5,14 +5,16 @@
 #include "platform/authenticator/digest_credentials.h"
 #include "runtime/foundation/check.h"
 
-// Fuzzes what reads and edits the file of digest credentials: an edit changes the lines of its user alone.
+// Fuzzes what reads and edits the file of digest credentials: an edit changes the lines of its user
+// alone.
 
 namespace {
 
 using keel::DigestCredentials;
 using keel::Secret;
 
-std::size_t countOf(const DigestCredentials& credentials, std::string_view user, std::string_view realm) {
+std::size_t countOf(const DigestCredentials& credentials, std::string_view user,
+                    std::string_view realm) {
   std::size_t count = 0;
   for (const auto& line : credentials.lines()) count += line.user == user && line.realm == realm;
   return count;
@@ -21,7 +23,8 @@ std::size_t countOf(const DigestCredentials& credentials, std::string_view user,
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const DigestCredentials before(Secret(std::string_view(reinterpret_cast<const char*>(data), size)));
+  const DigestCredentials before(
+      Secret(std::string_view(reinterpret_cast<const char*>(data), size)));
   const std::string user(before.lines().empty() ? "user" : before.lines().back().user);
   const std::string realm(before.lines().empty() ? "realm" : before.lines().back().realm);
   KEEL_CHECK(DigestCredentials::canBeUser(user) && DigestCredentials::canBeRealm(realm));

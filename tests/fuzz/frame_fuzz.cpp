@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A peer that sends anything at all: the input is the byte stream behind its hello, cut into reads of odd sizes. Whatever
-// comes, the connection must not read outside, must answer each request at most once, and must never answer an answer.
+// A peer that sends anything at all: the input is the byte stream behind its hello, cut into reads
+// of odd sizes. Whatever comes, the connection must not read outside, must answer each request at
+// most once, and must never answer an answer.
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
@@ -34,7 +35,8 @@ class Service final : public protocols::NotifyProxy {
     reply(nullptr, name.isNull() ? Error("d", 12) : Error());
   }
   void unsubscribeFrom(Name name) override { last_ = name; }
-  void publishItem(Dictionary item, Name name, std::uint64_t, std::int64_t, xpc::Reply<Error> reply) override {
+  void publishItem(Dictionary item, Name name, std::uint64_t, std::int64_t,
+                   xpc::Reply<Error> reply) override {
     reply(Error(name, 13, item));
   }
   void updatePublishedItem(Dictionary item, Name, xpc::Reply<Error> reply) override {
@@ -44,7 +46,9 @@ class Service final : public protocols::NotifyProxy {
   }
   void removePublishedItemForName(Name, xpc::Reply<Error>) override {}  // dropped unanswered
   void getModuleTableWithHandler(xpc::Reply<Dictionary> reply) override { reply(nullptr); }
-  void dumpNotification(Name, bool, xpc::Reply<Array, Error> reply) override { reply(nullptr, nullptr); }
+  void dumpNotification(Name, bool, xpc::Reply<Array, Error> reply) override {
+    reply(nullptr, nullptr);
+  }
 
  private:
   Name last_;
@@ -79,7 +83,8 @@ class Wire final : public xpc::Transport {
   void deliver(std::span<const std::byte> frame) {
     if (receiver_ == nullptr) return;
     const auto envelope = xpc::peekEnvelope(frame);
-    answering_ = envelope && (envelope->kind == xpc::MessageKind::reply || envelope->kind == xpc::MessageKind::failure);
+    answering_ = envelope && (envelope->kind == xpc::MessageKind::reply ||
+                              envelope->kind == xpc::MessageKind::failure);
     std::vector<FileDescriptor> files;
     const auto alive = receiver_->holdAlive();
     receiver_->onFrame(frame, files);
@@ -106,10 +111,12 @@ class Wire final : public xpc::Transport {
 void run(std::span<const std::byte> input) {
   auto transport = std::make_unique<Wire>();
   Wire& wire = *transport;
-  const auto connection = xpc::Connection::create(xpc::PeerIdentity(), std::move(transport), xpc::Connection::Options());
+  const auto connection = xpc::Connection::create(xpc::PeerIdentity(), std::move(transport),
+                                                  xpc::Connection::Options());
   connection->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());
   connection->setExportedObject<protocols::NotifyProxy>(std::make_shared<Service>());
-  connection->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+  connection->setRemoteObjectInterface(
+      xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
   connection->resume();
   // The first byte says whether the peer begins well, and how its bytes are cut.
   const std::uint8_t mode = input.empty() ? 0 : std::to_integer<std::uint8_t>(input.front());
@@ -117,7 +124,8 @@ void run(std::span<const std::byte> input) {
   if (mode % 4 != 0) {
     ByteSink hello;
     cbor::Writer writer(hello);
-    writer.value(Value::list({0, 1, Value::list({"updateSubscriptionFor:withItem:flags:error:"}), Value::map({})}));
+    writer.value(Value::list(
+        {0, 1, Value::list({"updateSubscriptionFor:withItem:flags:error:"}), Value::map({})}));
     wire.deliver(hello);
   }
   xpc::FrameSplitter splitter(kFrameLimitBytes, xpc::limits::kFrameBytesFromDaemon);
@@ -126,7 +134,8 @@ void run(std::span<const std::byte> input) {
     const std::size_t now = std::min(cut, input.size());
     splitter.give(input.first(now));
     input = input.subspan(now);
-    for (auto found = splitter.next(); found != xpc::FrameSplitter::Found::nothing; found = splitter.next()) {
+    for (auto found = splitter.next(); found != xpc::FrameSplitter::Found::nothing;
+         found = splitter.next()) {
       if (found == xpc::FrameSplitter::Found::garbage) return wire.end();
       if (found == xpc::FrameSplitter::Found::frame) {
         wire.deliver(splitter.frame());

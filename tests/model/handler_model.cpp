@@ -8,19 +8,27 @@
 namespace keel::model {
 
 HandlerModel::ClientId HandlerModel::connect(std::string description) {
-  clients_.push_back({.description = std::move(description), .publications = {}, .subscriptions = {}, .sent = {}, .dumps = {}});
+  clients_.push_back({.description = std::move(description),
+                      .publications = {},
+                      .subscriptions = {},
+                      .sent = {},
+                      .dumps = {}});
   return clients_.size() - 1;
 }
 
-void HandlerModel::publish(ClientId client, std::uint64_t request, const ModelName& name, std::optional<int> value) {
+void HandlerModel::publish(ClientId client, std::uint64_t request, const ModelName& name,
+                           std::optional<int> value) {
   if (!name) return reply(client, request, textOfError(12));
   enqueue(client, [this, client, request, name = *name, value] {
     if (clients_[client].publications.contains(name)) return reply(client, request, textOfError(9));
     auto& item = items_[name];
     if (item && item->isPublished) {
-      return reply(client, request, textOfError(9, fmt::format("the key {} has already been published", name)));
+      return reply(client, request,
+                   textOfError(9, fmt::format("the key {} has already been published", name)));
     }
-    if (!item) item = std::make_shared<Item>(Item{.name = name, .owner = {}, .value = {}, .subscriptions = {}});
+    if (!item)
+      item =
+          std::make_shared<Item>(Item{.name = name, .owner = {}, .value = {}, .subscriptions = {}});
     item->isPublished = true;
     item->owner = client;
     clients_[client].publications.insert(name);
@@ -29,9 +37,11 @@ void HandlerModel::publish(ClientId client, std::uint64_t request, const ModelNa
   });
 }
 
-void HandlerModel::update(ClientId client, std::uint64_t request, const ModelName& name, std::optional<int> value) {
+void HandlerModel::update(ClientId client, std::uint64_t request, const ModelName& name,
+                          std::optional<int> value) {
   enqueue(client, [this, client, request, name, value] {
-    if (!name || !clients_[client].publications.contains(*name)) return reply(client, request, textOfError(11));
+    if (!name || !clients_[client].publications.contains(*name))
+      return reply(client, request, textOfError(11));
     setData(*items_.at(*name), value);
     reply(client, request, "ok");
   });
@@ -39,7 +49,8 @@ void HandlerModel::update(ClientId client, std::uint64_t request, const ModelNam
 
 void HandlerModel::remove(ClientId client, std::uint64_t request, const ModelName& name) {
   enqueue(client, [this, client, request, name] {
-    if (!name || clients_[client].publications.erase(*name) == 0) return reply(client, request, textOfError(11));
+    if (!name || clients_[client].publications.erase(*name) == 0)
+      return reply(client, request, textOfError(11));
     const auto item = items_.at(*name);
     if (item->subscriptions.empty()) {
       items_.erase(*name);
@@ -53,14 +64,16 @@ void HandlerModel::remove(ClientId client, std::uint64_t request, const ModelNam
 void HandlerModel::subscribe(ClientId client, std::uint64_t request, const ModelName& name) {
   if (!name) return reply(client, request, "null " + textOfError(12));
   enqueue(client, [this, client, request, name = *name] {
-    if (clients_[client].subscriptions.contains(name)) return reply(client, request, "null " + textOfError(9));
+    if (clients_[client].subscriptions.contains(name))
+      return reply(client, request, "null " + textOfError(9));
     const auto subscription = std::make_shared<Subscription>(Subscription{client});
     clients_[client].subscriptions[name] = subscription;
     auto& item = items_[name];
     if (item) {
       line_.push_back([this, item, subscription] { deliver(*item, *subscription); });
     } else {
-      item = std::make_shared<Item>(Item{.name = name, .owner = {}, .value = {}, .subscriptions = {}});
+      item =
+          std::make_shared<Item>(Item{.name = name, .owner = {}, .value = {}, .subscriptions = {}});
     }
     item->subscriptions.push_back(subscription);
     reply(client, request, "null ok");
@@ -75,7 +88,8 @@ void HandlerModel::unsubscribe(ClientId client, const ModelName& name) {
   });
 }
 
-void HandlerModel::dump(ClientId client, std::uint64_t request, const ModelName& name, bool withData) {
+void HandlerModel::dump(ClientId client, std::uint64_t request, const ModelName& name,
+                        bool withData) {
   enqueue(client, [this, client, request, name, withData] {
     std::string text;
     std::string error = "ok";
@@ -86,7 +100,8 @@ void HandlerModel::dump(ClientId client, std::uint64_t request, const ModelName&
     } else {
       error = textOfError(11, textOf(name) + " not found");
     }
-    if (clients_[client].alive) clients_[client].dumps.push_back(replyText(request, fmt::format("[{}] {}", text, error)));
+    if (clients_[client].alive)
+      clients_[client].dumps.push_back(replyText(request, fmt::format("[{}] {}", text, error)));
   });
 }
 
@@ -97,8 +112,10 @@ void HandlerModel::interrupt(ClientId client) {
 void HandlerModel::die(ClientId client) {
   clients_[client].alive = false;
   line_.push_back([this, client] {
-    for (const auto& [name, subscription] : std::exchange(clients_[client].subscriptions, {})) detach(name, subscription);
-    for (const auto& name : std::exchange(clients_[client].publications, {})) items_.at(name)->isPublished = false;
+    for (const auto& [name, subscription] : std::exchange(clients_[client].subscriptions, {}))
+      detach(name, subscription);
+    for (const auto& name : std::exchange(clients_[client].publications, {}))
+      items_.at(name)->isPublished = false;
   });
 }
 
@@ -146,19 +163,21 @@ void HandlerModel::setData(Item& item, std::optional<int> value) {
   for (const auto& subscription : item.subscriptions) deliver(item, *subscription);
 }
 
-void HandlerModel::detach(const std::string& name, const std::shared_ptr<Subscription>& subscription) {
+void HandlerModel::detach(const std::string& name,
+                          const std::shared_ptr<Subscription>& subscription) {
   std::erase(items_.at(name)->subscriptions, subscription);
 }
 
 std::string HandlerModel::describe(const Item& item, bool withData) const {
   std::string subscribers;
   for (const auto& subscription : item.subscriptions) {
-    subscribers +=
-        fmt::format("{{{} {}}}", connectionText(subscription->client), subscription->updated ? "date" : "<never updated>");
+    subscribers += fmt::format("{{{} {}}}", connectionText(subscription->client),
+                               subscription->updated ? "date" : "<never updated>");
   }
   const std::string data = item.value ? textOfData(item.value) : "<no data>";
-  return fmt::format("{{{} {} {} [{}]{}}}", item.name, connectionText(item.owner), item.dated ? "date" : "<never published>",
-                     subscribers, withData ? " " + data : "");
+  return fmt::format("{{{} {} {} [{}]{}}}", item.name, connectionText(item.owner),
+                     item.dated ? "date" : "<never published>", subscribers,
+                     withData ? " " + data : "");
 }
 
 }  // namespace keel::model

@@ -14,8 +14,9 @@
 
 namespace keel::model {
 
-// What the notify service means to its clients, as plainly as it can be said: requests wait in one line; each client has the
-// texts of what it was sent. It knows of no behaviours, no weak references and no indexes.
+// What the notify service means to its clients, as plainly as it can be said: requests wait in one
+// line; each client has the texts of what it was sent. It knows of no behaviours, no weak
+// references and no indexes.
 class HandlerModel {
  public:
   using ClientId = std::size_t;
@@ -24,8 +25,10 @@ class HandlerModel {
   ClientId connect(std::string description);
 
   // Requests, under the number by which the client knows them.
-  void publish(ClientId client, std::uint64_t request, const ModelName& name, std::optional<int> value);
-  void update(ClientId client, std::uint64_t request, const ModelName& name, std::optional<int> value);
+  void publish(ClientId client, std::uint64_t request, const ModelName& name,
+               std::optional<int> value);
+  void update(ClientId client, std::uint64_t request, const ModelName& name,
+              std::optional<int> value);
   void remove(ClientId client, std::uint64_t request, const ModelName& name);
   void subscribe(ClientId client, std::uint64_t request, const ModelName& name);
   void unsubscribe(ClientId client, const ModelName& name);
@@ -39,7 +42,8 @@ class HandlerModel {
 
   // What the client was sent since it was last asked, but for the answers to its dumps.
   std::vector<std::string> take(ClientId client);
-  // All answers to its dumps: each shows the moment at which the dump was its turn, and may be sent later.
+  // All answers to its dumps: each shows the moment at which the dump was its turn, and may be sent
+  // later.
   const std::vector<std::string>& dumps(ClientId client) const { return clients_[client].dumps; }
 
  private:
@@ -68,7 +72,9 @@ class HandlerModel {
   void enqueue(ClientId client, std::function<void()> work);
   static std::string replyText(std::uint64_t request, const std::string& text);
   void reply(ClientId client, std::uint64_t request, const std::string& text);
-  bool exists(ClientId client) const { return clients_[client].alive || clients_[client].waitingCount > 0; }
+  bool exists(ClientId client) const {
+    return clients_[client].alive || clients_[client].waitingCount > 0;
+  }
   std::string connectionText(std::optional<ClientId> client) const;
 
   void deliver(Item& item, Subscription& subscription);

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Several clients, each on a connection of its own with a handler as the listener makes it, send requests over the wire and die
-// at any moment, with work still waiting or not. After each step every client has been sent exactly what the model says, in
-// that order. Dumps of all items are written in slices of one item, or at once; those in slices are answered later than the
-// model says, but as it says.
+// Several clients, each on a connection of its own with a handler as the listener makes it, send
+// requests over the wire and die at any moment, with work still waiting or not. After each step
+// every client has been sent exactly what the model says, in that order. Dumps of all items are
+// written in slices of one item, or at once; those in slices are answered later than the model
+// says, but as it says.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
@@ -20,11 +21,23 @@
 
 namespace keel::model {
 
-enum class Request : std::uint8_t { publish, update, remove, subscribe, unsubscribe, dump, dumpAll, interrupt, die, runTurn };
+enum class Request : std::uint8_t {
+  publish,
+  update,
+  remove,
+  subscribe,
+  unsubscribe,
+  dump,
+  dumpAll,
+  interrupt,
+  die,
+  runTurn
+};
 
 static std::string textOf(Request kind) {
-  constexpr std::array<const char*, 10> kTexts = {"publish", "update",  "remove",    "subscribe", "unsubscribe",
-                                                  "dump",    "dumpAll", "interrupt", "die",       "runTurn"};
+  constexpr std::array<const char*, 10> kTexts = {"publish",     "update", "remove",  "subscribe",
+                                                  "unsubscribe", "dump",   "dumpAll", "interrupt",
+                                                  "die",         "runTurn"};
   return kTexts.at(static_cast<std::size_t>(kind));
 }
 
@@ -44,7 +57,8 @@ std::string dateText(const Value& value) {
 std::string entryText(const Value& entry) {
   std::string subscribers;
   for (const Value& each : *entry.find("subscribers")->as<Value::List>()) {
-    subscribers += fmt::format("{{{} {}}}", each.textOf("subscriber"), dateText(*each.find("updateDate")));
+    subscribers +=
+        fmt::format("{{{} {}}}", each.textOf("subscriber"), dateText(*each.find("updateDate")));
   }
   std::string data;
   if (const Value* published = entry.find("publishedData")) {
@@ -59,7 +73,8 @@ std::string dumpText(const Array& array) {
   std::vector<std::string> entries;
   const Value list = array.value();
   for (const Value& entry : *list.as<Value::List>()) entries.push_back(entryText(entry));
-  std::ranges::sort(entries, {}, [](const std::string& entry) { return entry.substr(1, entry.find(' ')); });
+  std::ranges::sort(entries, {},
+                    [](const std::string& entry) { return entry.substr(1, entry.find(' ')); });
   return fmt::format("[{}]", fmt::join(entries, ""));
 }
 
@@ -74,8 +89,9 @@ class ModelClient {
   // Notes how the answer is to be read.
   template <auto Member, class... Arguments>
   std::uint64_t request(Arguments... arguments) {
-    texts_.push_back(
-        [](const FakeClient& client, std::uint64_t request) { return textOfResults(*client.resultsOf<Member>(request)); });
+    texts_.push_back([](const FakeClient& client, std::uint64_t request) {
+      return textOfResults(*client.resultsOf<Member>(request));
+    });
     isDump_.push_back(std::is_same_v<decltype(Member), decltype(&NotifyProxy::dumpNotification)>);
     return client_.request<Member>(std::move(arguments)...);
   }
@@ -93,9 +109,12 @@ class ModelClient {
   const std::vector<std::string>& dumps() const { return dumps_; }
 
  private:
-  static std::string textOfResults(const std::tuple<Error>& results) { return textOf(std::get<0>(results)); }
+  static std::string textOfResults(const std::tuple<Error>& results) {
+    return textOf(std::get<0>(results));
+  }
   static std::string textOfResults(const std::tuple<Dictionary, Error>& results) {
-    return (std::get<0>(results).isNull() ? "null " : "a dictionary ") + textOf(std::get<1>(results));
+    return (std::get<0>(results).isNull() ? "null " : "a dictionary ") +
+           textOf(std::get<1>(results));
   }
   static std::string textOfResults(const std::tuple<Array, Error>& results) {
     return dumpText(std::get<0>(results)) + " " + textOf(std::get<1>(results));
@@ -103,9 +122,11 @@ class ModelClient {
   std::string textOfReceived(const Received& received) const {
     switch (received.kind) {
       case Received::Kind::reply:
-        return fmt::format("reply {} {}", received.requestId, texts_.at(received.requestId - 1)(client_, received.requestId));
+        return fmt::format("reply {} {}", received.requestId,
+                           texts_.at(received.requestId - 1)(client_, received.requestId));
       case Received::Kind::update:
-        return updateText(received.name.view(), received.item.value().description()) + (received.flags != 0 ? " flags" : "") +
+        return updateText(received.name.view(), received.item.value().description()) +
+               (received.flags != 0 ? " flags" : "") +
                (received.error ? " " + textOf(received.error) : "");
       case Received::Kind::failure:
         return "failure";
@@ -126,7 +147,8 @@ class World {
  public:
   explicit World(bool dumpsInSlices) : dumpsInSlices_(dumpsInSlices) {
     if (dumpsInSlices) service_->dumpDesk().setSliceWork(1);
-    for (std::size_t i = 0; i < kClientCount; ++i) clients_.push_back(std::make_unique<ModelClient>(connections_, model_));
+    for (std::size_t i = 0; i < kClientCount; ++i)
+      clients_.push_back(std::make_unique<ModelClient>(connections_, model_));
   }
 
   void run(const Step<Request>& step) {
@@ -135,26 +157,35 @@ class World {
     switch (step.kind) {
       case Request::publish: {
         const auto flags = static_cast<std::uint64_t>(step.client);
-        const auto id = client.request<&NotifyProxy::publishItem>(toData(step.value), name, flags, std::int64_t{-1});
+        const auto id = client.request<&NotifyProxy::publishItem>(toData(step.value), name, flags,
+                                                                  std::int64_t{-1});
         return model_.publish(client.id(), id, step.name, step.value);
       }
       case Request::update:
-        return model_.update(client.id(), client.request<&NotifyProxy::updatePublishedItem>(toData(step.value), name),
-                             step.name, step.value);
+        return model_.update(
+            client.id(),
+            client.request<&NotifyProxy::updatePublishedItem>(toData(step.value), name), step.name,
+            step.value);
       case Request::remove:
-        return model_.remove(client.id(), client.request<&NotifyProxy::removePublishedItemForName>(name), step.name);
+        return model_.remove(
+            client.id(), client.request<&NotifyProxy::removePublishedItemForName>(name), step.name);
       case Request::subscribe:
-        return model_.subscribe(client.id(), client.request<&NotifyProxy::subscribeTo>(name, std::uint64_t{step.client}),
-                                step.name);
+        return model_.subscribe(
+            client.id(),
+            client.request<&NotifyProxy::subscribeTo>(name, std::uint64_t{step.client}), step.name);
       case Request::unsubscribe:
         client.client().tell<&NotifyProxy::unsubscribeFrom>(name);
         return model_.unsubscribe(client.id(), step.name);
       case Request::dump:
         finishDumpOf(step.client);
-        return model_.dump(client.id(), client.request<&NotifyProxy::dumpNotification>(name, step.flag), step.name, step.flag);
+        return model_.dump(client.id(),
+                           client.request<&NotifyProxy::dumpNotification>(name, step.flag),
+                           step.name, step.flag);
       case Request::dumpAll:
         finishDumpOf(step.client);
-        return model_.dump(client.id(), client.request<&NotifyProxy::dumpNotification>("_all", step.flag), "_all", step.flag);
+        return model_.dump(client.id(),
+                           client.request<&NotifyProxy::dumpNotification>("_all", step.flag),
+                           "_all", step.flag);
       case Request::interrupt:
         client.client().sendNonsense();
         return model_.interrupt(client.id());
@@ -187,7 +218,9 @@ class World {
       RC_ASSERT(client->take() == model_.take(client->id()));
       const auto& expected = model_.dumps(client->id());
       const auto answered = std::min(client->dumps().size(), expected.size());
-      RC_ASSERT(client->dumps() == std::vector(expected.begin(), expected.begin() + static_cast<std::ptrdiff_t>(answered)));
+      RC_ASSERT(
+          client->dumps() ==
+          std::vector(expected.begin(), expected.begin() + static_cast<std::ptrdiff_t>(answered)));
       RC_ASSERT(answered == expected.size() || (dumpsInSlices_ && !isIdle()));
     }
   }
@@ -196,7 +229,8 @@ class World {
   ManualExecutor connections_;
   ManualExecutor executor_;
   const bool dumpsInSlices_;
-  const std::shared_ptr<KLNNotificationService> service_ = std::make_shared<KLNNotificationService>(executor_);
+  const std::shared_ptr<KLNNotificationService> service_ =
+      std::make_shared<KLNNotificationService>(executor_);
   const KLNNotificationService::Override defaultService_{service_};
   HandlerModel model_;
   std::vector<std::unique_ptr<ModelClient>> clients_;

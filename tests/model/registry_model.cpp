@@ -20,16 +20,19 @@ RegistryModel::ClientId RegistryModel::connect() {
   return clients_.size() - 1;
 }
 
-std::string RegistryModel::publish(ClientId client, const ModelName& name, std::optional<int> value) {
+std::string RegistryModel::publish(ClientId client, const ModelName& name,
+                                   std::optional<int> value) {
   if (!name) return no(13);
   auto& item = items_[*name];
-  if (item && item->isPublished) return no(9, fmt::format("the key {} has already been published", *name));
+  if (item && item->isPublished)
+    return no(9, fmt::format("the key {} has already been published", *name));
   if (!item) item = std::make_shared<Item>();
   setData(*item, client, value);
   return "yes";
 }
 
-std::string RegistryModel::publishItem(ClientId client, const ModelName& name, std::optional<int> value) {
+std::string RegistryModel::publishItem(ClientId client, const ModelName& name,
+                                       std::optional<int> value) {
   if (!name) return no(13);
   auto& item = items_[*name];
   if (item && item->isPublished) return no(9);
@@ -38,7 +41,8 @@ std::string RegistryModel::publishItem(ClientId client, const ModelName& name, s
   return "yes";
 }
 
-std::string RegistryModel::updatePublishedItem(ClientId client, const ModelName& name, std::optional<int> value) {
+std::string RegistryModel::updatePublishedItem(ClientId client, const ModelName& name,
+                                               std::optional<int> value) {
   Item* const item = find(name);
   if (item == nullptr) return no(11);
   if (item->owner != client) return no(10);
@@ -82,7 +86,8 @@ std::string RegistryModel::subscribeTo(ClientId client, const ModelName& name) {
   if (item) {
     attach(item, std::make_shared<Subscription>(Subscription{*name, client}));
   } else {
-    item = std::make_shared<Item>(Item{.recordsSubscribers = false, .owner = {}, .value = {}, .subscriptions = {}});
+    item = std::make_shared<Item>(
+        Item{.recordsSubscribers = false, .owner = {}, .value = {}, .subscriptions = {}});
   }
   return "yes";
 }
@@ -117,9 +122,12 @@ std::vector<std::string> RegistryModel::table() const {
   std::vector<std::string> entries;
   for (const auto& [name, item] : items_) {
     std::string subscribers;
-    for (const auto& each : item->subscriptions) subscribers += " " + clientText(each->client) + (each->updated ? "+" : "-");
-    entries.push_back(fmt::format("{}{} of {} {} {}:{}", name, item->isPublished ? "" : " placeholder", clientText(item->owner),
-                                  textOfData(item->value), item->dated ? "dated" : "undated", subscribers));
+    for (const auto& each : item->subscriptions)
+      subscribers += " " + clientText(each->client) + (each->updated ? "+" : "-");
+    entries.push_back(fmt::format("{}{} of {} {} {}:{}", name,
+                                  item->isPublished ? "" : " placeholder", clientText(item->owner),
+                                  textOfData(item->value), item->dated ? "dated" : "undated",
+                                  subscribers));
   }
   return entries;
 }
@@ -144,7 +152,8 @@ void RegistryModel::deliver(const Item& item, Subscription& subscription) {
   client.sent.push_back(updateText(subscription.name, textOfData(item.value)));
 }
 
-void RegistryModel::attach(const std::shared_ptr<Item>& item, const std::shared_ptr<Subscription>& subscription) {
+void RegistryModel::attach(const std::shared_ptr<Item>& item,
+                           const std::shared_ptr<Subscription>& subscription) {
   if (item->recordsSubscribers) item->subscriptions.push_back(subscription);
   line_.push_back([this, item, subscription] { deliver(*item, *subscription); });
 }

@@ -12,7 +12,8 @@
 
 namespace keel::model {
 
-// What the registry's operations mean when they are called for clients directly, whoever cleans up after these: nobody does.
+// What the registry's operations mean when they are called for clients directly, whoever cleans up
+// after these: nobody does.
 class RegistryModel {
  public:
   using ClientId = std::size_t;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The registry's own operations, called for several connections directly, most of them such as no handler uses. After each step
-// the results, the deliveries and the whole table are those of the model.
+// The registry's own operations, called for several connections directly, most of them such as no
+// handler uses. After each step the results, the deliveries and the whole table are those of the
+// model.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
@@ -32,8 +33,9 @@ enum class Operation : std::uint8_t {
 };
 
 static std::string textOf(Operation kind) {
-  constexpr std::array<const char*, 10> kTexts = {"publish",     "publishItem",        "update",        "remove", "subscribe",
-                                                  "subscribeTo", "removeSubscription", "losePublisher", "die",    "runTurn"};
+  constexpr std::array<const char*, 10> kTexts = {
+      "publish",     "publishItem",        "update",        "remove", "subscribe",
+      "subscribeTo", "removeSubscription", "losePublisher", "die",    "runTurn"};
   return kTexts.at(static_cast<std::size_t>(kind));
 }
 
@@ -43,8 +45,10 @@ using testing::FakeClient;
 using testing::Received;
 
 struct ListeningClient {
-  ListeningClient(ManualExecutor& executor, RegistryModel& model) : client(executor), id(model.connect()) {
-    client.connection()->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+  ListeningClient(ManualExecutor& executor, RegistryModel& model)
+      : client(executor), id(model.connect()) {
+    client.connection()->setRemoteObjectInterface(
+        xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
     client.connection()->resume();
     address = client.connection();
   }
@@ -66,7 +70,8 @@ struct ListeningClient {
 class World {
  public:
   World() {
-    for (std::size_t i = 0; i < kClientCount; ++i) clients_.push_back(std::make_unique<ListeningClient>(executor_, model_));
+    for (std::size_t i = 0; i < kClientCount; ++i)
+      clients_.push_back(std::make_unique<ListeningClient>(executor_, model_));
   }
 
   void run(const Step<Operation>& step) {
@@ -84,7 +89,8 @@ class World {
     switch (step.kind) {
       case Operation::publish: {
         auto item = service_.newPublishedObjectWith(data, name, 0, 0, connection);
-        return expectSame(service_.publish(item, wanted), model_.publish(client.id, step.name, step.value));
+        return expectSame(service_.publish(item, wanted),
+                          model_.publish(client.id, step.name, step.value));
       }
       case Operation::publishItem:
         return expectSame(service_.publishItem(data, name, 0, 0, connection, wanted),
@@ -97,15 +103,18 @@ class World {
                           model_.removePublishedItemForName(client.id, step.name));
       case Operation::subscribe: {
         const auto subscription = service_.newSubscriptionObjectForName(name, 0, 0, connection);
-        return expectSame(service_.subscribe(subscription, wanted), model_.subscribe(client.id, step.name));
+        return expectSame(service_.subscribe(subscription, wanted),
+                          model_.subscribe(client.id, step.name));
       }
       case Operation::subscribeTo:
-        return expectSame(service_.subscribeTo(name, connection, 0, wanted), model_.subscribeTo(client.id, step.name));
+        return expectSame(service_.subscribeTo(name, connection, 0, wanted),
+                          model_.subscribeTo(client.id, step.name));
       case Operation::removeSubscription:
         return expectSame(service_.removeSubscriptionForName(name, connection, wanted),
                           model_.removeSubscriptionForName(client.id, step.name));
       case Operation::losePublisher:
-        if (const auto found = service_.published().find(name); found != service_.published().end()) {
+        if (const auto found = service_.published().find(name);
+            found != service_.published().end()) {
           found->second->connectionIsInvalid();
         }
         if (step.name) model_.losePublisher(*step.name);
@@ -131,7 +140,8 @@ class World {
  private:
   std::string textOfConnection(const std::shared_ptr<xpc::Connection>& connection) const {
     for (const auto& client : clients_) {
-      if (connection && client->client.connection() == connection) return std::to_string(client->id);
+      if (connection && client->client.connection() == connection)
+        return std::to_string(client->id);
     }
     return connection ? "somebody gone" : "nobody";
   }
@@ -144,11 +154,13 @@ class World {
           subscribers += " " + textOfConnection(each->owner()) + (each->lastUpdated() ? "+" : "-");
         }
       }
-      entries.push_back(fmt::format("{}{} of {} {} {}:{}", name.view(), item->delegate() ? "" : " placeholder",
-                                    textOfConnection(item->owner()), item->data().value().description(),
-                                    item->lastUpdated() ? "dated" : "undated", subscribers));
+      entries.push_back(
+          fmt::format("{}{} of {} {} {}:{}", name.view(), item->delegate() ? "" : " placeholder",
+                      textOfConnection(item->owner()), item->data().value().description(),
+                      item->lastUpdated() ? "dated" : "undated", subscribers));
     }
-    std::ranges::sort(entries, {}, [](const std::string& entry) { return entry.substr(0, entry.find(' ')); });
+    std::ranges::sort(entries, {},
+                      [](const std::string& entry) { return entry.substr(0, entry.find(' ')); });
     return entries;
   }
 

@@ -22,7 +22,8 @@ namespace keel::model {
 using ModelName = std::optional<std::string>;
 inline const std::vector<ModelName> kNames = {"a", "b", "_all", std::nullopt};
 
-// Where the steps of a sequence act. There are always as many clients: one that dies is replaced by a new one.
+// Where the steps of a sequence act. There are always as many clients: one that dies is replaced by
+// a new one.
 inline constexpr std::size_t kClientCount = 4;
 
 // One step of a sequence. Every step makes sense in every state.
@@ -35,20 +36,23 @@ struct Step {
   bool flag;
 };
 
-// Sequences of steps whose kinds have these weights; four times as long as RapidCheck would make them.
+// Sequences of steps whose kinds have these weights; four times as long as RapidCheck would make
+// them.
 template <class Kind>
 rc::Gen<std::vector<Step<Kind>>> sequencesOf(std::vector<std::pair<std::size_t, Kind>> weights) {
   std::vector<Kind> kinds;
   for (const auto& [weight, kind] : weights) kinds.insert(kinds.end(), weight, kind);
-  const auto step =
-      rc::gen::map(rc::gen::tuple(rc::gen::elementOf(kinds), rc::gen::inRange<std::size_t>(0, kClientCount),
-                                  rc::gen::weightedElement<std::size_t>({{6, 0}, {3, 1}, {2, 2}, {1, 3}}),
-                                  rc::gen::weightedOneOf<int>({{9, rc::gen::inRange(0, 100)}, {1, rc::gen::just(-1)}}),
-                                  rc::gen::arbitrary<bool>()),
-                   [](const std::tuple<Kind, std::size_t, std::size_t, int, bool>& drawn) {
-                     const auto& [kind, client, name, value, flag] = drawn;
-                     return Step<Kind>{kind, client, kNames[name], value < 0 ? std::nullopt : std::optional(value), flag};
-                   });
+  const auto step = rc::gen::map(
+      rc::gen::tuple(
+          rc::gen::elementOf(kinds), rc::gen::inRange<std::size_t>(0, kClientCount),
+          rc::gen::weightedElement<std::size_t>({{6, 0}, {3, 1}, {2, 2}, {1, 3}}),
+          rc::gen::weightedOneOf<int>({{9, rc::gen::inRange(0, 100)}, {1, rc::gen::just(-1)}}),
+          rc::gen::arbitrary<bool>()),
+      [](const std::tuple<Kind, std::size_t, std::size_t, int, bool>& drawn) {
+        const auto& [kind, client, name, value, flag] = drawn;
+        return Step<Kind>{kind, client, kNames[name],
+                          value < 0 ? std::nullopt : std::optional(value), flag};
+      });
   return rc::gen::scale(4.0, rc::gen::container<std::vector<Step<Kind>>>(step));
 }
 
@@ -63,8 +67,8 @@ std::string updateText(std::string_view name, std::string_view data);
 
 template <class Kind>
 void showValue(const Step<Kind>& step, std::ostream& stream) {
-  stream << textOf(step.kind) << " client " << step.client << " name " << textOf(step.name) << " data "
-         << textOfData(step.value) << (step.flag ? " flag" : "");
+  stream << textOf(step.kind) << " client " << step.client << " name " << textOf(step.name)
+         << " data " << textOfData(step.value) << (step.flag ? " flag" : "");
 }
 
 }  // namespace keel::model

@@ -79,7 +79,8 @@ class Crowd {
 
   void pump(Member& publisher) {
     while (publisher.requestCount - publisher.client.replyCount() < kInFlight) {
-      publisher.client.request(NotifyMethod::update, Value::list({item(), publisher.publishedName}));
+      publisher.client.request(NotifyMethod::update,
+                               Value::list({item(), publisher.publishedName}));
       ++publisher.requestCount;
     }
     publisher.client.write();

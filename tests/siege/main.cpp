@@ -17,7 +17,8 @@ bool become(uid_t user) {
   ::getrlimit(RLIMIT_NOFILE, &files);
   files.rlim_cur = files.rlim_max;
   ::setrlimit(RLIMIT_NOFILE, &files);
-  return ::setgroups(0, nullptr) == 0 && ::setresgid(user, user, user) == 0 && ::setresuid(user, user, user) == 0;
+  return ::setgroups(0, nullptr) == 0 && ::setresgid(user, user, user) == 0 &&
+         ::setresuid(user, user, user) == 0;
 }
 
 }  // namespace
@@ -29,7 +30,8 @@ int main(int argc, char** argv) {
   std::size_t seconds = 5;
   app.add_option("--uid", user, "the attacker");
   app.add_option("--seconds", seconds);
-  CLI::App* const crowdCommand = app.add_subcommand("crowd", "more updates for a crowd of followers than it can read");
+  CLI::App* const crowdCommand =
+      app.add_subcommand("crowd", "more updates for a crowd of followers than it can read");
   crowdCommand->add_option("--names", crowd.nameCount);
   crowdCommand->add_option("--followers", crowd.followerCount);
   app.require_subcommand(1);
@@ -41,8 +43,8 @@ int main(int argc, char** argv) {
   try {
     crowd.duration = std::chrono::seconds(seconds);
     const auto outcome = keel::siege::runCrowd(crowd);
-    std::cout << outcome.endedCount << " connections ended, " << outcome.replyCount << " replies, " << outcome.deliveryCount
-              << " deliveries\n";
+    std::cout << outcome.endedCount << " connections ended, " << outcome.replyCount << " replies, "
+              << outcome.deliveryCount << " deliveries\n";
   } catch (const std::exception& problem) {
     std::cerr << "keel_siege: " << problem.what() << '\n';
     return 1;

@@ -12,9 +12,17 @@
 namespace keel::siege {
 
 // The selectors of the notify service, by their index in the daemon's list.
-enum class NotifyMethod : int { subscribe = 1, unsubscribe = 2, publish = 3, update = 4, remove = 5, dump = 7 };
+enum class NotifyMethod : int {
+  subscribe = 1,
+  unsubscribe = 2,
+  publish = 3,
+  update = 4,
+  remove = 5,
+  dump = 7
+};
 
-// One connection to the daemon that writes whatever it is given and counts what comes back. Non-blocking.
+// One connection to the daemon that writes whatever it is given and counts what comes back.
+// Non-blocking.
 class RawClient {
  public:
   // Connects and appends a hello that exports the delivery method. Throws std::system_error.

@@ -27,13 +27,16 @@ void check(bool good, const char* what) {
 
 }  // namespace
 
-RawClient::RawClient(const std::string& path) : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+RawClient::RawClient(const std::string& path)
+    : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   check(bool(socket_), "socket");
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  check(::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, "connect");
-  append(Value::list({0, 1, Value::list({"updateSubscriptionFor:withItem:flags:error:"}), Value::map({})}));
+  check(::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0,
+        "connect");
+  append(Value::list(
+      {0, 1, Value::list({"updateSubscriptionFor:withItem:flags:error:"}), Value::map({})}));
 }
 
 void RawClient::append(const Value& message) {
@@ -49,8 +52,8 @@ std::uint64_t RawClient::request(NotifyMethod method, const Value& arguments) {
 
 void RawClient::write() {
   while (hasOutput() && !ended_) {
-    const ssize_t sent =
-        ::send(socket_.get(), output_.data() + sentBytes_, output_.size() - sentBytes_, MSG_DONTWAIT | MSG_NOSIGNAL);
+    const ssize_t sent = ::send(socket_.get(), output_.data() + sentBytes_,
+                                output_.size() - sentBytes_, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent < 0) {
       ended_ = errno != EAGAIN && errno != EINTR;
       return;
@@ -63,7 +66,8 @@ void RawClient::write() {
 
 void RawClient::read(std::size_t limitBytes) {
   thread_local std::array<std::byte, 256 << 10> buffer;
-  const ssize_t got = ::recv(socket_.get(), buffer.data(), std::min(limitBytes, buffer.size()), MSG_DONTWAIT);
+  const ssize_t got =
+      ::recv(socket_.get(), buffer.data(), std::min(limitBytes, buffer.size()), MSG_DONTWAIT);
   if (got > 0) return countFrames(std::span(buffer).first(static_cast<std::size_t>(got)));
   ended_ = got == 0 || (errno != EAGAIN && errno != EINTR);
 }

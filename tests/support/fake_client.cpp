@@ -17,7 +17,9 @@ namespace {
 std::vector<std::byte> wholeOf(const xpc::OutgoingMessage& message) {
   std::vector<std::byte> whole;
   std::size_t offset = 0;
-  const auto append = [&whole](std::span<const std::byte> bytes) { whole.insert(whole.end(), bytes.begin(), bytes.end()); };
+  const auto append = [&whole](std::span<const std::byte> bytes) {
+    whole.insert(whole.end(), bytes.begin(), bytes.end());
+  };
   const std::span<const std::byte> own = message.bytes();
   for (const auto& splice : message.splices()) {
     append(own.subspan(offset, splice.offset - offset));
@@ -57,7 +59,8 @@ class FakeClient::FakeTransport final : public xpc::Transport {
   void liftHelloBound() override {}
   void close(std::string_view goodbye) override {
     if (client_ == nullptr) return;
-    if (!goodbye.empty()) client_->received_.push_back({.kind = Received::Kind::goodbye, .text = std::string(goodbye)});
+    if (!goodbye.empty())
+      client_->received_.push_back({.kind = Received::Kind::goodbye, .text = std::string(goodbye)});
     detach();
   }
   bool maySendFiles() override { return true; }
@@ -90,7 +93,8 @@ class FakeClient::Recorder final : public SubscriberProxy {
  public:
   explicit Recorder(std::vector<Received>& received) : received_(received) {}
 
-  void updateSubscriptionFor(Name name, Dictionary withItem, std::uint64_t flags, Error error) override {
+  void updateSubscriptionFor(Name name, Dictionary withItem, std::uint64_t flags,
+                             Error error) override {
     received_.push_back({.kind = Received::Kind::update,
                          .name = std::move(name),
                          .item = std::move(withItem),
@@ -103,11 +107,14 @@ class FakeClient::Recorder final : public SubscriberProxy {
   std::vector<Received>& received_;
 };
 
-FakeClient::FakeClient(ManualExecutor& executor, xpc::PeerIdentity peer) : recorder_(std::make_shared<Recorder>(received_)) {
-  for (const auto selector : xpc::MethodsOf<SubscriberProxy>::kSelectors) selectors_.emplace_back(selector);
+FakeClient::FakeClient(ManualExecutor& executor, xpc::PeerIdentity peer)
+    : recorder_(std::make_shared<Recorder>(received_)) {
+  for (const auto selector : xpc::MethodsOf<SubscriberProxy>::kSelectors)
+    selectors_.emplace_back(selector);
   auto transport = std::make_unique<FakeTransport>(*this, executor);
   transport_ = transport.get();
-  connection_ = xpc::Connection::create(std::move(peer), std::move(transport), {.takesDescriptors = false});
+  connection_ =
+      xpc::Connection::create(std::move(peer), std::move(transport), {.takesDescriptors = false});
 }
 
 FakeClient::~FakeClient() {
@@ -115,7 +122,12 @@ FakeClient::~FakeClient() {
 }
 
 xpc::PeerIdentity FakeClient::identity(pid_t pid, std::int32_t auditSession) {
-  return {.pid = pid, .uid = 501, .gid = 20, .startTime = 1, .auditSession = auditSession, .processName = "fake"};
+  return {.pid = pid,
+          .uid = 501,
+          .gid = 20,
+          .startTime = 1,
+          .auditSession = auditSession,
+          .processName = "fake"};
 }
 
 void FakeClient::die(std::string_view reason) {
@@ -131,7 +143,8 @@ std::vector<Received> FakeClient::take() {
 
 bool FakeClient::isAnswered(std::uint64_t requestId) const {
   return std::ranges::any_of(received_, [requestId](const Received& each) {
-    return (each.kind == Received::Kind::reply || each.kind == Received::Kind::failure) && each.requestId == requestId;
+    return (each.kind == Received::Kind::reply || each.kind == Received::Kind::failure) &&
+           each.requestId == requestId;
   });
 }
 
@@ -187,12 +200,14 @@ void FakeClient::onMessage(std::span<const std::byte> frame) {
       KEEL_CHECK(cursor.unsignedInteger(method) && cursor.array(argumentCount));
       KEEL_CHECK(method < selectors_.size());
       const auto& interface = xpc::Interface::interfaceWithProtocol<SubscriberProxy>();
-      const auto place = std::ranges::find(interface.selectors(), selectors_[method]) - interface.selectors().begin();
+      const auto place = std::ranges::find(interface.selectors(), selectors_[method]) -
+                         interface.selectors().begin();
       std::vector<FileDescriptor> noFiles;
       xpc::ArgumentReader reader(cursor.rest(), noFiles, xpc::limits::kFrameBytes);
       xpc::Interface::Call call{nullptr, 0};
       SubscriberProxy* const object = recorder_.get();
-      KEEL_CHECK(interface.dispatchAt(static_cast<std::uint64_t>(place))(object, reader, argumentCount, call));
+      KEEL_CHECK(interface.dispatchAt(static_cast<std::uint64_t>(place))(object, reader,
+                                                                         argumentCount, call));
       return;
     }
     case xpc::MessageKind::reply:
@@ -206,7 +221,8 @@ void FakeClient::onMessage(std::span<const std::byte> frame) {
 void FakeClient::onHello(cbor::Cursor& cursor) {
   std::uint64_t version = 0;
   std::uint64_t count = 0;
-  KEEL_CHECK(cursor.unsignedInteger(version) && version == xpc::kProtocolVersion && cursor.array(count));
+  KEEL_CHECK(cursor.unsignedInteger(version) && version == xpc::kProtocolVersion &&
+             cursor.array(count));
   for (std::uint64_t i = 0; i < count; ++i) {
     std::string_view selector;
     KEEL_CHECK(cursor.text(selector));
@@ -215,7 +231,8 @@ void FakeClient::onHello(cbor::Cursor& cursor) {
 }
 
 void FakeClient::onAnswer(xpc::MessageKind kind, cbor::Cursor& cursor) {
-  Received answer{.kind = kind == xpc::MessageKind::reply ? Received::Kind::reply : Received::Kind::failure};
+  Received answer{.kind = kind == xpc::MessageKind::reply ? Received::Kind::reply
+                                                          : Received::Kind::failure};
   if (!cursor.null()) KEEL_CHECK(cursor.unsignedInteger(answer.requestId));
   if (kind == xpc::MessageKind::reply) {
     const auto results = requireItem(cursor);

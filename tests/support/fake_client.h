@@ -34,10 +34,10 @@ struct Received {
   std::string text{};
 };
 
-// A client at the other end of a connection, without a socket: it says hello, makes requests, and decodes and notes all that
-// the daemon sends back, dispatching callbacks as any client does. It dies whenever the test says so. The test configures and
-// resumes connection(), as a listener's delegate would. All on the test's thread; what a connection does "later" runs on the
-// executor.
+// A client at the other end of a connection, without a socket: it says hello, makes requests, and
+// decodes and notes all that the daemon sends back, dispatching callbacks as any client does. It
+// dies whenever the test says so. The test configures and resumes connection(), as a listener's
+// delegate would. All on the test's thread; what a connection does "later" runs on the executor.
 class FakeClient {
  public:
   explicit FakeClient(ManualExecutor& executor) : FakeClient(executor, identity(100)) {}
@@ -86,7 +86,8 @@ class FakeClient {
   struct ResultsOf;
 
   template <auto Member>
-  using MethodOf = typename xpc::MethodsOf<typename xpc::MemberTraits<decltype(Member)>::Protocol>::template MethodOf<Member>;
+  using MethodOf = typename xpc::MethodsOf<
+      typename xpc::MemberTraits<decltype(Member)>::Protocol>::template MethodOf<Member>;
   template <auto Member>
   std::uint64_t numberOf() const;
   template <class... Arguments>
@@ -145,7 +146,10 @@ struct FakeClient::ResultsOf<xpc::Reply<Results...>> {
     xpc::ArgumentReader reader(cursor.rest(), noFiles, xpc::limits::kFrameBytesFromDaemon);
     std::tuple<Results...> results;
     const bool read = std::apply(
-        [&](auto&... each) { return (xpc::Argument<std::decay_t<decltype(each)>>::read(reader, each) && ...); }, results);
+        [&](auto&... each) {
+          return (xpc::Argument<std::decay_t<decltype(each)>>::read(reader, each) && ...);
+        },
+        results);
     if (!read || !reader.cursor.atEnd()) return std::nullopt;
     return results;
   }
@@ -155,7 +159,8 @@ template <auto Member>
 auto FakeClient::resultsOf(std::uint64_t requestId) const {
   using Results = ResultsOf<typename MethodOf<Member>::ReplyBlock>;
   for (const Received& each : received_) {
-    if (each.kind == Received::Kind::reply && each.requestId == requestId) return Results::read(each.results);
+    if (each.kind == Received::Kind::reply && each.requestId == requestId)
+      return Results::read(each.results);
   }
   return decltype(Results::read({}))();
 }
@@ -169,7 +174,11 @@ template <class... Arguments>
 void FakeClient::deliver(xpc::OutgoingMessage& message, const std::tuple<Arguments...>& arguments) {
   message.writer().array(sizeof...(Arguments));
   xpc::ArgumentWriter writer{message, /*takesDescriptors=*/false};
-  std::apply([&](const auto&... each) { (xpc::Argument<std::decay_t<decltype(each)>>::write(writer, each), ...); }, arguments);
+  std::apply(
+      [&](const auto&... each) {
+        (xpc::Argument<std::decay_t<decltype(each)>>::write(writer, each), ...);
+      },
+      arguments);
   message.finish();
   deliver(message);
 }

@@ -11,14 +11,16 @@ namespace keel::testing {
 
 std::ostream& operator<<(std::ostream& stream, const LogLine& line) {
   constexpr std::array<const char*, 4> kLevels = {"debug", "default", "error", "fault"};
-  return stream << kLevels.at(static_cast<std::size_t>(line.level)) << ' ' << line.category << ": " << line.text;
+  return stream << kLevels.at(static_cast<std::size_t>(line.level)) << ' ' << line.category << ": "
+                << line.text;
 }
 
 LogRecorder::LogRecorder(LogLevel least)
     : capture_(
           [this](const LogMessage& message) {
             const std::lock_guard lock(mutex_);
-            lines_.push_back({message.level, std::string(message.category), std::string(message.text)});
+            lines_.push_back(
+                {message.level, std::string(message.category), std::string(message.text)});
           },
           least) {}
 

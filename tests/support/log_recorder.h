@@ -19,7 +19,8 @@ struct LogLine {
 };
 std::ostream& operator<<(std::ostream& stream, const LogLine& line);
 
-// Notes every message that is written while it lives, with the levels from `least` on enabled. From any thread.
+// Notes every message that is written while it lives, with the levels from `least` on enabled. From
+// any thread.
 class LogRecorder {
  public:
   explicit LogRecorder(LogLevel least = LogLevel::debug);

@@ -25,9 +25,11 @@ class NotifyClient : public FakeClient {
     if (selectors) exportSelectors(std::move(*selectors));
     const auto handler = std::make_shared<KLNNotificationHandler>();
     handler_ = handler;
-    connection()->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());
+    connection()->setExportedInterface(
+        xpc::Interface::interfaceWithProtocol<protocols::NotifyProxy>());
     connection()->setExportedObject<protocols::NotifyProxy>(handler);
-    connection()->setRemoteObjectInterface(xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
+    connection()->setRemoteObjectInterface(
+        xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
     handler->setXpcConnection(connection());
     connection()->setInterruptionHandler([handler] { handler->connectionInterupted(); });
     connection()->setInvalidationHandler([handler] { handler->connectionInvalidated(); });

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Calls the supervisor of this system for a test: each line of standard input is a call in JSON, each line of standard output
-// its answer.
+// Calls the supervisor of this system for a test: each line of standard input is a call in JSON,
+// each line of standard output its answer.
 //
-//   {"call": "create", "job": {...}}  {"call": "enabled", "label": "..."}  {"call": "set", "label": "...", "enabled": true}
+//   {"call": "create", "job": {...}}  {"call": "enabled", "label": "..."}  {"call": "set", "label":
+//   "...", "enabled": true}
 //   {"answer": true, "error": null or "..."}
 #include <iostream>
 #include <string>
@@ -23,7 +24,8 @@ Value answerTo(const Value& call) {
   if (operation == "create") {
     answer = supervisor.QZSupervisorCreateService(nullptr, *call.find("job"), &error);
   } else if (operation == "set") {
-    answer = supervisor.QZSupervisorSetServiceEnabled(nullptr, label, *call.find("enabled") == Value(true), &error);
+    answer = supervisor.QZSupervisorSetServiceEnabled(nullptr, label,
+                                                      *call.find("enabled") == Value(true), &error);
   } else {
     answer = supervisor.QZSupervisorGetServiceEnabled(nullptr, label, &error);
   }
