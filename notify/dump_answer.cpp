@@ -15,8 +15,7 @@ namespace {
 
 constexpr std::string_view kUnconnected = "<unconnected>";
 
-// An answer up to here is collected in memory of our own, and written to its file in such portions
-// beyond.
+// A longer answer goes to a file, in portions of this size.
 constexpr std::size_t kPortionBytes = std::size_t{64} << 10;
 
 void writeDate(cbor::Writer& writer, const std::optional<Date>& date, std::string_view otherwise) {
@@ -34,7 +33,7 @@ DumpAnswer::DumpAnswer(std::size_t entryCount, bool withData)
   cbor::Writer(bytes_).array(entryCount);
 }
 
-void DumpAnswer::describe(KLNPublishedObject& item) {
+void DumpAnswer::append(KLNPublishedObject& item) {
   KEEL_CHECK(missingCount_ > 0);
   --missingCount_;
   cbor::Writer writer(bytes_);
@@ -46,23 +45,23 @@ void DumpAnswer::describe(KLNPublishedObject& item) {
     writer.text(item.name().view());
   }
   writer.text("publisher");
-  describeConnection(item.ownerReference(), item.owner().get());
+  appendConnection(item.ownerReference(), item.owner().get());
   writer.text("publishDate");
   writeDate(writer, item.lastUpdated(), "<never published>");
   writer.text("subscribers");
-  describeSubscribers(item);
+  appendSubscribers(item);
   if (withData_) {
     writer.text("publishedData");
     if (item.data().isNull()) {
       writer.text("<no data>");
     } else {
-      append(item.data().encoded());
+      appendEncoded(item.data().encoded());
     }
   }
   if (bytes_.size() >= kPortionBytes) moveToFile();
 }
 
-void DumpAnswer::describeSubscribers(KLNPublishedObject& item) {
+void DumpAnswer::appendSubscribers(KLNPublishedObject& item) {
   SubscriberSet* const subscribers = item.subscribers();
   cbor::Writer writer(bytes_);
   writer.array(subscribers != nullptr ? subscribers->count() : 0);
@@ -70,15 +69,15 @@ void DumpAnswer::describeSubscribers(KLNPublishedObject& item) {
   subscribers->forEach([this, &writer](const KLNSubscriptionObject& subscription) {
     writer.map(2);
     writer.text("subscriber");
-    describeConnection(subscription.ownerReference(), subscription.borrowedOwner());
+    appendConnection(subscription.ownerReference(), subscription.borrowedOwner());
     writer.text("updateDate");
     writeDate(writer, subscription.lastUpdated(), "<never updated>");
   });
 }
 
-// `connection` is what `reference` refers to, null when that is gone.
-void DumpAnswer::describeConnection(const std::weak_ptr<xpc::Connection>& reference,
-                                    const xpc::Connection* connection) {
+// `connection` is what `reference` refers to; null if that is gone.
+void DumpAnswer::appendConnection(const std::weak_ptr<xpc::Connection>& reference,
+                                  const xpc::Connection* connection) {
   cbor::Writer writer(bytes_);
   if (connection != nullptr) return writer.text(connection->description());
   const auto remembered = endedConnections_.find(reference);
@@ -86,18 +85,18 @@ void DumpAnswer::describeConnection(const std::weak_ptr<xpc::Connection>& refere
                                                     : kUnconnected);
 }
 
-void DumpAnswer::remember(const std::shared_ptr<xpc::Connection>& connection) {
+void DumpAnswer::keepDescription(const std::shared_ptr<xpc::Connection>& connection) {
   endedConnections_.try_emplace(connection, connection->description());
 }
 
-// Large data go from where they are to the file.
-void DumpAnswer::append(std::span<const std::byte> encoded) {
+// Large data is written to the file from where it lies.
+void DumpAnswer::appendEncoded(std::span<const std::byte> encoded) {
   if (encoded.size() >= kPortionBytes) moveToFile();
   if (encoded.size() >= kPortionBytes && file_) return writeToFile(encoded);
   cbor::Writer(bytes_).encoded(encoded);
 }
 
-// Where no file can be made (no descriptors), the answer stays in memory of our own.
+// Where no file can be made (no descriptors), the answer stays on the heap.
 void DumpAnswer::moveToFile() {
   if (!std::exchange(triedFile_, true)) {
     if (auto made = GrowingMemory::create()) file_ = std::move(*made);

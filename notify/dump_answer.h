@@ -18,35 +18,34 @@ namespace keel {
 
 class KLNPublishedObject;
 
-// What a dump answers, entry by entry, encoded at once: published data are spliced in as they came,
-// never decoded. A long answer grows in a memory file, so that it is not copied again to be sent.
-// Lives on the notification input queue.
+// The answer to a dump, encoded entry by entry: published data is spliced in as it came, never
+// decoded. A long answer grows in a memory file, so that it is not copied again to be sent. Lives
+// on the notification input queue.
 class DumpAnswer {
  public:
-  // For so many entries.
+  // Exactly `entryCount` entries are appended.
   DumpAnswer(std::size_t entryCount, bool withData);
 
-  void describe(KLNPublishedObject& item);
-  // How many entries are still to come.
+  void append(KLNPublishedObject& item);
+  // Entries still to come.
   std::size_t missingCount() const { return missingCount_; }
-  // Of what has been described.
+  // Of what has been appended.
   std::size_t sizeBytes() const { return fileBytes_ + bytes_.size(); }
 
-  // From now on this connection is described as it is now, though it may end before the answer is
-  // whole.
-  void remember(const std::shared_ptr<xpc::Connection>& connection);
+  // Keeps the description of a connection that may end before the answer is complete.
+  void keepDescription(const std::shared_ptr<xpc::Connection>& connection);
 
-  // Once, when nothing is missing. Fails when the memory for a long answer could not be had.
+  // Hands out the answer, once, when nothing is missing. Fails when a long answer found no memory.
   std::expected<Array, std::error_code> take();
 
  private:
   using Texts = std::map<std::weak_ptr<xpc::Connection>, std::string,
                          std::owner_less<std::weak_ptr<xpc::Connection>>>;
 
-  void describeConnection(const std::weak_ptr<xpc::Connection>& reference,
-                          const xpc::Connection* connection);
-  void describeSubscribers(KLNPublishedObject& item);
-  void append(std::span<const std::byte> encoded);
+  void appendConnection(const std::weak_ptr<xpc::Connection>& reference,
+                        const xpc::Connection* connection);
+  void appendSubscribers(KLNPublishedObject& item);
+  void appendEncoded(std::span<const std::byte> encoded);
   void moveToFile();
   void writeToFile(std::span<const std::byte> bytes);
 

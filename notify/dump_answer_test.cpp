@@ -18,7 +18,7 @@ Dictionary text(std::size_t length) {
 
 Array answerWith(const std::vector<std::shared_ptr<KLNPublishedObject>>& items) {
   DumpAnswer answer(items.size(), /*withData=*/true);
-  for (const auto& item : items) answer.describe(*item);
+  for (const auto& item : items) answer.append(*item);
   auto entries = answer.take();
   EXPECT_TRUE(entries);
   return entries ? *entries : Array();
@@ -28,9 +28,9 @@ TEST(DumpAnswer, KnowsWhatIsMissing) {
   const auto item = itemWith(nullptr);
   DumpAnswer answer(2, /*withData=*/false);
   EXPECT_EQ(answer.missingCount(), 2u);
-  answer.describe(*item);
+  answer.append(*item);
   EXPECT_EQ(answer.missingCount(), 1u);
-  answer.describe(*item);
+  answer.append(*item);
   EXPECT_EQ(answer.missingCount(), 0u);
   EXPECT_EQ(answer.take()->value().as<Value::List>()->size(), 2u);
 }
@@ -64,9 +64,9 @@ TEST(DumpAnswer, LargeDataStandInTheirPlaces) {
 TEST(DumpAnswer, CountsWhatItHolds) {
   DumpAnswer answer(2, /*withData=*/true);
   const std::size_t empty = answer.sizeBytes();
-  answer.describe(*itemWith(text(100'000)));
+  answer.append(*itemWith(text(100'000)));
   EXPECT_GT(answer.sizeBytes(), empty + 100'000);
-  answer.describe(*itemWith(nullptr));
+  answer.append(*itemWith(nullptr));
   const std::size_t whole = answer.sizeBytes();
   EXPECT_EQ(answer.take()->encoded().size(), whole);
 }

@@ -125,7 +125,7 @@ TEST_F(NotificationHandler, CleanUpUndoesSubscriptionsBeforePublications) {
 // A client that has so many names, published or followed, and is then gone.
 class NotificationHandlerCleanUp : public NotificationHandler {
  protected:
-  static constexpr std::size_t kSlice = KLNNotificationHandler::kCleanUpSlice;
+  static constexpr std::size_t kSlice = KLNNotificationHandler::kCleanUpStep;
   static Name nameOf(std::size_t number) { return Name("name " + std::to_string(number)); }
 
   void loseClient(std::size_t publicationCount, std::size_t subscriptionCount) {

@@ -11,9 +11,10 @@
 
 #include "auth/auth_service.h"
 #include "modules/module_manager.h"
-#include "notify/dump_desk.h"
+#include "notify/dump_answer.h"
+#include "notify/dump_coordinator.h"
+#include "notify/incremental_work_queue.h"
 #include "notify/notification_service.h"
-#include "notify/slice_line.h"
 #include "notify/update_coalescer.h"
 #include "platform/product/product.h"
 #include "runtime/dispatch/block_date.h"
@@ -26,15 +27,25 @@ namespace {
 
 Logger& log = _loggerForCategory("notification");
 
-// Everything a request needs travels in the block itself.
-template <class Work>
-void queueWork(const KLNNotificationService& service, Work work) {
-  static_assert(sizeof(Work) <= Block::kInlineBytes && std::is_nothrow_move_constructible_v<Work>);
-  service.inputQueue()->async(std::move(work));
-}
-
 std::string describe(const std::shared_ptr<xpc::Connection>& connection) {
   return connection ? connection->description() : "(null)";
+}
+
+constexpr std::string_view kAllNames = "_all";
+
+Error notFoundError(const Name& name) {
+  const std::string text = fmt::format("{} not found", name);
+  return Error(KLNErrorDomain, errNotFound,
+               Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), text}})));
+}
+
+void dumpOne(KLNNotificationService& service, const Name& name, bool withData,
+             xpc::Reply<Array, Error> reply) {
+  const auto found = service.published().find(name);
+  if (found == service.published().end()) return reply(Array(Value::list({})), notFoundError(name));
+  DumpAnswer answer(1, withData);
+  answer.append(*found->second);
+  if (auto entries = answer.take()) reply(std::move(*entries), nullptr);
 }
 
 Error exceptionError(std::string_view nameKey, const Name& name, const Exception& raised) {
@@ -78,7 +89,7 @@ std::size_t weightOf(KLNPublishedObject& item) {
 // of it, until the slice is full.
 template <class Table, class IsOwn>
 void endObjects(Table& table, std::size_t& done, IsOwn isOwn) {
-  while (!table.empty() && done < KLNNotificationHandler::kCleanUpSlice) {
+  while (!table.empty() && done < KLNNotificationHandler::kCleanUpStep) {
     const auto ending = table.begin();
     done += weightOf(*ending->second);
     if (isOwn(*ending->second)) ending->second->connectionIsInvalid();
@@ -87,6 +98,19 @@ void endObjects(Table& table, std::size_t& done, IsOwn isOwn) {
 }
 
 }  // namespace
+
+KLNNotificationHandler::KLNNotificationHandler()
+    : KLNNotificationHandler(KLNNotificationService::defaultService()) {}
+
+KLNNotificationHandler::KLNNotificationHandler(std::shared_ptr<KLNNotificationService> service)
+    : service_(std::move(service)) {}
+
+// Everything a request needs travels in the block itself.
+template <class Work>
+void KLNNotificationHandler::queueWork(Work work) {
+  static_assert(sizeof(Work) <= Block::kInlineBytes && std::is_nothrow_move_constructible_v<Work>);
+  service_->inputQ()->async(std::move(work));
+}
 
 void KLNNotificationHandler::authCheckForUser(String user, std::int32_t andASID,
                                               xpc::Reply<bool, Error> withHandler) {
@@ -101,28 +125,26 @@ void KLNNotificationHandler::subscribeTo(Name name, std::uint64_t withFlags,
                                          xpc::Reply<Dictionary, Error> andHandler) {
   log.debug("NotificationHandler we have a subscription request: {}", name);
   if (name.isNull()) return andHandler(nullptr, Error(KLNErrorDomain, errNilName));
-  const auto& service = KLNNotificationService::defaultService();
-  queueWork(*service, [handler = shared_from_this(), name = std::move(name),
-                       reply = std::move(andHandler), service, withFlags]() mutable {
+  queueWork([handler = shared_from_this(), name = std::move(name), reply = std::move(andHandler),
+             withFlags]() mutable {
     Error error = guarded(
         "NotificationHandler: subscribeTo: received an exception processing a subscription request "
         "for {}",
-        "subscriptionName", name, [&] { return handler->subscribe(*service, name, withFlags); });
+        "subscriptionName", name, [&] { return handler->subscribe(name, withFlags); });
     reply(nullptr, std::move(error));
   });
 }
 
-Error KLNNotificationHandler::subscribe(KLNNotificationService& service, const Name& name,
-                                        std::uint64_t flags) {
+Error KLNNotificationHandler::subscribe(const Name& name, std::uint64_t flags) {
   if (const auto existing = subscriptions_.find(name); existing != subscriptions_.end()) {
     log.standard("NotificationHandler: subscribeTo: already subscribed to {} subscription {}", name,
                  fmt::ptr(existing->second.get()));
     return Error(KLNErrorDomain, errDuplicate);
   }
-  const auto subscription = service.newSubscriptionObjectForName(name, flags, 0, xpcConnection());
+  const auto subscription = service_->newSubscriptionObjectForName(name, flags, 0, xpcConnection());
   log.debug("NotificationHandler subscribing {} with {}", name, fmt::ptr(subscription.get()));
   Error error;
-  if (!subscription || !service.subscribe(subscription, &error)) return error;
+  if (!subscription || !service_->subscribe(subscription, &error)) return error;
   // Most clients follow one name or a few: no room is taken for a dozen.
   if (subscriptions_.empty()) subscriptions_.reserve(1);
   subscriptions_[name] = subscription;
@@ -133,18 +155,18 @@ Error KLNNotificationHandler::subscribe(KLNNotificationService& service, const N
 // its subscription, which would stay with the item for good.
 void KLNNotificationHandler::unsubscribeFrom(Name name) {
   log.debug("unsubscribeFrom {}", name);
-  const auto& service = KLNNotificationService::defaultService();
-  queueWork(*service, [handler = shared_from_this(), name = std::move(name), service,
-                       connection = xpcConnection()] { handler->unsubscribe(*service, name); });
+  queueWork([handler = shared_from_this(), name = std::move(name), connection = xpcConnection()] {
+    handler->unsubscribe(name);
+  });
 }
 
-void KLNNotificationHandler::unsubscribe(KLNNotificationService& service, const Name& name) {
+void KLNNotificationHandler::unsubscribe(const Name& name) {
   Error error;
   if (const auto found = subscriptions_.find(name); found == subscriptions_.end()) {
     error = Error(KLNErrorDomain, errNotFound);
   } else {
     log.debug("unsubscribeFrom {} subscription {}", name, fmt::ptr(found->second.get()));
-    service.removeSubscriptionForName(name, xpcConnection(), &error);
+    service_->removeSubscriptionForName(name, xpcConnection(), &error);
     subscriptions_.erase(found);
   }
   if (error) log.error("unsubscribeFrom {} failed to find subscription", name);
@@ -157,26 +179,23 @@ void KLNNotificationHandler::publishItem(Dictionary item, Name name, std::uint64
               describe(xpcConnection()));
   }
   if (name.isNull()) return withHandler(Error(KLNErrorDomain, errNilName));
-  const auto& service = KLNNotificationService::defaultService();
-  queueWork(*service,
-            [handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler),
-             service, item = std::move(item), flags, value]() mutable {
-              reply(guarded("NotificationHandler: publishItem: received an exception publishing {}",
-                            "publishName", name,
-                            [&] { return handler->publish(*service, item, name, flags, value); }));
-            });
+  queueWork([handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler),
+             item = std::move(item), flags, value]() mutable {
+    reply(guarded("NotificationHandler: publishItem: received an exception publishing {}",
+                  "publishName", name, [&] { return handler->publish(item, name, flags, value); }));
+  });
 }
 
-Error KLNNotificationHandler::publish(KLNNotificationService& service, const Dictionary& item,
-                                      const Name& name, std::uint64_t flags, std::int64_t value) {
+Error KLNNotificationHandler::publish(const Dictionary& item, const Name& name, std::uint64_t flags,
+                                      std::int64_t value) {
   if (publishedItems().contains(name)) {
     log.error("NotificationHandler we don't allow duplicate publications {}", name);
     return Error(KLNErrorDomain, errDuplicate);
   }
-  auto published = service.newPublishedObjectWith(item, name, flags, value, xpcConnection());
+  auto published = service_->newPublishedObjectWith(item, name, flags, value, xpcConnection());
   if (!published) return Error(KLNErrorDomain, errRequestFailed);
   Error error;
-  if (!service.publish(published, &error)) return error;
+  if (!service_->publish(published, &error)) return error;
   if (!publishedItems_) publishedItems_ = std::make_unique<PublishedItems>();
   (*publishedItems_)[name] = published;
   return error;
@@ -187,8 +206,7 @@ void KLNNotificationHandler::updatePublishedItem(Dictionary item, Name name,
   if (log.enabled(LogLevel::debug)) {
     log.debug("updatePublishedItem: updating {} from {}", name, describe(xpcConnection()));
   }
-  KLNNotificationService::defaultService()->updateCoalescer().add(
-      *this, std::move(name), std::move(item), std::move(withHandler));
+  service_->work().coalescer().add(*this, std::move(name), std::move(item), std::move(withHandler));
 }
 
 void KLNNotificationHandler::update(UpdateBatch& batch) {
@@ -211,23 +229,31 @@ void KLNNotificationHandler::update(UpdateBatch& batch) {
 }
 
 void KLNNotificationHandler::removePublishedItemForName(Name name, xpc::Reply<Error> withHandler) {
-  const auto& service = KLNNotificationService::defaultService();
-  queueWork(*service,
-            [handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler),
-             service]() mutable { reply(handler->remove(*service, name)); });
+  queueWork([handler = shared_from_this(), name = std::move(name),
+             reply = std::move(withHandler)]() mutable { reply(handler->remove(name)); });
 }
 
-Error KLNNotificationHandler::remove(KLNNotificationService& service, const Name& name) {
+Error KLNNotificationHandler::remove(const Name& name) {
   const auto found = publishedItems().find(name);
   if (found == publishedItems().end()) return Error(KLNErrorDomain, errNotFound);
   Error error;
-  service.removePublishedItemForName(name, xpcConnection(), &error);
+  service_->removePublishedItemForName(name, xpcConnection(), &error);
   if (!error) publishedItems_->erase(found);
   return error;
 }
 
 void KLNNotificationHandler::getModuleTableWithHandler(xpc::Reply<Dictionary> handler) {
   handler(KLNModuleManager::defaultManager()->moduleTable().dictionary());
+}
+
+void KLNNotificationHandler::dumpNotification(Name name, bool withData,
+                                              xpc::Reply<Array, Error> andHandler) {
+  queueWork([handler = shared_from_this(), name = std::move(name), withData,
+             reply = std::move(andHandler)]() mutable {
+    if (name.view() != kAllNames)
+      return dumpOne(*handler->service_, name, withData, std::move(reply));
+    handler->service_->work().dumps().begin(withData, handler->xpcConnection(), std::move(reply));
+  });
 }
 
 void KLNNotificationHandler::connectionInterupted() {
@@ -242,27 +268,24 @@ void KLNNotificationHandler::connectionInvalidated() {
   log.debug("NotifyService  connection from ({}){} invalidated",
             connection ? connection->processIdentifier() : 0,
             connection ? connection->auditSessionIdentifier() : 0);
-  const auto& service = KLNNotificationService::defaultService();
-  if (connection) service->dumpDesk().connectionEnds(connection);
-  queueWork(*service, [handler = shared_from_this(), service] { handler->cleanUp(service); });
+  if (connection) service_->work().dumps().connectionEnds(connection);
+  queueWork([handler = shared_from_this()] { handler->cleanUp(); });
 }
 
-void KLNNotificationHandler::cleanUp(const std::shared_ptr<KLNNotificationService>& service) {
+void KLNNotificationHandler::cleanUp() {
   log.debug("NotifyService unsubscribing");
   CleanUp stage = CleanUp::subscriptions;
-  if (!cleanUpSlice(stage)) return;
-  service->beginCleanUp(xpcConnection_);
-  // Weakly, since the service holds the line.
-  const std::weak_ptr<KLNNotificationService> weak = service;
-  service->sliceLine().add([handler = shared_from_this(), weak, stage]() mutable {
-    if (handler->cleanUpSlice(stage)) return true;
-    if (const auto living = weak.lock()) living->endCleanUp(handler->xpcConnection_);
+  if (!cleanUpStep(stage)) return;
+  service_->beginCleanUp(xpcConnection_);
+  service_->work().incremental().add([handler = shared_from_this(), stage]() mutable {
+    if (handler->cleanUpStep(stage)) return true;
+    handler->service_->endCleanUp(handler->xpcConnection_);
     return false;
   });
 }
 
-// Says whether anything is left.
-bool KLNNotificationHandler::cleanUpSlice(CleanUp& stage) {
+// Returns true while work remains.
+bool KLNNotificationHandler::cleanUpStep(CleanUp& stage) {
   std::size_t done = 0;
   if (stage == CleanUp::subscriptions) {
     endObjects(subscriptions_, done, [](const KLNSubscriptionObject&) { return true; });

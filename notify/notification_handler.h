@@ -29,9 +29,13 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   using Subscriptions =
       std::unordered_map<Name, std::shared_ptr<KLNSubscriptionObject>, StringHash>;
 
+  // For the default service.
+  KLNNotificationHandler();
+  explicit KLNNotificationHandler(std::shared_ptr<KLNNotificationService> service);
+
   // How many names of a client that is gone are dealt with in one slice; those with many
   // subscribers count more.
-  static constexpr std::size_t kCleanUpSlice = 32;
+  static constexpr std::size_t kCleanUpStep = 32;
 
   // The table of KLNAuthService answers; its reply comes on that service's strand.
   void authCheckForUser(String user, std::int32_t andASID,
@@ -50,7 +54,6 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   void removePublishedItemForName(Name name, xpc::Reply<Error> withHandler) override;
   // At once.
   void getModuleTableWithHandler(xpc::Reply<Dictionary> handler) override;
-  // notification_dump.cpp.
   void dumpNotification(Name name, bool withData, xpc::Reply<Array, Error> andHandler) override;
 
   // The client sent something that cannot be decoded: logged, nothing changes.
@@ -77,16 +80,18 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   }
 
  private:
+  template <class Work>
+  void queueWork(Work work);
   // What the requests do on the input queue; the error is the reply's.
-  Error subscribe(KLNNotificationService& service, const Name& name, std::uint64_t flags);
-  void unsubscribe(KLNNotificationService& service, const Name& name);
-  Error publish(KLNNotificationService& service, const Dictionary& item, const Name& name,
-                std::uint64_t flags, std::int64_t value);
-  Error remove(KLNNotificationService& service, const Name& name);
+  Error subscribe(const Name& name, std::uint64_t flags);
+  void unsubscribe(const Name& name);
+  Error publish(const Dictionary& item, const Name& name, std::uint64_t flags, std::int64_t value);
+  Error remove(const Name& name);
   enum class CleanUp : std::uint8_t { subscriptions, publications };
-  void cleanUp(const std::shared_ptr<KLNNotificationService>& service);
-  bool cleanUpSlice(CleanUp& stage);
+  void cleanUp();
+  bool cleanUpStep(CleanUp& stage);
 
+  const std::shared_ptr<KLNNotificationService> service_;
   std::unique_ptr<PublishedItems> publishedItems_;  // null: most clients publish nothing
   Subscriptions subscriptions_;
   std::weak_ptr<xpc::Connection> xpcConnection_;

@@ -6,14 +6,13 @@
 #include <algorithm>
 #include <utility>
 
-#include "notify/dump_desk.h"
+#include "notify/dump_coordinator.h"
 #include "notify/publish_behavior.h"
 #include "notify/same_object.h"
-#include "notify/slice_line.h"
 #include "notify/subscriber_behavior.h"
-#include "notify/update_coalescer.h"
 #include "platform/product/product.h"
 #include "runtime/dispatch/reactor.h"
+#include "runtime/dispatch/serial_queue.h"
 #include "runtime/dispatch/system.h"
 #include "runtime/logging/logger.h"
 
@@ -47,11 +46,7 @@ const std::shared_ptr<KLNNotificationService>& KLNNotificationService::defaultSe
 KLNNotificationService::KLNNotificationService() : KLNNotificationService(ioReactor()) {}
 
 KLNNotificationService::KLNNotificationService(Executor& executor)
-    : inputQ_(SerialQueue::create("KLNNotificationInputQ", executor)),
-      updateQ_(SerialQueue::create("KLNNotificationUpdateQ", executor)),
-      sliceLine_(std::make_shared<SliceLine>(inputQ_)),
-      dumpDesk_(std::make_shared<DumpDesk>(sliceLine_)),
-      updateCoalescer_(std::make_shared<UpdateCoalescer>(inputQ_)) {}
+    : work_(std::make_shared<NotificationWork>(executor)) {}
 
 KLNNotificationService::~KLNNotificationService() = default;
 
@@ -133,7 +128,7 @@ bool KLNNotificationService::removePublishedItemForName(
   if (!item) return refuse(error, errNotFound);
   if (!isOwner(*item, fromConnection)) return refuse(error, errNotOwner);
   if (item->remove()) {
-    dumpDesk_->leave(*item);
+    work_->dumps().leave(*item);
     published_.erase(name);
   } else {
     item->setDelegate(nullptr);
@@ -229,7 +224,7 @@ void KLNNotificationService::endCleanUp(const std::weak_ptr<xpc::Connection>& ow
 }
 
 void KLNNotificationService::enter(const Name& name, std::shared_ptr<KLNPublishedObject> item) {
-  dumpDesk_->enter(*item);
+  work_->dumps().enter(*item);
   published_[name] = std::move(item);
 }
 
@@ -241,7 +236,7 @@ void KLNNotificationService::follow(const std::shared_ptr<KLNSubscriptionObject>
 
 void KLNNotificationService::queueFirstDelivery(std::shared_ptr<KLNSubscriptionObject> subscription,
                                                 std::shared_ptr<KLNPublishedObject> item) {
-  inputQ_->async([subscription = std::move(subscription), item = std::move(item)] {
+  inputQ()->async([subscription = std::move(subscription), item = std::move(item)] {
     const Dictionary data = item->data();
     item->willChange();
     subscription->updateWithData(data);

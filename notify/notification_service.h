@@ -6,9 +6,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "notify/notification_work.h"
 #include "notify/published_object.h"
 #include "notify/subscription_object.h"
-#include "runtime/dispatch/serial_queue.h"
 #include "runtime/foundation/collections.h"
 #include "runtime/foundation/error.h"
 #include "runtime/foundation/string.h"
@@ -16,21 +16,18 @@
 
 namespace keel {
 
-class DumpDesk;
 class KLNPublishBehavior;
-class SliceLine;
 class SubscriberBehavior;
-class UpdateCoalescer;
 
-// Every name that is published or waited for: one publisher for each, one subscription for each
-// connection, and only the publisher updates or removes. A name that is followed before it is
-// published, or that has lost its publisher, is kept as a placeholder with its subscribers, which
-// the next publication takes over.
+// The registry: every name that is published or followed. A name has one publisher, and one
+// subscription per connection; only the publisher updates or removes it. A name that is followed
+// before it is published, or that has lost its publisher, stays as a placeholder with its
+// subscribers, which the next publication takes over.
 //
-// Owns the input queue, on which all notification work runs and to which everything here is
-// confined. Never waits, and never sends to a client. A refusal returns false, is written to
-// `error` unless that is null, and changes nothing. Flags and values are for the factories of
-// behaviours, which ignore them.
+// Everything here is confined to the input queue, on which all notification work runs. Nothing
+// waits: publications and updates are delivered by appending to output queues. A refusal returns
+// false, is written to `error` unless that is null, and changes nothing. Flags and values are for
+// the factories of behaviours, which ignore them.
 class KLNNotificationService {
  public:
   using PublishedItems = std::unordered_map<Name, std::shared_ptr<KLNPublishedObject>, StringHash>;
@@ -47,8 +44,6 @@ class KLNNotificationService {
   virtual ~KLNNotificationService();
   KLNNotificationService(const KLNNotificationService&) = delete;
   KLNNotificationService& operator=(const KLNNotificationService&) = delete;
-
-  const std::shared_ptr<SerialQueue>& inputQueue() const { return inputQ_; }
 
   // A published item that is not in the table yet. Null for a null name.
   virtual std::shared_ptr<KLNPublishedObject> newPublishedObjectWith(
@@ -95,18 +90,16 @@ class KLNNotificationService {
   // Does nothing: publishers() stays empty.
   void addPublisher(const std::shared_ptr<xpc::Connection>& connection);
 
-  const std::shared_ptr<SerialQueue>& inputQ() const { return inputQ_; }
+  const std::shared_ptr<SerialQueue>& inputQ() const { return work_->inputQueue(); }
   // Gets no work.
-  const std::shared_ptr<SerialQueue>& updateQ() const { return updateQ_; }
+  const std::shared_ptr<SerialQueue>& updateQ() const { return work_->updateQueue(); }
+  NotificationWork& work() const { return *work_; }
   PublishedItems& published() { return published_; }
   const CountedConnections& publishers() const { return publishers_; }
-  SliceLine& sliceLine() { return *sliceLine_; }
-  // The publications of that client, which is gone, are ended in slices: whoever publishes one that
-  // has yet to be ended finds it ended, too.
+  // The publications of a client that is gone end step by step. Until endCleanUp() all of them
+  // count as ended: others may publish their names.
   void beginCleanUp(const std::weak_ptr<xpc::Connection>& owner);
   void endCleanUp(const std::weak_ptr<xpc::Connection>& owner);
-  DumpDesk& dumpDesk() { return *dumpDesk_; }
-  UpdateCoalescer& updateCoalescer() { return *updateCoalescer_; }
 
  private:
   static std::shared_ptr<KLNNotificationService>& overridingService();
@@ -121,16 +114,11 @@ class KLNNotificationService {
   void queueFirstDelivery(std::shared_ptr<KLNSubscriptionObject> subscription,
                           std::shared_ptr<KLNPublishedObject> item);
 
-  // In the order in which they are made.
+  const std::shared_ptr<NotificationWork> work_;
   PublishedItems published_;
   const CountedConnections publishers_;
-  const std::shared_ptr<SerialQueue> inputQ_;
-  const std::shared_ptr<SerialQueue> updateQ_;
-  const std::shared_ptr<SliceLine> sliceLine_;
-  const std::shared_ptr<DumpDesk> dumpDesk_;
-  const std::shared_ptr<UpdateCoalescer> updateCoalescer_;
-  std::vector<std::weak_ptr<xpc::Connection>>
-      cleanedUp_;  // owners whose publications are being ended
+  // Owners whose publications are being ended.
+  std::vector<std::weak_ptr<xpc::Connection>> cleanedUp_;
 };
 
 // For tests: makes `service` the default one until the token is destroyed. Tokens nest.

@@ -9,7 +9,7 @@ TEST_F(NotificationService, BeginsEmptyWithTwoQueues) {
   EXPECT_TRUE(service->publishers().empty());
   EXPECT_EQ(service->inputQ()->label(), "KLNNotificationInputQ");
   EXPECT_EQ(service->updateQ()->label(), "KLNNotificationUpdateQ");
-  EXPECT_EQ(service->inputQueue(), service->inputQ());
+  EXPECT_EQ(service->inputQ(), service->inputQ());
   EXPECT_NE(service->inputQ(), service->updateQ());
 }
 

@@ -30,8 +30,8 @@ void KLNPublishBehavior::updateWithData(Dictionary data) {
 void KLNPublishBehavior::updateWithBatch(std::span<const Dictionary> batch) {
   const auto item = published();
   if (!item) return;
-  // As much as that many blocks would have done.
-  if (batch.size() > 1) ageDateOfBlock(batch.size());
+  // As much is done as by that many blocks.
+  ageDateOfBlock(batch.size());
   item->setData(batch.back());
   item->setLastUpdated(dateOfBlock());
   Delivery delivery(item->name(), batch);

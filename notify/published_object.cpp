@@ -30,7 +30,7 @@ std::shared_ptr<KLNPublishedObject> KLNPublishedObject::initWithName(Name name) 
 }
 
 KLNPublishedObject::~KLNPublishedObject() {
-  if (dumpPlace_.desk != nullptr) dumpPlace_.desk->leave(*this);
+  if (dumpEntry_.coordinator != nullptr) dumpEntry_.coordinator->leave(*this);
 }
 
 std::shared_ptr<KLNSubscriptionObject> KLNPublishedObject::subscriberForConnection(

@@ -5,7 +5,7 @@
 #include <optional>
 #include <span>
 
-#include "notify/dump_desk.h"
+#include "notify/dump_coordinator.h"
 #include "notify/same_object.h"
 #include "notify/subscriber_set.h"
 #include "protocols/publish_behavior.h"
@@ -33,13 +33,13 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   KLNPublishedObject(const KLNPublishedObject&) = delete;
   KLNPublishedObject& operator=(const KLNPublishedObject&) = delete;
 
-  // To be called before anything changes that a dump tells of this item or of its subscriptions;
-  // what changes the item here does so itself. Costs nothing unless a dump in progress lacks the
-  // item.
+  // Captures the item for the dumps in progress that lack it. Call it before changing anything of
+  // this item or its subscriptions that a dump shows; the setters here do so themselves. Otherwise
+  // it is one comparison.
   void willChange() {
-    if (dumpPlace_.desk != nullptr && dumpPlace_.describedFor < dumpPlace_.desk->lastNumber())
-        [[unlikely]] {
-      dumpPlace_.desk->describe(*this);
+    if (dumpEntry_.coordinator != nullptr &&
+        dumpEntry_.capturedFor < dumpEntry_.coordinator->lastNumber()) [[unlikely]] {
+      dumpEntry_.coordinator->capture(*this);
     }
   }
 
@@ -96,11 +96,11 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   SubscriberSet* subscribers() { return subscribers_ ? &*subscribers_ : nullptr; }
 
  private:
-  friend class DumpDesk;
+  friend class DumpCoordinator;
   // Its place among the items of a registry; without a desk it is in no table.
-  struct DumpPlace {
-    DumpDesk* desk = nullptr;
-    std::uint64_t describedFor = 0;  // the last dump it was described for
+  struct DumpEntry {
+    DumpCoordinator* coordinator = nullptr;
+    std::uint64_t capturedFor = 0;  // the last dump it was described for
     KLNPublishedObject* previous = nullptr;
     KLNPublishedObject* next = nullptr;
   };
@@ -113,7 +113,7 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
   Name name_;
   std::weak_ptr<xpc::Connection> owner_;
   std::optional<SubscriberSet> subscribers_;
-  DumpPlace dumpPlace_;
+  DumpEntry dumpEntry_;
 };
 
 }  // namespace keel

@@ -28,7 +28,7 @@ void updateSubscribers(benchmark::State& state) {
   KLNPublishedObject& published = *service.published().at(name);
   std::size_t updateCount = 0;
   for (auto _ : state) {
-    service.inputQueue()->async(
+    service.inputQ()->async(
         [&published, data = items[updateCount++ % 2]] { published.updateWithData(data); });
     executor.runAll();
   }

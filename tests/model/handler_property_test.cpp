@@ -12,7 +12,7 @@
 #include <memory>
 #include <set>
 
-#include "notify/dump_desk.h"
+#include "notify/dump_coordinator.h"
 #include "notify/notification_service.h"
 #include "runtime/dispatch/manual_executor.h"
 #include "runtime/foundation/value.h"
@@ -146,7 +146,7 @@ class ModelClient {
 class World {
  public:
   explicit World(bool dumpsInSlices) : dumpsInSlices_(dumpsInSlices) {
-    if (dumpsInSlices) service_->dumpDesk().setSliceWork(1);
+    if (dumpsInSlices) service_->work().dumps().setStepWork(1);
     for (std::size_t i = 0; i < kClientCount; ++i)
       clients_.push_back(std::make_unique<ModelClient>(connections_, model_));
   }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "notify/slice_line.h"
+#include "notify/incremental_work_queue.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class SliceLineTest : public ::testing::Test {
+class IncrementalWorkQueueTest : public ::testing::Test {
  protected:
   void add(const std::string& name, int sliceCount) {
     line->add([this, name, left = sliceCount]() mutable {
@@ -27,18 +27,18 @@ class SliceLineTest : public ::testing::Test {
 
   ManualExecutor executor;
   std::shared_ptr<SerialQueue> queue = SerialQueue::create("test", executor);
-  std::shared_ptr<SliceLine> line = std::make_shared<SliceLine>(queue);
+  std::shared_ptr<IncrementalWorkQueue> line = std::make_shared<IncrementalWorkQueue>(queue);
   std::vector<std::string> done;
 };
 
-TEST_F(SliceLineTest, DoesNothingAtOnce) {
+TEST_F(IncrementalWorkQueueTest, DoesNothingAtOnce) {
   add("a", 1);
   EXPECT_THAT(done, IsEmpty());
   executor.runAll();
   EXPECT_THAT(done, ElementsAre("a"));
 }
 
-TEST_F(SliceLineTest, ATurnIsOneSliceHoweverMuchThereIs) {
+TEST_F(IncrementalWorkQueueTest, ATurnIsOneSliceHoweverMuchThereIs) {
   add("a", 2);
   add("b", 1);
   executor.runOne();
@@ -50,7 +50,7 @@ TEST_F(SliceLineTest, ATurnIsOneSliceHoweverMuchThereIs) {
   EXPECT_EQ(executor.scheduledCount(), 0u);
 }
 
-TEST_F(SliceLineTest, OtherBlocksRunInBetween) {
+TEST_F(IncrementalWorkQueueTest, OtherBlocksRunInBetween) {
   add("a", 2);
   executor.runOne();
   queue->async([this] { done.emplace_back("other"); });
@@ -58,7 +58,7 @@ TEST_F(SliceLineTest, OtherBlocksRunInBetween) {
   EXPECT_THAT(done, ElementsAre("a", "a", "other"));
 }
 
-TEST_F(SliceLineTest, ASliceMayAddWork) {
+TEST_F(IncrementalWorkQueueTest, ASliceMayAddWork) {
   line->add([this] {
     add("b", 1);
     done.emplace_back("a");
@@ -68,14 +68,14 @@ TEST_F(SliceLineTest, ASliceMayAddWork) {
   EXPECT_THAT(done, ElementsAre("a", "b"));
 }
 
-TEST_F(SliceLineTest, GoesOnThoughNobodyElseHoldsIt) {
+TEST_F(IncrementalWorkQueueTest, GoesOnThoughNobodyElseHoldsIt) {
   add("a", 2);
   line.reset();
   executor.runAll();
   EXPECT_THAT(done, ElementsAre("a", "a"));
 }
 
-TEST_F(SliceLineTest, LetsGoOfWorkThatIsDone) {
+TEST_F(IncrementalWorkQueueTest, LetsGoOfWorkThatIsDone) {
   const auto held = std::make_shared<int>(0);
   line->add([held, left = 2]() mutable { return --left > 0; });
   EXPECT_EQ(held.use_count(), 2);

@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "notify/dump_desk.h"
+#include "notify/dump_coordinator.h"
 
 #include <algorithm>
 
+#include "notify/incremental_work_queue.h"
 #include "notify/notify_fixture.h"
-#include "notify/slice_line.h"
 
 namespace keel {
 namespace {
 
 // Dumps of all items, of which each slice describes one. Those that a test sees change or leave are
 // described last.
-class DumpDeskTest : public NotifyTest {
+class DumpCoordinatorTest : public NotifyTest {
  protected:
-  DumpDeskTest() {
-    desk().setSliceWork(1);
+  DumpCoordinatorTest() {
+    desk().setStepWork(1);
     for (const char* name : {"a", "b", "c"}) publish(one, name, number(1));
     runAll();
     entry("c")->setLastUpdated(Date{1.0});
@@ -28,7 +28,7 @@ class DumpDeskTest : public NotifyTest {
   void runAll() {
     while (executor.scheduledCount() > 0) turn();
   }
-  DumpDesk& desk() { return service->dumpDesk(); }
+  DumpCoordinator& desk() { return service->work().dumps(); }
   std::shared_ptr<KLNPublishedObject> entry(const Name& name) {
     return service->published().at(name);
   }
@@ -107,7 +107,7 @@ class DumpDeskTest : public NotifyTest {
   NotifyClient asker{connections, FakeClient::identity(13)};
 };
 
-TEST_F(DumpDeskTest, OtherRequestsRunBetweenSlices) {
+TEST_F(DumpCoordinatorTest, OtherRequestsRunBetweenSlices) {
   const auto dump = begin(asker);
   const auto answered = update(one, "a", number(2));
   turn();
@@ -119,21 +119,21 @@ TEST_F(DumpDeskTest, OtherRequestsRunBetweenSlices) {
   EXPECT_THAT(other.received(), IsEmpty());
 }
 
-TEST_F(DumpDeskTest, WhatFitsOneSliceIsAnsweredInOneBlock) {
-  desk().setSliceWork(3);
+TEST_F(DumpCoordinatorTest, WhatFitsOneSliceIsAnsweredInOneBlock) {
+  desk().setStepWork(3);
   const auto fits = request(asker);
   turn();
   EXPECT_EQ(entriesOf(asker, fits).size(), 3u);
   EXPECT_EQ(executor.scheduledCount(), 0u);
 
-  desk().setSliceWork(2);
+  desk().setStepWork(2);
   const auto exceeds = begin(asker);
   turn();
   EXPECT_EQ(entriesOf(asker, exceeds).size(), 3u);
 }
 
-TEST_F(DumpDeskTest, TheUsualSliceHoldsSixtyFourItems) {
-  desk().setSliceWork(DumpDesk::kSliceWork);
+TEST_F(DumpCoordinatorTest, TheUsualSliceHoldsSixtyFourItems) {
+  desk().setStepWork(DumpCoordinator::kStepWork);
   for (int i = 3; i < 64; ++i) publish(one, Name(std::to_string(i)), nullptr);
   runAll();
   const auto fits = request(asker);
@@ -144,16 +144,16 @@ TEST_F(DumpDeskTest, TheUsualSliceHoldsSixtyFourItems) {
   begin(asker);
 }
 
-TEST_F(DumpDeskTest, SubscribersCountAsWork) {
+TEST_F(DumpCoordinatorTest, SubscribersCountAsWork) {
   followed(other, "a", Date{1.0});
-  desk().setSliceWork(3);
+  desk().setStepWork(3);
   const auto dump = begin(asker);
   turn();
   EXPECT_EQ(entriesOf(asker, dump).size(), 3u);
 }
 
-TEST_F(DumpDeskTest, LargeDataCountAsWork) {
-  desk().setSliceWork(3);
+TEST_F(DumpCoordinatorTest, LargeDataCountAsWork) {
+  desk().setStepWork(3);
   update(one, "a", Dictionary(Value::map({{"text", std::string(4096, 'x')}})));
   runAll();
   const auto dump = begin(asker);
@@ -161,33 +161,33 @@ TEST_F(DumpDeskTest, LargeDataCountAsWork) {
   EXPECT_EQ(entriesOf(asker, dump).size(), 3u);
 }
 
-TEST_F(DumpDeskTest, AnUpdateIsNotSeen) {
+TEST_F(DumpCoordinatorTest, AnUpdateIsNotSeen) {
   expectUnseen([this] { update(one, "c", number(2)); });
 }
 
-TEST_F(DumpDeskTest, AnUpdateThatTheSubscriberHearsOfIsNotSeen) {
+TEST_F(DumpCoordinatorTest, AnUpdateThatTheSubscriberHearsOfIsNotSeen) {
   followed(other, "c", Date{1.0});
   expectUnseen([this] { update(one, "c", number(1)); });
 }
 
-TEST_F(DumpDeskTest, ADateThatChangesAloneIsNotSeen) {
+TEST_F(DumpCoordinatorTest, ADateThatChangesAloneIsNotSeen) {
   expectUnseen([this] { entry("c")->setLastUpdated(Date{2.0}); });
 }
 
-TEST_F(DumpDeskTest, ANameThatChangesIsNotSeen) {
+TEST_F(DumpCoordinatorTest, ANameThatChangesIsNotSeen) {
   expectUnseen([this] { entry("c")->setName("d"); });
 }
 
-TEST_F(DumpDeskTest, ASubscriberThatComesIsNotSeen) {
+TEST_F(DumpCoordinatorTest, ASubscriberThatComesIsNotSeen) {
   expectUnseen([this] { subscribe(other, "c"); });
 }
 
-TEST_F(DumpDeskTest, ASubscriberThatGoesIsStillSeen) {
+TEST_F(DumpCoordinatorTest, ASubscriberThatGoesIsStillSeen) {
   followed(other, "c", Date{1.0});
   expectUnseen([this] { unsubscribe(other, "c"); });
 }
 
-TEST_F(DumpDeskTest, AFirstDeliveryAfterTheBeginningIsNotSeen) {
+TEST_F(DumpCoordinatorTest, AFirstDeliveryAfterTheBeginningIsNotSeen) {
   subscribe(other, "c");
   const auto dump = request(asker);
   // The delivery is queued behind the dump's beginning.
@@ -199,14 +199,14 @@ TEST_F(DumpDeskTest, AFirstDeliveryAfterTheBeginningIsNotSeen) {
   EXPECT_NE(describe("c"), c);
 }
 
-TEST_F(DumpDeskTest, AnErrorThatTheSubscriberHearsOfIsNotSeen) {
+TEST_F(DumpCoordinatorTest, AnErrorThatTheSubscriberHearsOfIsNotSeen) {
   followed(other, "c", Date{1.0});
   expectUnseen([this] { entry("c")->updateWithError(Error("test", 1)); });
 }
 
 // What the asker of a dump hears of what came after the dump's beginning may overtake the answer,
 // but is not in it.
-TEST_F(DumpDeskTest, ADeliveryToTheAskerMayOvertakeTheAnswerWhichDoesNotShowIt) {
+TEST_F(DumpCoordinatorTest, ADeliveryToTheAskerMayOvertakeTheAnswerWhichDoesNotShowIt) {
   followed(asker, "c", Date{1.0});
   const Value before = describe("c");
   forget();
@@ -225,7 +225,7 @@ TEST_F(DumpDeskTest, ADeliveryToTheAskerMayOvertakeTheAnswerWhichDoesNotShowIt) 
 }
 
 // What was carried out before the dump began was delivered before its answer.
-TEST_F(DumpDeskTest, TheAnswerIsNotAheadOfDeliveries) {
+TEST_F(DumpCoordinatorTest, TheAnswerIsNotAheadOfDeliveries) {
   followed(asker, "c", Date{1.0});
   update(one, "c", number(2));
   const auto dump = request(asker);
@@ -236,7 +236,7 @@ TEST_F(DumpDeskTest, TheAnswerIsNotAheadOfDeliveries) {
   EXPECT_EQ(asker.received().back().requestId, dump);
 }
 
-TEST_F(DumpDeskTest, UpdatesThatAreCarriedOutTogetherAreNotSeen) {
+TEST_F(DumpCoordinatorTest, UpdatesThatAreCarriedOutTogetherAreNotSeen) {
   // At the debug level each would be carried out alone.
   const LogRecorder errors(LogLevel::error);
   followed(other, "c", Date{1.0});
@@ -245,28 +245,28 @@ TEST_F(DumpDeskTest, UpdatesThatAreCarriedOutTogetherAreNotSeen) {
   });
 }
 
-TEST_F(DumpDeskTest, ASubscriptionThatChangesHandsIsNotSeen) {
+TEST_F(DumpCoordinatorTest, ASubscriptionThatChangesHandsIsNotSeen) {
   const auto subscription = followed(other, "c", Date{1.0});
   expectUnseen([this, subscription] { subscription->setOwner(one.connection()); });
 }
 
-TEST_F(DumpDeskTest, APublisherThatComesIsNotSeen) {
+TEST_F(DumpCoordinatorTest, APublisherThatComesIsNotSeen) {
   followed(other, "c", Date{1.0});
   remove(one, "c");
   runAll();
   expectUnseen([this] { publish(other, "c", number(1)); });
 }
 
-TEST_F(DumpDeskTest, AnOwnerThatChangesAloneIsNotSeen) {
+TEST_F(DumpCoordinatorTest, AnOwnerThatChangesAloneIsNotSeen) {
   expectUnseen([this] { entry("c")->setOwner(other.connection()); });
 }
 
-TEST_F(DumpDeskTest, AnItemThatLeavesIsStillSeen) {
+TEST_F(DumpCoordinatorTest, AnItemThatLeavesIsStillSeen) {
   expectUnseen([this] { remove(one, "c"); });
   EXPECT_FALSE(service->published().contains("c"));
 }
 
-TEST_F(DumpDeskTest, TheNextItemInLineMayLeave) {
+TEST_F(DumpCoordinatorTest, TheNextItemInLineMayLeave) {
   const auto held = entry("b");
   const auto dump = request(asker);
   remove(one, "b");
@@ -276,7 +276,7 @@ TEST_F(DumpDeskTest, TheNextItemInLineMayLeave) {
   EXPECT_EQ(namesOf(entriesOf(asker, dump)), (std::vector<std::string>{"a", "b", "c"}));
 }
 
-TEST_F(DumpDeskTest, TheFirstAndTheLastItemMayLeave) {
+TEST_F(DumpCoordinatorTest, TheFirstAndTheLastItemMayLeave) {
   for (const char* name : {"a", "c"}) remove(one, name);
   publish(one, "d", number(1));
   const auto dump = request(asker);
@@ -284,7 +284,7 @@ TEST_F(DumpDeskTest, TheFirstAndTheLastItemMayLeave) {
   EXPECT_EQ(namesOf(entriesOf(asker, dump)), (std::vector<std::string>{"b", "d"}));
 }
 
-TEST_F(DumpDeskTest, AnItemThatHasLeftIsNotSeenThoughSomebodyHoldsIt) {
+TEST_F(DumpCoordinatorTest, AnItemThatHasLeftIsNotSeenThoughSomebodyHoldsIt) {
   const auto held = entry("b");
   remove(one, "b");
   const auto dump = request(asker);
@@ -292,7 +292,7 @@ TEST_F(DumpDeskTest, AnItemThatHasLeftIsNotSeenThoughSomebodyHoldsIt) {
   EXPECT_EQ(namesOf(entriesOf(asker, dump)), (std::vector<std::string>{"a", "c"}));
 }
 
-TEST_F(DumpDeskTest, AnItemThatIsDestroyedIsStillSeen) {
+TEST_F(DumpCoordinatorTest, AnItemThatIsDestroyedIsStillSeen) {
   auto item = KLNPublishedObject::initWithName("d");
   desk().enter(*item);
   const auto dump = begin(asker);
@@ -301,7 +301,7 @@ TEST_F(DumpDeskTest, AnItemThatIsDestroyedIsStillSeen) {
   EXPECT_THAT(namesOf(entriesOf(asker, dump)), ::testing::UnorderedElementsAre("a", "b", "c", "d"));
 }
 
-TEST_F(DumpDeskTest, AnItemThatEntersIsNotSeen) {
+TEST_F(DumpCoordinatorTest, AnItemThatEntersIsNotSeen) {
   const auto dump = begin(asker);
   publish(one, "d", number(1));
   subscribe(other, "e");
@@ -314,14 +314,14 @@ TEST_F(DumpDeskTest, AnItemThatEntersIsNotSeen) {
   EXPECT_EQ(entriesOf(asker, next).size(), 5u);
 }
 
-TEST_F(DumpDeskTest, AnItemThatLeavesAndEntersAgainIsSeenOnceAsItWas) {
+TEST_F(DumpCoordinatorTest, AnItemThatLeavesAndEntersAgainIsSeenOnceAsItWas) {
   expectUnseen([this] {
     remove(one, "c");
     publish(other, "c", number(2));
   });
 }
 
-TEST_F(DumpDeskTest, AnItemOutsideTheTableIsNobodysBusiness) {
+TEST_F(DumpCoordinatorTest, AnItemOutsideTheTableIsNobodysBusiness) {
   const auto dump = begin(asker);
   const auto item = service->newPublishedObjectWith(number(1), "d", 0, 0, other.connection());
   item->updateWithData(number(2));
@@ -329,7 +329,7 @@ TEST_F(DumpDeskTest, AnItemOutsideTheTableIsNobodysBusiness) {
   EXPECT_EQ(entriesOf(asker, dump).size(), 3u);
 }
 
-TEST_F(DumpDeskTest, ConnectionsThatEndAreDescribedAsTheyWere) {
+TEST_F(DumpCoordinatorTest, ConnectionsThatEndAreDescribedAsTheyWere) {
   const auto subscription = followed(other, "c", Date{1.0});
   const Value before = describe("c");
   const auto dump = begin(asker);
@@ -342,7 +342,7 @@ TEST_F(DumpDeskTest, ConnectionsThatEndAreDescribedAsTheyWere) {
   EXPECT_EQ(describe("c").textOf("publisher"), "<unconnected>");
 }
 
-TEST_F(DumpDeskTest, AConnectionThatHasEndedIsDescribedWhileItIsThere) {
+TEST_F(DumpCoordinatorTest, AConnectionThatHasEndedIsDescribedWhileItIsThere) {
   const Value before = describe("c");
   const auto dump = request(asker);
   // A request that waits keeps the connection, beyond the dump's beginning.
@@ -357,7 +357,7 @@ TEST_F(DumpDeskTest, AConnectionThatHasEndedIsDescribedWhileItIsThere) {
   EXPECT_EQ(entryOf(entriesOf(asker, dump), "c"), before);
 }
 
-TEST_F(DumpDeskTest, AConnectionThatWasGoneIsUnconnected) {
+TEST_F(DumpCoordinatorTest, AConnectionThatWasGoneIsUnconnected) {
   one.die();
   runAll();
   const auto dump = begin(asker);
@@ -366,7 +366,7 @@ TEST_F(DumpDeskTest, AConnectionThatWasGoneIsUnconnected) {
     EXPECT_EQ(each.textOf("publisher"), "<unconnected>");
 }
 
-TEST_F(DumpDeskTest, EachOfSeveralShowsItsOwnMoment) {
+TEST_F(DumpCoordinatorTest, EachOfSeveralShowsItsOwnMoment) {
   const Value before = describe("c");
   const auto early = begin(asker);
   update(one, "c", number(2));
@@ -389,7 +389,7 @@ TEST_F(DumpDeskTest, EachOfSeveralShowsItsOwnMoment) {
   EXPECT_NE(*entryOf(second, "c").find("publishDate"), *entryOf(first, "c").find("publishDate"));
 }
 
-TEST_F(DumpDeskTest, AConnectionMayEndBetweenTheBeginningsOfTwo) {
+TEST_F(DumpCoordinatorTest, AConnectionMayEndBetweenTheBeginningsOfTwo) {
   const auto early = begin(asker);
   one.die();
   const auto late = request(other);
@@ -398,7 +398,7 @@ TEST_F(DumpDeskTest, AConnectionMayEndBetweenTheBeginningsOfTwo) {
   EXPECT_EQ(entryOf(entriesOf(other, late), "c").textOf("publisher"), "<unconnected>");
 }
 
-TEST_F(DumpDeskTest, IsDroppedWhenItsAskerEnds) {
+TEST_F(DumpCoordinatorTest, IsDroppedWhenItsAskerEnds) {
   begin(asker);
   const std::weak_ptr<xpc::Connection> connection = asker.connection();
   asker.die();
@@ -412,9 +412,9 @@ TEST_F(DumpDeskTest, IsDroppedWhenItsAskerEnds) {
   EXPECT_EQ(namesOf(entriesOf(other, next)), (std::vector<std::string>{"a", "b", "c"}));
 }
 
-TEST_F(DumpDeskTest, WorksOnceWhenOneIsDroppedAndAnotherBegins) {
+TEST_F(DumpCoordinatorTest, WorksOnceWhenOneIsDroppedAndAnotherBegins) {
   // Of another's, so that what is dropped has not had its turn when the next begins.
-  service->sliceLine().add([left = 2]() mutable { return --left > 0; });
+  service->work().incremental().add([left = 2]() mutable { return --left > 0; });
   begin(asker);
   const auto next = request(other);
   asker.die();
@@ -422,7 +422,7 @@ TEST_F(DumpDeskTest, WorksOnceWhenOneIsDroppedAndAnotherBegins) {
   EXPECT_EQ(executor.scheduledCount(), 0u);
 }
 
-TEST_F(DumpDeskTest, IsNotBegunForAnAskerThatHasEnded) {
+TEST_F(DumpCoordinatorTest, IsNotBegunForAnAskerThatHasEnded) {
   request(asker);
   const std::weak_ptr<xpc::Connection> connection = asker.connection();
   asker.die();
@@ -432,7 +432,7 @@ TEST_F(DumpDeskTest, IsNotBegunForAnAskerThatHasEnded) {
   EXPECT_EQ(executor.scheduledCount(), 0u);
 }
 
-TEST_F(DumpDeskTest, GoesOnWhenTheAskerOfAnotherEnds) {
+TEST_F(DumpCoordinatorTest, GoesOnWhenTheAskerOfAnotherEnds) {
   begin(asker);
   const auto late = request(other);
   const auto latest = request(one);
@@ -443,7 +443,7 @@ TEST_F(DumpDeskTest, GoesOnWhenTheAskerOfAnotherEnds) {
   EXPECT_EQ(entriesOf(one, latest).size(), 3u);
 }
 
-TEST_F(DumpDeskTest, OfNothingIsAnsweredAtOnceWhileAnotherIsInProgress) {
+TEST_F(DumpCoordinatorTest, OfNothingIsAnsweredAtOnceWhileAnotherIsInProgress) {
   begin(asker);
   for (const char* name : {"a", "b", "c"}) remove(one, name);
   const auto late = request(other);
@@ -451,12 +451,13 @@ TEST_F(DumpDeskTest, OfNothingIsAnsweredAtOnceWhileAnotherIsInProgress) {
   EXPECT_THAT(entriesOf(other, late), IsEmpty());
 }
 
-TEST_F(DumpDeskTest, ItemsMayOutliveIt) {
-  auto desk = std::make_shared<DumpDesk>(
-      std::make_shared<SliceLine>(SerialQueue::create("test", executor)));
+TEST_F(DumpCoordinatorTest, ItemsMayOutliveIt) {
+  auto desk = std::make_shared<DumpCoordinator>(
+      std::make_shared<IncrementalWorkQueue>(SerialQueue::create("test", executor)));
   const auto item = KLNPublishedObject::initWithName("d");
   desk->enter(*item);
-  desk->begin(/*withData=*/false, nullptr, DumpDesk::Reply::to([](const Array&, const Error&) {}));
+  desk->begin(/*withData=*/false, nullptr,
+              DumpCoordinator::Reply::to([](const Array&, const Error&) {}));
   desk.reset();
   item->setLastUpdated(Date{1.0});
   EXPECT_EQ(item->lastUpdated(), Date{1.0});
