@@ -3,16 +3,20 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -257,6 +261,33 @@ TEST_F(EmbeddedJobTest, FilesAreOpenedWithTheRightsOfItsUser) {
   // And this thread has its own rights again.
   std::ofstream(path("ours"), std::ios::app) << "more\n";
   EXPECT_EQ(content(path("ours")), "secret\nmore\n");
+}
+
+// As in a container that was not given the right to change users.
+void dropCapability(int capability) {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  std::array<__user_cap_data_struct, 2> data{};
+  ASSERT_EQ(::syscall(SYS_capget, &header, data.data()), 0);
+  data[0].effective &= ~(1u << capability);
+  ASSERT_EQ(::syscall(SYS_capset, &header, data.data()), 0);
+}
+
+TEST_F(EmbeddedJobTest, ForbiddenChangeOfUserFailsTheJobAlone) {
+  const auto problemWithout = [&](int capability) {
+    dropCapability(capability);
+    Job job = shell("");
+    job.userName = "nobody";
+    job.standardOutPath = path("out");
+    const auto launched = launch(job, {});
+    std::fputs(launched ? "(started)" : launched.error().description().c_str(), stderr);
+    ::_exit(7);
+  };
+  constexpr const char* kProblem =
+      "^the job com.example.job cannot be started: open files with the rights of its user: "
+      "Operation not permitted ";
+  EXPECT_EXIT(problemWithout(CAP_SETGID), testing::ExitedWithCode(7), kProblem);
+  EXPECT_EXIT(problemWithout(CAP_SETUID), testing::ExitedWithCode(7), kProblem);
+  EXPECT_FALSE(std::filesystem::exists(path("out")));
 }
 
 TEST_F(EmbeddedJobTest, ProgramIsAsTheJobSays) {

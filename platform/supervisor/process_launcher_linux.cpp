@@ -11,6 +11,7 @@
 #include <pwd.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/fsuid.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -27,7 +28,6 @@
 
 #include "platform/supervisor/process_launcher.h"
 #include "platform/supervisor/supervisor_error.h"
-#include "runtime/foundation/check.h"
 
 namespace keel {
 
@@ -43,6 +43,10 @@ constexpr std::string_view kListenPid = "LISTEN_PID=";
 enum class Step : int {
   session,
   signals,
+  rights,
+  input,
+  output,
+  errorOutput,
   descriptors,
   scheduling,
   limits,
@@ -52,16 +56,6 @@ enum class Step : int {
   death,
   exec
 };
-constexpr std::array<const char*, 10> kStepTexts = {"begin a session",
-                                                    "reset its signals",
-                                                    "arrange its descriptors",
-                                                    "set its priority",
-                                                    "set its resource limits",
-                                                    "change to its root directory",
-                                                    "change to its working directory",
-                                                    "become its user",
-                                                    "end with keeld",
-                                                    "run its program"};
 struct Report {
   Step step;
   int problem;
@@ -78,7 +72,8 @@ struct Account {
 struct Preparation {
   const Job* job = nullptr;
   Account account;
-  std::array<FileDescriptor, 3> standard;
+  std::array<std::string, 3> paths;  // of its standard files; empty for keeld's standard error
+  std::array<FileDescriptor, 3> standard;  // those with a path are opened by the child
   std::vector<int> sockets;
   std::vector<std::string> variables;  // the last one is LISTEN_PID, with room for the number
   std::vector<char*> environment;
@@ -149,59 +144,13 @@ std::expected<void, Error> findGroup(const Job& job, Preparation& made) {
   return {};
 }
 
-// The calling thread, and it alone, opens files as that account does, until this is destroyed. Past
-// the C library, which would change all threads.
-class RightsOf {
- public:
-  explicit RightsOf(const Account& account) : changed_(account.changes) {
-    if (!changed_) return;
-    former_.resize(static_cast<std::size_t>(std::max(0, ::getgroups(0, nullptr))));
-    KEEL_CHECK(::getgroups(static_cast<int>(former_.size()), former_.data()) >= 0);
-    KEEL_CHECK(::syscall(SYS_setgroups, account.groups.size(), account.groups.data()) == 0);
-    ::syscall(SYS_setfsgid, account.gid);
-    ::syscall(SYS_setfsuid, account.uid);
-  }
-  ~RightsOf() {
-    if (!changed_) return;
-    ::syscall(SYS_setfsuid, ::geteuid());
-    ::syscall(SYS_setfsgid, ::getegid());
-    KEEL_CHECK(::syscall(SYS_setgroups, former_.size(), former_.data()) == 0);
-  }
-  RightsOf(const RightsOf&) = delete;
-  RightsOf& operator=(const RightsOf&) = delete;
-
- private:
-  const bool changed_;
-  std::vector<gid_t> former_;
-};
-
-// Nobody waits for the other end of a named pipe here, and no link leads from a folder of the job's
-// user to another file.
-std::expected<FileDescriptor, Error> opened(const Job& job, const std::string& path, int flags) {
-  FileDescriptor file(
-      ::open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0640));
-  if (!file || ::fcntl(file.get(), F_SETFL, flags & O_APPEND) != 0)
-    return failure(job, errno, "open " + path);
-  return file;
-}
-
-std::expected<void, Error> openStandard(const Job& job, Preparation& made) {
-  constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND;
-  const RightsOf rights(made.account);
-  auto input = opened(job, job.standardInPath.empty() ? "/dev/null" : job.standardInPath, O_RDONLY);
-  if (!input) return std::unexpected(input.error());
-  made.standard[0] = std::move(*input);
-  const std::array<const std::string*, 2> paths = {&job.standardOutPath, &job.standardErrorPath};
-  for (std::size_t place = 0; place < paths.size(); ++place) {
-    if (paths[place]->empty()) {
-      FileDescriptor copy(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, kFirstPassed));
-      if (!copy) return failure(job, errno, "keeld's standard error");
-      made.standard[place + 1] = std::move(copy);
-      continue;
-    }
-    auto output = opened(job, *paths[place], kAppend);
-    if (!output) return std::unexpected(output.error());
-    made.standard[place + 1] = std::move(*output);
+std::expected<void, Error> prepareStandard(const Job& job, Preparation& made) {
+  made.paths = {job.standardInPath.empty() ? "/dev/null" : job.standardInPath, job.standardOutPath,
+                job.standardErrorPath};
+  for (std::size_t number = 0; number < made.paths.size(); ++number) {
+    if (!made.paths[number].empty()) continue;
+    made.standard[number].reset(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, kFirstPassed));
+    if (!made.standard[number]) return failure(job, errno, "keeld's standard error");
   }
   return {};
 }
@@ -233,7 +182,7 @@ std::expected<void, Error> prepare(const Job& job, const std::vector<NamedSocket
   made.parent = ::getpid();
   if (auto found = findUser(job, made); !found) return found;
   if (auto found = findGroup(job, made); !found) return found;
-  if (auto open = openStandard(job, made); !open) return open;
+  if (auto prepared = prepareStandard(job, made); !prepared) return prepared;
   for (const NamedSocket& socket : sockets) {
     made.sockets.push_back(socket.descriptor);
     // The program may well accept in a loop; keeld itself never accepts.
@@ -257,6 +206,48 @@ bool resetSignals() {
   for (int signal = 1; signal < NSIG; ++signal) ::sigaction(signal, &standard, nullptr);
   sigset_t none;
   return ::sigemptyset(&none) == 0 && ::sigprocmask(SIG_SETMASK, &none, nullptr) == 0;
+}
+
+// Neither call reports a failure.
+bool openFilesAs(uid_t user, gid_t group) {
+  ::setfsgid(group);
+  ::setfsuid(user);
+  if (::setfsgid(static_cast<gid_t>(-1)) == static_cast<int>(group) &&
+      ::setfsuid(static_cast<uid_t>(-1)) == static_cast<int>(user)) {
+    return true;
+  }
+  errno = EPERM;
+  return false;
+}
+
+// No open() waits for the other end of a named pipe, and no link leads from a directory of the
+// job's user to another file.
+bool openStandardFile(Preparation& made, std::size_t number) {
+  const std::string& path = made.paths[number];
+  if (path.empty()) return true;
+  const int flags = number == 0 ? O_RDONLY : O_WRONLY | O_CREAT | O_APPEND;
+  made.standard[number].reset(
+      ::open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0640));
+  return made.standard[number] &&
+         ::fcntl(made.standard[number].get(), F_SETFL, flags & O_APPEND) == 0;
+}
+
+// With the rights of the job's user. The groups stay: it becomes that user soon.
+bool openStandard(Preparation& made, Step& step) {
+  step = Step::rights;
+  const Account& account = made.account;
+  if (account.changes && (::setgroups(account.groups.size(), account.groups.data()) != 0 ||
+                          !openFilesAs(account.uid, account.gid))) {
+    return false;
+  }
+  step = Step::input;
+  if (!openStandardFile(made, 0)) return false;
+  step = Step::output;
+  if (!openStandardFile(made, 1)) return false;
+  step = Step::errorOutput;
+  if (!openStandardFile(made, 2)) return false;
+  step = Step::rights;
+  return openFilesAs(::geteuid(), ::getegid());
 }
 
 // Out of one another's way first: a number that is wanted for one may be in use by another.
@@ -334,7 +325,8 @@ void writeOwnProcessId(Preparation& made) {
   const auto enter = [](const std::string& directory, int (*change)(const char*)) {
     return directory.empty() || change(directory.c_str()) == 0;
   };
-  if (taken(Step::signals, ::setsid() >= 0) && taken(Step::descriptors, resetSignals()) &&
+  if (taken(Step::signals, ::setsid() >= 0) && taken(Step::rights, resetSignals()) &&
+      taken(Step::descriptors, openStandard(made, step)) &&
       taken(Step::scheduling, arrangeDescriptors(made)) && taken(Step::limits, schedule(job)) &&
       taken(Step::rootDirectory, limit(job)) &&
       taken(Step::workingDirectory, enter(job.rootDirectory, &::chroot)) &&
@@ -352,6 +344,40 @@ void writeOwnProcessId(Preparation& made) {
 
 // ---- in the parent
 // --------------------------------------------------------------------------------------------------------
+
+std::string describe(Step step, const Preparation& made) {
+  switch (step) {
+    case Step::session:
+      return "begin a session";
+    case Step::signals:
+      return "reset its signals";
+    case Step::rights:
+      return "open files with the rights of its user";
+    case Step::input:
+      return "open " + made.paths[0];
+    case Step::output:
+      return "open " + made.paths[1];
+    case Step::errorOutput:
+      return "open " + made.paths[2];
+    case Step::descriptors:
+      return "arrange its descriptors";
+    case Step::scheduling:
+      return "set its priority";
+    case Step::limits:
+      return "set its resource limits";
+    case Step::rootDirectory:
+      return "change to its root directory";
+    case Step::workingDirectory:
+      return "change to its working directory";
+    case Step::account:
+      return "become its user";
+    case Step::death:
+      return "end with keeld";
+    case Step::exec:
+      return "run its program " + made.job->program;
+  }
+  return "start";
+}
 
 std::optional<Report> reportOf(int pipe) {
   Report report{};
@@ -382,9 +408,7 @@ std::expected<LaunchedProcess, Error> launch(const Job& job,
   writing.reset();
   if (const auto report = reportOf(reading.get())) {
     ::waitpid(pid, nullptr, 0);
-    const char* step = kStepTexts[static_cast<std::size_t>(report->step)];
-    return failure(job, report->problem,
-                   report->step == Step::exec ? fmt::format("{} {}", step, job.program) : step);
+    return failure(job, report->problem, describe(report->step, made));
   }
   // Nobody else reaps our children, so that the number is still this one's.
   FileDescriptor pidfd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));

@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Jobs where no systemd runs, and where one seems to run that is of no use."""
 
+import ctypes
 import os
 import plistlib
 import re
@@ -55,6 +56,21 @@ class Embedded(JobsTest):
         self.daemon = self.start()
         told = ask("com.e.user")
         self.assertEqual((told["uid"], told["groups"], told["environment"]["USER"]), (65534, [65534], "nobody"))
+
+    def test_fails_alone_where_keeld_may_not_change_users(self):
+        def drop_privilege():
+            set_bounding_capability, setgid = 24, 6
+            if ctypes.CDLL(None, use_errno=True).prctl(set_bounding_capability, setgid, 0, 0, 0) != 0:
+                raise OSError(ctypes.get_errno(), "prctl")
+
+        self.bundle("user", UserName="nobody")
+        self.bundle("root")
+        self.daemon = self.start(before_exec=drop_privilege)
+        caller = Caller("com.e.user")
+        self.addCleanup(caller.close)
+        why = re.compile("the job com.e.user cannot be started: open files with the rights of its user: Operation not permitted .*")
+        self.daemon.wait_for_log(why, level="error")
+        self.assertEqual(ask("com.e.root")["uid"], 0)
 
     def test_is_started_again_after_it_has_ended(self):
         self.bundle("again")
