@@ -12,6 +12,7 @@ int main(int, char** arguments) {
   using namespace keel;
   requireRoot(arguments[0]);
   holdSignals();
+  keepChildStatus();
   forbidCores();
   setCrashBanner(std::string(TBCopyCalderBuildVersion().view()).c_str());
   startDaemonLogging();

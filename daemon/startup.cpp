@@ -111,6 +111,10 @@ void holdSignals() {
   holdSignal(SIGTERM);
 }
 
+void keepChildStatus() {
+  ::signal(SIGCHLD, SIG_DFL);
+}
+
 void forbidCores() {
   KEEL_CHECK(::prctl(PR_SET_DUMPABLE, 0) == 0);
 }

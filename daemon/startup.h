@@ -17,6 +17,11 @@ void requireRoot(const char* programName);
 // neither ends the process any more, and none is lost. Before any thread exists.
 void holdSignals();
 
+// Has the kernel keep the status of each child until it is asked for, even if whoever started this
+// process ignored SIGCHLD: an ignored SIGCHLD is inherited, and children then vanish unseen. Before
+// any thread exists.
+void keepChildStatus();
+
 // Has the kernel write no core of this process, wherever it crashes: in the middle of an attempt it
 // has a password in its memory. Root's debuggers still may look. Programs that it starts are free
 // of this.

@@ -108,8 +108,8 @@ class Child {
     if (pid_ == 0) return 0;
     const pid_t pid = std::exchange(pid_, 0);
     siginfo_t status{};
-    // Nobody else reaps it, unless this process was started with SIGCHLD ignored; then its id may
-    // be another's by now.
+    // Nobody else reaps it, except the kernel where SIGCHLD is ignored; then its id may be
+    // another's by now.
     if (::waitid(P_PID, static_cast<id_t>(pid), &status, WEXITED | WNOHANG | WNOWAIT) != 0)
       return 0;
     const bool diedBefore = status.si_pid == pid && status.si_code != CLD_EXITED;

@@ -24,6 +24,7 @@ Logger& logger() {
 }
 
 std::string shownEnd(const siginfo_t& end) {
+  if (end.si_pid == 0) return "ended, and its status was lost";
   if (end.si_code == CLD_EXITED) return fmt::format("ended with status {}", end.si_status);
   return fmt::format("was ended by signal {} ({})", end.si_status, ::strsignal(end.si_status));
 }
@@ -125,12 +126,14 @@ void EmbeddedJob::ProcessWatcher::onReady(std::uint32_t) {
 
 void EmbeddedJob::processEnded() {
   siginfo_t end{};
-  if (::waitid(P_PID, static_cast<id_t>(process_.pid), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||
-      end.si_pid == 0)
-    return;
-  // What it has started goes with it. As long as it is not reaped its group is no other's.
-  if (!job_.abandonProcessGroup) ::kill(-process_.pid, SIGKILL);
-  ::waitid(P_PID, static_cast<id_t>(process_.pid), &end, WEXITED);
+  const bool isOurs =
+      ::waitid(P_PID, static_cast<id_t>(process_.pid), &end, WEXITED | WNOHANG | WNOWAIT) == 0;
+  if (isOurs && end.si_pid == 0) return;
+  if (isOurs) {
+    // What it has started goes with it. As long as it is not reaped its group is no other's.
+    if (!job_.abandonProcessGroup) ::kill(-process_.pid, SIGKILL);
+    ::waitid(P_PID, static_cast<id_t>(process_.pid), &end, WEXITED);
+  }
   world_.reactor.unwatch(process_.pidfd.get(), processWatcher_);
   process_ = LaunchedProcess();
   const bool succeeded = end.si_code == CLD_EXITED && end.si_status == 0;
@@ -140,7 +143,7 @@ void EmbeddedJob::processEnded() {
     logger().error("the job {} {}", job_.label, shownEnd(end));
     problem_ = "it " + shownEnd(end);
   }
-  settle(succeeded, end.si_code != CLD_EXITED && end.si_status != SIGTERM);
+  settle(succeeded, isOurs && end.si_code != CLD_EXITED && end.si_status != SIGTERM);
 }
 
 // What comes after a program that has ended, or was never there.

@@ -194,6 +194,22 @@ TEST_F(EmbeddedJobTest, ProgramThatKeepsLeavingSomebodyWaitingIsGivenAPause) {
   until([&] { return startCount() > static_cast<std::size_t>(EmbeddedJob::kFreeStarts); });
 }
 
+TEST_F(EmbeddedJobTest, ProgramWhoseStatusIsLostCountsAsFailed) {
+  const auto before = ::signal(SIGCHLD, SIG_IGN);
+  begin(shell("echo start >>" + path("starts") + "; " + kServeOne));
+  FileDescriptor client = connect();
+  until([&] { return recorded().program == JobState::Program::running; });
+  char answer = 0;
+  until([&] { return ::recv(client.get(), &answer, 1, MSG_DONTWAIT) == 1; });
+  client.reset();
+  until([&] { return recorded().program == JobState::Program::starting; });
+  ::signal(SIGCHLD, before);
+  EXPECT_EQ(recorded().problem, "it ended, and its status was lost");
+  client = connect();
+  now_ += 10s;
+  until([&] { return startCount() == 2; });
+}
+
 TEST_F(EmbeddedJobTest, KeptAliveIsStartedWithoutDemand) {
   Job job = shell("echo start >>" + path("starts"));
   job.runAtLoad = true;

@@ -8,6 +8,7 @@ import plistlib
 import re
 import select
 import shutil
+import signal
 import socket
 import threading
 
@@ -78,6 +79,14 @@ class Embedded(JobsTest):
         first = ask("com.e.again")
         # Not that of keeld's own thread which starts it.
         self.assertEqual(first["nice"], 0)
+        self.daemon.wait_for_log("the job com.e.again ended with status 0")
+        self.assertNotEqual(ask("com.e.again")["pid"], first["pid"])
+
+    def test_is_watched_even_if_sigchld_was_ignored(self):
+        """Who starts keeld may ignore it, and an ignored signal is inherited."""
+        self.bundle("again")
+        self.daemon = self.start(before_exec=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
+        first = ask("com.e.again")
         self.daemon.wait_for_log("the job com.e.again ended with status 0")
         self.assertNotEqual(ask("com.e.again")["pid"], first["pid"])
 

@@ -5,6 +5,7 @@
 import os
 import re
 import select
+import signal
 import sys
 
 import keel_accounts
@@ -258,6 +259,14 @@ class BadModules(AccountsTest):
         service(f"auth {own_module('leak')}", "account required pam_permit.so")
         self.assertWorked(self.password_error("alice", password_of("alice"), client))
         self.assertEqual(self.daemon.descriptor_count(), before)
+        self.assertTrue(all(await_end(pid) for pid in helpers()))
+
+    def test_one_that_leaks_leaves_nothing_behind_even_if_sigchld_was_ignored(self):
+        """Who starts keeld may ignore it, and an ignored signal is inherited."""
+        self.daemon.stop()
+        self.daemon = self.start(before_exec=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
+        service(f"auth {own_module('leak')}", f"auth {own_module('crash')}", "account required pam_permit.so")
+        self.assertRefused("alice")
         self.assertTrue(all(await_end(pid) for pid in helpers()))
 
     def test_one_that_exchanges_the_user_is_a_refusal(self):
