@@ -18,6 +18,7 @@ int main(int, char** arguments) {
   startDaemonLogging();
   complainAboutMissingSessions();
   makeLockDirectory(kLockDirectory);
+  startThreads();
   preferIoThread();
   loadModules();
   openListeners();

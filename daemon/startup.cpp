@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <string>
+#include <system_error>
 
 #include "daemon/readiness.h"
 #include "daemon/services.h"
@@ -20,10 +22,12 @@
 #include "runtime/dispatch/signal_source.h"
 #include "runtime/dispatch/system.h"
 #include "runtime/dispatch/thread_priority.h"
+#include "runtime/dispatch/worker_pool.h"
 #include "runtime/foundation/check.h"
 #include "runtime/logging/log_system.h"
 #include "runtime/logging/logger.h"
 #include "runtime/transport/admissions.h"
+#include "runtime/transport/foreign_descriptors.h"
 #include "runtime/xpc/listener.h"
 
 namespace keel {
@@ -54,6 +58,13 @@ Logger& logger() {
 [[noreturn]] void endProcess(int exitCode) {
   flushLog(kLogPatience);
   std::exit(exitCode);
+}
+
+void requireThread(const char* thread, const std::error_code& problem) {
+  if (!problem) return;
+  logger().error("cannot start {}: {}; raise the limit on tasks or memory", thread,
+                 problem.message());
+  endProcess(kExitNoThread);
 }
 
 std::shared_ptr<xpc::Listener> makeListener(const char* serviceName) {
@@ -121,8 +132,14 @@ void forbidCores() {
 
 void startDaemonLogging() {
   const char* setting = std::getenv("KEELD_LOG");
-  const std::string notUnderstood =
-      startLogging(defaultOutput(), setting != nullptr ? setting : "");
+  std::string notUnderstood;
+  try {
+    notUnderstood = startLogging(defaultOutput(), setting != nullptr ? setting : "");
+  } catch (const std::system_error& problem) {
+    std::fprintf(stderr, "keeld: cannot start the logging thread: %s\n",
+                 problem.code().message().c_str());
+    std::exit(kExitNoThread);
+  }
   if (!notUnderstood.empty()) logger().error("KEELD_LOG: not understood: {}", notUnderstood);
 }
 
@@ -132,6 +149,17 @@ void complainAboutMissingSessions(const char* ownSession) {
       "this kernel has no audit sessions: all processes are in session -1, and whoever proves to "
       "be an administrator proves it "
       "for every one of them; use a kernel with CONFIG_AUDIT");
+}
+
+void startThreads() {
+  try {
+    ioReactor();
+  } catch (const std::system_error& problem) {
+    requireThread("the I/O thread", problem.code());
+  }
+  requireThread("a worker thread", globalQueue().start());
+  requireThread("a thread for checks", checkQueue().start());
+  requireThread("a thread that closes descriptors", xpc::startClosing());
 }
 
 void preferIoThread() {

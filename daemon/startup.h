@@ -9,6 +9,7 @@ namespace keel {
 inline constexpr int kExitNotRoot = 1;
 inline constexpr int kExitNoLockDirectory = 2;
 inline constexpr int kExitNoListener = 3;
+inline constexpr int kExitNoThread = 4;
 
 // Ends with kExitNotRoot and a message on standard error unless the real user is root.
 void requireRoot(const char* programName);
@@ -28,12 +29,17 @@ void keepChildStatus();
 void forbidCores();
 
 // Starts logging to the journal or standard error; the environment variable KEELD_LOG sets the
-// levels.
+// levels. Ends with kExitNoThread and a message on standard error when the logging thread cannot be
+// started.
 void startDaemonLogging();
 
 // Says so in the log when this system does not tell sessions apart, to which every proof is bound.
 // `ownSession` is where the kernel shows this process's own.
 void complainAboutMissingSessions(const char* ownSession = "/proc/self/sessionid");
+
+// Starts the I/O thread and the first thread of each pool: a machine that gives no more threads
+// later makes keeld slower, and no more. Ends with kExitNoThread when one cannot be started.
+void startThreads();
 
 // Has the I/O thread run before the clients that it serves: its turns are short, and everybody
 // waits for them.

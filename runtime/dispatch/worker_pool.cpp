@@ -35,6 +35,11 @@ WorkerPool::~WorkerPool() {
   }
 }
 
+std::error_code WorkerPool::start() {
+  const std::lock_guard lock(mutex_);
+  return threads_.empty() ? startThread() : std::error_code();
+}
+
 Executor& WorkerPool::laneOf(std::uint64_t owner) {
   const std::lock_guard lock(mutex_);
   auto& lane = lanes_[owner];
@@ -67,14 +72,14 @@ std::shared_ptr<SerialQueue> WorkerPool::takeFrom(Lane& lane) {
   return queue;
 }
 
-void WorkerPool::startThread() {
-  if (ending_ || threads_.size() == threadLimit_) return;
+std::error_code WorkerPool::startThread() {
+  if (ending_ || threads_.size() == threadLimit_) return {};
   try {
     threads_.emplace_back([this] { work(); });
-  } catch (const std::system_error&) {
-    // The machine gives no more threads: those that exist do the work, later.
-    KEEL_CHECK(!threads_.empty());
+  } catch (const std::system_error& problem) {
+    return problem.code();
   }
+  return {};
 }
 
 void WorkerPool::work() {

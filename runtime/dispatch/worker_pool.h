@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -17,7 +18,7 @@
 namespace keel {
 
 // A bounded number of threads for work that may block. Threads are started as work arrives, up to
-// the bound, and kept.
+// the bound, and kept. Where the machine gives no more, those that exist do the work.
 //
 // Work may come in lanes, one for each of those whose work must not hold up that of the others: the
 // lanes with something to do take turns, and one lane has no more than a bounded number of the
@@ -30,6 +31,11 @@ class WorkerPool final : public Executor {
   ~WorkerPool() override;
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
+
+  // Starts the first thread, unless there is one, or returns why it cannot. A pool that has none
+  // leaves work undone until it can start one for work that comes later, so whoever depends on its
+  // work calls this first.
+  std::error_code start();
 
   // In a lane of its own, shared by all that is scheduled here.
   void schedule(std::shared_ptr<SerialQueue> queue) override { common_.schedule(std::move(queue)); }
@@ -59,7 +65,7 @@ class WorkerPool final : public Executor {
   // Under mutex_.
   bool makeReady(Lane& lane);
   std::shared_ptr<SerialQueue> takeFrom(Lane& lane);
-  void startThread();
+  std::error_code startThread();
 
   const std::size_t threadLimit_;
   const std::size_t threadLimitOfLane_;

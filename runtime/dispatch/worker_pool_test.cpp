@@ -14,6 +14,7 @@
 #include <latch>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "runtime/dispatch/serial_queue.h"
@@ -192,6 +193,58 @@ TEST(WorkerPool, DropsTurnsThatHaveNotBegunWhenItEnds) {
     begun.wait();
   }
   EXPECT_TRUE(released.expired());
+}
+
+// While it lives the system has no room for the stack of another thread.
+class NoMoreThreads {
+ public:
+  NoMoreThreads() {
+    EXPECT_EQ(::pthread_getattr_default_np(&before_), 0);
+    pthread_attr_t huge;
+    EXPECT_EQ(::pthread_attr_init(&huge), 0);
+    EXPECT_EQ(::pthread_attr_setstacksize(&huge, std::size_t{1} << 47), 0);
+    EXPECT_EQ(::pthread_setattr_default_np(&huge), 0);
+    ::pthread_attr_destroy(&huge);
+  }
+  ~NoMoreThreads() {
+    EXPECT_EQ(::pthread_setattr_default_np(&before_), 0);
+    ::pthread_attr_destroy(&before_);
+  }
+  NoMoreThreads(const NoMoreThreads&) = delete;
+  NoMoreThreads& operator=(const NoMoreThreads&) = delete;
+
+ private:
+  pthread_attr_t before_;
+};
+
+TEST(WorkerPool, SaysThatItsFirstThreadCannotBeStarted) {
+  WorkerPool pool(2);
+  {
+    const NoMoreThreads full;
+    EXPECT_EQ(pool.start(), std::errc::resource_unavailable_try_again);
+  }
+  EXPECT_EQ(pool.start(), std::error_code());
+}
+
+TEST(WorkerPool, WorksWithTheThreadsItHas) {
+  WorkerPool pool(2);
+  ASSERT_EQ(pool.start(), std::error_code());
+  const NoMoreThreads full;
+  std::latch ended(3);
+  for (int i = 0; i < 3; ++i)
+    SerialQueue::create("one", pool)->async([&ended] { ended.count_down(); });
+  ended.wait();
+}
+
+TEST(WorkerPool, WorkWaitsForTheFirstThread) {
+  WorkerPool pool(1);
+  std::latch ended(2);
+  {
+    const NoMoreThreads full;
+    SerialQueue::create("early", pool)->async([&ended] { ended.count_down(); });
+  }
+  SerialQueue::create("late", pool)->async([&ended] { ended.count_down(); });
+  ended.wait();
 }
 
 TEST(WorkerPool, EndsWithoutEverHavingWorked) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <system_error>
 
 #include "runtime/foundation/file_descriptor.h"
 
@@ -15,6 +16,10 @@ namespace keel::xpc {
 
 // Whether it is a memory file (memfd_create(2)).
 bool isMemoryFile(const FileDescriptor& descriptor);
+
+// Starts the first of the threads that may wait, or returns why it cannot. Called by whoever must
+// not run out of descriptors for want of a thread.
+std::error_code startClosing();
 
 // Closes it on a thread that may wait, one of the few that `owner` may keep waiting: any address
 // that stands for the user. `admission`, which may be null, is held until then: who lets us wait

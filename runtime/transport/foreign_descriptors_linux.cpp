@@ -19,21 +19,30 @@ namespace {
 constexpr std::size_t kClosingThreads = 64;
 constexpr std::size_t kClosingThreadsOfUser = 4;
 
+// Never destroyed: exit() runs on one thread while the others go on working.
+WorkerPool& closingThreads() {
+  static WorkerPool& threads = *new WorkerPool(kClosingThreads, kClosingThreadsOfUser);
+  return threads;
+}
+
 }  // namespace
 
 bool isMemoryFile(const FileDescriptor& descriptor) {
   return ::fcntl(descriptor.get(), F_GET_SEALS) >= 0;
 }
 
+std::error_code startClosing() {
+  return closingThreads().start();
+}
+
 void closeInBackground(FileDescriptor descriptor, std::shared_ptr<void> admission,
                        const void* owner) {
-  static WorkerPool& threads = *new WorkerPool(kClosingThreads, kClosingThreadsOfUser);
   // What waits in a network socket that lingers is worth nothing to us. Other kinds of descriptors
   // do not understand this.
   const linger atOnce{.l_onoff = 1, .l_linger = 0};
   ::setsockopt(descriptor.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
   // A queue for each: they need not wait for each other.
-  Executor& lane = threads.laneOf(reinterpret_cast<std::uintptr_t>(owner));
+  Executor& lane = closingThreads().laneOf(reinterpret_cast<std::uintptr_t>(owner));
   SerialQueue::create("KeelClosing", lane)
       ->async([closing = std::move(descriptor), held = std::move(admission)]() mutable {
         closing.reset();

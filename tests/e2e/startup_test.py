@@ -6,6 +6,8 @@ import ctypes
 import errno
 import os
 import re
+import resource
+import select
 import signal
 import socket
 import stat
@@ -13,7 +15,7 @@ import struct
 import subprocess
 
 import keel_host
-from keel_client import AUTH, DIRECTORY, NOTIFY, Client, Ended
+from keel_client import AUTH, DIRECTORY, HANG_GUARD, NOTIFY, Client, Ended
 from keel_host import AUTH_PATH, LOCK_DIRECTORY, NOTIFY_PATH, DaemonTest, listening_socket, remove
 
 USER = 1001
@@ -184,6 +186,51 @@ class Priority(StartTest):
 
         priorities = self.priorities(self.start(before_exec=drop_privilege))
         self.assertEqual(set().union(*priorities.values()), {0})
+
+
+class Threads(StartTest):
+    """On a machine that gives only so many of them: each has a stack of 8 GiB, and the addresses do not suffice for more."""
+
+    STACK = 8 << 30
+    # The logging thread, the I/O thread, one each for requests, checks and the closing of descriptors.
+    NEEDED = 5
+    SIGNALS = 2
+
+    def setUp(self):
+        super().setUp()
+        if keel_host.memory_factor() > 1:
+            self.skipTest("a sanitizer needs all addresses")
+
+    def limited_to(self, count):
+        def limit():
+            resource.setrlimit(resource.RLIMIT_STACK, (self.STACK, self.STACK))
+            resource.setrlimit(resource.RLIMIT_AS, (count * self.STACK + (self.STACK >> 1),) * 2)
+
+        return limit
+
+    def test_one_that_is_needed_and_cannot_be_started_ends_the_start(self):
+        for count in range(self.NEEDED):
+            with self.subTest(count=count):
+                daemon = self.failing(4, before_exec=self.limited_to(count))
+                self.assertIn("cannot start ", daemon.lines[-1])
+                self.assertFalse(os.path.lexists(AUTH_PATH))
+
+    def test_those_that_cannot_be_started_later_are_done_without(self):
+        self.daemon = self.start(before_exec=self.limited_to(self.NEEDED + self.SIGNALS))
+        method = "authenticateUser:withPassword:andHandler:"
+        clients = [self.client(AUTH, exports=()) for _ in range(3)]
+        requests = [client.request(method, "nobody-of-that-name", "wrong") for client in clients]
+        for client, request in zip(clients, requests):
+            self.assertEqual(client.results(request)[0].code, 5)
+        # A descriptor that no client may pass is closed, too.
+        hostile = self.client()
+        reading, writing = os.pipe()
+        self.addCleanup(os.close, reading)
+        hostile.request("subscribeTo:withFlags:andHandler:", "name", 0, files=[writing])
+        os.close(writing)
+        hostile.end()
+        self.assertTrue(select.select([reading], [], [], HANG_GUARD)[0])
+        self.assertEqual(os.read(reading, 1), b"")
 
 
 class Sockets(StartTest):
