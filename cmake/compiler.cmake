@@ -8,6 +8,8 @@ target_compile_options(keel_compiler INTERFACE
 # All symbols are resolved at the start. Resolved later, one by one, they would have the registers saved on the stack, and in
 # these may be a part of a password that was just copied.
 target_link_options(keel_compiler INTERFACE -Wl,-z,relro -Wl,-z,now)
+# A report of a crash names it, to be matched with the symbols of just that build.
+target_link_options(keel_compiler INTERFACE -Wl,--build-id)
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   target_compile_definitions(keel_compiler INTERFACE _FORTIFY_SOURCE=2)
   # Two neighbouring members that were just written one by one, read with one wide load: the processor has to wait for both.

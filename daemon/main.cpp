@@ -15,6 +15,7 @@ int main(int, char** arguments) {
   keepChildStatus();
   forbidCores();
   setCrashBanner(std::string(TBCopyCalderBuildVersion().view()).c_str());
+  reportCrashes();
   startDaemonLogging();
   complainAboutMissingSessions();
   makeLockDirectory(kLockDirectory);

@@ -18,6 +18,8 @@
 #include "daemon/readiness.h"
 #include "daemon/services.h"
 #include "modules/module_manager.h"
+#include "platform/product/crash_report.h"
+#include "platform/product/crash_stack.h"
 #include "platform/product/product.h"
 #include "runtime/dispatch/signal_source.h"
 #include "runtime/dispatch/system.h"
@@ -26,6 +28,7 @@
 #include "runtime/foundation/check.h"
 #include "runtime/logging/log_system.h"
 #include "runtime/logging/logger.h"
+#include "runtime/logging/standard_error_output.h"
 #include "runtime/transport/admissions.h"
 #include "runtime/transport/foreign_descriptors.h"
 #include "runtime/xpc/listener.h"
@@ -43,6 +46,8 @@ struct Process {
   Services<xpc::Listener> services;
   std::unique_ptr<SignalSource> hangup;
   std::unique_ptr<SignalSource> terminate;
+  std::unique_ptr<CrashStack> mainStack;
+  std::unique_ptr<CrashStack> ioStack;  // set by the I/O thread
 };
 
 Process& process() {
@@ -130,6 +135,12 @@ void forbidCores() {
   KEEL_CHECK(::prctl(PR_SET_DUMPABLE, 0) == 0);
 }
 
+void reportCrashes() {
+  const bool isJournal = isJournalStream(STDERR_FILENO, std::getenv("JOURNAL_STREAM"));
+  installCrashReport(isJournal ? CrashOutput::journal : CrashOutput::lines);
+  process().mainStack = std::make_unique<CrashStack>();
+}
+
 void startDaemonLogging() {
   const char* setting = std::getenv("KEELD_LOG");
   std::string notUnderstood;
@@ -157,6 +168,7 @@ void startThreads() {
   } catch (const std::system_error& problem) {
     requireThread("the I/O thread", problem.code());
   }
+  ioReactor().post([] { process().ioStack = std::make_unique<CrashStack>(); });
   requireThread("a worker thread", globalQueue().start());
   requireThread("a thread for checks", checkQueue().start());
   requireThread("a thread that closes descriptors", xpc::startClosing());

@@ -28,6 +28,10 @@ void keepChildStatus();
 // of this.
 void forbidCores();
 
+// Has a crash written to where the log goes: banner, build id and backtrace
+// (platform/product/crash_report.h). Before any thread exists.
+void reportCrashes();
+
 // Starts logging to the journal or standard error; the environment variable KEELD_LOG sets the
 // levels. Ends with kExitNoThread and a message on standard error when the logging thread cannot be
 // started.

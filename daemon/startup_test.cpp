@@ -3,6 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
+
+#include "platform/product/crash_stack.h"
+#include "runtime/dispatch/reactor.h"
+#include "runtime/dispatch/system.h"
 #include "tests/support/log_recorder.h"
 
 // What ends the process, or needs root, is tested end to end.
@@ -19,6 +24,13 @@ TEST(Startup, KernelWithoutAuditSessionsIsLogged) {
   EXPECT_EQ(log.lines()[0].level, LogLevel::error);
   EXPECT_TRUE(log.lines()[0].text.starts_with("this kernel has no audit sessions: "))
       << log.lines()[0].text;
+}
+
+TEST(Startup, IoThreadHasAStackForACrash) {
+  startThreads();
+  std::promise<bool> told;
+  ioReactor().post([&told] { told.set_value(CrashStack::isInUse()); });
+  EXPECT_TRUE(told.get_future().get());
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 #include <thread>
 #include <utility>
 
+#include "platform/product/crash_stack.h"
 #include "runtime/foundation/check.h"
 #include "runtime/foundation/file_descriptor.h"
 
@@ -86,6 +87,7 @@ class SignalSource::Impl {
 
   void work() {
     pthread_setname_np(pthread_self(), "keel-signal");
+    const CrashStack crashStack;
     for (;;) {
       const State state = state_.load();
       if (state == State::ending) return;

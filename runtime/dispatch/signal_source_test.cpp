@@ -15,6 +15,7 @@
 #include <semaphore>
 #include <string>
 
+#include "platform/product/crash_stack.h"
 #include "runtime/dispatch/system.h"
 
 namespace keel {
@@ -126,16 +127,19 @@ TEST_F(SignalSourceTest, SourcesHearTheirOwnSignalOnly) {
 TEST_F(SignalSourceTest, RunsItsHandlerOnAThreadOfItsOwn) {
   std::binary_semaphore heard(0);
   std::array<char, 16> name{};
+  bool hasCrashStack = false;
   const auto source = SignalSource::create(SIGUSR1);
   ASSERT_NE(source, nullptr);
   source->setEventHandler([&] {
     pthread_getname_np(pthread_self(), name.data(), name.size());
+    hasCrashStack = CrashStack::isInUse();
     heard.release();
   });
   source->resume();
   kill(getpid(), SIGUSR1);
   heard.acquire();
   EXPECT_EQ(std::string(name.data()), "keel-signal");
+  EXPECT_TRUE(hasCrashStack);
 }
 
 TEST_F(SignalSourceTest, EndsWithoutHavingBeenResumed) {

@@ -6,6 +6,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/product/crash_stack.h"
 #include "runtime/dispatch/serial_queue.h"
 #include "runtime/foundation/check.h"
 
@@ -84,6 +85,7 @@ std::error_code WorkerPool::startThread() {
 
 void WorkerPool::work() {
   pthread_setname_np(pthread_self(), "keel-worker");
+  const CrashStack crashStack;
   std::unique_lock lock(mutex_);
   for (;;) {
     ++idleCount_;

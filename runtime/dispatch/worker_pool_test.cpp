@@ -17,6 +17,7 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/product/crash_stack.h"
 #include "runtime/dispatch/serial_queue.h"
 
 namespace keel {
@@ -165,15 +166,18 @@ TEST(WorkerPool, DropsWhatWaitsInLanesWhenItEnds) {
   EXPECT_TRUE(released.expired());
 }
 
-TEST(WorkerPool, NamesItsThreads) {
+TEST(WorkerPool, NamesItsThreadsAndGivesEachAStackForACrash) {
   WorkerPool pool(1);
   std::promise<std::string> name;
-  SerialQueue::create("name", pool)->async([&name] {
+  bool hasCrashStack = false;
+  SerialQueue::create("name", pool)->async([&] {
     std::array<char, 16> text{};
     pthread_getname_np(pthread_self(), text.data(), text.size());
+    hasCrashStack = CrashStack::isInUse();
     name.set_value(text.data());
   });
   EXPECT_EQ(name.get_future().get(), "keel-worker");
+  EXPECT_TRUE(hasCrashStack);
 }
 
 TEST(WorkerPool, DropsTurnsThatHaveNotBegunWhenItEnds) {

@@ -7,6 +7,8 @@
 #include <csignal>
 #include <utility>
 
+#include "platform/product/crash_stack.h"
+
 namespace keel {
 namespace {
 
@@ -76,6 +78,7 @@ bool LogQueue::flush(std::chrono::milliseconds patience) {
 }
 
 void LogQueue::run() noexcept {
+  const CrashStack crashStack;
   std::vector<Entry> batch;
   std::unique_lock lock(mutex_);
   while (true) {

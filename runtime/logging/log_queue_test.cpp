@@ -8,6 +8,7 @@
 #include <csignal>
 #include <stdexcept>
 
+#include "platform/product/crash_stack.h"
 #include "runtime/logging/recording_output.h"
 
 namespace keel {
@@ -180,6 +181,7 @@ struct ThreadFacts {
   bool pipeBlocked = false;
   bool terminateBlocked = false;
   bool segmentationFaultBlocked = true;
+  bool hasCrashStack = false;
 };
 
 class ThreadFactsOutput : public LogOutput {
@@ -191,7 +193,7 @@ class ThreadFactsOutput : public LogOutput {
     sigset_t mask;
     pthread_sigmask(SIG_BLOCK, nullptr, &mask);
     facts_ = {name, sigismember(&mask, SIGPIPE) == 1, sigismember(&mask, SIGTERM) == 1,
-              sigismember(&mask, SIGSEGV) == 1};
+              sigismember(&mask, SIGSEGV) == 1, CrashStack::isInUse()};
     return true;
   }
 
@@ -208,6 +210,7 @@ TEST(LogQueue, ThreadHasItsNameAndTakesNoSignalsButItsOwnFaults) {
   EXPECT_TRUE(facts.pipeBlocked);
   EXPECT_TRUE(facts.terminateBlocked);
   EXPECT_FALSE(facts.segmentationFaultBlocked);
+  EXPECT_TRUE(facts.hasCrashStack);
 }
 
 TEST(LogQueue, SignalMaskOfWhoeverMakesItStays) {
