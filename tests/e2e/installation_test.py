@@ -24,6 +24,15 @@ def steps():
     return block.replace(BUILD, os.path.dirname(os.path.dirname(keel_host.keeld)))
 
 
+def connects(pid):
+    """Whether a process has a socket: keelctl has one when it has connected."""
+    try:
+        links = [os.readlink(f"/proc/{pid}/fd/{number}") for number in os.listdir(f"/proc/{pid}/fd")]
+    except FileNotFoundError:  # closed meanwhile
+        return False
+    return any(link.startswith("socket:") for link in links)
+
+
 class Installation(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -47,10 +56,54 @@ class Installation(unittest.TestCase):
         return done.returncode, done.stdout + done.stderr
 
     def test_is_a_service_that_is_up_now_and_at_each_boot(self):
-        for verb, word in (("is-active", "active"), ("is-enabled", "enabled")):
-            said = subprocess.run(["systemctl", verb, *UNITS], capture_output=True, text=True, check=False).stdout
-            self.assertEqual(said.split(), [word] * len(UNITS))
+        self.assertUnits("is-active", "active")
+        self.assertUnits("is-enabled", "enabled")
         self.assertEqual(self.keelctl("auth", "check", uid=ALICE), (0, '{"alive":true}\n'))
+
+    def assertUnits(self, verb, word):
+        said = subprocess.run(["systemctl", verb, *UNITS], capture_output=True, text=True, check=False).stdout
+        self.assertEqual(said.split(), [word] * len(UNITS))
+
+    def systemctl(self, *words):
+        subprocess.run(["systemctl", *words], capture_output=True, check=True, timeout=HANG_GUARD)
+
+    def test_its_sockets_are_started_and_enabled_with_it(self):
+        self.systemctl("disable", *UNITS)
+        self.systemctl("stop", *UNITS)
+        self.systemctl("start", "keeld")
+        self.assertUnits("is-active", "active")
+        self.systemctl("start", "keeld-notify.socket")
+        self.systemctl("stop", *UNITS)
+        self.systemctl("enable", "--now", "keeld")
+        self.assertUnits("is-active", "active")
+        self.assertUnits("is-enabled", "enabled")
+
+    def test_sockets_that_were_stopped_come_back_with_the_next_start(self):
+        self.systemctl("stop", "keeld-auth.socket", "keeld-notify.socket")
+        self.systemctl("restart", "keeld")
+        self.assertUnits("is-active", "active")
+        self.assertEqual(self.keelctl("auth", "check"), (0, '{"alive":true}\n'))
+
+    def test_clients_wait_while_it_is_restarted(self):
+        gate, drop_in = "/run/gate", f"{DROP_INS}/gate.conf"
+        os.mkfifo(gate)
+        self.addCleanup(os.unlink, gate)
+        with open(drop_in, "w") as file:
+            file.write(f"[Service]\nExecStartPre=/bin/cat {gate}\n")
+        self.addCleanup(self.systemctl, "daemon-reload")
+        self.addCleanup(os.unlink, drop_in)
+        self.systemctl("daemon-reload")
+        self.systemctl("restart", "--no-block", "keeld")
+        # Opened when the new keeld is about to be started, and the old one has ended.
+        with open(gate, "w"):
+            clients = [subprocess.Popen(["keelctl", *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                       for words in (("auth", "check"), ("dump",))]
+            for client in clients:
+                while not connects(client.pid):
+                    self.assertIsNone(client.poll(), "it did not wait")
+        for client in clients:
+            said = client.communicate(timeout=HANG_GUARD)
+            self.assertEqual(client.returncode, 0, said)
 
     def test_serves_before_others_run(self):
         self.assertEqual(self.keelctl("auth", "check")[0], 0)
