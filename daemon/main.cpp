@@ -23,6 +23,7 @@ int main(int, char** arguments) {
   preferIoThread();
   loadModules();
   openListeners();
+  announce();
   installSignalHandling();
   _loggerForCategory("runtime").debug("up and running");
   tellReady();

@@ -18,6 +18,7 @@
 #include "daemon/readiness.h"
 #include "daemon/services.h"
 #include "modules/module_manager.h"
+#include "platform/product/build_id.h"
 #include "platform/product/crash_report.h"
 #include "platform/product/crash_stack.h"
 #include "platform/product/product.h"
@@ -198,6 +199,11 @@ void loadModules() {
 
 void openListeners() {
   process().services.open(makeListener);
+}
+
+void announce() {
+  _loggerForCategory("daemon").standard("keeld {} is running (build id {})",
+                                        TBCopyCalderBuildVersion(), buildId());
 }
 
 void installSignalHandling() {

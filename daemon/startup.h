@@ -61,6 +61,10 @@ void loadModules();
 // service's socket cannot be had.
 void openListeners();
 
+// Logs that this version of keeld runs. Before installSignalHandling(), so that no message of the
+// end comes before it.
+void announce();
+
 // Has SIGHUP do nothing and SIGTERM end the process in good order, also one that came during the
 // start.
 void installSignalHandling();

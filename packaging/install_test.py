@@ -61,6 +61,12 @@ class Install(unittest.TestCase):
         unit = text_of(f"{self.top}/usr/local/lib/systemd/system/keeld.service")
         self.assertIn("\nExecStart=/usr/local/sbin/keeld\n", unit)
 
+    def test_makes_the_folder_of_the_modules(self):
+        self.install()
+        folder = self.top + "/Applications/Calder.app/Contents/CalderRoot/usr/share/keeld/bundles"
+        self.assertEqual(os.listdir(folder), [])
+        self.assertEqual(oct(os.stat(folder).st_mode & 0o7777), oct(0o755))
+
     def test_takes_another_prefix(self):
         self.install("--prefix", "/usr")
         self.assertInstalledBelow("/usr")

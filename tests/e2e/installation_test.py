@@ -4,6 +4,7 @@
 
 import json
 import os
+import select
 import subprocess
 import unittest
 
@@ -38,6 +39,7 @@ class Installation(unittest.TestCase):
     def setUpClass(cls):
         add_account("alice", ALICE, ALICE)
         keel_host.remove("/private")
+        keel_host.remove("/Applications")
         # What looks for leaks at the end of a program may not do so there, and makes systemd wait for it.
         os.makedirs(DROP_INS)
         with open(f"{DROP_INS}/test.conf", "w") as file:
@@ -59,6 +61,16 @@ class Installation(unittest.TestCase):
         self.assertUnits("is-active", "active")
         self.assertUnits("is-enabled", "enabled")
         self.assertEqual(self.keelctl("auth", "check", uid=ALICE), (0, '{"alive":true}\n'))
+
+    def test_logs_first_of_all_that_it_runs(self):
+        self.systemctl("restart", "keeld")
+        shown = subprocess.run(["systemctl", "show", "--value", "--property=MainPID", "keeld"], capture_output=True, check=True)
+        command = ["journalctl", "--follow", "--lines=all", "--output=cat", f"_PID={int(shown.stdout)}"]
+        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as journal:
+            self.addCleanup(journal.kill)
+            self.assertTrue(select.select([journal.stdout], [], [], HANG_GUARD)[0])
+            self.assertRegex(journal.stdout.readline(), r"\Akeeld \d+\.\d+\.\d+ is running \(build id [0-9a-f]+\)\n\Z")
+            journal.kill()
 
     def assertUnits(self, verb, word):
         said = subprocess.run(["systemctl", verb, *UNITS], capture_output=True, text=True, check=False).stdout

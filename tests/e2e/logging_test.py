@@ -39,7 +39,7 @@ class Levels(LogTest):
         return {(line.category, line.level) for line in daemon.log}
 
     def test_without_a_setting_ordinary_progress_is_not_logged(self):
-        self.assertEqual(self.levels_of(None), {("notification", "error"), ("runtime", "default")})
+        self.assertEqual(self.levels_of(None), {("daemon", "default"), ("notification", "error"), ("runtime", "default")})
 
     def test_one_level_counts_for_all(self):
         self.assertEqual(self.levels_of("error"), {("notification", "error")})
@@ -47,8 +47,8 @@ class Levels(LogTest):
         self.assertEqual(
             self.levels_of("debug"),
             {
-                ("notification", "debug"), ("notification", "error"), ("runtime", "debug"), ("runtime", "default"),
-                ("startup", "debug"),
+                ("daemon", "default"), ("notification", "debug"), ("notification", "error"), ("runtime", "debug"),
+                ("runtime", "default"), ("startup", "debug"),
             },
         )
 
@@ -145,9 +145,9 @@ class InTheJournal(LogTest):
 
     def test_a_message_is_an_entry_with_its_fields(self):
         daemon, entries = self.start_in_journal()
-        for entry in entries:
-            self.assertEqual((entry["PRIORITY"], entry["SUBSYSTEM"]), ("7", "com.vantor.keeld"))
-        self.assertEqual({entry["CATEGORY"] for entry in entries}, {"startup", "runtime"})
+        self.assertEqual({entry["SUBSYSTEM"] for entry in entries}, {"com.vantor.keeld"})
+        self.assertEqual({(entry["CATEGORY"], entry["PRIORITY"]) for entry in entries},
+                         {("startup", "7"), ("runtime", "7"), ("daemon", "5")})
         client = self.client()
         client.publish({}, "name")
         client.publish({}, "name")

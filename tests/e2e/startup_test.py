@@ -367,7 +367,10 @@ class Signals(StartTest):
         daemon = self.start()
         told = [line.text for line in daemon.log if line.level == "debug" and line.category == "runtime"]
         self.assertEqual(told[-3:], ["Auth listener created", "Notify listener created", "up and running"])
-        self.assertEqual([line for line in daemon.log if line.level != "debug"], [])
+        level, category, text = next(line for line in daemon.log if line.level != "debug")
+        self.assertEqual((level, category), ("default", "daemon"))
+        self.assertRegex(text, r"\Akeeld \d+\.\d+\.\d+ is running \(build id [0-9a-f]+\)\Z")
+        self.assertEqual(len([line for line in daemon.log if line.level != "debug"]), 1)
 
     def test_hangup_does_nothing(self):
         daemon = self.start()
@@ -421,8 +424,9 @@ class Signals(StartTest):
         self.client()
         daemon.signal(signal.SIGTERM)
         self.assertEqual(daemon.wait(), 0)
-        self.assertEqual([line.text for line in daemon.log], [SHUTTING_DOWN])
-        self.assertEqual(len(daemon.lines), 1)
+        self.assertEqual([line.category for line in daemon.log], ["daemon", "runtime"])
+        self.assertEqual(daemon.log[-1].text, SHUTTING_DOWN)
+        self.assertEqual(len(daemon.lines), 2)
 
     def test_terminate_sent_during_the_start_is_not_lost(self):
         def terminate_ourselves():
