@@ -146,6 +146,24 @@ class Embedded(JobsTest):
         self.addCleanup(caller.close)
         self.assertNotEqual(caller.told()["pid"], pid)
 
+    def test_is_enabled_at_each_start_as_its_bundle_says_then(self):
+        self.bundle("changed", EnvironmentVariables={"A": "old"})
+        self.bundle("removed")
+        self.daemon = self.start()
+        self.assertEqual(ask("com.e.changed")["environment"]["A"], "old")
+        self.daemon.wait_for_log("the job com.e.changed ended with status 0")
+        self.assertEqual(self.daemon.stop(), 0)
+        # Nobody listens meanwhile.
+        for name in ("changed", "removed"):
+            self.assertRaises(ConnectionRefusedError, Caller, f"com.e.{name}")
+            remove(f"{BUNDLES}keel_{name}.bundle")
+        self.bundle("changed", EnvironmentVariables={"A": "new"})
+        self.daemon = self.start()
+        self.assertEqual(self.table(), {"keel_changed": "com.e.changed"})
+        self.assertTrue(shown_jobs()["keel_changed"]["enabled"])
+        self.assertEqual(ask("com.e.changed")["environment"]["A"], "new")
+        self.assertRaises(ConnectionRefusedError, Caller, "com.e.removed")
+
     def test_of_a_second_keeld_come_to_nothing_and_leave_those_of_the_first(self):
         self.bundle("idle")
         self.program("load", "/bin/sh", "-c", "echo >>/run/loaded; exec sleep 1000", RunAtLoad=True)
