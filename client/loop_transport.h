@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -12,6 +11,7 @@
 #include "runtime/dispatch/reactor.h"
 #include "runtime/transport/transport.h"
 #include "runtime/transport/transport_context.h"
+#include "runtime/wire/flat_message.h"
 
 namespace keel {
 
@@ -34,11 +34,7 @@ class LoopTransport final : public xpc::Transport {
     reactor_.post([own = own_] { own->deliver(); });
   }
   void send(const xpc::OutgoingMessage& message, EndOfTurn::Urgency) override {
-    if (!own_->open) return;
-    put([bytes = joined(message)](Receiver& receiver) {
-      std::vector<FileDescriptor> files;
-      receiver.onFrame(std::span(bytes).subspan(xpc::kLengthBytes), files);
-    });
+    if (own_->open) put(message);
   }
   void setReading(bool) override {}
   void liftHelloBound() override {}
@@ -47,10 +43,7 @@ class LoopTransport final : public xpc::Transport {
     if (!goodbye.empty()) {
       xpc::OutgoingMessage message;
       xpc::writeGoodbye(message, goodbye);
-      put([bytes = joined(message)](Receiver& receiver) {
-        std::vector<FileDescriptor> files;
-        receiver.onFrame(std::span(bytes).subspan(xpc::kLengthBytes), files);
-      });
+      put(message);
     }
     put([peer = peer_.get()](Receiver& receiver) {
       peer->open = false;
@@ -88,24 +81,17 @@ class LoopTransport final : public xpc::Transport {
   LoopTransport(Reactor& reactor, std::shared_ptr<End> own, std::shared_ptr<End> peer)
       : reactor_(reactor), own_(std::move(own)), peer_(std::move(peer)) {}
 
+  void put(const xpc::OutgoingMessage& message) {
+    xpc::forEachFrame(message, [this](std::span<const std::byte> frame) {
+      put([bytes = std::vector(frame.begin(), frame.end())](Receiver& receiver) {
+        std::vector<FileDescriptor> files;
+        receiver.onFrame(bytes, files);
+      });
+    });
+  }
   void put(Arrival arrival) {
     peer_->arrivals.push_back(std::move(arrival));
     reactor_.post([peer = peer_] { peer->deliver(); });
-  }
-
-  static std::vector<std::byte> joined(const xpc::OutgoingMessage& message) {
-    std::vector<std::byte> all;
-    const auto own = std::span(message.bytes());
-    std::size_t taken = 0;
-    for (const auto& splice : message.splices()) {
-      all.insert(all.end(), own.begin() + static_cast<std::ptrdiff_t>(taken),
-                 own.begin() + static_cast<std::ptrdiff_t>(splice.offset));
-      const auto piece = splice.buffer->bytes();
-      all.insert(all.end(), piece.begin(), piece.end());
-      taken = splice.offset;
-    }
-    all.insert(all.end(), own.begin() + static_cast<std::ptrdiff_t>(taken), own.end());
-    return all;
   }
 
   Reactor& reactor_;

@@ -5,9 +5,9 @@
 
 #include <future>
 
-#include "platform/product/crash_stack.h"
 #include "runtime/dispatch/reactor.h"
 #include "runtime/dispatch/system.h"
+#include "runtime/foundation/crash_stack.h"
 #include "tests/support/log_recorder.h"
 
 // What ends the process, or needs root, is tested end to end.

@@ -20,7 +20,7 @@
 
 #include "platform/product/build_id.h"
 #include "platform/product/crash_annotation.h"
-#include "platform/product/crash_stack.h"
+#include "runtime/foundation/crash_stack.h"
 #include "runtime/foundation/file_descriptor.h"
 
 namespace keel {

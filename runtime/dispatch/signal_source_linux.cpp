@@ -20,8 +20,8 @@
 #include <thread>
 #include <utility>
 
-#include "platform/product/crash_stack.h"
 #include "runtime/foundation/check.h"
+#include "runtime/foundation/crash_stack.h"
 #include "runtime/foundation/file_descriptor.h"
 
 namespace keel {

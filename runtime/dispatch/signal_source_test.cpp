@@ -15,8 +15,8 @@
 #include <semaphore>
 #include <string>
 
-#include "platform/product/crash_stack.h"
 #include "runtime/dispatch/system.h"
+#include "runtime/foundation/crash_stack.h"
 
 namespace keel {
 namespace {

@@ -6,9 +6,9 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/product/crash_stack.h"
 #include "runtime/dispatch/serial_queue.h"
 #include "runtime/foundation/check.h"
+#include "runtime/foundation/crash_stack.h"
 
 namespace keel {
 

@@ -17,8 +17,8 @@
 #include <system_error>
 #include <vector>
 
-#include "platform/product/crash_stack.h"
 #include "runtime/dispatch/serial_queue.h"
+#include "runtime/foundation/crash_stack.h"
 
 namespace keel {
 namespace {

@@ -7,7 +7,7 @@
 #include <csignal>
 #include <utility>
 
-#include "platform/product/crash_stack.h"
+#include "runtime/foundation/crash_stack.h"
 
 namespace keel {
 namespace {

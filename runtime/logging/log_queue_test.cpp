@@ -8,7 +8,7 @@
 #include <csignal>
 #include <stdexcept>
 
-#include "platform/product/crash_stack.h"
+#include "runtime/foundation/crash_stack.h"
 #include "runtime/logging/recording_output.h"
 
 namespace keel {

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "runtime/foundation/sealed_memory.h"
+#include "runtime/wire/flat_message.h"
 #include "runtime/wire/limits.h"
 
 namespace keel::xpc {
@@ -46,20 +47,10 @@ BufferRef bufferOf(std::size_t sizeBytes, char fill) {
   });
 }
 
-// A frame as it is on the wire, for comparison.
-std::string flat(const OutgoingMessage& message) {
-  std::string all;
-  std::size_t taken = 0;
-  const auto own = [&](std::size_t until) {
-    all.append(reinterpret_cast<const char*>(message.bytes().data()) + taken, until - taken);
-    taken = until;
-  };
-  for (const auto& splice : message.splices()) {
-    own(splice.offset);
-    all.append(reinterpret_cast<const char*>(splice.buffer->bytes().data()), splice.buffer->size());
-  }
-  own(message.bytes().size());
-  return all;
+// As it is on the wire, for comparison.
+std::string textOf(const OutgoingMessage& message) {
+  const std::vector<std::byte> bytes = flat(message);
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 OutgoingMessage messageOf(std::size_t smallBytes, std::size_t largeBytes, char fill) {
@@ -79,8 +70,8 @@ TEST(OutputQueue, SmallAndLargeFramesArriveInOrder) {
   for (int i = 0; i < 20; ++i) {
     const OutgoingMessage message = messageOf(static_cast<std::size_t>(i) * 37,
                                               i % 3 == 0 ? 5000 : 0, static_cast<char>('a' + i));
-    EXPECT_EQ(flat(message).size(), message.wireBytes());
-    expected += flat(message);
+    EXPECT_EQ(textOf(message).size(), message.wireBytes());
+    expected += textOf(message);
     queue.append(message);
   }
   EXPECT_EQ(queue.waitingBytes(), expected.size());
@@ -99,7 +90,7 @@ TEST(OutputQueue, FullSocketKeepsTheRestInOrder) {
     const OutgoingMessage message =
         messageOf(random() % 3000, random() % 4 == 0 ? 4096 + random() % 30000 : 0,
                   static_cast<char>('a' + i % 26));
-    expected += flat(message);
+    expected += textOf(message);
     queue.append(message);
     ASSERT_TRUE(queue.flush(pair.ours.get()));
     EXPECT_EQ(queue.waitingBytes() == 0, queue.empty());
@@ -120,7 +111,7 @@ TEST(OutputQueue, DroppingKeepsTheFrameThatIsUnderWayWhole) {
     std::vector<std::string> frames;
     for (int i = 0; i < 400; ++i) {
       const OutgoingMessage message = messageOf(2000, largeBytes, static_cast<char>('a' + i % 26));
-      frames.push_back(flat(message));
+      frames.push_back(textOf(message));
       queue.append(message);
       ASSERT_TRUE(queue.flush(pair.ours.get()));
     }
@@ -136,9 +127,9 @@ TEST(OutputQueue, DroppingKeepsTheFrameThatIsUnderWayWhole) {
       received += pair.receive();
     }
     std::string expected;
-    for (std::size_t i = 0; expected.size() + flat(last).size() < received.size(); ++i)
+    for (std::size_t i = 0; expected.size() + textOf(last).size() < received.size(); ++i)
       expected += frames.at(i);
-    EXPECT_TRUE(received == expected + flat(last));
+    EXPECT_TRUE(received == expected + textOf(last));
   }
 }
 
@@ -222,7 +213,7 @@ TEST(OutputQueue, SealedFilesArriveWithTheirFrames) {
     }
   }
   EXPECT_EQ(filesSeen, 1u);
-  EXPECT_EQ(all, flat(messageOf(10, 0, 'a')) + flat(message) + flat(messageOf(10, 0, 'b')));
+  EXPECT_EQ(all, textOf(messageOf(10, 0, 'a')) + textOf(message) + textOf(messageOf(10, 0, 'b')));
 }
 
 TEST(OutputQueue, ClosedPeerIsAnError) {
@@ -250,7 +241,7 @@ TEST(OutputQueue, SharedFramesArriveInOrderBetweenOthers) {
     const char fill = static_cast<char>('a' + i % 26);
     const OutgoingMessage message =
         i % 5 == 0 ? messageOf(size, i % 10 == 0 ? 5000 : 0, fill) : sharedMessageOf(size, fill);
-    expected += flat(message);
+    expected += textOf(message);
     for (OutputQueue& queue : queues) queue.append(message);
   }
   for (int i = 0; i < 2; ++i) {
@@ -319,7 +310,7 @@ TEST(OutputQueue, ABatchIsSharedWhole) {
   queue.append(message);
   EXPECT_EQ(queue.ownBytes(), 0u);
   ASSERT_TRUE(queue.flush(pair.ours.get()));
-  EXPECT_EQ(pair.receive(), flat(message));
+  EXPECT_EQ(pair.receive(), textOf(message));
 }
 
 TEST(OutputQueue, DroppingLeavesNoPartOfAFrameOfABatch) {
@@ -341,7 +332,7 @@ TEST(OutputQueue, DroppingLeavesNoPartOfAFrameOfABatch) {
       ASSERT_TRUE(queue.flush(pair.ours.get()));
       received += pair.receive();
     }
-    const std::string words = flat(goodbye);
+    const std::string words = textOf(goodbye);
     ASSERT_TRUE(received.ends_with(words));
     EXPECT_EQ((received.size() - words.size()) % 1000, 0u);
     EXPECT_LT(received.size(), 40 * message.wireBytes());
@@ -361,7 +352,7 @@ TEST(OutputQueuePool, HandsOutAQueueThatWasGivenBack) {
   EXPECT_TRUE(second->empty());
   second->append(messageOf(10, 0, 'b'));
   ASSERT_TRUE(second->flush(pair.ours.get()));
-  EXPECT_EQ(pair.receive(), flat(messageOf(10, 0, 'a')) + flat(messageOf(10, 0, 'b')));
+  EXPECT_EQ(pair.receive(), textOf(messageOf(10, 0, 'a')) + textOf(messageOf(10, 0, 'b')));
 }
 
 }  // namespace

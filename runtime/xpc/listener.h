@@ -10,6 +10,7 @@
 #include "runtime/foundation/error.h"
 #include "runtime/foundation/file_descriptor.h"
 #include "runtime/transport/admissions.h"
+#include "runtime/transport/frame_stream.h"
 #include "runtime/xpc/connection.h"
 
 namespace keel::xpc {
@@ -57,6 +58,9 @@ class Listener final : private Reactor::Watcher, public std::enable_shared_from_
   void onReady(std::uint32_t events) override;
   // False when there is nothing more to accept for now.
   bool acceptOne();
+  bool turnAwayUnidentified(FileDescriptor socket, std::error_code why);
+  bool admit(const PeerIdentity& peer, FileDescriptor& socket, FrameStream::Terms& terms);
+  void connect(FileDescriptor socket, PeerIdentity peer, FrameStream::Terms terms);
   void pauseAccepting(const char* why);
   void stopWatching();
   void close();

@@ -136,40 +136,52 @@ bool Listener::acceptOne() {
     return errno == EINTR || errno == ECONNABORTED;
   }
   auto peer = PeerIdentity::ofSocket(socket.get());
-  if (!peer) {
-    if (isShortage(peer.error().value())) {
-      turnAway(std::move(socket), "the daemon is short of resources; try again", /*owner=*/nullptr,
-               context_);
-      pauseAccepting(std::strerror(peer.error().value()));
-      return false;
-    }
-    logger().debug("a connection to {} was dropped: its process has ended ({})", path_,
-                   peer.error().message());
-    return true;
-  }
-  std::shared_ptr<void> admission;
+  if (!peer) return turnAwayUnidentified(std::move(socket), peer.error());
   FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes,
                            .quota = &memoryQuotaOfUser(peer->uid)};
-  if (const auto refusal = admissions_->admit(peer->uid, terms.admission);
-      refusal != Admissions::Refusal::none) {
-    const std::string why = refusal == Admissions::Refusal::tooManyOfUser
-                                ? fmt::format("too many connections of uid {}", peer->uid)
-                                : std::string("too many connections");
-    if (!std::exchange(refusalLogged_, true))
-      logger().error("{}: {}; new ones are turned away", path_, why);
-    turnAway(std::move(socket), why, terms.quota->account, context_);
+  if (admit(*peer, socket, terms)) connect(std::move(socket), std::move(*peer), std::move(terms));
+  return true;
+}
+
+// Returns false when accepting pauses.
+bool Listener::turnAwayUnidentified(FileDescriptor socket, std::error_code why) {
+  if (!isShortage(why.value())) {
+    logger().debug("a connection to {} was dropped: its process has ended ({})", path_,
+                   why.message());
     return true;
   }
-  if (admissions_->hasRoom()) pauseLogged_ = refusalLogged_ = false;
+  turnAway(std::move(socket), "the daemon is short of resources; try again", /*owner=*/nullptr,
+           context_);
+  pauseAccepting(std::strerror(why.value()));
+  return false;
+}
+
+// Takes the socket only to turn it away.
+bool Listener::admit(const PeerIdentity& peer, FileDescriptor& socket, FrameStream::Terms& terms) {
+  const auto refusal = admissions_->admit(peer.uid, terms.admission);
+  if (refusal == Admissions::Refusal::none) {
+    if (admissions_->hasRoom()) pauseLogged_ = refusalLogged_ = false;
+    return true;
+  }
+  const std::string why = refusal == Admissions::Refusal::tooManyOfUser
+                              ? fmt::format("too many connections of uid {}", peer.uid)
+                              : std::string("too many connections");
+  if (!std::exchange(refusalLogged_, true)) {
+    logger().error("{}: {}; new ones are turned away", path_, why);
+  }
+  turnAway(std::move(socket), why, terms.quota->account, context_);
+  return false;
+}
+
+void Listener::connect(FileDescriptor socket, PeerIdentity peer, FrameStream::Terms terms) {
   Connection::Options options;
   options.quota = terms.quota;
   options.heavyRequests = heavyRequests_;
   auto stream = std::make_unique<FrameStream>(std::move(socket), context_, std::move(terms));
-  const auto connection = Connection::create(std::move(*peer), std::move(stream), options);
+  const auto connection = Connection::create(std::move(peer), std::move(stream), options);
+  // A connection that the delegate does not resume ends here, with its last reference.
   const auto delegate = delegate_;
   if (delegate) delegate->listenerShouldAcceptNewConnection(*this, connection);
-  // A connection that the delegate did not resume ends here, with its last reference.
-  return true;
 }
 
 void Listener::pauseAccepting(const char* why) {

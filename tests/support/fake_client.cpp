@@ -6,29 +6,13 @@
 #include <utility>
 
 #include "runtime/dispatch/serial_queue.h"
+#include "runtime/wire/flat_message.h"
 
 namespace keel::testing {
 
 using protocols::SubscriberProxy;
 
 namespace {
-
-// As on the wire.
-std::vector<std::byte> wholeOf(const xpc::OutgoingMessage& message) {
-  std::vector<std::byte> whole;
-  std::size_t offset = 0;
-  const auto append = [&whole](std::span<const std::byte> bytes) {
-    whole.insert(whole.end(), bytes.begin(), bytes.end());
-  };
-  const std::span<const std::byte> own = message.bytes();
-  for (const auto& splice : message.splices()) {
-    append(own.subspan(offset, splice.offset - offset));
-    append(splice.buffer->bytes());
-    offset = splice.offset;
-  }
-  append(own.subspan(offset));
-  return whole;
-}
 
 std::span<const std::byte> requireItem(cbor::Cursor& cursor) {
   const auto item = cursor.item(xpc::limits::kDepth + 2);
@@ -169,21 +153,14 @@ void FakeClient::sayHello() {
 }
 
 void FakeClient::deliver(const xpc::OutgoingMessage& message) {
-  const std::vector<std::byte> whole = wholeOf(message);
-  if (transport_ != nullptr) transport_->deliver(std::span(whole).subspan(xpc::kLengthBytes));
+  xpc::forEachFrame(message, [this](std::span<const std::byte> frame) {
+    if (transport_ != nullptr) transport_->deliver(frame);
+  });
 }
 
 void FakeClient::onSent(const xpc::OutgoingMessage& message) {
   ++sendCount_;
-  const std::vector<std::byte> whole = wholeOf(message);
-  for (std::span<const std::byte> rest = whole; !rest.empty();) {
-    std::uint32_t length = 0;
-    KEEL_CHECK(rest.size() >= sizeof length);
-    std::memcpy(&length, rest.data(), sizeof length);
-    KEEL_CHECK(rest.size() - sizeof length >= length);
-    onMessage(rest.subspan(sizeof length, length));
-    rest = rest.subspan(sizeof length + length);
-  }
+  xpc::forEachFrame(message, [this](std::span<const std::byte> frame) { onMessage(frame); });
 }
 
 void FakeClient::onMessage(std::span<const std::byte> frame) {

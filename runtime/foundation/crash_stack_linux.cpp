@@ -2,7 +2,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "platform/product/crash_stack.h"
+#include "runtime/foundation/crash_stack.h"
 
 namespace keel {
 
