@@ -76,7 +76,9 @@ struct PublicationState {
 //
 // Everything may be called from any thread and returns at once, but for Request::wait(). Callbacks
 // run on a thread of the library, one at a time; they may call everything here, must not block, and
-// an exception that leaves them ends the process.
+// an exception that leaves them ends the process. The library's threads block all signals but
+// faults, so a program may set up its own at any time. A process started in a callback inherits
+// that mask unless it is given another (posix_spawnattr_setsigmask(3)).
 //
 // What a client publishes and follows lasts as long as its connection to the daemon, which keeps
 // nothing. The client connects by itself when it is made, and again when the connection is lost; it

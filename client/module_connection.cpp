@@ -5,9 +5,9 @@
 
 #include <cerrno>
 
+#include "client/library_thread.h"
 #include "platform/product/product.h"
 #include "runtime/dispatch/reactor.h"
-#include "runtime/dispatch/system.h"
 #include "runtime/transport/service_socket.h"
 #include "runtime/xpc/client_endpoint.h"
 
@@ -30,11 +30,10 @@ ClientResult<std::shared_ptr<ModuleLink>> ModuleLink::open(const std::string& se
                                                            const std::string& serviceDirectory,
                                                            const xpc::Interface& remoteInterface) {
   const std::string directory = serviceDirectory.empty() ? kServiceDirectory : serviceDirectory;
-  auto connection =
-      xpc::connectToService(directory, serviceName, xpc::TransportContext::ofIoThread());
+  auto connection = xpc::connectToService(directory, serviceName, libraryTransport());
   if (!connection) return std::unexpected(ofConnecting(serviceName, connection.error()));
   auto link = std::make_shared<ModuleLink>(serviceName);
-  ioReactor().post([link, connection = std::move(*connection), &remoteInterface] {
+  libraryReactor().post([link, connection = std::move(*connection), &remoteInterface] {
     link->connection_ = connection;
     connection->setRemoteObjectInterface(remoteInterface);
     connection->setReadyHandler([link] {
@@ -48,7 +47,7 @@ ClientResult<std::shared_ptr<ModuleLink>> ModuleLink::open(const std::string& se
 }
 
 void ModuleLink::close() {
-  ioReactor().post([self = shared_from_this()] {
+  libraryReactor().post([self = shared_from_this()] {
     if (self->connection_) self->connection_->invalidate();
     self->end();
   });
@@ -61,7 +60,7 @@ void ModuleLink::end() {
 }
 
 void ModuleLink::whenReady(Block call) {
-  ioReactor().post([self = shared_from_this(), call = std::move(call)]() mutable {
+  libraryReactor().post([self = shared_from_this(), call = std::move(call)]() mutable {
     if (self->ended_) return;
     if (self->ready_) return call();
     self->waiting_.push_back(std::move(call));
@@ -69,7 +68,7 @@ void ModuleLink::whenReady(Block call) {
 }
 
 bool ModuleLink::onLibraryThread() const {
-  return ioReactor().isCurrent();
+  return libraryReactor().isCurrent();
 }
 
 ClientError ModuleLink::errorOf(const Error& error) const {

@@ -6,9 +6,9 @@
 #include <future>
 
 #include "client/gate.h"
+#include "client/library_thread.h"
 #include "platform/product/product.h"
 #include "runtime/dispatch/reactor.h"
-#include "runtime/dispatch/system.h"
 #include "runtime/transport/service_socket.h"
 #include "runtime/xpc/listener.h"
 
@@ -89,9 +89,8 @@ ClientResult<std::unique_ptr<KLNModuleListener>> KLNModuleListener::createWith(
     const std::string& serviceName, Configure configure, Options options) {
   const std::string directory =
       options.serviceDirectory.empty() ? kServiceDirectory : options.serviceDirectory;
-  Reactor& reactor = ioReactor();
-  auto listener =
-      xpc::Listener::inDirectory(directory, serviceName, xpc::TransportContext::ofIoThread());
+  Reactor& reactor = libraryReactor();
+  auto listener = xpc::Listener::inDirectory(directory, serviceName, libraryTransport());
   if (!listener) {
     return std::unexpected(
         ClientError(ClientError::Kind::requestFailed,

@@ -3,8 +3,8 @@
 
 #include <random>
 
+#include "client/library_thread.h"
 #include "platform/product/product.h"
-#include "runtime/dispatch/system.h"
 #include "runtime/transport/service_socket.h"
 #include "runtime/xpc/client_endpoint.h"
 
@@ -25,9 +25,9 @@ std::shared_ptr<ClientCore> coreOf(ClientService service, ClientOptions options)
   const std::string directory =
       options.serviceDirectory.empty() ? kServiceDirectory : options.serviceDirectory;
   const char* const name = service == ClientService::notify ? kNotifyServiceName : kAuthServiceName;
-  Reactor& reactor = ioReactor();
+  Reactor& reactor = libraryReactor();
   auto connector = [directory, name] {
-    return xpc::connectToService(directory, name, xpc::TransportContext::ofIoThread());
+    return xpc::connectToService(directory, name, libraryTransport());
   };
   return std::make_shared<ClientCore>(reactor, std::move(connector), directory + "/" + name,
                                       std::move(options), randomNumbers(), service);

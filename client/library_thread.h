@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+namespace keel {
+
+class Reactor;
+namespace xpc {
+class TransportContext;
+}
+
+// The one thread of the library in a process, which all clients, listeners and connections share.
+
+// Returns its reactor. The first call starts the thread, with every signal blocked except those
+// that report a fault of the thread itself. A program may therefore set up its own signals
+// (signalfd(2), sigwait(3), handlers) before or after it uses the library. The signal mask of the
+// calling thread does not change.
+Reactor& libraryReactor();
+
+// What the connections of that reactor share; starts it too.
+xpc::TransportContext& libraryTransport();
+
+}  // namespace keel
