@@ -32,10 +32,10 @@ enum class AuthInteraction : std::uint8_t { none, allowed };
 // of the group "admin". Each success counts from then on for everything in the audit session of
 // this process, until keeld ends; KLNClient::authCheck() and isAuthenticated() ask for it.
 //
-// Threads, callbacks, connection and destruction are as with KLNClient. Checks may take seconds,
-// and are made one after another. Wrong credentials of any kind, unknown users, and accounts that
-// are locked or have expired are `authFailed`; right ones of somebody else `notAdmin`. Passwords
-// are wiped wherever this library held them.
+// Threads, callbacks, connection, fork(2) and destruction are as with KLNClient. Checks may take
+// seconds, and are made one after another. Wrong credentials of any kind, unknown users, and
+// accounts that are locked or have expired are `authFailed`; right ones of somebody else
+// `notAdmin`. Passwords are wiped wherever this library held them.
 class KLNAuthClient {
  public:
   static std::unique_ptr<KLNAuthClient> create(ClientOptions options = {});

@@ -87,6 +87,12 @@ struct PublicationState {
 // loss end with `disconnected`; those made while there is no connection wait for the next one, at
 // most until their timeout.
 //
+// It belongs to the process that made it: a child that is forked afterwards has neither the
+// library's thread nor a use of the connection. There every request of every client fails at once
+// with `forked`, no callback runs, and destroying a client leaves that of the parent alone. The
+// child holds the parent's connection open until it ends or executes a program. In a child that is
+// forked by a callback, do nothing but execute a program or _exit(2).
+//
 // Destroying it ends everything at once: when the destructor has returned no callback runs (unless
 // it is a callback that destroys it) and none will; futures and blocked callers get `closed`. The
 // destructor waits for a callback that is just running; so hold no lock which callbacks take.

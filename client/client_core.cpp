@@ -25,21 +25,26 @@
 namespace keel {
 
 ClientCore::ClientCore(Reactor& reactor, Connector connector, std::string socketPath,
-                       ClientOptions options, std::function<double()> random, ClientService service)
+                       ClientOptions options, std::function<double()> random, ClientService service,
+                       pid_t process)
     : reactor_(reactor),
       connector_(std::move(connector)),
       socketPath_(std::move(socketPath)),
       options_(std::move(options)),
       service_(service),
+      process_(process),
       backOff_(options_.minimumPause, options_.maximumPause, std::move(random)),
       disconnection_(ClientError::Kind::disconnected, "not connected yet") {}
 
 void ClientCore::start() {
+  if (isForked()) return;
+  started_ = true;
   reactor_.post([self = shared_from_this()] { self->connect(); });
 }
 
 ClientResult<void> ClientCore::submit(std::shared_ptr<Operation> operation,
                                       std::chrono::milliseconds timeout) {
+  if (isForked()) return std::unexpected(diagnosis::ofFork(operation->what()));
   const std::size_t bytes = operation->bytes;
   const std::size_t count = waitingRequests_.fetch_add(1) + 1;
   const std::size_t sum = waitingBytes_.fetch_add(bytes) + bytes;
@@ -219,6 +224,7 @@ void ClientCore::setState(ConnectionState state) {
 }
 
 void ClientCore::setStateHandler(std::move_only_function<void(const ConnectionState&)> handler) {
+  if (isForked()) return;
   reactor_.post([self = shared_from_this(), handler = std::move(handler)]() mutable {
     self->stateHandler_ = std::move(handler);
     if (self->stateHandler_) self->tell([&] { self->stateHandler_(self->state_); });
@@ -227,16 +233,22 @@ void ClientCore::setStateHandler(std::move_only_function<void(const ConnectionSt
 
 void ClientCore::setPublicationHandler(
     std::move_only_function<void(const PublicationState&)> handler) {
+  if (isForked()) return;
   reactor_.post([self = shared_from_this(), handler = std::move(handler)]() mutable {
     self->publicationHandler_ = std::move(handler);
   });
 }
 
 void ClientCore::close() {
+  if (isForked()) return;
   reactor_.post([self = shared_from_this()] { self->end(); });
 }
 
 void ClientCore::abandon() {
+  if (isForked()) {
+    if (started_) keptForGood_ = shared_from_this();
+    return;
+  }
   gate_.close(onIoThread());
   reactor_.post([self = shared_from_this()] {
     self->end();

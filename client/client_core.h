@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/types.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <expected>
 #include <functional>
@@ -34,12 +37,13 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
  public:
   using Connector = std::function<std::expected<std::shared_ptr<xpc::Connection>, Error>()>;
 
-  // The reactor is borrowed and outlives everything. `socketPath` is for messages; `random` yields
-  // numbers from 0 up to 1.
+  // The reactor is borrowed and outlives everything; `process` is where it runs. `socketPath` is
+  // for messages; `random` yields numbers from 0 up to 1.
   ClientCore(Reactor& reactor, Connector connector, std::string socketPath, ClientOptions options,
-             std::function<double()> random, ClientService service = ClientService::notify);
+             std::function<double()> random, ClientService service = ClientService::notify,
+             pid_t process = ::getpid());
 
-  // From any thread.
+  // From any thread. In a process that was forked since, submit() fails and the others do nothing.
   void start();
   const ClientOptions& options() const { return options_; }
   bool onIoThread() const { return reactor_.isCurrent(); }
@@ -97,6 +101,8 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   void deliver(const String& name, Dictionary item, Error error);
 
  private:
+  bool isForked() const { return process_ != ::getpid(); }
+
   template <class Protocol = protocols::NotifyProxy, class ErrorHandler>
   auto proxy(ErrorHandler onError) {
     return connection_->remoteObjectProxyWithErrorHandler<Protocol>(std::move(onError));
@@ -130,6 +136,12 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   const std::string socketPath_;
   const ClientOptions options_;
   const ClientService service_;
+  const pid_t process_;
+  // In a forked process, of a core that was started by its parent. Destroyed there, its connection
+  // would be taken out of the epoll(7) instance that the two share, and the parent would hear
+  // nothing more.
+  std::shared_ptr<ClientCore> keptForGood_;
+  bool started_ = false;  // written before any other thread has the core
   Gate gate_;
   std::atomic<std::size_t> waitingRequests_{0};
   std::atomic<std::size_t> waitingBytes_{0};

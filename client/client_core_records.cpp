@@ -49,6 +49,7 @@ void ClientCore::takeBackSubscription(const String& name) {
 }
 
 void ClientCore::cancel(std::shared_ptr<SubscriptionRecord> record) {
+  if (isForked()) return;
   gate_.afterRunning(onIoThread(), [&] { record->cancelled = true; });
   reactor_.post([self = shared_from_this(), record = std::move(record)] { self->drop(*record); });
 }

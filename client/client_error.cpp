@@ -46,6 +46,8 @@ std::string_view nameOf(ClientError::Kind kind) {
       return "wouldDeadlock";
     case closed:
       return "closed";
+    case forked:
+      return "forked";
   }
   return "unknown";
 }

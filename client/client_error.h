@@ -37,6 +37,7 @@ class ClientError {
     refused,         // the daemon took the request for malformed, or answered what does not fit
     wouldDeadlock,   // waiting on the library's own thread, which would have to bring the answer
     closed,          // the client was closed or destroyed
+    forked,  // this process was forked, and the library's thread and connections are its parent's
   };
 
   ClientError(Kind kind, std::string message, Error underlying = nullptr)

@@ -174,4 +174,13 @@ ClientError ofClosing(const std::string& what) {
           fmt::format("the client was closed before keeld answered the request to {}", what)};
 }
 
+ClientError ofFork(const std::string& what) {
+  return {Kind::forked,
+          fmt::format(
+              "could not {}: this process was forked from one that used the library before, whose "
+              "thread and connections "
+              "stay there; fork before the first client is made, or execute a program in the child",
+              what)};
+}
+
 }  // namespace keel::diagnosis

@@ -35,5 +35,7 @@ ClientError ofRight(std::int32_t status);
 // An authorization reference to this process could not be made.
 ClientError ofForm(const std::error_code& problem);
 ClientError ofClosing(const std::string& what);
+// This process was forked from the one that has the library's thread.
+ClientError ofFork(const std::string& what);
 
 }  // namespace keel::diagnosis

@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <initializer_list>
 
@@ -32,16 +33,33 @@ class SignalsBlocked {
   sigset_t before_;
 };
 
-Reactor& start() {
+struct LibraryThread {
+  Reactor& reactor;
+  pid_t process;
+};
+
+LibraryThread start() {
   const SignalsBlocked blocked;
-  return ioReactor();
+  return {ioReactor(), ::getpid()};
+}
+
+const LibraryThread& libraryThread() {
+  static const LibraryThread thread = start();
+  return thread;
 }
 
 }  // namespace
 
 Reactor& libraryReactor() {
-  static Reactor& reactor = start();
-  return reactor;
+  return libraryThread().reactor;
+}
+
+pid_t libraryProcess() {
+  return libraryThread().process;
+}
+
+bool isForkedFromLibrary() {
+  return libraryProcess() != ::getpid();
 }
 
 xpc::TransportContext& libraryTransport() {

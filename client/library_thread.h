@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/types.h>
+
 namespace keel {
 
 class Reactor;
@@ -18,5 +20,13 @@ Reactor& libraryReactor();
 
 // What the connections of that reactor share; starts it too.
 xpc::TransportContext& libraryTransport();
+
+// Returns the process in which that thread runs; starts it too. A child that is forked afterwards
+// has no such thread: its parent may have held the reactor's locks at that moment, and both share
+// one epoll(7) instance. So nothing may touch the reactor there.
+pid_t libraryProcess();
+
+// Returns true in such a child.
+bool isForkedFromLibrary();
 
 }  // namespace keel

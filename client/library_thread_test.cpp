@@ -15,25 +15,13 @@
 #include "client/auth_client.h"
 #include "client/client.h"
 #include "client/module_listener.h"
+#include "client/ping_proxy.h"
 #include "runtime/foundation/file_descriptor.h"
 #include "runtime/foundation/temporary_folder.h"
 
 namespace keel {
 
-class PingProxy {
- public:
-  virtual ~PingProxy() = default;
-  virtual void ping(xpc::Reply<std::int64_t> withHandler) = 0;
-};
-using PingProxyMethods = xpc::MethodTable<xpc::Method<"pingWithHandler:", &PingProxy::ping>>;
-PingProxyMethods methodTableOf(const PingProxy*);
-
 namespace {
-
-class Ping final : public PingProxy {
- public:
-  void ping(xpc::Reply<std::int64_t> withHandler) override { withHandler(1); }
-};
 
 // A program with everything that the library has. There is no daemon.
 class LibraryThread : public testing::Test {

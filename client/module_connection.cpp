@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "client/diagnosis.h"
 #include "client/library_thread.h"
 #include "platform/product/product.h"
 #include "runtime/dispatch/reactor.h"
@@ -29,6 +30,7 @@ ClientError ofConnecting(const std::string& serviceName, const Error& error) {
 ClientResult<std::shared_ptr<ModuleLink>> ModuleLink::open(const std::string& serviceName,
                                                            const std::string& serviceDirectory,
                                                            const xpc::Interface& remoteInterface) {
+  if (isForkedFromLibrary()) return std::unexpected(diagnosis::ofFork("connect to " + serviceName));
   const std::string directory = serviceDirectory.empty() ? kServiceDirectory : serviceDirectory;
   auto connection = xpc::connectToService(directory, serviceName, libraryTransport());
   if (!connection) return std::unexpected(ofConnecting(serviceName, connection.error()));
@@ -47,6 +49,8 @@ ClientResult<std::shared_ptr<ModuleLink>> ModuleLink::open(const std::string& se
 }
 
 void ModuleLink::close() {
+  // Its connection refers to it, and so both stay.
+  if (isForkedFromLibrary()) return;
   libraryReactor().post([self = shared_from_this()] {
     if (self->connection_) self->connection_->invalidate();
     self->end();
@@ -67,8 +71,11 @@ void ModuleLink::whenReady(Block call) {
   });
 }
 
-bool ModuleLink::onLibraryThread() const {
-  return libraryReactor().isCurrent();
+std::optional<ClientError> ModuleLink::refusal() const {
+  if (isForkedFromLibrary()) return diagnosis::ofFork("call " + serviceName_);
+  if (!libraryReactor().isCurrent()) return std::nullopt;
+  return ClientError(ClientError::Kind::wouldDeadlock,
+                     "a callback cannot wait for an answer, which it would itself hold up");
 }
 
 ClientError ModuleLink::errorOf(const Error& error) const {
@@ -82,10 +89,6 @@ ClientError ModuleLink::timedOut(std::chrono::milliseconds timeout) const {
 ClientError ModuleLink::lost() const {
   return {ClientError::Kind::disconnected,
           "the connection to " + serviceName_ + " ended before the answer came"};
-}
-ClientError ModuleLink::deadlock() const {
-  return {ClientError::Kind::wouldDeadlock,
-          "a callback cannot wait for an answer, which it would itself hold up"};
 }
 
 }  // namespace keel

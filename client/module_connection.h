@@ -4,6 +4,7 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -26,13 +27,13 @@ class ModuleLink : public std::enable_shared_from_this<ModuleLink> {
   void close();
   // Runs `call` when calls can be made; drops it when the connection ends before. From any thread.
   void whenReady(Block call);
-  bool onLibraryThread() const;
+  // Returns why no call can be made on this thread, or in this process.
+  std::optional<ClientError> refusal() const;
 
   const std::shared_ptr<xpc::Connection>& connection() const { return connection_; }
   ClientError errorOf(const Error& error) const;
   ClientError timedOut(std::chrono::milliseconds timeout) const;
   ClientError lost() const;
-  ClientError deadlock() const;
 
  private:
   void end();
@@ -76,11 +77,11 @@ class KLNModuleConnection {
   KLNModuleConnection(const KLNModuleConnection&) = delete;
   KLNModuleConnection& operator=(const KLNModuleConnection&) = delete;
 
-  // Calls and waits for the answer, which may take the start of the module. Not on the library's
-  // own thread.
+  // Calls and waits for the answer, which may take the start of the module. `wouldDeadlock` on the
+  // library's own thread, and `forked` in a child that was forked since, at once.
   template <auto Member, class... Given>
   ClientResult<Answer<Member>> call(Given... given) {
-    if (link_->onLibraryThread()) return std::unexpected(link_->deadlock());
+    if (auto refusal = link_->refusal()) return std::unexpected(std::move(*refusal));
     auto promise = std::make_shared<Promise<Answer<Member>>>(link_);
     auto future = promise->future();
     link_->whenReady(

@@ -5,6 +5,7 @@
 
 #include <future>
 
+#include "client/diagnosis.h"
 #include "client/gate.h"
 #include "client/library_thread.h"
 #include "platform/product/product.h"
@@ -32,13 +33,20 @@ class KLNModuleListener::Delegate final : public xpc::ListenerDelegate,
     reactor_.post([self = shared_from_this()] { self->waitForIdleness(); });
   }
   void end() {
+    if (isForkedFromLibrary()) {
+      // Destroyed here, it would be taken out of the epoll(7) instance that the parent waits on.
+      keptForGood_ = shared_from_this();
+      return;
+    }
     listener_->invalidate();
     gate_.close(reactor_.isCurrent());
   }
   std::shared_ptr<void> beginWork() {
+    if (isForkedFromLibrary()) return nullptr;
     reactor_.post([self = shared_from_this()] { self->enter(); });
-    return {nullptr,
-            [self = shared_from_this()](void*) { self->reactor_.post([self] { self->leave(); }); }};
+    return {nullptr, [self = shared_from_this()](void*) {
+              if (!isForkedFromLibrary()) self->reactor_.post([self] { self->leave(); });
+            }};
   }
   std::future<void> idle() { return idle_.get_future(); }
 
@@ -83,10 +91,12 @@ class KLNModuleListener::Delegate final : public xpc::ListenerDelegate,
   bool ended_ = false;
   Reactor::TimerId timer_ = 0;
   std::promise<void> idle_;
+  std::shared_ptr<Delegate> keptForGood_;
 };
 
 ClientResult<std::unique_ptr<KLNModuleListener>> KLNModuleListener::createWith(
     const std::string& serviceName, Configure configure, Options options) {
+  if (isForkedFromLibrary()) return std::unexpected(diagnosis::ofFork("serve " + serviceName));
   const std::string directory =
       options.serviceDirectory.empty() ? kServiceDirectory : options.serviceDirectory;
   Reactor& reactor = libraryReactor();
@@ -116,6 +126,7 @@ std::shared_ptr<void> KLNModuleListener::beginWork() {
 }
 
 void KLNModuleListener::runUntilIdle() {
+  if (isForkedFromLibrary()) return;
   delegate_->idle().wait();
 }
 

@@ -79,6 +79,9 @@ class KLNModuleListener {
   // waits for the next run. Not on the library's own thread.
   void runUntilIdle();
 
+  // In a child that was forked since, whose clients are its parent's: beginWork() returns null,
+  // runUntilIdle() returns at once.
+
  private:
   class Delegate;
   using Configure = std::function<bool(xpc::Connection& connection, const ModulePeer& peer)>;

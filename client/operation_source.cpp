@@ -30,7 +30,8 @@ std::shared_ptr<ClientCore> coreOf(ClientService service, ClientOptions options)
     return xpc::connectToService(directory, name, libraryTransport());
   };
   return std::make_shared<ClientCore>(reactor, std::move(connector), directory + "/" + name,
-                                      std::move(options), randomNumbers(), service);
+                                      std::move(options), randomNumbers(), service,
+                                      libraryProcess());
 }
 
 }  // namespace keel
