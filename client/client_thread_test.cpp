@@ -67,7 +67,7 @@ TEST_F(ClientThread, BlockedCallersGetTheirAnswers) {
     callers.emplace_back([&, caller] {
       for (int i = 0; i < 50; ++i) {
         const std::string name = std::to_string(caller) + "." + std::to_string(i);
-        if (client->publish(std::string_view(name), kData).wait()) ++succeeded;
+        if (client->publish(name, kData).wait()) ++succeeded;
       }
     });
   }

@@ -25,16 +25,14 @@ class Greeter final : public GreeterProxy {
 
   void greet(keel::String name, keel::xpc::Reply<keel::String> withHandler) override {
     const std::string who(name.view());
-    auto data = keel::Value::map(
-        {{"name", who}, {"uid", static_cast<std::int64_t>(uid_)}, {"greeted", keel::Date::now()}});
+    auto data = keel::Value::map({{"name", who}, {"uid", uid_}, {"greeted", keel::Date::now()}});
     // The client hears its greeting when all who follow the item are about to.
     auto reply = std::make_shared<keel::xpc::Reply<keel::String>>(std::move(withHandler));
-    const auto begun = client_.update(std::string_view(kItem), std::move(data))
-                           .then([reply, who](const auto& result) {
-                             if (!result)
-                               std::cerr << "keel_example: " << result.error().message() << "\n";
-                             (*reply)(std::string_view("Hello, " + who + "!"));
-                           });
+    const auto begun =
+        client_.update(kItem, std::move(data)).then([reply, who](const auto& result) {
+          if (!result) std::cerr << "keel_example: " << result.error().message() << "\n";
+          (*reply)("Hello, " + who + "!");
+        });
     if (!begun) std::cerr << "keel_example: " << begun.error().message() << "\n";
   }
 
@@ -51,7 +49,7 @@ int main(int count, char** words) {
     return 2;
   }
   const auto client = keel::KLNClient::create();
-  const auto published = client->publish(std::string_view(kItem), keel::Value::map({})).wait();
+  const auto published = client->publish(kItem, keel::Value::map({})).wait();
   if (!published) {
     std::cerr << "keel_example: " << published.error().message() << "\n";
     return 1;

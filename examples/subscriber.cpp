@@ -34,7 +34,7 @@ int main(int count, char** words) {
   });
 
   // The subscription lasts as long as this object; a lost connection does not end it.
-  const auto subscription = client->subscribe(std::string_view(words[1]), print).wait();
+  const auto subscription = client->subscribe(words[1], print).wait();
   if (!subscription) {
     std::cerr << "subscriber: " << subscription.error().message() << "\n";
     return 1;

@@ -129,8 +129,7 @@ int authPasswordCommand(Console& console, const CommonOptions& common, const Aut
   const auto password = passwordOf(console, options);
   if (!password) return kExitUsage;
   Asking asking(common);
-  const auto proved =
-      asking.answer(asking->authenticate(std::string_view(options.user), *password));
+  const auto proved = asking.answer(asking->authenticate(options.user, *password));
   return proved ? tellProof(console, common, options.user) : report(console, proved.error());
 }
 
@@ -167,8 +166,7 @@ int authReferenceCommand(Console& console, const CommonOptions& common,
       options.interactive ? formAfterProof() : KLNAuthClient::makeForm(AuthInteraction::none);
   if (!form) return report(console, form.error());
   Asking asking(common);
-  const auto proved =
-      asking.answer(asking->authenticateByReference(std::string_view(options.user), *form));
+  const auto proved = asking.answer(asking->authenticateByReference(options.user, *form));
   return proved ? tellProof(console, common, options.user) : report(console, proved.error());
 }
 

@@ -51,8 +51,8 @@ Meaning errorOf(const Value& parts) {
     return std::unexpected(
         R"("$error" takes {"domain": TEXT, "code": INTEGER, "userInfo": MAP or null})");
   }
-  return Value(Error(std::string_view(*domainText), *codeNumber,
-                     userInfo == nullptr ? Dictionary() : Dictionary(*userInfo)));
+  return Value(
+      Error(*domainText, *codeNumber, userInfo == nullptr ? Dictionary() : Dictionary(*userInfo)));
 }
 
 Meaning meaningOf(Value::Map map);

@@ -79,7 +79,7 @@ class Publisher {
       exit_ = kExitUsage;
       return;
     }
-    const std::string_view name = options_.name;
+    const std::string& name = options_.name;
     auto request = versions_ == 0
                        ? client_->publish(name, std::move(*data), options_.flags, options_.value)
                        : client_->update(name, std::move(*data));
@@ -161,7 +161,7 @@ int updateCommand(Console& console, const CommonOptions& common, const std::stri
   auto data = dataOfJson(console, json, "the data");
   if (!data) return kExitUsage;
   const auto client = connectClient(common, /*reconnect=*/false);
-  const auto result = client->update(std::string_view(name), std::move(*data))
+  const auto result = client->update(name, std::move(*data))
                           .within(common.timeout().value_or(kAnswerTimeout))
                           .wait();
   if (!result) {
@@ -176,9 +176,7 @@ int updateCommand(Console& console, const CommonOptions& common, const std::stri
 int removeCommand(Console& console, const CommonOptions& common, const std::string& name) {
   if (!isName(console, name)) return kExitUsage;
   const auto client = connectClient(common, /*reconnect=*/false);
-  const auto result = client->remove(std::string_view(name))
-                          .within(common.timeout().value_or(kAnswerTimeout))
-                          .wait();
+  const auto result = client->remove(name).within(common.timeout().value_or(kAnswerTimeout)).wait();
   if (!result) return reportNotOurs(console, result.error(), "to withdraw it, end its publisher");
   console.status("removed " + shownName(name));
   return kExitOk;

@@ -86,7 +86,7 @@ int dumpCommand(Console& console, const CommonOptions& common, const std::string
                 bool withData) {
   if (!isName(console, name)) return kExitUsage;
   const auto client = connectClient(common, /*reconnect=*/false);
-  auto entries = ask(client->dump(std::string_view(name), withData), common);
+  auto entries = ask(client->dump(name, withData), common);
   if (!entries) return report(console, entries.error());
   std::ranges::sort(*entries, {}, &DumpEntry::name);
   if (!common.json && console.isTerminal()) {
@@ -187,7 +187,7 @@ int authCheckCommand(Console& console, const CommonOptions& common, const std::s
   if (!isName(console, user)) return kExitUsage;
   const std::int32_t session = auditSession ? *auditSession : ownAuditSession();
   const auto client = connectClient(common, /*reconnect=*/false);
-  const auto answer = ask(client->authCheck(std::string_view(user), session), common);
+  const auto answer = ask(client->authCheck(user, session), common);
   if (!answer) return report(console, answer.error());
   if (common.json || !console.isTerminal()) {
     console.writeLine(fmt::format(R"({{"user":{},"auditSession":{},"authenticated":{}}})",

@@ -34,7 +34,7 @@ class Subscriber {
     for (const std::string& name : options_.names) {
       client_
           ->subscribe(
-              std::string_view(name),
+              name,
               [this](const Event& event) { mailbox_.push(event, event.item.encoded().size()); })
           .then([this, &name](ClientResult<Subscription> result) {
             mailbox_.push(Subscribed{name, std::move(result)});

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "runtime/foundation/buffer.h"
@@ -17,6 +18,7 @@ class String {
   String(std::string_view text);
   // Charged to `account` with a surcharge, as Buffer::copyOf does it.
   String(std::string_view text, MemoryAccount& account, std::uint32_t surchargeBytes);
+  String(const std::string& text) : String(std::string_view(text)) {}
   String(const char* text) : String(std::string_view(text)) {}
 
   bool isNull() const { return !buffer_; }

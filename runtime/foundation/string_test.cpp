@@ -25,6 +25,16 @@ TEST(String, EqualsByBytes) {
   EXPECT_FALSE(String("\u00e9") == String("e\u0301"));
 }
 
+TEST(String, IsMadeFromEveryKindOfTextWithoutACast) {
+  const auto textOf = [](String text) { return std::string(text.view()); };
+  const std::string text("a\0b", 3);
+  EXPECT_EQ(textOf(text), text);
+  EXPECT_EQ(textOf(text + "c"), text + "c");
+  EXPECT_EQ(textOf(std::string_view(text)), text);
+  EXPECT_EQ(textOf(text.c_str()), "a");
+  EXPECT_EQ(textOf("literal"), "literal");
+}
+
 TEST(StringView, IsTheTextWithItsZeroBytes) {
   const std::string_view text("a\0b", 3);
   EXPECT_EQ(String(text).view(), text);

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <initializer_list>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <variant>
 #include <vector>
 
@@ -37,8 +39,16 @@ class Value {
   Value(int integer);
   Value(unsigned integer);
   Value(std::int64_t integer);
-  // Numbers that fit the signed kind are held as such, so that equal numbers are equal values.
+  // Numbers up to INT64_MAX are held as std::int64_t, so that equal numbers are equal values; those
+  // above stay std::uint64_t.
   Value(std::uint64_t integer);
+  // Every other integral type as one of these two, whichever has its sign. A char is a number.
+  template <std::integral Integer>
+    requires(sizeof(Integer) <= sizeof(std::int64_t))
+  Value(Integer integer)
+      : Value(
+            static_cast<std::conditional_t<std::is_signed_v<Integer>, std::int64_t, std::uint64_t>>(
+                integer)) {}
   Value(double real);
   Value(const char* text);
   Value(std::string_view text);

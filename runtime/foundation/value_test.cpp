@@ -38,6 +38,25 @@ TEST(Value, UnsignedNumbersThatFitTheSignedKindAreEqualToIt) {
   EXPECT_EQ(Value(kLargestSigned + 1).as<std::int64_t>(), nullptr);
 }
 
+template <class Integer>
+class ValueOf : public testing::Test {};
+using Integers = testing::Types<char, signed char, unsigned char, short, unsigned short, int,
+                                unsigned, long, unsigned long, long long, unsigned long long>;
+TYPED_TEST_SUITE(ValueOf, Integers);
+
+TYPED_TEST(ValueOf, EveryIntegralTypeHoldsItsNumber) {
+  using Limits = std::numeric_limits<TypeParam>;
+  EXPECT_EQ(*Value(TypeParam{7}).template as<std::int64_t>(), 7);
+  EXPECT_EQ(*Value(Limits::min()).template as<std::int64_t>(),
+            static_cast<std::int64_t>(Limits::min()));
+  const Value largest = Limits::max();
+  if constexpr (std::is_unsigned_v<TypeParam> && sizeof(TypeParam) == 8) {
+    EXPECT_EQ(*largest.template as<std::uint64_t>(), Limits::max());
+  } else {
+    EXPECT_EQ(*largest.template as<std::int64_t>(), static_cast<std::int64_t>(Limits::max()));
+  }
+}
+
 TEST(Value, NoErrorIsNull) {
   EXPECT_TRUE(Value(Error()).isNull());
 }
