@@ -18,6 +18,8 @@ function(keel_library folder)
   file(MAKE_DIRECTORY ${parent})
   file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${folder} ${root}/${folder} SYMBOLIC)
   target_include_directories(${target} PUBLIC ${root})
+  # Its headers need it as much as its sources do.
+  target_compile_features(${target} PUBLIC cxx_std_23)
   keel_targets_of(uses ${arg_USES})
   keel_targets_of(keeps ${arg_KEEPS})
   target_link_libraries(${target} PUBLIC ${uses} PRIVATE keel_compiler ${keeps})
