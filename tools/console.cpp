@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/console.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,14 +16,21 @@ bool wantsColour() {
   return refused == nullptr || *refused == '\0';
 }
 
-bool writeAll(int descriptor, std::string_view text) {
+// 0, or the errno of what failed. Waits for room, also where whoever shares the descriptor has made
+// it non-blocking.
+int writeAll(int descriptor, std::string_view text) {
   while (!text.empty()) {
     const ssize_t written = ::write(descriptor, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return false;
-    text.remove_prefix(static_cast<std::size_t>(written));
+    if (written >= 0) {
+      text.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno == EAGAIN) {
+      pollfd room{descriptor, POLLOUT, 0};
+      ::poll(&room, 1, -1);
+    } else if (errno != EINTR) {
+      return errno;
+    }
   }
-  return true;
+  return 0;
 }
 
 }  // namespace
@@ -35,7 +43,10 @@ Console::Console(int input, int output, int errors)
       inColour_(isTerminal_ && wantsColour()) {}
 
 bool Console::write(std::string_view text) {
-  outputGone_ = outputGone_ || !writeAll(output_, text);
+  if (outputGone_) return false;
+  const int error = writeAll(output_, text);
+  outputGone_ = error != 0;
+  if (error != EPIPE) outputError_ = error;
   return !outputGone_;
 }
 

@@ -21,9 +21,13 @@ class Console {
   // How JSON is written there: letters that a terminal may act upon are escaped.
   JsonLetters letters() const { return isTerminal_ ? JsonLetters::ascii : JsonLetters::utf8; }
 
-  // Text for the output. False when nobody reads it any more, now or before.
+  // Writes text to the output. False when nobody reads it any more, or it cannot be written, now or
+  // before.
   bool write(std::string_view text);
   bool writeLine(std::string line);
+  // The errno of the write that failed, 0 for none. A reader that went away is no failure: it has
+  // what it wanted.
+  int outputError() const { return outputError_; }
   // "keelctl: TEXT" for a person, on the error output.
   void note(std::string_view text);
   // A line of its own on the error output.
@@ -40,6 +44,7 @@ class Console {
   const bool isTerminal_;
   const bool inColour_;
   bool outputGone_ = false;
+  int outputError_ = 0;
 };
 
 }  // namespace keel

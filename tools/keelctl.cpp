@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstring>
 #include <functional>
 #include <sstream>
 
@@ -30,8 +31,9 @@ Exit status:
   1    keeld refused (the message has its error code), or answered no; or the file of digest credentials cannot be used
   2    the command line, the JSON or a password makes no sense, or there is no password
   3    keeld is not running, does not let this user in, or closed the connection
-  4    no answer in time, or fewer events than --count
+  4    no answer in time, no line to publish in time, or less than --count
   5    a command run by subscribe failed
+  6    the output cannot be written
   130  ended by SIGINT
   143  ended by SIGTERM)";
 
@@ -281,6 +283,14 @@ void takeKept(std::vector<std::string>& names) {
   }
 }
 
+// What is exited with after `code`: nobody takes a result for complete that was lost on its way.
+int exitCodeWith(Console& console, int code) {
+  if (console.outputError() == 0) return code;
+  console.note(std::string("the output cannot be written: ") +
+               std::strerror(console.outputError()));
+  return kExitOutputFailed;
+}
+
 // Common options may stand before the command; the values that those take are no commands.
 bool isSubscribe(const std::vector<std::string>& arguments) {
   auto argument = arguments.begin();
@@ -313,12 +323,12 @@ int runKeelctl(std::vector<std::string> arguments, Console& console) {
     app.parse(std::move(arguments));
   } catch (const CLI::CallForHelp&) {
     console.write(app.help());
-    return kExitOk;
+    return exitCodeWith(console, kExitOk);
   } catch (const CLI::ParseError& fault) {
     return reportUsage(console, fault.what());
   }
   takeKept(parsed.subscribe.names);
-  return parsed.run(console);
+  return exitCodeWith(console, parsed.run(console));
 }
 
 }  // namespace keel

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/keelctl.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "runtime/foundation/file_descriptor.h"
 #include "tools/exit_code.h"
 
 namespace keel {
@@ -141,11 +143,27 @@ TEST_F(Keelctl, PublishNamesTheLineThatIsWrong) {
 }
 
 TEST_F(Keelctl, WaitingForKeeldEndsWithTheTimeout) {
-  EXPECT_EQ(runAlone({"publish", "a", "{}", "--reconnect", "--timeout", "0"}), kExitOk);
-  EXPECT_EQ(runAlone({"subscribe", "a", "--reconnect", "--timeout", "0"}), kExitOk);
-  EXPECT_EQ(runAlone({"subscribe", "a", "--reconnect", "--timeout", "0", "--count", "2"}),
-            kExitTimedOut);
-  EXPECT_THAT(said(), HasSubstr("0 of 2 events came in time"));
+  EXPECT_EQ(runAlone({"publish", "a", "{}", "--reconnect", "--timeout", "0"}), kExitUnreachable);
+  EXPECT_THAT(said(), HasSubstr("could not publish \"a\" within 0 s: keeld is not running"));
+  EXPECT_EQ(runAlone({"subscribe", "b", "--reconnect", "--timeout", "0"}), kExitUnreachable);
+  EXPECT_THAT(said(), HasSubstr("could not subscribe to \"b\" within 0 s: keeld is not running"));
+  EXPECT_EQ(runAlone({"subscribe", "c", "--reconnect", "--timeout", "0", "--count", "2"}),
+            kExitUnreachable);
+  EXPECT_THAT(said(), HasSubstr("could not subscribe to \"c\" within 0 s: keeld is not running"));
+}
+
+TEST_F(Keelctl, AnOutputThatCannotBeWrittenIsAFailure) {
+  const FileDescriptor full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+  Console console(input, full.get(), errors);
+  EXPECT_EQ(runKeelctl({"--help"}, console), kExitOutputFailed);
+  EXPECT_EQ(said(), "keelctl: the output cannot be written: No space left on device\n");
+}
+
+TEST_F(Keelctl, MoreNamesThanMayWaitAreToldOf) {
+  std::vector<std::string> line{"subscribe", "--reconnect"};
+  for (int i = 0; i < 5000; ++i) line.push_back(std::to_string(i));
+  EXPECT_EQ(runAlone(line), kExitRefused);
+  EXPECT_THAT(said(), HasSubstr("too many requests wait"));
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <utility>
 #include <variant>
 
 #include "client/shown_text.h"
@@ -21,6 +23,7 @@ class Publisher {
  public:
   Publisher(Console& console, const CommonOptions& common, const PublishOptions& options)
       : console_(console),
+        common_(common),
         options_(options),
         lines_(console.input()),
         waiting_(mailbox_.descriptor(), /*output=*/-1, common.timeout()),
@@ -42,6 +45,7 @@ class Publisher {
   using Message = std::variant<Result, ConnectionState, PublicationState>;
 
   void wait() {
+    if (timeIsUp_ && !asking_) return endInTime();
     switch (waiting_.next(readsInput_ && !asking_ && !lines_.atEnd() ? console_.input() : -1)) {
       case Waiting::Reason::message:
         if (auto message = mailbox_.take())
@@ -51,9 +55,29 @@ class Publisher {
         readInput();
         break;
       case Waiting::Reason::timeIsUp:
-      case Waiting::Reason::outputGone:  // which is not watched: nothing is written there
-        exit_ = kExitOk;
+        // A request that is under way ends now too, and says why.
+        timeIsUp_ = true;
+        waiting_.dropEnd();
         break;
+      case Waiting::Reason::outputGone:  // which is not watched: nothing is written there
+        break;
+    }
+  }
+
+  void endInTime() {
+    if (versions_ == 0) {
+      console_.note("no line of standard input came in time: nothing was published");
+      exit_ = kExitTimedOut;
+    } else if (versions_ < options_.count) {
+      console_.note(
+          fmt::format("{} of {} versions were published in time", versions_, options_.count));
+      exit_ = kExitTimedOut;
+    } else if (loss_) {
+      console_.note(fmt::format("keeld did not come back in time: {} is not published",
+                                shownName(options_.name)));
+      exit_ = exitCodeOf(*loss_);
+    } else {
+      exit_ = kExitOk;
     }
   }
 
@@ -83,8 +107,16 @@ class Publisher {
     auto request = versions_ == 0
                        ? client_->publish(name, std::move(*data), options_.flags, options_.value)
                        : client_->update(name, std::move(*data));
-    asking_ = true;
-    std::move(request).then([this](Result result) { mailbox_.push(std::move(result)); });
+    const auto timeout = answerTimeout(options_.reconnect);
+    const auto left = readsInput_ ? waiting_.left() : common_.timeout();
+    const auto begun = std::move(request)
+                           .within(std::min(left.value_or(timeout), timeout))
+                           .then([this](Result result) { mailbox_.push(std::move(result)); });
+    if (begun) {
+      asking_ = true;
+    } else {
+      exit_ = report(console_, begun.error());
+    }
   }
 
   void take(const Result& result) {
@@ -97,16 +129,16 @@ class Publisher {
         fmt::format("{} {}", versions_ == 0 ? "published" : "updated", shownName(options_.name)));
     if (++versions_ == options_.count) {
       exit_ = kExitOk;
-    } else if (readsInput_) {
+    } else if (readsInput_ && !timeIsUp_) {
       sendNextLine();
     }
   }
 
   void take(const ConnectionState& state) {
-    if (state.kind == ConnectionState::Kind::connected && std::exchange(wasLost_, false)) {
+    if (state.kind == ConnectionState::Kind::connected && std::exchange(loss_, std::nullopt)) {
       console_.note("connected");
     } else if (state.kind == ConnectionState::Kind::disconnected) {
-      const bool again = std::exchange(wasLost_, true);
+      const bool again = std::exchange(loss_, state.error).has_value();
       if (!options_.reconnect || !again) console_.note(state.reason);
       if (!options_.reconnect) exit_ = exitCodeOf(state.error);
     }
@@ -119,13 +151,15 @@ class Publisher {
   }
 
   Console& console_;
+  const CommonOptions& common_;
   const PublishOptions& options_;
   Mailbox<Message> mailbox_;
   InputLines lines_;
-  const Waiting waiting_;
+  Waiting waiting_;
   bool readsInput_ = false;
   bool asking_ = false;
-  bool wasLost_ = false;
+  bool timeIsUp_ = false;
+  std::optional<ClientError::Kind> loss_;  // why there is no connection now
   std::size_t versions_ = 0;
   std::optional<int> exit_;
   std::unique_ptr<KLNClient> client_;

@@ -26,12 +26,15 @@ std::optional<std::chrono::milliseconds> CommonOptions::timeout() const {
       static_cast<std::int64_t>(std::clamp(*timeoutSeconds * 1000, 0.0, longest)));
 }
 
+std::chrono::milliseconds answerTimeout(bool reconnect) {
+  return reconnect ? kForGood : kAnswerTimeout;
+}
+
 std::unique_ptr<KLNClient> connectClient(const CommonOptions& options, bool reconnect) {
   ClientOptions clientOptions;
   clientOptions.serviceDirectory = options.serviceDirectory;
   clientOptions.reconnect = reconnect;
-  // Who waits for keeld itself does so for good.
-  clientOptions.requestTimeout = reconnect ? kForGood : kAnswerTimeout;
+  clientOptions.requestTimeout = answerTimeout(reconnect);
   return KLNClient::create(std::move(clientOptions));
 }
 

@@ -26,6 +26,10 @@ struct CommonOptions {
 // How long one request waits for keeld's answer.
 inline constexpr std::chrono::milliseconds kAnswerTimeout{10'000};
 
+// Whoever waits for keeld itself (`reconnect`) does so for good.
+std::chrono::milliseconds answerTimeout(bool reconnect);
+
+// Its requests wait for their answers as long as answerTimeout() says.
 std::unique_ptr<KLNClient> connectClient(const CommonOptions& options, bool reconnect);
 
 // Tells a person what went wrong; yields what to exit with.

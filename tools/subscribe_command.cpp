@@ -3,6 +3,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <utility>
 #include <variant>
 
 #include "client/shown_text.h"
@@ -31,15 +33,7 @@ class Subscriber {
 
   int run() {
     client_->setStateHandler([this](const ConnectionState& state) { mailbox_.push(state); });
-    for (const std::string& name : options_.names) {
-      client_
-          ->subscribe(
-              name,
-              [this](const Event& event) { mailbox_.push(event, event.item.encoded().size()); })
-          .then([this, &name](ClientResult<Subscription> result) {
-            mailbox_.push(Subscribed{name, std::move(result)});
-          });
-    }
+    for (const std::string& name : options_.names) subscribe(name);
     while (!exit_) wait();
     return *exit_;
   }
@@ -51,22 +45,55 @@ class Subscriber {
   };
   using Message = std::variant<Event, Subscribed, ConnectionState>;
 
+  void subscribe(const std::string& name) {
+    if (exit_) return;
+    const auto timeout = answerTimeout(options_.reconnect);
+    const auto begun = client_
+                           ->subscribe(name,
+                                       [this](const Event& event) {
+                                         mailbox_.push(event, event.item.encoded().size());
+                                       })
+                           .within(std::min(common_.timeout().value_or(timeout), timeout))
+                           .then([this, &name](ClientResult<Subscription> result) {
+                             mailbox_.push(Subscribed{name, std::move(result)});
+                           });
+    if (begun) {
+      ++pendingCount_;
+    } else {
+      exit_ = report(console_, begun.error());
+    }
+  }
+
   void wait() {
+    if (timeIsUp_ && pendingCount_ == 0) return endInTime();
     switch (waiting_.next(-1)) {
       case Waiting::Reason::message:
         if (auto message = mailbox_.take()) std::visit([this](auto& it) { take(it); }, *message);
         break;
       case Waiting::Reason::timeIsUp:
-        if (options_.count > 0)
-          console_.note(fmt::format("{} of {} events came in time", events_, options_.count));
-        exit_ = options_.count > 0 ? kExitTimedOut : outcome_;
+        // Requests that are under way end now too, and say why.
+        timeIsUp_ = true;
+        waiting_.dropEnd();
         break;
       default:
         exit_ = outcome_;
     }
   }
 
+  void endInTime() {
+    if (options_.count > 0) {
+      console_.note(fmt::format("{} of {} events came in time", events_, options_.count));
+      exit_ = kExitTimedOut;
+    } else if (loss_) {
+      console_.note("keeld did not come back in time");
+      exit_ = exitCodeOf(*loss_);
+    } else {
+      exit_ = outcome_;
+    }
+  }
+
   void take(Subscribed& it) {
+    --pendingCount_;
     if (!it.result) {
       // The state that explains it is on its way too, and need not be told twice.
       exit_ = report(console_, it.result.error());
@@ -86,10 +113,10 @@ class Subscriber {
   }
 
   void take(const ConnectionState& state) {
-    if (state.kind == ConnectionState::Kind::connected && std::exchange(wasLost_, false)) {
+    if (state.kind == ConnectionState::Kind::connected && std::exchange(loss_, std::nullopt)) {
       console_.note("connected");
     } else if (state.kind == ConnectionState::Kind::disconnected) {
-      const bool again = std::exchange(wasLost_, true);
+      const bool again = std::exchange(loss_, state.error).has_value();
       if (!options_.reconnect || !again) console_.note(state.reason);
       if (!options_.reconnect) exit_ = exitCodeOf(state.error);
     }
@@ -126,9 +153,11 @@ class Subscriber {
   const SubscribeOptions& options_;
   const EventCommand command_;
   Mailbox<Message> mailbox_;
-  const Waiting waiting_;
+  Waiting waiting_;
   std::vector<Subscription> subscriptions_;
-  bool wasLost_ = false;
+  std::size_t pendingCount_ = 0;  // subscriptions that keeld has not answered
+  bool timeIsUp_ = false;
+  std::optional<ClientError::Kind> loss_;  // why there is no connection now
   std::size_t events_ = 0;
   ExitCode outcome_ = kExitOk;
   std::optional<int> exit_;

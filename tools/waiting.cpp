@@ -13,17 +13,21 @@ Waiting::Waiting(int message, int output, std::optional<std::chrono::millisecond
   if (timeout) end_ = Clock::now() + *timeout;
 }
 
+std::optional<std::chrono::milliseconds> Waiting::left() const {
+  if (!end_) return std::nullopt;
+  return std::max(std::chrono::ceil<std::chrono::milliseconds>(*end_ - Clock::now()),
+                  std::chrono::milliseconds(0));
+}
+
 Waiting::Reason Waiting::next(int input) const {
   for (;;) {
     // A pipe whose reader went away reports an error without being asked.
     pollfd watched[] = {{message_, POLLIN, 0}, {input, POLLIN, 0}, {output_, 0, 0}};
-    int left = -1;
+    int timeout = -1;
     if (end_) {
-      const auto milliseconds =
-          std::chrono::ceil<std::chrono::milliseconds>(*end_ - Clock::now()).count();
-      left = static_cast<int>(std::clamp<std::int64_t>(milliseconds, 0, INT_MAX));
+      timeout = static_cast<int>(std::min<std::int64_t>(left()->count(), INT_MAX));
     }
-    ::poll(watched, 3, left);
+    ::poll(watched, 3, timeout);
     if ((watched[0].revents & POLLIN) != 0) return Reason::message;
     if ((watched[2].revents & (POLLERR | POLLNVAL)) != 0) return Reason::outputGone;
     if (watched[1].revents != 0) return Reason::input;

@@ -16,6 +16,11 @@ class Waiting {
   // `message` and `output` are descriptors to watch, borrowed, or -1; `timeout` counts from now.
   Waiting(int message, int output, std::optional<std::chrono::milliseconds> timeout);
 
+  // What is left of the time, rounded up; none when there is no end.
+  std::optional<std::chrono::milliseconds> left() const;
+  // From now on there is no end.
+  void dropEnd() { end_.reset(); }
+
   // Waits. `input` is watched too unless it is negative. Messages come before all else, the end of
   // the time last.
   Reason next(int input) const;

@@ -15,7 +15,7 @@ from keel_client import HANG_GUARD
 from keel_host import NOTIFY_PATH, SANITIZER_REPORT, DaemonTest
 from keel_values import Date, Error, Raw
 
-OK, REFUSED, USAGE, UNREACHABLE, TIMED_OUT, COMMAND_FAILED = range(6)
+OK, REFUSED, USAGE, UNREACHABLE, TIMED_OUT, COMMAND_FAILED, OUTPUT_FAILED = range(7)
 USER = 1001
 ENVIRONMENT = {"PATH": os.environ["PATH"], "TERM": "xterm"}
 
@@ -76,14 +76,14 @@ class Running:
 class KeelctlTest(DaemonTest):
     options = {"log": "runtime=debug"}
 
-    def run_keelctl(self, *arguments, text="", uid=0):
+    def run_keelctl(self, *arguments, text="", uid=0, stdout=subprocess.PIPE):
         """Exit status, output and errors."""
         done = subprocess.run(
-            [keel_host.keelctl, *arguments], env=ENVIRONMENT, input=text.encode(), capture_output=True, timeout=HANG_GUARD,
-            user=uid)
+            [keel_host.keelctl, *arguments], env=ENVIRONMENT, input=text.encode(), stdout=stdout, stderr=subprocess.PIPE,
+            timeout=HANG_GUARD, user=uid)
         told = done.stderr.decode()
         self.assertNotRegex(told, SANITIZER_REPORT)
-        return done.returncode, done.stdout.decode(), told
+        return done.returncode, (done.stdout or b"").decode(), told
 
     def assertExits(self, status, *arguments, out="", told=None, **options):
         """Runs it to its end. `told` is a pattern for its standard error, None: nothing there."""
@@ -111,7 +111,7 @@ class CommandLine(KeelctlTest):
         for arguments in (["--help"], ["publish", "--help"], ["subscribe", "-h"]):
             code, out, told = self.run_keelctl(*arguments)
             self.assertEqual((code, told), (OK, ""))
-            for status in ("0", "1", "2", "3", "4", "5", "130", "143"):
+            for status in ("0", "1", "2", "3", "4", "5", "6", "130", "143"):
                 self.assertRegex(out, rf"(?m)^  {status} +\S")
 
     def test_mistakes_are_told_and_nothing_is_done(self):
@@ -151,6 +151,37 @@ class CommandLine(KeelctlTest):
             self.assertExits(TIMED_OUT, "dump", "--timeout", "0.2", told=".*")
         finally:
             self.daemon.go_on()
+
+    def test_waiting_for_a_daemon_in_vain_is_unreachable(self):
+        self.daemon.stop()
+        for command, deed in ((["publish", "weather", "{}"], "publish"), (["subscribe", "weather"], "subscribe to"),
+                              (["subscribe", "weather", "--count", "2"], "subscribe to")):
+            told = self.assertExits(UNREACHABLE, *command, "--reconnect", "--timeout", "0.2", told="keeld is not running")
+            self.assertIn(f'could not {deed} "weather" within 0.2 s: keeld is not running', told)
+
+    def test_waiting_for_an_answer_in_vain_is_given_up(self):
+        self.daemon.pause()
+        try:
+            for command in (["publish", "weather", "{}"], ["subscribe", "weather"]):
+                for options in ([], ["--reconnect"]):
+                    self.assertExits(TIMED_OUT, *command, *options, "--timeout", "0.2", told="keeld did not answer .*0.2 s")
+        finally:
+            self.daemon.go_on()
+
+    def test_an_output_that_cannot_be_written_is_a_failure(self):
+        self.client().publish({}, "weather")
+        commands = (["dump"], ["dump", "weather", "--data"], ["authcheck", "alice", "3"], ["--help"], ["auth", "realm"])
+        with open("/dev/full", "wb") as full:
+            for command in commands:
+                self.assertExits(OUTPUT_FAILED, *command, stdout=full,
+                                 told="the output cannot be written: No space left on device\n")
+            self.assertExits(OUTPUT_FAILED, "subscribe", "weather", stdout=full,
+                             told="subscribed to weather\nkeelctl: the output cannot be written: No space left on device\n")
+        for command in commands:
+            closed = subprocess.run(["sh", "-c", 'exec "$@" >&-', "sh", keel_host.keelctl, *command], env=ENVIRONMENT,
+                                    stderr=subprocess.PIPE, check=False)
+            self.assertEqual((closed.returncode, closed.stderr),
+                             (OUTPUT_FAILED, b"keelctl: the output cannot be written: Bad file descriptor\n"))
 
     def test_another_directory_can_be_named(self):
         self.assertExits(UNREACHABLE, "dump", "--service-directory", "/run/nowhere", told=".*/run/nowhere/")
@@ -253,6 +284,26 @@ class Publish(KeelctlTest):
         self.assertExits(OK, "publish", "weather", "-", "--count", "2", text='{"n":1}\n{"n":2}\n{"n":3}\n',
                          told="published weather")
         self.assertEqual(self.client().dump("weather", True)[0][0]["publishedData"], {"n": 2})
+
+    def test_with_too_few_versions_in_time_says_so(self):
+        publisher = self.start_keelctl("publish", "weather", "-", "--timeout", "0.2")
+        self.assertEqual(publisher.told(), "keelctl: no line of standard input came in time: nothing was published")
+        self.assertEqual(publisher.end()[0], TIMED_OUT)
+        self.assertExits(TIMED_OUT, "publish", "weather", "-", "--timeout", "2", "--count", "3", text='{"n":1}\n{"n":2}\n',
+                         told="published weather\nupdated weather\nkeelctl: 2 of 3 versions were published in time\n")
+
+    def test_ends_well_when_its_time_is_up(self):
+        self.assertExits(OK, "publish", "weather", "{}", "--timeout", "1", told="published weather\n")
+
+    def test_of_a_daemon_that_does_not_come_back_is_unreachable(self):
+        for command in (["publish", "weather", "{}"], ["subscribe", "weather"]):
+            running = self.start_keelctl(*command, "--reconnect", "--timeout", "3")
+            self.assertIn("weather", running.told())
+            self.daemon.stop()
+            code, _, told = running.end()
+            self.assertEqual(code, UNREACHABLE)
+            self.assertIn("keeld did not come back in time", told)
+            self.daemon = self.start(**self.options)
 
     def test_of_a_name_that_is_published_is_refused(self):
         publisher = self.client()
