@@ -2,6 +2,8 @@
 #include "client/shown_text.h"
 
 #include <fmt/format.h>
+#include <locale.h>
+#include <wchar.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -26,24 +28,32 @@ constexpr Range kEscaped[] = {{0, 0x1f},        {0x7f, 0x9f},       {0xad, 0xad}
                               {0x61c, 0x61c},   {0x180e, 0x180e},   {0x200b, 0x200f},
                               {0x2028, 0x202e}, {0x2060, 0x206f},   {0xfeff, 0xfeff},
                               {0xfff9, 0xfffb}, {0xe0000, 0xe0fff}, {0xe000, 0xf8ff}};
-// Marks that stand on the letter before them.
-constexpr Range kCombining[] = {
-    {0x300, 0x36f},   {0x483, 0x489},   {0x591, 0x5bd},   {0x610, 0x61a},   {0x64b, 0x65f},
-    {0x900, 0x902},   {0x93c, 0x93c},   {0xe31, 0xe31},   {0xe34, 0xe3a},   {0xe47, 0xe4e},
-    {0x1ab0, 0x1aff}, {0x1dc0, 0x1dff}, {0x20d0, 0x20ff}, {0xfe00, 0xfe0f}, {0xfe20, 0xfe2f}};
-constexpr Range kWide[] = {
-    {0x1100, 0x115f},   {0x2e80, 0x303e},   {0x3041, 0xa4cf},  {0xa960, 0xa97c}, {0xac00, 0xd7a3},
-    {0xf900, 0xfaff},   {0xfe30, 0xfe6f},   {0xff00, 0xff60},  {0xffe0, 0xffe6}, {0x1f300, 0x1f64f},
-    {0x1f680, 0x1f6ff}, {0x1f900, 0x1f9ff}, {0x20000, 0x3fffd}};
-
 template <std::size_t N>
 bool isIn(std::uint32_t letter, const Range (&ranges)[N]) {
   return std::ranges::any_of(
       ranges, [letter](Range range) { return letter >= range.first && letter <= range.last; });
 }
 
+// Returns what the C library knows of every letter of Unicode: the columns that it takes, 0 for a
+// mark on the letter before it, or a negative number for one that is not printed or not assigned.
+// Terminals use the same table, or one like it.
+int widthOf(std::uint32_t letter) {
+  // Whatever locale the program has. It is part of Debian's C library.
+  static const locale_t kUnicode = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+  if (kUnicode == nullptr) return 1;
+  const locale_t before = ::uselocale(kUnicode);
+  const int width = ::wcwidth(static_cast<wchar_t>(letter));
+  ::uselocale(before);
+  return width;
+}
+
+// Returns true for what is shown as it is.
+bool isPlain(std::uint32_t letter) {
+  return !isIn(letter, kEscaped) && widthOf(letter) >= 0;
+}
+
 std::size_t columnsOfLetter(std::uint32_t letter) {
-  return isIn(letter, kCombining) ? 0 : isIn(letter, kWide) ? 2 : 1;
+  return static_cast<std::size_t>(std::max(widthOf(letter), 0));
 }
 
 // The bytes of the letter that begins at `text`; 0 when no valid one does.
@@ -82,7 +92,7 @@ std::string shownText(std::string_view text, std::size_t columns) {
   for (std::size_t at = 0; at < text.size();) {
     std::uint32_t letter = 0;
     const std::size_t size = letterBytes(text.substr(at), letter);
-    const bool plain = size != 0 && !isIn(letter, kEscaped);
+    const bool plain = size != 0 && isPlain(letter);
     const std::string piece = size == 0
                                   ? fmt::format("\\x{:02x}", static_cast<unsigned char>(text[at]))
                               : plain ? std::string(text.substr(at, size))

@@ -49,5 +49,19 @@ TEST(ColumnsOf, WideAndCombiningLettersCountTwoAndNone) {
   EXPECT_EQ(columnsOf("e\u0301"), 1U);
 }
 
+TEST(ColumnsOf, LettersOfEveryScriptAndSignsCountAsTerminalsCountThem) {
+  EXPECT_EQ(columnsOf("✅"), 2U);
+  EXPECT_EQ(columnsOf("⚡"), 2U);
+  EXPECT_EQ(columnsOf("🫠"), 2U);
+  EXPECT_EQ(columnsOf("🚀x"), 3U);
+  EXPECT_EQ(columnsOf("क्ष"), 2U);
+  EXPECT_EQ(columnsOf("é"), 1U);
+  EXPECT_EQ(columnsOf("→"), 1U);
+}
+
+TEST(ShownText, ALetterWhoseWidthNobodyKnowsIsEscaped) {
+  EXPECT_EQ(shownText("a\u0378", 40), "a\\u{378}");
+}
+
 }  // namespace
 }  // namespace keel

@@ -34,6 +34,14 @@ TEST(Table, WideLettersKeepTheColumns) {
   EXPECT_EQ(table.text(kNoTerminal), "NAME  X\n中文  1\nabcd  2\n");
 }
 
+TEST(Table, SignsKeepTheColumns) {
+  Table table({"NAME", "X"});
+  table.add({"✅🫠", "1"});
+  table.add({"नमस्ते", "2"});
+  table.add({"abcd", "3"});
+  EXPECT_EQ(table.text(kNoTerminal), "NAME  X\n✅🫠  1\nनमस्ते  2\nabcd  3\n");
+}
+
 TEST(Table, ControlsAndEndsOfLinesDoNotBreakIt) {
   Table table({"NAME", "X"});
   table.add({"a\nb\x1b[31m", "\r\t"});
