@@ -25,6 +25,7 @@ Data is a JSON object, or null. What JSON lacks is written as an object with one
   {"$date": SECONDS}  {"$data": "BASE64"}  {"$error": {"domain": TEXT, "code": INTEGER, "userInfo": OBJECT}}
   {"$real": "NaN" | "Infinity" | "-Infinity"}  {"$map": OBJECT} for an object that would look like one of these
 On a terminal auth, dump, modules, authcheck and subscribe write for people, elsewhere JSON lines. NO_COLOR switches colours off.
+Times for people are local (see TZ), with their offset from UTC: subscribe shows when an event came, dump when data changed.
 
 Exit status:
   0    done, also when whoever reads the output went away

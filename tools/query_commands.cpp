@@ -9,6 +9,7 @@
 
 #include "client/shown_text.h"
 #include "platform/product/product.h"
+#include "tools/local_time.h"
 #include "tools/table.h"
 
 namespace keel {
@@ -16,7 +17,7 @@ namespace keel {
 namespace {
 
 std::string shownDate(const std::optional<Date>& date, const char* otherwise) {
-  return date ? date->description() : otherwise;
+  return date ? shownDateAndTime(*date) : otherwise;
 }
 
 std::string jsonOfOptional(const std::optional<std::string>& text, JsonLetters letters) {

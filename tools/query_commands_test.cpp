@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 
+#include "tools/local_zone.h"
+
 namespace keel {
 namespace {
 
@@ -19,11 +21,12 @@ const DumpEntry kPublished{"weather",
 const DumpEntry kPlaceholder{"later", {}, {}, {}, {}};
 
 TEST(DumpTable, ShowsPublishersAndSubscribers) {
+  const LocalZone zone("CET-1");
   EXPECT_EQ(tableOf({kPlaceholder, kPublished}, /*withData=*/false, kNoTerminal),
             "NAME     ROLE        CONNECTION      LAST CHANGE\n"
             "later    publisher   (nobody)        (never published)\n"
-            "weather  publisher   <connection 1>  1970-01-01T00:00:00.000000Z\n"
-            "         subscriber  <connection 2>  1970-01-01T00:01:00.000000Z\n"
+            "weather  publisher   <connection 1>  1970-01-01 01:00:00.000 +0100\n"
+            "         subscriber  <connection 2>  1970-01-01 01:01:00.000 +0100\n"
             "         subscriber  (gone)          (never updated)\n");
 }
 

@@ -9,6 +9,7 @@
 
 #include "client/shown_text.h"
 #include "tools/event_command.h"
+#include "tools/local_time.h"
 #include "tools/mailbox.h"
 #include "tools/waiting.h"
 
@@ -133,7 +134,7 @@ class Subscriber {
     const std::string shown =
         event.error ? "error: " + shownText(event.error.description(), kShownDataColumns)
                     : shownText(jsonOf(event.data()), kShownDataColumns);
-    return fmt::format("{}  {}  {}", console_.dim(Date::now().description().substr(11, 12)),
+    return fmt::format("{}  {}  {}", console_.dim(shownTimeOfDay(Date::now())),
                        console_.bold(shownName(event.name.view())), shown);
   }
 

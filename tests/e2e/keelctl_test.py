@@ -239,6 +239,14 @@ class Questions(KeelctlTest):
         self.assertIn('{"name"', self.on_terminal("dump", "--json"))
         self.assertNotIn("\x1b", self.on_terminal("dump", environment={"NO_COLOR": "1"}))
 
+    def test_on_a_terminal_times_are_local_and_say_so(self):
+        publisher = self.client()
+        publisher.publish({}, "weather")
+        zone = {"TZ": "IST-5:30"}
+        for command, pattern in ((["subscribe", "weather", "--count", "1"], r"\d\d:\d\d:\d\d\.\d{3} \+0530"),
+                                 (["dump"], r"weather .* \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \+0530")):
+            self.assertRegex(self.on_terminal(*command, environment=zone), pattern)
+
     def on_terminal(self, *arguments, environment=None):
         """What it shows on a terminal."""
         ours, theirs = pty.openpty()
