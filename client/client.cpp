@@ -55,7 +55,7 @@ Request<std::vector<DumpEntry>> KLNClient::dump(String name, bool withData) {
 }
 
 Request<std::vector<DumpEntry>> KLNClient::dumpAll(bool withData) {
-  return requestFor(core_, operations::dump("_all", withData));
+  return requestFor(core_, operations::dumpAll(withData));
 }
 
 Request<bool> KLNClient::authCheck(String user, std::int32_t auditSession) {

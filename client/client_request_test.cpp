@@ -7,6 +7,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::StartsWith;
 using Kind = ClientError::Kind;
 
 class ClientRequest : public ClientWorld {};
@@ -216,6 +217,17 @@ TEST_F(ClientRequest, DumpYieldsEntries) {
   ASSERT_EQ(entries->size(), 1U);
   EXPECT_EQ(entries->front().publisher, "<connection 1>");
   EXPECT_THAT(shared.calls, ElementsAre("dump _all"));
+}
+
+TEST_F(ClientRequest, DumpOfAllItemsIsCalledThatInMessages) {
+  connectErrno = ENOENT;
+  makeClient({.reconnect = false});
+  EXPECT_THAT(resultOf(client->dumpAll()).error().message(),
+              StartsWith("could not dump all items: keeld is not running"));
+  EXPECT_THAT(resultOf(client->dump("_all")).error().message(),
+              StartsWith("could not dump all items: "));
+  EXPECT_THAT(resultOf(client->dump("weather")).error().message(),
+              StartsWith("could not dump \"weather\": "));
 }
 
 TEST_F(ClientRequest, DumpOfAnUnknownNameIsNotFound) {

@@ -16,6 +16,8 @@ using protocols::NotifyProxy;
 
 namespace {
 
+constexpr std::string_view kAllItems = "_all";
+
 // What all that name something have in common.
 template <class T>
 class Named : public OperationOf<T> {
@@ -151,6 +153,10 @@ class Dump final : public Named<std::vector<DumpEntry>> {
  public:
   Dump(String name, bool withData) : Named("dump", std::move(name)), withData_(withData) {}
 
+  // keeld takes that name for all items, and a program may never have seen it.
+  std::string what() const override {
+    return name_.view() == kAllItems ? "dump all items" : Named::what();
+  }
   void send(ClientCore& core) override {
     core.ask<&NotifyProxy::dumpNotification>(self(this), &answered, name_, withData_);
   }
@@ -243,6 +249,10 @@ std::shared_ptr<OperationOf<Subscription>> subscribe(String name, EventCallback 
 
 std::shared_ptr<OperationOf<std::vector<DumpEntry>>> dump(String name, bool withData) {
   return std::make_shared<Dump>(std::move(name), withData);
+}
+
+std::shared_ptr<OperationOf<std::vector<DumpEntry>>> dumpAll(bool withData) {
+  return std::make_shared<Dump>(kAllItems, withData);
 }
 
 std::shared_ptr<OperationOf<bool>> authCheck(String user, std::int32_t auditSession) {

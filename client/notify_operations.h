@@ -19,6 +19,7 @@ std::shared_ptr<OperationOf<void>> update(String name, const Value& data);
 std::shared_ptr<OperationOf<void>> remove(String name);
 std::shared_ptr<OperationOf<Subscription>> subscribe(String name, EventCallback callback);
 std::shared_ptr<OperationOf<std::vector<DumpEntry>>> dump(String name, bool withData);
+std::shared_ptr<OperationOf<std::vector<DumpEntry>>> dumpAll(bool withData);
 std::shared_ptr<OperationOf<bool>> authCheck(String user, std::int32_t auditSession);
 std::shared_ptr<OperationOf<std::map<std::string, std::string>>> moduleTable();
 std::shared_ptr<OperationOf<std::vector<PublicationState>>> publications();

@@ -14,6 +14,7 @@ namespace {
 
 using testing::AllOf;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 // Runs keelctl in this process, with files for its input and outputs.
 class Keelctl : public testing::Test {
@@ -128,6 +129,11 @@ TEST_F(Keelctl, EveryCommandSaysThatKeeldIsNotRunning) {
     EXPECT_EQ(std::ranges::count(said(), '\n'), 1) << said();
   }
   EXPECT_EQ(contentOf(output), "");
+}
+
+TEST_F(Keelctl, NobodyIsToldOfANameThatNobodyTyped) {
+  EXPECT_EQ(runAlone({"dump"}), kExitUnreachable);
+  EXPECT_THAT(said(), StartsWith("keelctl: could not dump all items: keeld is not running"));
 }
 
 TEST_F(Keelctl, PublishFromAnEmptyInputIsAUsageError) {
