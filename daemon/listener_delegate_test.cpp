@@ -102,8 +102,7 @@ TEST_F(NotifyListener, ReceptionIsLoggedBeforeAnythingIsConfigured) {
   const auto subscription = client.request<&NotifyProxy::subscribeTo>(Name("n"), 0u);
   executor_.runAll();
   EXPECT_TRUE(client.resultsOf<&NotifyProxy::subscribeTo>(subscription));
-  EXPECT_TRUE(
-      client.connection()->indexOf<&protocols::SubscriberProxy::updateSubscriptionFor>());
+  EXPECT_TRUE(client.connection()->indexOf<&protocols::SubscriberProxy::updateSubscriptionFor>());
   client.sendNonsense();
   client.die();
   executor_.runAll();
@@ -212,8 +211,7 @@ TEST_F(NotifyListener, AuthDelegateSetsNoRemoteInterface) {
   FakeClient client(executor_);
   delegate.listenerShouldAcceptNewConnection(*listener_, client.connection());
   // The client lists the method; the daemon does not look for it.
-  EXPECT_FALSE(
-      client.connection()->indexOf<&protocols::SubscriberProxy::updateSubscriptionFor>());
+  EXPECT_FALSE(client.connection()->indexOf<&protocols::SubscriberProxy::updateSubscriptionFor>());
   end(client);
 }
 
