@@ -17,7 +17,7 @@
 #include "notify/notification_service.h"
 #include "notify/update_coalescer.h"
 #include "platform/product/product.h"
-#include "runtime/dispatch/block_date.h"
+#include "runtime/dispatch/block_clock.h"
 #include "runtime/foundation/value.h"
 #include "runtime/logging/logger.h"
 

@@ -7,7 +7,7 @@
 #include "notify/subscription_object.h"
 #include "platform/product/product.h"
 #include "protocols/delivery.h"
-#include "runtime/dispatch/block_date.h"
+#include "runtime/dispatch/block_clock.h"
 
 namespace keel {
 
@@ -31,13 +31,13 @@ void KLNPublishBehavior::updateWithBatch(std::span<const Dictionary> batch) {
   const auto item = published();
   if (!item) return;
   // As much is done as by that many blocks.
-  ageDateOfBlock(batch.size());
+  BlockClock::age(batch.size());
   item->setData(batch.back());
-  item->setLastUpdated(dateOfBlock());
+  item->setLastUpdated(BlockClock::now());
   Delivery delivery(item->name(), batch);
   deliver(*item, delivery);
   if (item->subscribers() != nullptr && item->subscribers()->count() > kManySubscribers)
-    ageDateOfBlock(kBlocksPerDate);
+    BlockClock::age(BlockClock::kBlocksPerReading);
 }
 
 void KLNPublishBehavior::updateWithError(Error error) {

@@ -5,7 +5,7 @@
 #include "notify/subscription_object.h"
 #include "platform/product/product.h"
 #include "protocols/delivery.h"
-#include "runtime/dispatch/block_date.h"
+#include "runtime/dispatch/block_clock.h"
 #include "runtime/logging/logger.h"
 
 namespace keel {
@@ -64,7 +64,7 @@ void SubscriberBehavior::deliverData(Delivery& delivery) {
     };
   });
   log.debug("updateWithData: {} behavior notification sent", subscription->name());
-  subscription->setLastUpdated(dateOfBlock());
+  subscription->setLastUpdated(BlockClock::now());
 }
 
 void SubscriberBehavior::deliverError(Delivery& delivery) {
@@ -85,7 +85,7 @@ void SubscriberBehavior::deliverError(Delivery& delivery) {
           held->name(), sendError, sent);
     };
   });
-  subscription->setLastUpdated(dateOfBlock());
+  subscription->setLastUpdated(BlockClock::now());
 }
 
 void SubscriberBehavior::connectionIsInvalid() {

@@ -4,7 +4,7 @@
 #include "notify/published_object.h"
 #include "platform/product/product.h"
 #include "protocols/delivery.h"
-#include "runtime/dispatch/block_date.h"
+#include "runtime/dispatch/block_clock.h"
 #include "runtime/logging/logger.h"
 
 namespace keel {
@@ -65,7 +65,7 @@ void KLNSubscriptionObject::deliverData(Delivery& delivery) {
                 error);
     };
   });
-  lastUpdated_ = dateOfBlock();
+  lastUpdated_ = BlockClock::now();
 }
 
 void KLNSubscriptionObject::deliverError(Delivery& delivery) {
@@ -84,7 +84,7 @@ void KLNSubscriptionObject::deliverError(Delivery& delivery) {
                 subscription->name(), sendError, sent);
     };
   });
-  lastUpdated_ = dateOfBlock();
+  lastUpdated_ = BlockClock::now();
 }
 
 void KLNSubscriptionObject::connectionIsInvalid() {

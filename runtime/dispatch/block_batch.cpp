@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "runtime/dispatch/block_batch.h"
 
-#include "runtime/dispatch/block_date.h"
+#include "runtime/dispatch/block_clock.h"
 
 namespace keel {
 
 void BlockBatch::run() noexcept {
-  beginDateOfBlock();
+  BlockClock::beginBatch();
   for (Block& block : blocks_) {
     block();
     block = Block();
-    ageDateOfBlock(1);
+    BlockClock::age(1);
   }
-  endDateOfBlock();
+  BlockClock::endBatch();
   if (blocks_.capacity() > kKeptCount) {
     blocks_ = std::vector<Block>();
   } else {
