@@ -33,7 +33,7 @@ class LoopTransport final : public xpc::Transport {
     own_->receiver = &receiver;
     reactor_.post([own = own_] { own->deliver(); });
   }
-  void send(const xpc::OutgoingMessage& message, EndOfTurn::Urgency) override {
+  void send(const xpc::OutgoingMessage& message, EndOfTurnHook::Urgency) override {
     if (own_->open) put(message);
   }
   void setReading(bool) override {}

@@ -31,7 +31,7 @@ class SinkClient::SinkTransport final : public xpc::Transport {
     std::vector<FileDescriptor> noFiles;
     receiver.onFrame(std::span(hello.bytes()).subspan(xpc::kLengthBytes), noFiles);
   }
-  void send(const xpc::OutgoingMessage& message, EndOfTurn::Urgency) override {
+  void send(const xpc::OutgoingMessage& message, EndOfTurnHook::Urgency) override {
     client_.sentBytes_ += message.wireBytes();
   }
   void setReading(bool) override {}

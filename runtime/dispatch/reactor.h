@@ -15,7 +15,7 @@
 
 #include "runtime/dispatch/block.h"
 #include "runtime/dispatch/block_batch.h"
-#include "runtime/dispatch/end_of_turn.h"
+#include "runtime/dispatch/end_of_turn_hook.h"
 #include "runtime/dispatch/executor.h"
 #include "runtime/dispatch/timer_list.h"
 #include "runtime/foundation/file_descriptor.h"
@@ -71,7 +71,7 @@ class Reactor final : public Executor {
   // Tells `hook` once when this turn ends. Asking twice is the same as once; urgent wins. Asked
   // while the end of a turn is being told, it is told at the end of the next, which then does not
   // wait.
-  void atEndOfTurn(EndOfTurn& hook, EndOfTurn::Urgency urgency);
+  void atEndOfTurn(EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency);
 
   void schedule(std::shared_ptr<SerialQueue> queue) override;
   // Runs `block` on the reactor's thread, in the order of the calls, never from within this call.
@@ -138,7 +138,7 @@ class Reactor final : public Executor {
   std::optional<Clock::time_point> firstFullRead_;  // of this turn
   std::vector<Registration> registrations_;         // by descriptor
   TimerList timers_;
-  EndOfTurnLists endOfTurn_;
+  EndOfTurnHooks endOfTurn_;
   std::vector<std::shared_ptr<SerialQueue>> ready_;  // have a turn to run
   std::vector<std::shared_ptr<SerialQueue>> turns_;  // of the current round
   BlockBatch posts_;                                 // of the current round

@@ -109,7 +109,7 @@ void Reactor::cancel(TimerId timer) {
   timers_.cancel(timer);
 }
 
-void Reactor::atEndOfTurn(EndOfTurn& hook, EndOfTurn::Urgency urgency) {
+void Reactor::atEndOfTurn(EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency) {
   endOfTurn_.add(hook, urgency);
 }
 

@@ -49,7 +49,7 @@ class Recorder final : public Reactor::Watcher {
   std::function<void()> action;
 };
 
-class Hook final : public EndOfTurn {
+class Hook final : public EndOfTurnHook {
  public:
   explicit Hook(std::function<void()> action) : action_(std::move(action)) {}
   void onEndOfTurn() override { action_(); }
@@ -279,7 +279,7 @@ TEST_F(ReactorTest, AQueueThatFeedsItselfLetsSocketsTimersAndHooksThrough) {
     if (rounds++ == 0) {
       pipe.fill();
       reactor_.after(milliseconds(0), record(2));
-      reactor_.atEndOfTurn(hook, EndOfTurn::Urgency::normal);
+      reactor_.atEndOfTurn(hook, EndOfTurnHook::Urgency::normal);
     }
     queue->async(std::ref(feed));
   };
@@ -340,8 +340,8 @@ TEST_F(ReactorTest, WaitsForATimerOnTheRealClock) {
 TEST_F(ReactorTest, TellsHooksAfterTheBlocksOfTheTurnUrgentOnesFirst) {
   Hook normal([this] { ran_.push_back(3); });
   Hook urgent([this] { ran_.push_back(2); });
-  reactor_.atEndOfTurn(normal, EndOfTurn::Urgency::normal);
-  reactor_.atEndOfTurn(urgent, EndOfTurn::Urgency::urgent);
+  reactor_.atEndOfTurn(normal, EndOfTurnHook::Urgency::normal);
+  reactor_.atEndOfTurn(urgent, EndOfTurnHook::Urgency::urgent);
   reactor_.post(record(1));
   EXPECT_TRUE(waitingTurn());
   EXPECT_THAT(ran_, ElementsAre(1, 2, 3));
@@ -351,9 +351,9 @@ TEST_F(ReactorTest, AHookThatAsksAgainIsToldInTheNextTurnWhichDoesNotWait) {
   int told = 0;
   std::unique_ptr<Hook> hook;
   hook = std::make_unique<Hook>([&] {
-    if (++told < 3) reactor_.atEndOfTurn(*hook, EndOfTurn::Urgency::normal);
+    if (++told < 3) reactor_.atEndOfTurn(*hook, EndOfTurnHook::Urgency::normal);
   });
-  reactor_.atEndOfTurn(*hook, EndOfTurn::Urgency::normal);
+  reactor_.atEndOfTurn(*hook, EndOfTurnHook::Urgency::normal);
   EXPECT_TRUE(waitingTurn());
   EXPECT_EQ(told, 1);
   EXPECT_TRUE(waitingTurn());

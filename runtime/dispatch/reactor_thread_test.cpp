@@ -187,7 +187,7 @@ TEST(ReactorThread, RunsThePostsOfEachThreadInTheirOrder) {
 }
 
 TEST(ReactorThread, AWokenReactorTellsItsHooksAndRunsItsTimers) {
-  class Hook final : public EndOfTurn {
+  class Hook final : public EndOfTurnHook {
    public:
     void onEndOfTurn() override { told.release(); }
     std::binary_semaphore told{0};
@@ -196,7 +196,7 @@ TEST(ReactorThread, AWokenReactorTellsItsHooksAndRunsItsTimers) {
   std::binary_semaphore ran(0);
   RunningReactor running;
   running.reactor.post([&] {
-    running.reactor.atEndOfTurn(hook, EndOfTurn::Urgency::normal);
+    running.reactor.atEndOfTurn(hook, EndOfTurnHook::Urgency::normal);
     running.reactor.after(std::chrono::milliseconds(1), [&ran] { ran.release(); });
   });
   hook.told.acquire();

@@ -13,7 +13,7 @@ namespace keel::xpc {
 
 // Frames over a connected stream socket (unix(7)), with back-pressure both ways: a reader that is
 // too slow is dropped, and a peer that does not take what it is sent is not read.
-class FrameStream final : public Transport, private Reactor::Watcher, private EndOfTurn {
+class FrameStream final : public Transport, private Reactor::Watcher, private EndOfTurnHook {
  public:
   // What a stream may cost, and who pays for it.
   struct Terms {
@@ -31,7 +31,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
 
   void start(Receiver& receiver) override;
   TransportContext& context() override { return context_; }
-  void send(const OutgoingMessage& message, EndOfTurn::Urgency urgency) override;
+  void send(const OutgoingMessage& message, EndOfTurnHook::Urgency urgency) override;
   void setReading(bool reading) override;
   void liftHelloBound() override;
   void setConfidential() override;

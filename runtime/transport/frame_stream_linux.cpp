@@ -52,7 +52,7 @@ void FrameStream::start(Receiver& receiver) {
   watchAsNeeded();
 }
 
-void FrameStream::send(const OutgoingMessage& message, EndOfTurn::Urgency urgency) {
+void FrameStream::send(const OutgoingMessage& message, EndOfTurnHook::Urgency urgency) {
   if (!socket_ || life_ != Life::open) return;
   if (writer_.waitingBytes() > limits::kPauseReadingBytes) [[unlikely]] {
     // So much in one turn: what the socket takes goes now, so that only what the peer does not read
@@ -99,7 +99,7 @@ void FrameStream::dropSlowReader() {
 
 void FrameStream::endWithTurn(Life how) {
   life_ = how;
-  context_.reactor().atEndOfTurn(*this, EndOfTurn::Urgency::normal);
+  context_.reactor().atEndOfTurn(*this, EndOfTurnHook::Urgency::normal);
 }
 
 void FrameStream::setReading(bool reading) {
@@ -278,7 +278,7 @@ bool FrameStream::handFrames() {
 
 void FrameStream::handOverAtEndOfTurn() {
   handOver_ = HandOver::pending;
-  context_.reactor().atEndOfTurn(*this, EndOfTurn::Urgency::normal);
+  context_.reactor().atEndOfTurn(*this, EndOfTurnHook::Urgency::normal);
 }
 
 bool FrameStream::flush() {

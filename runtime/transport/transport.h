@@ -49,7 +49,7 @@ class Transport {
   // onClosed().
   virtual void start(Receiver& receiver) = 0;
   // Sends one frame behind those sent before. The message may be reused at once.
-  virtual void send(const OutgoingMessage& message, EndOfTurn::Urgency urgency) = 0;
+  virtual void send(const OutgoingMessage& message, EndOfTurnHook::Urgency urgency) = 0;
   // Stops and resumes reading: back-pressure on a peer that asks for more than it gets answered.
   // Takes effect before the next frame; resuming hands over what came meanwhile at the end of the
   // turn.

@@ -133,7 +133,7 @@ class Connection final : public std::enable_shared_from_this<Connection>,
   bool isConfidential() const { return confidential_; }
   TransportContext& context() const { return transport_->context(); }
   void send(const OutgoingMessage& message) {
-    transport_->send(message, EndOfTurn::Urgency::normal);
+    transport_->send(message, EndOfTurnHook::Urgency::normal);
   }
   PendingReplies& pendingReplies() { return asking().pending; }
   // Runs onError(error) later, on the connection's queue.

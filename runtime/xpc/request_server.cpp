@@ -141,7 +141,7 @@ void RequestServer::refuse(std::optional<std::uint64_t> requestId, FailureCode c
   OutgoingMessage message;
   writeFailure(message, requestId, code, text);
   onIoThread([this, alive = connection_.shared_from_this(), moved = std::move(message)] {
-    connection_.transport().send(moved, EndOfTurn::Urgency::urgent);
+    connection_.transport().send(moved, EndOfTurnHook::Urgency::urgent);
   });
   connection_.interrupted(text);
 }
@@ -160,14 +160,14 @@ void RequestServer::answer(std::uint64_t requestId, Build build) {
   if (connection_.transport().onIoThread()) {
     const MessagePool::Borrowed message = connection_.context().messages().borrow();
     build(*message);
-    connection_.transport().send(*message, EndOfTurn::Urgency::urgent);
+    connection_.transport().send(*message, EndOfTurnHook::Urgency::urgent);
     return requestAnswered(requestId);
   }
   // The pool belongs to the I/O thread.
   OutgoingMessage message;
   build(message);
   onIoThread([this, alive = connection_.shared_from_this(), requestId, moved = std::move(message)] {
-    connection_.transport().send(moved, EndOfTurn::Urgency::urgent);
+    connection_.transport().send(moved, EndOfTurnHook::Urgency::urgent);
     requestAnswered(requestId);
   });
 }
@@ -214,7 +214,7 @@ bool RequestServer::sendReplies(std::span<const std::uint64_t> requestIds, std::
       message->writer().encoded(encoded->bytes().subspan(kLengthBytes));
       message->finish();
     }
-    connection_.transport().send(*message, EndOfTurn::Urgency::urgent);
+    connection_.transport().send(*message, EndOfTurnHook::Urgency::urgent);
     for (const std::uint64_t id : some) requestAnswered(id);
   }
   return true;

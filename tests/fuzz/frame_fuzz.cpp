@@ -58,7 +58,7 @@ class Wire final : public xpc::Transport {
  public:
   xpc::TransportContext& context() override { return context_; }
   void start(Receiver& receiver) override { receiver_ = &receiver; }
-  void send(const xpc::OutgoingMessage& message, EndOfTurn::Urgency) override {
+  void send(const xpc::OutgoingMessage& message, EndOfTurnHook::Urgency) override {
     const auto envelope = xpc::peekEnvelope(std::span(message.bytes()).subspan(xpc::kLengthBytes));
     KEEL_CHECK(envelope.has_value());
     cbor::Cursor cursor(std::span(message.bytes()).subspan(xpc::kLengthBytes));

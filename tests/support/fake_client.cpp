@@ -36,7 +36,7 @@ class FakeClient::FakeTransport final : public xpc::Transport {
     receiver_ = &receiver;
     client_->sayHello();
   }
-  void send(const xpc::OutgoingMessage& message, EndOfTurn::Urgency) override {
+  void send(const xpc::OutgoingMessage& message, EndOfTurnHook::Urgency) override {
     if (client_ != nullptr) client_->onSent(message);
   }
   void setReading(bool) override {}

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "runtime/dispatch/end_of_turn.h"
+#include "runtime/dispatch/end_of_turn_hook.h"
 
 namespace keel {
 
@@ -10,25 +10,25 @@ void EndOfTurnLink::cancelEndOfTurn() noexcept {
   previous_ = next_ = nullptr;
 }
 
-EndOfTurnLists::EndOfTurnLists() {
+EndOfTurnHooks::EndOfTurnHooks() {
   for (Round& round : rounds_) {
     round.urgent.previous_ = round.urgent.next_ = &round.urgent;
     round.normal.previous_ = round.normal.next_ = &round.normal;
   }
 }
 
-EndOfTurnLists::~EndOfTurnLists() {
+EndOfTurnHooks::~EndOfTurnHooks() {
   for (Round& round : rounds_) {
     while (round.urgent.next_ != &round.urgent) round.urgent.next_->cancelEndOfTurn();
     while (round.normal.next_ != &round.normal) round.normal.next_->cancelEndOfTurn();
   }
 }
 
-void EndOfTurnLists::add(EndOfTurn& hook, EndOfTurn::Urgency urgency) {
+void EndOfTurnHooks::add(EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency) {
   EndOfTurnLink& link = hook;
   if (link.listed()) {
     // One that is about to be told stays where it is: moving it would put it off.
-    if (urgency == EndOfTurn::Urgency::normal || link.urgency_ == urgency ||
+    if (urgency == EndOfTurnHook::Urgency::normal || link.urgency_ == urgency ||
         link.round_ != collecting_)
       return;
     link.cancelEndOfTurn();
@@ -36,19 +36,19 @@ void EndOfTurnLists::add(EndOfTurn& hook, EndOfTurn::Urgency urgency) {
   link.urgency_ = urgency;
   link.round_ = collecting_;
   Round& round = rounds_[collecting_];
-  if (urgency == EndOfTurn::Urgency::urgent) {
+  if (urgency == EndOfTurnHook::Urgency::urgent) {
     append(round.urgent, link);
   } else {
     append(round.normal, link);
   }
 }
 
-bool EndOfTurnLists::empty() const {
+bool EndOfTurnHooks::empty() const {
   const Round& round = rounds_[collecting_];
   return round.urgent.next_ == &round.urgent && round.normal.next_ == &round.normal;
 }
 
-bool EndOfTurnLists::tell() {
+bool EndOfTurnHooks::tell() {
   Round& round = rounds_[collecting_];
   collecting_ ^= 1;
   const bool toldUrgent = tellAll(round.urgent);
@@ -56,17 +56,17 @@ bool EndOfTurnLists::tell() {
   return toldUrgent || toldNormal;
 }
 
-void EndOfTurnLists::append(EndOfTurnLink& sentinel, EndOfTurnLink& hook) {
+void EndOfTurnHooks::append(EndOfTurnLink& sentinel, EndOfTurnLink& hook) {
   hook.previous_ = sentinel.previous_;
   hook.next_ = &sentinel;
   hook.previous_->next_ = &hook;
   sentinel.previous_ = &hook;
 }
 
-bool EndOfTurnLists::tellAll(EndOfTurnLink& sentinel) {
+bool EndOfTurnHooks::tellAll(EndOfTurnLink& sentinel) {
   bool told = false;
   while (sentinel.next_ != &sentinel) {
-    EndOfTurn& hook = static_cast<EndOfTurn&>(*sentinel.next_);
+    EndOfTurnHook& hook = static_cast<EndOfTurnHook&>(*sentinel.next_);
     sentinel.next_->cancelEndOfTurn();
     hook.onEndOfTurn();
     told = true;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "runtime/dispatch/end_of_turn.h"
+#include "runtime/dispatch/end_of_turn_hook.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,16 +14,16 @@ namespace keel {
 namespace {
 
 using testing::ElementsAre;
-using enum EndOfTurn::Urgency;
+using enum EndOfTurnHook::Urgency;
 
-class Hook final : public EndOfTurn {
+class Hook final : public EndOfTurnHook {
  public:
   Hook(std::string name, std::vector<std::string>& told) : name_(std::move(name)), told_(told) {}
   void onEndOfTurn() override {
     told_.push_back(name_);
     if (action) action();
   }
-  using EndOfTurn::cancelEndOfTurn;
+  using EndOfTurnHook::cancelEndOfTurn;
 
   std::function<void()> action;
 
@@ -35,7 +35,7 @@ class Hook final : public EndOfTurn {
 class EndOfTurnTest : public testing::Test {
  protected:
   std::vector<std::string> told_;
-  EndOfTurnLists lists_;
+  EndOfTurnHooks lists_;
   Hook a_{"a", told_};
   Hook b_{"b", told_};
   Hook c_{"c", told_};
@@ -164,7 +164,7 @@ TEST_F(EndOfTurnTest, OneThatAsksForTheNextTimeMayBecomeUrgentForIt) {
 
 TEST_F(EndOfTurnTest, DestroyedListsLeaveTheirHooksFreeForOthers) {
   {
-    EndOfTurnLists others;
+    EndOfTurnHooks others;
     others.add(a_, normal);
     others.add(b_, urgent);
   }

@@ -5,9 +5,9 @@
 
 namespace keel {
 
-class EndOfTurnLists;
+class EndOfTurnHooks;
 
-// A place in one of the lists of EndOfTurnLists, or in none.
+// A place in one of the lists of EndOfTurnHooks, or in none.
 class EndOfTurnLink {
  public:
   // Urgent ones are told first: an answer goes out before the fan-out it caused.
@@ -22,38 +22,38 @@ class EndOfTurnLink {
   void cancelEndOfTurn() noexcept;
 
  private:
-  friend class EndOfTurnLists;
+  friend class EndOfTurnHooks;
   bool listed() const { return previous_ != nullptr; }
 
   EndOfTurnLink* previous_ = nullptr;
   EndOfTurnLink* next_ = nullptr;
   Urgency urgency_ = Urgency::normal;
-  std::uint8_t round_ = 0;  // of EndOfTurnLists
+  std::uint8_t round_ = 0;  // of EndOfTurnHooks
 };
 
 // Something to be told once when the current turn of the reactor ends: a connection that has bytes
 // to write. Destroying it, or calling cancelEndOfTurn(), takes it off the list.
-class EndOfTurn : public EndOfTurnLink {
+class EndOfTurnHook : public EndOfTurnLink {
  public:
   // May ask again, destroy itself and others, and take others off the list.
   virtual void onEndOfTurn() = 0;
 
  protected:
-  ~EndOfTurn() = default;
+  ~EndOfTurnHook() = default;
 };
 
 // Those who asked to be told. It owns none of them, and being listed allocates nothing. Those who
 // ask while others are being told are told the next time, so that telling always ends.
-class EndOfTurnLists {
+class EndOfTurnHooks {
  public:
-  EndOfTurnLists();
-  EndOfTurnLists(const EndOfTurnLists&) = delete;
-  EndOfTurnLists& operator=(const EndOfTurnLists&) = delete;
+  EndOfTurnHooks();
+  EndOfTurnHooks(const EndOfTurnHooks&) = delete;
+  EndOfTurnHooks& operator=(const EndOfTurnHooks&) = delete;
   // Forgets those who are listed.
-  ~EndOfTurnLists();
+  ~EndOfTurnHooks();
 
   // Adding one twice is the same as once; urgent wins.
-  void add(EndOfTurn& hook, EndOfTurn::Urgency urgency);
+  void add(EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency);
   // Whether nobody is to be told the next time.
   bool empty() const;
   // Tells the urgent ones, then the others, each in the order of the adding. Returns whether there
