@@ -177,7 +177,7 @@ void startThreads() {
 
 void preferIoThread() {
   ioReactor().post([] {
-    if (const std::error_code problem = preferThisThread()) {
+    if (const std::error_code problem = raiseThreadPriority()) {
       logger().debug("the I/O thread keeps an ordinary priority: {}", problem.message());
     }
   });

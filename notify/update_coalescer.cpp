@@ -74,7 +74,7 @@ void UpdateCoalescer::add(KLNNotificationHandler& handler, Name name, Dictionary
 
 bool UpdateCoalescer::canJoin(const KLNNotificationHandler& handler, const Name& name,
                               std::size_t bytes) const {
-  return last_ != nullptr && inputQueue_->lastNumber() == numberOfLast_ &&
+  return last_ != nullptr && inputQueue_->lastSequenceNumber() == numberOfLast_ &&
          last_->handler.get() == &handler && last_->bytes + bytes <= xpc::limits::kBatchBytes &&
          last_->name == name && !log.enabled(LogLevel::debug);
 }

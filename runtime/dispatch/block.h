@@ -10,7 +10,7 @@
 namespace keel {
 
 // A piece of work: a movable callable without arguments or result. Callables of up to kInlineBytes
-// are held in place, larger ones on the heap; so queueing an ordinary request allocates nothing.
+// are stored inline, larger ones on the heap, so queueing an ordinary request allocates nothing.
 class Block {
  public:
   static constexpr std::size_t kInlineBytes = 112;
@@ -46,13 +46,13 @@ class Block {
   ~Block() { reset(); }
 
   explicit operator bool() const { return operations_ != nullptr; }
-  // Must hold something.
+  // Must not be empty.
   void operator()() { operations_->invoke(storage_); }
 
  private:
   struct Operations {
     void (*invoke)(void* held);
-    void (*moveTo)(void* held, void* destination) noexcept;  // destroys what it moved from
+    void (*moveTo)(void* held, void* destination) noexcept;  // destroys the source
     void (*destroy)(void* held) noexcept;
   };
 

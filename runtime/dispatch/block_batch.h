@@ -8,13 +8,14 @@
 
 namespace keel {
 
-// Blocks that are run together, in the order in which they were added. It keeps its memory from one
-// run to the next, so that the steady state allocates nothing, but not what a burst made it take.
-// No lock of its own.
+// Blocks that run together, in the order in which they were added. Keeps its memory from one run to
+// the next, so the steady state allocates nothing, but gives back what a burst took. Not
+// synchronised.
 class BlockBatch {
  public:
-  // The room that is kept for the next run; 512 KiB.
+  // Blocks for which memory is kept; 2 MiB.
   static constexpr std::size_t kKeptCount = 16384;
+  static_assert(kKeptCount * sizeof(Block) == std::size_t{2} << 20);
 
   void add(Block&& block) { blocks_.push_back(std::move(block)); }
   bool empty() const { return blocks_.empty(); }
@@ -22,8 +23,8 @@ class BlockBatch {
   void swap(BlockBatch& other) noexcept { blocks_.swap(other.blocks_); }
 
   // Runs each block and destroys it before the next begins: it may hold the last reference to a
-  // connection. Nothing may be added to this batch meanwhile. Leaves the batch empty. A block that
-  // throws ends the process.
+  // connection. Nothing may be added to this batch meanwhile. Leaves the batch empty. An exception
+  // from a block ends the process.
   void run() noexcept;
 
  private:

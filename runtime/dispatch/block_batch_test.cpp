@@ -38,7 +38,7 @@ TEST(BlockBatch, KeepsItsMemoryUpToTheLimit) {
   EXPECT_EQ(batch.capacity(), BlockBatch::kKeptCount);
 }
 
-TEST(BlockBatch, GivesMemoryBackBeyondTheLimit) {
+TEST(BlockBatch, ReleasesItsMemoryBeyondTheLimit) {
   BlockBatch batch;
   addEmptyBlocks(batch, BlockBatch::kKeptCount + 1);
   batch.run();

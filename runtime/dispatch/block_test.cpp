@@ -12,7 +12,7 @@
 namespace keel {
 namespace {
 
-// Counts how many of its kind exist, and tells where it was when it was called.
+// Counts its living instances and records the address at which it was called.
 template <std::size_t kBytes>
 struct Probe {
   Probe() { ++alive; }
@@ -28,13 +28,13 @@ struct Probe {
 };
 
 template <class Callable>
-bool runsInPlace(Block& block) {
+bool runsInline(Block& block) {
   block();
   const std::less<const void*> before;
   return !before(Callable::calledAt, &block) && before(Callable::calledAt, &block + 1);
 }
 
-// Its move might throw, and counts.
+// Has a move constructor that may throw, and counts moves.
 struct Reluctant {
   explicit Reluctant(int& count) : moveCount(count) {}
   Reluctant(Reluctant&& other) noexcept(false) : moveCount(other.moveCount) { ++moveCount; }
@@ -42,11 +42,11 @@ struct Reluctant {
   int& moveCount;
 };
 
-TEST(Block, HoldsNothingAtFirst) {
+TEST(Block, IsEmptyByDefault) {
   EXPECT_FALSE(Block());
 }
 
-TEST(Block, RunsWhatItHoldsEachTime) {
+TEST(Block, RunsItsCallableOnEachCall) {
   int count = 0;
   Block block([&count] { ++count; });
   ASSERT_TRUE(block);
@@ -55,7 +55,7 @@ TEST(Block, RunsWhatItHoldsEachTime) {
   EXPECT_EQ(count, 2);
 }
 
-TEST(Block, TakesMoveOnlyCallables) {
+TEST(Block, AcceptsMoveOnlyCallables) {
   int seen = 0;
   Block block([&seen, number = std::make_unique<int>(7)] { seen = *number; });
   Block moved(std::move(block));
@@ -63,7 +63,7 @@ TEST(Block, TakesMoveOnlyCallables) {
   EXPECT_EQ(seen, 7);
 }
 
-TEST(Block, CopiesACallableThatIsKept) {
+TEST(Block, CopiesAnLvalueCallable) {
   int count = 0;
   const auto callable = [&count] { ++count; };
   Block block(callable);
@@ -72,18 +72,18 @@ TEST(Block, CopiesACallableThatIsKept) {
   EXPECT_EQ(count, 2);
 }
 
-TEST(Block, HoldsTheInlineSizeInPlace) {
+TEST(Block, StoresACallableOfTheInlineSizeInline) {
   static_assert(sizeof(Probe<Block::kInlineBytes>) == Block::kInlineBytes);
   Block block{Probe<Block::kInlineBytes>()};
-  EXPECT_TRUE(runsInPlace<Probe<Block::kInlineBytes>>(block));
+  EXPECT_TRUE(runsInline<Probe<Block::kInlineBytes>>(block));
 }
 
-TEST(Block, HoldsOneByteMoreOnTheHeap) {
+TEST(Block, StoresALargerCallableOnTheHeap) {
   Block block{Probe<Block::kInlineBytes + 1>()};
-  EXPECT_FALSE(runsInPlace<Probe<Block::kInlineBytes + 1>>(block));
+  EXPECT_FALSE(runsInline<Probe<Block::kInlineBytes + 1>>(block));
 }
 
-TEST(Block, NeverMovesWhatMightThrowWhenMoved) {
+TEST(Block, NeverMovesACallableWhoseMoveMayThrow) {
   int moveCount = 0;
   Block block{Reluctant(moveCount)};
   const int once = moveCount;
@@ -108,22 +108,22 @@ void destroysExactlyOnce() {
   EXPECT_EQ(Callable::alive, 0);
 }
 
-TEST(Block, DestroysExactlyOnceWhatItHoldsInPlace) {
+TEST(Block, DestroysAnInlineCallableExactlyOnce) {
   destroysExactlyOnce<Probe<24>>();
 }
 
-TEST(Block, DestroysExactlyOnceWhatItHoldsOnTheHeap) {
+TEST(Block, DestroysAHeapCallableExactlyOnce) {
   destroysExactlyOnce<Probe<2000>>();
 }
 
 TEST(Block, IsEmptyAfterBeingMovedFrom) {
   Block block([] {});
   const Block moved(std::move(block));
-  EXPECT_FALSE(block);  // NOLINT(bugprone-use-after-move): that is the question
+  EXPECT_FALSE(block);  // NOLINT(bugprone-use-after-move): that is what is tested
   EXPECT_TRUE(moved);
 }
 
-TEST(Block, AssignmentDestroysWhatWasHeld) {
+TEST(Block, AssignmentDestroysTheOldCallable) {
   Block block{Probe<24>()};
   block = Block([] {});
   EXPECT_EQ(Probe<24>::alive, 0);

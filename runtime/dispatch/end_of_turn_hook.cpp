@@ -27,7 +27,7 @@ EndOfTurnHooks::~EndOfTurnHooks() {
 void EndOfTurnHooks::add(EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency) {
   EndOfTurnLink& link = hook;
   if (link.listed()) {
-    // One that is about to be told stays where it is: moving it would put it off.
+    // A hook of the round that is running stays there: moving it would delay it.
     if (urgency == EndOfTurnHook::Urgency::normal || link.urgency_ == urgency ||
         link.round_ != collecting_)
       return;
@@ -48,12 +48,12 @@ bool EndOfTurnHooks::empty() const {
   return round.urgent.next_ == &round.urgent && round.normal.next_ == &round.normal;
 }
 
-bool EndOfTurnHooks::tell() {
+bool EndOfTurnHooks::run() {
   Round& round = rounds_[collecting_];
   collecting_ ^= 1;
-  const bool toldUrgent = tellAll(round.urgent);
-  const bool toldNormal = tellAll(round.normal);
-  return toldUrgent || toldNormal;
+  const bool ranUrgent = runAll(round.urgent);
+  const bool ranNormal = runAll(round.normal);
+  return ranUrgent || ranNormal;
 }
 
 void EndOfTurnHooks::append(EndOfTurnLink& sentinel, EndOfTurnLink& hook) {
@@ -63,15 +63,15 @@ void EndOfTurnHooks::append(EndOfTurnLink& sentinel, EndOfTurnLink& hook) {
   sentinel.previous_ = &hook;
 }
 
-bool EndOfTurnHooks::tellAll(EndOfTurnLink& sentinel) {
-  bool told = false;
+bool EndOfTurnHooks::runAll(EndOfTurnLink& sentinel) {
+  bool ran = false;
   while (sentinel.next_ != &sentinel) {
     EndOfTurnHook& hook = static_cast<EndOfTurnHook&>(*sentinel.next_);
     sentinel.next_->cancelEndOfTurn();
     hook.onEndOfTurn();
-    told = true;
+    ran = true;
   }
-  return told;
+  return ran;
 }
 
 }  // namespace keel

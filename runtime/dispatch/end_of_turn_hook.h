@@ -7,10 +7,10 @@ namespace keel {
 
 class EndOfTurnHooks;
 
-// A place in one of the lists of EndOfTurnHooks, or in none.
+// A link of one of the lists of EndOfTurnHooks, or of none.
 class EndOfTurnLink {
  public:
-  // Urgent ones are told first: an answer goes out before the fan-out it caused.
+  // Urgent hooks run first: an answer goes out before the fan-out it caused.
   enum class Urgency : std::uint8_t { normal, urgent };
 
   EndOfTurnLink() = default;
@@ -28,37 +28,37 @@ class EndOfTurnLink {
   EndOfTurnLink* previous_ = nullptr;
   EndOfTurnLink* next_ = nullptr;
   Urgency urgency_ = Urgency::normal;
-  std::uint8_t round_ = 0;  // of EndOfTurnHooks
+  std::uint8_t round_ = 0;  // index into EndOfTurnHooks::rounds_
 };
 
-// Something to be told once when the current turn of the reactor ends: a connection that has bytes
-// to write. Destroying it, or calling cancelEndOfTurn(), takes it off the list.
+// Work to be done once at the end of the current turn of the reactor, such as flushing a
+// connection. Destroying the hook, or calling cancelEndOfTurn(), takes it off the list.
 class EndOfTurnHook : public EndOfTurnLink {
  public:
-  // May ask again, destroy itself and others, and take others off the list.
+  // May register itself again, destroy itself and others, and cancel others.
   virtual void onEndOfTurn() = 0;
 
  protected:
   ~EndOfTurnHook() = default;
 };
 
-// Those who asked to be told. It owns none of them, and being listed allocates nothing. Those who
-// ask while others are being told are told the next time, so that telling always ends.
+// The hooks of the current turn. Owns none of them; registering allocates nothing. A hook
+// registered while hooks run is left for the next run, so a run always ends.
 class EndOfTurnHooks {
  public:
   EndOfTurnHooks();
   EndOfTurnHooks(const EndOfTurnHooks&) = delete;
   EndOfTurnHooks& operator=(const EndOfTurnHooks&) = delete;
-  // Forgets those who are listed.
+  // Takes all hooks off.
   ~EndOfTurnHooks();
 
-  // Adding one twice is the same as once; urgent wins.
+  // Adding a hook twice has no further effect, except that urgent wins over normal.
   void add(EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency);
-  // Whether nobody is to be told the next time.
+  // Returns true if the next run has nothing to do.
   bool empty() const;
-  // Tells the urgent ones, then the others, each in the order of the adding. Returns whether there
-  // were any.
-  bool tell();
+  // Runs the urgent hooks, then the others, each in the order in which they were added. Returns
+  // false if there were none.
+  bool run();
 
  private:
   // Both ends of a circular list.
@@ -69,9 +69,9 @@ class EndOfTurnHooks {
   };
 
   static void append(EndOfTurnLink& sentinel, EndOfTurnLink& hook);
-  static bool tellAll(EndOfTurnLink& sentinel);
+  static bool runAll(EndOfTurnLink& sentinel);
 
-  // One round collects while the other is being told.
+  // One round collects hooks while the other runs.
   Round rounds_[2];
   std::uint8_t collecting_ = 0;
 };

@@ -18,9 +18,9 @@ using enum EndOfTurnHook::Urgency;
 
 class Hook final : public EndOfTurnHook {
  public:
-  Hook(std::string name, std::vector<std::string>& told) : name_(std::move(name)), told_(told) {}
+  Hook(std::string name, std::vector<std::string>& ran) : name_(std::move(name)), ran_(ran) {}
   void onEndOfTurn() override {
-    told_.push_back(name_);
+    ran_.push_back(name_);
     if (action) action();
   }
   using EndOfTurnHook::cancelEndOfTurn;
@@ -29,149 +29,149 @@ class Hook final : public EndOfTurnHook {
 
  private:
   const std::string name_;
-  std::vector<std::string>& told_;
+  std::vector<std::string>& ran_;
 };
 
-class EndOfTurnTest : public testing::Test {
+class EndOfTurnHooksTest : public testing::Test {
  protected:
-  std::vector<std::string> told_;
-  EndOfTurnHooks lists_;
-  Hook a_{"a", told_};
-  Hook b_{"b", told_};
-  Hook c_{"c", told_};
+  std::vector<std::string> ran_;
+  EndOfTurnHooks hooks_;
+  Hook a_{"a", ran_};
+  Hook b_{"b", ran_};
+  Hook c_{"c", ran_};
 };
 
-TEST_F(EndOfTurnTest, TellsInTheOrderOfTheAdding) {
-  lists_.add(a_, normal);
-  lists_.add(b_, normal);
-  lists_.add(c_, normal);
-  EXPECT_TRUE(lists_.tell());
-  EXPECT_THAT(told_, ElementsAre("a", "b", "c"));
+TEST_F(EndOfTurnHooksTest, RunsHooksInTheOrderOfRegistration) {
+  hooks_.add(a_, normal);
+  hooks_.add(b_, normal);
+  hooks_.add(c_, normal);
+  EXPECT_TRUE(hooks_.run());
+  EXPECT_THAT(ran_, ElementsAre("a", "b", "c"));
 }
 
-TEST_F(EndOfTurnTest, TellsUrgentOnesFirst) {
-  lists_.add(a_, normal);
-  lists_.add(b_, urgent);
-  lists_.add(c_, urgent);
-  lists_.tell();
-  EXPECT_THAT(told_, ElementsAre("b", "c", "a"));
+TEST_F(EndOfTurnHooksTest, RunsUrgentHooksFirst) {
+  hooks_.add(a_, normal);
+  hooks_.add(b_, urgent);
+  hooks_.add(c_, urgent);
+  hooks_.run();
+  EXPECT_THAT(ran_, ElementsAre("b", "c", "a"));
 }
 
-TEST_F(EndOfTurnTest, TellsOnceHoweverOftenAsked) {
-  lists_.add(a_, normal);
-  lists_.add(a_, normal);
-  EXPECT_TRUE(lists_.tell());
-  EXPECT_FALSE(lists_.tell());
-  EXPECT_THAT(told_, ElementsAre("a"));
+TEST_F(EndOfTurnHooksTest, RunsAHookOnceHoweverOftenItIsAdded) {
+  hooks_.add(a_, normal);
+  hooks_.add(a_, normal);
+  EXPECT_TRUE(hooks_.run());
+  EXPECT_FALSE(hooks_.run());
+  EXPECT_THAT(ran_, ElementsAre("a"));
 }
 
-TEST_F(EndOfTurnTest, UrgentWinsOverNormalInEitherOrder) {
-  lists_.add(a_, normal);
-  lists_.add(b_, normal);
-  lists_.add(b_, urgent);
-  lists_.add(c_, urgent);
-  lists_.add(c_, normal);
-  lists_.tell();
-  EXPECT_THAT(told_, ElementsAre("b", "c", "a"));
+TEST_F(EndOfTurnHooksTest, UrgentWinsOverNormalInEitherOrder) {
+  hooks_.add(a_, normal);
+  hooks_.add(b_, normal);
+  hooks_.add(b_, urgent);
+  hooks_.add(c_, urgent);
+  hooks_.add(c_, normal);
+  hooks_.run();
+  EXPECT_THAT(ran_, ElementsAre("b", "c", "a"));
 }
 
-TEST_F(EndOfTurnTest, TellsNobodyWhoCancelled) {
-  lists_.add(a_, normal);
-  lists_.add(b_, normal);
-  lists_.add(c_, normal);
+TEST_F(EndOfTurnHooksTest, DoesNotRunACancelledHook) {
+  hooks_.add(a_, normal);
+  hooks_.add(b_, normal);
+  hooks_.add(c_, normal);
   b_.cancelEndOfTurn();
   b_.cancelEndOfTurn();
-  lists_.tell();
-  EXPECT_THAT(told_, ElementsAre("a", "c"));
-  lists_.add(b_, normal);
-  lists_.tell();
-  EXPECT_THAT(told_, ElementsAre("a", "c", "b"));
+  hooks_.run();
+  EXPECT_THAT(ran_, ElementsAre("a", "c"));
+  hooks_.add(b_, normal);
+  hooks_.run();
+  EXPECT_THAT(ran_, ElementsAre("a", "c", "b"));
 }
 
-TEST_F(EndOfTurnTest, ForgetsADestroyedHook) {
+TEST_F(EndOfTurnHooksTest, DoesNotRunADestroyedHook) {
   std::optional<Hook> gone;
-  gone.emplace("gone", told_);
-  lists_.add(a_, normal);
-  lists_.add(*gone, normal);
+  gone.emplace("gone", ran_);
+  hooks_.add(a_, normal);
+  hooks_.add(*gone, normal);
   gone.reset();
-  EXPECT_TRUE(lists_.tell());
-  EXPECT_THAT(told_, ElementsAre("a"));
-  gone.emplace("gone", told_);
-  lists_.add(*gone, urgent);
+  EXPECT_TRUE(hooks_.run());
+  EXPECT_THAT(ran_, ElementsAre("a"));
+  gone.emplace("gone", ran_);
+  hooks_.add(*gone, urgent);
   gone.reset();
-  EXPECT_TRUE(lists_.empty());
+  EXPECT_TRUE(hooks_.empty());
 }
 
-TEST_F(EndOfTurnTest, AHookMayDestroyItselfAndOneThatIsToBeTold) {
+TEST_F(EndOfTurnHooksTest, AHookMayDestroyItselfAndAnotherPendingHook) {
   std::optional<Hook> self;
-  self.emplace("self", told_);
+  self.emplace("self", ran_);
   std::optional<Hook> other;
-  other.emplace("other", told_);
+  other.emplace("other", ran_);
   // The action is destroyed with its hook while it runs, so it is kept here.
   const auto destroyBoth = [&self, &other] {
     other.reset();
     self.reset();
   };
   self->action = std::ref(destroyBoth);
-  lists_.add(*self, normal);
-  lists_.add(*other, normal);
-  lists_.add(a_, normal);
-  lists_.tell();
-  EXPECT_THAT(told_, ElementsAre("self", "a"));
+  hooks_.add(*self, normal);
+  hooks_.add(*other, normal);
+  hooks_.add(a_, normal);
+  hooks_.run();
+  EXPECT_THAT(ran_, ElementsAre("self", "a"));
 }
 
-TEST_F(EndOfTurnTest, AHookThatAsksWhileBeingToldIsToldTheNextTime) {
-  a_.action = [this] { lists_.add(a_, normal); };
-  lists_.add(a_, normal);
-  EXPECT_FALSE(lists_.empty());
-  lists_.tell();
-  EXPECT_THAT(told_, ElementsAre("a"));
-  EXPECT_FALSE(lists_.empty());
-  lists_.tell();
-  EXPECT_THAT(told_, ElementsAre("a", "a"));
+TEST_F(EndOfTurnHooksTest, AHookAddedWhileItRunsIsLeftForTheNextRun) {
+  a_.action = [this] { hooks_.add(a_, normal); };
+  hooks_.add(a_, normal);
+  EXPECT_FALSE(hooks_.empty());
+  hooks_.run();
+  EXPECT_THAT(ran_, ElementsAre("a"));
+  EXPECT_FALSE(hooks_.empty());
+  hooks_.run();
+  EXPECT_THAT(ran_, ElementsAre("a", "a"));
 }
 
-TEST_F(EndOfTurnTest, AnUrgentHookThatAsksForAnotherHasItToldTheNextTime) {
-  a_.action = [this] { lists_.add(b_, normal); };
-  lists_.add(a_, urgent);
-  lists_.tell();
-  EXPECT_THAT(told_, ElementsAre("a"));
-  lists_.tell();
-  EXPECT_THAT(told_, ElementsAre("a", "b"));
+TEST_F(EndOfTurnHooksTest, AHookAddedByAnUrgentHookIsLeftForTheNextRun) {
+  a_.action = [this] { hooks_.add(b_, normal); };
+  hooks_.add(a_, urgent);
+  hooks_.run();
+  EXPECT_THAT(ran_, ElementsAre("a"));
+  hooks_.run();
+  EXPECT_THAT(ran_, ElementsAre("a", "b"));
 }
 
-TEST_F(EndOfTurnTest, OneThatIsAboutToBeToldIsNotPutOffByBecomingUrgent) {
-  a_.action = [this] { lists_.add(b_, urgent); };
-  lists_.add(a_, urgent);
-  lists_.add(b_, normal);
-  lists_.tell();
-  EXPECT_THAT(told_, ElementsAre("a", "b"));
-  EXPECT_TRUE(lists_.empty());
+TEST_F(EndOfTurnHooksTest, BecomingUrgentDoesNotDelayAHookOfTheCurrentRun) {
+  a_.action = [this] { hooks_.add(b_, urgent); };
+  hooks_.add(a_, urgent);
+  hooks_.add(b_, normal);
+  hooks_.run();
+  EXPECT_THAT(ran_, ElementsAre("a", "b"));
+  EXPECT_TRUE(hooks_.empty());
 }
 
-TEST_F(EndOfTurnTest, OneThatAsksForTheNextTimeMayBecomeUrgentForIt) {
+TEST_F(EndOfTurnHooksTest, AHookOfTheNextRunMayBecomeUrgent) {
   a_.action = [this] {
-    lists_.add(b_, normal);
-    lists_.add(a_, normal);
-    lists_.add(a_, urgent);
+    hooks_.add(b_, normal);
+    hooks_.add(a_, normal);
+    hooks_.add(a_, urgent);
   };
-  lists_.add(a_, normal);
-  lists_.tell();
+  hooks_.add(a_, normal);
+  hooks_.run();
   a_.action = nullptr;
-  lists_.tell();
-  EXPECT_THAT(told_, ElementsAre("a", "a", "b"));
+  hooks_.run();
+  EXPECT_THAT(ran_, ElementsAre("a", "a", "b"));
 }
 
-TEST_F(EndOfTurnTest, DestroyedListsLeaveTheirHooksFreeForOthers) {
+TEST_F(EndOfTurnHooksTest, HooksMayBeAddedElsewhereOnceTheirOwnerIsDestroyed) {
   {
-    EndOfTurnHooks others;
-    others.add(a_, normal);
-    others.add(b_, urgent);
+    EndOfTurnHooks destroyed;
+    destroyed.add(a_, normal);
+    destroyed.add(b_, urgent);
   }
-  lists_.add(a_, normal);
-  lists_.add(b_, normal);
-  lists_.tell();
-  EXPECT_THAT(told_, ElementsAre("a", "b"));
+  hooks_.add(a_, normal);
+  hooks_.add(b_, normal);
+  hooks_.run();
+  EXPECT_THAT(ran_, ElementsAre("a", "b"));
 }
 
 }  // namespace

@@ -13,7 +13,7 @@ ManualExecutor::~ManualExecutor() {
 
 bool ManualExecutor::runOne() {
   if (scheduled_.empty()) return false;
-  takeFirst()->runTurn();
+  takeFirst()->runBatch();
   return true;
 }
 

@@ -9,12 +9,12 @@
 
 namespace keel {
 
-// An executor that runs a turn only when told: for tests, which thereby decide the order of
-// everything. One thread only.
+// An executor that runs a batch only when it is called to: for tests, which thereby decide the
+// order of everything. One thread only.
 class ManualExecutor final : public Executor {
  public:
   ManualExecutor() = default;
-  // Drops the turns that nobody ran.
+  // Abandons the queues that did not run.
   ~ManualExecutor() override;
   ManualExecutor(const ManualExecutor&) = delete;
   ManualExecutor& operator=(const ManualExecutor&) = delete;
@@ -24,9 +24,9 @@ class ManualExecutor final : public Executor {
   }
 
   std::size_t scheduledCount() const { return scheduled_.size(); }
-  // Runs the turn that was scheduled first. False when there is none.
+  // Runs the batch that was scheduled first. Returns false when there is none.
   bool runOne();
-  // Runs turns until none is scheduled.
+  // Runs batches until none is scheduled.
   void runAll();
 
  private:

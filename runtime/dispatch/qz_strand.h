@@ -7,7 +7,7 @@
 
 namespace keel {
 
-// A serial execution context to derive from: its blocks run one at a time, in the order of their
+// A serial execution context to derive from: its blocks run one at a time, in the order of
 // submission.
 class QZStrand {
  public:
@@ -19,8 +19,8 @@ class QZStrand {
   QZStrand& operator=(const QZStrand&) = delete;
   virtual ~QZStrand() = default;
 
-  // Submits `block` and returns at once. The block must hold strongly what it uses, the strand's
-  // owner included.
+  // Submits `block` and returns immediately. The block must hold strongly what it uses, the
+  // strand's owner included.
   void continueWithBlock(Block block) { queue_->async(std::move(block)); }
 
  private:

@@ -28,7 +28,7 @@ class Ledger final : public QZStrand, public std::enable_shared_from_this<Ledger
   std::vector<int> entries;  // on the strand
 };
 
-TEST(QZStrand, RunsBlocksInTheOrderOfSubmissionAfterItReturned) {
+TEST(QZStrand, RunsBlocksInOrderAndNotWithinTheCall) {
   ManualExecutor executor;
   const auto ledger = std::make_shared<Ledger>(executor);
   ledger->add(1);
@@ -38,7 +38,7 @@ TEST(QZStrand, RunsBlocksInTheOrderOfSubmissionAfterItReturned) {
   EXPECT_THAT(ledger->entries, ElementsAre(1, 2));
 }
 
-TEST(QZStrand, RunsWhatABlockSubmitsAfterThatBlock) {
+TEST(QZStrand, RunsABlockSubmittedByABlockAfterThatBlock) {
   ManualExecutor executor;
   const auto ledger = std::make_shared<Ledger>(executor);
   ledger->continueWithBlock([ledger] {
@@ -60,7 +60,7 @@ TEST(QZStrand, StrandsAreIndependentOfEachOther) {
   EXPECT_THAT(second->entries, ElementsAre());
 }
 
-TEST(QZStrand, RunsBlocksThatOutliveTheirSubmitter) {
+TEST(QZStrand, BlocksKeepTheStrandAliveUntilTheyRan) {
   ManualExecutor executor;
   auto ledger = std::make_shared<Ledger>(executor);
   const std::weak_ptr<Ledger> released = ledger;

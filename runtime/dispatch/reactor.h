@@ -22,22 +22,22 @@
 
 namespace keel {
 
-// The event loop of the I/O thread: sockets through epoll(7), serial queues, timers. One turn is:
-// wait for events, tell the watchers, run the queues that have work, then tell everybody who asked
-// for the end of the turn. An idle daemon thus answers at once, and a busy one coalesces its writes
-// by itself.
+// The event loop of the I/O thread: sockets through epoll(7), serial queues, timers. One turn waits
+// for events, dispatches them to watchers, runs due timers and the queues that have work, then runs
+// the end-of-turn hooks. An idle daemon thus answers immediately, and a busy one coalesces its
+// writes without a timer.
 //
-// Except for schedule(), post() and stop(), everything is called on the thread that runs the
-// reactor, or before it runs.
+// schedule(), post(), stop() and isCurrent() may be called from any thread; everything else belongs
+// on the thread that runs the reactor, or happens before it runs.
 class Reactor final : public Executor {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Whoever wants to hear of a descriptor's readiness. Never owned by the reactor.
+  // Receives readiness events of a descriptor. Never owned by the reactor.
   class Watcher {
    public:
-    // `events` as epoll_wait(2) gives them: what is watched for, and EPOLLERR and EPOLLHUP in any
-    // case. The watcher may unwatch and destroy itself, and others, in here.
+    // `events` as epoll_wait(2) returns them: those watched for, and EPOLLERR and EPOLLHUP in any
+    // case. The watcher may unwatch and destroy itself and others in here.
     virtual void onReady(std::uint32_t events) = 0;
 
    protected:
@@ -46,84 +46,83 @@ class Reactor final : public Executor {
 
   using TimerId = TimerList::Id;  // never 0
 
-  // Tests pass a clock that they move by hand.
+  // Tests pass a clock that they advance by hand.
   explicit Reactor(std::function<Clock::time_point()> now = &Clock::now);
-  // Drops the blocks, turns and timers that did not run. Nobody runs it any more.
+  // Destroys blocks, queues and timers that did not run. The reactor must not be running.
   ~Reactor() override;
   Reactor(const Reactor&) = delete;
   Reactor& operator=(const Reactor&) = delete;
 
-  // Level-triggered. `descriptor` is borrowed, and watched by one watcher only; unwatch it before
-  // closing it. A watcher of several descriptors is told of each, but not of which: use one per
+  // Level-triggered. `descriptor` is borrowed and has one watcher at a time; unwatch it before
+  // closing it. A watcher of several descriptors cannot tell their events apart: use one per
   // descriptor where that matters.
   void watch(int descriptor, std::uint32_t events, Watcher& watcher);
-  // Changes what `watcher` is told of.
+  // Changes the events that `watcher` receives.
   void rewatch(int descriptor, std::uint32_t events, Watcher& watcher);
-  // Afterwards `watcher` hears nothing more of this descriptor, not even of events of the current
+  // Afterwards `watcher` receives no event of this descriptor, not even one already fetched in this
   // turn.
   void unwatch(int descriptor, Watcher& watcher);
 
   // Runs `block` once on the reactor's thread, after `delay`.
   TimerId after(Clock::duration delay, Block block);
-  // Does nothing for a timer that has run or was cancelled.
+  // Has no effect on a timer that has run or was cancelled.
   void cancel(TimerId timer);
 
-  // Tells `hook` once when this turn ends. Asking twice is the same as once; urgent wins. Asked
-  // while the end of a turn is being told, it is told at the end of the next, which then does not
-  // wait.
+  // Runs `hook` once at the end of this turn. Idempotent, except that urgent wins over normal. A
+  // hook registered while hooks run is left for the end of the next turn, which then does not wait.
   void atEndOfTurn(EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency);
 
   void schedule(std::shared_ptr<SerialQueue> queue) override;
   // Runs `block` on the reactor's thread, in the order of the calls, never from within this call.
   // From any thread.
   void post(Block block);
-  // True on the thread that runs the reactor (or, when nobody runs it yet, on none).
+  // Returns true on the thread that runs the reactor or last called turn().
   bool isCurrent() const {
     return thread_.load(std::memory_order_relaxed) == std::this_thread::get_id();
   }
 
-  // Runs turns until stop(); not at all when stop() was called since the last run.
+  // Runs turns until stop(); returns immediately if stop() was called since the last run.
   void run();
   // From any thread.
   void stop();
-  // How many bytes a watcher should read from its descriptor in one turn, at most. More while there
-  // is more to read and turns are short; when they take long, somebody asks for much with few
-  // bytes, and everybody else waits until it is done.
-  std::size_t fairReadBytes() const { return fairReadBytes_; }
-  // A watcher read that much, and there may be more. To be said before it does anything with what
-  // it read.
-  void noteFullRead() {
-    if (!firstFullRead_) firstFullRead_ = now_();
+  // Upper bound of the bytes that a watcher should read from its descriptor in one turn. Doubles
+  // after a short turn in which a watcher exhausted it, halves after any other turn: in a long one
+  // few bytes asked for much work, and all other peers waited for it.
+  std::size_t readBudgetBytes() const { return readBudgetBytes_; }
+  // Notes that a watcher read its whole budget, so more may be waiting. Call it before processing
+  // what was read: the time from here to the end of the turn decides.
+  void noteReadBudgetExhausted() {
+    if (!budgetExhaustedAt_) budgetExhaustedAt_ = now_();
   }
-  static constexpr std::size_t kMostReadBytes = 256u << 10;
-  // A hundred small messages. With more, a client that has sent many would wait for the first
-  // answers longer than it needs to. With fewer there would be more system calls: what a turn
-  // writes to a crowd of subscribers costs one for each of them, however little was read.
-  static constexpr std::size_t kLeastReadBytes = 16u << 10;
-  // What was done with a full read, and after it in the same turn, must not take longer if more is
-  // to be read. Nobody notices so short a wait.
+  static constexpr std::size_t kMaximumReadBudgetBytes = 256u << 10;
+  // A hundred small messages. A larger minimum would delay the first answers to a client that has
+  // sent many. A smaller one would cost system calls: a turn flushes once per subscriber, however
+  // little was read.
+  static constexpr std::size_t kMinimumReadBudgetBytes = 16u << 10;
+  // The budget grows only if processing a full read, and the rest of that turn, took no longer: a
+  // delay that nobody notices.
   static constexpr std::chrono::milliseconds kLongTurn{2};
 
-  // One turn by hand, on the calling thread, which becomes the reactor's. `wait` says whether to
-  // wait for something to do. Returns whether anything was done.
+  // Runs one turn on the calling thread, which becomes the reactor's. `wait`: blocks until there is
+  // something to do. Returns true if anything was done.
   bool turn(bool wait);
 
  private:
   struct Registration {
     Watcher* watcher = nullptr;
     std::uint32_t events = 0;
-    std::uint32_t generation = 0;  // of this descriptor number: how many watchers it had before
+    std::uint32_t generation = 0;  // how many watchers this descriptor number had before
   };
 
   Registration& registrationOf(int descriptor, const Watcher& watcher);
   void control(int operation, int descriptor, const Registration& registration);
 
-  // The parts of a turn.
+  // The phases of a turn.
   int prepareToWait();
-  bool tellWatchers(int timeoutMilliseconds);
+  bool dispatchEvents(int timeoutMilliseconds);
   bool runDueTimers();
   bool runBlocks();
-  void adaptReadBytes();
+  void adaptReadBudget();
 
   void collectArrivals();
   void wakeUp();
@@ -134,21 +133,21 @@ class Reactor final : public Executor {
   std::atomic<std::thread::id> thread_{};
   std::atomic<bool> stopped_{false};
 
-  std::size_t fairReadBytes_ = kLeastReadBytes;
-  std::optional<Clock::time_point> firstFullRead_;  // of this turn
-  std::vector<Registration> registrations_;         // by descriptor
+  std::size_t readBudgetBytes_ = kMinimumReadBudgetBytes;
+  std::optional<Clock::time_point> budgetExhaustedAt_;  // first time in this turn
+  std::vector<Registration> registrations_;             // by descriptor
   TimerList timers_;
-  EndOfTurnHooks endOfTurn_;
-  std::vector<std::shared_ptr<SerialQueue>> ready_;  // have a turn to run
-  std::vector<std::shared_ptr<SerialQueue>> turns_;  // of the current round
-  BlockBatch posts_;                                 // of the current round
+  EndOfTurnHooks endOfTurnHooks_;
+  std::vector<std::shared_ptr<SerialQueue>> ready_;    // queues with a batch to run
+  std::vector<std::shared_ptr<SerialQueue>> running_;  // queues of the current round
+  BlockBatch posts_;                                   // of the current round
 
-  // What arrives from other threads, and all that is posted.
+  // Submissions of other threads, and all posts.
   std::mutex mutex_;
   BlockBatch arrivedPosts_;                                  // under mutex_
   std::vector<std::shared_ptr<SerialQueue>> arrivedQueues_;  // under mutex_
-  std::atomic<bool> arrived_{false};  // changed under mutex_: one of the two is not empty
-  std::atomic<bool> asleep_{false};   // set under mutex_: an arrival must wake the thread up
+  std::atomic<bool> arrived_{false};  // either is not empty; changed under mutex_
+  std::atomic<bool> asleep_{false};   // an arrival must wake the thread; set under mutex_
 };
 
 }  // namespace keel

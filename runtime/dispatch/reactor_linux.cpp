@@ -1,20 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How the reactor keeps its promises:
+// How the reactor keeps its promises.
 //
-// Stale events. epoll_wait(2) hands out up to kEventsPerTurn events at once, and the first watcher
-// that is told may unwatch and close the descriptor of another, whose number the next accept(2)
-// gives to a third. Each event therefore carries the descriptor's number and its generation, which
-// unwatch() changes; an event of an earlier generation is passed over.
+// Stale events. epoll_wait(2) returns up to kEventsPerTurn events at once, and the first watcher
+// may unwatch and close the descriptor of another, whose number the next accept(2) reuses. Each
+// event therefore carries the descriptor's number and its generation, which unwatch() increments;
+// an event of an earlier generation is skipped.
 //
-// Waking up. The thread says under the lock that it is going to sleep, after it found that nothing
-// has arrived. Whoever adds an arrival then writes to the eventfd, the first one only; while the
-// thread is awake nobody writes anything. The eventfd is watched edge-triggered, which reports
-// every write anew, so it never needs to be read.
+// Waking up. Under the lock, the thread marks itself asleep after it found no arrivals. The first
+// arrival after that writes to the eventfd; while the thread is awake nobody writes anything. The
+// eventfd is watched edge-triggered, which reports every write anew, so it never needs to be read.
 //
-// Starvation. What arrives from this thread's own blocks is run in further rounds of the same turn,
-// so that one write per connection carries the outcome; after kRoundsPerTurn rounds the turn ends
-// nevertheless, and sockets and timers get theirs.
+// Starvation. What arrives from this thread's own blocks runs in further rounds of the same turn,
+// so that one write per connection carries the outcome. After kRoundsPerTurn rounds the turn ends
+// all the same, and sockets and timers are served.
 #include "runtime/dispatch/reactor.h"
 
 #include <sys/eventfd.h>
@@ -37,7 +36,7 @@ namespace {
 constexpr int kEventsPerTurn = 256;
 constexpr int kRoundsPerTurn = 16;
 
-// What the eventfd's events carry; no descriptor has this number.
+// Tag of the eventfd's events; no descriptor has this number.
 constexpr std::uint64_t kWakeUp = ~std::uint64_t{0};
 
 }  // namespace
@@ -56,9 +55,9 @@ Reactor::~Reactor() {
   while (arrived_.load() || !ready_.empty() || !timers_.empty()) {
     collectArrivals();
     BlockBatch().swap(posts_);
-    turns_.swap(ready_);
-    for (auto& queue : turns_) std::exchange(queue, nullptr)->abandon();
-    turns_.clear();
+    running_.swap(ready_);
+    for (auto& queue : running_) std::exchange(queue, nullptr)->abandon();
+    running_.clear();
     timers_.clear();
   }
 }
@@ -110,7 +109,7 @@ void Reactor::cancel(TimerId timer) {
 }
 
 void Reactor::atEndOfTurn(EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency) {
-  endOfTurn_.add(hook, urgency);
+  endOfTurnHooks_.add(hook, urgency);
 }
 
 void Reactor::schedule(std::shared_ptr<SerialQueue> queue) {
@@ -148,23 +147,23 @@ void Reactor::wakeUp() {
 void Reactor::run() {
   while (!stopped_.load(std::memory_order_relaxed)) turn(/*wait=*/true);
   stopped_.store(false);
-  // The number of a thread that has ended is given to another one.
+  // Ids of ended threads are reused.
   thread_.store(std::thread::id());
 }
 
 bool Reactor::turn(bool wait) {
   thread_.store(std::this_thread::get_id(), std::memory_order_relaxed);
-  const bool told = tellWatchers(wait ? prepareToWait() : 0);
+  const bool dispatched = dispatchEvents(wait ? prepareToWait() : 0);
   const bool ranTimers = runDueTimers();
   const bool ranBlocks = runBlocks();
-  const bool toldEnd = endOfTurn_.tell();
-  adaptReadBytes();
-  return told || ranTimers || ranBlocks || toldEnd;
+  const bool ranHooks = endOfTurnHooks_.run();
+  adaptReadBudget();
+  return dispatched || ranTimers || ranBlocks || ranHooks;
 }
 
-// The timeout for epoll_wait(2), in milliseconds; -1 means none.
+// Returns the timeout for epoll_wait(2) in milliseconds; -1 for none.
 int Reactor::prepareToWait() {
-  if (!ready_.empty() || !endOfTurn_.empty()) return 0;
+  if (!ready_.empty() || !endOfTurnHooks_.empty()) return 0;
   int timeout = -1;
   if (const auto due = timers_.nextDue()) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(*due - now_()).count();
@@ -178,33 +177,33 @@ int Reactor::prepareToWait() {
   return timeout;
 }
 
-bool Reactor::tellWatchers(int timeoutMilliseconds) {
+bool Reactor::dispatchEvents(int timeoutMilliseconds) {
   std::array<epoll_event, kEventsPerTurn> fetched;
   const int count = epoll_wait(epoll_.get(), fetched.data(), kEventsPerTurn, timeoutMilliseconds);
   asleep_.store(false, std::memory_order_relaxed);
   KEEL_CHECK(count >= 0 || errno == EINTR);
-  bool told = false;
+  bool dispatched = false;
   for (int i = 0; i < count; ++i) {
     const epoll_event event = fetched[static_cast<std::size_t>(i)];
     const std::uint64_t tag = event.data.u64;
     if (tag == kWakeUp) continue;
     const Registration registration = registrations_[static_cast<std::uint32_t>(tag)];
     if (registration.generation != tag >> 32) continue;
-    // A rewatch() of this turn counts too.
+    // A rewatch() earlier in this turn counts.
     const std::uint32_t events = event.events & (registration.events | EPOLLERR | EPOLLHUP);
     if (events == 0) continue;
     registration.watcher->onReady(events);
-    told = true;
+    dispatched = true;
   }
-  return told;
+  return dispatched;
 }
 
-void Reactor::adaptReadBytes() {
-  const auto fullRead = std::exchange(firstFullRead_, std::nullopt);
-  if (fullRead && now_() - *fullRead <= kLongTurn) {
-    fairReadBytes_ = std::min(fairReadBytes_ * 2, kMostReadBytes);
+void Reactor::adaptReadBudget() {
+  const auto exhaustedAt = std::exchange(budgetExhaustedAt_, std::nullopt);
+  if (exhaustedAt && now_() - *exhaustedAt <= kLongTurn) {
+    readBudgetBytes_ = std::min(readBudgetBytes_ * 2, kMaximumReadBudgetBytes);
   } else {
-    fairReadBytes_ = std::max(fairReadBytes_ / 2, kLeastReadBytes);
+    readBudgetBytes_ = std::max(readBudgetBytes_ / 2, kMinimumReadBudgetBytes);
   }
 }
 
@@ -219,13 +218,13 @@ bool Reactor::runBlocks() {
     if (posts_.empty() && ready_.empty()) break;
     ran = true;
     posts_.run();
-    turns_.swap(ready_);
-    for (auto& queue : turns_) {
-      // Released right after its turn.
-      const auto running = std::move(queue);
-      running->runTurn();
+    running_.swap(ready_);
+    for (auto& queue : running_) {
+      // Released right after its batch.
+      const auto current = std::move(queue);
+      current->runBatch();
     }
-    turns_.clear();
+    running_.clear();
   }
   return ran;
 }

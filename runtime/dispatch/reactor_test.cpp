@@ -41,11 +41,11 @@ struct Pipe {
 
 class Recorder final : public Reactor::Watcher {
  public:
-  void onReady(std::uint32_t events) override {
-    told.push_back(events);
+  void onReady(std::uint32_t ready) override {
+    events.push_back(ready);
     if (action) action();
   }
-  std::vector<std::uint32_t> told;
+  std::vector<std::uint32_t> events;
   std::function<void()> action;
 };
 
@@ -61,7 +61,7 @@ class Hook final : public EndOfTurnHook {
 class ReactorTest : public testing::Test {
  protected:
   bool turn() { return reactor_.turn(/*wait=*/false); }
-  // Does not come back when it waits although there is something to do.
+  // Hangs if the reactor waits although there is something to do.
   bool waitingTurn() { return reactor_.turn(/*wait=*/true); }
   Block record(int entry) {
     return [this, entry] { ran_.push_back(entry); };
@@ -72,42 +72,42 @@ class ReactorTest : public testing::Test {
   std::vector<int> ran_;
 };
 
-TEST_F(ReactorTest, ATurnWithNothingToDoDoesNothing) {
+TEST_F(ReactorTest, TurnReturnsFalseWhenThereIsNothingToDo) {
   EXPECT_FALSE(turn());
 }
 
-TEST_F(ReactorTest, LongTurnsHalveWhatIsReadAndFullReadsDoubleIt) {
+TEST_F(ReactorTest, LongTurnsHalveTheReadBudgetAndFullReadsDoubleIt) {
   const auto turnOf = [this](Reactor::Clock::duration duration, bool fullRead) {
     reactor_.post([this, duration, fullRead] {
-      if (fullRead) reactor_.noteFullRead();
+      if (fullRead) reactor_.noteReadBudgetExhausted();
       now_ += duration;
     });
     turn();
-    return reactor_.fairReadBytes();
+    return reactor_.readBudgetBytes();
   };
   const auto kShort = Reactor::kLongTurn;
   const auto kLong = Reactor::kLongTurn + milliseconds(1);
-  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kLeastReadBytes);
-  EXPECT_EQ(turnOf(kShort, false), Reactor::kLeastReadBytes);
-  EXPECT_EQ(turnOf(kShort, true), Reactor::kLeastReadBytes * 2);
-  EXPECT_EQ(turnOf(kShort, true), Reactor::kLeastReadBytes * 4);
-  EXPECT_EQ(turnOf(kLong, true), Reactor::kLeastReadBytes * 2);
-  EXPECT_EQ(turnOf(kShort, false), Reactor::kLeastReadBytes);
-  EXPECT_EQ(turnOf(kLong, false), Reactor::kLeastReadBytes);
-  // What was done before does not count.
+  EXPECT_EQ(reactor_.readBudgetBytes(), Reactor::kMinimumReadBudgetBytes);
+  EXPECT_EQ(turnOf(kShort, false), Reactor::kMinimumReadBudgetBytes);
+  EXPECT_EQ(turnOf(kShort, true), Reactor::kMinimumReadBudgetBytes * 2);
+  EXPECT_EQ(turnOf(kShort, true), Reactor::kMinimumReadBudgetBytes * 4);
+  EXPECT_EQ(turnOf(kLong, true), Reactor::kMinimumReadBudgetBytes * 2);
+  EXPECT_EQ(turnOf(kShort, false), Reactor::kMinimumReadBudgetBytes);
+  EXPECT_EQ(turnOf(kLong, false), Reactor::kMinimumReadBudgetBytes);
+  // Time before the full read does not count.
   reactor_.post([this] {
     now_ += Reactor::kLongTurn + milliseconds(1);
-    reactor_.noteFullRead();
+    reactor_.noteReadBudgetExhausted();
   });
   turn();
-  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kLeastReadBytes * 2);
+  EXPECT_EQ(reactor_.readBudgetBytes(), Reactor::kMinimumReadBudgetBytes * 2);
   for (int i = 0; i < 20; ++i) turnOf(kShort, true);
-  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kMostReadBytes);
+  EXPECT_EQ(reactor_.readBudgetBytes(), Reactor::kMaximumReadBudgetBytes);
   for (int i = 0; i < 20; ++i) turnOf(kLong, true);
-  EXPECT_EQ(reactor_.fairReadBytes(), Reactor::kLeastReadBytes);
+  EXPECT_EQ(reactor_.readBudgetBytes(), Reactor::kMinimumReadBudgetBytes);
 }
 
-TEST_F(ReactorTest, TellsAWatcherUntilItsDescriptorIsNoLongerReady) {
+TEST_F(ReactorTest, CallsAWatcherWhileItsDescriptorIsReady) {
   const Pipe pipe;
   Recorder watcher;
   reactor_.watch(pipe.reading.get(), EPOLLIN, watcher);
@@ -115,13 +115,13 @@ TEST_F(ReactorTest, TellsAWatcherUntilItsDescriptorIsNoLongerReady) {
   pipe.fill();
   EXPECT_TRUE(turn());
   EXPECT_TRUE(turn());
-  EXPECT_THAT(watcher.told, ElementsAre(EPOLLIN, EPOLLIN));
+  EXPECT_THAT(watcher.events, ElementsAre(EPOLLIN, EPOLLIN));
   pipe.drain();
   EXPECT_FALSE(turn());
   reactor_.unwatch(pipe.reading.get(), watcher);
 }
 
-TEST_F(ReactorTest, TellsOfAHangUpWithoutBeingAsked) {
+TEST_F(ReactorTest, ReportsAHangUpThatIsNotWatchedFor) {
   Pipe pipe;
   Recorder watcher;
   reactor_.watch(pipe.reading.get(), 0, watcher);
@@ -129,11 +129,11 @@ TEST_F(ReactorTest, TellsOfAHangUpWithoutBeingAsked) {
   EXPECT_FALSE(turn());
   pipe.writing.reset();
   EXPECT_TRUE(turn());
-  EXPECT_THAT(watcher.told, ElementsAre(EPOLLHUP));
+  EXPECT_THAT(watcher.events, ElementsAre(EPOLLHUP));
   reactor_.unwatch(pipe.reading.get(), watcher);
 }
 
-TEST_F(ReactorTest, TellsOfWhatItIsRewatchedFor) {
+TEST_F(ReactorTest, ReportsTheEventsOfTheLastRewatch) {
   const Pipe pipe;
   Recorder watcher;
   reactor_.watch(pipe.writing.get(), 0, watcher);
@@ -142,11 +142,11 @@ TEST_F(ReactorTest, TellsOfWhatItIsRewatchedFor) {
   EXPECT_TRUE(turn());
   reactor_.rewatch(pipe.writing.get(), 0, watcher);
   EXPECT_FALSE(turn());
-  EXPECT_THAT(watcher.told, ElementsAre(EPOLLOUT));
+  EXPECT_THAT(watcher.events, ElementsAre(EPOLLOUT));
   reactor_.unwatch(pipe.writing.get(), watcher);
 }
 
-TEST_F(ReactorTest, TellsNothingOfAnUnwatchedDescriptor) {
+TEST_F(ReactorTest, DoesNotReportAnUnwatchedDescriptor) {
   const Pipe pipe;
   Recorder watcher;
   reactor_.watch(pipe.reading.get(), EPOLLIN, watcher);
@@ -158,7 +158,7 @@ TEST_F(ReactorTest, TellsNothingOfAnUnwatchedDescriptor) {
   reactor_.unwatch(pipe.reading.get(), watcher);
 }
 
-TEST_F(ReactorTest, OneUnwatchedInTheSameBatchHearsNothing) {
+TEST_F(ReactorTest, AWatcherUnwatchedInTheSameTurnIsNotCalled) {
   const Pipe first;
   const Pipe second;
   Recorder a;
@@ -167,14 +167,14 @@ TEST_F(ReactorTest, OneUnwatchedInTheSameBatchHearsNothing) {
   reactor_.watch(second.reading.get(), EPOLLIN, b);
   first.fill();
   second.fill();
-  // Whichever is told first takes the other away.
+  // Whichever is called first unwatches the other.
   a.action = [&] { reactor_.unwatch(second.reading.get(), b); };
   b.action = [&] { reactor_.unwatch(first.reading.get(), a); };
   EXPECT_TRUE(turn());
-  EXPECT_EQ(a.told.size() + b.told.size(), 1U);
+  EXPECT_EQ(a.events.size() + b.events.size(), 1U);
 }
 
-TEST_F(ReactorTest, AStaleEventDoesNotReachTheNextWatcherOfTheSameNumber) {
+TEST_F(ReactorTest, AStaleEventDoesNotReachTheNextWatcherOfTheSameDescriptor) {
   Pipe pipes[2];
   const Pipe quiet;
   Recorder watchers[2];
@@ -182,7 +182,7 @@ TEST_F(ReactorTest, AStaleEventDoesNotReachTheNextWatcherOfTheSameNumber) {
   for (int i : {0, 1}) {
     reactor_.watch(pipes[i].reading.get(), EPOLLIN, watchers[i]);
     pipes[i].fill();
-    // Closes the other's descriptor; its number goes to a pipe in which there is nothing.
+    // Closes the other's descriptor; its number goes to an empty pipe.
     watchers[i].action = [&, i] {
       const int number = pipes[1 - i].reading.get();
       reactor_.unwatch(number, watchers[1 - i]);
@@ -191,15 +191,15 @@ TEST_F(ReactorTest, AStaleEventDoesNotReachTheNextWatcherOfTheSameNumber) {
     };
   }
   EXPECT_TRUE(turn());
-  EXPECT_EQ(watchers[0].told.size() + watchers[1].told.size(), 1U);
-  EXPECT_TRUE(successor.told.empty());
+  EXPECT_EQ(watchers[0].events.size() + watchers[1].events.size(), 1U);
+  EXPECT_TRUE(successor.events.empty());
   quiet.fill();
   watchers[0].action = watchers[1].action = nullptr;
   EXPECT_TRUE(turn());
-  EXPECT_EQ(successor.told.size(), 1U);
+  EXPECT_EQ(successor.events.size(), 1U);
 }
 
-TEST_F(ReactorTest, OneRewatchedInTheSameBatchHearsOnlyOfWhatItStillAsksFor) {
+TEST_F(ReactorTest, AWatcherRewatchedInTheSameTurnReceivesOnlyTheRemainingEvents) {
   const Pipe first;
   const Pipe second;
   Recorder a;
@@ -211,10 +211,10 @@ TEST_F(ReactorTest, OneRewatchedInTheSameBatchHearsOnlyOfWhatItStillAsksFor) {
   a.action = [&] { reactor_.rewatch(second.reading.get(), 0, b); };
   b.action = [&] { reactor_.rewatch(first.reading.get(), 0, a); };
   EXPECT_TRUE(turn());
-  EXPECT_EQ(a.told.size() + b.told.size(), 1U);
+  EXPECT_EQ(a.events.size() + b.events.size(), 1U);
 }
 
-TEST_F(ReactorTest, TellsEachOfMoreWatchersThanFitIntoOneBatch) {
+TEST_F(ReactorTest, CallsMoreWatchersThanOneTurnFetches) {
   constexpr std::size_t kCount = 300;
   std::vector<Pipe> pipes(kCount);
   std::vector<Recorder> watchers(kCount);
@@ -226,10 +226,10 @@ TEST_F(ReactorTest, TellsEachOfMoreWatchersThanFitIntoOneBatch) {
   EXPECT_TRUE(turn());
   EXPECT_TRUE(turn());
   EXPECT_FALSE(turn());
-  for (const Recorder& watcher : watchers) EXPECT_EQ(watcher.told.size(), 1U);
+  for (const Recorder& watcher : watchers) EXPECT_EQ(watcher.events.size(), 1U);
 }
 
-TEST_F(ReactorTest, RunsPostedBlocksInOrderAndNotWithinTheCall) {
+TEST_F(ReactorTest, RunsPostedBlocksInOrderAndNotWithinPost) {
   reactor_.post(record(1));
   reactor_.post(record(2));
   EXPECT_THAT(ran_, ElementsAre());
@@ -238,7 +238,7 @@ TEST_F(ReactorTest, RunsPostedBlocksInOrderAndNotWithinTheCall) {
   EXPECT_FALSE(turn());
 }
 
-TEST_F(ReactorTest, RunsWhatABlockPostsInTheSameTurn) {
+TEST_F(ReactorTest, RunsABlockPostedByABlockInTheSameTurn) {
   reactor_.post([this] {
     reactor_.post(record(2));
     ran_.push_back(1);
@@ -258,7 +258,7 @@ TEST_F(ReactorTest, RunsAQueueThatAWatcherFeedsInTheSameTurn) {
   EXPECT_THAT(ran_, ElementsAre(1));
 }
 
-TEST_F(ReactorTest, DoesNotWaitWhenItsOwnThreadLeftWork) {
+TEST_F(ReactorTest, DoesNotWaitWhileItsOwnThreadHasSubmittedWork) {
   EXPECT_FALSE(turn());
   const auto queue = SerialQueue::create("test", reactor_);
   queue->async(record(1));
@@ -268,7 +268,7 @@ TEST_F(ReactorTest, DoesNotWaitWhenItsOwnThreadLeftWork) {
   EXPECT_THAT(ran_, ElementsAre(1, 2));
 }
 
-TEST_F(ReactorTest, AQueueThatFeedsItselfLetsSocketsTimersAndHooksThrough) {
+TEST_F(ReactorTest, AQueueThatFeedsItselfStarvesNoSocketTimerOrHook) {
   const Pipe pipe;
   Recorder watcher;
   reactor_.watch(pipe.reading.get(), EPOLLIN, watcher);
@@ -287,14 +287,14 @@ TEST_F(ReactorTest, AQueueThatFeedsItselfLetsSocketsTimersAndHooksThrough) {
   turn();
   EXPECT_EQ(rounds, 16);
   EXPECT_THAT(ran_, ElementsAre(1));
-  EXPECT_TRUE(watcher.told.empty());
+  EXPECT_TRUE(watcher.events.empty());
   waitingTurn();
   EXPECT_EQ(rounds, 32);
   EXPECT_THAT(ran_, ElementsAre(1, 2));
-  EXPECT_EQ(watcher.told.size(), 1U);
+  EXPECT_EQ(watcher.events.size(), 1U);
 }
 
-TEST_F(ReactorTest, APostThatPostsItselfEndsItsTurn) {
+TEST_F(ReactorTest, APostThatRepostsItselfDoesNotKeepTheTurnFromEnding) {
   int rounds = 0;
   const std::function<void()> again = [&] {
     ++rounds;
@@ -307,7 +307,7 @@ TEST_F(ReactorTest, APostThatPostsItselfEndsItsTurn) {
   EXPECT_EQ(rounds, 32);
 }
 
-TEST_F(ReactorTest, RunsATimerWhenItsDelayIsOverAndNotBefore) {
+TEST_F(ReactorTest, RunsATimerWhenItIsDueAndNotBefore) {
   reactor_.after(milliseconds(5), record(1));
   now_ += milliseconds(4);
   EXPECT_FALSE(turn());
@@ -317,7 +317,7 @@ TEST_F(ReactorTest, RunsATimerWhenItsDelayIsOverAndNotBefore) {
   EXPECT_FALSE(turn());
 }
 
-TEST_F(ReactorTest, ANegativeDelayIsNone) {
+TEST_F(ReactorTest, ANegativeDelayIsZero) {
   reactor_.after(milliseconds(0), record(1));
   reactor_.after(milliseconds(-5), record(2));
   EXPECT_TRUE(turn());
@@ -337,7 +337,7 @@ TEST_F(ReactorTest, WaitsForATimerOnTheRealClock) {
   while (!ran) real.turn(/*wait=*/true);
 }
 
-TEST_F(ReactorTest, TellsHooksAfterTheBlocksOfTheTurnUrgentOnesFirst) {
+TEST_F(ReactorTest, RunsHooksAfterTheBlocksOfTheTurnUrgentHooksFirst) {
   Hook normal([this] { ran_.push_back(3); });
   Hook urgent([this] { ran_.push_back(2); });
   reactor_.atEndOfTurn(normal, EndOfTurnHook::Urgency::normal);
@@ -347,23 +347,23 @@ TEST_F(ReactorTest, TellsHooksAfterTheBlocksOfTheTurnUrgentOnesFirst) {
   EXPECT_THAT(ran_, ElementsAre(1, 2, 3));
 }
 
-TEST_F(ReactorTest, AHookThatAsksAgainIsToldInTheNextTurnWhichDoesNotWait) {
-  int told = 0;
+TEST_F(ReactorTest, AHookThatRegistersItselfAgainRunsInTheNextTurnWhichDoesNotWait) {
+  int runs = 0;
   std::unique_ptr<Hook> hook;
   hook = std::make_unique<Hook>([&] {
-    if (++told < 3) reactor_.atEndOfTurn(*hook, EndOfTurnHook::Urgency::normal);
+    if (++runs < 3) reactor_.atEndOfTurn(*hook, EndOfTurnHook::Urgency::normal);
   });
   reactor_.atEndOfTurn(*hook, EndOfTurnHook::Urgency::normal);
   EXPECT_TRUE(waitingTurn());
-  EXPECT_EQ(told, 1);
+  EXPECT_EQ(runs, 1);
   EXPECT_TRUE(waitingTurn());
-  EXPECT_EQ(told, 2);
+  EXPECT_EQ(runs, 2);
   EXPECT_TRUE(waitingTurn());
-  EXPECT_EQ(told, 3);
+  EXPECT_EQ(runs, 3);
   EXPECT_FALSE(turn());
 }
 
-TEST_F(ReactorTest, ReleasesAQueueRightAfterItsTurn) {
+TEST_F(ReactorTest, ReleasesAQueueRightAfterItsBatch) {
   std::weak_ptr<SerialQueue> first;
   {
     const auto queue = SerialQueue::create("first", reactor_);
@@ -376,7 +376,7 @@ TEST_F(ReactorTest, ReleasesAQueueRightAfterItsTurn) {
   EXPECT_THAT(ran_, ElementsAre(1, 2));
 }
 
-TEST_F(ReactorTest, DropsWithItselfWhatDidNotRun) {
+TEST_F(ReactorTest, DestroysWhatDidNotRun) {
   std::weak_ptr<SerialQueue> released;
   int destroyed = 0;
   {

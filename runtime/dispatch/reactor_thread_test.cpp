@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reactor and other threads: waking up, order, the end.
+// The reactor and other threads: waking up, order, stopping.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -45,7 +45,7 @@ TEST(ReactorThread, IsCurrentOnTheThreadThatRunsIt) {
   std::thread([&reactor] { EXPECT_FALSE(reactor.isCurrent()); }).join();
 }
 
-TEST(ReactorThread, IsCurrentOnNoThreadAfterItRan) {
+TEST(ReactorThread, IsCurrentOnNoThreadAfterRun) {
   Reactor reactor;
   reactor.post([&reactor] {
     EXPECT_TRUE(reactor.isCurrent());
@@ -55,7 +55,7 @@ TEST(ReactorThread, IsCurrentOnNoThreadAfterItRan) {
   EXPECT_FALSE(reactor.isCurrent());
 }
 
-TEST(ReactorThread, StopsBeforeItsFirstTurnWhenToldBefore) {
+TEST(ReactorThread, RunsNoTurnWhenStoppedBeforehand) {
   Reactor reactor;
   bool ran = false;
   reactor.post([&] {
@@ -69,13 +69,13 @@ TEST(ReactorThread, StopsBeforeItsFirstTurnWhenToldBefore) {
   EXPECT_TRUE(ran);
 }
 
-TEST(ReactorThread, DoesNotWaitOnceItIsToStop) {
+TEST(ReactorThread, DoesNotWaitOnceStopped) {
   Reactor reactor;
   reactor.stop();
   EXPECT_FALSE(reactor.turn(/*wait=*/true));
 }
 
-TEST(ReactorThread, StopsWhenAnotherThreadSaysSo) {
+TEST(ReactorThread, CanBeStoppedFromAnotherThread) {
   Reactor reactor;
   std::binary_semaphore running(0);
   reactor.post([&running] { running.release(); });
@@ -87,7 +87,7 @@ TEST(ReactorThread, StopsWhenAnotherThreadSaysSo) {
   stopper.join();
 }
 
-// How often any eventfd of this process was written to and not read.
+// Returns how often any eventfd of this process was written and not read.
 std::uint64_t eventfdCount() {
   std::uint64_t sum = 0;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
@@ -100,7 +100,7 @@ std::uint64_t eventfdCount() {
   return sum;
 }
 
-TEST(ReactorThread, IsNotWokenWhileItIsAwake) {
+TEST(ReactorThread, DoesNotWriteToTheEventfdWhileAwake) {
   Reactor reactor;
   const auto queue = SerialQueue::create("test", reactor);
   const auto submit = [&] {
@@ -132,7 +132,7 @@ TEST(ReactorThread, WaitsAgainAfterItWasWoken) {
   });
   while (!woken) reactor.turn(/*wait=*/true);
   waker.join();
-  // One turn may still find the last wake-up; another one may find the timer not due by a hair.
+  // One turn may still fetch the last wake-up; another may find the timer a hair short of due.
   bool ran = false;
   int turns = 0;
   reactor.after(std::chrono::milliseconds(5), [&ran] { ran = true; });
@@ -143,7 +143,7 @@ TEST(ReactorThread, WaitsAgainAfterItWasWoken) {
   EXPECT_LE(turns, 3);
 }
 
-TEST(ReactorThread, IsWokenByEachPostHoweverManyCameBefore) {
+TEST(ReactorThread, IsWokenByEveryPost) {
   RunningReactor running;
   std::binary_semaphore ran(0);
   for (int i = 0; i < 500; ++i) {
@@ -152,7 +152,7 @@ TEST(ReactorThread, IsWokenByEachPostHoweverManyCameBefore) {
   }
 }
 
-TEST(ReactorThread, IsWokenByAQueueOfAnotherThread) {
+TEST(ReactorThread, IsWokenByAQueueFedFromAnotherThread) {
   RunningReactor running;
   const auto queue = SerialQueue::create("test", running.reactor);
   std::binary_semaphore ran(0);
@@ -162,11 +162,11 @@ TEST(ReactorThread, IsWokenByAQueueOfAnotherThread) {
   }
 }
 
-TEST(ReactorThread, RunsThePostsOfEachThreadInTheirOrder) {
+TEST(ReactorThread, RunsThePostsOfEachThreadInOrder) {
   constexpr std::size_t kThreads = 4;
   constexpr std::size_t kPosts = 500;
   Reactor reactor;
-  // Touched on the reactor's thread alone.
+  // Touched only on the reactor's thread.
   std::array<std::size_t, kThreads> next{};
   bool inOrder = true;
   std::size_t total = 0;
@@ -186,11 +186,11 @@ TEST(ReactorThread, RunsThePostsOfEachThreadInTheirOrder) {
   EXPECT_TRUE(inOrder);
 }
 
-TEST(ReactorThread, AWokenReactorTellsItsHooksAndRunsItsTimers) {
+TEST(ReactorThread, AWokenReactorRunsItsHooksAndTimers) {
   class Hook final : public EndOfTurnHook {
    public:
-    void onEndOfTurn() override { told.release(); }
-    std::binary_semaphore told{0};
+    void onEndOfTurn() override { ran.release(); }
+    std::binary_semaphore ran{0};
   };
   Hook hook;
   std::binary_semaphore ran(0);
@@ -199,7 +199,7 @@ TEST(ReactorThread, AWokenReactorTellsItsHooksAndRunsItsTimers) {
     running.reactor.atEndOfTurn(hook, EndOfTurnHook::Urgency::normal);
     running.reactor.after(std::chrono::milliseconds(1), [&ran] { ran.release(); });
   });
-  hook.told.acquire();
+  hook.ran.acquire();
   ran.acquire();
 }
 

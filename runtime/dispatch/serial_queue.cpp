@@ -9,7 +9,7 @@ namespace keel {
 
 namespace {
 
-// The queue whose turn this thread is running.
+// The queue whose batch this thread is running.
 thread_local const SerialQueue* currentQueue = nullptr;
 
 }  // namespace
@@ -27,10 +27,10 @@ std::uint64_t SerialQueue::submit(Block&& block, Executor& executor) {
   std::uint64_t number = 0;
   {
     const std::lock_guard lock(mutex_);
-    // A block that is not taken is destroyed by the caller, outside the lock: its destruction may
-    // come back here.
-    number = lastNumber_.load(std::memory_order_relaxed) + 1;
-    lastNumber_.store(number, std::memory_order_relaxed);
+    // A rejected block is destroyed by the caller, outside the lock: its destruction may come back
+    // here.
+    number = lastSequenceNumber_.load(std::memory_order_relaxed) + 1;
+    lastSequenceNumber_.store(number, std::memory_order_relaxed);
     if (state_ == State::abandoned) return number;
     add(std::move(block), executor);
     if (std::exchange(state_, State::scheduled) == State::scheduled) return number;
@@ -40,12 +40,12 @@ std::uint64_t SerialQueue::submit(Block&& block, Executor& executor) {
 }
 
 void SerialQueue::add(Block&& block, Executor& executor) {
-  // Nothing joins a block that runs elsewhere: it has its turn alone, so that the other executor
-  // can choose after each.
+  // A block that runs elsewhere is a batch of its own, so that the other executor can choose after
+  // each.
   const bool own = &executor == &executor_;
-  if (later_.empty() && (waiting_.empty() || (own && waitingOn_ == &executor_))) {
-    waitingOn_ = &executor;
-    return waiting_.add(std::move(block));
+  if (later_.empty() && (pending_.empty() || (own && pendingExecutor_ == &executor_))) {
+    pendingExecutor_ = &executor;
+    return pending_.add(std::move(block));
   }
   if (!own || later_.empty() || later_.back().executor != &executor_)
     later_.push_back({&executor, {}});
@@ -56,17 +56,17 @@ bool SerialQueue::isCurrent() const {
   return currentQueue == this;
 }
 
-void SerialQueue::runTurn() noexcept {
+void SerialQueue::runBatch() noexcept {
   {
     const std::lock_guard lock(mutex_);
-    running_.swap(waiting_);
+    running_.swap(pending_);
     if (!later_.empty()) [[unlikely]] {
-      waiting_.swap(later_.front().blocks);
-      waitingOn_ = later_.front().executor;
+      pending_.swap(later_.front().blocks);
+      pendingExecutor_ = later_.front().executor;
       later_.pop_front();
     }
   }
-  // A test's executor may run a turn from within another queue's block.
+  // A test's executor may run a batch from within another queue's block.
   const SerialQueue* const outer = std::exchange(currentQueue, this);
   running_.run();
   currentQueue = outer;
@@ -74,12 +74,12 @@ void SerialQueue::runTurn() noexcept {
   {
     const std::lock_guard lock(mutex_);
     if (state_ == State::abandoned) return;
-    if (waiting_.empty()) {
-      // From here on the next turn may run on another thread: running_ is its own.
+    if (pending_.empty()) {
+      // From here on the next batch may run on another thread: running_ belongs to it.
       state_ = State::idle;
       return;
     }
-    next = waitingOn_;
+    next = pendingExecutor_;
   }
   next->schedule(shared_from_this());
 }
@@ -88,10 +88,10 @@ void SerialQueue::abandon() noexcept {
   // Destroyed outside the lock, and before the members: the destruction of a block may submit to
   // this queue.
   BlockBatch dropped;
-  std::list<Stretch> droppedLater;
+  std::list<Batch> droppedLater;
   const std::lock_guard lock(mutex_);
   state_ = State::abandoned;
-  dropped.swap(waiting_);
+  dropped.swap(pending_);
   droppedLater.swap(later_);
 }
 

@@ -32,8 +32,8 @@ std::shared_ptr<void> whenDestroyed(Action action) {
   return {nullptr, [action](void*) { action(); }};
 }
 
-// Takes turns and forgets them.
-class ForgetfulExecutor final : public Executor {
+// Accepts queues and never runs them.
+class IdleExecutor final : public Executor {
  public:
   void schedule(std::shared_ptr<SerialQueue>) override {}
 };
@@ -42,12 +42,12 @@ TEST_F(SerialQueueTest, KeepsItsLabel) {
   EXPECT_EQ(queue_->label(), "test");
 }
 
-TEST_F(SerialQueueTest, RunsNothingWithinTheSubmission) {
+TEST_F(SerialQueueTest, DoesNotRunABlockWithinAsync) {
   queue_->async([this] { ran_.push_back(1); });
   EXPECT_THAT(ran_, ElementsAre());
 }
 
-TEST_F(SerialQueueTest, RunsBlocksInTheOrderOfSubmissionInOneTurn) {
+TEST_F(SerialQueueTest, RunsBlocksInOrderInOneBatch) {
   for (int i = 0; i < 3; ++i) queue_->async([this, i] { ran_.push_back(i); });
   EXPECT_EQ(executor_.scheduledCount(), 1U);
   EXPECT_TRUE(executor_.runOne());
@@ -55,20 +55,20 @@ TEST_F(SerialQueueTest, RunsBlocksInTheOrderOfSubmissionInOneTurn) {
   EXPECT_EQ(executor_.scheduledCount(), 0U);
 }
 
-TEST_F(SerialQueueTest, TellsWhetherABlockIsStillTheLast) {
+TEST_F(SerialQueueTest, SequenceNumbersShowWhetherABlockIsStillTheLast) {
   const std::uint64_t first = queue_->async([] {});
-  EXPECT_EQ(queue_->lastNumber(), first);
+  EXPECT_EQ(queue_->lastSequenceNumber(), first);
   EXPECT_TRUE(executor_.runOne());
-  EXPECT_EQ(queue_->lastNumber(), first);
+  EXPECT_EQ(queue_->lastSequenceNumber(), first);
   queue_->asyncOn(executor_, [] {});
-  EXPECT_NE(queue_->lastNumber(), first);
+  EXPECT_NE(queue_->lastSequenceNumber(), first);
   const std::uint64_t third = queue_->async([] {});
   EXPECT_NE(third, first);
-  EXPECT_EQ(queue_->lastNumber(), third);
+  EXPECT_EQ(queue_->lastSequenceNumber(), third);
   executor_.runAll();
 }
 
-TEST_F(SerialQueueTest, RunsWhatABlockSubmitsInTheNextTurn) {
+TEST_F(SerialQueueTest, RunsBlocksSubmittedByABlockInTheNextBatch) {
   queue_->async([this] {
     queue_->async([this] { ran_.push_back(3); });
     ran_.push_back(1);
@@ -82,7 +82,7 @@ TEST_F(SerialQueueTest, RunsWhatABlockSubmitsInTheNextTurn) {
   EXPECT_EQ(executor_.scheduledCount(), 0U);
 }
 
-TEST_F(SerialQueueTest, IsScheduledAgainAfterATurnThatLeftNothing) {
+TEST_F(SerialQueueTest, IsScheduledAgainAfterItRanEmpty) {
   queue_->async([this] { ran_.push_back(1); });
   executor_.runAll();
   queue_->async([this] { ran_.push_back(2); });
@@ -91,7 +91,7 @@ TEST_F(SerialQueueTest, IsScheduledAgainAfterATurnThatLeftNothing) {
   EXPECT_THAT(ran_, ElementsAre(1, 2));
 }
 
-TEST_F(SerialQueueTest, RunsABlockElsewhereInItsPlace) {
+TEST_F(SerialQueueTest, ABlockOnAnotherExecutorKeepsItsPlaceInTheOrder) {
   ManualExecutor elsewhere;
   queue_->async([this] { ran_.push_back(1); });
   queue_->asyncOn(elsewhere, [this] {
@@ -103,7 +103,7 @@ TEST_F(SerialQueueTest, RunsABlockElsewhereInItsPlace) {
   EXPECT_FALSE(elsewhere.runOne());
   EXPECT_TRUE(executor_.runOne());
   EXPECT_THAT(ran_, ElementsAre(1));
-  // What is behind waits for it, and costs the queue's own executor nothing.
+  // Later blocks wait for it without occupying the queue's own executor.
   EXPECT_FALSE(executor_.runOne());
   EXPECT_TRUE(elsewhere.runOne());
   EXPECT_THAT(ran_, ElementsAre(1, 2));
@@ -112,7 +112,7 @@ TEST_F(SerialQueueTest, RunsABlockElsewhereInItsPlace) {
   EXPECT_THAT(ran_, ElementsAre(1, 2, 3, 4));
 }
 
-TEST_F(SerialQueueTest, RunsEachBlockElsewhereInATurnOfItsOwn) {
+TEST_F(SerialQueueTest, EachBlockOnAnotherExecutorIsABatchOfItsOwn) {
   ManualExecutor elsewhere;
   for (int i = 0; i < 3; ++i) queue_->asyncOn(elsewhere, [this, i] { ran_.push_back(i); });
   for (std::size_t i = 1; i <= 3; ++i) {
@@ -124,7 +124,7 @@ TEST_F(SerialQueueTest, RunsEachBlockElsewhereInATurnOfItsOwn) {
   EXPECT_EQ(executor_.scheduledCount(), 0U);
 }
 
-TEST_F(SerialQueueTest, KeepsTheOrderOfWhatABlockElsewhereSubmits) {
+TEST_F(SerialQueueTest, KeepsTheOrderOfBlocksSubmittedFromAnotherExecutor) {
   ManualExecutor elsewhere;
   queue_->asyncOn(elsewhere, [this, &elsewhere] {
     ran_.push_back(1);
@@ -137,7 +137,7 @@ TEST_F(SerialQueueTest, KeepsTheOrderOfWhatABlockElsewhereSubmits) {
   EXPECT_THAT(ran_, ElementsAre(1, 2, 3, 4));
 }
 
-TEST_F(SerialQueueTest, AbandonedDestroysWhatWaitsForElsewhere) {
+TEST_F(SerialQueueTest, AbandonDestroysBlocksPendingForAnotherExecutor) {
   ManualExecutor elsewhere;
   int destroyed = 0;
   queue_->async([] { FAIL(); });
@@ -161,7 +161,7 @@ TEST_F(SerialQueueTest, IsCurrentInItsOwnBlocksOnly) {
   EXPECT_THAT(ran_, ElementsAre(1));
 }
 
-TEST_F(SerialQueueTest, IsCurrentAgainAfterAnotherQueuesTurnWithinItsBlock) {
+TEST_F(SerialQueueTest, IsCurrentAgainAfterANestedBatchOfAnotherQueue) {
   const auto other = SerialQueue::create("other", executor_);
   queue_->async([this, other] {
     other->async([this, other] {
@@ -178,7 +178,7 @@ TEST_F(SerialQueueTest, IsCurrentAgainAfterAnotherQueuesTurnWithinItsBlock) {
   EXPECT_THAT(ran_, ElementsAre(1, 2));
 }
 
-TEST_F(SerialQueueTest, TakesWhatTheDestructionOfABlockSubmits) {
+TEST_F(SerialQueueTest, AcceptsBlocksFromTheDestructionOfABlock) {
   auto submits = whenDestroyed([this] {
     EXPECT_TRUE(queue_->isCurrent());
     queue_->async([this] { ran_.push_back(3); });
@@ -201,7 +201,7 @@ TEST_F(SerialQueueTest, MayBeReleasedByItsOwnBlock) {
   EXPECT_TRUE(released.expired());
 }
 
-TEST_F(SerialQueueTest, MayBeReleasedByTheDestructionOfItsBlockThatSubmitsToIt) {
+TEST_F(SerialQueueTest, MayBeReleasedByADestructorThatSubmitsToIt) {
   const std::weak_ptr<SerialQueue> released = queue_;
   {
     auto last = whenDestroyed([this, queue = std::exchange(queue_, nullptr)] {
@@ -214,12 +214,12 @@ TEST_F(SerialQueueTest, MayBeReleasedByTheDestructionOfItsBlockThatSubmitsToIt) 
   EXPECT_TRUE(released.expired());
 }
 
-TEST_F(SerialQueueTest, DestroysWaitingBlocksWithItself) {
-  ForgetfulExecutor forgetful;
-  auto queue = SerialQueue::create("forgotten", forgetful);
+TEST_F(SerialQueueTest, DestroysItsPendingBlocks) {
+  IdleExecutor idle;
+  auto queue = SerialQueue::create("test", idle);
   SerialQueue* const dying = queue.get();
   int destroyed = 0;
-  // The second submits once more to the queue that is being destroyed.
+  // The second one submits to the queue that is being destroyed.
   queue->async([held = whenDestroyed([&destroyed] { ++destroyed; })] { FAIL(); });
   queue->async([held = whenDestroyed([&destroyed, dying] {
                   dying->async([inner = whenDestroyed([&destroyed] { ++destroyed; })] { FAIL(); });
@@ -229,7 +229,7 @@ TEST_F(SerialQueueTest, DestroysWaitingBlocksWithItself) {
   EXPECT_EQ(destroyed, 2);
 }
 
-TEST_F(SerialQueueTest, AbandonedDestroysWhatWaitsAndWhatComes) {
+TEST_F(SerialQueueTest, AbandonDestroysPendingAndLaterBlocks) {
   int destroyed = 0;
   const std::weak_ptr<SerialQueue> released = queue_;
   queue_->async([queue = queue_, held = whenDestroyed([&destroyed] { ++destroyed; })] { FAIL(); });
@@ -242,7 +242,7 @@ TEST_F(SerialQueueTest, AbandonedDestroysWhatWaitsAndWhatComes) {
   EXPECT_TRUE(released.expired());
 }
 
-TEST(ManualExecutor, DropsTheTurnsThatNobodyRan) {
+TEST(ManualExecutor, ReleasesQueuesThatDidNotRun) {
   std::weak_ptr<SerialQueue> released;
   {
     ManualExecutor executor;
@@ -253,7 +253,7 @@ TEST(ManualExecutor, DropsTheTurnsThatNobodyRan) {
   EXPECT_TRUE(released.expired());
 }
 
-TEST(ManualExecutor, RunsNoTurnWhenNoneIsScheduled) {
+TEST(ManualExecutor, RunOneReturnsFalseWhenNothingIsScheduled) {
   ManualExecutor executor;
   EXPECT_FALSE(executor.runOne());
 }
@@ -263,7 +263,7 @@ TEST(SerialQueueOnAReactor, KeepsTheOrderOfEachSubmittingThread) {
   constexpr std::size_t kBlocks = 500;
   Reactor reactor;
   const auto queue = SerialQueue::create("test", reactor);
-  // Touched by the queue's blocks alone, without a lock.
+  // Touched only by the queue's blocks, without a lock.
   std::array<std::vector<std::size_t>, kThreads> seen;
   std::size_t total = 0;
 

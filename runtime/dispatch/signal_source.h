@@ -7,29 +7,27 @@
 
 namespace keel {
 
-// Blocks `signal` in the calling thread and in all threads it starts from now on. Call in main
-// before any thread exists: only a signal that is blocked everywhere reaches its source, also when
-// its disposition is to be ignored.
+// Blocks `signal` in the calling thread and in all threads that it starts from now on. Call it in
+// main before any thread exists: a signal reaches its source only if it is blocked everywhere, even
+// when its disposition is to be ignored.
 void blockSignal(int signal);
 
-// Hears of one signal through signalfd(2) and runs a handler for it, on a thread of the source's
-// own that belongs to the worker side: it runs whatever the I/O thread and the worker pool are
-// doing. Kept for the life of the process.
+// Receives one signal through signalfd(2) and runs a handler for it on a thread of its own,
+// whatever the I/O thread and the worker pool are doing. Kept for the life of the process.
 class SignalSource {
  public:
-  // Null when the source cannot be made (no descriptors, no thread). The source is not active
-  // before resume().
+  // Returns null when the source cannot be created (no descriptors, no thread). The source is
+  // inactive until resume().
   static std::unique_ptr<SignalSource> create(int signal);
   SignalSource(const SignalSource&) = delete;
   SignalSource& operator=(const SignalSource&) = delete;
-  // Ends the thread; never called in the daemon, which keeps its sources.
+  // Stops the thread; the daemon never calls it, since it keeps its sources.
   ~SignalSource();
 
-  // Before resume(). Without a handler the signals are taken and nothing happens.
+  // Call before resume(). Without a handler the signals are consumed and nothing else happens.
   void setEventHandler(Block handler);
-  // Once. Several signals that arrive before the handler ran count as one; what arrived before
-  // resume() counts too. Only signals that are sent to the process are heard, not those sent to one
-  // of its threads.
+  // Call once. Signals that arrive before the handler ran are coalesced, those before resume()
+  // included. Only signals sent to the process are received, not those sent to one of its threads.
   void resume();
 
  private:

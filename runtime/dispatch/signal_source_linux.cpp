@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A signal that is blocked in every thread stays pending in the process, even when its disposition
-// is to be ignored, and signalfd(2) takes it from there. Only signals that were sent to the process
-// reach the source; a signal sent to one thread (raise(3), pthread_kill(3)) can be read by that
-// thread alone.
+// is to be ignored, and signalfd(2) takes it from there. Only signals sent to the process reach the
+// source; a signal sent to one thread (raise(3), pthread_kill(3)) can be read by that thread alone.
 #include "runtime/dispatch/signal_source.h"
 
 #include <poll.h>
@@ -46,18 +45,18 @@ class SignalSource::Impl {
   explicit Impl(int signal) {
     const sigset_t set = setOf(signal);
     signals_.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
-    news_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    stateChanged_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   }
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
   ~Impl() {
     if (!thread_.joinable()) return;
-    tell(State::ending);
+    changeState(State::ending);
     thread_.join();
   }
 
   bool start() {
-    if (!signals_ || !news_) return false;
+    if (!signals_ || !stateChanged_) return false;
     try {
       thread_ = std::thread([this] { work(); });
     } catch (const std::system_error&) {
@@ -73,16 +72,16 @@ class SignalSource::Impl {
 
   void resume() {
     KEEL_CHECK(state_.load() == State::suspended);
-    tell(State::active);
+    changeState(State::active);
   }
 
  private:
   enum class State : std::uint8_t { suspended, active, ending };
 
-  void tell(State state) {
+  void changeState(State state) {
     state_.store(state);
     const std::uint64_t one = 1;
-    KEEL_CHECK(write(news_.get(), &one, sizeof one) == sizeof one);
+    KEEL_CHECK(write(stateChanged_.get(), &one, sizeof one) == sizeof one);
   }
 
   void work() {
@@ -91,19 +90,19 @@ class SignalSource::Impl {
     for (;;) {
       const State state = state_.load();
       if (state == State::ending) return;
-      // poll(2) passes over a negative descriptor.
+      // poll(2) ignores a negative descriptor.
       pollfd polled[] = {
-          {.fd = news_.get(), .events = POLLIN, .revents = 0},
+          {.fd = stateChanged_.get(), .events = POLLIN, .revents = 0},
           {.fd = state == State::active ? signals_.get() : -1, .events = POLLIN, .revents = 0}};
       KEEL_CHECK(poll(polled, std::size(polled), -1) >= 0 || errno == EINTR);
       std::uint64_t count = 0;
-      while (read(news_.get(), &count, sizeof count) > 0) {
+      while (read(stateChanged_.get(), &count, sizeof count) > 0) {
       }
       if (polled[1].revents != 0 && takeSignals() && handler_) handler_();
     }
   }
 
-  // Whether there were any.
+  // Returns true if any signal was pending.
   bool takeSignals() {
     bool taken = false;
     signalfd_siginfo record;
@@ -112,9 +111,9 @@ class SignalSource::Impl {
   }
 
   FileDescriptor signals_;
-  FileDescriptor news_;  // the state has changed
+  FileDescriptor stateChanged_;  // written on each change of state_
   std::atomic<State> state_{State::suspended};
-  Block handler_;  // set while suspended, then the thread's own
+  Block handler_;  // set while suspended, then used by the thread alone
   std::thread thread_;
 };
 

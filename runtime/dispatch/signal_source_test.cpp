@@ -34,7 +34,7 @@ bool isPending(int signal) {
   return sigismember(&pending, signal) == 1;
 }
 
-// Leaves the process's signals as they were.
+// Restores the process's signals at the end.
 class SignalSourceTest : public testing::Test {
  protected:
   SignalSourceTest() {
@@ -58,31 +58,31 @@ class SignalSourceTest : public testing::Test {
   sigset_t mask_;
 };
 
-TEST_F(SignalSourceTest, HearsASignalWhoseDispositionIsToBeIgnored) {
-  std::binary_semaphore heard(0);
+TEST_F(SignalSourceTest, ReceivesASignalWhoseDispositionIsToBeIgnored) {
+  std::binary_semaphore received(0);
   const auto source = SignalSource::create(SIGUSR1);
   ASSERT_NE(source, nullptr);
-  source->setEventHandler([&heard] { heard.release(); });
+  source->setEventHandler([&received] { received.release(); });
   source->resume();
   kill(getpid(), SIGUSR1);
-  heard.acquire();
+  received.acquire();
   kill(getpid(), SIGUSR1);
-  heard.acquire();
+  received.acquire();
 }
 
-TEST_F(SignalSourceTest, HearsASignalSentBeforeResume) {
-  std::binary_semaphore heard(0);
+TEST_F(SignalSourceTest, ReceivesASignalSentBeforeResume) {
+  std::binary_semaphore received(0);
   const auto source = SignalSource::create(SIGUSR1);
   ASSERT_NE(source, nullptr);
   kill(getpid(), SIGUSR1);
-  source->setEventHandler([&heard] { heard.release(); });
+  source->setEventHandler([&received] { received.release(); });
   source->resume();
-  heard.acquire();
+  received.acquire();
 }
 
-TEST_F(SignalSourceTest, SeveralSignalsBeforeTheHandlerRanCountAsOne) {
-  // Real-time signals queue up in the kernel, so here the source itself must make one of them.
-  std::binary_semaphore heard(0);
+TEST_F(SignalSourceTest, CoalescesSignalsThatArriveBeforeTheHandlerRan) {
+  // Real-time signals queue up in the kernel, so here the source itself must coalesce them.
+  std::binary_semaphore received(0);
   std::atomic<int> count{0};
   std::atomic<bool> leftOver{false};
   {
@@ -93,16 +93,16 @@ TEST_F(SignalSourceTest, SeveralSignalsBeforeTheHandlerRanCountAsOne) {
     source->setEventHandler([&] {
       ++count;
       if (isPending(SIGRTMIN)) leftOver = true;
-      heard.release();
+      received.release();
     });
     source->resume();
-    heard.acquire();
+    received.acquire();
   }
   EXPECT_EQ(count, 1);
   EXPECT_FALSE(leftOver);
 }
 
-TEST_F(SignalSourceTest, SourcesHearTheirOwnSignalOnly) {
+TEST_F(SignalSourceTest, ReceivesItsOwnSignalOnly) {
   std::binary_semaphore first(0);
   std::binary_semaphore second(0);
   std::atomic<int> firstCount{0};
@@ -125,7 +125,7 @@ TEST_F(SignalSourceTest, SourcesHearTheirOwnSignalOnly) {
 }
 
 TEST_F(SignalSourceTest, RunsItsHandlerOnAThreadOfItsOwn) {
-  std::binary_semaphore heard(0);
+  std::binary_semaphore received(0);
   std::array<char, 16> name{};
   bool hasCrashStack = false;
   const auto source = SignalSource::create(SIGUSR1);
@@ -133,20 +133,20 @@ TEST_F(SignalSourceTest, RunsItsHandlerOnAThreadOfItsOwn) {
   source->setEventHandler([&] {
     pthread_getname_np(pthread_self(), name.data(), name.size());
     hasCrashStack = CrashStack::isInUse();
-    heard.release();
+    received.release();
   });
   source->resume();
   kill(getpid(), SIGUSR1);
-  heard.acquire();
+  received.acquire();
   EXPECT_EQ(std::string(name.data()), "keel-signal");
   EXPECT_TRUE(hasCrashStack);
 }
 
-TEST_F(SignalSourceTest, EndsWithoutHavingBeenResumed) {
+TEST_F(SignalSourceTest, CanBeDestroyedWithoutBeingResumed) {
   EXPECT_NE(SignalSource::create(SIGUSR1), nullptr);
 }
 
-TEST_F(SignalSourceTest, CannotBeMadeWithoutDescriptors) {
+TEST_F(SignalSourceTest, CreateReturnsNullWithoutDescriptors) {
   rlimit before{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
   rlimit none = before;
@@ -157,7 +157,7 @@ TEST_F(SignalSourceTest, CannotBeMadeWithoutDescriptors) {
   EXPECT_EQ(source, nullptr);
 }
 
-// As a daemon does it: block, ignore, listen, park.
+// As a daemon does: block, ignore, receive, park.
 [[noreturn]] void parkUntilTerminated() {
   blockSignal(SIGTERM);
   ::signal(SIGTERM, SIG_IGN);

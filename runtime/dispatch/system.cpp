@@ -14,15 +14,14 @@ namespace keel {
 
 namespace {
 
-// A thread is started when work finds no other free, and an idle one costs a stack that is hardly
-// touched.
+// Threads start on demand, and an idle one costs a stack that is hardly touched.
 constexpr std::size_t kWorkerLimit = 32;
 
 // As many slow checks (password, rights, membership) at once as an administrator could plausibly
-// want; one user alone cannot have them all, so that the checks of another never wait for those of
-// the first to time out.
+// want. One user cannot occupy all threads, so the checks of another never wait for those of the
+// first to time out.
 constexpr std::size_t kCheckLimit = 32;
-constexpr std::size_t kCheckLimitOfUser = 12;
+constexpr std::size_t kCheckLimitPerUser = 12;
 
 Reactor* startIoReactor() {
   auto* const reactor = new Reactor;
@@ -35,7 +34,7 @@ Reactor* startIoReactor() {
 
 }  // namespace
 
-// Neither is ever destroyed: exit() runs on one thread while the others go on working.
+// None of these is ever destroyed: exit() runs on one thread while the others keep working.
 
 Reactor& ioReactor() {
   static Reactor* const reactor = startIoReactor();
@@ -48,7 +47,7 @@ WorkerPool& globalQueue() {
 }
 
 WorkerPool& checkQueue() {
-  static WorkerPool* const pool = new WorkerPool(kCheckLimit, kCheckLimitOfUser);
+  static WorkerPool* const pool = new WorkerPool(kCheckLimit, kCheckLimitPerUser);
   return *pool;
 }
 

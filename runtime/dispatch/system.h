@@ -6,19 +6,19 @@ namespace keel {
 class Reactor;
 class WorkerPool;
 
-// The reactor of this process's I/O thread; both are started on the first call and live until the
-// process ends.
+// Returns the reactor of this process's I/O thread; both are started on the first call and live
+// until the process ends.
 Reactor& ioReactor();
 
-// The global queue of default priority: the worker pool of this process, made on the first call,
-// kept until it ends.
+// Returns the global queue of default priority: the worker pool of this process, created on the
+// first call and kept until the process ends.
 WorkerPool& globalQueue();
 
-// The same for work that waits for others for seconds: the checks of passwords and rights. Its
-// lanes are for the users on whose behalf it waits.
+// Returns the pool for work that may block for seconds: checks of passwords and rights. Its lanes
+// are keyed by the user on whose behalf it blocks.
 WorkerPool& checkQueue();
 
-// Parks the calling thread for good. The process ends through exit() on another thread.
+// Parks the calling thread for good. Another thread ends the process through exit().
 [[noreturn]] void dispatchMain();
 
 }  // namespace keel

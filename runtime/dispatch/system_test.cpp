@@ -21,14 +21,14 @@ std::string currentThreadName() {
   return name.data();
 }
 
-TEST(IoReactor, IsOneAndRunsOnAThreadOfItsOwn) {
+TEST(IoReactor, IsASingletonOnAThreadOfItsOwn) {
   EXPECT_EQ(&ioReactor(), &ioReactor());
   std::promise<std::string> name;
   ioReactor().post([&name] { name.set_value(currentThreadName()); });
   EXPECT_EQ(name.get_future().get(), "keel-io");
 }
 
-TEST(GlobalQueue, IsOneAndRunsOnWorkers) {
+TEST(GlobalQueue, IsASingletonThatRunsOnWorkers) {
   EXPECT_EQ(&globalQueue(), &globalQueue());
   std::promise<std::string> name;
   SerialQueue::create("test", globalQueue())->async([&name] {

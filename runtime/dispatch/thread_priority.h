@@ -5,12 +5,12 @@
 
 namespace keel {
 
-// Steps of nice(1), downwards.
-inline constexpr int kPreferredSteps = 5;
+// In steps of nice(1).
+inline constexpr int kPriorityIncrease = 5;
 
-// Has the calling thread run before ordinary ones that are ready, too, by kPreferredSteps. Threads
-// and programs that it starts are ordinary. Nothing where somebody has chosen a priority for the
-// process already. An error where this process may not.
-std::error_code preferThisThread();
+// Raises the priority of the calling thread above ordinary ones by kPriorityIncrease. Threads and
+// programs that it starts get the ordinary priority. Does nothing if somebody has already chosen a
+// priority for the process. Fails where the process lacks the permission.
+std::error_code raiseThreadPriority();
 
 }  // namespace keel

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Each thread has a priority of its own here (sched(7)), and the calls mean the calling one.
-// sched_setattr(2), since filters that forbid real-time priorities (RestrictRealtime= of a unit)
-// forbid the older call together with its flag. The C library has neither a function for it nor its
-// structure, and the kernel's header does not go with the library's.
+// Linux gives each thread a priority of its own (sched(7)), and the calls apply to the calling one.
+// Uses sched_setattr(2), since filters that forbid real-time priorities (RestrictRealtime= of a
+// unit) forbid the older call together with its flag. The C library has neither a wrapper for it
+// nor its structure, and the kernel's header conflicts with the library's.
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -17,7 +17,7 @@ namespace keel {
 
 namespace {
 
-// As sched_setattr(2) has it.
+// The layout of sched_setattr(2).
 struct SchedulingAttributes {
   std::uint32_t size;
   std::uint32_t policy;
@@ -34,13 +34,13 @@ constexpr std::uint64_t kResetOnFork = 1;
 
 }  // namespace
 
-std::error_code preferThisThread() {
+std::error_code raiseThreadPriority() {
   if (::getpriority(PRIO_PROCESS, 0) != 0) return {};
   SchedulingAttributes attributes{};
   attributes.size = sizeof attributes;
   attributes.policy = SCHED_OTHER;
   attributes.flags = kResetOnFork;
-  attributes.nice = -kPreferredSteps;
+  attributes.nice = -kPriorityIncrease;
   if (::syscall(SYS_sched_setattr, 0, &attributes, 0) == 0) return {};
   return {errno, std::system_category()};
 }

@@ -15,25 +15,25 @@ int priorityOfThisThread() {
   return ::getpriority(PRIO_PROCESS, 0);
 }
 
-// What preferThisThread() makes of a thread here: not everybody may raise a priority, and one that
-// was chosen stays.
-int raised() {
+// Returns the priority that raiseThreadPriority() gives a thread here: not every user may raise it,
+// and one that was chosen stays.
+int expectedPriority() {
   int priority = priorityOfThisThread();
   if (priority != 0) return priority;
   std::thread([&priority] {
-    priority = ::setpriority(PRIO_PROCESS, 0, -kPreferredSteps) == 0 ? -kPreferredSteps : 0;
+    priority = ::setpriority(PRIO_PROCESS, 0, -kPriorityIncrease) == 0 ? -kPriorityIncrease : 0;
   }).join();
   return priority;
 }
 
-TEST(PreferredThread, GoesFirstAndLeavesOthersAlone) {
+TEST(RaiseThreadPriority, RaisesTheCallingThreadAlone) {
   const int usual = priorityOfThisThread();
-  const int expected = raised();
+  const int expected = expectedPriority();
   int own = 1;
   int child = 1;
   int program = 1;
   std::thread([&] {
-    EXPECT_EQ(!preferThisThread(), expected != 0);
+    EXPECT_EQ(!raiseThreadPriority(), expected != 0);
     own = priorityOfThisThread();
     std::thread([&child] { child = priorityOfThisThread(); }).join();
     const pid_t forked = ::fork();
@@ -48,11 +48,11 @@ TEST(PreferredThread, GoesFirstAndLeavesOthersAlone) {
   EXPECT_EQ(priorityOfThisThread(), usual);
 }
 
-TEST(PreferredThread, KeepsAPriorityThatWasChosen) {
+TEST(RaiseThreadPriority, KeepsAChosenPriority) {
   int own = 0;
   std::thread([&own] {
     ASSERT_EQ(::setpriority(PRIO_PROCESS, 0, 19), 0);
-    EXPECT_FALSE(preferThisThread());
+    EXPECT_FALSE(raiseThreadPriority());
     own = priorityOfThisThread();
   }).join();
   EXPECT_EQ(own, 19);

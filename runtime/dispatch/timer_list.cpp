@@ -31,7 +31,7 @@ bool TimerList::runDue(TimePoint now) {
   const Id end = nextId_;
   for (auto first = blocks_.begin(); first != blocks_.end(); first = blocks_.begin()) {
     const auto [due, timer] = first->first;
-    // A timer added meanwhile is due at `now` at the earliest, so it stands behind all that were
+    // A timer added meanwhile is due at `now` at the earliest, so it sorts after all that were
     // there before.
     if (due > now || timer >= end) break;
     auto running = blocks_.extract(first);

@@ -12,25 +12,25 @@
 
 namespace keel {
 
-// Blocks with the time at which each is due. Knows no clock; whoever owns it tells it the time.
+// Blocks with their due times. Has no clock: the owner passes the time.
 class TimerList {
  public:
   using Id = std::uint64_t;
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  // Never 0.
+  // Returns an id, never 0.
   Id add(TimePoint due, Block block);
-  // Destroys the block. Does nothing for one that has run or was cancelled.
+  // Destroys the block. Has no effect on a timer that has run or was cancelled.
   void cancel(Id timer);
 
   bool empty() const { return blocks_.empty(); }
-  // When the first is due; none when there is none.
+  // Returns when the first timer is due, if there is one.
   std::optional<TimePoint> nextDue() const;
 
-  // Runs what is due at `now`, in the order of the due times, those of equal times in the order of
-  // the adding. What is added meanwhile runs the next time. Returns whether there was any.
+  // Runs what is due at `now`, by due time, then in the order of addition. Timers added meanwhile
+  // are left for the next call. Returns false if none was due.
   bool runDue(TimePoint now);
-  // Destroys all.
+  // Destroys all blocks without running them.
   void clear();
 
  private:

@@ -43,7 +43,7 @@ TEST_F(TimerListTest, RunsATimerOnce) {
   EXPECT_TRUE(timers_.empty());
 }
 
-TEST_F(TimerListTest, RunsInTheOrderOfTheDueTimesThenOfTheAdding) {
+TEST_F(TimerListTest, RunsTimersByDueTimeThenByAddition) {
   timers_.add(start_ + milliseconds(2), record(2));
   timers_.add(start_ + milliseconds(1), record(1));
   timers_.add(start_ + milliseconds(2), record(3));
@@ -51,7 +51,7 @@ TEST_F(TimerListTest, RunsInTheOrderOfTheDueTimesThenOfTheAdding) {
   EXPECT_THAT(ran_, ElementsAre(1, 2, 3));
 }
 
-TEST_F(TimerListTest, TellsWhenTheFirstIsDue) {
+TEST_F(TimerListTest, NextDueIsTheTimeOfTheFirstTimer) {
   EXPECT_EQ(timers_.nextDue(), std::nullopt);
   timers_.add(start_ + milliseconds(2), record(1));
   const auto first = timers_.add(start_ + milliseconds(1), record(2));
@@ -68,7 +68,7 @@ TEST_F(TimerListTest, DoesNotRunACancelledTimer) {
   EXPECT_FALSE(timers_.runDue(start_));
 }
 
-TEST_F(TimerListTest, CancellingWhatIsNotThereDoesNothing) {
+TEST_F(TimerListTest, CancellingAnUnknownTimerHasNoEffect) {
   const auto timer = timers_.add(start_, record(1));
   timers_.add(start_ + milliseconds(1), record(2));
   timers_.runDue(start_);
@@ -78,7 +78,7 @@ TEST_F(TimerListTest, CancellingWhatIsNotThereDoesNothing) {
   EXPECT_THAT(ran_, ElementsAre(1, 2));
 }
 
-TEST_F(TimerListTest, ATimerMayCancelAnotherThatIsDueToo) {
+TEST_F(TimerListTest, ATimerMayCancelAnotherDueTimer) {
   TimerList::Id second = 0;
   timers_.add(start_, [this, &second] { timers_.cancel(second); });
   second = timers_.add(start_, record(2));
@@ -87,7 +87,7 @@ TEST_F(TimerListTest, ATimerMayCancelAnotherThatIsDueToo) {
   EXPECT_THAT(ran_, ElementsAre(3));
 }
 
-TEST_F(TimerListTest, ATimerAddedByATimerRunsTheNextTime) {
+TEST_F(TimerListTest, ATimerAddedByATimerIsLeftForTheNextRun) {
   timers_.add(start_, [this] { timers_.add(start_, record(2)); });
   timers_.add(start_, record(1));
   timers_.runDue(start_);
@@ -96,7 +96,7 @@ TEST_F(TimerListTest, ATimerAddedByATimerRunsTheNextTime) {
   EXPECT_THAT(ran_, ElementsAre(1, 2));
 }
 
-TEST_F(TimerListTest, TheDestructionOfACancelledBlockMayAddAndCancel) {
+TEST_F(TimerListTest, TheDestructorOfACancelledBlockMayAddAndCancel) {
   const auto other = timers_.add(start_, record(1));
   const auto cancelsAndAdds = [this, other](void*) {
     timers_.cancel(other);

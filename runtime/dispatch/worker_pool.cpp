@@ -12,9 +12,9 @@
 
 namespace keel {
 
-WorkerPool::WorkerPool(std::size_t threadLimit, std::size_t threadLimitOfLane)
-    : threadLimit_(threadLimit), threadLimitOfLane_(threadLimitOfLane) {
-  KEEL_CHECK(threadLimit > 0 && threadLimitOfLane > 0);
+WorkerPool::WorkerPool(std::size_t threadLimit, std::size_t threadLimitPerLane)
+    : threadLimit_(threadLimit), threadLimitPerLane_(threadLimitPerLane) {
+  KEEL_CHECK(threadLimit > 0 && threadLimitPerLane > 0);
 }
 
 WorkerPool::~WorkerPool() {
@@ -59,9 +59,9 @@ void WorkerPool::schedule(std::shared_ptr<SerialQueue> queue, Lane& lane) {
   readied_.notify_one();
 }
 
-// Whether work of the lane may begin now.
+// Returns true if work of the lane may begin now.
 bool WorkerPool::makeReady(Lane& lane) {
-  if (lane.scheduled.empty() || lane.runningCount == threadLimitOfLane_) return false;
+  if (lane.scheduled.empty() || lane.runningCount == threadLimitPerLane_) return false;
   if (!std::exchange(lane.isReady, true)) ready_.push_back(&lane);
   return true;
 }
@@ -97,11 +97,12 @@ void WorkerPool::work() {
     lane.isReady = false;
     auto queue = takeFrom(lane);
     ++lane.runningCount;
-    // Behind the others: each lane has its turn.
+    // Goes behind the other lanes.
     makeReady(lane);
     lock.unlock();
-    queue->runTurn();
-    // Released before the lock is taken: with it may go blocks, whose destruction may schedule.
+    queue->runBatch();
+    // Released before the lock is taken: blocks may be destroyed with it, and their destruction may
+    // schedule.
     queue.reset();
     lock.lock();
     --lane.runningCount;

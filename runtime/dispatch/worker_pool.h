@@ -17,17 +17,16 @@
 
 namespace keel {
 
-// A bounded number of threads for work that may block. Threads are started as work arrives, up to
-// the bound, and kept. Where the machine gives no more, those that exist do the work.
+// A bounded number of threads for work that may block. Threads start as work arrives, up to the
+// bound, and are kept. If the system has no more, the existing ones do the work.
 //
-// Work may come in lanes, one for each of those whose work must not hold up that of the others: the
-// lanes with something to do take turns, and one lane has no more than a bounded number of the
-// threads.
+// Work may be split into lanes, one per owner whose work must not hold up that of others: lanes
+// with work are served round-robin, and one lane occupies no more than a bounded number of threads.
 class WorkerPool final : public Executor {
  public:
   explicit WorkerPool(std::size_t threadLimit) : WorkerPool(threadLimit, threadLimit) {}
-  WorkerPool(std::size_t threadLimit, std::size_t threadLimitOfLane);
-  // Lets running turns end, drops those not begun, joins the threads.
+  WorkerPool(std::size_t threadLimit, std::size_t threadLimitPerLane);
+  // Waits for running batches, drops those not begun, joins the threads.
   ~WorkerPool() override;
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
@@ -37,10 +36,11 @@ class WorkerPool final : public Executor {
   // work calls this first.
   std::error_code start();
 
-  // In a lane of its own, shared by all that is scheduled here.
+  // Schedules in a lane shared by all that is scheduled here.
   void schedule(std::shared_ptr<SerialQueue> queue) override { common_.schedule(std::move(queue)); }
 
-  // The lane of that owner, made on the first call and kept as long as the pool. From any thread.
+  // Returns the lane of that owner, created on the first call and kept as long as the pool. From
+  // any thread.
   Executor& laneOf(std::uint64_t owner);
 
  private:
@@ -54,7 +54,7 @@ class WorkerPool final : public Executor {
     // All under the pool's mutex.
     std::deque<std::shared_ptr<SerialQueue>> scheduled;
     std::size_t runningCount = 0;
-    bool isReady = false;  // among the ready ones
+    bool isReady = false;  // in ready_
 
    private:
     WorkerPool& pool_;
@@ -68,13 +68,12 @@ class WorkerPool final : public Executor {
   std::error_code startThread();
 
   const std::size_t threadLimit_;
-  const std::size_t threadLimitOfLane_;
+  const std::size_t threadLimitPerLane_;
   std::mutex mutex_;
   std::condition_variable readied_;
   Lane common_{*this};
   std::unordered_map<std::uint64_t, std::unique_ptr<Lane>> lanes_;  // under mutex_
-  std::deque<Lane*>
-      ready_;  // lanes with work that may begin, in the order of their turns; under mutex_
+  std::deque<Lane*> ready_;           // lanes with work that may begin, round-robin; under mutex_
   std::vector<std::thread> threads_;  // under mutex_
   std::size_t scheduledCount_ = 0;    // in all lanes; under mutex_
   std::size_t idleCount_ = 0;         // under mutex_

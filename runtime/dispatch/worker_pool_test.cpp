@@ -52,9 +52,9 @@ TEST(WorkerPool, NeverRunsTwoBlocksOfAQueueAtOnce) {
   }
 }
 
-TEST(WorkerPool, RunsAsManyTurnsAtOnceAsItsLimitAndNotMore) {
+TEST(WorkerPool, RunsAsManyQueuesAtOnceAsItsLimitAndNoMore) {
   constexpr std::ptrdiff_t kLimit = 3;
-  std::barrier together(kLimit);  // each turn waits until kLimit are running
+  std::barrier together(kLimit);  // each block waits until kLimit are running
   std::atomic<std::ptrdiff_t> running{0};
   std::atomic<std::ptrdiff_t> most{0};
   std::latch done(3 * kLimit);
@@ -73,7 +73,7 @@ TEST(WorkerPool, RunsAsManyTurnsAtOnceAsItsLimitAndNotMore) {
   EXPECT_EQ(most, kLimit);
 }
 
-TEST(WorkerPool, ABlockedTurnHoldsUpItsOwnQueueAlone) {
+TEST(WorkerPool, ABlockedBlockHoldsUpItsOwnQueueAlone) {
   WorkerPool pool(2);
   const auto stuck = SerialQueue::create("stuck", pool);
   const auto free = SerialQueue::create("free", pool);
@@ -91,13 +91,13 @@ TEST(WorkerPool, ABlockedTurnHoldsUpItsOwnQueueAlone) {
   ended.get_future().wait();
 }
 
-TEST(WorkerPool, OneLaneLeavesThreadsToTheOthers) {
-  WorkerPool pool(3, /*threadLimitOfLane=*/2);
+TEST(WorkerPool, OneLaneCannotOccupyAllThreads) {
+  WorkerPool pool(3, /*threadLimitPerLane=*/2);
   std::promise<void> release;
   const auto released = release.get_future().share();
   std::latch stuck(2);
   std::latch ended(5);
-  // Five that get stuck, of which two may begin.
+  // Five that block, of which two may begin.
   for (int i = 0; i < 5; ++i) {
     SerialQueue::create("stuck", pool.laneOf(501))->async([&stuck, &ended, released, i] {
       if (i < 2) stuck.count_down();
@@ -116,7 +116,7 @@ TEST(WorkerPool, OneLaneLeavesThreadsToTheOthers) {
   ended.wait();
 }
 
-TEST(WorkerPool, LanesTakeTurns) {
+TEST(WorkerPool, LanesAreServedRoundRobin) {
   WorkerPool pool(1);
   std::promise<void> release;
   std::promise<void> begun;
@@ -140,13 +140,13 @@ TEST(WorkerPool, LanesTakeTurns) {
   EXPECT_EQ(order, "abcaaa");
 }
 
-TEST(WorkerPool, AnOwnersLaneIsAlwaysTheSame) {
+TEST(WorkerPool, LaneOfReturnsTheSameLaneForTheSameOwner) {
   WorkerPool pool(1);
   EXPECT_EQ(&pool.laneOf(501), &pool.laneOf(501));
   EXPECT_NE(&pool.laneOf(501), &pool.laneOf(502));
 }
 
-TEST(WorkerPool, DropsWhatWaitsInLanesWhenItEnds) {
+TEST(WorkerPool, DestructorDropsQueuesThatWaitInLanes) {
   std::weak_ptr<SerialQueue> released;
   std::promise<void> release;
   std::promise<void> begun;
@@ -180,7 +180,7 @@ TEST(WorkerPool, NamesItsThreadsAndGivesEachAStackForACrash) {
   EXPECT_TRUE(hasCrashStack);
 }
 
-TEST(WorkerPool, DropsTurnsThatHaveNotBegunWhenItEnds) {
+TEST(WorkerPool, DestructorDropsQueuesThatHaveNotBegun) {
   std::weak_ptr<SerialQueue> released;
   std::function<void(const std::shared_ptr<SerialQueue>&)> feedItself;
   {
@@ -189,7 +189,7 @@ TEST(WorkerPool, DropsTurnsThatHaveNotBegunWhenItEnds) {
     released = queue;
     std::latch begun(1);
     queue->async([&begun] { begun.count_down(); });
-    // There is always one more turn to run.
+    // There is always another batch to run.
     feedItself = [&feedItself](const std::shared_ptr<SerialQueue>& fed) {
       fed->async([&feedItself, fed] { feedItself(fed); });
     };
@@ -221,7 +221,7 @@ class NoMoreThreads {
   pthread_attr_t before_;
 };
 
-TEST(WorkerPool, SaysThatItsFirstThreadCannotBeStarted) {
+TEST(WorkerPool, StartReportsThatThereIsNoThread) {
   WorkerPool pool(2);
   {
     const NoMoreThreads full;
@@ -251,7 +251,7 @@ TEST(WorkerPool, WorkWaitsForTheFirstThread) {
   ended.wait();
 }
 
-TEST(WorkerPool, EndsWithoutEverHavingWorked) {
+TEST(WorkerPool, CanBeDestroyedUnused) {
   WorkerPool pool(1);
 }
 

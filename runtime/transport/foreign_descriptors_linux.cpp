@@ -17,11 +17,11 @@ namespace {
 // A few threads for each user, so that one descriptor that waits does not hold up the others at
 // once, and for no user so many that those of others have to wait.
 constexpr std::size_t kClosingThreads = 64;
-constexpr std::size_t kClosingThreadsOfUser = 4;
+constexpr std::size_t kClosingThreadsPerUser = 4;
 
 // Never destroyed: exit() runs on one thread while the others go on working.
 WorkerPool& closingThreads() {
-  static WorkerPool& threads = *new WorkerPool(kClosingThreads, kClosingThreadsOfUser);
+  static WorkerPool& threads = *new WorkerPool(kClosingThreads, kClosingThreadsPerUser);
   return threads;
 }
 

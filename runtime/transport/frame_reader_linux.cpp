@@ -26,7 +26,7 @@ FrameReader::Outcome FrameReader::read(int socket) {
   const std::size_t kept =
       splitter_.keptBytes() <= TransportContext::kHeadroomBytes ? splitter_.take(buffer) : 0;
   Reactor& reactor = context_.reactor();
-  iovec vector{buffer.data() + kept, reactor.fairReadBytes()};
+  iovec vector{buffer.data() + kept, reactor.readBudgetBytes()};
   alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerRead * sizeof(int))>
       control;
   msghdr header{};
@@ -44,7 +44,7 @@ FrameReader::Outcome FrameReader::read(int socket) {
   inRead_ = true;
   Outcome outcome;
   if (received > 0) {
-    if (received == static_cast<ssize_t>(vector.iov_len)) reactor.noteFullRead();
+    if (received == static_cast<ssize_t>(vector.iov_len)) reactor.noteReadBudgetExhausted();
     if (header.msg_controllen > 0) takeFiles(header, outcome);
   } else if (received == 0) {
     reachedEnd_ = true;

@@ -16,7 +16,7 @@ TransportContext& TransportContext::ofIoThread() {
 }
 
 std::span<std::byte> TransportContext::readBuffer() {
-  constexpr std::size_t kSizeBytes = kHeadroomBytes + Reactor::kMostReadBytes;
+  constexpr std::size_t kSizeBytes = kHeadroomBytes + Reactor::kMaximumReadBudgetBytes;
   if (!readBuffer_) readBuffer_ = std::make_unique_for_overwrite<std::byte[]>(kSizeBytes);
   return {readBuffer_.get(), kSizeBytes};
 }
