@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "runtime/foundation/cbor.h"
+#include "runtime/foundation/utf8.h"
 #include "runtime/wire/limits.h"
 
 namespace keel {
@@ -53,7 +54,7 @@ std::optional<ClientError> checkEncodable(const Value& value, std::size_t depthL
 }  // namespace
 
 std::optional<ClientError> checkText(const String& text, const char* what) {
-  if (!cbor::isUtf8(text.view())) return badArgument(fmt::format("{} is not valid UTF-8", what));
+  if (!isUtf8(text.view())) return badArgument(fmt::format("{} is not valid UTF-8", what));
   return checkSize(text.view().size(), what);
 }
 

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <iterator>
 
-#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/utf8.h"
 
 namespace keel {
 
@@ -60,7 +60,7 @@ std::size_t columnsOfLetter(std::uint32_t letter) {
 std::size_t letterBytes(std::string_view text, std::uint32_t& letter) {
   const auto first = static_cast<unsigned char>(text[0]);
   const std::size_t size = first < 0x80 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
-  if (size > text.size() || !cbor::isUtf8(text.substr(0, size))) return 0;
+  if (size > text.size() || !isUtf8(text.substr(0, size))) return 0;
   constexpr unsigned kFirstMask[] = {0, 0x7f, 0x1f, 0x0f, 0x07};
   letter = first & kFirstMask[size];
   for (std::size_t i = 1; i < size; ++i)

@@ -6,8 +6,8 @@
 
 #include "modules/module_name.h"
 #include "platform/bundle/directory_listing.h"
-#include "runtime/foundation/cbor.h"
 #include "runtime/foundation/exception.h"
+#include "runtime/foundation/utf8.h"
 #include "runtime/logging/logger.h"
 
 namespace keel {
@@ -67,7 +67,7 @@ void KLNModuleManager::loadAllModules() {
 }
 
 void KLNModuleManager::loadModule(const std::string& path) {
-  if (!cbor::isUtf8(path)) {
+  if (!isUtf8(path)) {
     logger().error("loadAllModules: the name of {} is not UTF-8; give it another one", path);
     logger().error("loadAllModules: can't load module at {}", path);
   } else if (loadModuleIfNeededFromPath(path, authorization_.get())) {

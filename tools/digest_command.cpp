@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/utf8.h"
 #include "runtime/foundation/value.h"
 #include "tools/password_input.h"
 #include "tools/table.h"
@@ -39,8 +39,8 @@ int reportFailure(Console& console, const Error& error) {
 // Whether user and realm can stand in the file; tells a person when they cannot.
 bool canBeWritten(Console& console, const DigestOptions& options) {
   const bool canBe = DigestCredentials::canBeUser(options.user) &&
-                     DigestCredentials::canBeRealm(options.realm) && cbor::isUtf8(options.user) &&
-                     cbor::isUtf8(options.realm);
+                     DigestCredentials::canBeRealm(options.realm) && isUtf8(options.user) &&
+                     isUtf8(options.realm);
   if (!canBe) {
     reportUsage(console,
                 "users and realms are valid UTF-8 without : and control characters, and not empty; "

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "runtime/foundation/cbor.h"
 #include "runtime/foundation/file_descriptor.h"
+#include "runtime/foundation/utf8.h"
 #include "tools/signals.h"
 
 namespace keel {
@@ -36,7 +36,7 @@ std::expected<Secret, std::string> readLine(int descriptor) {
       return Failure(fmt::format("the password has more than {} bytes", kLongestPasswordBytes));
   }
   line.shrink(size);
-  if (!cbor::isUtf8(line.text())) return Failure("the password is not valid UTF-8");
+  if (!isUtf8(line.text())) return Failure("the password is not valid UTF-8");
   return line;
 }
 

@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "client/shown_text.h"
-#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/utf8.h"
 #include "tools/json_value.h"
 
 namespace keel {
@@ -49,7 +49,7 @@ ExitCode reportUsage(Console& console, const std::string& what) {
 }
 
 bool isName(Console& console, const std::string& name) {
-  if (cbor::isUtf8(name)) return true;
+  if (isUtf8(name)) return true;
   reportUsage(console, "the name is not valid UTF-8");
   return false;
 }

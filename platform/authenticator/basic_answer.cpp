@@ -6,7 +6,7 @@
 
 #include "platform/authenticator/auth_parameters.h"
 #include "runtime/foundation/base64.h"
-#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/utf8.h"
 
 namespace keel {
 
@@ -20,7 +20,7 @@ std::optional<BasicAnswer> BasicAnswer::parse(std::string_view text) {
   const bool hasControl = std::ranges::any_of(
       decoded.text(), [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; });
   const std::size_t colon = decoded.text().find(':');
-  if (hasControl || !cbor::isUtf8(decoded.text()) || colon == std::string_view::npos || colon == 0)
+  if (hasControl || !isUtf8(decoded.text()) || colon == std::string_view::npos || colon == 0)
     return std::nullopt;
   return BasicAnswer(std::move(decoded), colon);
 }

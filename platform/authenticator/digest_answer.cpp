@@ -5,7 +5,7 @@
 #include <charconv>
 
 #include "platform/authenticator/auth_parameters.h"
-#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/utf8.h"
 
 namespace keel {
 
@@ -46,7 +46,7 @@ std::optional<std::string> decodeExtended(std::string_view text) {
       return std::nullopt;
     }
   }
-  if (!cbor::isUtf8(decoded)) return std::nullopt;
+  if (!isUtf8(decoded)) return std::nullopt;
   return decoded;
 }
 

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "platform/supervisor/supervisor_error.h"
-#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/utf8.h"
 #include "runtime/logging/logger.h"
 
 namespace keel {
@@ -34,7 +34,7 @@ std::optional<Error> errorOfLabel(const String& label) {
 
 bool LastRefusal::note(const Value& dictionary, Error* error, Error problem) {
   const std::string_view label = dictionary.textOf("Label");
-  label_ = cbor::isUtf8(label) ? String(label) : String();
+  label_ = isUtf8(label) ? String(label) : String();
   problem_ = problem;
   return refuse(error, std::move(problem));
 }

@@ -10,7 +10,7 @@
 #include <limits>
 #include <string_view>
 
-#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/utf8.h"
 
 namespace keel {
 
@@ -278,7 +278,7 @@ void settleJob(Job& job) {
 }
 
 bool isJobText(const std::string& text) {
-  return cbor::isUtf8(text) && text.find('\0') == std::string::npos;
+  return isUtf8(text) && text.find('\0') == std::string::npos;
 }
 
 Read readTexts(const Value& value, std::vector<std::string>& texts) {

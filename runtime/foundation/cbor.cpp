@@ -1,210 +1,104 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "runtime/foundation/cbor.h"
 
-#include <cmath>
+#include <string>
+#include <utility>
 
-#include "runtime/foundation/cbor_reading.h"
+#include "runtime/foundation/cbor_cursor.h"
 #include "runtime/foundation/check.h"
 
-// How an item is checked without recursion.
-//
-// Of each open container only one number matters: how many items (of a map: how many pairs) are
-// still to come. The innermost container's number lives in `left_`; those around it wait in
-// `outer_`, one word each, with the lowest bit set for a map. An item that ends closes every
-// container for which it was the last one. A map's key is checked where the pair is begun, so that
-// the loop proper sees values only.
-//
-// A count is compared with the bytes that are there before it is believed: each item takes a byte
-// at least. So counts never overflow, and a map that claims 2^60 pairs is refused at once.
-//
-// An error (tag 51741) is an array of three whose first two items are checked on the spot; the
-// third is left to the loop, inside a container of which nothing more is to come.
+// Decoding follows validation and relies on it: depth is bounded, so building may recurse, and
+// every count is at most the number of bytes, so space may be reserved. A read that fails here
+// means that validate() and Cursor disagree.
 
 namespace keel::cbor {
 
 namespace {
 
-class Checker {
- public:
-  Checker(const std::byte* end, std::size_t maximumDepth)
-      : end_(end), maximumDepth_(maximumDepth) {}
+Value build(Cursor& cursor);
 
-  const std::byte* item(const std::byte* at, Fault& fault);
-
- private:
-  const std::byte* key(const std::byte* at, Fault& fault);
-  const std::byte* errorUpToUserInfo(const std::byte* at, Fault& fault);
-  const std::byte* simple(const std::byte* at, Fault& fault) const;
-  bool open(std::uint64_t count, bool isMap, std::size_t roomBytes, Fault& fault);
-  bool closeFinished();
-
-  const std::byte* end_;
-  std::size_t maximumDepth_;
-  std::size_t depth_ = 0;
-  std::uint64_t left_ = 0;
-  bool inMap_ = false;
-  std::uint64_t outer_[kDepthCapacity];
-};
-
-inline const std::byte* refuse(Fault why, Fault& fault) {
-  fault = why;
-  return nullptr;
+std::string buildText(Cursor& cursor) {
+  std::string_view text;
+  KEEL_CHECK(cursor.text(text));
+  return std::string(text);
 }
 
-inline bool Checker::open(std::uint64_t count, bool isMap, std::size_t roomBytes, Fault& fault) {
-  if (depth_ == maximumDepth_) return refuse(Fault::tooDeep, fault);
-  if (count > (isMap ? roomBytes / 2 : roomBytes)) return refuse(Fault::truncated, fault);
-  outer_[depth_++] = left_ << 1 | (inMap_ ? 1U : 0U);
-  left_ = count;
-  inMap_ = isMap;
-  return true;
+Value buildInteger(Cursor& cursor) {
+  std::uint64_t natural;
+  if (cursor.unsignedInteger(natural)) return Value(natural);
+  std::int64_t negative;
+  KEEL_CHECK(cursor.integer(negative));
+  return Value(negative);
 }
 
-// Closes the containers that end here. False when the outermost item has ended.
-inline bool Checker::closeFinished() {
-  while (left_ == 0) {
-    if (depth_ == 0) return false;
-    const std::uint64_t outer = outer_[--depth_];
-    left_ = outer >> 1;
-    inMap_ = (outer & 1) != 0;
+Value buildBytes(Cursor& cursor) {
+  std::span<const std::byte> bytes;
+  KEEL_CHECK(cursor.bytes(bytes));
+  return Value(Value::Bytes(bytes.begin(), bytes.end()));
+}
+
+Value buildList(Cursor& cursor) {
+  std::uint64_t count;
+  KEEL_CHECK(cursor.array(count));
+  Value::List list;
+  list.reserve(count);
+  for (; count > 0; --count) list.push_back(build(cursor));
+  return Value(std::move(list));
+}
+
+Value buildMap(Cursor& cursor) {
+  std::uint64_t pairCount;
+  KEEL_CHECK(cursor.map(pairCount));
+  Value::Map map;
+  map.reserve(pairCount);
+  for (; pairCount > 0; --pairCount) {
+    std::string key = buildText(cursor);
+    map.push_back(Member{std::move(key), build(cursor)});
   }
-  return true;
+  return Value(std::move(map));
 }
 
-inline const std::byte* Checker::key(const std::byte* at, Fault& fault) {
-  if (at == end_) return refuse(Fault::truncated, fault);
-  if (majorOf(*at) != Major::text) return refuse(Fault::keyNotText, fault);
-  Head head;
-  at = readHead(at, end_, head, fault);
-  return at == nullptr ? nullptr : readTextContent(at, end_, head.argument, fault);
+Value buildTagged(Cursor& cursor) {
+  Date date;
+  if (cursor.date(date)) return Value(date);
+  Error error;
+  KEEL_CHECK(cursor.error(error, kDepthCapacity));
+  return Value(std::move(error));
 }
 
-inline const std::byte* Checker::simple(const std::byte* at, Fault& fault) const {
-  const auto initial = std::to_integer<std::uint8_t>(*at);
-  if (initial >= kFalse && initial <= kNull) return at + 1;
-  double ignored;
-  return readReal(at, end_, ignored, fault);
+Value buildSimple(Cursor& cursor) {
+  if (cursor.null()) return Value();
+  bool boolean;
+  if (cursor.boolean(boolean)) return Value(boolean);
+  double real;
+  KEEL_CHECK(cursor.real(real));
+  return Value(real);
 }
 
-// From behind the tag to before the user info, which is then sure to be a map or null if it is
-// there at all.
-const std::byte* Checker::errorUpToUserInfo(const std::byte* at, Fault& fault) {
-  constexpr auto kArrayOfThree = std::byte{0x83};
-  if (at == end_) return refuse(Fault::truncated, fault);
-  if (*at != kArrayOfThree) return refuse(Fault::badTagContent, fault);
-  ++at;
-  if (!open(1, /*isMap=*/false, bytesBetween(at, end_), fault)) return nullptr;
-  left_ = 0;
-
-  if (at == end_) return refuse(Fault::truncated, fault);
-  if (majorOf(*at) != Major::text) return refuse(Fault::badTagContent, fault);
-  at = key(at, fault);
-  if (at == nullptr) return nullptr;
-
-  if (at == end_) return refuse(Fault::truncated, fault);
-  if (majorOf(*at) > Major::negativeInteger) return refuse(Fault::badTagContent, fault);
-  Head code;
-  at = readHead(at, end_, code, fault);
-  if (at == nullptr) return nullptr;
-  if (code.argument > kInt64Limit) {
-    return refuse(code.major == Major::negativeInteger ? Fault::integerRange : Fault::badTagContent,
-                  fault);
+Value build(Cursor& cursor) {
+  const auto major = cursor.majorType();
+  KEEL_CHECK(major.has_value());
+  switch (static_cast<Major>(*major)) {
+    case Major::unsignedInteger:
+    case Major::negativeInteger:
+      return buildInteger(cursor);
+    case Major::bytes:
+      return buildBytes(cursor);
+    case Major::text:
+      return Value(buildText(cursor));
+    case Major::array:
+      return buildList(cursor);
+    case Major::map:
+      return buildMap(cursor);
+    case Major::tag:
+      return buildTagged(cursor);
+    case Major::simple:
+      break;
   }
-
-  if (at == end_) return refuse(Fault::truncated, fault);
-  if (*at != std::byte{kNull} && majorOf(*at) != Major::map)
-    return refuse(Fault::badTagContent, fault);
-  return at;
-}
-
-inline const std::byte* Checker::item(const std::byte* at, Fault& fault) {
-  for (;;) {
-    if (at == end_) return refuse(Fault::truncated, fault);
-    if (majorOf(*at) == Major::simple) {
-      at = simple(at, fault);
-      if (at == nullptr) return nullptr;
-    } else {
-      Head head;
-      at = readHead(at, end_, head, fault);
-      if (at == nullptr) return nullptr;
-      switch (head.major) {
-        case Major::unsignedInteger:
-          break;
-        case Major::negativeInteger:
-          if (head.argument > kInt64Limit) return refuse(Fault::integerRange, fault);
-          break;
-        case Major::bytes:
-          if (head.argument > bytesBetween(at, end_)) return refuse(Fault::truncated, fault);
-          at += head.argument;
-          break;
-        case Major::text:
-          at = readTextContent(at, end_, head.argument, fault);
-          if (at == nullptr) return nullptr;
-          break;
-        case Major::array:
-        case Major::map:
-          if (!open(head.argument, head.major == Major::map, bytesBetween(at, end_), fault))
-            return nullptr;
-          break;
-        case Major::tag:
-          if (head.argument == kErrorTag) {
-            at = errorUpToUserInfo(at, fault);
-            if (at == nullptr) return nullptr;
-            continue;
-          }
-          if (head.argument != kDateTag) return refuse(Fault::unknownTag, fault);
-          double ignored;
-          at = readDateContent(at, end_, ignored, fault);
-          if (at == nullptr) return nullptr;
-          break;
-        case Major::simple:
-          break;
-      }
-    }
-
-    if (!closeFinished()) return at;
-    --left_;
-    if (inMap_) {
-      at = key(at, fault);
-      if (at == nullptr) return nullptr;
-    }
-  }
+  return buildSimple(cursor);
 }
 
 }  // namespace
-
-const std::byte* readItem(const std::byte* at, const std::byte* end, std::size_t maximumDepth,
-                          Fault& fault) {
-  KEEL_CHECK(maximumDepth <= kDepthCapacity);
-  return Checker(end, maximumDepth).item(at, fault);
-}
-
-const std::byte* readDateContent(const std::byte* at, const std::byte* end, double& seconds,
-                                 Fault& fault) {
-  if (at == end) return refuse(Fault::truncated, fault);
-  switch (majorOf(*at)) {
-    case Major::unsignedInteger:
-    case Major::negativeInteger: {
-      Head head;
-      at = readHead(at, end, head, fault);
-      if (at == nullptr) return nullptr;
-      const bool negative = head.major == Major::negativeInteger;
-      if (negative && head.argument > kInt64Limit) return refuse(Fault::integerRange, fault);
-      seconds = negative ? static_cast<double>(-1 - static_cast<std::int64_t>(head.argument))
-                         : static_cast<double>(head.argument);
-      return at;
-    }
-    case Major::simple: {
-      const auto initial = std::to_integer<std::uint8_t>(*at);
-      if (initial >= kFalse && initial <= kNull) return refuse(Fault::badTagContent, fault);
-      at = readReal(at, end, seconds, fault);
-      if (at != nullptr && !std::isfinite(seconds)) return refuse(Fault::badTagContent, fault);
-      return at;
-    }
-    default:
-      return refuse(Fault::badTagContent, fault);
-  }
-}
 
 std::expected<void, Fault> validate(std::span<const std::byte> bytes, std::size_t maximumDepth) {
   const std::byte* end = bytes.data() + bytes.size();
@@ -215,34 +109,13 @@ std::expected<void, Fault> validate(std::span<const std::byte> bytes, std::size_
   return {};
 }
 
-std::string_view describe(Fault fault) {
-  switch (fault) {
-    case Fault::truncated:
-      return "the bytes end before the item does";
-    case Fault::trailingBytes:
-      return "bytes follow the item";
-    case Fault::notShortest:
-      return "a number or length is not in its shortest form";
-    case Fault::indefiniteLength:
-      return "an item has an indefinite length";
-    case Fault::reservedHead:
-      return "an item begins with a reserved byte";
-    case Fault::simpleValue:
-      return "a simple value is none of false, true and null";
-    case Fault::integerRange:
-      return "a negative integer is below -2^63";
-    case Fault::badUtf8:
-      return "a text is not valid UTF-8";
-    case Fault::keyNotText:
-      return "a map's key is not a text";
-    case Fault::unknownTag:
-      return "a tag is neither 1 (date) nor 51741 (error)";
-    case Fault::badTagContent:
-      return "a date or error has the wrong content";
-    case Fault::tooDeep:
-      return "arrays and maps are nested too deeply";
-  }
-  return "unknown fault";
+std::expected<Value, Fault> decode(std::span<const std::byte> bytes, std::size_t maximumDepth) {
+  if (const auto valid = validate(bytes, maximumDepth); !valid)
+    return std::unexpected(valid.error());
+  Cursor cursor(bytes);
+  Value value = build(cursor);
+  KEEL_CHECK(cursor.atEnd());
+  return value;
 }
 
 }  // namespace keel::cbor

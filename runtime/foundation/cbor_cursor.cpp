@@ -20,7 +20,7 @@ bool Cursor::date(Date& value) {
   if (!ahead.tag(number) || number != kDateTag) return false;
   Fault ignored;
   double seconds;
-  const std::byte* after = readDateContent(ahead.at_, end_, seconds, ignored);
+  const std::byte* after = readDate(ahead.at_, end_, seconds, ignored);
   if (after == nullptr) return false;
   value = Date{seconds};
   at_ = after;

@@ -2,12 +2,14 @@
 #pragma once
 
 #include <cstdint>
+#include <expected>
 #include <optional>
 #include <span>
 #include <string_view>
 
-#include "runtime/foundation/cbor.h"
-#include "runtime/foundation/cbor_reading.h"
+#include "runtime/foundation/cbor_item.h"
+#include "runtime/foundation/date.h"
+#include "runtime/foundation/error.h"
 
 namespace keel::cbor {
 
@@ -99,7 +101,7 @@ inline bool Cursor::text(std::string_view& value) {
   const std::byte* content = head(Major::text, size);
   if (content == nullptr) return false;
   Fault ignored;
-  const std::byte* after = readTextContent(content, end_, size, ignored);
+  const std::byte* after = readText(content, end_, size, ignored);
   if (after == nullptr) return false;
   value = {reinterpret_cast<const char*>(content), static_cast<std::size_t>(size)};
   at_ = after;

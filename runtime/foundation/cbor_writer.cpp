@@ -4,7 +4,7 @@
 #include <bit>
 #include <cmath>
 
-#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/cbor_item.h"
 #include "runtime/foundation/check.h"
 
 namespace keel::cbor {

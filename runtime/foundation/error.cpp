@@ -5,8 +5,8 @@
 
 #include <algorithm>
 
-#include "runtime/foundation/cbor.h"
 #include "runtime/foundation/cbor_cursor.h"
+#include "runtime/foundation/utf8.h"
 #include "runtime/foundation/value.h"
 
 namespace keel {
@@ -60,7 +60,7 @@ std::string Error::description() const {
 }
 
 Error describedError(std::string_view domain, std::int64_t code, std::string description) {
-  if (!cbor::isUtf8(description)) {
+  if (!isUtf8(description)) {
     std::ranges::replace_if(
         description, [](char letter) { return static_cast<unsigned char>(letter) >= 0x80; }, '?');
   }

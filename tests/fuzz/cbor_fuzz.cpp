@@ -6,6 +6,7 @@
 #include "runtime/foundation/cbor_cursor.h"
 #include "runtime/foundation/cbor_writer.h"
 #include "runtime/foundation/check.h"
+#include "runtime/foundation/utf8.h"
 
 // Fuzzes everything that reads encoded items. The first byte of the input is the depth that is
 // allowed.
@@ -107,7 +108,7 @@ void checkCursor(Bytes input, std::size_t maximumDepth) {
     });
     if (!text.empty()) {
       checkWithin(input, text.data(), text.size());
-      KEEL_CHECK(keel::cbor::isUtf8(text));
+      KEEL_CHECK(keel::isUtf8(text));
     }
     if (!bytes.empty()) checkWithin(input, bytes.data(), bytes.size());
     KEEL_CHECK(at.majorType().has_value() == !at.atEnd());

@@ -5,6 +5,7 @@
 #include "runtime/foundation/cbor.h"
 #include "runtime/foundation/cbor_writer.h"
 #include "runtime/foundation/check.h"
+#include "runtime/foundation/utf8.h"
 
 // Fuzzes both forms of property lists. What is accepted is a value like any other: it can be
 // encoded, and what is encoded is valid, so that texts are UTF-8 and nothing nests too deep. What
@@ -15,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::vector<std::byte> input(first, first + size);
   const auto value = keel::decodePropertyList(input);
   if (!value) {
-    KEEL_CHECK(!value.error().empty() && keel::cbor::isUtf8(value.error()));
+    KEEL_CHECK(!value.error().empty() && keel::isUtf8(value.error()));
     return 0;
   }
   KEEL_CHECK(

@@ -5,14 +5,39 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
-#include "runtime/foundation/cbor.h"
+#include "runtime/foundation/utf8.h"
 
-// What everything that reads encoded items is made of: heads, text, whole items. In a header
-// because the daemon does this for every member of every message. All of it reads from `at` up to
-// `end` and never beyond; a function that yields a position yields null for a fault.
+// Reads and checks encoded items in place (cbor.h has the format): heads, texts, numbers, whole
+// items. Largely inline, since the daemon does this for every member of every message. All
+// functions read from `at`, never beyond `end`, and return the position behind what they read, or
+// null on a fault.
 
 namespace keel::cbor {
+
+inline constexpr std::uint64_t kDateTag = 1;
+inline constexpr std::uint64_t kErrorTag = 51741;
+// No maximumDepth may be above this.
+inline constexpr std::size_t kDepthCapacity = 66;
+
+// Why bytes were refused.
+enum class Fault : std::uint8_t {
+  truncated,
+  trailingBytes,
+  notShortest,
+  indefiniteLength,
+  reservedHead,
+  simpleValue,
+  integerRange,
+  badUtf8,
+  keyNotText,
+  unknownTag,
+  badTagContent,
+  tooDeep,
+};
+// Returns the text for people.
+std::string_view describe(Fault fault);
 
 // The eight major types (the upper three bits of an item's first byte).
 enum class Major : std::uint8_t {
@@ -33,23 +58,23 @@ inline constexpr std::uint8_t kFalse = 0xf4, kTrue = 0xf5, kNull = 0xf6, kHalf =
 inline constexpr std::uint64_t kInt64Limit = 0x7fff'ffff'ffff'ffff;
 
 template <class Unsigned>
-Unsigned loadAs(const std::byte* at, std::endian order) {
+Unsigned loadBigEndianAs(const std::byte* at) {
   Unsigned value;
   std::memcpy(&value, at, sizeof value);
-  return order == std::endian::native ? value : std::byteswap(value);
+  return std::endian::native == std::endian::big ? value : std::byteswap(value);
 }
 
-// A big-endian number of 1, 2, 4 or 8 bytes.
+// Loads a big-endian number of 1, 2, 4 or 8 bytes.
 inline std::uint64_t loadBigEndian(const std::byte* at, std::size_t width) {
   switch (width) {
     case 1:
       return std::to_integer<std::uint8_t>(*at);
     case 2:
-      return loadAs<std::uint16_t>(at, std::endian::big);
+      return loadBigEndianAs<std::uint16_t>(at);
     case 4:
-      return loadAs<std::uint32_t>(at, std::endian::big);
+      return loadBigEndianAs<std::uint32_t>(at);
     default:
-      return loadAs<std::uint64_t>(at, std::endian::big);
+      return loadBigEndianAs<std::uint64_t>(at);
   }
 }
 
@@ -66,8 +91,7 @@ inline Major majorOf(std::byte initial) {
   return static_cast<Major>(std::to_integer<std::uint8_t>(initial) >> 5);
 }
 
-// Reads a head of any major type but `simple`. `at` must be before `end`. Yields where the head
-// ends.
+// Reads a head of any major type but `simple`. `at` must be before `end`.
 inline const std::byte* readHead(const std::byte* at, const std::byte* end, Head& head,
                                  Fault& fault) {
   const std::byte initial = *at++;
@@ -95,40 +119,15 @@ inline const std::byte* readHead(const std::byte* at, const std::byte* end, Head
   return at + width;
 }
 
-// Whether the `size` bytes at `at` are ASCII. Loads eight bytes at a time, reaching over what lies
-// behind them if need be, but not over `end`.
-inline bool isAscii(const std::byte* at, std::size_t size, const std::byte* end) {
-  constexpr std::uint64_t kHighBits = 0x8080'8080'8080'8080;
-  const auto load = [](const std::byte* from) {
-    return loadAs<std::uint64_t>(from, std::endian::little);
-  };
-  std::uint64_t seen = 0;
-  if (size >= 8) {
-    const std::byte* last = at + size - 8;
-    for (; last - at >= 32; at += 32)
-      seen |= (load(at) | load(at + 8)) | (load(at + 16) | load(at + 24));
-    for (; at < last; at += 8) seen |= load(at);
-    seen |= load(last);
-  } else if (end - at >= 8) {
-    seen = load(at) & ((std::uint64_t{1} << (8 * size)) - 1);
-  } else {
-    for (; size > 0; --size) seen |= std::to_integer<std::uint64_t>(at[size - 1]);
-  }
-  return (seen & kHighBits) == 0;
-}
-
-// isUtf8() for what is not ASCII alone.
-bool isUtf8Beyond(const std::byte* at, const std::byte* end);
-
-// Reads the content of a text whose head is read. Yields where it ends.
-inline const std::byte* readTextContent(const std::byte* at, const std::byte* end,
-                                        std::uint64_t size, Fault& fault) {
+// Reads the content of a text, behind its head.
+inline const std::byte* readText(const std::byte* at, const std::byte* end, std::uint64_t size,
+                                 Fault& fault) {
   if (size > bytesBetween(at, end)) {
     fault = Fault::truncated;
     return nullptr;
   }
   const auto length = static_cast<std::size_t>(size);
-  if (!isAscii(at, length, end) && !isUtf8Beyond(at, at + length)) [[unlikely]] {
+  if (!isUtf8(at, length, end)) [[unlikely]] {
     fault = Fault::badUtf8;
     return nullptr;
   }
@@ -136,8 +135,7 @@ inline const std::byte* readTextContent(const std::byte* at, const std::byte* en
 }
 
 // Reads a floating-point number of any width. `at` must be before `end` and its major type
-// `simple`; a head of that type that is no floating-point number is a simpleValue, indefiniteLength
-// or reservedHead fault.
+// `simple`; any other head of that type is a simpleValue, indefiniteLength or reservedHead fault.
 inline const std::byte* readReal(const std::byte* at, const std::byte* end, double& value,
                                  Fault& fault) {
   const auto initial = std::to_integer<std::uint8_t>(*at++);
@@ -158,8 +156,8 @@ inline const std::byte* readReal(const std::byte* at, const std::byte* end, doub
   } else if (initial == kFloat) {
     value = static_cast<double>(std::bit_cast<float>(static_cast<std::uint32_t>(bits)));
   } else {
-    // The exponent moves to its place in a float and is put right by a power of two, which also
-    // makes subnormals normal.
+    // Moves the exponent into the bits of a float and corrects it by a power of two, which also
+    // normalises subnormals.
     const auto half = static_cast<std::uint32_t>(bits);
     const bool notFinite = (half & 0x7c00) == 0x7c00;
     const std::uint32_t exponentForm = (half & 0x7fff) << 13 | (notFinite ? 0x7f80'0000U : 0U);
@@ -169,11 +167,10 @@ inline const std::byte* readReal(const std::byte* at, const std::byte* end, doub
   return at + width;
 }
 
-// Reads the content of a date, that is what follows tag 1.
-const std::byte* readDateContent(const std::byte* at, const std::byte* end, double& seconds,
-                                 Fault& fault);
+// Reads the content of a date, behind its tag.
+const std::byte* readDate(const std::byte* at, const std::byte* end, double& seconds, Fault& fault);
 
-// Reads one item whole, as validate() does.
+// Reads one whole item, nested no deeper than `maximumDepth`.
 const std::byte* readItem(const std::byte* at, const std::byte* end, std::size_t maximumDepth,
                           Fault& fault);
 

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "runtime/foundation/utf8.h"
+
 #include <gtest/gtest.h>
 
 #include <random>
 
-#include "runtime/foundation/cbor.h"
 #include "runtime/foundation/test_bytes.h"
 
-namespace keel::cbor {
+namespace keel {
 namespace {
 
 // The encoding of any number as if it were a character, in `length` bytes, whether that is allowed
@@ -118,4 +119,4 @@ TEST(IsUtf8, AgreesWithAPlainDecoderOnRandomMixtures) {
 }
 
 }  // namespace
-}  // namespace keel::cbor
+}  // namespace keel

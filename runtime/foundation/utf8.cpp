@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "runtime/foundation/cbor_reading.h"
+#include "runtime/foundation/utf8.h"
 
-namespace keel::cbor {
+namespace keel {
 
 namespace {
 
@@ -9,14 +9,14 @@ bool isContinuation(std::byte byte) {
   return (byte & std::byte{0xc0}) == std::byte{0x80};
 }
 
-// The length of the well-formed sequence of two bytes or more that begins at `at`, or 0. What the
-// second byte may be depends on the first (RFC 3629, section 4): that is where overlong forms,
-// surrogates and numbers above U+10FFFF are told apart.
+// Returns the length of the well-formed multi-byte sequence at `at`, or 0. The range of the second
+// byte depends on the first (RFC 3629, section 4), which rules out overlong forms, surrogates and
+// code points above U+10FFFF.
 std::size_t sequenceLength(const std::byte* at, const std::byte* end) {
   const auto lead = std::to_integer<std::uint8_t>(*at);
   if (lead < 0xc2 || lead > 0xf4) return 0;
   const std::size_t length = lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
-  if (bytesBetween(at, end) < length) return 0;
+  if (static_cast<std::size_t>(end - at) < length) return 0;
   const auto second = std::to_integer<std::uint8_t>(at[1]);
   const std::uint8_t lowest = lead == 0xe0 ? 0xa0 : lead == 0xf0 ? 0x90 : 0x80;
   const std::uint8_t highest = lead == 0xed ? 0x9f : lead == 0xf4 ? 0x8f : 0xbf;
@@ -29,14 +29,14 @@ std::size_t sequenceLength(const std::byte* at, const std::byte* end) {
 
 }  // namespace
 
-bool isUtf8Beyond(const std::byte* at, const std::byte* end) {
+bool isUtf8BeyondAscii(const std::byte* at, const std::byte* end) {
   while (at != end) {
     if (end - at >= 8 && isAscii(at, 8, end)) {
       at += 8;
     } else if (*at < std::byte{0x80}) {
       ++at;
     } else {
-      // Whoever writes beyond ASCII seldom writes one such character alone.
+      // Characters beyond ASCII seldom come alone.
       do {
         const std::size_t length = sequenceLength(at, end);
         if (length == 0) return false;
@@ -47,9 +47,4 @@ bool isUtf8Beyond(const std::byte* at, const std::byte* end) {
   return true;
 }
 
-bool isUtf8(std::string_view text) {
-  const auto* at = reinterpret_cast<const std::byte*>(text.data());
-  return isAscii(at, text.size(), at + text.size()) || isUtf8Beyond(at, at + text.size());
-}
-
-}  // namespace keel::cbor
+}  // namespace keel
