@@ -54,9 +54,13 @@ class Measurements:
             raise RuntimeError(done.stderr.strip() or f"the load ended with {done.returncode}")
         return json.loads(done.stdout)
 
+    @staticmethod
+    def applies(figure, key):
+        """Returns false for the time to an answer where nothing is acknowledged."""
+        return figure.key != "answer_p50_us" or systems.ALL[key].answers
+
     def of(self, case_name, key, figure):
-        # Where nothing is acknowledged there is no time to an answer.
-        if figure.key == "answer_p50_us" and not systems.ALL[key].answers:
+        if not self.applies(figure, key):
             return []
         rounds = self.rounds.get(case_name, {}).get(str(key), [])
         return [None if result is None else result[figure.key] * figure.scale for result in rounds]
