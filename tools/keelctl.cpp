@@ -5,9 +5,10 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
-#include <sstream>
+#include <limits>
 
 #include "tools/auth_commands.h"
+#include "tools/command_line_fault.h"
 #include "tools/digest_command.h"
 #include "tools/publish_command.h"
 #include "tools/query_commands.h"
@@ -22,8 +23,12 @@ constexpr const char* kDescription =
 
 constexpr const char* kFooter = R"(
 Data is a JSON object, or null. What JSON lacks is written as an object with one member:
-  {"$date": SECONDS}  {"$data": "BASE64"}  {"$error": {"domain": TEXT, "code": INTEGER, "userInfo": OBJECT}}
-  {"$real": "NaN" | "Infinity" | "-Infinity"}  {"$map": OBJECT} for an object that would look like one of these
+  {"$date": SECONDS}
+  {"$data": "BASE64"}
+  {"$error": {"domain": TEXT, "code": INTEGER, "userInfo": OBJECT}}
+  {"$real": "NaN" | "Infinity" | "-Infinity"}
+  {"$map": OBJECT} for an object that would look like one of these
+
 On a terminal auth, dump, modules, authcheck and subscribe write for people, elsewhere JSON lines. NO_COLOR switches colours off.
 Times for people are local (see TZ), with their offset from UTC: subscribe shows when an event came, dump when data changed.
 
@@ -53,13 +58,6 @@ struct Parsed {
   std::function<int(Console&)> run;
 };
 
-// The parser takes "-1" for the largest number there is.
-const CLI::Validator kUnsigned(
-    [](std::string& text) {
-      return text.starts_with('-') ? "a number from 0 on is wanted, not " + text : std::string();
-    },
-    "");
-
 // Options that stand before or behind the command.
 void addCommonOptions(CLI::App& app, CommonOptions& common) {
   app.add_flag("--json", common.json, "write JSON also to a terminal");
@@ -77,10 +75,15 @@ CLI::App* addCommand(CLI::App& app, Parsed& parsed, const char* name, const char
   return command;
 }
 
+CLI::Validator auditSession() {
+  return wholeNumber(std::numeric_limits<std::int32_t>::min(),
+                     std::numeric_limits<std::int32_t>::max());
+}
+
 void addTimeout(CLI::App* command, Parsed& parsed, const char* description) {
   command->add_option("--timeout", parsed.common.timeoutSeconds, description)
       ->type_name("SECONDS")
-      ->check(CLI::NonNegativeNumber);
+      ->check(seconds());
 }
 
 constexpr const char* kAnswerTimeoutText = "how long to wait for keeld's answer; without it 10";
@@ -97,10 +100,11 @@ void addPublishing(CLI::App& app, Parsed& parsed) {
   publish->add_option("JSON", parsed.publish.json, "the data, or - for lines from standard input")
       ->required();
   publish->add_option("--flags", parsed.publish.flags, "the flags of the publication")
-      ->check(kUnsigned);
-  publish->add_option("--value", parsed.publish.value, "the value of the publication");
+      ->check(unsignedNumber());
+  publish->add_option("--value", parsed.publish.value, "the value of the publication")
+      ->check(wholeNumber(std::numeric_limits<std::int64_t>::min()));
   publish->add_option("--count", parsed.publish.count, "end after that many versions")
-      ->check(kUnsigned);
+      ->check(unsignedNumber());
   publish->add_flag("--reconnect", parsed.publish.reconnect,
                     "wait for keeld, and publish anew when the connection was lost");
   addTimeout(publish, parsed, "end after that time");
@@ -135,7 +139,7 @@ void addSubscribing(CLI::App& app, Parsed& parsed) {
                                              "which; one that begins with - as --name=-x");
   names->required();
   subscribe->add_option("--count", parsed.subscribe.count, "end after that many events")
-      ->check(kUnsigned);
+      ->check(unsignedNumber());
   subscribe->add_flag("--reconnect", parsed.subscribe.reconnect,
                       "wait for keeld, and follow anew when the connection was lost");
   addTimeout(subscribe, parsed, "end after that time");
@@ -161,8 +165,10 @@ void addQueries(CLI::App& app, Parsed& parsed) {
         return authCheckCommand(console, parsed.common, parsed.name, parsed.auditSession);
       });
   authCheck->add_option("USER", parsed.name)->required();
-  authCheck->add_option("ASID", parsed.auditSession,
-                        "the audit session; without it, that of this process");
+  authCheck
+      ->add_option("ASID", parsed.auditSession,
+                   "the audit session; without it, that of this process")
+      ->check(auditSession());
   addTimeout(authCheck, parsed, kAnswerTimeoutText);
 }
 
@@ -195,7 +201,7 @@ void addAuth(CLI::App& app, Parsed& parsed) {
         ->add_option("--password-fd", parsed.auth.passwordDescriptor,
                      "read it, one line, from that descriptor instead")
         ->type_name("N")
-        ->check(kUnsigned);
+        ->check(wholeNumber(0, std::numeric_limits<int>::max()));
   };
   add("check", "ask whether the auth service is alive", authAliveCommand);
   addWithPassword("password", "with the password of an account, which is asked for on the terminal",
@@ -215,7 +221,8 @@ void addAuth(CLI::App& app, Parsed& parsed) {
   add("realm", "show the realm of the challenges", authRealmCommand);
   add("session", "ask whether anybody was proved an administrator in an audit session",
       authSessionCommand)
-      ->add_option("ASID", parsed.auth.auditSession, "which; without it, that of this process");
+      ->add_option("ASID", parsed.auth.auditSession, "which; without it, that of this process")
+      ->check(auditSession());
 }
 
 // Adds a command of keelctl digest, for one user unless it lists them.
@@ -250,7 +257,7 @@ void addDigest(CLI::App& app, Parsed& parsed) {
   set->add_option("--password-fd", parsed.digest.passwordDescriptor,
                   "read it, one line, from that descriptor instead")
       ->type_name("N")
-      ->check(kUnsigned);
+      ->check(wholeNumber(0, std::numeric_limits<int>::max()));
   addDigestCommand(
       *digest, parsed, "list", "show the users who have one, with realm and algorithms",
       [&](Console& console) { return digestListCommand(console, parsed.common, parsed.digest); });
@@ -303,7 +310,7 @@ bool isSubscribe(const std::vector<std::string>& arguments) {
 
 }  // namespace
 
-int runKeelctl(std::vector<std::string> arguments, Console& console) {
+int runKeelctl(std::vector<std::string> typed, Console& console) {
   Parsed parsed;
   CLI::App app(kDescription, "keelctl");
   app.footer(kFooter);
@@ -314,19 +321,20 @@ int runKeelctl(std::vector<std::string> arguments, Console& console) {
   addQueries(app, parsed);
   addAuth(app, parsed);
   addDigest(app, parsed);
-  if (isSubscribe(arguments)) {
-    if (arguments.back() == "--") return reportUsage(console, "there is no command behind --");
-    parsed.subscribe.command = takeEventCommand(arguments);
-    keepWhole(arguments);
+  if (isSubscribe(typed)) {
+    if (typed.back() == "--")
+      return reportUsage(console, "there is no command behind --", "keelctl subscribe");
+    parsed.subscribe.command = takeEventCommand(typed);
+    keepWhole(typed);
   }
   try {
-    std::ranges::reverse(arguments);
-    app.parse(std::move(arguments));
+    app.parse(std::vector<std::string>(typed.rbegin(), typed.rend()));
   } catch (const CLI::CallForHelp&) {
     console.write(app.help());
     return exitCodeWith(console, kExitOk);
   } catch (const CLI::ParseError& fault) {
-    return reportUsage(console, fault.what());
+    const auto [message, command] = explained(app, fault, typed);
+    return reportUsage(console, message, command);
   }
   takeKept(parsed.subscribe.names);
   return exitCodeWith(console, parsed.run(console));

@@ -63,6 +63,53 @@ TEST_F(Keelctl, HelpOfACommandSaysWhatItTakes) {
   EXPECT_THAT(contentOf(output), AllOf(HasSubstr("--count"), HasSubstr("KEELCTL_NAME")));
 }
 
+TEST_F(Keelctl, SaysWhichWordIsWrong) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> lines = {
+      {{"subscibe", "a"}, "unknown command subscibe (did you mean subscribe?); see keelctl --help"},
+      {{"frobnicate"}, "unknown command frobnicate; see keelctl --help"},
+      {{"auth", "pasword"},
+       "unknown command pasword (did you mean password?); see keelctl auth --help"},
+      {{"digest", "lst"}, "unknown command lst (did you mean list?); see keelctl digest --help"},
+      {{"publish", "a", "{}", "--falgs", "3"},
+       "unknown option --falgs (did you mean --flags?); see keelctl publish --help"},
+      {{"publish", "--falgs=3"},
+       "unknown option --falgs (did you mean --flags?); see keelctl publish --help"},
+      {{"--jsn", "dump"}, "unknown option --jsn (did you mean --json?); see keelctl dump --help"},
+      {{"--timeout", "3", "dump"},
+       "--timeout belongs behind keelctl dump; see keelctl dump --help"},
+      {{"publish", "a", "{}", "more", "--count", "2"},
+       "unexpected word more; see keelctl publish --help"},
+      {{"dump", "a", "\x1b[31m"}, "unexpected word \\u{1b}[31m; see keelctl dump --help"},
+      {{"dump", "--timeout", "abc"},
+       "--timeout: a number of seconds from 0 on is wanted, not abc; see keelctl dump --help"},
+      {{"dump", "--timeout", "nan"},
+       "--timeout: a number of seconds from 0 on is wanted, not nan; see keelctl dump --help"},
+      {{"dump", "--timeout"}, "--timeout needs a value; see keelctl dump --help"},
+      {{"dump", "--data=x"}, "--data takes no value; see keelctl dump --help"},
+      {{"publish", "a", "{}", "--flags", "18446744073709551616"},
+       "--flags: a whole number from 0 on is wanted, not 18446744073709551616; see keelctl publish "
+       "--help"},
+      {{"authcheck", "ann", "2147483648"},
+       "ASID: a whole number from -2147483648 to 2147483647 is wanted, not 2147483648; see keelctl "
+       "authcheck --help"},
+      {{"publish", "a"}, "JSON is missing; see keelctl publish --help"},
+      {{"subscribe"}, "NAME is missing; see keelctl subscribe --help"},
+      {{"subscribe", "a", "--"}, "there is no command behind --; see keelctl subscribe --help"},
+      {{"digest"}, "a command is missing, one of set, list, remove; see keelctl digest --help"}};
+  for (const auto& [line, message] : lines) {
+    ASSERT_EQ(::ftruncate(errors, 0), 0);
+    ::lseek(errors, 0, SEEK_SET);
+    EXPECT_EQ(run(line), kExitUsage);
+    EXPECT_EQ(said(), "keelctl: " + message + "\n");
+  }
+}
+
+TEST_F(Keelctl, NumbersMayBeWrittenAsInC) {
+  EXPECT_EQ(runAlone({"publish", "a", "{}", "--flags", "0xffffffffffffffff", "--value", "-0x10"}),
+            kExitUnreachable);
+  EXPECT_EQ(runAlone({"dump", "--timeout", "1e1"}), kExitUnreachable);
+}
+
 TEST_F(Keelctl, SenselessCommandLinesAreUsageErrors) {
   const std::vector<std::vector<std::string>> lines = {
       {},

@@ -43,8 +43,8 @@ ExitCode report(Console& console, const ClientError& error) {
   return exitCodeOf(error.kind());
 }
 
-ExitCode reportUsage(Console& console, const std::string& what) {
-  console.note(what + "; see keelctl --help");
+ExitCode reportUsage(Console& console, const std::string& what, const std::string& command) {
+  console.note(what + "; see " + command + " --help");
   return kExitUsage;
 }
 

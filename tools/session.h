@@ -34,7 +34,9 @@ std::unique_ptr<KLNClient> connectClient(const CommonOptions& options, bool reco
 
 // Tells a person what went wrong; yields what to exit with.
 ExitCode report(Console& console, const ClientError& error);
-ExitCode reportUsage(Console& console, const std::string& what);
+// `command` is the one whose --help tells more.
+ExitCode reportUsage(Console& console, const std::string& what,
+                     const std::string& command = "keelctl");
 
 // Whether it is a name that can be sent; tells a person when it is not.
 bool isName(Console& console, const std::string& name);
