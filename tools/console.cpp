@@ -2,8 +2,10 @@
 #include "tools/console.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -41,6 +43,15 @@ Console::Console(int input, int output, int errors)
       errors_(errors),
       isTerminal_(::isatty(output) == 1),
       inColour_(isTerminal_ && wantsColour()) {}
+
+std::size_t Console::columns() const {
+  constexpr std::size_t kUsual = 80;
+  // Narrower, nothing but fragments would be left.
+  constexpr std::size_t kLeast = 40;
+  winsize size{};
+  const bool isKnown = isTerminal_ && ::ioctl(output_, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+  return isKnown ? std::max<std::size_t>(size.ws_col, kLeast) : kUsual;
+}
 
 bool Console::write(std::string_view text) {
   if (outputGone_) return false;

@@ -18,6 +18,8 @@ class Console {
   // Whether a person reads the output, and whether in colour (a terminal, and NO_COLOR is not set).
   bool isTerminal() const { return isTerminal_; }
   bool inColour() const { return inColour_; }
+  // How many columns text for people may take: the width of the terminal, 80 elsewhere.
+  std::size_t columns() const;
   // How JSON is written there: letters that a terminal may act upon are escaped.
   JsonLetters letters() const { return isTerminal_ ? JsonLetters::ascii : JsonLetters::utf8; }
 

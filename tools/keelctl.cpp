@@ -13,6 +13,7 @@
 #include "tools/publish_command.h"
 #include "tools/query_commands.h"
 #include "tools/subscribe_command.h"
+#include "tools/wrapped_text.h"
 
 namespace keel {
 
@@ -330,7 +331,7 @@ int runKeelctl(std::vector<std::string> typed, Console& console) {
   try {
     app.parse(std::vector<std::string>(typed.rbegin(), typed.rend()));
   } catch (const CLI::CallForHelp&) {
-    console.write(app.help());
+    console.write(wrappedText(app.help(), console.columns()));
     return exitCodeWith(console, kExitOk);
   } catch (const CLI::ParseError& fault) {
     const auto [message, command] = explained(app, fault, typed);

@@ -6,6 +6,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <sstream>
+
+#include "client/shown_text.h"
 #include "runtime/foundation/file_descriptor.h"
 #include "tools/exit_code.h"
 
@@ -61,6 +64,37 @@ TEST_F(Keelctl, HelpNamesEveryCommandAndExitStatus) {
 TEST_F(Keelctl, HelpOfACommandSaysWhatItTakes) {
   EXPECT_EQ(run({"subscribe", "--help"}), kExitOk);
   EXPECT_THAT(contentOf(output), AllOf(HasSubstr("--count"), HasSubstr("KEELCTL_NAME")));
+}
+
+TEST_F(Keelctl, NoLineOfHelpIsLongerThanATerminalIsWide) {
+  const std::vector<std::vector<std::string>> commands = {{},
+                                                          {"publish"},
+                                                          {"update"},
+                                                          {"remove"},
+                                                          {"subscribe"},
+                                                          {"dump"},
+                                                          {"modules"},
+                                                          {"authcheck"},
+                                                          {"auth"},
+                                                          {"digest"},
+                                                          {"auth", "check"},
+                                                          {"auth", "password"},
+                                                          {"auth", "basic"},
+                                                          {"auth", "digest"},
+                                                          {"auth", "reference"},
+                                                          {"auth", "realm"},
+                                                          {"auth", "session"},
+                                                          {"digest", "set"},
+                                                          {"digest", "list"},
+                                                          {"digest", "remove"}};
+  for (std::vector<std::string> line : commands) {
+    line.emplace_back("--help");
+    EXPECT_EQ(run(line), kExitOk);
+  }
+  std::istringstream help(contentOf(output));
+  int count = 0;
+  for (std::string line; std::getline(help, line); ++count) EXPECT_LE(columnsOf(line), 80U) << line;
+  EXPECT_GT(count, 400);
 }
 
 TEST_F(Keelctl, SaysWhichWordIsWrong) {

@@ -9,6 +9,7 @@ import re
 import select
 import signal
 import subprocess
+import termios
 
 import keel_host
 from keel_client import HANG_GUARD
@@ -247,9 +248,16 @@ class Questions(KeelctlTest):
                                  (["dump"], r"weather .* \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \+0530")):
             self.assertRegex(self.on_terminal(*command, environment=zone), pattern)
 
-    def on_terminal(self, *arguments, environment=None):
+    def test_help_is_as_wide_as_the_terminal(self):
+        for columns in (60, 120):
+            lines = self.on_terminal("subscribe", "--help", columns=columns).splitlines()
+            self.assertLessEqual(max(map(len, lines)), columns)
+            self.assertGreater(max(map(len, lines)), columns - 20)
+
+    def on_terminal(self, *arguments, environment=None, columns=200):
         """What it shows on a terminal."""
         ours, theirs = pty.openpty()
+        termios.tcsetwinsize(theirs, (50, columns))
         process = subprocess.Popen([keel_host.keelctl, *arguments], env=ENVIRONMENT | (environment or {}),
                                    stdin=theirs, stdout=theirs, stderr=theirs)
         os.close(theirs)
