@@ -316,6 +316,7 @@ int runKeelctl(std::vector<std::string> typed, Console& console) {
   CLI::App app(kDescription, "keelctl");
   app.footer(kFooter);
   app.require_subcommand(1);
+  app.set_version_flag("--version", "keelctl " KEEL_VERSION, "show the version and exit");
   addCommonOptions(app, parsed.common);
   addPublishing(app, parsed);
   addSubscribing(app, parsed);
@@ -332,6 +333,9 @@ int runKeelctl(std::vector<std::string> typed, Console& console) {
     app.parse(std::vector<std::string>(typed.rbegin(), typed.rend()));
   } catch (const CLI::CallForHelp&) {
     console.write(wrappedText(app.help(), console.columns()));
+    return exitCodeWith(console, kExitOk);
+  } catch (const CLI::CallForVersion& version) {
+    console.writeLine(version.what());
     return exitCodeWith(console, kExitOk);
   } catch (const CLI::ParseError& fault) {
     const auto [message, command] = explained(app, fault, typed);

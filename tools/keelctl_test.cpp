@@ -17,6 +17,7 @@ namespace {
 
 using testing::AllOf;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 using testing::StartsWith;
 
 // Runs keelctl in this process, with files for its input and outputs.
@@ -95,6 +96,11 @@ TEST_F(Keelctl, NoLineOfHelpIsLongerThanATerminalIsWide) {
   int count = 0;
   for (std::string line; std::getline(help, line); ++count) EXPECT_LE(columnsOf(line), 80U) << line;
   EXPECT_GT(count, 400);
+}
+
+TEST_F(Keelctl, VersionIsThatOfTheProject) {
+  EXPECT_EQ(run({"--version"}), kExitOk);
+  EXPECT_THAT(contentOf(output), MatchesRegex("keelctl [0-9]+\\.[0-9]+\\.[0-9]+\n"));
 }
 
 TEST_F(Keelctl, SaysWhichWordIsWrong) {

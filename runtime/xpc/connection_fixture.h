@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "runtime/dispatch/manual_executor.h"
+#include "runtime/foundation/cbor.h"
 #include "runtime/foundation/sealed_memory.h"
 #include "runtime/foundation/value.h"
 #include "runtime/logging/log_system.h"
