@@ -27,6 +27,16 @@ namespace {
 
 Logger& log = _loggerForCategory("notification");
 
+using Service = std::shared_ptr<KLNNotificationService>;
+
+// Everything a request needs travels in the block itself, the service too, which is fetched anew
+// for each.
+template <class Work>
+void queueWork(const Service& service, Work work) {
+  static_assert(sizeof(Work) <= Block::kInlineBytes && std::is_nothrow_move_constructible_v<Work>);
+  service->inputQueue()->async(std::move(work));
+}
+
 std::string describe(const std::shared_ptr<xpc::Connection>& connection) {
   return connection ? connection->description() : "(null)";
 }
@@ -99,19 +109,6 @@ void endObjects(Table& table, std::size_t& done, IsOwn isOwn) {
 
 }  // namespace
 
-KLNNotificationHandler::KLNNotificationHandler()
-    : KLNNotificationHandler(KLNNotificationService::defaultService()) {}
-
-KLNNotificationHandler::KLNNotificationHandler(std::shared_ptr<KLNNotificationService> service)
-    : service_(std::move(service)) {}
-
-// Everything a request needs travels in the block itself.
-template <class Work>
-void KLNNotificationHandler::queueWork(Work work) {
-  static_assert(sizeof(Work) <= Block::kInlineBytes && std::is_nothrow_move_constructible_v<Work>);
-  service_->inputQ()->async(std::move(work));
-}
-
 void KLNNotificationHandler::authCheckForUser(String user, std::int32_t andASID,
                                               xpc::Reply<bool, Error> withHandler) {
   KLNAuthService::defaultService()->isAuthedUser(
@@ -125,26 +122,28 @@ void KLNNotificationHandler::subscribeTo(Name name, std::uint64_t withFlags,
                                          xpc::Reply<Dictionary, Error> andHandler) {
   log.debug("NotificationHandler we have a subscription request: {}", name);
   if (name.isNull()) return andHandler(nullptr, Error(KLNErrorDomain, errNilName));
-  queueWork([handler = shared_from_this(), name = std::move(name), reply = std::move(andHandler),
-             withFlags]() mutable {
+  const Service& service = KLNNotificationService::defaultService();
+  queueWork(service, [handler = shared_from_this(), service, name = std::move(name),
+                      reply = std::move(andHandler), withFlags]() mutable {
     Error error = guarded(
         "NotificationHandler: subscribeTo: received an exception processing a subscription request "
         "for {}",
-        "subscriptionName", name, [&] { return handler->subscribe(name, withFlags); });
+        "subscriptionName", name, [&] { return handler->subscribe(*service, name, withFlags); });
     reply(nullptr, std::move(error));
   });
 }
 
-Error KLNNotificationHandler::subscribe(const Name& name, std::uint64_t flags) {
+Error KLNNotificationHandler::subscribe(KLNNotificationService& service, const Name& name,
+                                        std::uint64_t flags) {
   if (const auto existing = subscriptions_.find(name); existing != subscriptions_.end()) {
     log.standard("NotificationHandler: subscribeTo: already subscribed to {} subscription {}", name,
                  fmt::ptr(existing->second.get()));
     return Error(KLNErrorDomain, errDuplicate);
   }
-  const auto subscription = service_->newSubscriptionObjectForName(name, flags, 0, xpcConnection());
+  const auto subscription = service.newSubscriptionObjectForName(name, flags, 0, xpcConnection());
   log.debug("NotificationHandler subscribing {} with {}", name, fmt::ptr(subscription.get()));
   Error error;
-  if (!subscription || !service_->subscribe(subscription, &error)) return error;
+  if (!subscription || !service.subscribe(subscription, &error)) return error;
   // Most clients follow one name or a few: no room is taken for a dozen.
   if (subscriptions_.empty()) subscriptions_.reserve(1);
   subscriptions_[name] = subscription;
@@ -155,18 +154,18 @@ Error KLNNotificationHandler::subscribe(const Name& name, std::uint64_t flags) {
 // its subscription, which would stay with the item for good.
 void KLNNotificationHandler::unsubscribeFrom(Name name) {
   log.debug("unsubscribeFrom {}", name);
-  queueWork([handler = shared_from_this(), name = std::move(name), connection = xpcConnection()] {
-    handler->unsubscribe(name);
-  });
+  const Service& service = KLNNotificationService::defaultService();
+  queueWork(service, [handler = shared_from_this(), service, name = std::move(name),
+                      connection = xpcConnection()] { handler->unsubscribe(*service, name); });
 }
 
-void KLNNotificationHandler::unsubscribe(const Name& name) {
+void KLNNotificationHandler::unsubscribe(KLNNotificationService& service, const Name& name) {
   Error error;
   if (const auto found = subscriptions_.find(name); found == subscriptions_.end()) {
     error = Error(KLNErrorDomain, errNotFound);
   } else {
     log.debug("unsubscribeFrom {} subscription {}", name, fmt::ptr(found->second.get()));
-    service_->removeSubscriptionForName(name, xpcConnection(), &error);
+    service.removeSubscriptionForName(name, xpcConnection(), &error);
     subscriptions_.erase(found);
   }
   if (error) log.error("unsubscribeFrom {} failed to find subscription", name);
@@ -179,23 +178,26 @@ void KLNNotificationHandler::publishItem(Dictionary item, Name name, std::uint64
               describe(xpcConnection()));
   }
   if (name.isNull()) return withHandler(Error(KLNErrorDomain, errNilName));
-  queueWork([handler = shared_from_this(), name = std::move(name), reply = std::move(withHandler),
-             item = std::move(item), flags, value]() mutable {
-    reply(guarded("NotificationHandler: publishItem: received an exception publishing {}",
-                  "publishName", name, [&] { return handler->publish(item, name, flags, value); }));
-  });
+  const Service& service = KLNNotificationService::defaultService();
+  queueWork(service,
+            [handler = shared_from_this(), service, name = std::move(name),
+             reply = std::move(withHandler), item = std::move(item), flags, value]() mutable {
+              reply(guarded("NotificationHandler: publishItem: received an exception publishing {}",
+                            "publishName", name,
+                            [&] { return handler->publish(*service, item, name, flags, value); }));
+            });
 }
 
-Error KLNNotificationHandler::publish(const Dictionary& item, const Name& name, std::uint64_t flags,
-                                      std::int64_t value) {
+Error KLNNotificationHandler::publish(KLNNotificationService& service, const Dictionary& item,
+                                      const Name& name, std::uint64_t flags, std::int64_t value) {
   if (publishedItems().contains(name)) {
     log.error("NotificationHandler we don't allow duplicate publications {}", name);
     return Error(KLNErrorDomain, errDuplicate);
   }
-  auto published = service_->newPublishedObjectWith(item, name, flags, value, xpcConnection());
+  auto published = service.newPublishedObjectWith(item, name, flags, value, xpcConnection());
   if (!published) return Error(KLNErrorDomain, errRequestFailed);
   Error error;
-  if (!service_->publish(published, &error)) return error;
+  if (!service.publish(published, &error)) return error;
   if (!publishedItems_) publishedItems_ = std::make_unique<PublishedItems>();
   (*publishedItems_)[name] = published;
   return error;
@@ -206,7 +208,8 @@ void KLNNotificationHandler::updatePublishedItem(Dictionary item, Name name,
   if (log.enabled(LogLevel::debug)) {
     log.debug("updatePublishedItem: updating {} from {}", name, describe(xpcConnection()));
   }
-  service_->work().coalescer().add(*this, std::move(name), std::move(item), std::move(withHandler));
+  KLNNotificationService::defaultService()->work().coalescer().add(
+      *this, std::move(name), std::move(item), std::move(withHandler));
 }
 
 void KLNNotificationHandler::update(UpdateBatch& batch) {
@@ -229,15 +232,17 @@ void KLNNotificationHandler::update(UpdateBatch& batch) {
 }
 
 void KLNNotificationHandler::removePublishedItemForName(Name name, xpc::Reply<Error> withHandler) {
-  queueWork([handler = shared_from_this(), name = std::move(name),
-             reply = std::move(withHandler)]() mutable { reply(handler->remove(name)); });
+  const Service& service = KLNNotificationService::defaultService();
+  queueWork(service,
+            [handler = shared_from_this(), service, name = std::move(name),
+             reply = std::move(withHandler)]() mutable { reply(handler->remove(*service, name)); });
 }
 
-Error KLNNotificationHandler::remove(const Name& name) {
+Error KLNNotificationHandler::remove(KLNNotificationService& service, const Name& name) {
   const auto found = publishedItems().find(name);
   if (found == publishedItems().end()) return Error(KLNErrorDomain, errNotFound);
   Error error;
-  service_->removePublishedItemForName(name, xpcConnection(), &error);
+  service.removePublishedItemForName(name, xpcConnection(), &error);
   if (!error) publishedItems_->erase(found);
   return error;
 }
@@ -248,11 +253,11 @@ void KLNNotificationHandler::getModuleTableWithHandler(xpc::Reply<Dictionary> ha
 
 void KLNNotificationHandler::dumpNotification(Name name, bool withData,
                                               xpc::Reply<Array, Error> andHandler) {
-  queueWork([handler = shared_from_this(), name = std::move(name), withData,
-             reply = std::move(andHandler)]() mutable {
-    if (name.view() != kAllNames)
-      return dumpOne(*handler->service_, name, withData, std::move(reply));
-    handler->service_->work().dumps().begin(withData, handler->xpcConnection(), std::move(reply));
+  const Service& service = KLNNotificationService::defaultService();
+  queueWork(service, [handler = shared_from_this(), service, name = std::move(name), withData,
+                      reply = std::move(andHandler)]() mutable {
+    if (name.view() != kAllNames) return dumpOne(*service, name, withData, std::move(reply));
+    service->work().dumps().begin(withData, handler->xpcConnection(), std::move(reply));
   });
 }
 
@@ -268,18 +273,21 @@ void KLNNotificationHandler::connectionInvalidated() {
   log.debug("NotifyService  connection from ({}){} invalidated",
             connection ? connection->processIdentifier() : 0,
             connection ? connection->auditSessionIdentifier() : 0);
-  if (connection) service_->work().dumps().connectionEnds(connection);
-  queueWork([handler = shared_from_this()] { handler->cleanUp(); });
+  const Service& service = KLNNotificationService::defaultService();
+  if (connection) service->work().dumps().connectionEnds(connection);
+  queueWork(service, [handler = shared_from_this(), service] { handler->cleanUp(service); });
 }
 
-void KLNNotificationHandler::cleanUp() {
+void KLNNotificationHandler::cleanUp(const Service& service) {
   log.debug("NotifyService unsubscribing");
   CleanUp stage = CleanUp::subscriptions;
   if (!cleanUpStep(stage)) return;
-  service_->beginCleanUp(xpcConnection_);
-  service_->work().incremental().add([handler = shared_from_this(), stage]() mutable {
+  service->beginCleanUp(xpcConnection_);
+  // Weakly: the service holds the queue.
+  const std::weak_ptr<KLNNotificationService> weak = service;
+  service->work().incremental().add([handler = shared_from_this(), weak, stage]() mutable {
     if (handler->cleanUpStep(stage)) return true;
-    handler->service_->endCleanUp(handler->xpcConnection_);
+    if (const auto living = weak.lock()) living->endCleanUp(handler->xpcConnection_);
     return false;
   });
 }

@@ -29,10 +29,6 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   using Subscriptions =
       std::unordered_map<Name, std::shared_ptr<KLNSubscriptionObject>, StringHash>;
 
-  // For the default service.
-  KLNNotificationHandler();
-  explicit KLNNotificationHandler(std::shared_ptr<KLNNotificationService> service);
-
   // How many names of a client that is gone are dealt with in one slice; those with many
   // subscribers count more.
   static constexpr std::size_t kCleanUpStep = 32;
@@ -80,18 +76,16 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   }
 
  private:
-  template <class Work>
-  void queueWork(Work work);
   // What the requests do on the input queue; the error is the reply's.
-  Error subscribe(const Name& name, std::uint64_t flags);
-  void unsubscribe(const Name& name);
-  Error publish(const Dictionary& item, const Name& name, std::uint64_t flags, std::int64_t value);
-  Error remove(const Name& name);
+  Error subscribe(KLNNotificationService& service, const Name& name, std::uint64_t flags);
+  void unsubscribe(KLNNotificationService& service, const Name& name);
+  Error publish(KLNNotificationService& service, const Dictionary& item, const Name& name,
+                std::uint64_t flags, std::int64_t value);
+  Error remove(KLNNotificationService& service, const Name& name);
   enum class CleanUp : std::uint8_t { subscriptions, publications };
-  void cleanUp();
+  void cleanUp(const std::shared_ptr<KLNNotificationService>& service);
   bool cleanUpStep(CleanUp& stage);
 
-  const std::shared_ptr<KLNNotificationService> service_;
   std::unique_ptr<PublishedItems> publishedItems_;  // null: most clients publish nothing
   Subscriptions subscriptions_;
   std::weak_ptr<xpc::Connection> xpcConnection_;

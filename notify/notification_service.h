@@ -90,6 +90,7 @@ class KLNNotificationService {
   // Does nothing: publishers() stays empty.
   void addPublisher(const std::shared_ptr<xpc::Connection>& connection);
 
+  const std::shared_ptr<SerialQueue>& inputQueue() const { return work_->inputQueue(); }
   const std::shared_ptr<SerialQueue>& inputQ() const { return work_->inputQueue(); }
   // Gets no work.
   const std::shared_ptr<SerialQueue>& updateQ() const { return work_->updateQueue(); }
