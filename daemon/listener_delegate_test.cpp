@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -16,6 +15,7 @@
 #include "protocols/subscriber_proxy.h"
 #include "runtime/dispatch/manual_executor.h"
 #include "runtime/dispatch/reactor.h"
+#include "runtime/foundation/temporary_folder.h"
 #include "tests/support/fake_client.h"
 #include "tests/support/log_recorder.h"
 
@@ -29,15 +29,12 @@ using testing::LogLine;
 class NotifyListener : public ::testing::Test {
  protected:
   NotifyListener() {
-    char made[] = "/tmp/keel-delegate-XXXXXX";
-    directory_ = ::mkdtemp(made);
-    listener_ = xpc::Listener::inDirectory(directory_, "notify", context_).value();
+    listener_ = xpc::Listener::inDirectory(folder_.path(), "notify", context_).value();
   }
   ~NotifyListener() override {
     listener_->invalidate();
     while (reactor_.turn(/*wait=*/false)) {
     }
-    ::rmdir(directory_.c_str());
   }
 
   bool accept(FakeClient& client) {
@@ -74,7 +71,7 @@ class NotifyListener : public ::testing::Test {
     EXPECT_FALSE(wasConfidential);
   }
 
-  std::string directory_;
+  const TemporaryFolder folder_;
   xpc::TransportContext context_{reactor_};
   Reactor reactor_;
   std::shared_ptr<xpc::Listener> listener_;

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "runtime/foundation/file_descriptor.h"
+#include "runtime/foundation/temporary_folder.h"
 
 namespace keel {
 namespace {
@@ -23,20 +24,14 @@ using namespace std::chrono_literals;
 class Readiness : public ::testing::Test {
  protected:
   Readiness() {
-    char made[] = "/tmp/keel-readiness-XXXXXX";
-    directory_ = ::mkdtemp(made);
-    const std::string path = directory_ + "/notify";
+    const std::string path = folder_.path("notify");
     address_.sun_family = AF_UNIX;
     path.copy(address_.sun_path, sizeof(address_.sun_path) - 1);
     EXPECT_EQ(
         ::bind(manager_.get(), reinterpret_cast<const sockaddr*>(&address_), sizeof(address_)), 0);
     ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
   }
-  ~Readiness() override {
-    ::unsetenv("NOTIFY_SOCKET");
-    ::unlink(address_.sun_path);
-    ::rmdir(directory_.c_str());
-  }
+  ~Readiness() override { ::unsetenv("NOTIFY_SOCKET"); }
 
   // Empty when there is nothing.
   std::string read() const {
@@ -56,7 +51,7 @@ class Readiness : public ::testing::Test {
     return count;
   }
 
-  std::string directory_;
+  const TemporaryFolder folder_;
   sockaddr_un address_{};
   const FileDescriptor manager_{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
 };

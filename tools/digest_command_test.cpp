@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "runtime/foundation/file_descriptor.h"
+#include "runtime/foundation/temporary_folder.h"
 #include "tools/password_input.h"
 
 namespace keel {
@@ -35,12 +36,10 @@ std::string contentOf(int file) {
 class DigestCommand : public testing::Test {
  protected:
   DigestCommand() {
-    EXPECT_NE(::mkdtemp(directory.data()), nullptr);
-    options.file = directory + "/keeld/digest";
+    options.file = folder.path("keeld/digest");
     options.user = "Mufasa";
     options.realm = "http-auth@example.org";
   }
-  ~DigestCommand() override { fs::remove_all(directory); }
 
   int set(std::string_view password) {
     const FileDescriptor source = fileOf(password);
@@ -54,7 +53,7 @@ class DigestCommand : public testing::Test {
   }
   std::string said() const { return contentOf(errors.get()); }
 
-  std::string directory = (fs::temp_directory_path() / "digest_command.XXXXXX").string();
+  const TemporaryFolder folder;
   DigestOptions options;
   const FileDescriptor output = fileOf("");
   const FileDescriptor errors = fileOf("");
@@ -125,7 +124,7 @@ TEST_F(DigestCommand, RemoveOfSomebodyWhoIsNotThereSaysSoAndMakesNothing) {
   EXPECT_EQ(digestRemoveCommand(console, options), kExitRefused);
   EXPECT_THAT(said(),
               HasSubstr("Mufasa has no digest credentials in the realm http-auth@example.org"));
-  EXPECT_FALSE(fs::exists(directory + "/keeld"));
+  EXPECT_FALSE(fs::exists(folder.path("keeld")));
   EXPECT_EQ(set("Circle of Life"), kExitOk);
   options.realm = "other";
   EXPECT_EQ(digestRemoveCommand(console, options), kExitRefused);

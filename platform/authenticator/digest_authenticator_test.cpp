@@ -14,6 +14,7 @@
 
 #include "platform/authenticator/auth_parameters.h"
 #include "platform/authenticator/recording_accounts.h"
+#include "runtime/foundation/temporary_folder.h"
 #include "runtime/logging/log_system.h"
 
 namespace keel {
@@ -59,12 +60,9 @@ struct Client {
 class DigestAuthenticatorTest : public ::testing::Test {
  protected:
   DigestAuthenticatorTest() {
-    EXPECT_NE(::mkdtemp(directory.data()), nullptr);
-    path = directory + "/digest";
     store.emplace(path);
     write(lines("Mufasa", "http-auth@example.org", "Circle of Life"));
   }
-  ~DigestAuthenticatorTest() override { std::filesystem::remove_all(directory); }
 
   static std::string lines(const std::string& user, const std::string& realm,
                            const std::string& password) {
@@ -89,9 +87,8 @@ class DigestAuthenticatorTest : public ::testing::Test {
   bool takes(const String& answer) { return authenticator().validateChallenge(answer, &response); }
   bool takes(const Client& client) { return takes(client.answer()); }
 
-  std::string directory =
-      (std::filesystem::temp_directory_path() / "digest_authenticator.XXXXXX").string();
-  std::string path;
+  const TemporaryFolder folder;
+  const std::string path = folder.path("digest");
   std::optional<DigestStore> store;
   RecordingAccounts accounts;
   const RefusalTime::Clock::time_point begin{12345s};

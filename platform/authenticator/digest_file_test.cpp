@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "runtime/foundation/file_descriptor.h"
+#include "runtime/foundation/temporary_folder.h"
 #include "runtime/foundation/value.h"
 
 namespace keel {
@@ -32,12 +33,7 @@ const std::string kLine = "alice:r:" + std::string(32, 'a') + "\n";
 
 class DigestFile : public ::testing::Test {
  protected:
-  DigestFile() {
-    EXPECT_NE(::mkdtemp(directory.data()), nullptr);
-    path = directory + "/digest";
-    ::umask(022);
-  }
-  ~DigestFile() override { fs::remove_all(directory); }
+  DigestFile() { ::umask(022); }
 
   void write(const std::string& text, mode_t mode = 0600) const {
     std::ofstream(path) << text;
@@ -66,8 +62,9 @@ class DigestFile : public ::testing::Test {
         });
   }
 
-  std::string directory = (fs::temp_directory_path() / "digest_file.XXXXXX").string();
-  std::string path;
+  const TemporaryFolder folder;
+  const std::string directory = folder.path();
+  const std::string path = folder.path("digest");
 };
 
 TEST_F(DigestFile, IsRead) {

@@ -3,22 +3,17 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
+
+#include "runtime/foundation/temporary_folder.h"
 
 namespace keel {
 namespace {
 
-namespace fs = std::filesystem;
-
 class PamRulesTest : public ::testing::Test {
  protected:
-  PamRulesTest() { EXPECT_NE(::mkdtemp(directory.data()), nullptr); }
-  ~PamRulesTest() override { fs::remove_all(directory); }
-
   void write(const std::string& service, const std::string& text) const {
-    std::ofstream(directory + "/" + service) << text;
+    folder.write(service, text);
   }
   // Which of the two types the service "own" has rules of, when its file is `text`.
   std::string typesOf(const std::string& text) const {
@@ -28,7 +23,8 @@ class PamRulesTest : public ::testing::Test {
            (rules.has("own", "account") ? "account " : "");
   }
 
-  std::string directory = (fs::temp_directory_path() / "pam_rules.XXXXXX").string();
+  const TemporaryFolder folder;
+  const std::string directory = folder.path();
 };
 
 TEST_F(PamRulesTest, RulesOfTheFileItselfCount) {
@@ -72,7 +68,7 @@ TEST_F(PamRulesTest, IncludedFilesCountForWhatTheyHave) {
 TEST_F(PamRulesTest, FilesElsewhereDoNotCount) {
   write("one", "auth required pam_unix.so\n");
   write(".hidden", "auth required pam_unix.so\n");
-  fs::create_directory(directory + "/deeper");
+  folder.makeFolder("deeper");
   write("deeper/one", "auth required pam_unix.so\n");
   for (const std::string& name :
        {directory + "/one", std::string("../x/one"), std::string("deeper/one"),

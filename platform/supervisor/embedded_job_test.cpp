@@ -26,6 +26,7 @@
 
 #include "platform/supervisor/embedded_supervisor.h"
 #include "runtime/dispatch/worker_pool.h"
+#include "runtime/foundation/temporary_folder.h"
 
 namespace keel {
 namespace {
@@ -36,16 +37,11 @@ using namespace std::chrono_literals;
 // Real programs, a reactor stepped by hand, and a clock that stands still unless it is moved.
 class EmbeddedJobTest : public testing::Test {
  protected:
-  EmbeddedJobTest() {
-    std::string name = testing::TempDir() + "/jobs-XXXXXX";
-    root_ = ::mkdtemp(name.data());
-    records_ = std::make_shared<JobRecords>(root_);
-  }
+  EmbeddedJobTest() { records_ = std::make_shared<JobRecords>(root_); }
   ~EmbeddedJobTest() override {
     if (job_) end();
     // What it still writes comes first.
     pool_.reset();
-    std::filesystem::remove_all(root_);
   }
 
   EmbeddedJob::World world() {
@@ -96,7 +92,7 @@ class EmbeddedJobTest : public testing::Test {
     return socket;
   }
   FileDescriptor connect() { return atService(&::connect); }
-  std::string path(const char* name) const { return root_ + "/" + name; }
+  std::string path(const char* name) const { return folder_.path(name); }
   static std::string content(const std::string& path) {
     std::stringstream text;
     text << std::ifstream(path).rdbuf();
@@ -109,7 +105,8 @@ class EmbeddedJobTest : public testing::Test {
   }
   JobState recorded() const { return records_->read("service"); }
 
-  std::string root_;
+  const TemporaryFolder folder_;
+  const std::string root_ = folder_.path();
   Reactor::Clock::time_point now_ = Reactor::Clock::now();
   Reactor reactor_{[this] { return now_; }};
   std::unique_ptr<WorkerPool> pool_ = std::make_unique<WorkerPool>(1);

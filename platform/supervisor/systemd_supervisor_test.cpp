@@ -13,6 +13,7 @@
 
 #include "platform/supervisor/patient_system_manager.h"
 #include "platform/supervisor/supervisor_error.h"
+#include "runtime/foundation/temporary_folder.h"
 
 namespace keel {
 namespace {
@@ -70,15 +71,10 @@ class FakeManager final : public SystemManager {
 class SystemdSupervisorTest : public testing::Test {
  protected:
   SystemdSupervisorTest() {
-    std::string name = testing::TempDir() + "/units-XXXXXX";
-    root_ = ::mkdtemp(name.data());
-    std::filesystem::create_directory(runtime());
-    std::filesystem::create_directory(persistent());
-    std::filesystem::create_directory(vendor());
+    for (const char* name : {"run", "etc", "lib"}) folder_.makeFolder(name);
     told_.unitPath = {persistent(), runtime(), vendor()};
     restart();
   }
-  ~SystemdSupervisorTest() override { std::filesystem::remove_all(root_); }
 
   // As with keeld's next start.
   void restart() {
@@ -87,9 +83,9 @@ class SystemdSupervisorTest : public testing::Test {
         UnitStore({.runtime = runtime(), .persistent = persistent()}));
   }
 
-  std::string runtime() const { return root_ + "/run"; }
-  std::string persistent() const { return root_ + "/etc"; }
-  std::string vendor() const { return root_ + "/lib"; }
+  std::string runtime() const { return folder_.path("run"); }
+  std::string persistent() const { return folder_.path("etc"); }
+  std::string vendor() const { return folder_.path("lib"); }
   static Value job(const char* label, std::initializer_list<Member> more = {}) {
     Value::Map map = {{"Label", label}, {"Program", "/bin/job"}, {"Transient", true}};
     map.insert(map.end(), more);
@@ -122,7 +118,7 @@ class SystemdSupervisorTest : public testing::Test {
   }
   static void put(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 
-  std::string root_;
+  const TemporaryFolder folder_;
   FakeManager::Told told_;
   std::unique_ptr<SystemdSupervisor> supervisor_;
   Error error_;

@@ -6,30 +6,38 @@
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <system_error>
 
-// For tests.
+#include "runtime/foundation/check.h"
+
+// A folder for tests.
 
 namespace keel {
 
-// A folder of one's own, removed at the end with all that is in it.
+// A new folder, removed at the end with everything in it.
 class TemporaryFolder {
  public:
   TemporaryFolder() {
     std::string pattern = (std::filesystem::temp_directory_path() / "keel-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data());
+    KEEL_CHECK(::mkdtemp(pattern.data()) != nullptr);
+    path_ = pattern;
   }
-  ~TemporaryFolder() { std::filesystem::remove_all(path_); }
+  ~TemporaryFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
   TemporaryFolder(const TemporaryFolder&) = delete;
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
+  // Returns the path of the folder, or of `name` in it.
   std::string path(std::string_view name = {}) const {
     return name.empty() ? path_.string() : (path_ / name).string();
   }
-  // Makes a folder, and those around it.
+  // Creates a folder and its parents.
   void makeFolder(std::string_view name) const {
     std::filesystem::create_directories(path_ / name);
   }
-  // Makes a file, and the folders around it.
+  // Creates a file and its parent folders.
   void write(std::string_view name, std::string_view text) const {
     std::filesystem::create_directories((path_ / name).parent_path());
     std::ofstream(path_ / name, std::ios::binary) << text;

@@ -15,6 +15,7 @@
 #include <fstream>
 
 #include "runtime/foundation/file_descriptor.h"
+#include "runtime/foundation/temporary_folder.h"
 
 namespace keel::xpc {
 namespace {
@@ -23,10 +24,8 @@ namespace {
 class Peers : public testing::Test {
  protected:
   Peers() {
-    char directory[] = "/tmp/keel-peers-XXXXXX";
-    directory_ = ::mkdtemp(directory);
     address_.sun_family = AF_UNIX;
-    std::strcpy(address_.sun_path, (directory_ + "/socket").c_str());
+    std::strcpy(address_.sun_path, folder_.path("socket").c_str());
     listener_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     EXPECT_EQ(::bind(listener_.get(), reinterpret_cast<sockaddr*>(&address_), sizeof(address_)), 0);
     EXPECT_EQ(::listen(listener_.get(), 8), 0);
@@ -34,10 +33,6 @@ class Peers : public testing::Test {
     EXPECT_EQ(::pipe(both), 0);
     release_[0].reset(both[0]);
     release_[1].reset(both[1]);
-  }
-  ~Peers() override {
-    ::unlink(address_.sun_path);
-    ::rmdir(directory_.c_str());
   }
 
   int connectNow() {
@@ -56,7 +51,7 @@ class Peers : public testing::Test {
   }
   void release() { release_[1].reset(); }
 
-  std::string directory_;
+  const TemporaryFolder folder_;
   sockaddr_un address_{};
   FileDescriptor listener_;
   FileDescriptor release_[2];

@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 
+#include "runtime/foundation/temporary_folder.h"
 #include "runtime/transport/service_socket.h"
 #include "runtime/xpc/client_endpoint.h"
 
@@ -34,15 +34,10 @@ struct CountingDelegate final : ListenerDelegate {
 
 class Service : public testing::Test {
  protected:
-  Service() {
-    char made[] = "/tmp/keel-listener-XXXXXX";
-    directory = ::mkdtemp(made);
-  }
   ~Service() override {
     for (const auto& connection : delegate->connections) connection->invalidate();
     if (listener) listener->invalidate();
     turns();
-    ::rmdir(directory.c_str());
   }
   void turns() {
     while (reactor.turn(false)) {
@@ -58,7 +53,8 @@ class Service : public testing::Test {
     auto socket = connectSocket(directory, "svc");
     return socket ? std::move(*socket) : FileDescriptor();
   }
-  std::string directory;
+  const TemporaryFolder folder;
+  const std::string directory = folder.path();
   TransportContext context{reactor};
   Reactor reactor;
   std::shared_ptr<CountingDelegate> delegate = std::make_shared<CountingDelegate>();
