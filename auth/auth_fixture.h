@@ -235,7 +235,7 @@ class AuthHandler : public ::testing::Test {
   ManualExecutor executor;
   std::shared_ptr<KLNAuthService> service = std::make_shared<KLNAuthService>(executor);
   KLNAuthService::Override override_{service};
-  testing::LogRecorder log;
+  testing::LogRecorder log{LogLevel::debug};
   Calls calls;
   FakeMembership membership{calls};
   FakeAuthenticators authenticators{calls};

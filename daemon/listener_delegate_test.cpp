@@ -79,7 +79,7 @@ class NotifyListener : public ::testing::Test {
   std::shared_ptr<KLNNotificationService> service_ =
       std::make_shared<KLNNotificationService>(executor_);
   KLNNotificationService::Override override_{service_};
-  testing::LogRecorder log_;
+  testing::LogRecorder log_{LogLevel::debug};
   NotifyListenerDelgate delegate_;
 };
 

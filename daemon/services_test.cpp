@@ -42,7 +42,7 @@ class NotingListener {
 };
 
 TEST(Services, AuthComesAndGoesBeforeNotify) {
-  testing::LogRecorder log;
+  testing::LogRecorder log{LogLevel::debug};
   Services<NotingListener> services;
   calls.clear();
   services.open(

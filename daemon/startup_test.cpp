@@ -16,7 +16,7 @@ namespace keel {
 namespace {
 
 TEST(Startup, KernelWithoutAuditSessionsIsLogged) {
-  testing::LogRecorder log;
+  testing::LogRecorder log{LogLevel::debug};
   complainAboutMissingSessions("/proc/self/status");
   EXPECT_TRUE(log.lines().empty());
   complainAboutMissingSessions("/proc/self/nothing-of-that-name");

@@ -45,7 +45,7 @@ class ModulesFixture : public ::testing::Test {
   }
 
   TemporaryFolder folder_;
-  testing::LogRecorder log_;
+  testing::LogRecorder log_{LogLevel::debug};
 };
 
 }  // namespace keel

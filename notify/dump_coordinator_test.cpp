@@ -236,9 +236,7 @@ TEST_F(DumpCoordinatorTest, TheAnswerIsNotAheadOfDeliveries) {
   EXPECT_EQ(asker.received().back().requestId, dump);
 }
 
-TEST_F(DumpCoordinatorTest, UpdatesThatAreCarriedOutTogetherAreNotSeen) {
-  // At the debug level each would be carried out alone.
-  const LogRecorder errors(LogLevel::error);
+TEST_F(DumpCoordinatorTest, ABatchOfUpdatesIsNotSeen) {
   followed(other, "c", Date{1.0});
   expectUnseen([this] {
     for (int value = 2; value < 5; ++value) update(one, "c", number(value));

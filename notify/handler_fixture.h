@@ -34,6 +34,8 @@ inline std::string shortForm(const Received& received) {
 // Two clients of the notify service.
 class NotificationHandler : public NotifyTest {
  protected:
+  explicit NotificationHandler(LogLevel least = LogLevel::standard) : NotifyTest(least) {}
+
   static Error publishError(const NotifyClient& client, std::uint64_t id) {
     const auto results = client.resultsOf<&NotifyProxy::publishItem>(id);
     EXPECT_TRUE(results) << "request " << id << " is not answered";
@@ -77,6 +79,12 @@ class NotificationHandler : public NotifyTest {
 
   NotifyClient one{executor, FakeClient::identity(11, 3)};
   NotifyClient other{executor, FakeClient::identity(12, 4)};
+};
+
+// For tests that check debug lines, or that there are none.
+class LoggedNotificationHandler : public NotificationHandler {
+ protected:
+  LoggedNotificationHandler() : NotificationHandler(LogLevel::debug) {}
 };
 
 }  // namespace keel

@@ -21,7 +21,7 @@ TEST_F(NotificationHandler, UnsubscribeWorksThoughTheClientLeavesBeforeItRuns) {
   EXPECT_TRUE(entry("n")->subscribers()->empty());
 }
 
-TEST_F(NotificationHandler, AuthCheckAsksTheTableAndPassesBothResultsOn) {
+TEST_F(LoggedNotificationHandler, AuthCheckAsksTheTableAndPassesBothResultsOn) {
   const auto auth = std::make_shared<KLNAuthService>(executor);
   const KLNAuthService::Override defaultAuth(auth);
   auth->addUser("alice", -5);
@@ -44,7 +44,7 @@ TEST_F(NotificationHandler, AuthCheckDoesNotUseTheInputQueue) {
   EXPECT_EQ(one.received().size(), 1u);
 }
 
-TEST_F(NotificationHandler, ModuleTableIsAnsweredAtOnceAsItStands) {
+TEST_F(LoggedNotificationHandler, ModuleTableIsAnsweredAtOnceAsItStands) {
   const auto manager = std::make_shared<KLNModuleManager>();
   const KLNModuleManager::Override defaultManager(manager);
   const auto empty = one.request<&NotifyProxy::getModuleTableWithHandler>();
@@ -58,7 +58,7 @@ TEST_F(NotificationHandler, ModuleTableIsAnsweredAtOnceAsItStands) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(NotificationHandler, InterruptionIsLoggedAndChangesNothing) {
+TEST_F(LoggedNotificationHandler, InterruptionIsLoggedAndChangesNothing) {
   mustPublish(one, "n", 1);
   mustSubscribe(one, "m");
   one.sendNonsense();
@@ -70,7 +70,7 @@ TEST_F(NotificationHandler, InterruptionIsLoggedAndChangesNothing) {
   EXPECT_NE(entry("n")->delegate(), nullptr);
 }
 
-TEST_F(NotificationHandler, ConnectionTextsOfAGoneConnectionAreZeros) {
+TEST_F(LoggedNotificationHandler, ConnectionTextsOfAGoneConnectionAreZeros) {
   const auto handler = std::make_shared<KLNNotificationHandler>();
   handler->connectionInterupted();
   handler->connectionInvalidated();
@@ -84,7 +84,7 @@ TEST_F(NotificationHandler, ConnectionTextsOfAGoneConnectionAreZeros) {
             debugLine("NotificationHandler we have a publish request: (null) from (null)"));
 }
 
-TEST_F(NotificationHandler, CleanUpUndoesSubscriptionsBeforePublications) {
+TEST_F(LoggedNotificationHandler, CleanUpUndoesSubscriptionsBeforePublications) {
   mustPublish(one, "n", 1);
   mustSubscribe(one, "n");
   mustSubscribe(one, "m");
@@ -125,6 +125,9 @@ TEST_F(NotificationHandler, CleanUpUndoesSubscriptionsBeforePublications) {
 // A client that has so many names, published or followed, and is then gone.
 class NotificationHandlerCleanUp : public NotificationHandler {
  protected:
+  explicit NotificationHandlerCleanUp(LogLevel least = LogLevel::standard)
+      : NotificationHandler(least) {}
+
   static constexpr std::size_t kSlice = KLNNotificationHandler::kCleanUpStep;
   static Name nameOf(std::size_t number) { return Name("name " + std::to_string(number)); }
 
@@ -152,13 +155,18 @@ class NotificationHandlerCleanUp : public NotificationHandler {
   std::shared_ptr<KLNNotificationHandler> handler;
 };
 
+class LoggedNotificationHandlerCleanUp : public NotificationHandlerCleanUp {
+ protected:
+  LoggedNotificationHandlerCleanUp() : NotificationHandlerCleanUp(LogLevel::debug) {}
+};
+
 TEST_F(NotificationHandlerCleanUp, OfNoMoreThanASliceIsOneBlock) {
   loseClient(kSlice / 2, kSlice / 2);
   turn(0, 0);
   EXPECT_EQ(executor.scheduledCount(), 0u);
 }
 
-TEST_F(NotificationHandlerCleanUp, OfMoreThanASliceGoesOnInFurtherBlocks) {
+TEST_F(LoggedNotificationHandlerCleanUp, OfMoreThanASliceGoesOnInFurtherBlocks) {
   loseClient(kSlice, kSlice + 1);
   turn(1, kSlice);
   EXPECT_THAT(stages(), ElementsAre("NotifyService unsubscribing"));
@@ -169,7 +177,7 @@ TEST_F(NotificationHandlerCleanUp, OfMoreThanASliceGoesOnInFurtherBlocks) {
   EXPECT_EQ(executor.scheduledCount(), 0u);
 }
 
-TEST_F(NotificationHandlerCleanUp, SaysOnceWhatItDoesWhereTheSlicesMeet) {
+TEST_F(LoggedNotificationHandlerCleanUp, ASliceThatEndsOneStageLogsTheNextOnce) {
   loseClient(1, kSlice);
   turn(0, 1);
   turn(0, 0);

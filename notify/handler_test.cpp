@@ -6,7 +6,7 @@
 namespace keel {
 namespace {
 
-TEST_F(NotificationHandler, PublishReachesTheRegistryAndItsTable) {
+TEST_F(LoggedNotificationHandler, PublishReachesTheRegistryAndItsTable) {
   const std::string from = one.connection()->description();
   const auto id = publish(one, "n", number(1));
   EXPECT_FALSE(one.isAnswered(id));
@@ -23,7 +23,7 @@ TEST_F(NotificationHandler, PublishReachesTheRegistryAndItsTable) {
   EXPECT_EQ(lines().size(), 1u);
 }
 
-TEST_F(NotificationHandler, PublishWithoutANameIsAnsweredBeforeAnythingIsQueued) {
+TEST_F(LoggedNotificationHandler, PublishWithoutANameIsAnsweredBeforeAnythingIsQueued) {
   const auto id = publish(one, nullptr, number(1));
   EXPECT_EQ(publishError(one, id), kNilName);
   EXPECT_EQ(executor.scheduledCount(), 0u);
@@ -50,7 +50,7 @@ TEST_F(NotificationHandler, PublishingOnesOwnNameAgainIsRefused) {
   EXPECT_EQ(entry("n")->data(), number(1));
 }
 
-TEST_F(NotificationHandler, PublishingTheNameOfAnotherIsRefusedByTheRegistry) {
+TEST_F(LoggedNotificationHandler, PublishingTheNameOfAnotherIsRefusedByTheRegistry) {
   mustPublish(one, "n", 1);
   const auto id = publish(other, "n", number(2));
   executor.runAll();
@@ -77,7 +77,7 @@ TEST_F(NotificationHandler, AfterATakeOverTheTableHoldsThePlaceholder) {
               ElementsAre("update n {\"number\": 1}", "update n {\"number\": 2}"));
 }
 
-TEST_F(NotificationHandler, AnItemThatCannotBeMadeIsAFailure) {
+TEST_F(LoggedNotificationHandler, AnItemThatCannotBeMadeIsAFailure) {
   service->makeItem = [] { return nullptr; };
   const auto id = publish(one, "n", number(1));
   executor.runAll();
@@ -87,7 +87,7 @@ TEST_F(NotificationHandler, AnItemThatCannotBeMadeIsAFailure) {
   EXPECT_EQ(lines().size(), 1u);
 }
 
-TEST_F(NotificationHandler, SubscribeReachesTheRegistryAndItsTable) {
+TEST_F(LoggedNotificationHandler, SubscribeReachesTheRegistryAndItsTable) {
   const auto id = subscribe(one, "n");
   EXPECT_FALSE(one.isAnswered(id));
   EXPECT_THAT(lines(),
@@ -103,7 +103,7 @@ TEST_F(NotificationHandler, SubscribeReachesTheRegistryAndItsTable) {
                                     addressOf(subscription.get()))));
 }
 
-TEST_F(NotificationHandler, SubscribeWithoutANameIsAnsweredBeforeAnythingIsQueued) {
+TEST_F(LoggedNotificationHandler, SubscribeWithoutANameIsAnsweredBeforeAnythingIsQueued) {
   const auto id = subscribe(one, nullptr);
   EXPECT_EQ(subscribeError(one, id), kNilName);
   EXPECT_EQ(executor.scheduledCount(), 0u);
@@ -136,7 +136,7 @@ TEST_F(NotificationHandler, ARefusalOfTheRegistryLeavesTheTable) {
   EXPECT_EQ(lines().back(), errorLine("subscribe: already subscribed to n from this connection"));
 }
 
-TEST_F(NotificationHandler, ASubscriptionThatCannotBeMadeIsNoError) {
+TEST_F(LoggedNotificationHandler, ASubscriptionThatCannotBeMadeIsNoError) {
   service->makeSubscription = [] { return nullptr; };
   const auto id = subscribe(one, "n");
   executor.runAll();
@@ -196,7 +196,7 @@ TEST_F(NotificationHandler, RepliesKeepTheOrderOfTheRequestsButImmediateOnesOver
                           "reply " + std::to_string(third), "update n {\"number\": 2}"));
 }
 
-TEST_F(NotificationHandler, UnsubscribeDetachesAndForgets) {
+TEST_F(LoggedNotificationHandler, UnsubscribeDetachesAndForgets) {
   mustPublish(one, "n", 1);
   mustSubscribe(other, "n");
   const auto subscription = other.handler()->subscriptions().at("n");
@@ -215,7 +215,7 @@ TEST_F(NotificationHandler, UnsubscribeDetachesAndForgets) {
   mustSubscribe(other, "n");
 }
 
-TEST_F(NotificationHandler, UnsubscribeFromAnUnknownNameIsOnlyLogged) {
+TEST_F(LoggedNotificationHandler, UnsubscribeFromAnUnknownNameIsOnlyLogged) {
   unsubscribe(one, "n");
   unsubscribe(one, nullptr);
   executor.runAll();
@@ -227,7 +227,7 @@ TEST_F(NotificationHandler, UnsubscribeFromAnUnknownNameIsOnlyLogged) {
   EXPECT_TRUE(service->published().empty());
 }
 
-TEST_F(NotificationHandler, UnsubscribeForgetsWhateverTheRegistryAnswers) {
+TEST_F(LoggedNotificationHandler, UnsubscribeForgetsWhateverTheRegistryAnswers) {
   mustSubscribe(one, "n");
   service->published().clear();
   unsubscribe(one, "n");
@@ -236,7 +236,7 @@ TEST_F(NotificationHandler, UnsubscribeForgetsWhateverTheRegistryAnswers) {
   for (const LogLine& line : lines()) EXPECT_EQ(line.level, LogLevel::debug) << line;
 }
 
-TEST_F(NotificationHandler, UpdateReachesItemAndSubscribers) {
+TEST_F(LoggedNotificationHandler, UpdateReachesItemAndSubscribers) {
   mustPublish(one, "n", 1);
   mustSubscribe(other, "n");
   const std::string from = one.connection()->description();
@@ -273,7 +273,7 @@ TEST_F(NotificationHandler, UpdateDoesNotAskTheRegistry) {
   EXPECT_EQ(item->data(), number(2));
 }
 
-TEST_F(NotificationHandler, RemoveDeletesAndForgets) {
+TEST_F(LoggedNotificationHandler, RemoveDeletesAndForgets) {
   mustPublish(one, "n", 1);
   const auto id = remove(one, "n");
   EXPECT_THAT(lines(), IsEmpty());
@@ -296,7 +296,7 @@ TEST_F(NotificationHandler, RemoveOfAFollowedItemTellsNobodyAndForgets) {
   EXPECT_THAT(receivedBy(other), IsEmpty());
 }
 
-TEST_F(NotificationHandler, RemoveOfWhatThisConnectionDoesNotPublishIsNotFound) {
+TEST_F(LoggedNotificationHandler, RemoveOfWhatThisConnectionDoesNotPublishIsNotFound) {
   mustPublish(one, "n", 1);
   for (const Name& name : {Name("n"), Name("unknown"), Name(nullptr)}) {
     const auto id = remove(other, name);

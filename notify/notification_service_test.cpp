@@ -106,7 +106,7 @@ TEST_F(NotificationService, WithoutABehaviorANewItemIsAPlaceholder) {
   EXPECT_FALSE(item->lastUpdated());
 }
 
-TEST_F(NotificationService, PublishEntersTheItem) {
+TEST_F(LoggedNotificationService, PublishEntersTheItem) {
   auto item = newItem("n", 1, one);
   const auto made = item;
   Error error;
@@ -126,7 +126,7 @@ TEST_F(NotificationService, PublishOfNothingFails) {
   EXPECT_TRUE(service->published().empty());
 }
 
-TEST_F(NotificationService, PublishOfAPublishedNameIsRefusedToEverybody) {
+TEST_F(LoggedNotificationService, PublishOfAPublishedNameIsRefusedToEverybody) {
   const auto first = mustPublish("n", 1, one);
   for (const FakeClient* client : {&one, &other}) {
     auto item = newItem("n", 2, *client);
@@ -188,7 +188,7 @@ TEST_F(NotificationService, NamesAreComparedExactly) {
   EXPECT_EQ(entry("name")->data(), number(1));
 }
 
-TEST_F(NotificationService, PublishItemEntersANewItem) {
+TEST_F(LoggedNotificationService, PublishItemEntersANewItem) {
   Error error;
   EXPECT_TRUE(service->publishItem(number(1), "n", kAnyFlags, kAnyValue, one.connection(), &error));
   EXPECT_FALSE(error);
@@ -199,7 +199,7 @@ TEST_F(NotificationService, PublishItemEntersANewItem) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(NotificationService, PublishItemOfAPublishedNameIsRefused) {
+TEST_F(LoggedNotificationService, PublishItemOfAPublishedNameIsRefused) {
   service->publishItem(number(1), "n", 0, 0, one.connection(), nullptr);
   Error error;
   EXPECT_FALSE(service->publishItem(number(2), "n", 0, 0, one.connection(), &error));
@@ -214,7 +214,7 @@ TEST_F(NotificationService, PublishItemOfAPublishedNameIsRefused) {
   EXPECT_FALSE(service->publishItem(number(2), "n", 0, 0, one.connection(), nullptr));
 }
 
-TEST_F(NotificationService, PublishItemTakesAPlaceholderOver) {
+TEST_F(LoggedNotificationService, PublishItemTakesAPlaceholderOver) {
   RecordingSubscription subscriber("n", other.connection());
   service->subscribe(subscriber.subscription, nullptr);
   const auto placeholder = entry("n");
@@ -271,7 +271,7 @@ TEST_F(NotificationService, UpdateByAnotherOrOfAGoneOwnerIsRefused) {
   expectRefused(nullptr);
 }
 
-TEST_F(NotificationService, RemoveWithoutSubscribersDeletesTheEntry) {
+TEST_F(LoggedNotificationService, RemoveWithoutSubscribersDeletesTheEntry) {
   auto item = mustPublish("n", 1, one);
   Error error;
   EXPECT_TRUE(service->removePublishedItemForName("n", one.connection(), &error));
@@ -329,7 +329,7 @@ TEST_F(NotificationService, TheOwnerCanDeleteAPlaceholderEvenWithSubscribers) {
   EXPECT_EQ(entry("n"), nullptr);
 }
 
-TEST_F(NotificationService, RemoveOfAnUnknownNameIsNotFound) {
+TEST_F(LoggedNotificationService, RemoveOfAnUnknownNameIsNotFound) {
   Error error;
   EXPECT_FALSE(service->removePublishedItemForName("n", one.connection(), &error));
   EXPECT_EQ(error, Error(KLNErrorDomain, 11));
@@ -337,7 +337,7 @@ TEST_F(NotificationService, RemoveOfAnUnknownNameIsNotFound) {
   EXPECT_FALSE(service->removePublishedItemForName("n", one.connection(), nullptr));
 }
 
-TEST_F(NotificationService, RemoveByAnotherOrOfAGoneOwnerIsRefused) {
+TEST_F(LoggedNotificationService, RemoveByAnotherOrOfAGoneOwnerIsRefused) {
   const auto item = mustPublish("n", 1, one);
   const auto expectRefused = [&](const std::shared_ptr<xpc::Connection>& connection) {
     Error error;

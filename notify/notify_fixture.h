@@ -121,15 +121,18 @@ struct RecordingSubscription {
   std::shared_ptr<KLNSubscriptionObject> subscription;
 };
 
-// The default registry of each test is its own, driven by hand.
+// Gives each test a default registry of its own, on a manual executor. Logs at the daemon's default
+// level, so updates form batches; a fixture whose tests check debug lines passes LogLevel::debug.
 class NotifyTest : public ::testing::Test {
  protected:
+  explicit NotifyTest(LogLevel least = LogLevel::standard) : log(least) {}
+
   ManualExecutor executor;
   std::shared_ptr<ScriptedService> service = std::make_shared<ScriptedService>(executor);
   KLNNotificationService::Override defaultService{service};
   LogRecorder log;
 
-  // Lines of this category; other facilities have their own tests.
+  // Recorded lines of the category notification.
   std::vector<LogLine> lines() const { return log.linesOf("notification"); }
 
   // Requests of `client`, by their numbers.

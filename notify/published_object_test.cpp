@@ -51,7 +51,7 @@ TEST(PublishedObject, NullNameIsLoggedAndYieldsNothing) {
 }
 
 TEST(PublishedObject, WithANameItIsAPlaceholderWithoutAnything) {
-  LogRecorder log;
+  const LogRecorder log(LogLevel::debug);
   const Name name = "n";
   const auto item = KLNPublishedObject::initWithName(name);
   ASSERT_NE(item, nullptr);

@@ -15,6 +15,8 @@ inline constexpr std::int64_t kAnyValue = std::numeric_limits<std::int64_t>::min
 // A registry, and two clients that call it directly.
 class NotificationService : public NotifyTest {
  protected:
+  explicit NotificationService(LogLevel least = LogLevel::standard) : NotifyTest(least) {}
+
   std::shared_ptr<KLNPublishedObject> newItem(Name name, int value, const FakeClient& client) {
     return service->newPublishedObjectWith(number(value), std::move(name), 0, 0,
                                            client.connection());
@@ -32,6 +34,12 @@ class NotificationService : public NotifyTest {
 
   FakeClient one{executor, FakeClient::identity(1)};
   FakeClient other{executor, FakeClient::identity(2)};
+};
+
+// For tests that check debug lines, or that there are none.
+class LoggedNotificationService : public NotificationService {
+ protected:
+  LoggedNotificationService() : NotificationService(LogLevel::debug) {}
 };
 
 }  // namespace keel

@@ -17,7 +17,7 @@ constexpr Date kPast{1.0};
 // A client that listens, and a subscription of it with or without a behaviour.
 class SubscriptionObject : public ::testing::Test {
  protected:
-  SubscriptionObject() {
+  explicit SubscriptionObject(LogLevel least = LogLevel::standard) : log(least) {
     client.connection()->setRemoteObjectInterface(
         xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
   }
@@ -62,7 +62,14 @@ class SubscriptionObject : public ::testing::Test {
   LogRecorder log;
 };
 
+// For tests that check debug lines, or that there are none.
+class LoggedSubscriptionObject : public SubscriptionObject {
+ protected:
+  LoggedSubscriptionObject() : SubscriptionObject(LogLevel::debug) {}
+};
+
 using SubscriptionBehavior = SubscriptionObject;
+using LoggedSubscriptionBehavior = LoggedSubscriptionObject;
 
 TEST_F(SubscriptionObject, InitYieldsNothingAndLogs) {
   EXPECT_EQ(KLNSubscriptionObject::init(), nullptr);
@@ -76,7 +83,7 @@ TEST_F(SubscriptionObject, NullNameYieldsNothingAndLogs) {
               ElementsAre(errorLine("KLNSubscriptionObject: subscription name may not be nil")));
 }
 
-TEST_F(SubscriptionObject, HasItsNameAndOwnerAndNothingElse) {
+TEST_F(LoggedSubscriptionObject, HasItsNameAndOwnerAndNothingElse) {
   const Name name = "n";
   const auto subscription = KLNSubscriptionObject::initWithName(name, client.connection());
   EXPECT_EQ(subscription->name().view().data(), name.view().data());
@@ -124,7 +131,7 @@ TEST_F(SubscriptionObject, OnlyAnotherOwnerCountsAsAChange) {
   EXPECT_EQ(subscription->owner(), nullptr);
 }
 
-TEST_F(SubscriptionObject, ForwardsEverythingToItsDelegate) {
+TEST_F(LoggedSubscriptionObject, ForwardsEverythingToItsDelegate) {
   const RecordingSubscription recording("n", client.connection());
   const auto& subscription = *recording.subscription;
   recording.subscription->updateWithData(number(1));
@@ -139,7 +146,7 @@ TEST_F(SubscriptionObject, ForwardsEverythingToItsDelegate) {
               ElementsAre(debugLine("updateWithData: n"), debugLine("updateWithError: n")));
 }
 
-TEST_F(SubscriptionObject, DeliversDataItselfWithoutABehavior) {
+TEST_F(LoggedSubscriptionObject, DeliversDataItselfWithoutABehavior) {
   connect();
   const auto subscription = plain();
   subscription->updateWithData(number(1));
@@ -148,7 +155,7 @@ TEST_F(SubscriptionObject, DeliversDataItselfWithoutABehavior) {
   EXPECT_THAT(log.lines(), ElementsAre(debugLine("updateWithData: n")));
 }
 
-TEST_F(SubscriptionObject, DeliversAnErrorItselfWithoutABehavior) {
+TEST_F(LoggedSubscriptionObject, DeliversAnErrorItselfWithoutABehavior) {
   connect();
   const auto subscription = plain();
   const Error error("d", 3, number(5));
@@ -158,7 +165,7 @@ TEST_F(SubscriptionObject, DeliversAnErrorItselfWithoutABehavior) {
   EXPECT_THAT(log.lines(), ElementsAre(debugLine("updateWithError: n")));
 }
 
-TEST_F(SubscriptionObject, DropsALostPublisherOfAnyDomainItself) {
+TEST_F(LoggedSubscriptionObject, DropsALostPublisherOfAnyDomainItself) {
   connect();
   const auto subscription = plain();
   subscription->updateWithError(Error("d", 8));
@@ -171,7 +178,7 @@ TEST_F(SubscriptionObject, DropsALostPublisherOfAnyDomainItself) {
                                        debugLine("updateWithError: n"), dropped));
 }
 
-TEST_F(SubscriptionObject, AGoneClientIsLoggedAndNothingChanges) {
+TEST_F(LoggedSubscriptionObject, AGoneClientIsLoggedAndNothingChanges) {
   connect();
   const auto subscription = plain();
   subscription->setLastUpdated(kPast);
@@ -192,7 +199,7 @@ TEST_F(SubscriptionObject, AGoneClientIsLoggedAndNothingChanges) {
           debugLine("SubscriberBehavior:updateWithError: ignoring errPublisherDisconnected(8)")));
 }
 
-TEST_F(SubscriptionObject, AFailureToSendIsLoggedLaterAndChangesNothing) {
+TEST_F(LoggedSubscriptionObject, AFailureToSendIsLoggedLaterAndChangesNothing) {
   connectDeaf();
   const auto item = KLNPublishedObject::initWithName("n");
   const auto subscription = plain("before");
@@ -214,7 +221,7 @@ TEST_F(SubscriptionObject, AFailureToSendIsLoggedLaterAndChangesNothing) {
   EXPECT_EQ(subscription->target(), item);
 }
 
-TEST_F(SubscriptionObject, LeavesItsItemItselfWithoutABehavior) {
+TEST_F(LoggedSubscriptionObject, LeavesItsItemItselfWithoutABehavior) {
   const auto item = KLNPublishedObject::initWithName("n");
   const auto subscription = plain();
   item->addSubscriber(subscription);
@@ -254,7 +261,7 @@ TEST_F(SubscriptionBehavior, AddTargetBindsBothWays) {
   EXPECT_EQ(behavior->subscriber(), nullptr);
 }
 
-TEST_F(SubscriptionBehavior, SendsData) {
+TEST_F(LoggedSubscriptionBehavior, SendsData) {
   connect();
   const auto subscription = withBehavior();
   subscription->updateWithData(number(1));
@@ -275,7 +282,7 @@ TEST_F(SubscriptionBehavior, SendsNullDataAsANullItemWithoutAnError) {
   expectOnlyUpdate("n", nullptr, nullptr);
 }
 
-TEST_F(SubscriptionBehavior, SendsAnErrorUnchanged) {
+TEST_F(LoggedSubscriptionBehavior, SendsAnErrorUnchanged) {
   connect();
   const auto subscription = withBehavior();
   const Error error("d", 3, number(5));
@@ -286,7 +293,7 @@ TEST_F(SubscriptionBehavior, SendsAnErrorUnchanged) {
                                        debugLine("SubscriberBehavior:updateWithError: n")));
 }
 
-TEST_F(SubscriptionBehavior, DropsALostPublisherOfAnyDomainBeforeLookingForTheClient) {
+TEST_F(LoggedSubscriptionBehavior, DropsALostPublisherOfAnyDomainBeforeLookingForTheClient) {
   connect();
   const auto subscription = withBehavior();
   const auto expectDropped = [&](const Error& error) {
@@ -315,7 +322,7 @@ TEST_F(SubscriptionBehavior, ANeighbourOfTheDroppedCodeIsSent) {
   EXPECT_EQ(client.received().size(), 2u);
 }
 
-TEST_F(SubscriptionBehavior, AGoneClientIsLoggedAndNothingChanges) {
+TEST_F(LoggedSubscriptionBehavior, AGoneClientIsLoggedAndNothingChanges) {
   connect();
   const auto subscription = withBehavior();
   subscription->setLastUpdated(kPast);
@@ -331,7 +338,7 @@ TEST_F(SubscriptionBehavior, AGoneClientIsLoggedAndNothingChanges) {
   EXPECT_EQ(subscription->lastUpdated(), kPast);
 }
 
-TEST_F(SubscriptionBehavior, AGoneSubscriptionCountsAsAGoneClient) {
+TEST_F(LoggedSubscriptionBehavior, AGoneSubscriptionCountsAsAGoneClient) {
   const auto behavior = std::make_shared<SubscriberBehavior>();
   behavior->addTarget(plain());
   EXPECT_EQ(behavior->subscriber(), nullptr);
@@ -383,7 +390,7 @@ TEST_F(SubscriptionBehavior, AWaitingErrorHandlerHoldsTheSubscription) {
   EXPECT_TRUE(watched.expired());
 }
 
-TEST_F(SubscriptionBehavior, LeavesItsItemOnceAndTellsTheClientNothing) {
+TEST_F(LoggedSubscriptionBehavior, LeavesItsItemOnceAndTellsTheClientNothing) {
   connect();
   const auto item = KLNPublishedObject::initWithName("n");
   const auto subscription = withBehavior();

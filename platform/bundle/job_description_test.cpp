@@ -34,7 +34,7 @@ class JobDescriptionTest : public ::testing::Test {
   }
 
   TemporaryFolder folder_;
-  testing::LogRecorder log_;
+  testing::LogRecorder log_{LogLevel::debug};
 };
 
 TEST_F(JobDescriptionTest, JobFileIsTakenAsItStandsAndInfoIsNotRead) {

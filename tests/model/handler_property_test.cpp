@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Several clients, each on a connection of its own with a handler as the listener makes it, send
-// requests over the wire and die at any moment, with work still waiting or not. After each step
-// every client has been sent exactly what the model says, in that order. Dumps of all items are
-// written in slices of one item, or at once; those in slices are answered later than the model
-// says, but as it says.
+// requests over the wire and die at any moment, with or without work in the queue. After each step
+// every client has received exactly what the model predicts, in that order. Dumps of all items are
+// written at once or in slices of one item; the latter are answered later than the model predicts,
+// but with the same content. Runs at the default log level, where pipelined updates form batches,
+// and at the debug level, where they do not.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
@@ -17,6 +18,7 @@
 #include "runtime/dispatch/manual_executor.h"
 #include "runtime/foundation/value.h"
 #include "tests/model/handler_model.h"
+#include "tests/support/log_recorder.h"
 #include "tests/support/notify_client.h"
 
 namespace keel::model {
@@ -24,6 +26,7 @@ namespace keel::model {
 enum class Request : std::uint8_t {
   publish,
   update,
+  pipelineUpdates,
   remove,
   subscribe,
   unsubscribe,
@@ -35,9 +38,9 @@ enum class Request : std::uint8_t {
 };
 
 static std::string textOf(Request kind) {
-  constexpr std::array<const char*, 10> kTexts = {"publish",     "update", "remove",  "subscribe",
-                                                  "unsubscribe", "dump",   "dumpAll", "interrupt",
-                                                  "die",         "runTurn"};
+  constexpr std::array<const char*, 11> kTexts = {
+      "publish", "update",  "pipelineUpdates", "remove", "subscribe", "unsubscribe",
+      "dump",    "dumpAll", "interrupt",       "die",    "runTurn"};
   return kTexts.at(static_cast<std::size_t>(kind));
 }
 
@@ -45,6 +48,7 @@ namespace {
 
 using protocols::NotifyProxy;
 using testing::FakeClient;
+using testing::LogRecorder;
 using testing::NotifyClient;
 using testing::Received;
 
@@ -68,7 +72,7 @@ std::string entryText(const Value& entry) {
                      dateText(*entry.find("publishDate")), subscribers, data);
 }
 
-// The entries of a dump of everything come in any order.
+// Sorts by name: the entries of a dump of everything have no order.
 std::string dumpText(const Array& array) {
   std::vector<std::string> entries;
   const Value list = array.value();
@@ -78,7 +82,9 @@ std::string dumpText(const Array& array) {
   return fmt::format("[{}]", fmt::join(entries, ""));
 }
 
-// One client of the production classes, and its place in the model.
+constexpr int kPipelinedUpdateCount = 4;
+
+// A client of the production classes, and its id in the model.
 class ModelClient {
  public:
   ModelClient(ManualExecutor& executor, HandlerModel& model)
@@ -86,7 +92,7 @@ class ModelClient {
 
   HandlerModel::ClientId id() const { return id_; }
   NotifyClient& client() { return client_; }
-  // Notes how the answer is to be read.
+  // Records how to decode the reply.
   template <auto Member, class... Arguments>
   std::uint64_t request(Arguments... arguments) {
     texts_.push_back([](const FakeClient& client, std::uint64_t request) {
@@ -95,18 +101,24 @@ class ModelClient {
     isDump_.push_back(std::is_same_v<decltype(Member), decltype(&NotifyProxy::dumpNotification)>);
     return client_.request<Member>(std::move(arguments)...);
   }
-  // What has come since the last call, but for the answers to dumps.
+  // Returns what was received since the last call, except replies to dumps.
   std::vector<std::string> take() {
     std::vector<std::string> texts;
+    std::ptrdiff_t updateCount = 0;
     for (const Received& each : client_.received()) {
+      if (each.kind == Received::Kind::update) ++updateCount;
       const bool isDump = each.kind == Received::Kind::reply && isDump_.at(each.requestId - 1);
       (isDump ? dumps_ : texts).push_back(textOfReceived(each));
     }
     client_.take();
+    receivedBatches_ |= updateCount > client_.sendCount() - sendCount_;
+    sendCount_ = client_.sendCount();
     return texts;
   }
-  // All that were answered until the last take().
+  // Replies to dumps up to the last take().
   const std::vector<std::string>& dumps() const { return dumps_; }
+  // Returns true if more updates arrived than were sent one by one.
+  bool receivedBatches() const { return receivedBatches_; }
 
  private:
   static std::string textOfResults(const std::tuple<Error>& results) {
@@ -141,6 +153,8 @@ class ModelClient {
   std::vector<std::string (*)(const FakeClient&, std::uint64_t)> texts_;
   std::vector<bool> isDump_;
   std::vector<std::string> dumps_;
+  int sendCount_ = 0;
+  bool receivedBatches_ = false;
 };
 
 class World {
@@ -162,10 +176,11 @@ class World {
         return model_.publish(client.id(), id, step.name, step.value);
       }
       case Request::update:
-        return model_.update(
-            client.id(),
-            client.request<&NotifyProxy::updatePublishedItem>(toData(step.value), name), step.name,
-            step.value);
+        return update(client, step.name, step.value);
+      case Request::pipelineUpdates:
+        for (int i = 0; i < kPipelinedUpdateCount; ++i)
+          update(client, step.name, step.value ? std::optional(*step.value + i) : std::nullopt);
+        return;
       case Request::remove:
         return model_.remove(
             client.id(), client.request<&NotifyProxy::removePublishedItemForName>(name), step.name);
@@ -199,6 +214,10 @@ class World {
     }
   }
 
+  void update(ModelClient& client, const ModelName& name, std::optional<int> value) {
+    const auto id = client.request<&NotifyProxy::updatePublishedItem>(toData(value), toName(name));
+    model_.update(client.id(), id, name, value);
+  }
   void runTurn() {
     executor_.runOne();
     connections_.runAll();
@@ -206,13 +225,17 @@ class World {
   }
   bool isIdle() const { return model_.isIdle() && executor_.scheduledCount() == 0; }
 
-  // A real connection is not read while a dump of its own is under way.
+  // A real connection is not read while its own dump is in progress.
   void finishDumpOf(std::size_t client) {
     if (dumping_.insert(client).second) return;
     while (!isIdle()) runTurn();
     dumping_ = {client};
   }
 
+  bool receivedBatches() const {
+    return std::ranges::any_of(clients_,
+                               [](const auto& client) { return client->receivedBatches(); });
+  }
   void compare() {
     for (const auto& client : clients_) {
       RC_ASSERT(client->take() == model_.take(client->id()));
@@ -234,30 +257,45 @@ class World {
   const KLNNotificationService::Override defaultService_{service_};
   HandlerModel model_;
   std::vector<std::unique_ptr<ModelClient>> clients_;
-  std::set<std::size_t> dumping_;  // clients that have asked for a dump, perhaps still under way
+  std::set<std::size_t> dumping_;  // clients whose dump may be in progress
 };
 
-RC_GTEST_PROP(Model, HandlersServeTheirClientsAsTheModelSays, ()) {
-  const auto steps = *sequencesOf<Request>({{6, Request::publish},
-                                            {6, Request::update},
-                                            {3, Request::remove},
-                                            {7, Request::subscribe},
-                                            {3, Request::unsubscribe},
-                                            {2, Request::dump},
-                                            {3, Request::dumpAll},
-                                            {1, Request::interrupt},
-                                            {2, Request::die},
-                                            {9, Request::runTurn}});
-  World world(*rc::gen::arbitrary<bool>());
-  for (const auto& step : steps) {
-    world.run(step);
+class Handlers : public ::testing::TestWithParam<LogLevel> {};
+
+TEST_P(Handlers, ServeTheirClientsAsTheModelPredicts) {
+  bool batchesWereReceived = false;
+  EXPECT_TRUE(rc::check([&] {
+    const auto steps = *sequencesOf<Request>({{6, Request::publish},
+                                              {3, Request::update},
+                                              {4, Request::pipelineUpdates},
+                                              {3, Request::remove},
+                                              {7, Request::subscribe},
+                                              {3, Request::unsubscribe},
+                                              {2, Request::dump},
+                                              {3, Request::dumpAll},
+                                              {1, Request::interrupt},
+                                              {2, Request::die},
+                                              {9, Request::runTurn}});
+    const LogRecorder log(GetParam());
+    World world(*rc::gen::arbitrary<bool>());
+    for (const auto& step : steps) {
+      world.run(step);
+      world.compare();
+    }
+    while (!world.isIdle()) world.runTurn();
+    world.run({Request::dumpAll, 0, std::nullopt, std::nullopt, true});
+    while (!world.isIdle()) world.runTurn();
     world.compare();
-  }
-  while (!world.isIdle()) world.runTurn();
-  world.run({Request::dumpAll, 0, std::nullopt, std::nullopt, true});
-  while (!world.isIdle()) world.runTurn();
-  world.compare();
+    batchesWereReceived |= world.receivedBatches();
+  }));
+  EXPECT_EQ(batchesWereReceived, GetParam() != LogLevel::debug);
 }
+
+INSTANTIATE_TEST_SUITE_P(AtEachLevel, Handlers,
+                         ::testing::Values(LogLevel::standard, LogLevel::debug),
+                         [](const auto& each) {
+                           return each.param == LogLevel::debug ? "debug" : "standard";
+                         });
 
 }  // namespace
 }  // namespace keel::model

@@ -19,17 +19,18 @@ struct LogLine {
 };
 std::ostream& operator<<(std::ostream& stream, const LogLine& line);
 
-// Notes every message that is written while it lives, with the levels from `least` on enabled. From
-// any thread.
+// Records every message of level `least` and above while it lives, and enables exactly those
+// levels. From any thread. The default is the daemon's own; a test that checks debug lines asks for
+// debug.
 class LogRecorder {
  public:
-  explicit LogRecorder(LogLevel least = LogLevel::debug);
+  explicit LogRecorder(LogLevel least = LogLevel::standard);
 
-  // Everything noted and not taken yet, in order.
+  // All recorded lines that were not taken yet, in order.
   std::vector<LogLine> lines() const;
-  // The same of one category.
+  // Those of one category.
   std::vector<LogLine> linesOf(std::string_view category) const;
-  // Takes what was noted: the next lines are those that follow.
+  // Returns the recorded lines and clears them.
   std::vector<LogLine> take();
 
  private:
