@@ -23,6 +23,8 @@ USER_AND_PASSWORD = "authenticateUser:withPassword:andHandler:"
 
 
 class Secrets(AuthTest):
+    log = "debug"
+
     def setUp(self):
         super().setUp()
         if not shutil.which("gcore"):

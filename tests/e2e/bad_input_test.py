@@ -18,8 +18,6 @@ DROPPED = re.compile(r"<connection .*> dropped: .*")
 
 
 class BadInputTest(DaemonTest):
-    options = {"log": "runtime=debug"}
-
     def setUp(self):
         super().setUp()
         self.bystanders = Bystanders(self)

@@ -46,7 +46,6 @@ def wait_readable(client):
 
 
 class Crowd(DaemonTest):
-    options = {"log": "default,runtime=debug"}
 
     def setUp(self):
         super().setUp()
@@ -120,7 +119,7 @@ class Crowd(DaemonTest):
 class Full(Crowd):
     """With few descriptors: what goes beyond waits until there is room, and is not refused."""
 
-    options = {"log": "default,runtime=debug", "descriptors": 1200}
+    options = {"descriptors": 1200}
 
     def fill(self):
         """Connects until the daemon says that it takes no more. Those that were let in, and those that wait."""
@@ -180,13 +179,13 @@ class Full(Crowd):
     def test_terminate_works_in_a_crowd(self):
         self.fill()
         self.assertEqual(self.daemon.stop(), 0)
-        self.daemon = self.start(log="runtime=debug")
+        self.daemon = self.start()
         self.close_all()
         self.bystanders = Bystanders(self)
 
 
 class VeryFewDescriptors(Full):
-    options = {"log": "default,runtime=debug", "descriptors": 100}
+    options = {"descriptors": 100}
 
     def fill(self):
         before = len(self.daemon.logged(FULL))
@@ -221,7 +220,7 @@ class VeryFewDescriptors(Full):
 class OneUser(Crowd):
     """A user other than root may have as many connections as are still free of seven eighths of all."""
 
-    options = {"log": "default,runtime=debug", "descriptors": 1200}
+    options = {"descriptors": 1200}
 
     def fill(self):
         """Connects as Alice until she is turned away; the connection with that goodbye."""

@@ -157,7 +157,7 @@ def ids_sent(data):
 
 
 class Fuzz(DaemonTest):
-    options = {"log": "error,runtime=debug"}
+    log = "error,runtime=debug"
 
     def setUp(self):
         super().setUp()

@@ -249,6 +249,8 @@ class Trouble(JobTest):
 
 
 class WithKeeld(DaemonTest):
+    log = "runtime=debug,startup=debug"
+
     def setUp(self):
         self.daemons = []
         remove(BUNDLES.rstrip("/"))

@@ -253,6 +253,8 @@ polkit.addRule(function(action, subject) {{
 
 
 class AuthTest(AccountsTest):
+    log = "runtime=debug,auth=debug"
+
     def auth(self, **options):
         client = AuthClient(**options)
         self.addCleanup(client.close)

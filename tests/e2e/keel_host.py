@@ -52,7 +52,7 @@ class Daemon:
     ready        wait until it says that it is; needs the debug level of the category runtime
     """
 
-    def __init__(self, *, log="debug", environment=None, arguments=None, sockets=None, descriptors=None, before_exec=None,
+    def __init__(self, *, log="runtime=debug", environment=None, arguments=None, sockets=None, descriptors=None, before_exec=None,
                  journal=False, stderr=None, ready=True):
         ours = ("KEELD_", "LISTEN_", "JOURNAL_", "NOTIFY_")
         variables = {name: value for name, value in os.environ.items() if not name.startswith(ours)}
@@ -269,8 +269,15 @@ class Journal:
 
 
 class DaemonTest(unittest.TestCase):
-    """Each case has a daemon of its own, which must be alive and well at the end, and end in good order."""
+    """Each case has a daemon of its own, which must be alive at the end and exit cleanly.
 
+    log      KEELD_LOG of the daemons that a case starts. The category runtime is at its debug level: "up and running" and the
+             ends of connections are logged there. A class that checks debug lines of other categories enables those. With
+             debug lines of the category notification, updates do not form batches as they do in production.
+    options  further options of the daemon that setUp() starts
+    """
+
+    log = "runtime=debug"
     options = {}
     _own_client = None
 
@@ -279,7 +286,7 @@ class DaemonTest(unittest.TestCase):
         self.daemon = self.start(**self.options)
 
     def start(self, **options):
-        daemon = Daemon(**options)
+        daemon = Daemon(**{"log": self.log, **options})
         self.daemons.append(daemon)
         self.addCleanup(self._finish, daemon)
         return daemon

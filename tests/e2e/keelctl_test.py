@@ -75,8 +75,6 @@ class Running:
 
 
 class KeelctlTest(DaemonTest):
-    options = {"log": "runtime=debug"}
-
     def run_keelctl(self, *arguments, text="", uid=0, stdout=subprocess.PIPE):
         """Exit status, output and errors."""
         done = subprocess.run(

@@ -24,6 +24,8 @@ def session_of_this_process():
 
 
 class LogTest(DaemonTest):
+    log = "debug"
+
     def assertLogged(self, *expected, category="notification"):
         """Ends the daemon, and compares all it logged in that category with lines of level and text."""
         self.assertEqual(self.daemon.stop(), 0)

@@ -17,6 +17,8 @@ MANY = 20000
 
 
 class LogTest(DaemonTest):
+    log = "debug"
+
     def setUp(self):
         self.daemons = []
 

@@ -35,7 +35,9 @@ def forget_jobs():
 
 
 class ModulesTest(DaemonTest):
-    """Without a daemon at first: each case makes its bundles, then starts one. With a systemd or without."""
+    """Each case makes its bundles, then starts a daemon. With a systemd or without."""
+
+    log = "runtime=debug,startup=debug,bundle=debug"
 
     def setUp(self):
         self.daemons = []

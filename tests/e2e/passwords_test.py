@@ -55,6 +55,8 @@ def await_end(pid):
 
 
 class Accounts(AccountsTest):
+    log = "runtime=debug,auth=debug"
+
     def test_an_administrators_password_is_accepted(self):
         self.assertAccepted("alice")
         self.no_messages()
@@ -208,7 +210,7 @@ class Service(AccountsTest):
 
 
 class BadModules(AccountsTest):
-    options = {"log": "debug"}
+    log = "debug"
 
     def setUp(self):
         super().setUp()
@@ -299,6 +301,7 @@ class BadModules(AccountsTest):
 
 
 class Secrets(AccountsTest):
+    log = "debug"
     SECRET = "a secret that stands nowhere else: 8c1b2e"
     WRONG = "another that stands nowhere else: 5d07aa"
 

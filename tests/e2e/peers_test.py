@@ -16,8 +16,6 @@ TEXT = re.compile(r"<connection (\d+) pid (\d+) \((.*)\) uid (\d+) session (-?\d
 
 
 class PeerTest(DaemonTest):
-    options = {"log": "runtime=debug"}
-
     def setUp(self):
         super().setUp()
         self.asker = self.client()

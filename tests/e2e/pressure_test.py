@@ -28,8 +28,6 @@ def inline_item(number, size=IN_FILE_LEAST - 100):
 
 
 class PressureTest(DaemonTest):
-    options = {"log": "runtime=debug"}
-
     def setUp(self):
         super().setUp()
         self.bystanders = Bystanders(self)

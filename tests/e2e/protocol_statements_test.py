@@ -183,7 +183,6 @@ class Sessions(StatementTest):
 class Charges(StatementTest):
     """What a user holds stands in the text of failure 8."""
 
-    options = {"log": "runtime=debug"}
 
     USER = 501
 

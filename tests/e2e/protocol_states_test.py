@@ -40,8 +40,6 @@ CALLERS = {
 
 
 class StatesTest(DaemonTest):
-    options = {"log": "runtime=debug"}
-
     def setUp(self):
         super().setUp()
         names = ("publisher", "follower", "second follower", "another")

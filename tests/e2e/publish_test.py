@@ -3,9 +3,9 @@
 """Publishing, updating, withdrawing, following and no longer following, as clients see it."""
 
 import keel_host
-from keel_client import CLIENT_INFO, ONE_WAY, REPLY, UPDATE, Client
+from keel_client import CLIENT_INFO, ONE_WAY, REPLY, REQUEST, UPDATE, Client
 from keel_host import DaemonTest
-from keel_values import Error
+from keel_values import Error, encode, framed
 
 MOST = (1 << 64) - 1
 
@@ -139,6 +139,67 @@ class Update(NotifyTest):
         self.assertWorked(self.follower.subscribe("hoped for"))
         self.assertEqual(self.follower.update({}, "hoped for").code, 11)
         self.assertEqual(self.entry("hoped for")["publishedData"], "<no data>")
+
+
+class PipelinedUpdates(NotifyTest):
+    """The daemon reads many of these at once, and its default log level lets them form batches."""
+
+    COUNT = 10_000
+
+    def setUp(self):
+        super().setUp()
+        self.assertWorked(self.publisher.publish(None, "weather"))
+        self.followers = [self.client() for _ in range(3)]
+        for follower in self.followers:
+            self.assertWorked(follower.subscribe("weather"))
+            self.assertDelivered(follower, "weather", None)
+        # Sizes vary; some values exceed what is copied into a batch, some updates carry no data.
+        self.items = [
+            None if n % 1001 == 1000 else {"n": n, "text": "x" * (6000 if n % 997 == 996 else n % 90)}
+            for n in range(self.COUNT)
+        ]
+
+    def send_updates(self):
+        """Sends all updates before it waits for a reply, and returns their request ids."""
+        index = self.publisher.selectors.index("updatePublishedItem:name:withHandler:")
+        first = self.publisher.last_id + 1
+        self.publisher.last_id += self.COUNT
+        self.publisher.send_bytes(b"".join(
+            framed(encode([REQUEST, first + n, index, [item, "weather"]]))
+            for n, item in enumerate(self.items)))
+        return range(first, first + self.COUNT)
+
+    def assertAllDelivered(self):
+        for follower in self.followers:
+            for item in self.items:
+                self.assertDelivered(follower, "weather", item)
+            self.assertNothingDelivered(follower)
+        self.assertEqual(self.entry("weather")["publishedData"], self.items[-1])
+        self.assertFalse([line for line in self.daemon.log if line.category == "notification"])
+
+    def test_reach_every_follower_and_are_answered_in_order(self):
+        start = len(self.publisher.history)
+        requests = self.send_updates()
+        for request in requests:
+            self.assertEqual(self.publisher.results(request), [None])
+        received = [message.fields[:2] for message in self.publisher.history[start:]]
+        self.assertEqual(received, [[REPLY, request] for request in requests])
+        self.assertAllDelivered()
+
+    def test_are_delivered_to_their_own_publisher_before_each_reply(self):
+        self.assertWorked(self.publisher.subscribe("weather"))
+        self.assertDelivered(self.publisher, "weather", None)
+        start = len(self.publisher.history)
+        requests = self.send_updates()
+        self.assertEqual(self.publisher.results(requests[-1]), [None])
+        expected = []
+        for request, item in zip(requests, self.items):
+            expected += [[ONE_WAY, 0, ["weather", item, 0, None]], [REPLY, request, [None]]]
+        received = [message.fields for message in self.publisher.history[start:]]
+        self.assertEqual(len(received), len(expected))
+        for place, (message, wanted) in enumerate(zip(received, expected)):
+            self.assertEqual(message, wanted, place)
+        self.assertAllDelivered()
 
 
 class Remove(NotifyTest):

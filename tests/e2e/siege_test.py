@@ -17,7 +17,7 @@ def siege_program():
 
 
 class Siege(DaemonTest):
-    options = {"log": "runtime=debug,notification=fault"}
+    log = "runtime=debug,notification=fault"
 
     def attack(self, *arguments):
         attack = subprocess.run([PROGRAM, "--seconds", str(SECONDS), *arguments], capture_output=True, text=True,

@@ -438,7 +438,7 @@ class Signals(StartTest):
         self.assertTrue(daemon.logged(SHUTTING_DOWN))
 
     def test_terminate_while_clients_flood_it(self):
-        daemon = self.start(log="runtime=debug")
+        daemon = self.start()
         listener = self.client()
         flooders = [self.process() for _ in range(4)]
         for number, flooder in enumerate(flooders):
