@@ -65,7 +65,7 @@ struct Asked {
 std::optional<Secret> basicAnswer(std::string_view user, const Secret& password) {
   if (user.contains(':')) return std::nullopt;
   const Secret pair = joined(std::string(user) + ":", password.text());
-  std::string encoded = base64Of(std::as_bytes(std::span(pair.text())));
+  std::string encoded = encodeBase64(std::as_bytes(std::span(pair.text())));
   Secret answer = joined("Basic ", encoded);
   wipe(std::as_writable_bytes(std::span(encoded)));
   return answer;

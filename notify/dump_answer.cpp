@@ -99,7 +99,7 @@ void DumpAnswer::appendEncoded(std::span<const std::byte> encoded) {
 // Where no file can be made (no descriptors), the answer stays on the heap.
 void DumpAnswer::moveToFile() {
   if (!std::exchange(triedFile_, true)) {
-    if (auto made = GrowingMemory::create()) file_ = std::move(*made);
+    if (auto made = SealedMemoryWriter::create()) file_ = std::move(*made);
   }
   if (!file_) return;
   writeToFile(bytes_);

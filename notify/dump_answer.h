@@ -52,7 +52,7 @@ class DumpAnswer {
   const bool withData_;
   std::size_t missingCount_;
   ByteSink bytes_;  // what is not in the file, and follows it
-  std::optional<GrowingMemory> file_;
+  std::optional<SealedMemoryWriter> file_;
   bool triedFile_ = false;
   std::size_t fileBytes_ = 0;
   std::error_code failure_;

@@ -28,7 +28,7 @@ Meaning dateOf(const Value& seconds) {
 
 Meaning dataOf(const Value& base64) {
   const auto* text = base64.as<std::string>();
-  auto bytes = text == nullptr ? std::nullopt : bytesOfBase64(*text);
+  auto bytes = text == nullptr ? std::nullopt : decodeBase64(*text);
   if (!bytes) return std::unexpected("\"$data\" takes a text in base64, with padding");
   return Value(std::move(*bytes));
 }

@@ -38,7 +38,9 @@ class JsonWriter {
     }
   }
   void operator()(const std::string& text) { json_ += jsonOfText(text, letters_); }
-  void operator()(const Value::Bytes& bytes) { json_ += R"({"$data":")" + base64Of(bytes) + "\"}"; }
+  void operator()(const Value::Bytes& bytes) {
+    json_ += R"({"$data":")" + encodeBase64(bytes) + "\"}";
+  }
   void operator()(Date date) {
     json_ += R"({"$date":)";
     if (const auto whole = date.wholeSeconds()) {

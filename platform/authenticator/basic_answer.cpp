@@ -13,7 +13,7 @@ namespace keel {
 std::optional<BasicAnswer> BasicAnswer::parse(std::string_view text) {
   if (text.size() > kLargestBytes) return std::nullopt;
   const std::string_view encoded = afterScheme(text, "basic").value_or(text);
-  Secret decoded(largestBytesOfBase64(encoded));
+  Secret decoded(maximumDecodedBytes(encoded));
   const auto size = decodeBase64(encoded, decoded.bytes());
   if (!size) return std::nullopt;
   decoded.shrink(*size);

@@ -16,7 +16,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 std::string encoded(std::string_view text) {
-  return base64Of(std::as_bytes(std::span(text)));
+  return encodeBase64(std::as_bytes(std::span(text)));
 }
 
 // "USER PASSWORD", or "none" when the answer is refused.

@@ -88,7 +88,7 @@ std::optional<Value> dataOfText(std::string_view text) {
   for (const char letter : text) {
     if (kPropertyListSpace.find(letter) == kPropertyListSpace.npos) letters += letter;
   }
-  auto bytes = bytesOfBase64(letters);
+  auto bytes = decodeBase64(letters);
   return bytes ? std::optional<Value>(std::move(*bytes)) : std::nullopt;
 }
 

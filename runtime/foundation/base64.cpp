@@ -13,7 +13,7 @@ constexpr std::string_view kLetters =
 
 }  // namespace
 
-std::string base64Of(std::span<const std::byte> bytes) {
+std::string encodeBase64(std::span<const std::byte> bytes) {
   std::string text;
   text.reserve((bytes.size() + 2) / 3 * 4);
   for (std::size_t at = 0; at < bytes.size(); at += 3) {
@@ -44,15 +44,15 @@ std::optional<std::size_t> decodeBase64(std::string_view text, std::span<std::by
       group = 0;
     }
   }
-  // Bits that the padding cuts off must be 0: one text for the same bytes.
+  // Bits cut off by the padding must be 0: one encoding per byte string.
   for (; padding > 0; --padding) {
     if (into[--count] != std::byte{0}) return std::nullopt;
   }
   return count;
 }
 
-std::optional<std::vector<std::byte>> bytesOfBase64(std::string_view text) {
-  std::vector<std::byte> bytes(largestBytesOfBase64(text));
+std::optional<std::vector<std::byte>> decodeBase64(std::string_view text) {
+  std::vector<std::byte> bytes(maximumDecodedBytes(text));
   const auto count = decodeBase64(text, bytes);
   if (!count) return std::nullopt;
   bytes.resize(*count);

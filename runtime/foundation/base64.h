@@ -10,18 +10,19 @@
 
 namespace keel {
 
-// RFC 4648, section 4, with padding; no other letters are taken, and each sequence of bytes has one
-// text only.
-std::string base64Of(std::span<const std::byte> bytes);
-std::optional<std::vector<std::byte>> bytesOfBase64(std::string_view text);
+// Base64 (RFC 4648, section 4) with padding. Strict: no other characters, and every byte string has
+// exactly one encoding.
+std::string encodeBase64(std::span<const std::byte> bytes);
+// Returns nothing if `text` is not valid.
+std::optional<std::vector<std::byte>> decodeBase64(std::string_view text);
 
-// What `text` decodes to never has more bytes than this.
-constexpr std::size_t largestBytesOfBase64(std::string_view text) {
+// Upper bound of the size that `text` decodes to.
+constexpr std::size_t maximumDecodedBytes(std::string_view text) {
   return text.size() / 4 * 3;
 }
-// Decodes into the caller's memory alone, for what must be wiped afterwards: into at least
-// largestBytesOfBase64(text) bytes, of which it yields how many are filled. Nothing when `text` is
-// no such text; then any of them may have been written.
+// Decodes into memory of the caller alone, for data that must be wiped afterwards: at least
+// maximumDecodedBytes(text) bytes. Returns how many are filled, or nothing if `text` is not valid;
+// then any of them may have been written.
 std::optional<std::size_t> decodeBase64(std::string_view text, std::span<std::byte> into);
 
 }  // namespace keel

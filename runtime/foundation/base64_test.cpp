@@ -21,31 +21,31 @@ constexpr std::pair<const char*, const char*> kVectors[] = {{"", ""},
                                                             {"fooba", "Zm9vYmE="},
                                                             {"foobar", "Zm9vYmFy"}};
 
-TEST(Base64, TestVectorsWorkBothWays) {
+TEST(Base64, TestVectorsRoundTrip) {
   for (const auto& [plain, encoded] : kVectors) {
-    EXPECT_EQ(base64Of(bytesOf(plain)), encoded);
-    EXPECT_EQ(bytesOfBase64(encoded), bytesOf(plain));
+    EXPECT_EQ(encodeBase64(bytesOf(plain)), encoded);
+    EXPECT_EQ(decodeBase64(encoded), bytesOf(plain));
   }
 }
 
-TEST(Base64, EveryByteComesBack) {
+TEST(Base64, EveryByteRoundTrips) {
   std::vector<std::byte> all;
   for (int i = 0; i < 256; ++i) all.push_back(static_cast<std::byte>(i));
-  EXPECT_EQ(bytesOfBase64(base64Of(all)), all);
+  EXPECT_EQ(decodeBase64(encodeBase64(all)), all);
 }
 
 TEST(Base64, DecodesIntoMemoryOfTheCaller) {
-  std::vector<std::byte> into(largestBytesOfBase64("Zm9vYg=="), std::byte{7});
+  std::vector<std::byte> into(maximumDecodedBytes("Zm9vYg=="), std::byte{7});
   EXPECT_EQ(into.size(), 6U);
   EXPECT_EQ(decodeBase64("Zm9vYg==", into), 4U);
   EXPECT_EQ(std::vector<std::byte>(into.begin(), into.begin() + 4), bytesOf("foob"));
   EXPECT_EQ(decodeBase64("Zm9vYh==", into), std::nullopt);
 }
 
-TEST(Base64, OtherTextIsRefused) {
+TEST(Base64, InvalidTextIsRefused) {
   for (const char* text :
        {"Z", "Zg", "Zg=", "Zg==Zg==", "Zh==", "Zm9=", "Z===", "====", "Zm9v\n", "Zm-_", "Z g="}) {
-    EXPECT_FALSE(bytesOfBase64(text)) << text;
+    EXPECT_FALSE(decodeBase64(text)) << text;
   }
 }
 

@@ -55,7 +55,7 @@ void Buffer::destroy() noexcept {
 }
 
 std::uint64_t Buffer::computeHash() const {
-  // Threads that come here at the same time compute the same value.
+  // Threads that race here compute the same value.
   const std::uint64_t computed = sipHash13(bytes(), processHashKey());
   const std::uint64_t value = computed != 0 ? computed : 1;
   hash_.store(value, std::memory_order_relaxed);

@@ -29,7 +29,7 @@ class BufferRef {
   Buffer* get() const { return buffer_; }
   Buffer* operator->() const { return buffer_; }
   explicit operator bool() const { return buffer_ != nullptr; }
-  // The same buffer, not merely the same bytes.
+  // Identity: the same buffer, not merely equal bytes.
   friend bool operator==(const BufferRef& left, const BufferRef& right) {
     return left.buffer_ == right.buffer_;
   }
@@ -40,17 +40,18 @@ class BufferRef {
   Buffer* buffer_ = nullptr;
 };
 
-// Immutable bytes, shared by count: the storage behind String, Data, Dictionary and Array. Either
+// Immutable, reference-counted bytes: the storage behind String, Data, Dictionary and Array. Either
 // one heap block (header and bytes together) or the mapping of a sealed memory file, whose
 // descriptor it then owns.
 class Buffer {
  public:
-  // `surchargeBytes` are charged beyond its own size, for what its holder builds around it.
+  // Copies `bytes`. `surchargeBytes` are charged on top of its own size, for what its holder
+  // allocates around it.
   static BufferRef copyOf(std::span<const std::byte> bytes,
                           MemoryAccount& account = MemoryAccount::ofProcess(),
                           std::uint32_t surchargeBytes = 0);
 
-  // A heap buffer of `sizeBytes`, filled by `fill(std::byte*)` before anybody else sees it.
+  // Allocates a heap buffer that `fill(std::byte*)` initialises before anybody else sees it.
   template <class Fill>
   static BufferRef make(std::size_t sizeBytes, Fill fill) {
     BufferRef buffer = allocate(sizeBytes, MemoryAccount::ofProcess(), 0);
@@ -58,7 +59,7 @@ class Buffer {
     return buffer;
   }
 
-  // Takes over a mapping of `sizeBytes` bytes and the sealed memory file it shows
+  // Takes ownership of a mapping of `sizeBytes` bytes and of the sealed memory file behind it
   // (sealed_memory.h), which must be open.
   static BufferRef adoptMapping(const std::byte* mapping, std::size_t sizeBytes,
                                 FileDescriptor sealedFile,
@@ -70,29 +71,30 @@ class Buffer {
   std::span<const std::byte> bytes() const { return {data_, size_}; }
   std::size_t size() const { return size_; }
 
-  // The sealed memory file that holds exactly these bytes, or -1 for a heap buffer. Borrowed.
+  // Returns the sealed memory file that holds exactly these bytes, or -1 for a heap buffer.
+  // Borrowed.
   int sealedFile() const { return sealedFile_; }
 
-  // Whether others refer to it, too. Nobody but its holders can change that.
+  // Returns true if there are further references. Only their holders can change that.
   bool isShared() const { return references_.load(std::memory_order_acquire) > 1; }
 
-  // A keyed hash of the bytes, computed on first use and kept. Never 0.
+  // Returns a keyed hash of the bytes, computed on first use and cached. Never 0.
   std::uint64_t hash() const {
     const std::uint64_t known = hash_.load(std::memory_order_relaxed);
     return known != 0 ? known : computeHash();
   }
 
-  // The bytes of a heap buffer are wiped when it is destroyed. Before it is shared with other
-  // threads.
+  // Has the bytes of a heap buffer wiped on destruction. Call it before the buffer is shared with
+  // other threads.
   void makeSecret() { secret_ = true; }
 
-  // Has another account pay from now on: whoever sent bytes that are no longer current does not
-  // answer for those who still hold them. From one thread at a time.
+  // Charges another account from now on: a sender does not pay for superseded bytes that slow
+  // readers still hold. From one thread at a time.
   void chargeTo(MemoryAccount& account);
 
-  // Bytes held by all living buffers that the process itself pays for, their headers included.
+  // Returns the bytes of all live buffers charged to the process itself, headers included.
   static std::size_t liveBytes() { return MemoryAccount::ofProcess().bytes(); }
-  // How many living buffers own a sealed memory file, and with it a descriptor.
+  // Returns how many live buffers own a sealed memory file, and with it a descriptor.
   static std::size_t sealedFileCount();
 
  private:

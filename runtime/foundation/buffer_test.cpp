@@ -22,19 +22,19 @@ TEST(BufferCopyOf, HoldsItsOwnCopy) {
   EXPECT_EQ(buffer->sealedFile(), -1);
 }
 
-TEST(BufferCopyOf, NothingYieldsAnEmptyBuffer) {
+TEST(BufferCopyOf, CopyingNoBytesYieldsAnEmptyBuffer) {
   const BufferRef buffer = Buffer::copyOf({});
   ASSERT_TRUE(buffer);
   EXPECT_TRUE(buffer->bytes().empty());
 }
 
-TEST(BufferMake, ShowsWhatTheFillerWrote) {
+TEST(BufferMake, HoldsTheBytesThatFillWrote) {
   const BufferRef buffer =
       Buffer::make(4, [](std::byte* bytes) { std::fill_n(bytes, 4, std::byte{0xab}); });
   EXPECT_EQ(hexOf(buffer->bytes()), "abababab");
 }
 
-TEST(BufferMake, AThrowingFillerLeavesNothingBehind) {
+TEST(BufferMake, AThrowingFillLeaksNothing) {
   const std::size_t before = Buffer::liveBytes();
   EXPECT_THROW(Buffer::make(100, [](std::byte*) { throw 1; }), int);
   EXPECT_EQ(Buffer::liveBytes(), before);
@@ -47,31 +47,31 @@ TEST(BufferRef, CopiesShareOneBuffer) {
   EXPECT_EQ(first.get(), second.get());
 }
 
-TEST(BufferRef, EqualBytesInTwoBuffersAreNotTheSame) {
+TEST(BufferRef, BuffersWithEqualBytesAreNotIdentical) {
   EXPECT_FALSE(Buffer::copyOf(bytesOfHex("01")) == Buffer::copyOf(bytesOfHex("01")));
 }
 
-TEST(BufferRef, MovedFromIsNull) {
+TEST(BufferRef, AMovedFromReferenceIsNull) {
   BufferRef first = Buffer::copyOf(bytesOfHex("01"));
   const BufferRef second = std::move(first);
   EXPECT_FALSE(first);
   EXPECT_TRUE(second);
 }
 
-TEST(BufferRef, AssigningToItselfKeepsTheBuffer) {
+TEST(BufferRef, SelfAssignmentKeepsTheBuffer) {
   BufferRef buffer = Buffer::copyOf(bytesOfHex("0102"));
   const BufferRef& same = buffer;
   buffer = same;
   EXPECT_EQ(hexOf(buffer->bytes()), "0102");
 }
 
-TEST(BufferHash, FollowsTheBytesNotTheBuffer) {
+TEST(BufferHash, DependsOnTheBytesAlone) {
   const BufferRef first = Buffer::copyOf(bytesOfHex("010203"));
   EXPECT_EQ(first->hash(), Buffer::copyOf(bytesOfHex("010203"))->hash());
   EXPECT_EQ(first->hash(), first->hash());
 }
 
-TEST(BufferHash, DiffersForEveryLengthOfZeroes) {
+TEST(BufferHash, DiffersForEveryLengthOfZeros) {
   std::set<std::uint64_t> hashes;
   for (std::size_t size = 0; size < 100; ++size) {
     hashes.insert(Buffer::copyOf(std::vector<std::byte>(size))->hash());
@@ -80,7 +80,7 @@ TEST(BufferHash, DiffersForEveryLengthOfZeroes) {
   EXPECT_FALSE(hashes.contains(0));
 }
 
-TEST(BufferLiveBytes, CountsBytesAndHeaderUntilTheLastReferenceGoes) {
+TEST(BufferLiveBytes, CountsBytesAndHeaderUntilTheLastReferenceIsReleased) {
   const std::size_t before = Buffer::liveBytes();
   BufferRef first = Buffer::copyOf(std::vector<std::byte>(1000));
   EXPECT_EQ(Buffer::liveBytes(), before + 1000 + sizeof(Buffer));
@@ -91,7 +91,7 @@ TEST(BufferLiveBytes, CountsBytesAndHeaderUntilTheLastReferenceGoes) {
   EXPECT_EQ(Buffer::liveBytes(), before);
 }
 
-TEST(BufferLiveBytes, ReturnsToWhatItWasWhenThreadsShareAndDrop) {
+TEST(BufferLiveBytes, IsExactAfterThreadsShareAndRelease) {
   const std::size_t before = Buffer::liveBytes();
   {
     const BufferRef shared = Buffer::copyOf(std::vector<std::byte>(64, std::byte{7}));
@@ -109,23 +109,23 @@ TEST(BufferLiveBytes, ReturnsToWhatItWasWhenThreadsShareAndDrop) {
   EXPECT_EQ(Buffer::liveBytes(), before);
 }
 
-TEST(MemoryAccount, ASumFollowsItsAccountsInSteps) {
+TEST(MemoryAccount, ATotalFollowsItsAccountsInSteps) {
   constexpr std::size_t kStep = MemoryAccount::kStepBytes;
-  MemoryAccount sum;
-  MemoryAccount first(sum);
-  MemoryAccount second(sum);
+  MemoryAccount total;
+  MemoryAccount first(total);
+  MemoryAccount second(total);
   first.charge(kStep);
-  EXPECT_EQ(sum.bytes(), 0u);
+  EXPECT_EQ(total.bytes(), 0u);
   first.charge(1);
-  EXPECT_EQ(sum.bytes(), kStep + 1);
+  EXPECT_EQ(total.bytes(), kStep + 1);
   second.charge(10 * kStep);
-  EXPECT_EQ(sum.bytes(), 11 * kStep + 1);
+  EXPECT_EQ(total.bytes(), 11 * kStep + 1);
   second.refund(kStep);
-  EXPECT_EQ(sum.bytes(), 11 * kStep + 1);
+  EXPECT_EQ(total.bytes(), 11 * kStep + 1);
   second.refund(9 * kStep);
-  EXPECT_EQ(sum.bytes(), kStep + 1);
+  EXPECT_EQ(total.bytes(), kStep + 1);
   first.refund(kStep + 1);
-  EXPECT_EQ(sum.bytes(), 0u);
+  EXPECT_EQ(total.bytes(), 0u);
 }
 
 }  // namespace

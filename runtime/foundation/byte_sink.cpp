@@ -13,7 +13,7 @@ void ByteSink::grow(std::size_t moreBytes) {
   auto grown = std::make_unique_for_overwrite<std::byte[]>(capacity);
   if (size_ > 0) {
     std::memcpy(grown.get(), data_.get(), size_);
-    // It may be the beginning of a password; growing is rare enough to do it for all.
+    // It may hold part of a password; growing is rare enough to wipe always.
     wipe(bytes());
   }
   data_ = std::move(grown);

@@ -11,8 +11,8 @@
 
 namespace keel {
 
-// Bytes that are appended one by one or in runs, as messages are built: what a vector does, without
-// its cost for a single byte. Keeps its memory when it is cleared.
+// A growing byte buffer for building messages: a vector without its cost per single byte. Keeps its
+// memory when it is cleared.
 class ByteSink {
  public:
   ByteSink() = default;
@@ -42,17 +42,17 @@ class ByteSink {
       grow(1);
     data_[size_++] = byte;
   }
-  // Must not lie in this sink.
+  // `run` must not point into this sink.
   void append(std::span<const std::byte> run) {
     if (run.size() > capacity_ - size_) [[unlikely]]
       grow(run.size());
     if (!run.empty()) std::memcpy(data_.get() + size_, run.data(), run.size());
     size_ += run.size();
   }
-  // One byte, then the lowest `width` bytes of `number` (1, 2, 4 or 8), the highest of them first.
+  // Appends one byte, then the lowest `width` bytes of `number` (1, 2, 4 or 8), big-endian.
   void appendBigEndian(std::byte first, std::uint64_t number, std::size_t width) {
-    // Written whole, whatever the width: parts would have to be put together again when they are
-    // read at once.
+    // Stores eight bytes whatever the width: a later load across smaller stores would miss store
+    // forwarding.
     const std::uint64_t highest = number << (64 - 8 * width);
     const std::uint64_t bytes =
         std::endian::native == std::endian::little ? std::byteswap(highest) : highest;

@@ -16,7 +16,7 @@ Bytes heldBy(const ByteSink& sink) {
   return {sink.bytes().begin(), sink.bytes().end()};
 }
 
-TEST(ByteSink, HoldsWhatWasAppendedInOrder) {
+TEST(ByteSink, KeepsTheOrderOfAppends) {
   ByteSink sink;
   Bytes expected;
   for (int i = 0; i < 300; ++i) {
@@ -30,7 +30,7 @@ TEST(ByteSink, HoldsWhatWasAppendedInOrder) {
   EXPECT_EQ(sink.size(), expected.size());
 }
 
-TEST(ByteSink, NumbersAreAppendedHighestByteFirst) {
+TEST(ByteSink, AppendsNumbersBigEndian) {
   ByteSink sink;
   Bytes expected;
   for (int i = 0; i < 100; ++i) {
@@ -44,14 +44,14 @@ TEST(ByteSink, NumbersAreAppendedHighestByteFirst) {
   EXPECT_EQ(heldBy(sink), expected);
 }
 
-TEST(ByteSink, NothingAppendedIsNothing) {
+TEST(ByteSink, AppendingNoBytesLeavesItEmpty) {
   ByteSink sink;
   sink.append({});
   EXPECT_TRUE(sink.empty());
   EXPECT_TRUE(sink.bytes().empty());
 }
 
-TEST(ByteSink, ClearedItKeepsItsMemory) {
+TEST(ByteSink, ClearKeepsTheMemory) {
   ByteSink sink;
   sink.append(Bytes(1000));
   const std::byte* const memory = sink.bytes().data();
@@ -62,7 +62,7 @@ TEST(ByteSink, ClearedItKeepsItsMemory) {
   EXPECT_EQ(heldBy(sink), Bytes(1000, std::byte{7}));
 }
 
-TEST(ByteSink, MovedFromItIsEmptyAndUsable) {
+TEST(ByteSink, IsEmptyAndUsableAfterAMove) {
   ByteSink sink;
   sink.push(std::byte{1});
   ByteSink other = std::move(sink);

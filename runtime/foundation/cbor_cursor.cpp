@@ -28,7 +28,7 @@ bool Cursor::date(Date& value) {
 }
 
 bool Cursor::error(Error& value, std::size_t maximumDepth) {
-  // Checked whole first: nothing after this can fail halfway.
+  // Validated as a whole first, so nothing below can fail halfway.
   const auto whole = Cursor(*this).item(maximumDepth);
   Cursor ahead = *this;
   std::uint64_t number, count;

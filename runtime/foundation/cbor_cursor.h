@@ -13,9 +13,9 @@
 
 namespace keel::cbor {
 
-// Walks encoded items in place, without allocating. Every read returns false on a fault or another
-// kind of item, and leaves the cursor where it was; views it yields borrow the bytes. It accepts
-// what cbor.h accepts.
+// Walks encoded items in place, without allocating, and accepts what cbor.h accepts. A read that
+// meets a fault or an item of another kind returns false and leaves the cursor where it was. Views
+// it returns borrow the bytes.
 class Cursor {
  public:
   explicit Cursor(std::span<const std::byte> bytes)
@@ -24,45 +24,46 @@ class Cursor {
   bool atEnd() const { return at_ == end_; }
   std::span<const std::byte> rest() const { return {at_, end_}; }
 
-  // Consumes a null if one is next.
+  // Consumes a null if it is next.
   bool null() { return one(kNull); }
   bool boolean(bool& value) {
     return one(kTrue) ? (value = true) : (one(kFalse) && !(value = false));
   }
   bool integer(std::int64_t& value);
   bool unsignedInteger(std::uint64_t& value);
-  // A floating-point number of any width; integers are not converted.
+  // Reads a floating-point number of any width; integers are not converted.
   bool real(double& value);
   bool text(std::string_view& value);
   bool bytes(std::span<const std::byte>& value);
-  // The head of an array or map; its items (pairs) follow. A count for which the bytes left cannot
-  // suffice is a fault.
+  // Reads the head of an array or map; its items (pairs) follow. Fails on a count for which the
+  // remaining bytes cannot suffice.
   bool array(std::uint64_t& count);
   bool map(std::uint64_t& pairCount);
-  // The head of a tag of any number; its content follows unchecked.
+  // Reads the head of a tag of any number; its content follows unchecked.
   bool tag(std::uint64_t& number);
-  // A date with its tag.
+  // Reads a date, tag included.
   bool date(Date& value);
-  // An error with its tag. Nested no deeper than `maximumDepth`, the error's own array counted.
+  // Reads an error, tag included, nested no deeper than `maximumDepth`; the error's own array
+  // counts.
   bool error(Error& value, std::size_t maximumDepth);
-  // The next item whole, validated as cbor.h says, as the bytes that encode it.
+  // Reads the next item whole, validates it, and returns the bytes that encode it.
   std::expected<std::span<const std::byte>, Fault> item(std::size_t maximumDepth);
 
-  // Major type of the next item (0 to 7), or nothing at the end.
+  // Returns the major type of the next item (0 to 7), or nothing at the end.
   std::optional<std::uint8_t> majorType() const {
     if (atEnd()) return std::nullopt;
     return static_cast<std::uint8_t>(majorOf(*at_));
   }
 
  private:
-  // Consumes that byte if it is next.
+  // Consumes `item` if it is the next byte.
   bool one(std::uint8_t item) {
     if (atEnd() || *at_ != std::byte{item}) return false;
     ++at_;
     return true;
   }
-  // The argument of the next head if it is of that major type, and where the head ends; null
-  // otherwise.
+  // Reads the argument of the next head if it is of type `major`, and returns the position behind
+  // it; null otherwise.
   const std::byte* head(Major major, std::uint64_t& argument) const {
     if (atEnd() || majorOf(*at_) != major) return nullptr;
     Head read;

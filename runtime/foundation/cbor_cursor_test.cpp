@@ -57,9 +57,9 @@ TEST(Cursor, WalksAMessageInOrder) {
   EXPECT_EQ(date, Date{12.5});
 }
 
-// Which reads succeed on these bytes: n(ull) b(oolean) i(nteger) u(nsigned) r(eal) t(ext) B(ytes)
-// a(rray) m(ap) T(ag) d(ate) e(rror). Also sees to it that those which do not leave the cursor and
-// the result alone.
+// Returns which reads succeed on these bytes: n(ull) b(oolean) i(nteger) u(nsigned) r(eal) t(ext)
+// B(ytes) a(rray) m(ap) T(ag) d(ate) e(rror). Also expects the others to leave the cursor and the
+// result alone.
 std::string readsThatSucceed(const char* hex) {
   const auto bytes = bytesOfHex(hex);
   std::string succeeded;
@@ -99,7 +99,7 @@ std::string readsThatSucceed(const char* hex) {
   return succeeded;
 }
 
-TEST(Cursor, ReadsEachKindByItsOwnReadOnly) {
+TEST(Cursor, OnlyTheMatchingReadAcceptsAnItem) {
   EXPECT_EQ(readsThatSucceed("f6"), "n");
   EXPECT_EQ(readsThatSucceed("f4"), "b");
   EXPECT_EQ(readsThatSucceed("f5"), "b");
@@ -116,7 +116,7 @@ TEST(Cursor, ReadsEachKindByItsOwnReadOnly) {
   EXPECT_EQ(readsThatSucceed("d9ca1d83616405f6"), "Te");
 }
 
-TEST(Cursor, ReadsNothingThatIsFaulty) {
+TEST(Cursor, FaultyBytesAreRefused) {
   for (const char* hex : {"",
                           "1800",
                           "3800",
@@ -146,8 +146,8 @@ TEST(Cursor, ReadsNothingThatIsFaulty) {
   }
 }
 
-TEST(Cursor, RefusesTagsWhoseContentIsWrong) {
-  // The head of the tag can be read, the date or error cannot.
+TEST(Cursor, TagsWithWrongContentAreRefused) {
+  // The head of the tag is readable, the date or error is not.
   EXPECT_EQ(readsThatSucceed("c1"), "T");
   EXPECT_EQ(readsThatSucceed("c000"), "T");
   EXPECT_EQ(readsThatSucceed("c1f97c00"), "T");
@@ -170,7 +170,7 @@ TEST(CursorInteger, ReachesTheEndsOfItsRange) {
   EXPECT_EQ(natural, std::numeric_limits<std::uint64_t>::max());
 }
 
-TEST(CursorArray, BelievesACountOnlyIfTheBytesSuffice) {
+TEST(CursorArray, ACountBeyondTheBytesIsRefused) {
   EXPECT_EQ(readsThatSucceed("820000"), "a");
   EXPECT_EQ(readsThatSucceed("8200"), "");
   EXPECT_EQ(readsThatSucceed("a160f6"), "m");
@@ -185,7 +185,7 @@ TEST(CursorText, BorrowsTheBytes) {
   EXPECT_EQ(static_cast<const void*>(text.data()), bytes.data() + 1);
 }
 
-TEST(CursorItem, YieldsTheBytesOfOneItem) {
+TEST(CursorItem, ReturnsTheBytesOfOneItem) {
   const auto bytes = bytesOfHex("a16161820102 f6 d9ca1d83616405a0");
   Cursor cursor(bytes);
   EXPECT_EQ(hexOf(*cursor.item(2)), "a16161820102");
@@ -194,7 +194,7 @@ TEST(CursorItem, YieldsTheBytesOfOneItem) {
   EXPECT_TRUE(cursor.atEnd());
 }
 
-TEST(CursorItem, SaysWhyItRefusesAndStays) {
+TEST(CursorItem, ReturnsTheFaultAndStaysInPlace) {
   const auto bytes = bytesOfHex("a16161820102");
   Cursor cursor(bytes);
   EXPECT_EQ(cursor.item(1).error(), Fault::tooDeep);
@@ -203,7 +203,7 @@ TEST(CursorItem, SaysWhyItRefusesAndStays) {
   EXPECT_EQ(Cursor(std::span<const std::byte>()).item(1).error(), Fault::truncated);
 }
 
-TEST(CursorError, YieldsDomainCodeAndUserInfo) {
+TEST(CursorError, ReadsDomainCodeAndUserInfo) {
   const auto bytes = bytesOfHex("d9ca1d836164387fa1616101 00");
   Cursor cursor(bytes);
   Error error;
@@ -214,7 +214,7 @@ TEST(CursorError, YieldsDomainCodeAndUserInfo) {
   EXPECT_EQ(cursor.rest().size(), 1U);
 }
 
-TEST(CursorError, HeedsTheDepth) {
+TEST(CursorError, AnErrorNestedTooDeeplyIsRefused) {
   Error error;
   EXPECT_FALSE(Cursor(bytesOfHex("d9ca1d83616405a0")).error(error, 1));
   EXPECT_FALSE(error);
@@ -226,7 +226,7 @@ TEST(CursorMajorType, IsThatOfTheNextItem) {
   EXPECT_EQ(Cursor(std::span<const std::byte>()).majorType(), std::nullopt);
 }
 
-TEST(CursorReal, ReadsEveryHalfAsTheStandardSays) {
+TEST(CursorReal, ReadsEveryHalfFloatAsTheStandardDefines) {
   for (unsigned half = 0; half < 0x10000; ++half) {
     const std::array bytes{std::byte{0xf9}, static_cast<std::byte>(half >> 8),
                            static_cast<std::byte>(half)};

@@ -14,16 +14,16 @@
 #include "runtime/foundation/test_bytes.h"
 #include "runtime/foundation/test_python.h"
 
-// Our codec held against two others: Python's cbor2 makes values and judges ours, libcbor reads
-// what we accept. Both accept more than we do, so the comparison runs one way: what we accept, they
-// accept, and they see the same value in it.
+// Compares our codec with two others: Python's cbor2 makes values and judges our encoding, libcbor
+// reads what we accept. Both accept more than we do, so the comparison runs one way: what we accept
+// they accept, with the same value.
 
 namespace keel::cbor {
 namespace {
 
 constexpr unsigned kSeed = 20261120;
 
-// Prints one encoded random value a line. The arguments are the seed and how many.
+// Prints encoded random values, one a line. Arguments: the seed and the count.
 constexpr const char* kMakeCorpus = R"(
 import cbor2, random, sys
 from datetime import datetime, timedelta, timezone
@@ -56,8 +56,8 @@ for _ in range(int(sys.argv[2])):
     print(cbor2.dumps(value(0), datetime_as_timestamp=True, canonical=r.random() < 0.5).hex())
 )";
 
-// Reads lines of two encodings each from a file and prints how many there were; exits with 1 at the
-// first line whose encodings hold different values.
+// Reads lines of two encodings each from a file and prints their number; exits with 1 at the first
+// line whose encodings hold different values.
 constexpr const char* kCompare = R"(
 import cbor2, io, sys
 def whole(text):
@@ -82,7 +82,7 @@ std::vector<std::vector<std::byte>> pythonCorpus(const TemporaryFolder& folder, 
   return corpus;
 }
 
-// Python's dates end with the years 1 and 9999.
+// Python's dates are limited to the years 1 to 9999.
 bool pythonCanHold(const Value& value) {
   if (const Date* date = value.as<Date>())
     return date->secondsSinceEpoch > -6.2e10 && date->secondsSinceEpoch < 2.5e11;
@@ -92,8 +92,8 @@ bool pythonCanHold(const Value& value) {
   return map == nullptr || std::ranges::all_of(*map, pythonCanHold, &Member::value);
 }
 
-// Copies of the corpus with one byte of each changed, as far as we accept them and Python can hold
-// them.
+// Returns copies of the corpus with one byte of each changed, as far as we accept them and Python
+// can hold them.
 std::vector<std::vector<std::byte>> acceptedMutations(
     const std::vector<std::vector<std::byte>>& corpus, int rounds) {
   std::mt19937 random(kSeed);
@@ -108,7 +108,7 @@ std::vector<std::vector<std::byte>> acceptedMutations(
   return accepted;
 }
 
-// How many of these Python finds equal to what we make of them.
+// Returns how many of these Python finds equal to our re-encoding.
 std::size_t equalInPython(const TemporaryFolder& folder,
                           const std::vector<std::vector<std::byte>>& encodings) {
   {
@@ -126,20 +126,20 @@ std::size_t equalInPython(const TemporaryFolder& folder,
   return static_cast<std::size_t>(std::atoll(output.c_str()));
 }
 
-TEST(PythonPeer, FindsItsValuesAgainInOurEncoding) {
+TEST(PythonPeer, OurEncodingHoldsTheSameValues) {
   const TemporaryFolder folder;
   const auto corpus = pythonCorpus(folder, 2000);
   EXPECT_EQ(equalInPython(folder, corpus), corpus.size());
 }
 
-TEST(PythonPeer, AcceptsWhatWeAcceptOfDamagedEncodings) {
+TEST(PythonPeer, AcceptsDamagedEncodingsThatWeAccept) {
   const TemporaryFolder folder;
   const auto accepted = acceptedMutations(pythonCorpus(folder, 500), 20);
   EXPECT_GT(accepted.size(), 1000U);
   EXPECT_EQ(equalInPython(folder, accepted), accepted.size());
 }
 
-TEST(LibcborPeer, AcceptsWhatWeAccept) {
+TEST(LibcborPeer, AcceptsEncodingsThatWeAccept) {
   const TemporaryFolder folder;
   auto encodings = pythonCorpus(folder, 1000);
   const auto mutations = acceptedMutations(encodings, 20);

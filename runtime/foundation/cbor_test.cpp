@@ -15,8 +15,8 @@
 namespace keel::cbor {
 namespace {
 
-// What decode() says to these bytes: the value's notation, or why they were refused. Also sees to
-// it that validate() agrees.
+// Returns the outcome of decode(): the value's notation, or the fault. Also expects validate() to
+// agree.
 std::string outcomeOf(std::span<const std::byte> bytes, std::size_t maximumDepth = kDepthCapacity) {
   const auto valid = validate(bytes, maximumDepth);
   const auto decoded = decode(bytes, maximumDepth);
@@ -41,7 +41,7 @@ struct Example {
   const char* notation;
 };
 
-// The examples of RFC 8949, appendix A, that lie within our subset.
+// The examples of RFC 8949, appendix A, within our subset.
 TEST(Decode, ReadsTheExamplesOfTheStandard) {
   constexpr Example kExamples[] = {
       {"00", "0"},
@@ -117,7 +117,7 @@ struct Refused {
 };
 
 // The other examples of that appendix.
-TEST(Decode, RefusesTheExamplesOfTheStandardBeyondTheSubset) {
+TEST(Decode, RefusesTheExamplesOfTheStandardOutsideTheSubset) {
   constexpr Refused kExamples[] = {
       {"c249010000000000000000", Fault::unknownTag},
       {"3bffffffffffffffff", Fault::integerRange},
@@ -142,16 +142,16 @@ TEST(Decode, RefusesTheExamplesOfTheStandardBeyondTheSubset) {
     EXPECT_EQ(outcomeOf(example.hex), refusal(example.fault)) << example.hex;
 }
 
-TEST(Validate, RefusesNothingAtAll) {
+TEST(Validate, NoBytesAreRefused) {
   EXPECT_EQ(outcomeOf(""), refusal(Fault::truncated));
 }
 
-TEST(Validate, RefusesBytesBehindTheItem) {
+TEST(Validate, BytesBehindTheItemAreRefused) {
   EXPECT_EQ(outcomeOf("0000"), refusal(Fault::trailingBytes));
   EXPECT_EQ(outcomeOf("a0f6"), refusal(Fault::trailingBytes));
 }
 
-TEST(Validate, WantsHeadsInTheirShortestForm) {
+TEST(Validate, HeadsThatAreNotShortestAreRefused) {
   constexpr const char* kRefused[] = {"1817",       "1900ff", "1a0000ffff", "1b00000000ffffffff",
                                       "3800",       "5801aa", "780161",     "980101",
                                       "b801616101", "d801f6", "d9000100",   "a178016101"};
@@ -162,7 +162,7 @@ TEST(Validate, WantsHeadsInTheirShortestForm) {
   EXPECT_EQ(outcomeOf("1b0000000100000000"), "4294967296");
 }
 
-TEST(Validate, RefusesReservedHeads) {
+TEST(Validate, ReservedHeadsAreRefused) {
   for (unsigned major = 0; major < 8; ++major) {
     for (unsigned information = 28; information < 31; ++information) {
       const std::byte bytes[] = {static_cast<std::byte>(major << 5 | information), std::byte{0}};
@@ -175,12 +175,12 @@ TEST(Validate, RefusesReservedHeads) {
   EXPECT_EQ(outcomeOf("ff"), refusal(Fault::indefiniteLength));
 }
 
-TEST(Validate, AcceptsNegativeIntegersDownToMinus2To63) {
+TEST(Validate, NegativeIntegersReachMinus2To63) {
   EXPECT_EQ(outcomeOf("3b7fffffffffffffff"), "-9223372036854775808");
   EXPECT_EQ(outcomeOf("3b8000000000000000"), refusal(Fault::integerRange));
 }
 
-TEST(Validate, WantsKeysThatAreText) {
+TEST(Validate, KeysThatAreNotTextAreRefused) {
   EXPECT_EQ(outcomeOf("a14161f6"), refusal(Fault::keyNotText));
   EXPECT_EQ(outcomeOf("a1f6f6"), refusal(Fault::keyNotText));
   EXPECT_EQ(outcomeOf("a1c100f6"), refusal(Fault::keyNotText));
@@ -188,19 +188,19 @@ TEST(Validate, WantsKeysThatAreText) {
   EXPECT_EQ(outcomeOf("a17fff"), refusal(Fault::indefiniteLength));
 }
 
-TEST(Validate, WantsUtf8InTextsAndKeys) {
+TEST(Validate, InvalidUtf8IsRefused) {
   EXPECT_EQ(outcomeOf("61ff"), refusal(Fault::badUtf8));
   EXPECT_EQ(outcomeOf("a161fff6"), refusal(Fault::badUtf8));
   EXPECT_EQ(outcomeOf("69616161616161616180"), refusal(Fault::badUtf8));
-  // A character must not be finished by the bytes behind its text.
+  // The bytes behind a text must not complete its last character.
   EXPECT_EQ(outcomeOf("8261c361bc"), refusal(Fault::badUtf8));
 }
 
-TEST(Validate, AcceptsAKeyThatStandsTwice) {
+TEST(Validate, DuplicateKeysAreAccepted) {
   EXPECT_EQ(outcomeOf("a2616101616102"), R"({"a": 1, "a": 2})");
 }
 
-TEST(Validate, AcceptsDatesOfEveryFiniteNumber) {
+TEST(Validate, DatesOfEveryFiniteNumberAreAccepted) {
   EXPECT_EQ(outcomeOf("c100"), "1(0)");
   EXPECT_EQ(outcomeOf("c120"), "1(-1)");
   EXPECT_EQ(outcomeOf("c1f93e00"), "1(1.5)");
@@ -210,7 +210,7 @@ TEST(Validate, AcceptsDatesOfEveryFiniteNumber) {
   EXPECT_EQ(outcomeOf("c13b7fffffffffffffff"), "1(-9.223372036854776e+18)");
 }
 
-TEST(Validate, RefusesDatesOfAnythingElse) {
+TEST(Validate, OtherDatesAreRefused) {
   for (const char* hex :
        {"c1f97c00", "c1f97e00", "c1fa7f800000", "c1fbfff0000000000000", "c1f6", "c1f5", "c16130",
         "c140", "c180", "c1a0", "c1c100", "c1d9ca1d836164056f6"}) {
@@ -223,7 +223,7 @@ TEST(Validate, RefusesDatesOfAnythingElse) {
   EXPECT_EQ(outcomeOf("c1f7"), refusal(Fault::simpleValue));
 }
 
-TEST(Validate, AcceptsErrors) {
+TEST(Validate, ErrorsAreAccepted) {
   EXPECT_EQ(outcomeOf("d9ca1d83616405f6"), R"(51741(["d", 5, null]))");
   EXPECT_EQ(outcomeOf("d9ca1d836024a0"), R"(51741(["", -5, {}]))");
   EXPECT_EQ(outcomeOf("d9ca1d8361641b7fffffffffffffffa1616101"),
@@ -232,7 +232,7 @@ TEST(Validate, AcceptsErrors) {
             R"([51741(["d", 5, {"a": 51741(["e", 6, null])}]), 7])");
 }
 
-TEST(Validate, RefusesErrorsOfAnotherForm) {
+TEST(Validate, MalformedErrorsAreRefused) {
   for (const char* hex : {"d9ca1df6", "d9ca1d80", "d9ca1d82616405", "d9ca1d84616405f6f6",
                           "d9ca1da0", "d9ca1d83416405f6", "d9ca1d83f605f6", "d9ca1d8361646135f6",
                           "d9ca1d836164f94500f6", "d9ca1d83616405f5", "d9ca1d8361640580",
@@ -246,14 +246,14 @@ TEST(Validate, RefusesErrorsOfAnotherForm) {
   EXPECT_EQ(outcomeOf("d9ca1d83616405bfff"), refusal(Fault::indefiniteLength));
 }
 
-TEST(Validate, RefusesEveryOtherTag) {
+TEST(Validate, OtherTagsAreRefused) {
   for (const char* hex : {"c000", "c200", "d9ca1c83616405f6", "d9ca1e83616405f6", "d9d9f700",
                           "db000000010000000000"}) {
     EXPECT_EQ(outcomeOf(hex), refusal(Fault::unknownTag)) << hex;
   }
 }
 
-// [[...]] of that depth around `core`.
+// Returns [[...]] of that depth around `core`.
 std::vector<std::byte> nested(std::size_t depth, const char* core = "") {
   std::vector<std::byte> bytes(depth, std::byte{0x81});
   const auto inner = bytesOfHex(core);
@@ -272,11 +272,11 @@ TEST(ValidateDepth, CountsArraysAndMaps) {
   EXPECT_EQ(outcomeOf("a16161a0", 2), R"({"a": {}})");
 }
 
-TEST(ValidateDepth, DoesNotAddUpForNeighbours) {
+TEST(ValidateDepth, SiblingsDoNotAddUp) {
   EXPECT_EQ(outcomeOf("8481008102818080", 3), "[[0], [2], [[]], []]");
 }
 
-TEST(ValidateDepth, AddsNothingForATagAndOneForTheArrayOfAnError) {
+TEST(ValidateDepth, ATagAddsNothingAndTheArrayOfAnErrorAddsOne) {
   EXPECT_EQ(outcomeOf("c100", 0), "1(0)");
   EXPECT_EQ(outcomeOf("d9ca1d83616405f6", 0), refusal(Fault::tooDeep));
   EXPECT_EQ(outcomeOf("d9ca1d83616405f6", 1), R"(51741(["d", 5, null]))");
@@ -284,7 +284,7 @@ TEST(ValidateDepth, AddsNothingForATagAndOneForTheArrayOfAnError) {
   EXPECT_EQ(outcomeOf("d9ca1d83616405a0", 2), R"(51741(["d", 5, {}]))");
 }
 
-TEST(ValidateDepth, Of64WorksAnd65IsRefused) {
+TEST(ValidateDepth, Depth64WorksAnd65IsRefused) {
   EXPECT_TRUE(validate(nested(64), 64).has_value());
   EXPECT_TRUE(decode(nested(64), 64).has_value());
   EXPECT_EQ(outcomeOf(nested(65), 64), refusal(Fault::tooDeep));
@@ -293,17 +293,17 @@ TEST(ValidateDepth, Of64WorksAnd65IsRefused) {
   EXPECT_EQ(outcomeOf(nested(63, "d9ca1d83616405a0"), 64), refusal(Fault::tooDeep));
 }
 
-TEST(ValidateDepth, OfAMillionIsRefusedLikeAnyOther) {
+TEST(ValidateDepth, DepthOfAMillionIsRefused) {
   EXPECT_EQ(outcomeOf(nested(1'000'000), 64), refusal(Fault::tooDeep));
 }
 
-TEST(ValidateDepthDeathTest, MoreThanTheCapacityIsTheCallersMistake) {
+TEST(ValidateDepthDeathTest, MoreThanTheCapacityAborts) {
   const auto bytes = bytesOfHex("00");
   EXPECT_TRUE(validate(bytes, kDepthCapacity).has_value());
   EXPECT_DEATH(static_cast<void>(validate(bytes, kDepthCapacity + 1)), "check failed");
 }
 
-TEST(Validate, RefusesCountsBeyondTheBytes) {
+TEST(Validate, CountsBeyondTheBytesAreRefused) {
   for (const char* hex :
        {"9bffffffffffffffff", "bbffffffffffffffff", "bb8000000000000000", "bb7fffffffffffffff",
         "9b000000010000000000", "5bffffffffffffffff", "7bffffffffffffffff", "9a7fffffff0000",
@@ -331,16 +331,16 @@ Value everyKind() {
   });
 }
 
-TEST(Decode, YieldsWhatWasEncoded) {
+TEST(Decode, ReturnsTheEncodedValue) {
   const auto decoded = decode(encode(everyKind()), kDepthCapacity);
   ASSERT_TRUE(decoded.has_value());
   EXPECT_TRUE(*decoded == everyKind()) << decoded->description();
 }
 
-TEST(Decode, RefusesEveryPrefixAsTruncated) {
+TEST(Decode, EveryPrefixIsTruncated) {
   const auto bytes = encode(everyKind());
   for (std::size_t size = 0; size < bytes.size(); ++size) {
-    // A copy of exactly that size, so that a sanitizer sees every read beyond it.
+    // A copy of exactly that size, so that a sanitizer catches reads beyond it.
     const std::vector<std::byte> prefix(bytes.begin(),
                                         bytes.begin() + static_cast<std::ptrdiff_t>(size));
     EXPECT_EQ(outcomeOf(prefix), refusal(Fault::truncated)) << size;
@@ -361,7 +361,7 @@ TEST(Decode, AgreesWithValidateOnDamagedBytes) {
   }
 }
 
-TEST(Decode, KeepsDatesStable) {
+TEST(Decode, DatesRoundTripExactly) {
   constexpr unsigned kSeed = 1;
   std::mt19937_64 random(kSeed);
   std::vector<double> seconds{0,      -0.0,   0.5,     0x1p53, 0x1p53 + 2, -0x1p53,
@@ -378,7 +378,7 @@ TEST(Decode, KeepsDatesStable) {
   }
 }
 
-TEST(DescribeFault, HasWordsForEachFault) {
+TEST(DescribeFault, EveryFaultHasATextOfItsOwn) {
   std::set<std::string_view> texts;
   for (int fault = 0; fault <= static_cast<int>(Fault::tooDeep); ++fault)
     texts.insert(describe(static_cast<Fault>(fault)));

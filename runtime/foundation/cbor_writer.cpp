@@ -61,7 +61,7 @@ void Writer::encoded(std::span<const std::byte> item) {
 
 namespace {
 
-// Writes whichever kind a Value holds.
+// Writes the kind that a Value holds.
 struct HeldWriter {
   Writer& writer;
 

@@ -11,8 +11,8 @@
 
 namespace keel::cbor {
 
-// Appends encoded items to bytes that the caller owns. Heads are written in their shortest form,
-// floating point always as 64 bits. The caller sees to it that counts match what follows.
+// Appends encoded items to bytes of the caller. Heads are written in their shortest form, floating
+// point always as 64 bits. Counts must match what follows.
 class Writer {
  public:
   explicit Writer(ByteSink& output) : output_(output) {}
@@ -28,12 +28,12 @@ class Writer {
   void array(std::size_t count) { head(4, count); }
   void map(std::size_t pairCount) { head(5, pairCount); }
   void tag(std::uint64_t number) { head(6, number); }
-  // Tag 1 with an integer when the date is a whole second that fits, else with a double.
+  // Writes tag 1 with an integer when the date is a whole second that fits, else with a double.
   void date(Date value);
-  // Null for no error.
+  // Writes null for no error.
   void error(const Error& value);
   void value(const Value& value);
-  // One item that is encoded already.
+  // Appends one item that is already encoded.
   void encoded(std::span<const std::byte> item);
 
  private:
@@ -48,7 +48,7 @@ class Writer {
   ByteSink& output_;
 };
 
-// One value, encoded.
+// Returns the encoding of `value`.
 std::vector<std::byte> encode(const Value& value);
 
 }  // namespace keel::cbor

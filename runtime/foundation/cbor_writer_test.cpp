@@ -10,7 +10,7 @@
 namespace keel::cbor {
 namespace {
 
-// What one call on a Writer appends.
+// Returns what one call on a Writer appends, in hexadecimal.
 template <class Write>
 std::string written(Write write) {
   ByteSink bytes;
@@ -19,7 +19,7 @@ std::string written(Write write) {
   return hexOf(bytes);
 }
 
-TEST(WriterUnsignedInteger, TakesTheShortestHead) {
+TEST(WriterUnsignedInteger, WritesTheShortestHead) {
   struct Row {
     std::uint64_t value;
     const char* hex;
@@ -41,7 +41,7 @@ TEST(WriterUnsignedInteger, TakesTheShortestHead) {
   }
 }
 
-TEST(WriterInteger, TakesTheShortestHeadOfItsSign) {
+TEST(WriterInteger, WritesTheShortestHeadOfItsSign) {
   struct Row {
     std::int64_t value;
     const char* hex;
@@ -80,7 +80,7 @@ TEST(Writer, WritesTextsBytesAndContainers) {
   EXPECT_EQ(written([](Writer& writer) { writer.encoded(bytesOfHex("8101")); }), "8101");
 }
 
-TEST(WriterDate, IsAnIntegerForWholeSecondsUpTo2To53) {
+TEST(WriterDate, WritesAnIntegerForWholeSecondsUpTo2To53) {
   EXPECT_EQ(written([](Writer& writer) { writer.date(Date{1363896240}); }), "c11a514b67b0");
   EXPECT_EQ(written([](Writer& writer) { writer.date(Date{-1}); }), "c120");
   EXPECT_EQ(written([](Writer& writer) { writer.date(Date{1363896240.5}); }),
@@ -89,12 +89,12 @@ TEST(WriterDate, IsAnIntegerForWholeSecondsUpTo2To53) {
   EXPECT_EQ(written([](Writer& writer) { writer.date(Date{0x1p53 + 2}); }), "c1fb4340000000000001");
 }
 
-TEST(WriterDateDeathTest, InfinityIsTheCallersMistake) {
+TEST(WriterDateDeathTest, InfinityAborts) {
   ByteSink bytes;
   EXPECT_DEATH(Writer(bytes).date(Date{std::numeric_limits<double>::infinity()}), "check failed");
 }
 
-TEST(WriterError, IsATaggedArrayOrNull) {
+TEST(WriterError, WritesATaggedArrayOrNull) {
   EXPECT_EQ(written([](Writer& writer) { writer.error(Error()); }), "f6");
   EXPECT_EQ(written([](Writer& writer) { writer.error(Error("d", 5)); }), "d9ca1d83616405f6");
   EXPECT_EQ(written([](Writer& writer) {
@@ -108,7 +108,7 @@ TEST(WriterValue, KeepsTheOrderOfMembers) {
   EXPECT_EQ(hexOf(encode(map)), "a2616201616184f6f520fb3fe0000000000000");
 }
 
-TEST(Writer, AppendsToWhatIsThere) {
+TEST(Writer, AppendsToExistingBytes) {
   ByteSink bytes;
   bytes.push(std::byte{1});
   Writer(bytes).text("a");

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-// Our own mistake: the daemon cannot go on. Says where on standard error and aborts.
+// KEEL_CHECK is for our own mistakes, after which the daemon cannot go on: prints the location to
+// standard error and aborts.
 
 namespace keel {
 

@@ -6,7 +6,7 @@
 namespace keel {
 namespace {
 
-TEST(CheckDeathTest, AFalseConditionAbortsAndSaysWhere) {
+TEST(CheckDeathTest, AFalseConditionPrintsItsLocationAndAborts) {
   const int two = 2;
   EXPECT_DEATH(KEEL_CHECK(two == 3), "check_test\\.cpp:[0-9]+: check failed: two == 3");
 }

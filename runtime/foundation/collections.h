@@ -11,9 +11,8 @@ namespace keel {
 
 class Value;
 
-// Something held in its encoded form (one well-formed CBOR item, see cbor.h) and shared by count,
-// or null. The daemon passes such values on without ever decoding them; value() is for those who
-// want to look inside.
+// A value held in its encoded form (one well-formed CBOR item, see cbor.h) and shared by count, or
+// null. The daemon forwards such values without ever decoding them.
 class EncodedValue {
  public:
   bool isNull() const { return !buffer_; }
@@ -22,13 +21,13 @@ class EncodedValue {
     return buffer_ ? buffer_->bytes() : std::span<const std::byte>();
   }
   const BufferRef& buffer() const { return buffer_; }
-  // Decodes. Null yields a null Value. Nested no deeper than cbor::kDepthCapacity.
+  // Decodes the value; null yields a null Value. Nested no deeper than cbor::kDepthCapacity.
   Value value() const;
 
  protected:
   EncodedValue() = default;
   explicit EncodedValue(BufferRef wellFormed) : buffer_(std::move(wellFormed)) {}
-  // Same bytes, or both null.
+  // Returns true for equal bytes, or if both are null.
   static bool sameBytes(const EncodedValue& left, const EncodedValue& right);
 
  private:
@@ -42,7 +41,7 @@ class Dictionary : public EncodedValue {
   Dictionary(std::nullptr_t) {}
   // `wellFormed` must hold exactly one encoded map that cbor::validate accepts.
   explicit Dictionary(BufferRef wellFormed) : EncodedValue(std::move(wellFormed)) {}
-  // Encodes `map`, whose kind must be map or null; a null Value yields a null dictionary.
+  // Encodes `map`, which must be a map or null; a null Value yields a null dictionary.
   explicit Dictionary(const Value& map);
   friend bool operator==(const Dictionary& left, const Dictionary& right) {
     return sameBytes(left, right);
@@ -56,12 +55,13 @@ class Array : public EncodedValue {
   Array(std::nullptr_t) {}
   // `wellFormed` must hold exactly one encoded array that cbor::validate accepts.
   explicit Array(BufferRef wellFormed) : EncodedValue(std::move(wellFormed)) {}
-  // Encodes `array`, whose kind must be array or null; a null Value yields a null array.
+  // Encodes `array`, which must be an array or null; a null Value yields a null array.
   explicit Array(const Value& array);
   friend bool operator==(const Array& left, const Array& right) { return sameBytes(left, right); }
 };
 
-// Opaque bytes, or null. Unlike the others it holds the bytes themselves, not their encoding.
+// Opaque bytes, or null. Unlike Dictionary and Array, it holds the bytes themselves, not their
+// encoding.
 class Data {
  public:
   Data() = default;

@@ -24,23 +24,23 @@ TEST(Dictionary, NullDiffersFromEmpty) {
   EXPECT_TRUE(Dictionary() == Dictionary(Value()));
 }
 
-TEST(Dictionary, NullIsANullValueWithoutBytes) {
+TEST(Dictionary, NullDecodesToANullValue) {
   EXPECT_TRUE(Dictionary().value().isNull());
   EXPECT_TRUE(Dictionary().encoded().empty());
 }
 
-TEST(Dictionary, EqualsByBytes) {
+TEST(Dictionary, ComparesByBytes) {
   EXPECT_TRUE(Dictionary(Value::map({{"a", 1}})) ==
               Dictionary(Buffer::copyOf(bytesOfHex("a1616101"))));
   EXPECT_FALSE(Dictionary(Value::map({{"a", 1}})) == Dictionary(Value::map({{"a", 2}})));
 }
 
-TEST(Dictionary, SharesTheBufferItIsGiven) {
+TEST(Dictionary, SharesTheGivenBuffer) {
   const BufferRef buffer = Buffer::copyOf(bytesOfHex("a0"));
   EXPECT_TRUE(Dictionary(buffer).buffer() == buffer);
 }
 
-TEST(DictionaryDeathTest, AnArrayIsTheCallersMistake) {
+TEST(DictionaryDeathTest, AnArrayAborts) {
   EXPECT_DEATH(Dictionary(Value::list({})), "check failed");
 }
 
@@ -51,11 +51,11 @@ TEST(Array, HoldsTheEncodedArray) {
   EXPECT_TRUE(Array(Value()).isNull());
 }
 
-TEST(ArrayDeathTest, AMapIsTheCallersMistake) {
+TEST(ArrayDeathTest, AMapAborts) {
   EXPECT_DEATH(Array(Value::map({})), "check failed");
 }
 
-TEST(EncodedValueDeathTest, BytesThatAreNotWellFormedAreTheCallersMistake) {
+TEST(EncodedValueDeathTest, MalformedBytesAbort) {
   EXPECT_DEATH(Dictionary(Buffer::copyOf(bytesOfHex("a1"))).value(), "check failed");
 }
 

@@ -28,13 +28,13 @@ TEST(DateDescription, IsACalendarDateFromYear0To9999) {
   EXPECT_EQ(Date{253402300799}.description(), "9999-12-31T23:59:59.000000Z");
 }
 
-TEST(DateDescription, IsTheBareSecondsOutsideThoseYears) {
+TEST(DateDescription, IsThePlainSecondsOutsideThoseYears) {
   EXPECT_EQ(Date{-62167219201}.description(), "-62167219201");
   EXPECT_EQ(Date{253402300800}.description(), "253402300800");
   EXPECT_EQ(Date{1e300}.description(), "1e+300");
 }
 
-TEST(DateWholeSeconds, AreThereUpTo2To53) {
+TEST(DateWholeSeconds, ExistUpTo2To53) {
   EXPECT_EQ(Date{1732}.wholeSeconds(), 1732);
   EXPECT_EQ(Date{0x1p53}.wholeSeconds(), std::int64_t{1} << 53);
   EXPECT_EQ(Date{-0x1p53}.wholeSeconds(), -(std::int64_t{1} << 53));
@@ -42,7 +42,7 @@ TEST(DateWholeSeconds, AreThereUpTo2To53) {
   EXPECT_EQ(Date{-0x1p53 - 2}.wholeSeconds(), std::nullopt);
 }
 
-TEST(DateWholeSeconds, AreNotThereForFractionsAndInfinity) {
+TEST(DateWholeSeconds, DoNotExistForFractionsAndInfinity) {
   EXPECT_EQ(Date{1732.5}.wholeSeconds(), std::nullopt);
   EXPECT_EQ(Date{std::numeric_limits<double>::infinity()}.wholeSeconds(), std::nullopt);
 }

@@ -13,8 +13,8 @@ namespace keel {
 
 namespace {
 
-// The text under `wanted`, or an empty one. The map stays encoded: errors are logged more often
-// than taken apart.
+// Returns the text under `wanted`, or an empty one. Does not decode the map: errors are logged more
+// often than taken apart.
 std::string_view textOf(const Dictionary& dictionary, std::string_view wanted) {
   cbor::Cursor cursor(dictionary.encoded());
   std::uint64_t pairCount = 0;

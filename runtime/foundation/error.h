@@ -10,7 +10,7 @@
 
 namespace keel {
 
-// Key of an error's user info under which its text for people stands.
+// Key in an error's user info of its text for people.
 inline constexpr std::string_view NSLocalizedDescriptionKey = "NSLocalizedDescription";
 // Domain of errors whose code is a status of Authorization Services.
 inline constexpr std::string_view NSOSStatusErrorDomain = "NSOSStatusErrorDomain";
@@ -22,20 +22,20 @@ class Error {
  public:
   Error() = default;
   Error(std::nullptr_t) {}
-  // A null domain becomes the empty one.
+  // A null domain becomes an empty one.
   Error(String domain, std::int64_t code, Dictionary userInfo = nullptr);
 
   explicit operator bool() const { return body_ != nullptr; }
-  // Null, 0 and null for no error.
+  // Return null, 0 and null for no error.
   String domain() const;
   std::int64_t code() const;
   Dictionary userInfo() const;
 
-  // One line for a log: the user info's description when there is one, then "(domain error code)".
-  // "(null)" for no error.
+  // Returns one line for a log: the description in the user info if there is one, then "(domain
+  // error code)". "(null)" for no error.
   std::string description() const;
 
-  // Same domain, code and user info bytes.
+  // Compares domain, code and the bytes of the user info.
   friend bool operator==(const Error& left, const Error& right);
 
  private:
@@ -43,8 +43,8 @@ class Error {
   std::shared_ptr<const Body> body_;
 };
 
-// An error whose user info has `description`. What in it is not UTF-8, such as the name of a file,
-// shows as "?".
+// Returns an error whose user info holds `description`. Bytes that are not UTF-8, for example of a
+// file name, become "?".
 Error describedError(std::string_view domain, std::int64_t code, std::string description);
 
 }  // namespace keel

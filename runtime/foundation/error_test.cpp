@@ -31,12 +31,12 @@ TEST(Error, NullHasNoDomainNoCodeAndNoUserInfo) {
   EXPECT_TRUE(Error().userInfo().isNull());
 }
 
-TEST(Error, ANullDomainBecomesTheEmptyOne) {
+TEST(Error, ANullDomainBecomesEmpty) {
   EXPECT_FALSE(Error(nullptr, 1).domain().isNull());
   EXPECT_TRUE(Error(nullptr, 1) == Error("", 1));
 }
 
-TEST(Error, EqualsByDomainCodeAndUserInfo) {
+TEST(Error, ComparesDomainCodeAndUserInfo) {
   EXPECT_TRUE(Error("d", 1, described("t")) == Error("d", 1, described("t")));
   EXPECT_FALSE(Error("d", 1) == Error("e", 1));
   EXPECT_FALSE(Error("d", 1) == Error("d", 2));
@@ -46,12 +46,12 @@ TEST(Error, EqualsByDomainCodeAndUserInfo) {
   EXPECT_TRUE(Error() == Error(nullptr));
 }
 
-TEST(ErrorDescription, IsTheTextForPeopleThenDomainAndCode) {
+TEST(ErrorDescription, IsTheTextThenDomainAndCode) {
   const Error error("KLNErrorDomain", 9, described("the key a has already been published"));
   EXPECT_EQ(error.description(), "the key a has already been published (KLNErrorDomain error 9)");
 }
 
-TEST(ErrorDescription, WithoutSuchTextIsDomainAndCode) {
+TEST(ErrorDescription, IsDomainAndCodeWithoutAText) {
   EXPECT_EQ(Error("KLNErrorDomain", 9).description(), "KLNErrorDomain error 9");
   EXPECT_EQ(Error("d", -1, Dictionary(Value::map({{"other", "x"}}))).description(), "d error -1");
   EXPECT_EQ(Error("d", 1, Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), 5}})))
@@ -69,7 +69,7 @@ TEST(ErrorDescription, FindsTheTextBehindMembersOfOtherKinds) {
   EXPECT_EQ(Error("d", 1, userInfo).description(), "right (d error 1)");
 }
 
-TEST(ErrorDescription, OfTwoTextsTheLastCounts) {
+TEST(ErrorDescription, TheLastOfTwoTextsWins) {
   const std::string key(NSLocalizedDescriptionKey);
   EXPECT_EQ(Error("d", 1, Dictionary(Value::map({{key, "first"}, {key, "last"}}))).description(),
             "last (d error 1)");
@@ -77,18 +77,18 @@ TEST(ErrorDescription, OfTwoTextsTheLastCounts) {
             "d error 1");
 }
 
-TEST(ErrorDescription, SaysNullForNoError) {
+TEST(ErrorDescription, IsNullForNoError) {
   EXPECT_EQ(Error().description(), "(null)");
 }
 
-TEST(Error, ADescribedOneSaysWhatItIs) {
+TEST(DescribedError, HoldsDomainCodeAndDescription) {
   const Error error = describedError("domain", 7, "no \u00fc here");
   EXPECT_EQ(error.domain(), String("domain"));
   EXPECT_EQ(error.code(), 7);
   EXPECT_EQ(error.description(), "no \u00fc here (domain error 7)");
 }
 
-TEST(Error, ADescriptionThatIsNotUtf8IsShownWithoutThoseBytes) {
+TEST(DescribedError, ReplacesBytesThatAreNotUtf8) {
   EXPECT_EQ(describedError("d", 1, "file \xff\xc3").description(), "file ?? (d error 1)");
 }
 

@@ -17,8 +17,8 @@ struct Free {
   void operator()(void* block) const { std::free(block); }
 };
 
-// "program(_ZN4keel3fooEv+0x12) [0x55...]" with the name between '(' and '+' made readable.
-std::string readable(std::string_view symbol) {
+// Demangles the name between '(' and '+' in "program(_ZN4keel3fooEv+0x12) [0x55...]".
+std::string demangled(std::string_view symbol) {
   const std::size_t open = symbol.find('(');
   const std::size_t plus = open == symbol.npos ? symbol.npos : symbol.find('+', open);
   if (plus == symbol.npos) return std::string(symbol);
@@ -40,7 +40,7 @@ std::string readable(std::string_view symbol) {
   if (symbols != nullptr) {
     for (const char* symbol :
          std::span(symbols.get(), static_cast<std::size_t>(count)).subspan(1)) {
-      lines.push_back(readable(symbol));
+      lines.push_back(demangled(symbol));
     }
   }
   if (lines.empty()) lines.emplace_back("(no symbols)");

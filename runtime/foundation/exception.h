@@ -7,7 +7,7 @@
 
 namespace keel {
 
-// A raised exception that knows where it was raised. Only the two prescribed guards catch: the
+// An exception that records the stack of its raiser. Only the two prescribed guards catch it: the
 // notify handler's publish and subscribe work, and the module walk at start-up.
 class Exception : public std::exception {
  public:
@@ -15,11 +15,11 @@ class Exception : public std::exception {
 
   const std::string& name() const { return name_; }
   const std::string& reason() const { return reason_; }
-  // One line per frame of the raising thread's stack, innermost first; never empty.
+  // Returns one line per frame of the raising thread's stack, innermost first; never empty.
   const std::vector<std::string>& callStackSymbols() const { return callStackSymbols_; }
-  // The reason.
+  // Returns the reason.
   const char* what() const noexcept override { return reason_.c_str(); }
-  // "NAME: REASON".
+  // Returns "NAME: REASON".
   std::string description() const { return name_ + ": " + reason_; }
 
  private:

@@ -18,7 +18,7 @@ TEST(Exception, KeepsNameAndReason) {
   EXPECT_EQ(exception.description(), "NSRangeException: index 5 beyond bounds");
 }
 
-TEST(Exception, CarriesTheStackOfWhoeverRaisedIt) {
+TEST(Exception, RecordsTheStackOfItsRaiser) {
   try {
     throw Exception(NSGenericException, "reason");
   } catch (const std::exception& caught) {
@@ -30,8 +30,8 @@ TEST(Exception, CarriesTheStackOfWhoeverRaisedIt) {
   }
 }
 
-TEST(Exception, NamesFramesReadably) {
-  // Only exported functions have names at run time. A stream calls its callbacks from such
+TEST(Exception, DemanglesTheNamesOfFrames) {
+  // Only exported functions have names at run time, and a stream calls its callbacks from such
   // functions of the C++ library.
   static std::vector<std::string> symbols;
   const auto capture = [](std::ios_base::event event, std::ios_base&, int) {

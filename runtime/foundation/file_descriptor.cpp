@@ -9,9 +9,8 @@ namespace keel {
 
 void FileDescriptor::reset(int descriptor) noexcept {
   if (descriptor_ >= 0) {
-    // Owners are often destroyed on the way out of a failure whose errno somebody is still to read.
-    // A close that fails has released the descriptor all the same, so there is nothing to do about
-    // it.
+    // Owners are often destroyed on an error path whose errno is still to be read. A failing
+    // close(2) has released the descriptor all the same, so its error is ignored.
     const int kept = errno;
     ::close(descriptor_);
     errno = kept;

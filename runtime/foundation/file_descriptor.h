@@ -5,7 +5,7 @@
 
 namespace keel {
 
-// Owns one open file descriptor, or none (-1); closes it when destroyed.
+// Owns one open file descriptor, or none (-1), and closes it on destruction.
 class FileDescriptor {
  public:
   FileDescriptor() = default;
@@ -23,10 +23,10 @@ class FileDescriptor {
   int get() const { return descriptor_; }
   explicit operator bool() const { return descriptor_ >= 0; }
 
-  // Gives the descriptor up without closing it.
+  // Releases ownership without closing.
   int release() { return std::exchange(descriptor_, -1); }
 
-  // Closes what is held, then owns `descriptor`.
+  // Closes the current descriptor, then owns `descriptor`.
   void reset(int descriptor = -1) noexcept;
 
  private:

@@ -16,7 +16,7 @@ bool isOpen(int descriptor) {
   return ::fcntl(descriptor, F_GETFD) >= 0;
 }
 
-TEST(FileDescriptor, ClosesWhatItOwnsWhenDestroyed) {
+TEST(FileDescriptor, ClosesItsDescriptorOnDestruction) {
   const int number = openAny();
   {
     const FileDescriptor owner(number);
@@ -24,20 +24,20 @@ TEST(FileDescriptor, ClosesWhatItOwnsWhenDestroyed) {
   EXPECT_FALSE(isOpen(number));
 }
 
-TEST(FileDescriptor, HoldsNoneByDefault) {
+TEST(FileDescriptor, OwnsNothingByDefault) {
   const FileDescriptor none;
   EXPECT_FALSE(none);
   EXPECT_EQ(none.get(), -1);
 }
 
-TEST(FileDescriptor, ReleaseGivesUpWithoutClosing) {
+TEST(FileDescriptor, ReleaseDoesNotClose) {
   FileDescriptor owner(openAny());
   FileDescriptor next(owner.release());
   EXPECT_FALSE(owner);
   EXPECT_TRUE(isOpen(next.get()));
 }
 
-TEST(FileDescriptor, AssignmentClosesWhatWasHeld) {
+TEST(FileDescriptor, AssignmentClosesTheOldDescriptor) {
   const int first = openAny();
   FileDescriptor owner(first);
   FileDescriptor other(openAny());
@@ -48,14 +48,14 @@ TEST(FileDescriptor, AssignmentClosesWhatWasHeld) {
   EXPECT_TRUE(isOpen(second));
 }
 
-TEST(FileDescriptor, AssignmentToItselfKeepsItOpen) {
+TEST(FileDescriptor, SelfAssignmentKeepsItOpen) {
   FileDescriptor owner(openAny());
   FileDescriptor& same = owner;
   owner = std::move(same);
   EXPECT_TRUE(isOpen(owner.get()));
 }
 
-TEST(FileDescriptorReset, LeavesErrnoAlone) {
+TEST(FileDescriptorReset, PreservesErrno) {
   FileDescriptor bad(1'000'000);  // Not open: its close fails.
   errno = ENOENT;
   bad.reset();

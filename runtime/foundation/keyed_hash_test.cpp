@@ -10,16 +10,15 @@
 namespace keel {
 namespace {
 
-// 00 01 02 ... of that many bytes.
+// Returns the bytes 00 01 02 ..., `size` of them.
 std::vector<std::byte> counting(std::size_t size) {
   std::vector<std::byte> bytes(size);
   for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<std::byte>(i);
   return bytes;
 }
 
-// The vectors that the authors of SipHash published for SipHash-2-4: key 00..0f, inputs of 0 to 15
-// bytes.
-TEST(SipHash, MatchesThePublishedVectorsOf24) {
+// The published test vectors of SipHash-2-4: key 00..0f, inputs of 0 to 15 bytes.
+TEST(SipHash, MatchesThePublishedVectorsOfSipHash24) {
   constexpr HashKey kKey{0x0706050403020100, 0x0f0e0d0c0b0a0908};
   constexpr std::uint64_t kExpected[] = {
       0x726fdb47dd0e0e31, 0x74f839c593dc67fd, 0x0d6c8009d9a94f5a, 0x85676696d7fb7e2d,
@@ -31,8 +30,8 @@ TEST(SipHash, MatchesThePublishedVectorsOf24) {
   }
 }
 
-// The values Python 3.11 gives for hash(bytes(range(size))) with PYTHONHASHSEED=0, which is
-// SipHash-1-3 with a key of zeroes.
+// The values that Python 3.11 returns for hash(bytes(range(size))) with PYTHONHASHSEED=0, which is
+// SipHash-1-3 with a key of zeros.
 TEST(SipHash13, MatchesPythonsHashOfBytes) {
   struct Row {
     std::size_t size;
@@ -54,7 +53,7 @@ TEST(SipHash13, DependsOnBothHalvesOfTheKey) {
   EXPECT_NE(sipHash13(bytes, {1, 2}), sipHash13(bytes, {0, 2}));
 }
 
-TEST(ProcessHashKey, StaysTheSameAndIsNotZero) {
+TEST(ProcessHashKey, IsConstantAndNotZero) {
   const HashKey first = processHashKey();
   EXPECT_EQ(first, processHashKey());
   EXPECT_NE(first, (HashKey{0, 0}));

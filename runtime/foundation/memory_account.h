@@ -8,49 +8,48 @@
 
 namespace keel {
 
-// Counts the bytes that the buffers charged to it hold together. Lives as long as the process. From
-// any thread.
+// Counts the bytes of the buffers charged to it. Lives as long as the process. From any thread.
 class MemoryAccount {
  public:
   MemoryAccount() = default;
-  // One of several whose sum is kept, too: in steps, so that small changes cost nothing. `sum` is
-  // never off by more than kStepBytes for each of them.
-  explicit MemoryAccount(MemoryAccount& sum) : sum_(&sum) {}
+  // An account that is also added to `total`, in steps, so that small changes cost nothing extra.
+  // `total` is never off by more than kStepBytes per account.
+  explicit MemoryAccount(MemoryAccount& total) : total_(&total) {}
   MemoryAccount(const MemoryAccount&) = delete;
   MemoryAccount& operator=(const MemoryAccount&) = delete;
-  // Pays for every buffer of which nothing else is said.
+  // Returns the account that is charged by default.
   static MemoryAccount& ofProcess();
 
   static constexpr std::size_t kStepBytes = 4096;
 
   std::size_t bytes() const { return bytes_.load(std::memory_order_relaxed); }
   void charge(std::size_t bytes) {
-    changeTo(bytes_.fetch_add(bytes, std::memory_order_relaxed) + bytes);
+    update(bytes_.fetch_add(bytes, std::memory_order_relaxed) + bytes);
   }
   void refund(std::size_t bytes) {
-    changeTo(bytes_.fetch_sub(bytes, std::memory_order_relaxed) - bytes);
+    update(bytes_.fetch_sub(bytes, std::memory_order_relaxed) - bytes);
   }
 
  private:
-  void changeTo(std::size_t bytes) {
-    if (sum_ == nullptr) return;
-    // Unsigned: either difference that is negative is huge.
-    if (bytes - summed_.load(std::memory_order_relaxed) + kStepBytes > 2 * kStepBytes)
+  void update(std::size_t bytes) {
+    if (total_ == nullptr) return;
+    // Unsigned: a negative difference is huge.
+    if (bytes - reportedBytes_.load(std::memory_order_relaxed) + kStepBytes > 2 * kStepBytes)
         [[unlikely]] {
-      sum_->charge(bytes - summed_.exchange(bytes, std::memory_order_relaxed));
+      total_->charge(bytes - reportedBytes_.exchange(bytes, std::memory_order_relaxed));
     }
   }
 
-  // A cache line of its own: every thread that makes or drops a buffer writes it.
+  // On a cache line of its own: every thread that creates or destroys a buffer writes it.
   alignas(64) std::atomic<std::size_t> bytes_{0};
-  std::atomic<std::size_t> summed_{0};  // what the sum knows of
-  MemoryAccount* sum_ = nullptr;
+  std::atomic<std::size_t> reportedBytes_{0};  // added to the total so far
+  MemoryAccount* total_ = nullptr;
 };
 
-// Whose memory pays for what a peer sends, and how much of it the peer may hold. Those of users
-// live as long as the process.
+// The account that pays for what a peer sends, and its limit. Quotas of users live as long as the
+// process.
 struct MemoryQuota {
-  // Where nobody is held to anything.
+  // Returns the quota without a limit.
   static const MemoryQuota& ofProcess() {
     static const MemoryQuota quota;
     return quota;
@@ -58,17 +57,18 @@ struct MemoryQuota {
 
   MemoryAccount* account = &MemoryAccount::ofProcess();
   std::size_t limitBytes = std::numeric_limits<std::size_t>::max();
-  // What several hold together, and may hold. One of them may hold as much as is still free: no
-  // single one takes it all.
-  const MemoryAccount* sum = nullptr;
-  std::size_t sumLimitBytes = 0;
+  // An account that several share, and its limit. Each of them is granted at most what is still
+  // free, so no single one takes it all.
+  const MemoryAccount* total = nullptr;
+  std::size_t totalLimitBytes = 0;
 
   std::size_t grantedBytes() const {
-    if (sum == nullptr) return limitBytes;
-    const std::size_t held = sum->bytes();
-    return std::min(limitBytes, held < sumLimitBytes ? sumLimitBytes - held : 0);
+    if (total == nullptr) return limitBytes;
+    const std::size_t held = total->bytes();
+    return std::min(limitBytes, held < totalLimitBytes ? totalLimitBytes - held : 0);
   }
-  // Names may go beyond by half: who holds too much must be able to say what it gives up.
+  // Names may exceed the quota by half: a client over quota must still be able to name what it
+  // releases.
   std::size_t grantedNameBytes() const {
     const std::size_t granted = grantedBytes();
     return granted + std::min(granted / 2, std::numeric_limits<std::size_t>::max() - granted);

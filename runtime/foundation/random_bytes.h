@@ -6,8 +6,8 @@
 
 namespace keel {
 
-// Fills `bytes` with what nobody can guess, from the kernel. 0, or -1 with errno set; then the
-// bytes are not to be used. From any thread.
+// Fills `bytes` with cryptographically secure random bytes from the kernel. Returns 0, or -1 with
+// errno set; then the bytes must not be used. From any thread.
 int SecRandomCopyBytes(std::span<std::byte> bytes);
 
 }  // namespace keel

@@ -9,7 +9,7 @@ namespace keel {
 
 namespace {
 
-// What getentropy(3) yields at once.
+// Maximum of one getentropy(3) call.
 constexpr std::size_t kEntropyBytes = 256;
 
 }  // namespace

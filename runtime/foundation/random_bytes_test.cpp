@@ -9,8 +9,8 @@
 namespace keel {
 namespace {
 
-TEST(RandomBytes, FillsAllThatIsAskedFor) {
-  // By chance, one in 2^128.
+TEST(RandomBytes, FillsTheWholeSpan) {
+  // Fails by chance once in 2^128.
   const std::vector<std::byte> zeros(16);
   for (const std::size_t size : {16u, 256u, 257u, 1000u}) {
     std::vector<std::byte> bytes(size);
@@ -23,7 +23,7 @@ TEST(RandomBytes, FillsAllThatIsAskedFor) {
   }
 }
 
-TEST(RandomBytes, DiffersEachTime) {
+TEST(RandomBytes, DiffersOnEachCall) {
   std::vector<std::byte> one(16);
   std::vector<std::byte> two(16);
   ASSERT_EQ(SecRandomCopyBytes(one), 0);

@@ -18,8 +18,8 @@ namespace keel {
 
 namespace {
 
-// What a reader relies on. F_SEAL_FUTURE_WRITE would not do: mappings made before it can still be
-// written through.
+// The seals that a reader relies on. F_SEAL_FUTURE_WRITE would not do: mappings made before it can
+// still be written through.
 constexpr int kNeededSeals = F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK;
 
 std::unexpected<std::error_code> failure(int number) {
@@ -29,7 +29,7 @@ std::unexpected<std::error_code> failure(int number) {
 int createMemoryFile() {
   constexpr const char* kDisplayName = "keel-value";
   const int file = ::memfd_create(kDisplayName, MFD_CLOEXEC | MFD_ALLOW_SEALING | MFD_NOEXEC_SEAL);
-  // Kernels that do not know the last flag say EINVAL.
+  // Older kernels answer the last flag with EINVAL.
   if (file >= 0 || errno != EINVAL) return file;
   return ::memfd_create(kDisplayName, MFD_CLOEXEC | MFD_ALLOW_SEALING);
 }
@@ -56,19 +56,19 @@ std::expected<FileDescriptor, std::error_code> sealedMemoryOf(std::span<const st
   return file;
 }
 
-std::expected<GrowingMemory, std::error_code> GrowingMemory::create() {
+std::expected<SealedMemoryWriter, std::error_code> SealedMemoryWriter::create() {
   FileDescriptor file(createMemoryFile());
   if (!file) return failure(errno);
-  return GrowingMemory(std::move(file));
+  return SealedMemoryWriter(std::move(file));
 }
 
-std::expected<void, std::error_code> GrowingMemory::append(std::span<const std::byte> bytes) {
+std::expected<void, std::error_code> SealedMemoryWriter::append(std::span<const std::byte> bytes) {
   if (!writeAll(file_.get(), bytes)) return failure(errno);
   sizeBytes_ += bytes.size();
   return {};
 }
 
-std::expected<BufferRef, std::error_code> GrowingMemory::seal() && {
+std::expected<BufferRef, std::error_code> SealedMemoryWriter::seal() && {
   if (!sealFile(file_.get())) return failure(errno);
   return openSealedMemory(std::move(file_), sizeBytes_);
 }
@@ -80,8 +80,7 @@ std::expected<BufferRef, std::error_code> openSealedMemory(FileDescriptor file,
   if (seals < 0) return failure(errno);
   if ((seals & kNeededSeals) != kNeededSeals) return failure(EPERM);
 
-  // Memory files on huge pages can be sealed too, but their mappings come and go by other sizes
-  // than ours.
+  // Memory files on huge pages can be sealed too, but map and unmap in other sizes than ours.
   struct statfs fileSystem;
   if (::fstatfs(file.get(), &fileSystem) != 0) return failure(errno);
   if (fileSystem.f_type != TMPFS_MAGIC) return failure(EPERM);

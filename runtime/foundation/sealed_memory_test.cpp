@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kAllSeals = F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK;
 
-// A memory file of four bytes with those seals.
+// Creates a memory file of four bytes with those seals.
 FileDescriptor memoryFile(int seals, unsigned flags = MFD_ALLOW_SEALING) {
   FileDescriptor file(::memfd_create("test", MFD_CLOEXEC | flags));
   EXPECT_EQ(::write(file.get(), "abcd", 4), 4);
@@ -30,7 +30,7 @@ int errnoOfOpening(FileDescriptor file, std::size_t sizeBytes) {
   return opened ? 0 : opened.error().value();
 }
 
-TEST(SealedMemory, ReachesTheReaderAsItWas) {
+TEST(SealedMemory, ReadsBackUnchanged) {
   std::vector<std::byte> bytes(3'000'001);
   for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::byte>(i * 7);
   auto file = sealedMemoryOf(bytes);
@@ -69,7 +69,7 @@ TEST(SealedMemory, StaysReadableWhenOtherDescriptorsAreClosed) {
   EXPECT_EQ(hexOf((*buffer)->bytes()), "61626364");
 }
 
-TEST(SealedMemory, GivesItsDescriptorOutAndGoesWithTheBuffer) {
+TEST(SealedMemory, IsUnmappedAndClosedWithItsBuffer) {
   auto file = sealedMemoryOf(bytesOfText("abcd"));
   ASSERT_TRUE(file.has_value());
   const int number = file->get();
@@ -90,7 +90,7 @@ TEST(SealedMemory, GivesItsDescriptorOutAndGoesWithTheBuffer) {
   EXPECT_EQ(Buffer::liveBytes(), before);
 }
 
-TEST(SealedMemory, HashesAsTheSameBytesOnTheHeap) {
+TEST(SealedMemory, HashesLikeTheSameBytesOnTheHeap) {
   auto file = sealedMemoryOf(bytesOfText("abcd"));
   ASSERT_TRUE(file.has_value());
   const auto buffer = openSealedMemory(std::move(*file), 4);
@@ -98,8 +98,8 @@ TEST(SealedMemory, HashesAsTheSameBytesOnTheHeap) {
   EXPECT_EQ((*buffer)->hash(), Buffer::copyOf(bytesOfText("abcd"))->hash());
 }
 
-TEST(GrowingMemory, HoldsAllThatWasAppended) {
-  auto growing = GrowingMemory::create();
+TEST(SealedMemoryWriter, HoldsEverythingAppended) {
+  auto growing = SealedMemoryWriter::create();
   ASSERT_TRUE(growing.has_value());
   std::vector<std::byte> all;
   for (std::size_t size :
@@ -113,8 +113,8 @@ TEST(GrowingMemory, HoldsAllThatWasAppended) {
   EXPECT_TRUE(std::ranges::equal((*buffer)->bytes(), all));
 }
 
-TEST(GrowingMemory, IsSealedInTheEnd) {
-  auto growing = GrowingMemory::create();
+TEST(SealedMemoryWriter, SealsItsFile) {
+  auto growing = SealedMemoryWriter::create();
   ASSERT_TRUE(growing.has_value());
   ASSERT_TRUE(growing->append(bytesOfText("abcd")).has_value());
   const auto buffer = std::move(*growing).seal();
@@ -124,11 +124,11 @@ TEST(GrowingMemory, IsSealedInTheEnd) {
   EXPECT_EQ(::ftruncate((*buffer)->sealedFile(), 5), -1);
 }
 
-TEST(OpenSealedMemory, AcceptsAPeersFileWithTheThreeSeals) {
+TEST(OpenSealedMemory, AcceptsAFileWithTheThreeSeals) {
   EXPECT_EQ(errnoOfOpening(memoryFile(kAllSeals), 4), 0);
 }
 
-TEST(OpenSealedMemory, RefusesAFileThatLacksASeal) {
+TEST(OpenSealedMemory, AFileThatLacksASealIsRefused) {
   EXPECT_EQ(errnoOfOpening(memoryFile(0), 4), EPERM);
   EXPECT_EQ(errnoOfOpening(memoryFile(F_SEAL_GROW | F_SEAL_SHRINK), 4), EPERM);
   EXPECT_EQ(errnoOfOpening(memoryFile(F_SEAL_WRITE | F_SEAL_SHRINK), 4), EPERM);
@@ -138,18 +138,18 @@ TEST(OpenSealedMemory, RefusesAFileThatLacksASeal) {
   EXPECT_EQ(errnoOfOpening(memoryFile(0, 0), 4), EPERM);
 }
 
-TEST(OpenSealedMemory, RefusesAnotherSizeThanTheFiles) {
+TEST(OpenSealedMemory, AnotherSizeIsRefused) {
   EXPECT_EQ(errnoOfOpening(memoryFile(kAllSeals), 3), EINVAL);
   EXPECT_EQ(errnoOfOpening(memoryFile(kAllSeals), 5), EINVAL);
 }
 
-TEST(OpenSealedMemory, RefusesAnEmptyFile) {
+TEST(OpenSealedMemory, AnEmptyFileIsRefused) {
   auto file = sealedMemoryOf({});
   ASSERT_TRUE(file.has_value());
   EXPECT_EQ(errnoOfOpening(std::move(*file), 0), EINVAL);
 }
 
-TEST(OpenSealedMemory, RefusesWhatIsNoMemoryFile) {
+TEST(OpenSealedMemory, OtherKindsOfFilesAreRefused) {
   EXPECT_EQ(errnoOfOpening(FileDescriptor(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC)), 4),
             EINVAL);
   int ends[2];
@@ -159,7 +159,7 @@ TEST(OpenSealedMemory, RefusesWhatIsNoMemoryFile) {
   EXPECT_EQ(errnoOfOpening(FileDescriptor(), 4), EBADF);
 }
 
-TEST(OpenSealedMemory, RefusesAFileOnHugePages) {
+TEST(OpenSealedMemory, AFileOnHugePagesIsRefused) {
   constexpr std::size_t kHugePage = 2 << 20;
   FileDescriptor file(::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING | MFD_HUGETLB));
   if (!file) GTEST_SKIP() << "this kernel has no huge pages";
@@ -168,7 +168,7 @@ TEST(OpenSealedMemory, RefusesAFileOnHugePages) {
   EXPECT_EQ(errnoOfOpening(std::move(file), kHugePage), EPERM);
 }
 
-TEST(OpenSealedMemory, ClosesTheFileItRefuses) {
+TEST(OpenSealedMemory, ClosesARefusedFile) {
   FileDescriptor file = memoryFile(0);
   const int number = file.get();
   EXPECT_EQ(errnoOfOpening(std::move(file), 4), EPERM);

@@ -36,8 +36,8 @@ void Secret::shrink(std::size_t sizeBytes) {
 void wipe(std::span<std::byte> bytes) {
   if (bytes.empty()) return;
   ::explicit_bzero(bytes.data(), bytes.size());
-  // Whoever copied the secret did it through registers, which keep it until they are used again. A
-  // copy of the same size goes through the same ones.
+  // The secret was copied through registers, which keep it until they are reused. A copy of the
+  // same size goes through the same ones.
   void* (*volatile copy)(void*, const void*, std::size_t) = std::memmove;
   copy(bytes.data(), bytes.data(), bytes.size());
 }

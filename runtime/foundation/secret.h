@@ -8,13 +8,12 @@
 
 namespace keel {
 
-// Bytes that nobody may find in memory afterwards: a password, or what is as good as one. Wiped
-// when they are let go of. They never grow, so that no copy of them is left behind. Copies are made
-// with Secret(text()), where they can be seen.
+// Bytes that must not remain in memory, such as a password. Wiped on destruction. Never grows, so
+// no copy is left behind. Copies are made with Secret(text()), where they can be seen.
 class Secret {
  public:
   Secret() = default;
-  // That many zeros.
+  // Holds `sizeBytes` zeros.
   explicit Secret(std::size_t sizeBytes);
   explicit Secret(std::string_view text);
   Secret(Secret&& other) noexcept;
@@ -24,7 +23,7 @@ class Secret {
   std::span<std::byte> bytes() { return {bytes_.get(), size_}; }
   std::string_view text() const { return {reinterpret_cast<const char*>(bytes_.get()), size_}; }
 
-  // Cuts off, and wipes, what is beyond; a larger size than the present one changes nothing.
+  // Truncates, and wipes the rest; a larger size has no effect.
   void shrink(std::size_t sizeBytes);
 
  private:
@@ -32,11 +31,11 @@ class Secret {
   std::size_t size_ = 0;
 };
 
-// Overwrites memory with zeros even where the compiler can tell that nobody reads it again.
+// Overwrites memory with zeros even where the compiler can prove that nothing reads it again.
 void wipe(std::span<std::byte> bytes);
 
-// Overwrites what functions that have returned left on the stack of this thread, kStackBytes deep:
-// registers are saved there in passing, and with them parts of what was copied last.
+// Overwrites what returned functions left on the stack of this thread, kStackBytes deep: registers
+// spilled there may hold parts of what was copied last.
 void wipeStack();
 inline constexpr std::size_t kStackBytes = 64u << 10;
 

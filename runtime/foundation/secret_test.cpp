@@ -10,7 +10,7 @@
 namespace keel {
 namespace {
 
-TEST(Secret, HoldsWhatItWasGiven) {
+TEST(Secret, HoldsItsText) {
   const Secret secret("pass!");
   EXPECT_EQ(secret.text(), "pass!");
   EXPECT_EQ(Secret(std::string_view("a\0b", 3)).text(), std::string_view("a\0b", 3));
@@ -21,7 +21,7 @@ TEST(Secret, MayBeEmpty) {
   EXPECT_EQ(Secret("").text(), "");
 }
 
-TEST(Secret, CutsOffAndWipesWhatIsBeyond) {
+TEST(Secret, ShrinkWipesTheRest) {
   Secret secret("password");
   const std::span<std::byte> all = secret.bytes();
   secret.shrink(4);
@@ -32,7 +32,7 @@ TEST(Secret, CutsOffAndWipesWhatIsBeyond) {
   EXPECT_EQ(secret.text(), "pass");
 }
 
-TEST(Secret, MovesWithoutLeavingACopy) {
+TEST(Secret, MovesWithoutACopy) {
   Secret first("one");
   const auto* place = first.text().data();
   Secret second(std::move(first));
@@ -43,7 +43,7 @@ TEST(Secret, MovesWithoutLeavingACopy) {
   EXPECT_EQ(third.text().data(), place);
 }
 
-TEST(Secret, WipingLeavesZeros) {
+TEST(Secret, WipeOverwritesWithZeros) {
   std::array<std::byte, 8> bytes;
   bytes.fill(std::byte{7});
   wipe(std::span(bytes).subspan(2, 4));

@@ -12,8 +12,8 @@
 
 namespace keel {
 
-// SipHash-c-d of 64 bits for any number of rounds, so that the variant in use can be held against
-// the published vectors of another. Everybody else calls sipHash13() (keyed_hash.h).
+// 64-bit SipHash-c-d for any number of rounds, so that the variant in use can be tested with the
+// published vectors of another. Everything else calls sipHash13() (keyed_hash.h).
 template <int compressionRounds, int finalisationRounds>
 class SipHash {
  public:
@@ -32,7 +32,7 @@ class SipHash {
         v2_(key[0] ^ 0x6c7967656e657261),
         v3_(key[1] ^ 0x7465646279746573) {}
 
-  // The first `count` bytes at `at` (8 at most) as a little-endian number.
+  // Loads the first `count` bytes at `at` (8 at most) as a little-endian number.
   static std::uint64_t word(const std::byte* at, std::size_t count) {
     std::uint64_t value = 0;
     if (count == 0) return value;

@@ -6,7 +6,7 @@ namespace keel {
 namespace {
 
 const BufferRef& emptyBuffer() {
-  // Never destroyed: strings may still be made while the process ends.
+  // Never destroyed: strings may be created while the process exits.
   static const BufferRef& kEmpty = *new BufferRef(Buffer::copyOf({}));
   return kEmpty;
 }

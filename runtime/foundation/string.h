@@ -16,27 +16,28 @@ class String {
   String(std::nullptr_t) {}
   // `text` must be valid UTF-8. Empty texts share one buffer.
   String(std::string_view text);
-  // Charged to `account` with a surcharge, as Buffer::copyOf does it.
+  // Charges `account`, with a surcharge as in Buffer::copyOf().
   String(std::string_view text, MemoryAccount& account, std::uint32_t surchargeBytes);
   String(const std::string& text) : String(std::string_view(text)) {}
   String(const char* text) : String(std::string_view(text)) {}
 
   bool isNull() const { return !buffer_; }
-  // The text; empty for null.
+  // Returns the text; empty for null.
   std::string_view view() const {
     if (!buffer_) return {};
     const auto bytes = buffer_->bytes();
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
   }
-  // The text is wiped when the last copy lets go of it. Before it is shared with other threads.
+  // Has the text wiped when its last copy is destroyed. Call it before the text is shared with
+  // other threads.
   void makeSecret() {
     if (buffer_ && buffer_->size() > 0) buffer_->makeSecret();
   }
 
-  // A keyed hash; 0 for null.
+  // Returns a keyed hash; 0 for null.
   std::uint64_t hash() const { return buffer_ ? buffer_->hash() : 0; }
 
-  // Exact comparison of bytes; null equals null only.
+  // Compares bytes exactly; null equals null only.
   friend bool operator==(const String& left, const String& right) {
     if (left.buffer_ == right.buffer_) return true;
     return left.buffer_ && right.buffer_ && left.view() == right.view();

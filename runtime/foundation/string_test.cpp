@@ -17,7 +17,7 @@ TEST(String, NullDiffersFromEmpty) {
   EXPECT_TRUE(String() == String(nullptr));
 }
 
-TEST(String, EqualsByBytes) {
+TEST(String, ComparesByBytes) {
   const std::string text = "a longer name than fits in a register";
   EXPECT_TRUE(String(text) == String(text));
   EXPECT_FALSE(String("a") == String("b"));
@@ -35,7 +35,7 @@ TEST(String, IsMadeFromEveryKindOfTextWithoutACast) {
   EXPECT_EQ(textOf("literal"), "literal");
 }
 
-TEST(StringView, IsTheTextWithItsZeroBytes) {
+TEST(StringView, IncludesZeroBytes) {
   const std::string_view text("a\0b", 3);
   EXPECT_EQ(String(text).view(), text);
   EXPECT_EQ(String().view(), "");
@@ -48,7 +48,7 @@ TEST(StringHash, IsZeroForNullOnly) {
   EXPECT_NE(String("name").hash(), String("names").hash());
 }
 
-TEST(StringHash, ServesAsKeyOfATable) {
+TEST(StringHash, CanBeTheKeyOfAHashTable) {
   std::unordered_map<String, int, StringHash> numbers{{"one", 1}, {"two", 2}};
   EXPECT_EQ(numbers.at("two"), 2);
   EXPECT_FALSE(numbers.contains("three"));

@@ -12,7 +12,7 @@
 
 namespace keel {
 
-// The bytes of "a1 6161 01"; spaces are skipped.
+// Returns the bytes of "a1 6161 01"; spaces are skipped.
 inline std::vector<std::byte> bytesOfHex(std::string_view hex) {
   std::string digits;
   for (const char c : hex) {

@@ -9,12 +9,12 @@
 
 #include "runtime/foundation/temporary_folder.h"
 
-// For tests that compare what we make with what Python makes.
+// For tests that compare our output with Python's.
 
 namespace keel {
 
-// Runs a program with the system's Python, and yields what it printed. A program that fails, for
-// want of a library too, fails the test.
+// Runs a program with the system's Python and returns its output. A failing program, also for want
+// of a library, fails the test.
 inline std::string runPython(const TemporaryFolder& folder, const char* program,
                              const std::string& arguments) {
   folder.write("program.py", program);

@@ -10,8 +10,7 @@
 namespace keel {
 namespace {
 
-// The encoding of any number as if it were a character, in `length` bytes, whether that is allowed
-// or not.
+// Encodes any number as if it were a code point, in `length` bytes, whether that is allowed or not.
 std::string encodedIn(std::size_t length, std::uint32_t number) {
   if (length == 1) return std::string(1, static_cast<char>(number));
   std::string bytes(length, '\0');
@@ -26,9 +25,9 @@ std::size_t properLength(std::uint32_t number) {
   return number < 0x80 ? 1 : number < 0x800 ? 2 : number < 0x10000 ? 3 : 4;
 }
 
-// An obviously right decoder to hold isUtf8() against: decodes a number, then asks whether it was
-// allowed there.
-bool isUtf8Plainly(std::string_view text) {
+// An obviously correct decoder to compare isUtf8() with: decodes a number, then checks whether it
+// is allowed.
+bool isUtf8Reference(std::string_view text) {
   while (!text.empty()) {
     const auto lead = static_cast<unsigned char>(text[0]);
     const std::size_t length = lead < 0x80   ? 1
@@ -52,7 +51,7 @@ bool isUtf8Plainly(std::string_view text) {
   return true;
 }
 
-TEST(IsUtf8, AcceptsEveryCharacterInItsProperLengthOnly) {
+TEST(IsUtf8, AcceptsEveryCodePointInItsShortestFormOnly) {
   for (std::uint32_t number = 0; number < 0x110000; ++number) {
     const bool surrogate = number >= 0xd800 && number < 0xe000;
     const std::size_t proper = properLength(number);
@@ -64,42 +63,42 @@ TEST(IsUtf8, AcceptsEveryCharacterInItsProperLengthOnly) {
     ASSERT_FALSE(isUtf8(encodedIn(4, number))) << number;
 }
 
-TEST(IsUtf8, JudgesEveryTwoBytesRight) {
+TEST(IsUtf8, AgreesWithTheReferenceOnEveryTwoBytes) {
   for (unsigned first = 0; first < 256; ++first) {
     for (unsigned second = 0; second < 256; ++second) {
       const std::string text{static_cast<char>(first), static_cast<char>(second)};
-      ASSERT_EQ(isUtf8(text), isUtf8Plainly(text)) << first << ' ' << second;
+      ASSERT_EQ(isUtf8(text), isUtf8Reference(text)) << first << ' ' << second;
     }
   }
 }
 
-TEST(IsUtf8, FindsABadByteAtEveryPlaceOfEveryLength) {
+TEST(IsUtf8, FindsABadByteAtEveryIndexOfEveryLength) {
   for (std::size_t size = 1; size <= 100; ++size) {
     const std::string good(size, 'a');
     EXPECT_TRUE(isUtf8(good));
-    for (std::size_t place = 0; place < size; ++place) {
+    for (std::size_t index = 0; index < size; ++index) {
       std::string bad = good;
-      bad[place] = '\x80';
-      EXPECT_FALSE(isUtf8(bad)) << size << ' ' << place;
+      bad[index] = '\x80';
+      EXPECT_FALSE(isUtf8(bad)) << size << ' ' << index;
     }
   }
 }
 
-TEST(IsUtf8, AcceptsACharacterAtEveryPlaceOfEveryLength) {
+TEST(IsUtf8, AcceptsACharacterAtEveryIndexOfEveryLength) {
   for (std::size_t size = 0; size <= 50; ++size) {
-    for (std::size_t place = 0; place <= size; ++place) {
+    for (std::size_t index = 0; index <= size; ++index) {
       for (const char* character : {"\u00fc", "\u4e2d", "\U0001f600"}) {
         std::string text(size, 'a');
-        text.insert(place, character);
+        text.insert(index, character);
         EXPECT_TRUE(isUtf8(text));
         text.pop_back();
-        EXPECT_EQ(isUtf8(text), place < size) << size << ' ' << place;
+        EXPECT_EQ(isUtf8(text), index < size) << size << ' ' << index;
       }
     }
   }
 }
 
-TEST(IsUtf8, AgreesWithAPlainDecoderOnRandomMixtures) {
+TEST(IsUtf8, AgreesWithTheReferenceOnRandomMixtures) {
   constexpr unsigned kSeed = 7;
   std::mt19937 random(kSeed);
   const std::string_view pieces[] = {"a",    "plain text", "\u00fc",       "\u4e2d", "\U0001f600",
@@ -107,10 +106,10 @@ TEST(IsUtf8, AgreesWithAPlainDecoderOnRandomMixtures) {
   std::size_t accepted = 0;
   for (int round = 0; round < 100000; ++round) {
     std::string text;
-    // Mostly sound pieces, so that a fair part of the texts is accepted.
+    // Mostly valid pieces, so that a fair share of the texts is accepted.
     for (auto count = random() % 12; count > 0; --count)
       text += pieces[random() % (random() % 8 == 0 ? 9 : 5)];
-    ASSERT_EQ(isUtf8(text), isUtf8Plainly(text))
+    ASSERT_EQ(isUtf8(text), isUtf8Reference(text))
         << "seed " << kSeed << ": " << hexOf(bytesOfText(text));
     if (isUtf8(text)) ++accepted;
   }

@@ -11,7 +11,7 @@ namespace keel {
 
 namespace {
 
-// Writes the diagnostic notation of whichever kind a Value holds.
+// Writes the diagnostic notation of the kind that a Value holds.
 class Notation {
  public:
   explicit Notation(std::string& output) : output_(output) {}
@@ -39,7 +39,7 @@ class Notation {
   std::string& output_;
 };
 
-// Distinguishable from an integer: 1.0, 1.0e+300, NaN, -Infinity.
+// Always distinguishable from an integer: 1.0, 1.0e+300, NaN, -Infinity.
 void Notation::operator()(double real) const {
   if (real != real) {
     output_ += "NaN";
@@ -53,8 +53,8 @@ void Notation::operator()(double real) const {
   }
 }
 
-// One character of ASCII, or one byte of any other; escaped when it would do something to a
-// terminal or end the text.
+// Writes one ASCII character, or one byte of any other, escaped if it would end the text or affect
+// a terminal.
 void Notation::character(std::string_view text, std::size_t& index) const {
   constexpr std::string_view kSpecial = "\"\\\b\f\n\r\t", kLetters = "\"\\bfnrt";
   const auto byte = static_cast<unsigned char>(text[index]);

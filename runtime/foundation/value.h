@@ -18,9 +18,9 @@ namespace keel {
 
 struct Member;
 
-// A decoded value of any kind that may stand in published data: what programs build and look at. A
-// plain value: copies are deep. Maps keep the order of their members; a key that stands twice
-// counts with its last value.
+// A decoded value of any kind that may occur in published data: what programs build and inspect. A
+// plain value: copies are deep. Maps keep the order of their members; of duplicate keys the last
+// one counts.
 class Value {
  public:
   using Bytes = std::vector<std::byte>;
@@ -57,10 +57,10 @@ class Value {
   Value(Date date);
   Value(List list);
   Value(Map map);
-  // No error is null.
+  // No error becomes null.
   Value(Error error);
 
-  // A map from pairs: Value::map({{"host", "a"}, {"port", 80}}).
+  // Builds a map from pairs: Value::map({{"host", "a"}, {"port", 80}}).
   static Value map(std::initializer_list<Member> members);
   static Value list(std::initializer_list<Value> items);
 
@@ -68,19 +68,19 @@ class Value {
   bool isMap() const { return std::holds_alternative<Map>(held_); }
   bool isList() const { return std::holds_alternative<List>(held_); }
 
-  // The value as that kind, or null when it is of another kind. Borrowed.
+  // Returns the value as that kind, or null if it is of another. Borrowed.
   template <class Kind>
   const Kind* as() const {
     return std::get_if<Kind>(&held_);
   }
 
-  // The member of that key, or null when this is no map or has no such key. Borrowed.
+  // Returns the member of that key, or null if this is no map or has no such key. Borrowed.
   const Value* find(std::string_view key) const;
-  // The text of member `key`, or `otherwise` when there is no such text.
+  // Returns the text of member `key`, or `otherwise` if there is no such text.
   std::string_view textOf(std::string_view key, std::string_view otherwise = {}) const;
 
-  // One line in CBOR's diagnostic notation (RFC 8949, section 8), dates as tag 1; for logs and
-  // tests.
+  // Returns one line in CBOR's diagnostic notation (RFC 8949, section 8), dates as tag 1; for logs
+  // and tests.
   std::string description() const;
 
   friend bool operator==(const Value& left, const Value& right);
@@ -100,7 +100,7 @@ struct Member {
   friend bool operator==(const Member&, const Member&) = default;
 };
 
-// Only here is every alternative of the variant complete.
+// Defined here, where every alternative of the variant is complete.
 inline Value::Value() = default;
 inline Value::Value(const Value& other) = default;
 inline Value::Value(Value&& other) noexcept = default;

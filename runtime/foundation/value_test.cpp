@@ -10,7 +10,7 @@
 namespace keel {
 namespace {
 
-TEST(Value, HoldsTheKindItIsMadeFrom) {
+TEST(Value, HoldsTheKindItWasBuiltFrom) {
   EXPECT_TRUE(Value().isNull());
   EXPECT_TRUE(Value(nullptr).isNull());
   EXPECT_NE(Value(true).as<bool>(), nullptr);
@@ -25,7 +25,7 @@ TEST(Value, HoldsTheKindItIsMadeFrom) {
   EXPECT_EQ(Value(Error("d", 4)).as<Error>()->code(), 4);
 }
 
-TEST(Value, YieldsNullForAnotherKind) {
+TEST(Value, AsReturnsNullForAnotherKind) {
   EXPECT_EQ(Value(1).as<double>(), nullptr);
   EXPECT_EQ(Value("a").as<Value::Bytes>(), nullptr);
   EXPECT_FALSE(Value(1).isNull());
@@ -70,7 +70,7 @@ TEST(Value, CopiesAreDeep) {
   EXPECT_TRUE(copy == Value::map({{"list", Value::list({1, "two"})}}));
 }
 
-TEST(Value, EqualsByKindAndContent) {
+TEST(Value, ComparesKindAndContent) {
   EXPECT_FALSE(Value(1) == Value(1.0));
   EXPECT_FALSE(Value(1) == Value(true));
   EXPECT_FALSE(Value(Date{1}) == Value(1.0));
@@ -78,20 +78,20 @@ TEST(Value, EqualsByKindAndContent) {
   EXPECT_FALSE(Value::map({{"a", 1}, {"b", 2}}) == Value::map({{"b", 2}, {"a", 1}}));
 }
 
-TEST(ValueFind, YieldsTheMemberOfThatKey) {
+TEST(ValueFind, ReturnsTheMemberOfThatKey) {
   const Value map = Value::map({{"host", "a"}, {"port", 80}});
   EXPECT_TRUE(*map.find("port") == Value(80));
   EXPECT_EQ(map.find("Port"), nullptr);
   EXPECT_EQ(Value("host").find("host"), nullptr);
 }
 
-TEST(ValueFind, TheLastOfTwoMembersCounts) {
+TEST(ValueFind, ReturnsTheLastOfDuplicateMembers) {
   const Value map = Value::map({{"a", 1}, {"a", 2}});
   EXPECT_TRUE(*map.find("a") == Value(2));
   EXPECT_EQ(map.as<Value::Map>()->size(), 2U);
 }
 
-TEST(ValueTextOf, FallsBackWhenThereIsNoText) {
+TEST(ValueTextOf, FallsBackIfThereIsNoText) {
   const Value map = Value::map({{"host", "a"}, {"port", 80}});
   EXPECT_EQ(map.textOf("host", "none"), "a");
   EXPECT_EQ(map.textOf("port", "none"), "none");
@@ -111,7 +111,7 @@ TEST(ValueDescription, IsDiagnosticNotation) {
       R"({"null": null, "list": [true, false, -1, 18446744073709551615], "bytes": h'00ff', "empty": [{}, [], "", h'']})");
 }
 
-TEST(ValueDescription, TellsRealNumbersFromIntegers) {
+TEST(ValueDescription, DistinguishesRealNumbersFromIntegers) {
   EXPECT_EQ(Value(1.5).description(), "1.5");
   EXPECT_EQ(Value(1.0).description(), "1.0");
   EXPECT_EQ(Value(-0.0).description(), "-0.0");
@@ -121,7 +121,7 @@ TEST(ValueDescription, TellsRealNumbersFromIntegers) {
   EXPECT_EQ(Value(-std::numeric_limits<double>::infinity()).description(), "-Infinity");
 }
 
-TEST(ValueDescription, EscapesWhatWouldBreakTheLine) {
+TEST(ValueDescription, EscapesControlCharacters) {
   EXPECT_EQ(Value("a\"b\\c\n\r\t\b\f").description(), R"("a\"b\\c\n\r\t\b\f")");
   EXPECT_EQ(Value(std::string_view("\x1b[0m\0\x7f", 6)).description(),
             R"("\u001b[0m\u0000\u007f")");

@@ -85,8 +85,8 @@ const MemoryQuota& memoryQuotaOfUser(uid_t uid) {
   } else if (isNew) {
     quota = {.account = new MemoryAccount(allUsers),
              .limitBytes = limits::kMemoryOfOneUserBytes,
-             .sum = &allUsers,
-             .sumLimitBytes = limitOfAll};
+             .total = &allUsers,
+             .totalLimitBytes = limitOfAll};
   }
   return quota;
 }

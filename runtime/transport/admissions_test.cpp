@@ -71,7 +71,7 @@ TEST(MemoryQuota, OneMayHoldAsMuchAsIsStillFreeOfWhatAllMay) {
   MemoryAccount alice(all);
   MemoryAccount bob(all);
   const MemoryQuota quota{
-      .account = &bob, .limitBytes = 50'000, .sum = &all, .sumLimitBytes = 100'000};
+      .account = &bob, .limitBytes = 50'000, .total = &all, .totalLimitBytes = 100'000};
   EXPECT_EQ(quota.grantedBytes(), 50'000u);
   alice.charge(80'000);
   EXPECT_EQ(quota.grantedBytes(), 20'000u);
