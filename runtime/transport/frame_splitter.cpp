@@ -6,7 +6,7 @@
 
 #include "runtime/foundation/check.h"
 #include "runtime/foundation/secret.h"
-#include "runtime/wire/wire.h"
+#include "runtime/wire/message.h"
 
 namespace keel::xpc {
 

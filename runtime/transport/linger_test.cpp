@@ -9,7 +9,7 @@
 #include <string>
 
 #include "runtime/wire/limits.h"
-#include "runtime/wire/wire.h"
+#include "runtime/wire/message.h"
 
 namespace keel::xpc {
 namespace {

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "runtime/foundation/buffer.h"
-#include "runtime/wire/wire.h"
+#include "runtime/wire/message.h"
 
 namespace keel::xpc {
 

@@ -11,7 +11,7 @@
 #include "runtime/dispatch/block.h"
 #include "runtime/dispatch/reactor.h"
 #include "runtime/foundation/file_descriptor.h"
-#include "runtime/wire/wire.h"
+#include "runtime/wire/message.h"
 
 namespace keel::xpc {
 

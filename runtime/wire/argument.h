@@ -9,8 +9,8 @@
 #include "runtime/foundation/error.h"
 #include "runtime/foundation/memory_account.h"
 #include "runtime/foundation/string.h"
+#include "runtime/wire/message.h"
 #include "runtime/wire/name_cache.h"
-#include "runtime/wire/wire.h"
 
 // How each type that may stand in a protocol travels.
 

@@ -8,7 +8,7 @@
 #include <variant>
 
 #include "runtime/transport/transport_context.h"
-#include "runtime/wire/wire.h"
+#include "runtime/wire/message.h"
 #include "runtime/xpc/interface.h"
 
 // The first message of each side: the version it speaks, the methods it exports, its options.

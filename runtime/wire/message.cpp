@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "runtime/wire/wire.h"
+#include "runtime/wire/message.h"
 
 #include <array>
 #include <cstring>
