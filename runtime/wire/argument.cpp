@@ -28,14 +28,15 @@ bool ArgumentReader::encodedItem(std::uint8_t major, BufferRef& item) {
   if (next == kTagType) return sealedItem(major, item);
   if (next != major) return false;
   auto bytes = cursor.item(depthOf(major));
-  if (!bytes || !mayHold(bytes->size(), quota_.grantedBytes())) return false;
+  if (!bytes || !fitsQuota(bytes->size(), quota_.grantedBytes())) return false;
   item = Buffer::copyOf(*bytes, *quota_.account);
   return true;
 }
 
 bool ArgumentReader::string(String& value) {
   std::string_view text;
-  if (!cursor.text(text) || !mayHold(text.size() + limits::kRecordBytes, quota_.grantedNameBytes()))
+  if (!cursor.text(text) ||
+      !fitsQuota(text.size() + limits::kRecordBytes, quota_.grantedNameBytes()))
     return false;
   if (names_ != nullptr && !confidential_ && text.size() <= NameCache::kLongestBytes) {
     value = names_->nameOf(text);
@@ -46,7 +47,7 @@ bool ArgumentReader::string(String& value) {
   return true;
 }
 
-bool ArgumentReader::mayHold(std::size_t moreBytes, std::size_t limitBytes) {
+bool ArgumentReader::fitsQuota(std::size_t moreBytes, std::size_t limitBytes) {
   const std::size_t held = quota_.account->bytes();
   overQuota_ = held > limitBytes || moreBytes > limitBytes - held;
   return !overQuota_;
@@ -61,13 +62,13 @@ bool ArgumentReader::sealedItem(std::uint8_t major, BufferRef& item) {
   if (files_.empty() || sizeBytes > sealedLimitBytes_) return false;
   FileDescriptor file = std::move(files_.front());
   files_.erase(files_.begin());
-  if (!mayHold(static_cast<std::size_t>(sizeBytes), quota_.grantedBytes())) return false;
+  if (!fitsQuota(static_cast<std::size_t>(sizeBytes), quota_.grantedBytes())) return false;
   auto mapped =
       openSealedMemory(std::move(file), static_cast<std::size_t>(sizeBytes), *quota_.account);
   if (!mapped || !isOfType((*mapped)->bytes(), major)) return false;
   if (!cbor::validate((*mapped)->bytes(), depthOf(major))) return false;
-  // Every mapping holds a descriptor; past a number of them the bytes are copied, so that values
-  // cannot use up the table.
+  // Every mapping holds a descriptor; beyond a number of them the bytes are copied, so that values
+  // cannot exhaust the descriptor table.
   item = Buffer::sealedFileCount() > limits::kSealedFiles
              ? Buffer::copyOf((*mapped)->bytes(), *quota_.account)
              : std::move(*mapped);
@@ -81,7 +82,7 @@ void ArgumentWriter::encodedItem(const BufferRef& item) {
     return;
   }
   const bool large = takesDescriptors && item->size() >= limits::kSealedMemoryBytes;
-  // A file that there is already costs nothing; new ones are made while they are few.
+  // An existing file costs nothing; new ones are created while they are few.
   const bool affordable =
       large && (item->sealedFile() >= 0 || Buffer::sealedFileCount() < limits::kSealedFiles);
   if (affordable && message.sealedItem(item)) return;

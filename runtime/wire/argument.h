@@ -12,39 +12,38 @@
 #include "runtime/wire/message.h"
 #include "runtime/wire/name_cache.h"
 
-// How each type that may stand in a protocol travels.
+// How each type that may occur in a protocol travels.
 
 namespace keel::xpc {
 
-// Reads the arguments of one message in place. `files` are the sealed memory files that came for
-// it, taken in order; none may be larger than `sealedLimitBytes`.
+// Reads the arguments of one message in place. `files` are the sealed memory files of the message,
+// consumed in order; none may be larger than `sealedLimitBytes`.
 class ArgumentReader {
  public:
   ArgumentReader(std::span<const std::byte> items, std::vector<FileDescriptor>& files,
                  std::size_t sealedLimitBytes, const MemoryQuota& quota = MemoryQuota::ofProcess())
       : cursor(items), files_(files), sealedLimitBytes_(sealedLimitBytes), quota_(quota) {}
 
-  // The next item whole, whether it stands here or in a sealed memory file; false when it is no
+  // Reads the next item whole, inline or from a sealed memory file. Returns false if it is no
   // acceptable item of CBOR major type `major`.
   bool encodedItem(std::uint8_t major, BufferRef& item);
-  // The next item as text.
+  // Reads the next item as text.
   bool string(String& value);
 
-  // Whether a read failed because the peer holds too much already.
+  // Returns true if the last read failed because the peer's user is over quota.
   bool isOverQuota() const { return overQuota_; }
-  // Whether the peer may hold one thing more that is kept for it.
-  bool mayHoldMore() { return mayHold(0, quota_.grantedBytes()); }
-  // What is read from here on is wiped when it is let go of.
+  // Returns true while the peer's user is within its quota.
+  bool isWithinQuota() { return fitsQuota(0, quota_.grantedBytes()); }
+  // Has whatever is read from here on wiped on destruction.
   void setConfidential(bool confidential) { confidential_ = confidential; }
-  // Text that is read from here on may come from `names`, charged to nobody: the request keeps none
-  // of it. Borrowed.
-  void takeNamesFrom(NameCache& names) { names_ = &names; }
+  // Lets text come from `names`, charged to nobody: the request keeps none of it. Borrowed.
+  void setNameCache(NameCache& names) { names_ = &names; }
 
   cbor::Cursor cursor;
 
  private:
   bool sealedItem(std::uint8_t major, BufferRef& item);
-  bool mayHold(std::size_t moreBytes, std::size_t limitBytes);
+  bool fitsQuota(std::size_t moreBytes, std::size_t limitBytes);
 
   std::vector<FileDescriptor>& files_;
   std::size_t sealedLimitBytes_;
@@ -54,7 +53,7 @@ class ArgumentReader {
   NameCache* names_ = nullptr;
 };
 
-// Writes the arguments of one message; `takesDescriptors` says whether the peer does.
+// Writes the arguments of one message. `takesDescriptors`: the peer accepts sealed memory files.
 struct ArgumentWriter {
   OutgoingMessage& message;
   bool takesDescriptors;
@@ -62,8 +61,7 @@ struct ArgumentWriter {
   void encodedItem(const BufferRef& item);
 };
 
-// read() leaves the value alone when it returns false. sameAs() tells cheaply whether two values
-// are equal; it may say no for equal ones that are costly to compare.
+// read() leaves the value unchanged when it returns false.
 template <class T>
 struct Argument;
 
@@ -71,7 +69,6 @@ template <>
 struct Argument<bool> {
   static bool read(ArgumentReader& reader, bool& value) { return reader.cursor.boolean(value); }
   static void write(ArgumentWriter& writer, bool value) { writer.message.writer().boolean(value); }
-  static bool sameAs(bool left, bool right) { return left == right; }
 };
 
 template <>
@@ -82,7 +79,6 @@ struct Argument<std::int64_t> {
   static void write(ArgumentWriter& writer, std::int64_t value) {
     writer.message.writer().integer(value);
   }
-  static bool sameAs(std::int64_t left, std::int64_t right) { return left == right; }
 };
 
 template <>
@@ -101,7 +97,6 @@ struct Argument<std::int32_t> {
   static void write(ArgumentWriter& writer, std::int32_t value) {
     writer.message.writer().integer(value);
   }
-  static bool sameAs(std::int32_t left, std::int32_t right) { return left == right; }
 };
 
 template <>
@@ -112,21 +107,18 @@ struct Argument<std::uint64_t> {
   static void write(ArgumentWriter& writer, std::uint64_t value) {
     writer.message.writer().unsignedInteger(value);
   }
-  static bool sameAs(std::uint64_t left, std::uint64_t right) { return left == right; }
 };
 
 template <>
 struct Argument<String> {
   static bool read(ArgumentReader& reader, String& value);
   static void write(ArgumentWriter& writer, const String& value);
-  static bool sameAs(const String& left, const String& right) { return left == right; }
 };
 
 template <>
 struct Argument<Data> {
   static bool read(ArgumentReader& reader, Data& value);
   static void write(ArgumentWriter& writer, const Data& value);
-  static bool sameAs(const Data&, const Data&) { return false; }
 };
 
 template <>
@@ -134,9 +126,6 @@ struct Argument<Dictionary> {
   static bool read(ArgumentReader& reader, Dictionary& value);
   static void write(ArgumentWriter& writer, const Dictionary& value) {
     writer.encodedItem(value.buffer());
-  }
-  static bool sameAs(const Dictionary& left, const Dictionary& right) {
-    return left.buffer() == right.buffer();
   }
 };
 
@@ -146,9 +135,6 @@ struct Argument<Array> {
   static void write(ArgumentWriter& writer, const Array& value) {
     writer.encodedItem(value.buffer());
   }
-  static bool sameAs(const Array& left, const Array& right) {
-    return left.buffer() == right.buffer();
-  }
 };
 
 template <>
@@ -157,7 +143,6 @@ struct Argument<Error> {
   static void write(ArgumentWriter& writer, const Error& value) {
     writer.message.writer().error(value);
   }
-  static bool sameAs(const Error& left, const Error& right) { return !left && !right; }
 };
 
 }  // namespace keel::xpc

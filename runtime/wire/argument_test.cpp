@@ -43,7 +43,7 @@ void expectRoundTrip(const T& value) {
   EXPECT_TRUE(result == value);
 }
 
-TEST(Argument, EveryTypeTravels) {
+TEST(Argument, EveryTypeRoundTrips) {
   expectRoundTrip(true);
   expectRoundTrip<std::int64_t>(std::numeric_limits<std::int64_t>::min());
   expectRoundTrip<std::int32_t>(-1);
@@ -81,7 +81,7 @@ bool reads(void (*write)(cbor::Writer&)) {
   return Argument<T>::read(reader, value);
 }
 
-TEST(Argument, Int32TakesItsRangeAndNoMore) {
+TEST(Argument, Int32AcceptsItsRangeAndNoMore) {
   EXPECT_TRUE(reads<std::int32_t>([](cbor::Writer& writer) { writer.integer(2147483647); }));
   EXPECT_FALSE(reads<std::int32_t>([](cbor::Writer& writer) { writer.integer(2147483648); }));
   EXPECT_TRUE(reads<std::int32_t>([](cbor::Writer& writer) { writer.integer(-2147483648); }));
@@ -99,7 +99,7 @@ TEST(Argument, OtherKindsAreRefused) {
   EXPECT_FALSE(reads<Error>([](cbor::Writer& writer) { writer.date(Date{1}); }));
 }
 
-TEST(Argument, SealedMemoryIsReadWhereItIs) {
+TEST(Argument, SealedMemoryIsMappedAndNotCopied) {
   const Dictionary large(Value::map({{"large", std::string(200'000, 'x')}}));
   OutgoingMessage message;
   message.begin();
@@ -137,7 +137,7 @@ TEST(Argument, SealedMemoryWithoutItsFileOrOverTheLimitIsRefused) {
   EXPECT_TRUE(Argument<Dictionary>::read(atLimit, result));
 }
 
-TEST(Argument, SealedMemoryWithBadContentsIsRefused) {
+TEST(Argument, SealedMemoryWithBadContentIsRefused) {
   const std::string garbage(100'000, '\xff');
   auto file = sealedMemoryOf(std::as_bytes(std::span(garbage)));
   ASSERT_TRUE(file);

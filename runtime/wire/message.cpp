@@ -25,7 +25,7 @@ bool skipSealedArgument(cbor::Cursor& cursor) {
   return true;
 }
 
-// Consumes an argument that stands in the message itself.
+// Consumes an inline argument.
 bool skipInlineArgument(cbor::Cursor& cursor) {
   constexpr std::uint8_t kArrayType = 4;
   const bool isArray = cursor.majorType() == kArrayType;
@@ -46,7 +46,7 @@ void OutgoingMessage::clear() {
 }
 
 cbor::Writer OutgoingMessage::beginNext() {
-  // Files go with the first byte of the message.
+  // Files travel with the first byte of the message.
   KEEL_CHECK(files_.empty());
   frameBegin_ = bytes_.size();
   frameBeginOnWire_ = wireBytes();
@@ -125,7 +125,7 @@ std::size_t countSealedArguments(std::span<const std::byte> frame) {
   const bool isOneWay = kind == static_cast<std::uint64_t>(MessageKind::oneWay);
   const bool isReply = kind == static_cast<std::uint64_t>(MessageKind::reply);
   if (!isRequest && !isOneWay && !isReply) return 0;
-  // Of a request its id and its method, of a one-way message its method, of a reply its id.
+  // A request has its id and its method first, a one-way message its method, a reply its id.
   std::uint64_t number = 0;
   for (int i = 0; i < (isRequest ? 2 : 1); ++i) {
     if (!cursor.unsignedInteger(number)) return 0;

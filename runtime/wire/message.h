@@ -12,7 +12,7 @@
 #include "runtime/foundation/cbor_writer.h"
 
 // The frames of docs/protocol.md: a length of 4 bytes, little-endian, and one CBOR array whose
-// first element says its kind.
+// first element is its kind.
 
 namespace keel::xpc {
 
@@ -20,7 +20,7 @@ inline constexpr std::uint64_t kProtocolVersion = 1;
 inline constexpr std::size_t kLengthBytes = 4;
 
 // Tag of a value that travels as a sealed memory file: its content is the size in bytes, the file
-// comes with the frame.
+// accompanies the frame.
 inline constexpr std::uint64_t kSealedMemoryTag = 51742;
 
 enum class MessageKind : std::uint8_t {
@@ -32,25 +32,25 @@ enum class MessageKind : std::uint8_t {
   goodbye = 5,  // [5, text]
 };
 
-// Why a message could not be served; the code of a failure.
+// The code of a failure: why a message could not be served.
 enum class FailureCode : std::uint8_t {
   undecodable = 1,     // not one well-formed message of a known kind
-  unknownMethod = 2,   // no method at that place of the receiver's list
+  unknownMethod = 2,   // no method of that index in the receiver's list
   wrongArguments = 3,  // their number or kinds do not fit the method
   tooLarge = 4,        // the frame is larger than the receiver takes
-  badRequestId = 5,    // not greater than the id before
-  unanswered = 6,      // the receiver dropped the request without an answer
+  badRequestId = 5,    // not greater than the previous id
+  unanswered = 6,      // the receiver dropped the request unanswered
   unsendable = 7,      // the answer cannot be sent to this peer
-  overQuota = 8,       // the sender's user holds too much already
+  overQuota = 8,       // the sender's user is over its quota
 };
 
-// One or more frames to be sent together, in pieces: bytes of its own, and between them larger
-// values that stay where they are. Reused from message to message, so that building one allocates
-// nothing in the steady state.
+// One or more frames to be sent together, in pieces: bytes of its own, and between them references
+// to larger values. Reused from message to message, so building one allocates nothing in the steady
+// state.
 class OutgoingMessage {
  public:
   struct Splice {
-    std::size_t offset;  // in bytes(), where `buffer` goes
+    std::size_t offset;  // in bytes(), where `buffer` is inserted
     BufferRef buffer;
   };
 
@@ -60,37 +60,37 @@ class OutgoingMessage {
 
   // Drops everything but the memory.
   void clear();
-  // Starts anew with the first frame.
+  // Starts over with the first frame.
   cbor::Writer begin() {
     clear();
     return beginNext();
   }
-  // Starts a further frame behind the finished ones.
+  // Starts a further frame after the finished ones.
   cbor::Writer beginNext();
-  // Completes the length. False when the frame would be longer than its length field can say.
+  // Completes the length. Returns false if the frame is longer than any peer accepts.
   bool finish();
 
-  // For finished frames that go to several connections: moves bytes that are too many to copy for
-  // each into a shared buffer. Frames that refer to larger values or files stay as they are.
+  // For finished frames with several receivers: moves bytes into a shared buffer if they are too
+  // many to copy for each. Frames that refer to larger values or files stay as they are.
   void share();
 
-  // Overwrites what stands here; after it only begin() makes sense.
+  // Overwrites its bytes; only begin() may follow.
   void wipe();
 
   // Adds one encoded item, by copy or by reference as its size suggests.
   void item(const BufferRef& encoded);
-  // Adds one encoded item as a sealed memory file. False when it cannot be made (no descriptors);
-  // nothing is added then.
+  // Adds one encoded item as a sealed memory file. Returns false, adding nothing, if the file
+  // cannot be created (no descriptors).
   bool sealedItem(const BufferRef& encoded);
 
   cbor::Writer writer() { return cbor::Writer(bytes_); }
   std::span<const std::byte> bytes() const { return bytes_.bytes(); }
   const std::vector<Splice>& splices() const { return splices_; }
-  // Buffers whose sealed files travel with the frame.
+  // Returns the buffers whose sealed files travel with the frame.
   const std::vector<BufferRef>& files() const { return files_; }
-  // The length on the wire, length fields included.
+  // Returns the length on the wire, length fields included.
   std::size_t wireBytes() const { return bytes_.size() + splicedBytes_; }
-  // The memory that it keeps.
+  // Returns the memory that it keeps.
   std::size_t capacityBytes() const { return bytes_.capacity(); }
 
  private:
@@ -98,21 +98,21 @@ class OutgoingMessage {
   std::vector<Splice> splices_;
   std::vector<BufferRef> files_;
   std::size_t splicedBytes_ = 0;
-  // Of the last frame, in bytes() and on the wire.
+  // Where the last frame begins, in bytes() and on the wire.
   std::size_t frameBegin_ = 0;
   std::size_t frameBeginOnWire_ = 0;
 };
 
-// The first elements of a message, as far as they can be read from the beginning of a frame: enough
-// to answer a request whose frame is not taken.
+// The first elements of a message, as far as the beginning of its frame reveals them: enough to
+// answer a request whose frame is skipped.
 struct Envelope {
   MessageKind kind;
   std::optional<std::uint64_t> requestId;
 };
 std::optional<Envelope> peekEnvelope(std::span<const std::byte> beginningOfFrame);
 
-// Returns true if `items` are exactly `count` arguments that keep the rules for values, whatever
-// their method wants.
+// Returns true if `items` are exactly `count` arguments that obey the rules for values, whatever
+// their method expects.
 bool areWellFormedArguments(std::span<const std::byte> items, std::uint64_t count);
 
 // Counts the arguments or results of a message that travel as sealed memory files, up to the first

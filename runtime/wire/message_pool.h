@@ -9,10 +9,10 @@
 
 namespace keel::xpc {
 
-// Messages to build in, kept with their memory: a busy daemon allocates none. On one thread.
+// Recycles messages with their memory, so that a busy daemon allocates none. On one thread.
 class MessagePool {
  public:
-  // A message of the pool, empty at first, that goes back when this is destroyed.
+  // An empty message of the pool, returned on destruction.
   class Borrowed {
    public:
     Borrowed(MessagePool& pool, std::unique_ptr<OutgoingMessage> message)
@@ -43,7 +43,7 @@ class MessagePool {
 
   void giveBack(std::unique_ptr<OutgoingMessage> message) {
     if (idle_.size() == kIdleMessages || message->capacityBytes() > kLargestKeptBytes) return;
-    // Values that it refers to must not live on in the pool.
+    // The pool must not keep values alive.
     message->clear();
     idle_.push_back(std::move(message));
   }

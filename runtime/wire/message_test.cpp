@@ -17,7 +17,7 @@ std::span<const std::byte> content(const OutgoingMessage& message) {
   return std::span(message.bytes()).subspan(kLengthBytes);
 }
 
-TEST(OutgoingMessage, SeveralFramesTravelTogether) {
+TEST(OutgoingMessage, HoldsSeveralFrames) {
   OutgoingMessage message;
   message.begin().unsignedInteger(1);
   EXPECT_TRUE(message.finish());
@@ -32,14 +32,14 @@ TEST(OutgoingMessage, SeveralFramesTravelTogether) {
   const std::span<const std::byte> bytes = message.bytes();
   EXPECT_TRUE(std::ranges::equal(bytes, std::as_bytes(std::span(expected))));
   EXPECT_EQ(message.wireBytes(), expected.size());
-  // Anew.
+  // begin() starts over.
   message.begin().unsignedInteger(7);
   EXPECT_TRUE(message.finish());
   EXPECT_EQ(message.wireBytes(), 5u);
   EXPECT_EQ(message.bytes()[0], std::byte{1});
 }
 
-TEST(Envelope, RequestShowsItsIdAndOthersTheirKind) {
+TEST(PeekEnvelope, ReturnsTheKindAndTheIdOfARequest) {
   OutgoingMessage failure;
   writeFailure(failure, 5, FailureCode::tooLarge, "x");
   ASSERT_TRUE(peekEnvelope(content(failure)));
@@ -56,32 +56,32 @@ TEST(Envelope, RequestShowsItsIdAndOthersTheirKind) {
   EXPECT_FALSE(peekEnvelope({}));
 }
 
-// The bytes of a message: its kind, one or two numbers, and what its arguments are.
+// Returns these numbers as bytes.
 std::vector<std::byte> bytesOf(std::initializer_list<int> numbers) {
   std::vector<std::byte> bytes;
   for (const int number : numbers) bytes.push_back(static_cast<std::byte>(number));
   return bytes;
 }
 
-TEST(SealedArguments, AreCountedUpToTheFirstThatCannotBeRead) {
+TEST(CountSealedArguments, StopsAtTheFirstUnreadableArgument) {
   // A request, a one-way message and a reply.
   EXPECT_EQ(countSealedArguments(bytesOf({0x84, 1, 5, 3, 0x82, 0xd9, 0xca, 0x1e, 9, 0xa0})), 1u);
   EXPECT_EQ(
       countSealedArguments(bytesOf({0x83, 2, 3, 0x82, 0xd9, 0xca, 0x1e, 9, 0xd9, 0xca, 0x1e, 9})),
       2u);
   EXPECT_EQ(countSealedArguments(bytesOf({0x83, 3, 5, 0x82, 0x80, 0xd9, 0xca, 0x1e, 9})), 1u);
-  // Behind what breaks a rule, and within a value.
+  // Behind a violation, and within a value.
   EXPECT_EQ(countSealedArguments(
                 bytesOf({0x83, 2, 3, 0x83, 0xd9, 0xca, 0x1e, 9, 0xff, 0xd9, 0xca, 0x1e, 9})),
             1u);
   EXPECT_EQ(countSealedArguments(bytesOf({0x83, 2, 3, 0x81, 0x81, 0xd9, 0xca, 0x1e, 9})), 0u);
-  // No message, and those without arguments.
+  // Not a message, and kinds without arguments.
   EXPECT_EQ(countSealedArguments({}), 0u);
   EXPECT_EQ(countSealedArguments(bytesOf({0x84, 0, 1, 0x81, 0xd9, 0xca, 0x1e, 9, 0xa0})), 0u);
   EXPECT_EQ(countSealedArguments(bytesOf({0x84, 1, 5, 0x20, 0x81, 0xd9, 0xca, 0x1e, 9})), 0u);
 }
 
-TEST(Arguments, AreWellFormedAsALotOrNotAtAll) {
+TEST(AreWellFormedArguments, RequiresExactlyThatManyValidArguments) {
   EXPECT_TRUE(areWellFormedArguments({}, 0));
   EXPECT_TRUE(areWellFormedArguments(bytesOf({0xa0, 0xd9, 0xca, 0x1e, 9, 0x60}), 3));
   EXPECT_FALSE(areWellFormedArguments(bytesOf({0xa0, 0x60}), 1));
@@ -90,7 +90,7 @@ TEST(Arguments, AreWellFormedAsALotOrNotAtAll) {
   EXPECT_FALSE(areWellFormedArguments(bytesOf({0xd9, 0xca, 0x1e, 0x60}), 1));
 }
 
-TEST(Arguments, OfTheLargestDepthAreWellFormedAndOneMoreIsNot) {
+TEST(AreWellFormedArguments, AcceptsTheLargestDepthAndNoMore) {
   const auto nested = [](std::size_t depth, int outermost) {
     auto bytes = outermost == 0xa1 ? bytesOf({0xa1, 0x60}) : bytesOf({outermost});
     bytes.resize(bytes.size() + depth - 2, std::byte{0x81});
@@ -104,7 +104,7 @@ TEST(Arguments, OfTheLargestDepthAreWellFormedAndOneMoreIsNot) {
       areWellFormedArguments(nested(limits::kDepth + limits::kArrayWrapping + 1, 0x81), 1));
 }
 
-TEST(Message, FramesWithLargeValuesHaveTheirOwnLengths) {
+TEST(OutgoingMessage, LengthsIncludeSplicedValues) {
   const BufferRef large =
       Buffer::make(5000, [](std::byte* bytes) { std::fill_n(bytes, 5000, std::byte{0x61}); });
   OutgoingMessage message;
@@ -124,7 +124,7 @@ TEST(Message, FramesWithLargeValuesHaveTheirOwnLengths) {
   }
 }
 
-TEST(Message, SharingMovesLargeMessagesIntoABuffer) {
+TEST(OutgoingMessage, ShareMovesLargeMessagesIntoABuffer) {
   for (const std::size_t size :
        {limits::kSharedMessageBytes - kLengthBytes - 4, limits::kSharedMessageBytes}) {
     OutgoingMessage message;

@@ -19,15 +19,14 @@
 //   GreeterMethods methodTableOf(const Greeter*);
 //
 // Dispatch on the serving side (interface.h) and calls on the other (remote_proxy.h) derive from
-// it. The table is checked when it is compiled: one ':' per parameter, unique selectors, and
-// members of one class.
+// it. The compiler checks the table: one ':' per parameter, unique selectors, members of one class.
 
 namespace keel::xpc {
 
 template <class... Results>
 class Reply;
 
-// A selector as a template argument.
+// A selector usable as a template argument.
 template <std::size_t N>
 struct SelectorText {
   char text[N];
@@ -46,12 +45,12 @@ struct MemberTraits<void (Class::*)(Parameters...)> {
   static constexpr std::size_t kParameterCount = sizeof...(Parameters);
 };
 
-// Members as types: pointers to virtual functions have no portable comparison.
+// Turns members into types: pointers to virtual functions have no portable comparison.
 template <auto Member>
 struct MemberTag {};
 
-// Splits a parameter list into what travels with the request and the reply block behind it, if
-// there is one.
+// Splits a parameter list into what travels with the request and the reply block at its end, if
+// any.
 template <class Tuple>
 struct SplitParameters;
 template <>
@@ -72,16 +71,20 @@ struct SplitParameters<std::tuple<Reply<Results...>>> {
   using ReplyBlock = Reply<Results...>;
 };
 
-// How much a request asks for.
+// The cost of a request, which decides how it is scheduled.
 enum class Weight : std::uint8_t {
   usual,
-  brief,  // what it brings is named and done with: names may be shared with those of earlier
-          // messages
-  heavy,  // its work grows with all that the service holds: a user has one at a time, over all
-          // connections
-  slow,  // may wait for seconds: where requests have queues of their own, it does so where it holds
-         // up no others
-  lasting,  // leaves something behind on the asker's account: refused while that one holds too much
+  // Keeps none of its arguments, so names may come from the name cache.
+  brief,
+  // Its work grows with everything the service holds: served one at a time per user, over all
+  // connections.
+  heavy,
+  // May block for seconds: where requests have queues of their own, it runs on another executor,
+  // where it holds up nobody else.
+  slow,
+  // Leaves something behind that is charged to the caller's user: refused while that user is over
+  // quota.
+  lasting,
 };
 
 template <SelectorText Text, auto Member, Weight Work = Weight::usual>
@@ -118,20 +121,20 @@ struct MethodTable {
     (visit.template operator()<Rest>(), ...);
   }
 
-  // The place of a member in the table.
+  // Returns the index of a member in the table.
   template <auto Member>
-  static consteval std::size_t placeOf() {
-    std::size_t place = kCount;
+  static consteval std::size_t indexOf() {
+    std::size_t found = kCount;
     std::size_t index = 0;
     forEach([&]<class Candidate>() {
-      if constexpr (std::is_same_v<MemberTag<Candidate::kMember>, MemberTag<Member>>) place = index;
+      if constexpr (std::is_same_v<MemberTag<Candidate::kMember>, MemberTag<Member>>) found = index;
       ++index;
     });
-    return place;
+    return found;
   }
 
   template <auto Member>
-  using MethodOf = std::tuple_element_t<placeOf<Member>(), std::tuple<First, Rest...>>;
+  using MethodOf = std::tuple_element_t<indexOf<Member>(), std::tuple<First, Rest...>>;
 
  private:
   static consteval bool selectorsAreUnique() {

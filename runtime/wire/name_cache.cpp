@@ -11,8 +11,8 @@ namespace keel::xpc {
 
 namespace {
 
-// The first bytes and the last. Loads of fixed sizes, which may overlap: one of any size would wait
-// for its own parts.
+// Loads the first and the last bytes. Loads of fixed sizes, which may overlap: a copy of variable
+// size would miss store forwarding.
 template <class Number>
 std::pair<std::uint64_t, std::uint64_t> endsAs(std::string_view text) {
   Number begin;
@@ -29,8 +29,8 @@ std::pair<std::uint64_t, std::uint64_t> ends(std::string_view text) {
   return text.empty() ? std::pair<std::uint64_t, std::uint64_t>() : endsAs<std::uint8_t>(text);
 }
 
-// Names that share a place only cost each other what they cost without it.
-std::size_t placeOf(std::string_view text) {
+// A collision only costs a cache miss.
+std::size_t slotOf(std::string_view text) {
   const auto [begin, end] = ends(text);
   const std::uint64_t mixed =
       (begin ^ (end << 7 | end >> 57) ^ text.size()) * 0x9e37'79b9'7f4a'7c15;
@@ -41,7 +41,7 @@ std::size_t placeOf(std::string_view text) {
 
 String NameCache::nameOf(std::string_view text) {
   KEEL_CHECK(text.size() <= kLongestBytes);
-  String& name = names_[placeOf(text)];
+  String& name = names_[slotOf(text)];
   if (name.isNull() || name.view() != text) name = String(text);
   return name;
 }

@@ -8,9 +8,9 @@
 
 namespace keel::xpc {
 
-// The names received most recently. A publisher sends its name with every update; a cached name
-// needs neither a copy of its text nor a new hash. Few and short, and charged to the process. Lives
-// on one thread.
+// The names received most recently. A publisher sends its name with every update; a cache hit needs
+// neither a copy of the text nor a new hash. Few and short, and charged to the process. Lives on
+// one thread.
 class NameCache {
  public:
   static constexpr std::size_t kNames = 64;

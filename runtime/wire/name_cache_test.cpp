@@ -8,7 +8,7 @@
 namespace keel::xpc {
 namespace {
 
-TEST(NameCache, TheSameTextIsTheSameBuffer) {
+TEST(NameCache, EqualTextsShareOneBuffer) {
   NameCache names;
   const String first = names.nameOf("a.name.of.some.length");
   const String again = names.nameOf("a.name.of.some.length");
@@ -16,11 +16,11 @@ TEST(NameCache, TheSameTextIsTheSameBuffer) {
   EXPECT_EQ(first.view().data(), again.view().data());
 }
 
-TEST(NameCache, EveryTextComesBackAsItIs) {
+TEST(NameCache, ReturnsEveryTextUnchanged) {
   NameCache names;
   for (int round = 0; round < 2; ++round) {
     for (int i = 0; i < 500; ++i) {
-      // Many that share a place, and some that differ in the middle alone.
+      // Many that collide, and some that differ in the middle alone.
       const std::string text = "beginning " + std::to_string(i) + " and its end";
       EXPECT_EQ(names.nameOf(text).view(), text);
     }
@@ -32,7 +32,7 @@ TEST(NameCache, EveryTextComesBackAsItIs) {
             NameCache::kLongestBytes);
 }
 
-TEST(NameCache, ShortTextsOfEveryLength) {
+TEST(NameCache, ReturnsShortTextsOfEveryLength) {
   NameCache names;
   std::string text;
   for (int round = 0; round < 2; ++round) {
@@ -42,7 +42,7 @@ TEST(NameCache, ShortTextsOfEveryLength) {
   }
 }
 
-TEST(NameCacheDeathTest, LongerTextIsAMistake) {
+TEST(NameCacheDeathTest, ATextOverTheLimitAborts) {
   NameCache names;
   EXPECT_DEATH(names.nameOf(std::string(NameCache::kLongestBytes + 1, 'x')), "");
 }

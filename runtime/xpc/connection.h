@@ -127,7 +127,7 @@ class Connection final : public std::enable_shared_from_this<Connection>,
   std::expected<std::int64_t, Error> indexOf() const {
     using Protocol = typename MemberTraits<decltype(Member)>::Protocol;
     return indexAt(Interface::interfaceWithProtocol<Protocol>(),
-                   MethodsOf<Protocol>::template placeOf<Member>());
+                   MethodsOf<Protocol>::template indexOf<Member>());
   }
   bool takesDescriptors() const { return peerTakesDescriptors_ && transport_->maySendFiles(); }
   bool isConfidential() const { return confidential_; }

@@ -29,7 +29,7 @@ static_assert(std::is_same_v<Tell::Sent, std::tuple<String, std::int64_t>>);
 static_assert(std::is_same_v<Ask::Sent, std::tuple<String>>);
 static_assert(std::is_same_v<Probe::Sent, std::tuple<>>);
 static_assert(std::is_same_v<Ask::ReplyBlock, Reply<String, Error>>);
-static_assert(SampleMethods::placeOf<&Sample::probe>() == 2);
+static_assert(SampleMethods::indexOf<&Sample::probe>() == 2);
 
 TEST(MethodTable, InterfaceListsSelectorsInOrder) {
   const Interface& interface = Interface::interfaceWithProtocol<Sample>();

@@ -91,8 +91,8 @@ void RequestServer::dispatch(std::uint64_t method, cbor::Cursor& cursor,
   ArgumentReader reader(cursor.rest(), files, connection_.options().receiveLimitBytes, quota);
   reader.setConfidential(connection_.isConfidential());
   if (weight == Weight::brief && !connection_.hasQueue())
-    reader.takeNamesFrom(connection_.context().names());
-  if (weight == Weight::lasting && !reader.mayHoldMore()) return refuseOverQuota(id);
+    reader.setNameCache(connection_.context().names());
+  if (weight == Weight::lasting && !reader.isWithinQuota()) return refuseOverQuota(id);
   if (call.route && ledger_.takeRequest()) {
     onIoThread([this, alive = connection_.shared_from_this()] { decideOnReading(); });
   }
