@@ -5,7 +5,7 @@
 #include <span>
 #include <vector>
 
-#include "runtime/wire/wire.h"
+#include "runtime/wire/message.h"
 
 namespace keel::xpc {
 
