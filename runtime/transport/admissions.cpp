@@ -17,7 +17,7 @@ std::size_t connectionLimitOfProcess() {
   ::getrlimit(RLIMIT_NOFILE, &limit);
   const std::size_t descriptors =
       std::min<std::size_t>(limit.rlim_cur, limits::kConnections + limits::kReservedDescriptors);
-  // With very few descriptors the reserve shrinks: some clients are better than none.
+  // With very few descriptors the reserve shrinks: a few clients are better than none.
   return descriptors > 2 * limits::kReservedDescriptors ? descriptors - limits::kReservedDescriptors
                                                         : descriptors / 2;
 }
@@ -25,7 +25,7 @@ std::size_t connectionLimitOfProcess() {
 std::size_t memoryLimitOfUsers() {
   const long pages = ::sysconf(_SC_PHYS_PAGES);
   const long pageBytes = ::sysconf(_SC_PAGESIZE);
-  // A system that does not say what it has is taken for a small one.
+  // A system that does not reveal its memory is assumed to be small.
   if (pages <= 0 || pageBytes <= 0) return 2 * limits::kMemoryOfOneUserBytes;
   return static_cast<std::size_t>(static_cast<double>(pages) * static_cast<double>(pageBytes) *
                                   limits::kMemoryShareOfUsers);
@@ -73,7 +73,7 @@ Admissions::Refusal Admissions::admit(uid_t uid, std::shared_ptr<void>& admissio
 
 const MemoryQuota& memoryQuotaOfUser(uid_t uid) {
   static std::mutex& mutex = *new std::mutex;
-  // Elements stay where they are.
+  // Elements have stable addresses.
   static auto& quotasByUser = *new std::unordered_map<uid_t, MemoryQuota>;
   const std::lock_guard lock(mutex);
   static MemoryAccount& allUsers = *new MemoryAccount;

@@ -14,7 +14,7 @@ using Refusal = Admissions::Refusal;
 
 class AdmissionsTest : public ::testing::Test {
  protected:
-  // As many as are let in.
+  // Returns how many are admitted.
   std::size_t fill(uid_t uid) {
     std::size_t count = 0;
     for (std::shared_ptr<void> admission; admissions->admit(uid, admission) == Refusal::none;
@@ -31,18 +31,18 @@ class AdmissionsTest : public ::testing::Test {
   }
 
   std::shared_ptr<Admissions> admissions =
-      std::make_shared<Admissions>(80);  // of which 70 are for users
+      std::make_shared<Admissions>(80);  // 70 of them for users
   std::vector<std::shared_ptr<void>> held;
 };
 
-TEST_F(AdmissionsTest, OneUserMayHoldAsManyAsAreStillFree) {
+TEST_F(AdmissionsTest, AUserIsGrantedAsManyAsAreStillFree) {
   EXPECT_EQ(fill(501), 35u);
   EXPECT_EQ(admit(501), Refusal::tooManyOfUser);
   EXPECT_EQ(fill(502), 18u);
   EXPECT_EQ(fill(503), 9u);
 }
 
-TEST_F(AdmissionsTest, TheLastPlacesAreForRoot) {
+TEST_F(AdmissionsTest, TheLastOnesAreReservedForRoot) {
   for (uid_t uid = 1000; admit(uid) == Refusal::none; ++uid) {
   }
   EXPECT_EQ(held.size(), 70u);
@@ -52,7 +52,7 @@ TEST_F(AdmissionsTest, TheLastPlacesAreForRoot) {
   EXPECT_EQ(admit(0), Refusal::full);
 }
 
-TEST_F(AdmissionsTest, RootMayHoldThemAll) {
+TEST_F(AdmissionsTest, RootMayHoldAll) {
   EXPECT_EQ(fill(0), 80u);
 }
 
@@ -66,7 +66,7 @@ TEST_F(AdmissionsTest, AShortageIsOverWhenOneTenthIsFree) {
   EXPECT_EQ(admit(501), Refusal::tooManyOfUsers);
 }
 
-TEST(MemoryQuota, OneMayHoldAsMuchAsIsStillFreeOfWhatAllMay) {
+TEST(MemoryQuota, AUserIsGrantedAtMostWhatIsStillFree) {
   MemoryAccount all;
   MemoryAccount alice(all);
   MemoryAccount bob(all);
@@ -82,7 +82,7 @@ TEST(MemoryQuota, OneMayHoldAsMuchAsIsStillFreeOfWhatAllMay) {
   EXPECT_EQ(quota.grantedBytes(), 50'000u);
 }
 
-TEST(MemoryQuota, OfRootHasNoLimit) {
+TEST(MemoryQuota, RootHasNoLimit) {
   EXPECT_EQ(memoryQuotaOfUser(0).grantedBytes(), std::numeric_limits<std::size_t>::max());
   EXPECT_EQ(memoryQuotaOfUser(0).grantedNameBytes(), std::numeric_limits<std::size_t>::max());
   EXPECT_LE(memoryQuotaOfUser(501).grantedBytes(), limits::kMemoryOfOneUserBytes);

@@ -14,8 +14,8 @@ namespace keel::xpc {
 
 namespace {
 
-// A few threads for each user, so that one descriptor that waits does not hold up the others at
-// once, and for no user so many that those of others have to wait.
+// A few threads per user, so that one blocking descriptor does not hold up the next; not so many
+// that those of other users have to wait.
 constexpr std::size_t kClosingThreads = 64;
 constexpr std::size_t kClosingThreadsPerUser = 4;
 
@@ -37,11 +37,11 @@ std::error_code startClosing() {
 
 void closeInBackground(FileDescriptor descriptor, std::shared_ptr<void> admission,
                        const void* owner) {
-  // What waits in a network socket that lingers is worth nothing to us. Other kinds of descriptors
-  // do not understand this.
+  // Unsent data of a lingering network socket is worthless here. Other kinds of descriptors ignore
+  // this.
   const linger atOnce{.l_onoff = 1, .l_linger = 0};
   ::setsockopt(descriptor.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
-  // A queue for each: they need not wait for each other.
+  // A queue per descriptor: they need not wait for each other.
   Executor& lane = closingThreads().laneOf(reinterpret_cast<std::uintptr_t>(owner));
   SerialQueue::create("KeelClosing", lane)
       ->async([closing = std::move(descriptor), held = std::move(admission)]() mutable {

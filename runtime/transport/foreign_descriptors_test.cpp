@@ -18,7 +18,7 @@
 namespace keel::xpc {
 namespace {
 
-// Both ends of a connection over the loopback device.
+// Returns both ends of a connection over the loopback device.
 std::pair<FileDescriptor, FileDescriptor> networkSockets() {
   const FileDescriptor listening(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{};
@@ -34,13 +34,13 @@ std::pair<FileDescriptor, FileDescriptor> networkSockets() {
   return {std::move(one), std::move(other)};
 }
 
-// Whether the other end is closed. The limit only guards against hanging.
-bool endComes(int descriptor) {
+// Returns true once the other end is closed. The timeout only guards against hanging.
+bool isClosed(int descriptor) {
   pollfd readable{descriptor, POLLIN, 0};
   return ::poll(&readable, 1, 30'000) == 1;
 }
 
-TEST(ForeignDescriptors, OnlyMemoryFilesAreMemoryFiles) {
+TEST(ForeignDescriptors, OnlyMemoryFilesAreRecognised) {
   EXPECT_TRUE(
       isMemoryFile(FileDescriptor(::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING))));
   int both[2];
@@ -49,18 +49,17 @@ TEST(ForeignDescriptors, OnlyMemoryFilesAreMemoryFiles) {
   EXPECT_FALSE(isMemoryFile(FileDescriptor(both[1])));
 }
 
-TEST(ForeignDescriptors, AreClosedAndTheirAdmissionIsHeldUntilThen) {
+TEST(ForeignDescriptors, AreClosedInTheBackground) {
   int both[2];
   ASSERT_EQ(::pipe(both), 0);
   const FileDescriptor reading(both[0]);
   auto admission = std::make_shared<int>(0);
   closeInBackground(FileDescriptor(both[1]), std::move(admission), nullptr);
-  EXPECT_TRUE(endComes(reading.get()));
+  EXPECT_TRUE(isClosed(reading.get()));
 }
 
-// Sockets that would wait for a peer that never reads, more of them than there are threads: none
-// keeps another waiting.
-TEST(ForeignDescriptors, SocketsThatLingerKeepNobodyWaiting) {
+// More sockets that would linger for a peer that never reads than there are threads.
+TEST(ForeignDescriptors, LingeringSocketsDoNotBlockOthers) {
   const int owner = 0;
   std::vector<FileDescriptor> others;
   for (int i = 0; i < 8; ++i) {
@@ -77,7 +76,7 @@ TEST(ForeignDescriptors, SocketsThatLingerKeepNobodyWaiting) {
   ASSERT_EQ(::pipe(both), 0);
   const FileDescriptor reading(both[0]);
   closeInBackground(FileDescriptor(both[1]), nullptr, &owner);
-  EXPECT_TRUE(endComes(reading.get()));
+  EXPECT_TRUE(isClosed(reading.get()));
 }
 
 }  // namespace

@@ -15,8 +15,8 @@
 
 namespace keel::xpc {
 
-// The way into a stream: one recvmsg(2) at a time into the buffer of the context, where the frames
-// are found and handed out as they lie. Only a frame that came in part is copied, so an idle stream
+// The receiving half of a stream: one recvmsg(2) at a time into the buffer of the context, where
+// frames are found and handed out in place. Only an incomplete frame is copied, so an idle stream
 // owns no buffer. Lives on the reactor's thread.
 //
 //   const auto outcome = reader.read(socket);
@@ -27,15 +27,15 @@ class FrameReader {
   struct Outcome {
     enum class Kind : std::uint8_t {
       bytes,
-      nothing,  // the socket has nothing for now
-      end,      // the peer closed it in good order
-      failed,   // with errno `problem`
-      offence,  // the peer sent descriptors that it may not; `offence` is what it is told
+      nothing,    // the socket is empty
+      end,        // the peer closed it cleanly
+      failed,     // with errno `problem`
+      violation,  // the peer sent descriptors that it may not send; `violation` is its goodbye
     };
     Kind kind = Kind::bytes;
     int problem = 0;
-    std::string_view offence{};
-    std::vector<FileDescriptor> foreign{};  // to be closed where that may take long
+    std::string_view violation{};
+    std::vector<FileDescriptor> foreign{};  // to be closed in the background
   };
 
   // Frames over `frameLimitBytes` are skipped.
@@ -44,25 +44,25 @@ class FrameReader {
   FrameReader& operator=(const FrameReader&) = delete;
 
   void setFrameLimit(std::size_t limitBytes) { splitter_.setLimit(limitBytes); }
-  // What is read is wiped when it is dropped.
+  // Has everything read wiped when it is dropped.
   void setConfidential();
 
   Outcome read(int socket);
-  // Takes up what was kept, without reading.
+  // Resumes with the kept bytes, without reading.
   void resume();
-  // Keeps what is left of the last read; the buffer may be used by others from here on. Idempotent.
+  // Keeps the rest of the last read; from here on others may use the buffer. Idempotent.
   void endRead();
 
   FrameSplitter::Found next() { return splitter_.next(); }
   std::span<const std::byte> frame() const { return splitter_.frame(); }
   std::size_t frameSizeBytes() const { return splitter_.frameSizeBytes(); }
-  // Received memory files that no message has claimed, in the order in which they came.
+  // Returns the received memory files that no message has claimed, in order of arrival.
   std::vector<FileDescriptor>& files() { return files_; }
 
   std::size_t keptBytes() const { return splitter_.keptBytes(); }
-  // In the middle of a frame, kept or skipped.
+  // Returns true inside a frame, kept or skipped.
   bool isInFrame() const { return splitter_.inFrame(); }
-  // The socket was read to its end, so nothing can lie in it.
+  // Returns true once the socket was read to its end, so nothing unread can be in it.
   bool hasReachedEnd() const { return reachedEnd_; }
 
  private:
@@ -71,7 +71,7 @@ class FrameReader {
   TransportContext& context_;
   FrameSplitter splitter_;
   std::vector<FileDescriptor> files_;
-  std::span<std::byte> filled_;  // of the context's buffer, until endRead()
+  std::span<std::byte> filled_;  // part of the context's buffer, until endRead()
   bool inRead_ = false;
   bool confidential_ = false;
   bool reachedEnd_ = false;

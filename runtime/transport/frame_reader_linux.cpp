@@ -21,7 +21,7 @@ void FrameReader::setConfidential() {
 }
 
 FrameReader::Outcome FrameReader::read(int socket) {
-  // The beginning of a frame goes in front of its rest; a long one stays where it is.
+  // The kept beginning of a frame goes in front of its rest; a long one stays where it is.
   const std::span<std::byte> buffer = context_.readBuffer();
   const std::size_t kept =
       splitter_.keptBytes() <= TransportContext::kHeadroomBytes ? splitter_.take(buffer) : 0;
@@ -74,9 +74,9 @@ void FrameReader::takeFiles(msghdr& header, Outcome& outcome) {
       }
     }
   }
-  if (!outcome.foreign.empty()) outcome.offence = "a descriptor that is no memory file";
-  if (count > limits::kDescriptorsPerMessage) outcome.offence = "too many descriptors at once";
-  if (!outcome.offence.empty()) outcome.kind = Outcome::Kind::offence;
+  if (!outcome.foreign.empty()) outcome.violation = "a descriptor that is not a memory file";
+  if (count > limits::kDescriptorsPerMessage) outcome.violation = "too many descriptors at once";
+  if (!outcome.violation.empty()) outcome.kind = Outcome::Kind::violation;
 }
 
 void FrameReader::resume() {

@@ -50,13 +50,13 @@ FrameSplitter::Found FrameSplitter::next() {
 
 void FrameSplitter::keepRest() {
   if (rest_.empty()) {
-    // Gives the memory of a large frame back; an idle connection holds none.
+    // Releases the memory of a large frame; an idle connection holds none.
     dropKept();
   } else if (kept_.empty() || rest_.data() < kept_.data() ||
              rest_.data() >= kept_.data() + kept_.size()) {
     kept_.assign(rest_.begin(), rest_.end());
   } else if (rest_.size() < kept_.size()) {
-    // Only then: a large frame must not be moved for every piece of it that comes.
+    // Only then: a large frame must not be moved for every piece of it that arrives.
     const auto end = std::copy(rest_.begin(), rest_.end(), kept_.begin());
     if (confidential_) wipe({end, kept_.end()});
     kept_.erase(end, kept_.end());

@@ -8,20 +8,19 @@
 
 namespace keel::xpc {
 
-// Splits the bytes of a stream into frames, where they lie: only a frame that came in part is kept,
-// and only then is memory held.
+// Splits the bytes of a stream into frames, in place: only an incomplete frame is kept, and memory
+// is held only for it.
 //
 //   splitter.give(bytes);
 //   while (splitter.next() == FrameSplitter::Found::frame) use(splitter.frame());
-//   splitter.keepRest();   // `bytes` may go
+//   splitter.keepRest();   // `bytes` are no longer used
 class FrameSplitter {
  public:
   enum class Found : std::uint8_t {
-    nothing,    // the next frame has not come whole
+    nothing,    // the next frame is incomplete
     frame,      // frame() holds it
-    oversized,  // a frame over the limit begins; frameSizeBytes() and frame() (see setLimit) tell.
-                // It is skipped.
-    garbage,    // a length beyond everything: the stream makes no sense
+    oversized,  // a frame over the limit begins and is skipped; see frameSizeBytes() and setLimit()
+    garbage,    // a length beyond all limits: the stream is corrupt
   };
 
   // Frames longer than `limitBytes` are oversized, longer than `garbageBytes` garbage.
@@ -32,35 +31,37 @@ class FrameSplitter {
   FrameSplitter(const FrameSplitter&) = delete;
   FrameSplitter& operator=(const FrameSplitter&) = delete;
 
-  // From here on an oversized frame is found once its first bytes are there, which frame() holds.
-  // Until then its length is enough, and frame() is empty: such a frame is not answered.
+  // Sets the limit. From here on an oversized frame is reported once its first bytes are there,
+  // which frame() holds. Until then its length suffices and frame() is empty: such a frame is not
+  // answered.
   void setLimit(std::size_t limitBytes) {
     limitBytes_ = limitBytes;
     beginningBytes_ = kBeginningBytes;
   }
-  // What is kept is wiped when it is dropped.
+  // Has kept bytes wiped when they are dropped.
   void setConfidential() { confidential_ = true; }
 
-  // Adds bytes behind those kept. They are borrowed until keepRest().
+  // Adds bytes after those kept. Borrowed until keepRest().
   void give(std::span<const std::byte> bytes);
   Found next();
-  // The frame found last, without its length. Valid until the next call of anything else here.
+  // Returns the last frame found, without its length. Valid until the next call of anything else
+  // here.
   std::span<const std::byte> frame() const { return frame_; }
   std::size_t frameSizeBytes() const { return frameSizeBytes_; }
   void keepRest();
 
-  // What is kept of a frame that came in part. take() hands it out, to be given again in front of
-  // what comes next.
+  // The kept part of an incomplete frame. take() moves it out, to be given again in front of the
+  // next bytes.
   std::size_t keptBytes() const { return kept_.size(); }
   std::size_t take(std::span<std::byte> destination);
-  // In the middle of a frame, kept or skipped.
+  // Returns true inside a frame, kept or skipped.
   bool inFrame() const { return !kept_.empty() || skipBytes_ > 0; }
 
  private:
-  // How much of an oversized frame is looked at: enough for its kind and its request id.
+  // How much of an oversized frame is inspected: enough for its kind and its request id.
   static constexpr std::size_t kBeginningBytes = 16;
 
-  // Makes room, without leaving a copy of what is kept behind.
+  // Makes room without leaving a copy of the kept bytes behind.
   void growKept(std::size_t moreBytes);
   void dropKept() noexcept;
 

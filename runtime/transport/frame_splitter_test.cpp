@@ -34,7 +34,7 @@ Bytes operator+(Bytes left, const Bytes& right) {
   return left;
 }
 
-TEST(FrameSplitter, FindsFramesThatCameTogether) {
+TEST(FrameSplitter, FindsSeveralFrames) {
   FrameSplitter splitter(100, 1000);
   const Bytes bytes = frameOf("one") + frameOf("") + frameOf("three");
   splitter.give(bytes);
@@ -49,7 +49,7 @@ TEST(FrameSplitter, FindsFramesThatCameTogether) {
   EXPECT_FALSE(splitter.inFrame());
 }
 
-TEST(FrameSplitter, LimitItselfIsTakenAndOneMoreIsOversized) {
+TEST(FrameSplitter, AFrameOfTheLimitIsFoundAndOneByteMoreIsOversized) {
   FrameSplitter splitter(10, 1000);
   splitter.setLimit(20);
   const Bytes bytes =
@@ -63,7 +63,7 @@ TEST(FrameSplitter, LimitItselfIsTakenAndOneMoreIsOversized) {
   EXPECT_EQ(text(splitter.frame()), "next");
 }
 
-TEST(FrameSplitter, OversizedFrameIsFoundByItsLengthUntilALimitIsSet) {
+TEST(FrameSplitter, AnOversizedFrameIsReportedByItsLengthUntilALimitIsSet) {
   FrameSplitter splitter(20, 1000);
   const Bytes bytes = lengthField(21);
   splitter.give(bytes);
@@ -77,7 +77,7 @@ TEST(FrameSplitter, OversizedFrameIsFoundByItsLengthUntilALimitIsSet) {
   EXPECT_EQ(other.next(), Found::nothing);
 }
 
-TEST(FrameSplitter, LengthAtTheGarbageBoundIsOversizedAndOneMoreIsGarbage) {
+TEST(FrameSplitter, ALengthOfTheGarbageLimitIsOversizedAndOneMoreIsGarbage) {
   FrameSplitter splitter(20, 1000);
   const Bytes first = lengthField(1000) + Bytes(16);
   splitter.give(first);
@@ -88,7 +88,7 @@ TEST(FrameSplitter, LengthAtTheGarbageBoundIsOversizedAndOneMoreIsGarbage) {
   EXPECT_EQ(other.next(), Found::garbage);
 }
 
-TEST(FrameSplitter, SkippedFrameHoldsNoMemory) {
+TEST(FrameSplitter, ASkippedFrameTakesNoMemory) {
   FrameSplitter splitter(20, 100'000);
   Bytes bytes = lengthField(50'000) + Bytes(16);
   splitter.give(bytes);
@@ -103,7 +103,7 @@ TEST(FrameSplitter, SkippedFrameHoldsNoMemory) {
   EXPECT_EQ(text(splitter.frame()), "behind");
 }
 
-TEST(FrameSplitter, AnyCutOfTheStreamYieldsTheSameFrames) {
+TEST(FrameSplitter, AnySplitOfTheStreamYieldsTheSameFrames) {
   std::mt19937 random(4711);
   for (int round = 0; round < 200; ++round) {
     Bytes stream;
@@ -119,7 +119,7 @@ TEST(FrameSplitter, AnyCutOfTheStreamYieldsTheSameFrames) {
     std::size_t position = 0;
     while (position < stream.size()) {
       const std::size_t part = std::min<std::size_t>(1 + random() % 50, stream.size() - position);
-      // As a stream does it: what was kept is put back in front, now and then.
+      // As a stream does: now and then, kept bytes are put back in front.
       const std::size_t kept = random() % 2 == 0 ? splitter.take(buffer) : 0;
       std::memcpy(buffer.data() + kept, stream.data() + position, part);
       position += part;

@@ -11,17 +11,17 @@
 
 namespace keel::xpc {
 
-// Frames over a connected stream socket (unix(7)), with back-pressure both ways: a reader that is
-// too slow is dropped, and a peer that does not take what it is sent is not read.
+// Frames over a connected stream socket (unix(7)), with back-pressure both ways: a slow reader is
+// dropped, and a peer that does not take what it is sent is not read.
 class FrameStream final : public Transport, private Reactor::Watcher, private EndOfTurnHook {
  public:
-  // What a stream may cost, and who pays for it.
+  // The limits of a stream, and the quota that pays for it.
   struct Terms {
-    // Bounds the frames that are taken once the hello bound is lifted.
+    // Largest frame once the hello bound is lifted.
     std::size_t frameLimitBytes;
-    // Pays for frames that came in part; borrowed.
+    // Pays for incomplete frames; borrowed.
     const MemoryQuota* quota = &MemoryQuota::ofProcess();
-    // Held until the socket is closed: the connection's place among those that may be open.
+    // Held until the socket is closed: the connection counts as open until then.
     std::shared_ptr<void> admission{};
   };
 
@@ -43,12 +43,12 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
 
  private:
   // Once it is no longer open, a stream sends and takes nothing more, and ends with the turn.
-  enum class Life : std::uint8_t { open, writeFailed, tooSlow, hoardsFiles };
-  // Frames that were read and not handed over, because the peer's requests had to wait.
-  enum class HandOver : std::uint8_t {
+  enum class State : std::uint8_t { open, writeFailed, tooSlow, tooManyFiles };
+  // Frames that were read and not delivered, because the peer's requests were paused.
+  enum class Deferral : std::uint8_t {
     none,
-    pending,  // at the end of this turn
-    done,  // at the end of the last turn: they are served in this one, before anything else is read
+    pending,    // delivered at the end of this turn
+    delivered,  // at the end of the last turn: served in this one before anything else is read
   };
 
   void onReady(std::uint32_t events) override;
@@ -57,48 +57,47 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   // Each returns false when the stream has ended.
   bool readOnce();
   bool take(FrameReader::Outcome& outcome);
-  bool handFramesOver();
-  bool handFrames();
+  bool deliverFrames();
+  bool deliverCompleteFrames();
   bool flush();
 
-  void handOverAtEndOfTurn();
+  void deferFrames();
   void retryLater();
   void retry();
-  // Books the backlog, and drops the heaviest stream when all backlogs together are too large.
-  void bookBacklog();
-  void bookFiles();
-  // Charges what is kept of a frame that came in part. Returns false when the peer's user holds too
-  // much.
+  // Accounts for the backlog, and drops the largest one if all together are too large.
+  void updateBacklog();
+  void updateFileCount();
+  // Charges the kept part of an incomplete frame. Returns false when the peer's user is over quota.
   bool chargeKept();
-  void endWithTurn(Life how);
+  void endWithTurn(State how);
   void dropSlowReader();
 
-  // Ends it because of the peer or the socket, with a word to the peer unless `goodbye` is empty.
+  // Ends the stream because of the peer or the socket; sends `goodbye` unless it is empty.
   void fail(std::string_view reason, std::string_view goodbye);
   void failWith(int problem);
   void detach();
-  void sayGoodbye(std::string_view goodbye);
+  void sendGoodbyeAndClose(std::string_view goodbye);
   void watchAsNeeded();
   void stopWatching();
   bool wantsToRead() const { return !paused_ && !backlogFull_; }
   const MemoryAccount* user() const { return terms_.quota->account; }
 
-  // What every frame that is sent looks at stands together, in as few cache lines as possible.
+  // Members that every sent frame touches are together, in as few cache lines as possible.
   FileDescriptor socket_;
-  Life life_ = Life::open;
-  HandOver handOver_ = HandOver::none;
+  State state_ = State::open;
+  Deferral deferral_ = Deferral::none;
   bool paused_ = false;       // by the receiver
-  bool backlogFull_ = false;  // so much waits for the peer that its requests have to
+  bool backlogFull_ = false;  // the peer is not read until it takes its backlog
   int writeProblem_ = 0;      // errno
   TransportContext& context_;
   FrameWriter writer_;
-  std::size_t bookedOwnBytes_ = 0;
+  std::size_t accountedOwnBytes_ = 0;
   Receiver* receiver_ = nullptr;
   FrameReader reader_;
   Terms terms_;
-  std::size_t bookedFiles_ = 0;
+  std::size_t accountedFiles_ = 0;
   std::size_t chargedKeptBytes_ = 0;
-  Reactor::TimerId retryTimer_ = 0;  // 0: none is set
+  Reactor::TimerId retryTimer_ = 0;  // 0: none
   std::uint32_t watchedEvents_ = 0;  // 0: the socket is not watched
 };
 

@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// In: at most one recvmsg(2) per turn takes what the socket has, up to the reactor's fair share,
-// and its whole frames are handed to the receiver where they lie (FrameReader).
+// Receiving: at most one recvmsg(2) per turn takes what the socket has, up to the reactor's read
+// budget, and the complete frames are delivered in place (FrameReader).
 //
-// Out: send() appends to the output queue and asks for the end of the turn; then one sendmsg(2)
-// writes everything the turn produced for this peer (FrameWriter). What the socket does not take
-// stays, and the stream waits for EPOLLOUT.
+// Sending: send() appends to the output queue and registers an end-of-turn hook; then one
+// sendmsg(2) writes everything the turn produced for this peer (FrameWriter). What the socket does
+// not take stays queued, and the stream waits for EPOLLOUT.
 //
-// The end: nothing here calls the receiver from within a call that the receiver made. A stream that
-// has to end because of what was sent, or because all backlogs together are too large, is marked
-// (Life) and ends with the turn. From the mark on it neither reads nor writes: its queue stays as
-// it is until the goodbye goes through it.
+// Ending: the receiver is never called from within a call that it made. A stream that must end
+// because of what was sent, or because all backlogs together are too large, is marked (State) and
+// ends with the turn. Once marked it neither reads nor writes: its queue stays as it is until the
+// goodbye goes through it.
 #include "runtime/transport/frame_stream.h"
 
 #include <fmt/format.h>
@@ -53,52 +53,51 @@ void FrameStream::start(Receiver& receiver) {
 }
 
 void FrameStream::send(const OutgoingMessage& message, EndOfTurnHook::Urgency urgency) {
-  if (!socket_ || life_ != Life::open) return;
+  if (!socket_ || state_ != State::open) return;
   if (writer_.waitingBytes() > limits::kPauseReadingBytes) [[unlikely]] {
-    // So much in one turn: what the socket takes goes now, so that only what the peer does not read
-    // is held.
+    // A large amount in one turn: flushes now, so that only what the peer does not read is held.
     writeProblem_ = writer_.flush(socket_.get());
-    if (writeProblem_ != 0) return endWithTurn(Life::writeFailed);
+    if (writeProblem_ != 0) return endWithTurn(State::writeFailed);
     if (writer_.isStuck()) retryLater();
-    bookBacklog();
-    if (life_ != Life::open) return;
+    updateBacklog();
+    if (state_ != State::open) return;
     context_.reactor().atEndOfTurn(*this, urgency);
   }
   writer_.append(message);
   if (!writer_.isBlocked()) {
     context_.reactor().atEndOfTurn(*this, urgency);
-  } else if (writer_.ownBytes() != bookedOwnBytes_) {
-    bookBacklog();
+  } else if (writer_.ownBytes() != accountedOwnBytes_) {
+    updateBacklog();
   }
 }
 
-void FrameStream::bookBacklog() {
+void FrameStream::updateBacklog() {
   const std::size_t waiting = writer_.waitingBytes();
   backlogFull_ = waiting > limits::kPauseReadingBytes ||
                  (backlogFull_ && waiting > limits::kPauseReadingBytes / 2);
   const bool counts = writer_.isBlocked() || backlogFull_;
-  bookedOwnBytes_ = counts ? writer_.ownBytes() : 0;
-  context_.backlogs().note(this, user(), counts ? waiting : 0, bookedOwnBytes_);
+  accountedOwnBytes_ = counts ? writer_.ownBytes() : 0;
+  context_.backlogs().update(this, user(), counts ? waiting : 0, accountedOwnBytes_);
   if (!counts) return;
   if (waiting > limits::kWaitingBytes) return dropSlowReader();
-  // Superseded values are charged to the process (see Buffer::chargeTo). One stream goes at a time:
-  // what it holds is free only once it has ended.
+  // Superseded values are charged to the process (see Buffer::chargeTo). One stream is dropped at a
+  // time: its memory is free only once it has ended.
   if (context_.beingDropped() != nullptr) return;
-  if (context_.backlogs().ownTotal() + MemoryAccount::ofProcess().bytes() <=
+  if (context_.backlogs().exclusiveTotal() + MemoryAccount::ofProcess().bytes() <=
       limits::kTotalWaitingBytes)
     return;
-  context_.beingDropped() = context_.backlogs().heaviest();
+  context_.beingDropped() = context_.backlogs().largestHolder();
   context_.beingDropped()->dropSlowReader();
 }
 
 void FrameStream::dropSlowReader() {
-  // The next heaviest is another one.
-  context_.backlogs().note(this, user(), 0, 0);
-  endWithTurn(Life::tooSlow);
+  // Another stream is the largest from now on.
+  context_.backlogs().update(this, user(), 0, 0);
+  endWithTurn(State::tooSlow);
 }
 
-void FrameStream::endWithTurn(Life how) {
-  life_ = how;
+void FrameStream::endWithTurn(State how) {
+  state_ = how;
   context_.reactor().atEndOfTurn(*this, EndOfTurnHook::Urgency::normal);
 }
 
@@ -106,7 +105,7 @@ void FrameStream::setReading(bool reading) {
   if (reading != paused_) return;
   paused_ = !reading;
   if (!socket_) return;
-  if (reading && reader_.keptBytes() > 0) handOverAtEndOfTurn();
+  if (reading && reader_.keptBytes() > 0) deferFrames();
   watchAsNeeded();
 }
 
@@ -120,7 +119,7 @@ void FrameStream::setConfidential() {
 }
 
 void FrameStream::close(std::string_view goodbye) {
-  if (socket_) sayGoodbye(goodbye);
+  if (socket_) sendGoodbyeAndClose(goodbye);
 }
 
 void FrameStream::perform(Block block) {
@@ -137,17 +136,17 @@ bool FrameStream::onIoThread() const {
 }
 
 void FrameStream::onReady(std::uint32_t events) {
-  if (life_ != Life::open) return;
+  if (state_ != State::open) return;
   const std::shared_ptr<void> alive = receiver_->holdAlive();
   if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0 && writer_.isBlocked()) {
     writer_.unblock();
     if (!flush()) return;
   }
   const bool readable = (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0;
-  if (readable && wantsToRead() && handOver_ != HandOver::pending) {
-    // What was handed over at the end of the last turn is served in this one, before the end that
-    // may be read now.
-    const bool servedFirst = std::exchange(handOver_, HandOver::none) == HandOver::done;
+  if (readable && wantsToRead() && deferral_ != Deferral::pending) {
+    // Frames delivered at the end of the last turn are served in this one, before the end of file
+    // that may be read now.
+    const bool servedFirst = std::exchange(deferral_, Deferral::none) == Deferral::delivered;
     if (!servedFirst && !readOnce()) return;
   }
   watchAsNeeded();
@@ -155,27 +154,27 @@ void FrameStream::onReady(std::uint32_t events) {
 
 void FrameStream::onEndOfTurn() {
   const std::shared_ptr<void> alive = receiver_ != nullptr ? receiver_->holdAlive() : nullptr;
-  if (life_ == Life::tooSlow) {
+  if (state_ == State::tooSlow) {
     const std::string reason =
         fmt::format("too slow: {} bytes were waiting", writer_.waitingBytes());
     return fail(reason, reason);
   }
-  if (life_ == Life::hoardsFiles) return fail(kUnclaimed, kUnclaimed);
+  if (state_ == State::tooManyFiles) return fail(kUnclaimed, kUnclaimed);
   if (!flush()) return;
-  if (handOver_ == HandOver::pending && wantsToRead()) {
-    handOver_ = HandOver::done;
+  if (deferral_ == Deferral::pending && wantsToRead()) {
+    deferral_ = Deferral::delivered;
     reader_.resume();
-    if (!handFramesOver()) return;
+    if (!deliverFrames()) return;
   }
   watchAsNeeded();
 }
 
 bool FrameStream::readOnce() {
   FrameReader::Outcome outcome = reader_.read(socket_.get());
-  const bool goesOn = take(outcome);
-  // Of a stream that has ended, too: what was read may have to be wiped.
+  const bool isOpen = take(outcome);
+  // Also for a stream that has ended: what was read may have to be wiped.
   reader_.endRead();
-  return goesOn;
+  return isOpen;
 }
 
 bool FrameStream::take(FrameReader::Outcome& outcome) {
@@ -183,12 +182,12 @@ bool FrameStream::take(FrameReader::Outcome& outcome) {
   switch (outcome.kind) {
     case Kind::bytes:
     case Kind::nothing:
-      bookFiles();
-      return handFramesOver();
-    case Kind::offence:
+      updateFileCount();
+      return deliverFrames();
+    case Kind::violation:
       for (FileDescriptor& each : outcome.foreign)
         closeInBackground(std::move(each), terms_.admission, user());
-      fail(outcome.offence, outcome.offence);
+      fail(outcome.violation, outcome.violation);
       return false;
     case Kind::end:
       fail({}, {});
@@ -200,10 +199,10 @@ bool FrameStream::take(FrameReader::Outcome& outcome) {
   return false;
 }
 
-void FrameStream::bookFiles() {
-  if (reader_.files().size() == bookedFiles_) return;
-  bookedFiles_ = reader_.files().size();
-  context_.unclaimedFiles().note(this, user(), bookedFiles_, bookedFiles_);
+void FrameStream::updateFileCount() {
+  if (reader_.files().size() == accountedFiles_) return;
+  accountedFiles_ = reader_.files().size();
+  context_.unclaimedFiles().update(this, user(), accountedFiles_, accountedFiles_);
 }
 
 bool FrameStream::chargeKept() {
@@ -215,40 +214,41 @@ bool FrameStream::chargeKept() {
          terms_.quota->account->bytes() <= terms_.quota->grantedNameBytes();
 }
 
-bool FrameStream::handFramesOver() {
-  if (!handFrames()) return false;
+bool FrameStream::deliverFrames() {
+  if (!deliverCompleteFrames()) return false;
   reader_.endRead();
   if (!chargeKept()) {
-    constexpr std::string_view kOffence = "its user holds too much here for a message of this size";
-    fail(kOffence, kOffence);
+    constexpr std::string_view kOverQuota =
+        "its user is over quota: no memory for a message of this size";
+    fail(kOverQuota, kOverQuota);
     return false;
   }
-  if (handOver_ == HandOver::pending) return true;
-  // Descriptors come with the first byte of their frame: none may be left when no frame is under
-  // way.
+  if (deferral_ == Deferral::pending) return true;
+  // Descriptors arrive with the first byte of their frame: none may be left when no frame is
+  // incomplete.
   if (!reader_.files().empty() && !reader_.isInFrame()) {
     fail(kUnclaimed, kUnclaimed);
     return false;
   }
-  if (context_.unclaimedFiles().ownTotal() > limits::kUnclaimedDescriptors) {
-    FrameStream* const hoarder = context_.unclaimedFiles().heaviest();
-    // Its files are as good as closed.
-    context_.unclaimedFiles().note(hoarder, hoarder->user(), 0, 0);
-    hoarder->endWithTurn(Life::hoardsFiles);
+  if (context_.unclaimedFiles().exclusiveTotal() > limits::kUnclaimedDescriptors) {
+    FrameStream* const largest = context_.unclaimedFiles().largestHolder();
+    // Its files are about to be closed.
+    context_.unclaimedFiles().update(largest, largest->user(), 0, 0);
+    largest->endWithTurn(State::tooManyFiles);
   }
   return true;
 }
 
-// Whole frames, one after the other. Stops behind a value in a memory file, since that may be
-// large: the rest waits for the next turn.
-bool FrameStream::handFrames() {
-  while (!paused_ && life_ == Life::open) {
+// Delivers complete frames. Stops after a value in a memory file, which may be large: the rest
+// waits for the next turn.
+bool FrameStream::deliverCompleteFrames() {
+  while (!paused_ && state_ == State::open) {
     switch (reader_.next()) {
       case FrameSplitter::Found::nothing:
         return true;
       case FrameSplitter::Found::garbage: {
         const std::string reason =
-            fmt::format("a frame of {} bytes makes no sense", reader_.frameSizeBytes());
+            fmt::format("a frame of {} bytes is beyond all limits", reader_.frameSizeBytes());
         fail(reason, reason);
         return false;
       }
@@ -256,7 +256,7 @@ bool FrameStream::handFrames() {
         receiver_->onFrame(reader_.frame(), reader_.files());
         break;
       case FrameSplitter::Found::oversized:
-        // What came with its first byte would be taken for the next frame's.
+        // Files that came with its first byte would be taken for the next frame's.
         if (!reader_.files().empty()) {
           fail(kUnclaimed, kUnclaimed);
           return false;
@@ -265,34 +265,34 @@ bool FrameStream::handFrames() {
         break;
     }
     if (!socket_) return false;
-    const bool tookFile = reader_.files().size() < bookedFiles_;
-    bookFiles();
+    const bool tookFile = reader_.files().size() < accountedFiles_;
+    updateFileCount();
     if (tookFile) {
       reader_.endRead();
-      if (reader_.keptBytes() > 0) handOverAtEndOfTurn();
+      if (reader_.keptBytes() > 0) deferFrames();
       return true;
     }
   }
   return true;
 }
 
-void FrameStream::handOverAtEndOfTurn() {
-  handOver_ = HandOver::pending;
+void FrameStream::deferFrames() {
+  deferral_ = Deferral::pending;
   context_.reactor().atEndOfTurn(*this, EndOfTurnHook::Urgency::normal);
 }
 
 bool FrameStream::flush() {
   if (writeProblem_ == 0) writeProblem_ = writer_.flush(socket_.get());
   if (writeProblem_ != 0) {
-    // What the peer sent before it went is not read any more: nobody could be answered.
+    // What the peer sent before it closed is not read: no answer could reach it.
     failWith(writeProblem_);
     return false;
   }
   if (writer_.isStuck()) retryLater();
-  if (writer_.isBlocked() || backlogFull_ || bookedOwnBytes_ > 0) {
+  if (writer_.isBlocked() || backlogFull_ || accountedOwnBytes_ > 0) {
     const bool wasFull = backlogFull_;
-    bookBacklog();
-    if (wasFull && !backlogFull_ && reader_.keptBytes() > 0) handOverAtEndOfTurn();
+    updateBacklog();
+    if (wasFull && !backlogFull_ && reader_.keptBytes() > 0) deferFrames();
   }
   return true;
 }
@@ -307,7 +307,7 @@ void FrameStream::retry() {
   const std::shared_ptr<void> alive = receiver_->holdAlive();
   retryTimer_ = 0;
   --context_.stuckStreamCount();
-  if (life_ != Life::open) return;
+  if (state_ != State::open) return;
   writer_.unblock();
   if (flush()) watchAsNeeded();
 }
@@ -317,17 +317,17 @@ void FrameStream::failWith(int problem) {
 }
 
 void FrameStream::fail(std::string_view reason, std::string_view goodbye) {
-  sayGoodbye(goodbye);
+  sendGoodbyeAndClose(goodbye);
   receiver_->onClosed(reason);
 }
 
-void FrameStream::sayGoodbye(std::string_view goodbye) {
+void FrameStream::sendGoodbyeAndClose(std::string_view goodbye) {
   stopWatching();
-  // Nothing can lie in a socket that was read to its end; it is closed at once, with detach().
+  // Nothing unread can be in a socket that was read to its end; it is closed directly, by detach().
   if (!reader_.hasReachedEnd()) {
-    if (life_ == Life::tooSlow) writer_.dropUnbegunFrames();
-    // Whoever does not read an answer longer than any other message gets no more of it: it must not
-    // be held any longer.
+    if (state_ == State::tooSlow) writer_.dropUnbegunFrames();
+    // A peer that does not read an answer larger than any other message gets no more of it, so that
+    // it is not held any longer.
     if (writer_.waitingBytes() > 2 * limits::kFrameBytes) return detach();
     if (!goodbye.empty()) {
       const MessagePool::Borrowed message = context_.messages().borrow();
@@ -343,15 +343,15 @@ void FrameStream::sayGoodbye(std::string_view goodbye) {
 void FrameStream::detach() {
   stopWatching();
   cancelEndOfTurn();
-  context_.backlogs().note(this, user(), 0, 0);
+  context_.backlogs().update(this, user(), 0, 0);
   if (context_.beingDropped() == this) context_.beingDropped() = nullptr;
   if (retryTimer_ != 0) {
     context_.reactor().cancel(std::exchange(retryTimer_, 0));
     --context_.stuckStreamCount();
   }
-  bookedOwnBytes_ = 0;
+  accountedOwnBytes_ = 0;
   reader_.files().clear();
-  bookFiles();
+  updateFileCount();
   terms_.quota->account->refund(std::exchange(chargedKeptBytes_, 0));
   // A stream that was never started has read nothing.
   if (socket_ && !reader_.hasReachedEnd()) {
@@ -366,7 +366,7 @@ void FrameStream::watchAsNeeded() {
   const bool waitsForRoom = writer_.isBlocked() && retryTimer_ == 0;
   const std::uint32_t events = (wantsToRead() ? EPOLLIN : 0u) | (waitsForRoom ? EPOLLOUT : 0u);
   if (events == watchedEvents_) return;
-  // Not watched at all for no events: a peer that hung up would be reported again and again.
+  // Unwatched if there are no events: a peer that hung up would be reported in every turn.
   Reactor& reactor = context_.reactor();
   if (watchedEvents_ == 0) {
     reactor.watch(socket_.get(), events, *this);

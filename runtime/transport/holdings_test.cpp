@@ -17,48 +17,48 @@ class HoldingsTest : public ::testing::Test {
   MemoryAccount alice, bob;
 };
 
-TEST_F(HoldingsTest, NobodyHoldsAnythingAtFirst) {
-  EXPECT_EQ(holdings.heaviest(), nullptr);
-  EXPECT_EQ(holdings.ownTotal(), 0u);
+TEST_F(HoldingsTest, HasNoHoldersAtFirst) {
+  EXPECT_EQ(holdings.largestHolder(), nullptr);
+  EXPECT_EQ(holdings.exclusiveTotal(), 0u);
 }
 
-TEST_F(HoldingsTest, TheHeaviestBelongsToTheUserWhoHoldsMost) {
-  holdings.note(&streams[0], &bob, 1000, 1000);
-  holdings.note(&streams[1], &alice, 600, 600);
-  holdings.note(&streams[2], &alice, 700, 0);
-  EXPECT_EQ(holdings.heaviest(), &streams[2]);
-  EXPECT_EQ(holdings.ownTotal(), 1600u);
+TEST_F(HoldingsTest, TheLargestHolderBelongsToTheUserWhoHoldsMost) {
+  holdings.update(&streams[0], &bob, 1000, 1000);
+  holdings.update(&streams[1], &alice, 600, 600);
+  holdings.update(&streams[2], &alice, 700, 0);
+  EXPECT_EQ(holdings.largestHolder(), &streams[2]);
+  EXPECT_EQ(holdings.exclusiveTotal(), 1600u);
 }
 
-TEST_F(HoldingsTest, AmongEqualsTheOldestIsTheHeaviest) {
-  holdings.note(&streams[0], &bob, 8, 8);
-  holdings.note(&streams[1], &alice, 32, 32);
-  holdings.note(&streams[2], &alice, 32, 32);
-  holdings.note(&streams[3], &bob, 1, 1);
-  EXPECT_EQ(holdings.heaviest(), &streams[1]);
+TEST_F(HoldingsTest, AmongEqualsTheOldestIsTheLargest) {
+  holdings.update(&streams[0], &bob, 8, 8);
+  holdings.update(&streams[1], &alice, 32, 32);
+  holdings.update(&streams[2], &alice, 32, 32);
+  holdings.update(&streams[3], &bob, 1, 1);
+  EXPECT_EQ(holdings.largestHolder(), &streams[1]);
 }
 
-TEST_F(HoldingsTest, WhatIsReleasedCountsNoMore) {
-  holdings.note(&streams[0], &alice, 600, 600);
-  holdings.note(&streams[1], &alice, 500, 500);
-  holdings.note(&streams[2], &bob, 700, 700);
-  holdings.note(&streams[1], &alice, 50, 64);
-  EXPECT_EQ(holdings.heaviest(), &streams[2]);
-  EXPECT_EQ(holdings.ownTotal(), 1364u);
-  holdings.note(&streams[2], &bob, 0, 0);
-  EXPECT_EQ(holdings.heaviest(), &streams[0]);
-  holdings.note(&streams[0], &alice, 0, 0);
-  holdings.note(&streams[1], &alice, 0, 0);
-  EXPECT_EQ(holdings.heaviest(), nullptr);
-  EXPECT_EQ(holdings.ownTotal(), 0u);
+TEST_F(HoldingsTest, ReleasedAmountsNoLongerCount) {
+  holdings.update(&streams[0], &alice, 600, 600);
+  holdings.update(&streams[1], &alice, 500, 500);
+  holdings.update(&streams[2], &bob, 700, 700);
+  holdings.update(&streams[1], &alice, 50, 64);
+  EXPECT_EQ(holdings.largestHolder(), &streams[2]);
+  EXPECT_EQ(holdings.exclusiveTotal(), 1364u);
+  holdings.update(&streams[2], &bob, 0, 0);
+  EXPECT_EQ(holdings.largestHolder(), &streams[0]);
+  holdings.update(&streams[0], &alice, 0, 0);
+  holdings.update(&streams[1], &alice, 0, 0);
+  EXPECT_EQ(holdings.largestHolder(), nullptr);
+  EXPECT_EQ(holdings.exclusiveTotal(), 0u);
 }
 
-TEST_F(HoldingsTest, AHolderOfNothingIsNotNoted) {
-  holdings.note(&streams[0], &alice, 0, 0);
-  EXPECT_EQ(holdings.heaviest(), nullptr);
-  holdings.note(&streams[1], &alice, 65, 65);
-  holdings.note(&streams[0], &alice, 0, 0);
-  EXPECT_EQ(holdings.heaviest(), &streams[1]);
+TEST_F(HoldingsTest, AHolderOfNothingIsNotTracked) {
+  holdings.update(&streams[0], &alice, 0, 0);
+  EXPECT_EQ(holdings.largestHolder(), nullptr);
+  holdings.update(&streams[1], &alice, 65, 65);
+  holdings.update(&streams[0], &alice, 0, 0);
+  EXPECT_EQ(holdings.largestHolder(), &streams[1]);
 }
 
 }  // namespace

@@ -9,9 +9,9 @@
 
 namespace keel::xpc {
 
-// Writes what is left in `output`, which may be null, to a socket that nobody owns any more, then
-// closes it in the background (foreign_descriptors.h). Gives up after limits::kLinger. Nothing is
-// read. `admission` is held until the socket is closed; `owner` stands for the peer's user.
+// Writes what is left in `output`, which may be null, to a socket without an owner, then closes it
+// in the background (foreign_descriptors.h). Gives up after limits::kLinger. Reads nothing.
+// `admission` is held until the socket is closed; `owner` stands for the peer's user.
 void lingerAndClose(FileDescriptor socket, std::unique_ptr<OutputQueue> output,
                     std::shared_ptr<void> admission, const void* owner, Reactor& reactor);
 

@@ -14,18 +14,18 @@
 namespace keel::xpc {
 namespace {
 
-// More than a socket takes at once.
+// More than a socket buffer holds.
 constexpr std::size_t kTextBytes = 4u << 20;
 
-class Linger : public ::testing::Test {
+class LingerTest : public ::testing::Test {
  protected:
-  Linger() {
+  LingerTest() {
     int both[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
     own.reset(both[0]);
     peer.reset(both[1]);
   }
-  void say(std::size_t textBytes) {
+  void lingerWith(std::size_t textBytes) {
     OutgoingMessage message;
     writeGoodbye(message, std::string(textBytes, 'x'));
     auto output = queues.take();
@@ -36,7 +36,7 @@ class Linger : public ::testing::Test {
     while (reactor.turn(/*wait=*/false)) {
     }
   }
-  // Reads what is there; false at the end of the stream.
+  // Reads what is available; returns false at the end of the stream.
   bool read() {
     std::string buffer(1u << 20, '\0');
     for (;;) {
@@ -47,8 +47,9 @@ class Linger : public ::testing::Test {
       turns();
     }
   }
-  // Sockets are closed on another thread. The limit only guards against hanging.
-  bool endComes() {
+  // Returns true once the stream ends. Sockets are closed on another thread; the timeout only
+  // guards against hanging.
+  bool readsToTheEnd() {
     while (read()) {
       pollfd readable{peer.get(), POLLIN, 0};
       if (::poll(&readable, 1, 30'000) != 1) return false;
@@ -65,36 +66,36 @@ class Linger : public ::testing::Test {
   std::size_t receivedBytes = 0;
 };
 
-TEST_F(Linger, LeavesAtOnceWhenTheSocketTakesIt) {
-  say(10);
-  EXPECT_TRUE(endComes());
+TEST_F(LingerTest, ClosesImmediatelyWhenEverythingIsWritten) {
+  lingerWith(10);
+  EXPECT_TRUE(readsToTheEnd());
   EXPECT_GT(receivedBytes, 10u);
 }
 
-TEST_F(Linger, LeavesAsThePeerReads) {
-  say(kTextBytes);
+TEST_F(LingerTest, WritesTheRestAsThePeerReads) {
+  lingerWith(kTextBytes);
   turns();
   EXPECT_FALSE(held.expired());
-  EXPECT_TRUE(endComes());
+  EXPECT_TRUE(readsToTheEnd());
   EXPECT_GT(receivedBytes, kTextBytes);
 }
 
-TEST_F(Linger, IsGivenUpWhenItsTimeIsOver) {
-  say(kTextBytes);
+TEST_F(LingerTest, GivesUpAtTheDeadline) {
+  lingerWith(kTextBytes);
   now += limits::kLinger - std::chrono::milliseconds(1);
   turns();
   EXPECT_FALSE(held.expired());
   now += std::chrono::milliseconds(1);
   turns();
-  EXPECT_TRUE(endComes());
+  EXPECT_TRUE(readsToTheEnd());
   EXPECT_LT(receivedBytes, kTextBytes);
 }
 
-TEST_F(Linger, EndsWithAPeerThatIsGone) {
-  say(kTextBytes);
+TEST_F(LingerTest, EndsWhenThePeerIsGone) {
+  lingerWith(kTextBytes);
   peer.reset();
   turns();
-  // Nothing is left that could be waited for.
+  // The deadline was cancelled.
   now += 2 * limits::kLinger;
   EXPECT_FALSE(reactor.turn(/*wait=*/false));
 }

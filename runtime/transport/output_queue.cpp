@@ -17,12 +17,12 @@ namespace keel::xpc {
 
 namespace {
 
-// The first chunk of a queue is small, since most connections have one frame to send at a time;
-// those behind it are large.
+// The first chunk of a queue is small, since most connections send one frame at a time; later ones
+// are large.
 constexpr std::size_t kFirstChunkBytes = 2u << 10;
 constexpr std::size_t kChunkBytes = 32u << 10;
 
-// Frame ends for which an empty queue keeps its memory.
+// Number of frame ends for which an empty queue keeps memory.
 constexpr std::size_t kKeptFrameEnds = 16384;
 
 constexpr std::size_t kIdleQueues = 1024;
@@ -54,7 +54,7 @@ std::size_t OutputQueue::Piece::fileBytes() const {
 
 void OutputQueue::append(const OutgoingMessage& frame) {
   if (!frame.files().empty()) {
-    // The files go with the frame's first byte, so a piece begins here.
+    // The files travel with the frame's first byte, so a piece begins here.
     Piece& piece = pieces_.emplace_back();
     piece.files = frame.files();
     waitingFileBytes_ += piece.fileBytes();
@@ -82,7 +82,7 @@ void OutputQueue::appendBytes(std::span<const std::byte> bytes) {
       chunkUsed_ = 0;
       ownBytes_ += chunkCapacity_;
     }
-    // The last piece goes on if it ends where the chunk does; a piece that waits for its first byte
+    // The last piece is extended if it ends where the chunk does; a piece still without bytes
     // begins here.
     const bool extends = !pieces_.empty() && !pieces_.back().shared &&
                          (pieces_.back().chunk == nullptr ||
@@ -121,7 +121,7 @@ std::expected<void, std::error_code> OutputQueue::flush(int socket) {
   return {};
 }
 
-// As many as go together: files go with the first byte of theirs.
+// Sends as many pieces as one call may: files travel with the first byte of theirs.
 ssize_t OutputQueue::sendPieces(int socket) const {
   std::array<iovec, kPiecesPerWrite> vectors;
   std::size_t count = 0;
@@ -166,7 +166,7 @@ void OutputQueue::consume(std::size_t sent) {
     piece.begin += taken;
     sent -= taken;
     if (piece.size() > 0) break;
-    // The last piece of a full chunk takes the chunk with it.
+    // The last piece of a full chunk releases the chunk.
     if (piece.chunk && piece.chunk.use_count() == 1) {
       ownBytes_ -= piece.chunkCapacity;
       wipe(piece);
@@ -174,8 +174,7 @@ void OutputQueue::consume(std::size_t sent) {
     }
     pieces_.pop_front();
   }
-  // Frame ends are dropped once they are many, so that a queue that never quite empties stays
-  // bounded.
+  // Frame ends are pruned in bulk, so that a queue that never empties stays bounded.
   if (frameEnds_.size() < kKeptFrameEnds) return;
   const auto waiting = std::upper_bound(frameEnds_.begin(), frameEnds_.end(), sentBytes_);
   if (waiting - frameEnds_.begin() < static_cast<std::ptrdiff_t>(kKeptFrameEnds / 2)) return;
@@ -190,7 +189,7 @@ void OutputQueue::clear() {
   }
   confidential_ = false;
   pieces_.clear();
-  // A first chunk stays for the next frames; whatever grew beyond it goes.
+  // A small first chunk is kept for the next frames; larger ones are returned.
   if (chunkCapacity_ > kFirstChunkBytes) {
     chunks_.giveBack(std::move(chunk_), chunkCapacity_);
     chunkCapacity_ = 0;
@@ -208,7 +207,7 @@ void OutputQueue::wipe(const Piece& piece) const {
 }
 
 void OutputQueue::dropUnbegunFrames() {
-  // The end of the frame that is under way, or of what is sent when the next frame is not begun.
+  // The end of the frame in flight, or of what is sent if the next frame is not begun.
   std::uint64_t keepUntil = sentBytes_;
   std::uint64_t begin = prunedEnd_;
   for (const std::uint64_t end : frameEnds_) {

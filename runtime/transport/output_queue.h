@@ -17,23 +17,23 @@
 
 namespace keel::xpc {
 
-// Large chunks that output queues fill in turn: to allocate and free one costs as much as to fill
+// Recycles the large chunks of output queues: allocating and freeing one costs as much as filling
 // it. On one thread.
 class ChunkPool {
  public:
   using Chunk = std::shared_ptr<std::byte[]>;
 
   Chunk take(std::size_t capacityBytes);
-  // Keeps a chunk that nobody else refers to, if there is room.
+  // Keeps a chunk without further references, if there is room.
   void giveBack(Chunk chunk, std::size_t capacityBytes);
 
  private:
   std::vector<Chunk> idle_;
 };
 
-// Frames that wait to be written to a socket. Small ones are copied behind one another; larger
-// values, and frames that go to several connections, stay where they are and are shared. One
-// sendmsg(2) then takes as much as the socket has room for.
+// Frames that wait to be written to a socket. Small ones are copied into chunks; larger values, and
+// fan-out messages, are shared by reference. One sendmsg(2) then takes as much as the socket has
+// room for.
 class OutputQueue {
  public:
   // `chunks` is borrowed.
@@ -42,29 +42,29 @@ class OutputQueue {
   OutputQueue& operator=(const OutputQueue&) = delete;
 
   void append(const OutgoingMessage& frame);
-  // Wipes what it copied once that is sent; until the queue is empty.
+  // Has copied bytes wiped once they are sent, until the queue is empty.
   void setConfidential() { confidential_ = true; }
 
   bool empty() const { return appendedBytes_ == sentBytes_; }
-  // What waits to be written, the contents of sealed files included.
+  // Returns the backlog, the contents of sealed files included.
   std::size_t waitingBytes() const { return appendedBytes_ - sentBytes_ + waitingFileBytes_; }
-  // What of it is held in memory for this queue alone.
+  // Returns the part of it held in memory for this queue alone.
   std::size_t ownBytes() const { return ownBytes_; }
-  // Contents of sealed files that were sent since the last call.
+  // Returns the bytes of sealed files sent since the last call.
   std::size_t takeSentFileBytes() { return std::exchange(sentFileBytes_, 0); }
 
-  // Writes to the non-blocking socket until all is written or it takes no more (which is success).
+  // Writes to the non-blocking socket until all is written or it takes no more, which is success.
   // Fails with the errno that ended the connection.
   std::expected<void, std::error_code> flush(int socket);
-  // Whether the last flush() met a shortage of the system's: too many descriptors that nobody has
-  // received yet, or no memory. The socket does not tell when that is over.
+  // Returns true if the last flush() met a shortage of the system: too many descriptors in flight,
+  // or no memory. The socket does not signal its end.
   bool isStuck() const { return stuck_; }
 
-  // Drops the messages of which nothing was written; what was begun can be completed.
+  // Drops the frames of which nothing was written; a frame that was begun can still be completed.
   void dropUnbegunFrames();
 
  private:
-  // A run of bytes: in a chunk of our own, or shared. `files` go with the first byte.
+  // A range of bytes, in a chunk of our own or shared. `files` go with its first byte.
   struct Piece {
     std::shared_ptr<std::byte[]> chunk;
     std::size_t chunkCapacity = 0;
@@ -85,7 +85,7 @@ class OutputQueue {
 
   ChunkPool& chunks_;
   std::deque<Piece> pieces_;
-  // The chunk that is being filled, perhaps by several pieces.
+  // The chunk being filled, possibly by several pieces.
   std::shared_ptr<std::byte[]> chunk_;
   std::size_t chunkCapacity_ = 0;
   std::size_t chunkUsed_ = 0;
@@ -97,12 +97,12 @@ class OutputQueue {
   std::size_t waitingFileBytes_ = 0;
   std::size_t sentFileBytes_ = 0;
   std::uint64_t prunedEnd_ = 0;  // where the frame before the first of frameEnds_ ends
-  std::vector<std::uint64_t>
-      frameEnds_;  // where each waiting frame ends, counted as appendedBytes_ is
+  // Where each waiting frame ends, counted as appendedBytes_ is.
+  std::vector<std::uint64_t> frameEnds_;
 };
 
-// Output queues that connections borrow while something waits. Kept with their memory, so that a
-// busy daemon allocates none. On one thread.
+// Recycles output queues, which connections borrow while they have a backlog, with their memory, so
+// that a busy daemon allocates none. On one thread.
 class OutputQueuePool {
  public:
   std::unique_ptr<OutputQueue> take();

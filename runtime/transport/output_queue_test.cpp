@@ -47,7 +47,7 @@ BufferRef bufferOf(std::size_t sizeBytes, char fill) {
   });
 }
 
-// As it is on the wire, for comparison.
+// Returns a message as it is on the wire, for comparison.
 std::string textOf(const OutgoingMessage& message) {
   const std::vector<std::byte> bytes = flat(message);
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
@@ -80,7 +80,7 @@ TEST(OutputQueue, SmallAndLargeFramesArriveInOrder) {
   EXPECT_EQ(pair.receive(), expected);
 }
 
-TEST(OutputQueue, FullSocketKeepsTheRestInOrder) {
+TEST(OutputQueue, AFullSocketKeepsTheRestInOrder) {
   SocketPair pair;
   OutputQueue queue(chunks);
   std::string expected;
@@ -104,7 +104,7 @@ TEST(OutputQueue, FullSocketKeepsTheRestInOrder) {
   EXPECT_TRUE(received == expected);
 }
 
-TEST(OutputQueue, DroppingKeepsTheFrameThatIsUnderWayWhole) {
+TEST(OutputQueue, DroppingKeepsTheFrameInFlightWhole) {
   for (const std::size_t largeBytes : {std::size_t{0}, std::size_t{300'000}}) {
     SocketPair pair;
     OutputQueue queue(chunks);
@@ -133,7 +133,7 @@ TEST(OutputQueue, DroppingKeepsTheFrameThatIsUnderWayWhole) {
   }
 }
 
-TEST(OutputQueue, DroppingBeforeAnythingWasSentDropsAll) {
+TEST(OutputQueue, DroppingBeforeAnythingWasSentDropsEverything) {
   OutputQueue queue(chunks);
   queue.append(messageOf(10, 5000, 'x'));
   queue.append(messageOf(10, 0, 'y'));
@@ -141,8 +141,8 @@ TEST(OutputQueue, DroppingBeforeAnythingWasSentDropsAll) {
   EXPECT_TRUE(queue.empty());
 }
 
-// The kernel bounds what an ordinary user has sent and nobody received by that user's limit of
-// descriptors.
+// The kernel limits the descriptors that an ordinary user has in flight to that user's descriptor
+// limit.
 int exitCodeOfTooManyFiles() {
   SocketPair pair;
   OutputQueue queue(chunks);
@@ -166,7 +166,7 @@ int exitCodeOfTooManyFiles() {
   return queue.empty() && !queue.isStuck() ? 0 : 6;
 }
 
-TEST(OutputQueue, TooManyFilesOnTheirWayAreAShortageThatPasses) {
+TEST(OutputQueue, TooManyFilesInFlightAreATemporaryShortage) {
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) ::_exit(exitCodeOfTooManyFiles());
@@ -216,7 +216,7 @@ TEST(OutputQueue, SealedFilesArriveWithTheirFrames) {
   EXPECT_EQ(all, textOf(messageOf(10, 0, 'a')) + textOf(message) + textOf(messageOf(10, 0, 'b')));
 }
 
-TEST(OutputQueue, ClosedPeerIsAnError) {
+TEST(OutputQueue, AClosedPeerIsAnError) {
   SocketPair pair;
   pair.theirs.reset();
   OutputQueue queue(chunks);
@@ -252,7 +252,7 @@ TEST(OutputQueue, SharedFramesArriveInOrderBetweenOthers) {
   }
 }
 
-TEST(OutputQueue, ASharedMessageIsReferredToUntilItIsSent) {
+TEST(OutputQueue, ASharedMessageIsReferencedUntilItIsSent) {
   SocketPair pair;
   OutputQueue queue(chunks);
   const OutgoingMessage message = sharedMessageOf(4000, 'x');
@@ -266,7 +266,7 @@ TEST(OutputQueue, ASharedMessageIsReferredToUntilItIsSent) {
   EXPECT_FALSE(shared->isShared());
 }
 
-TEST(OutputQueue, ASmallMessageIsCopiedForEach) {
+TEST(OutputQueue, ASmallMessageIsCopiedPerQueue) {
   OutputQueue queue(chunks);
   const OutgoingMessage message = sharedMessageOf(100, 'x');
   EXPECT_TRUE(message.splices().empty());
@@ -290,7 +290,7 @@ TEST(OutputQueue, UnbegunSharedFramesCanBeDropped) {
   EXPECT_EQ(received.size() % message.wireBytes(), 0u);
 }
 
-// A batch of frames of 1,000 bytes.
+// Returns a batch of frames of 1,000 bytes.
 OutgoingMessage batchOf(std::size_t frameCount, char fill) {
   OutgoingMessage message;
   for (std::size_t i = 0; i < frameCount; ++i) {
@@ -301,7 +301,7 @@ OutgoingMessage batchOf(std::size_t frameCount, char fill) {
   return message;
 }
 
-TEST(OutputQueue, ABatchIsSharedWhole) {
+TEST(OutputQueue, ABatchIsSharedAsAWhole) {
   OutgoingMessage message = batchOf(32, 'x');
   message.share();
   ASSERT_EQ(message.splices().size(), 1u);
@@ -313,7 +313,7 @@ TEST(OutputQueue, ABatchIsSharedWhole) {
   EXPECT_EQ(pair.receive(), textOf(message));
 }
 
-TEST(OutputQueue, DroppingLeavesNoPartOfAFrameOfABatch) {
+TEST(OutputQueue, DroppingNeverSplitsAFrameOfABatch) {
   for (const bool shared : {false, true}) {
     SocketPair pair;
     OutputQueue queue(chunks);
@@ -332,14 +332,14 @@ TEST(OutputQueue, DroppingLeavesNoPartOfAFrameOfABatch) {
       ASSERT_TRUE(queue.flush(pair.ours.get()));
       received += pair.receive();
     }
-    const std::string words = textOf(goodbye);
-    ASSERT_TRUE(received.ends_with(words));
-    EXPECT_EQ((received.size() - words.size()) % 1000, 0u);
+    const std::string last = textOf(goodbye);
+    ASSERT_TRUE(received.ends_with(last));
+    EXPECT_EQ((received.size() - last.size()) % 1000, 0u);
     EXPECT_LT(received.size(), 40 * message.wireBytes());
   }
 }
 
-TEST(OutputQueuePool, HandsOutAQueueThatWasGivenBack) {
+TEST(OutputQueuePool, RecyclesAReturnedQueue) {
   OutputQueuePool pool;
   auto first = pool.take();
   OutputQueue* const address = first.get();

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Numbers are reused: by the time /proc/PID is read, PID may be somebody else. So a pidfd of the
-// connecting process is taken from the socket itself first, the values are read, and then the pidfd
-// is asked whether its process still exists. If it does, the pid was not free at any moment
-// between, and what was read is the peer's. A process that has ended but was not waited for still
-// counts as existing, and its values can still be read.
+// Pids are reused: by the time /proc/PID is read, PID may be another process. So the pidfd of the
+// connecting process is taken from the socket first, the values are read, and then the pidfd shows
+// whether its process still exists. If it does, the pid was never free in between, and the values
+// are the peer's. A zombie still counts as existing, and its values can still be read.
 #include "runtime/transport/peer_identity.h"
 
 #include <fcntl.h>
@@ -41,14 +40,14 @@ std::expected<FileDescriptor, std::error_code> pidfdOf(int socket, pid_t pid) {
     return FileDescriptor(descriptor);
   if (errno != ENOPROTOOPT) return failure(errno);
   // Before 6.5 the pid has to do. It was the peer's when it connected; should it have ended and its
-  // number been taken since, then the new owner's values would be read. The kernel gives numbers
-  // out in a circle, so this needs the circle to close meanwhile.
+  // number been reused since, the new owner's values would be read. The kernel assigns pids
+  // cyclically, so that takes a full cycle.
   descriptor = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
   if (descriptor < 0) return failure(errno);
   return FileDescriptor(descriptor);
 }
 
-// Reads a file of /proc whole into `buffer`; empty when it cannot be read.
+// Reads a whole file of /proc into `buffer`; empty if it cannot be read.
 std::string_view readProc(pid_t pid, const char* file, std::span<char> buffer) {
   std::array<char, 64> path;
   std::snprintf(path.data(), path.size(), "/proc/%d/%s", pid, file);
@@ -82,12 +81,12 @@ bool parseStat(std::string_view stat, PeerIdentity& identity) {
   return parse(fields, identity.startTime);
 }
 
-// What /proc has of the process of that pid.
+// Reads what /proc has of the process.
 bool readValues(PeerIdentity& identity) {
   std::array<char, 1024> buffer;
   if (!parseStat(readProc(identity.pid, "stat", buffer), identity)) return false;
-  // The kernel prints the unset session as 4294967295. Without audit in the kernel there is no such
-  // file: unset, too.
+  // The kernel prints an unset session as 4294967295. Without audit in the kernel the file does not
+  // exist: unset, too.
   std::uint32_t session = 0;
   identity.auditSession = parse(readProc(identity.pid, "sessionid", buffer), session)
                               ? static_cast<std::int32_t>(session)

@@ -21,9 +21,9 @@ namespace keel::xpc {
 namespace {
 
 // A listening socket in a directory of its own, and processes that connect to it.
-class Peers : public testing::Test {
+class PeerIdentityTest : public testing::Test {
  protected:
-  Peers() {
+  PeerIdentityTest() {
     address_.sun_family = AF_UNIX;
     std::strcpy(address_.sun_path, folder_.path("socket").c_str());
     listener_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -57,7 +57,7 @@ class Peers : public testing::Test {
   FileDescriptor release_[2];
 };
 
-TEST_F(Peers, LivingPeerIsCapturedWhole) {
+TEST_F(PeerIdentityTest, ALivePeerIsCaptured) {
   const pid_t child = ::fork();
   if (child == 0) {
     ::prctl(PR_SET_NAME, "odd ) (name\x01");
@@ -80,7 +80,7 @@ TEST_F(Peers, LivingPeerIsCapturedWhole) {
   ::waitpid(child, nullptr, 0);
 }
 
-TEST_F(Peers, EndedPeerIsRefused) {
+TEST_F(PeerIdentityTest, AnEndedPeerIsRefused) {
   const pid_t child = ::fork();
   if (child == 0) {
     connectNow();
@@ -93,7 +93,7 @@ TEST_F(Peers, EndedPeerIsRefused) {
   EXPECT_EQ(identity.error().value(), ESRCH);
 }
 
-TEST_F(Peers, SocketLeftToAChildIsRefused) {
+TEST_F(PeerIdentityTest, ASocketLeftToAChildIsRefused) {
   const pid_t connector = ::fork();
   if (connector == 0) {
     connectNow();
@@ -106,7 +106,7 @@ TEST_F(Peers, SocketLeftToAChildIsRefused) {
   release();
 }
 
-TEST_F(Peers, UserIsThatOfTheMomentOfConnecting) {
+TEST_F(PeerIdentityTest, TheUserIsThatOfTheMomentOfConnecting) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
   const pid_t child = ::fork();
   if (child == 0) {
@@ -124,7 +124,7 @@ TEST_F(Peers, UserIsThatOfTheMomentOfConnecting) {
   ::waitpid(child, nullptr, 0);
 }
 
-TEST(PeerIdentity, OtherDescriptorsAreAnError) {
+TEST(PeerIdentity, OtherDescriptorsAreRefused) {
   const FileDescriptor file(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   EXPECT_FALSE(PeerIdentity::ofSocket(file.get()));
 }

@@ -9,11 +9,11 @@
 #include "runtime/foundation/file_descriptor.h"
 
 // The sockets behind service names. Errors are POSIX errors whose description names the path and
-// what to do.
+// the remedy.
 
 namespace keel {
 
-// Where services have their sockets, each under its service name.
+// Holds the sockets of services, each under its service name.
 inline constexpr const char* kServiceDirectory = "/run/keeld";
 
 }  // namespace keel
@@ -23,24 +23,24 @@ namespace keel::xpc {
 struct ServiceSocket {
   FileDescriptor descriptor;
   std::string path;  // where it is bound
-  bool ownsPath;     // we bound it, and remove it in the end
+  bool ownsPath;     // we bound it, and remove it at the end
 };
 
-// The listening socket of a service: the one that the service manager passed under that name
-// (sd_listen_fds_with_names(3)), else a new one at DIRECTORY/NAME, mode 0666. A socket left behind
-// by a process that ended is replaced; one that is being served is not (EADDRINUSE), unless the
-// caller knows that its name is the caller's own: then the former one is replaced without being
-// connected to, whoever may still hold it. The directory is made (0755) if it is missing, and must
-// belong to this user and be writable by it alone.
+// Returns the listening socket of a service: the one that the service manager passed under that
+// name (sd_listen_fds_with_names(3)), else a new one at DIRECTORY/NAME, mode 0666. A stale socket
+// of an ended process is replaced; one that is being served is not (EADDRINUSE), unless the caller
+// knows that the name is its own: then it is replaced without being connected to, whichever process
+// still holds it. The directory is created (0755) if it is missing, and must belong to this user
+// and be writable by it alone.
 enum class ServedSocket : std::uint8_t { kept, replaced };
 std::expected<ServiceSocket, Error> listenForService(const std::string& directory,
                                                      const std::string& name,
                                                      ServedSocket served = ServedSocket::kept);
 
-// The directory, made and looked at in the same way.
+// Opens the directory, created and checked in the same way.
 std::expected<FileDescriptor, Error> openServiceDirectory(const std::string& directory);
 
-// A socket on its way to being connected to DIRECTORY/NAME; non-blocking.
+// Returns a non-blocking socket that is connecting to DIRECTORY/NAME.
 std::expected<FileDescriptor, Error> connectSocket(const std::string& directory,
                                                    const std::string& name);
 

@@ -37,7 +37,7 @@ std::expected<sockaddr_un, Error> addressOf(const std::string& path) {
   return address;
 }
 
-// The descriptor that the service manager passed under that name; -1 when there is none.
+// Returns the descriptor that the service manager passed under that name, or -1.
 int passedSocket(const std::string& name) {
   char** names = nullptr;
   const int count = sd_listen_fds_with_names(/*unset_environment=*/0, &names);
@@ -54,7 +54,7 @@ int passedSocket(const std::string& name) {
   return found;
 }
 
-// Held by a daemon that makes its socket, so that two that start at once do not remove each
+// Held while a daemon creates its socket, so that two that start at once do not remove each
 // other's.
 std::expected<FileDescriptor, Error> lockDirectory(const std::string& directory) {
   auto held = openServiceDirectory(directory);
@@ -72,7 +72,7 @@ FileDescriptor newSocket() {
 
 bool isServed(const sockaddr_un& address) {
   const FileDescriptor probe = newSocket();
-  if (!probe) return true;  // nobody can tell, so nobody's socket is taken away
+  if (!probe) return true;  // unknown, so no socket is removed
   if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0)
     return true;
   return errno == EAGAIN;  // its backlog is full
@@ -95,7 +95,7 @@ std::expected<FileDescriptor, Error> openServiceDirectory(const std::string& dir
     return failure(
         EPERM,
         fmt::format(
-            "{} must belong to uid {} and be writable by nobody else; mend its owner and mode",
+            "{} must belong to uid {} and be writable by nobody else; fix its owner and mode",
             directory, ::geteuid()));
   }
   return opened;
@@ -105,8 +105,7 @@ std::expected<ServiceSocket, Error> listenForService(const std::string& director
                                                      const std::string& name, ServedSocket served) {
   const std::string path = directory + "/" + name;
   if (const int passed = passedSocket(name); passed >= 0) {
-    // A descriptor of its own: what the service manager passed stays as it is for whoever looks for
-    // it again.
+    // A duplicate: the passed descriptor stays as it is, in case something looks for it again.
     FileDescriptor own(::fcntl(passed, F_DUPFD_CLOEXEC, 3));
     if (!own || ::fcntl(own.get(), F_SETFL, ::fcntl(own.get(), F_GETFL) | O_NONBLOCK) != 0) {
       return failure(errno, fmt::format("cannot use the socket passed for {}: {}", name,
@@ -143,8 +142,7 @@ std::expected<FileDescriptor, Error> connectSocket(const std::string& directory,
   if (!address) return std::unexpected(address.error());
   FileDescriptor socket = newSocket();
   if (!socket) return failure(errno, fmt::format("cannot make a socket: {}", std::strerror(errno)));
-  // A local connect(2) succeeds or fails at once; EAGAIN means that the service has too many
-  // waiting already.
+  // A local connect(2) completes immediately; EAGAIN means that the backlog of the service is full.
   if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof(*address)) !=
       0) {
     return failure(errno, fmt::format("cannot connect to {}: {}", path, std::strerror(errno)));

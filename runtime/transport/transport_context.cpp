@@ -10,7 +10,7 @@ namespace keel::xpc {
 TransportContext::TransportContext(Reactor& reactor) : reactor_(reactor) {}
 
 TransportContext& TransportContext::ofIoThread() {
-  // Never destroyed: connections use it while the process ends.
+  // Never destroyed: connections use it while the process exits.
   static auto& context = *new TransportContext(ioReactor());
   return context;
 }

@@ -17,9 +17,10 @@ namespace keel::xpc {
 
 class FrameStream;
 
-// What all connections of one reactor share: buffers and pools, so that an idle connection owns
-// none, and the books of what their peers make this process hold. Lives on the reactor's thread.
-// Made beside the reactor and outlives whatever the reactor still holds, so declare it first:
+// State shared by all connections of one reactor: buffers and pools, so that an idle connection
+// owns none, and the accounts of what their peers make this process hold. Lives on the reactor's
+// thread. Created beside the reactor and outlives whatever the reactor still holds, so declare it
+// first:
 //
 //   TransportContext context{reactor};
 //   Reactor reactor;
@@ -30,12 +31,13 @@ class TransportContext {
   TransportContext(const TransportContext&) = delete;
   TransportContext& operator=(const TransportContext&) = delete;
 
-  // The context of this process's I/O thread, kept until the process ends.
+  // Returns the context of this process's I/O thread, kept until the process ends.
   static TransportContext& ofIoThread();
 
   Reactor& reactor() { return reactor_; }
 
-  // Every stream reads into it. Room for `kHeadroomBytes` of an earlier read, then for a full one.
+  // Returns the buffer that every stream reads into: `kHeadroomBytes` for an earlier read, then a
+  // full read budget.
   static constexpr std::size_t kHeadroomBytes = 64u << 10;
   std::span<std::byte> readBuffer();
 
@@ -43,16 +45,16 @@ class TransportContext {
   MessagePool& messages() { return messages_; }
   NameCache& names() { return names_; }
 
-  // Backlogs of peers that do not read, in bytes.
+  // Backlogs of slow readers, in bytes.
   Holdings<FrameStream>& backlogs() { return backlogs_; }
-  // Received descriptors whose message has not arrived in full.
+  // Received descriptors whose message is incomplete.
   Holdings<FrameStream>& unclaimedFiles() { return unclaimedFiles_; }
-  // The stream that is being dropped because all backlogs together are too large; null: none is.
+  // The stream being dropped because all backlogs together are too large, or null.
   FrameStream*& beingDropped() { return beingDropped_; }
-  // Streams that wait for the system to take more descriptors.
+  // Number of streams that wait for the system to take more descriptors.
   std::size_t& stuckStreamCount() { return stuckStreamCount_; }
 
-  // Peers of one kind list their methods in the same order, and share the result of matching it.
+  // Peers of one kind list their methods in the same order and share the matching.
   using MethodIndexes = std::shared_ptr<const std::vector<std::int64_t>>;
   MethodIndexes shared(std::vector<std::int64_t> methodIndexes);
 

@@ -158,7 +158,7 @@ TEST_F(RawPeer, LengthWithoutSenseEndsTheConnection) {
   start();
   sendBytes(Bytes(4, std::byte{0xff}));
   EXPECT_EQ(received(),
-            std::vector{Value::list({5, "a frame of 4294967295 bytes makes no sense"})});
+            std::vector{Value::list({5, "a frame of 4294967295 bytes is beyond all limits"})});
   EXPECT_TRUE(peerSeesTheEnd());
   EXPECT_EQ(invalidations, 1);
   EXPECT_EQ(logged.size(), 1u);
@@ -298,7 +298,7 @@ TEST_F(RawPeer, DescriptorOfAnythingElseEndsTheConnectionUnserved) {
   start();
   sendWithDescriptor(peer.get(), framed(encoded(Value::list({2, 1, Value::list({"x"})}))),
                      peer.get());
-  EXPECT_EQ(received(), std::vector{Value::list({5, "a descriptor that is no memory file"})});
+  EXPECT_EQ(received(), std::vector{Value::list({5, "a descriptor that is not a memory file"})});
   EXPECT_EQ(invalidations, 1);
   EXPECT_TRUE(service->told.empty());
 }

@@ -284,7 +284,7 @@ class Quota(PressureTest):
                 self.assertWorked(alice.subscribe(f"{names:0{MEBIBYTE}}"))
         # Either the name is refused, or its half while it is coming in.
         if isinstance(refused.exception, Ended):
-            self.assertRegex(refused.exception.goodbye, "holds too much")
+            self.assertRegex(refused.exception.goodbye, "over quota")
         else:
             self.assertEqual(refused.exception.code, Code.overQuota)
         self.assertGreater(names, QUOTA // MEBIBYTE)
