@@ -48,11 +48,16 @@ class Fork : public testing::Test {
   }
 
   TemporaryFolder folder;
-  FakeService::Shared shared;
+  // The I/O thread may still serve a connection when the test is over.
+  std::shared_ptr<FakeService::Shared> shared = std::make_shared<FakeService::Shared>();
   std::unique_ptr<KLNModuleListener> notifyListener =
       *KLNModuleListener::create<protocols::NotifyProxy>(
           kNotifyServiceName,
-          [this](const ModulePeer&) { return std::make_shared<FakeService>(shared, nullptr); },
+          [this](const ModulePeer&) {
+            return std::shared_ptr<FakeService>(
+                new FakeService(*shared, nullptr),
+                [held = shared](const FakeService* service) { delete service; });
+          },
           {.serviceDirectory = folder.path()});
   std::unique_ptr<KLNModuleListener> pingListener = *KLNModuleListener::create<PingProxy>(
       "ping", [](const ModulePeer&) { return std::make_shared<Ping>(); },
