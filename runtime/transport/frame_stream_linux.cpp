@@ -256,12 +256,12 @@ bool FrameStream::deliverCompleteFrames() {
         receiver_->onFrame(reader_.frame(), reader_.files());
         break;
       case FrameSplitter::Found::oversized:
+        receiver_->onOversizedFrame(reader_.frameSizeBytes(), reader_.frame());
         // Files that came with its first byte would be taken for the next frame's.
-        if (!reader_.files().empty()) {
+        if (socket_ && !reader_.files().empty()) {
           fail(kUnclaimed, kUnclaimed);
           return false;
         }
-        receiver_->onOversizedFrame(reader_.frameSizeBytes(), reader_.frame());
         break;
     }
     if (!socket_) return false;
