@@ -7,7 +7,7 @@
 
 namespace keel {
 
-// An exception that records the stack of its raiser. Only the two prescribed guards catch it: the
+// An exception that records the stack of its raiser. Only the two guards catch it: the
 // notify handler's publish and subscribe work, and the module walk at start-up.
 class Exception : public std::exception {
  public:

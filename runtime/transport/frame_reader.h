@@ -62,6 +62,7 @@ class FrameReader {
   std::size_t keptBytes() const { return splitter_.keptBytes(); }
   // Returns true inside a frame, kept or skipped.
   bool isInFrame() const { return splitter_.inFrame(); }
+  bool isSkipping() const { return splitter_.isSkipping(); }
   // Returns true once the socket was read to its end, so nothing unread can be in it.
   bool hasReachedEnd() const { return reachedEnd_; }
 

@@ -56,6 +56,7 @@ class FrameSplitter {
   std::size_t take(std::span<std::byte> destination);
   // Returns true inside a frame, kept or skipped.
   bool inFrame() const { return !kept_.empty() || skipBytes_ > 0; }
+  bool isSkipping() const { return skipBytes_ > 0; }
 
  private:
   // How much of an oversized frame is inspected: enough for its kind and its request id.

@@ -226,7 +226,7 @@ bool FrameStream::deliverFrames() {
   if (deferral_ == Deferral::pending) return true;
   // Descriptors arrive with the first byte of their frame: none may be left when no frame is
   // incomplete.
-  if (!reader_.files().empty() && !reader_.isInFrame()) {
+  if (!reader_.files().empty() && (!reader_.isInFrame() || reader_.isSkipping())) {
     fail(kUnclaimed, kUnclaimed);
     return false;
   }
@@ -257,11 +257,6 @@ bool FrameStream::deliverCompleteFrames() {
         break;
       case FrameSplitter::Found::oversized:
         receiver_->onOversizedFrame(reader_.frameSizeBytes(), reader_.frame());
-        // Files that came with its first byte would be taken for the next frame's.
-        if (socket_ && !reader_.files().empty()) {
-          fail(kUnclaimed, kUnclaimed);
-          return false;
-        }
         break;
     }
     if (!socket_) return false;

@@ -143,6 +143,26 @@ TEST_F(RawPeer, OversizedRequestIsSkippedAndAnswered) {
   EXPECT_EQ(invalidations, 0);
 }
 
+TEST_F(RawPeer, DescriptorInASkippedFrameEndsTheConnectionBehindItsFailure) {
+  start();
+  Bytes bytes;
+  for (int i = 0; i < 4; ++i) {
+    bytes.push_back(static_cast<std::byte>((limits::kFrameBytes + 1) >> (8 * i)));
+  }
+  const Bytes beginning = encoded(Value::list({1, 5, 2, Value::list({std::string(100, 'x')})}));
+  bytes.insert(bytes.end(), beginning.begin(), beginning.end());
+  const std::string content = "\xa0";
+  const auto file = sealedMemoryOf(std::as_bytes(std::span(content)));
+  sendBytes(bytes);
+  EXPECT_EQ(invalidations, 0);
+  sendWithDescriptor(peer.get(), Bytes(10), file->get());
+  const std::vector<Value> messages = received();
+  ASSERT_EQ(messages.size(), 2u);
+  EXPECT_EQ(messages[0].as<Value::List>()->at(2), Value(static_cast<int>(FailureCode::tooLarge)));
+  EXPECT_EQ(messages[1], Value::list({5, "descriptors that no message claims"}));
+  EXPECT_EQ(invalidations, 1);
+}
+
 TEST_F(RawPeer, LargestFrameIsTaken) {
   start();
   Bytes content = encoded(Value::list(

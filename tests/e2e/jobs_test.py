@@ -357,7 +357,7 @@ class WithKeeld(DaemonTest):
         self.fail(f"nothing was logged of {name}")
 
     def assertLoadingFailed(self, daemon, name, *, before=None, enabling=None, after=None):
-        """As prescribed, with these errors (patterns) of the check before, of enabling, and of the check after."""
+        """With these errors (patterns) of the check before, of enabling, and of the check after."""
         label, path = f"com.k.{name}", f"{BUNDLES}keel_{name}.bundle"
         check = "error loadModuleIfNeededFromPath QZSupervisorGetServiceEnabled returns "
         expected = [

@@ -161,7 +161,7 @@ class Endings(StatementTest):
         except Ended:
             pass
         self.assertEqual(client.failure(1), Code.tooLarge)
-        self.assertTrue(client.end())
+        self.assertEqual(client.end(), "descriptors that no message claims")
 
 
 class Sessions(StatementTest):

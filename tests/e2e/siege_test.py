@@ -25,7 +25,7 @@ class Siege(DaemonTest):
         self.assertEqual(attack.returncode, 0, attack.stderr)
 
     def test_a_crowd_that_reads_more_slowly_than_updates_come(self):
-        for shape in (("--names", "20", "--followers", "4000"), ("--names", "100", "--followers", "1000")):
+        for shape in (("--names", "20", "--followers", "5000"), ("--names", "100", "--followers", "1000")):
             with self.subTest(shape=shape):
                 bystanders = Bystanders(self, name=" ".join(shape))
                 self.attack("crowd", *shape)
