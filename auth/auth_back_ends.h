@@ -12,7 +12,7 @@
 
 namespace keel {
 
-// Whom the auth handlers ask; without more said, this machine. All are borrowed and outlive the
+// The auth handlers' back ends, by default this machine's. All are borrowed and outlive the
 // handlers.
 struct AuthBackEnds {
   Membership& membership = systemMembership();

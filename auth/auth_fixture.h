@@ -20,7 +20,7 @@
 #include "tests/support/fake_client.h"
 #include "tests/support/log_recorder.h"
 
-// For the tests of this folder: a machine that is made up, and what it was asked.
+// For the tests of this folder: fake back ends that record their calls.
 
 namespace keel {
 
@@ -77,8 +77,8 @@ class FakeMembership final : public Membership {
   Calls& calls_;
 };
 
-// Takes one right answer: "right NAME", for the user of that name. Its response is "response",
-// unless the name is "quiet".
+// Accepts the answer "right NAME" for the user of that name. Its response is "response", unless the
+// name is "quiet".
 class FakeAuthenticator final : public QZAuthenticator {
  public:
   FakeAuthenticator(Calls& calls, std::string kind) : calls_(calls), kind_(std::move(kind)) {}
@@ -94,7 +94,7 @@ class FakeAuthenticator final : public QZAuthenticator {
     calls_.push_back(kind_ + " validateChallenge " + std::string(answer.view()) +
                      (generateResponse == nullptr ? " without a response" : ""));
     const bool right = answer.view().starts_with("right ");
-    // A wrong answer may leave something behind, too.
+    // A refusal may set the response, too.
     if (generateResponse != nullptr && answer.view() != "right quiet")
       *generateResponse = "response";
     user_ = right ? String(answer.view().substr(6)) : String("somebody");
@@ -178,7 +178,7 @@ class FakeAuthorization final : public Authorization {
   Calls& calls_;
 };
 
-// A client of the auth service, with its handler, connected as the listener's delegate does it.
+// A client of the auth service with its handler, connected as the listener's delegate does it.
 class AuthClient : public FakeClient {
  public:
   AuthClient(ManualExecutor& executor, const AuthBackEnds& backEnds, std::int32_t auditSession = 7)
@@ -192,7 +192,7 @@ class AuthClient : public FakeClient {
     connection()->setInvalidationHandler([handler] { handler->connectionInvalidated(); });
     connection()->resume();
   }
-  // Null once nothing holds it any more.
+  // Returns null once the handler is destroyed.
   std::shared_ptr<KLNAuthHandler> handler() const { return handler_.lock(); }
 
  private:
@@ -201,7 +201,7 @@ class AuthClient : public FakeClient {
 
 class AuthHandler : public ::testing::Test {
  protected:
-  // The results of a request, which must be answered before it returns.
+  // Returns the results of a request that must be answered before it returns.
   template <auto Member, class... Arguments>
   auto ask(AuthClient& asking, Arguments... arguments) {
     const std::uint64_t id = asking.request<Member>(std::move(arguments)...);
@@ -224,7 +224,7 @@ class AuthHandler : public ::testing::Test {
     executor.runAll();
     return std::get<0>(other.resultsOf<&AuthProxy::isAuthedASID>(id).value());
   }
-  // What is recorded for the session.
+  // Returns the users recorded for the session.
   std::vector<String> recorded(std::int32_t asid) {
     executor.runAll();
     const auto found = service->authTable().find(std::to_string(asid));

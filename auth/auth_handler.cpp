@@ -28,13 +28,13 @@ Logger& runtimeLog() {
 
 constexpr const char* kAdminGroup = "admin";
 
-// The last letter never occurs: characters are chosen modulo 62.
+// The last letter never occurs: characters are taken modulo 62.
 constexpr std::string_view kAuthIDLetters =
     "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ01234567890";
 constexpr unsigned kAuthIDModulus = 62;
 constexpr std::string_view kAuthIDPrefix = "myob-";
 
-// How long the last message may take to reach the journal before the process ends without it.
+// Time limit for flushing the last message to the journal before the process exits.
 constexpr std::chrono::milliseconds kLogPatience{500};
 
 Error error(int code) {
@@ -93,7 +93,7 @@ Error KLNAuthHandler::authenticate(const String& user, const Data& externalForm)
     return statusError(status);
   }
   if (Error refusal = requireAdministrator(user)) return refusal;
-  // Not after a refusal; then the reference ends with this request, unfreed.
+  // Not on a refusal: then the reference ends, unfreed, with this request.
   backEnds_.authorization.AuthorizationFree(reference, kAuthorizationFlagDefaults);
   recordUser(user);
   return nullptr;
@@ -107,10 +107,9 @@ Error KLNAuthHandler::requireAdministrator(const String& user) const {
 
 void KLNAuthHandler::recordUser(const String& user) {
   const auto connection = xpcConnection();
-  // Without a connection there is no session to record anything under.
+  // Without a connection there is no session to record under.
   if (!connection || user.isNull()) return;
-  // What is recorded stays for the life of the process: a copy, since the request's own text is
-  // charged to the client.
+  // A copy: records outlive the request, whose text is charged to the client.
   KLNAuthService::defaultService()->addUser(user.view(), connection->auditSessionIdentifier());
 }
 
@@ -152,7 +151,7 @@ String KLNAuthHandler::getNextAuthID() const {
   });
   letters.back() = '\0';
   const std::string text = std::string(kAuthIDPrefix) + letters.data();
-  // The ID is held for as long as its challenge, which is charged with it.
+  // The ID lives as long as its challenge, whose charge includes it.
   const auto connection = xpcConnection();
   return connection ? String(text, *connection->quota().account, kChallengeBytes)
                     : String(std::string_view(text));

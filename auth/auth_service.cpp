@@ -9,7 +9,7 @@ namespace keel {
 const std::shared_ptr<KLNAuthService>& KLNAuthService::defaultService() {
   if (const auto& overriding = overridingService()) [[unlikely]]
     return overriding;
-  // Never destroyed: other threads use it while the process ends.
+  // Never destroyed: other threads use it until the process exits.
   static const auto& service =
       *new std::shared_ptr<KLNAuthService>(std::make_shared<KLNAuthService>());
   return service;

@@ -14,31 +14,32 @@
 
 namespace keel {
 
-// Which users have proved to be administrators, by audit session. Shared by all connections of both
-// services; what is recorded counts for the life of the process. All operations return at once,
-// from any thread; they take effect, and call their handlers, on the strand, in the order of the
-// calls. Made with make_shared.
+// Records which users have proved to be administrators, by audit session. Shared by all connections
+// of both services; records last for the life of the process. All operations are asynchronous and
+// may be called from any thread; they run, and call their handlers, on the strand, in the order of
+// the calls. Created with make_shared.
 class KLNAuthService : public QZStrand, public std::enable_shared_from_this<KLNAuthService> {
  public:
-  // The session in decimal, to the names in the order of their recording. A name may stand more
-  // than once; no list is empty.
+  // Maps the session, in decimal, to names in recording order. A name may occur more than once; no
+  // list is empty.
   using AuthTable = std::unordered_map<std::string, std::vector<String>>;
   class Override;
 
-  // The one service of this process, made on the first call. From any thread.
+  // Returns the process's service, created on the first call. From any thread.
   static const std::shared_ptr<KLNAuthService>& defaultService();
 
   KLNAuthService() = default;
-  // On `executor`, which is borrowed and outlives the service.
+  // Runs on `executor`, which is borrowed and outlives the service.
   explicit KLNAuthService(Executor& executor) : QZStrand(executor) {}
 
-  // A null user is not recorded.
+  // Ignores a null user.
   void addUser(String user, std::int32_t andASID);
   void removeASID(std::int32_t asid);
-  // Whether that very name, case included, was recorded for the session; the error is always null.
+  // Calls `withHandler` with true if exactly that name, case included, is recorded for the session;
+  // the error is always null.
   void isAuthedUser(String user, std::int32_t andASID,
                     std::move_only_function<void(bool, Error)> withHandler);
-  // Whether any name was.
+  // Calls `withHandler` with true if any name is recorded for the session.
   void isAuthedASID(std::int32_t asid, std::move_only_function<void(bool)> withHandler);
 
   // Both on the strand only.

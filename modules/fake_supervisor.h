@@ -15,8 +15,7 @@
 
 namespace keel {
 
-// For tests: a supervisor that notes each call, and answers as the test says; otherwise everything
-// works at once.
+// For tests: records each call; everything succeeds unless the test says otherwise.
 class FakeSupervisor final : public Supervisor {
  public:
   static Error fault(std::string text) { return describedError("test", 1, std::move(text)); }
@@ -54,20 +53,20 @@ class FakeSupervisor final : public Supervisor {
          label);
     if (const Error fault = take(enablingFaults)) *error = fault;
     if (enablingWorks && !label.isNull()) enabled.insert(std::string(label.view()));
-    // Nobody reads it.
+    // The result is unused.
     return false;
   }
 
-  // The calls since the last time, such as "enabled? LABEL"; "auth: " in front with the
-  // authorization that was made, nothing with none.
+  // Returns the calls since the last time, such as "enabled? LABEL"; prefixed "auth: " if made with
+  // the authorization created here, without a prefix if made without one.
   std::vector<std::string> calls() { return std::exchange(calls_, {}); }
-  // Whether the authorization still lives.
+  // Returns true while the authorization is alive.
   bool keepsAuthorization() const { return !authorization_.expired(); }
 
   std::set<std::string> enabled;
   bool creationWorks = true;
   bool enablingWorks = true;
-  // What the next calls write into their slots, the next one first; null writes nothing.
+  // The errors that the next calls set, in order; null sets none.
   std::vector<Error> queryFaults;
   std::vector<Error> creationFaults;
   std::vector<Error> enablingFaults;

@@ -7,8 +7,8 @@
 #include "runtime/foundation/exception.h"
 #include "runtime/logging/logger.h"
 
-// The job of one module: the bundle's own, or one that starts the program that hosts modules when
-// the first client comes.
+// The job of one module: the bundle's own, or a synthesized one that starts the module host on the
+// first connection.
 
 namespace keel {
 
@@ -19,7 +19,7 @@ Logger& logger() {
   return startup;
 }
 
-// The Mach service name of a bundle's own job.
+// Returns the Mach service name of a bundle's own job.
 String firstServiceOf(const Value& job, const std::string& bundlePath) {
   const Value* services = job.find("MachServices");
   const auto* map = services != nullptr ? services->as<Value::Map>() : nullptr;

@@ -39,7 +39,7 @@ std::string appendingPathComponent(const std::string& directory, const std::stri
 const std::shared_ptr<KLNModuleManager>& KLNModuleManager::defaultManager() {
   if (const auto& overriding = overridingManager()) [[unlikely]]
     return overriding;
-  // Never destroyed: other threads use it while the process ends.
+  // Never destroyed: other threads use it until the process exits.
   static const auto& manager =
       *new std::shared_ptr<KLNModuleManager>(std::make_shared<KLNModuleManager>());
   return manager;
@@ -102,8 +102,8 @@ bool KLNModuleManager::loadModuleIfNeededFromPath(const std::string& path,
 
 void KLNModuleManager::createAndEnable(const Value& job, const String& label) {
   Error created, enabled;
-  // What a creation that worked says nevertheless is told with the next step; what one that failed
-  // says is not: that the job cannot be enabled then tells enough.
+  // An error set by a successful creation is logged with the next step; that of a failed one is
+  // dropped, since the failed enabling is logged anyway.
   if (supervisor().QZSupervisorCreateService(nullptr, job, &created)) enabled = created;
   logger().debug("loadModuleIfNeededFromPath created {}", label);
 

@@ -12,18 +12,18 @@
 
 namespace keel {
 
-// Makes a job of each module of the product, and knows those whose job is enabled: "keel_" and a
-// module's short name, to the Mach service name of its job. The table is written during start-up,
-// on the main thread, before any client can ask, and only read afterwards.
+// Creates a job for each module of the product, and keeps a table of those whose job is enabled:
+// from "keel_" and the module's short name to the Mach service name of its job. The table is
+// written during start-up, on the main thread, before any client can query it, and is read-only
+// afterwards.
 class KLNModuleManager {
  public:
   class Override;
 
-  // The one manager of this process, made on the first call. From any thread.
+  // Returns the process's manager, created on the first call. From any thread.
   static const std::shared_ptr<KLNModuleManager>& defaultManager();
 
-  // For the supervisor of this system, which is not touched before it is needed, and the product's
-  // bundles.
+  // Uses this system's supervisor, lazily, and the product's bundles.
   KLNModuleManager() = default;
   KLNModuleManager(Supervisor& supervisor, std::string bundlesDirectory)
       : supervisor_(&supervisor), bundlesDirectory_(std::move(bundlesDirectory)) {}
@@ -31,29 +31,29 @@ class KLNModuleManager {
   KLNModuleManager(const KLNModuleManager&) = delete;
   KLNModuleManager& operator=(const KLNModuleManager&) = delete;
 
-  // Loads each bundle "keel_*.bundle" of the directory, in the directory's own order. One that
-  // cannot be loaded is logged and passed over; an Exception ends the walk, and what was loaded
-  // until then stays. One whose name is not UTF-8 cannot be loaded, as no job could have it.
+  // Loads each bundle "keel_*.bundle" of the directory, in directory order. Logs and skips one that
+  // cannot be loaded; an Exception stops the walk, and the modules loaded so far stay. A name that
+  // is not UTF-8 cannot be loaded, since no job could have it.
   void loadAllModules();
 
-  // Makes and enables the job of the bundle at `path` unless it is enabled already, and writes it
-  // into the table. False when it is not enabled in the end. A job without a "Label", or with one
-  // that is no text, has the null label, which the supervisor refuses.
+  // Creates and enables the job of the bundle at `path` unless it is already enabled, and adds it
+  // to the table. Returns false if the job is not enabled in the end. A job without a textual
+  // "Label" has the null label, which the supervisor refuses.
   bool loadModuleIfNeededFromPath(const std::string& path, QZCommandAuthorization* authorization);
 
-  // Disables the job "com.vantor.keeld.SHORTNAME" of each module in the table, also where the
-  // module's own label is another one, and leaves the table as it is. Whether that worked is not
-  // looked at.
+  // Disables the job "com.vantor.keeld.SHORTNAME" of each module in the table, even if the module's
+  // own label differs, and leaves the table unchanged. Ignores failures.
   void unloadAllModules();
 
-  // The job of the bundle at `path`: the dictionary in its resource launchd.plist, as it stands, or
-  // one made for it. Writes the module's short name and Mach service name unless the argument is
-  // null. The Mach service name of a bundle with a job of its own is the first key of its
-  // "MachServices", and null when it has no such dictionary; an empty one raises NSRangeException.
+  // Returns the job of the bundle at `path`: the dictionary in its resource launchd.plist,
+  // unchanged, or a synthesized one. Sets the module's short name and Mach service name unless the
+  // argument is null. The Mach service name of a bundle with a job of its own is the first key of
+  // its "MachServices", and null if it has no such dictionary; an empty one raises
+  // NSRangeException.
   //
-  // What the bundle holds is never trusted: a file that cannot be read, or says something of the
-  // wrong kind, counts as if it were not there (platform/bundle logs that, at debug level). The job
-  // is never null, except from a subclass.
+  // The bundle is not trusted: a file that cannot be read, or a value of the wrong kind, counts as
+  // missing (platform/bundle logs it at debug level). The job is never null, except from a
+  // subclass.
   virtual Value synthesizeJobFromBundle(const std::string& path, String* returningName,
                                         String* andMachName);
 
@@ -70,7 +70,7 @@ class KLNModuleManager {
 
   Supervisor* const supervisor_ = nullptr;
   const std::string bundlesDirectory_ = kBundlesDirectory;
-  // Of the last pass; kept as jobs may stand under it.
+  // Of the last pass; kept since jobs may depend on it.
   std::shared_ptr<QZCommandAuthorization> authorization_;
   ModuleTable moduleTable_;
 };

@@ -19,7 +19,7 @@ std::string withoutModulePrefix(std::string_view name) {
 std::string shortNameOfBundle(std::string_view path) {
   while (path.ends_with('/')) path.remove_suffix(1);
   std::string_view name = path.substr(path.rfind('/') + 1);
-  // A dot at the beginning begins no extension.
+  // A leading dot does not begin an extension.
   if (const std::size_t dot = name.rfind('.'); dot != name.npos && dot > 0)
     name = name.substr(0, dot);
   return withoutModulePrefix(name);

@@ -4,27 +4,27 @@
 #include <string>
 #include <string_view>
 
-// How modules and what belongs to them are called. The module in keel_mail.bundle has the short
-// name "mail".
+// Names of modules, their bundles and their jobs. The module in keel_mail.bundle has the short name
+// "mail".
 
 namespace keel {
 
-// What the name of a module's bundle begins and ends with.
+// Prefix and suffix of a module's bundle name.
 inline constexpr std::string_view kModulePrefix = "keel_";
 inline constexpr std::string_view kBundleSuffix = ".bundle";
 
-// Whether a bundle of that name is a module. Letters count as they are.
+// Returns true if a bundle of that name is a module. Case-sensitive.
 bool isModuleBundle(std::string_view name);
 
-// `name` without as many characters as kModulePrefix has, whichever they are; empty when it has no
-// more.
+// Returns `name` without its first characters, as many as kModulePrefix has, whatever they are;
+// empty if there are no more.
 std::string withoutModulePrefix(std::string_view name);
 
-// The short name of the module whose bundle is at `path`: its last part, without its extension and
-// without the prefix.
+// Returns the short name of the module whose bundle is at `path`: the last component without
+// extension and prefix.
 std::string shortNameOfBundle(std::string_view path);
 
-// "com.vantor.keeld.mail": a module's label and Mach service name unless its bundle says otherwise.
+// Returns a module's default label and Mach service name: "com.vantor.keeld.mail".
 std::string defaultModuleLabel(std::string_view shortName);
 
 }  // namespace keel

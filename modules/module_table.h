@@ -12,21 +12,20 @@
 
 namespace keel {
 
-// A dictionary of texts that can be changed, and is ready at any time in the form in which it is
-// sent. Changing it takes time with its size; it is meant for as many entries as a product has
-// modules.
+// A mutable dictionary of texts that is always available in encoded form. A change is O(n): it
+// re-encodes the table, which is sized for the modules of a product.
 class ModuleTable {
  public:
   ModuleTable();
 
   // Null text removes the key. `key` must not be null.
   void set(const String& key, const String& text);
-  // The text of `key`, or null.
+  // Returns the text of `key`, or null.
   String at(const String& key) const;
   std::size_t count() const { return texts_.size(); }
-  // In the order of their bytes.
+  // Sorted bytewise.
   std::vector<String> allKeys() const;
-  // All of it as it stands; never null.
+  // Returns the encoded table; never null.
   const Dictionary& dictionary() const { return encoded_; }
 
  private:

@@ -11,13 +11,13 @@
 #include "runtime/foundation/temporary_folder.h"
 #include "tests/support/log_recorder.h"
 
-// For tests: a directory of bundles, and what was logged about them.
+// For tests: a directory of bundles, and the log about them.
 
 namespace keel {
 
 class ModulesFixture : public ::testing::Test {
  protected:
-  // A property list with a dictionary of these members, in XML.
+  // Returns an XML property list with a dictionary of these members.
   static std::string dictionary(std::string_view members) {
     return "<plist version=\"1.0\"><dict>" + std::string(members) + "</dict></plist>";
   }
@@ -28,9 +28,8 @@ class ModulesFixture : public ::testing::Test {
     return "<key>MachServices</key><dict>" + std::string(names) + "</dict>";
   }
 
-  // What was logged since the last time, "LEVEL: text". All of it must be of category "startup",
-  // but for the remarks on what is in the bundles, which are left out: debug messages of category
-  // "bundle".
+  // Returns the lines logged since the last time, "LEVEL: text". All must be of category "startup",
+  // except debug messages of category "bundle", which are left out.
   std::vector<std::string> logged() {
     std::vector<std::string> lines;
     for (const testing::LogLine& line : log_.take()) {

@@ -6,18 +6,16 @@
 //   with a smaller number is missing in that dump's answer. Capturing an item captures it for all
 //   dumps that lack it, so one number is enough however many dumps are in progress.
 // - An item is captured when the walk reaches it, or before it changes or leaves the table if that
-// is
-//   earlier. An item that enters the table gets the last number, and so is missing nowhere. While
-//   no dump is in progress all a change costs is one comparison.
-// - A subscription changes with its item: whoever adds, removes or delivers tells the item first.
+//   is earlier. An item that enters the table gets the last number, and so is missing nowhere.
+//   While no dump is in progress all a change costs is one comparison.
+// - A subscription changes with its item: callers notify the item before they add, remove or
+//   deliver.
 // - A connection that ends changes the text of its items and subscriptions without touching them.
-// So
-//   the answers keep the descriptions of connections that end meanwhile, and of those that had
+//   So the answers keep the descriptions of connections that end meanwhile, and of those that had
 //   ended but still existed when the dump began.
 // - The walk over the items, which all dumps share, starts over when the first dump is answered;
-// what
-//   it then passes over has been captured already. It ends with the last missing entry, not with
-//   the last item.
+//   what it then passes over has been captured already. It ends with the last missing entry, not
+//   with the last item.
 #include "notify/dump_coordinator.h"
 
 #include <algorithm>
@@ -98,7 +96,7 @@ void DumpCoordinator::begin(bool withData, const std::shared_ptr<xpc::Connection
   if (dumps_.size() > 1) return;
   next_ = first_;
   if (!step() || std::exchange(isQueued_, true)) return;
-  // Weakly: this holds the queue.
+  // Weak, since this owns the queue.
   incremental_->add([self = weak_from_this()] {
     const auto living = self.lock();
     return living && (living->isQueued_ = living->step());

@@ -26,8 +26,7 @@ class DumpCoordinator : public std::enable_shared_from_this<DumpCoordinator> {
  public:
   using Reply = xpc::Reply<Array, Error>;
 
-  // The work of one step. An item, or a subscriber of one, counts 1 in each answer, and so do 2 KiB
-  // of data.
+  // The work of one step. An item, a subscriber, and 2 KiB of data count 1 each, per answer.
   static constexpr std::size_t kStepWork = 64;
 
   explicit DumpCoordinator(std::shared_ptr<IncrementalWorkQueue> incremental);
@@ -38,17 +37,17 @@ class DumpCoordinator : public std::enable_shared_from_this<DumpCoordinator> {
   // For tests, where few items have to take several steps.
   void setStepWork(std::size_t work) { stepWork_ = work; }
 
-  // An item enters or leaves the table of the registry. An item that is destroyed leaves by itself.
+  // Record that an item enters or leaves the registry's table. A destroyed item leaves by itself.
   void enter(KLNPublishedObject& item);
   void leave(KLNPublishedObject& item);
 
-  // Answers with all items of this moment: at once if one step is enough. Drops the request when
+  // Answers with a snapshot of all items, at once if one step is enough. Drops the request when
   // `asker` ends, since the reply keeps that connection alive.
   void begin(bool withData, const std::shared_ptr<xpc::Connection>& asker, Reply reply);
-  // Call it while the connection still exists.
+  // Drops the requests of a connection that ends but still exists.
   void connectionEnds(const std::shared_ptr<xpc::Connection>& connection);
 
-  // The number of the last dump that began. An item captured for it is missing in no dump.
+  // Returns the number of the last dump that began. An item captured for it is missing in no dump.
   std::uint64_t lastNumber() const { return lastNumber_; }
   // Captures the item for all dumps that lack it.
   void capture(KLNPublishedObject& item);

@@ -7,7 +7,7 @@
 namespace keel {
 namespace {
 
-// The user info of an answer to an exception.
+// Checks the user info of an exception's error.
 void expectException(const Error& error, std::string_view nameKey, std::string_view exceptionName,
                      std::string_view reason) {
   EXPECT_EQ(error.domain(), String(KLNErrorDomain));
@@ -41,7 +41,7 @@ TEST_F(NotificationHandler, AnExceptionWhilePublishingIsAnswered) {
   EXPECT_EQ(lines().back(),
             errorLine("NotificationHandler: publishItem: received an exception publishing n"));
   EXPECT_TRUE(one.handler()->publishedItems().empty());
-  // The connection goes on.
+  // The connection still works.
   service->makePublishBehavior = nullptr;
   mustPublish(one, "n", 1);
 }

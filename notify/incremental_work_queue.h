@@ -9,18 +9,18 @@ namespace keel {
 
 class SerialQueue;
 
-// Runs the registry's long work in steps, between which other requests run. However much of it
-// there is, one block of the input queue runs one step, and the pieces of work take turns. Held by
-// NotificationWork and by the block that it has queued. Lives on the notification input queue.
+// Runs the registry's long work in steps, between which other requests run: one block of the input
+// queue runs one step, round-robin over the pieces of work. Owned by NotificationWork and by the
+// block it has queued. Lives on the notification input queue.
 class IncrementalWorkQueue : public std::enable_shared_from_this<IncrementalWorkQueue> {
  public:
   // Runs one step, of about 0.1 ms, and returns true while work remains. The reactor runs up to 16
-  // blocks that queue one another before it looks at the sockets again.
+  // rounds of blocks before it polls the sockets again.
   using Step = std::move_only_function<bool()>;
 
   explicit IncrementalWorkQueue(std::shared_ptr<SerialQueue> inputQueue);
 
-  // Queues the first step behind the blocks that wait already.
+  // Queues the first step behind the blocks already queued.
   void add(Step step);
 
  private:

@@ -27,7 +27,7 @@ bool refuse(Error* error, int code, Dictionary userInfo = nullptr) {
   return false;
 }
 
-// An owner that is gone is nobody, and so is null.
+// Neither null nor an owner that is gone owns anything.
 bool isOwner(const KLNPublishedObject& item, const std::shared_ptr<xpc::Connection>& connection) {
   return connection && item.owner() == connection;
 }

@@ -11,8 +11,8 @@ class IncrementalWorkQueue;
 class SerialQueue;
 class UpdateCoalescer;
 
-// How the work of one registry is queued. Made with the registry, and handed to whoever queues work
-// for it. Lives on the notification input queue.
+// The queues of one registry. Owned by the registry and borrowed by its handlers. Lives on the
+// notification input queue.
 class NotificationWork {
  public:
   // `executor` is borrowed.

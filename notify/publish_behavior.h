@@ -11,25 +11,25 @@ namespace keel {
 class Delivery;
 class KLNPublishedObject;
 
-// The plain way in which an item takes news: stores, dates and passes them on to every subscriber,
-// in the set's order. Lives on the notification input queue. Held by its item, to which it refers
-// weakly; without an item it does nothing.
+// Stores and dates the updates of an item and delivers them to every subscriber, in the set's
+// order. Lives on the notification input queue. Owned by its item, to which it refers weakly;
+// without an item it does nothing.
 class KLNPublishBehavior final : public protocols::PublishBehavior,
                                  public std::enable_shared_from_this<KLNPublishBehavior> {
  public:
-  // Serves that item from now on, as its delegate. Null: serves none.
+  // Becomes the delegate of `item`; null detaches it.
   void addTarget(const std::shared_ptr<KLNPublishedObject>& item);
 
-  // Equal data are news too.
+  // Delivers equal data, too.
   void updateWithData(Dictionary data) override;
   void updateWithBatch(std::span<const Dictionary> batch) override;
-  // Data and date stay.
+  // Delivers the error; data and date stay.
   void updateWithError(Error error) override;
-  // Sends errPublisherDisconnected, then leaves the item, which becomes a placeholder. Whoever
-  // calls holds this behaviour.
+  // Delivers errPublisherDisconnected, then detaches itself: the item becomes a placeholder. The
+  // caller keeps this behaviour alive.
   void connectionIsInvalid() override;
-  // An item that is followed becomes a placeholder with its data and subscribers, who are not told;
-  // any other is left as it is.
+  // Makes an item with subscribers a placeholder and returns false; nothing is delivered. Leaves
+  // any other item as it is and returns true.
   bool remove() override;
   void addSubscriber(std::shared_ptr<KLNSubscriptionObject> subscriber) override;
   void removeSubscriber(const std::shared_ptr<KLNSubscriptionObject>& subscriber) override;

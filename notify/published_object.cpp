@@ -38,8 +38,7 @@ std::shared_ptr<KLNSubscriptionObject> KLNPublishedObject::subscriberForConnecti
   return subscribers_ ? subscribers_->lastOwnedBy(connection) : nullptr;
 }
 
-// Each of these holds the behaviour while it works: some of what a behaviour does takes it off the
-// item.
+// Each of these keeps the behaviour alive during the call, which may detach it from the item.
 
 void KLNPublishedObject::updateWithData(Dictionary data) {
   updateWithBatch({&data, 1});

@@ -19,23 +19,23 @@ namespace xpc {
 class Connection;
 }
 
-// All that is known of one name: its data, when they were set, who publishes it, who follows it.
-// Lives on the notification input queue. Held by the registry and by its publisher's handler; it
-// holds its behaviour and its subscriptions, and refers to its publisher weakly. Without a
-// behaviour it is a placeholder: it keeps what it has and waits for a publisher.
+// One name of the registry: its data, their date, its publisher and its subscribers. Lives on the
+// notification input queue. Owned by the registry and by its publisher's handler; owns its
+// behaviour and its subscriptions, and refers to its publisher weakly. Without a behaviour it is a
+// placeholder: it keeps its data and subscribers until somebody publishes the name.
 class KLNPublishedObject final : public protocols::PublishBehavior {
  public:
-  // An item with no name and no set of subscribers: subscribers added to it are not recorded.
+  // Creates an item without a name or a subscriber set: it ignores subscribers that are added.
   static std::shared_ptr<KLNPublishedObject> init();
-  // Null name: logs and yields nothing.
+  // Logs and returns null if `name` is null.
   static std::shared_ptr<KLNPublishedObject> initWithName(Name name);
   ~KLNPublishedObject() override;
   KLNPublishedObject(const KLNPublishedObject&) = delete;
   KLNPublishedObject& operator=(const KLNPublishedObject&) = delete;
 
-  // Captures the item for the dumps in progress that lack it. Call it before changing anything of
-  // this item or its subscriptions that a dump shows; the setters here do so themselves. Otherwise
-  // it is one comparison.
+  // Captures the item for the dumps in progress that lack it. Must precede each change to this item
+  // or its subscriptions that a dump shows; the setters here call it. Without such a dump it costs
+  // one comparison.
   void willChange() {
     if (dumpEntry_.coordinator != nullptr &&
         dumpEntry_.capturedFor < dumpEntry_.coordinator->lastNumber()) [[unlikely]] {
@@ -43,12 +43,12 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
     }
   }
 
-  // The last subscription of that connection, in the set's order; null when it has none.
+  // Returns the last subscription of that connection, in the set's order, or null.
   std::shared_ptr<KLNSubscriptionObject> subscriberForConnection(
       const std::shared_ptr<xpc::Connection>& connection);
 
-  // The behaviour's business where there is one. A placeholder stores data without a date and tells
-  // nobody, ignores errors, may always be dropped, and keeps its set of subscribers itself.
+  // Forwarded to the behaviour. A placeholder stores data without date and deliveries, ignores
+  // errors, may always be dropped, and manages its subscriber set itself.
   void updateWithData(Dictionary data) override;
   void updateWithBatch(std::span<const Dictionary> batch) override;
   void updateWithError(Error error) override;
@@ -62,8 +62,7 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
     delegate_ = std::move(delegate);
   }
   const Dictionary& data() const { return data_; }
-  // Data that is replaced is its publisher's no more: whoever reads slowly keeps it at the daemon's
-  // expense.
+  // Charges the replaced data to the process: from now on only slow readers keep it alive.
   void setData(Dictionary data) {
     willChange();
     if (data_.buffer() && data_.buffer()->isShared())
@@ -81,10 +80,10 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
     willChange();
     name_ = std::move(name);
   }
-  // The publisher's connection; null once it is gone.
+  // Returns the publisher's connection, or null once it is gone.
   std::shared_ptr<xpc::Connection> owner() const { return owner_.lock(); }
   const std::weak_ptr<xpc::Connection>& ownerReference() const { return owner_; }
-  // Whether its owner is, or was, that very connection.
+  // Returns true if `connection` is or was the owner.
   bool isOwnedBy(const std::weak_ptr<xpc::Connection>& connection) const {
     return sameObject(owner_, connection);
   }
@@ -97,10 +96,10 @@ class KLNPublishedObject final : public protocols::PublishBehavior {
 
  private:
   friend class DumpCoordinator;
-  // Its place among the items of a registry; without a desk it is in no table.
+  // Its links in the list of the registry's items; null coordinator: it is in no table.
   struct DumpEntry {
     DumpCoordinator* coordinator = nullptr;
-    std::uint64_t capturedFor = 0;  // the last dump it was described for
+    std::uint64_t capturedFor = 0;  // the last dump it was captured for
     KLNPublishedObject* previous = nullptr;
     KLNPublishedObject* next = nullptr;
   };

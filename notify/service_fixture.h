@@ -21,7 +21,7 @@ class NotificationService : public NotifyTest {
     return service->newPublishedObjectWith(number(value), std::move(name), 0, 0,
                                            client.connection());
   }
-  // Publishes, which must succeed; the item that then stands for the name.
+  // Publishes, which must succeed, and returns the entry of that name.
   std::shared_ptr<KLNPublishedObject> mustPublish(Name name, int value, const FakeClient& client) {
     auto item = newItem(std::move(name), value, client);
     EXPECT_TRUE(service->publish(item, nullptr));

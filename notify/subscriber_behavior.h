@@ -9,17 +9,15 @@ namespace keel {
 
 class KLNSubscriptionObject;
 
-// The plain way in which news of a name reaches its client: each as one message to what the client
-// exports, sent without waiting. Lives on the notification input queue. Held by its subscription,
-// to which it refers weakly.
+// Sends the updates of one subscription to its client, without waiting. Lives on the notification
+// input queue. Owned by its subscription, to which it refers weakly.
 class SubscriberBehavior final : public protocols::SubscriberBehavior,
                                  public std::enable_shared_from_this<SubscriberBehavior> {
  public:
-  // Serves that subscription from now on, as its delegate. Null: serves none.
+  // Becomes the delegate of `subscription`; null detaches it.
   void addTarget(const std::shared_ptr<KLNSubscriptionObject>& subscription);
 
-  // As KLNSubscriptionObject says of itself. A subscription that is gone counts as one whose client
-  // is gone.
+  // See KLNSubscriptionObject. A subscription that is gone is treated like a client that is gone.
   void updateWithData(const Dictionary& data) override;
   void updateWithError(Error error) override;
   void deliver(Delivery& delivery) override;
@@ -34,7 +32,7 @@ class SubscriberBehavior final : public protocols::SubscriberBehavior,
  private:
   void deliverData(Delivery& delivery);
   void deliverError(Delivery& delivery);
-  // The same without counting, for as long as the caller holds it.
+  // Borrows it, without counting a reference.
   KLNSubscriptionObject* borrowedSubscriber() const {
     return subscriber_.expired() ? nullptr : borrowedSubscriber_;
   }

@@ -15,45 +15,44 @@ namespace keel {
 
 class KLNPublishedObject;
 
-// What one client follows: a name, and the behaviour that brings its news to that client. Lives on
-// the notification input queue. Held by the item that it follows and by its client's handler; it
-// holds its behaviour, and neither the client nor the item. With a behaviour (the running daemon
-// gives one to each) every operation is the behaviour's; without, it serves itself.
+// Follows one name on behalf of one client. Lives on the notification input queue. Owned by the
+// item it follows and by its client's handler; owns its behaviour, and refers to client and item
+// weakly. Forwards every operation to its behaviour, which each has in the running daemon; without
+// one it sends to the client itself.
 class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
                                     public std::enable_shared_from_this<KLNSubscriptionObject> {
  public:
-  // Nothing, as for a null name.
+  // Logs and returns null, as for a null name.
   static std::shared_ptr<KLNSubscriptionObject> init();
-  // Null name: logs and yields nothing. A null connection is accepted.
+  // Logs and returns null if `name` is null. `andConnection` may be null.
   static std::shared_ptr<KLNSubscriptionObject> initWithName(
       Name name, const std::shared_ptr<xpc::Connection>& andConnection);
 
-  // Sends `data` to the client and returns at once; `data` may be null (an item without data). A
-  // client that is gone: logged, nothing sent, lastUpdated() unchanged. A failure to send is logged
-  // later and changes nothing.
+  // Sends `data`, which may be null (an item without data), to the client; never blocks. If the
+  // client is gone: logs, sends nothing, leaves lastUpdated() unchanged. A failure to send is
+  // logged later and changes nothing.
   void updateWithData(const Dictionary& data) override;
-  // The same with an error. An error whose code is errPublisherDisconnected, of whatever domain, is
-  // dropped: the client hears of the name again when somebody publishes it.
+  // Sends `error` likewise. Drops an error with the code errPublisherDisconnected, of any domain:
+  // the client receives data again once somebody publishes the name.
   void updateWithError(Error error) override;
-  // Either of the two, as the delivery has it.
+  // Sends the delivery's batch or error.
   void deliver(Delivery& delivery) override;
-  // The client is gone: leaves the item, whose `target` it no longer is. The second time there is
-  // nothing to leave.
+  // Leaves the item and clears target(), since the client is gone. Idempotent.
   void connectionIsInvalid() override;
 
   const std::shared_ptr<protocols::SubscriberBehavior>& delegate() const { return delegate_; }
   void setDelegate(std::shared_ptr<protocols::SubscriberBehavior> delegate) {
     delegate_ = std::move(delegate);
   }
-  // When something was last sent to the client. Whoever delivers tells the item before
-  // (KLNPublishedObject::willChange()).
+  // When something was last sent to the client. Deliveries call KLNPublishedObject::willChange() of
+  // the item before they change it.
   const std::optional<Date>& lastUpdated() const { return lastUpdated_; }
   void setLastUpdated(std::optional<Date> date) { lastUpdated_ = date; }
-  // Once per delivery: an optional that is built to be copied costs more than the rest of it.
+  // Avoids the temporary optional, which costs more than the rest of this call, once per delivery.
   void setLastUpdated(Date date) { lastUpdated_ = date; }
-  // The client's connection; null once it is gone.
+  // Returns the client's connection, or null once it is gone.
   std::shared_ptr<xpc::Connection> owner() const { return owner_.lock(); }
-  // The same without counting: good until whoever calls lets the input queue go on.
+  // Borrows it without counting a reference: valid until the running block ends.
   xpc::Connection* borrowedOwner() const { return owner_.expired() ? nullptr : borrowedOwner_; }
   const std::weak_ptr<xpc::Connection>& ownerReference() const { return owner_; }
   void setOwner(const std::shared_ptr<xpc::Connection>& owner);
@@ -63,15 +62,15 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
   const Name& name() const { return name_; }
   void setName(Name name) { name_ = std::move(name); }
 
-  // Whether owner() is `connection`, which is not null; cheaper than asking owner().
+  // Returns true if `connection`, which is not null, is the owner; cheaper than owner().
   bool isOwnedBy(const std::shared_ptr<xpc::Connection>& connection) const {
     return sameObject(owner_, connection);
   }
-  // How often setOwner() has changed the owner of any subscription; on the input queue.
+  // Counts the owner changes of all subscriptions by setOwner(). On the input queue.
   static std::uint64_t ownerChangeCount();
 
  private:
-  // Made by initWithName() alone, together with its count.
+  // Only initWithName() constructs, with make_shared.
   struct Making {
     explicit Making() = default;
   };
@@ -87,8 +86,7 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
   std::shared_ptr<protocols::SubscriberBehavior> delegate_;
   std::optional<Date> lastUpdated_;
   std::weak_ptr<xpc::Connection> owner_;
-  // Connections are destroyed on the thread of the input queue, so one that lives goes on living
-  // while a block runs.
+  // Connections are destroyed on the input queue's thread, so none disappears while a block runs.
   xpc::Connection* borrowedOwner_ = nullptr;
   std::weak_ptr<KLNPublishedObject> target_;
   Name name_;

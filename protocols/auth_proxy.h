@@ -11,14 +11,14 @@
 
 namespace keel::protocols {
 
-// What the service "com.vantor.keeld.auth" does for its clients: proof that a user is an
-// administrator. A success is remembered under the audit session of the calling connection. A null
-// error means success; codes 5, 6 and 14 are of KLNErrorDomain.
+// The service "com.vantor.keeld.auth": proof that a user is an administrator. A success is recorded
+// under the audit session of the calling connection. A null error means success; codes 5, 6 and 14
+// are of KLNErrorDomain.
 class AuthProxy {
  public:
   virtual ~AuthProxy() = default;
 
-  // Says that the service is alive: a null error.
+  // Replies with a null error, as a sign of life.
   virtual void authServiceCheckWithHandler(xpc::Reply<Error> handler) = 0;
 
   // Codes 5, 14.
@@ -28,10 +28,10 @@ class AuthProxy {
   // Authorization Services in NSOSStatusErrorDomain, code 14.
   virtual void authenticateForUser(String user, Data form, xpc::Reply<Error> withHandler) = 0;
 
-  // The realm of the challenges below.
+  // Replies with the realm of the challenges below.
   virtual void authGetDefaultRealm(xpc::Reply<String, Error> handler) = 0;
 
-  // Both reply with the challenge, the ID under which its answer is awaited, and a null error.
+  // Reply with the challenge, the ID to answer it under, and a null error.
   virtual void authBasicStartWithHandler(xpc::Reply<String, String, Error> handler) = 0;
   virtual void authDigestStartWithHandler(xpc::Reply<String, String, Error> handler) = 0;
 
@@ -39,7 +39,7 @@ class AuthProxy {
   virtual void authValidate(String answer, String andID,
                             xpc::Reply<String, String, Error> withHandler) = 0;
 
-  // Whether anybody was proved an administrator in that audit session.
+  // Replies true if anybody was proved an administrator in that audit session.
   virtual void isAuthedASID(std::int32_t asid, xpc::Reply<bool> withHandler) = 0;
 };
 

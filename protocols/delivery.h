@@ -15,9 +15,9 @@
 
 namespace keel {
 
-// News of one name on its way to everybody who follows it: a batch of one or more versions of the
-// data, or an error. Made where the news is, and passed by reference along one path to the output
-// queue of every subscriber's connection. Lives on the notification input queue.
+// One fan-out of a name to all its subscribers: a batch of one or more versions of the data, or an
+// error. Created by the publish behaviour and passed by reference down to the output queue of every
+// subscriber's connection. Lives on the notification input queue.
 class Delivery {
  public:
   // The versions, oldest first, null for an item without data; borrowed, as the name is.
@@ -64,14 +64,14 @@ class Delivery {
   std::size_t callCount() const { return error_ ? 1 : batch_.size(); }
   static std::expected<std::int64_t, Error> indexAt(const xpc::Connection& connection);
   static Error tooLarge();
-  // Null when it would be too large to send.
+  // Returns null if it would be too large to send.
   const xpc::OutgoingMessage* messageFor(xpc::Connection& connection, std::int64_t methodIndex);
   bool encode(xpc::OutgoingMessage& message, std::int64_t methodIndex, bool takesDescriptors) const;
 
   const Name& name_;
   const std::span<const Dictionary> batch_;
   const Error& error_;
-  // Without and with descriptors.
+  // For peers without and with descriptors.
   std::array<Encoding, 2> encodings_;
 };
 

@@ -11,19 +11,20 @@
 
 namespace keel::protocols {
 
-// What the service "com.vantor.keeld.notify" does for its clients. A null error means success;
+// The service "com.vantor.keeld.notify". A null error means success;
 // error codes are those of KLNErrorDomain (platform/product/product.h).
 class NotifyProxy {
  public:
   virtual ~NotifyProxy() = default;
 
-  // Whether `user` was proved an administrator in that audit session. The error is always null.
+  // Replies true if `user` was proved an administrator in that audit session; the error is always
+  // null.
   virtual void authCheckForUser(String user, std::int32_t andASID,
                                 xpc::Reply<bool, Error> withHandler) = 0;
 
-  // Follows `name`, published or not. The dictionary of the reply is always null; the data arrives
-  // through SubscriberProxy, first right behind the reply when an item of that name exists. Codes
-  // 9, 12, 13.
+  // Follows `name`, published or not. The dictionary of the reply is always null. Data arrives
+  // through SubscriberProxy, the current value right behind the reply if the item exists. Codes 9,
+  // 12, 13.
   virtual void subscribeTo(Name name, std::uint64_t withFlags,
                            xpc::Reply<Dictionary, Error> andHandler) = 0;
 
@@ -39,12 +40,12 @@ class NotifyProxy {
   // Withdraws a name that this connection publishes. Codes 10, 11.
   virtual void removePublishedItemForName(Name name, xpc::Reply<Error> withHandler) = 0;
 
-  // "keel_" + short name of each enabled module, to the service name of its job.
+  // Replies with a map from "keel_" + short name of each enabled module to its job's service name.
   virtual void getModuleTableWithHandler(xpc::Reply<Dictionary> handler) = 0;
 
-  // Describes the item of that name, or all for "_all": as they were when it was this request's
-  // turn, though deliveries of later changes may come before the answer. Code 11 with an empty
-  // array for an unknown name.
+  // Describes the item of that name, or all for "_all": a snapshot of the moment at which the
+  // request was served, though deliveries of later changes may precede the reply. Code 11 with an
+  // empty array for an unknown name.
   virtual void dumpNotification(Name name, bool withData, xpc::Reply<Array, Error> andHandler) = 0;
 };
 

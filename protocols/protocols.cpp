@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Compiles every protocol once, so that its method table is checked even before anybody uses it.
+// Compiles every protocol once, so that its method table is checked even without a user.
 #include "protocols/auth_proxy.h"
 #include "protocols/delivery.h"
 #include "protocols/notify_proxy.h"

@@ -13,19 +13,19 @@ class KLNSubscriptionObject;
 
 namespace keel::protocols {
 
-// How a published item takes updates and passes them on. On the notification input queue.
+// Handles the updates of a published item. Lives on the notification input queue.
 class PublishBehavior {
  public:
   virtual ~PublishBehavior() = default;
   virtual void updateWithData(Dictionary data) = 0;
-  // Updates with each of `batch`, which is not empty, in order and with nothing in between.
+  // Applies `batch`, which is not empty, in order and with nothing in between.
   virtual void updateWithBatch(std::span<const Dictionary> batch) {
     for (const Dictionary& data : batch) updateWithData(data);
   }
   virtual void updateWithError(Error error) = 0;
-  // The publisher's connection has ended.
+  // Called when the publisher's connection has ended.
   virtual void connectionIsInvalid() = 0;
-  // Whether the item may be dropped: nobody follows it.
+  // Returns true if the item may be dropped, since it has no subscribers.
   virtual bool remove() = 0;
   virtual void addSubscriber(std::shared_ptr<KLNSubscriptionObject> subscriber) = 0;
   virtual void removeSubscriber(const std::shared_ptr<KLNSubscriptionObject>& subscriber) = 0;

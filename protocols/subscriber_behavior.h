@@ -10,16 +10,15 @@ class Delivery;
 
 namespace keel::protocols {
 
-// How updates of a followed name reach the client that follows it. On the notification input queue.
+// Sends updates of a followed name to its client. Lives on the notification input queue.
 class SubscriberBehavior {
  public:
   virtual ~SubscriberBehavior() = default;
   virtual void updateWithData(const Dictionary& data) = 0;
   virtual void updateWithError(Error error) = 0;
-  // Passes on what an item delivers to all who follow it. Unless overridden, one call of the above
-  // for each update in it.
+  // Sends the updates of a delivery. The default calls the above once for each.
   virtual void deliver(Delivery& delivery);
-  // The subscriber's own connection has ended.
+  // Called when the subscriber's own connection has ended.
   virtual void connectionIsInvalid() = 0;
 };
 

@@ -11,17 +11,17 @@
 
 namespace keel::protocols {
 
-// What a client of the notify service exports, to hear of what it follows.
+// Exported by clients of the notify service, to receive the names they follow.
 class SubscriberProxy {
  public:
   virtual ~SubscriberProxy() = default;
 
-  // New data of a followed name (`item`, null when there is none yet, with a null error), or an
-  // error (with a null item). The flags are always 0.
+  // Delivers data of a followed name (null if it has none yet) with a null error, or an error with
+  // a null item. The flags are always 0.
   virtual void updateSubscriptionFor(Name name, Dictionary withItem, std::uint64_t flags,
                                      Error error) = 0;
 
-  // Part of every client's interface; the daemon never asks.
+  // Part of every client's interface; the daemon never calls it.
   virtual void getClientInfoViaHandler(xpc::Reply<Dictionary> handler) = 0;
 };
 

@@ -6,18 +6,18 @@
 
 namespace keel {
 
-// What the accounts of this machine say about a user. Both may block for seconds, and tell a
-// refusal no sooner than RefusalTime says; from any thread.
+// Checks users against this machine's accounts. Both calls may block for seconds, and return a
+// refusal no earlier than RefusalTime allows; from any thread.
 class AccountCheck {
  public:
   using Clock = std::chrono::steady_clock;
 
   virtual ~AccountCheck() = default;
 
-  // Whether that is the user's password, and the account may be used now.
+  // Returns true if the password is the user's and the account may be used now.
   virtual bool isPassword(std::string_view user, std::string_view password) = 0;
-  // Whether the account may be used now: it is there, and neither locked nor expired. For the last
-  // step of an attempt that proved its user otherwise, and began at `attemptStart`.
+  // Returns true if the account may be used now: it exists and is neither locked nor expired. The
+  // last step of an attempt that authenticated its user by other means and began at `attemptStart`.
   virtual bool mayBeUsed(std::string_view user, Clock::time_point attemptStart) = 0;
 };
 

@@ -9,15 +9,15 @@
 
 namespace keel {
 
-// HTTP Basic (RFC 7617): the client sends the account's own name and password. There is no text in
-// return. An answer that makes no sense is refused at once.
+// HTTP Basic (RFC 7617): the client sends the account's own name and password. There is no response
+// text. A malformed answer is refused immediately.
 class BasicAuthenticator final : public QZAuthenticator {
  public:
   // `accounts` is borrowed.
   BasicAuthenticator(std::string realm, AccountCheck& accounts)
       : realm_(std::move(realm)), accounts_(accounts) {}
 
-  // The scheme does not look at it.
+  // Unused by the scheme.
   void setMethod(String) override {}
   String generateInitialResponse() override;
   bool validateChallenge(const String& answer, String* generateResponse) override;

@@ -14,7 +14,7 @@ namespace keel {
 
 namespace {
 
-// Nobody guesses it, and it never comes twice.
+// Unguessable and unique.
 std::string randomMark() {
   std::array<unsigned char, 24> bytes;
   KEEL_CHECK(::getentropy(bytes.data(), bytes.size()) == 0);
@@ -57,7 +57,7 @@ bool DigestAuthenticator::validateChallenge(const String& answer, String* genera
   if (!parsed || !fits(*parsed)) return false;
   const auto start = refusalTime_.now();
   const auto credentials = store_.find(*parsed);
-  // Without credentials the same is done with others, which nobody has.
+  // Without credentials, verify against random ones, so that the work is the same.
   const std::string nobody(hexLettersOf(parsed->algorithm), '0');
   const std::string_view digest = credentials ? credentials->digest.text() : nobody;
   const auto expected = proof(*parsed, digest, method_.view());

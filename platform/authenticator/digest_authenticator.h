@@ -11,13 +11,13 @@
 
 namespace keel {
 
-// HTTP Digest (RFC 7616) with SHA-256 or MD5, qop "auth", and a nonce that only this authenticator
-// takes, once. The challenge has a line for each algorithm. Users may hide their names (userhash).
-// An answer that does not fit the challenge is refused at once; all others, whether the user is
-// unknown, the answer wrong or the account locked, at the same time.
+// HTTP Digest (RFC 7616) with SHA-256 or MD5, qop "auth", and a one-time nonce that only this
+// authenticator accepts. The challenge has one line per algorithm. Users may hide their names
+// (userhash). An answer that does not match the challenge is refused immediately; all other
+// refusals, for an unknown user, a wrong answer or a locked account, take the same time.
 class DigestAuthenticator final : public QZAuthenticator {
  public:
-  // What makes a challenge different from every other.
+  // The values that make a challenge unique.
   struct Marks {
     std::string nonce;
     std::string opaque;
@@ -35,8 +35,8 @@ class DigestAuthenticator final : public QZAuthenticator {
 
  private:
   bool fits(const DigestAnswer& answer) const;
-  // The digest that proves who knows the credentials' digest: of METHOD:URI on the way here, of
-  // :URI on the way back.
+  // Returns the digest that proves knowledge of the credentials' digest: over METHOD:URI in a
+  // request, over :URI in a response.
   std::optional<Secret> proof(const DigestAnswer& answer, std::string_view credentials,
                               std::string_view method) const;
 

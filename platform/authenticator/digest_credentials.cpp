@@ -9,7 +9,7 @@ namespace keel {
 
 namespace {
 
-// Calls `take(line)` for each line, without its end.
+// Calls `take(line)` for each line, without its newline.
 template <class Take>
 void forEachLine(std::string_view text, Take take) {
   while (!text.empty()) {
@@ -36,7 +36,7 @@ std::optional<DigestCredentials::Line> parsed(std::string_view line) {
   return std::nullopt;
 }
 
-// Puts text into memory that is known to suffice.
+// Writes text into a buffer of sufficient size.
 class Writer {
  public:
   explicit Writer(std::size_t sizeBytes) : text_(sizeBytes) {}
@@ -79,7 +79,7 @@ Secret DigestCredentials::without(std::string_view user, std::string_view realm)
 
 Secret DigestCredentials::with(std::string_view user, std::string_view realm,
                                std::span<const Secret> digests) const {
-  std::size_t size = text_.text().size() + 1;  // the last line may lack its end
+  std::size_t size = text_.text().size() + 1;  // the last line may lack its newline
   for (const Secret& digest : digests)
     size += user.size() + realm.size() + digest.text().size() + 3;
   Writer writer(size);

@@ -11,10 +11,10 @@
 
 namespace keel {
 
-// The text of a file of digest credentials: lines of USER:REALM:DIGEST as htdigest(1) writes them,
-// the digest that of USER:REALM:PASSWORD. It is as good as the password for whoever answers
-// challenges of that realm. A digest of 32 letters is MD5, one of 64 is SHA-256. Empty lines, and
-// lines that begin with "#", are left alone. Immutable.
+// The text of a digest credentials file: lines of USER:REALM:DIGEST as htdigest(1) writes them, the
+// digest being that of USER:REALM:PASSWORD. The digest is as good as the password for answering
+// challenges of that realm. 32 hexadecimal digits are MD5, 64 are SHA-256. Empty lines and lines
+// that begin with "#" are ignored. Immutable.
 class DigestCredentials {
  public:
   struct Line {
@@ -26,19 +26,18 @@ class DigestCredentials {
 
   explicit DigestCredentials(Secret text);
 
-  // In the order of the text, in which they lie.
+  // In the order of the text; the views point into it.
   const std::vector<Line>& lines() const { return lines_; }
-  // The numbers, counted from 1, of those that make no sense and count for nothing.
+  // The numbers, from 1, of malformed lines, which are ignored.
   const std::vector<std::size_t>& badLines() const { return badLines_; }
 
-  // The text without the lines of that user in that realm, and all others as they are; and the same
-  // with lines for these digests behind them.
+  // Return the text without the lines of that user in that realm, all others unchanged; with()
+  // appends lines for `digests`.
   Secret without(std::string_view user, std::string_view realm) const;
   Secret with(std::string_view user, std::string_view realm, std::span<const Secret> digests) const;
 
-  // Whether these can stand in a line: not empty, and neither ":" nor a control character in them;
-  // nor does a user begin with
-  // "#".
+  // Return true for a name that can appear in a line: not empty, no ":" and no control character; a
+  // user does not begin with "#" either.
   static bool canBeUser(std::string_view user);
   static bool canBeRealm(std::string_view realm);
 

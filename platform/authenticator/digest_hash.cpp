@@ -16,7 +16,7 @@ struct Freeing {
   void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
 
-// Null where it is not offered. Looked up once and kept: that is the dear part.
+// Returns null if it is not offered. Cached, since the lookup is the expensive part.
 const EVP_MD* fetched(DigestAlgorithm algorithm) {
   static const EVP_MD* const md5 = EVP_MD_fetch(nullptr, "MD5", nullptr);
   static const EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA2-256", nullptr);
@@ -36,7 +36,7 @@ std::size_t hexLettersOf(DigestAlgorithm algorithm) {
 std::optional<Secret> digestOf(DigestAlgorithm algorithm,
                                std::initializer_list<std::string_view> parts) {
   const EVP_MD* const method = fetched(algorithm);
-  // Its memory is wiped when it is freed.
+  // Freeing it wipes its memory.
   const std::unique_ptr<EVP_MD_CTX, Freeing> context(EVP_MD_CTX_new());
   if (method == nullptr || !context || EVP_DigestInit_ex2(context.get(), method, nullptr) != 1)
     return std::nullopt;

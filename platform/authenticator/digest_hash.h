@@ -13,22 +13,22 @@ namespace keel {
 enum class DigestAlgorithm : std::uint8_t { md5, sha256 };
 
 inline constexpr DigestAlgorithm kDigestAlgorithms[] = {
-    DigestAlgorithm::sha256, DigestAlgorithm::md5};  // the preferred first
+    DigestAlgorithm::sha256, DigestAlgorithm::md5};  // in order of preference
 
-// As challenges and answers call it: "MD5", "SHA-256".
+// Returns the name used in challenges and answers: "MD5", "SHA-256".
 std::string_view nameOf(DigestAlgorithm algorithm);
-// How many letters a digest has: 32, 64.
+// Returns the length of a digest in hexadecimal digits: 32, 64.
 std::size_t hexLettersOf(DigestAlgorithm algorithm);
 
-// The digest, in lower-case hexadecimal letters, of the parts with ":" between them. Nothing where
-// the system's cryptography does not offer the algorithm, as it may refuse MD5.
+// Returns the digest, in lower-case hexadecimal digits, of the parts joined by ":". Returns nothing
+// if the system's cryptography does not offer the algorithm; it may refuse MD5.
 std::optional<Secret> digestOf(DigestAlgorithm algorithm,
                                std::initializer_list<std::string_view> parts);
 
-// Whether digestOf() works.
+// Returns true if digestOf() supports the algorithm.
 bool isOffered(DigestAlgorithm algorithm);
 
-// In a time that depends on their sizes alone.
+// Compares in time that depends only on the sizes.
 bool areEqual(std::string_view left, std::string_view right);
 
 }  // namespace keel

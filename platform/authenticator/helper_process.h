@@ -9,12 +9,12 @@
 
 namespace keel {
 
-// What became of one question to a helper program.
+// Outcome of one request to a helper program.
 struct HelperAnswer {
   enum class Outcome : std::uint8_t {
     answered,
     notStarted,  // `detail` is the errno
-    ended,   // it ended, or hung up, without an answer; `detail` is the signal that ended it, or 0
+    ended,  // it exited, or hung up, without an answer; `detail` is the signal that killed it, or 0
     silent,  // no answer until the deadline
   };
   Outcome outcome;
@@ -22,12 +22,12 @@ struct HelperAnswer {
   int detail = 0;
 };
 
-// Runs `program` in a process of its own, gives it one packet and takes one byte. Blocks until
-// there is an answer, or the deadline. From any thread.
+// Runs `program` in its own process, sends it one packet and receives one byte. Blocks until the
+// answer or the deadline. From any thread.
 //
-// The program has its end of a SOCK_SEQPACKET socket as descriptor 3, /dev/null as 0 to 2, and no
-// others; no arguments but its own path, no environment; default signals, a session of its own.
-// When this returns it has been killed, with its session's children that did not leave its process
+// The program gets its end of a SOCK_SEQPACKET socket as descriptor 3, /dev/null as 0 to 2, and no
+// other descriptors; no arguments but its own path, no environment; default signals, its own
+// session. On return it has been killed, together with those of its children still in its process
 // group, and reaped.
 HelperAnswer askHelper(const std::string& program, std::span<const std::byte> question,
                        std::chrono::milliseconds deadline);

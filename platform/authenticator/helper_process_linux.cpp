@@ -18,9 +18,9 @@
 #include "runtime/foundation/check.h"
 #include "runtime/foundation/file_descriptor.h"
 
-// The daemon has many threads, so nothing may run between fork and exec that could wait for a lock:
-// posix_spawn(3) sees to that. It shares the daemon's memory until the exec, so it does not slow
-// down as the daemon grows, either.
+// The daemon is multi-threaded, so nothing may take a lock between fork and exec; posix_spawn(3)
+// guarantees that. It shares the daemon's memory until the exec, so its cost does not grow with the
+// daemon.
 
 namespace keel {
 
@@ -40,7 +40,7 @@ class SpawnSettings {
   explicit SpawnSettings(int socket) {
     ::posix_spawn_file_actions_init(&actions_);
     ::posix_spawnattr_init(&attributes_);
-    // First, since the socket may itself be one of the descriptors below.
+    // First, since the socket may be one of the descriptors below.
     add(::posix_spawn_file_actions_adddup2(&actions_, socket, kHelperSocket));
     for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
       add(::posix_spawn_file_actions_addopen(&actions_, standard, "/dev/null", O_RDWR, 0));
@@ -61,7 +61,7 @@ class SpawnSettings {
   SpawnSettings(const SpawnSettings&) = delete;
   SpawnSettings& operator=(const SpawnSettings&) = delete;
 
-  // The process's id, or an errno.
+  // Returns the pid, or an errno.
   std::expected<pid_t, int> spawn(std::string program) {
     if (problem_ != 0) return std::unexpected(problem_);
     std::array<char*, 2> arguments{program.data(), nullptr};
@@ -81,10 +81,10 @@ class SpawnSettings {
   int problem_ = 0;
 };
 
-// A child process that does not outlive this.
+// A child process that does not outlive this object.
 class Child {
  public:
-  // Fails with an errno; then there is no such process any more.
+  // Fails with an errno; the process is then gone.
   static std::expected<Child, int> run(const std::string& program, int socket) {
     const auto pid = SpawnSettings(socket).spawn(program);
     if (!pid) return std::unexpected(pid.error());
@@ -99,21 +99,21 @@ class Child {
   Child& operator=(Child&&) = delete;
   ~Child() { end(); }
 
-  // Readable when it has ended.
+  // Readable once the process has exited.
   int handle() const { return handle_.get(); }
 
-  // Kills it, if need be, with its group, and reaps it. The signal that it had died of before; 0
-  // when there was none.
+  // Kills it with its group if necessary, and reaps it. Returns the signal it had already died of,
+  // or 0.
   int end() {
     if (pid_ == 0) return 0;
     const pid_t pid = std::exchange(pid_, 0);
     siginfo_t status{};
-    // Nobody else reaps it, except the kernel where SIGCHLD is ignored; then its id may be
-    // another's by now.
+    // Only the kernel could have reaped it, where SIGCHLD is ignored; then its pid may have been
+    // reused.
     if (::waitid(P_PID, static_cast<id_t>(pid), &status, WEXITED | WNOHANG | WNOWAIT) != 0)
       return 0;
     const bool diedBefore = status.si_pid == pid && status.si_code != CLD_EXITED;
-    // Its id is its own, and its group's, until it has been reaped.
+    // Its pid and group id cannot be reused before it is reaped.
     ::kill(-pid, SIGKILL);
     while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) continue;
     return diedBefore ? status.si_status : 0;
@@ -126,7 +126,7 @@ class Child {
   FileDescriptor handle_;
 };
 
-// Waits until one of the two can be read. False at the deadline.
+// Waits until either is readable. Returns false at the deadline.
 bool awaitNews(std::array<pollfd, 2>& watched, Clock::time_point deadline) {
   for (;;) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -138,18 +138,19 @@ bool awaitNews(std::array<pollfd, 2>& watched, Clock::time_point deadline) {
   }
 }
 
-// One byte, then it may end as it likes. Whoever else has its socket open, its end is noticed.
+// Reads one byte; how the helper exits afterwards does not matter. Its exit is noticed even if
+// another process holds its socket.
 HelperAnswer awaitAnswer(int socket, Child& child, Clock::time_point deadline) {
   std::array<pollfd, 2> watched{pollfd{.fd = socket, .events = POLLIN, .revents = 0},
                                 pollfd{.fd = child.handle(), .events = POLLIN, .revents = 0}};
   while (awaitNews(watched, deadline)) {
     const bool hasEnded = watched[1].revents != 0;
     std::array<std::byte, 2> packet{};
-    // What it said counts even when it has ended since.
+    // An answer counts even if the helper has exited since.
     const ssize_t count = ::recv(socket, packet.data(), packet.size(), MSG_DONTWAIT);
     if (count == 1) return {.outcome = Outcome::answered, .answer = packet[0]};
     if (hasEnded || count > 1) return {.outcome = Outcome::ended, .detail = child.end()};
-    // It hung up: how it ends is still to be seen.
+    // It hung up; wait for its exit status.
     watched[0].fd = -1;
   }
   return {.outcome = Outcome::silent};
@@ -165,7 +166,7 @@ HelperAnswer askHelper(const std::string& program, std::span<const std::byte> qu
     return notStarted(errno);
   const FileDescriptor ours(pair[0]);
   FileDescriptor its(pair[1]);
-  // It fits into the socket's buffer, and so does not wait for the helper.
+  // The packet fits the socket's buffer, so this does not block on the helper.
   if (::send(ours.get(), question.data(), question.size(), MSG_NOSIGNAL | MSG_DONTWAIT) !=
       static_cast<ssize_t>(question.size())) {
     return notStarted(errno);

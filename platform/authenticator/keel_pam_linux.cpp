@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// keel-pam: asks PAM service "keeld" one question for the daemon and ends. A process of its own for
-// each question, because a module may do anything: hang, crash, leak, change the process. The
-// daemon kills it at a deadline.
+// keel-pam: makes one request to PAM service "keeld" for the daemon and exits. One process per
+// request, because a module may do anything: hang, crash, leak, change the process. The daemon
+// kills it at a deadline.
 //
-// It finds a socket as descriptor 3, reads one packet (pam_question.h) from it and answers with one
-// byte.
+// Descriptor 3 is a socket: it reads one packet (pam_question.h) and replies with one byte.
 
 #include <pwd.h>
 #include <security/pam_appl.h>
@@ -34,12 +33,12 @@ using keel::PamVerdict;
 
 constexpr int kSocket = 3;
 constexpr const char* kService = "keeld";
-// Given to PAM, so that a service without a file there fails; PAM would fall back to the service
+// Passed to PAM so that a service without a file there fails instead of falling back to the service
 // "other".
 constexpr const char* kServiceDirectory = "/etc/pam.d";
 constexpr const char* kServiceFile = "/etc/pam.d/keeld";
 
-// Before any secret is read: no core, no debugger but root's, no life after the daemon's.
+// Before any secret is read: disable cores and non-root debuggers, and die with the daemon.
 bool protectOurselves() {
   const rlimit none{.rlim_cur = 0, .rlim_max = 0};
   ::umask(077);
@@ -47,8 +46,8 @@ bool protectOurselves() {
          ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && ::chdir("/") == 0;
 }
 
-// Whether whoever made the socket, which is the daemon, is still our parent: it may have ended
-// before we were to end with it.
+// Returns true if the socket's creator, the daemon, is still our parent: it may have exited before
+// the parent-death signal was set.
 bool isDaemonAlive() {
   ucred maker{};
   socklen_t size = sizeof(maker);
@@ -56,15 +55,14 @@ bool isDaemonAlive() {
          maker.pid == ::getppid();
 }
 
-// Whether the service has rules for both questions. For one that has none PAM would take those of
+// Returns true if the service has rules for both requests. For a missing one PAM would use those of
 // the service "other".
 bool isServiceComplete() {
   const keel::PamRules rules(kServiceDirectory);
   return rules.has(kService, "auth") && rules.has(kService, "account");
 }
 
-// The account's password for each prompt that hides what is typed. A module that asks for anything
-// else cannot be answered here.
+// Answers each prompt with echo off with the account's password. Other prompts fail.
 int answerPrompts(int count, const pam_message** messages, pam_response** responses,
                   void* password) {
   if (count <= 0 || count > PAM_MAX_NUM_MSG) return PAM_CONV_ERR;
@@ -72,7 +70,7 @@ int answerPrompts(int count, const pam_message** messages, pam_response** respon
   for (const pam_message* message : asked) {
     if (message->msg_style == PAM_PROMPT_ECHO_ON) return PAM_CONV_ERR;
   }
-  // PAM frees it, and wipes the answers first.
+  // PAM wipes the answers and frees it.
   auto* const answers = static_cast<pam_response*>(std::calloc(asked.size(), sizeof(pam_response)));
   if (answers == nullptr) return PAM_BUF_ERR;
   for (std::size_t i = 0; i < asked.size(); ++i) {
@@ -83,12 +81,10 @@ int answerPrompts(int count, const pam_message** messages, pam_response** respon
   return PAM_SUCCESS;
 }
 
-// PAM would sleep here after a failure. The daemon sees to it that every refusal takes the same
-// time.
+// Replaces PAM's delay after a failure; the daemon gives every refusal the same duration.
 void doNotDelay(int, unsigned, void*) {}
 
-// The name under which the account itself goes, for any name that leads to it; nothing when none
-// does.
+// Returns the account's canonical name for any of its names; nothing if there is no such account.
 std::optional<std::string> accountName(const std::string& name) {
   const passwd* const entry = ::getpwnam(name.c_str());
   return entry != nullptr && entry->pw_name != nullptr ? std::optional<std::string>(entry->pw_name)
@@ -100,15 +96,15 @@ bool hasLockedPassword(const std::string& name) {
   return entry != nullptr && entry->sp_pwdp != nullptr && entry->sp_pwdp[0] == '!';
 }
 
-// A "!" in front of the encrypted password locks an account. PAM's account management does not look
-// there, because whoever proved a password cannot have been locked out of it. The entry stands
-// under the account's own name, to which an alias need not lead here.
+// A "!" before the encrypted password locks an account. PAM's account management does not check it,
+// because a locked account cannot have passed the password check. The entry is under the account's
+// canonical name, which an alias need not resolve to here.
 bool isLocked(const std::string& user) {
   return hasLockedPassword(user) || hasLockedPassword(accountName(user).value_or(user));
 }
 
-// A module may have put another account in the place of the one that was asked about; but it may
-// also have put the account's own name in the place of an alias.
+// A module may have replaced the account with another one, which is refused; replacing an alias
+// with the account's own name is fine.
 bool isStillAbout(pam_handle_t* pam, const std::string& user) {
   const void* item = nullptr;
   if (::pam_get_item(pam, PAM_USER, &item) != PAM_SUCCESS || item == nullptr) return false;
@@ -132,7 +128,7 @@ PamVerdict ask(pam_handle_t* pam, const PamQuestion& question) {
   } else if (isLocked(std::string(question.user))) {
     return PamVerdict::refused;
   }
-  // An expired account, and one whose password must be changed first, end here.
+  // Refuses expired accounts, and those that must change their password first.
   if (::pam_acct_mgmt(pam, kFlags) != PAM_SUCCESS || !isStillAbout(pam, std::string(question.user)))
     return PamVerdict::refused;
   return PamVerdict::accepted;

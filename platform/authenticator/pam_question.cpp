@@ -8,7 +8,7 @@ namespace keel {
 
 namespace {
 
-// Names of accounts are lines of text, and modules make names of files of them.
+// Account names are lines of text, and modules build file names from them.
 bool isForeignToNames(char letter) {
   const auto byte = static_cast<unsigned char>(letter);
   return byte < 0x20 || byte == 0x7f || letter == '/';
@@ -28,7 +28,7 @@ bool canBeAsked(const PamQuestion& question) {
 
 std::optional<Secret> encodePamQuestion(const PamQuestion& question) {
   if (!canBeAsked(question)) return std::nullopt;
-  // All zeros, so that both texts end with one.
+  // Zero-filled, so that both texts end with a NUL.
   Secret packet(1 + question.user.size() + 1 + question.password.size() + 1);
   std::byte* const at = packet.bytes().data();
   *at = static_cast<std::byte>(question.task);

@@ -16,7 +16,7 @@ bool isSameWord(std::string_view left, std::string_view right) {
   return std::ranges::equal(left, right, {}, lower, lower);
 }
 
-// The next rule without its comment; one that is continued on further lines is one.
+// Returns the next rule without its comment, with continuation lines joined.
 std::optional<std::string> nextRule(std::istream& file) {
   std::string rule;
   std::string line;
@@ -36,14 +36,14 @@ struct Rule {
   explicit Rule(const std::string& text) {
     std::istringstream words(text);
     words >> type >> control;
-    // A control in brackets may have blanks in it.
+    // A bracketed control may contain blanks.
     if (control.starts_with('[') && !control.ends_with(']')) std::getline(words, control, ']');
     words >> module;
   }
 
   std::string type;
   std::string control;
-  std::string module;  // or the file that is included
+  std::string module;  // or the included file
 };
 
 }  // namespace

@@ -7,23 +7,21 @@
 
 namespace keel {
 
-// What the files of PAM services say, as far as keel-pam has to know: whether a service has rules
-// of its own for a question. For one without any PAM would silently take those of the service
-// "other".
+// Reads PAM service files just far enough to tell whether a service has rules of its own for a
+// request. Without any, PAM would silently use those of the service "other".
 class PamRules {
  public:
-  // Files within files. PAM allows more; nobody has them.
+  // Nesting depth of included files. PAM allows more; no real configuration has it.
   static constexpr std::size_t kDepth = 8;
-  // Looked at for one question, the same one counted each time: a file that includes itself over
-  // and over ends here.
+  // Files read per request, repeats included: bounds a file that includes itself.
   static constexpr std::size_t kFileCount = 64;
 
-  // Of the services whose files are in `directory`.
+  // `directory` holds the service files.
   explicit PamRules(std::string directory) : directory_(std::move(directory)) {}
 
-  // Whether `service` has a rule of that type ("auth", "account"), in its file or in one that this
-  // includes. Included files count when they are in the directory too, and named without it. A rule
-  // that begins with "-" does not count: PAM may leave it out.
+  // Returns true if `service` has a rule of that type ("auth", "account") in its file or in one it
+  // includes. Included files count if they are in the directory and named without it. A rule that
+  // begins with "-" does not count: PAM may skip it.
   bool has(const std::string& service, std::string_view type) const;
 
  private:

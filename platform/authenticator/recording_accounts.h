@@ -8,7 +8,7 @@
 
 namespace keel {
 
-// For tests: accounts that say what they are told to say, and note what they were asked.
+// For tests: records the calls and returns a preset answer.
 class RecordingAccounts final : public AccountCheck {
  public:
   bool isPassword(std::string_view user, std::string_view password) override {

@@ -7,31 +7,30 @@
 
 namespace keel {
 
-// Makes the refusal of a user whom nobody knows as much work as that of one whose password was
-// wrong: hashing it takes long where the administrator made that dear, and would tell the two
-// apart. For keel-pam; not from several threads.
+// Makes refusing an unknown user as much work as refusing a wrong password: where the administrator
+// configured expensive hashing, the time would distinguish the two. For keel-pam; not thread-safe.
 class RefusalWork {
  public:
-  // Hashes of accounts, as /etc/shadow has them.
+  // The accounts' hashes, as in /etc/shadow.
   struct Accounts {
-    // Nothing when there is no such account.
+    // Returns nothing if there is no such account.
     std::function<std::optional<std::string>(const std::string& user)> hashOf;
-    // The first hash of any account for which the function yields true; nothing when there is none.
+    // Returns the first hash of any account that the predicate accepts; nothing if there is none.
     std::function<std::optional<std::string>(const std::function<bool(const std::string&)>&)> first;
   };
   using Hash = std::function<void(const char* password, const char* setting)>;
 
-  // Those of this machine, and crypt(3).
+  // This machine's accounts, and crypt(3).
   RefusalWork();
   // For tests.
   RefusalWork(Accounts accounts, Hash hash);
 
-  // How often pam_unix of Linux-PAM 1.5.2 hashes a password to check it once: what it takes a copy
-  // of, it evaluates twice.
+  // Hashes per password check in pam_unix of Linux-PAM 1.5.2: it evaluates the argument of its
+  // copying macro twice.
   static constexpr int kHashCount = 2;
 
-  // After PAM refused that password. Hashes it as often as PAM does, unless PAM will have done so:
-  // as root's was, or else any account's, or else as the system does it by default.
+  // Called after PAM refused that password. Hashes it as often as PAM does unless PAM has already
+  // done so: with root's setting, else any account's, else the system's default.
   void make(const std::string& user, const char* password) const;
 
  private:

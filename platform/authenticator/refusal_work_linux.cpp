@@ -10,8 +10,8 @@ namespace keel {
 
 namespace {
 
-// Whether there is work in comparing a password with it: there is none when the account is locked
-// ("!") or has no password.
+// Returns true if comparing a password with it costs a hash: not if the account is locked ("!") or
+// has no password.
 bool isUsable(const std::string& hash) {
   return hash.size() > 1 && hash[0] != '!' && hash[0] != '*' && hash != "x";
 }

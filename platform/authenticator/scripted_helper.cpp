@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A helper program for tests: what it does is the text that it is sent. It reports what it sees of
-// itself by its answer.
+// A helper program for tests: executes the command it is sent and reports its findings in its
+// answer.
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -42,7 +42,7 @@ bool hasDefaultSignals() {
   return true;
 }
 
-// Leaves a process behind that has the socket open, and is of the same group.
+// Leaves behind a process of the same group that holds the socket.
 void leaveAChild() {
   if (::fork() == 0) hang();
 }

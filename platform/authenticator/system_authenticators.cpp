@@ -32,7 +32,7 @@ std::shared_ptr<QZAuthenticator> SystemAuthenticators::serverBasicAuthenticator(
 }
 
 Authenticators& systemAuthenticators() {
-  // Never destroyed: exit() runs on one thread while others may still check a password.
+  // Never destroyed: other threads may still check a password during exit().
   static auto* const authenticators =
       new SystemAuthenticators({.helper = pathOfKeelPam()}, kDigestFile);
   return *authenticators;

@@ -10,8 +10,8 @@
 
 namespace keel {
 
-// The accounts of one machine, as systemAuthenticators() has them. The authenticators that it makes
-// must not outlive it.
+// Authenticates the accounts of one machine; the type behind systemAuthenticators(). The
+// authenticators that it returns must not outlive it.
 class SystemAuthenticators final : public Authenticators {
  public:
   SystemAuthenticators(PamAccountCheck::Settings passwords, std::string digestFile);

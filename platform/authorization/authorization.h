@@ -12,8 +12,7 @@
 
 #include "runtime/transport/peer_identity.h"
 
-// Authorization Services: what lets one process act on the rights of another that handed it a
-// reference.
+// Authorization Services: lets one process use the rights of another that passed it a reference.
 
 namespace keel {
 
@@ -26,10 +25,9 @@ inline constexpr OSStatus errAuthorizationInvalidRef =
     -60002;  // no reference, or not that process's own
 inline constexpr OSStatus errAuthorizationDenied = -60005;  // the process does not hold the right
 inline constexpr OSStatus errAuthorizationInteractionNotAllowed =
-    -60007;  // it would, if somebody proved who he is first
-inline constexpr OSStatus errAuthorizationInternal =
-    -60008;  // whoever grants rights could not be asked
-inline constexpr OSStatus errAuthorizationInvalidFlags = -60011;  // flags that are not understood
+    -60007;  // it would after interactive authentication
+inline constexpr OSStatus errAuthorizationInternal = -60008;  // the authority could not be queried
+inline constexpr OSStatus errAuthorizationInvalidFlags = -60011;  // unknown flags
 
 inline constexpr AuthorizationFlags kAuthorizationFlagDefaults = 0;
 
@@ -41,50 +39,50 @@ struct AuthorizationItem {
   std::uint32_t flags = 0;
 };
 
-// A reference as it travels; docs/protocol.md has its layout.
+// A serialized reference; docs/protocol.md has its layout.
 struct AuthorizationExternalForm {
   std::array<std::byte, 32> bytes{};
 };
 inline constexpr std::size_t kAuthorizationExternalFormLength = sizeof(AuthorizationExternalForm);
 
-// A reference: the process whose rights it stands for. A value, which holds nothing of the
-// system's: one that nobody frees is gone with the request that made it.
+// A reference: the process whose rights it stands for. A value that holds no system resource: one
+// that is never freed goes away with its request.
 using AuthorizationRef = std::shared_ptr<const xpc::PeerIdentity>;
 
-// Abstract, so that tests can stand in for the system. From any thread; all calls may block for
-// seconds.
+// Abstract so that tests can replace the system. From any thread; all calls may block for seconds.
 class Authorization {
  public:
   virtual ~Authorization() = default;
 
-  // Makes the reference that `form` describes, which came from `peer`. A form counts only when it
-  // comes from the very process that made it: pid, start time and user are those that the kernel
-  // gave for `peer`. errAuthorizationInvalidRef otherwise.
+  // Creates the reference that `form`, received from `peer`, describes. A form is valid only from
+  // the very process that made it: pid, start time and user match those that the kernel reported
+  // for `peer`. errAuthorizationInvalidRef otherwise.
   virtual OSStatus AuthorizationCreateFromExternalForm(const AuthorizationExternalForm& form,
                                                        const xpc::PeerIdentity& peer,
                                                        AuthorizationRef& authorization) = 0;
 
-  // Whether the process holds all of `rights` now, without asking anybody. Whatever goes wrong is a
+  // Succeeds if the process holds all of `rights` now, without interaction. Any failure is a
   // refusal.
   virtual OSStatus AuthorizationCopyRights(const AuthorizationRef& authorization,
                                            std::span<const AuthorizationItem> rights,
                                            AuthorizationFlags flags) = 0;
 
-  // Ends the reference; what the process was granted stays.
+  // Ends the reference; granted rights stay.
   virtual OSStatus AuthorizationFree(AuthorizationRef& authorization, AuthorizationFlags flags) = 0;
 };
 
-// The form of a reference to the calling process itself, to be handed to a service on a connection
-// of its own. Fails where /proc cannot be read.
+// Returns the form of a reference to the calling process, to be sent to a service on the process's
+// own connection. Fails if /proc cannot be read.
 std::expected<AuthorizationExternalForm, std::error_code> AuthorizationMakeExternalForm();
 
-// Asks for a right of the calling process, where policy wants it with interaction: an agent of
-// polkit then asks somebody to prove to be an administrator. Blocks, for `patience` at most. The
-// right stays for as long as policy says.
+// Requests a right for the calling process, interactively where policy requires it: a polkit agent
+// then asks for an administrator's password. Blocks for at most `patience`. The right lasts as long
+// as policy allows.
 OSStatus AuthorizationObtainRight(const char* right, std::chrono::milliseconds patience);
 
-// That of this machine: polkit grants rights, each under the action of the same name. The superuser
-// holds every right, and without polkit he alone. Lives as long as the process.
+// Returns this machine's: polkit grants rights, each under the action of the same name. The
+// superuser holds every right; without polkit, no other user holds any. Lives as long as the
+// process.
 Authorization& systemAuthorization();
 
 }  // namespace keel

@@ -9,8 +9,8 @@ namespace keel {
 
 namespace {
 
-// How long polkit may take to answer: it reads rules and the accounts, but asks nobody. An endless
-// rule occupies it for 15 s.
+// Limit for polkit's answer: it reads rules and accounts, without interaction. An endless rule
+// occupies it for 15 s.
 constexpr std::chrono::seconds kPolkitPatience{5};
 
 class PolkitAuthorization final : public Authorization {
@@ -49,7 +49,7 @@ class PolkitAuthorization final : public Authorization {
 
  private:
   static OSStatus copyRight(const xpc::PeerIdentity& process, const char* right) {
-    // polkit grants the superuser everything, whatever its rules say; so he need not depend on it.
+    // polkit grants the superuser everything whatever its rules; so do not depend on it here.
     if (process.uid == 0) return errAuthorizationSuccess;
     const RightAnswer answer = askPolkit(process, right, Interaction::none, kPolkitPatience);
     if (answer.status == errAuthorizationInternal) {
@@ -77,7 +77,7 @@ OSStatus AuthorizationObtainRight(const char* right, std::chrono::milliseconds p
 }
 
 Authorization& systemAuthorization() {
-  // Never destroyed: other threads use it while the process ends.
+  // Never destroyed: other threads use it until the process exits.
   static Authorization& authorization = *new PolkitAuthorization;
   return authorization;
 }

@@ -8,14 +8,14 @@ namespace keel {
 
 namespace {
 
-// Where each part begins. Numbers are little-endian.
+// Offsets of the fields. Integers are little-endian.
 constexpr std::size_t kMarkAt = 0;
 constexpr std::size_t kPidAt = 8;
 constexpr std::size_t kUidAt = 12;
 constexpr std::size_t kStartTimeAt = 16;
 constexpr std::size_t kEndMarkAt = 24;
 
-// The marks carry the version. The second one makes sure that nothing was cut off.
+// The markers carry the version. The second one detects truncation.
 constexpr std::string_view kMark = "KeelRef1";
 constexpr std::string_view kEndMark = "1feRleeK";
 

@@ -5,8 +5,8 @@
 
 #include "platform/authorization/authorization.h"
 
-// The external form of an authorization reference: 32 bytes that name one process. They are no
-// secret and prove nothing by themselves; what counts is who hands them over.
+// The external form of an authorization reference: 32 bytes that name one process. They are not
+// secret and prove nothing by themselves; only the sender matters.
 
 namespace keel {
 
@@ -18,8 +18,8 @@ struct ProcessName {
 };
 
 AuthorizationExternalForm externalFormOf(const ProcessName& process);
-// Nothing when the bytes are no form of a version that is known here; so for what was cut off and
-// filled up with zeros.
+// Returns nothing unless the bytes are a form of a known version; a truncated form padded with
+// zeros is not one.
 std::optional<ProcessName> processOf(const AuthorizationExternalForm& form);
 
 }  // namespace keel

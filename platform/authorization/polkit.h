@@ -6,8 +6,8 @@
 
 #include "platform/authorization/authorization.h"
 
-// polkit (org.freedesktop.PolicyKit1.Authority.CheckAuthorization): who holds which right on this
-// machine.
+// Client of polkit (org.freedesktop.PolicyKit1.Authority.CheckAuthorization), this machine's
+// authority on rights.
 
 namespace keel {
 
@@ -15,12 +15,11 @@ enum class Interaction : std::uint8_t { none, allowed };
 
 struct RightAnswer {
   OSStatus status;
-  std::string problem;  // why it could not be asked, for errAuthorizationInternal
+  std::string problem;  // why polkit could not be queried, for errAuthorizationInternal
 };
 
-// Whether polkit grants the right to that very process. Denied also where there is no polkit.
-// Blocks, for `patience` at most; with interaction, while somebody is asked for a password. From
-// any thread.
+// Checks whether polkit grants the right to that very process. Denied if there is no polkit. Blocks
+// for at most `patience`, which with interaction includes typing a password. From any thread.
 RightAnswer askPolkit(const xpc::PeerIdentity& process, const char* right, Interaction interaction,
                       std::chrono::milliseconds patience);
 

@@ -10,11 +10,10 @@
 
 namespace keel {
 
-// Whether `bytes` begin like the binary form, of whatever version.
+// Returns true if `bytes` begin like the binary form, of any version.
 bool looksLikeBinaryPropertyList(std::span<const std::byte> bytes);
 
-// The value of a property list in the binary form, version 00. The error names the object where it
-// goes wrong.
+// Decodes a property list in the binary form, version 00. The error names the offending object.
 std::expected<Value, std::string> decodeBinaryPropertyList(std::span<const std::byte> bytes);
 
 }  // namespace keel

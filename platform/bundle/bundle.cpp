@@ -13,7 +13,7 @@ namespace keel {
 
 namespace {
 
-// Whoever cannot look at something, for whatever reason, is told when they read it.
+// An inaccessible file counts as found; reading it reports the error.
 bool isAbsent(const std::string& path) {
   struct stat status;
   return ::lstat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR);

@@ -11,22 +11,23 @@
 
 namespace keel {
 
-// A folder that the system treats as one thing. With a folder "Contents" in it, its description is
-// Contents/Info.plist and its resources are in Contents/Resources. Without one it is flat: the
-// description is Info.plist, and resources are in Resources or directly inside.
+// A folder that the system treats as a unit. With a folder "Contents" in it, its description is
+// Contents/Info.plist and its resources are in Contents/Resources. Otherwise it is flat: the
+// description is Info.plist, and resources are in Resources or at the top.
 //
-// The files are looked at when they are asked for, each time. A path where there is no bundle, or
-// nothing, has no description and no resources; that is no error.
+// Every call reads the disk anew. A path without a bundle, or without anything, has no description
+// and no resources; that is not an error.
 class Bundle {
  public:
   explicit Bundle(std::string path) : path_(std::move(path)) {}
 
   const std::string& path() const { return path_; }
-  // True when there is anything at the path.
+  // Returns true if anything exists at the path.
   bool isThere() const;
-  // Where the resource "NAME.TYPE" is. What is there but cannot be looked at counts as found.
+  // Returns the path of the resource "NAME.TYPE". One that exists but is inaccessible counts as
+  // found.
   std::optional<std::string> pathForResource(std::string_view name, std::string_view type) const;
-  // The map in the description, empty without one. An error when the description cannot be read or
+  // Returns the description's map, empty if there is no description. Fails if it cannot be read or
   // holds something else.
   std::expected<Value, Error> infoDictionary() const;
 
@@ -36,8 +37,8 @@ class Bundle {
   std::string path_;
 };
 
-// The map in the property list at `path`. The error is that of readPropertyList, and EBADMSG when
-// it holds something else.
+// Reads the map in the property list at `path`. Fails like readPropertyList(), and with EBADMSG if
+// the list holds something else.
 std::expected<Value, Error> readDictionary(const std::string& path);
 
 }  // namespace keel

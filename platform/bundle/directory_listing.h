@@ -9,9 +9,9 @@
 
 namespace keel {
 
-// The names of what is in a directory, in the order in which the system lists them, which is no
-// order to rely on; without "." and "..". Names are bytes and need not be UTF-8. The error is an
-// errno in NSPOSIXErrorDomain, with a description.
+// Returns the names of a directory's entries, in the system's unspecified order, without "." and
+// "..". Names are bytes and need not be UTF-8. The error is an errno in NSPOSIXErrorDomain, with a
+// description.
 std::expected<std::vector<std::string>, Error> contentsOfDirectory(const std::string& path);
 
 }  // namespace keel

@@ -11,30 +11,29 @@
 
 namespace keel {
 
-// What a module's bundle says of the module's job. Who made the bundle is not trusted: a file that
-// cannot be read, or a value of the wrong kind, counts as if it were not there.
+// A module's job as its bundle describes it. The bundle is not trusted: a file that cannot be read,
+// or a value of the wrong kind, counts as missing.
 struct JobDescription {
   enum class JobFile : std::uint8_t {
     used,
     missing,
-    noBundle,  // nothing is at the bundle's path
-    unusable,  // no regular file, too large, no property list, no dictionary
-    denied,    // this process may not read it; another one may
+    noBundle,  // nothing exists at the bundle's path
+    unusable,  // not a regular file, too large, no property list, no dictionary
+    denied,    // not readable by this process; perhaps by another
   };
 
   JobFile jobFile = JobFile::missing;
-  // The dictionary in the resource launchd.plist, as it stands; null unless the file is used.
+  // The dictionary in the resource launchd.plist, unchanged; null unless the file is used.
   Value job{};
-  // "QZJobLabel" and "QZMachServiceName" of Info.plist, which is not read when there is a job.
+  // "QZJobLabel" and "QZMachServiceName" of Info.plist, which is not read if there is a job.
   std::optional<std::string> label{};
   std::optional<std::string> machServiceName{};
-  // Without a job, for people: why there is none ("bundle missing", "job file missing", "job file:
-  // ..."), then what of Info.plist is not used.
+  // Without a job, for display: why there is none ("bundle missing", "job file missing", "job file:
+  // ..."), then what is ignored in Info.plist.
   std::vector<std::string> reasons{};
 };
 
-// Reads the files as they are now. What cannot be used is logged, at debug level in the category
-// "bundle".
+// Reads the files. Logs what it cannot use, at debug level in the category "bundle".
 JobDescription readJobDescription(const Bundle& bundle);
 
 }  // namespace keel

@@ -18,7 +18,7 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kPropertyListSpace) + 1 - first);
 }
 
-// The number that the whole of `text` writes: digits, and nothing else.
+// Returns the number in `text`, which must be digits only.
 template <class Number>
 std::optional<Number> wholeNumber(std::string_view text, int base) {
   Number number{};
@@ -57,7 +57,7 @@ std::optional<Value> realOfText(std::string_view text) {
     text.remove_prefix(1);
     if (text.starts_with('-')) return {};
   }
-  // The library also knows a NaN with a name, "nan(...)".
+  // The library also accepts a NaN with a payload, "nan(...)".
   if (text.find('(') != text.npos) return {};
   double number = 0;
   const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);

@@ -27,8 +27,8 @@ std::unexpected<Error> unreadable(const std::string& path) {
   return unreadable(path, number, std::strerror(number));
 }
 
-// Up to `limitBytes`, fewer only at the end of the file; nothing, with errno set, when it cannot be
-// read.
+// Reads up to `limitBytes`, fewer only at the end of the file; returns nothing, with errno set, on
+// failure.
 std::optional<std::vector<std::byte>> readUpTo(int descriptor, std::size_t limitBytes) {
   constexpr std::size_t kChunkBytes = 16 * 1024;
   std::vector<std::byte> bytes;
@@ -50,8 +50,7 @@ std::expected<std::vector<std::byte>, Error> readRegularFile(const std::string& 
   struct stat status;
   if (::stat(path.c_str(), &status) != 0) return unreadable(path);
   if (!S_ISREG(status.st_mode)) return unreadable(path, EINVAL, "not a regular file");
-  // Another file may have taken its place meanwhile, so that it is opened without waiting, and
-  // looked at once more.
+  // The file may have been replaced meanwhile, so open it without blocking and check again.
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!file || ::fstat(file.get(), &status) != 0) return unreadable(path);
   if (!S_ISREG(status.st_mode)) return unreadable(path, EINVAL, "not a regular file");

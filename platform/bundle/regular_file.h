@@ -10,10 +10,10 @@
 
 namespace keel {
 
-// All of a file that somebody else may have put there. Links are followed, but what is no regular
-// file is not opened, so that no device does anything, and no pipe makes us wait. The error, in
-// NSPOSIXErrorDomain, has a description that names the file: EINVAL when it is no regular file,
-// EFBIG when it has more than `limitBytes`, else why the system could not read it.
+// Reads a whole file that is not trusted. Follows links, but opens only a regular file, so that no
+// device is triggered and no pipe blocks us. The error, in NSPOSIXErrorDomain, has a description
+// that names the file: EINVAL if it is not a regular file, EFBIG if it exceeds `limitBytes`, else
+// the errno of the failed read.
 std::expected<std::vector<std::byte>, Error> readRegularFile(const std::string& path,
                                                              std::size_t limitBytes);
 

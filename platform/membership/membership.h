@@ -9,12 +9,11 @@
 
 namespace keel {
 
-// Who belongs to which group, as the system's accounts say at this moment: every call asks them
-// again and may block on it. From any thread. Abstract, so that tests can stand in for the
-// accounts.
+// Resolves users, groups and memberships from the system's accounts. Every call queries them anew
+// and may block. From any thread. Abstract so that tests can replace the accounts.
 class Membership {
  public:
-  // Of one user or one group, made by this membership alone.
+  // Identifies one user or one group; created only by a Membership.
   class Identifier {
    public:
     struct User {
@@ -29,7 +28,7 @@ class Membership {
     explicit Identifier(User user) : who_(std::move(user)) {}
     explicit Identifier(Group group) : who_(group) {}
 
-    // Null when it is of another kind.
+    // Null for an identifier of another kind.
     const User* user() const { return std::get_if<User>(&who_); }
     const Group* group() const { return std::get_if<Group>(&who_); }
 
@@ -39,21 +38,21 @@ class Membership {
 
   virtual ~Membership() = default;
 
-  // The name under which the account itself goes, for any name that leads to it. Nothing when no
-  // account does, when the accounts cannot be asked, or when the entry is larger than 2048 bytes.
+  // Returns the account's canonical name for any of its names. Returns nothing if there is no such
+  // account, if the accounts cannot be queried, or if the entry exceeds 2048 bytes.
   virtual std::optional<std::string> shortName(const std::string& name) = 0;
 
-  // All three yield 0 and fill in their last argument, or an errno: ENOENT when there is no such
-  // user or group, EINVAL for a name that cannot be one (with a NUL in it, or too long) or an
-  // identifier of the wrong kind, else what failed.
+  // All three return 0 and set their last argument, or return an errno: ENOENT for an unknown user
+  // or group, EINVAL for an invalid name (with a NUL, or too long) or an identifier of the wrong
+  // kind, else that of the call that failed.
   virtual int mbr_user_name_to_uuid(const std::string& name, Identifier& user) = 0;
   virtual int mbr_group_name_to_uuid(const std::string& name, Identifier& group) = 0;
-  // The user's primary group counts.
+  // Includes the user's primary group.
   virtual int mbr_check_membership(const Identifier& user, const Identifier& group,
                                    bool& isMember) = 0;
 };
 
-// The accounts of this machine.
+// Returns this machine's accounts.
 Membership& systemMembership();
 
 }  // namespace keel

@@ -14,23 +14,22 @@ namespace keel {
 
 namespace {
 
-// What a look-up of the short name may use.
+// Buffer of a short name look-up.
 constexpr std::size_t kShortNameBytes = 2048;
-// No system lets an account's name be longer; what directories make of enormous names need not be
-// found out.
+// No system allows a longer account name; directories need not be tested with enormous ones.
 constexpr std::size_t kNameBytes = 255;
-// An entry of a group lists its members, which may be many; one of a user is small.
+// A group's entry lists its members, which may be many; a user's is small.
 constexpr std::size_t kFirstEntryBytes = 4096;
 constexpr std::size_t kLargestEntryBytes = 16u << 20;
-// The kernel lets no process have more groups.
+// The kernel's limit of groups per process.
 constexpr int kLargestGroupCount = 65536;
 
 bool canBeName(const std::string& name) {
   return !name.empty() && name.size() <= kNameBytes && name.find('\0') == std::string::npos;
 }
 
-// Calls `look(buffer)`, which yields 0 or an errno and whether there was an entry, with growing
-// buffers while they do not suffice.
+// Calls `look(buffer)`, which returns 0 or an errno and whether there is an entry, with a larger
+// buffer after each ERANGE.
 template <class Look>
 int lookUp(Look look) {
   for (std::size_t size = kFirstEntryBytes; size <= kLargestEntryBytes; size *= 4) {
@@ -93,7 +92,7 @@ class SystemMembership final : public Membership {
         isMember = std::ranges::find(groups, group.group()->id) != groups.end();
         return 0;
       }
-      // Now it says how many there are; should it not, more room is tried all the same.
+      // The call reports the actual count; grow the buffer even if it does not.
       count = std::max(count, static_cast<int>(groups.size()) * 2);
     } while (count <= kLargestGroupCount);
     return ERANGE;
@@ -103,7 +102,7 @@ class SystemMembership final : public Membership {
 }  // namespace
 
 Membership& systemMembership() {
-  // Never destroyed: exit() runs on one thread while others may still ask.
+  // Never destroyed: other threads may still query it during exit().
   static auto* const membership = new SystemMembership;
   return *membership;
 }

@@ -5,8 +5,8 @@
 
 namespace keel {
 
-// The id that the linker gave the running executable (--build-id), in lower-case hexadecimal
-// digits; empty without one. It finds the symbols that belong to a backtrace.
+// Returns the running executable's build id (the linker's --build-id), in lower-case hexadecimal
+// digits; empty if there is none. It identifies the symbols for a backtrace.
 std::string buildId();
 
 }  // namespace keel

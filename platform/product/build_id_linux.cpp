@@ -51,7 +51,7 @@ std::string buildIdIn(std::span<const std::byte> notes) {
 
 std::string buildId() {
   std::string found;
-  // The executable is the first to be reported.
+  // The executable is reported first.
   ::dl_iterate_phdr(
       [](dl_phdr_info* info, std::size_t, void* result) {
         auto& id = *static_cast<std::string*>(result);

@@ -11,7 +11,7 @@ constexpr std::uint64_t kRecordVersion = 5;
 
 constinit char messageBuffer[kCrashMessageBytes] = {};
 
-// Kept by compiler and linker although nobody of ours reads it.
+// Attributes keep it although our code never reads it.
 [[gnu::used, gnu::retain, gnu::section("keel_crash_info")]]
 constinit CrashAnnotation record{kRecordVersion, nullptr};
 

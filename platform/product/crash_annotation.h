@@ -6,9 +6,8 @@
 
 namespace keel {
 
-// What a crash report shows of this process: a record in the executable's section
-// "keel_crash_info", so that a debugger or a reader of core files finds the message without symbols
-// of ours.
+// The process's crash report record, in the executable's section "keel_crash_info", so that
+// debuggers and core file readers find the message without our symbols.
 struct CrashAnnotation {
   std::uint64_t version;
   const char* message;
@@ -16,7 +15,7 @@ struct CrashAnnotation {
 
 inline constexpr std::size_t kCrashMessageBytes = 256;
 
-// The process's record; its version is 5, its message null until setCrashBanner().
+// Returns the process's record; its version is 5, its message null until setCrashBanner().
 const CrashAnnotation& crashAnnotation();
 
 // Points the record at the process-wide buffer of kCrashMessageBytes, then fills it with "* Calder

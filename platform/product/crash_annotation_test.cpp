@@ -19,7 +19,8 @@
 namespace keel {
 namespace {
 
-// The section of that name in the running executable, found in its file alone, as a debugger does.
+// Returns the running executable's section of that name, located through the file alone, like a
+// debugger.
 std::optional<Elf64_Shdr> sectionNamed(std::string_view name) {
   std::ifstream file("/proc/self/exe", std::ios::binary);
   const auto readAt = [&file](std::uint64_t offset, void* target, std::size_t bytes) {
@@ -38,7 +39,7 @@ std::optional<Elf64_Shdr> sectionNamed(std::string_view name) {
   return std::nullopt;
 }
 
-// How far from its link address the executable lies.
+// Returns the executable's load offset.
 std::uintptr_t loadOffset() {
   std::uintptr_t offset = 0;
   // The executable is the first to be reported.
@@ -63,8 +64,8 @@ TEST(CrashAnnotation, IsTheExecutablesSection) {
   EXPECT_EQ(section->sh_addr + loadOffset(), reinterpret_cast<std::uintptr_t>(&crashAnnotation()));
 }
 
-// The banner is set once in a process, so each of these runs in a process of its own and tells of
-// it on standard error.
+// The banner is set once per process, so each of these runs in its own process and reports on
+// standard error.
 
 [[noreturn]] void showBannerOfSection(const std::string& version) {
   const auto section = sectionNamed("keel_crash_info");
@@ -100,7 +101,7 @@ void exitWithPointerState(int) {
   ::_exit(crashAnnotation().message != nullptr ? 0 : 3);
 }
 
-// A version that cannot be read stops the filling; the pointer must be set by then.
+// An unreadable version interrupts the formatting; the pointer must be set by then.
 [[noreturn]] void crashWhileFilling() {
   struct sigaction action{};
   action.sa_handler = exitWithPointerState;

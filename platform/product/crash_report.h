@@ -5,19 +5,19 @@
 
 namespace keel {
 
-// What standard error is connected to.
+// The kind of standard error.
 enum class CrashOutput : std::uint8_t {
-  lines,    // whatever takes lines
-  journal,  // the journal's stream, where a line begins with its priority
+  lines,    // anything that takes lines
+  journal,  // the journal's stream, where each line begins with its priority
 };
 
-// From now on a signal that reports a fault (SEGV, BUS, ILL, FPE, ABRT, SYS) writes a report to
-// what is standard error now: the signal and the thread, the banner of the crash annotation, the
-// build id, and a backtrace. Then the process ends of that signal. Nothing else of its memory is
-// shown, since there may be a password in it.
+// Installs handlers for the fault signals (SEGV, BUS, ILL, FPE, ABRT, SYS) that write a report to
+// the current standard error: signal and thread, the banner of the crash annotation, the build id,
+// and a backtrace. The process then dies of that signal. The report shows no other memory, which
+// may hold a password.
 //
-// A handler that such a signal has already, a sanitizer's for example, stays. Called once, before
-// any other thread exists. Each thread that a crash is to be reported of for sure has a CrashStack.
+// Leaves existing handlers, a sanitizer's for example, in place. Called once, before any other
+// thread exists. A thread needs a CrashStack to report stack exhaustion.
 void installCrashReport(CrashOutput output);
 
 }  // namespace keel

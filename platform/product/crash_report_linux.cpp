@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// The handler runs in a process whose memory may be damaged, in place of code that may hold any
-// lock. So it makes system calls and reads what was prepared (Setup); all text is made in a buffer
-// on its stack. Two functions of libraries are safe there: the unwinder, once it is loaded, and
-// _dl_find_object(3), which takes no lock. The unwinder reads a stack that may be damaged, and so
-// comes last. A fault within the handler ends the process at once, as the signal is blocked.
+// The handler runs in a process whose memory may be corrupt, interrupting code that may hold any
+// lock. So it only makes system calls and reads prepared data (Setup), and formats all text in a
+// buffer on its stack. Two library functions are safe there: the unwinder, once loaded, and
+// _dl_find_object(3), which takes no lock. The unwinder reads a possibly corrupt stack and
+// therefore comes last. A fault within the handler kills the process immediately, since the signal
+// is blocked.
 //
-// An address is shown only as an offset into a file that is mapped at it: a number from a damaged
-// stack may be part of a secret.
+// An address is printed only as an offset into the file mapped there: a value from a corrupt stack
+// may be part of a secret.
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
@@ -34,8 +35,8 @@ namespace {
 
 constexpr std::array kFatalSignals = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS};
 constexpr int kFrames = 64;
-// Nobody who reads the report may hold up the end. The alarm is for an output that is full again
-// once it was found to have room.
+// A slow reader of the report must not delay the exit. The alarm covers an output that fills up
+// again after poll(2) reported room.
 constexpr int kPatienceMilliseconds = 500;
 constexpr unsigned kAlarmSeconds = 5;
 constexpr std::string_view kCriticalPriority = "<2>";
@@ -47,7 +48,7 @@ struct Setup {
   std::array<char, 1024> program{};
 };
 constinit Setup setup;
-// The thread that reports.
+// The reporting thread.
 constinit std::atomic<pid_t> reporter{0};
 
 class Line {
@@ -55,7 +56,7 @@ class Line {
   Line() { add(setup.lineBegin); }
 
   Line& add(std::string_view text) {
-    // Room for the line's end is left.
+    // Leaves room for the newline.
     const std::size_t taken = std::min(text.size(), text_.size() - 1 - size_);
     std::memcpy(text_.data() + size_, text.data(), taken);
     size_ += taken;
@@ -74,7 +75,7 @@ class Line {
       const ssize_t count = ::poll(&room, 1, kPatienceMilliseconds) == 1
                                 ? ::write(setup.output, rest.data(), rest.size())
                                 : -1;
-      // Nobody takes it: the rest of the report is not waited for.
+      // The output is stuck: do not wait for the rest of the report.
       if (count < 0) setup.output = -1;
       if (count > 0) rest.remove_prefix(static_cast<std::size_t>(count));
     }
@@ -131,7 +132,7 @@ void writeReport(int signal, const siginfo_t& info) {
   ::sigaddset(&set, number);
   ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
   ::raise(number);
-  // Process 1 of a container cannot end itself by a signal.
+  // Process 1 of a container cannot kill itself by a signal.
   ::_exit(128 + number);
 }
 
@@ -142,7 +143,7 @@ void onFatalSignal(int signal, siginfo_t* info, void*) {
     ::alarm(kAlarmSeconds);
     writeReport(signal, *info);
   } else if (before != ::gettid()) {
-    // The thread that reports ends this one.
+    // The reporting thread ends this one.
     for (;;) ::pause();
   }
   endOf(signal);
@@ -156,7 +157,7 @@ void keep(std::string_view text, std::array<char, size>& place) {
 }  // namespace
 
 void installCrashReport(CrashOutput output) {
-  // A descriptor of its own: were standard error closed, its number could become a client's socket.
+  // A duplicate: if standard error were closed, its number could be reused for a client's socket.
   setup.output = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   setup.lineBegin = output == CrashOutput::journal ? kCriticalPriority : "";
   keep(buildId(), setup.buildId);

@@ -5,11 +5,11 @@
 
 #include "runtime/foundation/string.h"
 
-// What the product Calder fixes: its version, names, paths and error codes.
+// Constants of the product Calder: version, names, paths and error codes.
 
 namespace keel {
 
-// The product's build version.
+// Returns the product's build version.
 String TBCopyCalderBuildVersion();
 
 inline constexpr std::string_view KLNErrorDomain = "KLNErrorDomain";
@@ -25,17 +25,17 @@ inline constexpr int errNotOwner = 10;  // the calling connection is not the ite
 inline constexpr int errNotFound = 11;  // no item of that name, or not published by this connection
 inline constexpr int errNilName = 12;   // a required name was missing
 inline constexpr int errRequestFailed =
-    13;  // nothing given, nothing made, or an exception while serving
+    13;  // null argument, null result, or an exception while serving
 inline constexpr int errNotAdmin =
     14;  // credentials good, but the user is not in the group "admin"
 
-// The right that an authorization reference has to carry.
+// The right that an authorization reference must carry.
 inline constexpr const char* kManageDaemonsRight = "com.vantor.ServiceManagement.daemons.modify";
 
 inline constexpr const char* kNotifyServiceName = "com.vantor.keeld.notify";
 inline constexpr const char* kAuthServiceName = "com.vantor.keeld.auth";
 inline constexpr const char* kLockDirectory = "/private/var/keeld";
-// The program that hosts one module.
+// The program that hosts a module.
 inline constexpr const char* kModuleProgram =
     "/Applications/Calder.app/Contents/CalderRoot/System/Library/CoreServices/KeelDaemon.bundle/"
     "Contents/MacOS/keeld";

@@ -9,24 +9,25 @@
 #include "runtime/foundation/string.h"
 #include "runtime/foundation/value.h"
 
-// What both supervisors have in common.
+// Helpers shared by both supervisors.
 
 namespace keel {
 
 class QZCommandAuthorization {};
 
-// keeld acts as root, and nobody else asks; so there is nothing in it.
+// Empty: keeld acts as root and there is no other caller.
 std::shared_ptr<QZCommandAuthorization> makeCommandAuthorization();
 
-// Why no job can have that label, if none can.
+// Returns the error for a label that no job can have; nothing for a valid one.
 std::optional<Error> errorOfLabel(const String& label);
 
-// Why the last job could not be made: whoever asks for a job that is not there wants to know.
+// Remembers why the last job could not be created, so that a later query for the missing job can
+// report the cause.
 class LastRefusal {
  public:
-  // Remembers it, and writes it where the caller wants it, as refuse() does.
+  // Remembers `problem` and stores it in `*error`, as refuse() does.
   bool note(const Value& dictionary, Error* error, Error problem);
-  // `otherwise`, or why the job of that label was not made when that is what happened last.
+  // Returns the remembered reason if the last refused job had that label, else `otherwise`.
   Error reasonFor(const String& label, const Error& otherwise) const;
 
  private:
@@ -34,7 +35,7 @@ class LastRefusal {
   Error problem_;
 };
 
-// One line in the log for a job with keys that have no counterpart.
+// Logs one line for a job with keys that have no counterpart.
 void logUnsupportedKeys(const Job& job);
 
 }  // namespace keel

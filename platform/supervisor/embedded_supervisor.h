@@ -13,33 +13,33 @@
 
 namespace keel {
 
-// keeld as its own service manager, where no other runs: in a container, for example. Its jobs live
-// and die with keeld. The operations are called on one thread; the jobs live on the reactor's.
+// keeld as its own service manager where there is no other, as in a container. Its jobs end with
+// keeld. Operations are called on one thread; the jobs live on the reactor's.
 //
-// Takes the lock of the jobs before anything else (jobs_lock.h). Without it each operation is
-// refused with the reason, and what the keeld that has it made stays as it is.
+// Takes the jobs lock first (jobs_lock.h). Without it every operation is refused with the reason,
+// and the jobs of the keeld that holds the lock are left alone.
 class EmbeddedSupervisor final : public Supervisor {
  public:
   explicit EmbeddedSupervisor(EmbeddedJob::World world);
-  // The jobs end on their own thread, later.
+  // The jobs end later, on their own thread.
   ~EmbeddedSupervisor() override;
 
   std::shared_ptr<QZCommandAuthorization> QZSupervisorCreateCommandAuthorizationWithCredentials(
       const void* first, const void* second, const void* third) override;
   bool QZSupervisorGetServiceEnabled(QZCommandAuthorization* authorization, const String& label,
                                      Error* error) override;
-  // A job of that label that is there already is ended and replaced. A Mach service that another
-  // job has is refused.
+  // Replaces an existing job of that label, ending it. Refuses a Mach service that belongs to
+  // another job.
   bool QZSupervisorCreateService(QZCommandAuthorization* authorization, const Value& job,
                                  Error* error) override;
-  // Makes the sockets, and starts what is to run from the beginning. Disabling a job ends it.
+  // Enabling creates the sockets and starts a run-at-load program. Disabling ends the job.
   bool QZSupervisorSetServiceEnabled(QZCommandAuthorization* authorization, const String& label,
                                      bool enabled, Error* error) override;
 
  private:
   struct Entry {
     Job job;
-    std::shared_ptr<EmbeddedJob> enabled;  // null when it is not
+    std::shared_ptr<EmbeddedJob> enabled;  // null when disabled
   };
 
   const EmbeddedJob::World world_;

@@ -25,13 +25,13 @@ bool isControl(char character) {
   return byte < 0x20 || byte == 0x7f;
 }
 
-// What is said in all problems of one job.
+// Returns the prefix of all error texts about one job.
 std::string nameOf(const Value& dictionary) {
   const auto* label =
       dictionary.find("Label") != nullptr ? dictionary.find("Label")->as<std::string>() : nullptr;
   if (label == nullptr) return "the job";
   std::size_t end = std::min(label->size(), kShownNameBytes);
-  // Not inside a character: who gets the text takes UTF-8 alone.
+  // Cut between characters: the text must stay valid UTF-8.
   while (end > 0 && end < label->size() &&
          (static_cast<unsigned char>((*label)[end]) & 0xc0) == 0x80)
     --end;
@@ -132,8 +132,8 @@ std::string problemOfMachService(const std::string& name) {
     return fmt::format("a Mach service has a name of {} bytes; at most {} can be", name.size(),
                        kMachServiceNameBytes);
   }
-  // A colon separates names where the program is told of them, a slash folders, and a backslash at
-  // the end of a line joins it to the next; what begins with a dot is hidden.
+  // A colon separates names in LISTEN_FDNAMES, a slash separates folders, and a trailing backslash
+  // joins lines; a leading dot hides the file.
   const auto unfit = [](char character) {
     return character <= ' ' || character > '~' || character == '/' || character == ':' ||
            character == '\\';

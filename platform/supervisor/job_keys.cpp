@@ -46,7 +46,7 @@ std::expected<std::chrono::seconds, std::string> secondsOf(const Value& value) {
   return std::chrono::seconds(*given);
 }
 
-// The names that useradd(8) allows, with a dot.
+// The names that useradd(8) allows, and dots.
 Read readAccount(const Value& value, std::string& account) {
   const auto* given = value.as<std::string>();
   const auto fits = [](char letter) {
@@ -57,7 +57,7 @@ Read readAccount(const Value& value, std::string& account) {
       given->front() == '.' || !std::ranges::all_of(*given, fits)) {
     return std::unexpected("must be the name of an account: letters, digits, and _ . -");
   }
-  // Whether a number is a name is not for everybody to read in the same way.
+  // Programs disagree on whether a numeric name is a name or an id.
   if (std::ranges::all_of(*given, [](char letter) { return letter >= '0' && letter <= '9'; })) {
     return std::unexpected("must be the name of an account, not its number");
   }
@@ -165,7 +165,7 @@ Read readKeepAlive(const Value& value, Job& job) {
       job.restart = Job::Restart::afterCrash;
     } else if (key == "Crashed" && flag != nullptr && *flag &&
                job.restart == Job::Restart::afterFailure) {
-      // A crash is a failure.
+      // A crash is also a failure.
     } else if (key == "AfterInitialDemand" && flag != nullptr) {
       job.afterInitialDemand = *flag;
     } else {
@@ -178,7 +178,7 @@ Read readKeepAlive(const Value& value, Job& job) {
 Read readProcessType(const Value& value, Job& job) {
   const auto* type = value.as<std::string>();
   if (type == nullptr) return std::unexpected("must be a text");
-  // Nothing is held back unless it asks for it, which is what the interactive ones want.
+  // The other types do not restrict the job.
   if (*type == "Background") {
     job.background = true;
   } else if (*type != "Standard" && *type != "Adaptive" && *type != "Interactive") {
@@ -208,8 +208,8 @@ Read readNice(const Value& value, Job& job) {
   return {};
 }
 
-// These change nothing here. Whether a job is enabled is said by enabling it; and a program that
-// ends when it is idle does so by itself, for which it needs nobody's help.
+// Keys without effect here. A job is enabled by enabling it, and a program that exits when idle
+// needs no support.
 Read readWithoutEffect(const Value& value, Job&) {
   bool flag = false;
   return readBoolean(value, flag);
@@ -270,8 +270,8 @@ Read readJobKey(const std::string& key, const Value& value, Job& job) {
 void settleJob(Job& job) {
   if (job.afterInitialDemand && job.restart == Job::Restart::never)
     job.restart = Job::Restart::always;
-  // To be kept running, a program must run. Only what looks at crashes alone waits for its first
-  // start.
+  // Keeping a program running implies starting it; only a job restarted solely after crashes waits
+  // for its first demand.
   const bool keptFromTheStart =
       job.restart != Job::Restart::never && job.restart != Job::Restart::afterCrash;
   if (keptFromTheStart && !job.afterInitialDemand) job.runAtLoad = true;

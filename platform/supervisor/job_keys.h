@@ -8,26 +8,24 @@
 #include "platform/supervisor/job.h"
 #include "runtime/foundation/value.h"
 
-// How the keys of a job's dictionary are read. Each refusal completes the sentence that begins with
-// the key.
+// Reads the keys of a job's dictionary. Each error completes a sentence that begins with the key.
 
 namespace keel {
 
-// Puts what `value` says under `key` into `job`; a key that is not known goes to the unsupported
-// ones.
+// Stores the `value` of `key` in `job`; unknown keys are added to `unsupported`.
 std::expected<void, std::string> readJobKey(const std::string& key, const Value& value, Job& job);
 
-// What several keys say together; when all are read.
+// Resolves keys that depend on each other, once all are read.
 void settleJob(Job& job);
 
-// UTF-8 without NUL.
+// Returns true for UTF-8 without NUL.
 bool isJobText(const std::string& text);
 
-// An array of texts.
+// Reads an array of strings.
 std::expected<void, std::string> readTexts(const Value& value, std::vector<std::string>& texts);
 
-// An absolute path that can be written on a line: without control characters, and without a blank
-// or a backslash at its end.
+// Reads an absolute path that fits on a unit file's line: no control characters, and no trailing
+// blank or backslash.
 std::expected<void, std::string> readPath(const Value& value, std::string& path);
 
 }  // namespace keel

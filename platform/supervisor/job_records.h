@@ -7,19 +7,17 @@
 
 namespace keel {
 
-// Where keeld itself is the service manager, it writes down for everybody how its jobs stand: one
-// small file for each Mach service, in the folder .jobs beside the sockets. Gone with keeld's next
-// start.
+// Publishes the state of keeld's jobs where keeld itself is the service manager: one small file per
+// Mach service, in the folder .jobs beside the sockets. Cleared by keeld's next start.
 class JobRecords {
  public:
-  // `serviceDirectory` is the folder of the sockets.
+  // `serviceDirectory` holds the sockets.
   explicit JobRecords(const std::string& serviceDirectory)
       : directory_(serviceDirectory + "/.jobs") {}
 
-  // Removes what an earlier keeld left.
+  // Removes the records of an earlier keeld.
   void clear() const;
-  // A reader finds the former state or this one, whole. What cannot be written is missing; nothing
-  // depends on it.
+  // Replaces the record atomically. A failed write is ignored; nothing depends on the record.
   void write(const std::string& machService, const JobState& state) const;
   void remove(const std::string& machService) const;
 

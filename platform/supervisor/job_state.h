@@ -9,34 +9,35 @@
 
 namespace keel {
 
-// How the job behind a Mach service stands. A plain value.
+// State of the job behind a Mach service. A plain value.
 struct JobState {
   enum class Program : std::uint8_t {
-    none,  // nobody asked for it
+    none,  // not demanded yet
     running,
-    starting,  // about to run, or given a pause before it
-    failed,    // its last run did not end well, or it could not be started
+    starting,  // about to run, or throttled
+    failed,    // its last run failed, or it could not be started
   };
   std::string label = {};  // empty: no job has that service
   bool known =
-      false;  // false: could not be found out, `problem` says why, and the four below say nothing
+      false;  // false: undetermined; `problem` has the reason and the next four are meaningless
   bool enabled = false;
-  bool listening = false;  // somebody can connect
+  bool listening = false;  // accepts connections
   Program program = Program::none;
   pid_t processId = 0;       // of a running one
-  std::string problem = {};  // what is wrong, for people; empty when nothing is known to be
+  std::string problem = {};  // for display; empty if there is no known problem
 };
 
-// Asks how jobs stand, without starting any. Any user may. On one thread.
+// Queries the state of jobs without starting any. Needs no privilege. On one thread.
 class JobStates {
  public:
   virtual ~JobStates() = default;
-  // Waits for the service manager a few seconds at most, in all calls together; from then on it is
-  // not asked.
+  // Waits at most a few seconds for the service manager, over all calls; after that it is no longer
+  // queried.
   virtual JobState of(const std::string& machService) = 0;
 };
 
-// Of this system: asks systemd where it runs, else reads what keeld writes down (job_records.h).
+// Returns this system's: queries systemd where it runs, else reads keeld's own records
+// (job_records.h).
 std::unique_ptr<JobStates> systemJobStates();
 
 }  // namespace keel

@@ -9,13 +9,12 @@
 
 namespace keel {
 
-// Makes this process the one whose jobs have their sockets in the folder, until it ends or the
-// descriptor is closed; the folder is made if it is missing. EBUSY when another process is. Once in
-// a process for each folder.
+// Makes this process the owner of the jobs whose sockets are in the folder, until it exits or the
+// descriptor is closed; creates the folder if missing. EBUSY if another process is the owner. Once
+// per folder and process.
 //
-// No child has the lock, not even between its fork and its exec: a keeld that is started at once
-// after another has the lock as soon as that one's process is gone, whatever that one was just
-// about to start.
+// Children never inherit the lock, not even between fork and exec: a keeld restarted at once gets
+// the lock as soon as its predecessor is gone, whatever that was about to start.
 std::expected<FileDescriptor, Error> lockJobs(const std::string& serviceDirectory);
 
 }  // namespace keel

@@ -13,29 +13,28 @@
 
 namespace keel {
 
-// A program that runs, our child. Its process is ours to reap.
+// A running program, our child. The owner reaps its process.
 struct LaunchedProcess {
   pid_t pid = -1;
-  FileDescriptor pidfd;  // readable when it has ended
+  FileDescriptor pidfd;  // readable once it has exited
 };
 
-// A listening socket for a program, and its service's name. Borrowed.
+// A listening socket passed to a program, and its service's name. Borrowed.
 struct NamedSocket {
   std::string name;
   int descriptor;
 };
 
-// Starts the job's program, as the job describes it, with the sockets handed over as
-// sd_listen_fds(3) expects them: from descriptor 3 on, with LISTEN_FDS, LISTEN_FDNAMES and
-// LISTEN_PID. It has a session of its own, no other descriptor but these and its standard ones
-// (nothing to read; keeld's standard error to write to, unless the job names files), no signal
-// blocked or ignored, and none of keeld's environment. It is sent SIGTERM when the calling thread
-// ends, however that comes about.
+// Starts the job's program as the job describes it. The sockets are passed as sd_listen_fds(3)
+// expects them: from descriptor 3 on, with LISTEN_FDS, LISTEN_FDNAMES and LISTEN_PID. The program
+// gets a session of its own, no other descriptors but the standard ones (empty input; keeld's
+// standard error for output, unless the job names files), no blocked or ignored signal, and none of
+// keeld's environment. It receives SIGTERM when the calling thread ends, however that happens.
 //
-// Its files are opened with the rights of its user, and none of them through a link.
+// Its files are opened with its user's rights, never through a link.
 //
-// Blocks: looks up accounts, opens files, and waits until the program's code has taken over. The
-// error says which step failed.
+// Blocks: looks up accounts, opens files and waits for the exec. The error names the step that
+// failed.
 std::expected<LaunchedProcess, Error> launch(const Job& job,
                                              const std::vector<NamedSocket>& sockets);
 

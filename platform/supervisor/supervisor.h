@@ -9,35 +9,33 @@
 
 namespace keel {
 
-// Under which a command is given to the service manager. Opaque; made and understood by a
-// Supervisor alone.
+// Authorizes a command to the service manager. Opaque; created and read by a Supervisor only.
 class QZCommandAuthorization;
 
-// What keeld asks of the service manager of this system: jobs by their label, made from a
-// dictionary with launchd's keys. Called during start-up on the main thread, and may block, each
-// call only up to a deadline of its own.
+// keeld's interface to the system's service manager: jobs by label, created from a dictionary with
+// launchd's keys. Called during start-up on the main thread. Each call may block, up to its own
+// deadline.
 //
-// Each operation takes a null authorization, which stands for the daemon's own right as root.
-// `error` may be null; a failure writes it, success leaves it untouched.
+// Each operation accepts a null authorization, which stands for the daemon's own right as root.
+// `error` may be null; set on failure, untouched on success.
 class Supervisor {
  public:
   virtual ~Supervisor();
   Supervisor(const Supervisor&) = delete;
   Supervisor& operator=(const Supervisor&) = delete;
 
-  // The credentials may all be null. Never null.
+  // The credentials may all be null. Never returns null.
   virtual std::shared_ptr<QZCommandAuthorization>
   QZSupervisorCreateCommandAuthorizationWithCredentials(const void* first, const void* second,
                                                         const void* third) = 0;
 
-  // Whether a job of that label exists and is enabled. A job that does not exist is not enabled,
-  // and that is no error. A null label is an error.
+  // Returns true if a job of that label exists and is enabled. A missing job is not enabled, and
+  // not an error. A null label is an error.
   virtual bool QZSupervisorGetServiceEnabled(QZCommandAuthorization* authorization,
                                              const String& label, Error* error) = 0;
 
-  // Makes the job that `job` describes; true when it was made. `job` is a map in the order of its
-  // keys, and comes from a file that anybody may have written: it may lack any key and hold any
-  // kind of value under it.
+  // Creates the job that `job` describes; returns true on success. `job` is a map in key order,
+  // from a file that is not trusted: any key may be missing, any value may be of any kind.
   virtual bool QZSupervisorCreateService(QZCommandAuthorization* authorization, const Value& job,
                                          Error* error) = 0;
 
@@ -49,7 +47,7 @@ class Supervisor {
   Supervisor() = default;
 };
 
-// The supervisor of this system. Always the same one, made on the first call.
+// Returns this system's supervisor: always the same object, created on the first call.
 Supervisor& systemSupervisor();
 
 }  // namespace keel

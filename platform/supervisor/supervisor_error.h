@@ -8,10 +8,11 @@
 
 namespace keel {
 
-// A POSIX error, `problem` an errno, whose description says what happened, to whom, and what to do.
+// Returns a POSIX error; `problem` is the errno. The description states what happened, to what, and
+// what to do.
 Error supervisorError(int problem, std::string description);
 
-// Writes `problem` where the caller wants it, if it does; yields false.
+// Stores `problem` in `*error` unless that is null; returns false.
 bool refuse(Error* error, Error problem);
 
 }  // namespace keel

@@ -10,9 +10,8 @@ struct sd_bus_message;
 
 namespace keel {
 
-// A connection over which systemd is asked, the words in which it is, and how to wait for it no
-// longer than until a deadline. The library would wait for somebody who lets it in, and is silent
-// then, for a minute and a half.
+// A D-Bus connection to systemd, its names, and waiting with a deadline. The library itself would
+// wait a minute and a half, in silence, for a bus that accepts the connection and never answers.
 
 struct BusCloser {
   void operator()(sd_bus* bus) const;
@@ -28,11 +27,11 @@ inline constexpr const char* kSystemdDestination = "org.freedesktop.systemd1";
 inline constexpr const char* kSystemdPath = "/org/freedesktop/systemd1";
 inline constexpr const char* kSystemdManager = "org.freedesktop.systemd1.Manager";
 
-// Zero when it has passed.
+// Returns zero once the deadline has passed.
 std::uint64_t microsecondsUntil(std::chrono::steady_clock::time_point deadline);
 
-// Waits until a bus that was opened, or started, can be used. A negative errno when it cannot;
-// -ETIMEDOUT: not by then.
+// Waits until an opened or started bus is ready. Returns a negative errno on failure, -ETIMEDOUT
+// when the deadline passes.
 int waitUntilReady(sd_bus& bus, std::chrono::steady_clock::time_point deadline);
 
 }  // namespace keel

@@ -148,7 +148,7 @@ SystemdSupervisor::Done SystemdSupervisor::removeFormer(const UnitStore::Stored&
 
 SystemdSupervisor::Done SystemdSupervisor::stopAll(const UnitStore::Stored& service,
                                                    const std::string& serviceName) {
-  // The sockets first, lest they start it again.
+  // Stop the sockets first, or they restart it.
   for (const std::string& name : unitNamesOf(service, serviceName)) {
     if (auto stopped = manager_->stop(name); !stopped) return stopped;
   }
@@ -166,7 +166,7 @@ SystemdSupervisor::Done SystemdSupervisor::enable(const UnitStore::Stored& servi
     done = manager_->start(service.started[startedCount]);
   if (done) done = manager_->enable(service.enabled, service.place == UnitStore::Place::runtime);
   if (done) return {};
-  // What is not enabled does not run. What comes of that changes nothing in why the job is not.
+  // A job that is not enabled must not run. Ignores failures: the original error matters.
   for (std::size_t place = 0; place < startedCount; ++place) {
     [[maybe_unused]] const Done stopped = manager_->stop(service.started[place]);
   }

@@ -14,9 +14,9 @@
 
 namespace keel {
 
-// Jobs as units of systemd: a service, and a socket for each Mach service. A transient job lasts
-// until the next boot, any other until somebody removes it; neither ends with keeld. A job is
-// enabled when its units are there, are ours, and systemd calls them enabled.
+// Jobs as systemd units: a service, and a socket per Mach service. A transient job lasts until the
+// next boot, any other until it is removed; both outlive keeld. A job is enabled when its units
+// exist, are ours, and systemd reports them enabled.
 class SystemdSupervisor final : public Supervisor {
  public:
   SystemdSupervisor(std::unique_ptr<SystemManager> manager, UnitStore store);
@@ -24,18 +24,18 @@ class SystemdSupervisor final : public Supervisor {
   std::shared_ptr<QZCommandAuthorization> QZSupervisorCreateCommandAuthorizationWithCredentials(
       const void* first, const void* second, const void* third) override;
 
-  // One question to systemd for a job that is there, none for one that is not.
+  // Makes one call to systemd for an existing job, none for a missing one.
   bool QZSupervisorGetServiceEnabled(QZCommandAuthorization* authorization, const String& label,
                                      Error* error) override;
 
-  // Writes the units. A job of that label that is there already gets its new ones; when these
-  // differ, it is stopped. A unit of such a name that is not ours, and a Mach service that another
-  // job has, are refused.
+  // Writes the units. An existing job of that label gets the new ones, and is stopped if they
+  // differ. Refuses a unit name that is taken by a unit not ours, and a Mach service that belongs
+  // to another job.
   bool QZSupervisorCreateService(QZCommandAuthorization* authorization, const Value& job,
                                  Error* error) override;
 
-  // Starts the sockets, and what is to run from the beginning, and then enables the job, so that no
-  // job is enabled which was not started. Disabling it ends it.
+  // Enabling starts the sockets and a run-at-load service before it enables the job, so that no job
+  // is enabled that did not start. Disabling ends the job.
   bool QZSupervisorSetServiceEnabled(QZCommandAuthorization* authorization, const String& label,
                                      bool enabled, Error* error) override;
 
@@ -44,7 +44,7 @@ class SystemdSupervisor final : public Supervisor {
 
   Done create(const Job& job);
   Done checkNames(const Job& job, const JobUnits& units);
-  // What a job of that label had and no longer has.
+  // Removes the units of the former job that the new one lacks.
   Done removeFormer(const UnitStore::Stored& former, UnitStore::Place place, const JobUnits& units);
   Done stopAll(const UnitStore::Stored& service, const std::string& serviceName);
   Done enable(const UnitStore::Stored& service);
@@ -54,9 +54,8 @@ class SystemdSupervisor final : public Supervisor {
   const std::unique_ptr<SystemManager> manager_;
   UnitStore store_;
   LastRefusal lastRefusal_;
-  std::vector<std::string> unitPath_;  // empty: not asked for yet
-  // Units were changed that systemd may have read already. Those that are new it reads when it
-  // starts them.
+  std::vector<std::string> unitPath_;  // empty: not fetched yet
+  // Set when units changed that systemd may have loaded. New ones it loads when it starts them.
   bool reloadNeeded_ = false;
 };
 

@@ -14,24 +14,24 @@
 
 namespace keel {
 
-// The files of our units on disk, among those of others: only what carries our mark is ever
-// replaced or removed. On one thread.
+// Our unit files on disk, among foreign ones: only files with our marker are ever replaced or
+// removed. On one thread.
 class UnitStore {
  public:
   enum class Place : std::uint8_t {
     runtime,     // gone with the next boot
-    persistent,  // goes before what is in `runtime`
+    persistent,  // takes precedence over `runtime`
   };
   struct Directories {
     std::string runtime = "/run/systemd/system";
     std::string persistent = "/etc/systemd/system";
   };
 
-  // What stands in a file of ours.
+  // Contents of one of our files.
   struct Stored {
     Place place = Place::runtime;
     std::string text;
-    // The notes behind the mark; see job_units.h.
+    // The fields after the marker; see job_units.h.
     std::string label;
     std::string machService;
     std::string enabled;
@@ -42,21 +42,21 @@ class UnitStore {
   explicit UnitStore(Directories directories);
   UnitStore() : UnitStore(Directories()) {}
 
-  // Whose is the file of that name in our directories? `stored`, if given, gets what is in one of
-  // ours. Whatever cannot be read, such as a link (a masked unit is one), is foreign.
+  // Returns the owner of the file of that name in our directories; `stored`, if given, receives the
+  // contents of one of ours. Whatever cannot be read, such as a link (a masked unit is one), is
+  // foreign.
   Standing standingOf(const std::string& name, std::optional<Stored>* stored = nullptr) const;
 
-  // Whether there is anything of that name in the folder, a link that leads nowhere too.
+  // Returns true if the folder has an entry of that name, even a dangling link.
   static bool exists(const std::string& folder, const std::string& name);
 
-  // Puts the unit there; true when that changed something. A reader finds the old text or the new
-  // one, whole.
+  // Writes the unit atomically; returns true if anything changed.
   std::expected<bool, Error> write(Place place, const Unit& unit);
-  // One of ours. No error when it is gone already.
+  // Removes one of ours. No error if it is already gone.
   std::expected<void, Error> remove(Place place, const std::string& name);
 
-  // The label, as unitNameOf() writes it, of the job that has that Mach service; empty when none of
-  // ours has.
+  // Returns the label, escaped by unitNameOf(), of the job that owns that Mach service; empty if
+  // none of ours does.
   std::string ownerOf(const std::string& machService);
 
  private:
@@ -66,7 +66,7 @@ class UnitStore {
   const Directories directories_;
   bool indexed_ = false;
   std::map<std::string, std::string, std::less<>>
-      labelsByMachService_;  // as unitNameOf() writes both
+      labelsByMachService_;  // both escaped by unitNameOf()
 };
 
 }  // namespace keel

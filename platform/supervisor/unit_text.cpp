@@ -18,7 +18,7 @@ unsigned byteOf(char letter) {
 
 }  // namespace
 
-// Backslashes, with which systemd-escape(1) does it, are lost in some settings that name units.
+// The backslashes of systemd-escape(1) are lost in some settings that name units.
 std::string unitNameOf(std::string_view text) {
   std::string name;
   for (const char letter : text) {
@@ -49,8 +49,8 @@ std::string quotedWord(std::string_view text) {
   return word + '"';
 }
 
-// The colon keeps variables from being expanded, the at sign takes the next word for argument 0.
-// They stand outside the quotation marks, which may stand within a word.
+// The colon disables variable expansion, the at sign makes the next word argument 0. Both go before
+// the opening quotation mark, which may occur inside a word.
 std::string commandLine(std::string_view program, const std::vector<std::string>& arguments) {
   std::string line = ":@" + quotedWord(program);
   for (const std::string& argument : arguments) line += ' ' + quotedWord(argument);

@@ -71,7 +71,7 @@ class EndOfTurnHooks {
   static void append(EndOfTurnLink& sentinel, EndOfTurnLink& hook);
   static bool runAll(EndOfTurnLink& sentinel);
 
-  // One round collects hooks while the other runs.
+  // Collects hooks in one round while the other runs.
   Round rounds_[2];
   std::uint8_t collecting_ = 0;
 };

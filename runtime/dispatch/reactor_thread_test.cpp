@@ -132,7 +132,7 @@ TEST(ReactorThread, WaitsAgainAfterItWasWoken) {
   });
   while (!woken) reactor.turn(/*wait=*/true);
   waker.join();
-  // One turn may still fetch the last wake-up; another may find the timer a hair short of due.
+  // A turn may still fetch the last wake-up; another may find the timer a hair short of due.
   bool ran = false;
   int turns = 0;
   reactor.after(std::chrono::milliseconds(5), [&ran] { ran = true; });

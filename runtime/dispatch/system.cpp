@@ -17,7 +17,7 @@ namespace {
 // Threads start on demand, and an idle one costs a stack that is hardly touched.
 constexpr std::size_t kWorkerLimit = 32;
 
-// As many slow checks (password, rights, membership) at once as an administrator could plausibly
+// Slow checks (password, rights, membership) at once: as many as an administrator could plausibly
 // want. One user cannot occupy all threads, so the checks of another never wait for those of the
 // first to time out.
 constexpr std::size_t kCheckLimit = 32;

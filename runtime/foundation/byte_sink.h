@@ -51,8 +51,8 @@ class ByteSink {
   }
   // Appends one byte, then the lowest `width` bytes of `number` (1, 2, 4 or 8), big-endian.
   void appendBigEndian(std::byte first, std::uint64_t number, std::size_t width) {
-    // Stores eight bytes whatever the width: a later load across smaller stores would miss store
-    // forwarding.
+    // Stores eight bytes whatever the width: a wide load of several narrow stores would be a
+    // store-forwarding stall.
     const std::uint64_t highest = number << (64 - 8 * width);
     const std::uint64_t bytes =
         std::endian::native == std::endian::little ? std::byteswap(highest) : highest;

@@ -10,10 +10,10 @@
 
 namespace keel {
 
-// The fields of a message's journal entry, each "NAME=value".
+// Returns the fields of a message's journal entry, each "NAME=value".
 std::array<std::string, 4> journalFields(const LogMessage& message);
 
-// Sends entries with `send`, which takes and returns what sd_journal_sendv(3) does.
+// Sends entries with `send`, which has the signature and result of sd_journal_sendv(3).
 class JournalOutput : public LogOutput {
  public:
   using Send = int (*)(const iovec* fields, int count);

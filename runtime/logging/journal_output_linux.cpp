@@ -2,7 +2,7 @@
 #include "runtime/logging/journal_output.h"
 
 #include <fmt/format.h>
-// The place in our source is of no use to an administrator, and would always be this file.
+// The location in our source is of no use to an administrator, and would always be this file.
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include <syslog.h>
 #include <systemd/sd-journal.h>

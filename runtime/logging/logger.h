@@ -19,14 +19,14 @@ namespace keel {
 // not fill the queue.
 inline constexpr std::size_t kLogMessageBytes = 16 * 1024;
 
-// In rising order of weight. `standard` is the level called "default" in settings and output.
+// In order of severity. `standard` is the level called "default" in settings and output.
 enum class LogLevel : std::uint8_t { debug, standard, error, fault };
 
 class LoggerTable;
 
-// Writes the messages of one category. Lives for the whole process; all functions may be called
-// from any thread, none ever blocks on the output or throws, and a message is formed only when its
-// level is enabled. A message above kLogMessageBytes is cut, with a note of its full size.
+// Logs messages of one category. Lives for the whole process. All functions may be called from any
+// thread; none blocks on the output or throws, and a message is formatted only if its level is
+// enabled. A message above kLogMessageBytes is truncated, with a note of its full size.
 class Logger {
  public:
   Logger(const Logger&) = delete;
@@ -68,17 +68,17 @@ class Logger {
 
   const std::string category_;
   LoggerTable& table_;
-  // The lowest enabled level. Above every level until an output is started (log_system.h).
+  // The lowest enabled level; above every level until an output is started (log_system.h).
   std::atomic<std::uint8_t> threshold_{0xff};
 };
 
-// The logger of that category, always the same one for the same name; null is the empty name. Keep
-// the reference: the look-up takes a lock.
+// Returns the logger of that category, always the same one for the same name; null is the empty
+// name. Keep the reference: the look-up takes a lock.
 Logger& _loggerForCategory(const char* category);
 
 }  // namespace keel
 
-// Nullable texts and errors print as "(null)" when they are null.
+// Null texts and errors are formatted as "(null)".
 template <>
 struct fmt::formatter<keel::String> : fmt::formatter<std::string_view> {
   auto format(const keel::String& text, format_context& context) const -> format_context::iterator;

@@ -81,7 +81,7 @@ bool LineOutput::write(const LogMessage& message) {
 }
 
 std::unique_ptr<LogOutput> standardErrorOutput(bool colour) {
-  // A descriptor of its own: were standard error closed, its number could become a client's socket.
+  // A duplicate: if standard error were closed, its number could become a client's socket.
   FileDescriptor own(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
   return std::make_unique<LineOutput>(std::move(own), colour);
 }

@@ -8,18 +8,18 @@
 
 namespace keel {
 
-// How much of a text is shown. With time, level, category and the note of its size a line stays
-// below PIPE_BUF, so that lines of several processes on one pipe do not mix.
+// The part of a text that is shown. With time, level, category and the note of its size a line
+// stays below PIPE_BUF, so that lines of several processes on one pipe do not mix.
 inline constexpr std::size_t kShownTextBytes = 1024;
 
-// The line that standardErrorOutput() writes for a message, with its newline.
+// Returns the line that standardErrorOutput() writes for a message, newline included.
 std::string logLine(const LogMessage& message, bool colour);
 
-// Whether `descriptor` is the file that `journalStream` ("DEVICE:INODE", or null) names.
+// Returns true if `descriptor` is the file named by `journalStream` ("DEVICE:INODE", or null).
 bool isJournalStream(int descriptor, const char* journalStream);
 
-// Writes lines to a descriptor. A reader that is gone, or a full pipe that does not block, loses
-// the message.
+// Writes lines to a descriptor. A reader that is gone, or a full non-blocking pipe, loses the
+// message.
 class LineOutput : public LogOutput {
  public:
   LineOutput(FileDescriptor descriptor, bool colour)

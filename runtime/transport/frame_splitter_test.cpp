@@ -119,7 +119,7 @@ TEST(FrameSplitter, AnySplitOfTheStreamYieldsTheSameFrames) {
     std::size_t position = 0;
     while (position < stream.size()) {
       const std::size_t part = std::min<std::size_t>(1 + random() % 50, stream.size() - position);
-      // As a stream does: now and then, kept bytes are put back in front.
+      // Puts kept bytes back in front now and then, as a stream does.
       const std::size_t kept = random() % 2 == 0 ? splitter.take(buffer) : 0;
       std::memcpy(buffer.data() + kept, stream.data() + position, part);
       position += part;

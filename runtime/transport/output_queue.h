@@ -97,7 +97,7 @@ class OutputQueue {
   std::size_t waitingFileBytes_ = 0;
   std::size_t sentFileBytes_ = 0;
   std::uint64_t prunedEnd_ = 0;  // where the frame before the first of frameEnds_ ends
-  // Where each waiting frame ends, counted as appendedBytes_ is.
+  // The end of each waiting frame, counted as appendedBytes_ is.
   std::vector<std::uint64_t> frameEnds_;
 };
 

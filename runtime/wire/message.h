@@ -44,9 +44,8 @@ enum class FailureCode : std::uint8_t {
   overQuota = 8,       // the sender's user is over its quota
 };
 
-// One or more frames to be sent together, in pieces: bytes of its own, and between them references
-// to larger values. Reused from message to message, so building one allocates nothing in the steady
-// state.
+// Frames to be sent together, in pieces: bytes of its own, and between them references to larger
+// values. Reused from message to message, so building one allocates nothing in the steady state.
 class OutgoingMessage {
  public:
   struct Splice {
@@ -98,7 +97,7 @@ class OutgoingMessage {
   std::vector<Splice> splices_;
   std::vector<BufferRef> files_;
   std::size_t splicedBytes_ = 0;
-  // Where the last frame begins, in bytes() and on the wire.
+  // Start of the last frame, in bytes() and on the wire.
   std::size_t frameBegin_ = 0;
   std::size_t frameBeginOnWire_ = 0;
 };

@@ -12,7 +12,7 @@ namespace keel::xpc {
 namespace {
 
 // Loads the first and the last bytes. Loads of fixed sizes, which may overlap: a copy of variable
-// size would miss store forwarding.
+// size would be a store-forwarding stall.
 template <class Number>
 std::pair<std::uint64_t, std::uint64_t> endsAs(std::string_view text) {
   Number begin;

@@ -17,8 +17,8 @@ std::expected<std::shared_ptr<Connection>, Error> connectToService(const std::st
 
 std::shared_ptr<Connection> clientConnection(FileDescriptor connectedSocket,
                                              TransportContext& context) {
-  // Who serves is known by the path of the socket, which only the administrator can place; a client
-  // has no need to ask further.
+  // The path of the socket, which only the administrator can create, identifies the server; the
+  // client need not check its identity.
   Connection::Options options;
   options.receiveLimitBytes = limits::kFrameBytesFromDaemon;
   FrameStream::Terms terms{.frameLimitBytes = options.receiveLimitBytes};

@@ -10,14 +10,14 @@
 
 namespace keel::xpc {
 
-// The client's end of a new connection to a service, to be configured and resumed; its ready
-// handler tells when calls can be made. Fails with a POSIX error: ENOENT or ECONNREFUSED when
-// nobody serves that name, EACCES, EAGAIN when the service is overloaded.
+// Returns the client's end of a new connection to a service, to be configured and resumed; its
+// ready handler runs when calls can be made. Fails with a POSIX error: ENOENT or ECONNREFUSED if
+// nothing serves that name, EACCES, EAGAIN if the service is overloaded.
 std::expected<std::shared_ptr<Connection>, Error> connectToService(const std::string& directory,
                                                                    const std::string& name,
                                                                    TransportContext& context);
 
-// The client's end over a socket that is connected already; for tests and inherited sockets.
+// Returns the client's end over a connected socket; for tests and inherited sockets.
 std::shared_ptr<Connection> clientConnection(FileDescriptor connectedSocket,
                                              TransportContext& context);
 

@@ -10,12 +10,12 @@
 
 namespace keel::xpc {
 
-// Serves one heavy request of each user at a time, over all its connections: the answer may be as
-// large as all that the service holds. Shared by the connections of a listener. Lives on the I/O
-// thread.
+// Serves one heavy request per user at a time, over all the user's connections: the answer may be
+// as large as everything the service holds. Shared by the connections of a listener. Lives on the
+// I/O thread.
 class HeavyRequestQueue {
  public:
-  // Runs `serve` once no other request of that user is being served, which may be at once. It, or
+  // Runs `serve` once no other request of that user is being served, possibly immediately. It, or
   // what it started, calls leave() in the end.
   void enter(const MemoryAccount* user, Block serve) {
     const auto [found, isFree] = waitingByUser_.try_emplace(user);
@@ -35,8 +35,8 @@ class HeavyRequestQueue {
   }
 
  private:
-  std::unordered_map<const MemoryAccount*, std::deque<Block>>
-      waitingByUser_;  // of users with a request being served
+  // Has an entry for each user with a request being served.
+  std::unordered_map<const MemoryAccount*, std::deque<Block>> waitingByUser_;
 };
 
 }  // namespace keel::xpc

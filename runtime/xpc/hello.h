@@ -11,22 +11,22 @@
 #include "runtime/wire/message.h"
 #include "runtime/xpc/interface.h"
 
-// The first message of each side: the version it speaks, the methods it exports, its options.
+// The first message of each side: its protocol version, the methods it exports, its options.
 
 namespace keel::xpc {
 
-// What a peer said of itself.
+// The content of a peer's hello.
 struct PeerHello {
-  // From the index of a method in our remote interface to its index in the peer's list; negative
+  // Maps the index of a method in our remote interface to its index in the peer's list; negative
   // where the peer has none.
   TransportContext::MethodIndexes methodIndexes;
   bool takesDescriptors = false;
 };
-// It turned us away.
+// The peer turned us away.
 struct PeerGoodbye {
   std::string_view text;  // in the message; may be empty
 };
-// It does not speak this protocol; the text says in what.
+// The peer violates the protocol; the text says how.
 struct PeerViolation {
   std::string text;
 };
@@ -34,7 +34,7 @@ struct PeerViolation {
 void writeHello(OutgoingMessage& message, std::span<const std::string_view> selectors,
                 bool takesDescriptors);
 
-// `remoteInterface` is what the peer is expected to export; null: nothing.
+// `remoteInterface`: what the peer is expected to export, or null.
 std::variant<PeerHello, PeerGoodbye, PeerViolation> readHello(std::span<const std::byte> bytes,
                                                               const Interface* remoteInterface,
                                                               TransportContext& context);

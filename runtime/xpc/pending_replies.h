@@ -12,12 +12,12 @@
 
 namespace keel::xpc {
 
-// The requests of this side that the peer has not answered yet. On the I/O thread until the
+// The requests of this side that the peer has not answered yet. On the I/O thread, until the
 // connection's queue, if it has one, takes answers out.
 class PendingReplies {
  public:
   using ErrorBlock = std::move_only_function<void(Error)>;
-  // Reads the results and calls the reply block; returns false, and calls nothing, when they do not
+  // Reads the results and calls the reply block; returns false, calling nothing, if they do not
   // fit.
   using Reader = std::move_only_function<bool(ArgumentReader& results, std::uint64_t resultCount)>;
 
@@ -26,13 +26,13 @@ class PendingReplies {
     ErrorBlock onError;
   };
 
-  // Returns the id to send.
+  // Registers a request and returns its id.
   std::uint64_t registerReply(Reader read, ErrorBlock onError) {
     const std::uint64_t id = nextRequestId_++;
     replies_.emplace(id, Reply{std::move(read), std::move(onError)});
     return id;
   }
-  // Nothing for a request that is not pending.
+  // Returns nothing for a request that is not pending.
   std::optional<Reply> take(std::uint64_t requestId) {
     auto found = replies_.extract(requestId);
     if (found.empty()) return std::nullopt;

@@ -15,17 +15,17 @@
 
 namespace keel::xpc {
 
-// Where answers go: a connection, or a block in this process.
+// The destination of answers: a connection, or a block in this process.
 class ReplyRoute {
  public:
   using WriteResults = void (*)(void* results, ArgumentWriter& writer);
 
   virtual ~ReplyRoute() = default;
-  // From any thread, all three.
+  // All three may be called from any thread.
   virtual void sendReply(std::uint64_t requestId, std::size_t resultCount, WriteResults write,
                          void* results) = 0;
   virtual void sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text) = 0;
-  // The same results for each.
+  // Sends the same results to each request.
   virtual void sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount,
                            WriteResults write, void* results) {
     for (const std::uint64_t id : requestIds) sendReply(id, resultCount, write, results);
@@ -34,14 +34,14 @@ class ReplyRoute {
 };
 
 // A reply block: answers one request, exactly once, from any thread. Dropped unanswered, it answers
-// with a failure. It keeps the connection's object alive, and outlives the connection harmlessly.
+// with a failure. It keeps the connection object alive, and may outlive the connection's end.
 template <class... Results>
 class Reply {
  public:
   Reply(std::shared_ptr<ReplyRoute> route, std::uint64_t requestId)
       : route_(std::move(route)), requestId_(requestId) {}
 
-  // A reply block that calls `block(results...)`; dropped unanswered it calls nothing.
+  // Returns a reply block that calls `block(results...)`; dropped unanswered, it calls nothing.
   template <class LocalBlock>
     requires std::is_invocable_v<LocalBlock&, Results...>
   static Reply to(LocalBlock block) {
@@ -74,8 +74,8 @@ class Reply {
     route->sendReply(requestId_, sizeof...(Results), &writeAll, &all);
   }
 
-  // The same answer to each of `replies`, in their order. What goes to one connection travels
-  // together.
+  // Answers each of `replies` with the same results, in their order. Answers to one connection
+  // travel together.
   static void answerAll(std::span<Reply> replies, Results... results) {
     if (replies.size() == 1) return replies.front()(std::move(results)...);
     std::vector<std::uint64_t> ids;

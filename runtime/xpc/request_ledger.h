@@ -10,15 +10,15 @@
 
 namespace keel::xpc {
 
-// What the peer of one connection has asked for and not been given yet: requests without an answer,
-// messages that wait on the connection's queue, a heavy request. Decides when that is so much that
-// the peer is not read for a while. Counted from any thread; decisions are made on the I/O thread.
+// Accounts for what the peer of one connection has asked for and not received yet: unanswered
+// requests, queued messages, a heavy request. Decides when the peer must not be read for a while.
+// Counted from any thread; decisions are made on the I/O thread.
 class RequestLedger {
  public:
-  // Requests are taken on a queue of the connection's own, off the I/O thread.
+  // Declares that requests are received on a queue of the connection's own, off the I/O thread.
   void setShared() { isShared_ = true; }
 
-  // Returns true when the peer should not be read any more, and is.
+  // Counts a request. Returns true if reading must be paused and is not.
   bool takeRequest() { return change(1) > limits::kUnansweredRequests && !isPaused(); }
   void requestAnswered() { change(-1); }
 
@@ -26,7 +26,7 @@ class RequestLedger {
   void messageServed(std::size_t sizeBytes) { queuedBytes_ -= sizeBytes; }
 
   void beginHeavy(std::uint64_t requestId) { heavyRequestId_ = requestId; }
-  // Returns true for the heavy request, which is over.
+  // Returns true if this was the heavy request, which is then over.
   bool endHeavy(std::uint64_t requestId) {
     if (requestId != heavyRequestId_) return false;
     heavyRequestId_ = 0;
@@ -34,8 +34,8 @@ class RequestLedger {
   }
 
   bool isPaused() const { return isPaused_.load(std::memory_order_relaxed); }
-  // Decides anew. Returns the decision when it has changed: true pauses reading. Once paused, half
-  // of each limit has to be free again, so that not every message causes a pause.
+  // Re-evaluates the limits. Returns the decision if it has changed: true pauses reading.
+  // Hysteresis: once paused, half of each limit must be free again.
   std::optional<bool> decide() {
     const std::size_t divisor = isPaused() ? 2 : 1;
     const bool pause = unansweredCount_ > limits::kUnansweredRequests / divisor ||
@@ -46,7 +46,7 @@ class RequestLedger {
   }
 
  private:
-  // Returns the new count. On the I/O thread alone nothing has to be locked.
+  // Returns the new count. While only the I/O thread counts, no atomic read-modify-write is needed.
   std::uint32_t change(std::int32_t difference) {
     const auto added = static_cast<std::uint32_t>(difference);
     if (isShared_) return unansweredCount_.fetch_add(added, std::memory_order_relaxed) + added;
@@ -55,7 +55,7 @@ class RequestLedger {
     return changed;
   }
 
-  std::atomic<std::uint64_t> heavyRequestId_{0};  // 0: none waits for its answer
+  std::atomic<std::uint64_t> heavyRequestId_{0};  // 0: none is unanswered
   std::atomic<std::size_t> queuedBytes_{0};
   std::atomic<std::uint32_t> unansweredCount_{0};
   std::atomic<bool> isPaused_{false};

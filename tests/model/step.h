@@ -18,26 +18,24 @@
 
 namespace keel::model {
 
-// The names that the steps use; nothing stands for a null name.
+// The names that the steps use; nullopt is the null name.
 using ModelName = std::optional<std::string>;
 inline const std::vector<ModelName> kNames = {"a", "b", "_all", std::nullopt};
 
-// Where the steps of a sequence act. There are always as many clients: one that dies is replaced by
-// a new one.
+// Number of clients. One that dies is replaced by a new one.
 inline constexpr std::size_t kClientCount = 4;
 
-// One step of a sequence. Every step makes sense in every state.
+// One step of a sequence. Every step is valid in every state.
 template <class Kind>
 struct Step {
   Kind kind;
   std::size_t client;
   ModelName name;
-  std::optional<int> value;  // nothing: null data
+  std::optional<int> value;  // nullopt: null data
   bool flag;
 };
 
-// Sequences of steps whose kinds have these weights; four times as long as RapidCheck would make
-// them.
+// Generates sequences of steps with these weights of kinds, four times RapidCheck's default length.
 template <class Kind>
 rc::Gen<std::vector<Step<Kind>>> sequencesOf(std::vector<std::pair<std::size_t, Kind>> weights) {
   std::vector<Kind> kinds;
@@ -56,7 +54,7 @@ rc::Gen<std::vector<Step<Kind>>> sequencesOf(std::vector<std::pair<std::size_t, 
   return rc::gen::scale(4.0, rc::gen::container<std::vector<Step<Kind>>>(step));
 }
 
-// The steps' names and values as the daemon takes them, and what comes back in comparable texts.
+// Convert the steps' names and values for the daemon, and its answers into comparable texts.
 Name toName(const ModelName& name);
 Dictionary toData(std::optional<int> value);
 std::string textOf(const ModelName& name);

@@ -14,11 +14,11 @@
 
 namespace keel::testing {
 
-// A client of the notify service, with its handler, connected as the listener's delegate does it.
+// A client of the notify service with its handler, connected the way the listener's delegate does.
 class NotifyClient : public FakeClient {
  public:
   explicit NotifyClient(ManualExecutor& executor) : NotifyClient(executor, identity(100)) {}
-  // `selectors` are what it exports, in its order; all of them unless given.
+  // Exports `selectors`, in that order; all of them by default.
   NotifyClient(ManualExecutor& executor, xpc::PeerIdentity peer,
                std::optional<std::vector<std::string>> selectors = std::nullopt)
       : FakeClient(executor, std::move(peer)) {
@@ -36,7 +36,7 @@ class NotifyClient : public FakeClient {
     connection()->resume();
   }
 
-  // Null once nothing holds it any more.
+  // Returns null once nothing owns it any more.
   std::shared_ptr<KLNNotificationHandler> handler() const { return handler_.lock(); }
 
  private:
