@@ -71,6 +71,9 @@ class Installation(unittest.TestCase):
             self.assertTrue(select.select([journal.stdout], [], [], HANG_GUARD)[0])
             self.assertRegex(journal.stdout.readline(), r"\Akeeld \d+\.\d+\.\d+ is running \(build id [0-9a-f]+\)\n\Z")
             journal.kill()
+        errors = subprocess.run(["journalctl", "--quiet", "--priority=err", "--output=cat", command[-1]],
+                                capture_output=True, text=True, check=True).stdout
+        self.assertEqual(errors, "")
 
     def assertUnits(self, verb, word):
         said = subprocess.run(["systemctl", verb, *UNITS], capture_output=True, text=True, check=False).stdout

@@ -181,6 +181,10 @@ class CommandLine(KeelctlTest):
                                     stderr=subprocess.PIPE, check=False)
             self.assertEqual((closed.returncode, closed.stderr),
                              (OUTPUT_FAILED, b"keelctl: the output cannot be written: Bad file descriptor\n"))
+        closed = subprocess.run(["sh", "-c", 'exec "$@" >&-', "sh", keel_host.keelctl, "subscribe", "weather"],
+                                env=ENVIRONMENT, stderr=subprocess.PIPE, check=False)
+        self.assertEqual(closed.returncode, OUTPUT_FAILED)
+        self.assertIn(b"keelctl: the output cannot be written: Bad file descriptor\n", closed.stderr)
 
     def test_another_directory_can_be_named(self):
         self.assertExits(UNREACHABLE, "dump", "--service-directory", "/run/nowhere", told=".*/run/nowhere/")
