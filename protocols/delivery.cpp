@@ -5,9 +5,9 @@
 // Encode once. All subscribers are sent the same bytes, except for two properties of a hello: the
 // index under which the peer lists the method, and whether it takes descriptors. So a delivery
 // encodes itself for the first receiver of each kind and hands the same message to the others. From
-// the second receiver on, bytes that are too many to copy are moved into a buffer that all output
-// queues share; what lives in a shared buffer or a memory file already, a large value, is never
-// copied at all.
+// the second receiver on, or for a small message from the 65th, the bytes are in a buffer that all
+// output queues share: to copy 128 bytes into a thousand queues is a thousand cache misses. What
+// lives in a shared buffer or a memory file already, a large value, is never copied at all.
 //
 // Visit each subscriber once. With a hundred subscribers and more, finding what one update needs
 // of a subscriber (the subscription, its connection, its output queue) is a chain of cache misses
@@ -59,7 +59,10 @@ const xpc::OutgoingMessage* Delivery::messageFor(xpc::Connection& connection,
       return nullptr;
     }
   }
-  if (++encoding.receiverCount == 2) (*encoding.message)->share();
+  const std::size_t copiedTo = (*encoding.message)->wireBytes() >= xpc::limits::kSharedMessageBytes
+                                   ? 1
+                                   : xpc::limits::kReceiversOfCopies;
+  if (encoding.receiverCount++ == copiedTo) (*encoding.message)->share();
   return &**encoding.message;
 }
 

@@ -29,6 +29,9 @@ constexpr std::size_t kIdleQueues = 1024;
 
 constexpr std::size_t kPiecesPerWrite = 64;
 
+// A small shared message is a piece of its own, which costs more memory than a copy once many wait.
+constexpr std::size_t kPiecesWithSmallShares = 4;
+
 constexpr std::size_t kIdleChunks = 32;
 
 }  // namespace
@@ -64,6 +67,11 @@ void OutputQueue::append(const OutgoingMessage& frame) {
   for (const OutgoingMessage::Splice& splice : frame.splices()) {
     appendBytes(own.subspan(taken, splice.offset - taken));
     taken = splice.offset;
+    if (splice.buffer->size() < limits::kSharedMessageBytes &&
+        pieces_.size() >= kPiecesWithSmallShares) {
+      appendBytes(splice.buffer->bytes());
+      continue;
+    }
     Piece& piece = pieces_.emplace_back();
     piece.shared = splice.buffer;
     piece.end = splice.buffer->size();

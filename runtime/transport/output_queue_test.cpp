@@ -266,12 +266,18 @@ TEST(OutputQueue, ASharedMessageIsReferencedUntilItIsSent) {
   EXPECT_FALSE(shared->isShared());
 }
 
-TEST(OutputQueue, ASmallMessageIsCopiedPerQueue) {
+TEST(OutputQueue, SmallSharedMessagesAreCopiedOnceSeveralWait) {
+  SocketPair pair;
   OutputQueue queue(chunks);
   const OutgoingMessage message = sharedMessageOf(100, 'x');
-  EXPECT_TRUE(message.splices().empty());
+  for (int i = 0; i < 4; ++i) queue.append(message);
+  EXPECT_EQ(queue.ownBytes(), 0u);
   queue.append(message);
   EXPECT_GT(queue.ownBytes(), 0u);
+  ASSERT_TRUE(queue.flush(pair.ours.get()));
+  std::string expected;
+  for (int i = 0; i < 5; ++i) expected += textOf(message);
+  EXPECT_EQ(pair.receive(), expected);
 }
 
 TEST(OutputQueue, UnbegunSharedFramesCanBeDropped) {

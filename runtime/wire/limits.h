@@ -66,9 +66,11 @@ inline constexpr std::size_t kSealedMemoryBytes = 64u << 10;
 // output.
 inline constexpr std::size_t kSharedPieceBytes = 4u << 10;
 
-// Fan-out messages of at least this size are encoded into one shared buffer; smaller ones are
-// copied per connection, which is cheaper than sharing.
+// Fan-out messages of at least this size are moved into one shared buffer for the second receiver;
+// smaller ones are copied, which is cheaper as long as the receivers' output queues stay in the
+// cache: up to this number of receivers.
 inline constexpr std::size_t kSharedMessageBytes = 2u << 10;
+inline constexpr std::size_t kReceiversOfCopies = 64;
 
 // Consecutive updates of one name are delivered as one batch up to this size.
 inline constexpr std::size_t kBatchBytes = 32u << 10;

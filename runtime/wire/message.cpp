@@ -64,7 +64,7 @@ bool OutgoingMessage::finish() {
 }
 
 void OutgoingMessage::share() {
-  if (bytes_.size() < limits::kSharedMessageBytes || !splices_.empty() || !files_.empty()) return;
+  if (!splices_.empty() || !files_.empty()) return;
   splices_.push_back({0, Buffer::copyOf(bytes_)});
   splicedBytes_ = bytes_.size();
   bytes_.clear();

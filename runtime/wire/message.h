@@ -69,8 +69,8 @@ class OutgoingMessage {
   // Completes the length. Returns false if the frame is longer than any peer accepts.
   bool finish();
 
-  // For finished frames with several receivers: moves bytes into a shared buffer if they are too
-  // many to copy for each. Frames that refer to larger values or files stay as they are.
+  // For finished frames with several receivers: moves the bytes into a buffer that the output
+  // queues share. Frames that refer to larger values or files stay as they are.
   void share();
 
   // Overwrites its bytes; only begin() may follow.
