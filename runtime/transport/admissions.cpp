@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "runtime/foundation/check.h"
 #include "runtime/wire/limits.h"
 
 namespace keel::xpc {
@@ -33,9 +34,8 @@ std::size_t memoryLimitOfUsers() {
 
 }  // namespace
 
-std::shared_ptr<Admissions> Admissions::ofProcess() {
-  static const auto& admissions =
-      *new std::shared_ptr<Admissions>(std::make_shared<Admissions>(connectionLimitOfProcess()));
+Admissions& Admissions::ofProcess() {
+  static Admissions& admissions = *new Admissions(connectionLimitOfProcess());
   return admissions;
 }
 
@@ -49,7 +49,15 @@ bool Admissions::hasRoom() const {
   return count_ < connectionLimit_ - connectionLimit_ / 10;
 }
 
-Admissions::Refusal Admissions::admit(uid_t uid, std::shared_ptr<void>& admission) {
+Admission::Admission(const Admission& other) : counter_(other.counter_), uid_(other.uid_) {
+  if (counter_ != nullptr) counter_->add(uid_);
+}
+
+Admission::~Admission() {
+  if (counter_ != nullptr) counter_->remove(uid_);
+}
+
+Admissions::Refusal Admissions::admit(uid_t uid, Admission& admission) {
   const std::lock_guard lock(mutex_);
   if (count_ >= connectionLimit_) return Refusal::full;
   if (uid != 0) {
@@ -62,13 +70,22 @@ Admissions::Refusal Admissions::admit(uid_t uid, std::shared_ptr<void>& admissio
   }
   ++countByUser_[uid];
   ++count_;
-  admission = std::shared_ptr<void>(nullptr, [self = shared_from_this(), uid](void*) {
-    const std::lock_guard dropping(self->mutex_);
-    --self->count_;
-    const auto found = self->countByUser_.find(uid);
-    if (--found->second == 0) self->countByUser_.erase(found);
-  });
+  KEEL_CHECK(admission.counter_ == nullptr);  // its release would take the lock
+  admission = Admission(*this, uid);
   return Refusal::none;
+}
+
+void Admissions::add(uid_t uid) {
+  const std::lock_guard lock(mutex_);
+  ++countByUser_[uid];
+  ++count_;
+}
+
+void Admissions::remove(uid_t uid) {
+  const std::lock_guard lock(mutex_);
+  --count_;
+  const auto found = countByUser_.find(uid);
+  if (--found->second == 0) countByUser_.erase(found);
 }
 
 const MemoryQuota& memoryQuotaOfUser(uid_t uid) {

@@ -17,22 +17,20 @@ class AdmissionsTest : public ::testing::Test {
   // Returns how many are admitted.
   std::size_t fill(uid_t uid) {
     std::size_t count = 0;
-    for (std::shared_ptr<void> admission; admissions->admit(uid, admission) == Refusal::none;
-         ++count) {
+    for (Admission admission; admissions.admit(uid, admission) == Refusal::none; ++count) {
       held.push_back(std::move(admission));
     }
     return count;
   }
   Refusal admit(uid_t uid) {
-    std::shared_ptr<void> admission;
-    const Refusal refusal = admissions->admit(uid, admission);
+    Admission admission;
+    const Refusal refusal = admissions.admit(uid, admission);
     if (refusal == Refusal::none) held.push_back(std::move(admission));
     return refusal;
   }
 
-  std::shared_ptr<Admissions> admissions =
-      std::make_shared<Admissions>(80);  // 70 of them for users
-  std::vector<std::shared_ptr<void>> held;
+  Admissions admissions{80};  // 70 of them for users
+  std::vector<Admission> held;
 };
 
 TEST_F(AdmissionsTest, AUserIsGrantedAsManyAsAreStillFree) {
@@ -48,7 +46,7 @@ TEST_F(AdmissionsTest, TheLastOnesAreReservedForRoot) {
   EXPECT_EQ(held.size(), 70u);
   EXPECT_EQ(admit(501), Refusal::tooManyOfUsers);
   EXPECT_EQ(fill(0), 10u);
-  EXPECT_TRUE(admissions->full());
+  EXPECT_TRUE(admissions.full());
   EXPECT_EQ(admit(0), Refusal::full);
 }
 
@@ -59,10 +57,10 @@ TEST_F(AdmissionsTest, RootMayHoldAll) {
 TEST_F(AdmissionsTest, AShortageIsOverWhenOneTenthIsFree) {
   fill(0);
   held.resize(73);
-  EXPECT_FALSE(admissions->full());
-  EXPECT_FALSE(admissions->hasRoom());
+  EXPECT_FALSE(admissions.full());
+  EXPECT_FALSE(admissions.hasRoom());
   held.resize(71);
-  EXPECT_TRUE(admissions->hasRoom());
+  EXPECT_TRUE(admissions.hasRoom());
   EXPECT_EQ(admit(501), Refusal::tooManyOfUsers);
 }
 

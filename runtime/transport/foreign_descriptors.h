@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <memory>
 #include <system_error>
 
 #include "runtime/foundation/file_descriptor.h"
+#include "runtime/transport/admissions.h"
 
 // A peer may send descriptors of anything: of a file served by that very peer, of a socket that
 // lingers. Closing the last reference to such a descriptor may block for as long as the peer likes.
@@ -22,9 +22,8 @@ bool isMemoryFile(const FileDescriptor& descriptor);
 std::error_code startClosing();
 
 // Closes the descriptor on a thread that may block, one of the few that `owner` may occupy: any
-// address that stands for the user. `admission`, which may be null, is held until then, so a peer
+// address that stands for the user. `admission`, which may be none, is held until then, so a peer
 // that makes closing block has fewer connections.
-void closeInBackground(FileDescriptor descriptor, std::shared_ptr<void> admission,
-                       const void* owner);
+void closeInBackground(FileDescriptor descriptor, Admission admission, const void* owner);
 
 }  // namespace keel::xpc

@@ -35,8 +35,7 @@ std::error_code startClosing() {
   return closingThreads().start();
 }
 
-void closeInBackground(FileDescriptor descriptor, std::shared_ptr<void> admission,
-                       const void* owner) {
+void closeInBackground(FileDescriptor descriptor, Admission admission, const void* owner) {
   // Unsent data of a lingering network socket is worthless here. Other kinds of descriptors ignore
   // this.
   const linger atOnce{.l_onoff = 1, .l_linger = 0};
@@ -46,7 +45,7 @@ void closeInBackground(FileDescriptor descriptor, std::shared_ptr<void> admissio
   SerialQueue::create("KeelClosing", lane)
       ->async([closing = std::move(descriptor), held = std::move(admission)]() mutable {
         closing.reset();
-        held.reset();
+        held = Admission();
       });
 }
 

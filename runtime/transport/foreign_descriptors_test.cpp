@@ -53,8 +53,7 @@ TEST(ForeignDescriptors, AreClosedInTheBackground) {
   int both[2];
   ASSERT_EQ(::pipe(both), 0);
   const FileDescriptor reading(both[0]);
-  auto admission = std::make_shared<int>(0);
-  closeInBackground(FileDescriptor(both[1]), std::move(admission), nullptr);
+  closeInBackground(FileDescriptor(both[1]), {}, nullptr);
   EXPECT_TRUE(isClosed(reading.get()));
 }
 
@@ -70,12 +69,12 @@ TEST(ForeignDescriptors, LingeringSocketsDoNotBlockOthers) {
     while (::send(one.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
     }
     others.push_back(std::move(other));
-    closeInBackground(std::move(one), nullptr, &owner);
+    closeInBackground(std::move(one), {}, &owner);
   }
   int both[2];
   ASSERT_EQ(::pipe(both), 0);
   const FileDescriptor reading(both[0]);
-  closeInBackground(FileDescriptor(both[1]), nullptr, &owner);
+  closeInBackground(FileDescriptor(both[1]), {}, &owner);
   EXPECT_TRUE(isClosed(reading.get()));
 }
 

@@ -19,7 +19,7 @@ namespace keel::xpc {
 // frames are found and handed out in place. Only an incomplete frame is copied, so an idle stream
 // owns no buffer. Lives on the reactor's thread.
 //
-//   const auto outcome = reader.read(socket);
+//   const auto outcome = reader.read(socket, context);
 //   while (reader.next() == FrameSplitter::Found::frame) use(reader.frame(), reader.files());
 //   reader.endRead();
 class FrameReader {
@@ -39,7 +39,7 @@ class FrameReader {
   };
 
   // Frames over `frameLimitBytes` are skipped.
-  FrameReader(TransportContext& context, std::size_t frameLimitBytes);
+  explicit FrameReader(std::size_t frameLimitBytes);
   FrameReader(const FrameReader&) = delete;
   FrameReader& operator=(const FrameReader&) = delete;
 
@@ -47,7 +47,8 @@ class FrameReader {
   // Has everything read wiped when it is dropped.
   void setConfidential();
 
-  Outcome read(int socket);
+  // Reads into the buffer of `context`, which nobody else uses until endRead().
+  Outcome read(int socket, TransportContext& context);
   // Resumes with the kept bytes, without reading.
   void resume();
   // Keeps the rest of the last read; from here on others may use the buffer. Idempotent.
@@ -69,7 +70,6 @@ class FrameReader {
  private:
   void takeFiles(msghdr& header, Outcome& outcome);
 
-  TransportContext& context_;
   FrameSplitter splitter_;
   std::vector<FileDescriptor> files_;
   std::span<std::byte> filled_;  // part of the context's buffer, until endRead()

@@ -12,20 +12,20 @@
 
 namespace keel::xpc {
 
-FrameReader::FrameReader(TransportContext& context, std::size_t frameLimitBytes)
-    : context_(context), splitter_(frameLimitBytes, limits::kFrameBytesFromDaemon) {}
+FrameReader::FrameReader(std::size_t frameLimitBytes)
+    : splitter_(frameLimitBytes, limits::kFrameBytesFromDaemon) {}
 
 void FrameReader::setConfidential() {
   confidential_ = true;
   splitter_.setConfidential();
 }
 
-FrameReader::Outcome FrameReader::read(int socket) {
+FrameReader::Outcome FrameReader::read(int socket, TransportContext& context) {
   // The kept beginning of a frame goes in front of its rest; a long one stays where it is.
-  const std::span<std::byte> buffer = context_.readBuffer();
+  const std::span<std::byte> buffer = context.readBuffer();
   const std::size_t kept =
       splitter_.keptBytes() <= TransportContext::kHeadroomBytes ? splitter_.take(buffer) : 0;
-  Reactor& reactor = context_.reactor();
+  Reactor& reactor = context.reactor();
   iovec vector{buffer.data() + kept, reactor.readBudgetBytes()};
   alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(limits::kDescriptorsPerRead * sizeof(int))>
       control;

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "runtime/foundation/memory_account.h"
+#include "runtime/transport/admissions.h"
 #include "runtime/transport/frame_reader.h"
 #include "runtime/transport/frame_writer.h"
 #include "runtime/transport/transport.h"
@@ -22,7 +23,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
     // Pays for incomplete frames; borrowed.
     const MemoryQuota* quota = &MemoryQuota::ofProcess();
     // Held until the socket is closed: the connection counts as open until then.
-    std::shared_ptr<void> admission{};
+    Admission admission{};
   };
 
   // The context is borrowed.
@@ -36,7 +37,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   void liftHelloBound() override;
   void setConfidential() override;
   void close(std::string_view goodbye) override;
-  bool maySendFiles() override { return writer_.maySendFiles(socket_.get()); }
+  bool maySendFiles() override { return writer_.maySendFiles(socket_.get(), context_); }
   void perform(Block block) override;
   void performLater(Block block) override;
   bool onIoThread() const override;

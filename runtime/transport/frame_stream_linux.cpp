@@ -39,8 +39,7 @@ bool isEndOfPeer(int problem) {
 FrameStream::FrameStream(FileDescriptor socket, TransportContext& context, Terms terms)
     : socket_(std::move(socket)),
       context_(context),
-      writer_(context),
-      reader_(context, std::min(limits::kHelloBytes, terms.frameLimitBytes)),
+      reader_(std::min(limits::kHelloBytes, terms.frameLimitBytes)),
       terms_(std::move(terms)) {}
 
 FrameStream::~FrameStream() {
@@ -56,14 +55,14 @@ void FrameStream::send(const OutgoingMessage& message, EndOfTurnHook::Urgency ur
   if (!socket_ || state_ != State::open) return;
   if (writer_.waitingBytes() > limits::kPauseReadingBytes) [[unlikely]] {
     // A large amount in one turn: flushes now, so that only what the peer does not read is held.
-    writeProblem_ = writer_.flush(socket_.get());
+    writeProblem_ = writer_.flush(socket_.get(), context_);
     if (writeProblem_ != 0) return endWithTurn(State::writeFailed);
     if (writer_.isStuck()) retryLater();
     updateBacklog();
     if (state_ != State::open) return;
     context_.reactor().atEndOfTurn(*this, urgency);
   }
-  writer_.append(message);
+  writer_.append(message, context_);
   if (!writer_.isBlocked()) {
     context_.reactor().atEndOfTurn(*this, urgency);
   } else if (writer_.ownBytes() != accountedOwnBytes_) {
@@ -170,7 +169,7 @@ void FrameStream::onEndOfTurn() {
 }
 
 bool FrameStream::readOnce() {
-  FrameReader::Outcome outcome = reader_.read(socket_.get());
+  FrameReader::Outcome outcome = reader_.read(socket_.get(), context_);
   const bool isOpen = take(outcome);
   // Also for a stream that has ended: what was read may have to be wiped.
   reader_.endRead();
@@ -277,7 +276,7 @@ void FrameStream::deferFrames() {
 }
 
 bool FrameStream::flush() {
-  if (writeProblem_ == 0) writeProblem_ = writer_.flush(socket_.get());
+  if (writeProblem_ == 0) writeProblem_ = writer_.flush(socket_.get(), context_);
   if (writeProblem_ != 0) {
     // What the peer sent before it closed is not read: no answer could reach it.
     failWith(writeProblem_);
@@ -327,7 +326,7 @@ void FrameStream::sendGoodbyeAndClose(std::string_view goodbye) {
     if (!goodbye.empty()) {
       const MessagePool::Borrowed message = context_.messages().borrow();
       writeGoodbye(*message, goodbye);
-      writer_.append(*message);
+      writer_.append(*message, context_);
     }
     lingerAndClose(std::move(socket_), writer_.release(), std::move(terms_.admission), user(),
                    context_.reactor());
@@ -353,7 +352,7 @@ void FrameStream::detach() {
     return closeInBackground(std::move(socket_), std::move(terms_.admission), user());
   }
   socket_.reset();
-  terms_.admission.reset();
+  terms_.admission = Admission();
 }
 
 void FrameStream::watchAsNeeded() {

@@ -14,17 +14,17 @@ namespace keel::xpc {
 // thread.
 class FrameWriter {
  public:
-  explicit FrameWriter(TransportContext& context) : context_(context) {}
+  FrameWriter() = default;
   FrameWriter(const FrameWriter&) = delete;
   FrameWriter& operator=(const FrameWriter&) = delete;
 
   // Has frames wiped once they are sent.
   void setConfidential() { confidential_ = true; }
 
-  void append(const OutgoingMessage& message);
+  void append(const OutgoingMessage& message, TransportContext& context);
   // Writes what the socket takes; nothing while it is known to be full. Returns 0, or the errno
   // that ended the connection.
-  int flush(int socket);
+  int flush(int socket, TransportContext& context);
   // Notes that the socket takes more again.
   void unblock() { state_ = State::clear; }
 
@@ -37,7 +37,7 @@ class FrameWriter {
   std::size_t ownBytes() const { return queue_ ? queue_->ownBytes() : 0; }
 
   // Returns true while the peer has few enough unread files to be sent more.
-  bool maySendFiles(int socket);
+  bool maySendFiles(int socket, TransportContext& context);
 
   // Drops the frames of which nothing was written.
   void dropUnbegunFrames();
@@ -47,7 +47,6 @@ class FrameWriter {
  private:
   enum class State : std::uint8_t { clear, blocked, stuck };
 
-  TransportContext& context_;
   std::unique_ptr<OutputQueue> queue_;
   std::size_t unreadFileBytes_ = 0;  // sent since the peer was last known to have read everything
   State state_ = State::clear;

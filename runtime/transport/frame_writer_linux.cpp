@@ -8,26 +8,26 @@
 
 namespace keel::xpc {
 
-void FrameWriter::append(const OutgoingMessage& message) {
-  if (!queue_) queue_ = context_.outputQueues().take();
+void FrameWriter::append(const OutgoingMessage& message, TransportContext& context) {
+  if (!queue_) queue_ = context.outputQueues().take();
   if (confidential_) queue_->setConfidential();
   queue_->append(message);
 }
 
-int FrameWriter::flush(int socket) {
+int FrameWriter::flush(int socket, TransportContext& context) {
   if (!queue_ || isBlocked()) return 0;
   if (const auto flushed = queue_->flush(socket); !flushed) return flushed.error().value();
   unreadFileBytes_ += queue_->takeSentFileBytes();
   if (queue_->empty()) {
-    context_.outputQueues().giveBack(std::move(queue_));
+    context.outputQueues().giveBack(std::move(queue_));
   } else {
     state_ = queue_->isStuck() ? State::stuck : State::blocked;
   }
   return 0;
 }
 
-bool FrameWriter::maySendFiles(int socket) {
-  if (context_.stuckStreamCount() > 0) return false;
+bool FrameWriter::maySendFiles(int socket, TransportContext& context) {
+  if (context.stuckStreamCount() > 0) return false;
   if (unreadFileBytes_ <= limits::kUnreadSealedBytes) return true;
   int unread = 0;
   if (::ioctl(socket, SIOCOUTQ, &unread) != 0 || unread != 0) return false;

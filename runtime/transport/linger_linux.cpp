@@ -12,8 +12,8 @@ namespace {
 
 class Lingering final : public std::enable_shared_from_this<Lingering>, private Reactor::Watcher {
  public:
-  Lingering(FileDescriptor socket, std::unique_ptr<OutputQueue> output,
-            std::shared_ptr<void> admission, const void* owner, Reactor& reactor)
+  Lingering(FileDescriptor socket, std::unique_ptr<OutputQueue> output, Admission admission,
+            const void* owner, Reactor& reactor)
       : socket_(std::move(socket)),
         output_(std::move(output)),
         admission_(std::move(admission)),
@@ -41,7 +41,7 @@ class Lingering final : public std::enable_shared_from_this<Lingering>, private 
 
   FileDescriptor socket_;
   std::unique_ptr<OutputQueue> output_;
-  std::shared_ptr<void> admission_;
+  Admission admission_;
   const void* const owner_;
   Reactor& reactor_;
   Reactor::TimerId deadline_ = 0;
@@ -49,8 +49,8 @@ class Lingering final : public std::enable_shared_from_this<Lingering>, private 
 
 }  // namespace
 
-void lingerAndClose(FileDescriptor socket, std::unique_ptr<OutputQueue> output,
-                    std::shared_ptr<void> admission, const void* owner, Reactor& reactor) {
+void lingerAndClose(FileDescriptor socket, std::unique_ptr<OutputQueue> output, Admission admission,
+                    const void* owner, Reactor& reactor) {
   const bool more = output && output->flush(socket.get()) && !output->empty();
   if (!more) return closeInBackground(std::move(socket), std::move(admission), owner);
   std::make_shared<Lingering>(std::move(socket), std::move(output), std::move(admission), owner,

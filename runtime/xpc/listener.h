@@ -53,7 +53,7 @@ class Listener final : private Reactor::Watcher, public std::enable_shared_from_
 
  private:
   Listener(std::string path, FileDescriptor socket, bool ownsPath, TransportContext& context,
-           std::shared_ptr<Admissions> admissions);
+           Admissions& admissions);
 
   void onReady(std::uint32_t events) override;
   // False when there is nothing more to accept for now.
@@ -72,7 +72,7 @@ class Listener final : private Reactor::Watcher, public std::enable_shared_from_
   TransportContext& context_;
   FileDescriptor socket_;
   std::shared_ptr<ListenerDelegate> delegate_;
-  const std::shared_ptr<Admissions> admissions_;
+  Admissions& admissions_;
   const std::shared_ptr<HeavyRequestQueue> heavyRequests_ = std::make_shared<HeavyRequestQueue>();
   bool suspended_ = true;
   bool pauseLogged_ = false;

@@ -34,8 +34,7 @@ void turnAway(FileDescriptor socket, const std::string& why, const void* owner,
   writeGoodbye(*goodbye, why);
   auto output = context.outputQueues().take();
   output->append(*goodbye);
-  lingerAndClose(std::move(socket), std::move(output), /*admission=*/nullptr, owner,
-                 context.reactor());
+  lingerAndClose(std::move(socket), std::move(output), /*admission=*/{}, owner, context.reactor());
 }
 
 }  // namespace
@@ -56,12 +55,12 @@ std::expected<std::shared_ptr<Listener>, Error> Listener::inDirectory(const std:
 }
 
 Listener::Listener(std::string path, FileDescriptor socket, bool ownsPath,
-                   TransportContext& context, std::shared_ptr<Admissions> admissions)
+                   TransportContext& context, Admissions& admissions)
     : path_(std::move(path)),
       ownsPath_(ownsPath),
       context_(context),
       socket_(std::move(socket)),
-      admissions_(std::move(admissions)) {}
+      admissions_(admissions) {}
 
 Listener::~Listener() {
   close();
@@ -126,7 +125,7 @@ void Listener::onReady(std::uint32_t) {
 }
 
 bool Listener::acceptOne() {
-  if (admissions_->full()) {
+  if (admissions_.full()) {
     pauseAccepting("there are as many connections as descriptors allow");
     return false;
   }
@@ -158,9 +157,9 @@ bool Listener::turnAwayUnidentified(FileDescriptor socket, std::error_code why) 
 
 // Takes the socket only to turn it away.
 bool Listener::admit(const PeerIdentity& peer, FileDescriptor& socket, FrameStream::Terms& terms) {
-  const auto refusal = admissions_->admit(peer.uid, terms.admission);
+  const auto refusal = admissions_.admit(peer.uid, terms.admission);
   if (refusal == Admissions::Refusal::none) {
-    if (admissions_->hasRoom()) pauseLogged_ = refusalLogged_ = false;
+    if (admissions_.hasRoom()) pauseLogged_ = refusalLogged_ = false;
     return true;
   }
   const std::string why = refusal == Admissions::Refusal::tooManyOfUser
