@@ -4,74 +4,72 @@
 namespace keel {
 
 void EndOfTurnLink::cancelEndOfTurn() noexcept {
-  if (!listed()) return;
+  if (!isListed()) return;
   previous_->next_ = next_;
   next_->previous_ = previous_;
   previous_ = next_ = nullptr;
+  round_ = kNoRound;
 }
 
-EndOfTurnHooks::EndOfTurnHooks() {
-  for (Round& round : rounds_) {
-    round.urgent.previous_ = round.urgent.next_ = &round.urgent;
-    round.normal.previous_ = round.normal.next_ = &round.normal;
-  }
+void LinkList::append(EndOfTurnLink& link) {
+  link.previous_ = sentinel_.previous_;
+  link.next_ = &sentinel_;
+  link.previous_->next_ = &link;
+  sentinel_.previous_ = &link;
 }
 
-EndOfTurnHooks::~EndOfTurnHooks() {
-  for (Round& round : rounds_) {
-    while (round.urgent.next_ != &round.urgent) round.urgent.next_->cancelEndOfTurn();
-    while (round.normal.next_ != &round.normal) round.normal.next_->cancelEndOfTurn();
-  }
+void LinkList::prepend(LinkList& other) {
+  if (other.empty()) return;
+  EndOfTurnLink& first = *other.sentinel_.next_;
+  EndOfTurnLink& last = *other.sentinel_.previous_;
+  other.sentinel_.previous_ = other.sentinel_.next_ = &other.sentinel_;
+  last.next_ = sentinel_.next_;
+  last.next_->previous_ = &last;
+  first.previous_ = &sentinel_;
+  sentinel_.next_ = &first;
 }
 
 void EndOfTurnHooks::add(EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency) {
   EndOfTurnLink& link = hook;
-  if (link.listed()) {
+  if (link.isListed()) {
     // A hook of the round that is running stays there: moving it would delay it.
-    if (urgency == EndOfTurnHook::Urgency::normal || link.urgency_ == urgency ||
-        link.round_ != collecting_)
-      return;
+    const bool stays = link.round_ != collecting_ && link.round_ != EndOfTurnLink::kNoRound;
+    const bool gainsNothing =
+        link.round_ == collecting_ &&
+        (urgency == EndOfTurnHook::Urgency::normal || link.urgency_ == urgency);
+    if (stays || gainsNothing) return;
     link.cancelEndOfTurn();
   }
   link.urgency_ = urgency;
   link.round_ = collecting_;
   Round& round = rounds_[collecting_];
-  if (urgency == EndOfTurnHook::Urgency::urgent) {
-    append(round.urgent, link);
-  } else {
-    append(round.normal, link);
-  }
+  (urgency == EndOfTurnHook::Urgency::urgent ? round.urgent : round.normal).append(link);
 }
 
-bool EndOfTurnHooks::empty() const {
-  const Round& round = rounds_[collecting_];
-  return round.urgent.next_ == &round.urgent && round.normal.next_ == &round.normal;
+EndOfTurnHooks::Round& EndOfTurnHooks::beginRun() {
+  if (isEmpty(rounds_[collecting_ ^ 1])) collecting_ ^= 1;
+  return rounds_[collecting_ ^ 1];
+}
+
+void EndOfTurnHooks::runFirst(LinkList& hooks) {
+  EndOfTurnHook& hook = static_cast<EndOfTurnHook&>(hooks.front());
+  hook.cancelEndOfTurn();
+  hook.onEndOfTurn();
 }
 
 bool EndOfTurnHooks::run() {
-  Round& round = rounds_[collecting_];
-  collecting_ ^= 1;
-  const bool ranUrgent = runAll(round.urgent);
-  const bool ranNormal = runAll(round.normal);
-  return ranUrgent || ranNormal;
+  Round& round = beginRun();
+  if (isEmpty(round)) return false;
+  while (!round.urgent.empty()) runFirst(round.urgent);
+  while (!round.normal.empty()) runFirst(round.normal);
+  return true;
 }
 
-void EndOfTurnHooks::append(EndOfTurnLink& sentinel, EndOfTurnLink& hook) {
-  hook.previous_ = sentinel.previous_;
-  hook.next_ = &sentinel;
-  hook.previous_->next_ = &hook;
-  sentinel.previous_ = &hook;
-}
-
-bool EndOfTurnHooks::runAll(EndOfTurnLink& sentinel) {
-  bool ran = false;
-  while (sentinel.next_ != &sentinel) {
-    EndOfTurnHook& hook = static_cast<EndOfTurnHook&>(*sentinel.next_);
-    sentinel.next_->cancelEndOfTurn();
-    hook.onEndOfTurn();
-    ran = true;
-  }
-  return ran;
+bool EndOfTurnHooks::runSome(std::size_t count) {
+  Round& round = beginRun();
+  for (; count > 0 && !isEmpty(round); --count)
+    runFirst(round.urgent.empty() ? round.normal : round.urgent);
+  return !isEmpty(round);
 }
 
 }  // namespace keel

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace keel {
 
-class EndOfTurnHooks;
+class LinkList;
 
-// A link of one of the lists of EndOfTurnHooks, or of none.
+// A link of one of the lists of EndOfTurnHooks or FairShare, or of none.
 class EndOfTurnLink {
  public:
   // Urgent hooks run first: an answer goes out before the fan-out it caused.
@@ -17,18 +18,23 @@ class EndOfTurnLink {
   EndOfTurnLink(const EndOfTurnLink&) = delete;
   EndOfTurnLink& operator=(const EndOfTurnLink&) = delete;
 
+  bool isListed() const { return previous_ != nullptr; }
+
  protected:
   ~EndOfTurnLink() { cancelEndOfTurn(); }
   void cancelEndOfTurn() noexcept;
 
  private:
   friend class EndOfTurnHooks;
-  bool listed() const { return previous_ != nullptr; }
+  friend class FairShare;
+  friend class LinkList;
+
+  static constexpr std::uint8_t kNoRound = 2;
 
   EndOfTurnLink* previous_ = nullptr;
   EndOfTurnLink* next_ = nullptr;
   Urgency urgency_ = Urgency::normal;
-  std::uint8_t round_ = 0;  // index into EndOfTurnHooks::rounds_
+  std::uint8_t round_ = kNoRound;  // index into EndOfTurnHooks::rounds_
 };
 
 // Work to be done once at the end of the current turn of the reactor, such as flushing a
@@ -42,34 +48,57 @@ class EndOfTurnHook : public EndOfTurnLink {
   ~EndOfTurnHook() = default;
 };
 
-// The hooks of the current turn. Owns none of them; registering allocates nothing. A hook
-// registered while hooks run is left for the next run, so a run always ends.
-class EndOfTurnHooks {
+// Links in the order in which they were appended. Owns none of them; destroying the list takes all
+// off.
+class LinkList {
  public:
-  EndOfTurnHooks();
-  EndOfTurnHooks(const EndOfTurnHooks&) = delete;
-  EndOfTurnHooks& operator=(const EndOfTurnHooks&) = delete;
-  // Takes all hooks off.
-  ~EndOfTurnHooks();
+  LinkList() { sentinel_.previous_ = sentinel_.next_ = &sentinel_; }
+  LinkList(const LinkList&) = delete;
+  LinkList& operator=(const LinkList&) = delete;
+  ~LinkList() {
+    while (!empty()) front().cancelEndOfTurn();
+  }
 
-  // Adding a hook twice has no further effect, except that urgent wins over normal.
-  void add(EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency);
-  // Returns true if the next run has nothing to do.
-  bool empty() const;
-  // Runs the urgent hooks, then the others, each in the order in which they were added. Returns
-  // false if there were none.
-  bool run();
+  bool empty() const { return sentinel_.next_ == &sentinel_; }
+  EndOfTurnLink& front() { return *sentinel_.next_; }
+  void append(EndOfTurnLink& link);
+  // Moves all links of `other` to the front, in their order.
+  void prepend(LinkList& other);
 
  private:
   // Both ends of a circular list.
   struct Sentinel final : EndOfTurnLink {};
+  Sentinel sentinel_;
+};
+
+// The hooks of the current turn. Owns none of them; registering allocates nothing. A hook
+// registered while hooks run is left for the next run, so a run always ends.
+class EndOfTurnHooks {
+ public:
+  EndOfTurnHooks() = default;
+  EndOfTurnHooks(const EndOfTurnHooks&) = delete;
+  EndOfTurnHooks& operator=(const EndOfTurnHooks&) = delete;
+
+  // Adding a hook twice has no further effect, except that urgent wins over normal.
+  void add(EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency);
+  bool empty() const { return isEmpty(rounds_[0]) && isEmpty(rounds_[1]); }
+  // Runs the urgent hooks, then the others, each in the order in which they were added. Returns
+  // false if there were none.
+  bool run();
+  // Runs up to `count` hooks. Returns true if hooks of the same run are left, which run first when
+  // it is called again.
+  bool runSome(std::size_t count);
+
+ private:
   struct Round {
-    Sentinel urgent;
-    Sentinel normal;
+    LinkList urgent;
+    LinkList normal;
   };
 
-  static void append(EndOfTurnLink& sentinel, EndOfTurnLink& hook);
-  static bool runAll(EndOfTurnLink& sentinel);
+  static bool isEmpty(const Round& round) { return round.urgent.empty() && round.normal.empty(); }
+  static void runFirst(LinkList& hooks);
+  // Returns the round to run: the one that was interrupted, else the one that was collecting.
+  Round& beginRun();
 
   // Collects hooks in one round while the other runs.
   Round rounds_[2];

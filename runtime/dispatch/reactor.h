@@ -17,19 +17,21 @@
 #include "runtime/dispatch/block_batch.h"
 #include "runtime/dispatch/end_of_turn_hook.h"
 #include "runtime/dispatch/executor.h"
+#include "runtime/dispatch/fair_share.h"
 #include "runtime/dispatch/timer_list.h"
 #include "runtime/foundation/file_descriptor.h"
 
 namespace keel {
 
 // The event loop of the I/O thread: sockets through epoll(7), serial queues, timers. One turn waits
-// for events, dispatches them to watchers, runs due timers and the queues that have work, then runs
-// the end-of-turn hooks. An idle daemon thus answers immediately, and a busy one coalesces its
-// writes without a timer.
+// for events, dispatches them to watchers, runs due timers, has connections take their input, runs
+// the queues that have work, then the end-of-turn hooks. An idle daemon thus answers immediately,
+// and a busy one coalesces its writes without a timer. When several users compete, a turn serves
+// one of them for a short time (FairShare).
 //
 // schedule(), post(), stop() and isCurrent() may be called from any thread; everything else belongs
 // on the thread that runs the reactor, or happens before it runs.
-class Reactor final : public Executor {
+class Reactor final : public Executor, private FairShare::Host {
  public:
   using Clock = std::chrono::steady_clock;
 
@@ -53,9 +55,9 @@ class Reactor final : public Executor {
   Reactor(const Reactor&) = delete;
   Reactor& operator=(const Reactor&) = delete;
 
-  // Level-triggered. `descriptor` is borrowed and has one watcher at a time; unwatch it before
-  // closing it. A watcher of several descriptors cannot tell their events apart: use one per
-  // descriptor where that matters.
+  // Level-triggered, unless `events` has EPOLLET. `descriptor` is borrowed and has one watcher at a
+  // time; unwatch it before closing it. A watcher of several descriptors cannot tell their events
+  // apart: use one per descriptor where that matters.
   void watch(int descriptor, std::uint32_t events, Watcher& watcher);
   // Changes the events that `watcher` receives.
   void rewatch(int descriptor, std::uint32_t events, Watcher& watcher);
@@ -68,14 +70,25 @@ class Reactor final : public Executor {
   // Has no effect on a timer that has run or was cancelled.
   void cancel(TimerId timer);
 
-  // Runs `hook` once at the end of this turn. Idempotent, except that urgent wins over normal. A
-  // hook registered while hooks run is left for the end of the next turn, which then does not wait.
-  void atEndOfTurn(EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency);
+  // The share of work that is done for no other user. Shares are borrowed for as long as the
+  // reactor lives.
+  Share& ownShare() { return ownShare_; }
+
+  // Has `member` take its input once, at its user's next turn.
+  void addInput(Share& share, ShareMember& member) { fairShare_.addInput(share, member); }
+  // Runs `hook` once at the end of this turn, or of the next one that serves its user. Idempotent,
+  // except that urgent wins over normal. A hook registered while hooks run is left for the end of
+  // the next turn, which then does not wait.
+  void atEndOfTurn(Share& share, EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency) {
+    fairShare_.addOutput(share, hook, urgency);
+  }
 
   void schedule(std::shared_ptr<SerialQueue> queue) override;
   // Runs `block` on the reactor's thread, in the order of the calls, never from within this call.
   // From any thread.
   void post(Block block);
+  // The same, at the turn of that user.
+  void post(Share& share, Block block);
   // Returns true on the thread that runs the reactor or last called turn().
   bool isCurrent() const {
     return thread_.load(std::memory_order_relaxed) == std::this_thread::get_id();
@@ -85,15 +98,18 @@ class Reactor final : public Executor {
   void run();
   // From any thread.
   void stop();
-  // Upper bound of the bytes that a watcher should read from its descriptor in one turn. Doubles
-  // after a short turn in which a watcher exhausted it, halves after any other turn: in a long one
-  // few bytes asked for much work, and all other peers waited for it.
-  std::size_t readBudgetBytes() const { return readBudgetBytes_; }
-  // Notes that a watcher read its whole budget, so more may be waiting. Call it before processing
-  // what was read: the time from here to the end of the turn decides.
-  void noteReadBudgetExhausted() {
-    if (!budgetExhaustedAt_) budgetExhaustedAt_ = now_();
+  // Upper bound of the bytes that a member should read now. What is read in one turn is bounded;
+  // the bound doubles after a short turn that exhausted it, and halves after any other turn: in a
+  // long one few bytes asked for much work, and all other peers waited for it.
+  std::size_t readBudgetBytes() const {
+    if (fairShare_.isContended()) return kContendedReadBytes;
+    return readBytes_ < readBudgetBytes_ ? readBudgetBytes_ - readBytes_ : kContendedReadBytes;
   }
+  // Notes what a member has read. Call it before processing it: the time from the exhaustion of the
+  // budget to the end of the turn decides.
+  void noteRead(std::size_t bytes);
+  // Returns true if as many blocks are queued as may run before the clock is read.
+  bool hasEnoughBlocks() const;
   static constexpr std::size_t kMaximumReadBudgetBytes = 256u << 10;
   // A hundred small messages. A larger minimum would delay the first answers to a client that has
   // sent many. A smaller one would cost system calls: a turn flushes once per subscriber, however
@@ -102,6 +118,8 @@ class Reactor final : public Executor {
   // The budget grows only if processing a full read, and the rest of that turn, took no longer: a
   // delay that nobody notices.
   static constexpr std::chrono::milliseconds kLongTurn{2};
+  // One read while users compete.
+  static constexpr std::size_t kContendedReadBytes = 4u << 10;
 
   // Runs one turn on the calling thread, which becomes the reactor's. `wait`: blocks until there is
   // something to do. Returns true if anything was done.
@@ -121,8 +139,12 @@ class Reactor final : public Executor {
   int prepareToWait();
   bool dispatchEvents(int timeoutMilliseconds);
   bool runDueTimers();
-  bool runBlocks();
   void adaptReadBudget();
+
+  // FairShare::Host.
+  bool runQueuedBlocks(int rounds) override;
+  void pollInput() override { dispatchEvents(0); }
+  bool mayReadMore() const override { return readBytes_ < readBudgetBytes_; }
 
   void collectArrivals();
   void wakeUp();
@@ -134,10 +156,12 @@ class Reactor final : public Executor {
   std::atomic<bool> stopped_{false};
 
   std::size_t readBudgetBytes_ = kMinimumReadBudgetBytes;
+  std::size_t readBytes_ = 0;                           // in this turn
   std::optional<Clock::time_point> budgetExhaustedAt_;  // first time in this turn
   std::vector<Registration> registrations_;             // by descriptor
   TimerList timers_;
-  EndOfTurnHooks endOfTurnHooks_;
+  Share ownShare_;
+  FairShare fairShare_{now_, *this};
   std::vector<std::shared_ptr<SerialQueue>> ready_;    // queues with a batch to run
   std::vector<std::shared_ptr<SerialQueue>> running_;  // queues of the current round
   BlockBatch posts_;                                   // of the current round
@@ -146,6 +170,7 @@ class Reactor final : public Executor {
   std::mutex mutex_;
   BlockBatch arrivedPosts_;                                  // under mutex_
   std::vector<std::shared_ptr<SerialQueue>> arrivedQueues_;  // under mutex_
+  std::vector<Share*> arrivedShares_;                        // with posts; under mutex_
   std::atomic<bool> arrived_{false};  // either is not empty; changed under mutex_
   std::atomic<bool> asleep_{false};   // an arrival must wake the thread; set under mutex_
 };

@@ -12,8 +12,8 @@
 // eventfd is watched edge-triggered, which reports every write anew, so it never needs to be read.
 //
 // Starvation. What arrives from this thread's own blocks runs in further rounds of the same turn,
-// so that one write per connection carries the outcome. After kRoundsPerTurn rounds the turn ends
-// all the same, and sockets and timers are served.
+// so that one write per connection carries the outcome. After some rounds the turn ends all the
+// same, and sockets and timers are served.
 #include "runtime/dispatch/reactor.h"
 
 #include <sys/eventfd.h>
@@ -34,7 +34,11 @@ namespace keel {
 namespace {
 
 constexpr int kEventsPerTurn = 256;
-constexpr int kRoundsPerTurn = 16;
+
+// Blocks between two readings of the clock. What one block does is bounded by the number of
+// connections: some 100 ns for each subscriber of a name.
+constexpr std::uint64_t kBlocksAtOnce = 16;
+constexpr std::uint64_t kBlocksAtOnceContended = 4;
 
 // Tag of the eventfd's events; no descriptor has this number.
 constexpr std::uint64_t kWakeUp = ~std::uint64_t{0};
@@ -54,6 +58,7 @@ Reactor::~Reactor() {
   // The destruction of a block may post, schedule and set timers.
   while (arrived_.load() || !ready_.empty() || !timers_.empty()) {
     collectArrivals();
+    fairShare_.abandon();
     BlockBatch().swap(posts_);
     running_.swap(ready_);
     for (auto& queue : running_) std::exchange(queue, nullptr)->abandon();
@@ -108,10 +113,6 @@ void Reactor::cancel(TimerId timer) {
   timers_.cancel(timer);
 }
 
-void Reactor::atEndOfTurn(EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency) {
-  endOfTurnHooks_.add(hook, urgency);
-}
-
 void Reactor::schedule(std::shared_ptr<SerialQueue> queue) {
   if (isCurrent()) {
     ready_.push_back(std::move(queue));
@@ -127,6 +128,16 @@ void Reactor::post(Block block) {
   KEEL_CHECK(block);
   const std::lock_guard lock(mutex_);
   arrivedPosts_.add(std::move(block));
+  arrived_.store(true, std::memory_order_relaxed);
+  wakeUp();
+}
+
+void Reactor::post(Share& share, Block block) {
+  KEEL_CHECK(block);
+  const std::lock_guard lock(mutex_);
+  share.arrivedPosts_.add(std::move(block));
+  if (std::exchange(share.hasArrived_, true)) return;
+  arrivedShares_.push_back(&share);
   arrived_.store(true, std::memory_order_relaxed);
   wakeUp();
 }
@@ -155,15 +166,15 @@ bool Reactor::turn(bool wait) {
   thread_.store(std::this_thread::get_id(), std::memory_order_relaxed);
   const bool dispatched = dispatchEvents(wait ? prepareToWait() : 0);
   const bool ranTimers = runDueTimers();
-  const bool ranBlocks = runBlocks();
-  const bool ranHooks = endOfTurnHooks_.run();
+  collectArrivals();
+  const bool served = fairShare_.serve();
   adaptReadBudget();
-  return dispatched || ranTimers || ranBlocks || ranHooks;
+  return dispatched || ranTimers || served;
 }
 
 // Returns the timeout for epoll_wait(2) in milliseconds; -1 for none.
 int Reactor::prepareToWait() {
-  if (!ready_.empty() || !endOfTurnHooks_.empty()) return 0;
+  if (!ready_.empty() || !posts_.empty() || !fairShare_.isIdle()) return 0;
   int timeout = -1;
   if (const auto due = timers_.nextDue()) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(*due - now_()).count();
@@ -198,7 +209,19 @@ bool Reactor::dispatchEvents(int timeoutMilliseconds) {
   return dispatched;
 }
 
+void Reactor::noteRead(std::size_t bytes) {
+  readBytes_ += bytes;
+  if (readBytes_ >= readBudgetBytes_ && !budgetExhaustedAt_) budgetExhaustedAt_ = now_();
+}
+
+bool Reactor::hasEnoughBlocks() const {
+  std::uint64_t count = 0;
+  for (const auto& queue : ready_) count += queue->pendingCount();
+  return count >= (fairShare_.isContended() ? kBlocksAtOnceContended : kBlocksAtOnce);
+}
+
 void Reactor::adaptReadBudget() {
+  readBytes_ = 0;
   const auto exhaustedAt = std::exchange(budgetExhaustedAt_, std::nullopt);
   if (exhaustedAt && now_() - *exhaustedAt <= kLongTurn) {
     readBudgetBytes_ = std::min(readBudgetBytes_ * 2, kMaximumReadBudgetBytes);
@@ -211,9 +234,9 @@ bool Reactor::runDueTimers() {
   return !timers_.empty() && timers_.runDue(now_());
 }
 
-bool Reactor::runBlocks() {
+bool Reactor::runQueuedBlocks(int rounds) {
   bool ran = false;
-  for (int round = 0; round < kRoundsPerTurn; ++round) {
+  for (int round = 0; round < rounds; ++round) {
     collectArrivals();
     if (posts_.empty() && ready_.empty()) break;
     ran = true;
@@ -232,7 +255,12 @@ bool Reactor::runBlocks() {
 void Reactor::collectArrivals() {
   if (!arrived_.load(std::memory_order_relaxed)) return;
   const std::lock_guard lock(mutex_);
-  posts_.swap(arrivedPosts_);
+  posts_.append(arrivedPosts_);
+  for (Share* share : arrivedShares_) {
+    share->hasArrived_ = false;
+    fairShare_.addPosts(*share, share->arrivedPosts_);
+  }
+  arrivedShares_.clear();
   ready_.insert(ready_.end(), std::move_iterator(arrivedQueues_.begin()),
                 std::move_iterator(arrivedQueues_.end()));
   arrivedQueues_.clear();

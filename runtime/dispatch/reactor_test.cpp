@@ -79,7 +79,7 @@ TEST_F(ReactorTest, TurnReturnsFalseWhenThereIsNothingToDo) {
 TEST_F(ReactorTest, LongTurnsHalveTheReadBudgetAndFullReadsDoubleIt) {
   const auto turnOf = [this](Reactor::Clock::duration duration, bool fullRead) {
     reactor_.post([this, duration, fullRead] {
-      if (fullRead) reactor_.noteReadBudgetExhausted();
+      if (fullRead) reactor_.noteRead(reactor_.readBudgetBytes());
       now_ += duration;
     });
     turn();
@@ -97,7 +97,7 @@ TEST_F(ReactorTest, LongTurnsHalveTheReadBudgetAndFullReadsDoubleIt) {
   // Time before the full read does not count.
   reactor_.post([this] {
     now_ += Reactor::kLongTurn + milliseconds(1);
-    reactor_.noteReadBudgetExhausted();
+    reactor_.noteRead(reactor_.readBudgetBytes());
   });
   turn();
   EXPECT_EQ(reactor_.readBudgetBytes(), Reactor::kMinimumReadBudgetBytes * 2);
@@ -279,7 +279,7 @@ TEST_F(ReactorTest, AQueueThatFeedsItselfStarvesNoSocketTimerOrHook) {
     if (rounds++ == 0) {
       pipe.fill();
       reactor_.after(milliseconds(0), record(2));
-      reactor_.atEndOfTurn(hook, EndOfTurnHook::Urgency::normal);
+      reactor_.atEndOfTurn(reactor_.ownShare(), hook, EndOfTurnHook::Urgency::normal);
     }
     queue->async(std::ref(feed));
   };
@@ -340,8 +340,8 @@ TEST_F(ReactorTest, WaitsForATimerOnTheRealClock) {
 TEST_F(ReactorTest, RunsHooksAfterTheBlocksOfTheTurnUrgentHooksFirst) {
   Hook normal([this] { ran_.push_back(3); });
   Hook urgent([this] { ran_.push_back(2); });
-  reactor_.atEndOfTurn(normal, EndOfTurnHook::Urgency::normal);
-  reactor_.atEndOfTurn(urgent, EndOfTurnHook::Urgency::urgent);
+  reactor_.atEndOfTurn(reactor_.ownShare(), normal, EndOfTurnHook::Urgency::normal);
+  reactor_.atEndOfTurn(reactor_.ownShare(), urgent, EndOfTurnHook::Urgency::urgent);
   reactor_.post(record(1));
   EXPECT_TRUE(waitingTurn());
   EXPECT_THAT(ran_, ElementsAre(1, 2, 3));
@@ -351,9 +351,10 @@ TEST_F(ReactorTest, AHookThatRegistersItselfAgainRunsInTheNextTurnWhichDoesNotWa
   int runs = 0;
   std::unique_ptr<Hook> hook;
   hook = std::make_unique<Hook>([&] {
-    if (++runs < 3) reactor_.atEndOfTurn(*hook, EndOfTurnHook::Urgency::normal);
+    if (++runs < 3)
+      reactor_.atEndOfTurn(reactor_.ownShare(), *hook, EndOfTurnHook::Urgency::normal);
   });
-  reactor_.atEndOfTurn(*hook, EndOfTurnHook::Urgency::normal);
+  reactor_.atEndOfTurn(reactor_.ownShare(), *hook, EndOfTurnHook::Urgency::normal);
   EXPECT_TRUE(waitingTurn());
   EXPECT_EQ(runs, 1);
   EXPECT_TRUE(waitingTurn());

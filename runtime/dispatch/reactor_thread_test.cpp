@@ -196,7 +196,7 @@ TEST(ReactorThread, AWokenReactorRunsItsHooksAndTimers) {
   std::binary_semaphore ran(0);
   RunningReactor running;
   running.reactor.post([&] {
-    running.reactor.atEndOfTurn(hook, EndOfTurnHook::Urgency::normal);
+    running.reactor.atEndOfTurn(running.reactor.ownShare(), hook, EndOfTurnHook::Urgency::normal);
     running.reactor.after(std::chrono::milliseconds(1), [&ran] { ran.release(); });
   });
   hook.ran.acquire();

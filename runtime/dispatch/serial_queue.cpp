@@ -60,6 +60,7 @@ void SerialQueue::runBatch() noexcept {
   {
     const std::lock_guard lock(mutex_);
     running_.swap(pending_);
+    lastBegun_.store(lastSequenceNumber(), std::memory_order_relaxed);
     if (!later_.empty()) [[unlikely]] {
       pending_.swap(later_.front().blocks);
       pendingExecutor_ = later_.front().executor;

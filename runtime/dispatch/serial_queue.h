@@ -41,6 +41,11 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
     return lastSequenceNumber_.load(std::memory_order_relaxed);
   }
 
+  // Returns how many blocks were submitted since the last batch began.
+  std::uint64_t pendingCount() const {
+    return lastSequenceNumber() - lastBegun_.load(std::memory_order_relaxed);
+  }
+
   // Returns true in a block of this queue, on the thread that runs it, and while that block is
   // being destroyed after it ran.
   bool isCurrent() const;
@@ -74,6 +79,7 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
   std::mutex mutex_;
   State state_ = State::idle;                         // under mutex_
   std::atomic<std::uint64_t> lastSequenceNumber_{0};  // changed under mutex_
+  std::atomic<std::uint64_t> lastBegun_{0};           // its value when the last batch began
   // The next batch, and where it runs; under mutex_.
   BlockBatch pending_;
   Executor* pendingExecutor_;

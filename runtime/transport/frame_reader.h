@@ -33,6 +33,7 @@ class FrameReader {
       violation,  // the peer sent descriptors that it may not send; `violation` is its goodbye
     };
     Kind kind = Kind::bytes;
+    bool wasShort = false;  // the socket had no more bytes
     int problem = 0;
     std::string_view violation{};
     std::vector<FileDescriptor> foreign{};  // to be closed in the background
@@ -60,6 +61,8 @@ class FrameReader {
   // Returns the received memory files that no message has claimed, in order of arrival.
   std::vector<FileDescriptor>& files() { return files_; }
 
+  // Returns true between read() or resume() and endRead().
+  bool isInRead() const { return inRead_; }
   std::size_t keptBytes() const { return splitter_.keptBytes(); }
   // Returns true inside a frame, kept or skipped.
   bool isInFrame() const { return splitter_.inFrame(); }

@@ -44,7 +44,10 @@ FrameReader::Outcome FrameReader::read(int socket, TransportContext& context) {
   inRead_ = true;
   Outcome outcome;
   if (received > 0) {
-    if (received == static_cast<ssize_t>(vector.iov_len)) reactor.noteReadBudgetExhausted();
+    const auto bytes = static_cast<std::size_t>(received);
+    reactor.noteRead(bytes);
+    // The kernel ends a read behind the bytes that descriptors came with.
+    outcome.wasShort = bytes < vector.iov_len && header.msg_controllen == 0;
     if (header.msg_controllen > 0) takeFiles(header, outcome);
   } else if (received == 0) {
     reachedEnd_ = true;

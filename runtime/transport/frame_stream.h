@@ -14,7 +14,7 @@ namespace keel::xpc {
 
 // Frames over a connected stream socket (unix(7)), with back-pressure both ways: a slow reader is
 // dropped, and a peer that does not take what it is sent is not read.
-class FrameStream final : public Transport, private Reactor::Watcher, private EndOfTurnHook {
+class FrameStream final : public Transport, private Reactor::Watcher, private ShareMember {
  public:
   // The limits of a stream, and the quota that pays for it.
   struct Terms {
@@ -22,6 +22,8 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
     std::size_t frameLimitBytes;
     // Pays for incomplete frames; borrowed.
     const MemoryQuota* quota = &MemoryQuota::ofProcess();
+    // The peer's user is served as one; borrowed. Null: the reactor's own.
+    Share* share = nullptr;
     // Held until the socket is closed: the connection counts as open until then.
     Admission admission{};
   };
@@ -45,24 +47,25 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
  private:
   // Once it is no longer open, a stream sends and takes nothing more, and ends with the turn.
   enum class State : std::uint8_t { open, writeFailed, tooSlow, tooManyFiles };
-  // Frames that were read and not delivered, because the peer's requests were paused.
-  enum class Deferral : std::uint8_t {
-    none,
-    pending,    // delivered at the end of this turn
-    delivered,  // at the end of the last turn: served in this one before anything else is read
-  };
 
   void onReady(std::uint32_t events) override;
+  bool takeInput() override;
+  void suspendInput() override;
   void onEndOfTurn() override;
+  std::shared_ptr<void> holdAlive() override { return receiver_->holdAlive(); }
 
   // Each returns false when the stream has ended.
-  bool readOnce();
+  bool beginInput();
   bool take(FrameReader::Outcome& outcome);
-  bool deliverFrames();
-  bool deliverCompleteFrames();
+  bool endInput();
   bool flush();
 
-  void deferFrames();
+  // Why delivering frames stopped.
+  enum class Stop : std::uint8_t { nothingLeft, paused, enoughBlocks, tookFile, ended };
+  Stop deliverFrames();
+  void queueInput();
+  void queueOutput(EndOfTurnHook::Urgency urgency);
+
   void retryLater();
   void retry();
   // Accounts for the backlog, and drops the largest one if all together are too large.
@@ -81,12 +84,15 @@ class FrameStream final : public Transport, private Reactor::Watcher, private En
   void watchAsNeeded();
   void stopWatching();
   bool wantsToRead() const { return !paused_ && !backlogFull_; }
+  Share& share() { return terms_.share != nullptr ? *terms_.share : context_.reactor().ownShare(); }
   const MemoryAccount* user() const { return terms_.quota->account; }
 
   // Members that every sent frame touches are together, in as few cache lines as possible.
   FileDescriptor socket_;
   State state_ = State::open;
-  Deferral deferral_ = Deferral::none;
+  bool mayRead_ = false;      // the socket may have more bytes, or its end
+  bool peerClosed_ = false;   // so the end must be read
+  bool keepsFrames_ = false;  // complete frames were read and not delivered
   bool paused_ = false;       // by the receiver
   bool backlogFull_ = false;  // the peer is not read until it takes its backlog
   int writeProblem_ = 0;      // errno

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Receiving: at most one recvmsg(2) per turn takes what the socket has, up to the reactor's read
-// budget, and the complete frames are delivered in place (FrameReader).
+// Receiving: readiness, which epoll(7) reports once (edge-triggered), puts the stream on the list
+// of its user (FairShare). When it is its turn, one recvmsg(2) takes what the socket has, up to the
+// reactor's read budget, and the complete frames are delivered in place (FrameReader); if they
+// queue many blocks, these run in between. A stream leaves the list when the socket is known to be
+// empty.
 //
 // Sending: send() appends to the output queue and registers an end-of-turn hook; then one
 // sendmsg(2) writes everything the turn produced for this peer (FrameWriter). What the socket does
@@ -60,11 +63,11 @@ void FrameStream::send(const OutgoingMessage& message, EndOfTurnHook::Urgency ur
     if (writer_.isStuck()) retryLater();
     updateBacklog();
     if (state_ != State::open) return;
-    context_.reactor().atEndOfTurn(*this, urgency);
+    queueOutput(urgency);
   }
   writer_.append(message, context_);
   if (!writer_.isBlocked()) {
-    context_.reactor().atEndOfTurn(*this, urgency);
+    queueOutput(urgency);
   } else if (writer_.ownBytes() != accountedOwnBytes_) {
     updateBacklog();
   }
@@ -97,15 +100,24 @@ void FrameStream::dropSlowReader() {
 
 void FrameStream::endWithTurn(State how) {
   state_ = how;
-  context_.reactor().atEndOfTurn(*this, EndOfTurnHook::Urgency::normal);
+  queueOutput(EndOfTurnHook::Urgency::normal);
 }
 
 void FrameStream::setReading(bool reading) {
   if (reading != paused_) return;
   paused_ = !reading;
   if (!socket_) return;
-  if (reading && reader_.keptBytes() > 0) deferFrames();
-  watchAsNeeded();
+  if (reading) queueInput();
+}
+
+// Idempotent.
+void FrameStream::queueInput() {
+  if ((mayRead_ || keepsFrames_) && wantsToRead() && state_ == State::open)
+    context_.reactor().addInput(share(), *this);
+}
+
+void FrameStream::queueOutput(EndOfTurnHook::Urgency urgency) {
+  context_.reactor().atEndOfTurn(share(), *this, urgency);
 }
 
 void FrameStream::liftHelloBound() {
@@ -127,7 +139,7 @@ void FrameStream::perform(Block block) {
 }
 
 void FrameStream::performLater(Block block) {
-  context_.reactor().post(std::move(block));
+  context_.reactor().post(share(), std::move(block));
 }
 
 bool FrameStream::onIoThread() const {
@@ -136,19 +148,34 @@ bool FrameStream::onIoThread() const {
 
 void FrameStream::onReady(std::uint32_t events) {
   if (state_ != State::open) return;
-  const std::shared_ptr<void> alive = receiver_->holdAlive();
-  if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0 && writer_.isBlocked()) {
+  const bool hungUp = (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0;
+  if (writer_.isBlocked() && (hungUp || (events & EPOLLOUT) != 0)) {
     writer_.unblock();
-    if (!flush()) return;
+    queueOutput(EndOfTurnHook::Urgency::normal);
   }
-  const bool readable = (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0;
-  if (readable && wantsToRead() && deferral_ != Deferral::pending) {
-    // Frames delivered at the end of the last turn are served in this one, before the end of file
-    // that may be read now.
-    const bool servedFirst = std::exchange(deferral_, Deferral::none) == Deferral::delivered;
-    if (!servedFirst && !readOnce()) return;
+  peerClosed_ = peerClosed_ || hungUp;
+  mayRead_ = mayRead_ || hungUp || (events & EPOLLIN) != 0;
+  queueInput();
+}
+
+bool FrameStream::takeInput() {
+  if (socket_ && state_ == State::open && wantsToRead() && (reader_.isInRead() || beginInput())) {
+    const Stop stop = deliverFrames();
+    if (stop == Stop::enoughBlocks) return true;
+    if (stop == Stop::nothingLeft && endInput()) queueInput();
   }
-  watchAsNeeded();
+  suspendInput();
+  return false;
+}
+
+void FrameStream::suspendInput() {
+  const bool wasInRead = reader_.isInRead();
+  // Also for a stream that has ended: what was read may have to be wiped.
+  reader_.endRead();
+  if (!wasInRead || !socket_) return;
+  keepsFrames_ = reader_.keptBytes() > 0;
+  chargeKept();
+  queueInput();
 }
 
 void FrameStream::onEndOfTurn() {
@@ -160,20 +187,20 @@ void FrameStream::onEndOfTurn() {
   }
   if (state_ == State::tooManyFiles) return fail(kUnclaimed, kUnclaimed);
   if (!flush()) return;
-  if (deferral_ == Deferral::pending && wantsToRead()) {
-    deferral_ = Deferral::delivered;
-    reader_.resume();
-    if (!deliverFrames()) return;
-  }
   watchAsNeeded();
+  queueInput();
 }
 
-bool FrameStream::readOnce() {
+// Delivers what is kept, else reads once.
+bool FrameStream::beginInput() {
+  if (std::exchange(keepsFrames_, false)) {
+    reader_.resume();
+    return true;
+  }
   FrameReader::Outcome outcome = reader_.read(socket_.get(), context_);
-  const bool isOpen = take(outcome);
-  // Also for a stream that has ended: what was read may have to be wiped.
-  reader_.endRead();
-  return isOpen;
+  const bool isEmpty = outcome.kind == FrameReader::Outcome::Kind::nothing || outcome.wasShort;
+  mayRead_ = !isEmpty || peerClosed_;
+  return take(outcome);
 }
 
 bool FrameStream::take(FrameReader::Outcome& outcome) {
@@ -182,7 +209,7 @@ bool FrameStream::take(FrameReader::Outcome& outcome) {
     case Kind::bytes:
     case Kind::nothing:
       updateFileCount();
-      return deliverFrames();
+      return true;
     case Kind::violation:
       for (FileDescriptor& each : outcome.foreign)
         closeInBackground(std::move(each), terms_.admission, user());
@@ -213,8 +240,8 @@ bool FrameStream::chargeKept() {
          terms_.quota->account->bytes() <= terms_.quota->grantedNameBytes();
 }
 
-bool FrameStream::deliverFrames() {
-  if (!deliverCompleteFrames()) return false;
+// Charges and checks what is left when all complete frames have been delivered.
+bool FrameStream::endInput() {
   reader_.endRead();
   if (!chargeKept()) {
     constexpr std::string_view kOverQuota =
@@ -222,7 +249,6 @@ bool FrameStream::deliverFrames() {
     fail(kOverQuota, kOverQuota);
     return false;
   }
-  if (deferral_ == Deferral::pending) return true;
   // Descriptors arrive with the first byte of their frame: none may be left when no frame is
   // incomplete.
   if (!reader_.files().empty() && (!reader_.isInFrame() || reader_.isSkipping())) {
@@ -238,18 +264,17 @@ bool FrameStream::deliverFrames() {
   return true;
 }
 
-// Delivers complete frames. Stops after a value in a memory file, which may be large: the rest
-// waits for the next turn.
-bool FrameStream::deliverCompleteFrames() {
+// Stops after a value in a memory file, which may be large: the rest waits for the next turn.
+FrameStream::Stop FrameStream::deliverFrames() {
   while (!paused_ && state_ == State::open) {
     switch (reader_.next()) {
       case FrameSplitter::Found::nothing:
-        return true;
+        return Stop::nothingLeft;
       case FrameSplitter::Found::garbage: {
         const std::string reason =
             fmt::format("a frame of {} bytes is beyond all limits", reader_.frameSizeBytes());
         fail(reason, reason);
-        return false;
+        return Stop::ended;
       }
       case FrameSplitter::Found::frame:
         receiver_->onFrame(reader_.frame(), reader_.files());
@@ -258,21 +283,13 @@ bool FrameStream::deliverCompleteFrames() {
         receiver_->onOversizedFrame(reader_.frameSizeBytes(), reader_.frame());
         break;
     }
-    if (!socket_) return false;
+    if (!socket_) return Stop::ended;
     const bool tookFile = reader_.files().size() < accountedFiles_;
     updateFileCount();
-    if (tookFile) {
-      reader_.endRead();
-      if (reader_.keptBytes() > 0) deferFrames();
-      return true;
-    }
+    if (tookFile) return Stop::tookFile;
+    if (context_.reactor().hasEnoughBlocks()) return Stop::enoughBlocks;
   }
-  return true;
-}
-
-void FrameStream::deferFrames() {
-  deferral_ = Deferral::pending;
-  context_.reactor().atEndOfTurn(*this, EndOfTurnHook::Urgency::normal);
+  return Stop::paused;
 }
 
 bool FrameStream::flush() {
@@ -284,9 +301,7 @@ bool FrameStream::flush() {
   }
   if (writer_.isStuck()) retryLater();
   if (writer_.isBlocked() || backlogFull_ || accountedOwnBytes_ > 0) {
-    const bool wasFull = backlogFull_;
     updateBacklog();
-    if (wasFull && !backlogFull_ && reader_.keptBytes() > 0) deferFrames();
   }
   return true;
 }
@@ -298,12 +313,11 @@ void FrameStream::retryLater() {
 }
 
 void FrameStream::retry() {
-  const std::shared_ptr<void> alive = receiver_->holdAlive();
   retryTimer_ = 0;
   --context_.stuckStreamCount();
   if (state_ != State::open) return;
   writer_.unblock();
-  if (flush()) watchAsNeeded();
+  queueOutput(EndOfTurnHook::Urgency::normal);
 }
 
 void FrameStream::failWith(int problem) {
@@ -358,14 +372,12 @@ void FrameStream::detach() {
 void FrameStream::watchAsNeeded() {
   if (!socket_) return;
   const bool waitsForRoom = writer_.isBlocked() && retryTimer_ == 0;
-  const std::uint32_t events = (wantsToRead() ? EPOLLIN : 0u) | (waitsForRoom ? EPOLLOUT : 0u);
+  const std::uint32_t events =
+      EPOLLIN | EPOLLRDHUP | EPOLLET | (waitsForRoom ? std::uint32_t{EPOLLOUT} : 0u);
   if (events == watchedEvents_) return;
-  // Unwatched if there are no events: a peer that hung up would be reported in every turn.
   Reactor& reactor = context_.reactor();
   if (watchedEvents_ == 0) {
     reactor.watch(socket_.get(), events, *this);
-  } else if (events == 0) {
-    reactor.unwatch(socket_.get(), *this);
   } else {
     reactor.rewatch(socket_.get(), events, *this);
   }
