@@ -23,15 +23,6 @@ std::size_t connectionLimitOfProcess() {
                                                         : descriptors / 2;
 }
 
-std::size_t memoryLimitOfUsers() {
-  const long pages = ::sysconf(_SC_PHYS_PAGES);
-  const long pageBytes = ::sysconf(_SC_PAGESIZE);
-  // A system that does not reveal its memory is assumed to be small.
-  if (pages <= 0 || pageBytes <= 0) return 2 * limits::kMemoryOfOneUserBytes;
-  return static_cast<std::size_t>(static_cast<double>(pages) * static_cast<double>(pageBytes) *
-                                  limits::kMemoryShareOfUsers);
-}
-
 }  // namespace
 
 Admissions& Admissions::ofProcess() {
@@ -86,26 +77,6 @@ void Admissions::remove(uid_t uid) {
   --count_;
   const auto found = countByUser_.find(uid);
   if (--found->second == 0) countByUser_.erase(found);
-}
-
-const MemoryQuota& memoryQuotaOfUser(uid_t uid) {
-  static std::mutex& mutex = *new std::mutex;
-  // Elements have stable addresses.
-  static auto& quotasByUser = *new std::unordered_map<uid_t, MemoryQuota>;
-  const std::lock_guard lock(mutex);
-  static MemoryAccount& allUsers = *new MemoryAccount;
-  static const std::size_t limitOfAll = memoryLimitOfUsers();
-  const auto [entry, isNew] = quotasByUser.try_emplace(uid);
-  MemoryQuota& quota = entry->second;
-  if (isNew && uid == 0) {
-    quota.account = new MemoryAccount;
-  } else if (isNew) {
-    quota = {.account = new MemoryAccount(allUsers),
-             .limitBytes = limits::kMemoryOfOneUserBytes,
-             .total = &allUsers,
-             .totalLimitBytes = limitOfAll};
-  }
-  return quota;
 }
 
 void raiseDescriptorLimit() {

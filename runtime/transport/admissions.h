@@ -9,8 +9,6 @@
 #include <unordered_map>
 #include <utility>
 
-#include "runtime/wire/argument.h"
-
 namespace keel::xpc {
 
 class Admissions;
@@ -68,10 +66,6 @@ class Admissions {
   std::size_t count_ = 0;                               // under mutex_
   std::unordered_map<uid_t, std::size_t> countByUser_;  // under mutex_
 };
-
-// Returns the memory quota of a user, the same for all its connections and kept for the life of the
-// process; root's has no limit.
-const MemoryQuota& memoryQuotaOfUser(uid_t uid);
 
 // Raises the soft limit of open descriptors to the hard one, so that the administrator's limit
 // decides the number of connections.

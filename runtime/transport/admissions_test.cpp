@@ -64,27 +64,5 @@ TEST_F(AdmissionsTest, AShortageIsOverWhenOneTenthIsFree) {
   EXPECT_EQ(admit(501), Refusal::tooManyOfUsers);
 }
 
-TEST(MemoryQuota, AUserIsGrantedAtMostWhatIsStillFree) {
-  MemoryAccount all;
-  MemoryAccount alice(all);
-  MemoryAccount bob(all);
-  const MemoryQuota quota{
-      .account = &bob, .limitBytes = 50'000, .total = &all, .totalLimitBytes = 100'000};
-  EXPECT_EQ(quota.grantedBytes(), 50'000u);
-  alice.charge(80'000);
-  EXPECT_EQ(quota.grantedBytes(), 20'000u);
-  EXPECT_EQ(quota.grantedNameBytes(), 30'000u);
-  alice.charge(80'000);
-  EXPECT_EQ(quota.grantedBytes(), 0u);
-  alice.refund(160'000);
-  EXPECT_EQ(quota.grantedBytes(), 50'000u);
-}
-
-TEST(MemoryQuota, RootHasNoLimit) {
-  EXPECT_EQ(memoryQuotaOfUser(0).grantedBytes(), std::numeric_limits<std::size_t>::max());
-  EXPECT_EQ(memoryQuotaOfUser(0).grantedNameBytes(), std::numeric_limits<std::size_t>::max());
-  EXPECT_LE(memoryQuotaOfUser(501).grantedBytes(), limits::kMemoryOfOneUserBytes);
-}
-
 }  // namespace
 }  // namespace keel::xpc

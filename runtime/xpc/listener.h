@@ -58,8 +58,9 @@ class Listener final : private Reactor::Watcher, public std::enable_shared_from_
   void onReady(std::uint32_t events) override;
   // False when there is nothing more to accept for now.
   bool acceptOne();
-  bool turnAwayUnidentified(FileDescriptor socket, std::error_code why);
-  bool admit(const PeerIdentity& peer, FileDescriptor& socket, FrameStream::Terms& terms);
+  bool admit(uid_t uid, FileDescriptor& socket, FrameStream::Terms& terms);
+  void identify(FileDescriptor socket, FrameStream::Terms terms);
+  void turnAwayUnidentified(FileDescriptor socket, std::error_code why);
   void connect(FileDescriptor socket, PeerIdentity peer, FrameStream::Terms terms);
   void pauseAccepting(const char* why);
   void stopWatching();

@@ -11,6 +11,7 @@
 #include "runtime/transport/frame_stream.h"
 #include "runtime/transport/linger.h"
 #include "runtime/transport/service_socket.h"
+#include "runtime/transport/user_account.h"
 #include "runtime/wire/limits.h"
 #include "runtime/xpc/listener.h"
 
@@ -134,36 +135,48 @@ bool Listener::acceptOne() {
     if (isShortage(errno)) pauseAccepting(std::strerror(errno));
     return errno == EINTR || errno == ECONNABORTED;
   }
-  auto peer = PeerIdentity::ofSocket(socket.get());
-  if (!peer) return turnAwayUnidentified(std::move(socket), peer.error());
-  FrameStream::Terms terms{.frameLimitBytes = limits::kFrameBytes,
-                           .quota = &memoryQuotaOfUser(peer->uid)};
-  if (admit(*peer, socket, terms)) connect(std::move(socket), std::move(*peer), std::move(terms));
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return true;
+  UserAccount& user = UserAccount::of(credentials.uid);
+  FrameStream::Terms terms{
+      .frameLimitBytes = limits::kFrameBytes, .quota = &user.quota, .share = &user.share};
+  if (!admit(credentials.uid, socket, terms)) return true;
+  // The rest is expensive, so it is done at the turn of the peer's user.
+  context_.reactor().post(user.share, [self = shared_from_this(), held = std::move(socket),
+                                       moved = std::move(terms)]() mutable {
+    self->identify(std::move(held), std::move(moved));
+  });
   return true;
 }
 
-// Returns false when accepting pauses.
-bool Listener::turnAwayUnidentified(FileDescriptor socket, std::error_code why) {
+void Listener::identify(FileDescriptor socket, FrameStream::Terms terms) {
+  if (!socket_) return;
+  auto peer = PeerIdentity::ofSocket(socket.get());
+  if (!peer) return turnAwayUnidentified(std::move(socket), peer.error());
+  connect(std::move(socket), std::move(*peer), std::move(terms));
+}
+
+void Listener::turnAwayUnidentified(FileDescriptor socket, std::error_code why) {
   if (!isShortage(why.value())) {
     logger().debug("a connection to {} was dropped: its process has ended ({})", path_,
                    why.message());
-    return true;
+    return;
   }
   turnAway(std::move(socket), "the daemon is short of resources; try again", /*owner=*/nullptr,
            context_);
-  pauseAccepting(std::strerror(why.value()));
-  return false;
+  if (!suspended_ && pause_ == 0) pauseAccepting(std::strerror(why.value()));
 }
 
 // Takes the socket only to turn it away.
-bool Listener::admit(const PeerIdentity& peer, FileDescriptor& socket, FrameStream::Terms& terms) {
-  const auto refusal = admissions_.admit(peer.uid, terms.admission);
+bool Listener::admit(uid_t uid, FileDescriptor& socket, FrameStream::Terms& terms) {
+  const auto refusal = admissions_.admit(uid, terms.admission);
   if (refusal == Admissions::Refusal::none) {
     if (admissions_.hasRoom()) pauseLogged_ = refusalLogged_ = false;
     return true;
   }
   const std::string why = refusal == Admissions::Refusal::tooManyOfUser
-                              ? fmt::format("too many connections of uid {}", peer.uid)
+                              ? fmt::format("too many connections of uid {}", uid)
                               : std::string("too many connections");
   if (!std::exchange(refusalLogged_, true)) {
     logger().error("{}: {}; new ones are turned away", path_, why);

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sys/types.h>
+
+#include "runtime/dispatch/fair_share.h"
+#include "runtime/foundation/memory_account.h"
+
+namespace keel::xpc {
+
+// What one user makes this process hold and do, over all its connections: the account of its memory
+// with its limit, and its share of the I/O thread. Kept for the life of the process.
+struct UserAccount {
+  MemoryQuota quota;
+  Share share;
+
+  // Returns the account of that user, created on the first call. From any thread; the share belongs
+  // to the I/O thread.
+  static UserAccount& of(uid_t uid);
+};
+
+}  // namespace keel::xpc
