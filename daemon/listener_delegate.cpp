@@ -75,8 +75,9 @@ bool AuthListenerDelgate::listenerShouldAcceptNewConnection(
       handler->connectionInvalidated();
     });
     connection->setConfidential();
-    connection->setQueue(SerialQueue::create("auth connection", globalQueue()),
-                         checkQueue().laneOf(connection->effectiveUserIdentifier()));
+    const uid_t user = connection->effectiveUserIdentifier();
+    connection->setQueue(SerialQueue::create("auth connection", globalQueue().laneOf(user)),
+                         checkQueue().laneOf(user));
     connection->resume();
     logger().debug("AuthListenerDelgate: AuthService is ready");
   }

@@ -16,6 +16,7 @@ namespace {
 
 // Threads start on demand, and an idle one costs a stack that is hardly touched.
 constexpr std::size_t kWorkerLimit = 32;
+constexpr std::size_t kWorkerLimitPerUser = 12;
 
 // Slow checks (password, rights, membership) at once: as many as an administrator could plausibly
 // want. One user cannot occupy all threads, so the checks of another never wait for those of the
@@ -42,7 +43,7 @@ Reactor& ioReactor() {
 }
 
 WorkerPool& globalQueue() {
-  static WorkerPool* const pool = new WorkerPool(kWorkerLimit);
+  static WorkerPool* const pool = new WorkerPool(kWorkerLimit, kWorkerLimitPerUser);
   return *pool;
 }
 

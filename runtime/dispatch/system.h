@@ -11,7 +11,8 @@ class WorkerPool;
 Reactor& ioReactor();
 
 // Returns the global queue of default priority: the worker pool of this process, created on the
-// first call and kept until the process ends.
+// first call and kept until the process ends. Its lanes are keyed by the user on whose behalf it
+// works.
 WorkerPool& globalQueue();
 
 // Returns the pool for work that may block for seconds: checks of passwords and rights. Its lanes
