@@ -84,8 +84,8 @@ int digestListCommand(Console& console, const CommonOptions& common, const Diges
   if (!text && text.error().code() != ENOENT) return reportFailure(console, text.error());
   const DigestCredentials credentials(text ? std::move(*text) : Secret());
   for (const std::size_t number : credentials.badLines()) {
-    console.note(fmt::format("line {} of {} is not USER:REALM:DIGEST and counts for nothing",
-                             number, options.file));
+    console.note(
+        fmt::format("line {} of {} is not USER:REALM:DIGEST and is ignored", number, options.file));
   }
   std::map<std::pair<std::string, std::string>, std::vector<std::string>> algorithmsByUserAndRealm;
   for (const auto& line : credentials.lines()) {

@@ -138,7 +138,7 @@ TEST_F(DigestCommand, AFileThatOthersMayReadIsLeftAlone) {
   EXPECT_EQ(digestRemoveCommand(console, options), kExitRefused);
   EXPECT_EQ(digestListCommand(console, {}, options), kExitRefused);
   EXPECT_EQ(written(), kMufasa);
-  EXPECT_THAT(said(), HasSubstr("mend its owner and mode\n"));
+  EXPECT_THAT(said(), HasSubstr("fix its owner and mode\n"));
 }
 
 TEST_F(DigestCommand, ListShowsUsersAndNoDigests) {

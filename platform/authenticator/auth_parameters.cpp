@@ -27,7 +27,7 @@ bool isControl(char letter) {
   return (byte < 0x20 && letter != '\t') || byte == 0x7f;
 }
 
-// Takes pieces from the front of a text.
+// Consumes tokens from the front of a text.
 class Reader {
  public:
   explicit Reader(std::string_view text) : text_(text) {}
@@ -44,7 +44,7 @@ class Reader {
     return true;
   }
 
-  // Nothing when there is no letter of a token.
+  // Returns nothing if the text does not start with a token.
   std::optional<std::string> token() {
     const auto end = std::ranges::find_if_not(text_, isTokenLetter);
     if (end == text_.begin()) return std::nullopt;
@@ -53,7 +53,7 @@ class Reader {
     return token;
   }
 
-  // What follows the opening quote, up to the closing one.
+  // Reads from after the opening quote up to the closing one.
   std::optional<std::string> restOfQuoted() {
     std::string value;
     while (!atEnd()) {
@@ -105,7 +105,7 @@ std::optional<AuthParameters> AuthParameters::parse(std::string_view text) {
     auto value = reader.value();
     if (!value) return std::nullopt;
     const bool isNew = parameters.valuesByName_.emplace(std::move(*name), std::move(*value)).second;
-    if (!isNew || parameters.valuesByName_.size() > kLargestCount) return std::nullopt;
+    if (!isNew || parameters.valuesByName_.size() > kMaxCount) return std::nullopt;
     reader.skipBlanks();
   } while (reader.take(','));
   if (!reader.atEnd()) return std::nullopt;

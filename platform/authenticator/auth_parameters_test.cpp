@@ -8,7 +8,7 @@
 namespace keel {
 namespace {
 
-// The value of parameter "a", or "none" when the text is refused or has none.
+// Returns the value of parameter "a", or "none" if the text is refused or lacks it.
 std::string valueOfA(std::string_view text) {
   const auto parameters = AuthParameters::parse(text);
   const std::string* const value = parameters ? parameters->find("a") : nullptr;
@@ -21,20 +21,20 @@ std::string list(std::size_t count) {
   return text;
 }
 
-TEST(AuthParameters, SchemeIsTheSameInAnyCase) {
+TEST(AuthParameters, SchemeIsCaseInsensitive) {
   EXPECT_EQ(afterScheme("Digest a=1", "digest"), "a=1");
   EXPECT_EQ(afterScheme("dIGEST   a=1 ", "digest"), "a=1 ");
   EXPECT_EQ(afterScheme("Basic ", "basic"), "");
 }
 
-TEST(AuthParameters, AnotherSchemeIsNone) {
+TEST(AuthParameters, RefusesAnotherScheme) {
   for (const char* text :
        {"", "Digest", "Digesta=1", "Digests a=1", "Basic a=1", " Digest a=1", "Digest\ta=1"}) {
     EXPECT_FALSE(afterScheme(text, "digest")) << text;
   }
 }
 
-TEST(AuthParameters, ValuesAreTokensOrQuoted) {
+TEST(AuthParameters, AcceptsTokensAndQuotedStrings) {
   EXPECT_EQ(valueOfA("a=token"), "token");
   EXPECT_EQ(valueOfA("a=\"quoted, text\""), "quoted, text");
   EXPECT_EQ(valueOfA("a=\"\""), "");
@@ -42,15 +42,15 @@ TEST(AuthParameters, ValuesAreTokensOrQuoted) {
   EXPECT_EQ(valueOfA("a=\"\xc3\xa4\""), "\xc3\xa4");
 }
 
-TEST(AuthParameters, NamesAreTheSameInAnyCase) {
+TEST(AuthParameters, NamesAreCaseInsensitive) {
   EXPECT_EQ(valueOfA("A=x"), "x");
 }
 
-TEST(AuthParameters, BlanksMayStandBetween) {
+TEST(AuthParameters, SkipsBlanks) {
   EXPECT_EQ(valueOfA(" b = 1 ,\ta\t=\t\"x\" , c=2 "), "x");
 }
 
-TEST(AuthParameters, NonsenseIsRefused) {
+TEST(AuthParameters, RefusesMalformedText) {
   for (const char* text : {"",
                            ",",
                            "a",
@@ -77,17 +77,17 @@ TEST(AuthParameters, NonsenseIsRefused) {
   EXPECT_EQ(valueOfA(std::string_view("a=\"x\0\"", 6)), "none");
 }
 
-TEST(AuthParameters, NoNameStandsTwice) {
+TEST(AuthParameters, RefusesDuplicateNames) {
   EXPECT_EQ(valueOfA("a=x, a=x"), "none");
   EXPECT_EQ(valueOfA("a=x, b=1, B=1"), "none");
 }
 
-TEST(AuthParameters, TheirNumberIsBounded) {
-  EXPECT_EQ(valueOfA(list(AuthParameters::kLargestCount)), "x");
-  EXPECT_EQ(valueOfA(list(AuthParameters::kLargestCount + 1)), "none");
+TEST(AuthParameters, BoundsTheirNumber) {
+  EXPECT_EQ(valueOfA(list(AuthParameters::kMaxCount)), "x");
+  EXPECT_EQ(valueOfA(list(AuthParameters::kMaxCount + 1)), "none");
 }
 
-TEST(AuthParameters, WhatIsQuotedComesBack) {
+TEST(AuthParameters, QuotedStringsRoundTrip) {
   for (const char* text : {"", "plain", "with \"quotes\" and \\", "\\\"", "tab\t"}) {
     EXPECT_EQ(valueOfA("a=" + quotedString(text)), text);
   }

@@ -11,7 +11,7 @@
 namespace keel {
 
 std::optional<BasicAnswer> BasicAnswer::parse(std::string_view text) {
-  if (text.size() > kLargestBytes) return std::nullopt;
+  if (text.size() > kMaxBytes) return std::nullopt;
   const std::string_view encoded = afterScheme(text, "basic").value_or(text);
   Secret decoded(maximumDecodedBytes(encoded));
   const auto size = decodeBase64(encoded, decoded.bytes());

@@ -10,19 +10,18 @@
 
 namespace keel {
 
-// The name and password in an Authorization of the scheme Basic (RFC 7617, section 2). Wiped when
-// let go of.
+// The name and password in an Authorization of the scheme Basic (RFC 7617, section 2). Wiped on
+// destruction.
 class BasicAnswer {
  public:
-  // Longer ones are refused unread. What name and password may have together, in base64, is far
-  // less.
-  static constexpr std::size_t kLargestBytes = 2048;
+  // Longer ones are refused unparsed. The longest name and password take far less in base64.
+  static constexpr std::size_t kMaxBytes = 2048;
 
-  // With or without the scheme in front. Nothing for what is not base64 of a name, ":" and a
-  // password, in UTF-8 without control characters. The password may be empty, the name not.
+  // Accepts `text` with or without the scheme. Returns nothing unless it is base64 of a name, ":"
+  // and a password, in UTF-8 without control characters. The password may be empty, the name not.
   static std::optional<BasicAnswer> parse(std::string_view text);
 
-  // Before and behind the first ":".
+  // The text before and after the first ":".
   std::string_view user() const { return text_.text().substr(0, colon_); }
   std::string_view password() const { return text_.text().substr(colon_ + 1); }
 

@@ -19,7 +19,7 @@ std::string encoded(std::string_view text) {
   return encodeBase64(std::as_bytes(std::span(text)));
 }
 
-// "USER PASSWORD", or "none" when the answer is refused.
+// Returns "USER PASSWORD", or "none" if the answer is refused.
 std::string parsed(std::string_view text) {
   const auto answer = BasicAnswer::parse(text);
   return answer ? std::string(answer->user()) + " " + std::string(answer->password()) : "none";
@@ -39,20 +39,20 @@ TEST(BasicAnswer, MayLackTheScheme) {
   EXPECT_EQ(parsed("QWxhZGRpbjpvcGVuIHNlc2FtZQ=="), "Aladdin open sesame");
 }
 
-TEST(BasicAnswer, SchemeIsTheSameInAnyCase) {
+TEST(BasicAnswer, SchemeIsCaseInsensitive) {
   EXPECT_EQ(parsed("bASIC  QWxhZGRpbjpvcGVuIHNlc2FtZQ=="), "Aladdin open sesame");
 }
 
-TEST(BasicAnswer, TheFirstColonEndsTheName) {
+TEST(BasicAnswer, SplitsAtTheFirstColon) {
   EXPECT_EQ(parsed(encoded("a:b:c")), "a b:c");
 }
 
-TEST(BasicAnswer, ThePasswordMayBeEmptyAndTheNameNot) {
+TEST(BasicAnswer, AcceptsAnEmptyPasswordButNoEmptyName) {
   EXPECT_EQ(parsed(encoded("a:")), "a ");
   EXPECT_EQ(parsed(encoded(":b")), "none");
 }
 
-TEST(BasicAnswer, NonsenseIsRefused) {
+TEST(BasicAnswer, RefusesMalformedAnswers) {
   for (const std::string_view text :
        {"", "Basic", "Basic ", "Digest QTpi", "QTpi\n", " QTpi", "QTpi ", "Basic QTpi QTpi", "QTp",
         "Q*pi", "Basic Basic QTpi"}) {
@@ -66,9 +66,8 @@ TEST(BasicAnswer, NonsenseIsRefused) {
 }
 
 TEST(BasicAnswer, SizeIsBounded) {
-  const std::string largest =
-      encoded("a:" + std::string(BasicAnswer::kLargestBytes / 4 * 3 - 2, 'p'));
-  ASSERT_EQ(largest.size(), BasicAnswer::kLargestBytes);
+  const std::string largest = encoded("a:" + std::string(BasicAnswer::kMaxBytes / 4 * 3 - 2, 'p'));
+  ASSERT_EQ(largest.size(), BasicAnswer::kMaxBytes);
   EXPECT_NE(parsed(largest), "none");
   EXPECT_EQ(parsed("basic " + largest), "none");
 }
@@ -84,7 +83,7 @@ TEST_F(BasicAuthenticatorTest, Challenges) {
             String(R"(Basic realm="my \"realm\"", charset="UTF-8")"));
 }
 
-TEST_F(BasicAuthenticatorTest, AsksForThePassword) {
+TEST_F(BasicAuthenticatorTest, ChecksThePassword) {
   EXPECT_TRUE(authenticator.userName().isNull());
   String response("before");
   EXPECT_TRUE(authenticator.validateChallenge("Basic QWxhZGRpbjpvcGVuIHNlc2FtZQ==", &response));
@@ -97,7 +96,7 @@ TEST_F(BasicAuthenticatorTest, NeedsNoResponse) {
   EXPECT_TRUE(authenticator.validateChallenge("Basic QWxhZGRpbjpvcGVuIHNlc2FtZQ==", nullptr));
 }
 
-TEST_F(BasicAuthenticatorTest, AWrongPasswordIsRefusedAndTheUserNotTold) {
+TEST_F(BasicAuthenticatorTest, RefusesAWrongPasswordWithoutNamingTheUser) {
   accounts.answer = false;
   String response("before");
   EXPECT_FALSE(authenticator.validateChallenge("Basic QWxhZGRpbjpvcGVuIHNlc2FtZQ==", &response));
@@ -105,12 +104,12 @@ TEST_F(BasicAuthenticatorTest, AWrongPasswordIsRefusedAndTheUserNotTold) {
   EXPECT_EQ(response, String("before"));
 }
 
-TEST_F(BasicAuthenticatorTest, NonsenseIsRefusedWithoutAsking) {
+TEST_F(BasicAuthenticatorTest, RefusesMalformedAnswersWithoutACheck) {
   EXPECT_FALSE(authenticator.validateChallenge("Basic QWxhZGRpbg==", nullptr));
   EXPECT_THAT(accounts.asked, IsEmpty());
 }
 
-TEST_F(BasicAuthenticatorTest, ANullAnswerIsRefused) {
+TEST_F(BasicAuthenticatorTest, RefusesANullAnswer) {
   EXPECT_FALSE(authenticator.validateChallenge(nullptr, nullptr));
 }
 
@@ -120,7 +119,7 @@ TEST_F(BasicAuthenticatorTest, TakesOneAnswer) {
   EXPECT_EQ(accounts.asked.size(), 1U);
 }
 
-TEST_F(BasicAuthenticatorTest, TakesNoAnswerAfterAWrongOne) {
+TEST_F(BasicAuthenticatorTest, RefusesAnyAnswerAfterAWrongOne) {
   EXPECT_FALSE(authenticator.validateChallenge("nonsense", nullptr));
   EXPECT_FALSE(authenticator.validateChallenge("QWxhZGRpbjpvcGVuIHNlc2FtZQ==", nullptr));
   EXPECT_THAT(accounts.asked, IsEmpty());

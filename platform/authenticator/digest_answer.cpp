@@ -21,7 +21,7 @@ bool isLowerHex(std::string_view text) {
   return text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
 
-// RFC 8187: UTF-8'LANGUAGE'TEXT, with %XX for whatever is not a plain letter.
+// RFC 8187: UTF-8'LANGUAGE'TEXT, percent-encoded.
 std::optional<std::string> decodeExtended(std::string_view text) {
   constexpr std::string_view kOthers = "!#$&+-.^_`|~";
   const std::size_t first = text.find('\'');
@@ -57,7 +57,7 @@ std::optional<DigestAlgorithm> algorithmOf(const AuthParameters& parameters) {
   return std::nullopt;
 }
 
-// False unless `parameters` have it; an empty value counts as none.
+// Returns false unless `parameters` has a non-empty value.
 bool take(const AuthParameters& parameters, std::string_view name, std::string& value) {
   const std::string* const found = parameters.find(name);
   if (found == nullptr || found->empty()) return false;
@@ -65,7 +65,7 @@ bool take(const AuthParameters& parameters, std::string_view name, std::string& 
   return true;
 }
 
-// The name, plain, extended or as a digest: one of the three.
+// Reads the name in exactly one of its forms: plain, extended or digest.
 bool takeUser(const AuthParameters& parameters, DigestAnswer& answer) {
   if (const std::string* const hashed = parameters.find("userhash")) {
     answer.isUserHashed = isSame(*hashed, "true");
@@ -87,7 +87,7 @@ bool takeUser(const AuthParameters& parameters, DigestAnswer& answer) {
 }  // namespace
 
 std::optional<DigestAnswer> DigestAnswer::parse(std::string_view text) {
-  if (text.size() > kLargestBytes) return std::nullopt;
+  if (text.size() > kMaxBytes) return std::nullopt;
   const auto list = afterScheme(text, "digest");
   const auto parameters = list ? AuthParameters::parse(*list) : std::nullopt;
   const auto algorithm = parameters ? algorithmOf(*parameters) : std::nullopt;

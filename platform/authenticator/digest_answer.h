@@ -10,12 +10,12 @@
 
 namespace keel {
 
-// What a client says of itself in an Authorization of the scheme Digest (RFC 7616, section 3.4).
+// The parameters of a Digest Authorization (RFC 7616, section 3.4).
 struct DigestAnswer {
-  // Longer ones are refused unread. Real ones have less than 1000 bytes.
-  static constexpr std::size_t kLargestBytes = 8192;
+  // Longer ones are refused unparsed. Real ones take less than 1000 bytes.
+  static constexpr std::size_t kMaxBytes = 8192;
 
-  // Either the user's name or, when `isUserHashed`, the digest of USER:REALM.
+  // The user's name or, if `isUserHashed`, the digest of USER:REALM.
   std::string user;
   bool isUserHashed = false;
   std::string realm;
@@ -24,10 +24,10 @@ struct DigestAnswer {
   std::string uri;
   std::string clientNonce;
   DigestAlgorithm algorithm = DigestAlgorithm::md5;
-  std::string response;  // as many letters as the algorithm makes
+  std::string response;  // as long as the algorithm's digest
 
-  // Strict: nothing when a parameter is missing, stands twice or makes no sense; for another
-  // algorithm than ours, another qop than "auth", or another nonce count than 1, since a nonce is
+  // Strict: returns nothing if a parameter is missing, duplicated or malformed, for an unsupported
+  // algorithm, for a qop other than "auth", and for a nonce count other than 1, since a nonce is
   // used once.
   static std::optional<DigestAnswer> parse(std::string_view text);
 };

@@ -12,7 +12,7 @@ namespace {
 
 using Parameters = std::map<std::string, std::string>;
 
-// A good answer, changed.
+// Returns a valid answer with changes.
 std::optional<DigestAnswer> parsedWith(const std::function<void(Parameters&)>& change) {
   Parameters parameters{{"username", "\"alice\""}, {"realm", "\"r\""},
                         {"nonce", "\"n\""},        {"opaque", "\"o\""},
@@ -30,7 +30,8 @@ std::optional<DigestAnswer> parsedWith(const std::string& name, const std::strin
   return parsedWith([&](Parameters& parameters) { parameters[name] = value; });
 }
 
-// The user of a good answer with that in the place of the plain name; "none" when it is refused.
+// Returns the user of a valid answer with these parameters instead of the plain name; "none" if
+// refused.
 std::string userOf(const Parameters& instead) {
   const auto answer = parsedWith([&](Parameters& parameters) {
     parameters.erase("username");
@@ -39,7 +40,7 @@ std::string userOf(const Parameters& instead) {
   return answer ? answer->user : "none";
 }
 
-TEST(DigestAnswer, HasWhatWasWritten) {
+TEST(DigestAnswer, ReadsEveryParameter) {
   const auto answer = parsedWith([](Parameters&) {});
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->user, "alice");
@@ -53,11 +54,11 @@ TEST(DigestAnswer, HasWhatWasWritten) {
   EXPECT_EQ(answer->response, std::string(64, 'a'));
 }
 
-TEST(DigestAnswer, MayHaveParametersThatNobodyKnows) {
+TEST(DigestAnswer, IgnoresUnknownParameters) {
   EXPECT_TRUE(parsedWith("future", "\"x\""));
 }
 
-TEST(DigestAnswer, NothingMayBeMissingOrEmpty) {
+TEST(DigestAnswer, RefusesMissingAndEmptyParameters) {
   for (const char* name :
        {"username", "realm", "nonce", "opaque", "uri", "response", "cnonce", "qop", "nc"}) {
     EXPECT_FALSE(parsedWith([&](Parameters& parameters) { parameters.erase(name); })) << name;
@@ -65,7 +66,7 @@ TEST(DigestAnswer, NothingMayBeMissingOrEmpty) {
   }
 }
 
-TEST(DigestAnswer, WithoutAnAlgorithmIsMd5) {
+TEST(DigestAnswer, DefaultsToMd5) {
   const auto answer = parsedWith([](Parameters& parameters) {
     parameters.erase("algorithm");
     parameters["response"] = std::string(32, 'a');
@@ -74,7 +75,7 @@ TEST(DigestAnswer, WithoutAnAlgorithmIsMd5) {
   EXPECT_EQ(answer->algorithm, DigestAlgorithm::md5);
 }
 
-TEST(DigestAnswer, OnlyAlgorithmsThatAreOfferedAreTaken) {
+TEST(DigestAnswer, RefusesAlgorithmsThatWereNotOffered) {
   EXPECT_TRUE(parsedWith("algorithm", "sha-256"));
   EXPECT_TRUE(parsedWith("algorithm", "\"SHA-256\""));
   for (const char* name : {"SHA-256-sess", "MD5-sess", "SHA-512-256", "SHA256", "\"\""}) {
@@ -82,7 +83,7 @@ TEST(DigestAnswer, OnlyAlgorithmsThatAreOfferedAreTaken) {
   }
 }
 
-TEST(DigestAnswer, ResponseHasTheSizeOfItsAlgorithmInLowerCase) {
+TEST(DigestAnswer, RefusesResponsesOfAnotherLengthOrCase) {
   EXPECT_FALSE(parsedWith("response", std::string(63, 'a')));
   EXPECT_FALSE(parsedWith("response", std::string(65, 'a')));
   EXPECT_FALSE(parsedWith("response", std::string(32, 'a')));
@@ -91,19 +92,19 @@ TEST(DigestAnswer, ResponseHasTheSizeOfItsAlgorithmInLowerCase) {
   EXPECT_FALSE(parsedWith("algorithm", "MD5"));
 }
 
-TEST(DigestAnswer, CountsOnlyTheFirstUseOfANonce) {
+TEST(DigestAnswer, RefusesARepeatedNonceCount) {
   EXPECT_TRUE(parsedWith("nc", "\"00000001\""));
   for (const char* count : {"00000002", "1", "00000000", "000000001"})
     EXPECT_FALSE(parsedWith("nc", count)) << count;
 }
 
-TEST(DigestAnswer, ProtectsNothingButTheRequest) {
+TEST(DigestAnswer, RefusesOtherQopValues) {
   EXPECT_TRUE(parsedWith("qop", "\"auth\""));
   EXPECT_FALSE(parsedWith("qop", "auth-int"));
   EXPECT_FALSE(parsedWith("qop", "AUTH"));
 }
 
-TEST(DigestAnswer, MayHideTheUser) {
+TEST(DigestAnswer, AcceptsAHashedUser) {
   const std::string hash(64, 'b');
   const auto answer = parsedWith([&](Parameters& parameters) {
     parameters["username"] = hash;
@@ -120,12 +121,12 @@ TEST(DigestAnswer, MayHideTheUser) {
 }
 
 // The name is that of RFC 7616, section 3.9.2.
-TEST(DigestAnswer, MayHaveTheUserInTheExtendedForm) {
+TEST(DigestAnswer, AcceptsTheExtendedUserName) {
   EXPECT_EQ(userOf({{"username*", "UTF-8''J%C3%A4s%c3%B8n%20Doe"}}), "J\xc3\xa4s\xc3\xb8n Doe");
   EXPECT_EQ(userOf({{"username*", "utf-8'en'alice"}}), "alice");
 }
 
-TEST(DigestAnswer, ExtendedFormsThatMakeNoSenseAreRefused) {
+TEST(DigestAnswer, RefusesMalformedExtendedNames) {
   for (const char* text : {"UTF-8''", "alice", "UTF-8'alice", "ISO-8859-1''alice", "UTF-8''%",
                            "UTF-8''%4", "UTF-8''%4x", "UTF-8''%+1", "UTF-8''%-1", "UTF-8''%ff",
                            "\"UTF-8''a b\"", "\"UTF-8''a'b\""}) {
@@ -133,7 +134,7 @@ TEST(DigestAnswer, ExtendedFormsThatMakeNoSenseAreRefused) {
   }
 }
 
-TEST(DigestAnswer, HasTheUserInOneFormOnly) {
+TEST(DigestAnswer, RefusesMoreThanOneFormOfTheUser) {
   EXPECT_EQ(userOf({{"username*", "UTF-8''alice"}, {"username", "alice"}}), "none");
   EXPECT_EQ(userOf({{"username*", "UTF-8''" + std::string(64, 'a')}, {"userhash", "true"}}),
             "none");
@@ -143,7 +144,7 @@ TEST(DigestAnswer, SizeIsBounded) {
   const std::string text =
       "Digest username=alice, realm=r, nonce=n, opaque=o, response=" + std::string(32, 'a') +
       ", cnonce=c, qop=auth, nc=00000001, uri=";
-  const std::string uri(DigestAnswer::kLargestBytes - text.size(), 'u');
+  const std::string uri(DigestAnswer::kMaxBytes - text.size(), 'u');
   EXPECT_TRUE(DigestAnswer::parse(text + uri));
   EXPECT_FALSE(DigestAnswer::parse(text + uri + "u"));
 }

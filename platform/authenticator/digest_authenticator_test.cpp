@@ -28,8 +28,8 @@ std::string digest(DigestAlgorithm algorithm, std::initializer_list<std::string_
   return std::string(digestOf(algorithm, parts)->text());
 }
 
-// The client's side, by the letter of RFC 7616, section 3.4. Every member may be changed before the
-// answer is made.
+// The client's side, following RFC 7616, section 3.4. Members can be changed before the answer is
+// made.
 struct Client {
   DigestAlgorithm algorithm = DigestAlgorithm::sha256;
   std::string user = "Mufasa";
@@ -41,7 +41,7 @@ struct Client {
   std::string uri = "/dir/index.html";
   std::string method = "GET";
   std::string nonceCount = "00000001";
-  std::string shownUser{};  // as a parameter; empty: the plain name
+  std::string shownUser{};  // the parameter; empty: the plain name
 
   std::string response(const std::string& ofMethod) const {
     return digest(algorithm, {digest(algorithm, {user, realm, password}), nonce, nonceCount,
@@ -83,7 +83,7 @@ class DigestAuthenticatorTest : public ::testing::Test {
     made.setMethod("GET");
     return made;
   }
-  // Whether a fresh authenticator takes the answer; what it responds is in `response`.
+  // Returns true if a fresh authenticator accepts the answer; stores its response in `response`.
   bool takes(const String& answer) { return authenticator().validateChallenge(answer, &response); }
   bool takes(const Client& client) { return takes(client.answer()); }
 
@@ -111,7 +111,7 @@ TEST_F(DigestAuthenticatorTest, ChallengesAsInTheExampleOfTheRfc) {
 }
 
 // RFC 7616, section 3.9.1.
-TEST_F(DigestAuthenticatorTest, TakesTheAnswersOfTheRfc) {
+TEST_F(DigestAuthenticatorTest, AcceptsTheAnswersOfTheRfc) {
   const std::string common =
       "Digest username=\"Mufasa\", realm=\"http-auth@example.org\", uri=\"/dir/index.html\", "
       "nonce=\"7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v\", nc=00000001, "
@@ -129,7 +129,7 @@ TEST_F(DigestAuthenticatorTest, TakesTheAnswersOfTheRfc) {
              "response=\"753927fa0e85d155564e2e272a28d1802ca10daf4496794697cf8db5856cb6c2\"")));
 }
 
-TEST_F(DigestAuthenticatorTest, NamesTheUserAfterwards) {
+TEST_F(DigestAuthenticatorTest, NamesTheUserAfterSuccess) {
   auto one = authenticator();
   EXPECT_TRUE(one.userName().isNull());
   EXPECT_TRUE(one.validateChallenge(Client().answer(), nullptr));
@@ -146,21 +146,21 @@ TEST_F(DigestAuthenticatorTest, ProvesItselfInItsResponse) {
   }
 }
 
-TEST_F(DigestAuthenticatorTest, AskedAgainAreTheAccounts) {
+TEST_F(DigestAuthenticatorTest, ChecksTheAccount) {
   EXPECT_TRUE(takes(Client()));
   EXPECT_THAT(accounts.asked, ElementsAre("account Mufasa"));
   EXPECT_EQ(accounts.start, begin);
   EXPECT_EQ(refusalCount, 0);
 }
 
-TEST_F(DigestAuthenticatorTest, AnAccountThatMayNotBeUsedIsRefused) {
+TEST_F(DigestAuthenticatorTest, RefusesAnUnusableAccount) {
   accounts.answer = false;
   auto one = authenticator();
   response = "before";
   EXPECT_FALSE(one.validateChallenge(Client().answer(), &response));
   EXPECT_TRUE(one.userName().isNull());
   EXPECT_EQ(response, String("before"));
-  // The accounts see to the time of that refusal.
+  // The account check delays that refusal itself.
   EXPECT_EQ(refusalCount, 0);
 }
 
@@ -172,8 +172,8 @@ TEST_F(DigestAuthenticatorTest, WrongPasswordsAndUnknownUsersAreRefusedAtTheSame
   EXPECT_THAT(accounts.asked, IsEmpty());
 }
 
-// Who knows that there are such users must not be able to use that.
-TEST_F(DigestAuthenticatorTest, NobodyHasTheDigestOfZeros) {
+// The stand-in credentials of unknown users must not be usable.
+TEST_F(DigestAuthenticatorTest, RefusesTheDigestOfZerosForAnUnknownUser) {
   const Client client{.user = "Scar"};
   const std::string zeros(64, '0');
   const std::string guessed =
@@ -184,7 +184,7 @@ TEST_F(DigestAuthenticatorTest, NobodyHasTheDigestOfZeros) {
   EXPECT_FALSE(takes(String(text)));
 }
 
-TEST_F(DigestAuthenticatorTest, AnswersToOtherChallengesAreRefusedAtOnce) {
+TEST_F(DigestAuthenticatorTest, RefusesAnswersToOtherChallengesImmediately) {
   EXPECT_FALSE(takes(Client{.nonce = "7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0w"}));
   EXPECT_FALSE(takes(Client{.opaque = "other"}));
   EXPECT_FALSE(takes(Client{.nonceCount = "00000002"}));
@@ -196,21 +196,21 @@ TEST_F(DigestAuthenticatorTest, AnswersToOtherChallengesAreRefusedAtOnce) {
   EXPECT_THAT(accounts.asked, IsEmpty());
 }
 
-TEST_F(DigestAuthenticatorTest, OnlyCredentialsOfItsRealmCount) {
+TEST_F(DigestAuthenticatorTest, UsesOnlyCredentialsOfItsRealm) {
   write("Mufasa:other:" +
         digest(DigestAlgorithm::sha256, {"Mufasa", "http-auth@example.org", "Circle of Life"}) +
         "\n");
   EXPECT_FALSE(takes(Client()));
 }
 
-TEST_F(DigestAuthenticatorTest, OnlyCredentialsOfItsAlgorithmCount) {
+TEST_F(DigestAuthenticatorTest, UsesOnlyCredentialsOfItsAlgorithm) {
   write("Mufasa:http-auth@example.org:" +
         digest(DigestAlgorithm::md5, {"Mufasa", "http-auth@example.org", "Circle of Life"}) + "\n");
   EXPECT_FALSE(takes(Client()));
   EXPECT_TRUE(takes(Client{.algorithm = DigestAlgorithm::md5}));
 }
 
-TEST_F(DigestAuthenticatorTest, TheMethodIsCovered) {
+TEST_F(DigestAuthenticatorTest, CoversTheMethod) {
   EXPECT_FALSE(takes(Client{.method = "POST"}));
   auto posted = authenticator();
   posted.setMethod("POST");
@@ -224,15 +224,15 @@ TEST_F(DigestAuthenticatorTest, TakesOneAnswer) {
   EXPECT_EQ(accounts.asked.size(), 1U);
 }
 
-TEST_F(DigestAuthenticatorTest, TakesNoAnswerAfterAWrongOne) {
+TEST_F(DigestAuthenticatorTest, RefusesAnyAnswerAfterAWrongOne) {
   auto one = authenticator();
   EXPECT_FALSE(one.validateChallenge("nonsense", nullptr));
   EXPECT_FALSE(one.validateChallenge(Client().answer(), nullptr));
   EXPECT_THAT(accounts.asked, IsEmpty());
 }
 
-// The hash and the name are those of RFC 7616, section 3.9.2, with another algorithm.
-TEST_F(DigestAuthenticatorTest, UsersMayHideTheirNames) {
+// User name and hash of RFC 7616, section 3.9.2, with another algorithm.
+TEST_F(DigestAuthenticatorTest, AcceptsHashedUsers) {
   const std::string name = "J\xc3\xa4s\xc3\xb8n Doe";
   write(lines("Mufasa", "http-auth@example.org", "x") +
         lines(name, "http-auth@example.org", "Secret, or not?"));
@@ -250,13 +250,13 @@ TEST_F(DigestAuthenticatorTest, UsersMayHideTheirNames) {
   }
 }
 
-TEST_F(DigestAuthenticatorTest, WhatIsQuotedCountsWithoutItsQuotes) {
+TEST_F(DigestAuthenticatorTest, UnquotesValuesBeforeHashing) {
   write(lines("a \"b\" \\c", "http-auth@example.org", "x"));
   EXPECT_TRUE(takes(Client{.user = "a \"b\" \\c", .password = "x", .clientNonce = "\"\\"}));
   EXPECT_THAT(std::string(response.view()), ::testing::HasSubstr("cnonce=\"\\\"\\\\\""));
 }
 
-TEST_F(DigestAuthenticatorTest, CredentialsThatChangeCountAtOnce) {
+TEST_F(DigestAuthenticatorTest, UsesChangedCredentialsImmediately) {
   EXPECT_TRUE(takes(Client()));
   write(lines("Mufasa", "http-auth@example.org", "new"));
   EXPECT_FALSE(takes(Client()));
@@ -265,7 +265,7 @@ TEST_F(DigestAuthenticatorTest, CredentialsThatChangeCountAtOnce) {
   EXPECT_FALSE(takes(Client{.password = "new"}));
 }
 
-TEST_F(DigestAuthenticatorTest, CredentialsThatOthersMayReadCountForNothingWhichIsLoggedOnce) {
+TEST_F(DigestAuthenticatorTest, IgnoresCredentialsReadableByOthersAndLogsItOnce) {
   std::vector<std::string> logged;
   const LogCapture capture([&](const LogMessage& message) { logged.emplace_back(message.text); });
   ::chmod(path.c_str(), 0640);
@@ -281,15 +281,14 @@ TEST_F(DigestAuthenticatorTest, CredentialsThatOthersMayReadCountForNothingWhich
   EXPECT_EQ(logged.size(), 2U);
 }
 
-TEST_F(DigestAuthenticatorTest, ABadLineIsLoggedOnceAndTheOthersCount) {
+TEST_F(DigestAuthenticatorTest, LogsABadLineOnceAndUsesTheOthers) {
   std::vector<std::string> logged;
   const LogCapture capture([&](const LogMessage& message) { logged.emplace_back(message.text); });
   write("nonsense\n" + lines("Mufasa", "http-auth@example.org", "Circle of Life"));
   EXPECT_TRUE(takes(Client()));
   EXPECT_TRUE(takes(Client()));
-  EXPECT_THAT(logged,
-              ElementsAre("line 1 of " + path +
-                          " is not USER:REALM:DIGEST and counts for nothing; mend or remove it"));
+  EXPECT_THAT(logged, ElementsAre("line 1 of " + path +
+                                  " is not USER:REALM:DIGEST and is ignored; fix or remove it"));
 }
 
 TEST_F(DigestAuthenticatorTest, WithoutAFileNothingIsLogged) {
@@ -300,7 +299,7 @@ TEST_F(DigestAuthenticatorTest, WithoutAFileNothingIsLogged) {
   EXPECT_THAT(logged, IsEmpty());
 }
 
-TEST(DigestMarks, AreNeverTheSame) {
+TEST(DigestMarks, AreUnique) {
   std::set<std::string> seen;
   for (int i = 0; i < 100; ++i) {
     const auto marks = DigestAuthenticator::Marks::random();

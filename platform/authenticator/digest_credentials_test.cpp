@@ -19,7 +19,7 @@ DigestCredentials credentials(std::string_view text) {
   return DigestCredentials(Secret(text));
 }
 
-TEST(DigestCredentials, LinesAreToldApartByTheirSize) {
+TEST(DigestCredentials, DerivesTheAlgorithmFromTheDigestLength) {
   const auto found = credentials("alice:realm one:" + kMd5 + "\nalice:realm one:" + kSha256 + "\n");
   ASSERT_EQ(found.lines().size(), 2U);
   EXPECT_EQ(found.lines()[0].user, "alice");
@@ -30,7 +30,7 @@ TEST(DigestCredentials, LinesAreToldApartByTheirSize) {
   EXPECT_THAT(found.badLines(), IsEmpty());
 }
 
-TEST(DigestCredentials, TheLastLineMayLackItsEnd) {
+TEST(DigestCredentials, AcceptsALastLineWithoutANewline) {
   EXPECT_EQ(credentials("a:r:" + kMd5).lines().size(), 1U);
 }
 
@@ -40,7 +40,7 @@ TEST(DigestCredentials, EmptyLinesAndCommentsAreNotBad) {
   EXPECT_THAT(found.badLines(), IsEmpty());
 }
 
-TEST(DigestCredentials, LinesThatMakeNoSenseAreNamed) {
+TEST(DigestCredentials, ReportsMalformedLines) {
   const auto found =
       credentials("a:r:" + kMd5 + "\nno colon\na:one colon\n:r:" + kMd5 + "\na::" + kMd5 +
                   "\na:r:" + kMd5 + "a\na:r:" + std::string(32, 'A') +
@@ -49,7 +49,7 @@ TEST(DigestCredentials, LinesThatMakeNoSenseAreNamed) {
   EXPECT_THAT(found.badLines(), ElementsAre(2, 3, 4, 5, 6, 7, 8, 9, 10));
 }
 
-TEST(DigestCredentials, AUserIsAddedBehindAllOthers) {
+TEST(DigestCredentials, AppendsANewUser) {
   const std::array digests{Secret(kSha256), Secret(kMd5)};
   EXPECT_EQ(credentials("").with("bob", "r", digests).text(),
             "bob:r:" + kSha256 + "\nbob:r:" + kMd5 + "\n");
@@ -57,7 +57,7 @@ TEST(DigestCredentials, AUserIsAddedBehindAllOthers) {
             "# mine\na:r:" + kMd5 + "\nbob:r:" + kSha256 + "\nbob:r:" + kMd5 + "\n");
 }
 
-TEST(DigestCredentials, AUserTakesThePlaceOfItsFormerLines) {
+TEST(DigestCredentials, ReplacesTheLinesOfAUser) {
   const std::array digests{Secret(std::string(32, 'c'))};
   const auto before = credentials("bob:r:" + kSha256 + "\n\nbob:other:" + kMd5 + "\nbob:r:" + kMd5 +
                                   "\nbobby:r:" + kMd5 + "\n");
@@ -65,7 +65,7 @@ TEST(DigestCredentials, AUserTakesThePlaceOfItsFormerLines) {
             "\nbob:other:" + kMd5 + "\nbobby:r:" + kMd5 + "\nbob:r:" + std::string(32, 'c') + "\n");
 }
 
-TEST(DigestCredentials, AUserIsRemovedAndNothingElse) {
+TEST(DigestCredentials, RemovesOnlyThatUser) {
   const auto before = credentials("x\nbob:r:" + kMd5 + "\n#bob:r:" + kMd5 + "\nal:r:" + kMd5 +
                                   "\nbob:r:" + kSha256);
   EXPECT_EQ(before.without("bob", "r").text(), "x\n#bob:r:" + kMd5 + "\nal:r:" + kMd5 + "\n");
@@ -73,7 +73,7 @@ TEST(DigestCredentials, AUserIsRemovedAndNothingElse) {
                                                    "\nal:r:" + kMd5 + "\nbob:r:" + kSha256 + "\n");
 }
 
-TEST(DigestCredentials, WhatWouldBreakALineCannotStandInOne) {
+TEST(DigestCredentials, RefusesNamesThatWouldBreakALine) {
   for (const char* text : {"", "a:b", "a\nb", "\x7f", "a\r"}) {
     EXPECT_FALSE(DigestCredentials::canBeUser(text)) << text;
     EXPECT_FALSE(DigestCredentials::canBeRealm(text)) << text;

@@ -29,12 +29,12 @@ std::unexpected<Error> systemFailure(std::string_view what, const std::string& p
   return failure(problem, fmt::format("cannot {} {}: {}", what, path, std::strerror(problem)));
 }
 
-// Whether nobody else can open it, except root.
+// Returns true if only the owner and root can open it.
 bool isOurs(const struct stat& status) {
   return status.st_uid == ::geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
 }
 
-// A file of digest credentials, and the directory that it is in, which is held open.
+// A digest credentials file, and its directory, which is kept open.
 class Place {
  public:
   static std::expected<Place, Error> open(const std::string& path) {
@@ -47,14 +47,15 @@ class Place {
     if ((status.st_uid != ::geteuid() && status.st_uid != 0) ||
         (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
       return failure(EPERM, fmt::format("{} can be written by others, who could put any "
-                                        "credentials there; mend its owner and mode",
+                                        "credentials there; fix its owner and mode",
                                         directory));
     }
     return Place(path, parts.filename(), std::move(held));
   }
 
-  // Waits until nobody else has it; it is had until what this yields is closed. The lock is a file
-  // of its own, which stays: who can open a file can lock it, and everybody can open the directory.
+  // Takes the lock, blocking; it is held until the returned descriptor is closed. The lock is a
+  // permanent file of its own: any process that can open a file can lock it, and any process can
+  // open the directory.
   std::expected<FileDescriptor, Error> lock() const {
     const std::string lockName = "." + name_ + ".lock";
     FileDescriptor file(::openat(directory_.get(), lockName.c_str(),
@@ -63,9 +64,8 @@ class Place {
     struct stat status{};
     if (!file || ::fstat(file.get(), &status) != 0) return systemFailure("open the lock of", path_);
     if (!S_ISREG(status.st_mode) || !isOurs(status)) {
-      return failure(
-          EPERM, fmt::format("{} beside {} could be locked by others for ever; remove it", lockName,
-                             path_));
+      return failure(EPERM, fmt::format("{} beside {} could be locked by others forever; remove it",
+                                        lockName, path_));
     }
     while (::flock(file.get(), LOCK_EX) != 0) {
       if (errno != EINTR) return systemFailure("lock", path_);
@@ -74,7 +74,7 @@ class Place {
   }
 
   std::expected<Secret, Error> read() const {
-    // Neither waits for the other end of a pipe, nor follows a link.
+    // Neither blocks on a FIFO nor follows a link.
     const FileDescriptor file(::openat(directory_.get(), name_.c_str(),
                                        O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status{};
@@ -84,7 +84,7 @@ class Place {
     if (!S_ISREG(status.st_mode)) return failure(EPERM, path_ + " is no ordinary file; remove it");
     if (!isOurs(status)) {
       return failure(EPERM, fmt::format("{} is as secret as the passwords in it: it must belong to "
-                                        "uid {} and have mode 0600; mend its "
+                                        "uid {} and have mode 0600; fix its "
                                         "owner and mode",
                                         path_, ::geteuid()));
     }
@@ -95,8 +95,7 @@ class Place {
   std::expected<void, Error> replace(const Secret& text) const {
     if (text.text().size() > kDigestFileBytes) return tooLarge();
     const std::string newName = "." + name_ + ".new";
-    // One that is there was left by somebody who did not come to the end; whoever has the lock is
-    // alone.
+    // An existing one was left by an interrupted writer; the lock excludes a running one.
     ::unlinkat(directory_.get(), newName.c_str(), 0);
     auto written = write(newName, text.text());
     if (written &&

@@ -50,7 +50,7 @@ class DigestFile : public ::testing::Test {
       names.push_back(entry.path().filename());
     return names;
   }
-  // 0 when it can be read.
+  // Returns 0 if it can be read.
   std::int64_t readingFails() const {
     const auto text = readDigestFile(path);
     return text ? 0 : text.error().code();
@@ -78,7 +78,7 @@ TEST_F(DigestFile, MayBeMissing) {
   EXPECT_EQ(readingFails(), ENOENT);
 }
 
-TEST_F(DigestFile, ThatOthersMayUseIsRefused) {
+TEST_F(DigestFile, RefusesAFileAccessibleToOthers) {
   for (const mode_t mode : {0600U, 0400U}) {
     write(kLine, mode);
     EXPECT_EQ(readingFails(), 0);
@@ -89,14 +89,14 @@ TEST_F(DigestFile, ThatOthersMayUseIsRefused) {
   }
 }
 
-TEST_F(DigestFile, OfSomebodyElseIsRefused) {
+TEST_F(DigestFile, RefusesAFileOfAnotherOwner) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can give files away";
   write(kLine);
   ASSERT_EQ(::chown(path.c_str(), 1, 0), 0);
   EXPECT_EQ(readingFails(), EPERM);
 }
 
-TEST_F(DigestFile, WhereOthersCouldPutAnotherIsRefused) {
+TEST_F(DigestFile, RefusesADirectoryWritableByOthers) {
   write(kLine);
   ::chmod(directory.c_str(), 0777);
   EXPECT_EQ(readingFails(), EPERM);
@@ -104,7 +104,7 @@ TEST_F(DigestFile, WhereOthersCouldPutAnotherIsRefused) {
   EXPECT_EQ(readingFails(), 0);
 }
 
-TEST_F(DigestFile, ThatIsNoFileIsRefusedAndNotWaitedFor) {
+TEST_F(DigestFile, RefusesOtherFileTypesWithoutBlocking) {
   ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
   EXPECT_EQ(readingFails(), EPERM);
   fs::remove(path);
@@ -122,7 +122,7 @@ TEST_F(DigestFile, SizeIsBounded) {
   EXPECT_EQ(readingFails(), EFBIG);
 }
 
-TEST_F(DigestFile, IsMadeWithItsDirectoryWhenItIsMissing) {
+TEST_F(DigestFile, CreatesAMissingFileAndDirectory) {
   fs::remove(directory);
   ASSERT_TRUE(add("bob"));
   EXPECT_EQ(written(), "bob:r:" + std::string(32, 'b') + "\n");
@@ -133,7 +133,7 @@ TEST_F(DigestFile, IsMadeWithItsDirectoryWhenItIsMissing) {
   EXPECT_EQ(status.st_mode & 07777, 0755U);
 }
 
-TEST_F(DigestFile, IsReplacedAsAWhole) {
+TEST_F(DigestFile, ReplacesTheFileAtomically) {
   write(kLine);
   std::ifstream reader(path);
   ASSERT_TRUE(add("bob"));
@@ -143,14 +143,14 @@ TEST_F(DigestFile, IsReplacedAsAWhole) {
   EXPECT_EQ(written(), kLine + "bob:r:" + std::string(32, 'b') + "\n");
 }
 
-TEST_F(DigestFile, WhatSomebodyLeftUnfinishedIsNoHindrance) {
+TEST_F(DigestFile, OverwritesALeftoverTemporaryFile) {
   write(kLine);
   std::ofstream(directory + "/.digest.new") << "half";
   ASSERT_TRUE(add("bob"));
   EXPECT_THAT(namesInDirectory(), UnorderedElementsAre("digest", ".digest.lock"));
 }
 
-TEST_F(DigestFile, ThatIsUnsafeIsNotChanged) {
+TEST_F(DigestFile, DoesNotChangeAnUnsafeFile) {
   write(kLine, 0644);
   const auto changed = add("bob");
   ASSERT_FALSE(changed);
@@ -158,7 +158,7 @@ TEST_F(DigestFile, ThatIsUnsafeIsNotChanged) {
   EXPECT_EQ(written(), kLine);
 }
 
-TEST_F(DigestFile, IsLeftWhenTheChangeFails) {
+TEST_F(DigestFile, LeavesTheFileUnchangedIfTheChangeFails) {
   write(kLine);
   const auto changed =
       changeDigestFile(path, [](const DigestCredentials&) -> std::expected<Secret, Error> {
@@ -178,18 +178,18 @@ TEST_F(DigestFile, DoesNotGrowBeyondItsBound) {
   EXPECT_THAT(namesInDirectory(), UnorderedElementsAre("digest", ".digest.lock"));
 }
 
-TEST_F(DigestFile, WhoHoldsWhatEverybodyCanOpenHoldsUpNoChange) {
+TEST_F(DigestFile, LocksNothingThatOthersCanOpen) {
   write(kLine);
   const FileDescriptor held(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   ASSERT_EQ(::flock(held.get(), LOCK_EX), 0);
   EXPECT_TRUE(add("bob"));
-  // What is waited for instead is nothing that others can open.
+  // The lock file itself is inaccessible to others.
   struct stat status{};
   ASSERT_EQ(::stat((directory + "/.digest.lock").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0600U);
 }
 
-TEST_F(DigestFile, LockThatOthersCouldHoldIsRefused) {
+TEST_F(DigestFile, RefusesALockAccessibleToOthers) {
   const std::string lock = directory + "/.digest.lock";
   std::ofstream(lock).close();
   ::chmod(lock.c_str(), 0644);
@@ -201,7 +201,7 @@ TEST_F(DigestFile, LockThatOthersCouldHoldIsRefused) {
   EXPECT_TRUE(add("bob"));
 }
 
-TEST_F(DigestFile, ChangesAtTheSameTimeAreAllMade) {
+TEST_F(DigestFile, ConcurrentChangesAreAllApplied) {
   constexpr std::size_t kCount = 8;
   {
     std::vector<std::jthread> writers;

@@ -31,7 +31,7 @@ TEST(DigestHash, BothAlgorithmsAreOffered) {
   EXPECT_TRUE(isOffered(DigestAlgorithm::sha256));
 }
 
-TEST(DigestHash, OnlyEqualTextsAreEqual) {
+TEST(DigestHash, AreEqualOnlyForEqualTexts) {
   EXPECT_TRUE(areEqual("abc", "abc"));
   EXPECT_TRUE(areEqual("", ""));
   EXPECT_FALSE(areEqual("abc", "abd"));

@@ -24,23 +24,22 @@ bool isAbout(const DigestCredentials::Line& line, const DigestAnswer& answer) {
 std::optional<DigestStore::Credentials> DigestStore::find(const DigestAnswer& answer) {
   auto text = readDigestFile(path_);
   if (!text) {
-    // Who uses no digests needs no file.
-    complaint_.now(text.error().code() == ENOENT
-                       ? std::string()
-                       : fmt::format("all answers to digest challenges are refused: {}",
-                                     text.error().description()));
+    // The file is optional.
+    warning_.update(text.error().code() == ENOENT
+                        ? std::string()
+                        : fmt::format("all answers to digest challenges are refused: {}",
+                                      text.error().description()));
     return std::nullopt;
   }
   const DigestCredentials credentials(std::move(*text));
   const auto& bad = credentials.badLines();
-  complaint_.now(
+  warning_.update(
       bad.empty()
           ? std::string()
-          : fmt::format(
-                "line {} of {} is not USER:REALM:DIGEST and counts for nothing; mend or remove it",
-                bad.front(), path_));
+          : fmt::format("line {} of {} is not USER:REALM:DIGEST and is ignored; fix or remove it",
+                        bad.front(), path_));
   std::optional<Credentials> found;
-  // To the end, wherever the user stands.
+  // Scan to the end: the time must not depend on the user's position.
   for (const auto& line : credentials.lines()) {
     if (isAbout(line, answer))
       found = Credentials{.user = std::string(line.user), .digest = Secret(line.digest)};

@@ -4,15 +4,15 @@
 #include <optional>
 #include <string>
 
-#include "platform/authenticator/complaint.h"
 #include "platform/authenticator/digest_answer.h"
+#include "platform/authenticator/environment_warning.h"
 #include "runtime/foundation/secret.h"
 
 namespace keel {
 
-// Finds the credentials for answers to challenges. Reads the file anew each time and keeps nothing:
-// what is changed counts at once, and no credentials lie in the daemon's memory. A file that cannot
-// be used safely holds nobody, which is logged once. From any thread.
+// Finds the credentials for answers to challenges. Reads the file on every call and caches nothing:
+// changes apply immediately, and no credentials stay in the daemon's memory. A file that cannot be
+// used safely yields no credentials, which is logged once. From any thread.
 class DigestStore {
  public:
   struct Credentials {
@@ -22,13 +22,13 @@ class DigestStore {
 
   explicit DigestStore(std::string path) : path_(std::move(path)) {}
 
-  // Those of the user whom the answer names, in the realm it names, for its algorithm; of several
-  // the last.
+  // Returns the credentials of the answer's user, in its realm, for its algorithm; the last match
+  // if there are several.
   std::optional<Credentials> find(const DigestAnswer& answer);
 
  private:
   const std::string path_;
-  Complaint complaint_;
+  EnvironmentWarning warning_;
 };
 
 }  // namespace keel

@@ -19,7 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 using Outcome = HelperAnswer::Outcome;
 
-// Only ends a test that hangs.
+// Only bounds a hanging test.
 constexpr auto kLong = 60s;
 
 HelperAnswer ask(std::string_view task, std::chrono::milliseconds deadline = kLong) {
@@ -35,18 +35,18 @@ bool hasChildren() {
   return ::waitpid(-1, nullptr, WNOHANG) >= 0 || errno != ECHILD;
 }
 
-TEST(HelperProcess, AnswersAndIsGone) {
+TEST(HelperProcess, AnswersAndIsReaped) {
   EXPECT_TRUE(answersYes("answer"));
   EXPECT_FALSE(hasChildren());
 }
 
-TEST(HelperProcess, NeedNotEndByItself) {
+TEST(HelperProcess, KillsAHelperThatDoesNotExit) {
   EXPECT_TRUE(answersYes("answer and hang"));
   EXPECT_FALSE(hasChildren());
 }
 
-TEST(HelperProcess, TakesItsChildrenAlong) {
-  // They would become children of this process.
+TEST(HelperProcess, KillsTheChildrenToo) {
+  // Orphans would become children of this process.
   ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
   EXPECT_TRUE(answersYes("answer and leave a child"));
   int status = 0;
@@ -56,36 +56,36 @@ TEST(HelperProcess, TakesItsChildrenAlong) {
   ::prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
-TEST(HelperProcess, ThatHangsIsKilledAtTheDeadline) {
+TEST(HelperProcess, KillsAHangingHelperAtTheDeadline) {
   EXPECT_EQ(ask("hang", 20ms).outcome, Outcome::silent);
   EXPECT_EQ(ask("hang up and hang", 20ms).outcome, Outcome::silent);
   EXPECT_FALSE(hasChildren());
 }
 
-TEST(HelperProcess, ThatCrashesIsNoticedAtOnce) {
+TEST(HelperProcess, NoticesACrashImmediately) {
   const HelperAnswer answer = ask("crash");
   EXPECT_EQ(answer.outcome, Outcome::ended);
   EXPECT_EQ(answer.detail, SIGSEGV);
   EXPECT_FALSE(hasChildren());
 }
 
-TEST(HelperProcess, ThatCrashesIsNoticedAlsoWhereAnotherHoldsItsSocket) {
+TEST(HelperProcess, NoticesACrashWhileAnotherProcessHoldsTheSocket) {
   const HelperAnswer answer = ask("crash and leave a child");
   EXPECT_EQ(answer.outcome, Outcome::ended);
   EXPECT_EQ(answer.detail, SIGSEGV);
 }
 
-TEST(HelperProcess, ThatEndsWithoutAnAnswerIsNoticed) {
+TEST(HelperProcess, NoticesAnExitWithoutAnAnswer) {
   const HelperAnswer answer = ask("nothing");
   EXPECT_EQ(answer.outcome, Outcome::ended);
   EXPECT_EQ(answer.detail, 0);
 }
 
-TEST(HelperProcess, AnAnswerOfAnotherSizeIsNone) {
+TEST(HelperProcess, IgnoresAnAnswerOfAnotherSize) {
   EXPECT_EQ(ask("two bytes").outcome, Outcome::ended);
 }
 
-TEST(HelperProcess, ThatCannotBeStartedIsAnError) {
+TEST(HelperProcess, ReportsAHelperThatCannotBeStarted) {
   const HelperAnswer answer = askHelper("/nonexistent/helper", {}, kLong);
   EXPECT_EQ(answer.outcome, Outcome::notStarted);
   EXPECT_EQ(answer.detail, ENOENT);
@@ -93,14 +93,14 @@ TEST(HelperProcess, ThatCannotBeStartedIsAnError) {
   EXPECT_FALSE(hasChildren());
 }
 
-TEST(HelperProcess, HasNoDescriptorsButItsOwn) {
-  // One that an exec would keep open.
+TEST(HelperProcess, PassesNoOtherDescriptors) {
+  // A descriptor without close-on-exec.
   const FileDescriptor leaking(::fcntl(STDERR_FILENO, F_DUPFD, 700));
   ASSERT_TRUE(leaking);
   EXPECT_TRUE(answersYes("descriptors"));
 }
 
-TEST(HelperProcess, HasDefaultSignals) {
+TEST(HelperProcess, ResetsSignals) {
   sigset_t blocked, before;
   ::sigemptyset(&blocked);
   ::sigaddset(&blocked, SIGTERM);
@@ -111,15 +111,15 @@ TEST(HelperProcess, HasDefaultSignals) {
   ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-TEST(HelperProcess, HasNeitherArgumentsNorEnvironment) {
+TEST(HelperProcess, PassesNeitherArgumentsNorEnvironment) {
   EXPECT_TRUE(answersYes("environment"));
 }
 
-TEST(HelperProcess, HasASessionOfItsOwn) {
+TEST(HelperProcess, StartsItsOwnSession) {
   EXPECT_TRUE(answersYes("session"));
 }
 
-TEST(HelperProcess, LeavesNoDescriptorsBehind) {
+TEST(HelperProcess, LeaksNoDescriptors) {
   const auto openCount = [] {
     const std::filesystem::directory_iterator open("/proc/self/fd");
     return std::distance(begin(open), end(open));

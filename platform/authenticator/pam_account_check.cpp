@@ -13,25 +13,25 @@ namespace keel {
 
 namespace {
 
-// What is wrong when the helper's answer is none, for the log. It names no user: people mistake
-// that field for the other one.
-std::string complaintAbout(const HelperAnswer& answer, const PamAccountCheck::Settings& settings) {
+// Returns the warning for a failed helper, empty if it gave a verdict. Never names the user: people
+// type passwords into that field by mistake.
+std::string warningFor(const HelperAnswer& answer, const PamAccountCheck::Settings& settings) {
   switch (answer.outcome) {
     case HelperAnswer::Outcome::notStarted:
-      return fmt::format("cannot run {}: {}; all passwords are refused until that is mended",
+      return fmt::format("cannot run {}: {}; all passwords are refused until that is fixed",
                          settings.helper, std::strerror(answer.detail));
     case HelperAnswer::Outcome::silent:
       return fmt::format(
-          "keel-pam did not answer within {} ms and was ended; look for a module of the PAM "
+          "keel-pam did not answer within {} ms and was killed; look for a module of the PAM "
           "service keeld that hangs",
           settings.deadline.count());
     case HelperAnswer::Outcome::ended:
       return answer.detail != 0 ? fmt::format(
-                                      "keel-pam was ended by signal {}; look for a module of the "
+                                      "keel-pam was killed by signal {}; look for a module of the "
                                       "PAM service keeld that "
                                       "crashes",
                                       answer.detail)
-                                : "keel-pam ended without an answer; look for a module of the PAM "
+                                : "keel-pam exited without an answer; look for a module of the PAM "
                                   "service keeld that ends it";
     case HelperAnswer::Outcome::answered:
       break;
@@ -44,18 +44,18 @@ std::string complaintAbout(const HelperAnswer& answer, const PamAccountCheck::Se
       return "there is no PAM service keeld; install the file /etc/pam.d/keeld, until then all "
              "passwords are refused";
     case PamVerdict::failed:
-      return "PAM cannot be asked; mend /etc/pam.d/keeld, which needs rules for auth and account, "
+      return "PAM cannot be queried; fix /etc/pam.d/keeld, which needs rules for auth and account, "
              "until then all passwords are "
              "refused";
   }
-  return "keel-pam gave an answer that makes no sense; install it anew, of the same version as "
+  return "keel-pam sent a malformed answer; reinstall it, in the same version as "
          "keeld";
 }
 
 }  // namespace
 
 PamAccountCheck::PamAccountCheck(Settings settings, const RefusalTime& refusalTime)
-    : settings_(std::move(settings)), refusalTime_(refusalTime), line_(settings_.atOnce) {}
+    : settings_(std::move(settings)), refusalTime_(refusalTime), admissions_(settings_.atOnce) {}
 
 bool PamAccountCheck::isPassword(std::string_view user, std::string_view password) {
   return ask({.task = PamQuestion::Task::password, .user = user, .password = password},
@@ -69,13 +69,13 @@ bool PamAccountCheck::mayBeUsed(std::string_view user, Clock::time_point attempt
 bool PamAccountCheck::ask(const PamQuestion& question,
                           std::optional<Clock::time_point> attemptStart) {
   auto packet = encodePamQuestion(question);
-  // The client can tell by itself that no account has such a name or password.
+  // An immediate refusal leaks nothing: no account can have such a name or password.
   if (!packet) return false;
-  const AttemptLine::Turn turn = line_.enter();
+  const AdmissionQueue::Admission admission = admissions_.admit();
   const Clock::time_point start = attemptStart.value_or(refusalTime_.now());
   const HelperAnswer answer = askHelper(settings_.helper, packet->bytes(), settings_.deadline);
   packet->shrink(0);
-  complaint_.now(complaintAbout(answer, settings_));
+  warning_.update(warningFor(answer, settings_));
   if (answer.outcome == HelperAnswer::Outcome::answered &&
       answer.answer == static_cast<std::byte>(PamVerdict::accepted)) {
     return true;

@@ -7,28 +7,28 @@
 #include <string>
 
 #include "platform/authenticator/account_check.h"
-#include "platform/authenticator/attempt_line.h"
-#include "platform/authenticator/complaint.h"
+#include "platform/authenticator/admission_queue.h"
+#include "platform/authenticator/environment_warning.h"
 #include "platform/authenticator/pam_question.h"
 #include "platform/authenticator/refusal_time.h"
 
 namespace keel {
 
-// Asks PAM service "keeld", through the program keel-pam, a process for each attempt. Whatever goes
-// wrong on the way is a refusal, and an error in the log: once, until something else happens. From
-// any thread.
+// Queries PAM service "keeld" through the program keel-pam, one process per attempt. Any failure on
+// the way is a refusal and one error in the log, until a different failure occurs. From any thread.
 //
-// All refusals look alike, in time too: a user whom nobody knows is refused faster than a password
-// is hashed. An attempt therefore keeps its place in the line until its refusal is told, so that
-// how fast the line moves says nothing either.
+// All refusals are indistinguishable, in time too: an unknown user is refused faster than a
+// password is hashed. An attempt therefore keeps its slot until its refusal is returned, so that
+// the queue's progress leaks nothing either.
 class PamAccountCheck final : public AccountCheck {
  public:
   struct Settings {
     std::string helper;  // the path of keel-pam
-    // When keel-pam is killed. Modules may ask other machines; clients wait for about as long.
+    // keel-pam is killed after this. PAM modules may query other machines; clients wait about as
+    // long.
     std::chrono::milliseconds deadline{std::chrono::seconds(8)};
-    // keel-pam processes at once: hashing a password may take 16 MiB and a processor each. More
-    // wait in line.
+    // Upper bound of concurrent keel-pam processes: hashing a password may take 16 MiB and a
+    // processor each. Further attempts queue.
     std::size_t atOnce = 16;
   };
 
@@ -39,16 +39,16 @@ class PamAccountCheck final : public AccountCheck {
   bool mayBeUsed(std::string_view user, Clock::time_point attemptStart) override;
 
  private:
-  // Without a start the attempt begins when its turn comes.
+  // Without `attemptStart` the attempt begins when it is admitted.
   bool ask(const PamQuestion& question, std::optional<Clock::time_point> attemptStart);
 
   const Settings settings_;
   const RefusalTime& refusalTime_;
-  AttemptLine line_;
-  Complaint complaint_;
+  AdmissionQueue admissions_;
+  EnvironmentWarning warning_;
 };
 
-// Where keel-pam belongs: in ../libexec/keeld of the directory of the running program.
+// Returns the path of keel-pam: ../libexec/keeld, relative to the running program's directory.
 std::string pathOfKeelPam();
 
 }  // namespace keel

@@ -8,7 +8,7 @@
 
 #include "runtime/logging/recording_output.h"
 
-// With programs in the place of keel-pam. What PAM itself says is tested end to end.
+// Uses other programs instead of keel-pam. PAM itself is tested end to end.
 
 namespace keel {
 namespace {
@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 
 class PamAccountCheckTest : public ::testing::Test {
  protected:
-  // A refusal time that notes its refusals and waits for none.
+  // Records refusals without waiting.
   const RefusalTime refusalTime{500ms, [] { return RefusalTime::Clock::time_point(); },
                                 [this](RefusalTime::Clock::time_point) { ++refusalCount; }};
   int refusalCount = 0;
@@ -25,7 +25,7 @@ class PamAccountCheckTest : public ::testing::Test {
   LogCapture capture{[this](const LogMessage& message) { logged.emplace_back(message.text); }};
 };
 
-TEST_F(PamAccountCheckTest, WithoutTheHelperEverythingIsRefusedAndThatIsLoggedOnce) {
+TEST_F(PamAccountCheckTest, AMissingHelperRefusesEverythingAndIsLoggedOnce) {
   PamAccountCheck check({.helper = "/nonexistent/keel-pam"}, refusalTime);
   EXPECT_FALSE(check.isPassword("alice", "secret"));
   EXPECT_FALSE(check.mayBeUsed("alice", {}));
@@ -33,27 +33,27 @@ TEST_F(PamAccountCheckTest, WithoutTheHelperEverythingIsRefusedAndThatIsLoggedOn
   ASSERT_EQ(logged.size(), 1U);
   EXPECT_EQ(logged[0],
             "cannot run /nonexistent/keel-pam: No such file or directory; all passwords are "
-            "refused until that is mended");
+            "refused until that is fixed");
 }
 
-TEST_F(PamAccountCheckTest, AHelperWithoutAnAnswerIsARefusal) {
+TEST_F(PamAccountCheckTest, RefusesWithoutAnAnswer) {
   PamAccountCheck check({.helper = "/bin/true"}, refusalTime);
   EXPECT_FALSE(check.isPassword("alice", "secret"));
   EXPECT_EQ(refusalCount, 1);
   ASSERT_EQ(logged.size(), 1U);
   EXPECT_EQ(
       logged[0],
-      "keel-pam ended without an answer; look for a module of the PAM service keeld that ends it");
+      "keel-pam exited without an answer; look for a module of the PAM service keeld that ends it");
 }
 
-TEST_F(PamAccountCheckTest, AnAnswerThatMakesNoSenseIsARefusal) {
-  // It does not know the task, and hangs up.
+TEST_F(PamAccountCheckTest, RefusesOnAMalformedAnswer) {
+  // The program does not know the task, and hangs up.
   PamAccountCheck check({.helper = KEEL_SCRIPTED_HELPER}, refusalTime);
   EXPECT_FALSE(check.isPassword("alice", "secret"));
   EXPECT_EQ(refusalCount, 1);
 }
 
-TEST_F(PamAccountCheckTest, WhatNoAccountCanHaveIsRefusedWithoutAskingAndAtOnce) {
+TEST_F(PamAccountCheckTest, RefusesImpossibleNamesAndPasswordsImmediately) {
   PamAccountCheck check({.helper = "/nonexistent/keel-pam"}, refusalTime);
   EXPECT_FALSE(check.isPassword("", "secret"));
   EXPECT_FALSE(check.isPassword(std::string(256, 'u'), "secret"));
@@ -64,7 +64,7 @@ TEST_F(PamAccountCheckTest, WhatNoAccountCanHaveIsRefusedWithoutAskingAndAtOnce)
   EXPECT_TRUE(logged.empty());
 }
 
-TEST(PathOfKeelPam, LiesBesideTheDirectoryOfTheProgram) {
+TEST(PathOfKeelPam, IsRelativeToTheProgram) {
   EXPECT_TRUE(pathOfKeelPam().ends_with("/libexec/keeld/keel-pam")) << pathOfKeelPam();
   EXPECT_TRUE(pathOfKeelPam().starts_with("/"));
 }

@@ -18,7 +18,7 @@ bool canBeAsked(Task task, std::string_view user, std::string_view password) {
   return encodePamQuestion({.task = task, .user = user, .password = password}).has_value();
 }
 
-TEST(PamQuestion, ComesBackAsItWas) {
+TEST(PamQuestion, RoundTrips) {
   auto packet =
       encodePamQuestion({.task = Task::password, .user = "alice", .password = "open sesame"});
   ASSERT_TRUE(packet);
@@ -32,7 +32,7 @@ TEST(PamQuestion, ComesBackAsItWas) {
   EXPECT_EQ(question->password.data()[question->password.size()], '\0');
 }
 
-TEST(PamQuestion, OfAnAccountHasNoPassword) {
+TEST(PamQuestion, OmitsThePasswordForAnAccountCheck) {
   auto packet = encodePamQuestion({.task = Task::account, .user = "a", .password = ""});
   ASSERT_TRUE(packet);
   const auto question = decodePamQuestion(packet->bytes());
@@ -42,7 +42,7 @@ TEST(PamQuestion, OfAnAccountHasNoPassword) {
   EXPECT_FALSE(canBeAsked(Task::account, "a", "x"));
 }
 
-TEST(PamQuestion, ThePasswordMayBeEmptyAndTheUserNot) {
+TEST(PamQuestion, AcceptsAnEmptyPasswordButNoEmptyUser) {
   EXPECT_TRUE(canBeAsked(Task::password, "a", ""));
   EXPECT_FALSE(canBeAsked(Task::password, "", "x"));
 }
@@ -54,13 +54,13 @@ TEST(PamQuestion, SizesAreBounded) {
   EXPECT_FALSE(canBeAsked(Task::password, "a", std::string(kPasswordBytes + 1, 'p')));
 }
 
-TEST(PamQuestion, TextsWithANulAreRefused) {
+TEST(PamQuestion, RefusesTextsWithANul) {
   EXPECT_FALSE(canBeAsked(Task::password, std::string_view("a\0b", 3), "x"));
   EXPECT_FALSE(canBeAsked(Task::password, "a", std::string_view("x\0y", 3)));
   EXPECT_FALSE(canBeAsked(Task::password, "a", std::string_view("x\0", 2)));
 }
 
-TEST(PamQuestion, NamesThatModulesCouldTripOverAreRefused) {
+TEST(PamQuestion, RefusesNamesUnsafeForModules) {
   for (const char* user : {"a\nb", "\x01", "a\x7f", "../alice", "/", "\talice"}) {
     EXPECT_FALSE(canBeAsked(Task::password, user, "x")) << user;
   }
@@ -70,15 +70,15 @@ TEST(PamQuestion, NamesThatModulesCouldTripOverAreRefused) {
   EXPECT_TRUE(canBeAsked(Task::password, "a", "line\n/\x7f"));
 }
 
-TEST(PamQuestion, OtherPacketsAreRefused) {
+TEST(PamQuestion, RefusesMalformedPackets) {
   EXPECT_TRUE(decoded({"pa\0x\0", 5}));
   for (const std::string_view packet : {
            std::string_view(), std::string_view("p\0\0", 3),
            std::string_view("p\0x\0", 4),      // no user
-           std::string_view("pa\0x", 4),       // not ended
+           std::string_view("pa\0x", 4),       // unterminated
            std::string_view("paaa\0", 5),      // no password
-           std::string_view("pa\0x\0y\0", 7),  // one text too many
-           std::string_view("aa\0x\0", 5),     // a password that is not asked for
+           std::string_view("pa\0x\0y\0", 7),  // an extra text
+           std::string_view("aa\0x\0", 5),     // an unexpected password
            std::string_view("xa\0x\0", 5),     // unknown task
        }) {
     EXPECT_FALSE(decoded(packet)) << packet;

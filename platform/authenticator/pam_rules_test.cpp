@@ -15,7 +15,7 @@ class PamRulesTest : public ::testing::Test {
   void write(const std::string& service, const std::string& text) const {
     folder.write(service, text);
   }
-  // Which of the two types the service "own" has rules of, when its file is `text`.
+  // Returns the rule types of the service "own" when its file is `text`.
   std::string typesOf(const std::string& text) const {
     write("own", text);
     const PamRules rules(directory);
@@ -27,7 +27,7 @@ class PamRulesTest : public ::testing::Test {
   const std::string directory = folder.path();
 };
 
-TEST_F(PamRulesTest, RulesOfTheFileItselfCount) {
+TEST_F(PamRulesTest, CountsRulesOfTheFileItself) {
   EXPECT_EQ(typesOf("auth required pam_unix.so\n"), "auth ");
   EXPECT_EQ(typesOf("# first\n\n\tACCOUNT\trequired pam_unix.so nullok # last"), "account ");
   EXPECT_EQ(typesOf("auth [success=1 default=ignore] pam_unix.so\naccount [success=ok] x.so"),
@@ -35,7 +35,7 @@ TEST_F(PamRulesTest, RulesOfTheFileItselfCount) {
   EXPECT_EQ(typesOf("auth \\\n required \\\n pam_unix.so\n"), "auth ");
 }
 
-TEST_F(PamRulesTest, WhatIsNoRuleDoesNotCount) {
+TEST_F(PamRulesTest, IgnoresWhatIsNotARule) {
   EXPECT_FALSE(PamRules(directory).has("missing", "auth"));
   for (const char* text :
        {"", "#auth required pam_unix.so\n", "nonsense\n", "auth", "auth required\n",
@@ -46,7 +46,7 @@ TEST_F(PamRulesTest, WhatIsNoRuleDoesNotCount) {
   }
 }
 
-TEST_F(PamRulesTest, IncludedFilesCountForWhatTheyHave) {
+TEST_F(PamRulesTest, CountsRulesOfIncludedFiles) {
   write("both", "auth required pam_unix.so\naccount required pam_unix.so\n");
   write("one", "auth required pam_unix.so\n");
   write("none", "session required pam_unix.so\n");
@@ -65,7 +65,7 @@ TEST_F(PamRulesTest, IncludedFilesCountForWhatTheyHave) {
   }
 }
 
-TEST_F(PamRulesTest, FilesElsewhereDoNotCount) {
+TEST_F(PamRulesTest, IgnoresFilesOutsideTheDirectory) {
   write("one", "auth required pam_unix.so\n");
   write(".hidden", "auth required pam_unix.so\n");
   folder.makeFolder("deeper");
@@ -88,7 +88,7 @@ TEST_F(PamRulesTest, DepthIsBounded) {
   EXPECT_EQ(typesOf("@include file1"), "");
 }
 
-TEST_F(PamRulesTest, FilesThatIncludeThemselvesComeToAnEnd) {
+TEST_F(PamRulesTest, BoundsFilesThatIncludeThemselves) {
   std::string text;
   for (int i = 0; i < 100; ++i) text += "@include own\n";
   EXPECT_EQ(typesOf(text), "");

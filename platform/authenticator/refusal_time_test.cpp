@@ -8,8 +8,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// When a refusal is told that took `spent` to find, both counted from the attempt's begin; the step
-// is 500 ms.
+// Returns when a refusal is returned whose check took `spent`, both from the attempt's begin; the
+// step is 500 ms.
 std::chrono::nanoseconds toldAfter(std::chrono::nanoseconds spent) {
   const RefusalTime::Clock::time_point start(12345678ns);
   std::chrono::nanoseconds told{};
@@ -20,13 +20,13 @@ std::chrono::nanoseconds toldAfter(std::chrono::nanoseconds spent) {
   return told;
 }
 
-TEST(RefusalTime, IsTheSameHoweverSoonTheReasonWasFound) {
+TEST(RefusalTime, IsOneStepForAnyFasterCheck) {
   EXPECT_EQ(toldAfter(0ns), 500ms);
   EXPECT_EQ(toldAfter(1200us), 500ms);
   EXPECT_EQ(toldAfter(500ms - 1ns), 500ms);
 }
 
-TEST(RefusalTime, IsAWholeMultipleWhenThatTookLonger) {
+TEST(RefusalTime, IsAWholeMultipleForASlowerCheck) {
   EXPECT_EQ(toldAfter(500ms), 1000ms);
   EXPECT_EQ(toldAfter(1700ms), 2000ms);
 }

@@ -15,7 +15,7 @@ const std::string kAlices = "$6$aaaa$hash";
 
 class RefusalWorkTest : public ::testing::Test {
  protected:
-  // What is hashed, and how, after the refusal of that user; in the file's order.
+  // Returns what is hashed, and with which setting, after refusing that user.
   std::vector<std::pair<std::string, std::string>> workFor(const std::string& user) {
     std::vector<std::pair<std::string, std::string>> made;
     const RefusalWork work(
@@ -46,26 +46,26 @@ class RefusalWorkTest : public ::testing::Test {
       {"elsewhere", "x"}, {"alice", kAlices},       {"root", kRoots}};
 };
 
-TEST_F(RefusalWorkTest, IsMadeForWhomNobodyKnows) {
+TEST_F(RefusalWorkTest, HashesForAnUnknownUser) {
   EXPECT_EQ(workFor("nobody-here"), workLike(kRoots));
 }
 
-TEST_F(RefusalWorkTest, IsMadeForAccountsWithoutAUsablePassword) {
+TEST_F(RefusalWorkTest, HashesForAccountsWithoutAUsablePassword) {
   for (const char* user : {"daemon", "locked", "empty", "elsewhere"})
     EXPECT_EQ(workFor(user), workLike(kRoots)) << user;
 }
 
-TEST_F(RefusalWorkTest, IsNotMadeTwiceForWhoeverHasAPassword) {
+TEST_F(RefusalWorkTest, DoesNotHashAgainForAnAccountWithAPassword) {
   EXPECT_EQ(workFor("alice"), Work());
   EXPECT_EQ(workFor("root"), Work());
 }
 
-TEST_F(RefusalWorkTest, IsThatOfAnotherAccountWhenRootHasNoPassword) {
+TEST_F(RefusalWorkTest, UsesAnotherAccountsSettingIfRootHasNoPassword) {
   shadow.back().second = "!";
   EXPECT_EQ(workFor("nobody-here"), workLike(kAlices));
 }
 
-TEST_F(RefusalWorkTest, IsThatOfTheSystemWhenNobodyHasAPassword) {
+TEST_F(RefusalWorkTest, UsesTheSystemsDefaultIfNoAccountHasAPassword) {
   shadow.clear();
   const Work work = workFor("nobody-here");
   ASSERT_FALSE(work.empty());

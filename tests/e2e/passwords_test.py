@@ -170,7 +170,7 @@ class Service(AccountsTest):
             with self.subTest(text):
                 install_service(text)
                 self.assertRefused("alice")
-        said = re.compile("PAM cannot be asked; mend /etc/pam.d/keeld, .*")
+        said = re.compile("PAM cannot be queried; fix /etc/pam.d/keeld, .*")
         self.assertEqual(self.daemon.times_logged(said, 1, "error"), 1)
 
     def test_included_files_must_have_the_rules(self):
@@ -240,17 +240,17 @@ class BadModules(AccountsTest):
         self.assertTrue(all(await_end(pid) for pid in helpers() if pid not in hanging))
         self.assertEqual(helpers(), hanging)
         self.assertError(waiting.results(request)[0], AUTH_FAILED)
-        self.daemon.wait_for_log(re.compile("keel-pam did not answer within 8000 ms and was ended; .*"), level="error")
+        self.daemon.wait_for_log(re.compile("keel-pam did not answer within 8000 ms and was killed; .*"), level="error")
 
     def test_one_that_crashes_is_a_refusal(self):
         service(f"auth {own_module('crash')}", "account required pam_permit.so")
         self.assertRefused("alice")
-        self.daemon.wait_for_log(re.compile("keel-pam was ended by signal 11; .*"), level="error")
+        self.daemon.wait_for_log(re.compile("keel-pam was killed by signal 11; .*"), level="error")
 
     def test_one_that_ends_the_process_is_a_refusal(self):
         service(f"auth {own_module('exit')}", "account required pam_permit.so")
         self.assertRefused("alice")
-        self.daemon.wait_for_log(re.compile("keel-pam ended without an answer; .*"), level="error")
+        self.daemon.wait_for_log(re.compile("keel-pam exited without an answer; .*"), level="error")
 
     def test_one_that_leaks_leaves_nothing_behind(self):
         client = self.auth_client()

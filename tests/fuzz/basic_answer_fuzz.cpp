@@ -16,7 +16,7 @@ using keel::BasicAnswer;
 void check(std::string_view text) {
   const auto answer = BasicAnswer::parse(text);
   if (!answer) return;
-  KEEL_CHECK(text.size() <= BasicAnswer::kLargestBytes);
+  KEEL_CHECK(text.size() <= BasicAnswer::kMaxBytes);
   KEEL_CHECK(!answer->user().empty() && !answer->user().contains(':'));
   const std::string both = std::string(answer->user()) + ":" + std::string(answer->password());
   KEEL_CHECK(!both.contains('\0'));

@@ -44,12 +44,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::vector<char> input(data, data + size);
   const auto answer = DigestAnswer::parse({input.data(), input.size()});
   if (!answer) return 0;
-  KEEL_CHECK(size <= DigestAnswer::kLargestBytes);
+  KEEL_CHECK(size <= DigestAnswer::kMaxBytes);
   KEEL_CHECK(answer->response.size() == hexLettersOf(answer->algorithm));
   KEEL_CHECK(!answer->user.empty() && !answer->realm.empty() && !answer->uri.empty());
   const std::string text = written(*answer);
   // What an extended name may spell is more than a quoted one may, and quoting makes a text longer.
-  if (hasControl(answer->user) || text.size() > DigestAnswer::kLargestBytes) return 0;
+  if (hasControl(answer->user) || text.size() > DigestAnswer::kMaxBytes) return 0;
   const auto again = DigestAnswer::parse(text);
   KEEL_CHECK(again && isSame(*again, *answer));
   return 0;

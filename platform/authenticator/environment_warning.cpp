@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "platform/authenticator/complaint.h"
+#include "platform/authenticator/environment_warning.h"
 
 #include "runtime/logging/logger.h"
 
 namespace keel {
 
-void Complaint::now(std::string text) {
+void EnvironmentWarning::update(std::string text) {
   {
     const std::lock_guard lock(mutex_);
     if (text == last_) return;
