@@ -16,7 +16,7 @@ namespace keel {
 
 namespace {
 
-// A file can have any number of keys; more than this tells nobody more.
+// Bounds the log line: a file can have any number of keys.
 constexpr std::size_t kNamedKeyCount = 20;
 
 }  // namespace
@@ -26,7 +26,7 @@ std::shared_ptr<QZCommandAuthorization> makeCommandAuthorization() {
 }
 
 std::optional<Error> errorOfLabel(const String& label) {
-  if (label.isNull()) return supervisorError(EINVAL, "a job without a label cannot be");
+  if (label.isNull()) return supervisorError(EINVAL, "a job without a label is not allowed");
   const std::string problem = problemOfJobLabel(std::string(label.view()));
   if (problem.empty()) return std::nullopt;
   return supervisorError(EINVAL, "the job " + problem);
@@ -48,7 +48,7 @@ void logUnsupportedKeys(const Job& job) {
   const auto named =
       std::span(job.unsupported).first(std::min(job.unsupported.size(), kNamedKeyCount));
   _loggerForCategory("startup").error(
-      "the job {} has keys without a counterpart here, which are left out: {}{}", job.label,
+      "the job {} has keys without a counterpart here, which are ignored: {}{}", job.label,
       fmt::join(named, ", "), named.size() < job.unsupported.size() ? ", ..." : "");
 }
 

@@ -18,17 +18,17 @@
 
 namespace keel {
 
-// One enabled job where keeld itself is the service manager: holds the job's sockets, starts its
-// program when somebody connects, and looks at the sockets again when the program has ended. A
-// program that fails, or leaves whoever waits for it waiting, is given a pause before the next
-// start: ThrottleInterval, counted from its last start.
+// One enabled job where keeld itself is the service manager: owns the job's sockets, starts its
+// program on the first connection, and polls the sockets again once the program has exited. A
+// program that fails, or exits with connections still pending, is throttled: the next start waits
+// until ThrottleInterval after the last one.
 //
-// Lives on the reactor's thread, but for what says otherwise. What may block, such as the start of
-// its program, is done by a worker, on a queue of the job's own: one job never waits for another.
+// Lives on the reactor's thread except where stated. Whatever may block, such as starting the
+// program, runs on a worker, on the job's own queue: jobs never wait for each other.
 class EmbeddedJob final : private Reactor::Watcher,
                           public std::enable_shared_from_this<EmbeddedJob> {
  public:
-  // Where a job runs, and how it is seen. Executors are borrowed.
+  // A job's surroundings. The executors are borrowed.
   struct World {
     std::string serviceDirectory;
     Reactor& reactor;
@@ -36,28 +36,28 @@ class EmbeddedJob final : private Reactor::Watcher,
     std::shared_ptr<JobRecords> records;
     std::function<Reactor::Clock::time_point()> now = &Reactor::Clock::now;
   };
-  // A pause is never shorter, whatever the job says: nobody could read the log.
-  static constexpr std::chrono::seconds kLeastPause{1};
-  // How often it may end well without having served everybody, before it is given a pause.
+  // Lower bound of ThrottleInterval; anything shorter would flood the log.
+  static constexpr std::chrono::seconds kMinPause{1};
+  // Unthrottled restarts after a clean exit with connections still pending.
   static constexpr int kFreeStarts = 5;
-  // Between SIGTERM and SIGKILL, unless the job says otherwise.
+  // Default delay between SIGTERM and SIGKILL.
   static constexpr std::chrono::seconds kExitTimeOut{20};
 
-  // Makes the sockets in place of whatever has their names, such as one that a program of an
-  // earlier keeld still holds; fails when one cannot be had. From any thread.
+  // Creates the sockets, replacing whatever has their paths, such as a socket still held by a
+  // program of an earlier keeld. Fails if any cannot be created. From any thread.
   static std::expected<std::shared_ptr<EmbeddedJob>, Error> create(Job job, World world);
   ~EmbeddedJob();
 
   // From any thread.
   void begin();
-  // Removes the sockets at once, so that another job can have their names, and then ends the
-  // program, for good. From the thread that made the job. A job whose program is still ending keeps
-  // itself.
+  // Removes the sockets immediately, so that another job can take their paths, then terminates the
+  // program for good. From the thread that created the job. The job keeps itself alive until its
+  // program has exited.
   void end();
 
  private:
   enum class State : std::uint8_t { idle, waiting, starting, running, pausing, ended };
-  // Its process has ended; a watcher of its own, since a job watches its sockets, too.
+  // Watches for the process's exit; separate because the job itself watches its sockets.
   struct ProcessWatcher final : Reactor::Watcher {
     explicit ProcessWatcher(EmbeddedJob& owner) : job(owner) {}
     void onReady(std::uint32_t events) override;
@@ -89,14 +89,14 @@ class EmbeddedJob final : private Reactor::Watcher,
   std::vector<xpc::ServiceSocket> sockets_;
   std::vector<NamedSocket> namedSockets_;
   State state_ = State::idle;
-  std::vector<std::string> ownedPaths_;  // of the sockets; not touched by the reactor's thread
+  std::vector<std::string> ownedPaths_;  // of the sockets; never used on the reactor's thread
   bool ending_ = false;
-  std::shared_ptr<EmbeddedJob> self_;  // while the program is ending
+  std::shared_ptr<EmbeddedJob> self_;  // set while the program is exiting
   LaunchedProcess process_;
-  std::string problem_;  // with the last run; empty when it ended well, or goes on
+  std::string problem_;  // of the last run; empty if it exited cleanly or still runs
   ProcessWatcher processWatcher_;
   Reactor::Clock::time_point lastStart_{};
-  int startsInARow_ = 0;  // with less than a pause between them
+  int consecutiveStarts_ = 0;  // each within one pause of the previous
   Reactor::TimerId timer_ = 0;
 };
 

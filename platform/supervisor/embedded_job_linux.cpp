@@ -24,9 +24,9 @@ Logger& logger() {
 }
 
 std::string shownEnd(const siginfo_t& end) {
-  if (end.si_pid == 0) return "ended, and its status was lost";
-  if (end.si_code == CLD_EXITED) return fmt::format("ended with status {}", end.si_status);
-  return fmt::format("was ended by signal {} ({})", end.si_status, ::strsignal(end.si_status));
+  if (end.si_pid == 0) return "exited, and its status was lost";
+  if (end.si_code == CLD_EXITED) return fmt::format("exited with status {}", end.si_status);
+  return fmt::format("was killed by signal {} ({})", end.si_status, ::strsignal(end.si_status));
 }
 
 }  // namespace
@@ -94,8 +94,8 @@ void EmbeddedJob::start() {
   stopWaiting();
   state_ = State::starting;
   const auto former = std::exchange(lastStart_, world_.now());
-  if (lastStart_ - former >= pauseInterval()) startsInARow_ = 0;
-  ++startsInARow_;
+  if (lastStart_ - former >= pauseInterval()) consecutiveStarts_ = 0;
+  ++consecutiveStarts_;
   slowWork_->async([self = shared_from_this()] {
     auto launched = std::make_shared<std::expected<LaunchedProcess, Error>>(
         launch(self->job_, self->namedSockets_));
@@ -130,7 +130,7 @@ void EmbeddedJob::processEnded() {
       ::waitid(P_PID, static_cast<id_t>(process_.pid), &end, WEXITED | WNOHANG | WNOWAIT) == 0;
   if (isOurs && end.si_pid == 0) return;
   if (isOurs) {
-    // What it has started goes with it. As long as it is not reaped its group is no other's.
+    // Kill its process group, too. Until it is reaped the group id cannot be reused.
     if (!job_.abandonProcessGroup) ::kill(-process_.pid, SIGKILL);
     ::waitid(P_PID, static_cast<id_t>(process_.pid), &end, WEXITED);
   }
@@ -146,19 +146,19 @@ void EmbeddedJob::processEnded() {
   settle(succeeded, isOurs && end.si_code != CLD_EXITED && end.si_status != SIGTERM);
 }
 
-// What comes after a program that has ended, or was never there.
+// Decides what follows an exit or a failed start.
 void EmbeddedJob::settle(bool succeeded, bool crashed) {
   state_ = State::idle;
   if (ending_) return finish();
   if (wantsRestart(succeeded, crashed)) return pauseThen(&EmbeddedJob::start);
-  // Who connected while it was ending is left waiting by a good program, too; but one that never
-  // accepts anybody would be started without end.
-  if (succeeded && (!isDemanded() || startsInARow_ < kFreeStarts)) return wait();
+  // A well-behaved program, too, leaves a client that connects during its exit pending; but one
+  // that never accepts would be restarted forever.
+  if (succeeded && (!isDemanded() || consecutiveStarts_ < kFreeStarts)) return wait();
   pauseThen(&EmbeddedJob::wait);
 }
 
 Reactor::Clock::duration EmbeddedJob::pauseInterval() const {
-  return std::max<std::chrono::seconds>(job_.throttleInterval, kLeastPause);
+  return std::max<std::chrono::seconds>(job_.throttleInterval, kMinPause);
 }
 
 void EmbeddedJob::pauseThen(void (EmbeddedJob::*next)()) {
@@ -202,7 +202,7 @@ void EmbeddedJob::end() {
       self->slowWork_->async([records = self->world_.records, name] { records->remove(name); });
     }
     if (self->state_ == State::running) return self->endProgram();
-    // One that is being started is ended when that is done.
+    // A program still being started is terminated once that completes.
     if (self->state_ != State::starting) self->finish();
   });
 }
@@ -231,7 +231,7 @@ void EmbeddedJob::finish() {
 }
 
 void EmbeddedJob::record(JobState::Program program) {
-  // Its services may be another job's by now.
+  // Its services may belong to another job by now.
   if (ending_) return;
   JobState state;
   state.label = job_.label;

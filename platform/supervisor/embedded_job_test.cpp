@@ -34,13 +34,13 @@ namespace {
 using ::testing::HasSubstr;
 using namespace std::chrono_literals;
 
-// Real programs, a reactor stepped by hand, and a clock that stands still unless it is moved.
+// Real programs, a manually stepped reactor and a manual clock.
 class EmbeddedJobTest : public testing::Test {
  protected:
   EmbeddedJobTest() { records_ = std::make_shared<JobRecords>(root_); }
   ~EmbeddedJobTest() override {
     if (job_) end();
-    // What it still writes comes first.
+    // Its remaining output comes first.
     pool_.reset();
   }
 
@@ -52,7 +52,7 @@ class EmbeddedJobTest : public testing::Test {
             .now = [this] { return now_; }};
   }
 
-  // A shell that runs `script`.
+  // Returns a job whose shell runs `script`.
   static Job shell(std::string script) {
     Job job;
     job.label = "com.example.job";
@@ -78,7 +78,7 @@ class EmbeddedJobTest : public testing::Test {
     while (reactor_.turn(/*wait=*/false)) {
     }
   }
-  // Turns until it holds. What programs and workers write wakes no reactor up.
+  // Runs turns until the condition holds. Output of programs and workers does not wake the reactor.
   template <class Condition>
   void until(Condition condition) {
     for (; !condition(); std::this_thread::yield()) turn();
@@ -98,7 +98,7 @@ class EmbeddedJobTest : public testing::Test {
     text << std::ifstream(path).rdbuf();
     return text.str();
   }
-  // How often the program was started: each start adds a line to that file.
+  // Returns how often the program was started: each start appends a line to that file.
   std::size_t startCount() const {
     const std::string starts = content(path("starts"));
     return static_cast<std::size_t>(std::ranges::count(starts, '\n'));
@@ -114,19 +114,19 @@ class EmbeddedJobTest : public testing::Test {
   std::shared_ptr<EmbeddedJob> job_;
 };
 
-// A command that serves one client for as long as that one stays.
+// A command that serves one client until it disconnects.
 constexpr const char* kServeOne =
     "/usr/bin/python3 -c 'import socket; c, a = socket.socket(fileno=3).accept(); "
     "c.sendall(b\"x\"); c.recv(1)'";
 
-TEST_F(EmbeddedJobTest, NobodyStartsItUntilSomebodyConnects) {
+TEST_F(EmbeddedJobTest, StartsOnTheFirstConnection) {
   begin(shell("echo start >>" + path("starts")));
   EXPECT_EQ(startCount(), 0u);
   const auto client = connect();
   until([&] { return startCount() == 1; });
 }
 
-TEST_F(EmbeddedJobTest, ProgramIsHandedItsSockets) {
+TEST_F(EmbeddedJobTest, PassesTheSocketsToTheProgram) {
   Job job = shell("echo \"$LISTEN_FDS $LISTEN_FDNAMES $((LISTEN_PID - $$)) $HOME$KEELD_LOG\" >" +
                   path("told") + "; mv " + path("told") + " " + path("done") + "; exec sleep 1000");
   job.machServices = {"service", "other.service"};
@@ -138,7 +138,7 @@ TEST_F(EmbeddedJobTest, ProgramIsHandedItsSockets) {
   EXPECT_EQ(content(path("done")), "2 service:other.service 0 \n");
 }
 
-TEST_F(EmbeddedJobTest, ProgramThatEndsWellIsStartedAgainOnDemand) {
+TEST_F(EmbeddedJobTest, RestartsACleanlyExitedProgramOnDemand) {
   begin(shell("echo start >>" + path("starts") + "; " + kServeOne));
   for (std::size_t round = 1; round <= 2; ++round) {
     FileDescriptor client = connect();
@@ -153,13 +153,13 @@ TEST_F(EmbeddedJobTest, ProgramThatEndsWellIsStartedAgainOnDemand) {
   EXPECT_TRUE(recorded().problem.empty());
 }
 
-TEST_F(EmbeddedJobTest, ProgramThatFailsIsGivenAPause) {
+TEST_F(EmbeddedJobTest, ThrottlesAFailingProgram) {
   Job job = shell("echo start >>" + path("starts") + "; exit 3");
   job.throttleInterval = 5s;
   begin(job);
   const auto client = connect();
   until([&] { return recorded().program == JobState::Program::starting; });
-  EXPECT_EQ(recorded().problem, "it ended with status 3");
+  EXPECT_EQ(recorded().problem, "it exited with status 3");
   now_ += 5s - 1ms;
   turn();
   EXPECT_EQ(startCount(), 1u);
@@ -167,21 +167,21 @@ TEST_F(EmbeddedJobTest, ProgramThatFailsIsGivenAPause) {
   until([&] { return startCount() == 2; });
 }
 
-TEST_F(EmbeddedJobTest, PauseIsNeverShorterThanTheLeast) {
+TEST_F(EmbeddedJobTest, ThrottlesForAtLeastTheMinimum) {
   Job job = shell("echo start >>" + path("starts") + "; kill -SEGV $$");
   job.throttleInterval = 0s;
   begin(job);
   const auto client = connect();
   until([&] { return recorded().program == JobState::Program::starting; });
-  EXPECT_THAT(recorded().problem, HasSubstr("it was ended by signal 11"));
-  now_ += EmbeddedJob::kLeastPause - 1ms;
+  EXPECT_THAT(recorded().problem, HasSubstr("it was killed by signal 11"));
+  now_ += EmbeddedJob::kMinPause - 1ms;
   turn();
   EXPECT_EQ(startCount(), 1u);
   now_ += 1ms;
   until([&] { return startCount() == 2; });
 }
 
-TEST_F(EmbeddedJobTest, ProgramThatKeepsLeavingSomebodyWaitingIsGivenAPause) {
+TEST_F(EmbeddedJobTest, ThrottlesAProgramThatNeverAccepts) {
   begin(shell("echo start >>" + path("starts")));
   const auto client = connect();
   until([&] { return recorded().program == JobState::Program::starting; });
@@ -191,7 +191,7 @@ TEST_F(EmbeddedJobTest, ProgramThatKeepsLeavingSomebodyWaitingIsGivenAPause) {
   until([&] { return startCount() > static_cast<std::size_t>(EmbeddedJob::kFreeStarts); });
 }
 
-TEST_F(EmbeddedJobTest, ProgramWhoseStatusIsLostCountsAsFailed) {
+TEST_F(EmbeddedJobTest, TreatsALostExitStatusAsFailure) {
   const auto before = ::signal(SIGCHLD, SIG_IGN);
   begin(shell("echo start >>" + path("starts") + "; " + kServeOne));
   FileDescriptor client = connect();
@@ -201,13 +201,13 @@ TEST_F(EmbeddedJobTest, ProgramWhoseStatusIsLostCountsAsFailed) {
   client.reset();
   until([&] { return recorded().program == JobState::Program::starting; });
   ::signal(SIGCHLD, before);
-  EXPECT_EQ(recorded().problem, "it ended, and its status was lost");
+  EXPECT_EQ(recorded().problem, "it exited, and its status was lost");
   client = connect();
   now_ += 10s;
   until([&] { return startCount() == 2; });
 }
 
-TEST_F(EmbeddedJobTest, KeptAliveIsStartedWithoutDemand) {
+TEST_F(EmbeddedJobTest, StartsAKeepAliveJobWithoutDemand) {
   Job job = shell("echo start >>" + path("starts"));
   job.runAtLoad = true;
   job.restart = Job::Restart::always;
@@ -218,7 +218,7 @@ TEST_F(EmbeddedJobTest, KeptAliveIsStartedWithoutDemand) {
   until([&] { return startCount() == 2; });
 }
 
-TEST_F(EmbeddedJobTest, ProgramThatCannotBeRunIsToldOf) {
+TEST_F(EmbeddedJobTest, ReportsAProgramThatCannotBeRun) {
   Job job = shell("");
   job.program = path("missing");
   begin(job);
@@ -228,7 +228,7 @@ TEST_F(EmbeddedJobTest, ProgramThatCannotBeRunIsToldOf) {
               HasSubstr("run its program " + path("missing") + ": No such file"));
 }
 
-TEST_F(EmbeddedJobTest, EveryStepThatFailsIsNamed) {
+TEST_F(EmbeddedJobTest, NamesTheFailedStep) {
   const auto problemOf = [&](auto change) {
     Job job = shell("");
     change(job);
@@ -245,7 +245,7 @@ TEST_F(EmbeddedJobTest, EveryStepThatFailsIsNamed) {
               HasSubstr("open /missing/file"));
 }
 
-TEST_F(EmbeddedJobTest, FilesAreOpenedWithTheRightsOfItsUser) {
+TEST_F(EmbeddedJobTest, OpensFilesWithTheUsersRights) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root runs programs as somebody else";
   Job job = shell("echo said");
   job.userName = "nobody";
@@ -271,12 +271,12 @@ TEST_F(EmbeddedJobTest, FilesAreOpenedWithTheRightsOfItsUser) {
   std::filesystem::create_symlink(path("ours"), folder + "/link");
   EXPECT_THAT(problemWith(folder + "/link"), HasSubstr("open " + folder + "/link"));
   EXPECT_EQ(content(path("ours")), "secret\n");
-  // And this thread has its own rights again.
+  // The thread has its own rights back.
   std::ofstream(path("ours"), std::ios::app) << "more\n";
   EXPECT_EQ(content(path("ours")), "secret\nmore\n");
 }
 
-// As in a container that was not given the right to change users.
+// As in a container without the capability to change users.
 void dropCapability(int capability) {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   std::array<__user_cap_data_struct, 2> data{};
@@ -285,7 +285,7 @@ void dropCapability(int capability) {
   ASSERT_EQ(::syscall(SYS_capset, &header, data.data()), 0);
 }
 
-TEST_F(EmbeddedJobTest, ForbiddenChangeOfUserFailsTheJobAlone) {
+TEST_F(EmbeddedJobTest, AForbiddenUserChangeFailsOnlyTheJob) {
   const auto problemWithout = [&](int capability) {
     dropCapability(capability);
     Job job = shell("");
@@ -303,7 +303,7 @@ TEST_F(EmbeddedJobTest, ForbiddenChangeOfUserFailsTheJobAlone) {
   EXPECT_FALSE(std::filesystem::exists(path("out")));
 }
 
-TEST_F(EmbeddedJobTest, ProgramIsAsTheJobSays) {
+TEST_F(EmbeddedJobTest, RunsTheProgramAsTheJobDescribes) {
   Job job = shell("umask; pwd; ulimit -Sn; ulimit -Hn; nice; echo \"$A\"; cat; trap; echo end");
   job.workingDirectory = "/usr";
   job.umask = 027;
@@ -319,8 +319,8 @@ TEST_F(EmbeddedJobTest, ProgramIsAsTheJobSays) {
   EXPECT_EQ(content(path("out")), "0027\n/usr\n20\n30\n3\na b\n%$\ninput\nend\n");
 }
 
-TEST_F(EmbeddedJobTest, ProgramHasNothingOfOurs) {
-  // Of ours, and not closed at an exec.
+TEST_F(EmbeddedJobTest, ProgramInheritsNothingFromTheDaemon) {
+  // A descriptor of ours without close-on-exec.
   const FileDescriptor stray(::dup(STDERR_FILENO));
   ::setenv("KEELD_SECRET", "x", 1);
   Job job = shell("exec >" + path("out") +
@@ -336,7 +336,7 @@ TEST_F(EmbeddedJobTest, ProgramHasNothingOfOurs) {
   ::unsetenv("KEELD_SECRET");
 }
 
-TEST_F(EmbeddedJobTest, EndStopsTheProgramAndRemovesTheSockets) {
+TEST_F(EmbeddedJobTest, EndTerminatesTheProgramAndRemovesTheSockets) {
   begin(shell("trap 'exit 0' TERM; echo start >>" + path("starts") +
               "; while :; do sleep 1000 & wait; done"));
   const auto client = connect();
@@ -345,7 +345,7 @@ TEST_F(EmbeddedJobTest, EndStopsTheProgramAndRemovesTheSockets) {
   EXPECT_FALSE(std::filesystem::exists(root_ + "/service"));
 }
 
-TEST_F(EmbeddedJobTest, ProgramThatDoesNotEndIsKilled) {
+TEST_F(EmbeddedJobTest, EndKillsAProgramThatIgnoresSigterm) {
   Job job =
       shell("trap '' TERM; echo start >>" + path("starts") + "; while :; do sleep 1000; done");
   job.exitTimeOut = 2s;
@@ -354,7 +354,7 @@ TEST_F(EmbeddedJobTest, ProgramThatDoesNotEndIsKilled) {
   until([&] { return startCount() == 1; });
   until([&] { return recorded().program == JobState::Program::running; });
   const pid_t pid = recorded().processId;
-  // Nobody holds the job any more but itself.
+  // Only the job itself keeps it alive now.
   std::exchange(job_, nullptr)->end();
   turn();
   EXPECT_FALSE(std::filesystem::exists(path("service")));
@@ -363,14 +363,14 @@ TEST_F(EmbeddedJobTest, ProgramThatDoesNotEndIsKilled) {
   until([&] { return ::kill(pid, 0) != 0; });
 }
 
-TEST_F(EmbeddedJobTest, SocketThatSomebodyStillHoldsIsReplaced) {
+TEST_F(EmbeddedJobTest, ReplacesASocketStillHeldByAnotherProcess) {
   const FileDescriptor former = atService(&::bind);
   ASSERT_EQ(::listen(former.get(), 1), 0);
   begin(shell("echo start >>" + path("starts")));
   EXPECT_EQ(startCount(), 0u);
   const auto client = connect();
   until([&] { return startCount() == 1; });
-  // Nobody connected to the former one, not even to find out about it.
+  // Nothing connected to the former socket, not even to probe it.
   pollfd waiting{former.get(), POLLIN, 0};
   EXPECT_EQ(::poll(&waiting, 1, 0), 0);
 }
@@ -400,7 +400,7 @@ class EmbeddedSupervisorTest : public EmbeddedJobTest {
   EmbeddedSupervisor supervisor_{world()};
 };
 
-TEST_F(EmbeddedSupervisorTest, JobIsCreatedEnabledAndDisabled) {
+TEST_F(EmbeddedSupervisorTest, CreatesEnablesAndDisablesAJob) {
   EXPECT_FALSE(isEnabled("a"));
   EXPECT_EQ(create(job("a", "service")), "");
   EXPECT_FALSE(isEnabled("a"));
@@ -414,14 +414,14 @@ TEST_F(EmbeddedSupervisorTest, JobIsCreatedEnabledAndDisabled) {
   until([&] { return !std::filesystem::exists(path("service")); });
 }
 
-TEST_F(EmbeddedSupervisorTest, ServiceOfAnotherJobIsRefused) {
+TEST_F(EmbeddedSupervisorTest, RefusesAServiceOfAnotherJob) {
   EXPECT_EQ(create(job("a", "service")), "");
   EXPECT_THAT(create(job("b", "service")), HasSubstr("service is a service of the job a already"));
   EXPECT_EQ(create(job("a", "other")), "");
   EXPECT_EQ(create(job("b", "service")), "");
 }
 
-TEST_F(EmbeddedSupervisorTest, JobThatIsReplacedWhileItEndsLeavesTheNewOneAlone) {
+TEST_F(EmbeddedSupervisorTest, AnEndingJobDoesNotAffectItsReplacement) {
   const auto described = [&](const char* script) {
     return Value::map({{"Label", "a"},
                        {"ProgramArguments", Value::list({"/bin/sh", "-c", script})},
@@ -445,8 +445,8 @@ TEST_F(EmbeddedSupervisorTest, JobThatIsReplacedWhileItEndsLeavesTheNewOneAlone)
   until([&] { return ::kill(pid, 0) != 0; });
 }
 
-// In another process, as keeld has one supervisor alone.
-TEST_F(EmbeddedSupervisorTest, NothingIsDoneWhereAnotherKeeldHasTheJobs) {
+// In another process, since keeld has only one supervisor.
+TEST_F(EmbeddedSupervisorTest, RefusesEverythingWhileAnotherKeeldHoldsTheLock) {
   ASSERT_EQ(create(job("a", "service")), "");
   ASSERT_EQ(set("a", true), "");
   until([&] { return recorded().label == "a"; });
@@ -458,7 +458,7 @@ TEST_F(EmbeddedSupervisorTest, NothingIsDoneWhereAnotherKeeldHasTheJobs) {
                       other.QZSupervisorGetServiceEnabled(nullptr, "a", &asked);
     const auto isTold = [](const Error& error) {
       return error.code() == EBUSY &&
-             error.description().find("another keeld has the jobs here") != std::string::npos;
+             error.description().find("another keeld owns the jobs here") != std::string::npos;
     };
     return !done && isTold(created) && isTold(enabled) && isTold(asked);
   };
@@ -469,20 +469,20 @@ TEST_F(EmbeddedSupervisorTest, NothingIsDoneWhereAnotherKeeldHasTheJobs) {
   until([&] { return startCount() == 1; });
 }
 
-TEST_F(EmbeddedSupervisorTest, LockIsForRootAlone) {
+TEST_F(EmbeddedSupervisorTest, OnlyRootCanAccessTheLock) {
   struct stat status{};
   ASSERT_EQ(::stat(path(".jobs.lock").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777u, 0600u);
 }
 
-TEST_F(EmbeddedSupervisorTest, SocketThatCannotBeHadIsToldOf) {
+TEST_F(EmbeddedSupervisorTest, ReportsASocketThatCannotBeCreated) {
   std::filesystem::create_directory(path("service"));
   EXPECT_EQ(create(job("a", "service")), "");
   EXPECT_THAT(set("a", true), HasSubstr(path("service")));
   EXPECT_FALSE(isEnabled("a"));
 }
 
-TEST_F(EmbeddedSupervisorTest, LabelsMakeSense) {
+TEST_F(EmbeddedSupervisorTest, RefusesInvalidLabels) {
   EXPECT_THAT(set(nullptr, true), HasSubstr("without a label"));
   EXPECT_THAT(set("a", true), HasSubstr("there is no job a"));
   EXPECT_THAT(create(Value::map({{"Label", "a"}})), HasSubstr("has neither"));

@@ -33,10 +33,10 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* kUnit = "org.freedesktop.systemd1.Unit";
 constexpr const char* kSocket = "org.freedesktop.systemd1.Socket";
 constexpr const char* kService = "org.freedesktop.systemd1.Service";
-// To connect, and for all questions together. A thousand modules take half a second.
+// Covers connecting and all queries together. A thousand modules take half a second.
 constexpr std::chrono::seconds kAnswerDeadline{5};
 
-// Where keeld writes it down.
+// Reads keeld's own records.
 class RecordedJobStates final : public JobStates {
  public:
   JobState of(const std::string& machService) override {
@@ -49,8 +49,8 @@ class RecordedJobStates final : public JobStates {
   const JobRecords records_{kServiceDirectory};
 };
 
-// What systemd tells of units over the system bus, or why it does not, for people. Once it is
-// silent, or out of reach, it is not asked again.
+// Queries systemd about units over the system bus; errors are for display. Once it is unresponsive
+// or unreachable, it is not queried again.
 class UnitQuestions {
  public:
   template <class T>
@@ -78,7 +78,7 @@ class UnitQuestions {
   }
 
  private:
-  // What `call` comes to: a negative errno when there is no answer.
+  // Returns the result of `call`: a negative errno if there is no answer.
   template <class Call>
   int ask(Call call) {
     if (failure_ >= 0 && !bus_) failure_ = connect();
@@ -102,7 +102,7 @@ class UnitQuestions {
   static std::string reasonFor(int status) {
     if (status == -ETIMEDOUT)
       return fmt::format("systemd did not answer within {} s", kAnswerDeadline.count());
-    return fmt::format("systemd cannot be asked: {}", std::strerror(-status));
+    return fmt::format("systemd cannot be queried: {}", std::strerror(-status));
   }
 
   static std::string pathOf(const std::string& unit) {
@@ -115,13 +115,12 @@ class UnitQuestions {
   }
 
   Bus bus_;
-  Clock::time_point deadline_;  // counted from the first question
-  int failure_ = 0;             // a negative errno: nothing is asked any more
+  Clock::time_point deadline_;  // starts with the first query
+  int failure_ = 0;             // a negative errno stops all further queries
 };
 
-// The units that somebody enabled: there is a link to each beside a unit that wants it. systemd
-// looks through these folders anew for each unit that it is asked about, which takes seconds for a
-// thousand modules.
+// Returns the enabled units: each is linked from a unit that wants it. systemd scans these folders
+// anew for every query, which takes seconds for a thousand modules.
 std::set<std::string, std::less<>> enabledUnits() {
   namespace fs = std::filesystem;
   std::set<std::string, std::less<>> enabled;
@@ -138,7 +137,7 @@ std::set<std::string, std::less<>> enabledUnits() {
   return enabled;
 }
 
-// The units are there for all to read; what becomes of them is systemd's to tell.
+// Reads the units, which are world-readable, from disk, and their state from systemd.
 class SystemdJobStates final : public JobStates {
  public:
   JobState of(const std::string& machService) override {

@@ -14,7 +14,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Pair;
 
-// A job that says no more than it must, and what is added.
+// Returns a minimal job dictionary with `added` members.
 Value jobWith(std::initializer_list<Member> more) {
   Value::Map map = {{"Label", "com.example.job"}, {"Program", "/bin/job"}};
   map.insert(map.end(), more);
@@ -26,7 +26,7 @@ std::string refusalOf(const Value& dictionary) {
   return job ? "(accepted)" : job.error().description();
 }
 
-TEST(Job, NeedsALabelAndAProgramAndNoMore) {
+TEST(Job, NeedsOnlyALabelAndAProgram) {
   const auto job = jobOf(jobWith({}));
   ASSERT_TRUE(job);
   EXPECT_EQ(job->label, "com.example.job");
@@ -40,7 +40,7 @@ TEST(Job, NeedsALabelAndAProgramAndNoMore) {
   EXPECT_TRUE(job->unsupported.empty());
 }
 
-TEST(Job, SynthesizedOneIsUnderstoodWhole) {
+TEST(Job, ReadsEveryKeyOfASynthesizedJob) {
   const auto job = jobOf(Value::map(
       {{"Label", "com.vantor.keeld.mail"},
        {"Program", "/p"},
@@ -59,7 +59,7 @@ TEST(Job, SynthesizedOneIsUnderstoodWhole) {
   EXPECT_TRUE(job->unsupported.empty());
 }
 
-TEST(Job, EveryKeyFindsItsPlace) {
+TEST(Job, ReadsEveryKey) {
   const auto job =
       jobOf(jobWith({{"ProgramArguments", Value::list({"zero", "one"})},
                      {"UserName", "alice"},
@@ -100,7 +100,7 @@ TEST(Job, EveryKeyFindsItsPlace) {
   EXPECT_TRUE(job->unsupported.empty());
 }
 
-TEST(Job, ProgramIsTheFirstArgumentWhenItIsNotGiven) {
+TEST(Job, DefaultsTheProgramToTheFirstArgument) {
   const auto job =
       jobOf(Value::map({{"Label", "l"}, {"ProgramArguments", Value::list({"/bin/a", "b"})}}));
   ASSERT_TRUE(job);
@@ -128,7 +128,7 @@ TEST(Job, NumbersHaveBounds) {
   EXPECT_FALSE(jobOf(jobWith({{"ExitTimeOut", INT64_MAX}})));
 }
 
-TEST(Job, KeepAliveSaysWhenItIsStartedAgain) {
+TEST(Job, DerivesTheRestartConditionFromKeepAlive) {
   const auto kept = [](Value keepAlive) {
     return *jobOf(jobWith({{"KeepAlive", std::move(keepAlive)}}));
   };
@@ -147,14 +147,14 @@ TEST(Job, KeepAliveSaysWhenItIsStartedAgain) {
   EXPECT_FALSE(kept(Value::map({{"AfterInitialDemand", true}})).runAtLoad);
 }
 
-TEST(Job, RunAtLoadHoldsWhateverStandsBehindIt) {
+TEST(Job, HonoursRunAtLoadWhateverTheKeyOrder) {
   const Value demanded = Value::map({{"AfterInitialDemand", true}});
   EXPECT_TRUE(jobOf(jobWith({{"RunAtLoad", true}, {"KeepAlive", demanded}}))->runAtLoad);
   EXPECT_TRUE(jobOf(jobWith({{"KeepAlive", demanded}, {"RunAtLoad", true}}))->runAtLoad);
   EXPECT_TRUE(jobOf(jobWith({{"KeepAlive", true}, {"RunAtLoad", false}}))->runAtLoad);
 }
 
-TEST(Job, LimitsOfOneResourceMeet) {
+TEST(Job, MergesSoftAndHardLimitsOfAResource) {
   const auto job =
       jobOf(jobWith({{"SoftResourceLimits", Value::map({{"NumberOfFiles", 100}, {"Core", 0}})},
                      {"HardResourceLimits", Value::map({{"NumberOfFiles", 200}, {"Stack", 7}})}}));
@@ -170,7 +170,7 @@ TEST(Job, LimitsOfOneResourceMeet) {
               HasSubstr("Core: the soft limit is above the hard one"));
 }
 
-TEST(Job, KeysWithoutCounterpartAreNamed) {
+TEST(Job, ListsUnsupportedKeys) {
   const auto job = jobOf(
       jobWith({{"StartInterval", 5},
                {"KeepAlive", Value::map({{"NetworkState", true}, {"Crashed", false}})},
@@ -182,7 +182,7 @@ TEST(Job, KeysWithoutCounterpartAreNamed) {
                           "KeepAlive.Crashed", "SoftResourceLimits.Bananas"));
 }
 
-TEST(Job, WrongKindsAreRefusedByName) {
+TEST(Job, NamesTheKeyOfAWrongKind) {
   EXPECT_THAT(refusalOf(Value::list({})), HasSubstr("the job is no dictionary"));
   EXPECT_THAT(refusalOf(Value::map({{"Program", "/p"}})), HasSubstr("has no key \"Label\""));
   EXPECT_THAT(refusalOf(Value::map({{"Label", 1}, {"Program", "/p"}})),
@@ -219,7 +219,7 @@ TEST(Job, WrongKindsAreRefusedByName) {
   }
 }
 
-TEST(Job, LabelsAreBoundedAsTheNameOfAFile) {
+TEST(Job, BoundsLabelsByFileNameLength) {
   const auto labelled = [](std::string label) {
     return Value::map({{"Label", std::move(label)}, {"Program", "/p"}});
   };
@@ -234,7 +234,7 @@ TEST(Job, LabelsAreBoundedAsTheNameOfAFile) {
   EXPECT_TRUE(jobOf(labelled("../../etc/x y%n\n")));
 }
 
-TEST(Job, PathsMustFitOnALine) {
+TEST(Job, RefusesPathsThatDoNotFitOnALine) {
   const auto at = [](std::string path) {
     return Value::map({{"Label", "l"}, {"Program", std::move(path)}});
   };
@@ -249,7 +249,7 @@ TEST(Job, PathsMustFitOnALine) {
   EXPECT_FALSE(jobOf(at("/" + std::string(kPathBytes, 'a'))));
 }
 
-TEST(Job, TextsAreBoundedInSumAndCount) {
+TEST(Job, BoundsTextsInTotalSizeAndCount) {
   const auto with = [](std::size_t count, std::size_t size) {
     return jobWith(
         {{"ProgramArguments", Value(Value::List(count, Value(std::string(size, 'a'))))}});
@@ -265,7 +265,7 @@ TEST(Job, TextsAreBoundedInSumAndCount) {
   EXPECT_FALSE(jobOf(jobWith({{"EnvironmentVariables", Value::map({{"A", 1}})}})));
 }
 
-TEST(Job, MachServicesMustFitWhereSocketsAre) {
+TEST(Job, RefusesMachServicesThatCannotBeSocketNames) {
   EXPECT_EQ(problemOfMachService("com.vantor.keeld.mail"), "");
   EXPECT_EQ(problemOfMachService("a%n\""), "");
   for (const char* unfit :
@@ -288,17 +288,17 @@ TEST(Job, MachServicesMustFitWhereSocketsAre) {
 }
 
 // 0xc3 0xbc is one character.
-TEST(Job, LongLabelIsNotCutInsideACharacter) {
-  const auto toldOf = [](const std::string& label) {
+TEST(Job, CutsALongLabelBetweenCharacters) {
+  const auto errorFor = [](const std::string& label) {
     return jobOf(Value::map({{"Label", label}, {"Umask", false}})).error().description();
   };
-  EXPECT_THAT(toldOf(std::string(99, 'a') + "\xc3\xbc" + "b"),
+  EXPECT_THAT(errorFor(std::string(99, 'a') + "\xc3\xbc" + "b"),
               testing::HasSubstr("\"" + std::string(99, 'a') + "\"..."));
-  EXPECT_THAT(toldOf(std::string(98, 'a') + "\xc3\xbc" + "b"),
+  EXPECT_THAT(errorFor(std::string(98, 'a') + "\xc3\xbc" + "b"),
               testing::HasSubstr("\"" + std::string(98, 'a') + "\xc3\xbc\"..."));
 }
 
-TEST(Job, AccountsAreNames) {
+TEST(Job, RefusesNumericAccounts) {
   for (const char* unfit : {"", "-x", ".x", "a b", "a%n", "a\n", "root:root", "0", "1000"}) {
     EXPECT_FALSE(jobOf(jobWith({{"UserName", unfit}}))) << unfit;
   }

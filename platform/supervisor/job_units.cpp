@@ -16,19 +16,19 @@ namespace keel {
 
 namespace {
 
-// Nothing else paces a job's restarts (StartLimitIntervalSec=0): without a pause one that fails at
-// once keeps systemd busy.
-constexpr std::chrono::seconds kLeastPause{1};
+// The only throttle on a job's restarts (StartLimitIntervalSec=0): without it a job that fails
+// immediately keeps systemd busy.
+constexpr std::chrono::seconds kMinPause{1};
 
-// A unit's text, line by line.
+// Builds a unit's text line by line.
 class Text {
  public:
   explicit Text(const Job& job) {
-    text_ = kUnitMark;
+    text_ = kUnitMarker;
     note(kUnitLabelKey, unitNameOf(job.label));
   }
 
-  // For ourselves; directly behind the mark.
+  // Adds a field for ourselves, directly after the marker.
   void note(std::string_view key, std::string_view value) {
     text_ += fmt::format("{}{}\n", key, value);
   }
@@ -36,7 +36,7 @@ class Text {
   void line(std::string_view key, std::string_view value) {
     text_ += fmt::format("{}={}\n", key, value);
   }
-  // A path, if there is one.
+  // Adds a path unless it is empty.
   void path(std::string_view key, std::string_view prefix, const std::string& value) {
     if (!value.empty()) line(key, fmt::format("{}{}", prefix, plainSetting(value)));
   }
@@ -59,9 +59,8 @@ std::string_view restartOf(const Job& job) {
     case Job::Restart::afterCrash:
       return "on-abnormal";
   }
-  // A program that fails would be started again at once by the next client, or by the one that it
-  // left waiting, until systemd gives its socket up. Starting it once more after a while gives it
-  // the pause, and the socket lives.
+  // Otherwise the next or a still pending client would restart a failed program immediately, until
+  // systemd gives up its socket. A delayed restart throttles it and keeps the socket alive.
   return job.machServices.empty() ? "no" : "on-failure";
 }
 
@@ -97,7 +96,7 @@ void scheduling(Text& text, const Job& job) {
 
 void ending(Text& text, const Job& job) {
   text.line("Restart", restartOf(job));
-  text.line("RestartSec", fmt::format("{}s", std::max(job.throttleInterval, kLeastPause).count()));
+  text.line("RestartSec", fmt::format("{}s", std::max(job.throttleInterval, kMinPause).count()));
   if (job.exitTimeOut) {
     text.line("TimeoutStopSec", job.exitTimeOut->count() == 0
                                     ? "infinity"
@@ -106,7 +105,7 @@ void ending(Text& text, const Job& job) {
   if (job.abandonProcessGroup) text.line("KillMode", "process");
 }
 
-// What nothing starts is enabled all the same, to be started by hand. There is no such target.
+// A job that nothing starts is enabled too, to be started by hand. This target does not exist.
 constexpr const char* kWantedByNobody = "keeld-on-hand.target";
 
 Unit serviceOf(const Job& job, const std::vector<std::string>& sockets, const JobUnits& all) {
@@ -115,7 +114,7 @@ Unit serviceOf(const Job& job, const std::vector<std::string>& sockets, const Jo
   text.note(kUnitStartedKey, fmt::format("{}", fmt::join(all.started, " ")));
   text.section("Unit");
   text.line("Description", plainSetting("Job " + describedText(job.label)));
-  // RestartSec alone paces it.
+  // RestartSec is the only throttle.
   text.line("StartLimitIntervalSec", "0");
   text.section("Service");
   text.line("Type", "exec");
@@ -132,9 +131,9 @@ Unit serviceOf(const Job& job, const std::vector<std::string>& sockets, const Jo
   return {serviceUnitName(job.label), text.take()};
 }
 
-// `also`: what is enabled with it.
-Unit socketOf(const Job& job, std::size_t place, const std::vector<std::string>& also) {
-  const std::string& name = job.machServices[place];
+// `also` lists the units enabled with it.
+Unit socketOf(const Job& job, std::size_t index, const std::vector<std::string>& also) {
+  const std::string& name = job.machServices[index];
   Text text(job);
   text.note(kUnitMachServiceKey, unitNameOf(name));
   text.section("Unit");
@@ -150,7 +149,7 @@ Unit socketOf(const Job& job, std::size_t place, const std::vector<std::string>&
   text.section("Install");
   text.line("WantedBy", "sockets.target");
   if (!also.empty()) text.line("Also", fmt::format("{}", fmt::join(also, " ")));
-  return {socketUnitName(job.label, place), text.take()};
+  return {socketUnitName(job.label, index), text.take()};
 }
 
 }  // namespace
@@ -159,26 +158,26 @@ std::string serviceUnitName(std::string_view label) {
   return unitNameOf(label) + ".service";
 }
 
-// ":2" is no escape, so no other label has such a name.
-std::string socketUnitName(std::string_view label, std::size_t place) {
-  return unitNameOf(label) + (place == 0 ? std::string() : fmt::format(":{}", place + 1)) +
+// ":2" is not an escape sequence, so no other label maps to such a name.
+std::string socketUnitName(std::string_view label, std::size_t index) {
+  return unitNameOf(label) + (index == 0 ? std::string() : fmt::format(":{}", index + 1)) +
          ".socket";
 }
 
 JobUnits unitsOf(const Job& job) {
   std::vector<std::string> sockets;
-  for (std::size_t place = 0; place < job.machServices.size(); ++place)
-    sockets.push_back(socketUnitName(job.label, place));
+  for (std::size_t index = 0; index < job.machServices.size(); ++index)
+    sockets.push_back(socketUnitName(job.label, index));
   JobUnits made;
   made.started = sockets;
   if (job.runAtLoad) made.started.push_back(serviceUnitName(job.label));
   made.enabled = sockets.empty() ? serviceUnitName(job.label) : sockets.front();
 
   made.units.push_back(serviceOf(job, sockets, made));
-  for (std::size_t place = 0; place < sockets.size(); ++place) {
+  for (std::size_t index = 0; index < sockets.size(); ++index) {
     made.units.push_back(
-        socketOf(job, place,
-                 place == 0 ? std::vector<std::string>(made.started.begin() + 1, made.started.end())
+        socketOf(job, index,
+                 index == 0 ? std::vector<std::string>(made.started.begin() + 1, made.started.end())
                             : std::vector<std::string>()));
   }
   return made;

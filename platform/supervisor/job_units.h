@@ -9,32 +9,30 @@
 
 namespace keel {
 
-// One unit of systemd: the name of its file, and what stands in it.
+// A systemd unit: its file name and its text.
 struct Unit {
   std::string name;
   std::string text;
 };
 
-// The units that are a job: its service, and one socket for each of its Mach services.
+// The units of a job: its service, and one socket per Mach service.
 struct JobUnits {
   std::vector<Unit> units;  // the service first
-  // Which of them is enabled and disabled for all.
+  // The unit that is enabled and disabled on behalf of all.
   std::string enabled;
-  // Which of them are started when the job is enabled: the sockets, and the service if it runs from
-  // the beginning.
+  // The units started when the job is enabled: the sockets, and the service if it runs at load.
   std::vector<std::string> started;
 };
 
 JobUnits unitsOf(const Job& job);
 
-// Their names, as unitsOf() gives them.
+// Return the names that unitsOf() uses.
 std::string serviceUnitName(std::string_view label);
-std::string socketUnitName(std::string_view label, std::size_t place);
+std::string socketUnitName(std::string_view label, std::size_t index);
 
-// What every unit of ours begins with, and no other does. Then come the job's label, as
-// unitNameOf() writes it, and in a socket its Mach service, in a service what JobUnits says of the
-// job.
-inline constexpr std::string_view kUnitMark =
+// Begins every unit of ours and no other. The job's label follows, escaped by unitNameOf(); then,
+// in a socket, its Mach service and, in a service, the fields of JobUnits.
+inline constexpr std::string_view kUnitMarker =
     "# Made by keeld; changes are lost. Use systemctl edit instead.\n[X-Keel]\n";
 inline constexpr std::string_view kUnitLabelKey = "Label=";
 inline constexpr std::string_view kUnitMachServiceKey = "MachService=";

@@ -88,7 +88,7 @@ TEST(JobUnits, EveryServiceHasASocketAndTheFirstEnablesAll) {
               AllOf(HasSubstr("\nFileDescriptorName=b\n"), Not(HasSubstr("Also="))));
 }
 
-TEST(JobUnits, JobThatNothingStartsIsEnabledAllTheSame) {
+TEST(JobUnits, EnablesAJobThatNothingStarts) {
   const JobUnits made = unitsOf(plainJob());
   EXPECT_EQ(made.enabled, "com.example.job.service");
   EXPECT_TRUE(made.started.empty());
@@ -118,7 +118,7 @@ TEST(JobUnits, RestartFollowsKeepAlive) {
   EXPECT_EQ(line(Job::Restart::afterCrash), "Restart=on-abnormal");
 }
 
-TEST(JobUnits, RestartsAreNeverWithoutAPause) {
+TEST(JobUnits, EveryRestartIsThrottled) {
   Job job = plainJob();
   const auto line = [&](int seconds) {
     job.throttleInterval = std::chrono::seconds(seconds);
@@ -159,8 +159,8 @@ TEST(JobUnits, SettingsFollowTheJob) {
   }
 }
 
-// Whatever a job says, a unit has the lines that we write, and no others.
-TEST(JobUnits, NoTextBecomesALine) {
+// No text of a job can add a line to its unit.
+TEST(JobUnits, NoTextInjectsALine) {
   Job job = plainJob();
   job.label = "x\n[Service]\nExecStartPre=/bin/sh\n%n\\";
   job.arguments = {"a\nExecStartPost=/bin/sh", "\\", "\"\n"};

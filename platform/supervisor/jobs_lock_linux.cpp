@@ -16,7 +16,7 @@ namespace {
 
 std::unexpected<Error> failure(int problem, const std::string& path, const char* why) {
   return std::unexpected(
-      supervisorError(problem, fmt::format("the lock {} cannot be had: {}", path, why)));
+      supervisorError(problem, fmt::format("cannot take the lock {}: {}", path, why)));
 }
 
 }  // namespace
@@ -28,14 +28,13 @@ std::expected<FileDescriptor, Error> lockJobs(const std::string& serviceDirector
   constexpr int kFlags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
   FileDescriptor file(::open(path.c_str(), kFlags, 0600));
   if (!file) return failure(errno, path, std::strerror(errno));
-  // One of fcntl(2), as these stay with the process: those of flock(2) would be shared by its
-  // children.
+  // An fcntl(2) lock belongs to the process; flock(2) locks would be inherited by children.
   struct flock whole{};
   whole.l_type = F_WRLCK;
   whole.l_whence = SEEK_SET;
   if (::fcntl(file.get(), F_SETLK, &whole) == 0) return file;
   if (errno != EAGAIN && errno != EACCES) return failure(errno, path, std::strerror(errno));
-  return failure(EBUSY, path, "another keeld has the jobs here; stop that one first");
+  return failure(EBUSY, path, "another keeld owns the jobs here; stop it first");
 }
 
 }  // namespace keel

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Between fork and exec the child is a copy of a process with many threads, of which it has only
-// the one that forked: whatever lock another held stays locked. So everything that allocates, or
-// looks anything up, is done before (Preparation); the child makes system calls alone, and tells
-// through a pipe which of them failed. The pipe closes with the exec.
+// Between fork and exec the child is a copy of a multi-threaded process with only the forking
+// thread: locks held by others stay locked. So everything that allocates or looks something up
+// happens before (Preparation); the child only makes system calls, and reports through a pipe which
+// one failed. The exec closes the pipe.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
@@ -39,7 +39,7 @@ constexpr const char* kSearchPath =
 constexpr std::size_t kAccountBytesLimit = 1u << 20;
 constexpr std::string_view kListenPid = "LISTEN_PID=";
 
-// What the child does, in this order.
+// The child's steps, in order.
 enum class Step : int {
   session,
   signals,
@@ -68,17 +68,17 @@ struct Account {
   bool changes = false;
 };
 
-// All that the child needs.
+// Everything the child needs.
 struct Preparation {
   const Job* job = nullptr;
   Account account;
-  std::array<std::string, 3> paths;  // of its standard files; empty for keeld's standard error
-  std::array<FileDescriptor, 3> standard;  // those with a path are opened by the child
+  std::array<std::string, 3> paths;        // of its standard files; empty: keeld's standard error
+  std::array<FileDescriptor, 3> standard;  // the child opens those with a path
   std::vector<int> sockets;
-  std::vector<std::string> variables;  // the last one is LISTEN_PID, with room for the number
+  std::vector<std::string> variables;  // the last is LISTEN_PID, with room for the pid
   std::vector<char*> environment;
   std::vector<char*> arguments;
-  std::vector<int> moved;  // as many places as there are sockets
+  std::vector<int> moved;  // one element per socket
   pid_t parent = -1;
   int report = -1;
 };
@@ -158,7 +158,7 @@ std::expected<void, Error> prepareStandard(const Job& job, Preparation& made) {
 void fillEnvironment(const Job& job, const std::vector<NamedSocket>& sockets, Preparation& made) {
   made.variables.emplace_back(kSearchPath);
   for (const auto& [name, value] : job.environment) {
-    // The job's own value takes the place of ours.
+    // The job's own value overrides ours.
     const std::string beginning = name + "=";
     std::erase_if(made.variables,
                   [&](const std::string& variable) { return variable.starts_with(beginning); });
@@ -169,7 +169,7 @@ void fillEnvironment(const Job& job, const std::vector<NamedSocket>& sockets, Pr
     for (const NamedSocket& socket : sockets) names += (names.empty() ? "" : ":") + socket.name;
     made.variables.push_back(fmt::format("LISTEN_FDS={}", sockets.size()));
     made.variables.push_back("LISTEN_FDNAMES=" + names);
-    // Room for any process id, and the NUL behind it.
+    // Room for any process id and the NUL.
     made.variables.push_back(std::string(kListenPid) + std::string(16, '\0'));
   }
   for (std::string& variable : made.variables) made.environment.push_back(variable.data());
@@ -185,7 +185,7 @@ std::expected<void, Error> prepare(const Job& job, const std::vector<NamedSocket
   if (auto prepared = prepareStandard(job, made); !prepared) return prepared;
   for (const NamedSocket& socket : sockets) {
     made.sockets.push_back(socket.descriptor);
-    // The program may well accept in a loop; keeld itself never accepts.
+    // The program may use blocking accepts; keeld never accepts on it.
     ::fcntl(socket.descriptor, F_SETFL, ::fcntl(socket.descriptor, F_GETFL) & ~O_NONBLOCK);
   }
   made.moved.resize(sockets.size());
@@ -202,13 +202,13 @@ std::expected<void, Error> prepare(const Job& job, const std::vector<NamedSocket
 bool resetSignals() {
   struct sigaction standard{};
   standard.sa_handler = SIG_DFL;
-  // Those that cannot be set are as they should be.
+  // Signals that cannot be set already have the right disposition.
   for (int signal = 1; signal < NSIG; ++signal) ::sigaction(signal, &standard, nullptr);
   sigset_t none;
   return ::sigemptyset(&none) == 0 && ::sigprocmask(SIG_SETMASK, &none, nullptr) == 0;
 }
 
-// Neither call reports a failure.
+// These calls report no failure.
 bool openFilesAs(uid_t user, gid_t group) {
   ::setfsgid(group);
   ::setfsuid(user);
@@ -220,8 +220,7 @@ bool openFilesAs(uid_t user, gid_t group) {
   return false;
 }
 
-// No open() waits for the other end of a named pipe, and no link leads from a directory of the
-// job's user to another file.
+// Never blocks on a FIFO, and never follows a link out of a directory of the job's user.
 bool openStandardFile(Preparation& made, std::size_t number) {
   const std::string& path = made.paths[number];
   if (path.empty()) return true;
@@ -232,7 +231,7 @@ bool openStandardFile(Preparation& made, std::size_t number) {
          ::fcntl(made.standard[number].get(), F_SETFL, flags & O_APPEND) == 0;
 }
 
-// With the rights of the job's user. The groups stay: it becomes that user soon.
+// Opens with the job's user's rights. The groups stay; the child is about to become that user.
 bool openStandard(Preparation& made, Step& step) {
   step = Step::rights;
   const Account& account = made.account;
@@ -250,7 +249,7 @@ bool openStandard(Preparation& made, Step& step) {
   return openFilesAs(::geteuid(), ::getegid());
 }
 
-// Out of one another's way first: a number that is wanted for one may be in use by another.
+// Moves them out of the way first: one's target number may be in use by another.
 bool arrangeDescriptors(Preparation& made) {
   const int count = static_cast<int>(made.sockets.size());
   const int free = kFirstPassed + count;
@@ -299,7 +298,7 @@ bool become(const Account& account) {
          ::setresuid(account.uid, account.uid, account.uid) == 0;
 }
 
-// A change of the user would undo it, so it comes last.
+// Last, because changing the user would undo it.
 bool endWithParent(pid_t parent) {
   return ::prctl(PR_SET_PDEATHSIG, SIGTERM) == 0 && ::getppid() == parent;
 }
@@ -337,7 +336,7 @@ void writeOwnProcessId(Preparation& made) {
     ::execve(job.program.c_str(), made.arguments.data(), made.environment.data());
   }
   const Report report{step, errno};
-  // Nobody to tell when that fails, too.
+  // If this fails too, there is nowhere to report it.
   [[maybe_unused]] const ssize_t written = ::write(made.report, &report, sizeof(report));
   ::_exit(127);
 }
@@ -404,13 +403,13 @@ std::expected<LaunchedProcess, Error> launch(const Job& job,
 
   const pid_t pid = ::fork();
   if (pid == 0) runChild(made);
-  if (pid < 0) return failure(job, errno, "a new process");
+  if (pid < 0) return failure(job, errno, "fork");
   writing.reset();
   if (const auto report = reportOf(reading.get())) {
     ::waitpid(pid, nullptr, 0);
     return failure(job, report->problem, describe(report->step, made));
   }
-  // Nobody else reaps our children, so that the number is still this one's.
+  // Nothing else reaps our children, so the pid is still this child's.
   FileDescriptor pidfd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
   if (!pidfd) {
     const int problem = errno;

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Talks to systemd over the system bus, or, where there is none that works, over the socket on
-// which systemctl(1) talks to it as root.
+// Calls systemd over the system bus or, if that does not work, over the private socket that
+// systemctl(1) uses as root.
 //
-// keeld asks while it is itself being started by systemd. That is safe as long as it waits for no
-// job that waits for keeld: of jobs it waits for those of sockets alone, which nothing orders
-// behind keeld, and for those not beyond a deadline. A system bus that is not up yet is started by
-// the very connection; and each call has its deadline.
+// keeld calls systemd while systemd is starting keeld. That cannot deadlock as long as keeld never
+// waits for a job that waits for keeld: it only waits for socket jobs, which nothing orders after
+// keeld, and only up to a deadline. Connecting starts a system bus that is not up yet, and every
+// call has a deadline.
 //
-// Whoever has missed a deadline is not asked again for a while: the modules are many, and keeld
+// After a missed deadline the peer is not called for a while: there are many modules, and keeld
 // must start.
 #include <fmt/format.h>
 #include <systemd/sd-bus.h>
@@ -31,13 +31,13 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::microseconds;
 
-// To connect to one bus. Nobody is there to answer within this unless somebody is within a second.
+// Limit for connecting to one bus. A bus that works answers within a second.
 constexpr std::chrono::seconds kConnectDeadline{3};
-// One call. Reloading a thousand units takes one second.
+// Limit for one call. Reloading a thousand units takes one second.
 constexpr std::chrono::seconds kCallDeadline{10};
-// A socket is made within a millisecond; one that must wait for something else is not waited for.
+// Creating a socket takes a millisecond; longer means it depends on something else, so do not wait.
 constexpr std::chrono::seconds kJobDeadline{2};
-// How long somebody who missed a deadline is not asked.
+// Back-off after a missed deadline.
 constexpr std::chrono::seconds kSilence{30};
 
 constexpr const char* kPrivateAddress = "unix:path=/run/systemd/private";
@@ -113,8 +113,8 @@ class SystemdManager final : public SystemManager {
     return supervisorError(EBADMSG, fmt::format("systemd answered {} with something else", method));
   }
 
-  // Asks once more over a new connection when the old one turns out to be lost: systemd drops it
-  // when it executes itself anew.
+  // Retries once over a new connection if the old one is lost: systemd drops it when it
+  // re-executes.
   template <class... Arguments>
   Answer call(const char* method, const std::string& unit, const char* types,
               Arguments... arguments) {
@@ -150,7 +150,7 @@ class SystemdManager final : public SystemManager {
     return unit.empty() ? std::string(method) : fmt::format("{} of {}", method, unit);
   }
 
-  // What to tell, and what to think of the connection.
+  // Maps a failed call to an error, and updates the state of the connection.
   Error failed(const char* method, const std::string& unit, int status, sd_bus_error& problem) {
     Error error = errorOf(method, unit, status, &problem);
     sd_bus_error_free(&problem);
@@ -176,31 +176,30 @@ class SystemdManager final : public SystemManager {
 
   bool silent() const { return silentUntil_ && Clock::now() < *silentUntil_; }
 
-  // Whether systemd can be asked, and is to be.
+  // Connects if necessary; fails during the back-off.
   Done ready(const char* method, const std::string& unit) {
     if (!silent()) return connect();
     return std::unexpected(supervisorError(
-        ETIMEDOUT,
-        fmt::format("systemd is not asked for {}: it did not answer before", named(method, unit))));
+        ETIMEDOUT, fmt::format("systemd is not called for {}: it did not answer before",
+                               named(method, unit))));
   }
 
   Done connect() {
     if (bus_ != nullptr) return {};
     const int bySystemBus = open(&SystemdManager::openSystemBus, kSystemdDestination);
     if (bySystemBus >= 0) return {};
-    // There nobody else is, and nobody has a name.
+    // A private connection has no other peer and no bus names.
     const int byPrivate = open(&SystemdManager::openPrivate, /*sender=*/nullptr);
     if (byPrivate >= 0) return {};
     if (byPrivate == -ETIMEDOUT) silentUntil_ = Clock::now() + kSilence;
-    // Whatever the reason, which may be that a socket is missing: ENOENT would say that systemd
-    // knows no such unit.
+    // Hides the errno, which may be ENOENT for a missing socket: that would mean an unknown unit.
     return std::unexpected(supervisorError(
         ENOTCONN,
         fmt::format("systemd cannot be reached, neither over the system bus ({}) nor directly ({})",
                     std::strerror(-bySystemBus), std::strerror(-byPrivate))));
   }
 
-  // Opens with `openBus` and waits until it can be used.
+  // Opens with `openBus` and waits until the bus is ready.
   int open(int (*openBus)(sd_bus** bus), const char* sender) {
     const auto deadline = Clock::now() + kConnectDeadline;
     sd_bus* raw = nullptr;
@@ -214,8 +213,7 @@ class SystemdManager final : public SystemManager {
     status = sd_bus_match_signal(bus.get(), nullptr, sender, kSystemdPath, kSystemdManager,
                                  "JobRemoved", &SystemdManager::jobRemoved, this);
     if (status < 0) return status;
-    // Without it systemd tells nobody of its jobs. Answered with an error when somebody of this
-    // connection did it before.
+    // Without it systemd sends no job signals. Fails if this connection is already subscribed.
     status = sd_bus_call_method(bus.get(), kSystemdDestination, kSystemdPath, kSystemdManager,
                                 "Subscribe", nullptr, nullptr, "");
     if (status == -ETIMEDOUT) return status;

@@ -2,8 +2,8 @@
 #include <systemd/sd-daemon.h>
 
 #include "platform/product/product.h"
+#include "platform/supervisor/budgeted_system_manager.h"
 #include "platform/supervisor/embedded_supervisor.h"
-#include "platform/supervisor/patient_system_manager.h"
 #include "platform/supervisor/systemd_supervisor.h"
 #include "runtime/dispatch/system.h"
 #include "runtime/dispatch/worker_pool.h"
@@ -15,7 +15,7 @@ namespace {
 
 Supervisor* makeSupervisor() {
   if (sd_booted() > 0)
-    return new SystemdSupervisor(std::make_unique<PatientSystemManager>(connectSystemManager()),
+    return new SystemdSupervisor(std::make_unique<BudgetedSystemManager>(connectSystemManager()),
                                  UnitStore());
   return new EmbeddedSupervisor({.serviceDirectory = kServiceDirectory,
                                  .reactor = ioReactor(),
@@ -25,7 +25,7 @@ Supervisor* makeSupervisor() {
 
 }  // namespace
 
-// Never destroyed: its jobs use it while the process ends.
+// Never destroyed: its jobs use it until the process exits.
 Supervisor& systemSupervisor() {
   static Supervisor* const supervisor = makeSupervisor();
   return *supervisor;

@@ -11,7 +11,7 @@
 #include <iterator>
 #include <map>
 
-#include "platform/supervisor/patient_system_manager.h"
+#include "platform/supervisor/budgeted_system_manager.h"
 #include "platform/supervisor/supervisor_error.h"
 #include "runtime/foundation/temporary_folder.h"
 
@@ -22,16 +22,16 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-// Records what is asked of it, and answers as it is told.
+// Records its calls and returns preset answers.
 class FakeManager final : public SystemManager {
  public:
   struct Told {
     std::vector<std::string> calls;
     std::map<std::string, std::string> states;
     std::vector<std::string> unitPath;
-    std::string failing;  // a call, as it is recorded
-    // What time it is, and how much of it a call takes.
-    PatientSystemManager::Clock::time_point now{};
+    std::string failing;  // a call, as recorded
+    // The current time, and the duration of a call.
+    BudgetedSystemManager::Clock::time_point now{};
     std::chrono::seconds delay{0};
   };
   explicit FakeManager(Told& told) : told_(told) {}
@@ -76,7 +76,7 @@ class SystemdSupervisorTest : public testing::Test {
     restart();
   }
 
-  // As with keeld's next start.
+  // As after a restart of keeld.
   void restart() {
     supervisor_ = std::make_unique<SystemdSupervisor>(
         std::make_unique<FakeManager>(told_),
@@ -96,7 +96,7 @@ class SystemdSupervisorTest : public testing::Test {
     for (const char* name : names) map.push_back({name, true});
     return {"MachServices", Value(map)};
   }
-  // Empty when it worked.
+  // Returns the error text, empty on success.
   std::string create(const Value& job) {
     Error error;
     return supervisor_->QZSupervisorCreateService(nullptr, job, &error) ? "" : error.description();
@@ -130,7 +130,7 @@ TEST_F(SystemdSupervisorTest, AuthorizationIsNeverNull) {
       nullptr);
 }
 
-TEST_F(SystemdSupervisorTest, NewJobIsWrittenStartedAndThenEnabled) {
+TEST_F(SystemdSupervisorTest, WritesStartsAndThenEnablesANewJob) {
   EXPECT_FALSE(isEnabled("a"));
   EXPECT_FALSE(error_);
   EXPECT_THAT(takeCalls(), IsEmpty());
@@ -143,7 +143,7 @@ TEST_F(SystemdSupervisorTest, NewJobIsWrittenStartedAndThenEnabled) {
   EXPECT_TRUE(isEnabled("a"));
 }
 
-TEST_F(SystemdSupervisorTest, UnitsAreReadableForAllAndNothingElseIsLeft) {
+TEST_F(SystemdSupervisorTest, UnitsAreWorldReadableAndNoTemporaryFileIsLeft) {
   ASSERT_EQ(create(job("a", {services({"s"})})), "");
   struct stat status{};
   ASSERT_EQ(::stat((runtime() + "/a.service").c_str(), &status), 0);
@@ -153,7 +153,7 @@ TEST_F(SystemdSupervisorTest, UnitsAreReadableForAllAndNothingElseIsLeft) {
   EXPECT_EQ(count, 2u);
 }
 
-TEST_F(SystemdSupervisorTest, EnabledJobCostsOneQuestion) {
+TEST_F(SystemdSupervisorTest, AnEnabledJobCostsOneCall) {
   ASSERT_EQ(create(job("a", {services({"s1", "s2"})})), "");
   ASSERT_EQ(enable("a"), "");
   restart();
@@ -162,7 +162,7 @@ TEST_F(SystemdSupervisorTest, EnabledJobCostsOneQuestion) {
   EXPECT_THAT(takeCalls(), ElementsAre("state a.socket"));
 }
 
-TEST_F(SystemdSupervisorTest, JobThatLastsIsPersistent) {
+TEST_F(SystemdSupervisorTest, WritesANonTransientJobToThePersistentFolder) {
   EXPECT_EQ(create(Value::map({{"Label", "a"}, {"Program", "/p"}, {"RunAtLoad", true}})), "");
   EXPECT_TRUE(std::filesystem::exists(persistent() + "/a.service"));
   takeCalls();
@@ -170,14 +170,14 @@ TEST_F(SystemdSupervisorTest, JobThatLastsIsPersistent) {
   EXPECT_THAT(takeCalls(), ElementsAre("start a.service", "enable a.service"));
 }
 
-TEST_F(SystemdSupervisorTest, JobThatCannotBeStartedIsNotEnabled) {
+TEST_F(SystemdSupervisorTest, DoesNotEnableAJobThatFailsToStart) {
   ASSERT_EQ(create(job("a", {services({"s"})})), "");
   told_.failing = "start a.socket";
   EXPECT_THAT(enable("a"), HasSubstr("no start a.socket"));
   EXPECT_FALSE(isEnabled("a"));
 }
 
-TEST_F(SystemdSupervisorTest, JobThatIsNotEnabledInTheEndIsStopped) {
+TEST_F(SystemdSupervisorTest, StopsAJobThatCannotBeEnabled) {
   ASSERT_EQ(create(job("a", {services({"s1", "s2", "s3"})})), "");
   takeCalls();
   told_.failing = "start a:2.socket";
@@ -191,26 +191,26 @@ TEST_F(SystemdSupervisorTest, JobThatIsNotEnabledInTheEndIsStopped) {
                                        "stop a:2.socket", "stop a:3.socket"));
 }
 
-TEST_F(SystemdSupervisorTest, SlowSystemdIsNotAskedForEver) {
-  const auto manager = std::make_unique<PatientSystemManager>(std::make_unique<FakeManager>(told_),
-                                                              [&] { return told_.now; });
+TEST_F(SystemdSupervisorTest, StopsCallingASlowSystemd) {
+  const auto manager = std::make_unique<BudgetedSystemManager>(std::make_unique<FakeManager>(told_),
+                                                               [&] { return told_.now; });
   told_.delay = std::chrono::seconds(1);
-  for (int round = 0; round < PatientSystemManager::kPatience.count(); ++round)
+  for (int round = 0; round < BudgetedSystemManager::kBudget.count(); ++round)
     EXPECT_TRUE(manager->unitFileState("a"));
-  EXPECT_EQ(takeCalls().size(), static_cast<std::size_t>(PatientSystemManager::kPatience.count()));
+  EXPECT_EQ(takeCalls().size(), static_cast<std::size_t>(BudgetedSystemManager::kBudget.count()));
   for (const auto& refused :
        {manager->reload(), manager->start("a"), manager->stop("a"), manager->enable("a", true)}) {
     ASSERT_FALSE(refused);
     EXPECT_EQ(refused.error().code(), ETIMEDOUT);
-    EXPECT_THAT(refused.error().description(), HasSubstr("its answers took 120 s in all"));
+    EXPECT_THAT(refused.error().description(), HasSubstr("its replies took 120 s in all"));
   }
   EXPECT_FALSE(manager->unitPath());
   EXPECT_THAT(takeCalls(), IsEmpty());
 }
 
-// What is not spent waiting for it does not count.
-TEST_F(SystemdSupervisorTest, SystemdIsAskedAsLongAsItAnswersInTime) {
-  PatientSystemManager manager(std::make_unique<FakeManager>(told_), [&] { return told_.now; });
+// Only time spent in calls counts.
+TEST_F(SystemdSupervisorTest, KeepsCallingWithinTheBudget) {
+  BudgetedSystemManager manager(std::make_unique<FakeManager>(told_), [&] { return told_.now; });
   for (int round = 0; round < 10; ++round) {
     told_.now += std::chrono::hours(1);
     EXPECT_TRUE(manager.reload());
@@ -218,7 +218,7 @@ TEST_F(SystemdSupervisorTest, SystemdIsAskedAsLongAsItAnswersInTime) {
   EXPECT_EQ(takeCalls().size(), 10u);
 }
 
-TEST_F(SystemdSupervisorTest, ErrorOfSystemdIsTold) {
+TEST_F(SystemdSupervisorTest, ReportsErrorsOfSystemd) {
   ASSERT_EQ(create(job("a", {services({"s"})})), "");
   told_.failing = "state a.socket";
   EXPECT_FALSE(isEnabled("a"));
@@ -229,7 +229,7 @@ TEST_F(SystemdSupervisorTest, ErrorOfSystemdIsTold) {
   EXPECT_FALSE(std::filesystem::exists(runtime() + "/b.service"));
 }
 
-TEST_F(SystemdSupervisorTest, UnitsOfOthersAreLeftAlone) {
+TEST_F(SystemdSupervisorTest, LeavesForeignUnitsAlone) {
   put(runtime() + "/a.service", "[Service]\nExecStart=/bin/true\n");
   EXPECT_THAT(create(job("a")), HasSubstr("/a.service is there already, and not keeld's"));
   EXPECT_EQ(content(runtime() + "/a.service"), "[Service]\nExecStart=/bin/true\n");
@@ -242,13 +242,13 @@ TEST_F(SystemdSupervisorTest, UnitsOfOthersAreLeftAlone) {
   EXPECT_THAT(create(job("dbus")), HasSubstr("/dbus.service is there already"));
   EXPECT_FALSE(std::filesystem::exists(runtime() + "/dbus.service"));
 
-  // Masked.
+  // A masked unit.
   std::filesystem::create_symlink("/dev/null", runtime() + "/m.socket");
   EXPECT_THAT(create(job("m", {services({"s"})})), HasSubstr("/m.socket is there already"));
   EXPECT_FALSE(std::filesystem::exists(runtime() + "/m.service"));
 }
 
-TEST_F(SystemdSupervisorTest, WhatIsOursByTheMarkAloneIsReplaced) {
+TEST_F(SystemdSupervisorTest, ReplacesAUnitThatHasOnlyTheMarker) {
   ASSERT_EQ(create(job("a")), "");
   const std::string former = content(runtime() + "/a.service");
   takeCalls();
@@ -259,7 +259,7 @@ TEST_F(SystemdSupervisorTest, WhatIsOursByTheMarkAloneIsReplaced) {
   EXPECT_EQ(content(runtime() + "/a.service"), former);
 }
 
-TEST_F(SystemdSupervisorTest, ChangedJobIsStoppedAndReadAgainOnce) {
+TEST_F(SystemdSupervisorTest, StopsAChangedJobAndReloadsOnce) {
   ASSERT_EQ(create(job("a", {services({"s1", "s2"})})), "");
   ASSERT_EQ(enable("a"), "");
   takeCalls();
@@ -275,14 +275,14 @@ TEST_F(SystemdSupervisorTest, ChangedJobIsStoppedAndReadAgainOnce) {
   EXPECT_THAT(takeCalls(), ElementsAre("start b.socket", "enable-runtime b.socket"));
 }
 
-TEST_F(SystemdSupervisorTest, JobThatBecomesTransientLeavesNothingPersistent) {
+TEST_F(SystemdSupervisorTest, AJobThatBecomesTransientLeavesNoPersistentUnits) {
   ASSERT_EQ(create(Value::map({{"Label", "a"}, {"Program", "/p"}})), "");
   ASSERT_EQ(create(job("a")), "");
   EXPECT_FALSE(std::filesystem::exists(persistent() + "/a.service"));
   EXPECT_TRUE(std::filesystem::exists(runtime() + "/a.service"));
 }
 
-TEST_F(SystemdSupervisorTest, ServiceOfAnotherJobIsRefused) {
+TEST_F(SystemdSupervisorTest, RefusesAServiceOfAnotherJob) {
   ASSERT_EQ(create(job("a", {services({"s"})})), "");
   EXPECT_THAT(create(job("b", {services({"s"})})),
               HasSubstr("s is a service of the job a already"));
@@ -292,7 +292,7 @@ TEST_F(SystemdSupervisorTest, ServiceOfAnotherJobIsRefused) {
   EXPECT_FALSE(std::filesystem::exists(runtime() + "/b.service"));
 }
 
-TEST_F(SystemdSupervisorTest, DisablingEndsIt) {
+TEST_F(SystemdSupervisorTest, DisablingStopsTheJob) {
   ASSERT_EQ(create(job("a", {services({"s"})})), "");
   ASSERT_EQ(enable("a"), "");
   takeCalls();
@@ -302,7 +302,7 @@ TEST_F(SystemdSupervisorTest, DisablingEndsIt) {
   EXPECT_FALSE(isEnabled("a"));
 }
 
-TEST_F(SystemdSupervisorTest, LabelsThatLeadElsewhereStayInTheFolder) {
+TEST_F(SystemdSupervisorTest, LabelsCannotEscapeTheFolder) {
   EXPECT_EQ(create(job("../../etc/x")), "");
   EXPECT_TRUE(std::filesystem::exists(runtime() + "/:2e.:2f..:2fetc:2fx.service"));
   EXPECT_EQ(enable("../../etc/x"), "");
@@ -314,24 +314,24 @@ TEST_F(SystemdSupervisorTest, LabelsThatLeadElsewhereStayInTheFolder) {
   EXPECT_THAT(enable(std::string(1u << 20, '/').c_str()), HasSubstr("1048576 bytes"));
 }
 
-TEST_F(SystemdSupervisorTest, JobThatIsNotThereCannotBeEnabled) {
+TEST_F(SystemdSupervisorTest, RefusesToEnableAMissingJob) {
   EXPECT_THAT(enable("a"), HasSubstr("there is no job with the unit a.service"));
   EXPECT_THAT(takeCalls(), IsEmpty());
 }
 
-TEST_F(SystemdSupervisorTest, JobThatWasRefusedCannotBeEnabledForThatReason) {
+TEST_F(SystemdSupervisorTest, EnablingARefusedJobReportsWhyItWasRefused) {
   EXPECT_NE(create(Value::map({{"Label", "a"}})), "");
   EXPECT_THAT(enable("a"), HasSubstr("has neither \"Program\""));
   EXPECT_THAT(enable("b"), HasSubstr("there is no job"));
 }
 
-TEST_F(SystemdSupervisorTest, FolderThatCannotBeWrittenIsToldOf) {
+TEST_F(SystemdSupervisorTest, ReportsAFolderThatCannotBeWritten) {
   std::filesystem::remove_all(runtime());
   put(runtime(), "a file");
   EXPECT_THAT(create(job("a")), HasSubstr(runtime()));
 }
 
-TEST_F(SystemdSupervisorTest, NullErrorSlotIsAllowed) {
+TEST_F(SystemdSupervisorTest, AllowsANullError) {
   EXPECT_FALSE(supervisor_->QZSupervisorCreateService(nullptr, Value(), nullptr));
   EXPECT_FALSE(supervisor_->QZSupervisorSetServiceEnabled(nullptr, nullptr, false, nullptr));
   EXPECT_FALSE(supervisor_->QZSupervisorGetServiceEnabled(nullptr, nullptr, nullptr));

@@ -22,11 +22,11 @@ namespace keel {
 
 namespace {
 
-// Our units are a few KiB; kTextsBytes of arguments and environment, with every byte escaped, are
-// below this.
+// Our units take a few KiB; kTextsBytes of arguments and of environment, fully escaped, stay below
+// this.
 constexpr std::size_t kUnitBytes = 2u << 20;
 
-// None when there is no such file; empty when it is not a file that could be ours.
+// Returns nothing if there is no such file; an empty text if the file cannot be ours.
 std::optional<std::string> contentOf(const std::string& path) {
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file)
@@ -54,12 +54,12 @@ std::vector<std::string> wordsOf(std::string_view text) {
   return words;
 }
 
-// None when the text lacks the mark.
+// Returns nothing if the text lacks the marker.
 std::optional<UnitStore::Stored> notesOf(UnitStore::Place place, std::string text) {
-  if (!text.starts_with(kUnitMark)) return std::nullopt;
+  if (!text.starts_with(kUnitMarker)) return std::nullopt;
   UnitStore::Stored stored;
   stored.place = place;
-  std::string_view rest = std::string_view(text).substr(kUnitMark.size());
+  std::string_view rest = std::string_view(text).substr(kUnitMarker.size());
   for (;;) {
     const std::string_view line = rest.substr(0, rest.find('\n'));
     if (line.empty()) break;
@@ -125,7 +125,7 @@ std::expected<bool, Error> UnitStore::write(Place place, const Unit& unit) {
   const std::string directory = pathOf(place, "");
   if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST)
     return failure("make the folder", directory);
-  // systemd overlooks names that begin with a dot.
+  // systemd ignores names that begin with a dot.
   std::string temporary = directory + ".keeld-XXXXXX";
   const FileDescriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
   if (!file) return failure("write into", directory);

@@ -9,11 +9,11 @@
 namespace keel {
 namespace {
 
-TEST(UnitName, KeepsWhatEverybodyWrites) {
+TEST(UnitName, KeepsOrdinaryLabels) {
   EXPECT_EQ(unitNameOf("com.vantor.keeld.mail-2_x"), "com.vantor.keeld.mail-2_x");
 }
 
-TEST(UnitName, LeadsNowhereElse) {
+TEST(UnitName, CannotEscapeTheFolder) {
   EXPECT_EQ(unitNameOf("../../etc/x"), ":2e.:2f..:2fetc:2fx");
   EXPECT_EQ(unitNameOf("-.mount"), ":2d.mount");
   EXPECT_EQ(unitNameOf("a b%n\n@"), "a:20b:25n:0a:40");
@@ -36,7 +36,7 @@ TEST(UnitName, DiffersForDifferentTexts) {
   EXPECT_EQ(names.size(), count);
 }
 
-TEST(QuotedWord, EndsWhereItEnds) {
+TEST(QuotedWord, EscapesQuotes) {
   EXPECT_EQ(quotedWord(""), "\"\"");
   EXPECT_EQ(quotedWord("a b"), "\"a b\"");
   EXPECT_EQ(quotedWord("a\"b\\"), "\"a\\\"b\\\\\"");
@@ -53,7 +53,7 @@ TEST(PlainSetting, HasNoSpecifiers) {
   EXPECT_EQ(plainSetting("/a b/%n"), "/a b/%%n");
 }
 
-TEST(DescribedText, StaysOnItsLine) {
+TEST(DescribedText, IsASingleLine) {
   EXPECT_EQ(describedText("a\n\x01\\b"), "a???b");
 }
 

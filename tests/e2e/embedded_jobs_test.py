@@ -79,7 +79,7 @@ class Embedded(JobsTest):
         first = ask("com.e.again")
         # Not that of keeld's own thread which starts it.
         self.assertEqual(first["nice"], 0)
-        self.daemon.wait_for_log("the job com.e.again ended with status 0")
+        self.daemon.wait_for_log("the job com.e.again exited with status 0")
         self.assertNotEqual(ask("com.e.again")["pid"], first["pid"])
 
     def test_is_watched_even_if_sigchld_was_ignored(self):
@@ -87,7 +87,7 @@ class Embedded(JobsTest):
         self.bundle("again")
         self.daemon = self.start(before_exec=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
         first = ask("com.e.again")
-        self.daemon.wait_for_log("the job com.e.again ended with status 0")
+        self.daemon.wait_for_log("the job com.e.again exited with status 0")
         self.assertNotEqual(ask("com.e.again")["pid"], first["pid"])
 
     def test_that_crashes_at_once_is_paused(self):
@@ -101,7 +101,7 @@ class Embedded(JobsTest):
         self.daemon = self.start()
         caller = Caller("com.e.crash")
         self.addCleanup(caller.close)
-        self.daemon.wait_for_log(re.compile(r"the job com.e.crash was ended by signal 11 .*"), level="error")
+        self.daemon.wait_for_log(re.compile(r"the job com.e.crash was killed by signal 11 .*"), level="error")
 
     def test_ends_with_keeld_however_that_ends(self):
         self.bundle("end")
@@ -151,7 +151,7 @@ class Embedded(JobsTest):
         self.bundle("removed")
         self.daemon = self.start()
         self.assertEqual(ask("com.e.changed")["environment"]["A"], "old")
-        self.daemon.wait_for_log("the job com.e.changed ended with status 0")
+        self.daemon.wait_for_log("the job com.e.changed exited with status 0")
         self.assertEqual(self.daemon.stop(), 0)
         # Nobody listens meanwhile.
         for name in ("changed", "removed"):
@@ -178,7 +178,7 @@ class Embedded(JobsTest):
         failures = second.logged(ENABLING_FAILED, "error")
         self.assertEqual(len(failures), 2)
         for failure in failures:
-            self.assertIn("another keeld has the jobs here", failure.text)
+            self.assertIn("another keeld owns the jobs here", failure.text)
         self.assertEqual(shown_jobs(), before)
         with open("/run/loaded") as file:
             self.assertEqual(file.read(), "\n")

@@ -331,7 +331,7 @@ class WithKeeld(DaemonTest):
             with unittest.mock.patch.dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS="unix:path=/run/silent-bus"):
                 self.assertUnknown("systemd did not answer within 5 s")
         with unittest.mock.patch.dict(os.environ, NO_BUS):
-            self.assertUnknown("systemd cannot be asked: No such file or directory")
+            self.assertUnknown("systemd cannot be queried: No such file or directory")
 
     def test_starts_when_systemd_does_not_answer(self):
         self.bundle("frozen")

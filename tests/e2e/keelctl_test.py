@@ -391,7 +391,7 @@ class Subscribe(KeelctlTest):
         self.client().publish({}, "weather")
         told = self.assertExits(COMMAND_FAILED, "subscribe", "weather", "--count", "1", "--", "sh", "-c", "exit 3",
                                 told="subscribed")
-        self.assertIn("ended with status 3", told)
+        self.assertIn("exited with status 3", told)
         told = self.assertExits(COMMAND_FAILED, "subscribe", "weather", "--count", "1", "--", "/no/such/program",
                                 told="subscribed")
         self.assertIn("/no/such/program", told)

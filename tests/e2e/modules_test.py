@@ -82,7 +82,7 @@ class ModulesTest(DaemonTest):
     def wait_for_crash(self, label):
         """Waits until the job's program has died of SIGSEGV, and the job is given a pause."""
         if not os.path.isdir("/run/systemd/system"):
-            self.daemon.wait_for_log(re.compile(f"the job {label} was ended by signal 11 .*"), level="error")
+            self.daemon.wait_for_log(re.compile(f"the job {label} was killed by signal 11 .*"), level="error")
             return
         ask = ["systemctl", "show", "--property=SubState,ExecMainStatus", f"{label}.service"]
         shown = ""

@@ -9,18 +9,18 @@
 
 namespace keel {
 
-// Asks another manager as long as that one's answers have not taken too long in all; from then on
-// each call fails at once (ETIMEDOUT). keeld lets nobody in before its modules are made, and a
-// systemd that answers, but late, would hold it up once for each of them. On one thread.
-class PatientSystemManager final : public SystemManager {
+// Forwards to another manager until its calls have used up a time budget; after that every call
+// fails immediately with ETIMEDOUT. keeld accepts no client before its modules are set up, and a
+// slow systemd would delay it once per module. On one thread.
+class BudgetedSystemManager final : public SystemManager {
  public:
   using Clock = std::chrono::steady_clock;
-  // A thousand modules that are new take a busy machine less than half of it. keeld.service gives
-  // keeld a minute more.
-  static constexpr std::chrono::seconds kPatience{120};
+  // A thousand new modules use less than half of it on a busy machine. keeld.service allows keeld
+  // one minute more.
+  static constexpr std::chrono::seconds kBudget{120};
 
-  explicit PatientSystemManager(std::unique_ptr<SystemManager> manager,
-                                std::function<Clock::time_point()> now = &Clock::now);
+  explicit BudgetedSystemManager(std::unique_ptr<SystemManager> manager,
+                                 std::function<Clock::time_point()> now = &Clock::now);
 
   std::expected<std::vector<std::string>, Error> unitPath() override;
   std::expected<std::string, Error> unitFileState(const std::string& name) override;
