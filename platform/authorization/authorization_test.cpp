@@ -27,7 +27,7 @@ AuthorizationExternalForm formOf(const xpc::PeerIdentity& process) {
 
 class SystemAuthorization : public testing::Test {
  protected:
-  // No bus is found there, so that nothing of this machine is asked.
+  // There is no bus there, so the test does not query this machine.
   SystemAuthorization() {
     ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", /*replace=*/1);
   }
@@ -40,13 +40,13 @@ class SystemAuthorization : public testing::Test {
   AuthorizationRef reference;
 };
 
-TEST_F(SystemAuthorization, AFormCountsForTheProcessThatMadeIt) {
+TEST_F(SystemAuthorization, AcceptsAFormFromItsOwnProcess) {
   EXPECT_EQ(create(formOf(identity()), identity()), errAuthorizationSuccess);
   ASSERT_TRUE(reference);
   EXPECT_EQ(reference->pid, 345);
 }
 
-TEST_F(SystemAuthorization, AFormOfAnotherProcessIsInvalid) {
+TEST_F(SystemAuthorization, RefusesAFormOfAnotherProcess) {
   for (int which = 0; which < 3; ++which) {
     xpc::PeerIdentity other = identity();
     if (which == 0) ++other.pid;
@@ -57,11 +57,11 @@ TEST_F(SystemAuthorization, AFormOfAnotherProcessIsInvalid) {
   EXPECT_FALSE(reference);
 }
 
-TEST_F(SystemAuthorization, AFormThatIsNoneIsInvalid) {
+TEST_F(SystemAuthorization, RefusesAMalformedForm) {
   EXPECT_EQ(create({}, identity()), errAuthorizationInvalidRef);
 }
 
-TEST_F(SystemAuthorization, AProcessWithoutAStartTimeIsNobody) {
+TEST_F(SystemAuthorization, RefusesAProcessWithoutAStartTime) {
   xpc::PeerIdentity unknown = identity();
   unknown.startTime = 0;
   EXPECT_EQ(create(formOf(unknown), unknown), errAuthorizationInvalidRef);
@@ -69,7 +69,7 @@ TEST_F(SystemAuthorization, AProcessWithoutAStartTimeIsNobody) {
             errAuthorizationInvalidRef);
 }
 
-TEST_F(SystemAuthorization, WithoutPolkitTheSuperuserAloneHoldsRights) {
+TEST_F(SystemAuthorization, WithoutPolkitOnlyTheSuperuserHoldsRights) {
   ASSERT_EQ(create(formOf(identity(0)), identity(0)), errAuthorizationSuccess);
   EXPECT_EQ(authorization.AuthorizationCopyRights(reference, kRight, kAuthorizationFlagDefaults),
             errAuthorizationSuccess);
@@ -78,7 +78,7 @@ TEST_F(SystemAuthorization, WithoutPolkitTheSuperuserAloneHoldsRights) {
             errAuthorizationDenied);
 }
 
-TEST_F(SystemAuthorization, SenselessCallsAreRefused) {
+TEST_F(SystemAuthorization, RefusesInvalidArguments) {
   EXPECT_EQ(authorization.AuthorizationCopyRights(nullptr, kRight, 0), errAuthorizationInvalidRef);
   EXPECT_EQ(authorization.AuthorizationFree(reference, 0), errAuthorizationInvalidRef);
   ASSERT_EQ(create(formOf(identity(0)), identity(0)), errAuthorizationSuccess);
@@ -88,7 +88,7 @@ TEST_F(SystemAuthorization, SenselessCallsAreRefused) {
   EXPECT_EQ(authorization.AuthorizationFree(reference, 1), errAuthorizationInvalidFlags);
 }
 
-TEST_F(SystemAuthorization, AFreedReferenceIsNoneAnyMore) {
+TEST_F(SystemAuthorization, RefusesAFreedReference) {
   ASSERT_EQ(create(formOf(identity(0)), identity(0)), errAuthorizationSuccess);
   EXPECT_EQ(authorization.AuthorizationFree(reference, 0), errAuthorizationSuccess);
   EXPECT_EQ(authorization.AuthorizationCopyRights(reference, kRight, 0),

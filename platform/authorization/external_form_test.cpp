@@ -10,7 +10,7 @@ namespace {
 
 constexpr ProcessName kProcess{0x01020304, 0xa0b0c0d0, 0x1122334455667788};
 
-TEST(ExternalForm, HasTheLayoutThatIsWrittenDown) {
+TEST(ExternalForm, HasTheDocumentedLayout) {
   const AuthorizationExternalForm form = externalFormOf(kProcess);
   constexpr std::string_view kExpected(
       "KeelRef1\x04\x03\x02\x01\xd0\xc0\xb0\xa0\x88\x77\x66\x55\x44\x33\x22\x11"
@@ -20,12 +20,12 @@ TEST(ExternalForm, HasTheLayoutThatIsWrittenDown) {
             kExpected);
 }
 
-TEST(ExternalForm, NamesTheSameProcessAgain) {
+TEST(ExternalForm, RoundTrips) {
   EXPECT_EQ(processOf(externalFormOf(kProcess)), kProcess);
   EXPECT_EQ(processOf(externalFormOf({1, 0, 0})), (ProcessName{1, 0, 0}));
 }
 
-TEST(ExternalForm, AnyByteOfItsMarksThatDiffersMakesItNone) {
+TEST(ExternalForm, RefusesAnyChangedMarkerByte) {
   for (std::size_t at = 0; at < kAuthorizationExternalFormLength; ++at) {
     AuthorizationExternalForm form = externalFormOf(kProcess);
     form.bytes[at] ^= std::byte{1};
@@ -34,7 +34,7 @@ TEST(ExternalForm, AnyByteOfItsMarksThatDiffersMakesItNone) {
   }
 }
 
-TEST(ExternalForm, CutOffAndFilledUpItIsNone) {
+TEST(ExternalForm, RefusesATruncatedAndPaddedForm) {
   for (std::size_t size = 0; size < kAuthorizationExternalFormLength; ++size) {
     AuthorizationExternalForm form = externalFormOf(kProcess);
     std::fill(form.bytes.begin() + static_cast<std::ptrdiff_t>(size), form.bytes.end(),

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// polkit believes what it is told about its subject: the user above all. So it is told what the
-// kernel said about the process when it connected, never what a client says. It finds out by itself
-// whether the process has ended and its number been taken, provided that the start time is given; 0
-// would mean that it is to look that up, and is never sent.
+// polkit trusts what its caller states about the subject, above all the user. So we pass what the
+// kernel reported about the process when it connected, never what a client claims. polkit itself
+// detects an exited process with a reused pid, provided it gets the start time; 0 would ask it to
+// look that up, and is never sent.
 //
-// The call is made on a bus connection of its own, with a deadline of its own over all its steps:
-// connecting, the bus's greeting, the answer. sd_bus_call(3) would wait for the greeting much
-// longer.
+// Each call uses its own bus connection, with one deadline over all steps: connecting, the bus's
+// Hello, the answer. sd_bus_call(3) would wait for the Hello much longer.
 #include "platform/authorization/polkit.h"
 
 #include <systemd/sd-bus.h>
@@ -38,7 +37,7 @@ RightAnswer couldNot(const char* step, int problem) {
   return {errAuthorizationInternal, std::string(step) + ": " + std::strerror(problem)};
 }
 
-// No bus, or nobody of that name on it: there is no polkit here.
+// No bus, or no owner of that name: there is no polkit here.
 bool isAbsence(int problem) {
   return problem == ENOENT || problem == ECONNREFUSED;
 }
@@ -59,7 +58,7 @@ RightAnswer readAnswer(sd_bus_message* answer) {
   }
   int isAuthorized = 0;
   int isChallenge = 0;
-  // Details follow, of no interest here.
+  // Details follow, unused here.
   int read = sd_bus_message_enter_container(answer, SD_BUS_TYPE_STRUCT, "bba{ss}");
   if (read >= 0) read = sd_bus_message_read(answer, "bb", &isAuthorized, &isChallenge);
   if (read <= 0) return couldNot("polkit's answer cannot be read", read < 0 ? -read : EBADMSG);
@@ -72,7 +71,7 @@ int onAnswer(sd_bus_message* answer, void* received, sd_bus_error*) {
   return 0;
 }
 
-// Turns the bus until the answer is there.
+// Processes the bus until the answer arrives.
 RightAnswer awaitAnswer(sd_bus* bus, const Message& answer, Clock::time_point end) {
   while (!answer) {
     const int progress = sd_bus_process(bus, nullptr);
@@ -107,16 +106,16 @@ RightAnswer askPolkit(const xpc::PeerIdentity& process, const char* right, Inter
   const Message request(made);
   if (failed >= 0) failed = appendSubject(made, process);
   const std::uint32_t flags = interaction == Interaction::allowed ? kAllowUserInteraction : 0;
-  // No details, no cancellation: the end of the bus connection ends the question.
+  // No details and no cancellation id: closing the connection cancels the request.
   if (failed >= 0) failed = sd_bus_message_append(made, "sa{ss}us", right, 0, flags, "");
-  if (failed < 0) return couldNot("polkit cannot be asked", -failed);
+  if (failed < 0) return couldNot("polkit cannot be queried", -failed);
   Message answer;
   sd_bus_slot* waiting = nullptr;
   failed =
       sd_bus_call_async(bus.get(), &waiting, made, &onAnswer, &answer,
                         static_cast<std::uint64_t>(std::chrono::microseconds(patience).count()));
   const Slot slot(waiting);
-  if (failed < 0) return couldNot("polkit cannot be asked", -failed);
+  if (failed < 0) return couldNot("polkit cannot be queried", -failed);
   return awaitAnswer(bus.get(), answer, end);
 }
 

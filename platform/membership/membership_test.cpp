@@ -5,23 +5,23 @@
 
 #include <cerrno>
 
-// On the accounts that every system has. Accounts made for the purpose are in the end-to-end tests.
+// Uses accounts that every system has. The end-to-end tests create their own.
 
 namespace keel {
 namespace {
 
 using Identifier = Membership::Identifier;
 
-TEST(Membership, ShortNameOfAnAccountIsItsOwnName) {
+TEST(Membership, ShortNameIsTheAccountsCanonicalName) {
   EXPECT_EQ(systemMembership().shortName("root"), "root");
 }
 
-TEST(Membership, WithoutAnAccountThereIsNoShortName) {
+TEST(Membership, UnknownAccountsHaveNoShortName) {
   EXPECT_FALSE(systemMembership().shortName("nobody-of-that-name"));
   EXPECT_FALSE(systemMembership().shortName(""));
 }
 
-TEST(Membership, WhatFollowsANulIsNotCutOff) {
+TEST(Membership, RefusesNamesWithANul) {
   const std::string name("root\0x", 6);
   Identifier found;
   EXPECT_FALSE(systemMembership().shortName(name));
@@ -31,7 +31,7 @@ TEST(Membership, WhatFollowsANulIsNotCutOff) {
   EXPECT_EQ(found.group(), nullptr);
 }
 
-TEST(Membership, TheLongestNameIsLookedUpAndALongerOneIsNot) {
+TEST(Membership, BoundsTheNameLength) {
   Identifier found;
   EXPECT_EQ(systemMembership().mbr_user_name_to_uuid(std::string(255, 'x'), found), ENOENT);
   EXPECT_EQ(systemMembership().mbr_user_name_to_uuid(std::string(256, 'x'), found), EINVAL);
@@ -45,7 +45,7 @@ TEST(Membership, UnknownNamesAreNotFound) {
   EXPECT_EQ(systemMembership().mbr_group_name_to_uuid("no-group-of-that-name", found), ENOENT);
 }
 
-TEST(Membership, ThePrimaryGroupCounts) {
+TEST(Membership, IncludesThePrimaryGroup) {
   Identifier root, group;
   ASSERT_EQ(systemMembership().mbr_user_name_to_uuid("root", root), 0);
   ASSERT_EQ(systemMembership().mbr_group_name_to_uuid("root", group), 0);
@@ -54,7 +54,7 @@ TEST(Membership, ThePrimaryGroupCounts) {
   EXPECT_TRUE(isMember);
 }
 
-TEST(Membership, OfAnotherGroupOneIsNoMember) {
+TEST(Membership, IsFalseForAnotherGroup) {
   Identifier root, group;
   ASSERT_EQ(systemMembership().mbr_user_name_to_uuid("root", root), 0);
   ASSERT_EQ(systemMembership().mbr_group_name_to_uuid("nogroup", group), 0);
@@ -63,7 +63,7 @@ TEST(Membership, OfAnotherGroupOneIsNoMember) {
   EXPECT_FALSE(isMember);
 }
 
-TEST(Membership, IdentifiersOfTheWrongKindAreRefused) {
+TEST(Membership, RefusesIdentifiersOfTheWrongKind) {
   Identifier root, group;
   ASSERT_EQ(systemMembership().mbr_user_name_to_uuid("root", root), 0);
   ASSERT_EQ(systemMembership().mbr_group_name_to_uuid("root", group), 0);
