@@ -15,12 +15,12 @@
 #include "platform/bundle/property_list.h"
 #include "platform/bundle/property_list_keys.h"
 
-// The form: the word "bplist00", then the objects, then a table with the place of each, then 32
-// bytes that say where the table is and how wide its entries are. All numbers are big-endian. An
-// object begins with a byte that has its kind in the upper half, and in the lower a size; 15 means
-// that the size follows as an integer object of its own. Arrays and dictionaries refer to other
-// objects by number: any number of them to the same one, which stands once in the file and many
-// times in the value, and a hostile file even to themselves.
+// The format: the magic "bplist00", the objects, a table of their offsets, and a trailer of 32
+// bytes with the table's offset and entry width. Integers are big-endian. An object begins with a
+// byte that has its kind in the upper nibble and its size in the lower; 15 means that the size
+// follows as an integer object. Arrays and dictionaries refer to objects by index. Any number of
+// them may refer to the same object, which is once in the file and many times in the value; in a
+// hostile file even to themselves.
 
 namespace keel {
 
@@ -62,7 +62,7 @@ void appendUtf8(std::string& text, std::uint32_t character) {
   put(0x80 | (character & 0x3f));
 }
 
-// The text in UTF-8; nothing when a surrogate stands alone.
+// Returns the text in UTF-8; nothing for an unpaired surrogate.
 std::optional<std::string> textOfUtf16(Bytes bytes) {
   std::string text;
   for (std::size_t at = 0; at < bytes.size(); at += 2) {
@@ -85,7 +85,7 @@ class Reader {
 
  private:
   bool readTrailer();
-  // Each yields nothing after it has refused the file.
+  // Each returns nothing once it has refused the file.
   std::optional<Value> object(std::uint64_t number);
   std::optional<Value> contents(unsigned kind, unsigned low);
   std::optional<Value> scalar(unsigned kind, unsigned low);
@@ -97,12 +97,12 @@ class Reader {
   std::optional<Value> map(std::uint64_t count);
   std::optional<std::string> key(std::uint64_t number);
 
-  // The size in `low`, or the one that follows.
+  // Reads the size in `low`, or the one that follows.
   std::optional<std::uint64_t> count(unsigned low);
-  // The next `count` items of `width` bytes.
+  // Reads the next `count` items of `width` bytes.
   std::optional<Bytes> take(std::uint64_t count, std::size_t width);
   std::uint64_t reference(Bytes references, std::size_t index) const;
-  // Takes that much of the memory that the value may have.
+  // Charges that much to the value's memory limit.
   bool charge(std::uint64_t count, std::size_t bytes);
   std::nullopt_t refuse(std::string_view reason);
 
@@ -114,8 +114,8 @@ class Reader {
   std::uint64_t objectCount_ = 0;
   std::uint64_t topObject_ = 0;
 
-  std::size_t at_ = 0;                 // where in objects_ the next byte is read
-  std::vector<std::uint64_t> within_;  // the objects around the one that is read, and itself
+  std::size_t at_ = 0;                 // offset of the next byte in objects_
+  std::vector<std::uint64_t> within_;  // the object being read and those around it
   std::size_t remainingBytes_ = kPropertyListValueBytes;
   std::string fault_;
 };
@@ -167,7 +167,7 @@ std::optional<Value> Reader::object(std::uint64_t number) {
   within_.push_back(number);
   const auto head = std::to_integer<unsigned>(objects_[at_++]);
   auto value = contents(head >> 4, head & 0xf);
-  // After a refusal within_ shows where it was.
+  // After a refusal within_ has the position.
   if (value) within_.pop_back();
   at_ = before;
   return value;
@@ -203,7 +203,7 @@ std::optional<Value> Reader::scalar(unsigned kind, unsigned low) {
   return refuse("of a kind that property lists do not have");
 }
 
-// Up to 4 bytes without a sign, 8 with one; 16 bytes with a sign for what needs them.
+// Unsigned up to 4 bytes, signed with 8 and, for larger values, 16 bytes.
 std::optional<Value> Reader::integer(unsigned low) {
   const auto bytes = take(1, std::size_t{1} << low);
   if (!bytes) return {};
@@ -279,7 +279,7 @@ std::optional<Value> Reader::map(std::uint64_t count) {
     if (!value) return {};
     members.push_back({std::move(*name), std::move(*value)});
   }
-  if (const std::string* twice = keyThatStandsTwice(members)) {
+  if (const std::string* twice = findDuplicateKey(members)) {
     return refuse(fmt::format("key \"{}\" twice", excerptOf(*twice)));
   }
   return Value(std::move(members));

@@ -23,7 +23,7 @@ void append(Bytes& bytes, const Bytes& more) {
   bytes.insert(bytes.end(), more.begin(), more.end());
 }
 
-// What the last 32 bytes say.
+// Contents of the trailer.
 struct Trailer {
   std::size_t offsetBytes = 2;
   std::size_t referenceBytes = 1;
@@ -32,7 +32,7 @@ struct Trailer {
   std::uint64_t tableShift = 0;
 };
 
-// A file with these objects, given in hexadecimal, in this order.
+// Returns a file with these objects, given in hexadecimal, in this order.
 Bytes fileWith(const std::vector<std::string>& objects, Trailer trailer = {}) {
   Bytes file = bytesOfText("bplist00"), table;
   for (const std::string& object : objects) {
@@ -60,7 +60,7 @@ std::string faultOf(const std::vector<std::string>& objects, Trailer trailer = {
   return value ? "accepted: " + value->description() : value.error();
 }
 
-TEST(BinaryPropertyList, HoldsEveryScalar) {
+TEST(BinaryPropertyList, ReadsEveryScalar) {
   EXPECT_EQ(decoded({"08"}), Value(false));
   EXPECT_EQ(decoded({"09"}), Value(true));
   EXPECT_EQ(decoded({"10 ff"}), Value(255));
@@ -81,13 +81,13 @@ TEST(BinaryPropertyList, HoldsEveryScalar) {
   EXPECT_EQ(decoded({"50"}), Value(""));
 }
 
-TEST(BinaryPropertyList, HoldsArraysAndDictionariesInOrder) {
+TEST(BinaryPropertyList, ReadsArraysAndDictionariesInOrder) {
   EXPECT_EQ(decoded({"a2 02 01", "51 61", "51 62"}), Value::list({"b", "a"}));
   EXPECT_EQ(decoded({"d2 02 01 03 04", "51 61", "51 62", "10 01", "a0"}).value().description(),
             R"({"b": 1, "a": []})");
 }
 
-TEST(BinaryPropertyList, SizesMayFollow) {
+TEST(BinaryPropertyList, ReadsSizesThatFollow) {
   EXPECT_EQ(decoded({"5f 10 03 616263"}), Value("abc"));
   EXPECT_EQ(decoded({"5f 13 0000000000000001 61"}), Value("a"));
   EXPECT_EQ(faultOf({"5f 09 616263"}), "object 0: a size that is no integer");
@@ -99,7 +99,7 @@ TEST(BinaryPropertyList, SizesMayFollow) {
   EXPECT_EQ(faultOf({"5f 11 00"}), "object 0: reaches beyond the objects");
 }
 
-TEST(BinaryPropertyList, WidthsGoUpToEightBytes) {
+TEST(BinaryPropertyList, AcceptsWidthsUpToEightBytes) {
   EXPECT_EQ(decoded({"a1 0000000000000001", "09"}, {.offsetBytes = 8, .referenceBytes = 8}),
             Value::list({true}));
   EXPECT_EQ(decoded({"a1 000001", "09"}, {.offsetBytes = 1, .referenceBytes = 3}),
@@ -110,7 +110,7 @@ TEST(BinaryPropertyList, WidthsGoUpToEightBytes) {
   }
 }
 
-TEST(BinaryPropertyList, WhatBelongsToNoPropertyListIsRefused) {
+TEST(BinaryPropertyList, RefusesObjectsOfOtherKinds) {
   for (const char* object : {"00", "01", "0f", "15 00", "20 00", "21 0000", "24 00", "30",
                              "32 00000000", "70", "80 01", "b0", "c0", "e0", "f0"}) {
     EXPECT_EQ(faultOf({object}), "object 0: of a kind that property lists do not have") << object;
@@ -124,7 +124,7 @@ TEST(BinaryPropertyList, WhatBelongsToNoPropertyListIsRefused) {
   EXPECT_EQ(faultOf({"51 80"}), "object 0: text that is not ASCII");
 }
 
-TEST(BinaryPropertyList, SurrogatesStandInPairs) {
+TEST(BinaryPropertyList, RefusesUnpairedSurrogates) {
   EXPECT_EQ(decoded({"62 dbff dfff"}), Value("\xf4\x8f\xbf\xbf"));
   for (const char* object :
        {"61 d83d", "61 de00", "62 de00 d83d", "62 d83d 0041", "62 d83d d83d"}) {
@@ -132,26 +132,26 @@ TEST(BinaryPropertyList, SurrogatesStandInPairs) {
   }
 }
 
-TEST(BinaryPropertyList, KeysAreTextsAndStandOnce) {
+TEST(BinaryPropertyList, RefusesDuplicateAndNonTextKeys) {
   EXPECT_EQ(faultOf({"d1 01 01", "10 01"}), "object 0: a key that is no text");
   EXPECT_EQ(faultOf({"d2 01 01 02 02", "51 61", "09"}), "object 0: key \"a\" twice");
   EXPECT_EQ(faultOf({"d2 01 02 03 03", "51 61", "51 61", "09"}), "object 0: key \"a\" twice");
 }
 
-TEST(BinaryPropertyList, ObjectsLieWithinTheFile) {
+TEST(BinaryPropertyList, RefusesOffsetsOutsideTheObjects) {
   EXPECT_EQ(faultOf({"a1 02", "09"}), "object 0: there is no object 2");
   EXPECT_EQ(faultOf({"09"}, {.topObject = 1}), "there is no object 1");
   EXPECT_EQ(faultOf({"a2 01", "09"}), "object 0: there is no object 9");
   EXPECT_EQ(faultOf({"a3 01"}), "object 0: reaches beyond the objects");
   EXPECT_EQ(faultOf({"13 00"}), "object 0: reaches beyond the objects");
   Bytes file = fileWith({"09"});
-  file[10] = std::byte{7};  // within the magic word
+  file[10] = std::byte{7};  // within the magic
   EXPECT_EQ(decodeBinaryPropertyList(file).error(), "object 0 lies outside");
   file[10] = std::byte{9};  // in the table
   EXPECT_EQ(decodeBinaryPropertyList(file).error(), "object 0 lies outside");
 }
 
-TEST(BinaryPropertyList, TheTrailerFitsTheFileExactly) {
+TEST(BinaryPropertyList, RefusesATrailerThatDoesNotFitTheFile) {
   EXPECT_EQ(faultOf({"09"}, {.extraObjects = 1}), "its trailer does not fit the file");
   EXPECT_EQ(faultOf({"09"}, {.extraObjects = ~std::uint64_t{0}}),
             "its trailer does not fit the file");
@@ -165,7 +165,7 @@ TEST(BinaryPropertyList, TheTrailerFitsTheFileExactly) {
   EXPECT_EQ(faultOf({}), "there is no object 0");
 }
 
-TEST(BinaryPropertyList, AFileThatWasCutOffIsRefused) {
+TEST(BinaryPropertyList, RefusesATruncatedFile) {
   const Bytes whole = fileWith({"d1 01 02", "51 61", "53 616263"});
   ASSERT_TRUE(decodeBinaryPropertyList(whole));
   for (std::size_t size = 0; size < whole.size(); ++size) {
@@ -175,7 +175,7 @@ TEST(BinaryPropertyList, AFileThatWasCutOffIsRefused) {
             "cut off before its trailer");
 }
 
-TEST(BinaryPropertyList, OtherVersionsAreRefused) {
+TEST(BinaryPropertyList, RefusesOtherVersions) {
   for (const char* magic : {"bplist01", "bplist15", "bplist0", "bplist"}) {
     Bytes file = fileWith({"09"});
     const Bytes other = bytesOfText(magic);
@@ -189,14 +189,14 @@ TEST(BinaryPropertyList, OtherVersionsAreRefused) {
   EXPECT_FALSE(looksLikeBinaryPropertyList(bytesOfText("<plist/>")));
 }
 
-TEST(BinaryPropertyList, WhatHoldsItselfIsRefused) {
+TEST(BinaryPropertyList, RefusesCycles) {
   EXPECT_EQ(faultOf({"a1 00"}), "object 0: object 0 holds itself");
   EXPECT_EQ(faultOf({"d1 01 00", "51 61"}), "object 0: object 0 holds itself");
   EXPECT_EQ(faultOf({"d1 00 01", "51 61"}), "object 0: object 0 holds itself");
   EXPECT_EQ(faultOf({"a1 01", "a1 02", "a1 00"}), "object 2: object 0 holds itself");
 }
 
-// Each object holds the next one; the last holds nothing.
+// Each object contains the next one; the last is empty.
 std::vector<std::string> chain(std::size_t length) {
   std::vector<std::string> objects;
   for (std::size_t next = 1; next < length; ++next)
@@ -205,15 +205,15 @@ std::vector<std::string> chain(std::size_t length) {
   return objects;
 }
 
-TEST(BinaryPropertyList, NestsAsDeepAsTheLimit) {
+TEST(BinaryPropertyList, BoundsNesting) {
   EXPECT_TRUE(decoded(chain(kPropertyListDepth)));
   EXPECT_EQ(faultOf(chain(kPropertyListDepth + 1)), "object 64: nested more than 64 deep");
 }
 
-TEST(BinaryPropertyList, SharedPartsAreCopiedUpToTheLimit) {
+TEST(BinaryPropertyList, BoundsTheExpansionOfSharedObjects) {
   EXPECT_EQ(decoded({"a2 01 01", "a2 02 02", "51 61"}),
             Value::list({Value::list({"a", "a"}), Value::list({"a", "a"})}));
-  // Twice as many each level: 2^40 values in some hundred bytes.
+  // Doubles at each level: 2^40 values in a few hundred bytes.
   std::vector<std::string> doubling;
   for (std::size_t next = 1; next <= 40; ++next) {
     doubling.push_back("a2" + hexOf(bigEndian(next, 1)) + hexOf(bigEndian(next, 1)));
@@ -222,7 +222,7 @@ TEST(BinaryPropertyList, SharedPartsAreCopiedUpToTheLimit) {
   EXPECT_NE(faultOf(doubling).find("its value takes more than 16777216 bytes"), std::string::npos);
 }
 
-// An array of `count` references to one text of 64 KiB.
+// Returns an array of `count` references to one text of 64 KiB.
 std::vector<std::string> sharedText(std::size_t count) {
   std::string list = "af 10" + hexOf(bigEndian(count, 1)), text = "5f 12 00010000";
   for (std::size_t i = 0; i < count; ++i) list += "01";
@@ -230,7 +230,7 @@ std::vector<std::string> sharedText(std::size_t count) {
   return {list, text};
 }
 
-TEST(BinaryPropertyList, SharedTextCountsEachTime) {
+TEST(BinaryPropertyList, ChargesSharedTextPerReference) {
   EXPECT_EQ(decoded(sharedText(127), {.offsetBytes = 4}).value().as<Value::List>()->size(), 127U);
   EXPECT_EQ(faultOf(sharedText(128), {.offsetBytes = 4}),
             "object 1: its value takes more than 16777216 bytes");

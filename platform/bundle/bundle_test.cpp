@@ -14,7 +14,7 @@ namespace {
 
 class ABundle : public ::testing::Test {
  protected:
-  // A description or job that says which file it is.
+  // Writes a description or job that contains its own file name.
   void writeDictionary(const std::string& name) const {
     folder_.write(name, "<plist><dict><key>file</key><string>" + name + "</string></dict></plist>");
   }
@@ -28,14 +28,14 @@ class ABundle : public ::testing::Test {
   Bundle bundle_{folder_.path()};
 };
 
-TEST_F(ABundle, WithContentsHasEverythingWithin) {
+TEST_F(ABundle, WithContentsFindsEverythingInside) {
   writeDictionary("Contents/Info.plist");
   writeDictionary("Contents/Resources/launchd.plist");
   EXPECT_EQ(info(), Value::map({{"file", "Contents/Info.plist"}}));
   EXPECT_EQ(job(), "Contents/Resources/launchd.plist");
 }
 
-TEST_F(ABundle, WithContentsHasNothingBesides) {
+TEST_F(ABundle, WithContentsIgnoresFilesOutside) {
   folder_.makeFolder("Contents");
   writeDictionary("Info.plist");
   writeDictionary("launchd.plist");
@@ -45,32 +45,32 @@ TEST_F(ABundle, WithContentsHasNothingBesides) {
   EXPECT_EQ(job(), "none");
 }
 
-TEST_F(ABundle, ThatIsFlatHasItsFilesDirectlyInside) {
+TEST_F(ABundle, FlatFindsFilesAtTheTop) {
   writeDictionary("Info.plist");
   writeDictionary("launchd.plist");
   EXPECT_EQ(info(), Value::map({{"file", "Info.plist"}}));
   EXPECT_EQ(job(), "launchd.plist");
 }
 
-TEST_F(ABundle, ThatIsFlatMayHaveItsResourcesInAFolder) {
+TEST_F(ABundle, FlatFindsResourcesInAFolder) {
   writeDictionary("launchd.plist");
   writeDictionary("Resources/launchd.plist");
   EXPECT_EQ(job(), "Resources/launchd.plist");
 }
 
-TEST_F(ABundle, WithAFileCalledContentsIsFlat) {
+TEST_F(ABundle, WithAFileNamedContentsIsFlat) {
   folder_.write("Contents", "");
   writeDictionary("Info.plist");
   EXPECT_EQ(info(), Value::map({{"file", "Info.plist"}}));
 }
 
-TEST_F(ABundle, MayLinkToItsContents) {
+TEST_F(ABundle, FollowsALinkToItsContents) {
   writeDictionary("Versions/A/Info.plist");
   ASSERT_EQ(::symlink("Versions/A", folder_.path("Contents").c_str()), 0);
   EXPECT_EQ(info(), Value::map({{"file", "Versions/A/Info.plist"}}));
 }
 
-TEST_F(ABundle, IsLookedAtEachTime) {
+TEST_F(ABundle, IsReadAnewEachTime) {
   EXPECT_EQ(job(), "none");
   writeDictionary("launchd.plist");
   EXPECT_EQ(job(), "launchd.plist");
@@ -78,7 +78,7 @@ TEST_F(ABundle, IsLookedAtEachTime) {
   EXPECT_EQ(job(), "Contents/Resources/launchd.plist");
 }
 
-TEST_F(ABundle, WhatIsThereCountsAsFoundWhateverItIs) {
+TEST_F(ABundle, FindsAnythingThatExists) {
   ASSERT_EQ(::mkfifo(folder_.path("launchd.plist").c_str(), 0600), 0);
   EXPECT_EQ(job(), "launchd.plist");
   folder_.makeFolder("Resources");
@@ -104,7 +104,7 @@ TEST(NoBundle, HasNoDescriptionAndNoResources) {
   }
 }
 
-TEST(NoBundle, ButALoopOfLinksIsNamedWhenItIsRead) {
+TEST(NoBundle, ReportsALoopOfLinksOnReading) {
   const TemporaryFolder folder;
   ASSERT_EQ(::symlink("loop", folder.path("loop").c_str()), 0);
   const Bundle bundle(folder.path("loop"));

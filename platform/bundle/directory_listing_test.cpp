@@ -15,7 +15,7 @@ namespace {
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
-TEST(DirectoryListing, NamesEverythingButTheFolderAndItsParent) {
+TEST(DirectoryListing, ListsEverythingButDotAndDotDot) {
   const TemporaryFolder folder;
   EXPECT_THAT(contentsOfDirectory(folder.path()).value(), IsEmpty());
   folder.write("file", "");
@@ -29,7 +29,7 @@ TEST(DirectoryListing, NamesEverythingButTheFolderAndItsParent) {
               UnorderedElementsAre("file", "folder", ".hidden", "...", "\xff"));
 }
 
-TEST(DirectoryListing, HasTheOrderOfTheSystem) {
+TEST(DirectoryListing, KeepsTheSystemsOrder) {
   const TemporaryFolder folder;
   for (int number = 0; number < 50; ++number) folder.write(std::to_string(number * 7919 % 50), "");
   std::vector<std::string> names;
@@ -41,7 +41,7 @@ TEST(DirectoryListing, HasTheOrderOfTheSystem) {
   EXPECT_EQ(contentsOfDirectory(folder.path()), names);
 }
 
-TEST(DirectoryListing, WithoutADirectoryIsAnError) {
+TEST(DirectoryListing, FailsWithoutADirectory) {
   const TemporaryFolder folder;
   folder.write("file", "");
   EXPECT_EQ(contentsOfDirectory(folder.path("none")).error().description(),

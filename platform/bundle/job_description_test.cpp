@@ -21,7 +21,7 @@ class JobDescriptionTest : public ::testing::Test {
     folder_.write(name, "<plist><dict>" + members + "</dict></plist>");
   }
   JobDescription read() const { return readJobDescription(Bundle(folder_.path())); }
-  // What was logged, without the path of the bundle that each line begins with.
+  // Returns the logged lines without the bundle's path that begins each.
   std::vector<std::string> logged() {
     std::vector<std::string> texts;
     for (const testing::LogLine& line : log_.take()) {
@@ -37,7 +37,7 @@ class JobDescriptionTest : public ::testing::Test {
   testing::LogRecorder log_{LogLevel::debug};
 };
 
-TEST_F(JobDescriptionTest, JobFileIsTakenAsItStandsAndInfoIsNotRead) {
+TEST_F(JobDescriptionTest, UsesTheJobFileUnchangedWithoutReadingInfo) {
   writeDictionary("launchd.plist", "<key>z</key><true/><key>a</key><false/>");
   folder_.write("Info.plist", "garbage");
   const auto description = read();
@@ -47,7 +47,7 @@ TEST_F(JobDescriptionTest, JobFileIsTakenAsItStandsAndInfoIsNotRead) {
   EXPECT_THAT(logged(), IsEmpty());
 }
 
-TEST_F(JobDescriptionTest, WithoutAJobFileInfoIsRead) {
+TEST_F(JobDescriptionTest, ReadsInfoWithoutAJobFile) {
   writeDictionary(
       "Info.plist",
       "<key>QZJobLabel</key><string>L</string><key>QZMachServiceName</key><string>S</string>");
@@ -68,7 +68,7 @@ TEST_F(JobDescriptionTest, BundleMayBeMissing) {
   EXPECT_THAT(logged(), IsEmpty());
 }
 
-TEST_F(JobDescriptionTest, BadJobFileIsNamedAndInfoIsRead) {
+TEST_F(JobDescriptionTest, ReportsABadJobFileAndReadsInfo) {
   folder_.write("launchd.plist", "<plist>\n<dict>\n<key>a</key>\n</dict></plist>");
   writeDictionary("Info.plist", "<key>QZJobLabel</key><string>L</string>");
   const auto description = read();
@@ -81,7 +81,7 @@ TEST_F(JobDescriptionTest, BadJobFileIsNamedAndInfoIsRead) {
   EXPECT_THAT(logged(), ElementsAre(reason));
 }
 
-TEST_F(JobDescriptionTest, JobFileOfTheWrongKindIsNamed) {
+TEST_F(JobDescriptionTest, ReportsAJobFileOfTheWrongKind) {
   folder_.write("launchd.plist", "<plist><array/></plist>");
   EXPECT_EQ(read().jobFile, JobFile::unusable);
   EXPECT_THAT(logged(),
@@ -93,7 +93,7 @@ TEST_F(JobDescriptionTest, JobFileOfTheWrongKindIsNamed) {
                                     ": not a regular file"));
 }
 
-TEST_F(JobDescriptionTest, BadInfoIsNamedAndNotUsed) {
+TEST_F(JobDescriptionTest, ReportsAndIgnoresBadInfo) {
   folder_.write("Info.plist", "garbage");
   const auto description = read();
   EXPECT_FALSE(description.label);
@@ -103,7 +103,7 @@ TEST_F(JobDescriptionTest, BadInfoIsNamedAndNotUsed) {
   EXPECT_THAT(logged(), ElementsAre(reason));
 }
 
-TEST_F(JobDescriptionTest, InfoOfTheWrongKindIsNamedAndNotUsed) {
+TEST_F(JobDescriptionTest, ReportsAndIgnoresInfoOfTheWrongKind) {
   writeDictionary("Info.plist",
                   "<key>QZJobLabel</key><integer>5</integer><key>QZMachServiceName</key><dict/>");
   const auto description = read();
@@ -116,7 +116,7 @@ TEST_F(JobDescriptionTest, InfoOfTheWrongKindIsNamedAndNotUsed) {
                                     "Info.plist: \"QZMachServiceName\" is no text"));
 }
 
-TEST_F(JobDescriptionTest, ServicesOfTheWrongKindAreNamedAndTheJobIsUsed) {
+TEST_F(JobDescriptionTest, ReportsServicesOfTheWrongKindAndUsesTheJob) {
   writeDictionary("launchd.plist", "<key>MachServices</key><array/>");
   EXPECT_EQ(read().jobFile, JobFile::used);
   EXPECT_THAT(logged(), ElementsAre("job file: \"MachServices\" is no dictionary"));

@@ -6,7 +6,7 @@
 
 namespace keel {
 
-const std::string* keyThatStandsTwice(const Value::Map& map) {
+const std::string* findDuplicateKey(const Value::Map& map) {
   std::vector<const std::string*> keys;
   keys.reserve(map.size());
   for (const Member& member : map) keys.push_back(&member.key);

@@ -6,14 +6,14 @@
 
 #include "runtime/foundation/value.h"
 
-// What both forms of property lists do with the keys and texts they find.
+// Helpers for keys and texts, shared by both forms of property lists.
 
 namespace keel {
 
-// A key that more than one member of the map has, or null. Borrowed.
-const std::string* keyThatStandsTwice(const Value::Map& map);
+// Returns a key that occurs more than once in the map, or null. Borrowed from `map`.
+const std::string* findDuplicateKey(const Value::Map& map);
 
-// The beginning of a text in UTF-8, short enough for a log and cut between characters.
+// Returns the beginning of a UTF-8 text, short enough for a log and cut between characters.
 std::string excerptOf(std::string_view text);
 
 }  // namespace keel

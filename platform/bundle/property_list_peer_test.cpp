@@ -13,17 +13,17 @@
 #include "runtime/foundation/test_bytes.h"
 #include "runtime/foundation/test_python.h"
 
-// Our reading of property lists held against Python's: its files mean the same to us, and what we
-// accept of damaged ones it accepts too, and sees the same value in it. Values travel in CBOR
-// between the two.
+// Compares our property list reader with Python's: both read the same values from its files, and
+// any corrupted file that we accept it accepts too, with the same value. Values are exchanged in
+// CBOR.
 
 namespace keel {
 namespace {
 
 constexpr unsigned kSeed = 20261121;
 
-// How Python writes a value of a property list in CBOR, dates with a floating-point number as we
-// do. It has no word for dates outside of the years 1 to 9999.
+// Encodes a property list value in CBOR in Python, dates as floating-point numbers like ours.
+// Python has no dates outside the years 1 to 9999.
 constexpr const char* kCbor = R"(
 import cbor2, plistlib, random, sys
 from datetime import datetime
@@ -37,9 +37,8 @@ def tagged(value):
 def cbor(value): return cbor2.dumps(tagged(value)).hex()
 )";
 
-// Prints a file in XML, the same in the binary form, and its value, a line each. The arguments are
-// the seed and how many. Python's writer of the binary form takes -0.0 for 0.0, so that there is
-// none.
+// Prints a file in XML, the same in the binary form, and its value, one line each. The arguments
+// are the seed and the count. Omits -0.0, which Python's binary writer merges with 0.0.
 constexpr const char* kMakeCorpus = R"(
 from datetime import timedelta
 r = random.Random(int(sys.argv[1]))
@@ -67,8 +66,7 @@ for _ in range(int(sys.argv[2])):
     print(cbor(whole))
 )";
 
-// Reads lines of a file and our value from a file, and prints how many there were; fails at the
-// first that differ.
+// Reads lines with a file and our value of it, and prints their count; fails at the first mismatch.
 constexpr const char* kCompare = R"(
 count = 0
 for line in open(sys.argv[1]):
@@ -81,7 +79,7 @@ for line in open(sys.argv[1]):
 print(count)
 )";
 
-// A decoded value for comparing: the order of keys counts, and 1 differs from 1.0 and from true.
+// Makes a decoded value comparable: key order matters, and 1 differs from 1.0 and from true.
 constexpr const char* kPlain = R"(
 def plain(text):
     def walk(value):
@@ -122,7 +120,7 @@ void expectValues(const Files& files, const std::vector<Value>& values) {
   }
 }
 
-// Python's dates end with the years 1 and 9999, and count whole microseconds.
+// Python's dates cover the years 1 to 9999 in whole microseconds.
 bool pythonCanHold(const Value& value) {
   if (const Date* date = value.as<Date>()) {
     return date->secondsSinceEpoch > -6.2e10 && date->secondsSinceEpoch < 2.5e11 &&
@@ -133,8 +131,8 @@ bool pythonCanHold(const Value& value) {
   return map == nullptr || std::ranges::all_of(*map, pythonCanHold, &Member::value);
 }
 
-// Damages each file in a few places, and compares those that we still accept. Yields how many these
-// were.
+// Corrupts each file in a few positions, and compares those that we still accept. Returns their
+// count.
 std::size_t acceptedByBoth(const TemporaryFolder& folder, const Files& files, int rounds) {
   std::mt19937 random(kSeed);
   std::size_t accepted = 0;
@@ -156,24 +154,24 @@ std::size_t acceptedByBoth(const TemporaryFolder& folder, const Files& files, in
   return accepted;
 }
 
-TEST(PropertyListPeer, XmlMeansTheSameToUs) {
+TEST(PropertyListPeer, ReadsTheSameValueFromXml) {
   const TemporaryFolder folder;
   const Corpus corpus = pythonCorpus(folder, 1000);
   expectValues(corpus.xml, corpus.values);
 }
 
-TEST(PropertyListPeer, TheBinaryFormMeansTheSameToUs) {
+TEST(PropertyListPeer, ReadsTheSameValueFromTheBinaryForm) {
   const TemporaryFolder folder;
   const Corpus corpus = pythonCorpus(folder, 1000);
   expectValues(corpus.binary, corpus.values);
 }
 
-TEST(PropertyListPeer, AcceptsWhatWeAcceptOfDamagedXml) {
+TEST(PropertyListPeer, AgreesOnCorruptedXmlThatWeAccept) {
   const TemporaryFolder folder;
   EXPECT_GT(acceptedByBoth(folder, pythonCorpus(folder, 300).xml, 10), 1000U);
 }
 
-TEST(PropertyListPeer, AcceptsWhatWeAcceptOfTheDamagedBinaryForm) {
+TEST(PropertyListPeer, AgreesOnCorruptedBinaryFilesThatWeAccept) {
   const TemporaryFolder folder;
   EXPECT_GT(acceptedByBoth(folder, pythonCorpus(folder, 300).binary, 10), 1000U);
 }

@@ -26,7 +26,7 @@ TEST(PropertyList, IsReadInBothForms) {
   EXPECT_EQ(readPropertyList(folder.path("binary")), Value::map({{"a", true}}));
 }
 
-TEST(PropertyList, ThatIsWrongIsNamedWithTheReason) {
+TEST(PropertyList, NamesTheFileAndTheReason) {
   const TemporaryFolder folder;
   const std::string path = folder.path("file");
   folder.write("file", "<plist>\n<what/></plist>");
@@ -41,13 +41,13 @@ TEST(PropertyList, ThatIsWrongIsNamedWithTheReason) {
   EXPECT_EQ(readPropertyList(folder.path()).error().code(), EINVAL);
 }
 
-// The size of a document with one text is set by that text.
+// Returns a document of `size` bytes with one text.
 std::string documentOf(std::size_t bytes) {
   const std::string before = "<plist><string>", after = "</string></plist>";
   return before + std::string(bytes - before.size() - after.size(), 'x') + after;
 }
 
-TEST(PropertyList, HasALimitedSize) {
+TEST(PropertyList, BoundsTheSize) {
   const TemporaryFolder folder;
   folder.write("fits", documentOf(kPropertyListBytes));
   folder.write("larger", documentOf(kPropertyListBytes + 1));
@@ -58,11 +58,11 @@ TEST(PropertyList, HasALimitedSize) {
             "more than 1048576 bytes");
 }
 
-TEST(PropertyListKeys, OneThatStandsTwiceIsFound) {
-  EXPECT_EQ(keyThatStandsTwice({}), nullptr);
-  EXPECT_EQ(keyThatStandsTwice({{"a", 1}, {"b", 1}, {"", 1}, {"ab", 1}}), nullptr);
-  EXPECT_EQ(*keyThatStandsTwice({{"a", 1}, {"b", 1}, {"a", 2}}), "a");
-  EXPECT_EQ(*keyThatStandsTwice({{"", 1}, {"b", 1}, {"", 2}}), "");
+TEST(PropertyListKeys, FindsADuplicate) {
+  EXPECT_EQ(findDuplicateKey({}), nullptr);
+  EXPECT_EQ(findDuplicateKey({{"a", 1}, {"b", 1}, {"", 1}, {"ab", 1}}), nullptr);
+  EXPECT_EQ(*findDuplicateKey({{"a", 1}, {"b", 1}, {"a", 2}}), "a");
+  EXPECT_EQ(*findDuplicateKey({{"", 1}, {"b", 1}, {"", 2}}), "");
 }
 
 TEST(PropertyListKeys, ExcerptsAreCutBetweenCharacters) {

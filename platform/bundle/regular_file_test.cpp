@@ -28,13 +28,13 @@ TEST(RegularFile, IsReadWhole) {
   folder.write("empty", "");
   EXPECT_EQ(readRegularFile(folder.path("file"), 100), bytesOfText("abc"));
   EXPECT_EQ(outcomeOf(folder.path("empty")), "0 bytes");
-  // More than is read at once.
+  // More than one read's worth.
   const std::string large(100000, 'x');
   folder.write("large", large);
   EXPECT_EQ(readRegularFile(folder.path("large"), 100000), bytesOfText(large));
 }
 
-TEST(RegularFile, WithMoreThanTheLimitIsRefused) {
+TEST(RegularFile, RefusesMoreThanTheLimit) {
   const TemporaryFolder folder;
   folder.write("file", "abc");
   EXPECT_EQ(outcomeOf(folder.path("file"), 3), "3 bytes");
@@ -43,20 +43,20 @@ TEST(RegularFile, WithMoreThanTheLimitIsRefused) {
       "cannot read " + folder.path("file") + ": more than 2 bytes (NSPOSIXErrorDomain error 27)");
 }
 
-// Such files say that they have no size.
-TEST(RegularFile, OfTheKernelIsReadToo) {
+// Such files report size 0.
+TEST(RegularFile, ReadsFilesOfTheKernel) {
   EXPECT_EQ(outcomeOf("/proc/self/status", 2).find("cannot read"), 0U);
   EXPECT_GT(readRegularFile("/proc/self/status", 100000).value().size(), 100U);
 }
 
-TEST(RegularFile, LinksAreFollowed) {
+TEST(RegularFile, FollowsLinks) {
   const TemporaryFolder folder;
   folder.write("file", "abc");
   ASSERT_EQ(::symlink("file", folder.path("link").c_str()), 0);
   EXPECT_EQ(outcomeOf(folder.path("link")), "3 bytes");
 }
 
-TEST(RegularFile, ThatCannotBeReadIsNamed) {
+TEST(RegularFile, NamesAnUnreadableFile) {
   const TemporaryFolder folder;
   EXPECT_EQ(outcomeOf(folder.path("none")),
             "cannot read " + folder.path("none") +
@@ -65,9 +65,9 @@ TEST(RegularFile, ThatCannotBeReadIsNamed) {
   EXPECT_EQ(readRegularFile(folder.path("loop"), 100).error().code(), ELOOP);
 }
 
-TEST(RegularFile, OtherKindsAreNotOpened) {
+TEST(RegularFile, DoesNotOpenOtherKinds) {
   const TemporaryFolder folder;
-  // A pipe without a writer would make whoever opens it wait for ever.
+  // Opening a FIFO without a writer would block forever.
   ASSERT_EQ(::mkfifo(folder.path("pipe").c_str(), 0600), 0);
   ASSERT_EQ(::symlink("pipe", folder.path("link").c_str()), 0);
   const FileDescriptor listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));

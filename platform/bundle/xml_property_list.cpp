@@ -19,7 +19,7 @@ namespace keel {
 
 namespace {
 
-// What stands between two tags, and makes one value.
+// A scalar element: the text between its tags makes one value.
 struct Leaf {
   std::string_view name;
   std::optional<Value> (*read)(std::string_view text);
@@ -47,18 +47,17 @@ const Leaf* leafNamed(std::string_view name) {
   return nullptr;
 }
 
-// An array or a dictionary that is not closed yet.
+// An open array or dictionary.
 struct Container {
   bool isMap = false;
   Value::List list;
   Value::Map map;
-  // Of a dictionary: the key that waits for its value.
+  // In a dictionary: the key whose value is still missing.
   std::optional<std::string> key;
 };
 
-// Builds the value while the parser goes through the document. The first thing that is wrong ends
-// it. The parser is C, which no exception may cross; there are none but for want of memory, and
-// then the process ends.
+// Builds the value from the parser's callbacks. The first error stops it. No exception may cross
+// the parser's C frames; only memory exhaustion throws, and that ends the process.
 class Builder {
  public:
   Builder();
@@ -112,7 +111,7 @@ std::expected<Value, std::string> Builder::decode(std::span<const std::byte> byt
   return std::move(*whole_);
 }
 
-// Some calls still come after the parser was stopped.
+// Some callbacks still arrive after the parser was stopped.
 void Builder::onDoctype(void* user, const char*, const char*, const char*,
                         int hasInternalSubset) noexcept {
   if (hasInternalSubset != 0) of(user).refuse("declarations within the document type are not read");
@@ -182,7 +181,7 @@ void Builder::text(std::string_view text) {
   }
 }
 
-// The parser has seen to it that the tags match.
+// The parser guarantees matching tags.
 void Builder::end(std::string_view name) {
   if (leaf_ != nullptr) {
     const Leaf& leaf = *std::exchange(leaf_, nullptr);
@@ -204,7 +203,7 @@ void Builder::endContainer() {
   Container container = std::move(open_.back());
   if (container.key)
     return refuse(fmt::format("key \"{}\" without a value", excerptOf(*container.key)));
-  if (const std::string* twice = keyThatStandsTwice(container.map)) {
+  if (const std::string* twice = findDuplicateKey(container.map)) {
     return refuse(
         fmt::format("key \"{}\" twice in the dictionary that ends here", excerptOf(*twice)));
   }

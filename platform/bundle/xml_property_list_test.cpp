@@ -13,7 +13,7 @@ std::expected<Value, std::string> decoded(std::string_view xml) {
   return decodeXmlPropertyList(bytesOfText(xml));
 }
 
-// The value between the tags of the document.
+// Decodes `xml` inside the document's root element.
 std::expected<Value, std::string> inside(const std::string& xml) {
   return decoded("<plist version=\"1.0\">" + xml + "</plist>");
 }
@@ -29,7 +29,7 @@ std::string repeated(const char* text, std::size_t count) {
   return result;
 }
 
-TEST(XmlPropertyList, HoldsEveryKind) {
+TEST(XmlPropertyList, ReadsEveryKind) {
   const auto value = decoded(R"(<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE plist PUBLIC "-//Somebody//DTD 1.0//EN" "http://localhost:1/never-loaded.dtd">
 <!-- a comment --><?skipped instruction?>
@@ -61,7 +61,7 @@ TEST(XmlPropertyList, HoldsEveryKind) {
                                 {"", Value::Map{}}}));
 }
 
-TEST(XmlPropertyList, MayHoldAnyKindAtTheTop) {
+TEST(XmlPropertyList, AcceptsAnyKindAtTheTop) {
   EXPECT_EQ(inside("<string>a\r\nb</string>"), Value("a\nb"));
   EXPECT_EQ(inside(" <array> <true/> </array> "), Value::list({true}));
   EXPECT_EQ(decoded("<plist><integer>1</integer></plist>"), Value(1));
@@ -73,14 +73,14 @@ TEST(XmlPropertyList, KeepsTheOrderOfKeys) {
   EXPECT_EQ(value.value().description(), R"({"z": true, "a": true, "m": true})");
 }
 
-TEST(XmlPropertyList, MayBeWrittenInUtf16) {
+TEST(XmlPropertyList, AcceptsUtf16) {
   std::string wide = "\xff\xfe";
   for (const char letter : std::string_view("<plist><string>x</string></plist>"))
     wide += {letter, '\0'};
   EXPECT_EQ(decoded(wide), Value("x"));
 }
 
-TEST(XmlPropertyList, SaysInWhichLineWhatIsWrong) {
+TEST(XmlPropertyList, ErrorsNameTheLine) {
   EXPECT_EQ(faultOf("\n\n<true/><false/>"), "line 3: <false> after the value");
   EXPECT_EQ(faultOf(""), "line 1: <plist> without a value");
   EXPECT_EQ(faultOf("<bool/>"), "line 1: unknown element <bool>");
@@ -99,7 +99,7 @@ TEST(XmlPropertyList, SaysInWhichLineWhatIsWrong) {
             "line 1: unknown element <" + std::string(60, 'x') + "...>");
 }
 
-TEST(XmlPropertyList, DictionariesHoldKeysAndValuesByTurns) {
+TEST(XmlPropertyList, RefusesDictionariesWithoutAlternatingKeysAndValues) {
   EXPECT_EQ(faultOf("<key>a</key>"), "line 1: <key> outside of a dictionary");
   EXPECT_EQ(faultOf("<array><key>a</key></array>"), "line 1: <key> outside of a dictionary");
   EXPECT_EQ(faultOf("<dict><true/></dict>"), "line 1: <true> without a <key>");
@@ -111,11 +111,11 @@ TEST(XmlPropertyList, DictionariesHoldKeysAndValuesByTurns) {
             "line 3: key \"a\" twice in the dictionary that ends here");
 }
 
-TEST(XmlPropertyList, AKeyMayStandOnceInEachDictionary) {
+TEST(XmlPropertyList, AcceptsTheSameKeyInDifferentDictionaries) {
   EXPECT_TRUE(inside("<dict><key>a</key><dict><key>a</key><true/></dict></dict>"));
 }
 
-TEST(XmlPropertyList, TheRootIsPlistVersion1) {
+TEST(XmlPropertyList, RequiresPlistVersion1AsRoot) {
   EXPECT_EQ(decoded("<dict/>").error(), "line 1: <dict> where <plist> should be");
   EXPECT_EQ(decoded("<plist version=\"2.0\"><true/></plist>").error(),
             "line 1: <plist> with version=\"2.0\"");
@@ -123,7 +123,7 @@ TEST(XmlPropertyList, TheRootIsPlistVersion1) {
             "line 1: <plist> with lang=\"en\"");
 }
 
-TEST(XmlPropertyList, WhatIsNotWellFormedIsRefused) {
+TEST(XmlPropertyList, RefusesMalformedXml) {
   for (const char* xml :
        {"", " ", "text", "<plist>", "<plist><true/></plist><plist/>",
         "<plist><true/></plist>behind", "<plist><array></dict></plist>",
@@ -137,7 +137,7 @@ TEST(XmlPropertyList, WhatIsNotWellFormedIsRefused) {
   EXPECT_FALSE(decoded(std::string_view("<plist><true/></plist>\0", 23)));
 }
 
-TEST(XmlPropertyList, DeclaresNoEntities) {
+TEST(XmlPropertyList, RefusesEntityDeclarations) {
   EXPECT_EQ(
       decoded("<!DOCTYPE plist [<!ENTITY a \"b\">]><plist><string>&a;</string></plist>").error(),
       "line 1: declarations within the document type are not read");
@@ -151,9 +151,8 @@ TEST(XmlPropertyList, DeclaresNoEntities) {
             "line 1: declarations within the document type are not read");
 }
 
-// The parser passes over entities that an external document type, which it does not read, might
-// declare.
-TEST(XmlPropertyList, EntitiesOfAnExternalTypeAreRefused) {
+// The parser skips entities that an external document type, which it does not read, might declare.
+TEST(XmlPropertyList, RefusesEntitiesOfAnExternalDocumentType) {
   EXPECT_EQ(
       decoded(
           "<!DOCTYPE plist SYSTEM \"file:///etc/passwd\">\n<plist><string>a&b;c</string></plist>")
@@ -161,7 +160,7 @@ TEST(XmlPropertyList, EntitiesOfAnExternalTypeAreRefused) {
       "line 2: unknown entity b");
 }
 
-TEST(XmlPropertyList, NestsAsDeepAsTheLimit) {
+TEST(XmlPropertyList, BoundsNesting) {
   EXPECT_TRUE(
       inside(repeated("<array>", kPropertyListDepth) + repeated("</array>", kPropertyListDepth)));
   EXPECT_EQ(faultOf(repeated("<array>", kPropertyListDepth + 1) +
