@@ -33,9 +33,9 @@ using ::testing::Not;
 using ::testing::StartsWith;
 
 struct End {
-  int signal = 0;  // that ended the process; 0 when there was none
+  int signal = 0;  // that killed the process; 0 if none
   int exitCode = 0;
-  std::string text;  // what it wrote to standard error
+  std::string text;  // written to standard error
 };
 
 End waitFor(pid_t process, const FileDescriptor& reading) {
@@ -51,7 +51,7 @@ End waitFor(pid_t process, const FileDescriptor& reading) {
   return end;
 }
 
-// Of a process of its own that reports crashes and does `crash`.
+// Runs `crash` in its own process with crash reporting, and returns how it ended.
 End endOf(const std::function<void()>& crash, CrashOutput output = CrashOutput::lines) {
   int ends[2];
   if (::pipe(ends) != 0) std::abort();
@@ -70,7 +70,7 @@ End endOf(const std::function<void()>& crash, CrashOutput output = CrashOutput::
   return waitFor(process, reading);
 }
 
-// A sanitizer has handlers of its own for some of the signals, which stay.
+// A sanitizer's own handlers for some signals stay in place.
 bool isReportedByASanitizer(int signal) {
   struct sigaction before{};
   ::sigaction(signal, nullptr, &before);
@@ -84,7 +84,7 @@ std::size_t timesIn(std::string_view text, std::string_view wanted) {
   return count;
 }
 
-TEST(BuildId, IsTheLinkers) {
+TEST(BuildId, MatchesTheLinkers) {
   EXPECT_THAT(buildId(), MatchesRegex("[0-9a-f]{16,}"));
 }
 
@@ -95,12 +95,12 @@ TEST(CrashReport, NamesSignalThreadBannerBuildAndFrames) {
                                    "* Calder Version 4.2 *\n"
                                    "build id " +
                                    buildId() + "\nbacktrace:\n  "));
-  // In our own code and in the C library's.
+  // Frames in our own code and in the C library.
   EXPECT_THAT(end.text, ContainsRegex("\n  /[^\n]*product_test\\+0x[0-9a-f]+\n"));
   EXPECT_THAT(end.text, ContainsRegex("\n  /[^\n]*libc\\.so\\.6\\+0x[0-9a-f]+\n"));
 }
 
-TEST(CrashReport, EverySignalOfAFaultIsReportedAndEndsTheProcess) {
+TEST(CrashReport, EveryFaultSignalIsReportedAndKillsTheProcess) {
   for (const int signal : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS}) {
     if (isReportedByASanitizer(signal)) continue;
     const End end = endOf([signal] { ::kill(::getpid(), signal); });
@@ -111,20 +111,20 @@ TEST(CrashReport, EverySignalOfAFaultIsReportedAndEndsTheProcess) {
   }
 }
 
-TEST(CrashReport, LinesForTheJournalBeginWithTheirPriority) {
+TEST(CrashReport, JournalLinesBeginWithTheirPriority) {
   const End end = endOf([] { std::abort(); }, CrashOutput::journal);
   EXPECT_EQ(timesIn(end.text, "\n<2>"), timesIn(end.text, "\n") - 1);
   EXPECT_THAT(end.text, StartsWith("<2>keeld crashed: "));
 }
 
-// Until the stack is full. The result depends on what comes after the call, so that the call is
-// none that a jump could replace.
+// Recurses until the stack is exhausted. Uses the result after the call, which prevents a tail
+// call.
 int descend(int depth) {
   const volatile int next = depth + 1;
   return next == 0 ? 0 : descend(next) + next;
 }
 
-TEST(CrashStack, BelongsToItsThreadAsLongAsItLives) {
+TEST(CrashStack, IsInUseOnItsThreadWhileAlive) {
   std::thread([] {
     EXPECT_FALSE(CrashStack::isInUse());
     {
@@ -136,7 +136,7 @@ TEST(CrashStack, BelongsToItsThreadAsLongAsItLives) {
   }).join();
 }
 
-TEST(CrashReport, ThreadWithItsStackFullIsReported) {
+TEST(CrashReport, ReportsAThreadWithAnExhaustedStack) {
   if (isReportedByASanitizer(SIGSEGV)) GTEST_SKIP() << "the sanitizer reports it";
   const End end = endOf([] {
     std::thread([] {
@@ -150,7 +150,7 @@ TEST(CrashReport, ThreadWithItsStackFullIsReported) {
   EXPECT_THAT(end.text, HasSubstr("\nbacktrace:\n  /"));
 }
 
-TEST(CrashReport, ThreadsThatCrashTogetherAreOneReport) {
+TEST(CrashReport, ConcurrentCrashesProduceOneReport) {
   const End end = endOf([] {
     constexpr int kThreads = 8;
     std::barrier together(kThreads);
@@ -168,7 +168,7 @@ TEST(CrashReport, ThreadsThatCrashTogetherAreOneReport) {
   EXPECT_EQ(timesIn(end.text, "backtrace:"), 1u);
 }
 
-TEST(CrashReport, OutputThatNobodyReadsHoldsUpNothing) {
+TEST(CrashReport, AnUnreadOutputDoesNotDelayTheExit) {
   int full[2];
   ASSERT_EQ(::pipe(full), 0);
   const FileDescriptor reading(full[0]);
@@ -176,7 +176,7 @@ TEST(CrashReport, OutputThatNobodyReadsHoldsUpNothing) {
   const End end = endOf([&] {
     ::dup2(writing.get(), STDERR_FILENO);
     installCrashReport(CrashOutput::lines);
-    // Its signals have our handlers by now, so that this changed the output alone.
+    // Our handlers are installed already, so this only changes the output.
     ::fcntl(writing.get(), F_SETFL, O_NONBLOCK);
     while (::write(writing.get(), "x", 1) == 1) {
     }
@@ -186,7 +186,7 @@ TEST(CrashReport, OutputThatNobodyReadsHoldsUpNothing) {
   EXPECT_EQ(end.signal, SIGABRT);
 }
 
-TEST(CrashReport, HandlerThatIsThereStays) {
+TEST(CrashReport, KeepsAnExistingHandler) {
   const End end = endOf([] {
     ::signal(SIGFPE, [](int) { ::_exit(7); });
     installCrashReport(CrashOutput::lines);
@@ -196,7 +196,7 @@ TEST(CrashReport, HandlerThatIsThereStays) {
   EXPECT_EQ(end.text, "");
 }
 
-TEST(CrashReport, FirstProcessOfAContainerEndsToo) {
+TEST(CrashReport, EndsProcessOneOfAContainer) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root makes namespaces";
   const End end = endOf([] {
     if (::unshare(CLONE_NEWPID) != 0) ::_exit(1);
@@ -211,7 +211,7 @@ TEST(CrashReport, FirstProcessOfAContainerEndsToo) {
   EXPECT_THAT(end.text, StartsWith("keeld crashed: signal 6 "));
 }
 
-TEST(CrashReport, NumbersThatAreNoAddressesOfCodeAreNotShown) {
+TEST(CrashReport, HidesValuesThatAreNotCodeAddresses) {
   const End end = endOf([] { std::abort(); });
   EXPECT_THAT(end.text, Not(ContainsRegex("0x[0-9a-f]{9,}")));
 }

@@ -7,13 +7,12 @@
 
 namespace keel {
 
-// An alternate signal stack of the calling thread, for as long as this lives: a crash is reported
-// even when the thread's own stack is exhausted. Made and destroyed on that thread. Without memory
-// for one, the thread's own stack has to do.
+// Gives the calling thread an alternate signal stack for as long as this lives, so that a crash is
+// reported even if the thread's own stack is exhausted. Created and destroyed on that thread. If
+// memory is short, the thread does without.
 class CrashStack {
  public:
-  // Enough for the unwinder, and for the registers of any processor. Only what is used takes
-  // memory.
+  // Enough for the unwinder and any processor's register state. Only touched pages take memory.
   static constexpr std::size_t kBytes = 64u << 10;
 
   CrashStack();
@@ -21,7 +20,7 @@ class CrashStack {
   CrashStack(const CrashStack&) = delete;
   CrashStack& operator=(const CrashStack&) = delete;
 
-  // Returns true on a thread that has one. For tests.
+  // Returns true if the calling thread has one. For tests.
   static bool isInUse();
 
  private:
