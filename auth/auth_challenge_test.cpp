@@ -36,7 +36,7 @@ class AuthChallenge : public AuthHandler {
   const Outcome failed{nullptr, nullptr, kAuthFailed};
 };
 
-TEST_F(AuthChallenge, StartMakesTheIDThenAnAuthenticatorForGet) {
+TEST_F(AuthChallenge, StartCreatesTheIDThenAnAuthenticatorForGet) {
   const String authID = startDigest();
   EXPECT_THAT(takeCalls(), ElementsAre("random", "make digest", "digest setMethod GET",
                                        "digest generateInitialResponse"));
@@ -53,7 +53,7 @@ TEST_F(AuthChallenge, StartMakesTheIDThenAnAuthenticatorForGet) {
   EXPECT_EQ(client.handler()->authsInProgress().size(), 2u);
 }
 
-TEST_F(AuthChallenge, RightAnswerOfAnAdministratorIsRecorded) {
+TEST_F(AuthChallenge, RecordsAnAdministratorsCorrectAnswer) {
   const String authID = startDigest();
   log.take();
   EXPECT_EQ(validate("right alice", authID), Outcome("response", "alice", nullptr));
@@ -64,7 +64,7 @@ TEST_F(AuthChallenge, RightAnswerOfAnAdministratorIsRecorded) {
   EXPECT_TRUE(client.handler()->authsInProgress().empty());
 }
 
-TEST_F(AuthChallenge, IsRecordedAndUsedUpBeforeItIsAnswered) {
+TEST_F(AuthChallenge, IsRecordedAndConsumedBeforeTheReply) {
   const String authID = startDigest();
   const auto handler = client.handler();
   std::optional<bool> isRecorded;
@@ -78,7 +78,7 @@ TEST_F(AuthChallenge, IsRecordedAndUsedUpBeforeItIsAnswered) {
   EXPECT_EQ(isRecorded, true);
 }
 
-TEST_F(AuthChallenge, IsUsedUpBeforeARefusalIsAnswered) {
+TEST_F(AuthChallenge, IsConsumedBeforeARefusalIsSent) {
   const auto handler = client.handler();
   for (const auto& [answer, refusal] :
        {std::pair("wrong", kAuthFailed), std::pair("right bob", kNotAdmin)}) {
@@ -93,12 +93,12 @@ TEST_F(AuthChallenge, IsUsedUpBeforeARefusalIsAnswered) {
   }
 }
 
-TEST_F(AuthChallenge, ResponseMayBeNone) {
+TEST_F(AuthChallenge, ResponseMayBeNull) {
   membership.administrators.insert("quiet");
   EXPECT_EQ(validate("right quiet", startDigest()), Outcome(nullptr, "quiet", nullptr));
 }
 
-TEST_F(AuthChallenge, WrongAnswerYieldsNothingAndUsesTheChallengeUp) {
+TEST_F(AuthChallenge, AWrongAnswerConsumesTheChallenge) {
   const String authID = startDigest();
   log.take();
   EXPECT_EQ(validate("wrong", authID), failed);
@@ -108,7 +108,7 @@ TEST_F(AuthChallenge, WrongAnswerYieldsNothingAndUsesTheChallengeUp) {
   EXPECT_TRUE(authenticators.made[0].expired());
 }
 
-TEST_F(AuthChallenge, RightAnswerOfNoAdministratorIsHandedBackWithTheError) {
+TEST_F(AuthChallenge, ReturnsTheResponseWithTheErrorForANonAdministrator) {
   const String authID = startDigest();
   log.take();
   EXPECT_EQ(validate("right bob", authID), Outcome("response", "bob", kNotAdmin));
@@ -119,14 +119,14 @@ TEST_F(AuthChallenge, RightAnswerOfNoAdministratorIsHandedBackWithTheError) {
   EXPECT_TRUE(recorded(7).empty());
 }
 
-TEST_F(AuthChallenge, SecondAnswerIsNotFoundWhateverTheFirst) {
+TEST_F(AuthChallenge, ASecondAnswerIsNotFound) {
   const String authID = startDigest();
   EXPECT_EQ(validate("right alice", authID), Outcome("response", "alice", nullptr));
   EXPECT_EQ(validate("right alice", authID), notFound);
   EXPECT_EQ(recorded(7).size(), 1u);
 }
 
-TEST_F(AuthChallenge, AnswerToNothingIsLoggedAndNotFound) {
+TEST_F(AuthChallenge, AnAnswerToAnUnknownIDIsLoggedAndNotFound) {
   EXPECT_EQ(validate("right alice", "myob-none"), notFound);
   EXPECT_EQ(validate("right alice", nullptr), notFound);
   EXPECT_THAT(log.lines(), ElementsAre(debugLine("authValidate: validating auth for myob-none"),
@@ -134,7 +134,7 @@ TEST_F(AuthChallenge, AnswerToNothingIsLoggedAndNotFound) {
   EXPECT_THAT(calls, IsEmpty());
 }
 
-TEST_F(AuthChallenge, TwoAreOpenAtOnceAndEachCanBeAnswered) {
+TEST_F(AuthChallenge, TwoCanBeOpenConcurrently) {
   const String first = startDigest();
   const String second = startDigest();
   EXPECT_NE(first, second);
@@ -142,20 +142,20 @@ TEST_F(AuthChallenge, TwoAreOpenAtOnceAndEachCanBeAnswered) {
   EXPECT_EQ(validate("right alice", first), Outcome("response", "alice", nullptr));
 }
 
-TEST_F(AuthChallenge, IsKnownOnItsOwnConnectionOnly) {
+TEST_F(AuthChallenge, IsValidOnlyOnItsOwnConnection) {
   AuthClient other(executor, backEnds);
   const String authID = startDigest();
   EXPECT_EQ(validate(other, "right alice", authID), notFound);
   EXPECT_EQ(validate("right alice", authID), Outcome("response", "alice", nullptr));
 }
 
-TEST_F(AuthChallenge, BasicAnswerIsCheckedForMembershipToo) {
+TEST_F(AuthChallenge, ChecksMembershipForABasicAnswer) {
   const auto [challenge, authID, error] = ask<&AuthProxy::authBasicStartWithHandler>(client);
   EXPECT_EQ(validate("right bob", authID), Outcome("response", "bob", kNotAdmin));
   EXPECT_TRUE(recorded(7).empty());
 }
 
-TEST_F(AuthChallenge, OpenOnesEndWithTheHandlerAlone) {
+TEST_F(AuthChallenge, OpenOnesEndOnlyWithTheHandler) {
   startDigest();
   client.sendNonsense();
   EXPECT_EQ(client.handler()->authsInProgress().size(), 1u);
@@ -165,14 +165,14 @@ TEST_F(AuthChallenge, OpenOnesEndWithTheHandlerAlone) {
   EXPECT_TRUE(authenticators.made[0].expired());
 }
 
-TEST_F(AuthChallenge, OpenOnesAreChargedToTheClientsUser) {
+TEST_F(AuthChallenge, OpenOnesAreChargedToTheUsersQuota) {
   const std::size_t before = MemoryAccount::ofProcess().bytes();
   const String authID = startDigest();
   client.take();
   EXPECT_GE(MemoryAccount::ofProcess().bytes(), before + KLNAuthHandler::kChallengeBytes);
 }
 
-// The ID that comes of these random bytes.
+// Returns the ID made from these random bytes.
 String authIDFor(AuthBackEnds backEnds, std::array<std::byte, 33> random) {
   backEnds.randomBytes = [random](std::span<std::byte> bytes) {
     EXPECT_EQ(bytes.size(), random.size());
@@ -182,18 +182,18 @@ String authIDFor(AuthBackEnds backEnds, std::array<std::byte, 33> random) {
   return KLNAuthHandler(backEnds).getNextAuthID();
 }
 
-TEST_F(AuthChallenge, IDsAreMadeOfTheBytesModuloSixtyTwo) {
+TEST_F(AuthChallenge, IDsAreTheRandomBytesModuloSixtyTwo) {
   std::array<std::byte, 33> random{};
   constexpr std::array<int, 8> kBytes{0, 25, 26, 51, 52, 61, 62, 255};
   std::ranges::transform(kBytes, random.begin(),
                          [](int byte) { return static_cast<std::byte>(byte); });
-  // The last byte is drawn and thrown away.
+  // The last byte is drawn and discarded.
   random[32] = std::byte{7};
   EXPECT_EQ(authIDFor(backEnds, random),
             String(std::string_view("myob-azAZ09ah" + std::string(24, 'a'))));
 }
 
-TEST_F(AuthChallenge, EightLettersComeUpFiveTimesInAllBytesTheOthersFour) {
+TEST_F(AuthChallenge, EightLettersOccurFiveTimesOverAllBytesTheOthersFour) {
   std::array<int, 256> counts{};
   for (int from = 0; from < 256; from += 32) {
     std::array<std::byte, 33> random{};
@@ -211,7 +211,7 @@ TEST_F(AuthChallenge, EightLettersComeUpFiveTimesInAllBytesTheOthersFour) {
   }
 }
 
-TEST_F(AuthChallenge, IDsOfTheSystemsBytesDiffer) {
+TEST_F(AuthChallenge, IDsFromTheSystemsRandomBytesDiffer) {
   std::set<std::string> seen;
   const KLNAuthHandler handler(backEnds);
   for (int i = 0; i < 1000; ++i) {
@@ -225,7 +225,7 @@ TEST_F(AuthChallenge, IDsOfTheSystemsBytesDiffer) {
   EXPECT_EQ(seen.size(), 1000u);
 }
 
-TEST_F(AuthChallenge, AddedOneReplacesThatOfTheSameID) {
+TEST_F(AuthChallenge, AddReplacesTheOneOfTheSameID) {
   const auto handler = client.handler();
   const auto first = authenticators.serverBasicAuthenticator();
   const auto second = authenticators.serverBasicAuthenticator();
@@ -238,7 +238,7 @@ TEST_F(AuthChallenge, AddedOneReplacesThatOfTheSameID) {
   EXPECT_EQ(handler->getAuthForID("id"), nullptr);
 }
 
-// What no client can reach.
+// Not reachable by clients.
 class AuthBasicValidate : public AuthChallenge {
  protected:
   using BasicOutcome = std::tuple<bool, String, Error>;
@@ -252,7 +252,7 @@ class AuthBasicValidate : public AuthChallenge {
   }
 };
 
-TEST_F(AuthBasicValidate, IsNoMethodOfTheProtocol) {
+TEST_F(AuthBasicValidate, IsNotAMethodOfTheProtocol) {
   EXPECT_EQ(std::ranges::count_if(client.daemonSelectors(),
                                   [](const std::string& selector) {
                                     return selector.starts_with("authBasicValidate");
@@ -260,7 +260,7 @@ TEST_F(AuthBasicValidate, IsNoMethodOfTheProtocol) {
             0);
 }
 
-TEST_F(AuthBasicValidate, RecordsAnybodyAndLogsNothing) {
+TEST_F(AuthBasicValidate, RecordsAnyUserWithoutLogging) {
   const String authID = startDigest();
   log.take();
   takeCalls();
@@ -271,7 +271,7 @@ TEST_F(AuthBasicValidate, RecordsAnybodyAndLogsNothing) {
   EXPECT_EQ(basicValidate("right bob", authID), BasicOutcome(false, nullptr, kAuthIDNotFound));
 }
 
-TEST_F(AuthBasicValidate, RecordsAndUsesTheChallengeUpBeforeItAnswers) {
+TEST_F(AuthBasicValidate, RecordsAndConsumesTheChallengeBeforeTheReply) {
   const auto handler = client.handler();
   for (const char* answer : {"wrong", "right bob"}) {
     const String authID = startDigest();
@@ -286,14 +286,14 @@ TEST_F(AuthBasicValidate, RecordsAndUsesTheChallengeUpBeforeItAnswers) {
   }
 }
 
-TEST_F(AuthBasicValidate, WrongAnswerUsesTheChallengeUp) {
+TEST_F(AuthBasicValidate, AWrongAnswerConsumesTheChallenge) {
   const String authID = startDigest();
   EXPECT_EQ(basicValidate("wrong", authID), BasicOutcome(false, nullptr, kAuthFailed));
   EXPECT_EQ(basicValidate("right bob", authID), BasicOutcome(false, nullptr, kAuthIDNotFound));
   EXPECT_TRUE(recorded(7).empty());
 }
 
-// The process that dies has no log output: the message is seen where it is written.
+// The dying process has no log output, so capture the message where it is written.
 void startWithoutRandomBytes(AuthBackEnds backEnds) {
   const LogCapture capture([](const LogMessage& message) {
     std::fprintf(stderr, "%d %.*s: %.*s\n", static_cast<int>(message.level),
@@ -310,7 +310,7 @@ void startWithoutRandomBytes(AuthBackEnds backEnds) {
 
 TEST_F(AuthChallenge, WithoutRandomBytesTheProcessAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  // Nothing was made yet.
+  // Nothing was created yet.
   authenticators.onMake = [] { std::_Exit(0); };
   EXPECT_EXIT(startWithoutRandomBytes(backEnds), ::testing::KilledBySignal(SIGABRT),
               "2 runtime: AuthService unable to create AuthID error = 38 exiting\\.\\.\\.");

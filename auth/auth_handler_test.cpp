@@ -6,13 +6,13 @@
 namespace keel {
 namespace {
 
-TEST_F(AuthHandler, ServiceCheckRepliesAtOnceAndTouchesNothing) {
+TEST_F(AuthHandler, ServiceCheckRepliesWithoutSideEffects) {
   EXPECT_FALSE(std::get<0>(ask<&AuthProxy::authServiceCheckWithHandler>(client)));
   EXPECT_THAT(calls, IsEmpty());
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(AuthHandler, RightPasswordOfAnAdministratorIsRecordedInTheCallersSession) {
+TEST_F(AuthHandler, RecordsAnAdministratorInTheCallersSession) {
   EXPECT_FALSE(authenticate(client, "alice", "right"));
   EXPECT_THAT(recorded(7), ElementsAre(String("alice")));
   EXPECT_EQ(service->authTable().size(), 1u);
@@ -20,8 +20,8 @@ TEST_F(AuthHandler, RightPasswordOfAnAdministratorIsRecordedInTheCallersSession)
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(AuthHandler, SuccessIsRecordedBeforeItIsAnswered) {
-  // A question that is put as soon as the answer is there stands behind the recording.
+TEST_F(AuthHandler, RecordsASuccessBeforeTheReply) {
+  // A query sent right after the reply is ordered after the recording.
   std::optional<bool> isRecorded;
   client.handler()->authenticateUser("alice", "right", xpc::Reply<Error>::to([&](Error error) {
                                        EXPECT_FALSE(error);
@@ -33,7 +33,7 @@ TEST_F(AuthHandler, SuccessIsRecordedBeforeItIsAnswered) {
   EXPECT_FALSE(isAuthedASID(8));
 }
 
-TEST_F(AuthHandler, WhatIsRecordedIsNotTheClientsToPayFor) {
+TEST_F(AuthHandler, RecordsAreNotChargedToTheClient) {
   static MemoryAccount account;
   membership.shortNames["Alice Liddell"] = "alice";
   for (int count = 0; count < 3; ++count) {
@@ -48,26 +48,26 @@ TEST_F(AuthHandler, WhatIsRecordedIsNotTheClientsToPayFor) {
   EXPECT_EQ(account.bytes(), 0u);
 }
 
-TEST_F(AuthHandler, WrongPasswordIsRefusedWithoutAWord) {
+TEST_F(AuthHandler, RefusesAWrongPasswordWithoutLogging) {
   EXPECT_EQ(authenticate(client, "alice", "wrong"), kAuthFailed);
   EXPECT_THAT(calls, ElementsAre("verify alice"));
   EXPECT_THAT(log.lines(), IsEmpty());
   EXPECT_TRUE(recorded(7).empty());
 }
 
-TEST_F(AuthHandler, RightPasswordOfNoAdministratorIsRefused) {
+TEST_F(AuthHandler, RefusesACorrectPasswordOfANonAdministrator) {
   EXPECT_EQ(authenticate(client, "bob", "right"), kNotAdmin);
   EXPECT_THAT(log.lines(), ElementsAre(debugLine("user is not in admin group")));
   EXPECT_TRUE(recorded(7).empty());
 }
 
-TEST_F(AuthHandler, NullArgumentsAreRefused) {
+TEST_F(AuthHandler, RefusesNullArguments) {
   EXPECT_EQ(authenticate(client, nullptr, "right"), kAuthFailed);
   EXPECT_EQ(authenticate(client, "alice", nullptr), kAuthFailed);
   EXPECT_TRUE(recorded(7).empty());
 }
 
-TEST_F(AuthHandler, MembershipIsThatOfTheShortNameAndTheNameSentIsRecorded) {
+TEST_F(AuthHandler, ChecksTheShortNameAndRecordsTheNameSent) {
   membership.shortNames["Alice Liddell"] = "alice";
   EXPECT_FALSE(authenticate(client, "Alice Liddell", "right"));
   EXPECT_THAT(calls, ElementsAre("verify Alice Liddell", "shortName Alice Liddell", "user alice",
@@ -75,7 +75,7 @@ TEST_F(AuthHandler, MembershipIsThatOfTheShortNameAndTheNameSentIsRecorded) {
   EXPECT_THAT(recorded(7), ElementsAre(String("Alice Liddell")));
 }
 
-TEST_F(AuthHandler, WhatCannotBeToldIsNoMembership) {
+TEST_F(AuthHandler, AFailedMembershipCheckIsARefusal) {
   for (int* problem :
        {&membership.userProblem, &membership.groupProblem, &membership.checkProblem}) {
     *problem = ENOENT;
@@ -88,20 +88,20 @@ TEST_F(AuthHandler, WhatCannotBeToldIsNoMembership) {
   EXPECT_TRUE(client.handler()->isAdminUser("alice"));
 }
 
-TEST_F(AuthHandler, MembershipIsAskedAnewEachTime) {
+TEST_F(AuthHandler, QueriesMembershipEveryTime) {
   EXPECT_TRUE(client.handler()->isAdminUser("alice"));
   membership.administrators.clear();
   EXPECT_FALSE(client.handler()->isAdminUser("alice"));
 }
 
-TEST_F(AuthHandler, NegativeSessionIsOneLikeAnyOther) {
+TEST_F(AuthHandler, ANegativeSessionIsLikeAnyOther) {
   AuthClient unset(executor, backEnds, -1);
   EXPECT_FALSE(authenticate(unset, "alice", "right"));
   EXPECT_TRUE(isAuthedASID(-1));
   EXPECT_FALSE(isAuthedASID(7));
 }
 
-TEST_F(AuthHandler, WithoutAConnectionNothingIsRecorded) {
+TEST_F(AuthHandler, RecordsNothingWithoutAConnection) {
   KLNAuthHandler alone(backEnds);
   Error error("none", 0);
   alone.authenticateUser("alice", "right",
@@ -113,7 +113,7 @@ TEST_F(AuthHandler, WithoutAConnectionNothingIsRecorded) {
 
 constexpr const char* kRequested = "authenitcateForUser: auth request with authRef for alice";
 
-TEST_F(AuthHandler, ReferenceWithTheRightIsFreedAndRecorded) {
+TEST_F(AuthHandler, FreesAReferenceWithTheRightAndRecordsTheUser) {
   EXPECT_FALSE(authenticate(client, "alice", 32));
   EXPECT_THAT(calls, ElementsAre("create from pid 100",
                                  "copy com.vantor.ServiceManagement.daemons.modify flags 0",
@@ -122,7 +122,7 @@ TEST_F(AuthHandler, ReferenceWithTheRightIsFreedAndRecorded) {
   EXPECT_THAT(log.lines(), ElementsAre(debugLine(kRequested)));
 }
 
-TEST_F(AuthHandler, ReferenceIsFreedThenTheUserIsRecordedThenItIsAnswered) {
+TEST_F(AuthHandler, FreesTheReferenceThenRecordsTheUserThenReplies) {
   std::optional<bool> wasRecordedWhenFreed;
   std::optional<bool> isRecorded;
   authorization.onFree = [&] {
@@ -139,7 +139,7 @@ TEST_F(AuthHandler, ReferenceIsFreedThenTheUserIsRecordedThenItIsAnswered) {
   EXPECT_EQ(isRecorded, true);
 }
 
-TEST_F(AuthHandler, ReferenceThatCannotBeMadeIsRefusedWithItsStatus) {
+TEST_F(AuthHandler, RefusesAnInvalidReferenceWithItsStatus) {
   authorization.createStatus = errAuthorizationInvalidRef;
   EXPECT_EQ(authenticate(client, "alice", 32), Error(NSOSStatusErrorDomain, -60002));
   EXPECT_THAT(calls, ElementsAre("create from pid 100"));
@@ -150,7 +150,7 @@ TEST_F(AuthHandler, ReferenceThatCannotBeMadeIsRefusedWithItsStatus) {
   EXPECT_TRUE(recorded(7).empty());
 }
 
-TEST_F(AuthHandler, ReferenceWithoutTheRightIsRefusedWithItsStatusAndNotFreed) {
+TEST_F(AuthHandler, RefusesAReferenceWithoutTheRightAndDoesNotFreeIt) {
   authorization.copyStatus = errAuthorizationDenied;
   EXPECT_EQ(authenticate(client, "alice", 32), Error(NSOSStatusErrorDomain, -60005));
   EXPECT_THAT(calls, ElementsAre("create from pid 100",
@@ -165,18 +165,18 @@ TEST_F(AuthHandler, ReferenceWithoutTheRightIsRefusedWithItsStatusAndNotFreed) {
   EXPECT_TRUE(recorded(7).empty());
 }
 
-TEST_F(AuthHandler, ReferenceWithTheRightForNoAdministratorIsRefusedAndNotFreed) {
+TEST_F(AuthHandler, RefusesAReferenceForANonAdministratorAndDoesNotFreeIt) {
   EXPECT_EQ(authenticate(client, "bob", 32), kNotAdmin);
   EXPECT_THAT(calls, ElementsAre("create from pid 100",
                                  "copy com.vantor.ServiceManagement.daemons.modify flags 0",
                                  "shortName bob", "user bob", "group admin"));
   EXPECT_EQ(log.lines().back(), debugLine("user is not in admin group"));
   EXPECT_TRUE(recorded(7).empty());
-  // Unfreed as it is, nothing of it stays.
+  // Although never freed, it is gone.
   EXPECT_TRUE(authorization.reference.expired());
 }
 
-TEST_F(AuthHandler, FormsOfAnotherLengthAreAFaultAndUsedAllTheSame) {
+TEST_F(AuthHandler, LogsAFaultForFormsOfAnotherLengthAndUsesThem) {
   for (const std::size_t size : {0u, 31u, 33u, 4096u}) {
     EXPECT_FALSE(authenticate(client, "alice", size));
     const auto lines = log.take();
@@ -192,7 +192,7 @@ TEST_F(AuthHandler, FormsOfAnotherLengthAreAFaultAndUsedAllTheSame) {
   }
 }
 
-TEST_F(AuthHandler, NoFormAtAllIsOneOfNoBytes) {
+TEST_F(AuthHandler, TreatsANullFormAsEmpty) {
   authorization.createStatus = errAuthorizationInvalidRef;
   EXPECT_EQ(std::get<0>(ask<&AuthProxy::authenticateForUser>(client, String(), Data())),
             Error(NSOSStatusErrorDomain, -60002));
@@ -201,14 +201,14 @@ TEST_F(AuthHandler, NoFormAtAllIsOneOfNoBytes) {
             "authenitcateForUser: authRefext is the wrong size (expected 32 got 0)");
 }
 
-TEST_F(AuthHandler, DefaultRealmIsHandedOn) {
+TEST_F(AuthHandler, ReturnsTheDefaultRealm) {
   const auto [realm, error] = ask<&AuthProxy::authGetDefaultRealm>(client);
   EXPECT_EQ(realm, String("a realm"));
   EXPECT_FALSE(error);
   EXPECT_THAT(log.lines(), ElementsAre(debugLine("authGetDefaultRealm: returning a realm")));
 }
 
-TEST_F(AuthHandler, AnySessionMayBeAskedAbout) {
+TEST_F(AuthHandler, AnySessionCanBeQueried) {
   service->addUser("somebody", -2147483648);
   EXPECT_TRUE(isAuthedASID(-2147483648));
   EXPECT_FALSE(isAuthedASID(2147483647));
@@ -229,7 +229,7 @@ TEST_F(AuthHandler, InterruptionAndInvalidationOnlyLog) {
   EXPECT_TRUE(isAuthedASID(7));
 }
 
-TEST_F(AuthHandler, ConnectionAloneHoldsItsHandler) {
+TEST_F(AuthHandler, OnlyTheConnectionOwnsItsHandler) {
   const std::weak_ptr<KLNAuthHandler> handler = client.handler();
   EXPECT_FALSE(handler.expired());
   client.die();

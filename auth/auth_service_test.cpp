@@ -23,7 +23,7 @@ using ::testing::ElementsAre;
 
 class AuthService : public ::testing::Test {
  protected:
-  // Runs the strand and returns the answer, which comes once and without an error.
+  // Runs the strand and returns the answer; expects exactly one and no error.
   bool isAuthedUser(String user, std::int32_t asid) {
     std::optional<bool> answer;
     service->isAuthedUser(std::move(user), asid, [&](bool authenticated, Error error) {
@@ -66,7 +66,7 @@ TEST_F(AuthService, ARecordedUserIsAuthenticatedInThatSessionOnly) {
   EXPECT_FALSE(isAuthedASID(6));
 }
 
-TEST_F(AuthService, AnotherUserOfThatSessionIsNot) {
+TEST_F(AuthService, AnotherUserOfThatSessionIsNotAuthenticated) {
   service->addUser("alice", 5);
   EXPECT_FALSE(isAuthedUser("bob", 5));
   EXPECT_TRUE(isAuthedASID(5));
@@ -107,7 +107,7 @@ TEST_F(AuthService, ANegativeSessionIsFoundAgain) {
   EXPECT_FALSE(isAuthedASID(1));
 }
 
-TEST_F(AuthService, RemoveForgetsTheSession) {
+TEST_F(AuthService, RemoveDropsTheSession) {
   service->addUser("alice", 5);
   service->addUser("alice", 6);
   service->removeASID(5);
@@ -123,7 +123,7 @@ TEST_F(AuthService, RemoveOfAnUnknownSessionChangesNothing) {
   EXPECT_EQ(service->authTable().size(), 1u);
 }
 
-TEST_F(AuthService, EverythingHappensInTheOrderOfTheCalls) {
+TEST_F(AuthService, OperationsRunInCallOrder) {
   std::vector<bool> answers;
   const auto note = [&answers](bool answer, const Error&) { answers.push_back(answer); };
   service->isAuthedUser("alice", 5, note);
@@ -151,7 +151,7 @@ TEST_F(AuthService, TheTableCanBeReplaced) {
   EXPECT_TRUE(isAuthedUser("bob", 7));
 }
 
-TEST_F(AuthService, WaitingWorkHoldsTheService) {
+TEST_F(AuthService, PendingWorkKeepsTheServiceAlive) {
   const std::weak_ptr<KLNAuthService> watched = service;
   bool answered = false;
   service->isAuthedASID(5, [&](bool) { answered = true; });
@@ -172,7 +172,7 @@ TEST_F(AuthService, DefaultServiceIsOneUnlessOverridden) {
   EXPECT_EQ(KLNAuthService::defaultService(), first);
 }
 
-TEST(AuthServiceOnThreads, RecordingsOfManyThreadsAreAllKeptInTheOrderOfEach) {
+TEST(AuthServiceOnThreads, KeepsRecordsOfManyThreadsInEachThreadsOrder) {
   constexpr int kThreads = 4;
   constexpr int kEach = 500;
   WorkerPool pool(3);
