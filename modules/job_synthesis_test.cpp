@@ -43,13 +43,13 @@ class JobSynthesis : public ModulesFixture {
   }
   static Value defaultJob() { return madeJob("com.vantor.keeld.mail", "com.vantor.keeld.mail"); }
 
-  // Makes no use of a supervisor.
+  // Does not use a supervisor.
   KLNModuleManager manager_;
   String name_;
   String machName_;
 };
 
-TEST_F(JobSynthesis, WithoutAnyFileMakesTheDefaultJobOfNineKeysInTheirOrder) {
+TEST_F(JobSynthesis, WithoutFilesCreatesTheDefaultJobOfNineKeysInOrder) {
   folder_.makeFolder("keel_mail.bundle");
   EXPECT_EQ(job(), defaultJob());
   EXPECT_EQ(name_, String("mail"));
@@ -57,13 +57,13 @@ TEST_F(JobSynthesis, WithoutAnyFileMakesTheDefaultJobOfNineKeysInTheirOrder) {
   EXPECT_THAT(logged(), ElementsAre(kMaking));
 }
 
-TEST_F(JobSynthesis, InfoSaysTheLabelAlone) {
+TEST_F(JobSynthesis, InfoMaySetOnlyTheLabel) {
   write("Contents/Info.plist", dictionary(text("QZJobLabel", "L")));
   EXPECT_EQ(job(), madeJob("L", "com.vantor.keeld.mail"));
   EXPECT_EQ(machName_, String("com.vantor.keeld.mail"));
 }
 
-TEST_F(JobSynthesis, InfoSaysTheServiceAlone) {
+TEST_F(JobSynthesis, InfoMaySetOnlyTheService) {
   write("Contents/Info.plist",
         dictionary(text("QZMachServiceName", "S") + text("Other", "ignored")));
   EXPECT_EQ(job(), madeJob("com.vantor.keeld.mail", "S"));
@@ -71,7 +71,7 @@ TEST_F(JobSynthesis, InfoSaysTheServiceAlone) {
   EXPECT_EQ(machName_, String("S"));
 }
 
-TEST_F(JobSynthesis, InfoSaysBoth) {
+TEST_F(JobSynthesis, InfoMaySetBoth) {
   write("Info.plist", dictionary(text("QZJobLabel", "L") + text("QZMachServiceName", "S")));
   EXPECT_EQ(job(), madeJob("L", "S"));
   EXPECT_THAT(logged(), ElementsAre(kMaking));
@@ -82,7 +82,7 @@ TEST_F(JobSynthesis, AnEmptyTextIsAText) {
   EXPECT_EQ(job(), madeJob("", ""));
 }
 
-TEST_F(JobSynthesis, TheBundlesOwnJobIsTakenAsItStands) {
+TEST_F(JobSynthesis, UsesTheBundlesOwnJobUnchanged) {
   write("Contents/Info.plist",
         dictionary(text("QZJobLabel", "L") + text("QZMachServiceName", "S")));
   write("Contents/Resources/launchd.plist",
@@ -118,18 +118,18 @@ TEST_F(JobSynthesis, AnOwnJobWithEmptyServicesRaisesARangeException) {
   } catch (const Exception& raised) {
     EXPECT_EQ(raised.name(), "NSRangeException");
   }
-  // Also for who does not ask for the name.
+  // Even if the caller does not request the name.
   EXPECT_THROW(manager_.synthesizeJobFromBundle(path(""), nullptr, nullptr), Exception);
 }
 
-TEST_F(JobSynthesis, ServicesThatAreNoDictionaryAreNone) {
+TEST_F(JobSynthesis, IgnoresServicesThatAreNotADictionary) {
   write("launchd.plist", dictionary("<key>MachServices</key><array><string>a</string></array>"));
   EXPECT_EQ(job(), Value::map({{"MachServices", Value::list({"a"})}}));
   EXPECT_TRUE(machName_.isNull());
   EXPECT_THAT(logged(), ElementsAre());
 }
 
-TEST_F(JobSynthesis, WhoeverDoesNotAskIsNotTold) {
+TEST_F(JobSynthesis, AllowsNullOutputArguments) {
   write("Info.plist", dictionary(text("QZJobLabel", "L")));
   const std::string bundle = folder_.path("keel_mail.bundle");
   const Value job = madeJob("L", "com.vantor.keeld.mail");
@@ -142,26 +142,26 @@ TEST_F(JobSynthesis, WhoeverDoesNotAskIsNotTold) {
   EXPECT_EQ(manager_.synthesizeJobFromBundle(bundle, nullptr, nullptr).textOf("Label"), "own");
 }
 
-TEST_F(JobSynthesis, WhatIsNoBundleGetsTheDefaultJob) {
+TEST_F(JobSynthesis, CreatesTheDefaultJobForWhatIsNotABundle) {
   EXPECT_EQ(job(), defaultJob());
   folder_.write("keel_mail.bundle", "a file");
   EXPECT_EQ(job(), defaultJob());
   EXPECT_THAT(logged(), ElementsAre(kMaking, kMaking));
 }
 
-TEST_F(JobSynthesis, AnOwnJobThatCannotBeReadIsSilentlyReplaced) {
+TEST_F(JobSynthesis, SilentlyReplacesAnUnreadableOwnJob) {
   write("launchd.plist", "garbage");
   EXPECT_EQ(job(), defaultJob());
   EXPECT_THAT(logged(), ElementsAre(kMaking));
 }
 
-TEST_F(JobSynthesis, AnOwnJobThatIsNoDictionaryIsSilentlyReplaced) {
+TEST_F(JobSynthesis, SilentlyReplacesAnOwnJobThatIsNotADictionary) {
   write("launchd.plist", "<plist><array/></plist>");
   EXPECT_EQ(job(), defaultJob());
   EXPECT_THAT(logged(), ElementsAre(kMaking));
 }
 
-TEST_F(JobSynthesis, FilesThatAreNoFilesDoNoHarm) {
+TEST_F(JobSynthesis, IgnoresFilesThatAreNotRegular) {
   folder_.makeFolder("keel_mail.bundle");
   ASSERT_EQ(::mkfifo(path("launchd.plist").c_str(), 0600), 0);
   ASSERT_EQ(::symlink("/dev/zero", path("Info.plist").c_str()), 0);
@@ -169,14 +169,14 @@ TEST_F(JobSynthesis, FilesThatAreNoFilesDoNoHarm) {
   EXPECT_THAT(logged(), ElementsAre(kMaking));
 }
 
-TEST_F(JobSynthesis, InfoOfTheWrongKindIsNotUsed) {
+TEST_F(JobSynthesis, IgnoresInfoOfTheWrongKind) {
   write("Info.plist",
         dictionary("<key>QZJobLabel</key><integer>5</integer><key>QZMachServiceName</key><dict/>"));
   EXPECT_EQ(job(), defaultJob());
   EXPECT_THAT(logged(), ElementsAre(kMaking));
 }
 
-TEST_F(JobSynthesis, InfoThatCannotBeReadIsNotUsed) {
+TEST_F(JobSynthesis, IgnoresUnreadableInfo) {
   write("Info.plist", "garbage");
   EXPECT_EQ(job(), defaultJob());
   EXPECT_THAT(logged(), ElementsAre(kMaking));

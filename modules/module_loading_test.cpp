@@ -28,7 +28,7 @@ class ModuleLoading : public ModulesFixture {
     return manager_.loadModuleIfNeededFromPath(folder_.path(name), nullptr);
   }
 
-  // What is logged of a bundle with a job of its own whose label is LABEL, from the first answer to
+  // Returns the log lines for a bundle with its own job labelled `label`, from the first query to
   // the last.
   static std::vector<std::string> linesOf(const std::string& label) {
     return {"debug: loadModuleIfNeededFromPath service " + label + " is not enabled ",
@@ -64,20 +64,20 @@ TEST_F(ModuleLoading, OnlyEntriesWithPrefixAndSuffixAreModules) {
           R"(debug: loadAllModules: moduleTable is {"keel_a": "com.vantor.keeld.a"})"));
 }
 
-TEST_F(ModuleLoading, AFileIsAsGoodAsAFolder) {
+TEST_F(ModuleLoading, AFileCountsAsABundle) {
   folder_.write("keel_a.bundle", "");
   manager_.loadAllModules();
   EXPECT_EQ(table(), Value::map({{"keel_a", "com.vantor.keeld.a"}}));
 }
 
-TEST_F(ModuleLoading, AnEmptyDirectoryYieldsAnEmptyTableAndSaysSo) {
+TEST_F(ModuleLoading, AnEmptyDirectoryLogsAnEmptyTable) {
   manager_.loadAllModules();
   EXPECT_EQ(table(), Value::map({}));
   EXPECT_THAT(supervisor_.calls(), ElementsAre("authorize"));
   EXPECT_THAT(logged(), ElementsAre("debug: loadAllModules: moduleTable is {}"));
 }
 
-TEST_F(ModuleLoading, AMissingDirectoryIsAnErrorAndTheEnd) {
+TEST_F(ModuleLoading, AMissingDirectoryIsAnErrorAndStops) {
   KLNModuleManager manager(supervisor_, folder_.path("none/"));
   manager.loadAllModules();
   EXPECT_EQ(manager.moduleTable().count(), 0U);
@@ -87,7 +87,7 @@ TEST_F(ModuleLoading, AMissingDirectoryIsAnErrorAndTheEnd) {
                           " error No such file or directory (NSPOSIXErrorDomain error 2)"));
 }
 
-TEST_F(ModuleLoading, TheOrderIsThatOfTheDirectory) {
+TEST_F(ModuleLoading, LoadsInDirectoryOrder) {
   for (int number = 0; number < 30; ++number)
     makeBundle("keel_" + std::to_string(number * 7919 % 30) + ".bundle");
   const auto names = contentsOfDirectory(folder_.path()).value();
@@ -101,22 +101,22 @@ TEST_F(ModuleLoading, TheOrderIsThatOfTheDirectory) {
   EXPECT_EQ(created, expected);
 }
 
-TEST_F(ModuleLoading, ADirectoryMayBeGivenWithoutItsSlash) {
+TEST_F(ModuleLoading, AcceptsADirectoryWithoutATrailingSlash) {
   makeBundle("keel_a.bundle");
   KLNModuleManager manager(supervisor_, folder_.path());
   manager.loadAllModules();
   EXPECT_EQ(logged().at(4), "debug: loadAllModules: loaded " + folder_.path("keel_a.bundle"));
 }
 
-TEST_F(ModuleLoading, TheAuthorizationIsNeverReleased) {
+TEST_F(ModuleLoading, KeepsTheAuthorization) {
   manager_.loadAllModules();
   EXPECT_TRUE(supervisor_.keepsAuthorization());
 }
 
-TEST_F(ModuleLoading, AJobThatIsEnabledAlreadyIsOnlyRecorded) {
+TEST_F(ModuleLoading, OnlyRecordsAJobThatIsAlreadyEnabled) {
   makeBundle("keel_a.bundle");
   supervisor_.enabled = {"com.vantor.keeld.a"};
-  // Beside the answer that it is enabled an error says nothing.
+  // An error beside the answer "enabled" is ignored.
   supervisor_.queryFaults = {FakeSupervisor::fault("unused")};
   manager_.loadAllModules();
   EXPECT_EQ(table(), Value::map({{"keel_a", "com.vantor.keeld.a"}}));
@@ -129,7 +129,7 @@ TEST_F(ModuleLoading, AJobThatIsEnabledAlreadyIsOnlyRecorded) {
           R"(debug: loadAllModules: moduleTable is {"keel_a": "com.vantor.keeld.a"})"));
 }
 
-TEST_F(ModuleLoading, AJobThatStaysDisabledIsNotRecordedAndTheOthersAre) {
+TEST_F(ModuleLoading, DoesNotRecordAJobThatStaysDisabled) {
   for (const char* name : {"keel_a.bundle", "keel_b.bundle", "keel_c.bundle"}) makeBundle(name);
   supervisor_.onQuery = [this](const String&) { supervisor_.enabled.erase("com.vantor.keeld.b"); };
   manager_.loadAllModules();
@@ -142,13 +142,13 @@ TEST_F(ModuleLoading, AJobThatStaysDisabledIsNotRecordedAndTheOthersAre) {
               ::testing::Contains("debug: loadModuleIfNeededFromPath enabled com.vantor.keeld.b"));
 }
 
-TEST_F(ModuleLoading, TheJobIsHandedOverWhole) {
+TEST_F(ModuleLoading, PassesTheWholeJob) {
   makeBundle("keel_a.bundle", dictionary(text("x", "y") + text("Label", "own")));
   EXPECT_TRUE(load("keel_a.bundle"));
   EXPECT_THAT(supervisor_.createdJobs, ElementsAre(Eq(Value::map({{"x", "y"}, {"Label", "own"}}))));
 }
 
-TEST_F(ModuleLoading, AnOwnLabelIsUsedThroughoutAndTheKeyIsTheBundlesName) {
+TEST_F(ModuleLoading, UsesTheOwnLabelAndKeysTheTableByBundleName) {
   makeBundle("keel_a.bundle", ownJob("L"));
   manager_.loadAllModules();
   EXPECT_THAT(supervisor_.calls(),
@@ -156,7 +156,7 @@ TEST_F(ModuleLoading, AnOwnLabelIsUsedThroughoutAndTheKeyIsTheBundlesName) {
   EXPECT_EQ(table(), Value::map({{"keel_a", "service of L"}}));
 }
 
-TEST_F(ModuleLoading, TheAuthorizationGivenIsForTheFirstQuestionAlone) {
+TEST_F(ModuleLoading, UsesTheGivenAuthorizationOnlyForTheFirstQuery) {
   makeBundle("keel_a.bundle", ownJob("L"));
   const auto authorization =
       supervisor_.QZSupervisorCreateCommandAuthorizationWithCredentials(nullptr, nullptr, nullptr);
@@ -167,7 +167,7 @@ TEST_F(ModuleLoading, TheAuthorizationGivenIsForTheFirstQuestionAlone) {
               ElementsAre("auth: enabled? L", "create L", "enable L", "enabled? L"));
 }
 
-TEST_F(ModuleLoading, AFailedFirstQuestionIsLoggedAndMeansNotEnabled) {
+TEST_F(ModuleLoading, AFailedFirstQueryIsLoggedAndMeansNotEnabled) {
   makeBundle("keel_a.bundle", ownJob("L"));
   supervisor_.queryFaults = {FakeSupervisor::fault("first")};
   EXPECT_TRUE(load("keel_a.bundle"));
@@ -178,7 +178,7 @@ TEST_F(ModuleLoading, AFailedFirstQuestionIsLoggedAndMeansNotEnabled) {
   EXPECT_EQ(logged(), expected);
 }
 
-TEST_F(ModuleLoading, AFailedLastQuestionIsLoggedWhateverTheAnswer) {
+TEST_F(ModuleLoading, AFailedLastQueryIsLoggedWhateverItsResult) {
   makeBundle("keel_a.bundle", ownJob("L"));
   supervisor_.queryFaults = {nullptr, FakeSupervisor::fault("last")};
   EXPECT_TRUE(load("keel_a.bundle"));
@@ -195,7 +195,7 @@ TEST_F(ModuleLoading, AFailedLastQuestionIsLoggedWhateverTheAnswer) {
   EXPECT_EQ(logged(), expected);
 }
 
-TEST_F(ModuleLoading, TheErrorOfTheFirstQuestionIsNotTakenForThatOfTheLast) {
+TEST_F(ModuleLoading, TheFirstQuerysErrorIsNotReportedForTheLast) {
   makeBundle("keel_a.bundle", ownJob("L"));
   supervisor_.queryFaults = {FakeSupervisor::fault("first"), nullptr};
   supervisor_.enablingWorks = false;
@@ -203,7 +203,7 @@ TEST_F(ModuleLoading, TheErrorOfTheFirstQuestionIsNotTakenForThatOfTheLast) {
   EXPECT_EQ(logged().size(), 4U);
 }
 
-TEST_F(ModuleLoading, AFailedCreationStopsNothingAndItsErrorIsDropped) {
+TEST_F(ModuleLoading, AFailedCreationDoesNotStopAndItsErrorIsDropped) {
   makeBundle("keel_a.bundle", ownJob("L"));
   supervisor_.creationWorks = false;
   supervisor_.creationFaults = {FakeSupervisor::fault("dropped")};
@@ -212,7 +212,7 @@ TEST_F(ModuleLoading, AFailedCreationStopsNothingAndItsErrorIsDropped) {
   EXPECT_EQ(logged(), linesOf("L"));
 }
 
-TEST_F(ModuleLoading, WhatACreationThatWorkedReportsIsToldByTheNextStep) {
+TEST_F(ModuleLoading, ASuccessfulCreationsErrorIsReportedByTheNextStep) {
   makeBundle("keel_a.bundle", ownJob("L"));
   supervisor_.creationFaults = {FakeSupervisor::fault("carried over")};
   EXPECT_TRUE(load("keel_a.bundle"));
@@ -223,7 +223,7 @@ TEST_F(ModuleLoading, WhatACreationThatWorkedReportsIsToldByTheNextStep) {
   EXPECT_EQ(logged(), expected);
 }
 
-TEST_F(ModuleLoading, TheNextStepsOwnErrorTakesItsPlace) {
+TEST_F(ModuleLoading, TheNextStepsOwnErrorReplacesIt) {
   makeBundle("keel_a.bundle", ownJob("L"));
   supervisor_.creationFaults = {FakeSupervisor::fault("carried over")};
   supervisor_.enablingFaults = {FakeSupervisor::fault("its own")};
@@ -233,7 +233,7 @@ TEST_F(ModuleLoading, TheNextStepsOwnErrorTakesItsPlace) {
             "error 1)");
 }
 
-TEST_F(ModuleLoading, AFailedEnablingIsLoggedAndTheLastQuestionDecides) {
+TEST_F(ModuleLoading, AFailedEnablingIsLoggedAndTheLastQueryDecides) {
   makeBundle("keel_a.bundle", ownJob("L"));
   supervisor_.enablingFaults = {FakeSupervisor::fault("refused")};
   supervisor_.enablingWorks = false;
@@ -269,8 +269,8 @@ TEST_F(ModuleLoading, AJobWithoutALabelTextHasTheNullLabel) {
   }
 }
 
-// The middle one of three, in the order of the directory, has a job with empty services.
-TEST_F(ModuleLoading, AnExceptionEndsTheWalkAndWhatWasLoadedStays) {
+// The middle one of three, in directory order, has a job with empty services.
+TEST_F(ModuleLoading, AnExceptionStopsTheWalkAndKeepsLoadedModules) {
   for (const char* name : {"keel_a.bundle", "keel_b.bundle", "keel_c.bundle"}) makeBundle(name);
   const auto names = contentsOfDirectory(folder_.path()).value();
   makeBundle(names[1], dictionary(services("")));
@@ -288,7 +288,7 @@ TEST_F(ModuleLoading, AnExceptionEndsTheWalkAndWhatWasLoadedStays) {
   EXPECT_EQ(lines[6], "debug: loadAllModules: moduleTable is " + table().description());
 }
 
-TEST_F(ModuleLoading, AnExceptionOfTheSupervisorEndsTheWalkToo) {
+TEST_F(ModuleLoading, AnExceptionOfTheSupervisorStopsTheWalk) {
   makeBundle("keel_a.bundle");
   supervisor_.onQuery = [](const String&) { throw Exception(NSGenericException, "no"); };
   manager_.loadAllModules();
@@ -300,7 +300,7 @@ TEST_F(ModuleLoading, AnExceptionOfTheSupervisorEndsTheWalkToo) {
           "debug: loadAllModules: moduleTable is {}"));
 }
 
-TEST_F(ModuleLoading, WhatIsNoExceptionObjectIsNotCaught) {
+TEST_F(ModuleLoading, DoesNotCatchOtherExceptionTypes) {
   makeBundle("keel_a.bundle");
   supervisor_.onQuery = [](const String&) { throw std::runtime_error("no"); };
   EXPECT_THROW(manager_.loadAllModules(), std::runtime_error);
@@ -324,7 +324,7 @@ TEST_F(ModuleLoading, ABundleThatVanishesDuringTheWalkGetsItsDefaultJob) {
   }
 }
 
-TEST_F(ModuleLoading, ANameThatIsNoTextIsNamedAndPassedOver) {
+TEST_F(ModuleLoading, LogsAndSkipsANameThatIsNotUtf8) {
   makeBundle("keel_\xff.bundle");
   makeBundle("keel_a.bundle");
   manager_.loadAllModules();
@@ -342,7 +342,7 @@ class ManagerWithoutJobs final : public KLNModuleManager {
   Value synthesizeJobFromBundle(const std::string&, String*, String*) override { return nullptr; }
 };
 
-TEST_F(ModuleLoading, WithoutAJobTheModuleIsNotLoadedAndTheSupervisorNotAsked) {
+TEST_F(ModuleLoading, WithoutAJobDoesNotCallTheSupervisor) {
   makeBundle("keel_a.bundle");
   ManagerWithoutJobs manager(supervisor_, folder_.path());
   manager.loadAllModules();
@@ -355,7 +355,7 @@ TEST_F(ModuleLoading, WithoutAJobTheModuleIsNotLoadedAndTheSupervisorNotAsked) {
                           "debug: loadAllModules: moduleTable is {}"));
 }
 
-TEST_F(ModuleLoading, UnloadingDisablesTheDefaultLabelOfEachKeyAndNothingElse) {
+TEST_F(ModuleLoading, UnloadingDisablesOnlyTheDefaultLabelOfEachKey) {
   manager_.moduleTable().set("keel_x", "s");
   manager_.unloadAllModules();
   EXPECT_THAT(supervisor_.calls(), ElementsAre("disable without slot com.vantor.keeld.x"));
@@ -368,7 +368,7 @@ TEST_F(ModuleLoading, UnloadingDisablesTheDefaultLabelOfEachKeyAndNothingElse) {
                                                         "disable without slot com.vantor.keeld."));
 }
 
-TEST_F(ModuleLoading, UnloadingDoesNotKnowTheLabelsOfBundles) {
+TEST_F(ModuleLoading, UnloadingIgnoresTheBundlesOwnLabels) {
   makeBundle("keel_a.bundle", ownJob("L"));
   manager_.loadAllModules();
   supervisor_.calls();

@@ -6,7 +6,7 @@
 namespace keel {
 namespace {
 
-TEST(ModuleName, ABundleIsAModuleByItsExactBeginningAndEnd) {
+TEST(ModuleName, AModuleHasTheExactPrefixAndSuffix) {
   for (const char* name : {"keel_a.bundle", "keel_.bundle", "keel_a.b.bundle"})
     EXPECT_TRUE(isModuleBundle(name)) << name;
   for (const char* name :
@@ -16,7 +16,7 @@ TEST(ModuleName, ABundleIsAModuleByItsExactBeginningAndEnd) {
   }
 }
 
-TEST(ModuleName, TheShortOneIsWithoutFolderPrefixAndExtension) {
+TEST(ModuleName, TheShortNameLacksFolderPrefixAndExtension) {
   EXPECT_EQ(shortNameOfBundle("/a/keel_mail.bundle"), "mail");
   EXPECT_EQ(shortNameOfBundle("keel_mail.bundle"), "mail");
   EXPECT_EQ(shortNameOfBundle("/a.b/keel_mail.bundle/"), "mail");
@@ -25,7 +25,7 @@ TEST(ModuleName, TheShortOneIsWithoutFolderPrefixAndExtension) {
   EXPECT_EQ(shortNameOfBundle("/a/keel_.bundle"), "");
 }
 
-TEST(ModuleName, ThePrefixIsSkippedWhateverItIs) {
+TEST(ModuleName, SkipsAPrefixLengthOfAnyCharacters) {
   EXPECT_EQ(shortNameOfBundle("/a/other_mail.bundle"), "_mail");
   EXPECT_EQ(withoutModulePrefix("keel_x"), "x");
   EXPECT_EQ(withoutModulePrefix("KEEL-x"), "x");
