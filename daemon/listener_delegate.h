@@ -14,17 +14,16 @@ class KLNListenerDelegate : public xpc::ListenerDelegate {
       xpc::Listener& listener, const std::shared_ptr<xpc::Connection>& connection) override;
 };
 
-// Gives each connection to the notify service a handler of its own, which lives as long as the
-// connection holds it.
+// Gives each connection to the notify service its own handler, which the connection owns.
 class NotifyListenerDelgate final : public KLNListenerDelegate {
  public:
   bool listenerShouldAcceptNewConnection(
       xpc::Listener& listener, const std::shared_ptr<xpc::Connection>& connection) override;
 };
 
-// Gives each connection to the auth service a handler of its own, and a queue of its own on the
-// worker pool: a check that takes seconds holds up that connection alone. Checks wait in the lane
-// of the user who asks, so that no user keeps the others waiting.
+// Gives each connection to the auth service its own handler, and its own queue on the worker pool:
+// a check that takes seconds delays only that connection. Checks wait in their user's lane, so that
+// no user delays the others.
 class AuthListenerDelgate final : public KLNListenerDelegate {
  public:
   bool listenerShouldAcceptNewConnection(

@@ -40,16 +40,16 @@ class NotifyListener : public ::testing::Test {
   bool accept(FakeClient& client) {
     return delegate_.listenerShouldAcceptNewConnection(*listener_, client.connection());
   }
-  // Ends a connection whose handlers run on the worker pool, and waits for that: what they log
-  // belongs to this test.
+  // Ends a connection whose handlers run on the worker pool, and waits, so that their log lines
+  // fall into this test.
   static void end(FakeClient& client) {
     const std::weak_ptr<xpc::Connection> connection = client.connection();
     client.die();
     while (!connection.expired()) std::this_thread::yield();
   }
   static LogLine debug(const char* text) { return {LogLevel::debug, "runtime", text}; }
-  // Accepts the client with `delegate`. When it logs a line that begins with `received`, everything
-  // is configured otherwise: what the delegate has configured before that is overwritten.
+  // Accepts the client with `delegate`. At the log line that begins with `received`, overwrites
+  // everything the delegate has configured so far.
   void acceptSpoilt(xpc::ListenerDelegate& delegate, FakeClient& client,
                     std::string_view received) {
     const auto& connection = client.connection();
@@ -111,12 +111,12 @@ TEST_F(NotifyListener, ReceptionIsLoggedBeforeAnythingIsConfigured) {
   }
 }
 
-TEST_F(NotifyListener, TwoConnectionsOfOneProcessHaveTheirOwnHandlers) {
+TEST_F(NotifyListener, TwoConnectionsOfOneProcessGetSeparateHandlers) {
   FakeClient first(executor_, FakeClient::identity(345));
   FakeClient second(executor_, FakeClient::identity(345));
   EXPECT_TRUE(accept(first));
   EXPECT_TRUE(accept(second));
-  // One handler would refuse the second subscription to the same name.
+  // A shared handler would refuse the second subscription to the same name.
   const auto one = first.request<&NotifyProxy::subscribeTo>(Name("n"), 0u);
   const auto two = second.request<&NotifyProxy::subscribeTo>(Name("n"), 0u);
   executor_.runAll();
@@ -124,7 +124,7 @@ TEST_F(NotifyListener, TwoConnectionsOfOneProcessHaveTheirOwnHandlers) {
   EXPECT_FALSE(std::get<1>(second.resultsOf<&NotifyProxy::subscribeTo>(two).value()));
 }
 
-TEST_F(NotifyListener, InterruptionAndInvalidationTellTheHandlerAndLogThePid) {
+TEST_F(NotifyListener, InterruptionAndInvalidationCallTheHandlerAndLogThePid) {
   FakeClient client(executor_, FakeClient::identity(345, 9));
   accept(client);
   client.request<&NotifyProxy::subscribeTo>(Name("n"), 0u);
@@ -152,7 +152,7 @@ TEST_F(NotifyListener, InterruptionAndInvalidationTellTheHandlerAndLogThePid) {
   EXPECT_EQ(service_->published().at("n")->subscribers()->count(), 0u);
 }
 
-TEST_F(NotifyListener, ConnectionAloneHoldsItsHandler) {
+TEST_F(NotifyListener, OnlyTheConnectionOwnsItsHandler) {
   FakeClient client(executor_);
   accept(client);
   const std::weak_ptr<xpc::Connection> connection = client.connection();
@@ -189,9 +189,9 @@ TEST_F(NotifyListener, AuthDelegateLogsReceptionBeforeAnythingIsConfigured) {
                          debug("AuthService connection from 7 invalidated")}));
 }
 
-TEST_F(NotifyListener, AuthDelegateGivesTwoConnectionsOfOneProcessTheirOwnHandlers) {
+TEST_F(NotifyListener, AuthDelegateGivesTwoConnectionsOfOneProcessSeparateHandlers) {
   AuthListenerDelgate delegate;
-  // One handler would know the session of the last of them alone.
+  // A shared handler would only have the last one's session.
   FakeClient first(executor_, FakeClient::identity(345, 7));
   FakeClient second(executor_, FakeClient::identity(345, 8));
   for (FakeClient* client : {&first, &second})
@@ -207,12 +207,12 @@ TEST_F(NotifyListener, AuthDelegateSetsNoRemoteInterface) {
   AuthListenerDelgate delegate;
   FakeClient client(executor_);
   delegate.listenerShouldAcceptNewConnection(*listener_, client.connection());
-  // The client lists the method; the daemon does not look for it.
+  // The client declares the method; the daemon does not use it.
   EXPECT_FALSE(client.connection()->indexOf<&protocols::SubscriberProxy::updateSubscriptionFor>());
   end(client);
 }
 
-TEST_F(NotifyListener, BaseClassAcceptsAndDoesNothingElse) {
+TEST_F(NotifyListener, BaseClassOnlyAccepts) {
   KLNListenerDelegate base;
   FakeClient client(executor_);
   EXPECT_TRUE(base.listenerShouldAcceptNewConnection(*listener_, client.connection()));

@@ -11,21 +11,21 @@
 int main(int, char** arguments) {
   using namespace keel;
   requireRoot(arguments[0]);
-  holdSignals();
+  blockSignals();
   keepChildStatus();
   forbidCores();
   setCrashBanner(std::string(TBCopyCalderBuildVersion().view()).c_str());
   reportCrashes();
   startDaemonLogging();
-  complainAboutMissingSessions();
+  warnIfNoAuditSessions();
   makeLockDirectory(kLockDirectory);
   startThreads();
   preferIoThread();
   loadModules();
   openListeners();
-  announce();
+  logStarted();
   installSignalHandling();
   _loggerForCategory("runtime").debug("up and running");
-  tellReady();
+  notifyReady();
   dispatchMain();
 }

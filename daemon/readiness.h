@@ -5,16 +5,15 @@
 
 namespace keel {
 
-// Tells whoever started this process and wants to know (NOTIFY_SOCKET, see sd_notify(3)) that it
-// serves, or that it ends. Nobody who wants to know, or nobody who listens, is no failure, and
-// holds up nothing.
+// Notifies the service manager (NOTIFY_SOCKET, see sd_notify(3)) that this process is ready, or
+// stopping. A missing socket or receiver is not a failure and delays nothing.
 
-// How long a service manager that is busy with other processes may take until there is room for the
-// message: most of them end a daemon that they never hear this from.
-inline constexpr std::chrono::seconds kReadyPatience{10};
+// How long to wait for room in a busy service manager's socket: most service managers kill a daemon
+// that never reports ready.
+inline constexpr std::chrono::seconds kReadyTimeout{10};
 
-void tellReady(std::chrono::microseconds patience = kReadyPatience);
-// Only if there is room: the end itself says as much.
-void tellStopping();
+void notifyReady(std::chrono::microseconds timeout = kReadyTimeout);
+// Does not wait for room: the exit itself conveys the same.
+void notifyStopping();
 
 }  // namespace keel

@@ -20,7 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A service manager that reads only when it is told to.
+// A service manager that reads only on request.
 class Readiness : public ::testing::Test {
  protected:
   Readiness() {
@@ -33,13 +33,13 @@ class Readiness : public ::testing::Test {
   }
   ~Readiness() override { ::unsetenv("NOTIFY_SOCKET"); }
 
-  // Empty when there is nothing.
+  // Returns the next message, empty if there is none.
   std::string read() const {
     std::array<char, 100> message{};
     const ssize_t size = ::recv(manager_.get(), message.data(), message.size(), MSG_DONTWAIT);
     return {message.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
   }
-  // Returns how many messages that took.
+  // Returns the number of messages that took.
   int fill() const {
     const FileDescriptor other(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     int count = 0;
@@ -56,16 +56,16 @@ class Readiness : public ::testing::Test {
   const FileDescriptor manager_{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
 };
 
-TEST_F(Readiness, IsTold) {
-  tellReady();
+TEST_F(Readiness, IsSent) {
+  notifyReady();
   EXPECT_EQ(read(), "READY=1");
-  tellStopping();
+  notifyStopping();
   EXPECT_EQ(read(), "STOPPING=1");
 }
 
-TEST_F(Readiness, IsToldToANameInNoDirectory) {
+TEST_F(Readiness, IsSentToAnAbstractSocket) {
   const FileDescriptor manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  // The kernel chooses the name.
+  // The kernel assigns the name.
   const sa_family_t family = AF_UNIX;
   ASSERT_EQ(::bind(manager.get(), reinterpret_cast<const sockaddr*>(&family), sizeof(family)), 0);
   sockaddr_un address{};
@@ -73,29 +73,29 @@ TEST_F(Readiness, IsToldToANameInNoDirectory) {
   ASSERT_EQ(::getsockname(manager.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
   const std::string name(address.sun_path + 1, size - offsetof(sockaddr_un, sun_path) - 1);
   ::setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
-  tellReady();
+  notifyReady();
   std::array<char, 100> message{};
   EXPECT_EQ(::recv(manager.get(), message.data(), message.size(), MSG_DONTWAIT), 7);
 }
 
-TEST_F(Readiness, NobodyWhoReadsHoldsUpNothing) {
+TEST_F(Readiness, AFullSocketDoesNotBlock) {
   const int count = fill();
-  tellReady(1ms);
-  tellStopping();
+  notifyReady(1ms);
+  notifyStopping();
   for (int i = 0; i < count; ++i) EXPECT_EQ(read(), "x");
   EXPECT_EQ(read(), "");
 }
 
-TEST_F(Readiness, NobodyWhoWantsToKnowIsNoFailure) {
+TEST_F(Readiness, AMissingSocketIsNotAFailure) {
   for (const std::string& setting :
        {std::string(), std::string("relative"), std::string("/"), std::string("/nowhere"),
         "/" + std::string(sizeof(address_.sun_path), 'x')}) {
     ::setenv("NOTIFY_SOCKET", setting.c_str(), 1);
-    tellReady();
-    tellStopping();
+    notifyReady();
+    notifyStopping();
   }
   ::unsetenv("NOTIFY_SOCKET");
-  tellReady();
+  notifyReady();
   EXPECT_EQ(read(), "");
 }
 

@@ -9,13 +9,13 @@
 
 namespace keel {
 
-// The daemon's two services and the order in which they come and go: auth before notify. `Listener`
-// is xpc::Listener, or in tests one that notes what it is told. Used by one thread at a time.
+// The daemon's two services and their order of opening and closing: auth before notify. `Listener`
+// is xpc::Listener, or a recording fake in tests. Used by one thread at a time.
 template <class Listener>
 class Services {
  public:
-  // Makes the listeners with `make(serviceName)` and resumes each before the next is made. `make`
-  // yields no null.
+  // Creates the listeners with `make(serviceName)` and resumes each before creating the next.
+  // `make` never returns null.
   template <class Make>
   void open(Make make) {
     Logger& log = _loggerForCategory("runtime");
@@ -30,7 +30,7 @@ class Services {
     notify_->resume();
   }
 
-  // After open(). Neither accepts any more when the first of them goes.
+  // Called after open(). Both stop accepting before the first is invalidated.
   void close() {
     auth_->suspend();
     notify_->suspend();
@@ -41,7 +41,7 @@ class Services {
   }
 
  private:
-  // Borrowed by the listeners, which go before them.
+  // Borrowed by the listeners, which are destroyed first.
   const std::shared_ptr<AuthListenerDelgate> authDelegate_ =
       std::make_shared<AuthListenerDelgate>();
   const std::shared_ptr<NotifyListenerDelgate> notifyDelegate_ =

@@ -41,7 +41,7 @@ class NotingListener {
   const std::string name_;
 };
 
-TEST(Services, AuthComesAndGoesBeforeNotify) {
+TEST(Services, OpensAndClosesAuthBeforeNotify) {
   testing::LogRecorder log{LogLevel::debug};
   Services<NotingListener> services;
   calls.clear();

@@ -38,11 +38,10 @@ namespace keel {
 
 namespace {
 
-// How long the last messages may take to reach the journal before the process ends without them.
+// Time limit for flushing the last messages to the journal before the process exits.
 constexpr std::chrono::milliseconds kLogPatience{500};
 
-// What the process keeps for as long as it lives; never destroyed, as exit() runs while other
-// threads still use it.
+// State of the whole process; never destroyed, since other threads still use it during exit().
 struct Process {
   Services<xpc::Listener> services;
   std::unique_ptr<SignalSource> hangup;
@@ -86,7 +85,7 @@ std::shared_ptr<xpc::Listener> makeListener(const char* serviceName) {
 void shutDown() {
   logger().standard("signal handler: received SIGTERM, shutting down");
   process().services.close();
-  tellStopping();
+  notifyStopping();
   endProcess(0);
 }
 
@@ -95,9 +94,8 @@ bool isPending(int signal) {
   return ::sigpending(&pending) == 0 && ::sigismember(&pending, signal) == 1;
 }
 
-// A signal that is blocked stays pending even when its disposition is to be ignored; but setting it
-// so discards one that is pending already, which is therefore sent again. So this is done once, and
-// early.
+// A blocked signal stays pending even if it is ignored, but setting SIG_IGN discards an already
+// pending one, which is therefore sent again. So this is done once, and early.
 void holdSignal(int signal) {
   blockSignal(signal);
   const bool pending = isPending(signal);
@@ -123,7 +121,7 @@ void requireRoot(const char* programName) {
   std::exit(kExitNotRoot);
 }
 
-void holdSignals() {
+void blockSignals() {
   holdSignal(SIGHUP);
   holdSignal(SIGTERM);
 }
@@ -155,12 +153,12 @@ void startDaemonLogging() {
   if (!notUnderstood.empty()) logger().error("KEELD_LOG: not understood: {}", notUnderstood);
 }
 
-void complainAboutMissingSessions(const char* ownSession) {
+void warnIfNoAuditSessions(const char* ownSession) {
   if (::access(ownSession, F_OK) == 0) return;
   logger().error(
-      "this kernel has no audit sessions: all processes are in session -1, and whoever proves to "
-      "be an administrator proves it "
-      "for every one of them; use a kernel with CONFIG_AUDIT");
+      "this kernel has no audit sessions: all processes are in session -1, and a proof by one "
+      "of them "
+      "counts for all; use a kernel with CONFIG_AUDIT");
 }
 
 void startThreads() {
@@ -201,7 +199,7 @@ void openListeners() {
   process().services.open(makeListener);
 }
 
-void announce() {
+void logStarted() {
   _loggerForCategory("daemon").standard("keeld {} is running (build id {})",
                                         TBCopyCalderBuildVersion(), buildId());
 }

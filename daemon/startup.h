@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-// The steps of the daemon's start, in the order in which main takes them. Each ends the process
-// with the exit code named when it cannot do its part.
+// The steps of the daemon's start-up, in main's order. Each ends the process with the stated exit
+// code on failure.
 
 namespace keel {
 
@@ -14,59 +14,57 @@ inline constexpr int kExitNoThread = 4;
 // Ends with kExitNotRoot and a message on standard error unless the real user is root.
 void requireRoot(const char* programName);
 
-// Has SIGHUP and SIGTERM wait for their sources from now on, in every thread that is started later:
-// neither ends the process any more, and none is lost. Before any thread exists.
-void holdSignals();
+// Blocks SIGHUP and SIGTERM, in every thread started later too: they stay pending for their signal
+// sources, neither ends the process, and none is lost. Before any thread exists.
+void blockSignals();
 
-// Has the kernel keep the status of each child until it is asked for, even if whoever started this
-// process ignored SIGCHLD: an ignored SIGCHLD is inherited, and children then vanish unseen. Before
-// any thread exists.
+// Resets SIGCHLD to its default, so that the kernel keeps each child's exit status until it is
+// reaped: an ignored SIGCHLD is inherited, and children are then reaped automatically. Before any
+// thread exists.
 void keepChildStatus();
 
-// Has the kernel write no core of this process, wherever it crashes: in the middle of an attempt it
-// has a password in its memory. Root's debuggers still may look. Programs that it starts are free
-// of this.
+// Disables core dumps of this process, whose memory holds a password during an attempt. Root can
+// still attach a debugger. Programs started by keeld are not affected.
 void forbidCores();
 
-// Has a crash written to where the log goes: banner, build id and backtrace
+// Reports crashes to the log's destination: banner, build id and backtrace
 // (platform/product/crash_report.h). Before any thread exists.
 void reportCrashes();
 
 // Starts logging to the journal or standard error; the environment variable KEELD_LOG sets the
-// levels. Ends with kExitNoThread and a message on standard error when the logging thread cannot be
+// levels. Ends with kExitNoThread and a message on standard error if the logging thread cannot be
 // started.
 void startDaemonLogging();
 
-// Says so in the log when this system does not tell sessions apart, to which every proof is bound.
-// `ownSession` is where the kernel shows this process's own.
-void complainAboutMissingSessions(const char* ownSession = "/proc/self/sessionid");
+// Logs a warning if the kernel has no audit sessions, to which every proof is bound. `ownSession`
+// is the kernel's file with this process's session.
+void warnIfNoAuditSessions(const char* ownSession = "/proc/self/sessionid");
 
-// Starts the I/O thread and the first thread of each pool: a machine that gives no more threads
-// later makes keeld slower, and no more. Ends with kExitNoThread when one cannot be started.
+// Starts the I/O thread and the first thread of each pool: if the system refuses more threads
+// later, keeld is only slower. Ends with kExitNoThread if one cannot be started.
 void startThreads();
 
-// Has the I/O thread run before the clients that it serves: its turns are short, and everybody
-// waits for them.
+// Raises the I/O thread's priority above its clients': its turns are short, and every client waits
+// for them.
 void preferIoThread();
 
-// Makes `path`, mode 0755; what exists there already is left as it is. Ends with
+// Creates `path` with mode 0755; leaves anything that already exists there unchanged. Ends with
 // kExitNoLockDirectory.
 void makeLockDirectory(const char* path);
 
-// Makes and enables the jobs of the product's modules, before any client can come. Whatever comes
-// of it, the start goes on.
+// Creates and enables the jobs of the product's modules, before any client can connect. A failure
+// does not stop the start.
 void loadModules();
 
-// Makes the listeners and resumes each before the next is made. Ends with kExitNoListener when a
+// Creates the listeners and resumes each before creating the next. Ends with kExitNoListener if a
 // service's socket cannot be had.
 void openListeners();
 
-// Logs that this version of keeld runs. Before installSignalHandling(), so that no message of the
-// end comes before it.
-void announce();
+// Logs that this version of keeld runs. Before installSignalHandling(), so that no shutdown message
+// precedes it.
+void logStarted();
 
-// Has SIGHUP do nothing and SIGTERM end the process in good order, also one that came during the
-// start.
+// Ignores SIGHUP and shuts down cleanly on SIGTERM, including one that arrived during the start.
 void installSignalHandling();
 
 }  // namespace keel

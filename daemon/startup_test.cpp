@@ -10,23 +10,23 @@
 #include "runtime/foundation/crash_stack.h"
 #include "tests/support/log_recorder.h"
 
-// What ends the process, or needs root, is tested end to end.
+// Exits, and whatever needs root, are tested end to end.
 
 namespace keel {
 namespace {
 
 TEST(Startup, KernelWithoutAuditSessionsIsLogged) {
   testing::LogRecorder log{LogLevel::debug};
-  complainAboutMissingSessions("/proc/self/status");
+  warnIfNoAuditSessions("/proc/self/status");
   EXPECT_TRUE(log.lines().empty());
-  complainAboutMissingSessions("/proc/self/nothing-of-that-name");
+  warnIfNoAuditSessions("/proc/self/nothing-of-that-name");
   ASSERT_EQ(log.lines().size(), 1u);
   EXPECT_EQ(log.lines()[0].level, LogLevel::error);
   EXPECT_TRUE(log.lines()[0].text.starts_with("this kernel has no audit sessions: "))
       << log.lines()[0].text;
 }
 
-TEST(Startup, IoThreadHasAStackForACrash) {
+TEST(Startup, IoThreadHasACrashStack) {
   startThreads();
   std::promise<bool> told;
   ioReactor().post([&told] { told.set_value(CrashStack::isInUse()); });
