@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""cmake --install: which files it puts where. Into a temporary folder; called with the path of cmake and the build folder."""
+"""Tests cmake --install into a temporary folder. Called with the paths of cmake and the build folder."""
 
 import os
 import subprocess
@@ -10,7 +10,7 @@ import unittest
 
 SOURCES = os.path.dirname(os.path.realpath(__file__))
 
-# Below the prefix, with what they are copies of; None for programs.
+# Files below the prefix and their sources; None for programs.
 BELOW_THE_PREFIX = {
     "sbin/keeld": None,
     "bin/keelctl": None,
@@ -55,23 +55,23 @@ class Install(unittest.TestCase):
                     original = text_of(os.path.join(SOURCES, source)).replace("/usr/sbin/keeld\n", f"{prefix}/sbin/keeld\n")
                     self.assertEqual(text_of(self.top + path), original)
 
-    def test_puts_everything_where_the_machine_looks_for_it(self):
+    def test_installs_every_file_at_its_path(self):
         self.install()
         self.assertInstalledBelow("/usr/local")
         unit = text_of(f"{self.top}/usr/local/lib/systemd/system/keeld.service")
         self.assertIn("\nExecStart=/usr/local/sbin/keeld\n", unit)
 
-    def test_makes_the_folder_of_the_modules(self):
+    def test_creates_the_modules_folder(self):
         self.install()
         folder = self.top + "/Applications/Calder.app/Contents/CalderRoot/usr/share/keeld/bundles"
         self.assertEqual(os.listdir(folder), [])
         self.assertEqual(oct(os.stat(folder).st_mode & 0o7777), oct(0o755))
 
-    def test_takes_another_prefix(self):
+    def test_accepts_another_prefix(self):
         self.install("--prefix", "/usr")
         self.assertInstalledBelow("/usr")
 
-    def test_leaves_a_pam_service_that_is_there_alone(self):
+    def test_keeps_an_existing_pam_service(self):
         self.install()
         service = f"{self.top}/etc/pam.d/keeld"
         with open(service, "a") as file:
