@@ -142,15 +142,15 @@ void reportCrashes() {
 
 void startDaemonLogging() {
   const char* setting = std::getenv("KEELD_LOG");
-  std::string notUnderstood;
+  std::string invalidEntries;
   try {
-    notUnderstood = startLogging(defaultOutput(), setting != nullptr ? setting : "");
+    invalidEntries = startLogging(defaultOutput(), setting != nullptr ? setting : "");
   } catch (const std::system_error& problem) {
     std::fprintf(stderr, "keeld: cannot start the logging thread: %s\n",
                  problem.code().message().c_str());
     std::exit(kExitNoThread);
   }
-  if (!notUnderstood.empty()) logger().error("KEELD_LOG: not understood: {}", notUnderstood);
+  if (!invalidEntries.empty()) logger().error("KEELD_LOG: invalid: {}", invalidEntries);
 }
 
 void warnIfNoAuditSessions(const char* ownSession) {

@@ -12,7 +12,7 @@ namespace {
 
 using ::testing::ElementsAre;
 
-TEST(JournalFields, SayTextLevelSubsystemAndCategory) {
+TEST(JournalFields, HoldTextLevelSubsystemAndCategory) {
   EXPECT_THAT(journalFields({LogLevel::error, "auth", "no such user"}),
               ElementsAre("MESSAGE=no such user", "PRIORITY=3", "SUBSYSTEM=com.vantor.keeld",
                           "CATEGORY=auth"));
@@ -26,7 +26,7 @@ TEST(JournalFields, EachLevelHasItsPriority) {
   EXPECT_EQ(priority(LogLevel::fault), "PRIORITY=2");
 }
 
-TEST(JournalFields, TextIsGivenAsItIs) {
+TEST(JournalFields, TextIsPassedUnchanged) {
   const std::string text("a\nPRIORITY=0\0\x1b\xff", 15);
   EXPECT_EQ(journalFields({LogLevel::debug, "auth", text})[0], "MESSAGE=" + text);
 }
@@ -49,7 +49,7 @@ TEST(JournalOutput, SendsTheFields) {
                                       "CATEGORY=runtime"));
 }
 
-TEST(JournalOutput, FailedSendLosesTheMessage) {
+TEST(JournalOutput, AFailedSendLosesTheMessage) {
   sendResult = -ECONNREFUSED;
   JournalOutput output(&recordingSend);
   EXPECT_FALSE(output.write({LogLevel::standard, "runtime", "text"}));

@@ -12,9 +12,9 @@
 namespace keel {
 namespace {
 
-// Blocks, in the calling thread and those it starts, every signal but those that report a fault of
-// the thread itself. An output whose reader is gone thus gets EPIPE instead of ending the process,
-// and no signal meant for somebody else lands here.
+// Blocks all signals in the calling thread and those it starts, except those that report a fault of
+// the thread itself. An output whose reader is gone thus gets EPIPE instead of a fatal SIGPIPE, and
+// no signal for another thread is delivered here.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
@@ -61,7 +61,7 @@ void LogQueue::push(LogLevel level, std::string_view category, std::string text,
     const std::size_t textBytes = text.size();
     try {
       pending_.push_back({level, category, std::move(text), now, fullBytes});
-    } catch (...) {  // No memory.
+    } catch (...) {  // Out of memory.
       ++lostCount_;
       return;
     }
@@ -71,10 +71,10 @@ void LogQueue::push(LogLevel level, std::string_view category, std::string text,
   pushed_.notify_one();
 }
 
-bool LogQueue::flush(std::chrono::milliseconds patience) {
+bool LogQueue::flush(std::chrono::milliseconds timeout) {
   std::unique_lock lock(mutex_);
   const std::uint64_t target = pushedCount_;
-  return written_.wait_for(lock, patience, [&] { return writtenCount_ >= target; });
+  return written_.wait_for(lock, timeout, [&] { return writtenCount_ >= target; });
 }
 
 void LogQueue::run() noexcept {
@@ -89,8 +89,8 @@ void LogQueue::run() noexcept {
     std::uint64_t lostCount = std::exchange(lostCount_, 0);
     lock.unlock();
 
-    // Messages are lost while earlier ones fill the queue, so the report belongs behind the batch.
-    // It is not written while the output takes nothing: then the losses wait for a later batch.
+    // Messages are lost while earlier ones fill the queue, so the report follows the batch. While
+    // the output accepts nothing, the losses are carried over to a later batch.
     lostCount += writeBatch(batch);
     if (lostCount > 0) lostCount = reportLost(lostCount);
     const std::uint64_t batchCount = batch.size();
@@ -109,7 +109,7 @@ std::uint64_t LogQueue::writeBatch(const std::vector<Entry>& batch) noexcept {
     try {
       if (output_->write({entry.level, entry.category, entry.text, entry.time, entry.fullBytes}))
         continue;
-    } catch (...) {  // No memory.
+    } catch (...) {  // Out of memory.
     }
     ++lostCount;
   }
@@ -123,7 +123,7 @@ std::uint64_t LogQueue::reportLost(std::uint64_t lostCount) noexcept {
                     lostCount == 1 ? "message was" : "messages were");
     if (output_->write({LogLevel::error, "runtime", text, std::chrono::system_clock::now()}))
       return 0;
-  } catch (...) {  // No memory.
+  } catch (...) {  // Out of memory.
   }
   return lostCount;
 }

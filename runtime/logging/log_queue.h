@@ -15,16 +15,15 @@
 
 namespace keel {
 
-// A burst of several messages from each of a thousand clients that die together fits.
+// Room for a burst of several messages from each of a thousand clients that die together.
 inline constexpr std::size_t kLogQueueMessages = 8192;
-// What a stopped journal may cost us in memory. The batch on its way to the output is counted no
-// more, so up to twice this may be held.
+// Memory that a stalled journal may take. The batch being written is no longer counted, so up to
+// twice this may be held.
 inline constexpr std::size_t kLogQueueBytes = 4 * 1024 * 1024;
 
-// The messages on their way to an output, and the thread "keel-log" that brings them there. Whoever
-// writes a message never waits for the output: when the queue is full the message is dropped and
-// counted, and the next batch that is written ends with one line that says how many were lost.
-// Owned by its LoggerTable.
+// Messages in flight to an output, and the thread "keel-log" that writes them. A caller never waits
+// for the output: when the queue is full the message is dropped and counted, and the next batch
+// written ends with one line that reports the losses. Owned by its LoggerTable.
 class LogQueue {
  public:
   explicit LogQueue(std::unique_ptr<LogOutput> output);
@@ -33,14 +32,14 @@ class LogQueue {
   LogQueue(const LogQueue&) = delete;
   LogQueue& operator=(const LogQueue&) = delete;
 
-  // `category` must live as long as the queue. The message's time is now. `fullBytes` as in
+  // Queues a message, dated now. `category` must live as long as the queue; `fullBytes` as in
   // LogMessage.
   void push(LogLevel level, std::string_view category, std::string text,
             std::size_t fullBytes) noexcept;
 
-  // Waits until everything pushed so far has been offered to the output, at most `patience`. False
-  // when it has not.
-  bool flush(std::chrono::milliseconds patience);
+  // Waits until everything pushed so far has been offered to the output. Returns false after
+  // `timeout`.
+  bool flush(std::chrono::milliseconds timeout);
 
  private:
   struct Entry {
@@ -52,7 +51,7 @@ class LogQueue {
   };
 
   void run() noexcept;
-  // Both return how many messages were lost on the way.
+  // Both return how many messages were lost.
   std::uint64_t writeBatch(const std::vector<Entry>& batch) noexcept;
   std::uint64_t reportLost(std::uint64_t lostCount) noexcept;
 

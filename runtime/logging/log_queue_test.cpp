@@ -22,12 +22,12 @@ void push(LogQueue& queue, std::string text) {
   queue.push(LogLevel::error, "auth", std::move(text), 0);
 }
 
-TEST(LogQueue, MessagesReachTheOutputInOrderWithAllTheirParts) {
+TEST(LogQueue, WritesMessagesInOrderWithAllTheirParts) {
   Recorder recorder;
   LogQueue queue(recorder.output());
   queue.push(LogLevel::debug, "auth", "first", 0);
   queue.push(LogLevel::fault, "startup", "second", 70000);
-  ASSERT_TRUE(queue.flush(kPatience));
+  ASSERT_TRUE(queue.flush(kHangTimeout));
 
   const auto lines = recorder.lines();
   ASSERT_THAT(lines, SizeIs(2));
@@ -41,16 +41,16 @@ TEST(LogQueue, MessagesReachTheOutputInOrderWithAllTheirParts) {
   EXPECT_EQ(lines[1].fullBytes, 70000U);
 }
 
-TEST(LogQueue, DestructionWritesWhatIsQueued) {
+TEST(LogQueue, DestructorWritesWhatIsQueued) {
   Recorder recorder;
   {
     LogQueue queue(recorder.output());
-    push(queue, "last words");
+    push(queue, "goodbye");
   }
-  EXPECT_THAT(recorder.texts(), ElementsAre("last words"));
+  EXPECT_THAT(recorder.texts(), ElementsAre("goodbye"));
 }
 
-TEST(LogQueue, TimeIsThatOfThePushNotOfTheOutput) {
+TEST(LogQueue, DatesAMessageWhenItIsPushed) {
   Recorder recorder;
   recorder.closeGate();
   LogQueue queue(recorder.output());
@@ -59,7 +59,7 @@ TEST(LogQueue, TimeIsThatOfThePushNotOfTheOutput) {
   const auto after = std::chrono::system_clock::now();
   recorder.awaitWriterAtGate();
   recorder.openGate();
-  ASSERT_TRUE(queue.flush(kPatience));
+  ASSERT_TRUE(queue.flush(kHangTimeout));
 
   const auto lines = recorder.lines();
   ASSERT_THAT(lines, SizeIs(1));
@@ -67,7 +67,7 @@ TEST(LogQueue, TimeIsThatOfThePushNotOfTheOutput) {
   EXPECT_LE(lines[0].time, after);
 }
 
-// With the output stopped on one message, fills the queue behind it.
+// Stalls the output on one message and fills the queue after it.
 class FullLogQueue : public ::testing::Test {
  protected:
   FullLogQueue() : queue_(recorder_.output()) {
@@ -81,17 +81,17 @@ class FullLogQueue : public ::testing::Test {
   LogQueue queue_;
 };
 
-TEST_F(FullLogQueue, AsManyMessagesAsTheLimitAreKept) {
+TEST_F(FullLogQueue, MessagesUpToTheLimitAreKept) {
   for (std::size_t i = 0; i < kLogQueueMessages; ++i) push(queue_, "x");
   recorder_.openGate();
-  ASSERT_TRUE(queue_.flush(kPatience));
+  ASSERT_TRUE(queue_.flush(kHangTimeout));
   EXPECT_THAT(recorder_.lines(), SizeIs(1 + kLogQueueMessages));
 }
 
-TEST_F(FullLogQueue, OneMessageMoreIsLostAndReportedAfterThoseKept) {
+TEST_F(FullLogQueue, OneMessageMoreIsLostAndReportedAtTheEnd) {
   for (std::size_t i = 0; i < kLogQueueMessages + 1; ++i) push(queue_, "x");
   recorder_.openGate();
-  ASSERT_TRUE(queue_.flush(kPatience));
+  ASSERT_TRUE(queue_.flush(kHangTimeout));
 
   const auto lines = recorder_.lines();
   ASSERT_THAT(lines, SizeIs(1 + kLogQueueMessages + 1));
@@ -99,12 +99,12 @@ TEST_F(FullLogQueue, OneMessageMoreIsLostAndReportedAfterThoseKept) {
   EXPECT_EQ(lines.back().level, LogLevel::error);
 }
 
-TEST_F(FullLogQueue, ManyLossesAreReportedInOneLineBeforeLaterMessages) {
+TEST_F(FullLogQueue, LossesAreReportedInOneLineBeforeLaterMessages) {
   for (std::size_t i = 0; i < kLogQueueMessages + 5; ++i) push(queue_, "x");
   recorder_.openGate();
-  ASSERT_TRUE(queue_.flush(kPatience));
+  ASSERT_TRUE(queue_.flush(kHangTimeout));
   push(queue_, "later");
-  ASSERT_TRUE(queue_.flush(kPatience));
+  ASSERT_TRUE(queue_.flush(kHangTimeout));
 
   const auto texts = recorder_.texts();
   ASSERT_THAT(texts, SizeIs(1 + kLogQueueMessages + 2));
@@ -116,7 +116,7 @@ TEST_F(FullLogQueue, BytesUpToTheLimitAreKept) {
   push(queue_, std::string(kLogQueueBytes - 1, 'x'));
   push(queue_, "y");
   recorder_.openGate();
-  ASSERT_TRUE(queue_.flush(kPatience));
+  ASSERT_TRUE(queue_.flush(kHangTimeout));
   EXPECT_THAT(recorder_.lines(), SizeIs(3));
 }
 
@@ -125,7 +125,7 @@ TEST_F(FullLogQueue, OneByteMoreIsLost) {
   push(queue_, "yy");
   push(queue_, "z");
   recorder_.openGate();
-  ASSERT_TRUE(queue_.flush(kPatience));
+  ASSERT_TRUE(queue_.flush(kHangTimeout));
 
   const auto texts = recorder_.texts();
   ASSERT_THAT(texts, SizeIs(4));
@@ -133,29 +133,29 @@ TEST_F(FullLogQueue, OneByteMoreIsLost) {
   EXPECT_EQ(texts[3], "1 log message was lost because the output did not keep up");
 }
 
-TEST_F(FullLogQueue, FlushGivesUpAfterItsPatience) {
+TEST_F(FullLogQueue, FlushReturnsFalseAfterItsTimeout) {
   EXPECT_FALSE(queue_.flush(std::chrono::milliseconds(0)));
 }
 
-TEST_F(FullLogQueue, MessagesHaveRoomAgainOnceTheBatchIsTaken) {
+TEST_F(FullLogQueue, TakingABatchMakesRoomForMessages) {
   for (std::size_t i = 0; i < kLogQueueMessages; ++i) push(queue_, "x");
   recorder_.openGate();
-  ASSERT_TRUE(queue_.flush(kPatience));
+  ASSERT_TRUE(queue_.flush(kHangTimeout));
   for (std::size_t i = 0; i < kLogQueueMessages; ++i) push(queue_, "x");
-  ASSERT_TRUE(queue_.flush(kPatience));
+  ASSERT_TRUE(queue_.flush(kHangTimeout));
   EXPECT_THAT(recorder_.lines(), SizeIs(::testing::Ge(1 + kLogQueueMessages + 1)));
 }
 
-TEST(LogQueue, WhatTheOutputRefusesIsCountedAndReportedOnceItTakesMessages) {
+TEST(LogQueue, MessagesRefusedByTheOutputAreReportedOnceItAcceptsMessages) {
   Recorder recorder;
   // Refuses the first message, its report, and the second message.
-  LogQueue queue(recorder.output([](std::size_t place) { return place >= 3; }));
+  LogQueue queue(recorder.output([](std::size_t index) { return index >= 3; }));
   push(queue, "first");
-  ASSERT_TRUE(queue.flush(kPatience));
+  ASSERT_TRUE(queue.flush(kHangTimeout));
   push(queue, "second");
-  ASSERT_TRUE(queue.flush(kPatience));
+  ASSERT_TRUE(queue.flush(kHangTimeout));
   push(queue, "third");
-  ASSERT_TRUE(queue.flush(kPatience));
+  ASSERT_TRUE(queue.flush(kHangTimeout));
 
   EXPECT_THAT(
       recorder.texts(),
@@ -168,12 +168,12 @@ class ThrowingOutput : public LogOutput {
   bool write(const LogMessage&) override { throw std::runtime_error("broken output"); }
 };
 
-TEST(LogQueue, AnOutputThatThrowsLosesTheMessageAndNothingElse) {
+TEST(LogQueue, AnOutputThatThrowsLosesOnlyTheMessage) {
   LogQueue queue(std::make_unique<ThrowingOutput>());
   push(queue, "first");
-  EXPECT_TRUE(queue.flush(kPatience));
+  EXPECT_TRUE(queue.flush(kHangTimeout));
   push(queue, "second");
-  EXPECT_TRUE(queue.flush(kPatience));
+  EXPECT_TRUE(queue.flush(kHangTimeout));
 }
 
 struct ThreadFacts {
@@ -201,11 +201,11 @@ class ThreadFactsOutput : public LogOutput {
   ThreadFacts& facts_;
 };
 
-TEST(LogQueue, ThreadHasItsNameAndTakesNoSignalsButItsOwnFaults) {
+TEST(LogQueue, TheThreadHasItsNameAndBlocksAllSignalsButItsOwnFaults) {
   ThreadFacts facts;
   LogQueue queue(std::make_unique<ThreadFactsOutput>(facts));
   push(queue, "text");
-  ASSERT_TRUE(queue.flush(kPatience));
+  ASSERT_TRUE(queue.flush(kHangTimeout));
   EXPECT_EQ(facts.name, "keel-log");
   EXPECT_TRUE(facts.pipeBlocked);
   EXPECT_TRUE(facts.terminateBlocked);
@@ -213,7 +213,7 @@ TEST(LogQueue, ThreadHasItsNameAndTakesNoSignalsButItsOwnFaults) {
   EXPECT_TRUE(facts.hasCrashStack);
 }
 
-TEST(LogQueue, SignalMaskOfWhoeverMakesItStays) {
+TEST(LogQueue, PreservesTheSignalMaskOfItsCreator) {
   sigset_t before;
   pthread_sigmask(SIG_BLOCK, nullptr, &before);
   Recorder recorder;
@@ -225,7 +225,7 @@ TEST(LogQueue, SignalMaskOfWhoeverMakesItStays) {
   EXPECT_THAT(recorder.lines(), IsEmpty());
 }
 
-TEST(LogQueue, ManyThreadsLoseNothingBelowTheLimit) {
+TEST(LogQueue, LosesNothingOfManyThreadsBelowTheLimit) {
   constexpr std::size_t kThreads = 4;
   Recorder recorder;
   LogQueue queue(recorder.output());
@@ -235,7 +235,7 @@ TEST(LogQueue, ManyThreadsLoseNothingBelowTheLimit) {
       for (std::size_t i = 0; i < kLogQueueMessages / kThreads; ++i) push(queue, "x");
     });
   for (auto& thread : threads) thread.join();
-  ASSERT_TRUE(queue.flush(kPatience));
+  ASSERT_TRUE(queue.flush(kHangTimeout));
   EXPECT_THAT(recorder.lines(), SizeIs(kLogQueueMessages));
 }
 

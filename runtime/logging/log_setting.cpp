@@ -50,8 +50,8 @@ LogSetting::Parsed LogSetting::parse(std::string_view text) {
         forCategory ? trimmed(entry.substr(0, equals)) : std::string_view{};
     const auto level = levelNamed(trimmed(forCategory ? entry.substr(equals + 1) : entry));
     if (!level || (forCategory && category.empty())) {
-      if (!parsed.notUnderstood.empty()) parsed.notUnderstood += ',';
-      parsed.notUnderstood += entry;
+      if (!parsed.invalidEntries.empty()) parsed.invalidEntries += ',';
+      parsed.invalidEntries += entry;
     } else if (forCategory) {
       parsed.setting.levelsByCategory_.insert_or_assign(std::string(category), *level);
     } else {

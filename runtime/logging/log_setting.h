@@ -9,19 +9,19 @@
 
 namespace keel {
 
-// "debug", "default", "error" or "fault".
+// Returns "debug", "default", "error" or "fault".
 std::string_view nameOf(LogLevel level);
 
-// Which level each category has: what startLogging() is given as text, understood.
+// The level of each category, parsed from the text given to startLogging().
 class LogSetting {
  public:
   struct Parsed;
 
-  // Entries are separated by commas; spaces around names do not count, nor do empty entries, and of
-  // two entries for the same category the later wins.
+  // Parses entries separated by commas. Spaces around names and empty entries are ignored; of
+  // several entries for one category the last wins.
   static Parsed parse(std::string_view text);
 
-  // The lowest level that is enabled in that category.
+  // Returns the lowest level enabled in that category.
   LogLevel levelFor(std::string_view category) const;
 
  private:
@@ -31,8 +31,8 @@ class LogSetting {
 
 struct LogSetting::Parsed {
   LogSetting setting;
-  // The entries that were not understood, as they stood, separated by commas.
-  std::string notUnderstood;
+  // The invalid entries as they were written, separated by commas.
+  std::string invalidEntries;
 };
 
 }  // namespace keel

@@ -7,51 +7,51 @@ namespace keel {
 namespace {
 
 TEST(LogSetting, EmptyTextMeansTheDefaultLevelEverywhere) {
-  const auto [setting, notUnderstood] = LogSetting::parse("");
+  const auto [setting, invalidEntries] = LogSetting::parse("");
   EXPECT_EQ(setting.levelFor("auth"), LogLevel::standard);
-  EXPECT_EQ(notUnderstood, "");
+  EXPECT_EQ(invalidEntries, "");
 }
 
-TEST(LogSetting, PlainLevelHoldsForEveryCategory) {
-  const auto [setting, notUnderstood] = LogSetting::parse("error");
+TEST(LogSetting, APlainLevelAppliesToEveryCategory) {
+  const auto [setting, invalidEntries] = LogSetting::parse("error");
   EXPECT_EQ(setting.levelFor("auth"), LogLevel::error);
   EXPECT_EQ(setting.levelFor("notification"), LogLevel::error);
-  EXPECT_EQ(notUnderstood, "");
+  EXPECT_EQ(invalidEntries, "");
 }
 
-TEST(LogSetting, CategoryEntryHoldsForThatCategoryAlone) {
-  const auto [setting, notUnderstood] = LogSetting::parse("notification=debug,auth=fault");
+TEST(LogSetting, ACategoryEntryAppliesToThatCategoryAlone) {
+  const auto [setting, invalidEntries] = LogSetting::parse("notification=debug,auth=fault");
   EXPECT_EQ(setting.levelFor("notification"), LogLevel::debug);
   EXPECT_EQ(setting.levelFor("auth"), LogLevel::fault);
   EXPECT_EQ(setting.levelFor("startup"), LogLevel::standard);
-  EXPECT_EQ(notUnderstood, "");
+  EXPECT_EQ(invalidEntries, "");
 }
 
-TEST(LogSetting, CategoryEntryOutweighsThePlainLevelInEitherOrder) {
+TEST(LogSetting, ACategoryEntryOverridesThePlainLevelInEitherOrder) {
   EXPECT_EQ(LogSetting::parse("debug,auth=error").setting.levelFor("auth"), LogLevel::error);
   EXPECT_EQ(LogSetting::parse("auth=error,debug").setting.levelFor("auth"), LogLevel::error);
 }
 
-TEST(LogSetting, LaterEntryForTheSameCategoryWins) {
+TEST(LogSetting, TheLastEntryForACategoryWins) {
   EXPECT_EQ(LogSetting::parse("auth=error,auth=debug").setting.levelFor("auth"), LogLevel::debug);
 }
 
-TEST(LogSetting, SpacesAndEmptyEntriesAreNoFault) {
-  const auto [setting, notUnderstood] = LogSetting::parse(" debug , auth = error ,, \n");
+TEST(LogSetting, SpacesAndEmptyEntriesAreIgnored) {
+  const auto [setting, invalidEntries] = LogSetting::parse(" debug , auth = error ,, \n");
   EXPECT_EQ(setting.levelFor("startup"), LogLevel::debug);
   EXPECT_EQ(setting.levelFor("auth"), LogLevel::error);
-  EXPECT_EQ(notUnderstood, "");
+  EXPECT_EQ(invalidEntries, "");
 }
 
-TEST(LogSetting, EntriesNotUnderstoodAreReturnedAndTheOthersHold) {
-  const auto [setting, notUnderstood] =
+TEST(LogSetting, InvalidEntriesAreReturnedAndTheOthersApply) {
+  const auto [setting, invalidEntries] =
       LogSetting::parse("loud,auth=debug,startup=,=error,runtime=Debug");
-  EXPECT_EQ(notUnderstood, "loud,startup=,=error,runtime=Debug");
+  EXPECT_EQ(invalidEntries, "loud,startup=,=error,runtime=Debug");
   EXPECT_EQ(setting.levelFor("auth"), LogLevel::debug);
   EXPECT_EQ(setting.levelFor("startup"), LogLevel::standard);
 }
 
-TEST(LogLevel, NamesAreThoseOfTheSetting) {
+TEST(NameOf, ReturnsTheNameUsedInSettings) {
   EXPECT_EQ(nameOf(LogLevel::debug), "debug");
   EXPECT_EQ(nameOf(LogLevel::standard), "default");
   EXPECT_EQ(nameOf(LogLevel::error), "error");

@@ -11,8 +11,8 @@ std::string startLogging(std::unique_ptr<LogOutput> output, std::string_view set
   return LoggerTable::shared().start(std::move(output), setting);
 }
 
-bool flushLog(std::chrono::milliseconds patience) {
-  return LoggerTable::shared().flush(patience);
+bool flushLog(std::chrono::milliseconds timeout) {
+  return LoggerTable::shared().flush(timeout);
 }
 
 LogCapture::LogCapture(std::function<void(const LogMessage&)> receive, LogLevel least)

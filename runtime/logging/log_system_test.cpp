@@ -16,7 +16,7 @@ namespace {
 
 using ::testing::ElementsAre;
 
-TEST(LoggerForCategory, SameNameIsTheSameLogger) {
+TEST(LoggerForCategory, ReturnsTheSameLoggerForTheSameName) {
   EXPECT_EQ(&_loggerForCategory("notification"), &_loggerForCategory("notification"));
   EXPECT_EQ(_loggerForCategory("notification").category(), "notification");
   EXPECT_NE(&_loggerForCategory("notification"), &_loggerForCategory("auth"));
@@ -46,7 +46,7 @@ TEST(LogCapture, ReceivesUntilItIsDestroyed) {
   EXPECT_THAT(inner, ElementsAre("two"));
 }
 
-// The log of a process is started once, so each of these runs in a process of its own.
+// Logging starts once per process, so each of these runs in a process of its own.
 
 [[noreturn]] void exitWhileOthersLog() {
   startLogging(standardErrorOutput(false), "debug");
@@ -60,7 +60,7 @@ TEST(LogCapture, ReceivesUntilItIsDestroyed) {
     }
   }).detach();
   running.wait(false);
-  std::exit(flushLog(kPatience) ? 7 : 1);
+  std::exit(flushLog(kHangTimeout) ? 7 : 1);
 }
 
 TEST(StartLoggingDeathTest, ExitWorksWhileOtherThreadsLog) {
@@ -70,7 +70,7 @@ TEST(StartLoggingDeathTest, ExitWorksWhileOtherThreadsLog) {
 [[noreturn]] void logFlushAndEnd() {
   startLogging(standardErrorOutput(false), "");
   _loggerForCategory("auth").standard("not {}", "admin\x1b[2J");
-  const bool flushed = flushLog(kPatience);
+  const bool flushed = flushLog(kHangTimeout);
   ::_exit(flushed ? 0 : 1);
 }
 
@@ -83,12 +83,12 @@ TEST(StartLoggingDeathTest, FlushedMessagesAreOnStandardError) {
 [[noreturn]] void logWithClosedStandardError() {
   ::close(STDERR_FILENO);
   startLogging(standardErrorOutput(false), "");
-  _loggerForCategory("auth").error("unheard");
-  const bool flushed = flushLog(kPatience);
+  _loggerForCategory("auth").error("lost");
+  const bool flushed = flushLog(kHangTimeout);
   ::_exit(flushed ? 0 : 1);
 }
 
-TEST(StartLoggingDeathTest, ClosedStandardErrorIsHarmless) {
+TEST(StartLoggingDeathTest, AClosedStandardErrorIsHarmless) {
   EXPECT_EXIT(logWithClosedStandardError(), ::testing::ExitedWithCode(0), "");
 }
 
@@ -98,12 +98,12 @@ TEST(StartLoggingDeathTest, ClosedStandardErrorIsHarmless) {
   ::close(ends[0]);
   ::close(ends[1]);
   startLogging(standardErrorOutput(false), "");
-  _loggerForCategory("auth").error("unheard");
-  const bool flushed = flushLog(kPatience);
+  _loggerForCategory("auth").error("lost");
+  const bool flushed = flushLog(kHangTimeout);
   ::_exit(flushed ? 0 : 1);
 }
 
-TEST(StartLoggingDeathTest, ReaderThatIsGoneIsHarmless) {
+TEST(StartLoggingDeathTest, AReaderThatIsGoneIsHarmless) {
   EXPECT_EXIT(logAfterReaderIsGone(), ::testing::ExitedWithCode(0), "");
 }
 

@@ -12,14 +12,14 @@ Logger& _loggerForCategory(const char* category) {
   return LoggerTable::shared().loggerForCategory(category == nullptr ? "" : category);
 }
 
-// Whoever logs is not to fail because of it: without memory for the message there is none.
+// Logging must not make its caller fail: out of memory, the message is lost.
 void Logger::write(LogLevel level, fmt::string_view format, fmt::format_args arguments) noexcept
     try {
   std::string text = fmt::vformat(format, arguments);
   std::size_t fullBytes = 0;
   if (text.size() > kLogMessageBytes) {
     fullBytes = text.size();
-    text.resize(wholeCharacters(text, kLogMessageBytes));
+    text.resize(utf8PrefixBytes(text, kLogMessageBytes));
     text += fmt::format("... ({} bytes)", fullBytes);
   }
   table_.submit(*this, level, std::move(text), fullBytes);

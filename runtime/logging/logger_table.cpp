@@ -30,12 +30,12 @@ std::string LoggerTable::start(std::unique_ptr<LogOutput> output, std::string_vi
   startedQueue_.store(queue_.get(), std::memory_order_release);
   setting_ = std::move(parsed.setting);
   refreshThresholds();
-  return std::move(parsed.notUnderstood);
+  return std::move(parsed.invalidEntries);
 }
 
-bool LoggerTable::flush(std::chrono::milliseconds patience) {
+bool LoggerTable::flush(std::chrono::milliseconds timeout) {
   LogQueue* const queue = startedQueue_.load(std::memory_order_acquire);
-  return queue == nullptr || queue->flush(patience);
+  return queue == nullptr || queue->flush(timeout);
 }
 
 void LoggerTable::beginCapture(const Receiver& receiver, LogLevel least) {
@@ -59,8 +59,8 @@ void LoggerTable::submit(const Logger& logger, LogLevel level, std::string text,
   if (capturing_.load() &&
       capture({level, logger.category(), text, std::chrono::system_clock::now(), fullBytes}))
     return;
-  // Asked again: a capture that ended a moment ago may have enabled a level that the output must
-  // not get.
+  // Checked again: a capture that has just ended may have enabled a level that the output must not
+  // get.
   LogQueue* const queue = startedQueue_.load(std::memory_order_acquire);
   if (queue != nullptr && logger.enabled(level))
     queue->push(level, logger.category(), std::move(text), fullBytes);

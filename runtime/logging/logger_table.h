@@ -19,42 +19,42 @@
 
 namespace keel {
 
-// All loggers by category, their levels, and where their messages go: nowhere, to a queue, or to a
-// capture. Any thread.
+// All loggers by category, their levels, and the destination of their messages: none, a queue, or a
+// capture. From any thread.
 class LoggerTable {
  public:
   using Receiver = std::function<void(const LogMessage&)>;
 
-  // The process's table. It is never destroyed, because other threads may log while the process
-  // ends.
+  // Returns the table of the process. Never destroyed, because other threads may log while the
+  // process exits.
   static LoggerTable& shared();
 
   LoggerTable() = default;
   LoggerTable(const LoggerTable&) = delete;
   LoggerTable& operator=(const LoggerTable&) = delete;
 
-  // As _loggerForCategory(), startLogging() and flushLog().
+  // See _loggerForCategory(), startLogging() and flushLog().
   Logger& loggerForCategory(std::string_view category);
   std::string start(std::unique_ptr<LogOutput> output, std::string_view setting);
-  bool flush(std::chrono::milliseconds patience);
+  bool flush(std::chrono::milliseconds timeout);
 
-  // As LogCapture. `receiver` stays the caller's and is known by its address.
+  // See LogCapture. `receiver` is borrowed and identified by its address.
   void beginCapture(const Receiver& receiver, LogLevel least = LogLevel::debug);
   void endCapture(const Receiver& receiver);
 
-  // A message of `logger`, whose text may be cut already.
+  // Submits a message of `logger`, which may already be truncated.
   void submit(const Logger& logger, LogLevel level, std::string text,
               std::size_t fullBytes) noexcept;
 
  private:
-  // Hands the message to the newest capture; false when there is none.
+  // Passes the message to the newest capture; returns false if there is none.
   bool capture(const LogMessage& message);
-  // Both with tableMutex_ held.
+  // Both under tableMutex_.
   std::uint8_t thresholdFor(std::string_view category) const;
   void refreshThresholds();
 
-  // Never taken in the other order; a receiver runs with captureMutex_ held and may ask for a
-  // logger.
+  // Lock order: captureMutex_, then tableMutex_. A receiver runs under captureMutex_ and may look
+  // up a logger.
   std::mutex captureMutex_;
   std::mutex tableMutex_;
 
@@ -62,15 +62,15 @@ class LoggerTable {
     const Receiver* receiver;
     LogLevel least;
   };
-  std::vector<Capture> captures_;  // With captureMutex_; changed with both.
+  std::vector<Capture> captures_;  // under captureMutex_; changed under both
   std::atomic<bool> capturing_{false};
 
-  std::map<std::string, std::unique_ptr<Logger>, std::less<>>
-      loggersByCategory_;              // With tableMutex_.
-  std::optional<LogSetting> setting_;  // With tableMutex_; none until started.
+  // Under tableMutex_.
+  std::map<std::string, std::unique_ptr<Logger>, std::less<>> loggersByCategory_;
+  std::optional<LogSetting> setting_;  // under tableMutex_; none until started
 
   std::unique_ptr<LogQueue> queue_;
-  // queue_ once it is there, for threads that hold no lock.
+  // queue_ once it exists, for threads that hold no lock.
   std::atomic<LogQueue*> startedQueue_{nullptr};
 };
 

@@ -40,7 +40,7 @@ using ::testing::SizeIs;
 class LoggerTableTest : public ::testing::Test {
  protected:
   std::vector<std::string> writtenTexts() {
-    EXPECT_TRUE(table_.flush(kPatience));
+    EXPECT_TRUE(table_.flush(kHangTimeout));
     return recorder_.texts();
   }
 
@@ -48,14 +48,14 @@ class LoggerTableTest : public ::testing::Test {
   LoggerTable table_;
 };
 
-TEST_F(LoggerTableTest, LoggerOfACategoryIsAlwaysTheSame) {
+TEST_F(LoggerTableTest, ReturnsTheSameLoggerForACategory) {
   Logger& auth = table_.loggerForCategory("auth");
   EXPECT_EQ(&auth, &table_.loggerForCategory(std::string("auth")));
   EXPECT_NE(&auth, &table_.loggerForCategory("startup"));
   EXPECT_EQ(auth.category(), "auth");
 }
 
-TEST_F(LoggerTableTest, NothingIsEnabledBeforeTheStart) {
+TEST_F(LoggerTableTest, NothingIsEnabledBeforeStart) {
   EXPECT_FALSE(table_.loggerForCategory("auth").enabled(LogLevel::fault));
   EXPECT_TRUE(table_.flush(std::chrono::milliseconds(0)));
 }
@@ -72,29 +72,29 @@ TEST_F(LoggerTableTest, StartSetsLevelsOfLoggersMadeBeforeAndAfter) {
   EXPECT_TRUE(other.enabled(LogLevel::standard));
 }
 
-TEST_F(LoggerTableTest, StartReturnsWhatItDidNotUnderstand) {
+TEST_F(LoggerTableTest, StartReturnsInvalidEntries) {
   EXPECT_EQ(table_.start(recorder_.output(), "auth=loud,error"), "auth=loud");
   EXPECT_FALSE(table_.loggerForCategory("auth").enabled(LogLevel::standard));
 }
 
-TEST_F(LoggerTableTest, SecondStartIsOurOwnMistake) {
+TEST_F(LoggerTableTest, ASecondStartAborts) {
   table_.start(recorder_.output(), "");
   EXPECT_DEATH(table_.start(recorder_.output(), ""), "");
 }
 
-TEST_F(LoggerTableTest, EnabledMessagesAreWrittenAndOthersNotEvenFormed) {
+TEST_F(LoggerTableTest, DisabledMessagesAreNotEvenFormatted) {
   table_.start(recorder_.output(), "error");
   Logger& logger = table_.loggerForCategory("auth");
-  int formedCount = 0;
-  logger.debug("debug {}", CountedFormatting{formedCount});
-  logger.standard("standard {}", CountedFormatting{formedCount});
-  logger.error("error {}", CountedFormatting{formedCount});
+  int formatCount = 0;
+  logger.debug("debug {}", CountedFormatting{formatCount});
+  logger.standard("standard {}", CountedFormatting{formatCount});
+  logger.error("error {}", CountedFormatting{formatCount});
   logger.fault("fault {} {}", 7, String());
   EXPECT_THAT(writtenTexts(), ElementsAre("error counted", "fault 7 (null)"));
-  EXPECT_EQ(formedCount, 1);
+  EXPECT_EQ(formatCount, 1);
 }
 
-TEST_F(LoggerTableTest, NullableValuesPrintAsTheirTextOrAsNull) {
+TEST_F(LoggerTableTest, NullTextsAndErrorsAreFormattedAsNull) {
   table_.start(recorder_.output(), "");
   Logger& logger = table_.loggerForCategory("auth");
   logger.error("[{}] [{}] [{:>5}]", String(), String(""), String("bob"));
@@ -103,14 +103,14 @@ TEST_F(LoggerTableTest, NullableValuesPrintAsTheirTextOrAsNull) {
                                           "[(null)] [" + Error("Domain", 7).description() + "]"));
 }
 
-TEST_F(LoggerTableTest, MessageOfTheLimitIsWhole) {
+TEST_F(LoggerTableTest, AMessageOfTheLimitIsComplete) {
   table_.start(recorder_.output(), "");
   table_.loggerForCategory("auth").error("{}", std::string(kLogMessageBytes, 'x'));
   EXPECT_THAT(writtenTexts(), ElementsAre(std::string(kLogMessageBytes, 'x')));
   EXPECT_EQ(recorder_.lines()[0].fullBytes, 0U);
 }
 
-TEST_F(LoggerTableTest, MessageAboveTheLimitIsCutWithANoteOfItsSize) {
+TEST_F(LoggerTableTest, AMessageAboveTheLimitIsTruncatedWithANoteOfItsSize) {
   table_.start(recorder_.output(), "");
   table_.loggerForCategory("auth").error("{}", std::string(kLogMessageBytes + 1, 'x'));
   EXPECT_THAT(writtenTexts(),
@@ -118,14 +118,14 @@ TEST_F(LoggerTableTest, MessageAboveTheLimitIsCutWithANoteOfItsSize) {
   EXPECT_EQ(recorder_.lines()[0].fullBytes, 16385U);
 }
 
-TEST_F(LoggerTableTest, CutDoesNotSplitACharacter) {
+TEST_F(LoggerTableTest, TruncationDoesNotSplitACharacter) {
   table_.start(recorder_.output(), "");
   table_.loggerForCategory("auth").error("{}\u20ac", std::string(kLogMessageBytes - 2, 'x'));
   EXPECT_THAT(writtenTexts(),
               ElementsAre(std::string(kLogMessageBytes - 2, 'x') + "... (16385 bytes)"));
 }
 
-TEST_F(LoggerTableTest, FormattingThatThrowsLosesTheMessageAlone) {
+TEST_F(LoggerTableTest, FormattingThatThrowsLosesOnlyTheMessage) {
   table_.start(recorder_.output(), "");
   Logger& logger = table_.loggerForCategory("auth");
   logger.error("{}", Explosive{});
@@ -133,7 +133,7 @@ TEST_F(LoggerTableTest, FormattingThatThrowsLosesTheMessageAlone) {
   EXPECT_THAT(writtenTexts(), ElementsAre("after"));
 }
 
-// Collects what a capture receives.
+// Collects the messages of a capture.
 struct Captured {
   std::vector<std::string> texts;
   LoggerTable::Receiver receiver = [this](const LogMessage& message) {
@@ -141,7 +141,7 @@ struct Captured {
   };
 };
 
-TEST_F(LoggerTableTest, CaptureGetsEveryLevelInsteadOfTheOutput) {
+TEST_F(LoggerTableTest, ACaptureReceivesEveryLevelInsteadOfTheOutput) {
   Logger& logger = table_.loggerForCategory("auth");
   table_.start(recorder_.output(), "error");
   Captured captured;
@@ -153,7 +153,7 @@ TEST_F(LoggerTableTest, CaptureGetsEveryLevelInsteadOfTheOutput) {
   EXPECT_THAT(writtenTexts(), IsEmpty());
 }
 
-TEST_F(LoggerTableTest, ACaptureMayLeaveLowLevelsOut) {
+TEST_F(LoggerTableTest, ACaptureMayStartAtAHigherLevel) {
   Logger& logger = table_.loggerForCategory("auth");
   Captured everything;
   Captured errors;
@@ -169,7 +169,7 @@ TEST_F(LoggerTableTest, ACaptureMayLeaveLowLevelsOut) {
   EXPECT_THAT(everything.texts, ElementsAre("three"));
 }
 
-TEST_F(LoggerTableTest, LevelsAreAsBeforeAfterACapture) {
+TEST_F(LoggerTableTest, ACaptureRestoresTheLevels) {
   Logger& logger = table_.loggerForCategory("auth");
   Captured captured;
   table_.beginCapture(captured.receiver);
@@ -183,7 +183,7 @@ TEST_F(LoggerTableTest, LevelsAreAsBeforeAfterACapture) {
   EXPECT_TRUE(logger.enabled(LogLevel::error));
 }
 
-TEST_F(LoggerTableTest, StartDuringACaptureCountsAfterIt) {
+TEST_F(LoggerTableTest, StartDuringACaptureTakesEffectAfterIt) {
   Logger& logger = table_.loggerForCategory("auth");
   Captured captured;
   table_.beginCapture(captured.receiver);
@@ -193,7 +193,7 @@ TEST_F(LoggerTableTest, StartDuringACaptureCountsAfterIt) {
   EXPECT_FALSE(logger.enabled(LogLevel::standard));
 }
 
-TEST_F(LoggerTableTest, NewestLivingCaptureReceives) {
+TEST_F(LoggerTableTest, TheNewestLiveCaptureReceives) {
   Logger& logger = table_.loggerForCategory("auth");
   Captured outer;
   Captured inner;
@@ -223,7 +223,7 @@ TEST_F(LoggerTableTest, CapturesMayEndInAnyOrder) {
   EXPECT_FALSE(logger.enabled(LogLevel::fault));
 }
 
-TEST_F(LoggerTableTest, ReceiverMayAskForALogger) {
+TEST_F(LoggerTableTest, AReceiverMayLookUpALogger) {
   Logger& logger = table_.loggerForCategory("auth");
   Logger* found = nullptr;
   const LoggerTable::Receiver receiver = [&](const LogMessage& message) {
@@ -235,7 +235,7 @@ TEST_F(LoggerTableTest, ReceiverMayAskForALogger) {
   EXPECT_EQ(found, &logger);
 }
 
-TEST_F(LoggerTableTest, CaptureOfManyThreadsReceivesOneMessageAtATime) {
+TEST_F(LoggerTableTest, ACaptureReceivesOneMessageAtATime) {
   Logger& logger = table_.loggerForCategory("auth");
   Captured captured;
   table_.beginCapture(captured.receiver);

@@ -24,8 +24,8 @@ bool isContinuation(std::uint8_t byte) {
   return (byte & 0xc0) == 0x80;
 }
 
-// The first character of `text`, which is not empty; strict as RFC 3629. What is not valid has
-// length 1.
+// Returns the first character of `text`, which is not empty; strict as RFC 3629. An invalid byte
+// has length 1.
 Character firstCharacter(std::string_view text) {
   const std::uint8_t lead = byteAt(text, 0);
   if (lead < 0x80) return {lead, 1, true};
@@ -42,7 +42,7 @@ Character firstCharacter(std::string_view text) {
   return {codePoint, length, true};
 }
 
-bool disturbs(char32_t c) {
+bool needsEscape(char32_t c) {
   return c < 0x20 || (c >= 0x7f && c <= 0x9f) ||       // C0, DEL, C1
          c == 0x061c || c == 0x200e || c == 0x200f ||  // directional marks
          (c >= 0x2028 && c <= 0x202e) ||  // separators, directional embeddings and overrides
@@ -78,7 +78,7 @@ bool appendPrintable(std::string& line, std::string_view text, std::size_t limit
     const Character character = firstCharacter(text);
     if (!character.valid)
       fmt::format_to(std::back_inserter(line), "\\x{:02x}", byteAt(text, 0));
-    else if (disturbs(character.codePoint))
+    else if (needsEscape(character.codePoint))
       appendEscaped(line, character.codePoint);
     else
       line.append(text.substr(0, character.length));
@@ -91,7 +91,7 @@ bool appendPrintable(std::string& line, std::string_view text, std::size_t limit
   return true;
 }
 
-std::size_t wholeCharacters(std::string_view text, std::size_t limitBytes) {
+std::size_t utf8PrefixBytes(std::string_view text, std::size_t limitBytes) {
   if (text.size() <= limitBytes) return text.size();
   // A character has at most three continuation bytes; more of them in a row are not text, and are
   // cut anywhere.

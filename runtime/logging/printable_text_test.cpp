@@ -52,24 +52,24 @@ TEST(AppendPrintable, InvalidUtf8IsEscapedByteByByte) {
   EXPECT_EQ(printable("\xff\xfe"), "\\xff\\xfe");
 }
 
-TEST(AppendPrintable, EdgesOfValidUtf8AreUnchanged) {
+TEST(AppendPrintable, BoundariesOfValidUtf8AreUnchanged) {
   EXPECT_EQ(printable("\u07ff\u0800\ud7ff\ue000\U00010000\U0010ffff"),
             "\u07ff\u0800\ud7ff\ue000\U00010000\U0010ffff");
 }
 
-TEST(AppendPrintable, TextOfTheLimitIsWhole) {
+TEST(AppendPrintable, ATextOfTheLimitIsComplete) {
   std::string line = "before ";
   EXPECT_TRUE(appendPrintable(line, "12345", 5));
   EXPECT_EQ(line, "before 12345");
 }
 
-TEST(AppendPrintable, TextAboveTheLimitIsCut) {
+TEST(AppendPrintable, ATextAboveTheLimitIsTruncated) {
   std::string line = "before ";
   EXPECT_FALSE(appendPrintable(line, "123456", 5));
   EXPECT_EQ(line, "before 12345");
 }
 
-TEST(AppendPrintable, NoCharacterOrEscapeIsCutInTwo) {
+TEST(AppendPrintable, NoCharacterOrEscapeIsSplit) {
   std::string line;
   EXPECT_FALSE(appendPrintable(line, "123\u20ac", 5));
   EXPECT_EQ(line, "123");
@@ -78,20 +78,20 @@ TEST(AppendPrintable, NoCharacterOrEscapeIsCutInTwo) {
   EXPECT_EQ(line, "12");
 }
 
-TEST(WholeCharacters, ShortTextIsWhole) {
-  EXPECT_EQ(wholeCharacters("abc", 3), 3U);
-  EXPECT_EQ(wholeCharacters("", 0), 0U);
+TEST(Utf8PrefixBytes, AShortTextIsComplete) {
+  EXPECT_EQ(utf8PrefixBytes("abc", 3), 3U);
+  EXPECT_EQ(utf8PrefixBytes("", 0), 0U);
 }
 
-TEST(WholeCharacters, CutFallsBeforeACharacter) {
-  EXPECT_EQ(wholeCharacters("abcd", 3), 3U);
-  EXPECT_EQ(wholeCharacters("a\u20ac", 3), 1U);
-  EXPECT_EQ(wholeCharacters("a\u20acz", 4), 4U);
-  EXPECT_EQ(wholeCharacters("\U0001f600", 3), 0U);
+TEST(Utf8PrefixBytes, CutsBeforeACharacter) {
+  EXPECT_EQ(utf8PrefixBytes("abcd", 3), 3U);
+  EXPECT_EQ(utf8PrefixBytes("a\u20ac", 3), 1U);
+  EXPECT_EQ(utf8PrefixBytes("a\u20acz", 4), 4U);
+  EXPECT_EQ(utf8PrefixBytes("\U0001f600", 3), 0U);
 }
 
-TEST(WholeCharacters, WhatIsNoTextIsCutAnywhere) {
-  EXPECT_EQ(wholeCharacters("\x80\x80\x80\x80\x80\x80", 5), 5U);
+TEST(Utf8PrefixBytes, BytesThatAreNotTextAreCutAnywhere) {
+  EXPECT_EQ(utf8PrefixBytes("\x80\x80\x80\x80\x80\x80", 5), 5U);
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 
 namespace keel {
 
-// What an output of the tests was given. Shared by the test and the output that a queue owns.
+// Records what a test's output is given. Shared by the test and the output that a queue owns.
 class Recorder {
  public:
   struct Line {
@@ -23,13 +23,12 @@ class Recorder {
     std::size_t fullBytes;
   };
 
-  // An output that notes every message here. It returns what `accept` says of the message's place,
-  // counted from 0.
+  // Returns an output that records every message here and returns accept(index), counted from 0.
   std::unique_ptr<LogOutput> output(std::function<bool(std::size_t)> accept = [](std::size_t) {
     return true;
   });
 
-  // While the gate is closed, write() waits in front of it.
+  // While the gate is closed, write() waits at it.
   void closeGate() {
     const std::lock_guard lock(mutex_);
     open_ = false;
@@ -54,7 +53,7 @@ class Recorder {
     return texts;
   }
 
-  std::size_t note(const LogMessage& message) {
+  std::size_t record(const LogMessage& message) {
     std::unique_lock lock(mutex_);
     atGate_ = !open_;
     changed_.notify_all();
@@ -77,7 +76,7 @@ class RecordingOutput : public LogOutput {
  public:
   RecordingOutput(Recorder& recorder, std::function<bool(std::size_t)> accept)
       : recorder_(recorder), accept_(std::move(accept)) {}
-  bool write(const LogMessage& message) override { return accept_(recorder_.note(message)); }
+  bool write(const LogMessage& message) override { return accept_(recorder_.record(message)); }
 
  private:
   Recorder& recorder_;
@@ -89,6 +88,6 @@ inline std::unique_ptr<LogOutput> Recorder::output(std::function<bool(std::size_
 }
 
 // Far longer than any flush here takes; it only ends a test that hangs.
-inline constexpr std::chrono::minutes kPatience{1};
+inline constexpr std::chrono::minutes kHangTimeout{1};
 
 }  // namespace keel

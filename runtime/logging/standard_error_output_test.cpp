@@ -41,7 +41,7 @@ struct Pipe {
 
 class LogLine : public ::testing::Test {
  protected:
-  // A zone without daylight saving, east of Greenwich by 05:30.
+  // A time zone without daylight saving, east of Greenwich by 05:30.
   LogLine() {
     ::setenv("TZ", "XST-5:30", /*replace=*/1);
     ::tzset();
@@ -53,18 +53,18 @@ class LogLine : public ::testing::Test {
 };
 
 TEST_F(LogLine, ShowsLocalTimeLevelCategoryAndText) {
-  LogMessage told = message("no such item");
-  told.time = std::chrono::system_clock::time_point(std::chrono::seconds(7 * 3600 + 4 * 60 + 56) +
-                                                    std::chrono::milliseconds(789));
-  EXPECT_EQ(logLine(told, /*colour=*/false), "12:34:56.789 error notification: no such item\n");
+  LogMessage logged = message("no such item");
+  logged.time = std::chrono::system_clock::time_point(std::chrono::seconds(7 * 3600 + 4 * 60 + 56) +
+                                                      std::chrono::milliseconds(789));
+  EXPECT_EQ(logLine(logged, /*colour=*/false), "12:34:56.789 error notification: no such item\n");
 }
 
-TEST_F(LogLine, ShortNumbersAreFilledWithZeros) {
-  LogMessage told = message("text");
-  told.time =
+TEST_F(LogLine, PadsNumbersWithZeros) {
+  LogMessage logged = message("text");
+  logged.time =
       std::chrono::system_clock::time_point(std::chrono::hours(19) + std::chrono::minutes(31) +
                                             std::chrono::seconds(2) + std::chrono::milliseconds(3));
-  EXPECT_EQ(logLine(told, /*colour=*/false), "01:01:02.003 error notification: text\n");
+  EXPECT_EQ(logLine(logged, /*colour=*/false), "01:01:02.003 error notification: text\n");
 }
 
 TEST_F(LogLine, EveryLevelHasItsNameAndColour) {
@@ -87,28 +87,28 @@ TEST_F(LogLine, HostileTextStaysOnItsLine) {
               EndsWith("notification: a\\n12:00:00.000 fault auth: forged\\x1b]0;x\\x07\n"));
 }
 
-TEST_F(LogLine, TextOfTheLimitIsWhole) {
+TEST_F(LogLine, ATextOfTheLimitIsComplete) {
   const std::string text(kShownTextBytes, 'x');
   EXPECT_THAT(logLine(message(text), false), EndsWith(": " + text + "\n"));
 }
 
-TEST_F(LogLine, TextAboveTheLimitIsCutWithItsSize) {
+TEST_F(LogLine, ATextAboveTheLimitIsTruncatedWithItsSize) {
   const std::string text(kShownTextBytes + 1, 'x');
   EXPECT_THAT(logLine(message(text), false),
               EndsWith(": " + std::string(kShownTextBytes, 'x') + "... (1025 bytes)\n"));
 }
 
-TEST_F(LogLine, TextThatWasCutBeforeShowsItsFullSize) {
+TEST_F(LogLine, ATruncatedTextShowsItsFullSize) {
   const std::string text(kLogMessageBytes, 'x');
-  LogMessage told = message(text);
-  told.fullBytes = 1000000;
-  EXPECT_THAT(logLine(told, false), EndsWith("... (1000000 bytes)\n"));
+  LogMessage logged = message(text);
+  logged.fullBytes = 1000000;
+  EXPECT_THAT(logLine(logged, false), EndsWith("... (1000000 bytes)\n"));
 }
 
-TEST_F(LogLine, StaysBelowWhatAPipeTakesInOnePiece) {
+TEST_F(LogLine, StaysBelowAnAtomicPipeWrite) {
   const std::string hostile(kLogMessageBytes, '\x1b');
-  LogMessage told{LogLevel::fault, hostile, hostile};
-  EXPECT_LE(logLine(told, /*colour=*/true).size(), static_cast<std::size_t>(PIPE_BUF));
+  LogMessage logged{LogLevel::fault, hostile, hostile};
+  EXPECT_LE(logLine(logged, /*colour=*/true).size(), static_cast<std::size_t>(PIPE_BUF));
 }
 
 TEST(LineOutput, WritesTheLine) {
@@ -118,7 +118,7 @@ TEST(LineOutput, WritesTheLine) {
   EXPECT_THAT(pipe.read(), EndsWith("error notification: text\n"));
 }
 
-TEST(LineOutput, FullPipeThatDoesNotBlockLosesWholeLines) {
+TEST(LineOutput, AFullNonBlockingPipeLosesWholeLines) {
   Pipe pipe(O_NONBLOCK);
   LineOutput output(std::move(pipe.writing), /*colour=*/false);
   const std::string text(1000, 'x');
@@ -131,7 +131,7 @@ TEST(LineOutput, FullPipeThatDoesNotBlockLosesWholeLines) {
   EXPECT_THAT(pipe.read(), EndsWith(": again\n"));
 }
 
-TEST(LineOutput, ReaderThatIsGoneLosesTheMessage) {
+TEST(LineOutput, AReaderThatIsGoneLosesTheMessage) {
   sigset_t pipeSignal;
   sigset_t before;
   ::sigemptyset(&pipeSignal);
@@ -146,12 +146,12 @@ TEST(LineOutput, ReaderThatIsGoneLosesTheMessage) {
   ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, &before, nullptr), 0);
 }
 
-TEST(LineOutput, MissingDescriptorLosesTheMessage) {
+TEST(LineOutput, AMissingDescriptorLosesTheMessage) {
   LineOutput output(FileDescriptor(), /*colour=*/false);
   EXPECT_FALSE(output.write(message("text")));
 }
 
-TEST(IsJournalStream, TrueForTheVeryFileAlone) {
+TEST(IsJournalStream, TrueForThatFileAlone) {
   Pipe pipe;
   struct stat status{};
   ASSERT_EQ(::fstat(pipe.writing.get(), &status), 0);
