@@ -150,7 +150,7 @@ void startDaemonLogging() {
                  problem.code().message().c_str());
     std::exit(kExitNoThread);
   }
-  if (!invalidEntries.empty()) logger().error("KEELD_LOG: invalid: {}", invalidEntries);
+  if (!invalidEntries.empty()) logger().error("KEELD_LOG: not understood: {}", invalidEntries);
 }
 
 void warnIfNoAuditSessions(const char* ownSession) {

@@ -23,13 +23,13 @@ class KLNPublishedObject;
 // on the notification input queue.
 class DumpAnswer {
  public:
-  // Exactly `entryCount` entries are appended.
+  // The caller appends exactly `entryCount` entries.
   DumpAnswer(std::size_t entryCount, bool withData);
 
   void append(KLNPublishedObject& item);
   // Entries still to come.
   std::size_t missingCount() const { return missingCount_; }
-  // Of what has been appended.
+  // Size of the entries appended so far.
   std::size_t sizeBytes() const { return fileBytes_ + bytes_.size(); }
 
   // Keeps the description of a connection that may end before the answer is complete.

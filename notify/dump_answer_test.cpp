@@ -24,7 +24,7 @@ Array answerWith(const std::vector<std::shared_ptr<KLNPublishedObject>>& items) 
   return entries ? *entries : Array();
 }
 
-TEST(DumpAnswer, KnowsWhatIsMissing) {
+TEST(DumpAnswer, CountsMissingEntries) {
   const auto item = itemWith(nullptr);
   DumpAnswer answer(2, /*withData=*/false);
   EXPECT_EQ(answer.missingCount(), 2u);
@@ -35,11 +35,11 @@ TEST(DumpAnswer, KnowsWhatIsMissing) {
   EXPECT_EQ(answer.take()->value().as<Value::List>()->size(), 2u);
 }
 
-TEST(DumpAnswer, ShortOnesAreInMemoryOfOurOwn) {
+TEST(DumpAnswer, AShortAnswerIsOnTheHeap) {
   EXPECT_EQ(answerWith({itemWith(text(60'000))}).buffer()->sealedFile(), -1);
 }
 
-TEST(DumpAnswer, LongOnesAreInAMemoryFile) {
+TEST(DumpAnswer, ALongAnswerIsInAMemoryFile) {
   const auto small = itemWith(number(1));
   const Array many = answerWith(std::vector(2000, small));
   EXPECT_GE(many.buffer()->sealedFile(), 0);
@@ -49,7 +49,7 @@ TEST(DumpAnswer, LongOnesAreInAMemoryFile) {
     ASSERT_EQ(*each.find("publishedData"), number(1).value());
 }
 
-TEST(DumpAnswer, LargeDataStandInTheirPlaces) {
+TEST(DumpAnswer, LargeDataKeepTheirOrder) {
   const auto small = itemWith(number(1));
   const auto large = itemWith(text(100'000));
   const Array mixed = answerWith({small, large, small, large, small});
@@ -61,7 +61,7 @@ TEST(DumpAnswer, LargeDataStandInTheirPlaces) {
     EXPECT_EQ(*list[i].find("publishedData"), (i % 2 == 0 ? small : large)->data().value());
 }
 
-TEST(DumpAnswer, CountsWhatItHolds) {
+TEST(DumpAnswer, ReportsItsSize) {
   DumpAnswer answer(2, /*withData=*/true);
   const std::size_t empty = answer.sizeBytes();
   answer.append(*itemWith(text(100'000)));

@@ -9,18 +9,18 @@
 namespace keel {
 namespace {
 
-// Dumps of all items, of which each slice describes one. Those that a test sees change or leave are
-// described last.
-class DumpCoordinatorTest : public NotifyTest {
+// Dumps of all items in steps of one item each. The item that a test changes or removes is captured
+// last.
+class DumpOfAllItems : public NotifyTest {
  protected:
-  DumpCoordinatorTest() {
-    desk().setStepWork(1);
+  DumpOfAllItems() {
+    coordinator().setStepWork(1);
     for (const char* name : {"a", "b", "c"}) publish(one, name, number(1));
     runAll();
     entry("c")->setLastUpdated(Date{1.0});
-    forget();
+    clearRecords();
   }
-  // One turn of the input queue, and what the connections have to do then.
+  // Runs one turn of the input queue, then the work it caused on the connections.
   void turn() {
     executor.runOne();
     connections.runAll();
@@ -28,29 +28,28 @@ class DumpCoordinatorTest : public NotifyTest {
   void runAll() {
     while (executor.scheduledCount() > 0) turn();
   }
-  DumpCoordinator& desk() { return service->work().dumps(); }
+  DumpCoordinator& coordinator() { return service->work().dumps(); }
   std::shared_ptr<KLNPublishedObject> entry(const Name& name) {
     return service->published().at(name);
   }
-  void forget() {
+  void clearRecords() {
     for (NotifyClient* client : {&one, &other, &asker}) {
       if (client->connection()) client->take();
     }
     log.take();
   }
-  // Follows `name`, and has heard from it last at `date`.
+  // Subscribes `client` to `name` and dates its last delivery.
   std::shared_ptr<KLNSubscriptionObject> followed(NotifyClient& client, const Name& name,
                                                   Date date) {
     subscribe(client, name);
     runAll();
     const auto subscription = entry(name)->subscriberForConnection(client.connection());
     subscription->setLastUpdated(date);
-    forget();
+    clearRecords();
     return subscription;
   }
 
-  // Requests a dump, and runs what waits: the dump's first slice, and whatever was requested
-  // before.
+  // Requests a dump; begin() also runs its first step and everything requested before.
   static std::uint64_t request(NotifyClient& client, bool withData = true) {
     return client.request<&NotifyProxy::dumpNotification>("_all", withData);
   }
@@ -78,15 +77,15 @@ class DumpCoordinatorTest : public NotifyTest {
     EXPECT_NE(found, entries.end());
     return found != entries.end() ? *found : Value();
   }
-  // What a dump of one name says now.
+  // Returns the entry of a dump of one name.
   Value describe(Name name) {
     const auto id = asker.request<&NotifyProxy::dumpNotification>(std::move(name), true);
     turn();
     return entriesOf(asker, id).front();
   }
 
-  // Changes "c" between two slices: neither `change` nor what it queued shows in the dump, but does
-  // afterwards.
+  // Changes "c" between two steps: neither `change` nor what it queued shows in the dump, but both
+  // do afterwards.
   template <class Change>
   void expectUnseen(Change change) {
     const Value before = describe("c");
@@ -107,7 +106,7 @@ class DumpCoordinatorTest : public NotifyTest {
   NotifyClient asker{connections, FakeClient::identity(13)};
 };
 
-TEST_F(DumpCoordinatorTest, OtherRequestsRunBetweenSlices) {
+TEST_F(DumpOfAllItems, OtherRequestsRunBetweenSteps) {
   const auto dump = begin(asker);
   const auto answered = update(one, "a", number(2));
   turn();
@@ -119,21 +118,21 @@ TEST_F(DumpCoordinatorTest, OtherRequestsRunBetweenSlices) {
   EXPECT_THAT(other.received(), IsEmpty());
 }
 
-TEST_F(DumpCoordinatorTest, WhatFitsOneSliceIsAnsweredInOneBlock) {
-  desk().setStepWork(3);
+TEST_F(DumpOfAllItems, OneStepIsAnsweredInOneBlock) {
+  coordinator().setStepWork(3);
   const auto fits = request(asker);
   turn();
   EXPECT_EQ(entriesOf(asker, fits).size(), 3u);
   EXPECT_EQ(executor.scheduledCount(), 0u);
 
-  desk().setStepWork(2);
+  coordinator().setStepWork(2);
   const auto exceeds = begin(asker);
   turn();
   EXPECT_EQ(entriesOf(asker, exceeds).size(), 3u);
 }
 
-TEST_F(DumpCoordinatorTest, TheUsualSliceHoldsSixtyFourItems) {
-  desk().setStepWork(DumpCoordinator::kStepWork);
+TEST_F(DumpOfAllItems, TheDefaultStepCapturesSixtyFourItems) {
+  coordinator().setStepWork(DumpCoordinator::kStepWork);
   for (int i = 3; i < 64; ++i) publish(one, Name(std::to_string(i)), nullptr);
   runAll();
   const auto fits = request(asker);
@@ -144,16 +143,16 @@ TEST_F(DumpCoordinatorTest, TheUsualSliceHoldsSixtyFourItems) {
   begin(asker);
 }
 
-TEST_F(DumpCoordinatorTest, SubscribersCountAsWork) {
+TEST_F(DumpOfAllItems, SubscribersCountAsWork) {
   followed(other, "a", Date{1.0});
-  desk().setStepWork(3);
+  coordinator().setStepWork(3);
   const auto dump = begin(asker);
   turn();
   EXPECT_EQ(entriesOf(asker, dump).size(), 3u);
 }
 
-TEST_F(DumpCoordinatorTest, LargeDataCountAsWork) {
-  desk().setStepWork(3);
+TEST_F(DumpOfAllItems, LargeDataCountAsWork) {
+  coordinator().setStepWork(3);
   update(one, "a", Dictionary(Value::map({{"text", std::string(4096, 'x')}})));
   runAll();
   const auto dump = begin(asker);
@@ -161,33 +160,33 @@ TEST_F(DumpCoordinatorTest, LargeDataCountAsWork) {
   EXPECT_EQ(entriesOf(asker, dump).size(), 3u);
 }
 
-TEST_F(DumpCoordinatorTest, AnUpdateIsNotSeen) {
+TEST_F(DumpOfAllItems, AnUpdateIsNotSeen) {
   expectUnseen([this] { update(one, "c", number(2)); });
 }
 
-TEST_F(DumpCoordinatorTest, AnUpdateThatTheSubscriberHearsOfIsNotSeen) {
+TEST_F(DumpOfAllItems, ADeliveredUpdateIsNotSeen) {
   followed(other, "c", Date{1.0});
   expectUnseen([this] { update(one, "c", number(1)); });
 }
 
-TEST_F(DumpCoordinatorTest, ADateThatChangesAloneIsNotSeen) {
+TEST_F(DumpOfAllItems, AChangedDateIsNotSeen) {
   expectUnseen([this] { entry("c")->setLastUpdated(Date{2.0}); });
 }
 
-TEST_F(DumpCoordinatorTest, ANameThatChangesIsNotSeen) {
+TEST_F(DumpOfAllItems, AChangedNameIsNotSeen) {
   expectUnseen([this] { entry("c")->setName("d"); });
 }
 
-TEST_F(DumpCoordinatorTest, ASubscriberThatComesIsNotSeen) {
+TEST_F(DumpOfAllItems, AnAddedSubscriberIsNotSeen) {
   expectUnseen([this] { subscribe(other, "c"); });
 }
 
-TEST_F(DumpCoordinatorTest, ASubscriberThatGoesIsStillSeen) {
+TEST_F(DumpOfAllItems, ARemovedSubscriberIsStillSeen) {
   followed(other, "c", Date{1.0});
   expectUnseen([this] { unsubscribe(other, "c"); });
 }
 
-TEST_F(DumpCoordinatorTest, AFirstDeliveryAfterTheBeginningIsNotSeen) {
+TEST_F(DumpOfAllItems, ALaterFirstDeliveryIsNotSeen) {
   subscribe(other, "c");
   const auto dump = request(asker);
   // The delivery is queued behind the dump's beginning.
@@ -199,17 +198,16 @@ TEST_F(DumpCoordinatorTest, AFirstDeliveryAfterTheBeginningIsNotSeen) {
   EXPECT_NE(describe("c"), c);
 }
 
-TEST_F(DumpCoordinatorTest, AnErrorThatTheSubscriberHearsOfIsNotSeen) {
+TEST_F(DumpOfAllItems, ADeliveredErrorIsNotSeen) {
   followed(other, "c", Date{1.0});
   expectUnseen([this] { entry("c")->updateWithError(Error("test", 1)); });
 }
 
-// What the asker of a dump hears of what came after the dump's beginning may overtake the answer,
-// but is not in it.
-TEST_F(DumpCoordinatorTest, ADeliveryToTheAskerMayOvertakeTheAnswerWhichDoesNotShowIt) {
+// A delivery of a later change may precede the answer, which does not show it.
+TEST_F(DumpOfAllItems, ALaterDeliveryToTheAskerMayPrecedeTheAnswer) {
   followed(asker, "c", Date{1.0});
   const Value before = describe("c");
-  forget();
+  clearRecords();
   const auto dump = begin(asker);
   update(one, "c", number(2));
   turn();
@@ -224,8 +222,8 @@ TEST_F(DumpCoordinatorTest, ADeliveryToTheAskerMayOvertakeTheAnswerWhichDoesNotS
   EXPECT_EQ(*describe("c").find("publishedData"), number(2).value());
 }
 
-// What was carried out before the dump began was delivered before its answer.
-TEST_F(DumpCoordinatorTest, TheAnswerIsNotAheadOfDeliveries) {
+// Updates served before the dump began are delivered before its answer.
+TEST_F(DumpOfAllItems, EarlierDeliveriesPrecedeTheAnswer) {
   followed(asker, "c", Date{1.0});
   update(one, "c", number(2));
   const auto dump = request(asker);
@@ -236,35 +234,35 @@ TEST_F(DumpCoordinatorTest, TheAnswerIsNotAheadOfDeliveries) {
   EXPECT_EQ(asker.received().back().requestId, dump);
 }
 
-TEST_F(DumpCoordinatorTest, ABatchOfUpdatesIsNotSeen) {
+TEST_F(DumpOfAllItems, ABatchOfUpdatesIsNotSeen) {
   followed(other, "c", Date{1.0});
   expectUnseen([this] {
     for (int value = 2; value < 5; ++value) update(one, "c", number(value));
   });
 }
 
-TEST_F(DumpCoordinatorTest, ASubscriptionThatChangesHandsIsNotSeen) {
+TEST_F(DumpOfAllItems, AChangedSubscriberIsNotSeen) {
   const auto subscription = followed(other, "c", Date{1.0});
   expectUnseen([this, subscription] { subscription->setOwner(one.connection()); });
 }
 
-TEST_F(DumpCoordinatorTest, APublisherThatComesIsNotSeen) {
+TEST_F(DumpOfAllItems, ANewPublisherIsNotSeen) {
   followed(other, "c", Date{1.0});
   remove(one, "c");
   runAll();
   expectUnseen([this] { publish(other, "c", number(1)); });
 }
 
-TEST_F(DumpCoordinatorTest, AnOwnerThatChangesAloneIsNotSeen) {
+TEST_F(DumpOfAllItems, AChangedOwnerIsNotSeen) {
   expectUnseen([this] { entry("c")->setOwner(other.connection()); });
 }
 
-TEST_F(DumpCoordinatorTest, AnItemThatLeavesIsStillSeen) {
+TEST_F(DumpOfAllItems, ARemovedItemIsStillSeen) {
   expectUnseen([this] { remove(one, "c"); });
   EXPECT_FALSE(service->published().contains("c"));
 }
 
-TEST_F(DumpCoordinatorTest, TheNextItemInLineMayLeave) {
+TEST_F(DumpOfAllItems, TheNextItemMayBeRemoved) {
   const auto held = entry("b");
   const auto dump = request(asker);
   remove(one, "b");
@@ -274,7 +272,7 @@ TEST_F(DumpCoordinatorTest, TheNextItemInLineMayLeave) {
   EXPECT_EQ(namesOf(entriesOf(asker, dump)), (std::vector<std::string>{"a", "b", "c"}));
 }
 
-TEST_F(DumpCoordinatorTest, TheFirstAndTheLastItemMayLeave) {
+TEST_F(DumpOfAllItems, TheFirstAndTheLastItemMayBeRemoved) {
   for (const char* name : {"a", "c"}) remove(one, name);
   publish(one, "d", number(1));
   const auto dump = request(asker);
@@ -282,7 +280,7 @@ TEST_F(DumpCoordinatorTest, TheFirstAndTheLastItemMayLeave) {
   EXPECT_EQ(namesOf(entriesOf(asker, dump)), (std::vector<std::string>{"b", "d"}));
 }
 
-TEST_F(DumpCoordinatorTest, AnItemThatHasLeftIsNotSeenThoughSomebodyHoldsIt) {
+TEST_F(DumpOfAllItems, AnItemRemovedBeforeIsNotSeenThoughItLives) {
   const auto held = entry("b");
   remove(one, "b");
   const auto dump = request(asker);
@@ -290,16 +288,16 @@ TEST_F(DumpCoordinatorTest, AnItemThatHasLeftIsNotSeenThoughSomebodyHoldsIt) {
   EXPECT_EQ(namesOf(entriesOf(asker, dump)), (std::vector<std::string>{"a", "c"}));
 }
 
-TEST_F(DumpCoordinatorTest, AnItemThatIsDestroyedIsStillSeen) {
+TEST_F(DumpOfAllItems, ADestroyedItemIsStillSeen) {
   auto item = KLNPublishedObject::initWithName("d");
-  desk().enter(*item);
+  coordinator().enter(*item);
   const auto dump = begin(asker);
   item.reset();
   runAll();
   EXPECT_THAT(namesOf(entriesOf(asker, dump)), ::testing::UnorderedElementsAre("a", "b", "c", "d"));
 }
 
-TEST_F(DumpCoordinatorTest, AnItemThatEntersIsNotSeen) {
+TEST_F(DumpOfAllItems, AnAddedItemIsNotSeen) {
   const auto dump = begin(asker);
   publish(one, "d", number(1));
   subscribe(other, "e");
@@ -312,14 +310,14 @@ TEST_F(DumpCoordinatorTest, AnItemThatEntersIsNotSeen) {
   EXPECT_EQ(entriesOf(asker, next).size(), 5u);
 }
 
-TEST_F(DumpCoordinatorTest, AnItemThatLeavesAndEntersAgainIsSeenOnceAsItWas) {
+TEST_F(DumpOfAllItems, AnItemRemovedAndAddedAgainIsSeenOnceAsItWas) {
   expectUnseen([this] {
     remove(one, "c");
     publish(other, "c", number(2));
   });
 }
 
-TEST_F(DumpCoordinatorTest, AnItemOutsideTheTableIsNobodysBusiness) {
+TEST_F(DumpOfAllItems, AnItemOutsideTheTableIsIgnored) {
   const auto dump = begin(asker);
   const auto item = service->newPublishedObjectWith(number(1), "d", 0, 0, other.connection());
   item->updateWithData(number(2));
@@ -327,7 +325,7 @@ TEST_F(DumpCoordinatorTest, AnItemOutsideTheTableIsNobodysBusiness) {
   EXPECT_EQ(entriesOf(asker, dump).size(), 3u);
 }
 
-TEST_F(DumpCoordinatorTest, ConnectionsThatEndAreDescribedAsTheyWere) {
+TEST_F(DumpOfAllItems, ConnectionsThatEndAreDescribedAsTheyWere) {
   const auto subscription = followed(other, "c", Date{1.0});
   const Value before = describe("c");
   const auto dump = begin(asker);
@@ -340,10 +338,10 @@ TEST_F(DumpCoordinatorTest, ConnectionsThatEndAreDescribedAsTheyWere) {
   EXPECT_EQ(describe("c").textOf("publisher"), "<unconnected>");
 }
 
-TEST_F(DumpCoordinatorTest, AConnectionThatHasEndedIsDescribedWhileItIsThere) {
+TEST_F(DumpOfAllItems, AnEndedConnectionIsDescribedWhileItLives) {
   const Value before = describe("c");
   const auto dump = request(asker);
-  // A request that waits keeps the connection, beyond the dump's beginning.
+  // A queued request keeps the connection alive when the dump begins.
   update(one, "a", number(2));
   const std::weak_ptr<xpc::Connection> connection = one.connection();
   one.die();
@@ -355,7 +353,7 @@ TEST_F(DumpCoordinatorTest, AConnectionThatHasEndedIsDescribedWhileItIsThere) {
   EXPECT_EQ(entryOf(entriesOf(asker, dump), "c"), before);
 }
 
-TEST_F(DumpCoordinatorTest, AConnectionThatWasGoneIsUnconnected) {
+TEST_F(DumpOfAllItems, ADestroyedConnectionIsUnconnected) {
   one.die();
   runAll();
   const auto dump = begin(asker);
@@ -364,7 +362,7 @@ TEST_F(DumpCoordinatorTest, AConnectionThatWasGoneIsUnconnected) {
     EXPECT_EQ(each.textOf("publisher"), "<unconnected>");
 }
 
-TEST_F(DumpCoordinatorTest, EachOfSeveralShowsItsOwnMoment) {
+TEST_F(DumpOfAllItems, ConcurrentDumpsAreSeparateSnapshots) {
   const Value before = describe("c");
   const auto early = begin(asker);
   update(one, "c", number(2));
@@ -387,7 +385,7 @@ TEST_F(DumpCoordinatorTest, EachOfSeveralShowsItsOwnMoment) {
   EXPECT_NE(*entryOf(second, "c").find("publishDate"), *entryOf(first, "c").find("publishDate"));
 }
 
-TEST_F(DumpCoordinatorTest, AConnectionMayEndBetweenTheBeginningsOfTwo) {
+TEST_F(DumpOfAllItems, AConnectionMayEndBetweenTwoRequests) {
   const auto early = begin(asker);
   one.die();
   const auto late = request(other);
@@ -396,22 +394,22 @@ TEST_F(DumpCoordinatorTest, AConnectionMayEndBetweenTheBeginningsOfTwo) {
   EXPECT_EQ(entryOf(entriesOf(other, late), "c").textOf("publisher"), "<unconnected>");
 }
 
-TEST_F(DumpCoordinatorTest, IsDroppedWhenItsAskerEnds) {
+TEST_F(DumpOfAllItems, IsDroppedWhenItsAskerEnds) {
   begin(asker);
   const std::weak_ptr<xpc::Connection> connection = asker.connection();
   asker.die();
   EXPECT_TRUE(connection.expired());
-  // What is queued already and the clean-up, and nothing behind them.
+  // The blocks queued already and the clean-up, and nothing more.
   turn();
   EXPECT_EQ(executor.scheduledCount(), 0u);
-  // Not described for it any more, so for the next.
+  // The remaining items are captured for the next dump instead.
   const auto next = begin(other);
   runAll();
   EXPECT_EQ(namesOf(entriesOf(other, next)), (std::vector<std::string>{"a", "b", "c"}));
 }
 
-TEST_F(DumpCoordinatorTest, WorksOnceWhenOneIsDroppedAndAnotherBegins) {
-  // Of another's, so that what is dropped has not had its turn when the next begins.
+TEST_F(DumpOfAllItems, DoesNotWorkTwiceAfterADrop) {
+  // Another client's dump comes first, so the dropped one has not run when the next begins.
   service->work().incremental().add([left = 2]() mutable { return --left > 0; });
   begin(asker);
   const auto next = request(other);
@@ -420,7 +418,7 @@ TEST_F(DumpCoordinatorTest, WorksOnceWhenOneIsDroppedAndAnotherBegins) {
   EXPECT_EQ(executor.scheduledCount(), 0u);
 }
 
-TEST_F(DumpCoordinatorTest, IsNotBegunForAnAskerThatHasEnded) {
+TEST_F(DumpOfAllItems, IsNotBegunForAnAskerThatHasEnded) {
   request(asker);
   const std::weak_ptr<xpc::Connection> connection = asker.connection();
   asker.die();
@@ -430,7 +428,7 @@ TEST_F(DumpCoordinatorTest, IsNotBegunForAnAskerThatHasEnded) {
   EXPECT_EQ(executor.scheduledCount(), 0u);
 }
 
-TEST_F(DumpCoordinatorTest, GoesOnWhenTheAskerOfAnotherEnds) {
+TEST_F(DumpOfAllItems, ContinuesWhenTheAskerOfAnotherEnds) {
   begin(asker);
   const auto late = request(other);
   const auto latest = request(one);
@@ -441,7 +439,7 @@ TEST_F(DumpCoordinatorTest, GoesOnWhenTheAskerOfAnotherEnds) {
   EXPECT_EQ(entriesOf(one, latest).size(), 3u);
 }
 
-TEST_F(DumpCoordinatorTest, OfNothingIsAnsweredAtOnceWhileAnotherIsInProgress) {
+TEST_F(DumpOfAllItems, OfNothingIsAnsweredAtOnceWhileAnotherIsInProgress) {
   begin(asker);
   for (const char* name : {"a", "b", "c"}) remove(one, name);
   const auto late = request(other);
@@ -449,14 +447,14 @@ TEST_F(DumpCoordinatorTest, OfNothingIsAnsweredAtOnceWhileAnotherIsInProgress) {
   EXPECT_THAT(entriesOf(other, late), IsEmpty());
 }
 
-TEST_F(DumpCoordinatorTest, ItemsMayOutliveIt) {
-  auto desk = std::make_shared<DumpCoordinator>(
+TEST_F(DumpOfAllItems, ItemsMayOutliveIt) {
+  auto dumps = std::make_shared<DumpCoordinator>(
       std::make_shared<IncrementalWorkQueue>(SerialQueue::create("test", executor)));
   const auto item = KLNPublishedObject::initWithName("d");
-  desk->enter(*item);
-  desk->begin(/*withData=*/false, nullptr,
-              DumpCoordinator::Reply::to([](const Array&, const Error&) {}));
-  desk.reset();
+  dumps->enter(*item);
+  dumps->begin(/*withData=*/false, nullptr,
+               DumpCoordinator::Reply::to([](const Array&, const Error&) {}));
+  dumps.reset();
   item->setLastUpdated(Date{1.0});
   EXPECT_EQ(item->lastUpdated(), Date{1.0});
 }

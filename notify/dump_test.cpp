@@ -6,7 +6,7 @@ namespace {
 
 class NotificationDump : public NotifyTest {
  protected:
-  // Runs everything that is queued, then a dump, which must be answered.
+  // Runs all queued blocks, then a dump, which must be answered.
   std::pair<Value, Error> dump(Name name, bool withData = false) {
     const auto id = one.request<&NotifyProxy::dumpNotification>(std::move(name), withData);
     EXPECT_FALSE(one.isAnswered(id));
@@ -17,7 +17,7 @@ class NotificationDump : public NotifyTest {
     EXPECT_FALSE(std::get<0>(*results).isNull());
     return {std::get<0>(*results).value(), std::get<1>(*results)};
   }
-  // The entries of a dump that must succeed.
+  // Returns the entries of a dump that must succeed.
   Value::List entries(Name name, bool withData = false) {
     const auto [array, error] = dump(std::move(name), withData);
     EXPECT_FALSE(error);
@@ -62,7 +62,7 @@ TEST_F(NotificationDump, DescribesAnItemInFull) {
                          }));
 }
 
-TEST_F(NotificationDump, KeysStandInOrder) {
+TEST_F(NotificationDump, KeysAreOrdered) {
   publish(one, "n", number(1));
   subscribe(other, "n");
   executor.runAll();
@@ -82,7 +82,7 @@ TEST_F(NotificationDump, WithoutTheFlagThereIsNoDataKey) {
               ElementsAre("name", "publisher", "publishDate", "subscribers"));
 }
 
-TEST_F(NotificationDump, WhatIsNotKnownHasAPlaceholderText) {
+TEST_F(NotificationDump, UnknownValuesHaveAPlaceholderText) {
   subscribe(other, "n");
   executor.runAll();
   const auto all = entries("n", true);
@@ -141,7 +141,7 @@ TEST_F(NotificationDump, AllDescribesEveryItem) {
   EXPECT_THAT(names, ::testing::UnorderedElementsAre("a", "b", "c"));
 }
 
-TEST_F(NotificationDump, AllNeverMeansAnItemOfThatName) {
+TEST_F(NotificationDump, AllIsNotTheItemOfThatName) {
   publish(one, "_all", number(1));
   publish(one, "a", number(2));
   executor.runAll();
@@ -192,15 +192,15 @@ TEST_F(NotificationDump, ChangesAndLogsNothing) {
   EXPECT_EQ(service->published().size(), 1u);
 }
 
-TEST_F(NotificationDump, IsAnsweredBehindEarlierRequests) {
+TEST_F(NotificationDump, IsAnsweredAfterEarlierRequests) {
   publish(one, "n", number(1));
   const auto all = entries("n");
   EXPECT_EQ(all.size(), 1u);
   EXPECT_EQ(one.received().front().requestId, 1u);
 }
 
-TEST_F(NotificationDump, PublishedDataAreSplicedInAsTheyCame) {
-  // Floating point in 16 bits: whoever decoded and encoded it again would make it longer.
+TEST_F(NotificationDump, PublishedDataAreNotReencoded) {
+  // Floating point in 16 bits: re-encoding would make it longer.
   const std::vector<std::byte> encoded = {std::byte{0xa1}, std::byte{0x61}, std::byte{'h'},
                                           std::byte{0xf9}, std::byte{0x3c}, std::byte{0x00}};
   publish(one, "n", Dictionary(Buffer::copyOf(encoded)));
@@ -212,7 +212,7 @@ TEST_F(NotificationDump, PublishedDataAreSplicedInAsTheyCame) {
   EXPECT_NE(std::ranges::search(dumped.encoded(), encoded).begin(), dumped.encoded().end());
 }
 
-TEST_F(NotificationDump, LargeRegistriesAreDescribedWhole) {
+TEST_F(NotificationDump, ALargeRegistryIsComplete) {
   std::vector<std::unique_ptr<NotifyClient>> followers;
   for (int i = 0; i < 40; ++i) {
     followers.push_back(std::make_unique<NotifyClient>(executor));

@@ -54,20 +54,20 @@ class NotificationHandler : public NotifyTest {
     for (const Received& each : client.received()) all.push_back(shortForm(each));
     return all;
   }
-  // Runs a request that must succeed and forgets what it caused.
+  // Runs a request that must succeed, then clears what was recorded.
   void mustPublish(NotifyClient& client, Name name, int value) {
     const auto id = publish(client, std::move(name), number(value));
     executor.runAll();
     EXPECT_FALSE(publishError(client, id));
-    forget();
+    clearRecords();
   }
   void mustSubscribe(NotifyClient& client, Name name) {
     const auto id = subscribe(client, std::move(name));
     executor.runAll();
     EXPECT_FALSE(subscribeError(client, id));
-    forget();
+    clearRecords();
   }
-  void forget() {
+  void clearRecords() {
     one.take();
     other.take();
     log.take();

@@ -13,7 +13,7 @@ TEST_F(NotificationHandler, BeginsWithEmptyTables) {
   EXPECT_EQ(handler->xpcConnection(), nullptr);
 }
 
-TEST_F(NotificationHandler, UnsubscribeWorksThoughTheClientLeavesBeforeItRuns) {
+TEST_F(NotificationHandler, UnsubscribeRunsAfterTheClientIsGone) {
   mustSubscribe(one, "n");
   unsubscribe(one, "n");
   one.die();
@@ -21,7 +21,7 @@ TEST_F(NotificationHandler, UnsubscribeWorksThoughTheClientLeavesBeforeItRuns) {
   EXPECT_TRUE(entry("n")->subscribers()->empty());
 }
 
-TEST_F(LoggedNotificationHandler, AuthCheckAsksTheTableAndPassesBothResultsOn) {
+TEST_F(LoggedNotificationHandler, AuthCheckRepliesWithBothResultsOfTheAuthService) {
   const auto auth = std::make_shared<KLNAuthService>(executor);
   const KLNAuthService::Override defaultAuth(auth);
   auth->addUser("alice", -5);
@@ -70,7 +70,7 @@ TEST_F(LoggedNotificationHandler, InterruptionIsLoggedAndChangesNothing) {
   EXPECT_NE(entry("n")->delegate(), nullptr);
 }
 
-TEST_F(LoggedNotificationHandler, ConnectionTextsOfAGoneConnectionAreZeros) {
+TEST_F(LoggedNotificationHandler, AGoneConnectionIsLoggedWithZeros) {
   const auto handler = std::make_shared<KLNNotificationHandler>();
   handler->connectionInterupted();
   handler->connectionInvalidated();
@@ -106,7 +106,7 @@ TEST_F(LoggedNotificationHandler, CleanUpUndoesSubscriptionsBeforePublications) 
                   debugLine("behavior connectionIsInvalid: unsubscribing from n"),
                   debugLine("behavior connectionIsInvalid: unsubscribing from m")));
   EXPECT_EQ(all[3], debugLine("NotifyService unpublishing"));
-  // The error goes to the one subscriber that is left, who drops it.
+  // The error goes to the one remaining subscription, which drops it.
   EXPECT_EQ(all[4], debugLine("updateWithError: n"));
   EXPECT_EQ(all[5], debugLine("SubscriberBehavior:updateWithError: n"));
   EXPECT_EQ(all[6],
@@ -122,13 +122,13 @@ TEST_F(LoggedNotificationHandler, CleanUpUndoesSubscriptionsBeforePublications) 
   EXPECT_TRUE(entry("m")->subscribers()->empty());
 }
 
-// A client that has so many names, published or followed, and is then gone.
+// A client with a given number of publications and subscriptions whose connection ends.
 class NotificationHandlerCleanUp : public NotificationHandler {
  protected:
   explicit NotificationHandlerCleanUp(LogLevel least = LogLevel::standard)
       : NotificationHandler(least) {}
 
-  static constexpr std::size_t kSlice = KLNNotificationHandler::kCleanUpStep;
+  static constexpr std::size_t kStep = KLNNotificationHandler::kCleanUpStep;
   static Name nameOf(std::size_t number) { return Name("name " + std::to_string(number)); }
 
   void loseClient(std::size_t publicationCount, std::size_t subscriptionCount) {
@@ -138,7 +138,7 @@ class NotificationHandlerCleanUp : public NotificationHandler {
     executor.runAll();
     handler = client->handler();
     client->die();
-    forget();
+    clearRecords();
   }
   void turn(std::size_t subscriptionsLeft, std::size_t publicationsLeft) {
     executor.runOne();
@@ -160,15 +160,15 @@ class LoggedNotificationHandlerCleanUp : public NotificationHandlerCleanUp {
   LoggedNotificationHandlerCleanUp() : NotificationHandlerCleanUp(LogLevel::debug) {}
 };
 
-TEST_F(NotificationHandlerCleanUp, OfNoMoreThanASliceIsOneBlock) {
-  loseClient(kSlice / 2, kSlice / 2);
+TEST_F(NotificationHandlerCleanUp, OneStepIsOneBlock) {
+  loseClient(kStep / 2, kStep / 2);
   turn(0, 0);
   EXPECT_EQ(executor.scheduledCount(), 0u);
 }
 
-TEST_F(LoggedNotificationHandlerCleanUp, OfMoreThanASliceGoesOnInFurtherBlocks) {
-  loseClient(kSlice, kSlice + 1);
-  turn(1, kSlice);
+TEST_F(LoggedNotificationHandlerCleanUp, MoreThanAStepTakesSeveralBlocks) {
+  loseClient(kStep, kStep + 1);
+  turn(1, kStep);
   EXPECT_THAT(stages(), ElementsAre("NotifyService unsubscribing"));
   turn(0, 1);
   EXPECT_THAT(stages(), ElementsAre("NotifyService unpublishing"));
@@ -177,15 +177,15 @@ TEST_F(LoggedNotificationHandlerCleanUp, OfMoreThanASliceGoesOnInFurtherBlocks) 
   EXPECT_EQ(executor.scheduledCount(), 0u);
 }
 
-TEST_F(LoggedNotificationHandlerCleanUp, ASliceThatEndsOneStageLogsTheNextOnce) {
-  loseClient(1, kSlice);
+TEST_F(LoggedNotificationHandlerCleanUp, EachStageIsLoggedOnce) {
+  loseClient(1, kStep);
   turn(0, 1);
   turn(0, 0);
   EXPECT_THAT(stages(), ElementsAre("NotifyService unsubscribing", "NotifyService unpublishing"));
 }
 
-TEST_F(NotificationHandlerCleanUp, LetsOtherRequestsRunInBetween) {
-  loseClient(kSlice + 1, 0);
+TEST_F(NotificationHandlerCleanUp, OtherRequestsRunBetweenSteps) {
+  loseClient(kStep + 1, 0);
   executor.runOne();
   ASSERT_EQ(handler->publishedItems().size(), 1u);
   const Name left = handler->publishedItems().begin()->first;
@@ -199,8 +199,8 @@ TEST_F(NotificationHandlerCleanUp, LetsOtherRequestsRunInBetween) {
   EXPECT_EQ(entry(freed)->owner(), other.connection());
 }
 
-TEST_F(NotificationHandlerCleanUp, NamesThatAreStillToComeCanBePublishedAndStayTheNextOnes) {
-  loseClient(kSlice + 2, 0);
+TEST_F(NotificationHandlerCleanUp, NamesNotYetCleanedUpCanBePublished) {
+  loseClient(kStep + 2, 0);
   executor.runOne();
   ASSERT_EQ(handler->publishedItems().size(), 2u);
   const Name first = handler->publishedItems().begin()->first;
@@ -215,8 +215,8 @@ TEST_F(NotificationHandlerCleanUp, NamesThatAreStillToComeCanBePublishedAndStayT
   }
 }
 
-TEST_F(NotificationHandlerCleanUp, IsForgottenWhenItIsDone) {
-  loseClient(kSlice + 1, 0);
+TEST_F(NotificationHandlerCleanUp, AFinishedCleanUpFreesNoFurtherNames) {
+  loseClient(kStep + 1, 0);
   executor.runAll();
   mustPublish(other, "n", 1);
   auto again = service->newPublishedObjectWith(number(2), "n", 0, 0, one.connection());
@@ -225,9 +225,9 @@ TEST_F(NotificationHandlerCleanUp, IsForgottenWhenItIsDone) {
   EXPECT_EQ(error.code(), kDuplicate.code());
 }
 
-TEST_F(NotificationHandlerCleanUp, NamesWithManySubscribersCountMore) {
+TEST_F(NotificationHandlerCleanUp, NamesWithManySubscribersWeighMore) {
   std::vector<std::unique_ptr<NotifyClient>> followers;
-  for (std::size_t i = 0; i < 16 * (kSlice - 1); ++i) {
+  for (std::size_t i = 0; i < 16 * (kStep - 1); ++i) {
     followers.push_back(std::make_unique<NotifyClient>(executor));
     subscribe(*followers.back(), nameOf(0));
     subscribe(*followers.back(), nameOf(1));
@@ -237,12 +237,12 @@ TEST_F(NotificationHandlerCleanUp, NamesWithManySubscribersCountMore) {
   turn(0, 0);
 }
 
-TEST_F(NotificationHandlerCleanUp, OfSeveralClientsTakesTurns) {
+TEST_F(NotificationHandlerCleanUp, SeveralClientsAlternate) {
   std::vector<std::shared_ptr<KLNNotificationHandler>> handlers;
   std::vector<std::unique_ptr<NotifyClient>> clients;
   for (int i = 0; i < 2; ++i) {
     auto& client = *clients.emplace_back(std::make_unique<NotifyClient>(executor));
-    for (std::size_t name = 0; name < 3 * kSlice; ++name) subscribe(client, nameOf(name));
+    for (std::size_t name = 0; name < 3 * kStep; ++name) subscribe(client, nameOf(name));
     handlers.push_back(client.handler());
   }
   executor.runAll();
@@ -250,20 +250,20 @@ TEST_F(NotificationHandlerCleanUp, OfSeveralClientsTakesTurns) {
   const auto left = [&handlers] {
     return handlers[0]->subscriptions().size() + handlers[1]->subscriptions().size();
   };
-  // The first slice of each is in its place in the queue.
+  // The first step of each runs in queue order.
   executor.runOne();
-  EXPECT_EQ(left(), 4 * kSlice);
+  EXPECT_EQ(left(), 4 * kStep);
   executor.runOne();
-  EXPECT_EQ(left(), 3 * kSlice);
+  EXPECT_EQ(left(), 3 * kStep);
   executor.runOne();
-  EXPECT_EQ(left(), 2 * kSlice);
-  EXPECT_EQ(handlers[0]->subscriptions().size(), kSlice);
+  EXPECT_EQ(left(), 2 * kStep);
+  EXPECT_EQ(handlers[0]->subscriptions().size(), kStep);
   executor.runAll();
   EXPECT_EQ(left(), 0u);
 }
 
 TEST_F(NotificationHandlerCleanUp, HoldsTheHandlerUntilItIsDone) {
-  loseClient(2 * kSlice, 0);
+  loseClient(2 * kStep, 0);
   const std::weak_ptr<KLNNotificationHandler> held = std::exchange(handler, nullptr);
   executor.runOne();
   EXPECT_FALSE(held.expired());
@@ -298,7 +298,7 @@ TEST_F(NotificationHandler, QueuedRequestsOfAGoneClientStillRunBeforeItsCleanUp)
   EXPECT_TRUE(handler->subscriptions().empty());
 }
 
-TEST_F(NotificationHandler, ASubscriberThatIsGoneHoldsUpNobody) {
+TEST_F(NotificationHandler, AGoneSubscriberDoesNotAffectOthers) {
   mustPublish(one, "n", 1);
   mustSubscribe(other, "n");
   NotifyClient third(executor);
@@ -316,7 +316,7 @@ TEST_F(NotificationHandler, ASubscriberThatIsGoneHoldsUpNobody) {
   EXPECT_EQ(entry("n")->subscribers()->count(), 1u);
 }
 
-TEST_F(NotificationHandler, IsFreedOnceConnectionAndQueueHaveLetGo) {
+TEST_F(NotificationHandler, IsDestroyedOnceConnectionAndQueueRelease) {
   mustPublish(one, "n", 1);
   const std::weak_ptr<KLNNotificationHandler> handler = one.handler();
   const std::weak_ptr<xpc::Connection> connection = one.connection();

@@ -39,7 +39,7 @@ TEST_F(NotificationHandler, PublishWithoutDataSucceeds) {
   EXPECT_TRUE(entry("n")->data().isNull());
 }
 
-TEST_F(NotificationHandler, PublishingOnesOwnNameAgainIsRefused) {
+TEST_F(NotificationHandler, PublishingAnOwnNameAgainIsRefused) {
   mustPublish(one, "n", 1);
   const auto id = publish(one, "n", number(2));
   executor.runAll();
@@ -62,7 +62,7 @@ TEST_F(LoggedNotificationHandler, PublishingTheNameOfAnotherIsRefusedByTheRegist
   EXPECT_EQ(lines().size(), 1u);  // the request
 }
 
-TEST_F(NotificationHandler, AfterATakeOverTheTableHoldsThePlaceholder) {
+TEST_F(NotificationHandler, TakingOverPutsThePlaceholderIntoTheTable) {
   mustSubscribe(other, "n");
   const auto placeholder = entry("n");
   const auto id = publish(one, "n", number(1));
@@ -70,7 +70,7 @@ TEST_F(NotificationHandler, AfterATakeOverTheTableHoldsThePlaceholder) {
   EXPECT_FALSE(publishError(one, id));
   EXPECT_EQ(one.handler()->publishedItems().at("n"), placeholder);
   EXPECT_THAT(receivedBy(other), ElementsAre("update n {\"number\": 1}"));
-  // What it updates is what the others follow.
+  // Its updates reach the placeholder's subscribers.
   update(one, "n", number(2));
   executor.runAll();
   EXPECT_THAT(receivedBy(other),
@@ -184,7 +184,7 @@ TEST_F(NotificationHandler, APlaceholderWithoutDataSendsOneNullItem) {
   EXPECT_THAT(receivedBy(one), IsEmpty());
 }
 
-TEST_F(NotificationHandler, RepliesKeepTheOrderOfTheRequestsButImmediateOnesOvertake) {
+TEST_F(NotificationHandler, RepliesKeepTheOrderOfRequestsExceptImmediateOnes) {
   const auto first = publish(one, "n", number(1));
   const auto second = subscribe(one, "n");
   const auto atOnce = publish(one, nullptr, number(1));
@@ -196,7 +196,7 @@ TEST_F(NotificationHandler, RepliesKeepTheOrderOfTheRequestsButImmediateOnesOver
                           "reply " + std::to_string(third), "update n {\"number\": 2}"));
 }
 
-TEST_F(LoggedNotificationHandler, UnsubscribeDetachesAndForgets) {
+TEST_F(LoggedNotificationHandler, UnsubscribeDetachesTheSubscription) {
   mustPublish(one, "n", 1);
   mustSubscribe(other, "n");
   const auto subscription = other.handler()->subscriptions().at("n");
@@ -227,7 +227,7 @@ TEST_F(LoggedNotificationHandler, UnsubscribeFromAnUnknownNameIsOnlyLogged) {
   EXPECT_TRUE(service->published().empty());
 }
 
-TEST_F(LoggedNotificationHandler, UnsubscribeForgetsWhateverTheRegistryAnswers) {
+TEST_F(LoggedNotificationHandler, UnsubscribeIgnoresTheRegistrysAnswer) {
   mustSubscribe(one, "n");
   service->published().clear();
   unsubscribe(one, "n");
@@ -273,7 +273,7 @@ TEST_F(NotificationHandler, UpdateDoesNotAskTheRegistry) {
   EXPECT_EQ(item->data(), number(2));
 }
 
-TEST_F(LoggedNotificationHandler, RemoveDeletesAndForgets) {
+TEST_F(LoggedNotificationHandler, RemoveDeletesTheEntry) {
   mustPublish(one, "n", 1);
   const auto id = remove(one, "n");
   EXPECT_THAT(lines(), IsEmpty());
@@ -285,7 +285,7 @@ TEST_F(LoggedNotificationHandler, RemoveDeletesAndForgets) {
   mustPublish(other, "n", 1);
 }
 
-TEST_F(NotificationHandler, RemoveOfAFollowedItemTellsNobodyAndForgets) {
+TEST_F(NotificationHandler, RemoveOfAFollowedItemDeliversNothing) {
   mustPublish(one, "n", 1);
   mustSubscribe(other, "n");
   const auto id = remove(one, "n");

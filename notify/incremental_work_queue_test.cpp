@@ -16,7 +16,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class IncrementalWorkQueueTest : public ::testing::Test {
+class IncrementalWork : public ::testing::Test {
  protected:
   void add(const std::string& name, int sliceCount) {
     line->add([this, name, left = sliceCount]() mutable {
@@ -31,14 +31,14 @@ class IncrementalWorkQueueTest : public ::testing::Test {
   std::vector<std::string> done;
 };
 
-TEST_F(IncrementalWorkQueueTest, DoesNothingAtOnce) {
+TEST_F(IncrementalWork, IsQueuedNotRunAtOnce) {
   add("a", 1);
   EXPECT_THAT(done, IsEmpty());
   executor.runAll();
   EXPECT_THAT(done, ElementsAre("a"));
 }
 
-TEST_F(IncrementalWorkQueueTest, ATurnIsOneSliceHoweverMuchThereIs) {
+TEST_F(IncrementalWork, ATurnRunsOneStep) {
   add("a", 2);
   add("b", 1);
   executor.runOne();
@@ -50,7 +50,7 @@ TEST_F(IncrementalWorkQueueTest, ATurnIsOneSliceHoweverMuchThereIs) {
   EXPECT_EQ(executor.scheduledCount(), 0u);
 }
 
-TEST_F(IncrementalWorkQueueTest, OtherBlocksRunInBetween) {
+TEST_F(IncrementalWork, OtherBlocksRunBetweenSteps) {
   add("a", 2);
   executor.runOne();
   queue->async([this] { done.emplace_back("other"); });
@@ -58,7 +58,7 @@ TEST_F(IncrementalWorkQueueTest, OtherBlocksRunInBetween) {
   EXPECT_THAT(done, ElementsAre("a", "a", "other"));
 }
 
-TEST_F(IncrementalWorkQueueTest, ASliceMayAddWork) {
+TEST_F(IncrementalWork, AStepMayAddWork) {
   line->add([this] {
     add("b", 1);
     done.emplace_back("a");
@@ -68,14 +68,14 @@ TEST_F(IncrementalWorkQueueTest, ASliceMayAddWork) {
   EXPECT_THAT(done, ElementsAre("a", "b"));
 }
 
-TEST_F(IncrementalWorkQueueTest, GoesOnThoughNobodyElseHoldsIt) {
+TEST_F(IncrementalWork, ContinuesWithoutAnotherOwner) {
   add("a", 2);
   line.reset();
   executor.runAll();
   EXPECT_THAT(done, ElementsAre("a", "a"));
 }
 
-TEST_F(IncrementalWorkQueueTest, LetsGoOfWorkThatIsDone) {
+TEST_F(IncrementalWork, ReleasesFinishedWork) {
   const auto held = std::make_shared<int>(0);
   line->add([held, left = 2]() mutable { return --left > 0; });
   EXPECT_EQ(held.use_count(), 2);

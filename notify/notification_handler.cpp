@@ -69,7 +69,7 @@ Error exceptionError(std::string_view nameKey, const Name& name, const Exception
       })));
 }
 
-// The exception guard of a request: what `serve` raises is logged and becomes the request's error.
+// Guards a request: logs what `serve` throws and returns it as the request's error.
 template <class Serve>
 Error guarded(fmt::format_string<const Name&> text, std::string_view nameKey, const Name& name,
               Serve serve) {
@@ -84,7 +84,7 @@ Error guarded(fmt::format_string<const Name&> text, std::string_view nameKey, co
   }
 }
 
-// Subscribers that are told of the end of a publication in the time that a name takes.
+// Subscribers that the end of a publication visits in the time that one name takes.
 constexpr std::size_t kSubscribersPerName = 16;
 
 std::size_t weightOf(const KLNSubscriptionObject&) {
@@ -95,8 +95,8 @@ std::size_t weightOf(KLNPublishedObject& item) {
          (item.subscribers() != nullptr ? item.subscribers()->count() / kSubscribersPerName : 0);
 }
 
-// Tells what a client had, unless it is another's by now, that its connection is gone, and lets go
-// of it, until the slice is full.
+// Empties a client's table until the step's work is done, and notifies each object that its
+// connection is gone, unless another client owns it by now.
 template <class Table, class IsOwn>
 void endObjects(Table& table, std::size_t& done, IsOwn isOwn) {
   while (!table.empty() && done < KLNNotificationHandler::kCleanUpStep) {
@@ -144,14 +144,14 @@ Error KLNNotificationHandler::subscribe(KLNNotificationService& service, const N
   log.debug("NotificationHandler subscribing {} with {}", name, fmt::ptr(subscription.get()));
   Error error;
   if (!subscription || !service.subscribe(subscription, &error)) return error;
-  // Most clients follow one name or a few: no room is taken for a dozen.
+  // Most clients follow one name or a few, fewer than the default bucket count.
   if (subscriptions_.empty()) subscriptions_.reserve(1);
   subscriptions_[name] = subscription;
   return error;
 }
 
-// The connection lives until the work is done: were it gone by then, the registry could not find
-// its subscription, which would stay with the item for good.
+// The block keeps the connection alive: without it the registry could not find the subscription,
+// which would stay with the item for good.
 void KLNNotificationHandler::unsubscribeFrom(Name name) {
   log.debug("unsubscribeFrom {}", name);
   const Service& service = KLNNotificationService::defaultService();

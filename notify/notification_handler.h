@@ -17,11 +17,10 @@ namespace keel {
 class KLNNotificationService;
 struct UpdateBatch;
 
-// Serves one client of the notify service, and knows what this client published and follows.
-// Requests arrive on the connection's queue; what touches the registry or the tables here runs on
-// the registry's input queue, in the order of arrival, and so do the replies. Held by its
-// connection and by the work it has queued; it refers to the connection weakly. Made with
-// make_shared.
+// Serves one client of the notify service and records what this client publishes and follows.
+// Requests arrive on the connection's queue. Work on the registry or the tables here, and the
+// replies, run on the registry's input queue in order of arrival. Owned by its connection and by
+// the work it has queued; refers to the connection weakly. Created with make_shared.
 class KLNNotificationHandler final : public protocols::NotifyProxy,
                                      public std::enable_shared_from_this<KLNNotificationHandler> {
  public:
@@ -29,37 +28,36 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   using Subscriptions =
       std::unordered_map<Name, std::shared_ptr<KLNSubscriptionObject>, StringHash>;
 
-  // How many names of a client that is gone are dealt with in one slice; those with many
-  // subscribers count more.
+  // Names of a client that is gone that one step cleans up; those with many subscribers weigh more.
   static constexpr std::size_t kCleanUpStep = 32;
 
-  // The table of KLNAuthService answers; its reply comes on that service's strand.
+  // Answered by KLNAuthService, on its strand.
   void authCheckForUser(String user, std::int32_t andASID,
                         xpc::Reply<bool, Error> withHandler) override;
-  // A null name is answered at once. An exception is answered with code 13, whose user info holds
+  // Answers a null name at once, and an exception with code 13, whose user info holds
   // "subscriptionName", "exception" and "backtrace".
   void subscribeTo(Name name, std::uint64_t withFlags,
                    xpc::Reply<Dictionary, Error> andHandler) override;
-  // A name that is not followed is only logged.
+  // Only logs a name that is not followed.
   void unsubscribeFrom(Name name) override;
-  // A null name is answered at once. An exception is answered with code 13, whose user info holds
+  // Answers a null name at once, and an exception with code 13, whose user info holds
   // "publishName", "exception" and "backtrace".
   void publishItem(Dictionary item, Name name, std::uint64_t flags, std::int64_t value,
                    xpc::Reply<Error> withHandler) override;
   void updatePublishedItem(Dictionary item, Name name, xpc::Reply<Error> withHandler) override;
   void removePublishedItemForName(Name name, xpc::Reply<Error> withHandler) override;
-  // At once.
+  // Answers at once.
   void getModuleTableWithHandler(xpc::Reply<Dictionary> handler) override;
   void dumpNotification(Name name, bool withData, xpc::Reply<Array, Error> andHandler) override;
 
-  // The client sent something that cannot be decoded: logged, nothing changes.
+  // Logs that the client sent something undecodable; changes nothing.
   void connectionInterupted();
-  // The connection has ended: queues the end of its subscriptions, of which nobody hears, then of
-  // its publications, which become placeholders. Other requests may run in between, never in the
-  // middle of one name.
+  // Queues the clean-up of a connection that has ended: first its subscriptions, without any
+  // delivery, then its publications, which become placeholders. Other requests may run in between,
+  // never in the middle of one name.
   void connectionInvalidated();
 
-  // What those updates ask for, and their answers. On the input queue.
+  // Carries out and answers the updates of a batch. On the input queue.
   void update(UpdateBatch& batch);
 
   // Both on the input queue only.
@@ -76,7 +74,7 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   }
 
  private:
-  // What the requests do on the input queue; the error is the reply's.
+  // Carry out a request on the input queue. Return the error of its reply.
   Error subscribe(KLNNotificationService& service, const Name& name, std::uint64_t flags);
   void unsubscribe(KLNNotificationService& service, const Name& name);
   Error publish(KLNNotificationService& service, const Dictionary& item, const Name& name,

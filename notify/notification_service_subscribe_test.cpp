@@ -52,7 +52,7 @@ TEST_F(NotificationService, SubscribeToAnUnpublishedNameMakesAPlaceholderAndDeli
   EXPECT_EQ(executor.scheduledCount(), 0u);
   executor.runAll();
   EXPECT_THAT(subscriber.behavior->data, IsEmpty());
-  // Heard of as soon as it is published.
+  // Receives the data as soon as it is published.
   mustPublish("n", 1, other);
   EXPECT_THAT(subscriber.behavior->data, ElementsAre(number(1)));
 }
@@ -67,7 +67,7 @@ TEST_F(NotificationService, SubscribeToAPublishedNameQueuesTheData) {
   EXPECT_THAT(subscriber.behavior->data, ElementsAre(number(1)));
 }
 
-TEST_F(NotificationService, TheFirstDeliveryIsOfTheDataAsTheyStandThen) {
+TEST_F(NotificationService, TheFirstDeliveryHasTheDataOfItsTime) {
   const auto item = mustPublish("n", 1, one);
   RecordingSubscription subscriber("n", other.connection());
   service->subscribe(subscriber.subscription, nullptr);
@@ -140,7 +140,7 @@ TEST_F(NotificationService, AllIsAnOrdinaryNameHere) {
   EXPECT_THAT(subscriber.behavior->data, ElementsAre(number(2)));
 }
 
-TEST_F(NotificationService, SubscribeToAttachesWithoutAskingForDuplicates) {
+TEST_F(NotificationService, SubscribeToAttachesDuplicates) {
   const auto item = mustPublish("n", 1, one);
   other.connection()->setRemoteObjectInterface(
       xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
@@ -168,7 +168,7 @@ TEST_F(NotificationService, SubscribeToAnUnknownNameEntersAnItemThatRecordsNobod
   EXPECT_EQ(item->delegate(), nullptr);
   EXPECT_EQ(executor.scheduledCount(), 0u);
   EXPECT_FALSE(service->removeSubscriptionForName("n", one.connection(), nullptr));
-  // It is taken over like any placeholder, under the name of its entry.
+  // Can be taken over like any placeholder, under the name of its entry.
   EXPECT_EQ(mustPublish("n", 1, other), item);
   EXPECT_EQ(item->data(), number(1));
 }

@@ -20,8 +20,6 @@
 #include "tests/support/log_recorder.h"
 #include "tests/support/notify_client.h"
 
-// For the tests of this folder.
-
 namespace keel {
 
 using protocols::NotifyProxy;
@@ -47,9 +45,8 @@ inline Dictionary number(int value) {
   return Dictionary(Value::map({{"number", value}}));
 }
 
-// Returns when the clock shows another time than `date`, which it does after less than a
-// microsecond.
-inline void letTheClockPass(Date date) {
+// Returns once the clock shows another time than `date`, after less than a microsecond.
+inline void waitForClockAfter(Date date) {
   while (Date::now() == date) {
   }
 }
@@ -97,7 +94,7 @@ class ScriptedService final : public KLNNotificationService {
   }
 };
 
-// Stands in for a subscription's behaviour and notes what it is told.
+// Records the calls to a subscription's behaviour.
 class RecordingSubscriberBehavior final : public protocols::SubscriberBehavior {
  public:
   void updateWithData(const Dictionary& given) override { data.push_back(given); }
@@ -109,7 +106,7 @@ class RecordingSubscriberBehavior final : public protocols::SubscriberBehavior {
   int invalidCount = 0;
 };
 
-// A subscription whose news are recorded instead of sent.
+// A subscription that records its updates instead of sending them.
 struct RecordingSubscription {
   explicit RecordingSubscription(Name name,
                                  const std::shared_ptr<xpc::Connection>& connection = nullptr)
@@ -135,7 +132,7 @@ class NotifyTest : public ::testing::Test {
   // Recorded lines of the category notification.
   std::vector<LogLine> lines() const { return log.linesOf("notification"); }
 
-  // Requests of `client`, by their numbers.
+  // Send a request of `client` and return its id.
   static std::uint64_t publish(NotifyClient& client, Name name, Dictionary item,
                                std::uint64_t flags = 0, std::int64_t value = 0) {
     return client.request<&NotifyProxy::publishItem>(std::move(item), std::move(name), flags,

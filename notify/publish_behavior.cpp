@@ -13,7 +13,7 @@ namespace keel {
 
 namespace {
 
-// So many subscribers take as long as the blocks that share a date.
+// Serving more subscribers than this takes as long as the blocks that share a date.
 constexpr std::size_t kManySubscribers = 100;
 
 }  // namespace
@@ -30,7 +30,7 @@ void KLNPublishBehavior::updateWithData(Dictionary data) {
 void KLNPublishBehavior::updateWithBatch(std::span<const Dictionary> batch) {
   const auto item = published();
   if (!item) return;
-  // As much is done as by that many blocks.
+  // A batch does the work of that many blocks.
   BlockClock::age(batch.size());
   item->setData(batch.back());
   item->setLastUpdated(BlockClock::now());

@@ -6,7 +6,7 @@
 namespace keel {
 namespace {
 
-// Notes what an item forwards.
+// Records the calls that an item forwards.
 class RecordingPublishBehavior final : public protocols::PublishBehavior {
  public:
   void updateWithData(Dictionary given) override {
@@ -55,7 +55,7 @@ TEST(PublishedObject, WithANameItIsAPlaceholderWithoutAnything) {
   const Name name = "n";
   const auto item = KLNPublishedObject::initWithName(name);
   ASSERT_NE(item, nullptr);
-  // The very text, not a copy of it.
+  // The same text, not a copy.
   EXPECT_EQ(item->name().view().data(), name.view().data());
   EXPECT_EQ(item->delegate(), nullptr);
   EXPECT_TRUE(item->data().isNull());
@@ -122,7 +122,7 @@ TEST(PublishedObject, ForwardsEverythingToItsDelegate) {
   EXPECT_TRUE(item->subscribers()->empty());
 }
 
-TEST(PublishedObject, APlaceholderStoresDataWithoutDateAndWithoutTellingAnybody) {
+TEST(PublishedObject, APlaceholderStoresDataWithoutDateAndDeliveries) {
   const auto item = KLNPublishedObject::initWithName("n");
   const RecordingSubscription subscriber("n");
   item->addSubscriber(subscriber.subscription);
@@ -196,7 +196,7 @@ TEST(PublishedObject, HoldsItsBehaviorAndSubscribersButNotItsPublisher) {
   EXPECT_EQ(item->owner(), nullptr);
   EXPECT_FALSE(behavior.expired());
   EXPECT_FALSE(subscription.expired());
-  // Nothing that the item holds keeps it alive.
+  // Nothing that the item owns keeps it alive.
   const std::weak_ptr<KLNPublishedObject> watched = item;
   item = nullptr;
   EXPECT_TRUE(watched.expired());
@@ -258,13 +258,13 @@ TEST(PublishBehavior, DataAreStoredDatedAndPassedOnInOrder) {
   EXPECT_THAT(order, ElementsAre(1, 2, 3, -1, -2, -3));
 }
 
-TEST(PublishBehavior, EqualDataAreNewsWithANewDateEachTime) {
+TEST(PublishBehavior, EqualDataAreDeliveredAndDatedAnew) {
   const auto item = publishedItem();
   const RecordingSubscription subscriber("n");
   item->addSubscriber(subscriber.subscription);
   item->updateWithData(number(1));
   const Date first = item->lastUpdated().value();
-  letTheClockPass(first);
+  waitForClockAfter(first);
   item->updateWithData(number(1));
   EXPECT_GT(item->lastUpdated(), first);
   EXPECT_LE(item->lastUpdated(), Date::now());
@@ -281,7 +281,7 @@ TEST(PublishBehavior, SubscribersGetTheSameDataNotACopy) {
   EXPECT_EQ(item->data().buffer(), data.buffer());
 }
 
-TEST(PublishBehavior, NullDataAreNewsToo) {
+TEST(PublishBehavior, NullDataAreDelivered) {
   const auto item = publishedItem();
   const RecordingSubscription subscriber("n");
   item->addSubscriber(subscriber.subscription);
@@ -320,7 +320,7 @@ TEST(PublishBehavior, ALostPublisherSendsOneErrorToEachAndLeavesAPlaceholder) {
   EXPECT_TRUE(behavior.expired());
   EXPECT_EQ(item->data(), number(1));
   EXPECT_EQ(item->subscribers()->count(), 2u);
-  // Now it is a placeholder, to which nothing happens.
+  // A placeholder ignores it.
   item->connectionIsInvalid();
   EXPECT_EQ(one.behavior->errors.size(), 1u);
 }
@@ -332,7 +332,7 @@ TEST(PublishBehavior, RemoveWithoutSubscribersIsGrantedAndChangesNothing) {
   EXPECT_EQ(item->delegate(), behavior);
 }
 
-TEST(PublishBehavior, RemoveWithSubscribersLeavesAPlaceholderAndTellsNobody) {
+TEST(PublishBehavior, RemoveWithSubscribersLeavesAPlaceholderAndDeliversNothing) {
   const auto item = publishedItem();
   const RecordingSubscription subscriber("n");
   item->addSubscriber(subscriber.subscription);

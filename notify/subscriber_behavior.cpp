@@ -45,14 +45,14 @@ void SubscriberBehavior::deliver(Delivery& delivery) {
   }
 }
 
-// Once per subscriber and batch: does nothing that sending does not need.
+// Runs once per subscriber and batch: the hot path.
 void SubscriberBehavior::deliverData(Delivery& delivery) {
   KLNSubscriptionObject* const subscription = borrowedSubscriber();
   log.debug("updateWithData: {} behavior", nameOf(subscription));
   xpc::Connection* const connection =
       subscription != nullptr ? subscription->borrowedOwner() : nullptr;
   if (connection == nullptr) {
-    // Each update is an error of its own.
+    // One error per update.
     for (std::size_t i = 0; i < delivery.batch().size(); ++i)
       log.error("behavior updateWithData: connection is nil");
     return;

@@ -1,19 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// Members stand in a vector in the order of their adding; removing one leaves a hole, and the holes
-// are closed when they are as many as the members. A small set is searched member by member. A
-// large one has two indexes: from a member to its place, and from a connection to the place of its
-// last member.
 //
-// The second index is a shortcut, and the weak reference of each subscription to its owner stays
-// the truth:
-// - An owner may be gone and its address may belong to a new connection. So what the index finds is
-// compared with the weak
-//   reference itself. Nothing else needs to be looked at then: of all members that were ever
-//   indexed under one address, only those indexed last can have an owner that lives, since the
-//   earlier owners died before it was made.
-// - An owner may be replaced after the adding. KLNSubscriptionObject counts such changes, which
-// never happen to subscriptions
-//   of clients; when the count has moved, the index is made anew.
+// Members are in a vector in insertion order. Removing one leaves a hole, and the holes are closed
+// once they outnumber the members. A small set is searched linearly. A large one has two indexes:
+// from a member to its position, and from a connection to the position of its last member.
+//
+// The second index is a shortcut; each subscription's weak reference to its owner is authoritative:
+// - An owner may be gone and its address may belong to a new connection, so a hit is compared with
+//   the weak reference. Nothing else needs a look then: of all members ever indexed under one
+//   address, only those indexed last can have an owner that is alive, since the earlier owners died
+//   before it was created.
+// - An owner may be replaced after insertion. KLNSubscriptionObject counts such changes, which
+// never
+//   happen to subscriptions of clients; when the count has changed, the index is rebuilt.
 #include "notify/subscriber_set.h"
 
 #include <utility>
@@ -24,33 +22,33 @@ namespace keel {
 
 namespace {
 
-// Up to here a search costs less than keeping an index.
+// Up to this size a linear search costs less than an index.
 constexpr std::size_t kSearchedSlots = 16;
 
 }  // namespace
 
 void SubscriberSet::add(Subscription subscription) {
   if (!subscription || contains(subscription)) return;
-  const std::size_t place = slots_.size();
+  const std::size_t index = slots_.size();
   slots_.push_back({.subscription = std::move(subscription)});
   ++count_;
   if (indexed_) {
-    places_.emplace(slots_[place].subscription.get(), place);
-    indexOwnerAt(place);
+    indexes_.emplace(slots_[index].subscription.get(), index);
+    indexOwnerAt(index);
   } else if (slots_.size() > kSearchedSlots) {
-    index();
+    buildIndexes();
   }
 }
 
 void SubscriberSet::remove(const Subscription& subscription) {
-  const std::size_t place = placeOf(subscription.get());
-  if (place == kNowhere) return;
+  const std::size_t index = indexOf(subscription.get());
+  if (index == kNoIndex) return;
   if (indexed_) {
-    places_.erase(subscription.get());
-    unindexOwnerAt(place);
+    indexes_.erase(subscription.get());
+    unindexOwnerAt(index);
   }
-  // `subscription` may be the slot's own reference.
-  Subscription departing = std::move(slots_[place].subscription);
+  // `subscription` may refer to the slot's own reference.
+  Subscription departing = std::move(slots_[index].subscription);
   --count_;
   if (visitCount_ > 0) {
     departed_.push_back(std::move(departing));
@@ -71,9 +69,9 @@ SubscriberSet::Subscription SubscriberSet::lastOwnedBy(
   }
   if (ownersAreStale_ || ownerChangeCount_ != KLNSubscriptionObject::ownerChangeCount())
     indexOwners();
-  const auto found = lastPlacesByOwner_.find(connection.get());
-  if (found == lastPlacesByOwner_.end()) return nullptr;
-  const Subscription& last = slots_[found->second.place].subscription;
+  const auto found = lastIndexesByOwner_.find(connection.get());
+  if (found == lastIndexesByOwner_.end()) return nullptr;
+  const Subscription& last = slots_[found->second.index].subscription;
   return last->isOwnedBy(connection) ? last : nullptr;
 }
 
@@ -86,23 +84,23 @@ std::vector<SubscriberSet::Subscription> SubscriberSet::allObjects() const {
   return all;
 }
 
-std::size_t SubscriberSet::placeOf(const KLNSubscriptionObject* subscription) const {
-  if (subscription == nullptr) return kNowhere;
+std::size_t SubscriberSet::indexOf(const KLNSubscriptionObject* subscription) const {
+  if (subscription == nullptr) return kNoIndex;
   if (indexed_) {
-    const auto found = places_.find(subscription);
-    return found == places_.end() ? kNowhere : found->second;
+    const auto found = indexes_.find(subscription);
+    return found == indexes_.end() ? kNoIndex : found->second;
   }
-  for (std::size_t place = 0; place < slots_.size(); ++place) {
-    if (slots_[place].subscription.get() == subscription) return place;
+  for (std::size_t index = 0; index < slots_.size(); ++index) {
+    if (slots_[index].subscription.get() == subscription) return index;
   }
-  return kNowhere;
+  return kNoIndex;
 }
 
-void SubscriberSet::index() {
+void SubscriberSet::buildIndexes() {
   indexed_ = true;
-  places_.clear();
-  for (std::size_t place = 0; place < slots_.size(); ++place) {
-    if (slots_[place].subscription) places_.emplace(slots_[place].subscription.get(), place);
+  indexes_.clear();
+  for (std::size_t index = 0; index < slots_.size(); ++index) {
+    if (slots_[index].subscription) indexes_.emplace(slots_[index].subscription.get(), index);
   }
   indexOwners();
 }
@@ -110,34 +108,34 @@ void SubscriberSet::index() {
 void SubscriberSet::indexOwners() {
   ownersAreStale_ = false;
   ownerChangeCount_ = KLNSubscriptionObject::ownerChangeCount();
-  lastPlacesByOwner_.clear();
-  for (std::size_t place = 0; place < slots_.size(); ++place) {
-    if (slots_[place].subscription) indexOwnerAt(place);
+  lastIndexesByOwner_.clear();
+  for (std::size_t index = 0; index < slots_.size(); ++index) {
+    if (slots_[index].subscription) indexOwnerAt(index);
   }
 }
 
-void SubscriberSet::indexOwnerAt(std::size_t place) {
-  Slot& slot = slots_[place];
+void SubscriberSet::indexOwnerAt(std::size_t index) {
+  Slot& slot = slots_[index];
   slot.owner = slot.subscription->owner().get();
   if (slot.owner == nullptr) return;
-  const auto [known, isNew] = lastPlacesByOwner_.try_emplace(slot.owner, LastPlace{place, 1});
-  if (!isNew) known->second = {place, known->second.memberCount + 1};
+  const auto [known, isNew] = lastIndexesByOwner_.try_emplace(slot.owner, LastIndex{index, 1});
+  if (!isNew) known->second = {index, known->second.memberCount + 1};
 }
 
-void SubscriberSet::unindexOwnerAt(std::size_t place) {
-  const auto known = lastPlacesByOwner_.find(slots_[place].owner);
-  if (known == lastPlacesByOwner_.end()) return;
+void SubscriberSet::unindexOwnerAt(std::size_t index) {
+  const auto known = lastIndexesByOwner_.find(slots_[index].owner);
+  if (known == lastIndexesByOwner_.end()) return;
   if (--known->second.memberCount == 0) {
-    lastPlacesByOwner_.erase(known);
-  } else if (known->second.place == place) {
-    // Which of its other members is the last now, only a search can tell.
+    lastIndexesByOwner_.erase(known);
+  } else if (known->second.index == index) {
+    // Only a search finds the last of its other members.
     ownersAreStale_ = true;
   }
 }
 
 void SubscriberSet::endVisits() {
   closeHoles();
-  // Destroyed last, and outside the member: what a destruction does may come back here.
+  // Destroyed last, outside the member: destructors may call back into this set.
   const std::vector<Subscription> departed = std::exchange(departed_, {});
 }
 
@@ -147,10 +145,10 @@ void SubscriberSet::closeHoles() {
   if (holeCount <= kSearchedSlots || holeCount <= count_) return;
   std::erase_if(slots_, [](const Slot& slot) { return !slot.subscription; });
   slots_.shrink_to_fit();
-  if (slots_.size() > kSearchedSlots) return index();
+  if (slots_.size() > kSearchedSlots) return buildIndexes();
   indexed_ = false;
-  places_ = {};
-  lastPlacesByOwner_ = {};
+  indexes_ = {};
+  lastIndexesByOwner_ = {};
 }
 
 }  // namespace keel

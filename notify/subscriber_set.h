@@ -14,9 +14,8 @@ namespace xpc {
 class Connection;
 }
 
-// The subscriptions that follow one item, each at most once, enumerated in the order of their
-// adding. Lives on the notification input queue. Adding, removing and finding take the same time
-// for one member and for a hundred thousand.
+// The subscriptions of one item, without duplicates, enumerated in insertion order. Lives on the
+// notification input queue. Adding, removing and finding are O(1).
 class SubscriberSet {
  public:
   using Subscription = std::shared_ptr<KLNSubscriptionObject>;
@@ -25,33 +24,34 @@ class SubscriberSet {
   SubscriberSet(const SubscriberSet&) = delete;
   SubscriberSet& operator=(const SubscriberSet&) = delete;
 
-  // Nothing for null, or for a member.
+  // Ignores null and members.
   void add(Subscription subscription);
-  // Nothing for who is no member.
+  // Ignores non-members.
   void remove(const Subscription& subscription);
 
   std::size_t count() const { return count_; }
   bool empty() const { return count_ == 0; }
   bool contains(const Subscription& subscription) const {
-    return placeOf(subscription.get()) != kNowhere;
+    return indexOf(subscription.get()) != kNoIndex;
   }
-  // The last member in the order of enumeration whose owner is that very connection; null when
-  // there is none. A member whose owner is gone is nobody's, and null owns nothing.
+  // Returns the last member, in the order of enumeration, whose owner is that very connection, or
+  // null. A member whose owner is gone matches nothing, and neither does null.
   Subscription lastOwnedBy(const std::shared_ptr<xpc::Connection>& connection);
-  // A snapshot.
+  // Returns a snapshot.
   std::vector<Subscription> allObjects() const;
 
   // Calls visit(KLNSubscriptionObject&) for each member, without touching any reference count.
-  // Callees may add and remove members, and enumerate: who is added is not visited, who is removed
-  // is not visited any more but lives until the end of the visits.
+  // Callees may add and remove members, and enumerate: added members are not visited; removed ones
+  // are not visited either, but live until the end of the visits.
   template <class Visit>
   void forEach(Visit visit) {
     const Visiting visiting(*this);
     const std::size_t end = slots_.size();
-    for (std::size_t place = 0; place < end; ++place) {
-      // With many members most of the time would go into waiting for memory.
-      if (place + kAhead < end) __builtin_prefetch(slots_[place + kAhead].subscription.get());
-      if (KLNSubscriptionObject* const subscription = slots_[place].subscription.get())
+    for (std::size_t index = 0; index < end; ++index) {
+      // Each member is a cache miss.
+      if (index + kPrefetchDistance < end)
+        __builtin_prefetch(slots_[index + kPrefetchDistance].subscription.get());
+      if (KLNSubscriptionObject* const subscription = slots_[index].subscription.get())
         visit(*subscription);
     }
   }
@@ -59,10 +59,10 @@ class SubscriberSet {
  private:
   struct Slot {
     Subscription subscription;               // null: a hole, where a member was removed
-    const xpc::Connection* owner = nullptr;  // as lastPlacesByOwner_ knows it; never dereferenced
+    const xpc::Connection* owner = nullptr;  // its key in lastIndexesByOwner_; never dereferenced
   };
-  struct LastPlace {
-    std::size_t place;
+  struct LastIndex {
+    std::size_t index;
     std::size_t memberCount;  // with this owner
   };
   class Visiting {
@@ -78,28 +78,28 @@ class SubscriberSet {
     SubscriberSet& set_;
   };
 
-  static constexpr std::size_t kNowhere = SIZE_MAX;
-  static constexpr std::size_t kAhead = 4;
+  static constexpr std::size_t kNoIndex = SIZE_MAX;
+  static constexpr std::size_t kPrefetchDistance = 4;
 
-  std::size_t placeOf(const KLNSubscriptionObject* subscription) const;
-  void index();
+  std::size_t indexOf(const KLNSubscriptionObject* subscription) const;
+  void buildIndexes();
   void indexOwners();
-  void indexOwnerAt(std::size_t place);
-  void unindexOwnerAt(std::size_t place);
+  void indexOwnerAt(std::size_t index);
+  void unindexOwnerAt(std::size_t index);
   void endVisits();
   void closeHoles();
 
   std::vector<Slot> slots_;
   std::size_t count_ = 0;
-  std::size_t visitCount_ = 0;  // enumerations under way; holes stay where they are meanwhile
+  std::size_t visitCount_ = 0;          // enumerations in progress, during which holes stay open
   std::vector<Subscription> departed_;  // removed during an enumeration
 
-  // Kept once the set is too large to be searched member by member.
+  // Maintained once the set is too large for a linear search.
   bool indexed_ = false;
   bool ownersAreStale_ = false;
   std::uint64_t ownerChangeCount_ = 0;  // of KLNSubscriptionObject, when the owners were indexed
-  std::unordered_map<const KLNSubscriptionObject*, std::size_t> places_;
-  std::unordered_map<const xpc::Connection*, LastPlace> lastPlacesByOwner_;
+  std::unordered_map<const KLNSubscriptionObject*, std::size_t> indexes_;
+  std::unordered_map<const xpc::Connection*, LastIndex> lastIndexesByOwner_;
 };
 
 }  // namespace keel

@@ -103,21 +103,21 @@ TEST_P(SubscriberSetOfSize, CanBeEmptiedFromEitherEnd) {
   EXPECT_THAT(set.allObjects(), ElementsAre(members.back()));
 }
 
-TEST_P(SubscriberSetOfSize, ARemovedMemberIsLetGoAtOnce) {
+TEST_P(SubscriberSetOfSize, ARemovedMemberIsReleasedAtOnce) {
   const std::weak_ptr<KLNSubscriptionObject> watched = members.front();
   set.remove(members.front());
   members.front() = nullptr;
   EXPECT_TRUE(watched.expired());
 }
 
-TEST_P(SubscriberSetOfSize, AMemberCanBeRemovedThroughTheOnlyReferenceThereIs) {
+TEST_P(SubscriberSetOfSize, AMemberCanBeRemovedThroughItsOnlyReference) {
   const std::weak_ptr<KLNSubscriptionObject> watched = members.front();
   members.front() = nullptr;
   set.remove(set.allObjects().front());
   EXPECT_TRUE(watched.expired());
 }
 
-TEST_P(SubscriberSetOfSize, RemovingAStrangerChangesNothing) {
+TEST_P(SubscriberSetOfSize, RemovingANonMemberChangesNothing) {
   set.remove(subscriptionOf());
   set.remove(nullptr);
   EXPECT_EQ(set.allObjects(), members);
@@ -153,7 +153,7 @@ TEST_P(SubscriberSetOfSize, AGoneOwnerMatchesNothing) {
 }
 
 TEST_P(SubscriberSetOfSize, ANewConnectionAtTheAddressOfAGoneOneMatchesNothing) {
-  // Two lives of one address: references that count separately.
+  // Two objects that lived at one address, each with a reference count of its own.
   xpc::Connection* const address = connectionOf(0).get();
   std::shared_ptr<xpc::Connection> firstLife(std::make_shared<int>(), address);
   const std::shared_ptr<xpc::Connection> secondLife(std::make_shared<int>(), address);
@@ -174,7 +174,7 @@ TEST_P(SubscriberSetOfSize, ANewConnectionAtTheAddressOfAGoneOneMatchesNothing) 
   EXPECT_EQ(set.lastOwnedBy(secondLife), nullptr);
 }
 
-TEST_P(SubscriberSetOfSize, AMemberIsFoundUnderItsOwnerOfToday) {
+TEST_P(SubscriberSetOfSize, AMemberIsFoundUnderItsCurrentOwner) {
   FakeClient other(executor);
   members[0]->setOwner(other.connection());
   EXPECT_EQ(set.lastOwnedBy(connectionOf(0)), nullptr);
@@ -202,7 +202,7 @@ TEST_P(SubscriberSetOfSize, MembersRemovedDuringTheVisitsAreNotVisitedButLiveToT
   set.forEach([&](KLNSubscriptionObject& subscription) {
     seen.push_back(&subscription);
     if (seen.size() > 1) return;
-    // Itself, and one that is still to come.
+    // Itself, and one not visited yet.
     set.remove(members.front());
     set.remove(members.back());
     members.front() = nullptr;

@@ -54,7 +54,7 @@ void KLNSubscriptionObject::deliverData(Delivery& delivery) {
   if (delegate_) return delegate_->deliver(delivery);
   const auto connection = owner();
   if (!connection) {
-    // Each update is an error of its own.
+    // One error per update.
     for (std::size_t i = 0; i < delivery.batch().size(); ++i)
       log.error("updateWithData: connection is nil");
     return;

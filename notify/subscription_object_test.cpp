@@ -14,7 +14,7 @@ using ::testing::StartsWith;
 
 constexpr Date kPast{1.0};
 
-// A client that listens, and a subscription of it with or without a behaviour.
+// A client, and a subscription of it with or without a behaviour.
 class SubscriptionObject : public ::testing::Test {
  protected:
   explicit SubscriptionObject(LogLevel least = LogLevel::standard) : log(least) {
@@ -31,8 +31,8 @@ class SubscriptionObject : public ::testing::Test {
     return subscription;
   }
   void connect() { client.connection()->resume(); }
-  // A client that exports nothing: whatever is sent to it fails.
-  void connectDeaf() {
+  // Connects a client that exports nothing, so sending to it fails.
+  void connectWithoutExports() {
     client.exportSelectors({});
     connect();
   }
@@ -47,7 +47,7 @@ class SubscriptionObject : public ::testing::Test {
     EXPECT_EQ(update.error, error);
   }
 
-  // The one line written since, which begins and ends so and names a connection error between.
+  // Expects one line since, with that beginning and end and a connection error in between.
   void expectSendError(const std::string& beginning, const std::string& end = "") {
     EXPECT_THAT(
         log.take(),
@@ -138,7 +138,7 @@ TEST_F(LoggedSubscriptionObject, ForwardsEverythingToItsDelegate) {
   recording.subscription->updateWithError(Error("d", 8));
   recording.subscription->connectionIsInvalid();
   EXPECT_THAT(recording.behavior->data, ElementsAre(number(1)));
-  // Whether the error is dropped is the behaviour's business.
+  // Only the behaviour drops errors.
   EXPECT_THAT(recording.behavior->errors, ElementsAre(Error("d", 8)));
   EXPECT_EQ(recording.behavior->invalidCount, 1);
   EXPECT_FALSE(subscription.lastUpdated());
@@ -190,7 +190,7 @@ TEST_F(LoggedSubscriptionObject, AGoneClientIsLoggedAndNothingChanges) {
   EXPECT_THAT(log.take(), ElementsAre(debugLine("updateWithError: n"),
                                       errorLine("updateWithError: connection is nil")));
   EXPECT_EQ(subscription->lastUpdated(), kPast);
-  // A lost publisher is dropped before anybody looks for the client.
+  // errPublisherDisconnected is dropped before the client is looked up.
   subscription->updateWithError(Error("d", 8));
   EXPECT_THAT(
       log.take(),
@@ -200,7 +200,7 @@ TEST_F(LoggedSubscriptionObject, AGoneClientIsLoggedAndNothingChanges) {
 }
 
 TEST_F(LoggedSubscriptionObject, AFailureToSendIsLoggedLaterAndChangesNothing) {
-  connectDeaf();
+  connectWithoutExports();
   const auto item = KLNPublishedObject::initWithName("n");
   const auto subscription = plain("before");
   item->addSubscriber(subscription);
@@ -354,7 +354,7 @@ TEST_F(LoggedSubscriptionBehavior, AGoneSubscriptionCountsAsAGoneClient) {
 }
 
 TEST_F(SubscriptionBehavior, AFailureToSendIsLoggedLaterAndChangesNothing) {
-  connectDeaf();
+  connectWithoutExports();
   const auto item = KLNPublishedObject::initWithName("n");
   const auto subscription = withBehavior("before");
   item->addSubscriber(subscription);
@@ -377,8 +377,8 @@ TEST_F(SubscriptionBehavior, AFailureToSendIsLoggedLaterAndChangesNothing) {
   EXPECT_EQ(subscription->target(), item);
 }
 
-TEST_F(SubscriptionBehavior, AWaitingErrorHandlerHoldsTheSubscription) {
-  connectDeaf();
+TEST_F(SubscriptionBehavior, AQueuedErrorHandlerOwnsTheSubscription) {
+  connectWithoutExports();
   std::weak_ptr<KLNSubscriptionObject> watched;
   {
     const auto subscription = withBehavior();
@@ -390,7 +390,7 @@ TEST_F(SubscriptionBehavior, AWaitingErrorHandlerHoldsTheSubscription) {
   EXPECT_TRUE(watched.expired());
 }
 
-TEST_F(LoggedSubscriptionBehavior, LeavesItsItemOnceAndTellsTheClientNothing) {
+TEST_F(LoggedSubscriptionBehavior, LeavesItsItemOnceAndSendsNothing) {
   connect();
   const auto item = KLNPublishedObject::initWithName("n");
   const auto subscription = withBehavior();

@@ -14,13 +14,14 @@ namespace {
 
 Logger& log = _loggerForCategory("notification");
 
-// Many are in use at once when clients update several names in turn.
+// Many batches are in flight when clients alternate between names.
 constexpr std::size_t kIdleBatches = 512;
 
 // Upper bound of the envelope's size, excluding name and data.
 constexpr std::size_t kEnvelopeOverheadBytes = 32;
 
-// What one subscriber is sent for an update. A value in a memory file travels alone.
+// Upper bound of what one subscriber is sent for an update. A value in a memory file exceeds a
+// batch's bound.
 std::size_t sentBytes(const Name& name, const Dictionary& data) {
   const std::size_t dataBytes = data.buffer() ? data.buffer()->size() : 0;
   return dataBytes + name.view().size() + kEnvelopeOverheadBytes;
@@ -28,7 +29,7 @@ std::size_t sentBytes(const Name& name, const Dictionary& data) {
 
 }  // namespace
 
-// In its block. The queue may drop it without running it.
+// The block of a batch. The queue may drop it without running it.
 class UpdateCoalescer::QueuedBatch {
  public:
   QueuedBatch(std::shared_ptr<UpdateCoalescer> coalescer, std::unique_ptr<UpdateBatch> batch)
@@ -41,7 +42,7 @@ class UpdateCoalescer::QueuedBatch {
   }
 
   void operator()() {
-    // Nothing more can be added.
+    // A running batch accepts no more updates.
     if (coalescer_->last_ == batch_.get()) coalescer_->last_ = nullptr;
     batch_->handler->update(*batch_);
   }
@@ -69,12 +70,13 @@ void UpdateCoalescer::add(KLNNotificationHandler& handler, Name name, Dictionary
   last_->data.push_back(std::move(data));
   last_->replies.push_back(std::move(reply));
   last_->bytes += bytes;
-  if (begun) numberOfLast_ = inputQueue_->async(QueuedBatch(shared_from_this(), std::move(begun)));
+  if (begun)
+    lastBlockNumber_ = inputQueue_->async(QueuedBatch(shared_from_this(), std::move(begun)));
 }
 
 bool UpdateCoalescer::canJoin(const KLNNotificationHandler& handler, const Name& name,
                               std::size_t bytes) const {
-  return last_ != nullptr && inputQueue_->lastSequenceNumber() == numberOfLast_ &&
+  return last_ != nullptr && inputQueue_->lastSequenceNumber() == lastBlockNumber_ &&
          last_->handler.get() == &handler && last_->bytes + bytes <= xpc::limits::kBatchBytes &&
          last_->name == name && !log.enabled(LogLevel::debug);
 }

@@ -15,23 +15,23 @@ namespace keel {
 class KLNNotificationHandler;
 class SerialQueue;
 
-// One or more updates of one name that a client sent one behind the other. One block of the input
-// queue carries them all out, as if each had a block of its own.
+// A batch of one or more updates that a client pipelined to one name. One block of the input queue
+// carries them out, as if each had a block of its own.
 struct UpdateBatch {
   std::shared_ptr<KLNNotificationHandler> handler;
   Name name;
   std::vector<Dictionary> data;
-  std::vector<xpc::Reply<Error>> replies;  // one for each
+  std::vector<xpc::Reply<Error>> replies;  // one per update
   std::size_t bytes = 0;                   // upper bound of what one subscriber is sent
 };
 
 // Queues the updates of all clients. An update joins the batch that was queued last if that is of
-// the same client and name, has room, and nothing is queued behind it. This is the only place that
-// decides what travels together; all else handles a batch, be it of one. With debug logging a batch
-// holds one update, since the log has lines for each.
+// the same client and name, has room, and nothing is queued behind it. Only this class decides what
+// a batch holds; all other code handles batches of any length. At the debug level a batch holds one
+// update, since the log has lines for each.
 //
-// Held by whoever queues updates and by the blocks that it has queued. Lives on the thread of the
-// notification input queue.
+// Owned by NotificationWork and by the blocks it has queued. Lives on the notification input
+// queue's thread.
 class UpdateCoalescer : public std::enable_shared_from_this<UpdateCoalescer> {
  public:
   explicit UpdateCoalescer(std::shared_ptr<SerialQueue> inputQueue);
@@ -47,9 +47,9 @@ class UpdateCoalescer : public std::enable_shared_from_this<UpdateCoalescer> {
   void giveBack(std::unique_ptr<UpdateBatch> batch);
 
   const std::shared_ptr<SerialQueue> inputQueue_;
-  UpdateBatch* last_ = nullptr;     // null: nothing can be added to it any more
-  std::uint64_t numberOfLast_ = 0;  // among the queue's blocks
-  // Empty, with their memory.
+  UpdateBatch* last_ = nullptr;        // null: none accepts updates
+  std::uint64_t lastBlockNumber_ = 0;  // of the block that holds last_
+  // Empty batches, kept for their memory.
   std::vector<std::unique_ptr<UpdateBatch>> idle_;
 };
 

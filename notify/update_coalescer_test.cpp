@@ -21,10 +21,10 @@ class CoalescedUpdates : public NotificationHandler,
     mustPublish(one, "n", 0);
     mustSubscribe(other, "n");
     mustSubscribe(third, "n");
-    forgetAll();
+    clearAllRecords();
   }
-  void forgetAll() {
-    forget();
+  void clearAllRecords() {
+    clearRecords();
     third.take();
   }
   static bool formsBatches() { return GetParam() != LogLevel::debug; }
@@ -78,7 +78,7 @@ TEST_P(CoalescedUpdates, EqualDataDateItemAndSubscriptionsAnew) {
   // A batch of one, and a batch of two.
   for (const std::vector<int>& equal : {std::vector{1}, std::vector{1, 1}}) {
     const auto before = dates();
-    letTheClockPass(before.back().value());
+    waitForClockAfter(before.back().value());
     updateEach(equal);
     executor.runAll();
     for (std::size_t i = 0; i < before.size(); ++i) EXPECT_GT(dates()[i], before[i]) << i;
@@ -111,7 +111,7 @@ TEST_P(CoalescedUpdates, OfSeveralClientsAndNamesKeepTheirOrder) {
   mustPublish(one, "m", 0);
   mustPublish(other, "o", 0);
   for (const Name& name : {Name("m"), Name("o")}) mustSubscribe(third, name);
-  forgetAll();
+  clearAllRecords();
   update(one, "n", number(1));
   update(one, "m", number(2));
   update(other, "o", number(3));
@@ -127,7 +127,7 @@ TEST_P(CoalescedUpdates, OfSeveralClientsAndNamesKeepTheirOrder) {
 
 TEST_P(CoalescedUpdates, APublisherThatFollowsItselfReceivesEachBeforeItsReply) {
   mustSubscribe(one, "n");
-  forgetAll();
+  clearAllRecords();
   updateEach({1, 2});
   executor.runAll();
   EXPECT_THAT(receivedBy(one), ElementsAre("update n {\"number\": 1}", "reply 3",
@@ -186,7 +186,7 @@ TEST_P(CoalescedUpdates, ASubscriberIsCalledByItsOwnMethodIndexes) {
                    std::vector<std::string>{"getClientInfoViaHandler:",
                                             "updateSubscriptionFor:withItem:flags:error:"});
   mustSubscribe(old, "n");
-  forgetAll();
+  clearAllRecords();
   old.take();
   updateEach({1, 2});
   executor.runAll();
@@ -198,7 +198,7 @@ TEST_P(CoalescedUpdates, ASubscriberIsCalledByItsOwnMethodIndexes) {
 TEST_P(CoalescedUpdates, EachFailureToSendIsLogged) {
   NotifyClient deaf(executor, FakeClient::identity(14, 6), std::vector<std::string>());
   mustSubscribe(deaf, "n");
-  forgetAll();
+  clearAllRecords();
   updateEach({1, 2, 3});
   executor.runAll();
   EXPECT_EQ(errorCount("behavior updateWithData: (n) connection returned an error "), 3);
@@ -252,7 +252,7 @@ TEST_P(CoalescedUpdates, OfAnotherClientThanTheOwnerAreRefused) {
 TEST_P(CoalescedUpdates, TheNullNameIsNotTheEmptyName) {
   mustPublish(one, "", 0);
   mustSubscribe(third, "");
-  forgetAll();
+  clearAllRecords();
   update(one, "", number(1));
   const auto nameless = update(one, nullptr, number(2));
   update(one, "", number(3));
@@ -283,7 +283,7 @@ TEST_P(CoalescedUpdates, ALongNameLeavesRoomForOneUpdatePerBatch) {
   const std::string name(20'000, 'n');
   mustPublish(one, Name(name), 0);
   mustSubscribe(third, Name(name));
-  forgetAll();
+  clearAllRecords();
   const int sentBefore = third.sendCount();
   for (int i = 0; i < 6; ++i) update(one, Name(name), number(i));
   executor.runAll();
@@ -304,7 +304,7 @@ TEST_P(CoalescedUpdates, ABatchHoldsUpToItsBoundAndNotAByteMore) {
     EXPECT_THAT(numbersOf(third), ElementsAre(1, 2, 3, 4));
     const int batchCount = more == 0 ? 1 : 2;
     EXPECT_EQ(third.sendCount(), sentBefore + (formsBatches() ? batchCount : 4));
-    forgetAll();
+    clearAllRecords();
   }
 }
 

@@ -19,7 +19,7 @@ std::vector<std::string> selectorsOf() {
 }
 
 // The lists as clients see them: later versions may append, never change.
-TEST(Protocols, SelectorsKeepTheirPlaces) {
+TEST(Protocols, SelectorsKeepTheirIndexes) {
   EXPECT_EQ(selectorsOf<NotifyProxy>(),
             (std::vector<std::string>{
                 "authCheckForUser:andASID:withHandler:", "subscribeTo:withFlags:andHandler:",
