@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Tests cmake --install into a temporary folder. Called with the paths of cmake and the build folder."""
+"""Tests cmake --install into a temporary folder. Called with the paths of cmake and the build
+folder.
+"""
 
 import os
 import subprocess
@@ -40,19 +42,24 @@ class Install(unittest.TestCase):
         self.top = folder.name
 
     def install(self, *options):
-        subprocess.run([cmake, "--install", build, *options], env={**os.environ, "DESTDIR": self.top}, umask=0o022, check=True,
+        subprocess.run([cmake, "--install", build, *options],
+                       env={**os.environ, "DESTDIR": self.top}, umask=0o022, check=True,
                        stdout=subprocess.DEVNULL)
 
     def assertInstalledBelow(self, prefix):
-        expected = {f"{prefix}/{path}": source for path, source in BELOW_THE_PREFIX.items()} | AT_ONE_PLACE
-        found = [os.path.join(folder, name)[len(self.top):] for folder, _, names in os.walk(self.top) for name in names]
+        expected = {f"{prefix}/{path}": source
+                    for path, source in BELOW_THE_PREFIX.items()} | AT_ONE_PLACE
+        found = [os.path.join(folder, name)[len(self.top):]
+                 for folder, _, names in os.walk(self.top) for name in names]
         self.assertEqual(sorted(found), sorted(expected))
         for path, source in expected.items():
             with self.subTest(path=path):
                 mode = os.stat(self.top + path).st_mode & 0o7777
                 self.assertEqual(oct(mode), oct(0o644 if source else 0o755))
                 if source:
-                    original = text_of(os.path.join(SOURCES, source)).replace("/usr/sbin/keeld\n", f"{prefix}/sbin/keeld\n")
+                    original = text_of(os.path.join(SOURCES,
+                                                    source)).replace("/usr/sbin/keeld\n",
+                                                                     f"{prefix}/sbin/keeld\n")
                     self.assertEqual(text_of(self.top + path), original)
 
     def test_installs_every_file_at_its_path(self):

@@ -1,12 +1,15 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What is measured: the cases in which all systems are compared, and the series that show how keeld's cost grows."""
+"""What is measured: the cases in which all systems are compared, and the series that show how
+keeld's cost grows.
+"""
 
 from dataclasses import dataclass, field
 
 
 @dataclass
 class Figure:
-    """One figure of a case. `goal` is a ratio to the relay, or with `absolute` a value of its own."""
+    """One figure of a case. `goal` is a ratio to the relay, or with `absolute` a value of its own.
+    """
 
     key: str
     title: str
@@ -41,7 +44,8 @@ def rate(goal):
 
 
 def cost(goal=None):
-    return Figure("daemon_us_per_delivery", "processor time of the daemon for a delivery", "µs", 1, goal, goal is not None, False)
+    return Figure("daemon_us_per_delivery", "processor time of the daemon for a delivery", "µs", 1,
+                  goal, goal is not None, False)
 
 
 def options(**given):
@@ -49,11 +53,16 @@ def options(**given):
 
 
 CASES = [
-    Case("pipeline", "1 → 1, 128 B, 256 outstanding", [rate(0.80), cost()], options(outstanding=256)),
-    Case("deep-pipeline", "1 → 1, 128 B, 4096 outstanding", [rate(0.30), cost()], options(outstanding=4096)),
-    Case("pages", "1 → 1, 4 KiB, 256 outstanding", [rate(0.60), cost()], options(outstanding=256, payload=4096)),
-    Case("hundred", "1 → 100, 128 B, 256 outstanding", [rate(0.50), cost(0.06)], options(outstanding=256, subscribers=100)),
-    Case("thousand", "1 → 1000, 128 B, 256 outstanding", [rate(0.50), cost(0.06)], options(outstanding=256, subscribers=1000)),
+    Case("pipeline", "1 → 1, 128 B, 256 outstanding", [rate(0.80), cost()],
+         options(outstanding=256)),
+    Case("deep-pipeline", "1 → 1, 128 B, 4096 outstanding", [rate(0.30), cost()],
+         options(outstanding=4096)),
+    Case("pages", "1 → 1, 4 KiB, 256 outstanding", [rate(0.60), cost()],
+         options(outstanding=256, payload=4096)),
+    Case("hundred", "1 → 100, 128 B, 256 outstanding", [rate(0.50), cost(0.06)],
+         options(outstanding=256, subscribers=100)),
+    Case("thousand", "1 → 1000, 128 B, 256 outstanding", [rate(0.50), cost(0.06)],
+         options(outstanding=256, subscribers=1000)),
     Case(
         "hundred-pages",
         "1 → 100, 4 KiB, 256 outstanding",
@@ -81,7 +90,8 @@ CASES = [
         "1 → 1000, 128 B, one outstanding",
         [
             rate(0.90),
-            Figure("answer_p50_us", "median time to the publisher's answer", "µs", 1, 0.25, more_is_better=False),
+            Figure("answer_p50_us", "median time to the publisher's answer", "µs", 1, 0.25,
+                   more_is_better=False),
         ],
         options(outstanding=1, subscribers=1000),
     ),
@@ -90,7 +100,8 @@ CASES = [
         "8000 clients connect and subscribe, and stay",
         [
             Figure("arrivals_per_s", "arrivals", "per s", 1, 22000, absolute=True),
-            Figure("resident_bytes_per_subscriber", "resident memory for each", "B", 1, 1024, absolute=True, more_is_better=False),
+            Figure("resident_bytes_per_subscriber", "resident memory for each", "B", 1, 1024,
+                   absolute=True, more_is_better=False),
         ],
         options(count=8000),
         measurement="arrivals",
@@ -129,11 +140,14 @@ class Series:
 
 
 TOOK = Figure("took_ms", "time until it was there", "ms", more_is_better=False)
-HOLD_UP = Figure("longest_hold_up_ms", "longest wait of another client meanwhile", "ms", more_is_better=False)
+HOLD_UP = Figure("longest_hold_up_ms", "longest wait of another client meanwhile", "ms",
+                 more_is_better=False)
 QUIET = Figure("longest_quiet_ms", "longest wait in a quiet second", "ms", more_is_better=False)
 SPENT = Figure("daemon_ms", "processor time of the daemon", "ms", more_is_better=False)
-PUBLISH_COST = Figure("daemon_us_per_publish", "processor time for a publish", "µs", more_is_better=False)
-MEMORY = Figure("resident_bytes", "resident memory of the daemon", "MiB", 1 / (1 << 20), more_is_better=False)
+PUBLISH_COST = Figure("daemon_us_per_publish", "processor time for a publish", "µs",
+                      more_is_better=False)
+MEMORY = Figure("resident_bytes", "resident memory of the daemon", "MiB", 1 / (1 << 20),
+                more_is_better=False)
 
 SERIES = [
     Series(

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Measures keeld beside other systems and prints the figures. Run by scripts/bench on a private host: everything that it
-starts, it ends."""
+"""Measures keeld beside other systems and prints the figures. Run by scripts/bench on a private
+host: everything that it starts, it ends.
+"""
 
 import argparse
 import json
@@ -17,14 +18,19 @@ from spread import Spread, number, ratios
 
 def arguments():
     names = [case.name for case in CASES + SERIES]
-    parser = argparse.ArgumentParser(prog="bench", description="Measures keeld beside other systems.")
+    parser = argparse.ArgumentParser(prog="bench",
+                                     description="Measures keeld beside other systems.")
     parser.add_argument("--build", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--revision", default="", help=argparse.SUPPRESS)
     parser.add_argument("--figures", type=int, help=argparse.SUPPRESS)  # a descriptor
-    parser.add_argument("--rounds", type=int, default=5, help="how often everything is measured (5)")
-    parser.add_argument("--quick", action="store_true", help="one short round, to see that it works")
-    parser.add_argument("--systems", default=",".join(systems.ALL), help="only these, separated by commas")
-    parser.add_argument("cases", nargs="*", metavar="CASE", help=f"only these of: {', '.join(names)}")
+    parser.add_argument("--rounds", type=int, default=5,
+                        help="how often everything is measured (5)")
+    parser.add_argument("--quick", action="store_true",
+                        help="one short round, to see that it works")
+    parser.add_argument("--systems", default=",".join(systems.ALL),
+                        help="only these, separated by commas")
+    parser.add_argument("cases", nargs="*", metavar="CASE",
+                        help=f"only these of: {', '.join(names)}")
     given = parser.parse_args()
     unknown = set(given.cases) - set(names)
     if unknown:
@@ -49,7 +55,8 @@ def measure_round(given, measurements, cases, series):
 
 def show(label, case, result):
     if result is not None:
-        figures = (f"{figure.title} {number(result[figure.key] * figure.scale)} {figure.unit}" for figure in case.figures)
+        figures = (f"{figure.title} {number(result[figure.key] * figure.scale)} {figure.unit}"
+                   for figure in case.figures)
         print(f"  {label}: {'; '.join(figures)}", flush=True)
 
 
@@ -62,7 +69,8 @@ def show_summary(given, measurements, cases):
             for name in given.systems.split(","):
                 values = measurements.of(case.name, name, figure)
                 ratio = ratios(values, relay)
-                print(f"  {name:10} {Spread(values).text():>30}   {number(ratio.median) if ratio else '–'}")
+                print(
+                    f"  {name:10} {Spread(values).text():>30}   {number(ratio.median) if ratio else '–'}")
 
 
 def main():
@@ -80,13 +88,16 @@ def main():
     loads = []
     for turn in range(given.rounds):
         loads.append(number(load_average()))
-        print(f"\n== round {turn + 1} of {given.rounds}, load average {load_average():.2f} ==", flush=True)
+        print(f"\n== round {turn + 1} of {given.rounds}, load average {load_average():.2f} ==",
+              flush=True)
         measure_round(given, measurements, cases, series)
     facts["load average before each round"] = ", ".join(loads)
     show_summary(given, measurements, cases)
     if given.figures:
-        is_whole = not (chosen or given.quick) and given.rounds >= 5 and given.systems == ",".join(systems.ALL)
-        everything = {"is_whole": is_whole, "facts": facts, "rounds": measurements.rounds, "failures": measurements.failures}
+        is_whole = not (chosen or given.quick) and given.rounds >= 5 and given.systems == ",".join(
+            systems.ALL)
+        everything = {"is_whole": is_whole, "facts": facts, "rounds": measurements.rounds,
+                      "failures": measurements.failures}
         with open(given.figures, "w") as file:
             json.dump(everything, file, indent=1)
             file.write("\n")

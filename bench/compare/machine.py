@@ -21,7 +21,8 @@ def describe(build, revision):
     """Facts by name, for the page."""
     with open("/etc/os-release") as file:
         release = dict(line.strip().split("=", 1) for line in file if "=" in line)
-    compiler = subprocess.run(["g++", "--version"], capture_output=True, text=True, check=False).stdout.split("\n")[0]
+    compiler = subprocess.run(["g++", "--version"], capture_output=True, text=True,
+                              check=False).stdout.split("\n")[0]
     virtual = "hypervisor" in value_of("/proc/cpuinfo", "flags")
     facts = {
         "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),

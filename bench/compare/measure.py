@@ -14,7 +14,9 @@ PATIENCE_SECONDS = 180
 
 
 class Measurements:
-    """Figures by case, system (or count) and round: `of(case, key, figure)` lists the rounds, None where one failed."""
+    """Figures by case, system (or count) and round: `of(case, key, figure)` lists the rounds, None
+    where one failed.
+    """
 
     def __init__(self, build, seconds_scale):
         self.build = build
@@ -27,7 +29,8 @@ class Measurements:
         result = None
         folder = tempfile.mkdtemp(prefix="keel-bench-")
         try:
-            with systems.ALL[system_name](self.build, folder, one_processor=one_processor) as system:
+            with systems.ALL[system_name](self.build, folder,
+                                          one_processor=one_processor) as system:
                 result = self._load(case, system, options)
         except (RuntimeError, OSError, subprocess.SubprocessError) as error:
             self.failures[f"{case.name} {key}"] = str(error)
@@ -49,7 +52,8 @@ class Measurements:
         ]
         if case.measurement == "fan-out":
             command += ["--seconds", str(case.seconds * self.seconds_scale)]
-        done = subprocess.run(command, capture_output=True, text=True, timeout=PATIENCE_SECONDS, check=False)
+        done = subprocess.run(command, capture_output=True, text=True, timeout=PATIENCE_SECONDS,
+                              check=False)
         if done.returncode != 0:
             raise RuntimeError(done.stderr.strip() or f"the load ended with {done.returncode}")
         return json.loads(done.stdout)

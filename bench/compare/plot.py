@@ -28,7 +28,8 @@ class Drawing:
         )
 
     def bar(self, x, y, width, height, colour):
-        self.parts.append(f'<rect x="{x:.1f}" y="{y:.1f}" width="{max(width, 0.5):.1f}" height="{height}" fill="{colour}"/>')
+        self.parts.append(
+            f'<rect x="{x:.1f}" y="{y:.1f}" width="{max(width, 0.5):.1f}" height="{height}" fill="{colour}"/>')
 
     def line(self, x1, y1, x2, y2, colour, width=1.0):
         self.parts.append(
@@ -44,7 +45,9 @@ class Drawing:
 
 
 def panels(path, groups):
-    """One panel of bars for each (title, unit, [(system, title, Spread)]). Whiskers reach from minimum to maximum."""
+    """One panel of bars for each (title, unit, [(system, title, Spread)]). Whiskers reach from
+    minimum to maximum.
+    """
     columns, width, row, head = 2, 470, 18, 34
     height = max(len(bars) for _, _, bars in groups) * row + head + 14
     drawing = Drawing(columns * width, math.ceil(len(groups) / columns) * height + 10)
@@ -61,8 +64,10 @@ def panels(path, groups):
                 drawing.text(start + 4, y + 11, "failed", colour=QUIET_INK)
                 continue
             drawing.bar(start, y, space * spread.median / longest, 13, COLOURS.get(system, OTHERS))
-            drawing.line(start + space * spread.lowest / longest, y + 6.5, start + space * spread.highest / longest, y + 6.5, INK)
-            drawing.text(start + space * spread.highest / longest + 6, y + 11, number(spread.median))
+            drawing.line(start + space * spread.lowest / longest, y + 6.5,
+                         start + space * spread.highest / longest, y + 6.5, INK)
+            drawing.text(start + space * spread.highest / longest + 6, y + 11,
+                         number(spread.median))
     drawing.save(path)
 
 
@@ -72,7 +77,8 @@ class Axis:
     def __init__(self, values, start, end, logarithmic):
         self.logarithmic, self.start, self.end = logarithmic, start, end
         if logarithmic:
-            self.low, self.high = (math.floor(math.log10(min(values))), math.ceil(math.log10(max(values))))
+            self.low, self.high = (math.floor(math.log10(min(values))),
+                                   math.ceil(math.log10(max(values))))
             self.high = max(self.high, self.low + 1)
             self.ticks = [10.0**power for power in range(self.low, self.high + 1)]
         else:
@@ -91,7 +97,8 @@ def growth(path, title, along, lines):
     drawing = Drawing(width, height)
     drawing.text(16, 22, title, weight="600")
     counts = [count for _, points in lines for count, _ in points]
-    values = [value for _, points in lines for _, spread in points for value in (spread.lowest, spread.highest) if value > 0]
+    values = [value for _, points in lines for _, spread in points
+              for value in (spread.lowest, spread.highest) if value > 0]
     if not values:
         return
     across = Axis(counts, 70, width - 30, logarithmic=True)
@@ -106,7 +113,8 @@ def growth(path, title, along, lines):
         colour = LINES[order % len(LINES)]
         drawing.point(74, 38 + 16 * order, colour)
         drawing.text(84, 42 + 16 * order, name)
-        shown = [(across.place(count), spread) for count, spread in points if spread and spread.lowest > 0]
+        shown = [(across.place(count), spread) for count, spread in points if spread
+                 and spread.lowest > 0]
         for (x1, first), (x2, second) in zip(shown, shown[1:]):
             drawing.line(x1, up.place(first.median), x2, up.place(second.median), colour, 2)
         for x, spread in shown:

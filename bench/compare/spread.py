@@ -47,4 +47,5 @@ def number(value):
 
 def ratios(values, references):
     """Round by round, since what disturbs a round disturbs all systems in it."""
-    return Spread([value / reference for value, reference in zip(values, references) if value is not None and reference])
+    return Spread([value / reference for value, reference in zip(values, references)
+                   if value is not None and reference])

@@ -1,5 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The systems that are compared: how each one is started, without persistence, in a folder of its own."""
+"""The systems that are compared: how each one is started, without persistence, in a folder of its
+own.
+"""
 
 import os
 import signal
@@ -42,7 +44,8 @@ class System:
 
     def __enter__(self):
         with open(os.path.join(self.folder, "output"), "w") as output:
-            self.process = subprocess.Popen(self.prefix + self.command(), stdout=output, stderr=output, cwd=self.folder)
+            self.process = subprocess.Popen(self.prefix + self.command(), stdout=output,
+                                            stderr=output, cwd=self.folder)
         try:
             self.await_listening()
         except BaseException:
@@ -156,7 +159,8 @@ class Zeromq(System):
         self.publishers = os.path.join(self.folder, "publishers")
 
     def command(self):
-        return [f"{self.build}/bench/zeromq/keel-zeromq-proxy", f"ipc://{self.publishers}", f"ipc://{self.address}"]
+        return [f"{self.build}/bench/zeromq/keel-zeromq-proxy", f"ipc://{self.publishers}",
+                f"ipc://{self.address}"]
 
     def load_options(self):
         return ["--publishers", self.publishers]

@@ -8,9 +8,11 @@ import sysconfig
 
 import keel_host
 from keel_accounts import change_group, install_service, password_of
-from keel_auth import ALICE, AuthClient, AuthTest, answer_to, basic, parameters_of, set_digest_password
+from keel_auth import (ALICE, AuthClient, AuthTest, answer_to, basic, parameters_of,
+                       set_digest_password)
 
-NSS_MODULE, PAM_MODULE = ([argument for argument in sys.argv[1:] if argument.endswith(".so")] + ["", ""])[:2]
+NSS_MODULE, PAM_MODULE = ([argument for argument in sys.argv[1:] if argument.endswith(".so")]
+                          + ["", ""])[:2]
 ALIASES = "/etc/keel-aliases"
 SWITCH = "/etc/nsswitch.conf"
 # The alias, and the account's own name.
@@ -20,7 +22,9 @@ UNIX = "auth required pam_unix.so\naccount required pam_unix.so\n"
 
 
 def switch(shadow="files keeltest"):
-    """Has the accounts' names looked up in the aliases, too; and their passwords, unless told otherwise."""
+    """Has the accounts' names looked up in the aliases, too; and their passwords, unless told
+    otherwise.
+    """
     with open(SWITCH, "w") as file:
         file.write(f"passwd: files keeltest\nshadow: {shadow}\ngroup: files\n")
 
@@ -41,9 +45,12 @@ class Aliases(AuthTest):
         self.auth_client = self.other.client(maker=AuthClient)
 
     def assertRecorded(self, *names):
-        """Of the aliases and the accounts' own names these, and no others, are recorded in the session."""
+        """Of the aliases and the accounts' own names these, and no others, are recorded in the
+        session.
+        """
         asker = self.client()
-        known = [name for name in (*NAMES, *NAMES.values()) if asker.auth_check(name, self.other.session)[0]]
+        known = [name for name in (*NAMES, *NAMES.values())
+                 if asker.auth_check(name, self.other.session)[0]]
         self.assertEqual(known, list(names))
 
     def digest(self, user, password):
@@ -71,7 +78,8 @@ class Aliases(AuthTest):
 
     def test_answers_to_challenges_name_them_too(self):
         _, auth_id, _ = self.auth_client.start_basic()
-        self.assertEqual(self.auth_client.validate(basic(ALIAS, password_of("alice")), auth_id)[1:], [ALIAS, None])
+        self.assertEqual(self.auth_client.validate(basic(ALIAS, password_of("alice")), auth_id)[1:],
+                         [ALIAS, None])
         self.assertRecorded(ALIAS)
         _, auth_id, _ = self.auth_client.start_basic()
         user, error = self.auth_client.validate(basic(BOBS_ALIAS, password_of("bob")), auth_id)[1:]

@@ -1,13 +1,16 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""The auth service under attack: nobody else waits for what an attacker does, and nothing of it stays."""
+"""The auth service under attack: nobody else waits for what an attacker does, and nothing of it
+stays.
+"""
 
 import re
 import signal
 
 import keel_host
 from keel_accounts import password_of
-from keel_auth import (ALICE, BOB, AuthClient, AuthTest, HeldUpPasswords, Polkit, answer_to, basic, own_form, parameters_of,
+from keel_auth import (ALICE, BOB, AuthClient, AuthTest, HeldUpPasswords, Polkit, answer_to, basic,
+                       own_form, parameters_of,
                        set_digest_password)
 from keel_client import REPLY, Code
 from keel_host import Bystanders
@@ -83,7 +86,8 @@ class Challenges(AuthTest):
         self.assertError(attacker.validate("nonsense", ids[0])[2], 6)
         attacker.close()
         self.daemon.wait_for_log(INVALIDATED)
-        # As many again, and again, find the memory of the first, or what of it is not free yet. Kept, it would be five times that.
+        # As many again, and again, find the memory of the first, or what of it is not free yet.
+        # Kept, it would be five times that.
         for number in range(2, 6):
             again = self.auth()
             self.open(again, CHALLENGES)
@@ -121,7 +125,8 @@ class Challenges(AuthTest):
         self.assertWorked(self.auth().start_digest()[2])
         self.assertWorked(self.process(ALICE).client(maker=AuthClient).start_digest()[2])
         self.assertWorked(attacker.do(probe))
-        # What leavers held is there again. Were it a single challenge less each time, there would soon be too few.
+        # What leavers held is there again. Were it a single challenge less each time, there would
+        # soon be too few.
         room, rounds = 30, 20
         self.assertEqual(attacker.do(answer_challenges, room), [5] * room)
         ended = self.daemon.times_logged(INVALIDATED, 1)
@@ -135,21 +140,26 @@ class Challenges(AuthTest):
 
 
 def open_challenges_until_refused():
-    """How many they are, and the code of the refusal. At the end one at a time: requests that wait take room, too."""
+    """How many they are, and the code of the refusal. At the end one at a time: requests that wait
+    take room, too.
+    """
     client = AuthClient()
     kept.append(client)
     opened = 0
     for together in (1000, 1):
         refused = False
         while not refused:
-            answers = [client.answer(number) for number in [client.request("authBasicStartWithHandler:") for _ in range(together)]]
+            answers = [client.answer(number) for number in [
+                client.request("authBasicStartWithHandler:") for _ in range(together)]]
             opened += sum(answer.kind == REPLY for answer in answers)
             refused = any(answer.kind != REPLY for answer in answers)
     return opened, answers[0].fields[2]
 
 
 def answer_challenges(count):
-    """Open ones of the process's first connection, with nonsense, which ends them; the codes of the errors."""
+    """Open ones of the process's first connection, with nonsense, which ends them; the codes of the
+    errors.
+    """
     client = kept[0]
     ids = [message.fields[2][1] for message in client.history if message.kind == REPLY][-count:]
     return [client.validate("nonsense", auth_id)[2].code for auth_id in ids]
@@ -170,7 +180,9 @@ def begin_answer(scheme, user, challenges=1):
         text, auth_id, error = client.start_basic() if scheme == "basic" else client.start_digest()
         assert error is None, error
     password = password_of(user)
-    answer = basic(user, password) if scheme == "basic" else answer_to(parameters_of(text.split("\n")[0]), user, password)
+    answer = basic(user,
+                   password) if scheme == "basic" else answer_to(parameters_of(text.split("\n")[0]),
+                                                                 user, password)
     client.request("authValidate:andID:withHandler:", answer, auth_id)
 
 
@@ -202,7 +214,8 @@ class HeldUpPolkit:
 
     def wait_until_held_up(self, count):
         self._asked += count
-        self._daemon.wait_for_log(re.compile("authenitcateForUser: auth request with authRef for .*"), self._asked)
+        self._daemon.wait_for_log(
+            re.compile("authenitcateForUser: auth request with authRef for .*"), self._asked)
 
     def __exit__(self, *_):
         self._polkit.signal(signal.SIGCONT)
@@ -217,11 +230,13 @@ class Leavers(AuthTest):
         steps = [
             lambda client: client.ask_password("alice", "wrong"),
             lambda client: client.ask_password("nobody-here", "wrong"),
-            lambda client: client.request("authenticateForUser:using:withHandler:", "alice", b"x" * 32),
+            lambda client: client.request("authenticateForUser:using:withHandler:", "alice",
+                                          b"x" * 32),
             lambda client: client.request("authGetDefaultRealm:"),
             lambda client: client.request("authDigestStartWithHandler:"),
             lambda client: client.validate("nonsense", client.start_basic()[1]),
-            lambda client: client.request("authValidate:andID:withHandler:", basic("alice", "wrong"), client.start_basic()[1]),
+            lambda client: client.request("authValidate:andID:withHandler:",
+                                          basic("alice", "wrong"), client.start_basic()[1]),
             lambda client: client.request("isAuthedASID:withHandler:", -1),
             lambda client: client.send_bytes(b"\x50\x00\x00\x00\x84\x01"),
             lambda client: None,
@@ -237,7 +252,8 @@ class Leavers(AuthTest):
         AuthClient(greet=False).close()
         self.daemon.wait_for_log(INVALIDATED, self.ROUNDS * len(steps) + 1)
         self.assertFalse(stays.is_authed(-1))
-        # Checks that were under way have ended with the invalidation behind them; so have their descriptors.
+        # Checks that were under way have ended with the invalidation behind them; so have their
+        # descriptors.
         self.assertEqual(self.daemon.descriptor_count(), descriptors)
 
     def test_while_their_password_is_checked_are_recorded_rightly(self):
@@ -258,8 +274,11 @@ class Leavers(AuthTest):
         self.assertFalse(stays.is_authed(-1))
 
     def leaving(self, held_up, *what, leave=OtherProcess.kill):
-        """alice and bob leave in the middle of something right, which `held_up` holds up; alice's session and bob's."""
-        users = {"alice": self.process(ALICE, new_session=True), "bob": self.process(BOB, new_session=True)}
+        """alice and bob leave in the middle of something right, which `held_up` holds up; alice's
+        session and bob's.
+        """
+        users = {"alice": self.process(ALICE, new_session=True),
+                 "bob": self.process(BOB, new_session=True)}
         sessions = [process.session for process in users.values()]
         descriptors = self.daemon.descriptor_count()
         with held_up as gate:
@@ -287,13 +306,15 @@ class Leavers(AuthTest):
     def test_while_their_digest_answer_is_checked_are_recorded_rightly(self):
         for user in ("alice", "bob"):
             set_digest_password(user, password_of(user))
-        self.assertRecorded(*self.leaving(HeldUpPasswords(question="account"), begin_answer, "digest"))
+        self.assertRecorded(*self.leaving(HeldUpPasswords(question="account"), begin_answer,
+                                          "digest"))
 
     def test_while_polkit_is_asked_are_recorded_rightly(self):
         polkit = Polkit().start()
         self.addCleanup(polkit.close)
         held_up = HeldUpPolkit(polkit, self.daemon)
-        self.assertRecorded(*self.leaving(held_up, begin_reference, leave=lambda process: process.do(close_all)))
+        self.assertRecorded(*self.leaving(held_up, begin_reference,
+                                          leave=lambda process: process.do(close_all)))
         # polkit cannot say anything of a process that is gone.
         for session in self.leaving(held_up, begin_reference):
             self.assertFalse(self.auth().is_authed(session))
@@ -318,7 +339,8 @@ class Floods(AuthTest):
 
     def test_of_references_are_all_refused(self):
         client = self.process(BOB).client(maker=AuthClient)
-        asked = [client.request("authenticateForUser:using:withHandler:", "alice", own_form()) for _ in range(500)]
+        asked = [client.request("authenticateForUser:using:withHandler:", "alice", own_form())
+                 for _ in range(500)]
         for number in asked:
             self.assertStatus(client.results(number)[0], -60002)
 

@@ -37,8 +37,10 @@ class KeelctlTest(AuthTest):
             os.close(write)
             descriptors, extra = [read], ["--password-fd", str(read)]
         try:
-            ended = subprocess.run([*as_user(uid), keel_host.keelctl, "auth", *arguments, *extra], pass_fds=descriptors,
-                                   capture_output=True, text=True, env=ENVIRONMENT, timeout=HANG_GUARD, check=False)
+            ended = subprocess.run([*as_user(uid), keel_host.keelctl, "auth", *arguments, *extra],
+                                   pass_fds=descriptors,
+                                   capture_output=True, text=True, env=ENVIRONMENT,
+                                   timeout=HANG_GUARD, check=False)
         finally:
             for descriptor in descriptors:
                 os.close(descriptor)
@@ -47,7 +49,8 @@ class KeelctlTest(AuthTest):
     def assertProved(self, result, user):
         status, output, told = result
         self.assertEqual((status, told), (OK, ""))
-        self.assertEqual(json.loads(output), {"user": user, "auditSession": self.session(), "authenticated": True})
+        self.assertEqual(json.loads(output),
+                         {"user": user, "auditSession": self.session(), "authenticated": True})
 
     def assertRefused(self, result, words, status=REFUSED):
         self.assertEqual(result[:2], (status, ""))
@@ -71,28 +74,37 @@ class Proofs(KeelctlTest):
         self.assertEqual(json.loads(self.auth_command("session")[1])["authenticated"], False)
         self.assertEqual(self.auth_command("session")[0], REFUSED)
         self.assertRefused(self.auth_command("password", "alice", password="wrong"), "(error 5)")
-        self.assertRefused(self.auth_command("password", "nobody-here", password=alices), "(error 5)")
-        self.assertRefused(self.auth_command("password", "bob", password=password_of("bob")), "not in the group admin (error 14)")
+        self.assertRefused(self.auth_command("password", "nobody-here", password=alices),
+                           "(error 5)")
+        self.assertRefused(self.auth_command("password", "bob", password=password_of("bob")),
+                           "not in the group admin (error 14)")
         self.assertProved(self.auth_command("password", "alice", password=alices), "alice")
         status, output, _ = self.auth_command("session")
-        self.assertEqual((status, json.loads(output)), (OK, {"auditSession": self.session(), "authenticated": True}))
+        self.assertEqual((status, json.loads(output)),
+                         (OK, {"auditSession": self.session(), "authenticated": True}))
         self.assertEqual(self.auth_command("session", "123456")[0], REFUSED)
-        checked = subprocess.run([keel_host.keelctl, "authcheck", "alice"], env=ENVIRONMENT, capture_output=True, check=False)
+        checked = subprocess.run([keel_host.keelctl, "authcheck", "alice"], env=ENVIRONMENT,
+                                 capture_output=True, check=False)
         self.assertEqual(checked.returncode, OK)
 
     def test_by_basic_challenge(self):
-        self.assertProved(self.auth_command("basic", "alice", password=password_of("alice")), "alice")
+        self.assertProved(self.auth_command("basic", "alice", password=password_of("alice")),
+                          "alice")
         self.assertRefused(self.auth_command("basic", "alice", password="wrong"), "(error 5)")
-        self.assertRefused(self.auth_command("basic", "bob", password=password_of("bob")), "(error 14)")
+        self.assertRefused(self.auth_command("basic", "bob", password=password_of("bob")),
+                           "(error 14)")
         self.assertRefused(self.auth_command("basic", "a:b", password="x"), ":", USAGE)
 
     def test_by_digest_challenge(self):
-        self.assertRefused(self.auth_command("digest", "alice", password="of the digest"), "(error 5)")
+        self.assertRefused(self.auth_command("digest", "alice", password="of the digest"),
+                           "(error 5)")
         for user in ("alice", "bob"):
-            subprocess.run([keel_host.keelctl, "digest", "set", user, "--password-fd", "0"], input=b"of the digest\n", check=True)
+            subprocess.run([keel_host.keelctl, "digest", "set", user, "--password-fd", "0"],
+                           input=b"of the digest\n", check=True)
         self.assertProved(self.auth_command("digest", "alice", password="of the digest"), "alice")
         self.assertRefused(self.auth_command("digest", "alice", password="wrong"), "(error 5)")
-        self.assertRefused(self.auth_command("digest", "bob", password="of the digest"), "(error 14)")
+        self.assertRefused(self.auth_command("digest", "bob", password="of the digest"),
+                           "(error 14)")
         self.assertRefused(self.auth_command("digest", "a:b", password="x"), ":", USAGE)
 
     def test_by_reference_of_root(self):
@@ -108,11 +120,14 @@ class Proofs(KeelctlTest):
         for scheme in ("password", "basic", "digest"):
             with self.subTest(scheme):
                 self.assertEqual(self.auth_command(scheme)[0], USAGE)
-                self.assertEqual(self.auth_command(scheme, "alice", "--password-fd", "-1")[0], USAGE)
-                self.assertEqual(self.auth_command(scheme, "alice", "--password-fd", "99")[0], USAGE)
+                self.assertEqual(self.auth_command(scheme, "alice", "--password-fd", "-1")[0],
+                                 USAGE)
+                self.assertEqual(self.auth_command(scheme, "alice", "--password-fd", "99")[0],
+                                 USAGE)
                 read, write = os.pipe()
                 os.close(write)
-                ended = subprocess.run([keel_host.keelctl, "auth", scheme, "alice", "--password-fd", str(read)], pass_fds=[read],
+                ended = subprocess.run([keel_host.keelctl, "auth", scheme, "alice", "--password-fd",
+                                        str(read)], pass_fds=[read],
                                        capture_output=True, text=True, env=ENVIRONMENT, check=False)
                 os.close(read)
                 self.assertEqual(ended.returncode, USAGE)
@@ -153,7 +168,9 @@ class Terminal:
         self._shown += data
 
     def type_unseen(self, line):
-        """Types a password once the terminal does not show it any more: what was typed before then is thrown away."""
+        """Types a password once the terminal does not show it any more: what was typed before then
+        is thrown away.
+        """
         while termios.tcgetattr(self._terminal)[3] & termios.ECHO:
             os.sched_yield()
         os.write(self._terminal, line.encode() + b"\n")
@@ -183,7 +200,8 @@ class Terminals(KeelctlTest):
 
     def test_people_are_told_in_words(self):
         shown, status = Terminal(self, "session", "77").end()
-        self.assertEqual((shown.strip(), status), ("no: in audit session 77 nobody was proved an administrator", REFUSED))
+        self.assertEqual((shown.strip(), status),
+                         ("no: in audit session 77 nobody was proved an administrator", REFUSED))
         self.assertEqual(Terminal(self, "check").end()[0].strip(), "the auth service is alive")
 
 

@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Authorization references: whose count, and what polkit has to say. With a real polkitd on a system bus."""
+"""Authorization references: whose count, and what polkit has to say. With a real polkitd on a
+system bus.
+"""
 
 import os
 import signal
@@ -78,6 +80,11 @@ class Forms(ReferenceTest):
         super().setUp()
         self.root = self.auth()
 
+    @staticmethod
+    def wrong_size(size):
+        return ("fault authenitcateForUser: authRefext is the wrong size "
+                f"(expected 32 got {size})")
+
     def test_of_this_very_process_counts(self):
         self.assertWorked(self.root.reference("alice", own_form()))
 
@@ -111,7 +118,8 @@ class Forms(ReferenceTest):
         self.assertStatus(bob.reference("alice", own_form()), INVALID_REFERENCE)
         # Nor does one of the same user count in another process.
         other = self.process()
-        self.assertStatus(other.client(maker=AuthClient).reference("alice", own_form()), INVALID_REFERENCE)
+        self.assertStatus(other.client(maker=AuthClient).reference("alice", own_form()),
+                          INVALID_REFERENCE)
 
     def test_stale_ones_are_refused_also_when_their_number_is_taken_again(self):
         old = self.process()
@@ -139,25 +147,26 @@ class Forms(ReferenceTest):
         expected = []
         for size in (0, 1, 8, 31, 0):
             asked, refused = self.refusal_lines("alice", UNPACK, INVALID_REFERENCE)
-            expected += [asked, f"fault authenitcateForUser: authRefext is the wrong size (expected 32 got {size})", refused]
+            expected += [asked, self.wrong_size(size), refused]
         self.assertLogged(*expected)
 
     def test_long_ones_are_a_fault_and_their_first_32_bytes_count(self):
         form = own_form()
         for size in (33, 64, 100_000):
             self.assertWorked(self.root.reference("alice", form.ljust(size, b"\0")))
-            self.assertStatus(self.root.reference("alice", form.rjust(size, b"\0")), INVALID_REFERENCE)
+            self.assertStatus(self.root.reference("alice", form.rjust(size, b"\0")),
+                              INVALID_REFERENCE)
         expected = []
         for size in (33, 64, 100_000):
             asked, refused = self.refusal_lines("alice", UNPACK, INVALID_REFERENCE)
-            wrong = f"fault authenitcateForUser: authRefext is the wrong size (expected 32 got {size})"
+            wrong = self.wrong_size(size)
             expected += [asked, wrong, asked, wrong, refused]
         self.assertLogged(*expected)
 
 
 def connect_and_leave(path):
-    """Connects to the auth service and leaves the connection to a child, which says on a socket at `path` what came of using the
-    reference of the process that has ended.
+    """Connects to the auth service and leaves the connection to a child, which says on a socket at
+    `path` what came of using the reference of the process that has ended.
     """
     client = AuthClient()
     form = own_form()
@@ -175,7 +184,9 @@ def connect_and_leave(path):
 
 
 class Ended(ReferenceTest):
-    """The process that connected has ended, and its number was given to another, while a child goes on with the connection."""
+    """The process that connected has ended, and its number was given to another, while a child goes
+    on with the connection.
+    """
 
     def test_its_rights_are_not_those_of_who_has_its_number_now(self):
         path = "/run/keel-test-told"
@@ -199,7 +210,8 @@ class Ended(ReferenceTest):
         told.sendall(b"!")
         # polkit finds that the process was replaced.
         self.assertEqual(int(told.recv(100)), INTERNAL)
-        self.daemon.wait_for_log(keel_auth.could_not_say(pid, ALICE, ".*replaced.*"), level="error", category="runtime")
+        self.daemon.wait_for_log(keel_auth.could_not_say(pid, ALICE, ".*replaced.*"), level="error",
+                                 category="runtime")
 
 
 class WithoutPolkit(ReferenceTest):
@@ -211,7 +223,8 @@ class WithoutPolkit(ReferenceTest):
             self.assertStatus(self.user(uid)[1].own_reference("alice"), DENIED)
 
     def test_also_where_there_is_a_bus(self):
-        keel_host.remove("/usr/share/dbus-1/system-services/org.freedesktop.PolicyKit1.service.away")
+        keel_host.remove(
+            "/usr/share/dbus-1/system-services/org.freedesktop.PolicyKit1.service.away")
         service = "/usr/share/dbus-1/system-services/org.freedesktop.PolicyKit1.service"
         os.rename(service, f"{service}.away")
         self.addCleanup(os.rename, f"{service}.away", service)
@@ -237,7 +250,9 @@ class WithoutThePolicy(ReferenceTest):
     def test_nobody_holds_the_right_and_the_log_says_why(self):
         process, client = self.user(ALICE)
         self.assertStatus(client.own_reference("alice"), INTERNAL)
-        self.daemon.wait_for_log(keel_auth.could_not_say(process.pid, ALICE, f"Action {RIGHT} is not registered"), level="error")
+        self.daemon.wait_for_log(keel_auth.could_not_say(process.pid, ALICE,
+                                                         f"Action {RIGHT} is not registered"),
+                                                         level="error")
 
 
 class TroubleTest(ReferenceTest):
@@ -252,7 +267,8 @@ class TroubleTest(ReferenceTest):
         self.assertEqual(status, INTERNAL)
         self.assertFalse(answered_first)
         self.assertFalse(quick.is_authed(process.session))
-        self.daemon.wait_for_log(keel_auth.could_not_say(process.pid, ALICE, "no answer in time"), level="error",
+        self.daemon.wait_for_log(keel_auth.could_not_say(process.pid, ALICE, "no answer in time"),
+                                 level="error",
                                  category="runtime")
         # Root does not depend on it.
         self.assertWorked(quick.own_reference("alice"))
@@ -283,7 +299,9 @@ class EndlessRule(TroubleTest):
 
 
 def ask_in_vain():
-    """The question for a right, and a probe behind it on the same connection: whether that was answered first, and the status."""
+    """The question for a right, and a probe behind it on the same connection: whether that was
+    answered first, and the status.
+    """
     client = AuthClient()
     asked = client.request("authenticateForUser:using:withHandler:", "alice", own_form())
     probe = client.request("authServiceCheckWithHandler:")

@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""No password is left in the daemon's memory once its attempt is over, nor in its log: the memory is searched."""
+"""No password is left in the daemon's memory once its attempt is over, nor in its log: the memory
+is searched.
+"""
 
 import base64
 import os
@@ -12,8 +14,8 @@ from keel_auth import AuthTest, basic, set_password
 from keel_client import REQUEST
 from keel_values import encode, framed
 
-# What stands in every password behind a text of its own. Repeated, since the first bytes of freed memory are used anew; and
-# with a period of 3, so that its base64 has one of 4.
+# What stands in every password behind a text of its own. Repeated, since the first bytes of freed
+# memory are used anew; and with a period of 3, so that its base64 has one of 4.
 TAIL = "Q7w" * 12
 TRACES = [tail.encode() * 2 for tail in ("Q7w", "UTd3", "N3dR", "d1E3")]
 # Found there, or the search is no search.
@@ -41,7 +43,8 @@ class Secrets(AuthTest):
     def assertLeftNowhere(self):
         control = self.client()
         self.assertWorked(control.publish({"text": CONTROL}, "control"))
-        subprocess.run(["gcore", "-o", "/tmp/core", str(self.daemon.pid)], check=True, stdout=subprocess.DEVNULL,
+        subprocess.run(["gcore", "-o", "/tmp/core", str(self.daemon.pid)], check=True,
+                       stdout=subprocess.DEVNULL,
                        stderr=subprocess.DEVNULL)
         name = f"/tmp/core.{self.daemon.pid}"
         with open(name, "rb") as file:
@@ -50,7 +53,8 @@ class Secrets(AuthTest):
         self.assertIn(CONTROL.encode(), core)
         self.assertEqual([trace for trace in self.secrets + TRACES if trace in core], [])
         for line in self.daemon.lines:
-            self.assertEqual([trace for trace in self.secrets + TRACES if trace in line.encode()], [])
+            self.assertEqual([trace for trace in self.secrets + TRACES if trace in line.encode()],
+                             [])
 
     def test_of_password_requests(self):
         client = self.auth()
@@ -81,7 +85,8 @@ class Secrets(AuthTest):
         client.failure(client.request("authServiceCheckWithHandler:", self.secret("too-many")))
         for size in (100, 5_000, 200_000):
             client.last_id += 1
-            whole = framed(encode([REQUEST, client.last_id, 1, ["alice", self.secret(f"in-parts-{size}") + "x" * size]]))
+            whole = framed(encode([REQUEST, client.last_id, 1,
+                                   ["alice", self.secret(f"in-parts-{size}") + "x" * size]]))
             for start in range(0, len(whole), size // 7):
                 client.send_bytes(whole[start : start + size // 7])
                 other = self.auth()
@@ -92,7 +97,8 @@ class Secrets(AuthTest):
 
     def test_of_clients_that_leave_in_the_middle(self):
         cut = self.auth()
-        cut.send_bytes(framed(encode([REQUEST, 1, 1, ["alice", self.secret("cut-off"), "more"]]))[:-3])
+        cut.send_bytes(
+            framed(encode([REQUEST, 1, 1, ["alice", self.secret("cut-off"), "more"]]))[:-3])
         cut.close()
         gone = self.auth()
         gone.ask_password("alice", self.secret("not-waited-for"))

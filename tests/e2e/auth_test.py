@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""The auth service against real accounts: passwords, sessions, challenges, texts, and where secrets are left."""
+"""The auth service against real accounts: passwords, sessions, challenges, texts, and where secrets
+are left.
+"""
 
 import keel_host
 from keel_accounts import change_group, password_of
@@ -65,9 +67,12 @@ class Passwords(AuthTest):
 
     def test_wrong_ones_are_refused_without_a_word(self):
         client = self.auth()
-        for user, password in (("alice", "wrong"), ("alice", ""), ("alice", ALICES + "\0"), ("alice", "x" * 5000),
-                               ("nobody-here", ALICES), ("", ""), ("ali\0ce", ALICES), ("bob", ALICES),
-                               (None, ALICES), ("alice", None), ("carol", password_of("carol")), ("dave", password_of("dave"))):
+        for user, password in (("alice", "wrong"), ("alice", ""), ("alice", ALICES + "\0"),
+                               ("alice", "x" * 5000),
+                               ("nobody-here", ALICES), ("", ""), ("ali\0ce", ALICES),
+                               ("bob", ALICES),
+                               (None, ALICES), ("alice", None), ("carol", password_of("carol")),
+                               ("dave", password_of("dave"))):
             with self.subTest(user=user, password=password):
                 self.assertFailed(client.password(user, password))
         self.assertFalse(client.is_authed(-1))
@@ -101,7 +106,8 @@ class Passwords(AuthTest):
             self.assertEqual(slow.results(first), [None])
             self.assertEqual(slow.results(behind), [None])
         # In the order of the requests.
-        self.assertEqual([message.fields[1] for message in slow.history if message.kind == REPLY], [first, behind])
+        self.assertEqual([message.fields[1] for message in slow.history if message.kind == REPLY],
+                         [first, behind])
 
 
 class Sessions(AuthTest):
@@ -157,7 +163,8 @@ class Sessions(AuthTest):
 class Challenges(AuthTest):
     def test_have_ids_of_their_own(self):
         client = self.auth()
-        ids = {client.start_basic()[1] for _ in range(200)} | {client.start_digest()[1] for _ in range(200)}
+        ids = {client.start_basic()[1] for _ in range(200)} | {client.start_digest()[1]
+                                                               for _ in range(200)}
         self.assertEqual(len(ids), 400)
         for auth_id in ids:
             self.assertRegex(auth_id, r"\Amyob-[a-zA-Z0-9]{32}\Z")
@@ -192,7 +199,8 @@ class Challenges(AuthTest):
 class Texts(AuthTest):
     def runtime_log(self):
         self.daemon.stop()
-        return [line.text for line in self.daemon.log if line.category == "runtime" and line.level == "debug"]
+        return [line.text for line in self.daemon.log if line.category == "runtime"
+                and line.level == "debug"]
 
     def test_of_a_connection(self):
         other = self.process(ALICE, new_session=True)

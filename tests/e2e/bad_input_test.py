@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""What clients must not send: each gets the failure or the goodbye that the protocol names, and nobody else notices."""
+"""What clients must not send: each gets the failure or the goodbye that the protocol names, and
+nobody else notices.
+"""
 
 import re
 import struct
@@ -34,7 +36,9 @@ class Messages(BadInputTest):
         self.sender = self.client()
 
     def assertFails(self, body, codes, identifiers=(None,)):
-        """On a connection of its own the frame is answered with exactly one failure, and the connection goes on."""
+        """On a connection of its own the frame is answered with exactly one failure, and the
+        connection goes on.
+        """
         with self.subTest(body[:60].hex()), self.client() as sender:
             sender.send_frame(body)
             sender.last_id = ABOVE
@@ -48,9 +52,11 @@ class Messages(BadInputTest):
 
     def test_that_are_no_message_are_undecodable(self):
         for body in (
-            b"", b"\0", b"\xff", b"\xf6", b"\x80", b"\xa0", b"\x60", b"\x81", b"\x82\x02", b"\x9f\xff", b"\xc1\x00", b"hello",
+            b"", b"\0", b"\xff", b"\xf6", b"\x80", b"\xa0", b"\x60", b"\x81", b"\x82\x02",
+            b"\x9f\xff", b"\xc1\x00", b"hello",
             b"\x9b" + 8 * b"\xff", b"\x84\x01", bytes(range(256)), 64 * b"\xff", 1000 * b"\0",
-            b"\x83\x18\x02\x02\x80", b"\xbf\xff", 100000 * b"\x81", 100000 * b"\xc1", 100000 * b"\xa1\x60",
+            b"\x83\x18\x02\x02\x80", b"\xbf\xff", 100000 * b"\x81", 100000 * b"\xc1",
+            100000 * b"\xa1\x60",
         ):
             self.assertFails(body, [Code.undecodable])
 
@@ -59,16 +65,19 @@ class Messages(BadInputTest):
             self.assertFails(encode([kind, 1, 2, []]), [Code.undecodable])
 
     def test_of_another_length_are_undecodable(self):
-        for message in ([], [1], [1, 50], [1, 50, 7], [1, 50, 7, [], None], [2], [2, 2], [2, 2, ["x"], None],
+        for message in ([], [1], [1, 50], [1, 50, 7], [1, 50, 7, [], None], [2], [2, 2],
+                        [2, 2, ["x"], None],
                         [1, 50, 7, [], [], []]):
             self.assertFails(encode(message), [Code.undecodable], (None, 50))
 
     def test_whose_parts_are_of_another_kind_are_undecodable(self):
-        for message in ([1, -1, 6, []], [1, "1", 6, []], [1, None, 6, []], [1, 1.0, 6, []], [1, [1], 6, []], [2, -1, []],
+        for message in ([1, -1, 6, []], [1, "1", 6, []], [1, None, 6, []], [1, 1.0, 6, []],
+                        [1, [1], 6, []], [2, -1, []],
                         [2, "unsubscribeFrom:", []],
                         [2, None, []], [2, 2.0, []], [2, 2, {}], [2, 2, None], [2, 2, "name"]):
             self.assertFails(encode(message), [Code.undecodable])
-        for message in ([1, 50, -1, []], [1, 50, "getModuleTableWithHandler:", []], [1, 50, 6, {}], [1, 50, 6, None],
+        for message in ([1, 50, -1, []], [1, 50, "getModuleTableWithHandler:", []], [1, 50, 6, {}],
+                        [1, 50, 6, None],
                         [1, 50, 6, 0]):
             self.assertFails(encode(message), [Code.undecodable], (None, 50))
 
@@ -86,7 +95,8 @@ class Messages(BadInputTest):
 
     def test_of_unknown_methods_name_their_request(self):
         for identifier, method in ((1, 100), (ABOVE, 2**64 - 1)):
-            self.assertFails(encode([REQUEST, identifier, method, []]), [Code.unknownMethod], (identifier,))
+            self.assertFails(encode([REQUEST, identifier, method, []]), [Code.unknownMethod],
+                             (identifier,))
         self.assertFails(encode([ONE_WAY, 99, [1, 2, 3]]), [Code.unknownMethod])
 
     def test_with_a_request_id_that_was_used_do_nothing(self):
@@ -115,7 +125,8 @@ class Messages(BadInputTest):
         self.assertEqual(self.sender.failure(None), Code.unknownMethod)
 
     def test_that_answer_what_was_never_asked_are_ignored(self):
-        for message in ([REPLY, 1, []], [REPLY, 2**64 - 1, [None, {}, "x"]], [FAILURE, 1, 1, "what"], [FAILURE, None, 99, ""]):
+        for message in ([REPLY, 1, []], [REPLY, 2**64 - 1, [None, {}, "x"]],
+                        [FAILURE, 1, 1, "what"], [FAILURE, None, 99, ""]):
             self.sender.send(message)
         self.assertEqual(self.sender.dump(), [self.sender.dump()[0], None])
         self.assertEqual({message.kind for message in self.sender.history[1:]}, {REPLY})
@@ -153,18 +164,25 @@ class Endings(BadInputTest):
             self.assertDropped(struct.pack("<I", length))
 
     def test_a_first_frame_that_is_no_hello(self):
-        for message in ([REQUEST, 1, 6, []], [ONE_WAY, 2, ["name"]], [REPLY, 1, []], [FAILURE, None, 1, "x"], [6], []):
+        for message in ([REQUEST, 1, 6, []], [ONE_WAY, 2, ["name"]], [REPLY, 1, []],
+                        [FAILURE, None, 1, "x"], [6], []):
             self.assertDropped(framed(encode(message)))
 
     def test_a_hello_that_cannot_be_decoded(self):
         good = encode([HELLO, 1, list(EXPORTS), {"descriptors": False}])
-        for body in (b"", b"\0", b"\xff", good[:-1], good + b"\0", encode([HELLO]), encode([HELLO, 1]), encode([HELLO, 1, []]),
-                     encode([HELLO, 1, [], {}, 0]), encode([HELLO, 1, [], []]), encode([HELLO, 1, {}, {}]),
+        for body in (b"", b"\0", b"\xff", good[:-1], good + b"\0", encode([HELLO]),
+                     encode([HELLO, 1]), encode([HELLO, 1, []]),
+                     encode([HELLO, 1, [], {}, 0]), encode([HELLO, 1, [], []]),
+                     encode([HELLO, 1, {}, {}]),
                      encode([HELLO, 1, [1], {}]),
-                     encode([HELLO, 1, [None], {}]), encode([HELLO, 1, [b"x"], {}]), encode([HELLO, 1, None, {}]),
-                     encode([HELLO, "1", [], {}]), encode([HELLO, -1, [], {}]), encode([HELLO, None, [], {}]),
-                     encode([HELLO, 1, [], {1: 2}]), encode([HELLO, 1, [], None]), encode([HELLO, 1, [], {"descriptors": 1}]),
-                     encode([HELLO, 1, [], {"x": Raw(66 * b"\x81" + b"\0")}]), encode([HELLO, 1, [Raw(b"\x62\xc3\x28")], {}]),
+                     encode([HELLO, 1, [None], {}]), encode([HELLO, 1, [b"x"], {}]),
+                     encode([HELLO, 1, None, {}]),
+                     encode([HELLO, "1", [], {}]), encode([HELLO, -1, [], {}]),
+                     encode([HELLO, None, [], {}]),
+                     encode([HELLO, 1, [], {1: 2}]), encode([HELLO, 1, [], None]),
+                     encode([HELLO, 1, [], {"descriptors": 1}]),
+                     encode([HELLO, 1, [], {"x": Raw(66 * b"\x81" + b"\0")}]),
+                     encode([HELLO, 1, [Raw(b"\x62\xc3\x28")], {}]),
                      b"\x84\x00\x01" + 1000 * b"\x81", b"\x84\x18\x00\x01\x80\xa0"):
             with self.subTest(body[:60].hex()):
                 self.assertDropped(framed(body))
@@ -197,7 +215,8 @@ class Endings(BadInputTest):
         self.assertDropped(struct.pack("<I", 16 << 20) + bytes(HELLO_LIMIT + 1))
 
     def test_unknown_options_and_selectors_are_no_reason(self):
-        for exports, options in (([], {"zip": True, "": None, "descriptors": False}), (["a:", "a:", ""], {"deep": [[[{}]]]}),
+        for exports, options in (([], {"zip": True, "": None, "descriptors": False}),
+                                 (["a:", "a:", ""], {"deep": [[[{}]]]}),
                                  ([str(number) for number in range(5000)], {})):
             client = self.client(exports=exports, options=options)
             self.assertEqual(client.module_table(), {})
@@ -212,7 +231,8 @@ class Endings(BadInputTest):
 
 class Silence(BadInputTest):
     def test_half_a_frame_holds_up_nobody_and_costs_nothing(self):
-        halves = [b"", b"\x10", b"\x10\0\0\0", b"\x10\0\0\0\x84", struct.pack("<I", 16 << 20) + bytes(100),
+        halves = [b"", b"\x10", b"\x10\0\0\0", b"\x10\0\0\0\x84",
+                  struct.pack("<I", 16 << 20) + bytes(100),
                   struct.pack("<I", GIBIBYTE) + bytes(100)]
         before = self.daemon.resident_bytes()
         silent = []
@@ -228,14 +248,16 @@ class Silence(BadInputTest):
 
     def test_a_frame_may_come_byte_by_byte(self):
         client = self.client(greet=False)
-        for byte in framed(encode([HELLO, 1, list(EXPORTS), {}])) + framed(encode([REQUEST, 1, 6, []])):
+        for byte in framed(encode([HELLO, 1, list(EXPORTS), {}])) + framed(
+            encode([REQUEST, 1, 6, []])):
             client.send_bytes(bytes([byte]))
         client.take_hello()
         self.assertEqual(client.results(1), [{}])
 
     def test_many_frames_may_come_in_one_piece(self):
         client = self.client()
-        client.send_bytes(b"".join(framed(encode([REQUEST, number, 4, [{}, "unknown"]])) for number in range(1, 5001)))
+        client.send_bytes(b"".join(framed(encode([REQUEST, number, 4, [{}, "unknown"]]))
+                                   for number in range(1, 5001)))
         for number in range(1, 5001):
             self.assertEqual(client.results(number), [Error("KLNErrorDomain", 11)])
 

@@ -47,7 +47,8 @@ class Crash(DaemonTest):
 
     def report_of(self, daemon, number):
         """The lines that it writes when that signal ends it."""
-        # A signal to the process goes to its main thread, unless another is just being started. Each gives itself a name.
+        # A signal to the process goes to its main thread, unless another is just being started.
+        # Each gives itself a name.
         while sum(name.startswith("keel-") for name in thread_names(daemon.pid)) < STARTED_THREADS:
             pass
         before = len(daemon.lines)
@@ -58,9 +59,13 @@ class Crash(DaemonTest):
 
     def assertIsReport(self, lines, number):
         head, banner, build, backtrace, *frames = lines
-        self.assertRegex(head, rf"\Akeeld crashed: signal {int(number)} \(.+\) in thread keeld, sent by process {os.getpid()}\Z")
+        self.assertRegex(head,
+                         rf"\Akeeld crashed: signal {int(number)} \(.+\) in thread keeld, "
+                         rf"sent by process {os.getpid()}\Z")
         self.assertRegex(banner, r"\A\* Calder Version \d+\.\d+\.\d+ \*\Z")
-        self.assertEqual(build, "build id " + re.search("Build ID: ([0-9a-f]+)", output_of("readelf", "-n", keel_host.keeld))[1])
+        self.assertEqual(build,
+                         "build id " + re.search("Build ID: ([0-9a-f]+)",
+                                                 output_of("readelf", "-n", keel_host.keeld))[1])
         self.assertEqual(backtrace, "backtrace:")
         found = [FRAME.fullmatch(frame) for frame in frames]
         self.assertTrue(all(found), frames)
@@ -76,7 +81,8 @@ class Crash(DaemonTest):
         self.assertIsReport(self.report_of(self.start(), signal.SIGABRT), signal.SIGABRT)
 
     def test_leaves_it_whatever_the_level_of_the_log(self):
-        self.assertIsReport(self.report_of(self.start_and_wait(log="fault"), self.number), self.number)
+        self.assertIsReport(self.report_of(self.start_and_wait(log="fault"), self.number),
+                            self.number)
 
     def test_leaves_it_in_the_journal(self):
         lines = self.report_of(self.start_and_wait(journal=True), self.number)
@@ -85,7 +91,8 @@ class Crash(DaemonTest):
 
     def test_does_not_reach_a_client_where_standard_error_is_closed(self):
         daemon = self.start_and_wait(before_exec=lambda: os.close(2))
-        clients = [self.client() for _ in range(10)]  # one of their sockets is what standard error would have been
+        # one of their sockets is what standard error would have been
+        clients = [self.client() for _ in range(10)]
         self.assertEqual(self.report_of(daemon, self.number), [])
         for client in clients:
             self.assertIsNone(client.end())

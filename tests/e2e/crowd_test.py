@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Very many connections: at once, one after the other, more than fit, and more than one user may have."""
+"""Very many connections: at once, one after the other, more than fit, and more than one user may
+have.
+"""
 
 import os
 import re
@@ -122,7 +124,9 @@ class Full(Crowd):
     options = {"descriptors": 1200}
 
     def fill(self):
-        """Connects until the daemon says that it takes no more. Those that were let in, and those that wait."""
+        """Connects until the daemon says that it takes no more. Those that were let in, and those
+        that wait.
+        """
         before = len(self.daemon.logged(FULL))
         while len(self.daemon.logged(FULL)) == before:
             self.sockets.append(connect())
@@ -218,7 +222,9 @@ class VeryFewDescriptors(Full):
 
 
 class OneUser(Crowd):
-    """A user other than root may have as many connections as are still free of seven eighths of all."""
+    """A user other than root may have as many connections as are still free of seven eighths of
+    all.
+    """
 
     options = {"descriptors": 1200}
 
@@ -269,7 +275,8 @@ class OneUser(Crowd):
         for client in [self.sockets.pop() for _ in range(10)]:
             self.after_clean_up(client.close)
         before = len(self.sockets)
-        # A place is free when the socket is closed, which may be a moment later. The client that watched the clean-up takes one.
+        # A place is free when the socket is closed, which may be a moment later. The client that
+        # watched the clean-up takes one.
         while len(self.sockets) < before + 9:
             self.fill()
 
@@ -280,7 +287,8 @@ def load_tests(loader, standard, pattern):
     suite = unittest.TestSuite()
     inherited = set(loader.getTestCaseNames(Crowd))
     for case in (Crowd, Full, VeryFewDescriptors, OneUser):
-        names = [name for name in loader.getTestCaseNames(case) if case is Crowd or name not in inherited]
+        names = [name for name in loader.getTestCaseNames(case) if case is Crowd
+                 or name not in inherited]
         suite.addTests(map(case, names))
     return suite
 

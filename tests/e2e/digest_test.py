@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Digest and basic challenges, answered by HTTP clients that know nothing of keeld, and by answers made here."""
+"""Digest and basic challenges, answered by HTTP clients that know nothing of keeld, and by answers
+made here.
+"""
 
 import base64
 import functools
@@ -41,7 +43,8 @@ def keelctl(*arguments, password=None, **options):
         os.close(writing)
         fds, extra = (reading,), ["--password-fd", str(reading)]
     try:
-        return subprocess.run([keel_host.keelctl, "digest", *arguments, *extra], pass_fds=fds, capture_output=True, text=True,
+        return subprocess.run([keel_host.keelctl, "digest", *arguments, *extra], pass_fds=fds,
+                              capture_output=True, text=True,
                               timeout=HANG_GUARD, **options)
     finally:
         for descriptor in fds:
@@ -49,7 +52,9 @@ def keelctl(*arguments, password=None, **options):
 
 
 class WebServer:
-    """Lets users in whom the auth service lets in: a challenge goes out and its answer comes back as HTTP has it."""
+    """Lets users in whom the auth service lets in: a challenge goes out and its answer comes back
+    as HTTP has it.
+    """
 
     def __init__(self, scheme, fields_of):
         """`fields_of` makes the header fields of the challenge's lines."""
@@ -61,16 +66,22 @@ class WebServer:
                 server.answers.append(answer)
                 if not answer:
                     return self.challenge()
-                # An answer in the scheme basic belongs to no challenge, and many are sent without one.
-                nonce = parameters_of(answer).get("nonce") if scheme == "digest" else server.start()[1]
-                response, user, error = server.client.call(VALIDATE, answer, server.identifiers.pop(nonce, "none"))
+                # An answer in the scheme basic belongs to no challenge, and many are sent without
+                # one.
+                nonce = parameters_of(answer).get(
+                    "nonce") if scheme == "digest" else server.start()[1]
+                response, user, error = server.client.call(VALIDATE, answer,
+                                                           server.identifiers.pop(nonce, "none"))
                 if error:
-                    return self.challenge() if error.code == AUTH_ID_NOT_FOUND else self.reply(403, [], f"code {error.code}")
+                    return self.challenge() if error.code == AUTH_ID_NOT_FOUND else self.reply(
+                        403, [], f"code {error.code}")
                 self.reply(200, [("Authentication-Info", response)] if response else [], user)
 
             def challenge(self):
                 text, _ = server.start()
-                self.reply(401, [("WWW-Authenticate", field) for field in fields_of(text.split("\n"))], "")
+                self.reply(401,
+                           [("WWW-Authenticate", field) for field in fields_of(text.split("\n"))],
+                           "")
 
             def reply(self, status, fields, body):
                 self.send_response(status)
@@ -87,12 +98,15 @@ class WebServer:
         self.client = Client(AUTH, exports=())
         self._server = http.server.HTTPServer(("127.0.0.1", 0), Handler)
         self.url = f"http://127.0.0.1:{self._server.server_port}/some/path?query=1"
-        self._thread = threading.Thread(target=self._server.serve_forever, kwargs={"poll_interval": 0.01})
+        self._thread = threading.Thread(target=self._server.serve_forever,
+                                        kwargs={"poll_interval": 0.01})
         self._scheme = scheme
         self._thread.start()
 
     def start(self):
-        """A challenge's text, and its nonce, or in the scheme basic its ID: under either that ID is found."""
+        """A challenge's text, and its nonce, or in the scheme basic its ID: under either that ID is
+        found.
+        """
         text, identifier, _ = self.client.call(START[self._scheme])
         key = parameters_of(text).get("nonce", identifier)
         self.identifiers[key] = identifier
@@ -110,8 +124,10 @@ class WebServer:
 
 def curl(url, user, password, scheme):
     config = f'user = "{user}:{password}"\n'  # not an argument, as people should have it
-    done = subprocess.run(["curl", "--silent", f"--{scheme}", "--config", "-", "--noproxy", "*", "--write-out", "\n%{http_code}", url],
-                          input=config, capture_output=True, text=True, timeout=HANG_GUARD, check=True)
+    done = subprocess.run(["curl", "--silent", f"--{scheme}", "--config", "-", "--noproxy", "*",
+                           "--write-out", "\n%{http_code}", url],
+                          input=config, capture_output=True, text=True, timeout=HANG_GUARD,
+                          check=True)
     body, _, status = done.stdout.rpartition("\n")
     return int(status), body
 
@@ -125,7 +141,8 @@ def with_requests(url, user, password, scheme):
 
 
 def with_urllib(url, user, password, scheme):
-    kind = {"digest": urllib.request.HTTPDigestAuthHandler, "basic": urllib.request.HTTPBasicAuthHandler}[scheme]
+    kind = {"digest": urllib.request.HTTPDigestAuthHandler,
+            "basic": urllib.request.HTTPBasicAuthHandler}[scheme]
     known = urllib.request.HTTPPasswordMgrWithDefaultRealm()
     known.add_password(None, url, user, password)
     opener = urllib.request.build_opener(urllib.request.ProxyHandler({}), kind(known))
@@ -157,7 +174,8 @@ class ChallengeTest(AccountsTest):
         text, identifier, error = client.call(START[scheme])
         self.assertWorked(error)
         offered = [parameters_of(line) for line in text.split("\n")]
-        return next(challenge for challenge in offered if challenge.get("algorithm") in (algorithm, None)), identifier
+        return next(challenge for challenge in offered
+                    if challenge.get("algorithm") in (algorithm, None)), identifier
 
     def validated(self, user, password=None, algorithm="SHA-256", **changes):
         """Response, user's name and code of a fresh challenge's answer."""
@@ -178,7 +196,8 @@ class HttpClients(ChallengeTest):
         server = self.server(scheme, fields_of)
         self.assertEqual(get(server.url, "alice", password("alice"), scheme), (200, "alice"))
         self.assertEqual(get(server.url, "alice", "wrong", scheme), (403, f"code {AUTH_FAILED}"))
-        self.assertEqual(get(server.url, "bob", password("bob"), scheme), (403, f"code {NOT_ADMIN}"))
+        self.assertEqual(get(server.url, "bob", password("bob"), scheme),
+                         (403, f"code {NOT_ADMIN}"))
         return server
 
     def test_curl(self):
@@ -212,10 +231,12 @@ class Digest(ChallengeTest):
             client = self.auth_client()
             challenge, identifier = self.challenge(client, algorithm)
             password = digest_password_of("alice")
-            response, name, error = client.call(VALIDATE, answer_to(challenge, "alice", password), identifier)
+            response, name, error = client.call(VALIDATE, answer_to(challenge, "alice", password),
+                                                identifier)
             self.assertEqual((name, error), ("alice", None))
             self.assertEqual(parameters_of(response), {
-                "qop": "auth", "nc": "00000001", "cnonce": "0a4f113b", "rspauth": proof(challenge, "alice", password, "")})
+                "qop": "auth", "nc": "00000001", "cnonce": "0a4f113b",
+                "rspauth": proof(challenge, "alice", password, "")})
 
     def test_who_is_no_administrator_gets_the_response_too(self):
         response, name, code = self.validated("bob")
@@ -243,13 +264,16 @@ class Digest(ChallengeTest):
         other, other_identifier = self.challenge(client)
         answer = answer_to(challenge, "alice", digest_password_of("alice"))
         self.assertError(client.call(VALIDATE, answer, other_identifier)[2], AUTH_FAILED)
-        self.assertError(client.call(VALIDATE, answer_to(other, "alice", digest_password_of("alice")), other_identifier)[2],
+        self.assertError(client.call(VALIDATE,
+                                     answer_to(other, "alice", digest_password_of("alice")),
+                                     other_identifier)[2],
                          AUTH_ID_NOT_FOUND)
         self.assertWorked(client.call(VALIDATE, answer, identifier)[2])
         self.assertError(client.call(VALIDATE, answer, identifier)[2], AUTH_ID_NOT_FOUND)
 
     def test_a_changed_answer_is_rejected(self):
-        for changes in ({"uri": "/other"}, {"realm": "other"}, {"nonce": "0" * 48}, {"opaque": "0"}, {"cnonce": "1"},
+        for changes in ({"uri": "/other"}, {"realm": "other"}, {"nonce": "0" * 48}, {"opaque": "0"},
+                        {"cnonce": "1"},
                         {"username": "bob"}, {"qop": "auth"}, {"userhash": "true"}):
             with self.subTest(changes):
                 self.assertRejected("alice", **changes)
@@ -304,7 +328,8 @@ class Basic(ChallengeTest):
         self.assertEqual(self.answered("alice"), (None, "alice", None))
 
     def test_all_others_are_rejected(self):
-        for user, password in (("alice", "wrong"), ("alice", digest_password_of("alice")), ("nobody-of-that-name", "x"),
+        for user, password in (("alice", "wrong"), ("alice", digest_password_of("alice")),
+                               ("nobody-of-that-name", "x"),
                                ("carol", None), ("dave", None), ("erin", None)):
             with self.subTest(user):
                 self.assertEqual(self.answered(user, password), (None, None, AUTH_FAILED))
@@ -329,7 +354,9 @@ class Keelctl(ChallengeTest):
     def test_without_a_terminal_it_says_what_to_do(self):
         done = keelctl("set", "alice", start_new_session=True, stdin=subprocess.DEVNULL)
         self.assertEqual(done.returncode, 2)
-        self.assertEqual(done.stderr, "keelctl: there is no terminal to ask for the password on; give it with --password-fd\n")
+        self.assertEqual(done.stderr,
+                         "keelctl: there is no terminal to ask for the password on; "
+                         "give it with --password-fd\n")
 
     def test_other_users_cannot_change_anything(self):
         for arguments in (("set", "alice"), ("remove", "alice"), ("list",)):
@@ -347,10 +374,13 @@ class Keelctl(ChallengeTest):
 
     def type(self, *lines):
         typed = list(lines)
-        return self.on_terminal(lambda terminal, _: os.write(terminal, typed.pop(0).encode() + b"\n"))
+        return self.on_terminal(lambda terminal,
+                                _: os.write(terminal, typed.pop(0).encode() + b"\n"))
 
     def on_terminal(self, answer, check_echo=False):
-        """Runs keelctl digest set alice on a terminal of its own; `answer` is called for each prompt. What it showed, and its status."""
+        """Runs keelctl digest set alice on a terminal of its own; `answer` is called for each
+        prompt. What it showed, and its status.
+        """
         import termios
 
         pid, terminal = pty.fork()

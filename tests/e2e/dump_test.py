@@ -44,7 +44,9 @@ class Dump(DaemonTest):
         for name in ("weather", "", "_ALL", "_all ", "é"):
             entries, error = self.asker.dump(name)
             self.assertEqual((entries, error),
-                             ([], Error("KLNErrorDomain", 11, {"NSLocalizedDescription": f"{name} not found"})))
+                             ([],
+                              Error("KLNErrorDomain", 11,
+                                    {"NSLocalizedDescription": f"{name} not found"})))
 
     def test_of_a_null_name_is_not_found(self):
         entries, error = self.asker.dump(None, True)
@@ -56,8 +58,10 @@ class Dump(DaemonTest):
         publisher = self.client()
         publisher.publish({"n": 1}, "weather")
         entry = self.entry("weather")
-        self.assertEqual(list(entry), ["name", "publisher", "publishDate", "subscribers", "publishedData"])
-        self.assertRegex(entry["publisher"], rf"\A<connection \d+ pid {os.getpid()} \(python3\) uid 0 session -?\d+>\Z")
+        self.assertEqual(list(entry),
+                         ["name", "publisher", "publishDate", "subscribers", "publishedData"])
+        self.assertRegex(entry["publisher"],
+                         rf"\A<connection \d+ pid {os.getpid()} \(python3\) uid 0 session -?\d+>\Z")
         self.assertDateBetween(entry["publishDate"], earliest, self.now())
         self.assertEqual(entry["subscribers"], [])
         self.assertEqual(entry["publishedData"], {"n": 1})
@@ -81,7 +85,8 @@ class Dump(DaemonTest):
         self.assertEqual(len(entry["subscribers"]), 1)
         self.assertEqual(list(entry["subscribers"][0]), ["subscriber", "updateDate"])
         self.assertEqual(entry["subscribers"][0]["updateDate"], "<never updated>")
-        self.assertRegex(entry["subscribers"][0]["subscriber"], r"\A<connection \d+ pid \d+ \(.*\) uid 0 session -?\d+>\Z")
+        self.assertRegex(entry["subscribers"][0]["subscriber"],
+                         r"\A<connection \d+ pid \d+ \(.*\) uid 0 session -?\d+>\Z")
 
     def test_of_followers_tells_when_each_was_sent_something(self):
         followers = [self.client() for _ in range(3)]
@@ -115,7 +120,8 @@ class Dump(DaemonTest):
         for _ in range(3):
             self.assertWorked(publisher.update({"n": 1}, "weather"))
             entry = self.entry("weather")
-            dates.append((entry["publishDate"].seconds, entry["subscribers"][0]["updateDate"].seconds))
+            dates.append((entry["publishDate"].seconds,
+                          entry["subscribers"][0]["updateDate"].seconds))
             self.assertEqual(follower.delivery().item, {"n": 1})
         for earlier, later in zip(dates, dates[1:]):
             self.assertLess(earlier[0], later[0])
@@ -148,19 +154,22 @@ class Dump(DaemonTest):
 
     def test_of_all_tells_of_each_name_once(self):
         publisher = self.client()
-        names = {f"name {number}" for number in range(500)} | {"", "\0", "é", "e\u0301", "<no data>"}
+        names = {f"name {number}" for number in range(500)} | {"", "\0", "é", "e\u0301",
+                                                               "<no data>"}
         for name in names:
             self.assertWorked(publisher.publish({"of": name}, name))
         entries, error = self.asker.dump("_all", True)
         self.assertIsNone(error)
         self.assertEqual(len(entries), len(names))
-        self.assertEqual({entry["name"]: entry["publishedData"] for entry in entries}, {name: {"of": name} for name in names})
+        self.assertEqual({entry["name"]: entry["publishedData"] for entry in entries},
+                         {name: {"of": name} for name in names})
 
     def test_an_item_of_the_name_that_means_all_is_among_all(self):
         publisher = self.client()
         publisher.publish({}, "_all")
         publisher.publish({}, "weather")
-        self.assertEqual({entry["name"] for entry in self.asker.dump("_all")[0]}, {"_all", "weather"})
+        self.assertEqual({entry["name"] for entry in self.asker.dump("_all")[0]},
+                         {"_all", "weather"})
 
     def test_texts_of_connections_are_stable_and_differ(self):
         clients = [self.client() for _ in range(3)]
@@ -174,7 +183,9 @@ class Dump(DaemonTest):
         self.assertEqual(numbers, sorted(numbers))
 
     def test_shows_one_moment_and_not_what_is_delivered_later(self):
-        """A dump in slices, and updates of every item that the daemon finds beside it, in the order of the names."""
+        """A dump in slices, and updates of every item that the daemon finds beside it, in the order
+        of the names.
+        """
         names = [f"name {number:03}" for number in range(300)]
         publisher = self.client()
         for name in names:
@@ -197,20 +208,25 @@ class Dump(DaemonTest):
             shown = {entry["name"]: entry for entry in entries}
             self.assertEqual(sorted(shown), names)
             before, settled = settled, self.entries_by_name()
-            # At one moment some of the names, the first ones, had been updated, each with all that belongs to it.
+            # At one moment some of the names, the first ones, had been updated, each with all that
+            # belongs to it.
             updated = sum(entry["publishedData"] == {"version": version} for entry in entries)
             for place, name in enumerate(names):
                 self.assertEqual(shown[name], (settled if place < updated else before)[name])
             # Those updates had been delivered.
             history = self.asker.history
-            answer = next(place for place, message in enumerate(history) if message.kind == REPLY and message.fields[1] == dump)
-            delivered = [message.fields[2][0] for message in history[:answer] if message.kind == ONE_WAY
+            answer = next(place for place, message in enumerate(history) if message.kind == REPLY
+                          and message.fields[1] == dump)
+            delivered = [message.fields[2][0] for message in history[:answer]
+                         if message.kind == ONE_WAY
                          and message.fields[2][1] == {"version": version}]
             self.assertEqual(delivered[:updated], names[:updated])
 
     @staticmethod
     def send_updates(publisher, names, item):
-        """All with one system call: a socket that nobody reads takes few messages, however small. Returns the requests' ids."""
+        """All with one system call: a socket that nobody reads takes few messages, however small.
+        Returns the requests' ids.
+        """
         method = publisher.selectors.index("updatePublishedItem:name:withHandler:")
         identifiers = range(publisher.last_id + 1, publisher.last_id + 1 + len(names))
         publisher.last_id += len(names)
@@ -224,9 +240,11 @@ class Dump(DaemonTest):
     def test_stands_in_line_with_the_requests_of_its_connection(self):
         identifiers = []
         for number in range(50):
-            identifiers.append(self.asker.request("publishItem:name:flags:value:withHandler:", {"n": number}, f"name {number}",
+            identifiers.append(self.asker.request("publishItem:name:flags:value:withHandler:",
+                                                  {"n": number}, f"name {number}",
                                                   0, 0))
-            identifiers.append(self.asker.request("dumpNotification:withData:andHandler:", "_all", False))
+            identifiers.append(self.asker.request("dumpNotification:withData:andHandler:", "_all",
+                                                  False))
         for number, identifier in enumerate(identifiers):
             results = self.asker.results(identifier)
             if number % 2:

@@ -30,7 +30,8 @@ class JobsTest(DaemonTest):
         folder = f"{BUNDLES}keel_{name}.bundle"
         os.makedirs(folder)
         with open(f"{folder}/launchd.plist", "wb") as file:
-            plistlib.dump(telling_job(f"com.e.{name}", *(services or (f"com.e.{name}",)), **more), file, sort_keys=False)
+            plistlib.dump(telling_job(f"com.e.{name}", *(services or (f"com.e.{name}",)), **more),
+                          file, sort_keys=False)
 
     def table(self):
         return self.client().module_table()
@@ -39,7 +40,8 @@ class JobsTest(DaemonTest):
 class Embedded(JobsTest):
     def test_is_started_by_its_first_client_and_handed_its_sockets(self):
         words = ["a b", "%n $HOME ;\"'\\\n\t", "", "ü"]
-        self.bundle("first", "com.e.first.a", "com.e.first.b", arguments=words, EnvironmentVariables={"A": "%n $X \"\n\\"},
+        self.bundle("first", "com.e.first.a", "com.e.first.b", arguments=words,
+                    EnvironmentVariables={"A": "%n $X \"\n\\"},
                     WorkingDirectory="/usr", Nice=3)
         self.daemon = self.start()
         self.assertEqual(self.table(), {"keel_first": "com.e.first.a"})
@@ -47,7 +49,8 @@ class Embedded(JobsTest):
         self.assertEqual(told["arguments"][2:], words)
         self.assertEqual(told["names"], ["com.e.first.a", "com.e.first.b"])
         environment = told["environment"]
-        self.assertEqual((environment["LISTEN_FDS"], environment["LISTEN_PID"]), ("2", str(told["pid"])))
+        self.assertEqual((environment["LISTEN_FDS"], environment["LISTEN_PID"]),
+                         ("2", str(told["pid"])))
         self.assertEqual(environment["A"], "%n $X \"\n\\")
         self.assertNotIn("KEELD_LOG", environment)
         self.assertEqual((told["uid"], told["directory"], told["nice"]), (0, "/usr", 3))
@@ -56,12 +59,14 @@ class Embedded(JobsTest):
         self.bundle("user", UserName="nobody")
         self.daemon = self.start()
         told = ask("com.e.user")
-        self.assertEqual((told["uid"], told["groups"], told["environment"]["USER"]), (65534, [65534], "nobody"))
+        self.assertEqual((told["uid"], told["groups"], told["environment"]["USER"]),
+                         (65534, [65534], "nobody"))
 
     def test_fails_alone_where_keeld_may_not_change_users(self):
         def drop_privilege():
             set_bounding_capability, setgid = 24, 6
-            if ctypes.CDLL(None, use_errno=True).prctl(set_bounding_capability, setgid, 0, 0, 0) != 0:
+            if ctypes.CDLL(None, use_errno=True).prctl(set_bounding_capability, setgid, 0, 0,
+                                                       0) != 0:
                 raise OSError(ctypes.get_errno(), "prctl")
 
         self.bundle("user", UserName="nobody")
@@ -69,7 +74,8 @@ class Embedded(JobsTest):
         self.daemon = self.start(before_exec=drop_privilege)
         caller = Caller("com.e.user")
         self.addCleanup(caller.close)
-        why = re.compile("the job com.e.user cannot be started: open files with the rights of its user: Operation not permitted .*")
+        why = re.compile(
+            "the job com.e.user cannot be started: open files with the rights of its user: Operation not permitted .*")
         self.daemon.wait_for_log(why, level="error")
         self.assertEqual(ask("com.e.root")["uid"], 0)
 
@@ -101,7 +107,8 @@ class Embedded(JobsTest):
         self.daemon = self.start()
         caller = Caller("com.e.crash")
         self.addCleanup(caller.close)
-        self.daemon.wait_for_log(re.compile(r"the job com.e.crash was killed by signal 11 .*"), level="error")
+        self.daemon.wait_for_log(re.compile(r"the job com.e.crash was killed by signal 11 .*"),
+                                 level="error")
 
     def test_ends_with_keeld_however_that_ends(self):
         self.bundle("end")
@@ -129,7 +136,8 @@ class Embedded(JobsTest):
         """It traps SIGTERM, and so lives on, with the old socket, for as long as it likes."""
         stubborn = "import signal\nsignal.signal(signal.SIGTERM, signal.SIG_IGN)\n" + TELL + "signal.pause()\n"
         # Not keeld's standard error, whose end the test waits for.
-        self.program("stubborn", PYTHON, "-c", stubborn, "com.e.stubborn", StandardOutPath="/dev/null",
+        self.program("stubborn", PYTHON, "-c", stubborn, "com.e.stubborn",
+                     StandardOutPath="/dev/null",
                      StandardErrorPath="/dev/null")
         for end in (lambda daemon: daemon.stop(), lambda daemon: daemon.kill()):
             self.daemon = self.start()
@@ -195,21 +203,27 @@ class Embedded(JobsTest):
             self.addCleanup(caller.close)
         pid = callers[0].told()["pid"]
         # It is written down a little later than it comes about.
-        while (jobs := shown_jobs())["keel_busy"]["program"] != "running" or jobs["keel_bad"]["program"] != "starting":
+        while (jobs := shown_jobs())["keel_busy"]["program"] != "running" or jobs["keel_bad"][
+            "program"] != "starting":
             pass
-        ready = {"label": "com.e.idle", "enabled": True, "listening": True, "program": "none", "pid": None, "problem": None}
+        ready = {"label": "com.e.idle", "enabled": True, "listening": True, "program": "none",
+                 "pid": None, "problem": None}
         self.assertEqual(jobs["keel_idle"], ready)
-        self.assertEqual(jobs["keel_busy"], {**ready, "label": "com.e.busy", "program": "running", "pid": pid})
+        self.assertEqual(jobs["keel_busy"],
+                         {**ready, "label": "com.e.busy", "program": "running", "pid": pid})
         self.assertIn("the user nobody-of-that-name", jobs["keel_bad"]["problem"])
 
     def test_does_not_hold_up_the_others(self):
-        """A program that cannot be started, and one that is slow to do so, are the business of a worker."""
+        """A program that cannot be started, and one that is slow to do so, are the business of a
+        worker.
+        """
         self.bundle("good")
         self.bundle("bad", UserName="nobody-of-that-name")
         self.daemon = self.start()
         caller = Caller("com.e.bad")
         self.addCleanup(caller.close)
-        self.daemon.wait_for_log(re.compile("the job com.e.bad cannot be started: the user nobody-of-that-name: .*"))
+        self.daemon.wait_for_log(
+            re.compile("the job com.e.bad cannot be started: the user nobody-of-that-name: .*"))
         self.assertIsNotNone(ask("com.e.good"))
 
 

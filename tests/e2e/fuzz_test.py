@@ -1,8 +1,10 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Sessions that began as good ones: thousands of them, with bytes, items and frames changed, left out, doubled and exchanged.
+"""Sessions that began as good ones: thousands of them, with bytes, items and frames changed, left
+out, doubled and exchanged.
 
-Each is a function of KEEL_FUZZ_SEED (a fixed number unless given) and its own number, both of which a failure names.
+Each is a function of KEEL_FUZZ_SEED (a fixed number unless given) and its own number, both of which
+a failure names.
 """
 
 import collections
@@ -23,8 +25,10 @@ LAST = 2**64 - 1  # the id of the request behind a session
 MOST_PADDING = 1 << 20
 MEMORY = 64 << 20
 
-VALUES = [None, True, False, 0, 1, 23, 24, 255, 256, 2**31, 2**32, 2**53, 2**63, 2**64 - 1, -1, -(2**63), 0.0, 1.5,
-          float("inf"), float("nan"), "", "a", "_all", "x" * 300, b"", b"\0" * 70, [], [[]], {}, {"a": 1}, {"": {"": []}},
+VALUES = [None, True, False, 0, 1, 23, 24, 255, 256, 2**31, 2**32, 2**53, 2**63, 2**64 - 1, -1,
+          -(2**63), 0.0, 1.5,
+          float("inf"), float("nan"), "", "a", "_all", "x" * 300, b"", b"\0" * 70, [], [[]], {},
+          {"a": 1}, {"": {"": []}},
           Date(0), Date(1.5), Error("d", 9), Error("d", -1, {"x": None}),
           InFile(0), InFile(70014), InFile(2**63)]
 
@@ -32,7 +36,8 @@ NAMES = ["a", "b", "c", "", "_all", "\0"]
 
 
 def item(random):
-    return {random.choice(["a", "b", ""]): random.choice(VALUES[:-3]) for _ in range(random.randrange(4))}
+    return {random.choice(["a", "b", ""]): random.choice(VALUES[:-3])
+            for _ in range(random.randrange(4))}
 
 
 def name(random):
@@ -43,7 +48,8 @@ def requests(random):
     """The messages of a good session, without ids."""
     for _ in range(random.randrange(1, 12)):
         yield random.choice([
-            lambda: [REQUEST, 3, [item(random), name(random), random.getrandbits(64), random.getrandbits(63)]],
+            lambda: [REQUEST, 3,
+                     [item(random), name(random), random.getrandbits(64), random.getrandbits(63)]],
             lambda: [REQUEST, 4, [item(random), name(random)]],
             lambda: [REQUEST, 1, [name(random), random.getrandbits(64)]],
             lambda: [ONE_WAY, 2, [name(random)]],
@@ -82,7 +88,8 @@ def changed_bytes(random, data):
         if what < 0.4 and place < len(data):
             data[place] ^= 1 << random.randrange(8)
         elif what < 0.6 and place < len(data):
-            data[place] = random.choice([0, 0x1B, 0x3B, 0x5B, 0x7B, 0x9B, 0xBB, 0xDB, 0xF6, 0xFB, 0xFF, random.randrange(256)])
+            data[place] = random.choice([0, 0x1B, 0x3B, 0x5B, 0x7B, 0x9B, 0xBB, 0xDB, 0xF6, 0xFB,
+                                         0xFF, random.randrange(256)])
         elif what < 0.75:
             data[place:place] = random.randbytes(random.choice([1, 1, 2, 9]))
         elif what < 0.9:
@@ -96,7 +103,8 @@ def mutated(random, messages):
     """The bytes of a session, changed in one of several ways."""
     bodies = [encode(message) for message in messages]
     what = random.random()
-    first = 0 if random.random() < 0.1 else 1  # most keep their hello, else nothing behind it is looked at
+    # most keep their hello, else nothing behind it is looked at
+    first = 0 if random.random() < 0.1 else 1
     if len(bodies) == 1:
         first = 0
     if what < 0.35:
@@ -109,13 +117,15 @@ def mutated(random, messages):
             bodies[place] = encode(changed_value(random, messages[place]))
     elif what < 0.8:
         place = random.randrange(first, len(bodies))
-        bodies[place:place] = [bodies[random.randrange(len(bodies))] for _ in range(random.randrange(1, 4))]
+        bodies[place:place] = [bodies[random.randrange(len(bodies))]
+                               for _ in range(random.randrange(1, 4))]
         if random.random() < 0.3:
             rest = bodies[first:]
             random.shuffle(rest)
             bodies[first:] = rest
     elif what < 0.9:
-        bodies[first:first] = [random.randbytes(random.choice([0, 1, 2, 5, 50, 500])) for _ in range(3)]
+        bodies[first:first] = [random.randbytes(random.choice([0, 1, 2, 5, 50, 500]))
+                               for _ in range(3)]
     else:
         stream = b"".join(map(framed, bodies))
         keep = 4 + len(bodies[0]) if first else 0
@@ -138,7 +148,9 @@ def padding(data):
 
 
 def ids_sent(data):
-    """How often each request id may be answered: once for each frame that could be a request with it."""
+    """How often each request id may be answered: once for each frame that could be a request with
+    it.
+    """
     ids = collections.Counter()
     at = 0
     while at + 4 <= len(data):
@@ -146,9 +158,11 @@ def ids_sent(data):
         body = data[at + 4 : at + 4 + size]
         at += 4 + size
         if len(body) > 2:
-            for head in range(min(len(body), 12)):  # wherever the id begins; a mangled head may shift it
+            # wherever the id begins; a mangled head may shift it
+            for head in range(min(len(body), 12)):
                 try:
-                    value = decode(body[head : head + {24: 2, 25: 3, 26: 5, 27: 9}.get(body[head] & 31, 1)])
+                    value = decode(
+                        body[head : head + {24: 2, 25: 3, 26: 5, 27: 9}.get(body[head] & 31, 1)])
                 except Exception:
                     continue
                 if isinstance(value, int) and not isinstance(value, bool):
@@ -166,8 +180,9 @@ class Fuzz(DaemonTest):
         self.files_kept = 0  # at most, in published items
 
     def run_session(self, data, number, files=()):
-        """Sends the bytes, and waits until the daemon has looked at all of them; the client checks what it says to them. Every
-        other session has a last request behind it, the rest end their sending half.
+        """Sends the bytes, and waits until the daemon has looked at all of them; the client checks
+        what it says to them. Every other session has a last request behind it, the rest end their
+        sending half.
         """
         with Client(greet=False) as client:
             client.take_hello()
@@ -185,7 +200,8 @@ class Fuzz(DaemonTest):
         return client
 
     def check_answers(self, client, data):
-        answered = collections.Counter(message.fields[1] for message in client.history if message.kind in (REPLY, FAILURE))
+        answered = collections.Counter(message.fields[1] for message in client.history
+                                       if message.kind in (REPLY, FAILURE))
         may_be = ids_sent(data)
         may_be[LAST] += 1
         del answered[None]
@@ -195,7 +211,9 @@ class Fuzz(DaemonTest):
         self.assertLessEqual(kinds.count(GOODBYE), 1)
 
     def look_around(self, count):
-        """Nobody else notices, nothing is kept, and the log stays short: for each connection at most one line of each kind."""
+        """Nobody else notices, nothing is kept, and the log stays short: for each connection at
+        most one line of each kind.
+        """
         self.bystanders.step()
         self.wait_for_clean_up(count)
         if self.settled == 0:
@@ -203,8 +221,10 @@ class Fuzz(DaemonTest):
             self.open = self.daemon.descriptor_count()
         self.assertMemoryWithin(self.settled, MEMORY)
         self.assertLessEqual(self.daemon.descriptor_count(), self.open + self.files_kept)
-        errors = collections.Counter((line.text.split(">")[0], line.text.split(">")[1][:8]) for line in self.daemon.log
-                                     if line.level == "error" and line.text.startswith("<connection "))
+        errors = collections.Counter((line.text.split(">")[0], line.text.split(">")[1][:8])
+                                     for line in self.daemon.log
+                                     if line.level == "error"
+                                     and line.text.startswith("<connection "))
         self.assertFalse([which for which, times in errors.items() if times > 1])
 
     def test_changed_sessions(self):
@@ -250,7 +270,8 @@ class Fuzz(DaemonTest):
                 if message[0] == REQUEST and message[2] in (3, 4) and generator.random() < 0.7:
                     message[3][0] = InFile(generator.choice([70014, 70014, 0, 2**32]))
             data = mutated(generator, messages)
-            files = [generator.choice([good, good, good, empty, null]) for _ in range(generator.choice([1, 1, 1, 2, 8, 20]))]
+            files = [generator.choice([good, good, good, empty, null])
+                     for _ in range(generator.choice([1, 1, 1, 2, 8, 20]))]
             with self.subTest(seed=SEED, session=number, data=data.hex()):
                 self.run_session(data, number, files)
             if number % STEP == STEP - 1:

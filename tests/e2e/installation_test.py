@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""keeld as it is installed and set up by hand, step by step as docs/operations.md has it, as a service of a real systemd."""
+"""keeld as it is installed and set up by hand, step by step as docs/operations.md has it, as a
+service of a real systemd.
+"""
 
 import json
 import os
@@ -28,7 +30,8 @@ def steps():
 def connects(pid):
     """Whether a process has a socket: keelctl has one when it has connected."""
     try:
-        links = [os.readlink(f"/proc/{pid}/fd/{number}") for number in os.listdir(f"/proc/{pid}/fd")]
+        links = [os.readlink(f"/proc/{pid}/fd/{number}")
+                 for number in os.listdir(f"/proc/{pid}/fd")]
     except FileNotFoundError:  # closed meanwhile
         return False
     return any(link.startswith("socket:") for link in links)
@@ -40,11 +43,13 @@ class Installation(unittest.TestCase):
         add_account("alice", ALICE, ALICE)
         keel_host.remove("/private")
         keel_host.remove("/Applications")
-        # What looks for leaks at the end of a program may not do so there, and makes systemd wait for it.
+        # What looks for leaks at the end of a program may not do so there, and makes systemd wait
+        # for it.
         os.makedirs(DROP_INS)
         with open(f"{DROP_INS}/test.conf", "w") as file:
             file.write("[Service]\nEnvironment=ASAN_OPTIONS=detect_leaks=0\n")
-        done = subprocess.run(["bash", "-euc", steps()], cwd=TOP, capture_output=True, text=True, timeout=HANG_GUARD,
+        done = subprocess.run(["bash", "-euc", steps()], cwd=TOP, capture_output=True, text=True,
+                              timeout=HANG_GUARD,
                               check=False)
         if done.returncode != 0:
             raise AssertionError(f"the guide's steps failed: {done.stdout}{done.stderr}")
@@ -53,8 +58,10 @@ class Installation(unittest.TestCase):
         """The status of the installed keelctl, and what it wrote."""
         if password is not None:
             words = (*words, "--password-fd", "0")
-        done = subprocess.run(["setpriv", f"--reuid={uid}", f"--regid={uid}", "--clear-groups", "keelctl", *words], capture_output=True,
-                              input=password and password + "\n", text=True, timeout=HANG_GUARD, check=False)
+        done = subprocess.run(["setpriv", f"--reuid={uid}", f"--regid={uid}", "--clear-groups",
+                               "keelctl", *words], capture_output=True,
+                              input=password and password + "\n", text=True, timeout=HANG_GUARD,
+                              check=False)
         return done.returncode, done.stdout + done.stderr
 
     def test_is_a_service_that_is_up_now_and_at_each_boot(self):
@@ -64,19 +71,24 @@ class Installation(unittest.TestCase):
 
     def test_logs_first_of_all_that_it_runs(self):
         self.systemctl("restart", "keeld")
-        shown = subprocess.run(["systemctl", "show", "--value", "--property=MainPID", "keeld"], capture_output=True, check=True)
-        command = ["journalctl", "--follow", "--lines=all", "--output=cat", f"_PID={int(shown.stdout)}"]
+        shown = subprocess.run(["systemctl", "show", "--value", "--property=MainPID", "keeld"],
+                               capture_output=True, check=True)
+        command = ["journalctl", "--follow", "--lines=all", "--output=cat",
+                   f"_PID={int(shown.stdout)}"]
         with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as journal:
             self.addCleanup(journal.kill)
             self.assertTrue(select.select([journal.stdout], [], [], HANG_GUARD)[0])
-            self.assertRegex(journal.stdout.readline(), r"\Akeeld \d+\.\d+\.\d+ is running \(build id [0-9a-f]+\)\n\Z")
+            self.assertRegex(journal.stdout.readline(),
+                             r"\Akeeld \d+\.\d+\.\d+ is running \(build id [0-9a-f]+\)\n\Z")
             journal.kill()
-        errors = subprocess.run(["journalctl", "--quiet", "--priority=err", "--output=cat", command[-1]],
+        errors = subprocess.run(["journalctl", "--quiet", "--priority=err", "--output=cat",
+                                 command[-1]],
                                 capture_output=True, text=True, check=True).stdout
         self.assertEqual(errors, "")
 
     def assertUnits(self, verb, word):
-        said = subprocess.run(["systemctl", verb, *UNITS], capture_output=True, text=True, check=False).stdout
+        said = subprocess.run(["systemctl", verb, *UNITS], capture_output=True, text=True,
+                              check=False).stdout
         self.assertEqual(said.split(), [word] * len(UNITS))
 
     def systemctl(self, *words):
@@ -111,7 +123,8 @@ class Installation(unittest.TestCase):
         self.systemctl("restart", "--no-block", "keeld")
         # Opened when the new keeld is about to be started, and the old one has ended.
         with open(gate, "w"):
-            clients = [subprocess.Popen(["keelctl", *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            clients = [subprocess.Popen(["keelctl", *words], stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE)
                        for words in (("auth", "check"), ("dump",))]
             for client in clients:
                 while not connects(client.pid):
@@ -122,7 +135,8 @@ class Installation(unittest.TestCase):
 
     def test_serves_before_others_run(self):
         self.assertEqual(self.keelctl("auth", "check")[0], 0)
-        shown = subprocess.run(["systemctl", "show", "--value", "--property=MainPID", "keeld"], capture_output=True, check=True)
+        shown = subprocess.run(["systemctl", "show", "--value", "--property=MainPID", "keeld"],
+                               capture_output=True, check=True)
         priorities = keel_host.thread_priorities(int(shown.stdout))
         self.assertEqual(priorities.pop("keel-io"), {keel_host.preferred_priority()})
         self.assertEqual(set().union(*priorities.values()), {0})

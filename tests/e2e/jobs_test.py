@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Jobs as units of a real systemd, which is process 1 of the private host; and keeld as one of its services."""
+"""Jobs as units of a real systemd, which is process 1 of the private host; and keeld as one of its
+services.
+"""
 
 import os
 import plistlib
@@ -25,7 +27,8 @@ PACKAGING = os.path.join(os.path.dirname(__file__), "../../packaging/systemd")
 
 
 def systemctl(*words, check=True):
-    return subprocess.run(["systemctl", *words], check=check, capture_output=True, text=True).stdout.strip()
+    return subprocess.run(["systemctl", *words], check=check, capture_output=True,
+                          text=True).stdout.strip()
 
 
 def state_of(unit):
@@ -59,13 +62,15 @@ class Jobs(JobTest):
         words = ["a b", "%n $HOME ${HOME} ;\"'\\\n\t", ";", "", "ü"]
         self.assertEqual(self.supervisor.is_enabled("com.t.first"), (False, None))
         self.enable(telling_job("com.t.first", "com.t.first.a", "com.t.first.b", arguments=words,
-                                EnvironmentVariables={"A": "%n $X \"\n\\"}, WorkingDirectory="/usr", Nice=3))
+                                EnvironmentVariables={"A": "%n $X \"\n\\"}, WorkingDirectory="/usr",
+                                Nice=3))
         self.assertEqual(state_of("com.t.first.service"), "inactive")
         told = ask("com.t.first.a")
         self.assertEqual(told["arguments"], ["-c", "com.t.first.a", *words])
         self.assertEqual(told["names"], ["com.t.first.a", "com.t.first.b"])
         environment = told["environment"]
-        self.assertEqual((environment["LISTEN_FDS"], environment["LISTEN_PID"]), ("2", str(told["pid"])))
+        self.assertEqual((environment["LISTEN_FDS"], environment["LISTEN_PID"]),
+                         ("2", str(told["pid"])))
         self.assertEqual(environment["A"], "%n $X \"\n\\")
         self.assertEqual((told["uid"], told["directory"], told["nice"]), (0, "/usr", 3))
 
@@ -130,7 +135,8 @@ class Jobs(JobTest):
         caller = Caller("com.t.crash")
         self.addCleanup(caller.close)
         # It is paused now, and its client still waits.
-        while systemctl("show", "--property=SubState", "--value", "com.t.crash.service") != "auto-restart":
+        while systemctl("show", "--property=SubState", "--value",
+                        "com.t.crash.service") != "auto-restart":
             pass
         self.assertEqual(state_of("com.t.crash.socket"), "active")
 
@@ -138,7 +144,9 @@ class Jobs(JobTest):
 class Nasty(JobTest):
     def test_labels_lead_nowhere_else(self):
         before = set(os.listdir("/etc"))
-        for number, label in enumerate(["../../etc/x", "a b%n$HOME\n[Service]\nExecStart=/bin/false", "@x", "-x", ".hidden", "ü",
+        for number, label in enumerate(["../../etc/x",
+                                        "a b%n$HOME\n[Service]\nExecStart=/bin/false", "@x", "-x",
+                                        ".hidden", "ü",
                                         "a:2", "x.service", "\\", "'\""]):
             with self.subTest(label):
                 service = f"com.t.nasty{number}"
@@ -154,7 +162,8 @@ class Nasty(JobTest):
 
     def test_units_of_others_are_left_alone(self):
         for label in ("dbus", "systemd-journald", "dbus-org.freedesktop.login1"):
-            self.assertRefused(self.supervisor.create(telling_job(label, "com.t.no")), "is there already")
+            self.assertRefused(self.supervisor.create(telling_job(label, "com.t.no")),
+                               "is there already")
             self.assertRefused(self.supervisor.set_enabled(label), "is there already")
             self.assertEqual(self.supervisor.is_enabled(label), (False, None))
         self.assertFalse(os.path.exists(f"{RUNTIME}/dbus.service"))
@@ -162,27 +171,38 @@ class Nasty(JobTest):
     def test_masked_unit_stays_masked(self):
         systemctl("mask", "com.t.masked.socket")
         self.addCleanup(systemctl, "unmask", "com.t.masked.socket")
-        self.assertRefused(self.supervisor.create(telling_job("com.t.masked", "com.t.masked")), "is there already")
+        self.assertRefused(self.supervisor.create(telling_job("com.t.masked", "com.t.masked")),
+                           "is there already")
         self.assertFalse(os.path.exists(f"{RUNTIME}/com.t.masked.service"))
 
     def test_service_of_keeld_or_of_another_job_is_refused(self):
         self.enable(telling_job("com.t.owner", "com.t.owned"))
-        self.assertRefused(self.supervisor.create(telling_job("com.t.thief", "com.t.owned")), "com.t.owner")
-        self.assertRefused(self.supervisor.create(telling_job("com.t.thief", NOTIFY)), "keeld's own service")
-        self.assertRefused(self.supervisor.create(telling_job("com.t.thief", AUTH)), "keeld's own service")
+        self.assertRefused(self.supervisor.create(telling_job("com.t.thief", "com.t.owned")),
+                           "com.t.owner")
+        self.assertRefused(self.supervisor.create(telling_job("com.t.thief", NOTIFY)),
+                           "keeld's own service")
+        self.assertRefused(self.supervisor.create(telling_job("com.t.thief", AUTH)),
+                           "keeld's own service")
 
     def test_systemd_finds_no_fault_with_the_units(self):
         job = telling_job("com.t.all", "com.t%all", arguments=["%n\n$\\\""], RunAtLoad=True,
-                          KeepAlive={"SuccessfulExit": False}, UserName="daemon", GroupName="daemon", Umask=0o27,
-                          EnvironmentVariables={"A": "\n%"}, StandardOutPath="/var/log/%n x", StandardErrorPath="/dev/null",
-                          StandardInPath="/dev/null", WorkingDirectory="/usr", ThrottleInterval=3, ExitTimeOut=0, Nice=-3,
+                          KeepAlive={"SuccessfulExit": False}, UserName="daemon",
+                          GroupName="daemon", Umask=0o27,
+                          EnvironmentVariables={"A": "\n%"}, StandardOutPath="/var/log/%n x",
+                          StandardErrorPath="/dev/null",
+                          StandardInPath="/dev/null", WorkingDirectory="/usr", ThrottleInterval=3,
+                          ExitTimeOut=0, Nice=-3,
                           ProcessType="Background", AbandonProcessGroup=True,
-                          SoftResourceLimits={"NumberOfFiles": 10, "Core": 0, "CPU": 1, "Data": 1 << 30, "FileSize": 1,
-                                              "MemoryLock": 1, "NumberOfProcesses": 1, "ResidentSetSize": 1, "Stack": 1 << 20})
+                          SoftResourceLimits={"NumberOfFiles": 10, "Core": 0, "CPU": 1,
+                                              "Data": 1 << 30, "FileSize": 1,
+                                              "MemoryLock": 1, "NumberOfProcesses": 1,
+                                              "ResidentSetSize": 1, "Stack": 1 << 20})
         self.assertDone(self.supervisor.create(job))
         units = [name for name in os.listdir(RUNTIME) if name.startswith("com.t.all")]
         self.assertEqual(len(units), 2)
-        verified = subprocess.run(["systemd-analyze", "verify", *(f"{RUNTIME}/{unit}" for unit in units)], capture_output=True, text=True)
+        verified = subprocess.run(["systemd-analyze", "verify",
+                                   *(f"{RUNTIME}/{unit}" for unit in units)], capture_output=True,
+                                   text=True)
         self.assertEqual((verified.returncode, verified.stderr), (0, ""))
 
 
@@ -235,7 +255,8 @@ class Trouble(JobTest):
         subprocess.run(["mount", "--bind", RUNTIME, RUNTIME], check=True)
         subprocess.run(["mount", "-o", "remount,bind,ro", RUNTIME], check=True)
         try:
-            self.assertRefused(self.supervisor.create(telling_job("com.t.ro", "com.t.ro")), "Read-only file system")
+            self.assertRefused(self.supervisor.create(telling_job("com.t.ro", "com.t.ro")),
+                               "Read-only file system")
             self.assertRefused(self.supervisor.set_enabled("com.t.ro"), "Read-only file system")
         finally:
             subprocess.run(["umount", RUNTIME], check=True)
@@ -244,7 +265,8 @@ class Trouble(JobTest):
         os.makedirs(f"{DIRECTORY}/com.t.blocked/inside")
         self.addCleanup(shutil.rmtree, f"{DIRECTORY}/com.t.blocked")
         self.assertDone(self.supervisor.create(telling_job("com.t.blocked", "com.t.blocked")))
-        self.assertRefused(self.supervisor.set_enabled("com.t.blocked"), "com.t.blocked.socket did not start")
+        self.assertRefused(self.supervisor.set_enabled("com.t.blocked"),
+                           "com.t.blocked.socket did not start")
         self.assertEqual(self.supervisor.is_enabled("com.t.blocked"), (False, None))
 
 
@@ -259,17 +281,20 @@ class WithKeeld(DaemonTest):
         folder = f"{BUNDLES}keel_{name}.bundle"
         os.makedirs(folder)
         with open(f"{folder}/launchd.plist", "wb") as file:
-            plistlib.dump(telling_job(f"com.k.{name}", f"com.k.{name}", **more), file, sort_keys=False)
+            plistlib.dump(telling_job(f"com.k.{name}", f"com.k.{name}", **more), file,
+                          sort_keys=False)
 
     def loaded(self, daemon):
-        return [line.text.rpartition("/")[2] for line in daemon.log if line.text.startswith("loadAllModules: loaded ")]
+        return [line.text.rpartition("/")[2] for line in daemon.log
+                if line.text.startswith("loadAllModules: loaded ")]
 
     def test_modules_outlive_it_and_are_found_again(self):
         self.bundle("one")
         self.bundle("two")
         first = self.start()
         self.assertCountEqual(self.loaded(first), ["keel_one.bundle", "keel_two.bundle"])
-        self.assertEqual(self.client().module_table(), {"keel_one": "com.k.one", "keel_two": "com.k.two"})
+        self.assertEqual(self.client().module_table(),
+                         {"keel_one": "com.k.one", "keel_two": "com.k.two"})
         first.stop()
         self.assertIsNotNone(ask("com.k.one"))
         second = self.start()
@@ -286,9 +311,11 @@ class WithKeeld(DaemonTest):
         systemctl("stop", "com.k.broken.socket")
         systemctl("disable", "--runtime", "com.k.off.socket")
         jobs = shown_jobs()
-        ready = {"label": "com.k.idle", "enabled": True, "listening": True, "program": "none", "pid": None, "problem": None}
+        ready = {"label": "com.k.idle", "enabled": True, "listening": True, "program": "none",
+                 "pid": None, "problem": None}
         self.assertEqual(jobs["keel_idle"], ready)
-        self.assertEqual(jobs["keel_busy"], {**ready, "label": "com.k.busy", "program": "running", "pid": pid})
+        self.assertEqual(jobs["keel_busy"],
+                         {**ready, "label": "com.k.busy", "program": "running", "pid": pid})
         self.assertEqual((jobs["keel_broken"]["listening"], jobs["keel_broken"]["problem"]),
                          (False, "com.k.broken.socket is inactive (success)"))
         self.assertFalse(jobs["keel_off"]["enabled"])
@@ -302,8 +329,11 @@ class WithKeeld(DaemonTest):
 
     def assertUnknown(self, why):
         """What is shown of the jobs of keel_mute and keel_quiet."""
-        unknown = {"enabled": None, "listening": None, "program": "unknown", "pid": None, "problem": why}
-        self.assertEqual(shown_jobs(), {f"keel_{name}": {"label": f"com.k.{name}", **unknown} for name in ("mute", "quiet")})
+        unknown = {"enabled": None, "listening": None, "program": "unknown", "pid": None,
+                   "problem": why}
+        self.assertEqual(shown_jobs(),
+                         {f"keel_{name}": {"label": f"com.k.{name}", **unknown}
+                          for name in ("mute", "quiet")})
 
     def test_jobs_are_unknown_when_systemd_does_not_answer_and_it_is_asked_once(self):
         self.bundle("mute")
@@ -328,7 +358,8 @@ class WithKeeld(DaemonTest):
             silent.bind("/run/silent-bus")
             self.addCleanup(remove, "/run/silent-bus")
             silent.listen()
-            with unittest.mock.patch.dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS="unix:path=/run/silent-bus"):
+            with unittest.mock.patch.dict(os.environ,
+                                          DBUS_SYSTEM_BUS_ADDRESS="unix:path=/run/silent-bus"):
                 self.assertUnknown("systemd did not answer within 5 s")
         with unittest.mock.patch.dict(os.environ, NO_BUS):
             self.assertUnknown("systemd cannot be queried: No such file or directory")
@@ -341,8 +372,10 @@ class WithKeeld(DaemonTest):
         finally:
             Trouble.freeze(self, frozen=False)
         self.assertEqual(self.loaded(daemon), [])
-        self.assertEqual(len(daemon.logged(re.compile("loadAllModules: can't load module at .*keel_frozen.bundle"), "error")), 1)
-        self.assertTrue(daemon.logged(re.compile("loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns .*"), "error"))
+        self.assertEqual(len(daemon.logged(
+            re.compile("loadAllModules: can't load module at .*keel_frozen.bundle"), "error")), 1)
+        self.assertTrue(daemon.logged(re.compile(
+            "loadModuleIfNeededFromPath QZSupervisorSetServiceEnabled returns .*"), "error"))
         self.assertEqual(self.client().module_table(), {})
 
     def loading_of(self, daemon, name):
@@ -387,9 +420,12 @@ class WithKeeld(DaemonTest):
         self.addCleanup(remove, f"{DIRECTORY}/com.k.blocked")
         daemon = self.start()
         self.assertEqual(self.client().module_table(), {"keel_fine": "com.k.fine"})
-        self.assertLoadingFailed(daemon, "masked", enabling=".*/com.k.masked.socket is there already, and not keeld's; .*")
-        self.assertLoadingFailed(daemon, "taken", enabling=".*/com.k.taken.service is there already, and not keeld's; .*")
-        self.assertLoadingFailed(daemon, "blocked", enabling=r"com.k.blocked.socket did not start \(failed\); .*")
+        self.assertLoadingFailed(daemon, "masked",
+                                 enabling=".*/com.k.masked.socket is there already, and not keeld's; .*")
+        self.assertLoadingFailed(daemon, "taken",
+                                 enabling=".*/com.k.taken.service is there already, and not keeld's; .*")
+        self.assertLoadingFailed(daemon, "blocked",
+                                 enabling=r"com.k.blocked.socket did not start \(failed\); .*")
 
     def hide_systemd(self):
         """Nobody reaches it where systemctl does, either."""
@@ -401,13 +437,15 @@ class WithKeeld(DaemonTest):
         self.start().stop()
         self.hide_systemd()
         daemon = self.start(environment=NO_BUS)
-        self.assertLoadingFailed(daemon, "lost", before=UNREACHABLE, enabling=UNREACHABLE, after=UNREACHABLE)
+        self.assertLoadingFailed(daemon, "lost", before=UNREACHABLE, enabling=UNREACHABLE,
+                                 after=UNREACHABLE)
         self.assertEqual(self.client().module_table(), {})
 
     def test_starts_when_systemd_dies_between_two_questions(self):
         asked = ["UnitPath", "StartUnit", "EnableUnitFiles", "GetUnitFileState"]
         neither = {"enabling": UNREACHABLE, "after": UNREACHABLE}
-        # After so many answers: what the module that is being made fails with, and the next one, whose units may be written.
+        # After so many answers: what the module that is being made fails with, and the next one,
+        # whose units may be written.
         failures = [({"enabling": "systemd refused UnitPath: .*"}, {"enabling": UNREACHABLE}),
                     (neither, neither), (neither, neither), ({"after": UNREACHABLE}, neither)]
         self.hide_systemd()
@@ -425,7 +463,8 @@ class WithKeeld(DaemonTest):
                 self.assertEqual(self.client().module_table(), {})
                 daemon.stop()
                 # The next one makes up for it.
-                self.assertCountEqual(self.loaded(self.start()), [f"keel_{name}.bundle" for name in names])
+                self.assertCountEqual(self.loaded(self.start()),
+                                      [f"keel_{name}.bundle" for name in names])
                 self.daemons[-1].stop()
                 remove(BUNDLES.rstrip("/"))
 
@@ -448,15 +487,19 @@ class WithKeeld(DaemonTest):
         shutil.copy(keel_host.keeld, "/usr/sbin/keeld")
         for unit in ("keeld.service", "keeld-auth.socket", "keeld-notify.socket"):
             shutil.copy(f"{PACKAGING}/{unit}", PERSISTENT)
-        # The sanitizer's search for leaks at the end needs a system call that the unit refuses, and would wait for it for ever.
+        # The sanitizer's search for leaks at the end needs a system call that the unit refuses, and
+        # would wait for it for ever.
         os.makedirs(f"{PERSISTENT}/keeld.service.d")
         with open(f"{PERSISTENT}/keeld.service.d/sanitizer.conf", "w") as drop_in:
             drop_in.write("[Service]\nEnvironment=ASAN_OPTIONS=detect_leaks=0\n")
         systemctl("daemon-reload")
-        paths = [f"{PERSISTENT}/{unit}" for unit in ("keeld.service", "keeld-auth.socket", "keeld-notify.socket")]
-        verified = subprocess.run(["systemd-analyze", "verify", "--man=no", *paths], capture_output=True, text=True)
+        paths = [f"{PERSISTENT}/{unit}"
+                 for unit in ("keeld.service", "keeld-auth.socket", "keeld-notify.socket")]
+        verified = subprocess.run(["systemd-analyze", "verify", "--man=no", *paths],
+                                  capture_output=True, text=True)
         self.assertEqual((verified.returncode, verified.stderr), (0, ""))
-        self.addCleanup(systemctl, "stop", "keeld.service", "keeld-auth.socket", "keeld-notify.socket")
+        self.addCleanup(systemctl, "stop", "keeld.service", "keeld-auth.socket",
+                        "keeld-notify.socket")
         systemctl("start", "keeld-auth.socket", "keeld-notify.socket", "keeld.service")
         self.assertEqual(state_of("keeld.service"), "active")
         # It is ready, and so are they.

@@ -1,8 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Real accounts on the private host, and what a client of the auth service does to prove that it knows them.
+"""Real accounts on the private host, and what a client of the auth service does to prove that it
+knows them.
 
-alice is an administrator and bob is not; carol's account has expired, dave's is locked, erin must change her password first; grace
-is an administrator by her primary group.
+alice is an administrator and bob is not; carol's account has expired, dave's is locked, erin must
+change her password first; grace is an administrator by her primary group.
 """
 
 import crypt
@@ -97,7 +98,9 @@ class AccountsTest(DaemonTest):
         self.assertWorked(self.password_error(user, password or password_of(user)))
 
     def assertRefused(self, user, password=None, code=AUTH_FAILED):
-        self.assertError(self.password_error(user, password_of(user) if password is None else password), code)
+        self.assertError(self.password_error(user,
+                                             password_of(user) if password is None else password),
+                                             code)
 
     def no_messages(self):
         """Nothing that is wrong was logged."""

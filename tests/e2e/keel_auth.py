@@ -1,5 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The auth service for the end-to-end tests: its client, passwords that wait, and polkit on a system bus of its own."""
+"""The auth service for the end-to-end tests: its client, passwords that wait, and polkit on a
+system bus of its own.
+"""
 
 import base64
 import contextlib
@@ -22,7 +24,9 @@ TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__)
 
 
 class AuthClient(Client):
-    """A connection to the auth service. Each method returns what the reply holds, the error last or alone."""
+    """A connection to the auth service. Each method returns what the reply holds, the error last or
+    alone.
+    """
 
     def __init__(self, **options):
         super().__init__(AUTH, exports=[], **options)
@@ -65,7 +69,7 @@ class AuthClient(Client):
         return any(self._answers.values())
 
 
-# ---- authorization references ----------------------------------------------------------------------------------------------
+# ---- authorization references --------------------------------------------------------------------
 
 
 def start_time(pid):
@@ -88,29 +92,34 @@ def basic(user, password):
 
 def could_not_say(pid, uid, why):
     """The error of a right that polkit could not be asked about, as a pattern."""
-    return re.compile(f"polkit could not say whether pid {pid} \\(uid {uid}\\) holds the right {re.escape(RIGHT)}: {why}")
+    return re.compile(
+        f"polkit could not say whether pid {pid} \\(uid {uid}\\) "
+        f"holds the right {re.escape(RIGHT)}: {why}")
 
 
-# ---- digest challenges -----------------------------------------------------------------------------------------------------
+# ---- digest challenges ---------------------------------------------------------------------------
 
 HASHES = {"MD5": hashlib.md5, "SHA-256": hashlib.sha256}
 
 
 def parameters_of(text):
     """Those of a challenge or response: NAME=TOKEN or NAME="QUOTED"."""
-    return {name: quoted or token for name, quoted, token in re.findall(r'([\w-]+)=(?:"([^"]*)"|([^",\s]+))', text)}
+    return {name: quoted or token
+            for name, quoted, token in re.findall(r'([\w-]+)=(?:"([^"]*)"|([^",\s]+))', text)}
 
 
 def proof(challenge, user, password, method, uri="/", cnonce="0a4f113b"):
     """RFC 7616, sections 3.4.1 to 3.4.3."""
     digest = lambda *parts: HASHES[challenge["algorithm"]](":".join(parts).encode()).hexdigest()
-    return digest(digest(user, challenge["realm"], password), challenge["nonce"], "00000001", cnonce, "auth", digest(method, uri))
+    return digest(digest(user, challenge["realm"], password), challenge["nonce"], "00000001",
+                  cnonce, "auth", digest(method, uri))
 
 
 def answer_to(challenge, user, password, **changes):
     values = {
         "username": user, "realm": challenge["realm"], "nonce": challenge["nonce"], "uri": "/",
-        "response": proof(challenge, user, password, "GET"), "opaque": challenge["opaque"], "cnonce": "0a4f113b", **changes,
+        "response": proof(challenge, user, password, "GET"), "opaque": challenge["opaque"],
+        "cnonce": "0a4f113b", **changes,
     }
     return f'Digest algorithm={challenge["algorithm"]}, qop=auth, nc=00000001, ' + ", ".join(
         f'{name}="{value}"' for name, value in values.items())
@@ -125,7 +134,7 @@ def set_digest_password(user, password):
         file.write(f"{user}:{REALM}:{digest}\n")
 
 
-# ---- passwords -------------------------------------------------------------------------------------------------------------
+# ---- passwords -----------------------------------------------------------------------------------
 
 
 def set_password(user, password):
@@ -139,8 +148,9 @@ def set_password(user, password):
 
 
 class HeldUpPasswords:
-    """While it is entered, every check of a password waits for release(), or for being ended; or those of one user's. With
-    the question "account" it is every look whether an account may be used: right answers to digest challenges wait for that.
+    """While it is entered, every check of a password waits for release(), or for being ended; or
+    those of one user's. With the question "account" it is every look whether an account may be
+    used: right answers to digest challenges wait for that.
     """
 
     _GATE = "/run/keel-test-gate"
@@ -166,7 +176,8 @@ esac
 """)
         os.chmod(self._WAITER, 0o755)
         with open(OWN_SERVICE_FILE) as file:
-            install_service(f"{self._question} optional pam_exec.so quiet {self._WAITER}\n{file.read()}")
+            install_service(
+                f"{self._question} optional pam_exec.so quiet {self._WAITER}\n{file.read()}")
         return self
 
     def wait_until_held_up(self, count=1):
@@ -193,12 +204,12 @@ esac
         os.unlink(self._ARRIVALS)
 
 
-# ---- polkit ----------------------------------------------------------------------------------------------------------------
+# ---- polkit --------------------------------------------------------------------------------------
 
 
 class Polkit:
-    """A system bus, and polkitd on it, with the policy of this source tree. Administrators hold the right unless other rules
-    are given.
+    """A system bus, and polkitd on it, with the policy of this source tree. Administrators hold the
+    right unless other rules are given.
     """
 
     RULES = "/etc/polkit-1/rules.d/40-keel-test.rules"
@@ -206,7 +217,8 @@ class Polkit:
     BUS = "/run/dbus/system_bus_socket"
     ADMINISTRATORS_HOLD_IT = f"""
 polkit.addRule(function(action, subject) {{
-    if (action.id == "{RIGHT}") return subject.isInGroup("admin") ? polkit.Result.YES : polkit.Result.NO;
+    if (action.id == "{RIGHT}")
+        return subject.isInGroup("admin") ? polkit.Result.YES : polkit.Result.NO;
 }});
 """
 
@@ -219,7 +231,8 @@ polkit.addRule(function(action, subject) {{
             shutil.copy(f"{TOP}/packaging/polkit/{self.POLICY}", installed)
         os.makedirs(os.path.dirname(self.BUS), exist_ok=True)
         output, written = os.pipe()
-        self.bus = subprocess.Popen(["dbus-daemon", "--system", "--nofork", "--nopidfile", "--nosyslog", f"--print-address={written}"],
+        self.bus = subprocess.Popen(["dbus-daemon", "--system", "--nofork", "--nopidfile",
+                                     "--nosyslog", f"--print-address={written}"],
                                     pass_fds=[written], stderr=subprocess.DEVNULL)
         os.close(written)
         with open(output) as file:
@@ -228,8 +241,10 @@ polkit.addRule(function(action, subject) {{
 
     def start(self):
         """polkitd; returns when it answers on the bus."""
-        self.daemon = subprocess.Popen(["/usr/lib/polkit-1/polkitd"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        subprocess.run(["pkaction", "--action-id", RIGHT], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=HANG_GUARD, check=False)
+        self.daemon = subprocess.Popen(["/usr/lib/polkit-1/polkitd"], stdout=subprocess.DEVNULL,
+                                       stderr=subprocess.DEVNULL)
+        subprocess.run(["pkaction", "--action-id", RIGHT], stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL, timeout=HANG_GUARD, check=False)
         return self
 
     def signal(self, number):
@@ -249,7 +264,7 @@ polkit.addRule(function(action, subject) {{
                 os.unlink(path)
 
 
-# ---- cases -----------------------------------------------------------------------------------------------------------------
+# ---- cases ---------------------------------------------------------------------------------------
 
 
 class AuthTest(AccountsTest):

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """A client of keeld's services, written from docs/protocol.md alone: a second opinion on the wire.
 
-Whatever the daemon sends that the page does not allow raises Malformed. It never waits without reading, and no wait lasts
-longer than HANG_GUARD, which no working daemon comes near.
+Whatever the daemon sends that the page does not allow raises Malformed. It never waits without
+reading, and no wait lasts longer than HANG_GUARD, which no working daemon comes near.
 """
 
 import collections
@@ -67,12 +67,14 @@ class Refused(Exception):
         self.text = text
 
 
-# ---- messages --------------------------------------------------------------------------------------------------------------
+# ---- messages ------------------------------------------------------------------------------------
 
 
 @dataclass
 class Message:
-    """One frame of the daemon's. Values that came as files stand in `fields` and `raw_arguments` as if they had come inline."""
+    """One frame of the daemon's. Values that came as files stand in `fields` and `raw_arguments` as
+    if they had come inline.
+    """
 
     fields: list
     raw_arguments: list = field(default_factory=list)  # each encoded, of a call or a reply
@@ -127,13 +129,16 @@ def _message_of(body, files):
     return message
 
 
-# ---- the client ------------------------------------------------------------------------------------------------------------
+# ---- the client ----------------------------------------------------------------------------------
 
 
 class Client:
-    """One connection. Every method that waits reads whatever comes meanwhile; `history` keeps all of it in order."""
+    """One connection. Every method that waits reads whatever comes meanwhile; `history` keeps all
+    of it in order.
+    """
 
-    def __init__(self, service=NOTIFY, *, exports=EXPORTS, descriptors=False, options=None, greet=True, path=None):
+    def __init__(self, service=NOTIFY, *, exports=EXPORTS, descriptors=False, options=None,
+                 greet=True, path=None):
         self.exports = list(exports)
         self.takes_descriptors = descriptors
         self.history = []
@@ -151,7 +156,8 @@ class Client:
         self.socket.connect(path or f"{DIRECTORY}/{service}")
         self.socket.setblocking(False)
         if greet:
-            self.send([HELLO, 1, self.exports, {"descriptors": True} if options is None and descriptors else options or {}])
+            self.send([HELLO, 1, self.exports,
+                       {"descriptors": True} if options is None and descriptors else options or {}])
             self.take_hello()
 
     def __enter__(self):
@@ -168,9 +174,12 @@ class Client:
     # -- bytes
 
     def send_bytes(self, data, files=()):
-        """Sends all of `data`, the files with its first byte, and reads meanwhile. Raises Ended when the daemon closed."""
+        """Sends all of `data`, the files with its first byte, and reads meanwhile. Raises Ended
+        when the daemon closed.
+        """
         left = memoryview(data)
-        rights = [(socket.SOL_SOCKET, socket.SCM_RIGHTS, struct.pack(f"{len(files)}i", *files))] if files else []
+        rights = [(socket.SOL_SOCKET, socket.SCM_RIGHTS,
+                   struct.pack(f"{len(files)}i", *files))] if files else []
         deadline = time.monotonic() + HANG_GUARD
         while left:
             if self.ended:
@@ -205,7 +214,8 @@ class Client:
     def _read(self):
         """One read; what it completes goes to the inbox."""
         try:
-            data, ancillary, flags, _ = self.socket.recvmsg(1 << 20, socket.CMSG_SPACE(64 * 4), socket.MSG_CMSG_CLOEXEC)
+            data, ancillary, flags, _ = self.socket.recvmsg(1 << 20, socket.CMSG_SPACE(64 * 4),
+                                                            socket.MSG_CMSG_CLOEXEC)
         except BlockingIOError:
             return
         except ConnectionResetError:
@@ -250,8 +260,10 @@ class Client:
         if self.goodbye_text is not None:
             raise Malformed("a frame behind the goodbye")
         message = _message_of(body, self._files)
-        if (message.kind == HELLO) == bool(self.history) and (self.history or message.kind != GOODBYE):
-            raise Malformed("the first frame, and no other, must be the hello, or the goodbye to one who is turned away")
+        if (message.kind == HELLO) == bool(self.history) and (self.history
+                                                              or message.kind != GOODBYE):
+            raise Malformed(
+                "the first frame, and no other, must be the hello, or the goodbye of a refusal")
         if message.kind == GOODBYE:
             self.goodbye_text = message.fields[1]
         self.history.append(message)
@@ -315,7 +327,9 @@ class Client:
         return Code(message.fields[2])
 
     def end(self):
-        """Reads to the end of the connection and returns the goodbye's text, None when there was none."""
+        """Reads to the end of the connection and returns the goodbye's text, None when there was
+        none.
+        """
         self._read_to_end()
         return self.goodbye_text
 
@@ -357,7 +371,9 @@ class Client:
         return Delivery(name, item, flags, error, message.raw_arguments[1], message.files_taken > 0)
 
     def deliveries_so_far(self):
-        """All that were sent before the answer to a request that is made now: then no other is under way."""
+        """All that were sent before the answer to a request that is made now: then no other is
+        under way.
+        """
         self.dump("")
         return self.deliveries_that_came()
 

@@ -1,8 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the end-to-end tests stand on: the real daemon at its real paths on a private host (scripts/private-host), watched.
+"""What the end-to-end tests stand on: the real daemon at its real paths on a private host
+(scripts/private-host), watched.
 
-A test program is called with the path of keeld, and of keelctl if it needs that one. Nothing here waits for time to pass: every
-wait is for an event, and its limit only ends a test that hangs.
+A test program is called with the path of keeld, and of keelctl if it needs that one. Nothing here
+waits for time to pass: every wait is for an event, and its limit only ends a test that hangs.
 """
 
 import fcntl
@@ -43,7 +44,8 @@ class LogLine(NamedTuple):
 
 
 class Daemon:
-    """A running keeld. What it writes to standard error is in `lines`; what of that is log in `log`.
+    """A running keeld. What it writes to standard error is in `lines`; what of that is log in
+    `log`.
 
     log          the value of KEELD_LOG; None: not set
     sockets      listening sockets that it is handed, by service name
@@ -52,11 +54,13 @@ class Daemon:
     ready        wait until it says that it is; needs the debug level of the category runtime
     """
 
-    def __init__(self, *, log="runtime=debug", environment=None, arguments=None, sockets=None, descriptors=None, before_exec=None,
+    def __init__(self, *, log="runtime=debug", environment=None, arguments=None, sockets=None,
+                 descriptors=None, before_exec=None,
                  journal=False, stderr=None, ready=True):
         ours = ("KEELD_", "LISTEN_", "JOURNAL_", "NOTIFY_")
         variables = {name: value for name, value in os.environ.items() if not name.startswith(ours)}
-        for name, setting in (("ASAN_OPTIONS", "quarantine_size_mb=8"), ("TSAN_OPTIONS", "atexit_sleep_ms=50")):
+        for name, setting in (("ASAN_OPTIONS", "quarantine_size_mb=8"),
+                              ("TSAN_OPTIONS", "atexit_sleep_ms=50")):
             variables[name] = f"{os.environ.get(name, '')}:{setting}"
         if log is not None:
             variables["KEELD_LOG"] = log
@@ -71,8 +75,10 @@ class Daemon:
             wrapper += "export JOURNAL_STREAM=$(stat -L -c %d:%i /proc/self/fd/2); "
 
         def prepare():
-            # Out of one another's way first: a number that is wanted for one may be in use by another.
-            copies = [fcntl.fcntl(handed_socket.fileno(), fcntl.F_DUPFD_CLOEXEC, 100) for handed_socket in handed]
+            # Out of one another's way first: a number that is wanted for one may be in use by
+            # another.
+            copies = [fcntl.fcntl(handed_socket.fileno(), fcntl.F_DUPFD_CLOEXEC, 100)
+                      for handed_socket in handed]
             for number, copy in enumerate(copies, start=3):
                 os.dup2(copy, number)
             if descriptors:
@@ -123,21 +129,26 @@ class Daemon:
         with self._changed:
             return [
                 line for line in self.log
-                if matches(line.text) and level in (None, line.level) and category in (None, line.category)
+                if matches(line.text) and level in (None, line.level)
+                and category in (None, line.category)
             ]
 
     def wait_for_log(self, text, count=1, level=None, category=None):
         """Waits until that many such lines were logged and returns the last of them."""
         with self._changed:
             came = self._changed.wait_for(
-                lambda: self._ended or len(self.logged(text, level, category)) >= count, timeout=HANG_GUARD)
+                lambda: self._ended or len(self.logged(text, level, category)) >= count,
+                timeout=HANG_GUARD)
         found = self.logged(text, level, category)
         if len(found) < count:
-            raise AssertionError(f"not logged: {text!r} {count} times, but {len(found)}" + ("" if came else " (hung)"))
+            raise AssertionError(f"not logged: {text!r} {count} times, but {len(found)}"
+                                 + ("" if came else " (hung)"))
         return found[count - 1]
 
     def times_logged(self, text, least, level=None, category=None):
-        """How many such lines there are once there are `least`: lines may be read later than an answer that they came before."""
+        """How many such lines there are once there are `least`: lines may be read later than an
+        answer that they came before.
+        """
         self.wait_for_log(text, least, level, category)
         return len(self.logged(text, level, category))
 
@@ -155,7 +166,9 @@ class Daemon:
         self.signal(signal.SIGCONT)
 
     def wait(self):
-        """Its exit status (negative: the signal it died of), when it has ended and all it wrote was read."""
+        """Its exit status (negative: the signal it died of), when it has ended and all it wrote was
+        read.
+        """
         status = self._process.wait(timeout=HANG_GUARD)
         if self._process.stderr:
             self._reader.join(timeout=HANG_GUARD)
@@ -190,13 +203,16 @@ class Daemon:
 
     def sanitizer_report(self):
         with self._changed:
-            first = next((place for place, line in enumerate(self.lines) if SANITIZER_REPORT.search(line)), None)
+            first = next((place for place, line in enumerate(self.lines)
+                          if SANITIZER_REPORT.search(line)), None)
             return "" if first is None else "\n".join(self.lines[first:])
 
 
 @functools.cache
 def memory_factor():
-    """How much more memory this build of keeld may take than an ordinary one: sanitizers keep books."""
+    """How much more memory this build of keeld may take than an ordinary one: sanitizers keep
+    books.
+    """
     with open(keeld, "rb") as program:
         code = program.read()
     return 8 if b"__tsan_init" in code or b"__asan_init" in code else 1
@@ -271,9 +287,10 @@ class Journal:
 class DaemonTest(unittest.TestCase):
     """Each case has a daemon of its own, which must be alive at the end and exit cleanly.
 
-    log      KEELD_LOG of the daemons that a case starts. The category runtime is at its debug level: "up and running" and the
-             ends of connections are logged there. A class that checks debug lines of other categories enables those. With
-             debug lines of the category notification, updates do not form batches as they do in production.
+    log      KEELD_LOG of the daemons that a case starts. The category runtime is at its debug
+             level: "up and running" and the ends of connections are logged there. A class that
+             checks debug lines of other categories enables those. With debug lines of the category
+             notification, updates do not form batches as they do in production.
     options  further options of the daemon that setUp() starts
     """
 
@@ -292,7 +309,9 @@ class DaemonTest(unittest.TestCase):
         return daemon
 
     def start_silent(self, **options):
-        """A daemon whose log does not tell when it is ready. Its socket is there before it, so that clients just connect."""
+        """A daemon whose log does not tell when it is ready. Its socket is there before it, so that
+        clients just connect.
+        """
         listener = listening_socket(NOTIFY_PATH)
         self.addCleanup(listener.close)
         return self.start(ready=False, sockets={NOTIFY: listener}, **options)
@@ -308,21 +327,25 @@ class DaemonTest(unittest.TestCase):
         return client
 
     def wait_for_clean_up(self, count):
-        """Waits until the daemon has cleaned up behind that many connections to the notify service, counted from its start.
-        Needs the debug level of the category runtime.
+        """Waits until the daemon has cleaned up behind that many connections to the notify service,
+        counted from its start. Needs the debug level of the category runtime.
         """
         self.daemon.wait_for_log(INVALIDATED, count)
         # The clean-up stands in the line of requests before this one.
         self.own_client().dump("")
 
     def own_client(self):
-        """A connection that is kept throughout the test: its end would be counted among those waited for."""
+        """A connection that is kept throughout the test: its end would be counted among those
+        waited for.
+        """
         if self._own_client is None:
             self._own_client = self.client()
         return self._own_client
 
     def after_clean_up(self, end, count=1):
-        """Calls `end`, which ends `count` connections to the notify service, and waits until that is cleaned up."""
+        """Calls `end`, which ends `count` connections to the notify service, and waits until that
+        is cleaned up.
+        """
         before = len(self.daemon.logged(INVALIDATED))
         end()
         self.wait_for_clean_up(before + count)
@@ -362,7 +385,9 @@ class DaemonTest(unittest.TestCase):
 
 
 class Bystanders:
-    """A publisher and a follower who are no part of what a test does, and must be served as if nothing happened."""
+    """A publisher and a follower who are no part of what a test does, and must be served as if
+    nothing happened.
+    """
 
     def __init__(self, test, name="bystanders"):
         self._test = test
@@ -392,7 +417,8 @@ class _Result(unittest.TextTestResult):
 
 
 def skip_or_fail(test, why):
-    """For what this machine does not have. A test that cannot run is a failure where all must run."""
+    """For what this machine does not have. A test that cannot run is a failure where all must run.
+    """
     if os.environ.get("CI") == "true":
         test.fail(why)
     test.skipTest(why)

@@ -1,5 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Jobs for the tests of the service managers: a program that tells what it was given, and a way to call the supervisor alone."""
+"""Jobs for the tests of the service managers: a program that tells what it was given, and a way to
+call the supervisor alone.
+"""
 
 import json
 import os
@@ -14,13 +16,14 @@ from keel_client import DIRECTORY, HANG_GUARD
 
 PYTHON = "/usr/bin/python3"
 
-# Serves one client of the service that its first argument names, tells it what it knows of itself, waits until the client has
-# gone, and ends.
+# Serves one client of the service that its first argument names, tells it what it knows of itself,
+# waits until the client has gone, and ends.
 TELL = """
 import json, os, socket, sys
 names = os.environ["LISTEN_FDNAMES"].split(":")
 client, _ = socket.socket(fileno=3 + names.index(sys.argv[1])).accept()
-told = {"arguments": sys.argv, "environment": dict(os.environ), "pid": os.getpid(), "names": sorted(names), "uid": os.getuid(),
+told = {"arguments": sys.argv, "environment": dict(os.environ), "pid": os.getpid(),
+        "names": sorted(names), "uid": os.getuid(),
         "groups": os.getgroups(), "directory": os.getcwd(), "nice": os.nice(0)}
 client.sendall(json.dumps(told).encode() + b"\\n")
 client.recv(1)
@@ -29,7 +32,8 @@ client.recv(1)
 
 def telling_job(label, *services, arguments=(), **more):
     program = [PYTHON, "-c", TELL, services[0], *arguments]
-    return {"Label": label, "ProgramArguments": program, "MachServices": {service: True for service in services},
+    return {"Label": label, "ProgramArguments": program,
+            "MachServices": {service: True for service in services},
             "Transient": True, **more}
 
 
@@ -55,7 +59,8 @@ class Caller:
 
 def shown_jobs():
     """What keelctl shows of each module's job."""
-    shown = subprocess.run([keel_host.keelctl, "modules", "--json"], check=True, capture_output=True, text=True).stdout
+    shown = subprocess.run([keel_host.keelctl, "modules", "--json"], check=True,
+                           capture_output=True, text=True).stdout
     return {line["module"]: line["job"] for line in map(json.loads, shown.splitlines())}
 
 
@@ -98,15 +103,18 @@ class Supervisor:
 
 
 class SpyBus:
-    """Stands between a process and the system bus, or systemd, and notes what is asked of systemd: methods and properties.
+    """Stands between a process and the system bus, or systemd, and notes what is asked of systemd:
+    methods and properties.
 
     path     where it stands
     target   where the one behind it is
-    answers  how many questions it passes on; at the next one it dies, and leaves nothing at its place. None: all
+    answers  how many questions it passes on; at the next one it dies, and leaves nothing at its
+             place. None: all
     """
 
     QUESTIONS = re.compile(
-        rb"\0(GetUnitFileState|EnableUnitFiles|DisableUnitFiles|StartUnit|StopUnit|Reload|UnitPath|ActiveState)\0")
+        rb"\0(GetUnitFileState|EnableUnitFiles|DisableUnitFiles|StartUnit|StopUnit|Reload|UnitPath"
+        rb"|ActiveState)\0")
     PATH = "/run/spy-bus"
     BUS = "/run/dbus/system_bus_socket"
 

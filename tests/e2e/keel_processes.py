@@ -13,8 +13,8 @@ from keel_client import Client
 
 
 class OtherProcess:
-    """A process with clients of its own, as another user or in an audit session of its own. It does what it is told, and lives
-    until it is killed.
+    """A process with clients of its own, as another user or in an audit session of its own. It does
+    what it is told, and lives until it is killed.
     """
 
     def __init__(self, uid=0, new_session=False):
@@ -59,7 +59,8 @@ class OtherProcess:
                     self._send(("result", found))
                 else:
                     found = getattr(clients[place], method)
-                    self._send(("result", found(*arguments, **options) if callable(found) else found))
+                    self._send(("result",
+                                found(*arguments, **options) if callable(found) else found))
             except Exception:
                 self._send(("raised", traceback.format_exc()))
 
@@ -102,7 +103,9 @@ class OtherProcess:
         return value
 
     def client(self, *arguments, **options):
-        """A Client over there. `options` may name another class or function that makes one as `maker`."""
+        """A Client over there. `options` may name another class or function that makes one as
+        `maker`.
+        """
         maker = options.pop("maker", Client)
         return RemoteClient(self, self._do(None, maker, arguments, options))
 
@@ -133,4 +136,5 @@ class RemoteClient:
         self._place = place
 
     def __getattr__(self, method):
-        return lambda *arguments, **options: self._process._do(self._place, method, arguments, options)
+        return lambda *arguments, **options: self._process._do(self._place, method, arguments,
+                                                               options)

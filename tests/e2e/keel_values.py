@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The values of keeld's wire protocol, written from docs/protocol.md alone: a second opinion on the encoding.
+"""The values of keeld's wire protocol, written from docs/protocol.md alone: a second opinion on the
+encoding.
 
 It decodes strictly: what the page does not allow raises Malformed.
 """
@@ -141,7 +142,8 @@ class _Reader:
         if short in (20, 21, 22):
             return {20: False, 21: True, 22: None}[short]
         if short in (25, 26, 27):
-            return struct.unpack({25: ">e", 26: ">f", 27: ">d"}[short], value.to_bytes(1 << (short - 24), "big"))[0]
+            return struct.unpack({25: ">e", 26: ">f", 27: ">d"}[short],
+                                 value.to_bytes(1 << (short - 24), "big"))[0]
         raise Malformed(f"simple value {value}")
 
 
@@ -172,7 +174,9 @@ def framed(body):
     return struct.pack("<I", len(body)) + body
 
 
-def sealed_file(content, seals=fcntl.F_SEAL_WRITE | fcntl.F_SEAL_GROW | fcntl.F_SEAL_SHRINK | fcntl.F_SEAL_SEAL):
+def sealed_file(content,
+                seals=fcntl.F_SEAL_WRITE | fcntl.F_SEAL_GROW | fcntl.F_SEAL_SHRINK
+                | fcntl.F_SEAL_SEAL):
     """A memory file that holds `content`, as a large value travels. The caller closes it."""
     file = os.memfd_create("value", os.MFD_CLOEXEC | os.MFD_ALLOW_SEALING)
     with open(file, "wb", closefd=False) as stream:

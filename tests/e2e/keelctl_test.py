@@ -78,7 +78,8 @@ class KeelctlTest(DaemonTest):
     def run_keelctl(self, *arguments, text="", uid=0, stdout=subprocess.PIPE):
         """Exit status, output and errors."""
         done = subprocess.run(
-            [keel_host.keelctl, *arguments], env=ENVIRONMENT, input=text.encode(), stdout=stdout, stderr=subprocess.PIPE,
+            [keel_host.keelctl, *arguments], env=ENVIRONMENT, input=text.encode(), stdout=stdout,
+            stderr=subprocess.PIPE,
             timeout=HANG_GUARD, user=uid)
         told = done.stderr.decode()
         self.assertNotRegex(told, SANITIZER_REPORT)
@@ -102,7 +103,8 @@ class KeelctlTest(DaemonTest):
 
     def events(self, *expected):
         """The lines of a subscriber, of names and data."""
-        return "".join(f'{{"name":"{name}","event":"data","data":{data}}}\n' for name, data in expected)
+        return "".join(f'{{"name":"{name}","event":"data","data":{data}}}\n'
+                       for name, data in expected)
 
 
 class CommandLine(KeelctlTest):
@@ -117,15 +119,18 @@ class CommandLine(KeelctlTest):
         for arguments in (
             [], ["nonsense"], ["publish"], ["publish", "name"], ["publish", "name", "{}", "more"],
             ["publish", "name", "{}", "--nonsense"],
-            ["publish", "name", "{"], ["publish", "name", "[1]"], ["publish", "name", "1"], ["publish", "name", '"text"'],
+            ["publish", "name", "{"], ["publish", "name", "[1]"], ["publish", "name", "1"],
+            ["publish", "name", '"text"'],
             ["publish", "name", ""],
             ["publish", "name", "{} {}"], ["publish", "name", '{"x":{"$date":"never"}}'],
             ["publish", "name", '{"x":{"$data":"%"}}'],
             ["publish", "name", "{}", "--count", "-1"], ["publish", "name", "{}", "--flags", "-1"],
             ["publish", "name", "{}", "--value", "x"],
-            ["subscribe"], ["subscribe", "name", "--timeout", "-1"], ["subscribe", "name", "--count", "x"], ["update", "name"],
+            ["subscribe"], ["subscribe", "name", "--timeout", "-1"],
+            ["subscribe", "name", "--count", "x"], ["update", "name"],
             ["remove"],
-            ["authcheck"], ["authcheck", "user", "x"], ["authcheck", "user", "2147483648"], ["modules", "more"],
+            ["authcheck"], ["authcheck", "user", "x"], ["authcheck", "user", "2147483648"],
+            ["modules", "more"],
             ["dump", "a", "b"],
         ):
             with self.subTest(arguments):
@@ -136,7 +141,8 @@ class CommandLine(KeelctlTest):
 
     def test_a_daemon_that_does_not_run_is_unreachable(self):
         self.daemon.stop()
-        for arguments in (["dump"], ["publish", "name", "{}"], ["subscribe", "name"], ["modules"], ["authcheck", "root", "3"]):
+        for arguments in (["dump"], ["publish", "name", "{}"], ["subscribe", "name"], ["modules"],
+                          ["authcheck", "root", "3"]):
             self.assertExits(UNREACHABLE, *arguments, told=f".*{NOTIFY_PATH}")
 
     def test_a_daemon_that_does_not_let_one_in_is_unreachable(self):
@@ -153,9 +159,11 @@ class CommandLine(KeelctlTest):
 
     def test_waiting_for_a_daemon_in_vain_is_unreachable(self):
         self.daemon.stop()
-        for command, deed in ((["publish", "weather", "{}"], "publish"), (["subscribe", "weather"], "subscribe to"),
+        for command, deed in ((["publish", "weather", "{}"], "publish"),
+                              (["subscribe", "weather"], "subscribe to"),
                               (["subscribe", "weather", "--count", "2"], "subscribe to")):
-            told = self.assertExits(UNREACHABLE, *command, "--reconnect", "--timeout", "0.2", told="keeld is not running")
+            told = self.assertExits(UNREACHABLE, *command, "--reconnect", "--timeout", "0.2",
+                                    told="keeld is not running")
             self.assertIn(f'could not {deed} "weather" within 0.2 s: keeld is not running', told)
 
     def test_waiting_for_an_answer_in_vain_is_given_up(self):
@@ -163,13 +171,15 @@ class CommandLine(KeelctlTest):
         try:
             for command in (["publish", "weather", "{}"], ["subscribe", "weather"]):
                 for options in ([], ["--reconnect"]):
-                    self.assertExits(TIMED_OUT, *command, *options, "--timeout", "0.2", told="keeld did not answer .*0.2 s")
+                    self.assertExits(TIMED_OUT, *command, *options, "--timeout", "0.2",
+                                     told="keeld did not answer .*0.2 s")
         finally:
             self.daemon.go_on()
 
     def test_an_output_that_cannot_be_written_is_a_failure(self):
         self.client().publish({}, "weather")
-        commands = (["dump"], ["dump", "weather", "--data"], ["authcheck", "alice", "3"], ["--help"], ["auth", "realm"])
+        commands = (["dump"], ["dump", "weather", "--data"], ["authcheck", "alice", "3"],
+                    ["--help"], ["auth", "realm"])
         with open("/dev/full", "wb") as full:
             for command in commands:
                 self.assertExits(OUTPUT_FAILED, *command, stdout=full,
@@ -177,17 +187,22 @@ class CommandLine(KeelctlTest):
             self.assertExits(OUTPUT_FAILED, "subscribe", "weather", stdout=full,
                              told="subscribed to weather\nkeelctl: the output cannot be written: No space left on device\n")
         for command in commands:
-            closed = subprocess.run(["sh", "-c", 'exec "$@" >&-', "sh", keel_host.keelctl, *command], env=ENVIRONMENT,
+            closed = subprocess.run(["sh", "-c", 'exec "$@" >&-', "sh", keel_host.keelctl,
+                                     *command], env=ENVIRONMENT,
                                     stderr=subprocess.PIPE, check=False)
             self.assertEqual((closed.returncode, closed.stderr),
-                             (OUTPUT_FAILED, b"keelctl: the output cannot be written: Bad file descriptor\n"))
-        closed = subprocess.run(["sh", "-c", 'exec "$@" >&-', "sh", keel_host.keelctl, "subscribe", "weather"],
+                             (OUTPUT_FAILED,
+                              b"keelctl: the output cannot be written: Bad file descriptor\n"))
+        closed = subprocess.run(["sh", "-c", 'exec "$@" >&-', "sh", keel_host.keelctl, "subscribe",
+                                 "weather"],
                                 env=ENVIRONMENT, stderr=subprocess.PIPE, check=False)
         self.assertEqual(closed.returncode, OUTPUT_FAILED)
-        self.assertIn(b"keelctl: the output cannot be written: Bad file descriptor\n", closed.stderr)
+        self.assertIn(b"keelctl: the output cannot be written: Bad file descriptor\n",
+                      closed.stderr)
 
     def test_another_directory_can_be_named(self):
-        self.assertExits(UNREACHABLE, "dump", "--service-directory", "/run/nowhere", told=".*/run/nowhere/")
+        self.assertExits(UNREACHABLE, "dump", "--service-directory", "/run/nowhere",
+                         told=".*/run/nowhere/")
         self.assertExits(OK, "dump", "--service-directory", "/run/keeld")
 
 
@@ -197,7 +212,8 @@ class Questions(KeelctlTest):
         publisher = self.client()
         publisher.publish({"n": 1}, "weather")
         publisher.subscribe("hoped for")
-        for arguments, with_data in ((["dump", "--data"], True), (["dump", "_all", "--data", "--json"], True),
+        for arguments, with_data in ((["dump", "--data"], True),
+                                     (["dump", "_all", "--data", "--json"], True),
                                      (["dump"], False)):
             code, out, told = self.run_keelctl(*arguments)
             self.assertEqual((code, told), (OK, ""))
@@ -207,9 +223,11 @@ class Questions(KeelctlTest):
             self.assertTrue(weather["publisher"].startswith("<connection "))
             self.assertIsInstance(weather["publishDate"]["$date"], float)
             self.assertEqual((hoped_for["publisher"], hoped_for["publishDate"]), (None, None))
-            self.assertEqual([follower["updateDate"] for follower in hoped_for["subscribers"]], [None])
+            self.assertEqual([follower["updateDate"] for follower in hoped_for["subscribers"]],
+                             [None])
             if with_data:
-                self.assertEqual((weather["publishedData"], hoped_for["publishedData"]), ({"n": 1}, None))
+                self.assertEqual((weather["publishedData"], hoped_for["publishedData"]),
+                                 ({"n": 1}, None))
             else:
                 self.assertNotIn("publishedData", weather)
 
@@ -225,8 +243,10 @@ class Questions(KeelctlTest):
 
     def test_modules_and_administrators(self):
         self.assertExits(OK, "modules")
-        self.assertExits(REFUSED, "authcheck", "alice", "3", out='{"user":"alice","auditSession":3,"authenticated":false}\n')
-        self.assertExits(REFUSED, "authcheck", "alice", "-1", out='{"user":"alice","auditSession":-1,"authenticated":false}\n')
+        self.assertExits(REFUSED, "authcheck", "alice", "3",
+                         out='{"user":"alice","auditSession":3,"authenticated":false}\n')
+        self.assertExits(REFUSED, "authcheck", "alice", "-1",
+                         out='{"user":"alice","auditSession":-1,"authenticated":false}\n')
 
     def test_any_user_may_ask(self):
         self.client().publish({}, "weather")
@@ -246,8 +266,10 @@ class Questions(KeelctlTest):
         publisher = self.client()
         publisher.publish({}, "weather")
         zone = {"TZ": "IST-5:30"}
-        for command, pattern in ((["subscribe", "weather", "--count", "1"], r"\d\d:\d\d:\d\d\.\d{3} \+0530"),
-                                 (["dump"], r"weather .* \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \+0530")):
+        for command, pattern in ((["subscribe", "weather", "--count", "1"],
+                                  r"\d\d:\d\d:\d\d\.\d{3} \+0530"),
+                                 (["dump"],
+                                  r"weather .* \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \+0530")):
             self.assertRegex(self.on_terminal(*command, environment=zone), pattern)
 
     def test_help_is_as_wide_as_the_terminal(self):
@@ -260,7 +282,8 @@ class Questions(KeelctlTest):
         """What it shows on a terminal."""
         ours, theirs = pty.openpty()
         termios.tcsetwinsize(theirs, (50, columns))
-        process = subprocess.Popen([keel_host.keelctl, *arguments], env=ENVIRONMENT | (environment or {}),
+        process = subprocess.Popen([keel_host.keelctl, *arguments],
+                                   env=ENVIRONMENT | (environment or {}),
                                    stdin=theirs, stdout=theirs, stderr=theirs)
         os.close(theirs)
         screen = b""
@@ -290,7 +313,8 @@ class Publish(KeelctlTest):
         follower = self.client()
         follower.subscribe("weather")
         publisher = self.start_keelctl("publish", "weather", "-")
-        for number, told in ((1, "published weather"), (2, "updated weather"), (3, "updated weather")):
+        for number, told in ((1, "published weather"), (2, "updated weather"),
+                             (3, "updated weather")):
             publisher.write(f'{{"n":{number}}}')
             self.assertEqual(publisher.told(), told)
             self.assertEqual(follower.delivery().item, {"n": number})
@@ -299,19 +323,23 @@ class Publish(KeelctlTest):
         self.assertNotEqual(follower.dump("weather")[0][0]["publisher"], "<unconnected>")
 
     def test_ends_after_as_many_versions_as_asked_for(self):
-        self.assertExits(OK, "publish", "weather", "-", "--count", "2", text='{"n":1}\n{"n":2}\n{"n":3}\n',
+        self.assertExits(OK, "publish", "weather", "-", "--count", "2",
+                         text='{"n":1}\n{"n":2}\n{"n":3}\n',
                          told="published weather")
         self.assertEqual(self.client().dump("weather", True)[0][0]["publishedData"], {"n": 2})
 
     def test_with_too_few_versions_in_time_says_so(self):
         publisher = self.start_keelctl("publish", "weather", "-", "--timeout", "0.2")
-        self.assertEqual(publisher.told(), "keelctl: no line of standard input came in time: nothing was published")
+        self.assertEqual(publisher.told(),
+                         "keelctl: no line of standard input came in time: nothing was published")
         self.assertEqual(publisher.end()[0], TIMED_OUT)
-        self.assertExits(TIMED_OUT, "publish", "weather", "-", "--timeout", "2", "--count", "3", text='{"n":1}\n{"n":2}\n',
+        self.assertExits(TIMED_OUT, "publish", "weather", "-", "--timeout", "2", "--count", "3",
+                         text='{"n":1}\n{"n":2}\n',
                          told="published weather\nupdated weather\nkeelctl: 2 of 3 versions were published in time\n")
 
     def test_ends_well_when_its_time_is_up(self):
-        self.assertExits(OK, "publish", "weather", "{}", "--timeout", "1", told="published weather\n")
+        self.assertExits(OK, "publish", "weather", "{}", "--timeout", "1",
+                         told="published weather\n")
 
     def test_of_a_daemon_that_does_not_come_back_is_unreachable(self):
         for command in (["publish", "weather", "{}"], ["subscribe", "weather"]):
@@ -326,7 +354,8 @@ class Publish(KeelctlTest):
     def test_of_a_name_that_is_published_is_refused(self):
         publisher = self.client()
         publisher.publish({}, "weather")
-        self.assertExits(REFUSED, "publish", "weather", "{}", told=".*the key weather has already been published.*error 9")
+        self.assertExits(REFUSED, "publish", "weather", "{}",
+                         told=".*the key weather has already been published.*error 9")
 
     def test_update_and_remove_from_another_connection_are_refused(self):
         self.client().publish({}, "weather")
@@ -354,20 +383,24 @@ class Publish(KeelctlTest):
 class Subscribe(KeelctlTest):
     def test_writes_each_event_as_a_line(self):
         subscriber = self.start_keelctl("subscribe", "weather", "door")
-        self.assertEqual({subscriber.told(), subscriber.told()}, {"subscribed to weather", "subscribed to door"})
+        self.assertEqual({subscriber.told(), subscriber.told()},
+                         {"subscribed to weather", "subscribed to door"})
         publisher = self.client()
         publisher.publish({"n": 1}, "weather")
         publisher.publish(None, "door")
         publisher.update({"n": 2}, "weather")
         lines = [subscriber.out() for _ in range(3)]
-        self.assertEqual(lines, self.events(("weather", '{"n":1}'), ("door", "null"), ("weather", '{"n":2}')).splitlines())
+        self.assertEqual(lines,
+                         self.events(("weather", '{"n":1}'), ("door", "null"),
+                                     ("weather", '{"n":2}')).splitlines())
         subscriber.signal(signal.SIGTERM)
         self.assertEqual(subscriber.end()[:2], (143, ""))
 
     def test_ends_after_as_many_events_as_asked_for(self):
         publisher = self.client()
         publisher.publish({"n": 1}, "weather")
-        self.assertExits(OK, "subscribe", "weather", "--count", "1", out=self.events(("weather", '{"n":1}')),
+        self.assertExits(OK, "subscribe", "weather", "--count", "1",
+                         out=self.events(("weather", '{"n":1}')),
                          told="subscribed to weather")
         publisher.update({"n": 2}, "weather")
         self.assertEqual(publisher.dump("weather")[0][0]["subscribers"], [])
@@ -378,7 +411,8 @@ class Subscribe(KeelctlTest):
                          out=self.events(("weather", '{"n":1}')), told="subscribed to weather")
 
     def test_without_a_count_the_time_is_just_the_end(self):
-        self.assertExits(OK, "subscribe", "weather", "--timeout", "0.1", told="subscribed to weather")
+        self.assertExits(OK, "subscribe", "weather", "--timeout", "0.1",
+                         told="subscribed to weather")
 
     def test_runs_a_command_for_each_event(self):
         publisher = self.client()
@@ -389,10 +423,12 @@ class Subscribe(KeelctlTest):
 
     def test_tells_of_a_command_that_fails(self):
         self.client().publish({}, "weather")
-        told = self.assertExits(COMMAND_FAILED, "subscribe", "weather", "--count", "1", "--", "sh", "-c", "exit 3",
+        told = self.assertExits(COMMAND_FAILED, "subscribe", "weather", "--count", "1", "--", "sh",
+                                "-c", "exit 3",
                                 told="subscribed")
         self.assertIn("exited with status 3", told)
-        told = self.assertExits(COMMAND_FAILED, "subscribe", "weather", "--count", "1", "--", "/no/such/program",
+        told = self.assertExits(COMMAND_FAILED, "subscribe", "weather", "--count", "1", "--",
+                                "/no/such/program",
                                 told="subscribed")
         self.assertIn("/no/such/program", told)
 
@@ -435,12 +471,15 @@ class Json(KeelctlTest):
     PAIRS = (
         ('{"a":null,"b":true,"c":false,"d":"text","e":[],"f":{},"g":[1,[2]]}',
          {"a": None, "b": True, "c": False, "d": "text", "e": [], "f": {}, "g": [1, [2]]}),
-        ('{"i":18446744073709551615,"j":-9223372036854775808,"k":0}', {"i": 2**64 - 1, "j": -(2**63), "k": 0}),
+        ('{"i":18446744073709551615,"j":-9223372036854775808,"k":0}',
+         {"i": 2**64 - 1, "j": -(2**63), "k": 0}),
         ('{"x":1.5,"y":-0.25}', {"x": 1.5, "y": -0.25}),
         ('{"when":{"$date":1763630400}}', {"when": Date(1763630400)}),
         ('{"bytes":{"$data":"AAH/"}}', {"bytes": b"\0\1\xff"}),
-        ('{"wrong":{"$error":{"domain":"d","code":-3,"userInfo":{"k":"v"}}}}', {"wrong": Error("d", -3, {"k": "v"})}),
-        ('{"inf":{"$real":"Infinity"},"minus":{"$real":"-Infinity"}}', {"inf": float("inf"), "minus": float("-inf")}),
+        ('{"wrong":{"$error":{"domain":"d","code":-3,"userInfo":{"k":"v"}}}}',
+         {"wrong": Error("d", -3, {"k": "v"})}),
+        ('{"inf":{"$real":"Infinity"},"minus":{"$real":"-Infinity"}}',
+         {"inf": float("inf"), "minus": float("-inf")}),
         ('{"like one":{"$map":{"$date":1}}}', {"like one": {"$date": 1}}),
         ('{"é":"\\u0000\\u001b"}', {"é": "\0\x1b"}),
     )

@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Large values: as files to those who take them and inline to others, both ways; and files that are not what they should be."""
+"""Large values: as files to those who take them and inline to others, both ways; and files that are
+not what they should be.
+"""
 
 import fcntl
 import os
@@ -25,7 +27,8 @@ def item_of(size, fill=b"\0"):
     key = encode("picture")
     for head, form in ((b"\x59", ">H"), (b"\x5a", ">I")):
         filling = size - 1 - len(key) - 1 - struct.calcsize(form)
-        if filling >> (8 * struct.calcsize(form)) == 0 and filling >= (256 if form == ">H" else 65536):
+        if filling >> (8 * struct.calcsize(form)) == 0 and filling >= (
+            256 if form == ">H" else 65536):
             return b"\xa1" + key + head + struct.pack(form, filling) + fill * filling
     raise ValueError(size)
 
@@ -40,7 +43,8 @@ class LargeValueTest(DaemonTest):
         file = sealed_file(content, seals)
         try:
             more = [0, 0] if selector == PUBLISH else []
-            return client.request(selector, InFile(len(content) if size is None else size), name, *more, files=[file])
+            return client.request(selector, InFile(len(content) if size is None else size), name,
+                                  *more, files=[file])
         finally:
             os.close(file)
 
@@ -50,10 +54,12 @@ class ToTheDaemon(LargeValueTest):
         item = item_of(70014)
         follower = self.client()
         self.assertWorked(follower.subscribe("camera"))
-        self.assertEqual(self.sender.results(self.send_in_file(self.sender, item, "camera", selector=PUBLISH)), [None])
+        self.assertEqual(self.sender.results(self.send_in_file(self.sender, item, "camera",
+                                                               selector=PUBLISH)), [None])
         self.assertEqual(follower.delivery().raw_item, item)
         item = item_of(70014, b"\1")
-        self.assertEqual(self.sender.results(self.send_in_file(self.sender, item, "camera")), [None])
+        self.assertEqual(self.sender.results(self.send_in_file(self.sender, item, "camera")),
+                         [None])
         self.assertEqual(follower.delivery().raw_item, item)
 
     def test_a_value_of_16_mebibytes_in_a_file_is_taken_and_one_byte_more_refused(self):
@@ -64,7 +70,8 @@ class ToTheDaemon(LargeValueTest):
         identifier = self.send_in_file(self.sender, item_of(FRAME_LIMIT + 1, b"\1"), "camera")
         self.assertEqual(self.sender.failure(identifier), Code.wrongArguments)
         item = item_of(FRAME_LIMIT, b"\2")
-        self.assertEqual(self.sender.results(self.send_in_file(self.sender, item, "camera")), [None])
+        self.assertEqual(self.sender.results(self.send_in_file(self.sender, item, "camera")),
+                         [None])
         self.assertEqual(follower.delivery().raw_item, item)
 
     def test_a_frame_of_16_mebibytes_is_taken_and_one_byte_more_refused(self):
@@ -85,10 +92,12 @@ class ToTheDaemon(LargeValueTest):
         self.assertEqual(follower.deliveries_so_far(), [])
 
     def test_a_frame_that_is_too_large_is_skipped_whatever_is_in_it(self):
-        for first, identifier in ((encode([REQUEST, 2**64 - 1, 4, []])[:-1], 2**64 - 1), (b"\x83\x02\x02", None),
+        for first, identifier in ((encode([REQUEST, 2**64 - 1, 4, []])[:-1], 2**64 - 1),
+                                  (b"\x83\x02\x02", None),
                                   (b"\0\0\0\0", None)):
             with self.client() as client:
-                client.send_bytes(struct.pack("<I", FRAME_LIMIT + 1) + first + bytes(FRAME_LIMIT + 1 - len(first)))
+                client.send_bytes(struct.pack("<I", FRAME_LIMIT + 1) + first
+                                  + bytes(FRAME_LIMIT + 1 - len(first)))
                 self.assertEqual(client.failure(identifier), Code.tooLarge)
                 client.send([ONE_WAY, 99, []])
                 self.assertEqual(client.failure(None), Code.unknownMethod)
@@ -97,7 +106,8 @@ class ToTheDaemon(LargeValueTest):
         self.assertWorked(self.sender.publish({}, "camera"))
         before = self.daemon.descriptor_count()
         for number in range(300):
-            identifier = self.send_in_file(self.sender, item_of(IN_FILE_LEAST, bytes([number % 256])), "camera")
+            identifier = self.send_in_file(self.sender,
+                                           item_of(IN_FILE_LEAST, bytes([number % 256])), "camera")
             self.assertEqual(self.sender.results(identifier), [None])
         self.assertLessEqual(self.daemon.descriptor_count(), before + 1)
 
@@ -107,15 +117,18 @@ class ToTheDaemon(LargeValueTest):
         self.assertWorked(self.sender.publish({}, "camera"))
         follower.delivery()
         for number in range(1, 51):
-            self.send_in_file(self.sender, item_of(IN_FILE_LEAST + 100 + number, bytes([number])), "camera")
+            self.send_in_file(self.sender, item_of(IN_FILE_LEAST + 100 + number, bytes([number])),
+                              "camera")
         for number in range(1, 51):
-            self.assertEqual(follower.delivery().raw_item, item_of(IN_FILE_LEAST + 100 + number, bytes([number])))
+            self.assertEqual(follower.delivery().raw_item,
+                             item_of(IN_FILE_LEAST + 100 + number, bytes([number])))
 
 
     def test_a_value_in_a_file_may_be_small(self):
         follower = self.client(descriptors=True)
         self.assertWorked(follower.subscribe("camera"))
-        self.assertEqual(self.sender.results(self.send_in_file(self.sender, b"\xa0", "camera", selector=PUBLISH)), [None])
+        self.assertEqual(self.sender.results(self.send_in_file(self.sender, b"\xa0", "camera",
+                                                               selector=PUBLISH)), [None])
         delivery = follower.delivery()
         self.assertEqual((delivery.item, delivery.from_file), ({}, False))
 
@@ -141,13 +154,15 @@ class FromTheDaemon(LargeValueTest):
         self.assertFalse(delivery.from_file)
 
     def test_a_value_travels_as_a_file_from_64_kibibytes_on(self):
-        for size, in_file in ((IN_FILE_LEAST - 1, False), (IN_FILE_LEAST, True), (IN_FILE_LEAST + 1, True), (5 << 20, True)):
+        for size, in_file in ((IN_FILE_LEAST - 1, False), (IN_FILE_LEAST, True),
+                              (IN_FILE_LEAST + 1, True), (5 << 20, True)):
             self.assertWorked(self.sender.update(Raw(item_of(size, b"\3")), "camera"))
             self.assertDelivered(item_of(size, b"\3"), in_file)
 
     def test_a_value_that_came_as_a_file_travels_as_one(self):
         item = item_of(IN_FILE_LEAST)
-        self.assertEqual(self.sender.results(self.send_in_file(self.sender, item, "camera")), [None])
+        self.assertEqual(self.sender.results(self.send_in_file(self.sender, item, "camera")),
+                         [None])
         self.assertDelivered(item, in_file=True)
         late = self.client(descriptors=True)
         self.assertWorked(late.subscribe("camera"))
@@ -164,13 +179,15 @@ class FromTheDaemon(LargeValueTest):
     def test_a_dump_larger_than_a_clients_frame_arrives(self):
         publishers = [self.client() for _ in range(3)]
         for number, publisher in enumerate(publishers):
-            identifier = self.send_in_file(publisher, item_of(8 << 20, bytes([number])), f"camera {number}", selector=PUBLISH)
+            identifier = self.send_in_file(publisher, item_of(8 << 20, bytes([number])),
+                                           f"camera {number}", selector=PUBLISH)
             self.assertEqual(publisher.results(identifier), [None])
         for client in (self.with_files, self.inline):
             entries, error = client.dump("_all", True)
             self.assertIsNone(error)
             self.assertEqual(
-                {entry["name"]: entry["publishedData"]["picture"][:1] for entry in entries if entry["name"] != "camera"},
+                {entry["name"]: entry["publishedData"]["picture"][:1] for entry in entries
+                 if entry["name"] != "camera"},
                 {f"camera {number}": bytes([number]) for number in range(3)},
             )
 
@@ -182,7 +199,9 @@ class FromTheDaemon(LargeValueTest):
 
 
 class BadFiles(LargeValueTest):
-    """What is not an exact sealed file of the right kind is refused, changes nothing and leaves no descriptor open."""
+    """What is not an exact sealed file of the right kind is refused, changes nothing and leaves no
+    descriptor open.
+    """
 
     def setUp(self):
         super().setUp()
@@ -197,7 +216,8 @@ class BadFiles(LargeValueTest):
     def tearDown(self):
         # Whatever was refused: the connection and the item are as before.
         self.assertWorked(self.sender.update({"n": 2}, "camera"))
-        self.assertEqual([delivery.item for delivery in self.follower.deliveries_so_far()], [{"n": 2}])
+        self.assertEqual([delivery.item for delivery in self.follower.deliveries_so_far()],
+                         [{"n": 2}])
         self.assertEqual(self.daemon.descriptor_count(), self.open_before)
 
     def assertRefused(self, identifier):
@@ -209,7 +229,8 @@ class BadFiles(LargeValueTest):
     def test_without_a_seal_is_refused(self):
         self.assertRefused(self.send_in_file(self.sender, self.item, "camera", seals=0))
         for missing in SEALS.values():
-            self.assertRefused(self.send_in_file(self.sender, self.item, "camera", seals=sum(SEALS.values()) - missing))
+            self.assertRefused(self.send_in_file(self.sender, self.item, "camera",
+                                                 seals=sum(SEALS.values()) - missing))
         future = sum(SEALS.values()) - fcntl.F_SEAL_WRITE + F_SEAL_FUTURE_WRITE
         self.assertRefused(self.send_in_file(self.sender, self.item, "camera", seals=future))
 
@@ -222,15 +243,18 @@ class BadFiles(LargeValueTest):
         ordinary = os.open("/var/ordinary", os.O_RDWR | os.O_CREAT)
         os.write(ordinary, self.item)
         ours, theirs = socket.socketpair()
-        others = [os.open("/dev/null", os.O_RDWR), os.open("/dev/zero", os.O_RDWR), os.open("/", os.O_RDONLY), os.eventfd(0),
-                  os.open("/var/ordinary", os.O_PATH), os.open("/proc/self/status", os.O_RDONLY), ours.detach(),
+        others = [os.open("/dev/null", os.O_RDWR), os.open("/dev/zero", os.O_RDWR),
+                  os.open("/", os.O_RDONLY), os.eventfd(0),
+                  os.open("/var/ordinary", os.O_PATH), os.open("/proc/self/status", os.O_RDONLY),
+                  ours.detach(),
                   theirs.detach(),
                   os.open("/proc/self/exe", os.O_RDONLY), os.pidfd_open(os.getpid())]
         for file in (reading, writing, ordinary, *others):
             with self.subTest(os.readlink(f"/proc/self/fd/{file}")):
                 client = self.client()
                 self.assertWorked(client.publish({}, "mine"))
-                self.after_clean_up(lambda: self.send_and_end(client, UPDATE_ITEM, [InFile(70014), "mine"], [file]))
+                self.after_clean_up(lambda: self.send_and_end(client, UPDATE_ITEM,
+                                                              [InFile(70014), "mine"], [file]))
             os.close(file)
 
     def send_and_end(self, client, selector, arguments, files):
@@ -240,9 +264,12 @@ class BadFiles(LargeValueTest):
     def test_whose_content_breaks_a_rule_is_refused(self):
         deep = b"\xa1\x60" + 65 * b"\x81" + b"\x00"
         padding = encode("x" * 70000)
-        for content in (b"\x80", b"\x81" + padding, padding, self.item + b"\0", self.item[:-1], b"\xa2\x61a" + padding, b"",
-                        b"\xa2\x61a" + padding + b"\x61b\xd9\xca\x1e\x1a\x00\x01\x11\x7e", b"\xa2\x61a" + padding + deep[1:],
-                        b"\xbf\x61a" + padding + b"\xff", b"\xa1\x61a" + padding[:-1] + b"\xff", b"\xa1\x01" + padding):
+        for content in (b"\x80", b"\x81" + padding, padding, self.item + b"\0", self.item[:-1],
+                        b"\xa2\x61a" + padding, b"",
+                        b"\xa2\x61a" + padding + b"\x61b\xd9\xca\x1e\x1a\x00\x01\x11\x7e",
+                        b"\xa2\x61a" + padding + deep[1:],
+                        b"\xbf\x61a" + padding + b"\xff", b"\xa1\x61a" + padding[:-1] + b"\xff",
+                        b"\xa1\x01" + padding):
             self.assertRefused(self.send_in_file(self.sender, content, "camera"))
 
     def test_that_is_missing_is_refused(self):
@@ -258,7 +285,8 @@ class BadFiles(LargeValueTest):
         ):
             client = self.client()
             self.assertWorked(client.publish({}, "mine"))
-            self.after_clean_up(lambda: self.send_and_end(client, selector, arguments, [file] * count))
+            self.after_clean_up(lambda: self.send_and_end(client, selector, arguments,
+                                                          [file] * count))
 
     def test_to_the_auth_service_ends_the_connection(self):
         file = self.file(sealed_file(self.item))
@@ -268,10 +296,12 @@ class BadFiles(LargeValueTest):
 
     def test_in_a_place_that_takes_none_is_refused(self):
         file = sealed_file(self.item)
-        for arguments in ([InFile(70014), InFile(70014)], [{}, InFile(70014)], [InFile(70014)], [InFile(70014), "camera", 1]):
+        for arguments in ([InFile(70014), InFile(70014)], [{}, InFile(70014)], [InFile(70014)],
+                          [InFile(70014), "camera", 1]):
             count = sum(isinstance(argument, InFile) for argument in arguments)
             self.assertRefused(self.sender.request(UPDATE_ITEM, *arguments, files=[file] * count))
-        self.assertRefused(self.sender.request("subscribeTo:withFlags:andHandler:", InFile(70014), 0, files=[file]))
+        self.assertRefused(self.sender.request("subscribeTo:withFlags:andHandler:", InFile(70014),
+                                               0, files=[file]))
         os.close(file)
 
     def test_with_a_refused_message_is_closed_and_the_next_has_its_own(self):
@@ -288,7 +318,8 @@ class BadFiles(LargeValueTest):
         os.close(other)
 
     def test_behind_other_messages_stays_with_its_own(self):
-        # Both messages come in one read: one that is refused, and one that waits for its turn, with the file behind it.
+        # Both messages come in one read: one that is refused, and one that waits for its turn, with
+        # the file behind it.
         file = self.file(sealed_file(self.item))
         for method, arguments in ((99, []), (7, ["_all", False])):
             first = self.sender.last_id + 1
@@ -305,13 +336,16 @@ class BadFiles(LargeValueTest):
     def test_that_its_sender_cannot_change_any_more_stays_what_it_was(self):
         file = sealed_file(self.item)
         self.assertEqual(self.sender.results(self.request_with(file)), [None])
-        for change in (lambda: os.ftruncate(file, 0), lambda: os.ftruncate(file, 1 << 20), lambda: os.pwrite(file, b"x", 0)):
+        for change in (lambda: os.ftruncate(file, 0), lambda: os.ftruncate(file, 1 << 20),
+                       lambda: os.pwrite(file, b"x", 0)):
             self.assertRaises(PermissionError, change)
         self.assertEqual(self.follower.delivery().raw_item, self.item)
         os.close(file)
 
     def test_cut_in_the_middle_comes_with_the_first_byte_only(self):
-        """The descriptor leaves with the first byte; the rest of the frame comes one byte at a time."""
+        """The descriptor leaves with the first byte; the rest of the frame comes one byte at a
+        time.
+        """
         file = sealed_file(self.item)
         self.sender.last_id += 1
         frame = framed(encode([REQUEST, self.sender.last_id, 4, [InFile(70014), "camera"]]))

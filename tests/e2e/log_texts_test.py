@@ -10,8 +10,10 @@ from keel_client import GOODBYE, ONE_WAY
 from keel_host import DaemonTest
 
 # In expected lines: @ stands for the text of a connection, # for an address.
-PLACEHOLDERS = {"@": r"<connection \d+ pid \d+ \(python3\) uid 0 session -?\d+>", "#": "0x[0-9a-f]+"}
+PLACEHOLDERS = {"@": r"<connection \d+ pid \d+ \(python3\) uid 0 session -?\d+>",
+                "#": "0x[0-9a-f]+"}
 PID = os.getpid()
+ALREADY = "already subscribed to"
 
 
 def session_of_this_process():
@@ -27,9 +29,12 @@ class LogTest(DaemonTest):
     log = "debug"
 
     def assertLogged(self, *expected, category="notification"):
-        """Ends the daemon, and compares all it logged in that category with lines of level and text."""
+        """Ends the daemon, and compares all it logged in that category with lines of level and
+        text.
+        """
         self.assertEqual(self.daemon.stop(), 0)
-        lines = [f"{line.level} {line.text}" for line in self.daemon.log if line.category == category]
+        lines = [f"{line.level} {line.text}" for line in self.daemon.log
+                 if line.category == category]
         self.assertEqual(len(lines), len(expected), "\n".join(lines))
         for line, text in zip(lines, expected):
             pattern = re.escape(text)
@@ -78,7 +83,7 @@ class Requests(LogTest):
             "debug NotificationHandler we have a subscription request: weather",
             "debug NotificationHandler subscribing weather with #",
             "debug NotificationHandler we have a subscription request: weather",
-            "default NotificationHandler: subscribeTo: already subscribed to weather subscription #",
+            f"default NotificationHandler: subscribeTo: {ALREADY} weather subscription #",
             "debug NotificationHandler we have a subscription request: (null)",
             "debug unsubscribeFrom weather",
             "debug unsubscribeFrom weather subscription #",
@@ -94,7 +99,8 @@ class Requests(LogTest):
         self.one.unsubscribe("weather")
         self.one.dump("")
         self.daemon.stop()
-        addresses = [found.group() for line in self.daemon.log if (found := re.search("0x[0-9a-f]+", line.text))]
+        addresses = [found.group() for line in self.daemon.log
+                     if (found := re.search("0x[0-9a-f]+", line.text))]
         self.assertEqual(len(addresses), 3)
         self.assertEqual(len(set(addresses)), 1)
 
@@ -135,7 +141,7 @@ class Requests(LogTest):
         one.update({}, "unknown")
         self.assertLogged(
             "error NotificationHandler we don't allow duplicate publications weather",
-            "default NotificationHandler: subscribeTo: already subscribed to weather subscription #",
+            f"default NotificationHandler: subscribeTo: {ALREADY} weather subscription #",
             "error unsubscribeFrom unknown failed to find subscription",
             "error updatePublishedItem: item : unknown not found",
         )
@@ -144,7 +150,8 @@ class Requests(LogTest):
 class Connections(LogTest):
     ACCEPTED = (f"debug New Notification Service Connection received from {PID}",
                 "debug NotifyListenerDelgate: Notify service is ready")
-    STARTED = ("debug Auth listener created", "debug Notify listener created", "debug up and running")
+    STARTED = ("debug Auth listener created", "debug Notify listener created",
+               "debug up and running")
     ENDED = ("default signal handler: received SIGTERM, shutting down",)
 
     def test_each_is_logged_with_its_process(self):
@@ -190,8 +197,10 @@ class Connections(LogTest):
         pid, session = other.pid, other.session
         other.client()
         self.after_clean_up(other.kill)
-        self.assertTrue(self.daemon.logged(f"Dispatcher: connection from {pid} is invalidated", "debug", "runtime"))
-        self.daemon.wait_for_log(f"NotifyService  connection from ({pid}){session} invalidated", level="debug",
+        self.assertTrue(self.daemon.logged(f"Dispatcher: connection from {pid} is invalidated",
+                                           "debug", "runtime"))
+        self.daemon.wait_for_log(f"NotifyService  connection from ({pid}){session} invalidated",
+                                 level="debug",
                                  category="notification")
 
     def test_a_message_that_cannot_be_served_interrupts_and_is_told_in_full_once(self):
@@ -203,11 +212,13 @@ class Connections(LogTest):
             *self.STARTED,
             *self.ACCEPTED,
             "error @ sent what cannot be served: there is no method 99",
-            *(f"debug Dispatcher: plugin connection from {PID} interrupted (unserialized object?)",) * 3,
+            *(f"debug Dispatcher: plugin connection from {PID} interrupted "
+              "(unserialized object?)",) * 3,
             *self.ENDED,
             category="runtime",
         )
-        interrupted = f"NotifyService connection from ({PID}){session_of_this_process()} interrupted"
+        session = session_of_this_process()
+        interrupted = f"NotifyService connection from ({PID}){session} interrupted"
         self.assertEqual(len(self.daemon.logged(interrupted, "debug", "notification")), 3)
 
     def test_a_goodbye_of_a_client_is_no_fault(self):

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Where keeld's messages go, which are written, and that nobody who fails to take them holds it up."""
+"""Where keeld's messages go, which are written, and that nobody who fails to take them holds it up.
+"""
 
 import fcntl
 import os
@@ -32,7 +33,9 @@ class LogTest(DaemonTest):
 
 class Levels(LogTest):
     def levels_of(self, setting):
-        """What is logged of a refused publication, and of the end, under that setting: the categories and levels."""
+        """What is logged of a refused publication, and of the end, under that setting: the
+        categories and levels.
+        """
         daemon = self.start_silent(log=setting)
         client = self.client()
         client.publish({}, "name")
@@ -41,7 +44,8 @@ class Levels(LogTest):
         return {(line.category, line.level) for line in daemon.log}
 
     def test_without_a_setting_ordinary_progress_is_not_logged(self):
-        self.assertEqual(self.levels_of(None), {("daemon", "default"), ("notification", "error"), ("runtime", "default")})
+        self.assertEqual(self.levels_of(None),
+                         {("daemon", "default"), ("notification", "error"), ("runtime", "default")})
 
     def test_one_level_counts_for_all(self):
         self.assertEqual(self.levels_of("error"), {("notification", "error")})
@@ -49,14 +53,16 @@ class Levels(LogTest):
         self.assertEqual(
             self.levels_of("debug"),
             {
-                ("daemon", "default"), ("notification", "debug"), ("notification", "error"), ("runtime", "debug"),
+                ("daemon", "default"), ("notification", "debug"), ("notification", "error"),
+                ("runtime", "debug"),
                 ("runtime", "default"), ("startup", "debug"),
             },
         )
 
     def test_a_category_may_have_its_own(self):
         self.assertEqual(
-            self.levels_of("fault,notification=debug"), {("notification", "debug"), ("notification", "error")})
+            self.levels_of("fault,notification=debug"),
+            {("notification", "debug"), ("notification", "error")})
 
     def test_what_is_not_understood_is_named_and_the_rest_counts(self):
         daemon = self.start(log="chatty,runtime=debug,notification=loud")
@@ -78,7 +84,8 @@ class StandardError(LogTest):
             self.assertRegex(line, keel_host.LOG_LINE)
             self.assertTrue(line.isprintable(), line)
             self.assertLess(len(line), 1200)
-        self.assertTrue([line for line in daemon.lines if "line\\x0aand" in line or "line\\nand" in line])
+        self.assertTrue(
+            [line for line in daemon.lines if "line\\x0aand" in line or "line\\nand" in line])
 
     def stuck_daemon(self):
         """A daemon whose standard error is a pipe that nobody reads, and the end to read from."""
@@ -127,7 +134,8 @@ class StandardError(LogTest):
 
     def test_that_is_closed_is_no_clients_socket(self):
         daemon = self.start_silent(before_exec=lambda: os.close(2))
-        clients = [self.client() for _ in range(10)]  # one of their sockets is what standard error would have been
+        # one of their sockets is what standard error would have been
+        clients = [self.client() for _ in range(10)]
         for number, client in enumerate(clients):
             self.assertWorked(client.publish({}, f"name {number}"))
             self.assertEqual(client.deliveries_so_far(), [])

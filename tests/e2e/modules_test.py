@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Bundles of modules: which are found, what becomes of broken ones, and that keeld starts whatever there is."""
+"""Bundles of modules: which are found, what becomes of broken ones, and that keeld starts whatever
+there is.
+"""
 
 import glob
 import json
@@ -26,9 +28,11 @@ def forget_jobs():
     """Without a systemd, jobs end with keeld. With one they stay."""
     if not os.path.isdir("/run/systemd/system"):
         return
-    units = glob.glob("/run/systemd/system/com.vantor.*") + glob.glob("/etc/systemd/system/com.vantor.*")
+    units = glob.glob("/run/systemd/system/com.vantor.*") + glob.glob(
+        "/etc/systemd/system/com.vantor.*")
     for part in (units[place : place + 500] for place in range(0, len(units), 500)):
-        subprocess.run(["systemctl", "disable", "--now", "--runtime", *map(os.path.basename, part)], capture_output=True)
+        subprocess.run(["systemctl", "disable", "--now", "--runtime", *map(os.path.basename, part)],
+                       capture_output=True)
     for unit in units:
         remove(unit)
     subprocess.run(["systemctl", "daemon-reload"], check=True)
@@ -65,7 +69,8 @@ class ModulesTest(DaemonTest):
         if info is not None:
             self.write(name, inside + "Info.plist", plistlib.dumps(info, fmt=form, sort_keys=False))
         if job is not None:
-            self.write(name, resources + "launchd.plist", plistlib.dumps(job, fmt=form, sort_keys=False))
+            self.write(name, resources + "launchd.plist",
+                       plistlib.dumps(job, fmt=form, sort_keys=False))
 
     def run_daemon(self, **options):
         self.daemon = self.start(**options)
@@ -82,7 +87,8 @@ class ModulesTest(DaemonTest):
     def wait_for_crash(self, label):
         """Waits until the job's program has died of SIGSEGV, and the job is given a pause."""
         if not os.path.isdir("/run/systemd/system"):
-            self.daemon.wait_for_log(re.compile(f"the job {label} was killed by signal 11 .*"), level="error")
+            self.daemon.wait_for_log(re.compile(f"the job {label} was killed by signal 11 .*"),
+                                     level="error")
             return
         ask = ["systemctl", "show", "--property=SubState,ExecMainStatus", f"{label}.service"]
         shown = ""
@@ -91,14 +97,17 @@ class ModulesTest(DaemonTest):
         self.assertIn(f"ExecMainStatus={signal.SIGSEGV:d}", shown)
 
     def assertLoaded(self, *names):
-        self.assertEqual(sorted(self.daemon_texts("loadAllModules: loaded ")), sorted(self.path(name) for name in names))
+        self.assertEqual(sorted(self.daemon_texts("loadAllModules: loaded ")),
+                         sorted(self.path(name) for name in names))
 
     def daemon_texts(self, beginning):
-        return [text.removeprefix(beginning) for text in self.startup() if text.startswith(beginning)]
+        return [text.removeprefix(beginning) for text in self.startup()
+                if text.startswith(beginning)]
 
 
 def own_job(label, *services):
-    return {"Label": label, "ProgramArguments": [PROGRAM], "MachServices": {service: True for service in services}}
+    return {"Label": label, "ProgramArguments": [PROGRAM],
+            "MachServices": {service: True for service in services}}
 
 
 class Loading(ModulesTest):
@@ -112,22 +121,30 @@ class Loading(ModulesTest):
         good("plain", DEFAULT + "plain")
         good("labelled", DEFAULT + "labelled", info={"QZJobLabel": "com.vantor.label"})
         good("named", "com.vantor.name", info={"QZMachServiceName": "com.vantor.name"})
-        good("flat", "com.vantor.flat", info={"QZMachServiceName": "com.vantor.flat"}, contents=False)
-        good("binary", "com.vantor.binary", info={"QZMachServiceName": "com.vantor.binary"}, form=plistlib.FMT_BINARY)
-        good("own", "com.vantor.own.z", job=own_job("com.vantor.own", "com.vantor.own.z", "com.vantor.own.a"))
-        good("own_binary", "com.vantor.ob", job=own_job("com.vantor.own-binary", "com.vantor.ob"), form=plistlib.FMT_BINARY)
-        good("own_flat", "com.vantor.of", job=own_job("com.vantor.own-flat", "com.vantor.of"), contents=False)
+        good("flat", "com.vantor.flat", info={"QZMachServiceName": "com.vantor.flat"},
+             contents=False)
+        good("binary", "com.vantor.binary", info={"QZMachServiceName": "com.vantor.binary"},
+             form=plistlib.FMT_BINARY)
+        good("own", "com.vantor.own.z",
+             job=own_job("com.vantor.own", "com.vantor.own.z", "com.vantor.own.a"))
+        good("own_binary", "com.vantor.ob", job=own_job("com.vantor.own-binary", "com.vantor.ob"),
+             form=plistlib.FMT_BINARY)
+        good("own_flat", "com.vantor.of", job=own_job("com.vantor.own-flat", "com.vantor.of"),
+             contents=False)
         good("dotted.name", DEFAULT + "dotted.name")
         good("ünicode", "com.vantor.unicode", info={"QZMachServiceName": "com.vantor.unicode"})
         crashing = own_job("com.vantor.crashing", "com.vantor.crash")
-        crashing.update(ProgramArguments=["/bin/sh", "-c", "kill -SEGV $$"], RunAtLoad=True, ThrottleInterval=3600)
+        crashing.update(ProgramArguments=["/bin/sh", "-c", "kill -SEGV $$"], RunAtLoad=True,
+                        ThrottleInterval=3600)
         good("crashing", "com.vantor.crash", job=crashing)
         # Broken ones that are modules all the same.
         self.write("garbage", "launchd.plist", os.urandom(1000))
         self.write("array", "launchd.plist", plistlib.dumps(["Label"]))
-        self.write("entities", "launchd.plist", b'<!DOCTYPE plist [<!ENTITY a "b">]><plist><string>&a;</string></plist>')
+        self.write("entities", "launchd.plist",
+                   b'<!DOCTYPE plist [<!ENTITY a "b">]><plist><string>&a;</string></plist>')
         self.write("nested", "launchd.plist", b"<plist>" + b"<array>" * 140000)
-        self.write("large", "launchd.plist", b"<plist><string>" + b"x" * (2 << 20) + b"</string></plist>")
+        self.write("large", "launchd.plist",
+                   b"<plist><string>" + b"x" * (2 << 20) + b"</string></plist>")
         self.write("info", "Info.plist", b"bplist00")
         os.makedirs(self.path("pipe"))
         os.mkfifo(self.path("pipe", "launchd.plist"))
@@ -136,15 +153,19 @@ class Loading(ModulesTest):
         os.symlink("keel_loop.bundle", self.path("loop"))
         with open(self.path("file"), "w"):
             pass
-        broken = ("garbage", "array", "entities", "nested", "large", "info", "pipe", "device", "loop", "file")
+        broken = ("garbage", "array", "entities", "nested", "large", "info", "pipe", "device",
+                  "loop", "file")
         expected.update({f"keel_{name}": DEFAULT + name for name in broken})
         # These cannot be loaded.
-        self.bundle("unlabelled", job={"ProgramArguments": [PROGRAM], "MachServices": {"com.vantor.unlabelled": True}})
+        self.bundle("unlabelled",
+                    job={"ProgramArguments": [PROGRAM],
+                         "MachServices": {"com.vantor.unlabelled": True}})
         self.bundle("programless", job={"Label": "com.vantor.programless"})
         self.bundle("stealing", info={"QZMachServiceName": NOTIFY})
         refused = ("unlabelled", "programless", "stealing")
         # This one can, but has no service.
-        self.bundle("serviceless", job={"Label": "com.vantor.serviceless", "ProgramArguments": [PROGRAM]})
+        self.bundle("serviceless",
+                    job={"Label": "com.vantor.serviceless", "ProgramArguments": [PROGRAM]})
         # These are no modules.
         for name in ("a.bundle", "keel_b.plist", "Keel_c.bundle", "keel_d.bundle.old"):
             os.mkdir(BUNDLES + name)
@@ -154,18 +175,24 @@ class Loading(ModulesTest):
         self.assertEqual(self.table(), expected)
         self.assertLoaded("serviceless", *(key.removeprefix("keel_") for key in expected))
         failed = self.daemon_texts("loadAllModules: can't load module at ")
-        odd = [path for path in failed if not path.endswith(tuple(f"keel_{name}.bundle" for name in refused))]
+        odd = [path for path in failed
+               if not path.endswith(tuple(f"keel_{name}.bundle" for name in refused))]
         self.assertEqual(len(odd), 1)
         failed.remove(odd[0])
         self.assertEqual(sorted(failed), sorted(self.path(name) for name in refused))
-        # Each that could not be read is replaced without an error, and named for whoever looks closer: once for each file.
-        remarks = [line.text for line in self.daemon.log if line.category == "bundle" and line.level == "debug"]
+        # Each that could not be read is replaced without an error, and named for whoever looks
+        # closer: once for each file.
+        remarks = [line.text for line in self.daemon.log if line.category == "bundle"
+                   and line.level == "debug"]
         for name in broken:
-            self.assertEqual([text for text in self.startup("error") if self.path(name) in text], [])
+            self.assertEqual([text for text in self.startup("error") if self.path(name) in text],
+                             [])
             named = [text for text in remarks if text.startswith(f"{self.path(name)}: ")]
             self.assertEqual(len(named), {"file": 0, "loop": 2}.get(name, 1), named)
-        for name, why in (("nested", "nested more than 64 deep"), ("large", "more than 1048576 bytes")):
-            self.assertTrue([text for text in remarks if self.path(name) in text and why in text], name)
+        for name, why in (("nested", "nested more than 64 deep"),
+                          ("large", "more than 1048576 bytes")):
+            self.assertTrue([text for text in remarks if self.path(name) in text and why in text],
+                            name)
         self.assertEqual(len([text for text in self.startup("error") if "is not UTF-8" in text]), 1)
         self.wait_for_crash("com.vantor.crashing")
         self.assertEqual(self.table(), expected)
@@ -186,7 +213,8 @@ class Loading(ModulesTest):
     def test_a_missing_directory_is_an_error_and_nothing_more(self):
         remove(BUNDLES.rstrip("/"))
         self.run_daemon()
-        texts = [f"loadAllModules: can't find {BUNDLES} error No such file or directory (NSPOSIXErrorDomain error 2)"]
+        texts = [
+            f"loadAllModules: can't find {BUNDLES} error No such file or directory (NSPOSIXErrorDomain error 2)"]
         self.assertEqual(self.startup("error"), texts)
         self.assertEqual(self.startup(), texts)
         self.assertEqual(self.table(), {})
@@ -196,7 +224,8 @@ class Loading(ModulesTest):
         with open(BUNDLES.rstrip("/"), "w"):
             pass
         self.run_daemon()
-        texts = [f"loadAllModules: can't find {BUNDLES} error Not a directory (NSPOSIXErrorDomain error 20)"]
+        texts = [
+            f"loadAllModules: can't find {BUNDLES} error Not a directory (NSPOSIXErrorDomain error 20)"]
         self.assertEqual(self.startup(), texts)
 
     def test_a_job_with_empty_services_ends_the_walk(self):
@@ -209,7 +238,8 @@ class Loading(ModulesTest):
         self.assertLoaded(*listed[:4])
         self.assertEqual(self.table(), {f"keel_{name}": DEFAULT + name for name in listed[:4]})
         exception = "loadAllModules: received an exception NSRangeException: "
-        self.assertRegex(self.startup("error")[-1], re.escape(exception) + ".*" + re.escape(self.path(listed[4])))
+        self.assertRegex(self.startup("error")[-1],
+                         re.escape(exception) + ".*" + re.escape(self.path(listed[4])))
         self.assertTrue(self.startup()[-1].startswith("loadAllModules: moduleTable is "))
 
     def test_bundles_may_vanish_during_the_walk(self):
@@ -254,13 +284,16 @@ class Loading(ModulesTest):
         self.run_daemon()
         remove(self.path("gone"))
         os.chmod(self.path("own"), 0o700)
-        bad, worse = self.path("bad", "Contents/Resources/launchd.plist"), self.path("worse", "launchd.plist")
+        bad, worse = self.path("bad",
+                               "Contents/Resources/launchd.plist"), self.path(
+                                   "worse", "launchd.plist")
         expected = {
             "keel_plain": (True, "job file missing"),
             "keel_own": (False, None),
             "keel_gone": (None, "bundle missing"),
             "keel_bad": (True, f"job file: {bad} is no property list: line 3: mismatched tag"),
-            "keel_worse": (True, f'job file: {worse} holds no dictionary; Info.plist: "QZJobLabel" is no text'),
+            "keel_worse": (True,
+                           f'job file: {worse} holds no dictionary; Info.plist: "QZJobLabel" is no text'),
         }
         self.assertEqual(self.shown_synthesis(), expected)
         # Whoever may not look is not told that it was synthesized.
@@ -272,7 +305,8 @@ class Loading(ModulesTest):
     @staticmethod
     def shown_synthesis(user=0):
         """What keelctl shows that user of each module: whether its job is synthesized, and why."""
-        shown = subprocess.run([keel_host.keelctl, "modules", "--json"], check=True, capture_output=True, text=True, user=user)
+        shown = subprocess.run([keel_host.keelctl, "modules", "--json"], check=True,
+                               capture_output=True, text=True, user=user)
         modules = map(json.loads, shown.stdout.splitlines())
         return {module["module"]: (module["synthesized"], module["reason"]) for module in modules}
 
@@ -290,8 +324,10 @@ class Loading(ModulesTest):
             self.bundle(f"m{number}", info={"QZJobLabel": f"com.vantor.label{number}"})
         began = time.monotonic()
         self.run_daemon(log="runtime=debug,startup=error")
-        print(f"1000 bundles: up and running after {time.monotonic() - began:.3f} s; ", end="", flush=True)
-        self.assertEqual(self.table(), {f"keel_m{number}": f"{DEFAULT}m{number}" for number in range(1000)})
+        print(f"1000 bundles: up and running after {time.monotonic() - began:.3f} s; ", end="",
+              flush=True)
+        self.assertEqual(self.table(),
+                         {f"keel_m{number}": f"{DEFAULT}m{number}" for number in range(1000)})
 
 
 class Start(ModulesTest):
@@ -299,8 +335,10 @@ class Start(ModulesTest):
         self.bundle("one")
         self.run_daemon()
         texts = [line.text for line in self.daemon.log if line.category != "daemon"]
-        closing = next(place for place, text in enumerate(texts) if text.startswith("loadAllModules: moduleTable is "))
-        self.assertEqual(texts[closing + 1 : closing + 4], ["Auth listener created", "Notify listener created", "up and running"])
+        closing = next(place for place, text in enumerate(texts)
+                       if text.startswith("loadAllModules: moduleTable is "))
+        self.assertEqual(texts[closing + 1 : closing + 4],
+                         ["Auth listener created", "Notify listener created", "up and running"])
 
     def test_terminate_while_modules_are_loaded_ends_in_good_order_after_the_start(self):
         for number in range(200):
@@ -311,7 +349,8 @@ class Start(ModulesTest):
         self.assertEqual(daemon.wait(), 0)
         self.assertEqual(len(self.daemon_texts("loadAllModules: loaded ")), 200)
         runtime = [line.text for line in daemon.log if line.category == "runtime"]
-        # The signal is taken from the moment on at which its source is made, before the last step of the start.
+        # The signal is taken from the moment on at which its source is made, before the last step
+        # of the start.
         self.assertEqual(runtime[:2], ["Auth listener created", "Notify listener created"])
         self.assertIn(SHUTTING_DOWN, runtime)
         self.assertFalse(os.path.lexists(NOTIFY_PATH))

@@ -11,7 +11,8 @@ import sys
 import keel_accounts
 import keel_host
 from keel_accounts import (
-    ADMIN_GROUP, AUTH_FAILED, NOT_ADMIN, SERVICE_FILE, AccountsTest, add_account, change_group, install_service, password_of,
+    ADMIN_GROUP, AUTH_FAILED, NOT_ADMIN, SERVICE_FILE, AccountsTest, add_account, change_group,
+    install_service, password_of,
 )
 from keel_client import HANG_GUARD
 
@@ -111,7 +112,8 @@ class Accounts(AccountsTest):
         with open("/etc/shadow") as file:
             text = file.read()
         with open("/etc/shadow", "w") as file:
-            file.write(re.sub("(?m)^jack:[^:]*", lambda _: f"jack:{keel_accounts.encrypted('new')}", text))
+            file.write(re.sub("(?m)^jack:[^:]*", lambda _: f"jack:{keel_accounts.encrypted('new')}",
+                              text))
         self.assertRefused("jack", "old")
         self.assertAccepted("jack", "new")
 
@@ -166,7 +168,9 @@ class Service(AccountsTest):
     def test_that_cannot_be_used_refuses_everybody(self):
         with open("/etc/pam.d/other", "w") as file:
             file.write("auth required pam_permit.so\naccount required pam_permit.so\n")
-        for text in ("nonsense\n", "", "auth required pam_unix.so\n", "account required pam_permit.so\n", f"auth required {MODULE}.missing\naccount required pam_permit.so\n"):
+        for text in ("nonsense\n", "", "auth required pam_unix.so\n",
+                     "account required pam_permit.so\n",
+                     f"auth required {MODULE}.missing\naccount required pam_permit.so\n"):
             with self.subTest(text):
                 install_service(text)
                 self.assertRefused("alice")
@@ -180,15 +184,18 @@ class Service(AccountsTest):
         part = "/etc/pam.d/keeld-part"
         self.addCleanup(keel_host.remove, part)
         unix = ("auth required pam_unix.so", "account required pam_unix.so")
-        services = {kind: [("@include keeld-part",), (f"{kind} include keeld-part", other), (f"{kind} substack keeld-part", other)]
+        services = {kind: [("@include keeld-part",), (f"{kind} include keeld-part", other),
+                           (f"{kind} substack keeld-part", other)]
                     for kind, other in (("auth", unix[1]), ("account", unix[0]))}
         for kind, texts in services.items():
             for text in texts:
                 with self.subTest(text):
                     service(*text)
                     with open(part, "w") as file:
-                        file.write("".join(f"{rule}\n" for rule in unix if not rule.startswith(kind)))
-                    self.assertRefused("carol" if kind == "account" else "alice", password_of("carol") if kind == "account" else "wrong")
+                        file.write(
+                            "".join(f"{rule}\n" for rule in unix if not rule.startswith(kind)))
+                    self.assertRefused("carol" if kind == "account" else "alice",
+                                       password_of("carol") if kind == "account" else "wrong")
                     self.assertRefused("alice")
                     with open(part, "w") as file:
                         file.write("".join(f"{rule}\n" for rule in unix))
@@ -204,7 +211,8 @@ class Service(AccountsTest):
 
     def test_it_does_not_delay(self):
         """The module asks for a delay of an hour, which would be the daemon's to wait for."""
-        service("auth optional pam_faildelay.so delay=3600000000", "auth required pam_unix.so", "account required pam_unix.so")
+        service("auth optional pam_faildelay.so delay=3600000000", "auth required pam_unix.so",
+                "account required pam_unix.so")
         self.assertRefused("alice", "wrong")
         self.no_messages()
 
@@ -230,7 +238,8 @@ class BadModules(AccountsTest):
     def test_one_that_hangs_is_ended_and_holds_up_nobody_else(self):
         service(f"auth {own_module('hang', HANGING)}", "account required pam_permit.so")
         waiting = self.auth_client()
-        request = waiting.request("authenticateUser:withPassword:andHandler:", "alice", password_of("alice"))
+        request = waiting.request("authenticateUser:withPassword:andHandler:", "alice",
+                                  password_of("alice"))
         self.await_hanging()
         hanging = helpers()
         self.assertEqual(len(hanging), 1)
@@ -240,7 +249,8 @@ class BadModules(AccountsTest):
         self.assertTrue(all(await_end(pid) for pid in helpers() if pid not in hanging))
         self.assertEqual(helpers(), hanging)
         self.assertError(waiting.results(request)[0], AUTH_FAILED)
-        self.daemon.wait_for_log(re.compile("keel-pam did not answer within 8000 ms and was killed; .*"), level="error")
+        self.daemon.wait_for_log(
+            re.compile("keel-pam did not answer within 8000 ms and was killed; .*"), level="error")
 
     def test_one_that_crashes_is_a_refusal(self):
         service(f"auth {own_module('crash')}", "account required pam_permit.so")
@@ -256,7 +266,8 @@ class BadModules(AccountsTest):
         client = self.auth_client()
         self.assertWorked(self.password_error("alice", password_of("alice"), client))
         before = self.daemon.descriptor_count()
-        service(f"auth {own_module('leak')}", f"auth {own_module('crash')}", "account required pam_permit.so")
+        service(f"auth {own_module('leak')}", f"auth {own_module('crash')}",
+                "account required pam_permit.so")
         self.assertError(self.password_error("alice", password_of("alice"), client), AUTH_FAILED)
         service(f"auth {own_module('leak')}", "account required pam_permit.so")
         self.assertWorked(self.password_error("alice", password_of("alice"), client))
@@ -267,7 +278,8 @@ class BadModules(AccountsTest):
         """Who starts keeld may ignore it, and an ignored signal is inherited."""
         self.daemon.stop()
         self.daemon = self.start(before_exec=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
-        service(f"auth {own_module('leak')}", f"auth {own_module('crash')}", "account required pam_permit.so")
+        service(f"auth {own_module('leak')}", f"auth {own_module('crash')}",
+                "account required pam_permit.so")
         self.assertRefused("alice")
         self.assertTrue(all(await_end(pid) for pid in helpers()))
 
@@ -283,7 +295,8 @@ class BadModules(AccountsTest):
 
     def test_the_helper_ends_with_the_daemon(self):
         service(f"auth {own_module('hang', HANGING)}", "account required pam_permit.so")
-        self.auth_client().request("authenticateUser:withPassword:andHandler:", "alice", password_of("alice"))
+        self.auth_client().request("authenticateUser:withPassword:andHandler:", "alice",
+                                   password_of("alice"))
         self.await_hanging()
         running = helpers()
         self.assertEqual(len(running), 1)
@@ -297,7 +310,8 @@ class BadModules(AccountsTest):
         os.rename(helper, f"{helper}.away")
         self.addCleanup(os.rename, f"{helper}.away", helper)
         self.assertRefused("alice")
-        self.daemon.wait_for_log(re.compile(f"cannot run {helper}: No such file or directory; .*"), level="error")
+        self.daemon.wait_for_log(re.compile(f"cannot run {helper}: No such file or directory; .*"),
+                                 level="error")
 
 
 class Secrets(AccountsTest):
@@ -311,7 +325,8 @@ class Secrets(AccountsTest):
             add_account("lucy", 515, ADMIN_GROUP, password=self.SECRET)
 
     def test_the_helper_shows_nothing_and_inherits_nothing(self):
-        service(f"auth {own_module('report', REPORT)}", "auth required pam_unix.so", "account required pam_unix.so")
+        service(f"auth {own_module('report', REPORT)}", "auth required pam_unix.so",
+                "account required pam_unix.so")
         self.assertAccepted("lucy", self.SECRET)
         with open(REPORT, "rb") as file:
             text = file.read()
@@ -321,10 +336,12 @@ class Secrets(AccountsTest):
         self.assertEqual(parts["environ"], "\n")
         self.assertRegex(parts["limits"], r"Max core file size +0 +0 ")
         self.assertEqual(parts["process"], "dumpable 0\nleader 1\n")
-        status = dict(line.split(":\t", 1) for line in parts["status"].splitlines() if ":\t" in line)
+        status = dict(line.split(":\t", 1) for line in parts["status"].splitlines()
+                      if ":\t" in line)
         c_library_own = 3 << 31  # signals 32 and 33
         # A sanitizer in the process catches some.
-        names = ("SigBlk", "SigIgn", "SigCgt") if keel_host.memory_factor() == 1 else ("SigBlk", "SigIgn")
+        names = ("SigBlk", "SigIgn",
+                 "SigCgt") if keel_host.memory_factor() == 1 else ("SigBlk", "SigIgn")
         self.assertEqual({int(status[name], 16) & ~c_library_own for name in names}, {0})
         descriptors = dict(line.split(" ", 1) for line in parts["descriptors"].splitlines())
         report = next(number for number, path in descriptors.items() if path == REPORT)
@@ -347,7 +364,8 @@ class Secrets(AccountsTest):
     def memory(self):
         """All that the daemon can read and write."""
         found = bytearray()
-        with open(f"/proc/{self.daemon.pid}/maps") as maps, open(f"/proc/{self.daemon.pid}/mem", "rb", buffering=0) as memory:
+        with open(f"/proc/{self.daemon.pid}/maps") as maps, open(f"/proc/{self.daemon.pid}/mem",
+                                                                 "rb", buffering=0) as memory:
             for line in maps:
                 span, rights = line.split()[:2]
                 if not rights.startswith("rw"):

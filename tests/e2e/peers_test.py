@@ -26,7 +26,9 @@ class PeerTest(DaemonTest):
         return entries[0]["publisher"]
 
     def text_of(self, client, name):
-        """Number, process, program, user and session of a connection, as the daemon tells of its publisher."""
+        """Number, process, program, user and session of a connection, as the daemon tells of its
+        publisher.
+        """
         self.assertWorked(client.publish({}, name))
         found = TEXT.fullmatch(self.publisher_of(name))
         self.assertTrue(found, self.publisher_of(name))
@@ -38,7 +40,8 @@ class Identity(PeerTest):
         for uid in (ALICE, BOB, 0):
             process = self.process(uid=uid)
             number, pid, program, told_uid, session = self.text_of(process.client(), f"of {uid}")
-            self.assertEqual((pid, program, told_uid, session), (process.pid, "python3", uid, process.session))
+            self.assertEqual((pid, program, told_uid, session),
+                             (process.pid, "python3", uid, process.session))
             self.assertGreater(number, 0)
 
     def test_of_two_connections_of_a_process_differs_in_the_number_alone(self):
@@ -78,7 +81,9 @@ class Identity(PeerTest):
         self.assertTrue(self.publisher_of("name").endswith(f" uid 0 session {process.session}>"))
 
     def test_a_connection_whose_maker_has_gone_is_dropped_without_a_word(self):
-        """A process connects, leaves the connection to its child and is gone when the daemon accepts."""
+        """A process connects, leaves the connection to its child and is gone when the daemon
+        accepts.
+        """
         self.daemon.pause()
         ours, theirs = socket.socketpair()
         maker = os.fork()
@@ -110,12 +115,14 @@ class Users(PeerTest):
         self.assertWorked(alice.publish({"by": "alice"}, "weather"))
         self.assertWorked(bob.subscribe("weather"))
         self.assertEqual(bob.delivery().item, {"by": "alice"})
-        self.assertError(bob.publish({}, "weather"), 9, "the key weather has already been published")
+        self.assertError(bob.publish({}, "weather"), 9,
+                         "the key weather has already been published")
 
     def test_cannot_touch_what_others_published_root_included(self):
         alice = self.process(uid=ALICE).client()
         self.assertWorked(alice.publish({"by": "alice"}, "weather"))
-        for other in (self.process(uid=BOB).client(), self.process(uid=ALICE).client(), self.client()):
+        for other in (self.process(uid=BOB).client(), self.process(uid=ALICE).client(),
+                      self.client()):
             self.assertEqual(other.update({}, "weather").code, 11)
             self.assertEqual(other.remove("weather").code, 11)
         self.assertEqual(self.asker.dump("weather", True)[0][0]["publishedData"], {"by": "alice"})
@@ -162,7 +169,8 @@ class KilledProcesses(PeerTest):
             if number % (count // len(victims)) == 0:
                 victims[number * len(victims) // count - 1].kill()
         for survivor in survivors:
-            self.assertEqual([survivor.delivery().item["n"] for _ in range(count + 1)], list(range(count + 1)))
+            self.assertEqual([survivor.delivery().item["n"] for _ in range(count + 1)],
+                             list(range(count + 1)))
         self.wait_for_clean_up(len(victims))
         self.assertEqual(len(self.asker.dump("weather")[0][0]["subscribers"]), len(survivors))
 
@@ -184,7 +192,9 @@ class KilledProcesses(PeerTest):
         self.assertEqual(self.process().do(publish_many, 5000), 5000)
 
     def test_a_client_may_die_at_any_byte(self):
-        """Clients end after each byte of a session that publishes, follows and updates; the daemon goes on."""
+        """Clients end after each byte of a session that publishes, follows and updates; the daemon
+        goes on.
+        """
         bystander = self.client()
         self.assertWorked(bystander.publish({"n": 0}, "watched"))
         self.assertWorked(self.asker.subscribe("watched"))
@@ -198,16 +208,19 @@ class KilledProcesses(PeerTest):
                 self.assertWorked(bystander.update({"n": cut}, "watched"))
                 self.assertEqual(self.asker.delivery().item, {"n": cut})
         self.wait_for_clean_up(len(session))
-        self.assertLessEqual({entry["name"] for entry in self.asker.dump()[0]}, {"watched", "p", "s"})
+        self.assertLessEqual({entry["name"] for entry in self.asker.dump()[0]},
+                             {"watched", "p", "s"})
         with Client(greet=False) as survivor:
             survivor.take_hello()
             survivor.last_id = 5  # as many as the session uses
             survivor.send_bytes(session[: session.index(framed(encode([GOODBYE, "done"])))])
             for identifier in range(1, 5):
                 self.assertEqual(survivor.results(identifier)[-1], None)
-            self.assertEqual({entry["name"]: entry["publishedData"] for entry in survivor.results(5)[0]},
+            self.assertEqual(
+                {entry["name"]: entry["publishedData"] for entry in survivor.results(5)[0]},
                              {"watched": {"n": cut - cut % 50}, "p": {"n": 2}, "s": "<no data>"})
-            self.assertEqual([len(entry["subscribers"]) for entry in survivor.dump("p")[0] + survivor.dump("s")[0]], [1, 0])
+            self.assertEqual([len(entry["subscribers"]) for entry in survivor.dump("p")[0]
+                              + survivor.dump("s")[0]], [1, 0])
 
     def test_a_process_may_be_killed_while_it_floods(self):
         for _ in range(10):
@@ -228,7 +241,8 @@ def publish_many(count):
     """Publishes that many names and stays; how many worked."""
     global kept
     kept = Client()
-    identifiers = [kept.request("publishItem:name:flags:value:withHandler:", {"n": number}, f"name {number}", 0, 0)
+    identifiers = [kept.request("publishItem:name:flags:value:withHandler:", {"n": number},
+                                f"name {number}", 0, 0)
                    for number in range(count)]
     return sum(kept.results(identifier) == [None] for identifier in identifiers)
 

@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Clients that do not read, and users who want too much: they are held up or dropped, and others are not."""
+"""Clients that do not read, and users who want too much: they are held up or dropped, and others
+are not.
+"""
 
 import os
 import re
@@ -84,7 +86,9 @@ class SlowReaders(PressureTest):
         self.assertFalse(self.dropped())
 
     def test_together_they_are_dropped_earlier(self):
-        """Each follows a name of its own, so that nothing is shared: the bound of all is reached before that of any."""
+        """Each follows a name of its own, so that nothing is shared: the bound of all is reached
+        before that of any.
+        """
         names = [f"camera {number}" for number in range(2 * WAITING_MOST_OF_ALL // WAITING_MOST)]
         for name in names:
             self.assertWorked(self.publisher.publish({}, name))
@@ -147,8 +151,8 @@ def many_dumps():
 
 class RequestersThatDoNotRead(PressureTest):
     def send_until_held_up(self, client, frames):
-        """Sends frames without reading until the daemon takes no more, although it has had every occasion. How many were sent
-        whole; what is left of the last is sent when it can be.
+        """Sends frames without reading until the daemon takes no more, although it has had every
+        occasion. How many were sent whole; what is left of the last is sent when it can be.
         """
         sent, rest, patience = 0, b"", 0
         for frame in frames:
@@ -158,7 +162,8 @@ class RequestersThatDoNotRead(PressureTest):
                     rest = rest[client.socket.send(rest) :]
                     patience = 0
                 except BlockingIOError:
-                    # The daemon looks at all connections that have something for it before a bystander is served twice.
+                    # The daemon looks at all connections that have something for it before a
+                    # bystander is served twice.
                     patience += 1
                     if patience > 20:
                         return sent, rest
@@ -194,7 +199,8 @@ class RequestersThatDoNotRead(PressureTest):
 
     def test_small_answers_hold_one_up_too(self):
         requester = self.client()
-        requests = (framed(encode([REQUEST, number, 4, [{}, "unknown"]])) for number in range(1, 2000001))
+        requests = (framed(encode([REQUEST, number, 4, [{}, "unknown"]]))
+                    for number in range(1, 2000001))
         before = self.daemon.resident_bytes()
         sent, rest = self.send_until_held_up(requester, requests)
         self.assertTrue(rest, "never held up")
@@ -206,7 +212,8 @@ class RequestersThatDoNotRead(PressureTest):
     def test_thousands_of_requests_at_once_are_all_answered(self):
         client = self.client()
         count = 20000  # more than may be without an answer
-        client.send_bytes(b"".join(framed(encode([REQUEST, number, 6, []])) for number in range(1, count + 1)))
+        client.send_bytes(
+            b"".join(framed(encode([REQUEST, number, 6, []])) for number in range(1, count + 1)))
         self.assertEqual([client.results(number) for number in range(1, count + 1)], [[{}]] * count)
 
     def test_a_client_that_never_says_hello_may_not_send_for_ever(self):
@@ -224,7 +231,8 @@ class Quota(PressureTest):
         content = encode({"picture": bytes([fill]) * (size - 14)})
         file = sealed_file(content)
         try:
-            return client.call("publishItem:name:flags:value:withHandler:", InFile(len(content)), name, 0, 0, files=[file])[0]
+            return client.call("publishItem:name:flags:value:withHandler:", InFile(len(content)),
+                               name, 0, 0, files=[file])[0]
         finally:
             os.close(file)
 

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""docs/protocol.md against the daemon: its bad frames, its bytes and its programs, read out of it."""
+"""docs/protocol.md against the daemon: its bad frames, its bytes and its programs, read out of it.
+"""
 
 import contextlib
 import io

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""What docs/protocol.md says in prose, and no other test is about: greetings, order, endings, sessions.
+"""What docs/protocol.md says in prose, and no other test is about: greetings, order, endings,
+sessions.
 """
 
 import errno
@@ -13,7 +14,8 @@ import struct
 
 import keel_host
 from keel_client import (
-    AUTH, FAILURE, FRAME_LIMIT, HELLO, ONE_WAY, REPLY, REQUEST, UPDATE, Client, Code, Ended, Refused)
+    AUTH, FAILURE, FRAME_LIMIT, HELLO, ONE_WAY, REPLY, REQUEST, UPDATE, Client, Code, Ended,
+    Refused)
 from keel_host import HANG_GUARD, Bystanders, DaemonTest
 from keel_values import InFile, encode, framed, sealed_file
 

@@ -37,7 +37,8 @@ class Publish(NotifyTest):
 
     def test_a_name_already_published_on_this_connection_is_a_duplicate_without_description(self):
         self.assertWorked(self.publisher.publish({"kept": True}, "weather"))
-        self.assertEqual(self.publisher.publish({"kept": False}, "weather"), Error("KLNErrorDomain", 9, None))
+        self.assertEqual(self.publisher.publish({"kept": False}, "weather"),
+                         Error("KLNErrorDomain", 9, None))
         self.assertEqual(self.entry("weather")["publishedData"], {"kept": True})
 
     def test_a_name_published_on_another_connection_is_a_duplicate_with_description(self):
@@ -45,7 +46,8 @@ class Publish(NotifyTest):
         self.follower.subscribe("weather")
         self.assertDelivered(self.follower, "weather", {"kept": True})
         other = self.client()
-        self.assertError(other.publish({}, "weather"), 9, "the key weather has already been published")
+        self.assertError(other.publish({}, "weather"), 9,
+                         "the key weather has already been published")
         self.assertNothingDelivered(self.follower)
         self.assertEqual(self.entry("weather")["publishedData"], {"kept": True})
         self.assertWorked(self.publisher.update({"still": "mine"}, "weather"))
@@ -69,7 +71,9 @@ class Publish(NotifyTest):
         self.assertNotEqual(self.entry("weather")["publishDate"], "<never published>")
 
     def test_flags_and_value_of_any_content_change_nothing(self):
-        for place, (flags, value) in enumerate([(0, 0), (1, -1), (MOST, (1 << 63) - 1), (1 << 63, -(1 << 63)), (0x5555, 42)]):
+        for place, (flags,
+                    value) in enumerate([(0, 0), (1, -1), (MOST, (1 << 63) - 1),
+                                         (1 << 63, -(1 << 63)), (0x5555, 42)]):
             name = f"name {place}"
             self.assertWorked(self.publisher.publish({"n": place}, name, flags, value))
             self.assertWorked(self.follower.subscribe(name, flags))
@@ -106,7 +110,8 @@ class Update(NotifyTest):
             self.assertWorked(follower.subscribe("weather"))
             self.assertDelivered(follower, "weather", {"n": 0})
         for number in range(1, 101):
-            self.publisher.request("updatePublishedItem:name:withHandler:", {"n": number}, "weather")
+            self.publisher.request("updatePublishedItem:name:withHandler:", {"n": number},
+                                   "weather")
         for follower in followers:
             for number in range(1, 101):
                 self.assertDelivered(follower, "weather", {"n": number})
@@ -155,7 +160,8 @@ class PipelinedUpdates(NotifyTest):
             self.assertDelivered(follower, "weather", None)
         # Sizes vary; some values exceed what is copied into a batch, some updates carry no data.
         self.items = [
-            None if n % 1001 == 1000 else {"n": n, "text": "x" * (6000 if n % 997 == 996 else n % 90)}
+            None if n % 1001 == 1000
+            else {"n": n, "text": "x" * (6000 if n % 997 == 996 else n % 90)}
             for n in range(self.COUNT)
         ]
 
@@ -333,7 +339,8 @@ class Unsubscribe(NotifyTest):
         for name in ("weather", "unknown", "", None):
             self.follower.unsubscribe(name)
         self.assertNothingDelivered(self.follower)
-        self.assertEqual(len(self.follower.history), 2)  # the hello, and the answer that nothing more would come
+        # the hello, and the answer that nothing more would come
+        self.assertEqual(len(self.follower.history), 2)
         self.assertWorked(self.publisher.update({"n": 2}, "weather"))
         self.assertDelivered(other, "weather", {"n": 1})
         self.assertDelivered(other, "weather", {"n": 2})
@@ -401,7 +408,8 @@ class TheEndOfAConnection(NotifyTest):
     def test_with_requests_under_way_harms_nobody(self):
         self.assertWorked(self.follower.subscribe("weather"))
         for number in range(200):
-            self.publisher.request("publishItem:name:flags:value:withHandler:", {}, f"name {number}", 0, 0)
+            self.publisher.request("publishItem:name:flags:value:withHandler:", {},
+                                   f"name {number}", 0, 0)
         self.end_of(self.publisher)
         self.assertWorked(self.client().publish({"n": 1}, "weather"))
         self.assertDelivered(self.follower, "weather", {"n": 1})
@@ -409,7 +417,8 @@ class TheEndOfAConnection(NotifyTest):
 
 class SideQuestions(NotifyTest):
     def test_nobody_is_authenticated_at_first(self):
-        for user, asid in (("root", 0), ("alice", 3), ("", -1), (None, 2147483647), ("alice", -2147483648)):
+        for user, asid in (("root", 0), ("alice", 3), ("", -1), (None, 2147483647),
+                           ("alice", -2147483648)):
             self.assertEqual(self.follower.auth_check(user, asid), [False, None])
 
     def test_without_modules_their_table_is_empty(self):

@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Users without rights at full speed (tests/siege): the daemon lives on, and serves whoever asks next."""
+"""Users without rights at full speed (tests/siege): the daemon lives on, and serves whoever asks
+next.
+"""
 
 import subprocess
 import sys
@@ -20,12 +22,14 @@ class Siege(DaemonTest):
     log = "runtime=debug,notification=fault"
 
     def attack(self, *arguments):
-        attack = subprocess.run([PROGRAM, "--seconds", str(SECONDS), *arguments], capture_output=True, text=True,
+        attack = subprocess.run([PROGRAM, "--seconds", str(SECONDS), *arguments],
+                                capture_output=True, text=True,
                                 timeout=SECONDS + HANG_GUARD)
         self.assertEqual(attack.returncode, 0, attack.stderr)
 
     def test_a_crowd_that_reads_more_slowly_than_updates_come(self):
-        for shape in (("--names", "20", "--followers", "5000"), ("--names", "100", "--followers", "1000")):
+        for shape in (("--names", "20", "--followers", "5000"),
+                      ("--names", "100", "--followers", "1000")):
             with self.subTest(shape=shape):
                 bystanders = Bystanders(self, name=" ".join(shape))
                 self.attack("crowd", *shape)

@@ -44,7 +44,8 @@ class Root(StartTest):
         daemon = self.failing(1, arguments=["bin/some daemon"], **options)
         self.assertEqual(
             daemon.lines,
-            ["bin/some daemon must be executed as root.", "See the man pages for bin/some daemon, su, and sudo."],
+            ["bin/some daemon must be executed as root.",
+             "See the man pages for bin/some daemon, su, and sudo."],
         )
         self.assertFalse(os.path.lexists(LOCK_DIRECTORY))
         self.assertFalse(os.path.lexists(NOTIFY_PATH))
@@ -59,7 +60,8 @@ class Root(StartTest):
         if keel_host.memory_factor() > 1:
             self.skipTest("a sanitizer cannot look at a process of two users")
         daemon = self.failing(2, before_exec=lambda: os.setresuid(0, USER, USER))
-        self.assertTrue(daemon.logged("Failed to create the lock dir at /private/var/keeld errno = 13"))
+        self.assertTrue(
+            daemon.logged("Failed to create the lock dir at /private/var/keeld errno = 13"))
 
 
 class LockDirectory(StartTest):
@@ -125,7 +127,8 @@ class Banner(StartTest):
             struct.unpack_from("<Q", program, 40)[0],
             *struct.unpack_from("<HHH", program, 58),
         )
-        headers = [struct.unpack_from("<IIQQQQ", program, table + place * size) for place in range(count)]
+        headers = [struct.unpack_from("<IIQQQQ", program, table + place * size)
+                   for place in range(count)]
         names = headers[names_at][4]
         for header in headers:
             start = names + header[0]
@@ -136,11 +139,14 @@ class Banner(StartTest):
     @staticmethod
     def load_address(daemon):
         with open(f"/proc/{daemon.pid}/maps") as maps:
-            return int(next(line for line in maps if line.rstrip().endswith(keel_host.keeld)).split("-")[0], 16)
+            return int(next(line for line in maps
+                            if line.rstrip().endswith(keel_host.keeld)).split("-")[0], 16)
 
 
 class Cores(StartTest):
-    """The kernel writes a core of those processes only into which one like it could look without a privilege."""
+    """The kernel writes a core of those processes only into which one like it could look without a
+    privilege.
+    """
 
     @staticmethod
     def drop_privilege_to_debug():
@@ -150,7 +156,8 @@ class Cores(StartTest):
 
     def can_be_looked_into(self, pid):
         opening = ["sh", "-c", f": < /proc/{pid}/mem"]
-        return subprocess.run(opening, preexec_fn=self.drop_privilege_to_debug, capture_output=True).returncode == 0
+        return subprocess.run(opening, preexec_fn=self.drop_privilege_to_debug,
+                              capture_output=True).returncode == 0
 
     def test_are_never_written(self):
         other = subprocess.Popen(["sleep", "infinity"], preexec_fn=self.drop_privilege_to_debug)
@@ -189,10 +196,13 @@ class Priority(StartTest):
 
 
 class Threads(StartTest):
-    """On a machine that gives only so many of them: each has a stack of 8 GiB, and the addresses do not suffice for more."""
+    """On a machine that gives only so many of them: each has a stack of 8 GiB, and the addresses do
+    not suffice for more.
+    """
 
     STACK = 8 << 30
-    # The logging thread, the I/O thread, one each for requests, checks and the closing of descriptors.
+    # The logging thread, the I/O thread, one each for requests, checks and the closing of
+    # descriptors.
     NEEDED = 5
     SIGNALS = 2
 
@@ -265,8 +275,10 @@ class Sockets(StartTest):
         self.assertWorked(client.publish({"of": 1}, "name"))
         before = os.lstat(NOTIFY_PATH).st_ino
         second = self.failing(3)
-        line = second.wait_for_log(re.compile(f"cannot serve {re.escape(AUTH)}: .*"), level="error", category="runtime")
-        self.assertIn(f"{AUTH_PATH} is served by another process already; stop that one first", line.text)
+        line = second.wait_for_log(re.compile(f"cannot serve {re.escape(AUTH)}: .*"), level="error",
+                                   category="runtime")
+        self.assertIn(f"{AUTH_PATH} is served by another process already; stop that one first",
+                      line.text)
         self.assertFalse(second.logged("up and running"))
         self.assertEqual(os.lstat(NOTIFY_PATH).st_ino, before)
         self.assertWorked(client.update({"of": 2}, "name"))
@@ -338,10 +350,13 @@ class SocketActivation(StartTest):
 
 
 def deny_signal_sources():
-    """From now on signalfd(2) fails in this process: as if there were no descriptors left, but for it alone."""
+    """From now on signalfd(2) fails in this process: as if there were no descriptors left, but for
+    it alone.
+    """
     load_number, equal, answer, allow, fail = 0x20, 0x15, 0x06, 0x7FFF0000, 0x00050000
     number = {"x86_64": 289, "aarch64": 74}[os.uname().machine]
-    filters = [(load_number, 0, 0, 0), (equal, 0, 1, number), (answer, 0, 0, fail | errno.EMFILE), (answer, 0, 0, allow)]
+    filters = [(load_number, 0, 0, 0), (equal, 0, 1, number), (answer, 0, 0, fail | errno.EMFILE),
+               (answer, 0, 0, allow)]
     code = ctypes.create_string_buffer(b"".join(struct.pack("=HBBI", *each) for each in filters))
     program = struct.pack("@HP", len(filters), ctypes.addressof(code))
     set_seccomp, by_filter = 22, 2
@@ -365,8 +380,10 @@ class Signals(StartTest):
 
     def test_the_start_is_logged_in_order(self):
         daemon = self.start()
-        told = [line.text for line in daemon.log if line.level == "debug" and line.category == "runtime"]
-        self.assertEqual(told[-3:], ["Auth listener created", "Notify listener created", "up and running"])
+        told = [line.text for line in daemon.log if line.level == "debug"
+                and line.category == "runtime"]
+        self.assertEqual(told[-3:],
+                         ["Auth listener created", "Notify listener created", "up and running"])
         level, category, text = next(line for line in daemon.log if line.level != "debug")
         self.assertEqual((level, category), ("default", "daemon"))
         self.assertRegex(text, r"\Akeeld \d+\.\d+\.\d+ is running \(build id [0-9a-f]+\)\Z")
@@ -408,7 +425,9 @@ class Signals(StartTest):
     def test_terminate_ends_it_also_when_its_manager_reads_nothing(self):
         path = "/run/unread"
         self.addCleanup(remove, path)
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as other:
+        with socket.socket(socket.AF_UNIX,
+                           socket.SOCK_DGRAM) as manager, socket.socket(
+                               socket.AF_UNIX, socket.SOCK_DGRAM) as other:
             manager.bind(path)
             daemon = self.start(environment={"NOTIFY_SOCKET": path})
             self.assertEqual(manager.recv(100), b"READY=1")

@@ -55,10 +55,12 @@ PASSED_ON = {
     "a key twice": dictionary(("a", b"\x01"), ("b", b"\x02"), ("a", b"\x03"), ("a", b"\x03")),
     "a key with nul": dictionary(("\0", b"\x01"), ("\0\0", b"\x02")),
     "floats of 16 bits": dictionary(*((str(n), b"\xf9" + value) for n, value in enumerate(
-        (b"\x3e\x00", b"\x00\x00", b"\x80\x00", b"\x00\x01", b"\x7c\x00", b"\xfc\x00", b"\x7e\x00", b"\x7e\x01",
+        (b"\x3e\x00", b"\x00\x00", b"\x80\x00", b"\x00\x01", b"\x7c\x00", b"\xfc\x00", b"\x7e\x00",
+         b"\x7e\x01",
          b"\xfd\xff")))),
     "floats of 32 bits": dictionary(*((str(n), b"\xfa" + value) for n, value in enumerate(
-        (b"\x3f\xc0\x00\x00", b"\x00\x00\x00\x01", b"\x7f\x80\x00\x00", b"\x7f\xc0\x00\x01", b"\x80\x00\x00\x00")))),
+        (b"\x3f\xc0\x00\x00", b"\x00\x00\x00\x01", b"\x7f\x80\x00\x00", b"\x7f\xc0\x00\x01",
+         b"\x80\x00\x00\x00")))),
     "floats of 64 bits": dictionary(*((str(n), b"\xfb" + value) for n, value in enumerate(
         (struct.pack(">d", 1.5), struct.pack(">d", 5e-324), struct.pack(">d", float("-inf")), NAN,
          b"\x7f\xf0" + 5 * b"\0" + b"\1")))),
@@ -68,13 +70,17 @@ PASSED_ON = {
     "bytes": dictionary(("none", b"\x40"), ("all", encode(bytes(range(256))))),
     "texts": dictionary(("none", text("")), ("nul", text("a\0b")), ("last", text("\U0010ffff")),
                         ("before surrogates", text("\ud7ff")),
-                        ("behind them", text("\ue000")), ("no characters", text("\ufffe\uffff")), ("mark", text("\ufeff"))),
+                        ("behind them", text("\ue000")), ("no characters", text("\ufffe\uffff")),
+                        ("mark", text("\ufeff"))),
     "simple values": dictionary(("false", b"\xf4"), ("true", b"\xf5"), ("null", b"\xf6")),
-    "dates": dictionary(("whole", b"\xc1\x1a\x6b\x01\x64\x98"), ("before", b"\xc1\x20"), ("half", b"\xc1\xf9\x38\x00"),
-                        ("fraction", b"\xc1\xfb\x41\xda\xc0\x59\x26\x10\x00\x00"), ("far", b"\xc1\x1b" + 8 * b"\xff")),
+    "dates": dictionary(("whole", b"\xc1\x1a\x6b\x01\x64\x98"), ("before", b"\xc1\x20"),
+                        ("half", b"\xc1\xf9\x38\x00"),
+                        ("fraction", b"\xc1\xfb\x41\xda\xc0\x59\x26\x10\x00\x00"),
+                        ("far", b"\xc1\x1b" + 8 * b"\xff")),
     "errors": dictionary(("bare", error_bytes()), ("least", error_bytes(code=encode(-(2**63)))),
                          ("most", error_bytes(code=encode(2**63 - 1))),
-                         ("full", error_bytes(user_info=dictionary(("x", error_bytes()), ("x", b"\xf6"))))),
+                         ("full",
+                          error_bytes(user_info=dictionary(("x", error_bytes()), ("x", b"\xf6"))))),
     "64 deep in arrays": in_dictionary(nested(63)),
     "64 deep in dictionaries": nested(64, "dictionary"),
     "64 deep in an error": in_dictionary(error_bytes(user_info=nested(62, "dictionary"))),
@@ -158,7 +164,8 @@ class Data(ValueTest):
         for what, item in PASSED_ON.items():
             with self.subTest(what):
                 self.assertWorked(self.sender.publish(Raw(item), what))
-                identifier = self.sender.request("dumpNotification:withData:andHandler:", what, True)
+                identifier = self.sender.request("dumpNotification:withData:andHandler:", what,
+                                                 True)
                 entries = self.sender.answer(identifier).raw_arguments[0]
                 self.assertTrue(entries.endswith(text("publishedData") + item), entries.hex())
 
@@ -174,15 +181,18 @@ class Data(ValueTest):
         self.assertWorked(self.follower.subscribe("weather"))
         self.assertWorked(self.sender.publish({"n": 1}, "weather"))
         for item in REFUSED.values():
-            identifier = self.sender.request("updatePublishedItem:name:withHandler:", Raw(item), "weather")
+            identifier = self.sender.request("updatePublishedItem:name:withHandler:", Raw(item),
+                                             "weather")
             self.sender.failure(identifier)
         self.assertWorked(self.sender.update({"n": 2}, "weather"))
-        self.assertEqual([delivery.item for delivery in self.follower.deliveries_so_far()], [{"n": 1}, {"n": 2}])
+        self.assertEqual([delivery.item for delivery in self.follower.deliveries_so_far()],
+                         [{"n": 1}, {"n": 2}])
 
 
 class Names(ValueTest):
     def test_are_told_apart_byte_by_byte(self):
-        names = ["", "\0", "\0\0", " ", "a", "A", "a ", "\u00e9", "e\u0301", "\n", "\x1b[31m", "\x7f", "\ufeff", "\ufeffa",
+        names = ["", "\0", "\0\0", " ", "a", "A", "a ", "\u00e9", "e\u0301", "\n", "\x1b[31m",
+                 "\x7f", "\ufeff", "\ufeffa",
                  "\U0001f600",
                  "(null)", "<no data>", "a\0b", "a\0c", "%s%n%@", "../../etc/passwd"]
         for number, name in enumerate(names):
@@ -245,7 +255,8 @@ class Arguments(ValueTest):
         else:
             self.sender.send([ONE_WAY, place, arguments])
             self.sender.dump("")  # behind it
-            failures = [message for message in self.sender.history if message.kind == FAILURE and message.fields[1] is None]
+            failures = [message for message in self.sender.history if message.kind == FAILURE
+                        and message.fields[1] is None]
             answer = self.sender.answer(None) if len(failures) > self.failures_taken else None
             self.failures_taken = len(failures)
         return Code(answer.fields[2]) if answer and answer.kind == FAILURE else None
@@ -267,20 +278,24 @@ class Arguments(ValueTest):
                 for value in values:
                     with self.subTest(selector, place=place, value=value):
                         changed = [*arguments[:place], value, *arguments[place + 1 :]]
-                        expected = Code.undecodable if isinstance(value, Raw) else Code.wrongArguments
+                        expected = Code.undecodable if isinstance(value,
+                                                                  Raw) else Code.wrongArguments
                         self.assertEqual(self.outcome(kind, selector, changed), expected)
 
     def test_in_another_number_are_refused(self):
         for selector, (kind, arguments, _) in METHODS.items():
             with self.subTest(selector):
-                self.assertEqual(self.outcome(kind, selector, [*arguments, None]), Code.wrongArguments)
+                self.assertEqual(self.outcome(kind, selector, [*arguments, None]),
+                                 Code.wrongArguments)
                 if arguments:
-                    self.assertEqual(self.outcome(kind, selector, arguments[:-1]), Code.wrongArguments)
+                    self.assertEqual(self.outcome(kind, selector, arguments[:-1]),
+                                     Code.wrongArguments)
 
     def test_asked_the_other_way_round_are_refused(self):
         for selector, (kind, arguments, _) in METHODS.items():
             other = ONE_WAY if kind == REQUEST else REQUEST
-            self.assertEqual(self.outcome(other, selector, arguments), Code.wrongArguments, selector)
+            self.assertEqual(self.outcome(other, selector, arguments), Code.wrongArguments,
+                             selector)
 
     def test_numbers_at_their_limits_are_taken(self):
         for asid in (2**31 - 1, -(2**31)):
@@ -303,7 +318,8 @@ class Arguments(ValueTest):
         for selector, (kind, arguments, _) in METHODS.items():
             self.outcome(kind, selector, [*arguments, None])
         self.assertWorked(self.sender.update({"n": 2}, "weather"))
-        self.assertEqual([delivery.item for delivery in self.follower.deliveries_so_far()], [{"n": 1}, {"n": 2}])
+        self.assertEqual([delivery.item for delivery in self.follower.deliveries_so_far()],
+                         [{"n": 1}, {"n": 2}])
 
 
 class Decoding(ValueTest):

@@ -1,8 +1,10 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""A project that takes keeld in with add_subdirectory: it gets the client library, and nothing else.
+"""A project that takes keeld in with add_subdirectory: it gets the client library, and nothing
+else.
 
-Called with the paths of cmake, the compiler, keeld's sources and a build folder, which is kept: only the first run takes long.
+Called with the paths of cmake, the compiler, keeld's sources and a build folder, which is kept:
+only the first run takes long.
 """
 
 import os
@@ -16,7 +18,8 @@ OUTSIDE = os.path.dirname(os.path.realpath(__file__))
 
 
 def run(*command, **options):
-    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False, **options)
+    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          check=False, **options)
     if done.returncode != 0:
         raise AssertionError(f"{' '.join(command)} failed:\n{done.stdout[-8000:]}")
     return done.stdout
@@ -25,8 +28,10 @@ def run(*command, **options):
 class Embedding(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        launcher = [f"-DCMAKE_CXX_COMPILER_LAUNCHER={shutil.which('ccache')}"] if shutil.which("ccache") else []
-        run(cmake, "--fresh", "-G", "Ninja", "-S", OUTSIDE, "-B", build, f"-DKEELD_SOURCES={sources}",
+        launcher = [f"-DCMAKE_CXX_COMPILER_LAUNCHER={shutil.which('ccache')}"] if shutil.which(
+            "ccache") else []
+        run(cmake, "--fresh", "-G", "Ninja", "-S", OUTSIDE, "-B", build,
+            f"-DKEELD_SOURCES={sources}",
             f"-DCMAKE_CXX_COMPILER={compiler}", *launcher)
         run(cmake, "--build", build, "--target", "x")
 

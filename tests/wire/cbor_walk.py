@@ -14,7 +14,9 @@ _FLOAT_FORMATS = {25: ">e", 26: ">f", 27: ">d"}
 
 @dataclass
 class Node:
-    """One item. `value` is its number, text, bytes, boolean, null or float; of a container its count; of a tag its number."""
+    """One item. `value` is its number, text, bytes, boolean, null or float; of a container its
+    count; of a tag its number.
+    """
 
     major: int
     value: object

@@ -1,15 +1,17 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Matches encoded items against a grammar in the part of CDDL (RFC 8610) that docs/protocol.md uses.
+"""Matches encoded items against a grammar in the part of CDDL (RFC 8610) that docs/protocol.md
+uses.
 
-Known: rules, choices, numbers, ranges of numbers, names, parentheses, tags; arrays, whose last element may have a "*"; maps,
-whose members may have "?" or "*". Anything else is a syntax error.
+Known: rules, choices, numbers, ranges of numbers, names, parentheses, tags; arrays, whose last
+element may have a "*"; maps, whose members may have "?" or "*". Anything else is a syntax error.
 """
 
 import re
 
 from cbor_walk import ARRAY, BYTES, MAP, NEGATIVE, SIMPLE, TAG, TEXT, UNSIGNED
 
-_TOKEN = re.compile(r'\s*(?:;[^\n]*\s*)*(=>|\.\.|#6\.\d+|"[^"]*"|-?\d+|[A-Za-z][\w-]*|[=/,:?*()\[\]{}])')
+_TOKEN = re.compile(
+    r'\s*(?:;[^\n]*\s*)*(=>|\.\.|#6\.\d+|"[^"]*"|-?\d+|[A-Za-z][\w-]*|[=/,:?*()\[\]{}])')
 _PRELUDE = {
     "tstr": lambda node: node.major == TEXT,
     "bstr": lambda node: node.major == BYTES,
@@ -128,7 +130,8 @@ class Grammar:
         if kind == "text":
             return node.major == TEXT and node.value == pattern[1]
         if kind == "tag":
-            return node.major == TAG and node.value == pattern[1] and self._match(pattern[2], node.children[0])
+            return node.major == TAG and node.value == pattern[1] and self._match(
+                pattern[2], node.children[0])
         if kind == "array":
             return node.major == ARRAY and self._match_sequence(pattern[1], node.children)
         return node.major == MAP and self._match_members(pattern[1], node.children)
@@ -139,7 +142,9 @@ class Grammar:
         occurrence, _, wanted = entries[0]
         if occurrence == "*":
             return all(self._match(wanted, child) for child in children) and len(entries) == 1
-        return bool(children) and self._match(wanted, children[0]) and self._match_sequence(entries[1:], children[1:])
+        return bool(children) and self._match(wanted,
+                                              children[0]) and self._match_sequence(
+                                                  entries[1:], children[1:])
 
     def _match_members(self, entries, children):
         """Each member belongs to the first entry whose key fits it."""

@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Keeps docs/protocol.md true.
 
-    protocol_examples.py PAGE            makes every example anew and compares; exits 1 on any difference
-    protocol_examples.py --write PAGE    puts the examples into the page
+    protocol_examples.py PAGE            makes every example anew and compares; exits 1 on any
+    difference protocol_examples.py --write PAGE    puts the examples into the page
 
 What is checked: the bytes and annotations behind each "<!-- example: NAME -->", and the texts
 behind each "<!-- exchange: NAME -->"; that the page's tables name the selectors of protocols/*.h in
@@ -43,14 +43,15 @@ SUBSCRIBER = selectors_of("subscriber_proxy.h")
 AUTH = selectors_of("auth_proxy.h")
 
 
-# The messages. A label says what an item is: a text, in which %s stands for the item's own description, or such a text and the
-# labels of its children.
+# The messages. A label says what an item is: a text, in which %s stands for the item's own
+# description, or such a text and the labels of its children.
 
 HELLO, REQUEST, ONE_WAY, REPLY, FAILURE, GOODBYE = range(6)
 
 
 def hello(selectors, options):
-    labels = ["kind %s: hello", "version %s", ("selectors: %s", ["%s"] * len(selectors)), "options: %s"]
+    labels = ["kind %s: hello", "version %s", ("selectors: %s", ["%s"] * len(selectors)),
+              "options: %s"]
     return [HELLO, 1, selectors, options], ("%s", labels)
 
 
@@ -74,7 +75,9 @@ def reply(identifier, **results):
 
 
 def failure(identifier, code, meaning, text):
-    return [FAILURE, identifier, code, text], ("%s", ["kind %s: failure", "id %s", f"code %s: {meaning}", "text %s"])
+    return [FAILURE, identifier, code, text], ("%s",
+                                               ["kind %s: failure", "id %s", f"code %s: {meaning}",
+                                                "text %s"])
 
 
 def goodbye(text):
@@ -82,7 +85,8 @@ def goodbye(text):
 
 
 MEASURED = cbor2.CBORTag(1, 1795253400.25)
-WEATHER = {"place": "Tegel", "degrees": -3.5, "measured": MEASURED, "wind": {"from": "NW", "kmh": 14}}
+WEATHER = {"place": "Tegel", "degrees": -3.5, "measured": MEASURED,
+           "wind": {"from": "NW", "kmh": 14}}
 PICTURE = {"picture": bytes(70000)}
 # Of process 4711 of user 501, which began 1,234,567 hundredths of a second after the machine.
 REFERENCE = b"KeelRef1" + struct.pack("<IIQ", 4711, 501, 1234567) + b"1feRleeK"
@@ -97,16 +101,20 @@ FRAMES = {
     "daemon-hello": hello(NOTIFY, {"descriptors": True}),
     "subscribe-request": request(1, "subscribeTo:withFlags:andHandler:", name="weather", flags=0),
     "subscribe-reply": reply(1, dictionary=None, error=None),
-    "delivery": one_way(SUBSCRIBER, SUBSCRIBER[0], name="weather", item=WEATHER, flags=0, error=None),
+    "delivery": one_way(SUBSCRIBER, SUBSCRIBER[0], name="weather", item=WEATHER, flags=0,
+                        error=None),
     "publish-request": request(
-        2, "publishItem:name:flags:value:withHandler:", item={"open": True}, name="door", flags=0, value=0
+        2, "publishItem:name:flags:value:withHandler:", item={"open": True}, name="door", flags=0,
+        value=0
     ),
     "publish-reply": reply(2, error=None),
-    "refused-request": request(3, "publishItem:name:flags:value:withHandler:", item={}, name="weather", flags=0, value=0),
+    "refused-request": request(3, "publishItem:name:flags:value:withHandler:", item={},
+                               name="weather", flags=0, value=0),
     "refused-reply": reply(3, error=error(9, "the key weather has already been published")),
     "unknown-request": (
         [REQUEST, 4, 99, []],
-        ("%s", ["kind %s: request", "id %s", "method %s: the daemon has none there", "arguments: %s"]),
+        ("%s",
+         ["kind %s: request", "id %s", "method %s: the daemon has none there", "arguments: %s"]),
     ),
     "failure": failure(4, 2, "unknownMethod", "there is no method 99"),
     "unsubscribe": one_way(NOTIFY, "unsubscribeFrom:", name="weather"),
@@ -128,8 +136,11 @@ FRAMES = {
         2, "authenticateUser:withPassword:andHandler:", AUTH, user="alice", password="open says me"
     ),
     "auth-password-reply": reply(2, error=cbor2.CBORTag(51741, ["KLNErrorDomain", 5, None])),
-    "auth-reference-request": request(3, "authenticateForUser:using:withHandler:", AUTH, user="alice", reference=REFERENCE),
-    "auth-reference-reply": reply(3, error=cbor2.CBORTag(51741, ["NSOSStatusErrorDomain", -60005, None])),
+    "auth-reference-request": request(3, "authenticateForUser:using:withHandler:", AUTH,
+                                      user="alice", reference=REFERENCE),
+    "auth-reference-reply": reply(3,
+                                  error=cbor2.CBORTag(51741,
+                                                      ["NSOSStatusErrorDomain", -60005, None])),
 }
 
 # Items outside a frame.
@@ -201,7 +212,8 @@ def frame_bytes(message):
 
 def lines_of(node, label="%s", depth=0):
     text, child_labels = label if isinstance(label, tuple) else (label, [])
-    pieces = [node.encoded[at : at + BYTES_PER_LINE] for at in range(0, len(node.encoded), BYTES_PER_LINE)]
+    pieces = [node.encoded[at : at + BYTES_PER_LINE]
+              for at in range(0, len(node.encoded), BYTES_PER_LINE)]
     omitted = 0
     if len(pieces) > 8:
         omitted = sum(map(len, pieces[1:]))
@@ -214,7 +226,8 @@ def lines_of(node, label="%s", depth=0):
     for place, child in enumerate(node.children):
         # A member's value stands deeper than its key.
         child_depth = depth + 1 + (node.major == MAP and place % 2)
-        yield from lines_of(child, child_labels[place] if place < len(child_labels) else "%s", child_depth)
+        yield from lines_of(child, child_labels[place] if place < len(child_labels) else "%s",
+                            child_depth)
 
 
 def frame_text(message, label):
@@ -253,7 +266,8 @@ def compare_examples(page):
 
 def compare_tables(page):
     rows = re.findall(r"^\| (\d+) \| `([^`]+:)`", page, re.MULTILINE)
-    wanted = [(str(place), selector) for table in (NOTIFY, SUBSCRIBER, AUTH) for place, selector in enumerate(table)]
+    wanted = [(str(place), selector) for table in (NOTIFY, SUBSCRIBER, AUTH)
+              for place, selector in enumerate(table)]
     if rows != wanted:
         yield f"the tables of methods are {rows}, protocols/ says {wanted}"
 
@@ -265,13 +279,15 @@ def compare_grammar(page):
         node = parse(cbor2.dumps(message))
         if not grammar.matches(node, "message"):
             yield f"example {name} is no message of the grammar"
-        items, rule = items_and_rule(message, node, pending, AUTH if name.startswith("auth-") else NOTIFY)
+        items, rule = items_and_rule(message, node, pending,
+                                     AUTH if name.startswith("auth-") else NOTIFY)
         if rule and not grammar.matches(items, rule):
             yield f"example {name} is no {rule} of the grammar"
     for name, (value, _) in ITEMS.items():
         if not grammar.matches(parse(cbor2.dumps(value)), "value"):
             yield f"example {name} is no value of the grammar"
-    for bad in (cbor2.dumps([REQUEST, 1, 0]), cbor2.dumps([6]), cbor2.dumps([GOODBYE, 1]), cbor2.dumps([REPLY, -1, []])):
+    for bad in (cbor2.dumps([REQUEST, 1, 0]), cbor2.dumps([6]), cbor2.dumps([GOODBYE, 1]),
+                cbor2.dumps([REPLY, -1, []])):
         if grammar.matches(parse(bad), "message"):
             yield f"the grammar takes {bad.hex()} for a message"
     for selector in NOTIFY + SUBSCRIBER + AUTH:
@@ -367,7 +383,8 @@ def main(arguments):
     page = path.read_text()
     if write:
         made = examples()
-        path.write_text(EXAMPLE.sub(lambda match: match[1] + made.get(match[2], match[3]) + match[4], page))
+        path.write_text(
+            EXAMPLE.sub(lambda match: match[1] + made.get(match[2], match[3]) + match[4], page))
         return 0
     differences = []
     comparisons = (
@@ -384,7 +401,8 @@ def main(arguments):
     for difference in differences:
         print(f"{path}: {difference}", file=sys.stderr)
     if not differences:
-        print(f"{path}: {len(examples())} examples, the programs, the tables and the grammar are as they should be")
+        print(
+            f"{path}: {len(examples())} examples, programs, tables and grammar are correct")
     return 1 if differences else 0
 
 

@@ -28,7 +28,8 @@ def framed(message):
 
 @contextlib.contextmanager
 def stand_in(serve):
-    """The path of a socket whose first connection `serve` is called with, on a thread of its own."""
+    """The path of a socket whose first connection `serve` is called with, on a thread of its own.
+    """
     listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     with tempfile.TemporaryDirectory() as folder, listener:
         path = folder + "/service"
