@@ -17,44 +17,13 @@ import unittest.mock
 import keel_host
 from keel_client import AUTH, DIRECTORY, NOTIFY
 from keel_host import BUNDLES, DaemonTest, remove
-from keel_jobs import Caller, SpyBus, Supervisor, ask, shown_jobs, telling_job
+from keel_jobs import Caller, JobTest, SpyBus, ask, shown_jobs, state_of, systemctl, telling_job
 
 RUNTIME, PERSISTENT = "/run/systemd/system", "/etc/systemd/system"
 PRIVATE = "/run/systemd/private"
 NO_BUS = {"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/run/missing"}
 UNREACHABLE = "systemd cannot be reached, .*"
 PACKAGING = os.path.join(os.path.dirname(__file__), "../../packaging/systemd")
-
-
-def systemctl(*words, check=True):
-    return subprocess.run(["systemctl", *words], check=check, capture_output=True,
-                          text=True).stdout.strip()
-
-
-def state_of(unit):
-    return systemctl("show", "--property=ActiveState", "--value", unit)
-
-
-class JobTest(unittest.TestCase):
-    def setUp(self):
-        self.supervisor = self.make_supervisor()
-
-    def make_supervisor(self, **environment):
-        supervisor = Supervisor(**environment)
-        self.addCleanup(supervisor.close)
-        return supervisor
-
-    def assertDone(self, outcome):
-        self.assertEqual(outcome, (True, None))
-
-    def assertRefused(self, outcome, text):
-        self.assertFalse(outcome[0])
-        self.assertIn(text, outcome[1])
-
-    def enable(self, job):
-        self.assertDone(self.supervisor.create(job))
-        self.assertDone(self.supervisor.set_enabled(job["Label"]))
-        self.assertDone(self.supervisor.is_enabled(job["Label"]))
 
 
 class Jobs(JobTest):
@@ -420,10 +389,12 @@ class WithKeeld(DaemonTest):
         self.addCleanup(remove, f"{DIRECTORY}/com.k.blocked")
         daemon = self.start()
         self.assertEqual(self.client().module_table(), {"keel_fine": "com.k.fine"})
-        self.assertLoadingFailed(daemon, "masked",
-                                 enabling=".*/com.k.masked.socket is there already, and not keeld's; .*")
-        self.assertLoadingFailed(daemon, "taken",
-                                 enabling=".*/com.k.taken.service is there already, and not keeld's; .*")
+        self.assertLoadingFailed(
+            daemon, "masked",
+            enabling=".*/com.k.masked.socket is there already, and not keeld's; .*")
+        self.assertLoadingFailed(
+            daemon, "taken",
+            enabling=".*/com.k.taken.service is there already, and not keeld's; .*")
         self.assertLoadingFailed(daemon, "blocked",
                                  enabling=r"com.k.blocked.socket did not start \(failed\); .*")
 

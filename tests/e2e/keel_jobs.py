@@ -10,6 +10,7 @@ import socket
 import subprocess
 import sys
 import threading
+import unittest
 
 import keel_host
 from keel_client import DIRECTORY, HANG_GUARD
@@ -156,3 +157,36 @@ class SpyBus:
     def close(self):
         self._listener.close()
         keel_host.remove(self._path)
+
+
+def systemctl(*words, check=True):
+    return subprocess.run(["systemctl", *words], check=check, capture_output=True,
+                          text=True).stdout.strip()
+
+
+def state_of(unit):
+    return systemctl("show", "--property=ActiveState", "--value", unit)
+
+
+class JobTest(unittest.TestCase):
+    """Tests a supervisor driver of its own against the systemd of the private host."""
+
+    def setUp(self):
+        self.supervisor = self.make_supervisor()
+
+    def make_supervisor(self, **environment):
+        supervisor = Supervisor(**environment)
+        self.addCleanup(supervisor.close)
+        return supervisor
+
+    def assertDone(self, outcome):
+        self.assertEqual(outcome, (True, None))
+
+    def assertRefused(self, outcome, text):
+        self.assertFalse(outcome[0])
+        self.assertIn(text, outcome[1])
+
+    def enable(self, job):
+        self.assertDone(self.supervisor.create(job))
+        self.assertDone(self.supervisor.set_enabled(job["Label"]))
+        self.assertDone(self.supervisor.is_enabled(job["Label"]))

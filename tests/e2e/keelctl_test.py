@@ -6,105 +6,17 @@ import json
 import os
 import pty
 import re
-import select
 import signal
 import subprocess
 import termios
 
 import keel_host
-from keel_client import HANG_GUARD
-from keel_host import NOTIFY_PATH, SANITIZER_REPORT, DaemonTest
+from keel_host import NOTIFY_PATH
+from keel_keelctl import ENVIRONMENT, KeelctlTest
 from keel_values import Date, Error, Raw
 
 OK, REFUSED, USAGE, UNREACHABLE, TIMED_OUT, COMMAND_FAILED, OUTPUT_FAILED = range(7)
 USER = 1001
-ENVIRONMENT = {"PATH": os.environ["PATH"], "TERM": "xterm"}
-
-
-class Running:
-    """A keelctl that was started; its output is read line by line."""
-
-    def __init__(self, *arguments, stdout=subprocess.PIPE):
-        self._process = subprocess.Popen(
-            [keel_host.keelctl, *arguments],
-            env=ENVIRONMENT,
-            stdin=subprocess.PIPE,
-            stdout=stdout,
-            stderr=subprocess.PIPE,
-        )
-        self._buffers = {self._process.stdout: b"", self._process.stderr: b""}
-
-    def write(self, line):
-        self._process.stdin.write(line.encode() + b"\n")
-        self._process.stdin.flush()
-
-    def end_of_input(self):
-        self._process.stdin.close()
-        self._process.stdin = None
-
-    def _line(self, stream):
-        while b"\n" not in self._buffers[stream]:
-            if not select.select([stream], [], [], HANG_GUARD)[0]:
-                raise AssertionError("keelctl wrote nothing")
-            data = os.read(stream.fileno(), 1 << 16)
-            if not data:
-                raise AssertionError(f"keelctl ended, with {self._process.wait()}: {self._buffers}")
-            self._buffers[stream] += data
-        line, _, self._buffers[stream] = self._buffers[stream].partition(b"\n")
-        return line.decode()
-
-    def out(self):
-        """The next line of standard output."""
-        return self._line(self._process.stdout)
-
-    def told(self):
-        """The next line of standard error."""
-        return self._line(self._process.stderr)
-
-    def signal(self, number):
-        self._process.send_signal(number)
-
-    def end(self):
-        """Its exit status, and what it wrote that was not read."""
-        out, told = self._process.communicate(timeout=HANG_GUARD)
-        return self._process.returncode, (out or b"").decode(), told.decode()
-
-    def close(self):
-        self._process.kill()
-        self._process.communicate()
-
-
-class KeelctlTest(DaemonTest):
-    def run_keelctl(self, *arguments, text="", uid=0, stdout=subprocess.PIPE):
-        """Exit status, output and errors."""
-        done = subprocess.run(
-            [keel_host.keelctl, *arguments], env=ENVIRONMENT, input=text.encode(), stdout=stdout,
-            stderr=subprocess.PIPE,
-            timeout=HANG_GUARD, user=uid)
-        told = done.stderr.decode()
-        self.assertNotRegex(told, SANITIZER_REPORT)
-        return done.returncode, (done.stdout or b"").decode(), told
-
-    def assertExits(self, status, *arguments, out="", told=None, **options):
-        """Runs it to its end. `told` is a pattern for its standard error, None: nothing there."""
-        code, written, errors = self.run_keelctl(*arguments, **options)
-        self.assertEqual(code, status, errors)
-        self.assertEqual(written, out)
-        if told is None:
-            self.assertEqual(errors, "")
-        else:
-            self.assertRegex(errors, rf"\A(keelctl: )?{told}")
-        return errors
-
-    def start_keelctl(self, *arguments, **options):
-        running = Running(*arguments, **options)
-        self.addCleanup(running.close)
-        return running
-
-    def events(self, *expected):
-        """The lines of a subscriber, of names and data."""
-        return "".join(f'{{"name":"{name}","event":"data","data":{data}}}\n'
-                       for name, data in expected)
 
 
 class CommandLine(KeelctlTest):
@@ -185,7 +97,8 @@ class CommandLine(KeelctlTest):
                 self.assertExits(OUTPUT_FAILED, *command, stdout=full,
                                  told="the output cannot be written: No space left on device\n")
             self.assertExits(OUTPUT_FAILED, "subscribe", "weather", stdout=full,
-                             told="subscribed to weather\nkeelctl: the output cannot be written: No space left on device\n")
+                             told="subscribed to weather\nkeelctl: "
+                                  "the output cannot be written: No space left on device\n")
         for command in commands:
             closed = subprocess.run(["sh", "-c", 'exec "$@" >&-', "sh", keel_host.keelctl,
                                      *command], env=ENVIRONMENT,
@@ -335,7 +248,8 @@ class Publish(KeelctlTest):
         self.assertEqual(publisher.end()[0], TIMED_OUT)
         self.assertExits(TIMED_OUT, "publish", "weather", "-", "--timeout", "2", "--count", "3",
                          text='{"n":1}\n{"n":2}\n',
-                         told="published weather\nupdated weather\nkeelctl: 2 of 3 versions were published in time\n")
+                         told="published weather\nupdated weather\n"
+                              "keelctl: 2 of 3 versions were published in time\n")
 
     def test_ends_well_when_its_time_is_up(self):
         self.assertExits(OK, "publish", "weather", "{}", "--timeout", "1",
