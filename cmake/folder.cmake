@@ -1,12 +1,13 @@
 # SPDX-License-Identifier: Apache-2.0
 # Folders as libraries, with their dependencies enforced.
 #
-# Every include spells its folder ("notify/published_object.h"). The headers of a folder are reachable only through an
-# include root of their own, a directory in the build tree that holds one link to that folder; it travels with the folder's
-# library target. So an include of a folder that is not among USES or KEEPS does not compile.
+# Every include spells its folder ("notify/published_object.h"). The headers of a folder are
+# reachable only through an include root of their own: a directory in the build tree that holds one
+# link to that folder and is a usage requirement of the folder's library target. So an include of a
+# folder that is not among USES or KEEPS does not compile.
 
 # keel_library(FOLDER SOURCES file... [USES folder-or-target...] [KEEPS folder-or-target...])
-#   FOLDER  a path below the top of the source tree, for example runtime/xpc; the target is keel_runtime_xpc
+#   FOLDER  a path in the source tree, such as runtime/xpc; its target is keel_runtime_xpc
 #   USES    what its headers use; whoever links this folder sees these too
 #   KEEPS   what only its sources use
 function(keel_library folder)
@@ -26,8 +27,8 @@ function(keel_library folder)
   keel_precompile(${target} keel_library_headers)
 endfunction()
 
-# keel_test(NAME SOURCES file... USES folder-or-target...): a GoogleTest program; each case is a test of its own. With sanitizers,
-# which make programs slow to start, the program is one test.
+# keel_test(NAME SOURCES file... USES folder-or-target...): a GoogleTest program; each case is a
+# test of its own. With sanitizers, which make programs slow to start, the program is one test.
 function(keel_test name)
   if(NOT KEEL_TESTS)
     return()

@@ -25,7 +25,8 @@ BELOW_THE_PREFIX = {
 }
 AT_ONE_PLACE = {
     "/etc/pam.d/keeld": "pam/keeld",
-    "/usr/share/polkit-1/actions/com.vantor.ServiceManagement.policy": "polkit/com.vantor.ServiceManagement.policy",
+    "/usr/share/polkit-1/actions/com.vantor.ServiceManagement.policy":
+        "polkit/com.vantor.ServiceManagement.policy",
     "/usr/share/polkit-1/rules.d/50-keeld.rules": "polkit/50-keeld.rules",
 }
 

@@ -25,7 +25,9 @@ class Figure:
 
     def goal_text(self):
         sign = "at least" if self.more_is_better else "at most"
-        return f"{sign} {self.goal:,g} {self.unit}" if self.absolute else f"{sign} {self.goal:g} of the relay"
+        if self.absolute:
+            return f"{sign} {self.goal:,g} {self.unit}"
+        return f"{sign} {self.goal:g} of the relay"
 
 
 @dataclass

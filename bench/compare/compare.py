@@ -69,8 +69,8 @@ def show_summary(given, measurements, cases):
             for name in given.systems.split(","):
                 values = measurements.of(case.name, name, figure)
                 ratio = ratios(values, relay)
-                print(
-                    f"  {name:10} {Spread(values).text():>30}   {number(ratio.median) if ratio else '–'}")
+                of_relay = number(ratio.median) if ratio else "–"
+                print(f"  {name:10} {Spread(values).text():>30}   {of_relay}")
 
 
 def main():

@@ -27,7 +27,8 @@ def describe(build, revision):
     facts = {
         "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
         "revision": revision,
-        "processors": f"{os.cpu_count()} × {value_of('/proc/cpuinfo', 'model name')}{', virtual' if virtual else ''}",
+        "processors": f"{os.cpu_count()} × {value_of('/proc/cpuinfo', 'model name')}"
+                      f"{', virtual' if virtual else ''}",
         "memory": f"{int(value_of('/proc/meminfo', 'MemTotal').split()[0]) / (1 << 20):.0f} GiB",
         "system": f"{release['PRETTY_NAME'].strip(chr(34))}, Linux {platform.release()}",
         "compiler": compiler,

@@ -65,8 +65,8 @@ CAUTION = """\
 ## What the figures do not say
 
 - They are of one machine, with two virtual processors that may be shared with strangers.
-  Differences below 15 % are noise. The ratios within one run say more than any figure alone, and the
-  processor time for a delivery more than the rate.
+  Differences below 15 % are noise. The ratios within one run say more than any figure alone, and
+  the processor time for a delivery more than the rate.
 - The load generator does not look at what it receives. Clients that do are the limit long before
   keeld is.
 - The systems are not of one kind: some are made for networks, for persistence, for clusters, or for

@@ -17,23 +17,28 @@ class Drawing:
 
     def __init__(self, width, height):
         self.parts = [
-            f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" viewBox="0 0 {width} {height}" '
+            f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" '
+            f'viewBox="0 0 {width} {height}" '
             'font-family="system-ui, sans-serif" font-size="12">',
             f'<rect width="{width}" height="{height}" fill="#ffffff"/>',
         ]
 
     def text(self, x, y, text, anchor="start", colour=INK, weight="normal"):
         self.parts.append(
-            f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" fill="{colour}" font-weight="{weight}">{escape(text)}</text>'
+            f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" fill="{colour}" '
+            f'font-weight="{weight}">{escape(text)}</text>'
         )
 
     def bar(self, x, y, width, height, colour):
         self.parts.append(
-            f'<rect x="{x:.1f}" y="{y:.1f}" width="{max(width, 0.5):.1f}" height="{height}" fill="{colour}"/>')
+            f'<rect x="{x:.1f}" y="{y:.1f}" width="{max(width, 0.5):.1f}" height="{height}" '
+            f'fill="{colour}"/>'
+        )
 
     def line(self, x1, y1, x2, y2, colour, width=1.0):
         self.parts.append(
-            f'<line x1="{x1:.1f}" y1="{y1:.1f}" x2="{x2:.1f}" y2="{y2:.1f}" stroke="{colour}" stroke-width="{width}"/>'
+            f'<line x1="{x1:.1f}" y1="{y1:.1f}" x2="{x2:.1f}" y2="{y2:.1f}" '
+            f'stroke="{colour}" stroke-width="{width}"/>'
         )
 
     def point(self, x, y, colour):

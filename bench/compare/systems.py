@@ -126,8 +126,8 @@ class Nats(System):
     def command(self):
         path = self.write(
             "nats.conf",
-            f"host: 127.0.0.1\nport: {self.address}\nmax_connections: {CONNECTIONS}\nmax_payload: 8MB\n"
-            "max_pending: 1GB\nmax_subscriptions: 0\nwrite_deadline: '60s'\n",
+            f"host: 127.0.0.1\nport: {self.address}\nmax_connections: {CONNECTIONS}\n"
+            "max_payload: 8MB\nmax_pending: 1GB\nmax_subscriptions: 0\nwrite_deadline: '60s'\n",
         )
         return [f"{self.build}/servers/nats-server", "--config", path]
 
@@ -141,8 +141,8 @@ class Mosquitto(System):
     def command(self):
         path = self.write(
             "mosquitto.conf",
-            f"listener 0 {self.address}\nuser root\nallow_anonymous true\npersistence false\nmax_inflight_messages 0\n"
-            "max_queued_messages 0\nmax_connections -1\nlog_type error\n",
+            f"listener 0 {self.address}\nuser root\nallow_anonymous true\npersistence false\n"
+            "max_inflight_messages 0\nmax_queued_messages 0\nmax_connections -1\nlog_type error\n",
         )
         return [f"{self.build}/servers/mosquitto", "-c", path]
 
@@ -173,9 +173,10 @@ class Dbus(System):
     name, title = "dbus", "dbus-daemon"
 
     LIMITS = (
-        "max_incoming_bytes max_incoming_unix_fds max_outgoing_bytes max_outgoing_unix_fds max_message_size "
-        "max_completed_connections max_incomplete_connections max_connections_per_user max_names_per_connection "
-        "max_match_rules_per_connection max_replies_per_connection"
+        "max_incoming_bytes max_incoming_unix_fds max_outgoing_bytes max_outgoing_unix_fds "
+        "max_message_size max_completed_connections max_incomplete_connections "
+        "max_connections_per_user max_names_per_connection max_match_rules_per_connection "
+        "max_replies_per_connection"
     ).split()
 
     def command(self):
@@ -184,9 +185,10 @@ class Dbus(System):
             "bus.conf",
             '<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"\n'
             ' "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">\n'
-            f"<busconfig><type>session</type><listen>unix:path={self.address}</listen><auth>EXTERNAL</auth>\n"
-            '<policy context="default"><allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/>'
-            f'<allow own="*"/></policy>\n{limits}</busconfig>\n',
+            f"<busconfig><type>session</type><listen>unix:path={self.address}</listen>"
+            "<auth>EXTERNAL</auth>\n"
+            '<policy context="default"><allow send_destination="*" eavesdrop="true"/>'
+            f'<allow eavesdrop="true"/><allow own="*"/></policy>\n{limits}</busconfig>\n',
         )
         return ["dbus-daemon", f"--config-file={path}", "--nofork", "--nopidfile", "--nosyslog"]
 

@@ -75,7 +75,8 @@ class Embedded(JobsTest):
         caller = Caller("com.e.user")
         self.addCleanup(caller.close)
         why = re.compile(
-            "the job com.e.user cannot be started: open files with the rights of its user: Operation not permitted .*")
+            "the job com.e.user cannot be started: "
+            "open files with the rights of its user: Operation not permitted .*")
         self.daemon.wait_for_log(why, level="error")
         self.assertEqual(ask("com.e.root")["uid"], 0)
 
@@ -134,7 +135,8 @@ class Embedded(JobsTest):
 
     def test_has_its_sockets_again_at_once_whatever_the_old_program_does(self):
         """It traps SIGTERM, and so lives on, with the old socket, for as long as it likes."""
-        stubborn = "import signal\nsignal.signal(signal.SIGTERM, signal.SIG_IGN)\n" + TELL + "signal.pause()\n"
+        stubborn = ("import signal\nsignal.signal(signal.SIGTERM, signal.SIG_IGN)\n"
+                    + TELL + "signal.pause()\n")
         # Not keeld's standard error, whose end the test waits for.
         self.program("stubborn", PYTHON, "-c", stubborn, "com.e.stubborn",
                      StandardOutPath="/dev/null",

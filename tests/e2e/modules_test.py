@@ -213,8 +213,8 @@ class Loading(ModulesTest):
     def test_a_missing_directory_is_an_error_and_nothing_more(self):
         remove(BUNDLES.rstrip("/"))
         self.run_daemon()
-        texts = [
-            f"loadAllModules: can't find {BUNDLES} error No such file or directory (NSPOSIXErrorDomain error 2)"]
+        texts = [f"loadAllModules: can't find {BUNDLES} error No such file or directory "
+                 "(NSPOSIXErrorDomain error 2)"]
         self.assertEqual(self.startup("error"), texts)
         self.assertEqual(self.startup(), texts)
         self.assertEqual(self.table(), {})
@@ -224,8 +224,8 @@ class Loading(ModulesTest):
         with open(BUNDLES.rstrip("/"), "w"):
             pass
         self.run_daemon()
-        texts = [
-            f"loadAllModules: can't find {BUNDLES} error Not a directory (NSPOSIXErrorDomain error 20)"]
+        texts = [f"loadAllModules: can't find {BUNDLES} error Not a directory "
+                 "(NSPOSIXErrorDomain error 20)"]
         self.assertEqual(self.startup(), texts)
 
     def test_a_job_with_empty_services_ends_the_walk(self):
@@ -293,7 +293,8 @@ class Loading(ModulesTest):
             "keel_gone": (None, "bundle missing"),
             "keel_bad": (True, f"job file: {bad} is no property list: line 3: mismatched tag"),
             "keel_worse": (True,
-                           f'job file: {worse} holds no dictionary; Info.plist: "QZJobLabel" is no text'),
+                           f'job file: {worse} holds no dictionary; '
+                           'Info.plist: "QZJobLabel" is no text'),
         }
         self.assertEqual(self.shown_synthesis(), expected)
         # Whoever may not look is not told that it was synthesized.

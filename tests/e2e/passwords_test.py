@@ -157,7 +157,8 @@ class Service(AccountsTest):
             file.write("auth required pam_permit.so\naccount required pam_permit.so\n")
         self.assertRefused("alice")
         self.assertRefused("bob", "anything")
-        said = "there is no PAM service keeld; install the file /etc/pam.d/keeld, until then all passwords are refused"
+        said = ("there is no PAM service keeld; install the file /etc/pam.d/keeld, "
+                "until then all passwords are refused")
         self.assertEqual(self.daemon.times_logged(said, 1, "error", "auth"), 1)
         install_service()
         self.assertAccepted("alice")
