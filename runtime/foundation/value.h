@@ -42,7 +42,8 @@ class Value {
   // Numbers up to INT64_MAX are held as std::int64_t, so that equal numbers are equal values; those
   // above stay std::uint64_t.
   Value(std::uint64_t integer);
-  // Every other integral type as one of these two, whichever has its sign. A char is a number.
+  // Converts every other integral type to the one of these two that has its sign. A char is a
+  // number.
   template <std::integral Integer>
     requires(sizeof(Integer) <= sizeof(std::int64_t))
   Value(Integer integer)
@@ -57,7 +58,7 @@ class Value {
   Value(Date date);
   Value(List list);
   Value(Map map);
-  // No error becomes null.
+  // A null error becomes null.
   Value(Error error);
 
   // Builds a map from pairs: Value::map({{"host", "a"}, {"port", 80}}).
@@ -93,7 +94,7 @@ class Value {
   Held held_;
 };
 
-// One key and its value.
+// A key and its value.
 struct Member {
   std::string key;
   Value value;

@@ -17,8 +17,8 @@ namespace keel::xpc {
 // Returns true for a memory file (memfd_create(2)).
 bool isMemoryFile(const FileDescriptor& descriptor);
 
-// Starts the first of the threads that may wait, or returns why it cannot. Called by whoever must
-// not run out of descriptors for want of a thread.
+// Starts the first of the threads that may block, or returns why it cannot. Called by a process
+// that must not run out of descriptors for want of a thread.
 std::error_code startClosing();
 
 // Closes the descriptor on a thread that may block, one of the few that `owner` may occupy: any

@@ -295,7 +295,7 @@ FrameStream::Stop FrameStream::deliverFrames() {
 bool FrameStream::flush() {
   if (writeProblem_ == 0) writeProblem_ = writer_.flush(socket_.get(), context_);
   if (writeProblem_ != 0) {
-    // What the peer sent before it closed is not read: no answer could reach it.
+    // The peer's remaining requests are not read: no answer could reach it.
     failWith(writeProblem_);
     return false;
   }
@@ -331,7 +331,7 @@ void FrameStream::fail(std::string_view reason, std::string_view goodbye) {
 
 void FrameStream::sendGoodbyeAndClose(std::string_view goodbye) {
   stopWatching();
-  // Nothing unread can be in a socket that was read to its end; it is closed directly, by detach().
+  // A socket that was read to its end holds no unread data; detach() closes it directly.
   if (!reader_.hasReachedEnd()) {
     if (state_ == State::tooSlow) writer_.dropUnbegunFrames();
     // A peer that does not read an answer larger than any other message gets no more of it, so that

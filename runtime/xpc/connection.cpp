@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// docs/protocol.md has the rules. In short: what cannot be served is answered with a failure and
-// the connection stays, answers are never answered, and only a peer that does not begin properly is
-// turned away.
+// docs/protocol.md has the rules. In short: a message that cannot be served is answered with a
+// failure and the connection stays, answers are never answered, and only a peer that fails the
+// handshake is disconnected.
 #include "runtime/xpc/connection.h"
 
 #include <fmt/format.h>
@@ -25,7 +25,7 @@ Logger& logger() {
   return runtime;
 }
 
-// Connections are told apart in texts by a number. They are made on any thread that runs a reactor.
+// Log texts identify connections by number. They may be created on any thread that runs a reactor.
 std::atomic<std::uint32_t> lastConnectionNumber{0};
 
 std::vector<FileDescriptor> takeFirst(std::vector<FileDescriptor>& files, std::size_t count) {
@@ -46,8 +46,8 @@ Error connectionError(ConnectionErrorCode code, std::string_view description) {
 std::shared_ptr<Connection> Connection::create(PeerIdentity peer,
                                                std::unique_ptr<Transport> transport,
                                                const Options& options) {
-  // Destroyed on the I/O thread, whoever releases it last: there it may be used without being
-  // counted.
+  // Destroyed on the I/O thread whichever thread releases it last: code there may use it without
+  // holding a reference.
   return std::shared_ptr<Connection>(
       new Connection(std::move(peer), std::move(transport), options), [](Connection* last) {
         std::unique_ptr<Connection> owned(last);
@@ -104,12 +104,12 @@ void Connection::invalidate(std::string_view goodbye) {
   end(goodbye, /*transportIsClosed=*/false);
 }
 
-// ---- What comes in
+// ---- Receiving
 
 void Connection::onFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
   if (!helloReceived_) return receiveHello(bytes);
-  // One read may bring a message and the files of the next: each takes those that it claims, served
-  // or refused.
+  // A read may return a message and the files of the next: each message takes the files that it
+  // claims, served or refused.
   std::vector<FileDescriptor> claimed;
   if (!files.empty()) claimed = takeFirst(files, countSealedArguments(bytes));
   if (!queue_) return receive(bytes, claimed);
@@ -261,16 +261,16 @@ void Connection::protocolViolation(std::string_view what) {
   end(what, /*transportIsClosed=*/false);
 }
 
-// ---- What goes out
+// ---- Sending
 
 std::expected<std::int64_t, Error> Connection::indexAt(const Interface& interface,
-                                                       std::size_t place) const {
+                                                       std::size_t index) const {
   if (!isValid())
     return std::unexpected(
         connectionError(ConnectionErrorCode::invalid, "the connection is invalid"));
   const bool isKnown =
-      &interface == remoteInterface_ && methodIndexes_ && (*methodIndexes_)[place] >= 0;
-  if (isKnown) return (*methodIndexes_)[place];
+      &interface == remoteInterface_ && methodIndexes_ && (*methodIndexes_)[index] >= 0;
+  if (isKnown) return (*methodIndexes_)[index];
   return std::unexpected(connectionError(ConnectionErrorCode::notImplemented,
                                          "the peer does not implement the method"));
 }
@@ -301,7 +301,7 @@ void Connection::sendReplies(std::span<const std::uint64_t> requestIds, std::siz
   ReplyRoute::sendReplies(requestIds, resultCount, write, results);
 }
 
-// ---- The end
+// ---- Teardown
 
 void Connection::end(std::string_view text, bool transportIsClosed) {
   if (state_ == State::ended) return;

@@ -30,7 +30,7 @@ namespace keel::xpc {
 template <class Protocol, class ErrorHandler>
 class RemoteProxy;
 
-// Domain of errors that say why a call could not be made or was not answered; the code is a
+// Domain of the errors of calls that could not be made or were not answered; the code is a
 // ConnectionErrorCode.
 inline constexpr std::string_view kConnectionErrorDomain = "KLNConnectionErrorDomain";
 
@@ -42,12 +42,12 @@ enum class ConnectionErrorCode : std::int64_t {
 };
 Error connectionError(ConnectionErrorCode code, std::string_view description);
 
-// One connection between two processes. Each side exports an object for the other to call, and
-// calls the other's through a proxy (remote_proxy.h). RequestServer is the serving half.
+// A connection between two processes. Each side exports an object for the other to call, and calls
+// the other's through a proxy (remote_proxy.h). RequestServer is the serving half.
 //
-// Life: made, configured (interfaces, object, handlers), resumed; from then on the transport's
-// machinery keeps it alive until either side invalidates it. Then the invalidation handler runs
-// once, and the exported object and both handlers are released.
+// Life: created, configured (interfaces, object, handlers), resumed; from then on the transport
+// keeps it alive until either side invalidates it. Then the invalidation handler runs once, and the
+// exported object and both handlers are released.
 //
 // Messages and handlers run on the connection's queue: the I/O thread itself, or the queue given
 // with setQueue(). Replies may be sent from any thread; everything else belongs on the I/O thread.
@@ -58,9 +58,9 @@ class Connection final : public std::enable_shared_from_this<Connection>,
  public:
   // `options` differ between the daemon's end and a client's.
   struct Options {
-    // This side takes sealed memory files.
+    // This side accepts sealed memory files.
     bool takesDescriptors = true;
-    // The largest value that is taken, however it travels.
+    // Upper bound of a received value, in a frame or in a file.
     std::size_t receiveLimitBytes = limits::kFrameBytes;
     // Pays for what the peer sends; borrowed.
     const MemoryQuota* quota = &MemoryQuota::ofProcess();
@@ -81,7 +81,7 @@ class Connection final : public std::enable_shared_from_this<Connection>,
   std::int32_t auditSessionIdentifier() const { return peer_.auditSession; }
   const PeerIdentity& peer() const { return peer_; }
   const MemoryQuota& quota() const { return *options_.quota; }
-  // Stable text for people: "<connection 12 pid 345 (mailmod) uid 501 session 3>".
+  // Returns a stable text for people: "<connection 12 pid 345 (mailmod) uid 501 session 3>".
   std::string description() const;
 
   // Configuration, before resume().
@@ -92,35 +92,34 @@ class Connection final : public std::enable_shared_from_this<Connection>,
     server_.setObject(std::move(object));
   }
   void setRemoteObjectInterface(const Interface& interface) { remoteInterface_ = &interface; }
-  // The peer sent something that could not be decoded; the connection stays usable.
+  // Called when the peer sent something that could not be decoded; the connection stays usable.
   void setInterruptionHandler(Handler handler) { interruptionHandler_ = std::move(handler); }
   void setInvalidationHandler(Handler handler) { invalidationHandler_ = std::move(handler); }
-  // Messages and handlers run on `queue` instead of the I/O thread; requests declared slow run on
-  // `slowRequests`, borrowed, in their place in that queue.
+  // Runs messages and handlers on `queue` instead of the I/O thread, and requests declared slow on
+  // `slowRequests`, borrowed, in the queue's order.
   void setQueue(std::shared_ptr<SerialQueue> queue, Executor& slowRequests);
-  // The messages hold secrets: their bytes are wiped wherever they were held, once they are done
-  // with.
+  // Declares that messages hold secrets: every buffer that held them is wiped after use.
   void setConfidential();
-  // Called once, on the I/O thread, when the peer's hello has come and calls can be made.
+  // Called once, on the I/O thread, when the peer's hello has arrived and calls can be made.
   void setReadyHandler(Handler handler) { asking().readyHandler = std::move(handler); }
 
   void resume();
-  // Ends the connection from this side; `goodbye`, unless empty, tells the peer why. Idempotent.
+  // Ends the connection from this side and sends `goodbye`, the reason, unless empty. Idempotent.
   void invalidate(std::string_view goodbye = {});
   bool isValid() const { return state_ == State::running; }
-  // The text of the peer's goodbye; empty when it sent none. For the invalidation handler.
+  // Returns the text of the peer's goodbye; empty if it sent none. For the invalidation handler.
   std::string_view goodbye() const {
     return goodbye_.isNull() ? std::string_view() : goodbye_.view();
   }
 
-  // Returns a proxy that sends asynchronously. `onError(Error)` is called on the connection's
-  // queue, later, when a call cannot be made or its answer does not come.
+  // Returns a proxy that sends asynchronously. `onError(Error)` runs later, on the connection's
+  // queue, when a call cannot be made or its reply does not arrive.
   template <class Protocol, class ErrorHandler>
   RemoteProxy<Protocol, ErrorHandler> remoteObjectProxyWithErrorHandler(ErrorHandler onError) {
     return {shared_from_this(), std::move(onError)};
   }
 
-  // For what encodes calls to the peer itself.
+  // For callers that encode calls to the peer themselves.
 
   // Returns the peer's index of a method, or the error to report when it cannot be called.
   template <auto Member>
@@ -149,7 +148,7 @@ class Connection final : public std::enable_shared_from_this<Connection>,
  private:
   friend class RequestServer;
   enum class State : std::uint8_t { configured, running, ended };
-  // What only a side needs that asks for replies: idle connections are many.
+  // State of a side that expects replies. Allocated lazily: idle connections are many.
   struct Asking {
     Handler readyHandler;
     PendingReplies pending;
@@ -175,18 +174,18 @@ class Connection final : public std::enable_shared_from_this<Connection>,
   void interrupted(std::string_view why);
   void protocolViolation(std::string_view what);
 
-  std::expected<std::int64_t, Error> indexAt(const Interface& interface, std::size_t place) const;
+  std::expected<std::int64_t, Error> indexAt(const Interface& interface, std::size_t index) const;
   void end(std::string_view text, bool transportIsClosed);
   void failPending(const String& goodbye);
   // Runs the invalidation handler and releases everything the connection holds for others.
   void release();
   void runOnQueue(Block block);
 
-  // For the serving half.
+  // For RequestServer.
   const Options& options() const { return options_; }
   Transport& transport() { return *transport_; }
   bool hasQueue() const { return queue_ != nullptr; }
-  // Calls `call`, which may end the connection: what is running is not destroyed under it.
+  // Calls `call`, which may end the connection; release() then waits until `call` has returned.
   template <class Call>
   auto inCallee(Call call) {
     struct Restore {
@@ -197,7 +196,7 @@ class Connection final : public std::enable_shared_from_this<Connection>,
     return call();
   }
 
-  // What every delivery looks at stands together, in as few cache lines as possible.
+  // Members that every delivery reads are together, in as few cache lines as possible.
   std::atomic<State> state_ = State::configured;
   bool helloReceived_ = false;
   bool peerTakesDescriptors_ = false;
@@ -216,7 +215,7 @@ class Connection final : public std::enable_shared_from_this<Connection>,
   Executor* slowRequests_ = nullptr;  // with queue_
   Handler interruptionHandler_;
   Handler invalidationHandler_;
-  std::unique_ptr<Asking> asking_;  // null: this side has asked for nothing yet
+  std::unique_ptr<Asking> asking_;  // null: this side has expected no reply yet
   String goodbye_;
   std::shared_ptr<Connection> keptAlive_;  // from resume() until the end
 };

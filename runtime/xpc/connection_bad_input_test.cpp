@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a peer may send that it should not.
+// Malformed and hostile messages.
 #include <gtest/gtest.h>
 
 #include "runtime/xpc/connection_fixture.h"
@@ -7,7 +7,7 @@
 namespace keel::xpc {
 namespace {
 
-TEST_F(RawPeer, UndecodableMessageIsAFailureAnInterruptionAndOneLogLine) {
+TEST_F(RawPeer, AnUndecodableMessageCausesAFailureAnInterruptionAndOneLogLine) {
   start();
   const std::vector<Bytes> nonsense = {
       {},                                  // nothing at all
@@ -38,7 +38,7 @@ TEST_F(RawPeer, UndecodableMessageIsAFailureAnInterruptionAndOneLogLine) {
   EXPECT_EQ(received().size(), 1u);
 }
 
-TEST_F(RawPeer, WrongMessagesNameWhatIsWrong) {
+TEST_F(RawPeer, FailuresNameTheirReason) {
   start();
   sendMessage(Value::list({1, 1, 6, Value::list({})}));
   EXPECT_EQ(received(),
@@ -87,7 +87,7 @@ TEST_F(RawPeer, ArgumentsThatAreNotWellFormedAreUndecodable) {
   EXPECT_TRUE(service->kept.empty());
 }
 
-TEST_F(RawPeer, DeepValueIsTakenToTheLimitAndNoFurther) {
+TEST_F(RawPeer, ValuesAreAcceptedUpToTheDepthLimit) {
   start();
   const auto nested = [](std::size_t depth) {
     Bytes bytes = encoded(Value::list({1, depth, 0}));
@@ -111,7 +111,7 @@ TEST_F(RawPeer, DeepValueIsTakenToTheLimitAndNoFurther) {
   EXPECT_EQ(buffer[4 + length + 5], 4);  // a failure
 }
 
-TEST_F(RawPeer, RequestIdsMustRise) {
+TEST_F(RawPeer, RequestIdsMustIncrease) {
   start();
   sendMessage(Value::list({1, 5, 2, Value::list({})}));
   sendMessage(Value::list({1, 5, 0, Value::list({nullptr})}));
@@ -163,7 +163,7 @@ TEST_F(RawPeer, DescriptorInASkippedFrameEndsTheConnectionBehindItsFailure) {
   EXPECT_EQ(invalidations, 1);
 }
 
-TEST_F(RawPeer, LargestFrameIsTaken) {
+TEST_F(RawPeer, TheLargestFrameIsAccepted) {
   start();
   Bytes content = encoded(Value::list(
       {1, 9, 0, Value::list({Value::map({{"x", std::string(limits::kFrameBytes - 13, 'a')}})})}));
@@ -174,7 +174,7 @@ TEST_F(RawPeer, LargestFrameIsTaken) {
   EXPECT_EQ(answers[0].as<Value::List>()->at(0), Value(3));
 }
 
-TEST_F(RawPeer, LengthWithoutSenseEndsTheConnection) {
+TEST_F(RawPeer, AGarbageLengthEndsTheConnection) {
   start();
   sendBytes(Bytes(4, std::byte{0xff}));
   EXPECT_EQ(received(),
@@ -184,7 +184,7 @@ TEST_F(RawPeer, LengthWithoutSenseEndsTheConnection) {
   EXPECT_EQ(logged.size(), 1u);
 }
 
-TEST_F(RawPeer, BadHellosEndTheConnectionWithAWord) {
+TEST_F(RawPeer, ABadHelloEndsTheConnectionWithAGoodbye) {
   const std::vector<std::pair<Value, const char*>> hellos = {
       {Value::list({1, 1, 0, Value::list({nullptr})}), "its first message is no hello"},
       {Value::list({0, 2, Value::list({}), Value::map({})}),
@@ -256,7 +256,7 @@ TEST_F(RawPeer, AnswersAreNeverAnswered) {
   EXPECT_EQ(interruptions, 4);
 }
 
-TEST_F(RawPeer, DescriptorThatNoMessageClaimsEndsTheConnection) {
+TEST_F(RawPeer, AnUnclaimedDescriptorEndsTheConnection) {
   start();
   const std::string content = "bytes";
   const auto file = sealedMemoryOf(std::as_bytes(std::span(content)));
@@ -279,7 +279,7 @@ Bytes requestWithFile(std::uint8_t id, std::uint8_t method, std::uint8_t sizeByt
   return framed(bytes);
 }
 
-TEST_F(RawPeer, DescriptorOfARefusedMessageGoesWithIt) {
+TEST_F(RawPeer, ADescriptorOfARefusedMessageIsClosed) {
   start();
   const std::string content = "bytes";
   const auto file = sealedMemoryOf(std::as_bytes(std::span(content)));
@@ -294,12 +294,12 @@ TEST_F(RawPeer, DescriptorOfARefusedMessageGoesWithIt) {
   EXPECT_EQ(invalidations, 0);
 }
 
-TEST_F(RawPeer, DescriptorBehindAnotherMessageStaysWithItsOwn) {
+TEST_F(RawPeer, ADescriptorBehindAnotherMessageStaysWithItsOwn) {
   start();
   const std::string content = "\xa0";
   const auto file = sealedMemoryOf(std::as_bytes(std::span(content)));
-  // One refused, and one that keeps what it came with until it is served; each is read at once with
-  // the one behind it.
+  // The first is refused, the second keeps its file until it is served; each is read together with
+  // the message behind it.
   std::uint8_t id = 1;
   for (const int method : {99, 3}) {
     const Bytes first = framed(encoded(Value::list({1, int{id++}, method, Value::list({})})));
@@ -314,7 +314,7 @@ TEST_F(RawPeer, DescriptorBehindAnotherMessageStaysWithItsOwn) {
   }
 }
 
-TEST_F(RawPeer, DescriptorOfAnythingElseEndsTheConnectionUnserved) {
+TEST_F(RawPeer, ADescriptorOfAnotherKindEndsTheConnection) {
   start();
   sendWithDescriptor(peer.get(), framed(encoded(Value::list({2, 1, Value::list({"x"})}))),
                      peer.get());
@@ -327,7 +327,7 @@ TEST_F(RawPeer, InterruptionHandlerMayEndTheConnection) {
   bool ran = false;
   connection->setInterruptionHandler([&, held = std::make_shared<int>(7)] {
     connection->invalidate();
-    // What it holds is still there.
+    // The running handler keeps its captures.
     ran = *held == 7;
   });
   start();

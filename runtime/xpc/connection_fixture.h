@@ -129,7 +129,7 @@ class RawPeer : public testing::Test {
                                                   "ponder:reply:", "settle:"}),
                                      Value::map({{"descriptors", true}})}));
   }
-  // All that has come from the connection, decoded.
+  // Returns all messages received from the connection, decoded.
   std::vector<Value> received() {
     turns();
     char buffer[65536];

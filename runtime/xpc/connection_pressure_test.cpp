@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Peers that ask for more than they take.
+// Back-pressure: peers that request more than they read.
 #include <gtest/gtest.h>
 
 #include "runtime/xpc/connection_fixture.h"
@@ -17,13 +17,13 @@ Bytes requestsToKeep(std::size_t count) {
   return all;
 }
 
-TEST_F(RawPeer, TooManyUnansweredRequestsStopTheReadingUntilHalfAreAnswered) {
+TEST_F(RawPeer, TooManyUnansweredRequestsPauseReadingUntilHalfAreAnswered) {
   start();
   constexpr std::size_t kCount = limits::kUnansweredRequests + 2000;
   sendBytes(requestsToKeep(kCount));
   turns();
   EXPECT_EQ(service->kept.size(), limits::kUnansweredRequests + 1);
-  // One answered: still too many.
+  // After one answer there are still too many.
   service->kept.erase(service->kept.begin());
   turns();
   EXPECT_EQ(service->kept.size(), limits::kUnansweredRequests);
@@ -34,7 +34,7 @@ TEST_F(RawPeer, TooManyUnansweredRequestsStopTheReadingUntilHalfAreAnswered) {
   EXPECT_EQ(invalidations, 0);
 }
 
-TEST_F(RawPeer, RequestsAnsweredTogetherCountAsAnswered) {
+TEST_F(RawPeer, RequestsAnsweredInABatchCountAsAnswered) {
   start();
   constexpr std::size_t kCount = limits::kUnansweredRequests + 2000;
   sendBytes(requestsToKeep(kCount));
@@ -49,9 +49,9 @@ TEST_F(RawPeer, RequestsAnsweredTogetherCountAsAnswered) {
   EXPECT_EQ(answered, kCount);
 }
 
-TEST_F(RawPeer, SlowReaderIsNotServedUntilItReads) {
+TEST_F(RawPeer, ASlowReaderIsNotServedUntilItReads) {
   start();
-  // The peer asks and does not read: its requests are not read any more once enough waits for it.
+  // The peer requests and does not read: reading it pauses once its backlog is large enough.
   const Value large = Value::map({{"x", std::string(60'000, 'a')}});
   constexpr std::size_t kCount = 200;
   Bytes all;
@@ -70,7 +70,7 @@ TEST_F(RawPeer, SlowReaderIsNotServedUntilItReads) {
   std::size_t sent = sendWhatItTakes(0);
   EXPECT_GT(sent, limits::kPauseReadingBytes);
   EXPECT_LT(sent, 4 * limits::kPauseReadingBytes);
-  // It reads at last: everything is answered.
+  // Once it reads, everything is answered.
   std::size_t answered = received().size();
   while (answered < kCount) {
     sent = sendWhatItTakes(sent);
@@ -81,7 +81,7 @@ TEST_F(RawPeer, SlowReaderIsNotServedUntilItReads) {
   EXPECT_EQ(invalidations, 0);
 }
 
-TEST_F(RawPeer, ReaderThatIsTooSlowIsDroppedWithAGoodbye) {
+TEST_F(RawPeer, ATooSlowReaderIsDroppedWithAGoodbye) {
   start(Value::list({"tell:"}));
   const String text(std::string(1u << 20, 'a'));
   std::size_t told = 0;
@@ -95,7 +95,7 @@ TEST_F(RawPeer, ReaderThatIsTooSlowIsDroppedWithAGoodbye) {
   ASSERT_EQ(invalidations, 1);
   ASSERT_EQ(logged.size(), 1u);
   EXPECT_NE(logged[0].find("too slow"), std::string::npos);
-  // What was begun comes whole, then the goodbye.
+  // The frame in flight arrives whole, then the goodbye.
   const std::vector<Value> messages = received();
   ASSERT_GE(messages.size(), 1u);
   const auto& last = *messages.back().as<Value::List>();
@@ -103,7 +103,7 @@ TEST_F(RawPeer, ReaderThatIsTooSlowIsDroppedWithAGoodbye) {
   EXPECT_TRUE(peerSeesTheEnd());
 }
 
-// Two connections of which the first lets most wait, while all together hold too much.
+// Two connections whose backlogs are too large together, the first one's being the larger.
 class UnderPressure : public RawPeer {
  protected:
   UnderPressure() {
@@ -168,8 +168,8 @@ TEST_F(UnderPressure, AReaderThatIsBeingDroppedIsNotWrittenToBeforeItsGoodbye) {
   turns();
   ASSERT_EQ(invalidations, 0);
   overload();
-  // The first reads all that its socket holds and could be flushed, in the very turn in which the
-  // second one's backlog decides that the first has to go.
+  // The first reads everything in its socket and could be flushed, in the very turn in which the
+  // second one's backlog selects the first to be dropped.
   drain(peer);
   send(*other, 40'000);
   turns();
@@ -178,7 +178,7 @@ TEST_F(UnderPressure, AReaderThatIsBeingDroppedIsNotWrittenToBeforeItsGoodbye) {
   EXPECT_NE(logged[0].find("too slow"), std::string::npos);
 }
 
-TEST_F(RawPeer, UserThatHoldsTooMuchIsRefusedUntilItHoldsLess) {
+TEST_F(RawPeer, AUserOverQuotaIsRefusedUntilItHoldsLess) {
   int both[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
   peer.reset(both[1]);
@@ -202,7 +202,7 @@ TEST_F(RawPeer, UserThatHoldsTooMuchIsRefusedUntilItHoldsLess) {
   const std::vector<Value> refused = received();
   ASSERT_EQ(refused.size(), 1u);
   EXPECT_EQ(refused[0].as<Value::List>()->at(2), Value(static_cast<int>(FailureCode::overQuota)));
-  // A name still gets through; what was sent for a moment is given back.
+  // A short name still fits the quota; the charge for it is released after the call.
   sendMessage(Value::list({2, 1, Value::list({"name"})}));
   EXPECT_EQ(service->told.size(), 1u);
   EXPECT_EQ(account.bytes(), 9000 + sizeof(Buffer));
@@ -211,7 +211,7 @@ TEST_F(RawPeer, UserThatHoldsTooMuchIsRefusedUntilItHoldsLess) {
   limited->invalidate();
 }
 
-TEST_F(RawPeer, ReaderThatLeavesItsFilesUnreadIsDroppedToo) {
+TEST_F(RawPeer, AReaderThatLeavesItsFilesUnreadIsDropped) {
   const auto makeItem = [](char fill) {
     return Dictionary(Value::map({{"x", std::string(1u << 20, fill)}}));
   };
@@ -254,7 +254,7 @@ struct PeerWithHeavyRequests : RawPeer {
   const std::shared_ptr<HeavyRequestQueue> heavyRequests;
 };
 
-TEST_F(PeerWithHeavyRequests, HeavyRequestsOfOneUserTakeTurnsOverAllConnections) {
+TEST_F(PeerWithHeavyRequests, HeavyRequestsOfOneUserAreServedOneAtATimeOverAllConnections) {
   start();
   int both[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
@@ -287,14 +287,14 @@ TEST_F(PeerWithHeavyRequests, HeavyRequestsOfOneUserTakeTurnsOverAllConnections)
   sendMessage(Value::list({1, 2, 3, Value::list({})}));
   turns();
   EXPECT_EQ(service->kept.size(), 0u);
-  // A connection that ends gives its turn back.
+  // A connection that ends releases its place in the queue.
   otherService->kept.clear();
   other->invalidate();
   turns();
   EXPECT_EQ(service->kept.size(), 1u);
 }
 
-TEST_F(PeerWithHeavyRequests, AHeavyRequestThatWaitsEndsWithItsConnection) {
+TEST_F(PeerWithHeavyRequests, APendingHeavyRequestEndsWithItsConnection) {
   start();
   MemoryAccount& user = MemoryAccount::ofProcess();
   heavyRequests->enter(&user, [] {});
@@ -311,7 +311,7 @@ TEST_F(PeerWithHeavyRequests, AHeavyRequestThatWaitsEndsWithItsConnection) {
   heavyRequests->leave(&user);
 }
 
-TEST_F(RawPeer, HalfOfALargeFrameIsChargedToItsUser) {
+TEST_F(RawPeer, AnIncompleteLargeFrameIsChargedToItsUser) {
   int both[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, both), 0);
   peer.reset(both[1]);
@@ -338,7 +338,7 @@ TEST_F(RawPeer, HalfOfALargeFrameIsChargedToItsUser) {
   EXPECT_EQ(account.bytes(), 0u);
 }
 
-TEST_F(RawPeer, QueueThatStandsStillStopsTheReading) {
+TEST_F(RawPeer, AStalledQueuePausesReading) {
   connection->setQueue(SerialQueue::create("test", executor), executor);
   connection->resume();
   sendMessage(hello());

@@ -20,7 +20,7 @@ TEST_F(RawPeer, OneWayMessageIsNotAnswered) {
   EXPECT_EQ(service->told, std::vector<std::string>{"hello"});
 }
 
-TEST_F(RawPeer, FramesCutAnywhereAreServed) {
+TEST_F(RawPeer, FramesSplitAtAnyOffsetAreServed) {
   start();
   Bytes bytes = framed(encoded(Value::list({1, 1, 0, Value::list({nullptr})})));
   const Bytes second = framed(encoded(Value::list({2, 1, Value::list({"x"})})));
@@ -30,7 +30,7 @@ TEST_F(RawPeer, FramesCutAnywhereAreServed) {
   EXPECT_EQ(service->told.size(), 1u);
 }
 
-TEST_F(RawPeer, DroppedReplyBlockAnswersAFailure) {
+TEST_F(RawPeer, ADroppedReplyBlockAnswersAFailure) {
   start();
   sendMessage(Value::list({1, 1, 2, Value::list({})}));
   EXPECT_TRUE(received().empty());
@@ -40,7 +40,7 @@ TEST_F(RawPeer, DroppedReplyBlockAnswersAFailure) {
   EXPECT_EQ(interruptions, 0);
 }
 
-TEST_F(RawPeer, ManyRequestsAnsweredTogetherAreEachAnswered) {
+TEST_F(RawPeer, EveryRequestOfABatchIsAnswered) {
   start();
   for (int id = 1; id <= 150; ++id) sendMessage(Value::list({1, id, 2, Value::list({})}));
   ASSERT_EQ(service->kept.size(), 150u);
@@ -52,12 +52,12 @@ TEST_F(RawPeer, ManyRequestsAnsweredTogetherAreEachAnswered) {
     EXPECT_EQ(answers[static_cast<std::size_t>(id - 1)],
               Value::list({3, id, Value::list({nullptr})}));
   }
-  // None of them counts as unanswered any more.
+  // All of them count as answered.
   service->kept.clear();
   EXPECT_TRUE(received().empty());
 }
 
-TEST_F(RawPeer, LargeAnswersToManyRequestsGoOneByOne) {
+TEST_F(RawPeer, LargeAnswersToManyRequestsAreSentOneByOne) {
   start();
   for (int id = 1; id <= 3; ++id) sendMessage(Value::list({1, id, 2, Value::list({})}));
   const Error error(
@@ -71,7 +71,7 @@ TEST_F(RawPeer, LargeAnswersToManyRequestsGoOneByOne) {
   }
 }
 
-TEST_F(RawPeer, AnswersToSeveralConnectionsAtOnceFindTheirWay) {
+TEST_F(RawPeer, ABatchAnswersEachConnection) {
   start();
   std::vector<std::string> local;
   const auto localReply = [&local](std::string name) {
@@ -123,7 +123,7 @@ TEST_F(RawPeer, AMethodMayEndTheConnectionThatHoldsItsObject) {
   EXPECT_TRUE(weak.expired());
 }
 
-TEST_F(RawPeer, GoodbyeEndsTheConnectionAndIsRemembered) {
+TEST_F(RawPeer, AGoodbyeEndsTheConnectionAndIsKept) {
   start();
   sendMessage(Value::list({5, "that is all"}));
   EXPECT_TRUE(peerSeesTheEnd());
@@ -155,7 +155,7 @@ TEST_F(RawPeer, ReplyAfterTheEndIsHarmless) {
   service->kept[0](nullptr);
 }
 
-TEST_F(RawPeer, CallReachesThePeerByItsOwnNumber) {
+TEST_F(RawPeer, ACallUsesThePeersIndexOfTheMethod) {
   start(Value::list({"other:", "tell:"}));
   int errors = 0;
   connection->remoteObjectProxyWithErrorHandler<Echo>([&](Error) { ++errors; })
@@ -164,7 +164,7 @@ TEST_F(RawPeer, CallReachesThePeerByItsOwnNumber) {
   EXPECT_EQ(errors, 0);
 }
 
-TEST_F(RawPeer, CallThatThePeerLacksIsReportedLater) {
+TEST_F(RawPeer, ACallThatThePeerLacksIsReportedLater) {
   start(Value::list({"tell:"}));
   std::vector<Error> errors;
   connection->remoteObjectProxyWithErrorHandler<Echo>([&](Error error) { errors.push_back(error); })
@@ -186,7 +186,7 @@ TEST_F(RawPeer, CallOnAnEndedConnectionIsReportedLater) {
   EXPECT_EQ(errors[0].code(), static_cast<int>(ConnectionErrorCode::invalid));
 }
 
-TEST_F(RawPeer, AlternatingCallsAreNotMixedUp) {
+TEST_F(RawPeer, AlternatingCallsReceiveTheirOwnReplies) {
   start(Value::list({"tell:"}));
   for (const char* text : {"a", "a", "b", "a"}) {
     connection->remoteObjectProxyWithErrorHandler<Echo>([](Error) {})
@@ -198,7 +198,7 @@ TEST_F(RawPeer, AlternatingCallsAreNotMixedUp) {
   EXPECT_EQ(received(), expected);
 }
 
-TEST_F(RawPeer, DescriptionIsStable) {
+TEST_F(RawPeer, TheDescriptionIsStable) {
   EXPECT_TRUE(connection->description().ends_with("pid 345 (mailmod) uid 501 session 3>"))
       << connection->description();
   const std::string before = connection->description();
@@ -208,7 +208,7 @@ TEST_F(RawPeer, DescriptionIsStable) {
   EXPECT_EQ(connection->description(), before);
 }
 
-TEST_F(RawPeer, QueueOfItsOwnRunsMessagesAndHandlers) {
+TEST_F(RawPeer, ItsQueueRunsMessagesAndHandlers) {
   connection->setQueue(SerialQueue::create("test", executor), executor);
   connection->resume();
   sendMessage(hello());
@@ -226,7 +226,7 @@ TEST_F(RawPeer, QueueOfItsOwnRunsMessagesAndHandlers) {
   EXPECT_EQ(invalidations, 1);
 }
 
-TEST_F(RawPeer, SlowRequestsRunElsewhereInTheirPlace) {
+TEST_F(RawPeer, SlowRequestsRunOnTheOtherExecutorInOrder) {
   ManualExecutor elsewhere;
   connection->setQueue(SerialQueue::create("test", executor), elsewhere);
   connection->resume();
@@ -240,7 +240,7 @@ TEST_F(RawPeer, SlowRequestsRunElsewhereInTheirPlace) {
   turns();
   executor.runAll();
   EXPECT_EQ(service->told, (std::vector<std::string>{"before"}));
-  // The end waits for what is under way, too.
+  // The invalidation waits for the request in flight, too.
   peer.reset();
   turns();
   executor.runAll();
@@ -250,7 +250,7 @@ TEST_F(RawPeer, SlowRequestsRunElsewhereInTheirPlace) {
   EXPECT_EQ(invalidations, 1);
 }
 
-TEST_F(RawPeer, SlowRequestsAreServedOnceElsewhereComesToThem) {
+TEST_F(RawPeer, SlowRequestsAreServedOnceTheOtherExecutorRuns) {
   ManualExecutor elsewhere;
   connection->setQueue(SerialQueue::create("test", executor), elsewhere);
   connection->resume();
@@ -267,7 +267,7 @@ TEST_F(RawPeer, SlowRequestsAreServedOnceElsewhereComesToThem) {
   EXPECT_EQ(received().back(), Value::list({3, 1, Value::list({nullptr})}));
 }
 
-TEST_F(RawPeer, AnswersToNothingOnAQueueOfItsOwnAreIgnored) {
+TEST_F(RawPeer, UnexpectedAnswersOnAQueueAreIgnored) {
   connection->setQueue(SerialQueue::create("test", executor), executor);
   connection->resume();
   sendMessage(hello());
@@ -290,7 +290,7 @@ struct PeerWithQuota : RawPeer {
   }
 };
 
-TEST_F(PeerWithQuota, LastingRequestsAreRefusedToWhoHoldsTooMuch) {
+TEST_F(PeerWithQuota, LastingRequestsOverQuotaAreRefused) {
   start();
   accountOfTest().charge(100'000);
   sendMessage(Value::list({1, 1, 5, Value::list({})}));
@@ -302,7 +302,7 @@ TEST_F(PeerWithQuota, LastingRequestsAreRefusedToWhoHoldsTooMuch) {
                                 "uid 501 holds 100001 bytes here; at most 100000 are granted")});
 }
 
-TEST_F(PeerWithQuota, MessagesThatWaitAreCharged) {
+TEST_F(PeerWithQuota, PendingMessagesAreCharged) {
   connection->setQueue(SerialQueue::create("test", executor), executor);
   connection->resume();
   sendMessage(hello());
@@ -316,7 +316,7 @@ TEST_F(PeerWithQuota, MessagesThatWaitAreCharged) {
   EXPECT_EQ(service->told.size(), 1u);
 }
 
-TEST_F(PeerWithQuota, AMessageThatWouldHaveToWaitOnTooMuchEndsTheConnection) {
+TEST_F(PeerWithQuota, APendingMessageOverQuotaEndsTheConnection) {
   connection->setQueue(SerialQueue::create("test", executor), executor);
   connection->resume();
   sendMessage(hello());
@@ -328,7 +328,7 @@ TEST_F(PeerWithQuota, AMessageThatWouldHaveToWaitOnTooMuchEndsTheConnection) {
   EXPECT_TRUE(service->told.empty());
 }
 
-// Frames that come in part, at any place, are put together in memory that is wiped.
+// Frames split at any offset are assembled in memory that is wiped.
 TEST_F(RawPeer, ConfidentialConnectionsWorkLikeOthers) {
   connection->setConfidential();
   start();
@@ -351,7 +351,7 @@ TEST_F(RawPeer, ReplyFromAnotherThreadArrives) {
   EXPECT_EQ(received(), std::vector{Value::list({3, 1, Value::list({nullptr})})});
 }
 
-// Two ends of ours.
+// Both ends of a connection.
 struct BothEnds : testing::Test {
   BothEnds() {
     int both[2];
@@ -407,7 +407,7 @@ TEST_F(BothEnds, LargeValueTravelsAsSealedMemoryBothWays) {
   EXPECT_TRUE(errors.empty());
 }
 
-TEST_F(BothEnds, ValueOverTheLimitIsRefusedAndTheConnectionStays) {
+TEST_F(BothEnds, AValueOverTheLimitIsRefusedAndTheConnectionStays) {
   const Dictionary item(Value::map({{"x", std::string(limits::kFrameBytes, 'a')}}));
   proxy().call<&Echo::echo>(item, [&](Dictionary, Error) { FAIL(); });
   turns();
@@ -419,7 +419,7 @@ TEST_F(BothEnds, ValueOverTheLimitIsRefusedAndTheConnectionStays) {
   EXPECT_TRUE(answered);
 }
 
-TEST_F(BothEnds, UnansweredRequestsHearOfTheEnd) {
+TEST_F(BothEnds, UnansweredRequestsFailWhenTheConnectionEnds) {
   proxy().call<&Echo::keep>([](Error) { FAIL(); });
   turns();
   server->invalidate("maintenance");

@@ -34,7 +34,7 @@ struct PeerViolation {
 void writeHello(OutgoingMessage& message, std::span<const std::string_view> selectors,
                 bool takesDescriptors);
 
-// `remoteInterface`: what the peer is expected to export, or null.
+// `remoteInterface` is the interface that the peer should export, or null.
 std::variant<PeerHello, PeerGoodbye, PeerViolation> readHello(std::span<const std::byte> bytes,
                                                               const Interface* remoteInterface,
                                                               TransportContext& context);

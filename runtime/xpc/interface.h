@@ -13,21 +13,22 @@
 
 namespace keel::xpc {
 
-// A protocol as a connection sees it: its selectors in order, and for each a function that decodes
-// the arguments of one message and calls the method on an object.
+// A protocol's dispatch table: its selectors in order, and for each a function that decodes the
+// arguments of one message and calls the method on an object.
 class Interface {
  public:
-  // What a request comes with.
+  // The context of one call.
   struct Call {
     std::shared_ptr<ReplyRoute> route;  // null for a one-way message
     std::uint64_t requestId;
   };
-  // `object` is the protocol's class. False, and nothing called, when the arguments do not fit or
-  // when a method with a reply comes one-way, or the other way round.
+  // Calls the method on `object`, which is of the protocol's class. Returns false, having called
+  // nothing, if the arguments do not fit, or if a method with a reply arrives one-way or the
+  // reverse.
   using Dispatch = bool (*)(void* object, ArgumentReader& arguments, std::uint64_t argumentCount,
                             Call& call);
 
-  // The interface of a protocol; one for each, kept for the life of the process.
+  // Returns the interface of a protocol, a singleton.
   template <class Protocol>
   static const Interface& interfaceWithProtocol() {
     static const Interface& interface = *new Interface(make<Protocol>());
@@ -35,11 +36,11 @@ class Interface {
   }
 
   std::span<const std::string_view> selectors() const { return selectors_; }
-  // Null beyond the list.
+  // Returns null for an index beyond the list.
   Dispatch dispatchAt(std::uint64_t place) const {
     return place < dispatches_.size() ? dispatches_[place] : nullptr;
   }
-  // Usual beyond the list.
+  // Returns `usual` for an index beyond the list.
   Weight weightAt(std::uint64_t place) const {
     return place < weights_.size() ? weights_[place] : Weight::usual;
   }

@@ -21,7 +21,7 @@ class Listener;
 class ListenerDelegate {
  public:
   virtual ~ListenerDelegate() = default;
-  // True keeps the connection, which must then have been resumed; false drops it.
+  // Returns true to keep the connection, which must then have been resumed; false drops it.
   virtual bool listenerShouldAcceptNewConnection(Listener& listener,
                                                  const std::shared_ptr<Connection>& connection) = 0;
 };
@@ -36,19 +36,19 @@ class Listener final : private Reactor::Watcher, public std::enable_shared_from_
   // borrowed and outlives the listener.
   static std::expected<std::shared_ptr<Listener>, Error> initWithMachServiceName(
       const std::string& name, TransportContext& context);
-  // The same in another directory; for tests.
+  // Like initWithMachServiceName(), in another directory; for tests.
   static std::expected<std::shared_ptr<Listener>, Error> inDirectory(const std::string& directory,
                                                                      const std::string& name,
                                                                      TransportContext& context);
   ~Listener();
 
-  // From any thread. Begins suspended. What is called on another thread than the reactor's takes
-  // effect there, in order.
+  // May be called from any thread; calls from others take effect on the reactor's thread, in order.
+  // A listener begins suspended.
   void setDelegate(std::shared_ptr<ListenerDelegate> delegate);
   void resume();
-  // Connections wait in the socket's backlog.
+  // Stops accepting: connections wait in the socket's backlog.
   void suspend();
-  // Closes the socket for good. Connections that were accepted stay.
+  // Closes the socket. Accepted connections stay.
   void invalidate();
 
  private:
@@ -56,7 +56,7 @@ class Listener final : private Reactor::Watcher, public std::enable_shared_from_
            Admissions& admissions);
 
   void onReady(std::uint32_t events) override;
-  // False when there is nothing more to accept for now.
+  // Returns false if there is nothing more to accept now.
   bool acceptOne();
   bool admit(uid_t uid, FileDescriptor& socket, FrameStream::Terms& terms);
   void identify(FileDescriptor socket, FrameStream::Terms terms);

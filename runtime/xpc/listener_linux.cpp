@@ -28,7 +28,7 @@ bool isShortage(int problem) {
   return problem == EMFILE || problem == ENFILE || problem == ENOBUFS || problem == ENOMEM;
 }
 
-// Sends a client that is not let in a goodbye with the reason.
+// Sends a goodbye with the reason to a client that is refused.
 void turnAway(FileDescriptor socket, const std::string& why, const void* owner,
               TransportContext& context) {
   const MessagePool::Borrowed goodbye = context.messages().borrow();
@@ -91,7 +91,7 @@ void Listener::suspend() {
 }
 
 void Listener::invalidate() {
-  // The path goes at once, so that a process which ends right after leaves none behind.
+  // Removed immediately, so that a process that exits right after leaves no path behind.
   removePath();
   perform([self = shared_from_this()] { self->close(); });
 }
@@ -168,7 +168,7 @@ void Listener::turnAwayUnidentified(FileDescriptor socket, std::error_code why) 
   if (!suspended_ && pause_ == 0) pauseAccepting(std::strerror(why.value()));
 }
 
-// Takes the socket only to turn it away.
+// Takes the socket only to refuse it.
 bool Listener::admit(uid_t uid, FileDescriptor& socket, FrameStream::Terms& terms) {
   const auto refusal = admissions_.admit(uid, terms.admission);
   if (refusal == Admissions::Refusal::none) {
@@ -191,7 +191,7 @@ void Listener::connect(FileDescriptor socket, PeerIdentity peer, FrameStream::Te
   options.heavyRequests = heavyRequests_;
   auto stream = std::make_unique<FrameStream>(std::move(socket), context_, std::move(terms));
   const auto connection = Connection::create(std::move(peer), std::move(stream), options);
-  // A connection that the delegate does not resume ends here, with its last reference.
+  // A connection that the delegate did not resume ends here with its last reference.
   const auto delegate = delegate_;
   if (delegate) delegate->listenerShouldAcceptNewConnection(*this, connection);
 }

@@ -80,14 +80,14 @@ TEST_F(Service, AcceptsOnceResumedAndNotWhileSuspended) {
   EXPECT_EQ(delegate->seen.size(), 2u);
 }
 
-TEST_F(Service, SocketIsOpenToEverybody) {
+TEST_F(Service, TheSocketIsAccessibleToEveryUser) {
   open();
   struct stat status{};
   ASSERT_EQ(::stat((directory + "/svc").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0666u);
 }
 
-TEST_F(Service, RefusedConnectionIsDropped) {
+TEST_F(Service, ARefusedConnectionIsDropped) {
   delegate->accept = false;
   open();
   listener->resume();
@@ -101,7 +101,7 @@ TEST_F(Service, RefusedConnectionIsDropped) {
   EXPECT_EQ(::recv(client.get(), &byte, 1, MSG_DONTWAIT), 0);
 }
 
-TEST_F(Service, InvalidatedListenerLeavesNoPathAndKeepsItsConnections) {
+TEST_F(Service, AnInvalidatedListenerRemovesItsPathAndKeepsItsConnections) {
   open();
   listener->resume();
   const FileDescriptor client = connectNow();
@@ -114,7 +114,7 @@ TEST_F(Service, InvalidatedListenerLeavesNoPathAndKeepsItsConnections) {
   EXPECT_TRUE(delegate->connections[0]->isValid());
 }
 
-TEST_F(Service, NameThatIsServedIsNotTakenOver) {
+TEST_F(Service, ANameServedByAnotherProcessIsRefused) {
   open();
   const auto second = Listener::inDirectory(directory, "svc", context);
   ASSERT_FALSE(second);
@@ -122,7 +122,7 @@ TEST_F(Service, NameThatIsServedIsNotTakenOver) {
   EXPECT_TRUE(connectNow());
 }
 
-TEST_F(Service, SocketLeftBehindIsReplaced) {
+TEST_F(Service, AStaleSocketIsReplaced) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   (directory + "/svc").copy(address.sun_path, sizeof(address.sun_path) - 1);
@@ -134,7 +134,7 @@ TEST_F(Service, SocketLeftBehindIsReplaced) {
   EXPECT_TRUE(connectNow());
 }
 
-TEST_F(Service, DirectoryThatOthersMayWriteIsRefused) {
+TEST_F(Service, ADirectoryWritableByOthersIsRefused) {
   ::chmod(directory.c_str(), 0777);
   const auto refused = Listener::inDirectory(directory, "svc", context);
   ASSERT_FALSE(refused);
@@ -142,7 +142,7 @@ TEST_F(Service, DirectoryThatOthersMayWriteIsRefused) {
   EXPECT_NE(refused.error().description().find(directory), std::string::npos);
 }
 
-TEST_F(Service, PathTooLongIsRefused) {
+TEST_F(Service, ATooLongPathIsRefused) {
   const auto refused = Listener::inDirectory(directory, std::string(200, 'n'), context);
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code(), ENAMETOOLONG);

@@ -75,7 +75,7 @@ class Reply {
   }
 
   // Answers each of `replies` with the same results, in their order. Answers to one connection
-  // travel together.
+  // are sent as a batch.
   static void answerAll(std::span<Reply> replies, Results... results) {
     if (replies.size() == 1) return replies.front()(std::move(results)...);
     std::vector<std::uint64_t> ids;

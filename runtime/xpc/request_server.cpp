@@ -14,9 +14,9 @@ namespace {
 
 constexpr std::string_view kUndecodable = "the message cannot be decoded";
 
-// How large replies may be that travel together, and how many do.
-constexpr std::size_t kLargestRepliesTogether = 256;
-constexpr std::size_t kRepliesTogether = 64;
+// Limits of a batch of replies.
+constexpr std::size_t kMaximumBatchedReplyBytes = 256;
+constexpr std::size_t kMaximumBatchedReplies = 64;
 
 void writeReplyHead(OutgoingMessage& message, std::uint64_t requestId, std::size_t resultCount) {
   cbor::Writer writer = message.writer();
@@ -154,7 +154,7 @@ void RequestServer::refuseOverQuota(std::optional<std::uint64_t> requestId) {
                      quota.grantedBytes()));
 }
 
-// `build(message)` writes the answer.
+// Sends the answer that `build(message)` writes.
 template <class Build>
 void RequestServer::answer(std::uint64_t requestId, Build build) {
   if (connection_.transport().onIoThread()) {
@@ -174,7 +174,7 @@ void RequestServer::answer(std::uint64_t requestId, Build build) {
 
 void RequestServer::sendReply(std::uint64_t requestId, std::size_t resultCount,
                               ReplyRoute::WriteResults write, void* results) {
-  // Off the I/O thread nobody knows what the peer has left unread.
+  // The number of the peer's unread bytes is known on the I/O thread only.
   const bool takesDescriptors =
       connection_.transport().onIoThread() && connection_.takesDescriptors();
   answer(requestId, [&](OutgoingMessage& message) {
@@ -202,10 +202,11 @@ bool RequestServer::sendReplies(std::span<const std::uint64_t> requestIds, std::
   encoded->begin();
   ArgumentWriter arguments{*encoded, /*takesDescriptors=*/false};
   write(results, arguments);
-  if (encoded->wireBytes() > kLargestRepliesTogether) return false;
+  if (encoded->wireBytes() > kMaximumBatchedReplyBytes) return false;
   const MessagePool::Borrowed message = messages.borrow();
   for (std::span<const std::uint64_t> rest = requestIds; !rest.empty();) {
-    const std::span<const std::uint64_t> some = rest.first(std::min(rest.size(), kRepliesTogether));
+    const std::span<const std::uint64_t> some =
+        rest.first(std::min(rest.size(), kMaximumBatchedReplies));
     rest = rest.subspan(some.size());
     message->clear();
     for (const std::uint64_t id : some) {
@@ -233,7 +234,7 @@ void RequestServer::messageServed(std::size_t sizeBytes) {
 void RequestServer::requestAnswered(std::uint64_t requestId) {
   ledger_.requestAnswered();
   if (ledger_.endHeavy(requestId)) {
-    // Not before what this answer made wait was counted, at the end of the turn.
+    // Deferred until the end of the turn has counted the backlog that this answer causes.
     connection_.transport().performLater(
         [queue = connection_.options().heavyRequests, user = connection_.quota().account] {
           queue->leave(user);

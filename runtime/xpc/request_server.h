@@ -34,22 +34,22 @@ class RequestServer {
   void setInterface(const Interface& interface) { interface_ = &interface; }
   const Interface* interface() const { return interface_; }
   void setObject(std::shared_ptr<void> object) { object_ = std::move(object); }
-  // Messages are received off the I/O thread.
+  // Declares that messages are received off the I/O thread.
   void setShared() { ledger_.setShared(); }
 
-  // Each gets the message behind its kind. `count` is the number of the message's elements.
+  // `cursor` is behind the message's kind; `count` is the number of the message's elements.
   void receiveRequest(cbor::Cursor& cursor, std::uint64_t count,
                       std::vector<FileDescriptor>& files);
   void receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
-  // A request of that id, if it has one, whose frame was skipped.
+  // Refuses a message whose frame was skipped; `requestId` is empty if it has none.
   void refuseOversized(std::optional<std::uint64_t> requestId, std::string_view text);
-  // Answers what cannot be served (`requestId` empty for a one-way message) and runs the
+  // Answers a message that cannot be served (`requestId` empty for a one-way message) and runs the
   // interruption handler.
   void refuse(std::optional<std::uint64_t> requestId, FailureCode code, std::string_view text);
-  // How much a message asks for, before it is decoded any further.
+  // Returns the weight of a message's method without decoding its arguments.
   Weight weightOf(std::span<const std::byte> frame) const;
 
-  // As ReplyRoute has them.
+  // See ReplyRoute.
   void sendReply(std::uint64_t requestId, std::size_t resultCount, ReplyRoute::WriteResults write,
                  void* results);
   void sendFailure(std::uint64_t requestId, FailureCode code, std::string_view text);
@@ -57,12 +57,12 @@ class RequestServer {
   bool sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount,
                    ReplyRoute::WriteResults write, void* results);
 
-  // Messages wait on the connection's queue, or were served from there. On the I/O thread.
+  // Count the messages pending on the connection's queue. On the I/O thread.
   void messageQueued(std::size_t sizeBytes);
   void messageServed(std::size_t sizeBytes);
 
  private:
-  // What a heavy request brought, kept until it is its user's turn.
+  // A heavy request that waits for the user's previous one to finish.
   struct HeavyRequest {
     std::uint64_t method;
     std::uint64_t argumentCount;
