@@ -40,9 +40,9 @@ Request<void> KLNAuthClient::authenticateByReference(String user, Data form) {
 }
 
 ClientResult<Data> KLNAuthClient::makeForm(AuthInteraction interaction,
-                                           std::chrono::milliseconds patience) {
+                                           std::chrono::milliseconds timeout) {
   if (interaction == AuthInteraction::allowed) {
-    const OSStatus status = AuthorizationObtainRight(kManageDaemonsRight, patience);
+    const OSStatus status = AuthorizationObtainRight(kManageDaemonsRight, timeout);
     if (status != errAuthorizationSuccess) return std::unexpected(diagnosis::ofRight(status));
   }
   const auto form = AuthorizationMakeExternalForm();

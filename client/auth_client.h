@@ -12,69 +12,67 @@
 
 namespace keel {
 
-// A challenge of HTTP authentication, to be answered on the client that started it.
+// A challenge of HTTP authentication, to be answered by the client that started it.
 struct AuthChallenge {
-  std::string text;  // values of the header field WWW-Authenticate, one a line
+  std::string text;  // values of the header field WWW-Authenticate, one per line
   std::string id;
 };
 
-// What became of a right answer.
+// The result of a correct answer.
 struct AuthProof {
   std::string user;
-  std::optional<std::string>
-      response;  // the value of the header field Authentication-Info, when there is one
+  std::optional<std::string> response;  // the value of the header field Authentication-Info, if any
 };
 
-// Whether somebody may be asked to prove to be an administrator.
+// Selects whether a user may be asked for administrator proof.
 enum class AuthInteraction : std::uint8_t { none, allowed };
 
-// A program's link to keeld's authentication service: prove that a user is an administrator, member
-// of the group "admin". Each success counts from then on for everything in the audit session of
-// this process, until keeld ends; KLNClient::authCheck() and isAuthenticated() ask for it.
+// A program's client of keeld's authentication service: proves that a user is an administrator, a
+// member of the group "admin". A success holds for the whole audit session of this process until
+// keeld ends; KLNClient::authCheck() and isAuthenticated() query it.
 //
 // Threads, callbacks, connection, fork(2) and destruction are as with KLNClient. Checks may take
-// seconds, and are made one after another. Wrong credentials of any kind, unknown users, and
-// accounts that are locked or have expired are `authFailed`; right ones of somebody else
-// `notAdmin`. Passwords are wiped wherever this library held them.
+// seconds and run one after another. Wrong credentials of any kind, unknown users, and locked or
+// expired accounts are `authFailed`; correct credentials of a user who is no administrator are
+// `notAdmin`. Every buffer of this library that held a password is wiped.
 class KLNAuthClient {
  public:
   static std::unique_ptr<KLNAuthClient> create(ClientOptions options = {});
-  // For tests, which bring a core of their own.
+  // For tests, which supply their own core.
   explicit KLNAuthClient(std::shared_ptr<ClientCore> core);
   ~KLNAuthClient();
   KLNAuthClient(const KLNAuthClient&) = delete;
   KLNAuthClient& operator=(const KLNAuthClient&) = delete;
 
-  // Ends the connection, and with it open challenges. Requests that wait end with `closed`, and so
-  // does every later one.
+  // Ends the connection and with it open challenges. Pending and later requests end with `closed`.
   void close();
 
-  // Whether the service is alive.
+  // Succeeds if the service is alive.
   Request<void> check();
 
   Request<void> authenticate(String user, const Secret& password);
 
-  // By an authorization reference, as makeForm() yields it, whose process holds the right to manage
-  // daemons; `notAuthorized` when it does not, or is another one than this. The user's name need
-  // not be that of the process's user.
+  // Proves by an authorization reference from makeForm(), whose process holds the right to manage
+  // daemons; `notAuthorized` if it does not, or is not this process. `user` need not be the
+  // process's own user.
   Request<void> authenticateByReference(String user, Data form);
-  // The external form of a reference that stands for this very process: 32 bytes, good for any
-  // number of requests of this process, of no use to others, and no secret. Where policy wants a
-  // proof for the right, `allowed` has polkit ask somebody for it first, and blocks meanwhile, for
-  // `patience` at most; `notAuthorized` when that failed, or when there is nobody to ask. `none`
-  // asks nobody and never blocks. `requestFailed` where /proc cannot be read.
+  // Returns the external form of a reference to this process: 32 bytes, valid for any number of its
+  // requests, useless to others, and no secret. Where policy demands a proof for the right,
+  // `allowed` has polkit ask a user for it first and blocks for `timeout` at most; `notAuthorized`
+  // if that fails or there is no user to ask. `none` asks nobody and never blocks. `requestFailed`
+  // if /proc cannot be read.
   static ClientResult<Data> makeForm(AuthInteraction interaction,
-                                     std::chrono::milliseconds patience = std::chrono::minutes(2));
+                                     std::chrono::milliseconds timeout = std::chrono::minutes(2));
 
-  // The realm of all challenges.
+  // Returns the realm of all challenges.
   Request<std::string> defaultRealm();
   Request<AuthChallenge> startBasic();
   Request<AuthChallenge> startDigest();
-  // `answer` is the value of the header field Authorization. Uses the challenge up, right or wrong;
-  // `authIDNotFound` afterwards, and after a reconnection. challenge_answer.h makes answers.
+  // `answer` is the value of the header field Authorization, see challenge_answer.h. Consumes the
+  // challenge, whatever the result: `authIDNotFound` afterwards, and after a reconnection.
   Request<AuthProof> validate(const Secret& answer, std::string id);
 
-  // Whether anybody was proved an administrator in that audit session.
+  // Returns true if any user was proved an administrator in that audit session.
   Request<bool> isAuthenticated(std::int32_t auditSession);
 
  private:

@@ -15,7 +15,7 @@ namespace {
 using testing::HasSubstr;
 using Kind = ClientError::Kind;
 
-// The daemon's end: notes what is asked, and answers as told.
+// A fake of the daemon's end: records calls and sends scripted answers.
 class FakeAuth final : public protocols::AuthProxy {
  public:
   void authServiceCheckWithHandler(xpc::Reply<Error> handler) override { handler(error); }
@@ -88,7 +88,7 @@ class AuthClientTest : public testing::Test {
     }
     return future.get();
   }
-  // What becomes of a password when the service answers so.
+  // Returns the result of authenticate() when the service answers with `error`.
   ClientError refusalFor(Error error) {
     service->error = std::move(error);
     const auto result = resultOf(client->authenticate("alice", Secret("word")));
@@ -113,7 +113,7 @@ TEST_F(AuthClientTest, EveryRequestIsAnswered) {
   EXPECT_FALSE(resultOf(client->isAuthenticated(-1)).value());
 }
 
-TEST_F(AuthClientTest, FormIsThatOfThisProcess) {
+TEST_F(AuthClientTest, TheFormIsThatOfThisProcess) {
   const auto form = KLNAuthClient::makeForm(AuthInteraction::none);
   ASSERT_TRUE(form);
   EXPECT_TRUE(resultOf(client->authenticateByReference("alice", *form)));
@@ -125,7 +125,7 @@ TEST_F(AuthClientTest, FormIsThatOfThisProcess) {
   EXPECT_GT(named->startTime, 0u);
 }
 
-TEST_F(AuthClientTest, FormIsSentAsItIs) {
+TEST_F(AuthClientTest, TheFormIsSentUnchanged) {
   service->form.bytes.fill(std::byte{0});
   const std::array bytes{std::byte{1}, std::byte{2}, std::byte{3}};
   EXPECT_TRUE(resultOf(client->authenticateByReference("alice", Data(bytes))));
@@ -133,7 +133,7 @@ TEST_F(AuthClientTest, FormIsSentAsItIs) {
   EXPECT_EQ(service->form.bytes[3], std::byte{0});
 }
 
-TEST_F(AuthClientTest, FormMayBeUsedAgain) {
+TEST_F(AuthClientTest, TheFormMayBeReused) {
   const auto form = KLNAuthClient::makeForm(AuthInteraction::none);
   for (const char* user : {"alice", "grace"}) {
     EXPECT_TRUE(resultOf(client->authenticateByReference(user, form.value())));
@@ -141,8 +141,8 @@ TEST_F(AuthClientTest, FormMayBeUsedAgain) {
   }
 }
 
-TEST_F(AuthClientTest, FormWithInteractionIsMadeWhenTheRightIsHeldAndRefusedOtherwise) {
-  // Without anybody to ask. The superuser holds every right.
+TEST_F(AuthClientTest, AFormWithInteractionRequiresTheRight) {
+  // There is no user to ask. The superuser holds every right.
   ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", /*replace=*/1);
   const auto form = KLNAuthClient::makeForm(AuthInteraction::allowed, std::chrono::seconds(5));
   ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
@@ -158,7 +158,7 @@ TEST_F(AuthClientTest, FormWithInteractionIsMadeWhenTheRightIsHeldAndRefusedOthe
   EXPECT_TRUE(KLNAuthClient::makeForm(AuthInteraction::none));
 }
 
-TEST_F(AuthClientTest, AnswerYieldsTheUserAndPerhapsAResponse) {
+TEST_F(AuthClientTest, ValidateReturnsTheUserAndTheResponseIfAny) {
   auto proof = resultOf(client->validate(Secret("answer"), "myob-1"));
   ASSERT_TRUE(proof);
   EXPECT_EQ(service->asked, "answer/myob-1");
@@ -169,7 +169,7 @@ TEST_F(AuthClientTest, AnswerYieldsTheUserAndPerhapsAResponse) {
   EXPECT_EQ(proof.value().response, "rspauth");
 }
 
-TEST_F(AuthClientTest, RefusalsSayWhatIsWrong) {
+TEST_F(AuthClientTest, RefusalsNameTheirReason) {
   const auto expect = [this](Error error, Kind kind, const char* words) {
     const ClientError refusal = refusalFor(error);
     EXPECT_EQ(refusal.kind(), kind) << words;

@@ -20,7 +20,7 @@ std::shared_ptr<Derived> sharedFrom(Derived& operation) {
   return std::static_pointer_cast<Derived>(operation.shared_from_this());
 }
 
-// A text that is wiped when nobody holds it any more.
+// Returns a text that is wiped when its last reference is released.
 String secretText(const Secret& secret) {
   String text(secret.text());
   text.makeSecret();

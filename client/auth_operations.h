@@ -7,8 +7,8 @@
 #include "client/auth_client.h"
 #include "client/operation.h"
 
-// The requests of KLNAuthClient, as operations. What they hold is checked when they are made, on
-// the caller's thread.
+// The requests of KLNAuthClient as operations. Their arguments are checked on creation, on the
+// caller's thread.
 
 namespace keel::operations {
 

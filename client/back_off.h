@@ -6,12 +6,12 @@
 
 namespace keel {
 
-// How long to wait before the next attempt: doubled from one to the next within bounds, shortened
-// at random by up to a half.
+// Computes the pause before the next attempt: exponential within bounds, with a random jitter that
+// shortens it by up to a half.
 class BackOff {
  public:
   using Duration = std::chrono::milliseconds;
-  // `random` yields numbers from 0 up to 1.
+  // `random` returns numbers in [0, 1).
   BackOff(Duration minimum, Duration maximum, std::function<double()> random);
 
   Duration maximum() const { return maximum_; }

@@ -24,7 +24,7 @@ TEST(BackOff, ShortensByUpToAHalf) {
   EXPECT_EQ(backOff.next(), 750ms);
 }
 
-TEST(BackOff, ResetBeginsAnew) {
+TEST(BackOff, ResetRestoresTheMinimum) {
   BackOff backOff(100ms, 1000ms, [] { return 0.0; });
   backOff.next();
   backOff.next();
@@ -32,7 +32,7 @@ TEST(BackOff, ResetBeginsAnew) {
   EXPECT_EQ(backOff.next(), 100ms);
 }
 
-TEST(BackOff, SenselessBoundsAreMendedAndNeverYieldNoPause) {
+TEST(BackOff, InvalidBoundsAreCorrectedToAPositivePause) {
   BackOff backOff(-5ms, -7ms, [] { return 1.0; });
   EXPECT_EQ(backOff.next(), 1ms);
   EXPECT_EQ(backOff.next(), 1ms);

@@ -17,7 +17,7 @@ namespace keel {
 
 namespace {
 
-// keeld's challenges are for no page in particular, and for the method GET.
+// keeld's challenges are for the method GET and no particular page.
 constexpr std::string_view kUri = "/";
 constexpr std::string_view kMethod = "GET";
 
@@ -43,7 +43,7 @@ std::string valueOf(const AuthParameters& parameters, std::string_view name) {
   return value != nullptr ? *value : std::string();
 }
 
-// What one line of a challenge asks for.
+// The parameters of one line of a challenge.
 struct Asked {
   std::string realm, nonce, opaque;
   DigestAlgorithm algorithm = DigestAlgorithm::md5;

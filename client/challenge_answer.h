@@ -6,24 +6,24 @@
 
 #include "runtime/foundation/secret.h"
 
-// Answers to the challenges of KLNAuthClient, for programs that have a name and a password.
+// Answers to the challenges of KLNAuthClient for programs that have a name and a password.
 
 namespace keel {
 
-// To a basic challenge (RFC 7617). Nothing for a user whose name holds a colon.
+// Answers a basic challenge (RFC 7617). Returns nothing if the user's name contains a colon.
 std::optional<Secret> basicAnswer(std::string_view user, const Secret& password);
 
-// To a digest challenge (RFC 7616): it proves that its maker knows the password, and is of no use
-// for any other challenge.
+// The answer to a digest challenge (RFC 7616): proves knowledge of the password, for this challenge
+// only.
 class DigestReply {
  public:
-  // `challenge` is AuthChallenge::text, of which the first line that can be answered counts.
-  // Nothing when none can.
+  // Answers the first line of `challenge`, an AuthChallenge::text, that can be answered. Returns
+  // nothing if there is none.
   static std::optional<DigestReply> to(std::string_view challenge, std::string_view user,
                                        const Secret& password);
 
   const Secret& answer() const { return answer_; }
-  // Whether `response`, AuthProof::response, shows that keeld knows the password too.
+  // Returns true if `response`, an AuthProof::response, proves that keeld knows the password too.
   bool isConfirmedBy(std::string_view response) const;
 
  private:

@@ -19,19 +19,19 @@ std::string line(const char* algorithm) {
       algorithm);
 }
 
-TEST(BasicAnswer, IsThatOfTheStandard) {
+TEST(BasicAnswer, MatchesTheStandardsExample) {
   // RFC 7617, section 2.
   EXPECT_EQ(basicAnswer("Aladdin", Secret("open sesame"))->text(),
             "Basic QWxhZGRpbjpvcGVuIHNlc2FtZQ==");
   EXPECT_EQ(basicAnswer("test", Secret("123\xc2\xa3"))->text(), "Basic dGVzdDoxMjPCow==");
 }
 
-TEST(BasicAnswer, NamesWithAColonCannotBeSaid) {
+TEST(BasicAnswer, ANameWithAColonIsRefused) {
   EXPECT_FALSE(basicAnswer("a:b", kPassword));
   EXPECT_EQ(basicAnswer("", Secret(""))->text(), "Basic Og==");
 }
 
-TEST(DigestReply, IsWhatTheServerComputes) {
+TEST(DigestReply, MatchesTheServersProof) {
   const auto reply = DigestReply::to(line("SHA-256") + "\n" + line("MD5"), "Mufasa", kPassword);
   ASSERT_TRUE(reply);
   const auto answer = DigestAnswer::parse(reply->answer().text());
@@ -65,12 +65,12 @@ TEST(DigestReply, NamesAreQuoted) {
   EXPECT_EQ(DigestAnswer::parse(reply->answer().text())->algorithm, DigestAlgorithm::md5);
 }
 
-TEST(DigestReply, TwoToOneChallengeDiffer) {
+TEST(DigestReply, TwoAnswersToOneChallengeDiffer) {
   EXPECT_NE(DigestReply::to(line("MD5"), "Mufasa", kPassword)->answer().text(),
             DigestReply::to(line("MD5"), "Mufasa", kPassword)->answer().text());
 }
 
-TEST(DigestReply, ChallengesThatCannotBeAnsweredAreNot) {
+TEST(DigestReply, UnsupportedChallengesAreRefused) {
   for (const std::string& challenge :
        {std::string(), std::string("Basic realm=\"x\""), line("SHA-512"), std::string("Digest"),
         std::string("Digest realm=\"a\", nonce=\"b\", algorithm=MD5")}) {

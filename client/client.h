@@ -23,28 +23,26 @@ class ClientCore;
 
 // How one KLNClient behaves.
 struct ClientOptions {
-  // Where the daemon's socket is; empty for the fixed place, /run/keeld.
+  // Directory of the daemon's socket; empty for the default, /run/keeld.
   std::string serviceDirectory = {};
 
-  // Whether a lost connection, or one that could not be made, is tried again. Without, the client
-  // is good for one connection.
+  // Reconnects after a lost or failed connection. If false, the client makes one connection only.
   bool reconnect = true;
-  // The pause before a new attempt: doubled from one to the next, up to the maximum, and shortened
-  // at random by up to a half, so that not all clients come at once. Back to the minimum when a
+  // Pause before the next attempt: doubles up to the maximum, with a random jitter that shortens it
+  // by up to a half, so that clients do not reconnect all at once. Reset to the minimum once a
   // connection has lasted as long as the maximum.
   std::chrono::milliseconds minimumPause{100};
   std::chrono::milliseconds maximumPause{10'000};
 
-  // How long a request may take, from its beginning; Request::within() says otherwise for one of
-  // them.
+  // Timeout of a request, from its begin; Request::within() overrides it for one request.
   std::chrono::milliseconds requestTimeout{30'000};
 
-  // Requests that may wait for their answer, and the bytes of data that they may hold.
+  // Maximum number of unanswered requests, and of the bytes of data in them.
   std::size_t waitingRequests = 4096;
   std::size_t waitingBytes = 256u << 20;
 };
 
-// Where a client stands with the daemon.
+// State of a client's connection to the daemon.
 struct ConnectionState {
   enum class Kind : std::uint8_t {
     connecting,
@@ -53,92 +51,89 @@ struct ConnectionState {
     closed,        // close() was called
   };
   Kind kind = Kind::connecting;
-  // Why it is disconnected; empty otherwise.
+  // The reason of a disconnection; empty otherwise.
   std::string reason = {};
-  ClientError::Kind error = ClientError::Kind::disconnected;  // of a disconnected one
+  ClientError::Kind error = ClientError::Kind::disconnected;  // if disconnected
 };
 
-// How a publication of this client stands.
+// State of a publication of this client.
 struct PublicationState {
   enum class Kind : std::uint8_t {
     published,
-    waiting,  // the connection is gone; published anew with the next one
-    refused,  // the daemon refused to publish it anew, since somebody else took the name; tried
-              // again with the next connection
+    waiting,  // the connection is lost; restored with the next one
+    refused,  // the daemon refused to restore it, since another client took the name; retried with
+              // the next connection
   };
   String name;
   Kind kind = Kind::published;
-  Error error;  // of a refused one
+  Error error;  // if refused
 };
 
-// A program's link to keeld's notification service: publish named items, follow names, ask what is
-// there.
+// A program's client of keeld's notification service: publishes named items, follows names, lists
+// items.
 //
-// Everything may be called from any thread and returns at once, but for Request::wait(). Callbacks
-// run on a thread of the library, one at a time; they may call everything here, must not block, and
-// an exception that leaves them ends the process. The library's threads block all signals but
+// Every method may be called from any thread and returns immediately, except Request::wait().
+// Callbacks run on the library's thread, one at a time; they may call everything here and must not
+// block; an exception that leaves one ends the process. The library's threads block all signals but
 // faults, so a program may set up its own at any time. A process started in a callback inherits
 // that mask unless it is given another (posix_spawnattr_setsigmask(3)).
 //
-// What a client publishes and follows lasts as long as its connection to the daemon, which keeps
-// nothing. The client connects by itself when it is made, and again when the connection is lost; it
-// then publishes anew what it had published, with the last data that was accepted, and follows anew
-// what it followed, in the order in which that was first done. Requests that were under way at the
-// loss end with `disconnected`; those made while there is no connection wait for the next one, at
-// most until their timeout.
+// Publications and subscriptions last as long as the connection to the daemon, which persists
+// nothing. The client connects when it is created and reconnects when the connection is lost; then
+// it restores its publications, with the last accepted data, and its subscriptions, in their
+// original order. Requests in flight at the loss end with `disconnected`; requests made while there
+// is no connection wait for the next one, at most until their timeout.
 //
-// It belongs to the process that made it: a child that is forked afterwards has neither the
-// library's thread nor a use of the connection. There every request of every client fails at once
-// with `forked`, no callback runs, and destroying a client leaves that of the parent alone. The
-// child holds the parent's connection open until it ends or executes a program. In a child that is
-// forked by a callback, do nothing but execute a program or _exit(2).
+// A client belongs to the process that created it. In a child forked afterwards every request of
+// every client fails immediately with `forked`, no callback runs, and destroying a client leaves
+// the parent's alone. The child holds the parent's connection open until it ends or executes a
+// program. In a child forked by a callback, do nothing but execute a program or _exit(2).
 //
-// Destroying it ends everything at once: when the destructor has returned no callback runs (unless
-// it is a callback that destroys it) and none will; futures and blocked callers get `closed`. The
-// destructor waits for a callback that is just running; so hold no lock which callbacks take.
+// Once the destructor has returned, no callback runs (unless a callback destroys the client) and
+// none will; futures and blocked callers get `closed`. The destructor waits for a running callback,
+// so do not hold a lock that callbacks take.
 class KLNClient {
  public:
   static std::unique_ptr<KLNClient> create(ClientOptions options = {});
-  // For tests, which bring a core of their own.
+  // For tests, which supply their own core.
   explicit KLNClient(std::shared_ptr<ClientCore> core);
   ~KLNClient();
   KLNClient(const KLNClient&) = delete;
   KLNClient& operator=(const KLNClient&) = delete;
 
-  // Called with every change from now on, and first with the state that stands.
+  // Calls `handler` with the current state, then with every change.
   void setStateHandler(std::move_only_function<void(const ConnectionState&)> handler);
-  // Called when a publication could not be made anew after a reconnection.
+  // Calls `handler` when a publication could not be restored after a reconnection.
   void setPublicationHandler(std::move_only_function<void(const PublicationState&)> handler);
 
-  // Ends the connection. Requests that wait end with `closed`, and so does every later one.
+  // Ends the connection. Pending and later requests end with `closed`.
   void close();
 
-  // Names are any text, compared exactly. A null name is sent as it is: the daemon answers with
+  // Names are any text, compared exactly. A null name is sent to the daemon, which answers with
   // `nilName` or `notFound`.
 
-  // Publishes `data`, a map or null, under a name that nobody publishes. `duplicate` otherwise,
-  // also when it is this client.
+  // Publishes `data`, a map or null, under an unpublished name. `duplicate` if any client, this one
+  // included, publishes the name.
   Request<void> publish(String name, Value data, std::uint64_t flags = 0, std::int64_t value = 0);
   // Replaces the data of a name that this client publishes. `notFound` otherwise.
   Request<void> update(String name, Value data);
-  // Withdraws a name that this client publishes. `notFound` otherwise. Subscribers are not told.
+  // Withdraws a name that this client publishes. `notFound` otherwise. Subscribers receive nothing.
   Request<void> remove(String name);
 
-  // Follows a name, published or not. `duplicate` when this client follows it already.
+  // Follows a name, published or not. `duplicate` if this client already follows it.
   Request<Subscription> subscribe(String name, EventCallback callback);
 
-  // What the daemon knows of that name, or of every name. `notFound` for a name that nobody ever
+  // Return the daemon's record of that name, or of all names. `notFound` for a name that was never
   // published or followed.
   Request<std::vector<DumpEntry>> dump(String name, bool withData = false);
   Request<std::vector<DumpEntry>> dumpAll(bool withData = false);
 
-  // Whether that user was proved an administrator in that audit session.
+  // Returns true if that user was proved an administrator in that audit session.
   Request<bool> authCheck(String user, std::int32_t auditSession);
-  // "keel_" and the short name of each enabled module, with its service name.
+  // Returns the service name of each enabled module, by "keel_" and its short name.
   Request<std::map<std::string, std::string>> moduleTable();
 
-  // What this client publishes, in the order in which it was published. Answered without the
-  // daemon.
+  // Returns this client's publications in the order of publishing. Answered locally.
   Request<std::vector<PublicationState>> publications();
 
  private:

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How the core keeps its promises:
+// The core's guarantees:
 //
-// No callback after the destruction. Every callback passes the gate, which abandon() closes,
-// waiting for the one that runs. The rest of the end is posted to the I/O thread and may come
+// No callback after the destruction. Every callback passes the gate; abandon() closes it, waiting
+// for the running callback. The rest of the teardown is posted to the I/O thread and may happen
 // later.
 //
-// No callback within a call. Whatever a program calls is posted, also on the I/O thread; so a
-// callback may call anything, and no container here changes while it is walked through.
+// No callback within a call. Every call of the program is posted, also on the I/O thread; so a
+// callback may call anything, and no container here changes during iteration.
 //
-// Exactly one result. Answer, timeout, loss, closing and a waiter who gives up race for
-// Operation::settled; the first one wins. The operation leaves the list when one of those on the
-// I/O thread comes, and only then makes room for another.
+// Exactly one result. Answer, timeout, disconnection, close() and a waiter's timeout race for
+// Operation::settled; the first one wins. The operation leaves the list, and stops counting against
+// the limits, with the first of those events on the I/O thread.
 #include "client/client_core.h"
 
 #include <fmt/format.h>
@@ -107,7 +107,7 @@ void ClientCore::timedOut(std::uint64_t id) {
                        : diagnosis::ofTimeout(operation->what(), operation->timeout));
 }
 
-void ClientCore::couldNotAsk(Operation& operation, const Error& error) {
+void ClientCore::callFailed(Operation& operation, const Error& error) {
   if (connection_ && error.code() == static_cast<std::int64_t>(xpc::ConnectionErrorCode::invalid)) {
     return fail(operation,
                 diagnosis::ofRequestAtLoss(operation.what(),
@@ -117,10 +117,10 @@ void ClientCore::couldNotAsk(Operation& operation, const Error& error) {
 }
 
 void ClientCore::fail(Operation& operation, ClientError error) {
-  // The list may hold the last reference.
+  // Held here, because the list may own the last reference.
   const auto found = operations_.find(operation.id);
   const auto kept = found == operations_.end() ? nullptr : found->second;
-  if (settle(operation)) tell([&] { operation.fail(std::move(error)); });
+  if (settle(operation)) runCallback([&] { operation.fail(std::move(error)); });
   operation.drop();
 }
 
@@ -220,14 +220,14 @@ void ClientCore::disconnected(ClientError reason) {
 void ClientCore::setState(ConnectionState state) {
   state_ = std::move(state);
   if (!stateHandler_) return;
-  tell([this] { stateHandler_(state_); });
+  runCallback([this] { stateHandler_(state_); });
 }
 
 void ClientCore::setStateHandler(std::move_only_function<void(const ConnectionState&)> handler) {
   if (isForked()) return;
   reactor_.post([self = shared_from_this(), handler = std::move(handler)]() mutable {
     self->stateHandler_ = std::move(handler);
-    if (self->stateHandler_) self->tell([&] { self->stateHandler_(self->state_); });
+    if (self->stateHandler_) self->runCallback([&] { self->stateHandler_(self->state_); });
   });
 }
 
@@ -246,7 +246,7 @@ void ClientCore::close() {
 
 void ClientCore::abandon() {
   if (isForked()) {
-    if (started_) keptForGood_ = shared_from_this();
+    if (started_) leakedAfterFork_ = shared_from_this();
     return;
   }
   gate_.close(onIoThread());

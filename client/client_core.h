@@ -29,21 +29,22 @@ namespace keel {
 // Which service a client talks to.
 enum class ClientService : std::uint8_t { notify, auth };
 
-// The inside of a KLNClient or KLNAuthClient: keeps a connection, sends operations over it, knows
-// what the program publishes and follows. It lives on the I/O thread; what may be called from
-// elsewhere says so. The program's callbacks are called only through the gate, and never from
-// within a call of the program's.
+// The implementation of KLNClient and KLNAuthClient: keeps a connection, sends operations over it,
+// and records the program's publications and subscriptions. Lives on the I/O thread; methods that
+// may be called from other threads say so. The program's callbacks run only through the gate, and
+// never within a call by the program.
 class ClientCore final : public std::enable_shared_from_this<ClientCore> {
  public:
   using Connector = std::function<std::expected<std::shared_ptr<xpc::Connection>, Error>()>;
 
-  // The reactor is borrowed and outlives everything; `process` is where it runs. `socketPath` is
-  // for messages; `random` yields numbers from 0 up to 1.
+  // The reactor is borrowed and outlives the core; `process` is the process that runs it.
+  // `socketPath` is for messages; `random` returns numbers in [0, 1).
   ClientCore(Reactor& reactor, Connector connector, std::string socketPath, ClientOptions options,
              std::function<double()> random, ClientService service = ClientService::notify,
              pid_t process = ::getpid());
 
-  // From any thread. In a process that was forked since, submit() fails and the others do nothing.
+  // These may be called from any thread. In a forked process submit() fails and the others do
+  // nothing.
   void start();
   const ClientOptions& options() const { return options_; }
   bool onIoThread() const { return reactor_.isCurrent(); }
@@ -53,19 +54,19 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   void setPublicationHandler(std::move_only_function<void(const PublicationState&)> handler);
   void cancel(std::shared_ptr<SubscriptionRecord> record);
   void close();
-  // No callback is called any more; then everything ends.
+  // Stops all callbacks, then ends everything.
   void abandon();
 
   // For operations.
   //
-  // Calls a method of the daemon; `answered(core, operation, inTime, results...)` gets the answer.
-  // It is not in time when the operation has ended already.
+  // Calls a method of the daemon and passes the answer to `answered(core, operation, inTime,
+  // results...)`; `inTime` is false if the operation has ended already.
   template <auto Member, class AnOperation, class Answered, class... Arguments>
   void ask(const std::shared_ptr<AnOperation>& operation, Answered answered,
            Arguments&&... arguments) {
     const std::weak_ptr<ClientCore> weak = weak_from_this();
     auto onError = [weak, operation](const Error& error) {
-      if (const auto core = weak.lock()) core->couldNotAsk(*operation, error);
+      if (const auto core = weak.lock()) core->callFailed(*operation, error);
     };
     proxy<typename xpc::MemberTraits<decltype(Member)>::Protocol>(std::move(onError))
         .template call<Member>(std::forward<Arguments>(arguments)..., [weak, operation, answered](
@@ -74,16 +75,16 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
           if (core) answered(*core, *operation, core->settle(*operation), results...);
         });
   }
-  // Takes the operation off the list. False when it has ended already.
+  // Removes the operation from the list. Returns false if it has ended already.
   bool settle(Operation& operation);
-  // Runs `callback`, which calls the program.
+  // Runs `callback`, which calls the program, through the gate.
   template <class Callback>
-  void tell(Callback callback) {
+  void runCallback(Callback callback) {
     gate_.pass(std::move(callback));
   }
   template <class T>
   void finish(OperationOf<T>& operation, ClientResult<T> result) {
-    tell([&] { operation.finish(std::move(result)); });
+    runCallback([&] { operation.finish(std::move(result)); });
     operation.drop();
   }
   ClientError answerError(const Operation& operation, const Error& error) const;
@@ -93,11 +94,11 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   void removed(const String& name);
   std::vector<PublicationState> publications() const;
   std::shared_ptr<SubscriptionRecord> subscribed(String name, EventCallback callback);
-  // Undoes what was accepted too late.
-  void takeBackPublication(const String& name);
-  void takeBackSubscription(const String& name);
+  // Undo a request that was accepted too late.
+  void revertPublication(const String& name);
+  void revertSubscription(const String& name);
 
-  // For what is exported to the daemon.
+  // For the object exported to the daemon.
   void deliver(const String& name, Dictionary item, Error error);
 
  private:
@@ -111,9 +112,9 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   void begin(std::shared_ptr<Operation> operation);
   void send(Operation& operation);
   void timedOut(std::uint64_t id);
-  void couldNotAsk(Operation& operation, const Error& error);
+  void callFailed(Operation& operation, const Error& error);
   void fail(Operation& operation, ClientError error);
-  // Ends those that were sent, or all, with what `errorOf` makes of each.
+  // Fails the operations that were sent, or all of them, with `errorOf(operation)`.
   template <class ErrorOf>
   void failOperations(bool all, ErrorOf errorOf);
 
@@ -137,11 +138,11 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   const ClientOptions options_;
   const ClientService service_;
   const pid_t process_;
-  // In a forked process, of a core that was started by its parent. Destroyed there, its connection
-  // would be taken out of the epoll(7) instance that the two share, and the parent would hear
-  // nothing more.
-  std::shared_ptr<ClientCore> keptForGood_;
-  bool started_ = false;  // written before any other thread has the core
+  // Leaks a core that the parent started, in a forked process. Destroying it there would remove its
+  // connection from the epoll(7) instance that the two share, and the parent would miss every
+  // further event.
+  std::shared_ptr<ClientCore> leakedAfterFork_;
+  bool started_ = false;  // written before the core is shared with other threads
   Gate gate_;
   std::atomic<std::size_t> waitingRequests_{0};
   std::atomic<std::size_t> waitingBytes_{0};
@@ -149,15 +150,15 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   BackOff backOff_;
   Reactor::TimerId connectTimer_ = 0;
   Reactor::TimerId steadyTimer_ = 0;
-  std::shared_ptr<xpc::Connection> connection_;  // null when there is none
-  std::uint64_t connectionNumber_ = 0;           // tells the present connection from former ones
-  bool ready_ = false;                           // the daemon's hello has come
+  std::shared_ptr<xpc::Connection> connection_;  // null: none
+  std::uint64_t connectionNumber_ = 0;           // distinguishes the connection from earlier ones
+  bool ready_ = false;                           // the daemon's hello has arrived
   bool ended_ = false;
   ConnectionState state_;
-  ClientError disconnection_;  // why there is no connection
+  ClientError disconnection_;  // the reason for having no connection
 
   std::map<std::uint64_t, std::shared_ptr<Operation>>
-      operations_;  // by id, in the order of their beginning
+      operations_;  // by id, in the order of submission
   std::uint64_t nextId_ = 1;
   std::uint64_t nextOrder_ = 1;
   std::unordered_map<String, PublicationRecord, StringHash> publications_;

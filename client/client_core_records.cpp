@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a client publishes and follows, kept and restored.
+// Records a client's publications and subscriptions, and restores them after a reconnection.
 #include <algorithm>
 #include <utility>
 
@@ -38,12 +38,12 @@ std::shared_ptr<SubscriptionRecord> ClientCore::subscribed(String name, EventCal
   return record;
 }
 
-void ClientCore::takeBackPublication(const String& name) {
+void ClientCore::revertPublication(const String& name) {
   if (!ready_) return;
   proxy([](Error) {}).call<&protocols::NotifyProxy::removePublishedItemForName>(name, [](Error) {});
 }
 
-void ClientCore::takeBackSubscription(const String& name) {
+void ClientCore::revertSubscription(const String& name) {
   if (!ready_) return;
   proxy([](Error) {}).call<&protocols::NotifyProxy::unsubscribeFrom>(name);
 }
@@ -60,7 +60,7 @@ void ClientCore::drop(SubscriptionRecord& record) {
   const auto found = subscriptions_.find(record.name);
   if (found == subscriptions_.end() || found->second.get() != &record) return;
   subscriptions_.erase(found);
-  takeBackSubscription(record.name);
+  revertSubscription(record.name);
 }
 
 void ClientCore::deliver(const String& name, Dictionary item, Error error) {
@@ -68,7 +68,7 @@ void ClientCore::deliver(const String& name, Dictionary item, Error error) {
   if (found == subscriptions_.end()) return;
   const auto record = found->second;
   const Event event{name, std::move(item), std::move(error)};
-  tell([&] {
+  runCallback([&] {
     if (!record->cancelled) record->callback(event);
   });
 }
@@ -110,7 +110,7 @@ void ClientCore::publicationRestored(std::uint64_t order, const String& name, Er
   record.kind = error ? PublicationState::Kind::refused : PublicationState::Kind::published;
   record.error = std::move(error);
   if (!record.error || !publicationHandler_) return;
-  tell([&] { publicationHandler_(record.state()); });
+  runCallback([&] { publicationHandler_(record.state()); });
 }
 
 void ClientCore::subscriptionRestored(const std::shared_ptr<SubscriptionRecord>& record,
@@ -118,7 +118,7 @@ void ClientCore::subscriptionRestored(const std::shared_ptr<SubscriptionRecord>&
   if (!ready_ || record->cancelled) return;
   record->state = error ? Subscription::State::refused : Subscription::State::active;
   if (!error) return;
-  tell([&] {
+  runCallback([&] {
     if (!record->cancelled) record->callback(Event{record->name, nullptr, error});
   });
 }

@@ -11,42 +11,41 @@
 
 namespace keel {
 
-// Why a request of KLNClient came to nothing.
+// The reason for a failed request of KLNClient or KLNAuthClient.
 class ClientError {
  public:
   enum class Kind : std::uint8_t {
-    notRunning,        // nobody serves the socket
-    permissionDenied,  // the system does not let this process connect
+    notRunning,        // no process serves the socket
+    permissionDenied,  // this process has no permission to connect
     connectFailed,     // connecting failed for another reason
-    disconnected,  // the connection ended before the answer; whether the request was served is not
-                   // known
-    timedOut,      // no answer in time
-    tooMany,       // more requests wait for their answer than Options allow; nothing was sent
-    tooLarge,      // larger than one message may be
-    badArgument,   // what was given cannot be sent: no dictionary, not UTF-8, nested too deep, a
-                   // date that is no date
-    duplicate,     // the name is published already, or followed already by this client
-    notOwner,      // somebody else publishes the name
-    notFound,      // no such name, or this client does not publish it
-    nilName,       // a name is required
-    authFailed,    // wrong user name, password or answer, or an account that may not be used
+    disconnected,      // the connection ended before the answer; the request may have been served
+    timedOut,          // no answer in time
+    tooMany,           // more unanswered requests than the options allow; nothing was sent
+    tooLarge,          // exceeds the maximum message size
+    badArgument,     // the argument cannot be sent: no dictionary, not UTF-8, nested too deeply, an
+                     // invalid date
+    duplicate,       // the name is published already, or followed already by this client
+    notOwner,        // another client publishes the name
+    notFound,        // no such name, or this client does not publish it
+    nilName,         // a name is required
+    authFailed,      // wrong user name, password or answer, or an account that may not be used
     authIDNotFound,  // no challenge is open under that ID on this connection
-    notAdmin,        // right credentials, but of no administrator
-    notAuthorized,   // this process does not hold the right; the underlying error's code says more
-    requestFailed,   // the daemon could not do it
-    refused,         // the daemon took the request for malformed, or answered what does not fit
-    wouldDeadlock,   // waiting on the library's own thread, which would have to bring the answer
+    notAdmin,        // correct credentials of a user who is no administrator
+    notAuthorized,   // this process does not hold the right; see the underlying error's code
+    requestFailed,   // the daemon failed to serve the request
+    refused,         // the daemon considered the request malformed, or its answer was
+    wouldDeadlock,   // waiting on the library's own thread, which delivers the answer
     closed,          // the client was closed or destroyed
-    forked,  // this process was forked, and the library's thread and connections are its parent's
+    forked,  // this process was forked; the library's thread and connections belong to its parent
   };
 
   ClientError(Kind kind, std::string message, Error underlying = nullptr)
       : kind_(kind), message_(std::move(message)), underlying_(std::move(underlying)) {}
 
   Kind kind() const { return kind_; }
-  // One sentence or two for people: what happened, to whom, and what to do.
+  // Returns a message for people: what happened, to whom, and what to do.
   const std::string& message() const { return message_; }
-  // The error as the daemon or the system gave it; null when it began in this process.
+  // Returns the error of the daemon or the system; null if it originated in this process.
   const Error& underlying() const { return underlying_; }
 
  private:
@@ -55,7 +54,7 @@ class ClientError {
   Error underlying_;
 };
 
-// The enumerator's name, "notRunning".
+// Returns the enumerator's name, "notRunning".
 std::string_view nameOf(ClientError::Kind kind);
 
 template <class T>

@@ -29,7 +29,7 @@ TEST_F(ClientLifetime, DestructionMakesFuturesReadyAndCallsNoCallback) {
   EXPECT_TRUE(service().ended());
 }
 
-TEST_F(ClientLifetime, AnswersAlreadyUnderWayAreDropped) {
+TEST_F(ClientLifetime, AnswersInFlightAreDropped) {
   makeConnectedClient();
   shared.answers = false;
   client->publish("a", kData).then([](ClientResult<void>) { FAIL(); });
@@ -39,7 +39,7 @@ TEST_F(ClientLifetime, AnswersAlreadyUnderWayAreDropped) {
   settle();
 }
 
-TEST_F(ClientLifetime, ClientMayBeDestroyedInTheCallbackOfARequest) {
+TEST_F(ClientLifetime, AClientMayBeDestroyedInTheCallbackOfARequest) {
   makeConnectedClient();
   int calls = 0;
   for (int i = 0; i < 3; ++i) {
@@ -53,7 +53,7 @@ TEST_F(ClientLifetime, ClientMayBeDestroyedInTheCallbackOfARequest) {
   EXPECT_TRUE(service().ended());
 }
 
-TEST_F(ClientLifetime, ClientMayBeDestroyedInTheCallbackOfAnEvent) {
+TEST_F(ClientLifetime, AClientMayBeDestroyedInTheCallbackOfAnEvent) {
   makeConnectedClient();
   int events = 0;
   auto subscription = resultOf(client->subscribe("a", [&](const Event&) {
@@ -67,7 +67,7 @@ TEST_F(ClientLifetime, ClientMayBeDestroyedInTheCallbackOfAnEvent) {
   EXPECT_EQ(subscription->state(), Subscription::State::ended);
 }
 
-TEST_F(ClientLifetime, ClientMayBeDestroyedInTheStateHandler) {
+TEST_F(ClientLifetime, AClientMayBeDestroyedInTheStateHandler) {
   makeConnectedClient();
   client->setStateHandler([&](const ConnectionState& state) {
     if (state.kind == ConnectionState::Kind::disconnected) client.reset();
@@ -80,7 +80,7 @@ TEST_F(ClientLifetime, ClientMayBeDestroyedInTheStateHandler) {
   EXPECT_EQ(attempts, 1);
 }
 
-TEST_F(ClientLifetime, CloseEndsEveryRequestAndTellsSo) {
+TEST_F(ClientLifetime, CloseEndsEveryRequestWithClosed) {
   makeConnectedClient();
   shared.answers = false;
   std::vector<Kind> kinds;
@@ -102,7 +102,7 @@ TEST_F(ClientLifetime, CloseEndsEveryRequestAndTellsSo) {
   EXPECT_EQ(attempts, 1);
 }
 
-TEST_F(ClientLifetime, SubscriptionOutlivesItsClient) {
+TEST_F(ClientLifetime, ASubscriptionOutlivesItsClient) {
   makeConnectedClient();
   auto subscription = resultOf(client->subscribe("a", [](const Event&) { FAIL(); }));
   ASSERT_TRUE(subscription.has_value());
@@ -113,7 +113,7 @@ TEST_F(ClientLifetime, SubscriptionOutlivesItsClient) {
   subscription->cancel();
 }
 
-TEST_F(ClientLifetime, RequestBegunAfterTheDestructionIsClosed) {
+TEST_F(ClientLifetime, ARequestBegunAfterTheDestructionIsClosed) {
   makeConnectedClient();
   auto request = client->publish("a", kData);
   client.reset();
@@ -121,7 +121,7 @@ TEST_F(ClientLifetime, RequestBegunAfterTheDestructionIsClosed) {
   EXPECT_TRUE(shared.calls.empty());
 }
 
-TEST_F(ClientLifetime, SeveralClientsLiveSideBySide) {
+TEST_F(ClientLifetime, SeveralClientsAreIndependent) {
   makeConnectedClient();
   const auto first = std::move(client);
   makeConnectedClient();

@@ -41,7 +41,7 @@ class ClientReconnect : public ClientWorld {
 const Value kOne = Value::map({{"n", 1}});
 const Value kTwo = Value::map({{"n", 2}});
 
-TEST_F(ClientReconnect, RestoresWithTheLastDataInTheOrderOfTheMaking) {
+TEST_F(ClientReconnect, RestoresTheLastDataInTheOriginalOrder) {
   makeConnectedClient();
   EXPECT_TRUE(resultOf(client->publish("b", kOne)).has_value());
   follow("s");
@@ -58,7 +58,7 @@ TEST_F(ClientReconnect, RestoresWithTheLastDataInTheOrderOfTheMaking) {
   EXPECT_EQ(subscriptions[0].state(), Subscription::State::active);
 }
 
-TEST_F(ClientReconnect, SubscriptionHearsOnTheNewConnection) {
+TEST_F(ClientReconnect, ASubscriptionReceivesEventsOnTheNewConnection) {
   makeConnectedClient();
   follow("s");
   lose();
@@ -70,7 +70,7 @@ TEST_F(ClientReconnect, SubscriptionHearsOnTheNewConnection) {
   EXPECT_EQ(events[0].data(), kTwo);
 }
 
-TEST_F(ClientReconnect, CancelledSubscriptionIsNotRestored) {
+TEST_F(ClientReconnect, ACancelledSubscriptionIsNotRestored) {
   makeConnectedClient();
   follow("s");
   lose();
@@ -80,7 +80,7 @@ TEST_F(ClientReconnect, CancelledSubscriptionIsNotRestored) {
   EXPECT_TRUE(shared.calls.empty());
 }
 
-TEST_F(ClientReconnect, PublicationRefusedMeanwhileIsReportedAndTriedAgain) {
+TEST_F(ClientReconnect, ARefusedPublicationIsReportedAndRetried) {
   makeConnectedClient();
   std::vector<PublicationState> reported;
   client->setPublicationHandler([&](const PublicationState& state) { reported.push_back(state); });
@@ -105,7 +105,7 @@ TEST_F(ClientReconnect, PublicationRefusedMeanwhileIsReportedAndTriedAgain) {
   EXPECT_EQ(reported.size(), 1U);
 }
 
-TEST_F(ClientReconnect, SubscriptionRefusedMeanwhileHearsWhy) {
+TEST_F(ClientReconnect, ARefusedSubscriptionReceivesTheError) {
   makeConnectedClient();
   follow("s");
   shared.refusals["s"] = errRequestFailed;
@@ -116,7 +116,7 @@ TEST_F(ClientReconnect, SubscriptionRefusedMeanwhileHearsWhy) {
   EXPECT_EQ(subscriptions[0].state(), Subscription::State::refused);
 }
 
-TEST_F(ClientReconnect, RequestsUnderWayEndDisconnectedWithTheDaemonsWords) {
+TEST_F(ClientReconnect, RequestsInFlightEndDisconnectedWithTheDaemonsReason) {
   makeConnectedClient();
   shared.answers = false;
   auto publishing = client->publish("a", kOne).future();
@@ -134,7 +134,7 @@ TEST_F(ClientReconnect, RequestsUnderWayEndDisconnectedWithTheDaemonsWords) {
   EXPECT_TRUE(shared.calls.empty());
 }
 
-TEST_F(ClientReconnect, RequestsMadeMeanwhileWaitForTheNextConnectionBehindWhatIsRestored) {
+TEST_F(ClientReconnect, RequestsMadeWhileDisconnectedAreSentAfterTheRestoration) {
   makeConnectedClient();
   EXPECT_TRUE(resultOf(client->publish("a", kOne)).has_value());
   lose();
@@ -148,7 +148,7 @@ TEST_F(ClientReconnect, RequestsMadeMeanwhileWaitForTheNextConnectionBehindWhatI
   EXPECT_THAT(shared.calls, ElementsAre("publish a", "update a"));
 }
 
-TEST_F(ClientReconnect, RequestThatWaitsInVainSaysWhyThereIsNoConnection) {
+TEST_F(ClientReconnect, ARequestThatTimesOutNamesTheReasonOfTheDisconnection) {
   connectErrno = ENOENT;
   makeClient({.requestTimeout = 1s});
   auto publishing = client->publish("a", kOne).future();
@@ -162,7 +162,7 @@ TEST_F(ClientReconnect, RequestThatWaitsInVainSaysWhyThereIsNoConnection) {
   EXPECT_THAT(result.error().message(), HasSubstr("no socket at /run/keeld/test; start it with"));
 }
 
-TEST_F(ClientReconnect, WithoutReconnectingRequestsFailAtOnce) {
+TEST_F(ClientReconnect, WithoutReconnectingRequestsFailImmediately) {
   connectErrno = EACCES;
   makeClient({.reconnect = false});
   EXPECT_EQ(kindOf(resultOf(client->publish("a", kOne))), Kind::permissionDenied);
@@ -172,7 +172,7 @@ TEST_F(ClientReconnect, WithoutReconnectingRequestsFailAtOnce) {
   EXPECT_EQ(attempts, 1);
 }
 
-TEST_F(ClientReconnect, WithoutReconnectingALossEndsWhatWaits) {
+TEST_F(ClientReconnect, WithoutReconnectingALossEndsPendingRequests) {
   makeConnectedClient({.reconnect = false});
   lose("going down");
   const auto result = resultOf(client->publish("a", kOne));
@@ -194,7 +194,7 @@ TEST_F(ClientReconnect, PausesDoubleUpToTheMaximum) {
   }
 }
 
-TEST_F(ClientReconnect, PauseBeginsAnewOnlyAfterASteadyConnection) {
+TEST_F(ClientReconnect, ThePauseIsResetOnlyAfterASteadyConnection) {
   connectErrno = ECONNREFUSED;
   makeClient({.minimumPause = 100ms, .maximumPause = 400ms});
   settle();
@@ -211,7 +211,7 @@ TEST_F(ClientReconnect, PauseBeginsAnewOnlyAfterASteadyConnection) {
   EXPECT_EQ(attempts, 4);
 }
 
-TEST_F(ClientReconnect, StatesAreTold) {
+TEST_F(ClientReconnect, StateChangesAreReported) {
   connectErrno = ENOENT;
   makeClient();
   watchStates();

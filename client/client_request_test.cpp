@@ -22,13 +22,13 @@ TEST_F(ClientRequest, PublishSendsDataFlagsAndValue) {
   EXPECT_EQ(service().lastValue, -5);
 }
 
-TEST_F(ClientRequest, PublishTakesNullData) {
+TEST_F(ClientRequest, PublishAcceptsNullData) {
   makeConnectedClient();
   EXPECT_TRUE(resultOf(client->publish("weather", nullptr)).has_value());
   EXPECT_TRUE(shared.lastData.at("weather").isNull());
 }
 
-TEST_F(ClientRequest, RequestsMadeBeforeTheConnectionStandsAreSentInTheirOrder) {
+TEST_F(ClientRequest, RequestsMadeBeforeTheConnectionAreSentInOrder) {
   makeClient();
   auto first = client->publish("a", kData).future();
   auto second = client->update("a", kData).future();
@@ -40,7 +40,7 @@ TEST_F(ClientRequest, RequestsMadeBeforeTheConnectionStandsAreSentInTheirOrder) 
   EXPECT_THAT(shared.calls, ElementsAre("publish a", "update a", "remove a"));
 }
 
-TEST_F(ClientRequest, RefusalsOfTheDaemonBecomeKindsAndKeepTheirError) {
+TEST_F(ClientRequest, RefusalsBecomeKindsAndKeepTheirError) {
   makeConnectedClient();
   const std::pair<int, Kind> expectations[] = {{errDuplicate, Kind::duplicate},
                                                {errNotOwner, Kind::notOwner},
@@ -56,9 +56,9 @@ TEST_F(ClientRequest, RefusalsOfTheDaemonBecomeKindsAndKeepTheirError) {
   }
 }
 
-TEST_F(ClientRequest, TheDaemonsOwnWordsAreHandedOn) {
+TEST_F(ClientRequest, TheDaemonsDescriptionIsPassedOn) {
   makeConnectedClient();
-  shared.words = "the key weather has already been published";
+  shared.refusalText = "the key weather has already been published";
   shared.refusals["weather"] = errDuplicate;
   EXPECT_EQ(
       resultOf(client->publish("weather", kData)).error().message(),
@@ -72,7 +72,7 @@ TEST_F(ClientRequest, NullNamesAreSentAndRefusedByTheDaemon) {
   EXPECT_THAT(shared.calls, ElementsAre("publish (null)", "subscribe (null)"));
 }
 
-TEST_F(ClientRequest, WhatCannotBeSentIsRefusedHere) {
+TEST_F(ClientRequest, UnsendableArgumentsAreRefusedLocally) {
   makeConnectedClient();
   EXPECT_EQ(kindOf(resultOf(client->publish("weather", "text"))), Kind::badArgument);
   EXPECT_EQ(kindOf(resultOf(client->update("weather", Value::list({})))), Kind::badArgument);
@@ -82,7 +82,7 @@ TEST_F(ClientRequest, WhatCannotBeSentIsRefusedHere) {
   EXPECT_TRUE(shared.calls.empty());
 }
 
-TEST_F(ClientRequest, CallbackRunsOnceAndNeverWithinTheCall) {
+TEST_F(ClientRequest, ACallbackRunsOnceAndNeverWithinTheCall) {
   makeConnectedClient();
   int calls = 0;
   EXPECT_TRUE(client->publish("weather", kData).then([&](ClientResult<void> result) {
@@ -94,7 +94,7 @@ TEST_F(ClientRequest, CallbackRunsOnceAndNeverWithinTheCall) {
   EXPECT_EQ(calls, 1);
 }
 
-TEST_F(ClientRequest, CallbackMayMakeFurtherRequests) {
+TEST_F(ClientRequest, ACallbackMayMakeFurtherRequests) {
   makeConnectedClient();
   bool updated = false;
   client->publish("weather", kData).then([&](ClientResult<void>) {
@@ -106,7 +106,7 @@ TEST_F(ClientRequest, CallbackMayMakeFurtherRequests) {
   EXPECT_TRUE(updated);
 }
 
-TEST_F(ClientRequest, RequestThatIsNotBegunIsNotMade) {
+TEST_F(ClientRequest, ARequestThatIsNotBegunIsNotSent) {
   makeConnectedClient();
   static_cast<void>(client->publish("weather", kData));
   settle();
@@ -120,7 +120,7 @@ TEST_F(ClientRequest, WaitingOnTheLibrarysThreadIsRefused) {
   EXPECT_TRUE(shared.calls.empty());
 }
 
-TEST_F(ClientRequest, UnansweredRequestTimesOutAtItsTime) {
+TEST_F(ClientRequest, AnUnansweredRequestTimesOut) {
   makeConnectedClient({.requestTimeout = 2s});
   shared.answers = false;
   auto byOptions = client->publish("weather", kData).future();
@@ -140,7 +140,7 @@ TEST_F(ClientRequest, UnansweredRequestTimesOutAtItsTime) {
   EXPECT_THAT(result.error().message(), HasSubstr("within 2 s"));
 }
 
-TEST_F(ClientRequest, EndlessTimeoutsWaitAndNegativeOnesDoNot) {
+TEST_F(ClientRequest, TheLongestTimeoutWaitsAndANegativeOneDoesNot) {
   makeConnectedClient({.requestTimeout = std::chrono::milliseconds::max()});
   shared.answers = false;
   auto endless = client->dumpAll().future();
@@ -152,7 +152,7 @@ TEST_F(ClientRequest, EndlessTimeoutsWaitAndNegativeOnesDoNot) {
   EXPECT_EQ(kindOf(negative.get()), Kind::timedOut);
 }
 
-TEST_F(ClientRequest, PublicationAcceptedTooLateIsTakenBack) {
+TEST_F(ClientRequest, APublicationAcceptedTooLateIsReverted) {
   makeConnectedClient({.requestTimeout = 1s});
   shared.answers = false;
   auto result = client->publish("weather", kData).future();
@@ -166,7 +166,7 @@ TEST_F(ClientRequest, PublicationAcceptedTooLateIsTakenBack) {
   EXPECT_TRUE(resultOf(client->publications())->empty());
 }
 
-TEST_F(ClientRequest, SubscriptionAcceptedTooLateIsTakenBack) {
+TEST_F(ClientRequest, ASubscriptionAcceptedTooLateIsReverted) {
   makeConnectedClient({.requestTimeout = 1s});
   shared.answers = false;
   auto result = client->subscribe("weather", [](const Event&) { FAIL(); }).future();
@@ -179,7 +179,7 @@ TEST_F(ClientRequest, SubscriptionAcceptedTooLateIsTakenBack) {
   EXPECT_THAT(shared.calls, ElementsAre("subscribe weather", "unsubscribe weather"));
 }
 
-TEST_F(ClientRequest, AsManyAsAllowedMayWaitAndOneMoreIsRefused) {
+TEST_F(ClientRequest, RequestsUpToTheLimitWaitAndOneMoreIsRefused) {
   makeConnectedClient({.waitingRequests = 2});
   shared.answers = false;
   auto first = client->publish("a", kData).future();
@@ -197,7 +197,7 @@ TEST_F(ClientRequest, AsManyAsAllowedMayWaitAndOneMoreIsRefused) {
   EXPECT_THAT(shared.calls, ElementsAre("publish a", "publish b", "publish e"));
 }
 
-TEST_F(ClientRequest, WaitingDataIsBounded) {
+TEST_F(ClientRequest, PendingDataIsBounded) {
   makeConnectedClient({.waitingBytes = 1000});
   shared.answers = false;
   const Value large = Value::map({{"a", std::string(500, 'x')}});
@@ -206,7 +206,7 @@ TEST_F(ClientRequest, WaitingDataIsBounded) {
   EXPECT_FALSE(isReady(first));
 }
 
-TEST_F(ClientRequest, DumpYieldsEntries) {
+TEST_F(ClientRequest, DumpReturnsEntries) {
   makeConnectedClient();
   shared.dump = Value::list({Value::map({{"name", "weather"},
                                          {"publisher", "<connection 1>"},
@@ -219,7 +219,7 @@ TEST_F(ClientRequest, DumpYieldsEntries) {
   EXPECT_THAT(shared.calls, ElementsAre("dump _all"));
 }
 
-TEST_F(ClientRequest, DumpOfAllItemsIsCalledThatInMessages) {
+TEST_F(ClientRequest, MessagesCallADumpOfAllItemsThat) {
   connectErrno = ENOENT;
   makeClient({.reconnect = false});
   EXPECT_THAT(resultOf(client->dumpAll()).error().message(),
@@ -230,20 +230,20 @@ TEST_F(ClientRequest, DumpOfAllItemsIsCalledThatInMessages) {
               StartsWith("could not dump \"weather\": "));
 }
 
-TEST_F(ClientRequest, DumpOfAnUnknownNameIsNotFound) {
+TEST_F(ClientRequest, ADumpOfAnUnknownNameIsNotFound) {
   makeConnectedClient();
   shared.refusals["weather"] = errNotFound;
   EXPECT_EQ(kindOf(resultOf(client->dump("weather", /*withData=*/true))), Kind::notFound);
   EXPECT_THAT(shared.calls, ElementsAre("dump with data weather"));
 }
 
-TEST_F(ClientRequest, AuthCheckYieldsTheAnswer) {
+TEST_F(ClientRequest, AuthCheckReturnsTheAnswer) {
   makeConnectedClient();
   EXPECT_EQ(resultOf(client->authCheck("ann", 7)), true);
   EXPECT_EQ(resultOf(client->authCheck("ann", -1)), false);
 }
 
-TEST_F(ClientRequest, ModuleTableYieldsNamesAndServices) {
+TEST_F(ClientRequest, ModuleTableReturnsNamesAndServices) {
   makeConnectedClient();
   shared.modules = Value::map({{"keel_mail", "com.vantor.keeld.mail"}});
   const auto modules = resultOf(client->moduleTable());
@@ -251,7 +251,7 @@ TEST_F(ClientRequest, ModuleTableYieldsNamesAndServices) {
   EXPECT_THAT(*modules, ElementsAre(testing::Pair("keel_mail", "com.vantor.keeld.mail")));
 }
 
-TEST_F(ClientRequest, AnswerThatDoesNotFitIsRefused) {
+TEST_F(ClientRequest, AMalformedAnswerIsRefused) {
   makeConnectedClient();
   shared.dump = Value::list({"no entry"});
   EXPECT_EQ(kindOf(resultOf(client->dumpAll())), Kind::refused);

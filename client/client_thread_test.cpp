@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The client over a socket, with a library thread of its own, used from others; worth most under
-// the thread sanitizer.
+// The client over a socket, with a library thread, used from other threads; most valuable under the
+// thread sanitizer.
 #include <sys/socket.h>
 
 #include <atomic>
@@ -60,7 +60,7 @@ class ClientThread : public testing::Test {
   std::thread thread;
 };
 
-TEST_F(ClientThread, BlockedCallersGetTheirAnswers) {
+TEST_F(ClientThread, BlockedCallersReceiveTheirAnswers) {
   std::atomic<int> succeeded{0};
   std::vector<std::jthread> callers;
   for (int caller = 0; caller < 4; ++caller) {
@@ -76,7 +76,7 @@ TEST_F(ClientThread, BlockedCallersGetTheirAnswers) {
   EXPECT_EQ(client->publications().wait()->size(), 200U);
 }
 
-TEST_F(ClientThread, WaiterGivesUpThoughACallbackHoldsUpTheLibrary) {
+TEST_F(ClientThread, AWaiterTimesOutWhileACallbackBlocksTheLibrary) {
   std::promise<void> held, release;
   client->publish("a", kData).then([&](ClientResult<void>) {
     held.set_value();
@@ -120,7 +120,7 @@ TEST_F(ClientThread, NoCallbackRunsOnceTheDestructorHasReturned) {
   EXPECT_EQ(late, 0);
 }
 
-TEST_F(ClientThread, NoEventIsHeardOnceTheSubscriptionIsDestroyed) {
+TEST_F(ClientThread, NoEventArrivesOnceTheSubscriptionIsDestroyed) {
   for (int round = 0; round < 20; ++round) {
     std::atomic<bool> destroyed{false};
     std::atomic<int> late{0};
@@ -145,7 +145,7 @@ TEST_F(ClientThread, NoEventIsHeardOnceTheSubscriptionIsDestroyed) {
   }
 }
 
-TEST_F(ClientThread, BlockedCallerIsReleasedWhenTheClientCloses) {
+TEST_F(ClientThread, ABlockedCallerIsReleasedWhenTheClientCloses) {
   onLibraryThread([this] { shared.answers = false; });
   std::jthread closer([this] { client->close(); });
   EXPECT_EQ(client->publish("a", kData).wait().error().kind(), Kind::closed);

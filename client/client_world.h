@@ -13,8 +13,8 @@
 
 namespace keel {
 
-// One client and the services that it gets to talk to, all on a reactor that the test turns by
-// hand, with a clock that it moves by hand.
+// A fixture: one client and the services that it connects to, on a reactor with a clock, both
+// driven by hand.
 class ClientWorld : public testing::Test {
  protected:
   ClientWorld() { reactor.turn(/*wait=*/false); }
@@ -42,7 +42,7 @@ class ClientWorld : public testing::Test {
     settle();
   }
 
-  // Turns until nothing is left to do.
+  // Turns the reactor until it is idle.
   void settle() {
     for (int idle = 0, turns = 0; idle < 3; ++turns) {
       ASSERT_LT(turns, 10'000);
@@ -54,7 +54,7 @@ class ClientWorld : public testing::Test {
     settle();
   }
 
-  // Begins the request and yields its result, which has to come without the clock moving.
+  // Begins the request and returns its result, which must arrive without the clock moving.
   template <class T>
   ClientResult<T> resultOf(Request<T> request) {
     auto future = std::move(request).future();

@@ -21,18 +21,19 @@ std::string seconds(std::chrono::milliseconds duration) {
   return fmt::format("{} s", static_cast<double>(duration.count()) / 1000);
 }
 
-// The error's own words, or an empty text.
-std::string wordsOf(const Error& error) {
+// Returns the description in the error, or an empty text.
+std::string descriptionIn(const Error& error) {
   return std::string(error.userInfo().value().textOf(NSLocalizedDescriptionKey));
 }
 
 ClientError ofDaemonError(const std::string& what, const Error& error) {
   const auto refusal = [&](Kind kind, const char* otherwise) {
-    const std::string words = wordsOf(error);
-    return ClientError(kind,
-                       fmt::format("keeld refused to {}: {} (error {})", what,
-                                   words.empty() ? otherwise : shownText(words, 200), error.code()),
-                       error);
+    const std::string description = descriptionIn(error);
+    return ClientError(
+        kind,
+        fmt::format("keeld refused to {}: {} (error {})", what,
+                    description.empty() ? otherwise : shownText(description, 200), error.code()),
+        error);
   };
   switch (error.code()) {
     case errAuthFailed:
@@ -59,7 +60,7 @@ ClientError ofDaemonError(const std::string& what, const Error& error) {
   }
 }
 
-// What a status of Authorization Services means for whoever asked.
+// Explains a status of Authorization Services to the caller.
 const char* meaningOf(std::int64_t status) {
   switch (status) {
     case errAuthorizationInvalidRef:
@@ -110,10 +111,10 @@ ClientError ofConnecting(const Error& error, const std::string& path) {
   }
 }
 
-ClientError ofLoss(std::string_view farewell) {
-  if (farewell.empty()) return {Kind::disconnected, "keeld closed the connection"};
+ClientError ofLoss(std::string_view goodbye) {
+  if (goodbye.empty()) return {Kind::disconnected, "keeld closed the connection"};
   return {Kind::disconnected,
-          fmt::format("keeld closed the connection: {}", shownText(farewell, 400))};
+          fmt::format("keeld closed the connection: {}", shownText(goodbye, 400))};
 }
 
 ClientError ofRequestAtLoss(const std::string& what, const std::string& reason) {
@@ -144,13 +145,13 @@ ClientError ofAnswer(const std::string& what, const Error& error) {
   }
   if (error.domain() == String(xpc::kConnectionErrorDomain)) {
     if (error.code() == static_cast<std::int64_t>(xpc::ConnectionErrorCode::invalid))
-      return ofRequestAtLoss(what, wordsOf(error));
+      return ofRequestAtLoss(what, descriptionIn(error));
     const Value userInfo = error.userInfo().value();
     const Value* code = userInfo.find("failureCode");
     const bool tooLarge =
         code != nullptr && *code == Value(static_cast<int>(xpc::FailureCode::tooLarge));
     return {tooLarge ? Kind::tooLarge : Kind::refused,
-            fmt::format("keeld could not be asked to {}: {}", what, wordsOf(error)), error};
+            fmt::format("keeld could not be asked to {}: {}", what, descriptionIn(error)), error};
   }
   return {Kind::requestFailed,
           fmt::format("keeld failed to {}: {}", what, shownText(error.description(), 400)), error};

@@ -7,10 +7,10 @@ namespace keel {
 
 namespace {
 
-// What stands in a dump where something is missing.
+// Placeholder for an absent connection or date in a dump.
 constexpr std::string_view kUnconnected = "<unconnected>";
 
-// A text under `key`, none for kUnconnected; false when there is neither.
+// Reads the text at `key`, none for kUnconnected; returns false if it is neither.
 bool readConnection(const Value& entry, std::string_view key,
                     std::optional<std::string>& connection) {
   const Value* found = entry.find(key);
@@ -20,7 +20,7 @@ bool readConnection(const Value& entry, std::string_view key,
   return true;
 }
 
-// A date under `key`, none for a text in its place; false when there is neither.
+// Reads the date at `key`, none for a text; returns false if it is neither.
 bool readDate(const Value& entry, std::string_view key, std::optional<Date>& date) {
   const Value* found = entry.find(key);
   if (found == nullptr) return false;

@@ -13,26 +13,25 @@
 
 namespace keel {
 
-// What the daemon knows of one name.
+// The daemon's record of one name.
 struct DumpEntry {
-  // One who follows it.
+  // A subscriber of the name.
   struct Subscriber {
-    std::optional<std::string> connection;  // none when its connection is gone
-    std::optional<Date> updated;            // when it was last sent something; none when never
+    std::optional<std::string> connection;  // none if its connection is gone
+    std::optional<Date> updated;            // date of the last update sent to it; none if never
     friend bool operator==(const Subscriber&, const Subscriber&) = default;
   };
 
   std::string name;
-  std::optional<std::string>
-      publisher;                  // the publishing connection; none when nobody publishes it now
-  std::optional<Date> published;  // when its data was last replaced; none when never
+  std::optional<std::string> publisher;  // the publishing connection; none if currently unpublished
+  std::optional<Date> published;         // date of the last data; none if never
   std::vector<Subscriber> subscribers;
-  std::optional<Value> data;  // none when not asked for, or when there is none
+  std::optional<Value> data;  // none if not requested or absent
 
   friend bool operator==(const DumpEntry&, const DumpEntry&) = default;
 };
 
-// Reads the daemon's description of its items. `refused` for anything else.
+// Decodes the daemon's dump. `refused` if it is malformed.
 ClientResult<std::vector<DumpEntry>> readDump(const Array& description);
 
 }  // namespace keel

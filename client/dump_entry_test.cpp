@@ -13,7 +13,7 @@ Value entry(Value publisher, Value date, Value subscribers) {
                      {"subscribers", std::move(subscribers)}});
 }
 
-TEST(ReadDump, KnownThingsAreRead) {
+TEST(ReadDump, ReadsPublishersSubscribersAndData) {
   const Value subscriber =
       Value::map({{"subscriber", "<connection 2>"}, {"updateDate", Date{2.5}}});
   Value::Map described =
@@ -26,7 +26,7 @@ TEST(ReadDump, KnownThingsAreRead) {
   EXPECT_EQ(entries->at(0), expected);
 }
 
-TEST(ReadDump, PlaceholdersBecomeAbsent) {
+TEST(ReadDump, PlaceholdersAreReadAsAbsent) {
   const Value subscriber =
       Value::map({{"subscriber", "<unconnected>"}, {"updateDate", "<never updated>"}});
   Value::Map described =
@@ -38,12 +38,12 @@ TEST(ReadDump, PlaceholdersBecomeAbsent) {
   EXPECT_EQ(entries->at(0), expected);
 }
 
-TEST(ReadDump, NothingIsNoEntries) {
+TEST(ReadDump, AnEmptyDumpHasNoEntries) {
   EXPECT_TRUE(readDump(Array(Value::list({})))->empty());
   EXPECT_TRUE(readDump(nullptr)->empty());
 }
 
-TEST(ReadDump, OtherShapesAreRefused) {
+TEST(ReadDump, MalformedDumpsAreRefused) {
   const Value others[] = {Value("text"),
                           Value::map({}),
                           entry(1, Date{1}, Value::list({})),

@@ -18,19 +18,18 @@
 
 namespace keel {
 
-// The daemon's end of one client's connection, for tests: writes down what is asked, and answers as
-// told.
+// A fake of the daemon's end of one client's connection: records calls and sends scripted answers.
 class FakeService final : public protocols::NotifyProxy {
  public:
-  // What every connection of one test shares.
+  // The record and script shared by all connections of a test.
   struct Shared {
     std::vector<std::string> calls;
-    std::string words;                      // of refusals; empty for none
+    std::string refusalText;                // description in refusals; empty for none
     std::map<std::string, int> refusals;    // error code by name
     std::map<std::string, Value> lastData;  // by name
     Value dump = Value::list({});
     Value modules = Value::map({});
-    bool answers = true;  // else answers are held back
+    bool answers = true;  // if false, answers are held until answerHeld()
   };
 
   FakeService(Shared& shared, std::shared_ptr<xpc::Connection> connection)
@@ -111,9 +110,10 @@ class FakeService final : public protocols::NotifyProxy {
     if (name.isNull()) return Error(KLNErrorDomain, errNilName);
     const auto found = shared_.refusals.find(std::string(name.view()));
     if (found == shared_.refusals.end()) return nullptr;
-    if (shared_.words.empty()) return Error(KLNErrorDomain, found->second);
-    return Error(KLNErrorDomain, found->second,
-                 Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), shared_.words}})));
+    if (shared_.refusalText.empty()) return Error(KLNErrorDomain, found->second);
+    return Error(
+        KLNErrorDomain, found->second,
+        Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), shared_.refusalText}})));
   }
   template <class Reply, class... Results>
   void answer(Reply reply, Results... results) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a child that was forked finds of the library: errors, at once, and nothing that disturbs its
+// In a forked child the library returns errors immediately and does nothing that disturbs its
 // parent.
 #include <gmock/gmock.h>
 #include <sys/wait.h>
@@ -23,19 +23,18 @@ using Kind = ClientError::Kind;
 
 const Value kData = Value::map({{"n", 1}});
 
-// The kind of the error, or `refused` when there is none.
+// Returns the kind of the error, or `refused` if there is none.
 template <class T>
 Kind kindOf(const ClientResult<T>& result) {
   return result ? Kind::refused : result.error().kind();
 }
 
-// A process with a module's service, and connections to it and to a notification service that it
-// serves itself.
+// A process with a module's service, a notification service, and a connection to each.
 class Fork : public testing::Test {
  protected:
   Fork() { EXPECT_TRUE(client->publish("weather", kData).wait()); }
 
-  // Runs `body` in a child, which has none of this process's other threads.
+  // Runs `body` in a child, which has only the forking thread.
   static void inChild(const std::function<void()>& body) {
     const pid_t child = ::fork();
     if (child == 0) {
@@ -48,7 +47,7 @@ class Fork : public testing::Test {
   }
 
   TemporaryFolder folder;
-  // The I/O thread may still serve a connection when the test is over.
+  // The I/O thread may still serve a connection after the test.
   std::shared_ptr<FakeService::Shared> shared = std::make_shared<FakeService::Shared>();
   std::unique_ptr<KLNModuleListener> notifyListener =
       *KLNModuleListener::create<protocols::NotifyProxy>(
@@ -69,7 +68,7 @@ class Fork : public testing::Test {
       *KLNModuleConnection<PingProxy>::open("ping", folder.path());
 };
 
-TEST_F(Fork, EveryRequestOfTheChildFailsAtOnce) {
+TEST_F(Fork, EveryRequestOfTheChildFailsImmediately) {
   inChild([this] {
     const auto published = client->publish("a", kData).wait();
     ASSERT_EQ(kindOf(published), Kind::forked);
@@ -87,7 +86,7 @@ TEST_F(Fork, EveryRequestOfTheChildFailsAtOnce) {
   });
 }
 
-TEST_F(Fork, WhatTheChildMakesFailsAtOnceToo) {
+TEST_F(Fork, ClientsCreatedByTheChildFailImmediately) {
   inChild([this] {
     EXPECT_EQ(kindOf(KLNClient::create(options)->publish("a", kData).wait()), Kind::forked);
     EXPECT_EQ(kindOf(KLNAuthClient::create(options)->check().wait()), Kind::forked);
@@ -99,7 +98,7 @@ TEST_F(Fork, WhatTheChildMakesFailsAtOnceToo) {
   });
 }
 
-TEST_F(Fork, WhatTheChildEndsGoesOnInItsParent) {
+TEST_F(Fork, DestructionInTheChildDoesNotAffectTheParent) {
   auto subscription = client->subscribe("weather", [](const Event&) {}).wait();
   ASSERT_TRUE(subscription);
   ASSERT_TRUE(connection->call<&PingProxy::ping>());

@@ -6,8 +6,7 @@
 
 namespace keel {
 
-// What every callback of one client passes through, on the library's thread. Closed, it lets none
-// through any more.
+// Serialises the callbacks of one client on the library's thread. Once closed, no callback runs.
 class Gate {
  public:
   template <class Callback>
@@ -16,8 +15,8 @@ class Gate {
     if (!closed_.load(std::memory_order_relaxed)) callback();
   }
 
-  // When close() or afterRunning() returns, no callback is in the gate, but for the one that calls
-  // it. `onLibraryThread`: then either no callback runs, or it is this one.
+  // When close() or afterRunning() returns, no callback is running except the caller itself.
+  // `onLibraryThread`: the caller is on the library's thread, so a running callback is the caller.
   void close(bool onLibraryThread) {
     afterRunning(onLibraryThread, [this] { closed_.store(true, std::memory_order_relaxed); });
   }

@@ -18,7 +18,7 @@ class TransportContext;
 // calling thread does not change.
 Reactor& libraryReactor();
 
-// What the connections of that reactor share; starts it too.
+// Returns the context shared by the connections of that reactor; starts it too.
 xpc::TransportContext& libraryTransport();
 
 // Returns the process in which that thread runs; starts it too. A child that is forked afterwards

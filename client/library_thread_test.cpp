@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A program of its own: the library's thread must be started by its tests.
+// A separate program: its tests must be the ones that start the library's thread.
 #include "client/library_thread.h"
 
 #include <dirent.h>
@@ -23,7 +23,7 @@ namespace keel {
 
 namespace {
 
-// A program with everything that the library has. There is no daemon.
+// A program that uses every part of the library, without a daemon.
 class LibraryThread : public testing::Test {
  protected:
   TemporaryFolder folder;
@@ -36,7 +36,7 @@ class LibraryThread : public testing::Test {
           {.serviceDirectory = folder.path()});
 };
 
-// The blocked signals of a thread of this process, as the kernel lists them: bit 0 is signal 1.
+// Returns the blocked signals of a thread of this process from /proc: bit 0 is signal 1.
 std::uint64_t blockedSignalsOf(const std::string& thread) {
   std::ifstream status("/proc/self/task/" + thread + "/status");
   for (std::string line; std::getline(status, line);) {
@@ -51,7 +51,7 @@ std::string nameOfThread(const std::string& thread) {
   return name;
 }
 
-TEST_F(LibraryThread, ASignalWaitsForTheProgramThatBlocksItAfterwards) {
+TEST_F(LibraryThread, ASignalIsLeftToAProgramThatBlocksItLater) {
   sigset_t terminate, before;
   sigemptyset(&terminate);
   sigaddset(&terminate, SIGTERM);
@@ -71,7 +71,7 @@ TEST_F(LibraryThread, EveryThreadOfTheLibraryBlocksAllButFaults) {
   constexpr std::uint64_t kNeverBlocked = 1u << (SIGKILL - 1) | 1u << (SIGSTOP - 1);
   // Signals 32 and 33 belong to the C library.
   constexpr std::uint64_t kStandardSignals = 0x7fffffff;
-  // Its answer shows that the thread runs, under the name that it gave itself.
+  // The answer proves that the thread runs and has set its name.
   ASSERT_FALSE(client->dump("weather").wait());
   int found = 0;
   DIR* const threads = ::opendir("/proc/self/task");
@@ -87,7 +87,7 @@ TEST_F(LibraryThread, EveryThreadOfTheLibraryBlocksAllButFaults) {
   EXPECT_GE(found, 1);
 }
 
-TEST_F(LibraryThread, TheCallersMaskStays) {
+TEST_F(LibraryThread, TheCallersMaskIsUnchanged) {
   sigset_t mask;
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &mask), 0);
   EXPECT_EQ(sigismember(&mask, SIGTERM), 0);

@@ -15,8 +15,8 @@
 
 namespace keel {
 
-// One end of a connection within this process, for tests: frames and the end arrive in their order,
-// by the reactor's posts alone.
+// One end of an in-process connection for tests: frames and the end of the connection arrive in
+// order, delivered by reactor posts alone.
 class LoopTransport final : public xpc::Transport {
  public:
   static std::pair<std::unique_ptr<LoopTransport>, std::unique_ptr<LoopTransport>> pair(

@@ -49,7 +49,7 @@ ClientResult<std::shared_ptr<ModuleLink>> ModuleLink::open(const std::string& se
 }
 
 void ModuleLink::close() {
-  // Its connection refers to it, and so both stay.
+  // The connection's handlers refer to the link, so neither may be destroyed.
   if (isForkedFromLibrary()) return;
   libraryReactor().post([self = shared_from_this()] {
     if (self->connection_) self->connection_->invalidate();

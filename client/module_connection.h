@@ -15,19 +15,19 @@
 
 namespace keel {
 
-// The part of a KLNModuleConnection that knows no protocol. Once connected it lives on the I/O
-// thread, but for what says otherwise.
+// The part of a KLNModuleConnection that is independent of the protocol. Once connected it lives on
+// the I/O thread, except where a comment says otherwise.
 class ModuleLink : public std::enable_shared_from_this<ModuleLink> {
  public:
-  // From any thread, and so is its end.
+  // May be opened and destroyed on any thread.
   static ClientResult<std::shared_ptr<ModuleLink>> open(const std::string& serviceName,
                                                         const std::string& serviceDirectory,
                                                         const xpc::Interface& remoteInterface);
   explicit ModuleLink(std::string serviceName) : serviceName_(std::move(serviceName)) {}
   void close();
-  // Runs `call` when calls can be made; drops it when the connection ends before. From any thread.
+  // Runs `call` once calls can be made; drops it if the connection ends first. From any thread.
   void whenReady(Block call);
-  // Returns why no call can be made on this thread, or in this process.
+  // Returns the reason if no call can be made on this thread or in this process.
   std::optional<ClientError> refusal() const;
 
   const std::shared_ptr<xpc::Connection>& connection() const { return connection_; }
@@ -45,27 +45,27 @@ class ModuleLink : public std::enable_shared_from_this<ModuleLink> {
   bool ended_ = false;
 };
 
-// A program's connection to the Mach service of a module, which is started by the system if it does
-// not run. It lasts until one side ends it: a module ends when nobody has been connected for a
-// while, so keep no connection that is not needed.
+// A program's connection to the Mach service of a module, which the system starts on demand. It
+// lasts until one side ends it: a module exits after a while without connections, so keep none
+// that is not needed.
 //
 //   auto greeter = KLNModuleConnection<GreeterProxy>::open("com.example.greeter");
 //   auto answer = (*greeter)->call<&GreeterProxy::greet>(String("Bob"));   //
 //   ClientResult<std::tuple<String>>
 //
-// From any thread.
+// May be used from any thread.
 template <class Protocol>
 class KLNModuleConnection {
  public:
   template <class... Results>
   static std::tuple<Results...> resultsOf(xpc::Reply<Results...>*);
-  // What a method with a reply answers.
+  // The results of a method with a reply.
   template <auto Member>
   using Answer = decltype(resultsOf(
       static_cast<typename xpc::MethodsOf<Protocol>::template MethodOf<Member>::ReplyBlock*>(
           nullptr)));
 
-  // `serviceDirectory` empty: the fixed place, /run/keeld.
+  // An empty `serviceDirectory` is the default, /run/keeld.
   static ClientResult<std::unique_ptr<KLNModuleConnection>> open(
       const std::string& serviceName, const std::string& serviceDirectory = {}) {
     auto link = ModuleLink::open(serviceName, serviceDirectory,
@@ -77,8 +77,8 @@ class KLNModuleConnection {
   KLNModuleConnection(const KLNModuleConnection&) = delete;
   KLNModuleConnection& operator=(const KLNModuleConnection&) = delete;
 
-  // Calls and waits for the answer, which may take the start of the module. `wouldDeadlock` on the
-  // library's own thread, and `forked` in a child that was forked since, at once.
+  // Calls and waits for the answer, possibly until the module has started. Fails immediately with
+  // `wouldDeadlock` on the library's own thread, and with `forked` in a child forked since.
   template <auto Member, class... Given>
   ClientResult<Answer<Member>> call(Given... given) {
     if (auto refusal = link_->refusal()) return std::unexpected(std::move(*refusal));
@@ -105,11 +105,11 @@ class KLNModuleConnection {
       return std::unexpected(link_->timedOut(timeout_));
     return future.get();
   }
-  // How long a call may take; without it 30 s.
+  // Sets the timeout of later calls; 30 s by default.
   void setTimeout(std::chrono::milliseconds timeout) { timeout_ = timeout; }
 
  private:
-  // Set once, at the latest when nobody is left who could.
+  // A promise that is fulfilled exactly once, at the latest with lost() when it is destroyed.
   template <class Result>
   class Promise {
    public:

@@ -9,9 +9,9 @@
 
 namespace keel {
 
-// How the jobs behind these Mach services stand, by service, as the service manager tells it; keeld
-// is not asked, and no job is started. Any user may ask. Waits for the service manager, a few
-// seconds at most.
+// Returns the states of the jobs behind these Mach services, by service, queried from the service
+// manager; involves neither keeld nor any job. Any user may call it. Blocks for a few seconds at
+// most.
 std::map<std::string, JobState> moduleJobs(const std::vector<std::string>& machServices);
 
 }  // namespace keel

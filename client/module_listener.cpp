@@ -34,8 +34,8 @@ class KLNModuleListener::Delegate final : public xpc::ListenerDelegate,
   }
   void end() {
     if (isForkedFromLibrary()) {
-      // Destroyed here, it would be taken out of the epoll(7) instance that the parent waits on.
-      keptForGood_ = shared_from_this();
+      // Destroying it here would remove it from the epoll(7) instance that the parent waits on.
+      leakedAfterFork_ = shared_from_this();
       return;
     }
     listener_->invalidate();
@@ -64,7 +64,7 @@ class KLNModuleListener::Delegate final : public xpc::ListenerDelegate,
   }
 
  private:
-  // Somebody is there, or something is under way.
+  // Counts a client or a piece of work; the module is idle while there are none.
   void enter() {
     ++busyCount_;
     if (timer_ != 0) reactor_.cancel(std::exchange(timer_, 0));
@@ -91,7 +91,7 @@ class KLNModuleListener::Delegate final : public xpc::ListenerDelegate,
   bool ended_ = false;
   Reactor::TimerId timer_ = 0;
   std::promise<void> idle_;
-  std::shared_ptr<Delegate> keptForGood_;
+  std::shared_ptr<Delegate> leakedAfterFork_;
 };
 
 ClientResult<std::unique_ptr<KLNModuleListener>> KLNModuleListener::createWith(

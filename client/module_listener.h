@@ -15,7 +15,7 @@
 
 namespace keel {
 
-// Who connected to a module, as it was at that moment.
+// Identity of a module's client at the moment of connecting.
 struct ModulePeer {
   pid_t processIdentifier = -1;
   uid_t effectiveUserIdentifier = 0;
@@ -23,17 +23,17 @@ struct ModulePeer {
 };
 
 struct ModuleListenerOptions {
-  // Where the service's socket is made when none was handed over; empty for the fixed place,
+  // Directory of the service's socket if the service manager passed none; empty for the default,
   // /run/keeld.
   std::string serviceDirectory = {};
-  // How long nobody must be connected, and nothing under way, before runUntilIdle() returns.
+  // Time without clients and work after which runUntilIdle() returns.
   std::chrono::milliseconds idleTime{10'000};
 };
 
-// A module's own Mach service: gives every client that connects an object to call, as keeld does it
-// with its services, and tells when the module may end. The socket is the one that the service
-// manager hands over under that name (sd_listen_fds(3)): it stays when the module ends, and the
-// next client starts the module again. A module that is started by hand makes its own.
+// A module's own Mach service: exports an object to every client that connects, as keeld's services
+// do, and detects when the module may exit. The service manager passes the socket under that name
+// (sd_listen_fds(3)) and keeps it when the module exits; the next client starts the module again. A
+// module that is started by hand binds its own socket.
 //
 //   auto listener = KLNModuleListener::create<GreeterProxy>("com.example.greeter", [](const
 //   ModulePeer&) {
@@ -41,16 +41,17 @@ struct ModuleListenerOptions {
 //   });
 //   (*listener)->runUntilIdle();
 //
-// Objects are made, called and let go on the library's thread, as the callbacks of KLNClient are:
-// they must not block. From any thread, unless a comment says otherwise.
+// Objects are created, called and released on the library's thread, like the callbacks of
+// KLNClient: they must not block. May be used from any thread except where a comment says
+// otherwise.
 class KLNModuleListener {
  public:
   using Options = ModuleListenerOptions;
-  // The library calls it for each client. A null object turns the client away.
+  // Called for each client. A null object refuses the client.
   template <class Protocol>
   using NewObject = std::function<std::shared_ptr<Protocol>(const ModulePeer& peer)>;
 
-  // Clients are served from now on. The error says why the socket cannot be had.
+  // Serves clients from now on. Fails if the socket is not available.
   template <class Protocol>
   static ClientResult<std::unique_ptr<KLNModuleListener>> create(const std::string& serviceName,
                                                                  NewObject<Protocol> newObject,
@@ -66,21 +67,21 @@ class KLNModuleListener {
         },
         std::move(options));
   }
-  // No client is accepted any more, and when it has returned, no object is being made. Clients that
-  // are connected stay.
+  // Stops accepting clients; once it has returned, no object is being created. Connected clients
+  // stay.
   ~KLNModuleListener();
   KLNModuleListener(const KLNModuleListener&) = delete;
   KLNModuleListener& operator=(const KLNModuleListener&) = delete;
 
-  // While one of these lives the module is not idle, even without clients.
+  // Returns a token that keeps the module from being idle, even without clients.
   std::shared_ptr<void> beginWork();
 
-  // Waits until the module is idle, and takes no more clients then: whoever connects from now on
-  // waits for the next run. Not on the library's own thread.
+  // Waits until the module is idle, then stops accepting: later clients wait for the module's next
+  // start. Not on the library's own thread.
   void runUntilIdle();
 
-  // In a child that was forked since, whose clients are its parent's: beginWork() returns null,
-  // runUntilIdle() returns at once.
+  // In a child forked since, beginWork() returns null and runUntilIdle() returns immediately: the
+  // clients are the parent's.
 
  private:
   class Delegate;

@@ -28,7 +28,7 @@ namespace {
 using ::testing::HasSubstr;
 using namespace std::chrono_literals;
 
-// Tells with each answer how often it was asked.
+// Answers with the number of its calls.
 class Echo final : public EchoProxy {
  public:
   void echo(String text, xpc::Reply<String, std::int64_t> withHandler) override {
@@ -68,10 +68,10 @@ class ModuleListener : public testing::Test {
 
   TemporaryFolder folder_;
   bool refuse_ = false;
-  std::vector<ModulePeer> peers_;  // written on the library's thread, read when an answer has come
+  std::vector<ModulePeer> peers_;  // written on the library's thread, read after an answer
 };
 
-TEST_F(ModuleListener, GivesEveryClientAnObjectOfItsOwn) {
+TEST_F(ModuleListener, EveryClientReceivesItsOwnObject) {
   const auto listener = serve();
   const auto first = connect(), second = connect();
   EXPECT_EQ(countOf(*first), 1);
@@ -82,7 +82,7 @@ TEST_F(ModuleListener, GivesEveryClientAnObjectOfItsOwn) {
   EXPECT_EQ(peers_[0].effectiveUserIdentifier, ::geteuid());
 }
 
-TEST_F(ModuleListener, TurnsAwayWhoGetsNoObject) {
+TEST_F(ModuleListener, ANullObjectRefusesTheClient) {
   refuse_ = true;
   const auto listener = serve();
   const auto answer = connect()->call<&EchoProxy::echo>(String("x"));
@@ -90,32 +90,32 @@ TEST_F(ModuleListener, TurnsAwayWhoGetsNoObject) {
   EXPECT_EQ(answer.error().kind(), ClientError::Kind::disconnected);
 }
 
-TEST_F(ModuleListener, AnswerThatIsDroppedIsAFailure) {
+TEST_F(ModuleListener, ADroppedAnswerIsAFailure) {
   const auto listener = serve();
   const auto answer = connect()->call<&EchoProxy::drop>();
   ASSERT_FALSE(answer);
   EXPECT_EQ(answer.error().kind(), ClientError::Kind::requestFailed);
 }
 
-TEST_F(ModuleListener, EndsWhenNobodyIsThere) {
+TEST_F(ModuleListener, RunUntilIdleReturnsWithoutClients) {
   serve(0ms)->runUntilIdle();
 }
 
-TEST_F(ModuleListener, EndsWhenWorkIsDone) {
+TEST_F(ModuleListener, RunUntilIdleReturnsOnceWorkIsDone) {
   const auto listener = serve(1ms);
   auto work = listener->beginWork();
   std::jthread ending([&] { listener->runUntilIdle(); });
   work.reset();
 }
 
-TEST_F(ModuleListener, ServiceThatNobodyServesIsToldOf) {
+TEST_F(ModuleListener, AnUnservedServiceIsReported) {
   const auto made = Connection::open("echo", folder_.path());
   ASSERT_FALSE(made);
   EXPECT_EQ(made.error().kind(), ClientError::Kind::notRunning);
   EXPECT_THAT(made.error().message(), HasSubstr("no module serves echo"));
 }
 
-TEST_F(ModuleListener, SocketThatCannotBeHadIsToldOf) {
+TEST_F(ModuleListener, AnUnavailableSocketIsReported) {
   const auto listener = serve();
   const auto second = KLNModuleListener::create<EchoProxy>(
       "echo", [](const ModulePeer&) { return std::make_shared<Echo>(); },

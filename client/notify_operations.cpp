@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::string_view kAllItems = "_all";
 
-// What all that name something have in common.
+// Base of the operations on a name.
 template <class T>
 class Named : public OperationOf<T> {
  public:
@@ -40,7 +40,7 @@ class Named : public OperationOf<T> {
   const String name_;
 };
 
-// And those that carry data.
+// Base of the operations on a name that carry data.
 class WithData : public Named<void> {
  public:
   WithData(const char* verb, String name, const Value& data) : Named(verb, std::move(name)) {
@@ -71,7 +71,7 @@ class Publish final : public WithData {
  private:
   static void answered(ClientCore& core, Publish& it, bool inTime, const Error& error) {
     if (!inTime) {
-      if (!error) core.takeBackPublication(it.name_);
+      if (!error) core.revertPublication(it.name_);
       return;
     }
     if (error) return core.finish<void>(it, std::unexpected(core.answerError(it, error)));
@@ -98,7 +98,7 @@ class Update final : public WithData {
 
  private:
   static void answered(ClientCore& core, Update& it, bool inTime, const Error& error) {
-    // Late or not, the data stands.
+    // Also after the timeout: the daemon has accepted the data.
     if (!error) core.updated(it.name_, it.item_);
     if (!inTime) return;
     if (error) return core.finish<void>(it, std::unexpected(core.answerError(it, error)));
@@ -116,7 +116,7 @@ class Remove final : public Named<void> {
 
  private:
   static void answered(ClientCore& core, Remove& it, bool inTime, const Error& error) {
-    // A publication that the daemon does not know any more is not to be made anew either.
+    // A publication that the daemon no longer has must not be restored either.
     if (!error || error.code() == errNotFound) core.removed(it.name_);
     if (!inTime) return;
     if (error) return core.finish<void>(it, std::unexpected(core.answerError(it, error)));
@@ -137,12 +137,12 @@ class Subscribe final : public Named<Subscription> {
   static void answered(ClientCore& core, Subscribe& it, bool inTime, const Dictionary&,
                        const Error& error) {
     if (!inTime) {
-      if (!error) core.takeBackSubscription(it.name_);
+      if (!error) core.revertSubscription(it.name_);
       return;
     }
     if (error) return core.finish<Subscription>(it, std::unexpected(core.answerError(it, error)));
     const auto record = core.subscribed(it.name_, std::move(it.events_));
-    core.tell([&] { it.finish(Subscription(record)); });
+    core.runCallback([&] { it.finish(Subscription(record)); });
     it.drop();
   }
 
@@ -153,7 +153,7 @@ class Dump final : public Named<std::vector<DumpEntry>> {
  public:
   Dump(String name, bool withData) : Named("dump", std::move(name)), withData_(withData) {}
 
-  // keeld takes that name for all items, and a program may never have seen it.
+  // keeld interprets that name as all items; a program may never have seen it.
   std::string what() const override {
     return name_.view() == kAllItems ? "dump all items" : Named::what();
   }

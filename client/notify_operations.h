@@ -8,8 +8,8 @@
 #include "client/client.h"
 #include "client/operation.h"
 
-// The requests of KLNClient, as operations. Data and names are checked when they are made, on the
-// caller's thread.
+// The requests of KLNClient as operations. Data and names are checked on creation, on the caller's
+// thread.
 
 namespace keel::operations {
 

@@ -16,34 +16,33 @@ namespace keel {
 
 class ClientCore;
 
-// One request of a program, from its beginning to its result. Belongs to the I/O thread once it was
-// submitted.
+// A request of a program, from its begin to its result. Lives on the I/O thread once submitted.
 class Operation {
  public:
   virtual ~Operation() = default;
 
-  // What is asked for, in words for messages: "publish \"weather\"".
+  // Describes the request for messages: "publish \"weather\"".
   virtual std::string what() const = 0;
-  // Asks the daemon; there is a connection. The answer goes through ClientCore::settle().
+  // Sends the request over the core's connection. The answer goes through ClientCore::settle().
   virtual void send(ClientCore& core) = 0;
-  // Calls the program's callback with that error. Once, and not when there is a result.
+  // Calls the program's callback with that error. At most once, and not after a result.
   virtual void fail(ClientError error) = 0;
-  // Lets go of the program's callback, if it is there still.
+  // Releases the program's callback. Idempotent.
   virtual void drop() = 0;
-  // Those that need no daemon are sent without a connection.
+  // Returns true for an operation that needs no connection.
   virtual bool isLocal() const { return false; }
 
   // Kept by ClientCore.
   std::uint64_t id = 0;
-  std::size_t bytes = 0;  // of data that it holds
+  std::size_t bytes = 0;  // size of its data
   std::chrono::milliseconds timeout{};
   Reactor::TimerId timer = 0;
   bool sent = false;
-  std::optional<ClientError> refusal;  // found wanting before it was submitted
+  std::optional<ClientError> refusal;  // of invalid arguments, found before submission
   std::atomic<bool> settled{false};
 };
 
-// One with a result of type T.
+// An operation with a result of type T.
 template <class T>
 class OperationOf : public Operation, public std::enable_shared_from_this<OperationOf<T>> {
  public:

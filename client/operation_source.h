@@ -7,7 +7,7 @@
 #include "client/client_core.h"
 #include "client/diagnosis.h"
 
-// From the operations of a client to what its programs get.
+// Wraps the operations of a client as the requests that programs use.
 
 namespace keel {
 
@@ -42,7 +42,7 @@ Request<T> requestFor(const std::shared_ptr<ClientCore>& core,
                     core->options().requestTimeout);
 }
 
-// The core of a client in this process, on its one I/O thread.
+// Creates the core of a client on the library's thread.
 std::shared_ptr<ClientCore> coreOf(ClientService service, ClientOptions options);
 
 }  // namespace keel

@@ -14,7 +14,7 @@ namespace keel {
 
 namespace {
 
-// Room for the rest of a request in its frame.
+// Upper bound of the envelope's size.
 constexpr std::size_t kEnvelopeBytes = 256;
 
 ClientError badArgument(std::string message) {
@@ -28,7 +28,7 @@ std::optional<ClientError> checkSize(std::size_t bytes, const char* what) {
                                  what, bytes, xpc::limits::kFrameBytes));
 }
 
-// Whether the encoder takes it: it wants finite dates, and nests on the stack.
+// Checks what the encoder requires: finite dates, and a bounded depth, since it recurses.
 std::optional<ClientError> checkEncodable(const Value& value, std::size_t depthLeft) {
   if (const Date* date = value.as<Date>();
       date != nullptr && !std::isfinite(date->secondsSinceEpoch)) {

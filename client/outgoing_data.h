@@ -9,16 +9,16 @@
 #include "runtime/foundation/string.h"
 #include "runtime/foundation/value.h"
 
-// Checks what a program hands over before it is sent: the daemon would refuse it, and would say
-// less about why.
+// Validates a program's data before it is sent: the daemon would refuse it with a less precise
+// error.
 
 namespace keel {
 
-// `badArgument` when `text` is not UTF-8, `tooLarge` when no message can carry it. `what` names it:
-// "the name".
+// Returns `badArgument` if `text` is not UTF-8, `tooLarge` if no message can carry it. `what` names
+// it: "the name".
 std::optional<ClientError> checkText(const String& text, const char* what);
 
-// The encoded form of `data`, a map or null. `otherBytes` is what the message carries besides.
+// Encodes `data`, a map or null. `otherBytes` is the size of the message's other content.
 ClientResult<Dictionary> encodeData(const Value& data, std::size_t otherBytes);
 
 }  // namespace keel

@@ -12,7 +12,7 @@ namespace {
 
 using Kind = ClientError::Kind;
 
-// `depth` lists in one another, within a map.
+// Returns a map that holds `depth` nested lists.
 Value nested(std::size_t depth) {
   Value value = 0;
   for (std::size_t i = 0; i < depth; ++i) {
@@ -29,7 +29,7 @@ Kind kindOf(const Value& data) {
   return encodeData(data, 0).error().kind();
 }
 
-TEST(EncodeData, MapsAndNullAreTaken) {
+TEST(EncodeData, AcceptsMapsAndNull) {
   const Value map = Value::map({{"a", 1}, {"b", Value::list({Date{0.5}, nullptr})}});
   EXPECT_EQ(encodeData(map, 0)->value(), map);
   EXPECT_TRUE(encodeData(nullptr, 0)->isNull());
@@ -41,13 +41,13 @@ TEST(EncodeData, OtherKindsAreRefused) {
   EXPECT_EQ(kindOf(Value::list({})), Kind::badArgument);
 }
 
-TEST(EncodeData, SixtyFourLevelsWorkAndSixtyFiveAreRefused) {
+TEST(EncodeData, Depth64WorksAnd65IsRefused) {
   EXPECT_TRUE(encodeData(nested(xpc::limits::kDepth - 1), 0).has_value());
   EXPECT_EQ(kindOf(nested(xpc::limits::kDepth)), Kind::badArgument);
   EXPECT_EQ(kindOf(nested(1000)), Kind::badArgument);
 }
 
-TEST(EncodeData, DatesThatAreNoneAreRefused) {
+TEST(EncodeData, InvalidDatesAreRefused) {
   EXPECT_EQ(kindOf(Value::map({{"a", Date{std::numeric_limits<double>::quiet_NaN()}}})),
             Kind::badArgument);
   EXPECT_EQ(
@@ -60,7 +60,7 @@ TEST(EncodeData, TextThatIsNotUtf8IsRefused) {
   EXPECT_EQ(kindOf(Value::map({{"\xc3", 1}})), Kind::badArgument);
 }
 
-TEST(EncodeData, OneMessageIsTheLimit) {
+TEST(EncodeData, TheMessageSizeIsTheLimit) {
   const auto ofBytes = [](std::size_t size) { return Value::map({{"a", std::string(size, 'x')}}); };
   const std::size_t largest = xpc::limits::kFrameBytes - 256 - 8;
   EXPECT_TRUE(encodeData(ofBytes(largest), 0).has_value());
@@ -68,7 +68,7 @@ TEST(EncodeData, OneMessageIsTheLimit) {
   EXPECT_EQ(encodeData(ofBytes(largest), 1).error().kind(), Kind::tooLarge);
 }
 
-TEST(CheckText, NullAndEmptyAreTakenAndOtherBytesRefused) {
+TEST(CheckText, AcceptsNullAndEmptyAndRefusesInvalidUtf8) {
   EXPECT_FALSE(checkText(nullptr, "the name"));
   EXPECT_FALSE(checkText("", "the name"));
   EXPECT_EQ(checkText("\xff", "the name")->kind(), Kind::badArgument);

@@ -5,7 +5,7 @@
 
 namespace keel {
 
-// A protocol with one method, for tests of what every protocol has in common.
+// A protocol with one method, for tests that apply to any protocol.
 class PingProxy {
  public:
   virtual ~PingProxy() = default;

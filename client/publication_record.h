@@ -8,7 +8,7 @@
 
 namespace keel {
 
-// What a client publishes, as it will be published anew after a reconnection. On the I/O thread.
+// A publication of a client, kept to be restored after a reconnection. Lives on the I/O thread.
 struct PublicationRecord {
   String name;
   Dictionary item;

@@ -16,12 +16,12 @@ namespace keel {
 template <class T>
 using ResultCallback = std::move_only_function<void(ClientResult<T>)>;
 
-// What stands behind a Request<T>; the client implements it.
+// The implementation of a Request<T>, provided by the client.
 template <class T>
 class RequestSource {
  public:
-  // Set by whoever settles the request first: its answer, its timeout, or one who waited and gave
-  // up.
+  // Set by the first event that settles the request: its answer, its timeout, or a waiter's
+  // timeout.
   using Settled = std::shared_ptr<std::atomic<bool>>;
 
   virtual ~RequestSource() = default;
@@ -31,8 +31,9 @@ class RequestSource {
   virtual ClientError timedOut(std::chrono::milliseconds timeout) const = 0;
 };
 
-// One request that KLNClient can make, not begun yet: then(), future() or wait() begins it, in the
-// order of these calls, and says how its result is wanted. A request that is not begun is not made.
+// A prepared request of KLNClient: then(), future() or wait() begins it and determines how its
+// result is delivered; requests are sent in the order of these calls. A request that is never begun
+// is never sent.
 //
 //   client->publish("weather", data).then([](ClientResult<void> result) { ... });
 //   std::future<ClientResult<void>> result = client->publish("weather", data).future();
@@ -43,28 +44,27 @@ class [[nodiscard]] Request {
   Request(std::unique_ptr<RequestSource<T>> source, std::chrono::milliseconds timeout)
       : source_(std::move(source)), timeout_(bounded(timeout)) {}
 
-  // Ends with `timedOut` when there is no answer by then; without it the client's Options say. Time
-  // spent waiting for a connection counts. A publication or subscription that the daemon accepts
-  // too late is undone.
+  // Sets the timeout, after which the request ends with `timedOut`; the default is in the client's
+  // options. Time spent waiting for a connection counts. A publication or subscription that the
+  // daemon accepts too late is undone.
   Request within(std::chrono::milliseconds timeout) && {
     timeout_ = bounded(timeout);
     return std::move(*this);
   }
 
-  // Calls `callback(result)` once, later, on the library's thread. When too many requests wait
-  // already it says so in its result, and the callback is not called.
+  // Calls `callback(result)` once, later, on the library's thread. Fails, without calling it, if
+  // too many requests are pending already.
   ClientResult<void> then(ResultCallback<T> callback) && {
     auto settled = source_->begin(timeout_, std::move(callback));
     if (!settled) return std::unexpected(settled.error());
     return {};
   }
 
-  // A future that always becomes ready, with `closed` when the client goes away. Never wait for it
-  // on the library's own thread.
+  // Returns a future that always becomes ready, with `closed` if the client is destroyed. Never
+  // wait for it on the library's own thread.
   std::future<ClientResult<T>> future() && { return std::move(begin().future); }
 
-  // Waits for the result. On the library's own thread it makes no request and returns
-  // `wouldDeadlock`.
+  // Waits for the result. On the library's own thread it sends nothing and returns `wouldDeadlock`.
   ClientResult<T> wait() && {
     if (source_->onLibraryThread()) {
       return std::unexpected(ClientError(
@@ -72,7 +72,7 @@ class [[nodiscard]] Request {
           "a callback cannot wait for keeld's answer, which it would itself hold up; use then()"));
     }
     Begun begun = begin();
-    // The client's own timer ends the request in time, unless a callback holds up the library's
+    // The client's own timer ends the request in time unless a callback blocks the library's
     // thread.
     if (begun.settled && begun.future.wait_for(timeout_) == std::future_status::timeout &&
         !begun.settled->exchange(true)) {
@@ -107,7 +107,7 @@ class [[nodiscard]] Request {
     std::unique_ptr<std::promise<ClientResult<T>>> promise_;
   };
 
-  // Longer than anybody waits, and no clock overflows on it.
+  // Bounds timeouts so that no clock overflows.
   static std::chrono::milliseconds bounded(std::chrono::milliseconds timeout) {
     return std::clamp<std::chrono::milliseconds>(timeout, std::chrono::milliseconds(0),
                                                  std::chrono::years(100));

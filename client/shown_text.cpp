@@ -22,8 +22,7 @@ struct Range {
   std::uint32_t last;
 };
 
-// What is never shown as it is: controls, and what is invisible or changes the direction of its
-// line.
+// Characters that are always escaped: controls, invisible and bidirectional characters.
 constexpr Range kEscaped[] = {{0, 0x1f},        {0x7f, 0x9f},       {0xad, 0xad},
                               {0x61c, 0x61c},   {0x180e, 0x180e},   {0x200b, 0x200f},
                               {0x2028, 0x202e}, {0x2060, 0x206f},   {0xfeff, 0xfeff},
@@ -34,11 +33,10 @@ bool isIn(std::uint32_t letter, const Range (&ranges)[N]) {
       ranges, [letter](Range range) { return letter >= range.first && letter <= range.last; });
 }
 
-// Returns what the C library knows of every letter of Unicode: the columns that it takes, 0 for a
-// mark on the letter before it, or a negative number for one that is not printed or not assigned.
-// Terminals use the same table, or one like it.
+// Returns the C library's width of a character: columns, 0 for a combining mark, or a negative
+// number if it is not printable or not assigned. Terminals use the same table, or one like it.
 int widthOf(std::uint32_t letter) {
-  // Whatever locale the program has. It is part of Debian's C library.
+  // Independent of the program's locale. It is part of Debian's C library.
   static const locale_t kUnicode = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
   if (kUnicode == nullptr) return 1;
   const locale_t before = ::uselocale(kUnicode);
@@ -47,7 +45,7 @@ int widthOf(std::uint32_t letter) {
   return width;
 }
 
-// Returns true for what is shown as it is.
+// Returns true for a character that needs no escape.
 bool isPlain(std::uint32_t letter) {
   return !isIn(letter, kEscaped) && widthOf(letter) >= 0;
 }
@@ -56,7 +54,7 @@ std::size_t columnsOfLetter(std::uint32_t letter) {
   return static_cast<std::size_t>(std::max(widthOf(letter), 0));
 }
 
-// The bytes of the letter that begins at `text`; 0 when no valid one does.
+// Returns the size of the character at the beginning of `text`; 0 if it is invalid.
 std::size_t letterBytes(std::string_view text, std::uint32_t& letter) {
   const auto first = static_cast<unsigned char>(text[0]);
   const std::size_t size = first < 0x80 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
@@ -88,7 +86,7 @@ std::string shownText(std::string_view text, std::size_t columns) {
   const std::size_t shortened = columns > length.size() ? columns - length.size() : 0;
   std::string shown;
   std::size_t used = 0;
-  std::size_t cut = 0;  // of `shown`, where the length goes if the text turns out too long
+  std::size_t cut = 0;  // size of `shown` to truncate to if the text is too long
   for (std::size_t at = 0; at < text.size();) {
     std::uint32_t letter = 0;
     const std::size_t size = letterBytes(text.substr(at), letter);

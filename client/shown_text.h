@@ -7,18 +7,17 @@
 
 namespace keel {
 
-// Text that somebody else chose, made fit for a terminal or a message: control characters and those
-// that change the direction or are not seen are escaped ("\n", "\u{202e}"), as are letters that the
-// C library does not know, and what is not UTF-8
-// ("\xff"). Text that would take more than `columns` is cut and ends with its full length: "aaaa...
-// (1048576 bytes)".
+// Sanitizes untrusted text for a terminal or a message: escapes control, bidirectional and
+// invisible characters ("\n", "\u{202e}"), characters unknown to the C library, and invalid UTF-8
+// ("\xff"). Text wider than `columns` is truncated and ends with its full length: "aaaa... (1048576
+// bytes)".
 std::string shownText(std::string_view text, std::size_t columns);
 
-// The same in double quotes, for messages.
+// Like shownText(), in double quotes, for messages.
 std::string quotedText(std::string_view text);
 
-// Columns that printable text takes in a terminal, as wcwidth(3) has them: two for wide letters and
-// signs, none for combining marks.
+// Returns the width of printable text in a terminal, as wcwidth(3) defines it: two columns for wide
+// characters, none for combining marks.
 std::size_t columnsOf(std::string_view text);
 
 }  // namespace keel

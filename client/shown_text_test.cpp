@@ -6,7 +6,7 @@
 namespace keel {
 namespace {
 
-TEST(ShownText, PlainTextStays) {
+TEST(ShownText, PlainTextIsUnchanged) {
   EXPECT_EQ(shownText("Zürich 12:30", 40), "Zürich 12:30");
 }
 
@@ -16,7 +16,7 @@ TEST(ShownText, ControlsAreEscaped) {
   EXPECT_EQ(shownText("\xc2\x9b", 40), "\\u{9b}");
 }
 
-TEST(ShownText, UnseenAndTurningLettersAreEscaped) {
+TEST(ShownText, InvisibleAndBidirectionalCharactersAreEscaped) {
   EXPECT_EQ(shownText("a\u202eb", 40), "a\\u{202e}b");
   EXPECT_EQ(shownText("a\u200bb", 40), "a\\u{200b}b");
 }
@@ -25,12 +25,12 @@ TEST(ShownText, BytesThatAreNotUtf8AreEscaped) {
   EXPECT_EQ(shownText("a\xff\xc3", 40), "a\\xff\\xc3");
 }
 
-TEST(ShownText, FortyColumnsFitAndFortyOneAreCut) {
+TEST(ShownText, FortyColumnsFitAndFortyOneAreTruncated) {
   EXPECT_EQ(shownText(std::string(40, 'x'), 40), std::string(40, 'x'));
   EXPECT_EQ(shownText(std::string(41, 'x'), 40), std::string(26, 'x') + "... (41 bytes)");
 }
 
-TEST(ShownText, LongTextIsCutAtAWholeLetterWithItsLength) {
+TEST(ShownText, LongTextIsTruncatedAtAWholeCharacterWithItsLength) {
   std::string wide;
   for (int i = 0; i < 100; ++i) wide += "中";
   const std::string shown = shownText(wide, 30);
@@ -39,17 +39,17 @@ TEST(ShownText, LongTextIsCutAtAWholeLetterWithItsLength) {
   EXPECT_GE(columnsOf(shown), 28U);
 }
 
-TEST(QuotedText, EmptyTextIsSeen) {
+TEST(QuotedText, EmptyTextIsVisible) {
   EXPECT_EQ(quotedText(""), "\"\"");
 }
 
-TEST(ColumnsOf, WideAndCombiningLettersCountTwoAndNone) {
+TEST(ColumnsOf, WideCharactersCountTwoAndCombiningOnesNone) {
   EXPECT_EQ(columnsOf("ab"), 2U);
   EXPECT_EQ(columnsOf("中a"), 3U);
   EXPECT_EQ(columnsOf("e\u0301"), 1U);
 }
 
-TEST(ColumnsOf, LettersOfEveryScriptAndSignsCountAsTerminalsCountThem) {
+TEST(ColumnsOf, CharactersOfEveryScriptCountAsInTerminals) {
   EXPECT_EQ(columnsOf("✅"), 2U);
   EXPECT_EQ(columnsOf("⚡"), 2U);
   EXPECT_EQ(columnsOf("🫠"), 2U);
@@ -59,7 +59,7 @@ TEST(ColumnsOf, LettersOfEveryScriptAndSignsCountAsTerminalsCountThem) {
   EXPECT_EQ(columnsOf("→"), 1U);
 }
 
-TEST(ShownText, ALetterWhoseWidthNobodyKnowsIsEscaped) {
+TEST(ShownText, ACharacterOfUnknownWidthIsEscaped) {
   EXPECT_EQ(shownText("a\u0378", 40), "a\\u{378}");
 }
 

@@ -7,7 +7,7 @@
 
 namespace keel {
 
-// What a client exports on its connection to the notification service. On the I/O thread.
+// The object that a client exports to the notification service. Lives on the I/O thread.
 class SubscriberEndpoint final : public protocols::SubscriberProxy {
  public:
   using Deliver = std::function<void(Name name, Dictionary item, Error error)>;
@@ -15,7 +15,7 @@ class SubscriberEndpoint final : public protocols::SubscriberProxy {
 
   void updateSubscriptionFor(Name name, Dictionary withItem, std::uint64_t flags,
                              Error error) override;
-  // The library's version and this process's id.
+  // Answers with the library's version and this process's id.
   void getClientInfoViaHandler(xpc::Reply<Dictionary> handler) override;
 
  private:

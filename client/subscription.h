@@ -14,34 +14,34 @@ namespace keel {
 
 class SubscriptionRecord;
 
-// News of a followed name: new data, or an error.
+// An update of a followed name: new data, or an error.
 struct Event {
   String name;
-  // The data in its encoded form, shared; null when the item holds none, or with an error.
+  // The encoded data, shared; null if the item has none, or with an error.
   Dictionary item;
   Error error;
 
-  // Decodes: a map, or a null value.
+  // Decodes the data: a map, or a null value.
   Value data() const { return item.value(); }
 };
 
 // Called on the library's thread, one event at a time.
 using EventCallback = std::move_only_function<void(const Event&)>;
 
-// What a client follows. While it lives its callback hears of the name: the data that stands when
-// the subscription is made (after a reconnection again), then every new version. A publisher that
-// goes away is no event: the name waits for its next one.
+// A subscription of a client. Its callback receives the current data when the subscription is made,
+// and again after a reconnection, then every new version. The end of a publisher is no event: the
+// subscription stays for the name's next publisher.
 //
-// Destroying it unsubscribes. When the destructor has returned, the callback is not running and
-// runs no more, unless it is that callback which destroys it. The destructor waits for a callback
-// of the same client that is just running; so hold no lock which callbacks take. It may outlive its
+// Destroying it unsubscribes. Once the destructor has returned, the callback is not running and
+// will not run again, unless the callback itself destroys it. The destructor waits for a running
+// callback of the same client, so do not hold a lock that callbacks take. It may outlive its
 // client.
 class Subscription {
  public:
   enum class State : std::uint8_t {
-    active,   // the daemon knows of it
-    waiting,  // the connection is gone; made anew with the next one
-    refused,  // the daemon refused to make it anew, and the callback was told why; tried again with
+    active,   // the daemon has it
+    waiting,  // the connection is lost; restored with the next one
+    refused,  // the daemon refused to restore it, and the callback received the error; retried with
               // the next connection
     ended,    // the client was closed
   };
@@ -55,11 +55,11 @@ class Subscription {
   Subscription& operator=(const Subscription&) = delete;
   ~Subscription() { cancel(); }
 
-  // Null when it follows nothing. Both from any thread.
+  // Returns null if it follows nothing. Both may be called from any thread.
   String name() const;
   State state() const;
 
-  // What the destructor does.
+  // Unsubscribes, like the destructor.
   void cancel();
 
  private:

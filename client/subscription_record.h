@@ -11,8 +11,8 @@ namespace keel {
 
 class ClientCore;
 
-// What a client follows. Shared by the program's Subscription and the core, and used on the I/O
-// thread but for what is atomic.
+// A subscription's state, shared by the program's Subscription and the core. Used on the I/O thread
+// except for the atomic members.
 class SubscriptionRecord {
  public:
   SubscriptionRecord(String itsName, std::uint64_t itsOrder, EventCallback itsCallback,
@@ -27,7 +27,7 @@ class SubscriptionRecord {
   EventCallback callback;
   const std::weak_ptr<ClientCore> core;
   std::atomic<Subscription::State> state{Subscription::State::active};
-  std::atomic<bool> cancelled{false};  // the program hears nothing more
+  std::atomic<bool> cancelled{false};  // no further event reaches the program
 };
 
 }  // namespace keel

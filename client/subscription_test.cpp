@@ -20,7 +20,7 @@ class ClientSubscription : public ClientWorld {
 
 const Value kData = Value::map({{"n", 1}});
 
-TEST_F(ClientSubscription, HearsDataNullDataAndErrors) {
+TEST_F(ClientSubscription, ReceivesDataNullDataAndErrors) {
   makeConnectedClient();
   const Subscription subscription = follow("a");
   EXPECT_EQ(subscription.name(), String("a"));
@@ -38,7 +38,7 @@ TEST_F(ClientSubscription, HearsDataNullDataAndErrors) {
   EXPECT_EQ(events[2].error.code(), 77);
 }
 
-TEST_F(ClientSubscription, HearsOnlyItsName) {
+TEST_F(ClientSubscription, ReceivesOnlyItsName) {
   makeConnectedClient();
   const Subscription subscription = follow("a");
   service().send("b", kData);
@@ -72,7 +72,7 @@ TEST_F(ClientSubscription, MayBeDestroyedInItsOwnCallback) {
   EXPECT_EQ(count, 1);
 }
 
-TEST_F(ClientSubscription, MayBeDestroyedInTheCallbackThatBringsIt) {
+TEST_F(ClientSubscription, MayBeDestroyedInTheCallbackOfItsRequest) {
   makeConnectedClient();
   client->subscribe("a", [](const Event&) { FAIL(); }).then([](ClientResult<Subscription>) {});
   settle();
@@ -81,7 +81,7 @@ TEST_F(ClientSubscription, MayBeDestroyedInTheCallbackThatBringsIt) {
   EXPECT_THAT(shared.calls, ElementsAre("subscribe a", "unsubscribe a"));
 }
 
-TEST_F(ClientSubscription, NameCanBeFollowedAgainRightAfterwards) {
+TEST_F(ClientSubscription, ItsNameCanBeFollowedAgainImmediately) {
   makeConnectedClient();
   Subscription subscription = follow("a");
   subscription.cancel();
@@ -104,7 +104,7 @@ TEST_F(ClientSubscription, MovedFromFollowsNothing) {
   EXPECT_EQ(events.size(), 1U);
 }
 
-TEST_F(ClientSubscription, RefusedOneHearsNothing) {
+TEST_F(ClientSubscription, ARefusedSubscriptionReceivesNothing) {
   makeConnectedClient();
   shared.refusals["a"] = errDuplicate;
   EXPECT_EQ(kindOf(resultOf(client->subscribe("a", [](const Event&) { FAIL(); }))),
@@ -113,7 +113,7 @@ TEST_F(ClientSubscription, RefusedOneHearsNothing) {
   settle();
 }
 
-TEST_F(ClientSubscription, EventKeepsItsDataAfterTheCallback) {
+TEST_F(ClientSubscription, AnEventKeepsItsDataAfterTheCallback) {
   makeConnectedClient();
   Subscription subscription = follow("a");
   const Value large = Value::map({{"text", std::string(1u << 20, 'y')}});
