@@ -16,12 +16,12 @@ namespace keel {
 
 namespace {
 
-// A check may have to wait in line, and then for whoever knows the accounts.
+// A check may have to wait in a queue, and then for the account database.
 constexpr std::chrono::milliseconds kCheckTimeout{30'000};
 
 constexpr std::size_t kShownUserColumns = 100;
 
-// A client, and how this command waits for its answers.
+// A client and the timeout of its requests.
 class Asking {
  public:
   explicit Asking(const CommonOptions& common)
@@ -42,7 +42,7 @@ class Asking {
   std::unique_ptr<KLNAuthClient> client_;
 };
 
-// `text` for a person, `json` for a program.
+// Writes `text`, or `json` with --json.
 void tell(Console& console, const CommonOptions& common, std::string text, std::string json) {
   console.writeLine(common.json || !console.isTerminal() ? std::move(json) : std::move(text));
 }
@@ -67,7 +67,7 @@ std::optional<Secret> passwordOf(Console& console, const AuthOptions& options) {
   return std::nullopt;
 }
 
-// In both schemes a colon ends the name.
+// In both schemes a colon terminates the name.
 bool isNameForChallenge(Console& console, const std::string& user) {
   if (!isName(console, user)) return false;
   if (!user.contains(':')) return true;
@@ -86,7 +86,7 @@ int validate(Console& console, const CommonOptions& common, Asking& asking,
   return tellProof(console, common, proof->user);
 }
 
-// polkit asks at the terminal while the agent lives.
+// polkit prompts at the terminal while the agent lives.
 ClientResult<Data> formAfterProof() {
   const PolkitAgent agent;
   return KLNAuthClient::makeForm(AuthInteraction::allowed);

@@ -7,16 +7,16 @@
 
 #include "tools/session.h"
 
-// keelctl auth: proves that a user is an administrator, in each way that keeld offers, and asks for
-// what was proved. What is proved counts in the audit session of this process.
+// keelctl auth: proves that a user is an administrator, by each method that keeld offers, and
+// queries proofs. A proof holds in the audit session of this process.
 
 namespace keel {
 
 struct AuthOptions {
   std::string user;
-  std::optional<int> passwordDescriptor;  // none: asked for on the terminal
+  std::optional<int> passwordDescriptor;  // none: prompts on the terminal
   bool interactive = false;
-  std::optional<std::int32_t> auditSession;  // none: that of this process
+  std::optional<std::int32_t> auditSession;  // none: this process's
 };
 
 int authAliveCommand(Console& console, const CommonOptions& common);

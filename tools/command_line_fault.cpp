@@ -21,8 +21,7 @@ std::string notWanted(const std::string& wanted, const std::string& text) {
   return fmt::format("{} is wanted, not {}", wanted, shownText(text, kShownWordColumns));
 }
 
-// The parser itself takes numbers that are too large for the largest, and -1 for the largest
-// unsigned one.
+// The parser itself saturates numbers out of range, and accepts -1 as the largest unsigned number.
 template <class Number>
 bool isNumber(const std::string& text, Number (*parse)(const char*, char**, int), Number least,
               Number most) {
@@ -33,7 +32,7 @@ bool isNumber(const std::string& text, Number (*parse)(const char*, char**, int)
          number <= most;
 }
 
-// The command that was named, or `app` itself.
+// Returns the command that was parsed, or `app` itself.
 const CLI::App& innermost(const CLI::App& app) {
   const auto named = app.get_subcommands();
   return named.empty() ? app : innermost(*named.front());
@@ -83,7 +82,7 @@ std::string misplaced(const CLI::App& command, const std::string& word) {
   return withSuggestion("unknown command " + shown, nearestWord(word, commands));
 }
 
-// Neither the parser's words for what is missing, nor its names.
+// Replaces the parser's message about a missing argument, and its names for arguments.
 std::string missing(const CLI::App& command, std::string name) {
   if (const auto commands = commandsOf(command); !commands.empty()) {
     return fmt::format("a command is missing, one of {}", fmt::join(commands, ", "));
@@ -102,7 +101,7 @@ std::string explanation(const CLI::App& app, const CLI::ParseError& fault,
   }
   if (dynamic_cast<const CLI::ArgumentMismatch*>(&fault) != nullptr)
     return words.substr(0, words.find(':')) + " needs a value";
-  // All options but flags have checks that come first.
+  // Only flags get here: all other options have validators that fail first.
   constexpr std::string_view kUnconverted = "Could not convert: ";
   if (words.starts_with(kUnconverted)) {
     const auto end = words.find(' ', kUnconverted.size());

@@ -7,24 +7,24 @@
 #include <string>
 #include <vector>
 
-// What is wrong with a command line, in words for the person who typed it.
+// Explains errors in a command line to the person who typed it.
 
 namespace keel {
 
-// Checks of an option's value, decimal or as C writes numbers ("0x10").
+// Validators of an option's value, decimal or in C notation ("0x10").
 CLI::Validator wholeNumber(std::int64_t least,
                            std::int64_t most = std::numeric_limits<std::int64_t>::max());
 CLI::Validator unsignedNumber();
-// A finite number from 0 on.
+// Accepts a finite number of at least 0.
 CLI::Validator seconds();
 
 struct CommandLineFault {
   std::string message;
-  std::string command;  // whose --help tells more: "keelctl auth password"
+  std::string command;  // the command to call with --help: "keelctl auth password"
 };
 
-// Explains why `app` did not take `arguments`. It names the first word that has no place, and what
-// that was probably meant to be; else what is missing or has a wrong value.
+// Explains why `app` rejected `arguments`: names the first unexpected word and the word that was
+// probably meant, else the missing argument or the invalid value.
 CommandLineFault explained(const CLI::App& app, const CLI::ParseError& fault,
                            const std::vector<std::string>& arguments);
 

@@ -18,8 +18,8 @@ bool wantsColour() {
   return refused == nullptr || *refused == '\0';
 }
 
-// 0, or the errno of what failed. Waits for room, also where whoever shares the descriptor has made
-// it non-blocking.
+// Returns 0 or the errno of the failure. Waits for room even if another process that shares the
+// descriptor has made it non-blocking.
 int writeAll(int descriptor, std::string_view text) {
   while (!text.empty()) {
     const ssize_t written = ::write(descriptor, text.data(), text.size());
@@ -46,7 +46,7 @@ Console::Console(int input, int output, int errors)
 
 std::size_t Console::columns() const {
   constexpr std::size_t kUsual = 80;
-  // Narrower, nothing but fragments would be left.
+  // Narrower text would be nothing but fragments.
   constexpr std::size_t kLeast = 40;
   winsize size{};
   const bool isKnown = isTerminal_ && ::ioctl(output_, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;

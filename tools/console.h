@@ -8,34 +8,34 @@
 
 namespace keel {
 
-// Where keelctl reads and writes: three descriptors, borrowed. On one thread.
+// keelctl's standard streams: three descriptors, borrowed. Used on one thread.
 class Console {
  public:
   Console(int input, int output, int errors);
 
   int input() const { return input_; }
   int output() const { return output_; }
-  // Whether a person reads the output, and whether in colour (a terminal, and NO_COLOR is not set).
+  // Return true if the output is a terminal, and if it takes colour (NO_COLOR is not set).
   bool isTerminal() const { return isTerminal_; }
   bool inColour() const { return inColour_; }
-  // How many columns text for people may take: the width of the terminal, 80 elsewhere.
+  // Returns the width for text: the terminal's, 80 columns elsewhere.
   std::size_t columns() const;
-  // How JSON is written there: letters that a terminal may act upon are escaped.
+  // Returns the character set of JSON output: for a terminal all but ASCII is escaped.
   JsonLetters letters() const { return isTerminal_ ? JsonLetters::ascii : JsonLetters::utf8; }
 
-  // Writes text to the output. False when nobody reads it any more, or it cannot be written, now or
-  // before.
+  // Writes text to the output. Returns false if this or an earlier write failed, or the reader is
+  // gone.
   bool write(std::string_view text);
   bool writeLine(std::string line);
-  // The errno of the write that failed, 0 for none. A reader that went away is no failure: it has
-  // what it wanted.
+  // Returns the errno of the failed write, 0 for none. A reader that is gone (EPIPE) is no failure:
+  // it has read what it wanted.
   int outputError() const { return outputError_; }
-  // "keelctl: TEXT" for a person, on the error output.
+  // Writes "keelctl: TEXT" to the error output.
   void note(std::string_view text);
-  // A line of its own on the error output.
+  // Writes a line to the error output.
   void status(std::string_view text);
 
-  // `text` in bold or dim, where there is colour.
+  // Return `text` in bold or dim if the output takes colour.
   std::string bold(std::string text) const;
   std::string dim(std::string text) const;
 

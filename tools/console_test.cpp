@@ -29,7 +29,7 @@ TEST(ConsoleWrite, ReportsAnOutputThatWasClosed) {
   EXPECT_EQ(console.outputError(), EBADF);
 }
 
-TEST(ConsoleWrite, AReaderThatWentAwayIsNoError) {
+TEST(ConsoleWrite, AReaderThatIsGoneIsNoError) {
   ::signal(SIGPIPE, SIG_IGN);
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
@@ -40,7 +40,7 @@ TEST(ConsoleWrite, AReaderThatWentAwayIsNoError) {
   EXPECT_EQ(console.outputError(), 0);
 }
 
-TEST(ConsoleWrite, WaitsForRoomInAnOutputThatDoesNotBlock) {
+TEST(ConsoleWrite, WaitsForRoomInANonBlockingOutput) {
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
   const FileDescriptor reading(ends[0]);

@@ -23,20 +23,20 @@ int reportFailure(Console& console, const std::string& what) {
   return kExitRefused;
 }
 
-// As with every password that keelctl is given.
+// An unusable password is a usage error, as in every command that reads one.
 int reportUnusable(Console& console, const std::string& what) {
   console.note(what);
   return kExitUsage;
 }
 
-// The description alone: the domain and number behind it say nothing more to people.
+// Prints the description alone, without the error's domain and number.
 int reportFailure(Console& console, const Error& error) {
   const Value userInfo = error.userInfo().value();
   return reportFailure(
       console, std::string(userInfo.textOf(NSLocalizedDescriptionKey, error.description())));
 }
 
-// Whether user and realm can stand in the file; tells a person when they cannot.
+// Returns true if the file format can hold user and realm; reports the reason otherwise.
 bool canBeWritten(Console& console, const DigestOptions& options) {
   const bool canBe = DigestCredentials::canBeUser(options.user) &&
                      DigestCredentials::canBeRealm(options.realm) && isUtf8(options.user) &&
@@ -111,7 +111,7 @@ int digestListCommand(Console& console, const CommonOptions& common, const Diges
 int digestRemoveCommand(Console& console, const DigestOptions& options) {
   if (!canBeWritten(console, options)) return kExitUsage;
   bool wasThere = false;
-  // Without a file there is nobody in it, and none is made.
+  // A missing file holds no users, and is not created.
   const auto present = readDigestFile(options.file);
   if (present || present.error().code() != ENOENT) {
     const auto changed = changeDigestFile(

@@ -8,8 +8,8 @@
 #include "platform/authenticator/digest_file.h"
 #include "tools/session.h"
 
-// keelctl digest set, list, remove: the file of digest credentials, which keeld reads. They work
-// without keeld.
+// keelctl digest set, list, remove: edit the file of digest credentials that keeld reads. They work
+// without a running keeld.
 
 namespace keel {
 
@@ -17,7 +17,7 @@ struct DigestOptions {
   std::string file = kDigestFile;
   std::string user;
   std::string realm = kDefaultRealm;
-  std::optional<int> passwordDescriptor;  // none: asked for on the terminal
+  std::optional<int> passwordDescriptor;  // none: prompts on the terminal
 };
 
 int digestSetCommand(Console& console, const DigestOptions& options);

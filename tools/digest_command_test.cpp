@@ -72,7 +72,7 @@ TEST_F(DigestCommand, SetWritesADigestForEachAlgorithm) {
   EXPECT_EQ(said(), "");
 }
 
-TEST_F(DigestCommand, SetTakesTheFirstLineAndNeedsNoEnd) {
+TEST_F(DigestCommand, SetReadsTheFirstLineTerminatedOrNot) {
   EXPECT_EQ(set("Circle of Life"), kExitOk);
   EXPECT_EQ(written(), kMufasa);
   EXPECT_EQ(set("Circle of Life\nmore"), kExitOk);
@@ -88,7 +88,7 @@ TEST_F(DigestCommand, SetReplacesTheUserAndKeepsOthers) {
   EXPECT_THAT(written(), testing::AllOf(testing::StartsWith("Scar:"), testing::EndsWith(kMufasa)));
 }
 
-TEST_F(DigestCommand, SetRefusesPasswordsThatNobodyCouldMean) {
+TEST_F(DigestCommand, SetRefusesUnusablePasswords) {
   for (const auto& password : {std::string(), std::string("\n"), std::string("\xff\n"),
                                std::string(kLongestPasswordBytes + 1, 'p')}) {
     EXPECT_EQ(set(password), kExitUsage) << password.size();
@@ -97,13 +97,13 @@ TEST_F(DigestCommand, SetRefusesPasswordsThatNobodyCouldMean) {
   EXPECT_EQ(set(std::string(kLongestPasswordBytes, 'p')), kExitOk);
 }
 
-TEST_F(DigestCommand, SetWithoutTheDescriptorSaysSo) {
+TEST_F(DigestCommand, SetReportsAMissingDescriptor) {
   options.passwordDescriptor = 1'000'000;
   EXPECT_EQ(digestSetCommand(console, options), kExitUsage);
   EXPECT_THAT(said(), HasSubstr("cannot read the password: Bad file descriptor"));
 }
 
-TEST_F(DigestCommand, NamesThatWouldBreakALineAreRefused) {
+TEST_F(DigestCommand, NamesWithLineBreaksAreRefused) {
   for (const char* user : {"", "a:b", "#a", "a\nb", "\xff"}) {
     options.user = user;
     EXPECT_EQ(set("x"), kExitUsage) << user;
@@ -114,13 +114,13 @@ TEST_F(DigestCommand, NamesThatWouldBreakALineAreRefused) {
   EXPECT_EQ(set("x"), kExitUsage);
 }
 
-TEST_F(DigestCommand, RemoveTakesTheUserOut) {
+TEST_F(DigestCommand, RemoveDeletesTheUser) {
   EXPECT_EQ(set("Circle of Life"), kExitOk);
   EXPECT_EQ(digestRemoveCommand(console, options), kExitOk);
   EXPECT_EQ(written(), "");
 }
 
-TEST_F(DigestCommand, RemoveOfSomebodyWhoIsNotThereSaysSoAndMakesNothing) {
+TEST_F(DigestCommand, RemovingAnUnknownUserFailsAndCreatesNoFile) {
   EXPECT_EQ(digestRemoveCommand(console, options), kExitRefused);
   EXPECT_THAT(said(),
               HasSubstr("Mufasa has no digest credentials in the realm http-auth@example.org"));
@@ -131,7 +131,7 @@ TEST_F(DigestCommand, RemoveOfSomebodyWhoIsNotThereSaysSoAndMakesNothing) {
   EXPECT_EQ(written(), kMufasa);
 }
 
-TEST_F(DigestCommand, AFileThatOthersMayReadIsLeftAlone) {
+TEST_F(DigestCommand, AFileReadableByOthersIsNotChanged) {
   EXPECT_EQ(set("Circle of Life"), kExitOk);
   ::chmod(options.file.c_str(), 0644);
   EXPECT_EQ(set("x"), kExitRefused);

@@ -18,7 +18,8 @@ namespace keel {
 
 namespace {
 
-// The input as a file: the program may read it or not, and neither waits for the other.
+// Returns a file with the input: unlike a pipe it needs no writer while the program runs, whether
+// the program reads it or not.
 int fileOf(const std::string& content) {
   const int file = ::memfd_create("event", MFD_CLOEXEC);
   if (file < 0) return -1;
@@ -65,7 +66,7 @@ std::expected<int, std::string> EventCommand::run(const std::string& name, const
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, file, STDIN_FILENO);
-  // It begins with signals as they were before keelctl took some for itself.
+  // Restores the signal dispositions that keelctl inherited.
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   sigset_t none, taken;

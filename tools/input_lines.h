@@ -6,7 +6,7 @@
 
 namespace keel {
 
-// Lines from a descriptor that is waited for with poll(2). Empty lines are left out.
+// Splits the input from a descriptor, which the owner polls, into lines. Skips empty lines.
 class InputLines {
  public:
   static constexpr std::size_t kLineBytes = 64u << 20;
@@ -14,20 +14,20 @@ class InputLines {
   // The descriptor is borrowed.
   explicit InputLines(int descriptor) : descriptor_(descriptor) {}
 
-  // Reads once what is there; false when it failed or the line is too long, with the reason in
-  // `fault`.
+  // Reads once. Returns false, with the reason in `fault`, if reading failed or the line is too
+  // long.
   bool read(std::string& fault);
-  // The next whole line; at the end of the input also one without its end.
+  // Returns the next complete line; at the end of the input also an unterminated one.
   std::optional<std::string> next();
-  // Nothing more will be read; lines may be left.
+  // Returns true at the end of the input; lines may be left.
   bool atEnd() const { return atEnd_; }
-  // Of the line that next() gave last, from 1.
+  // Returns the number of the line that next() returned last, from 1.
   std::size_t lineNumber() const { return lineNumber_; }
 
  private:
   const int descriptor_;
   std::string pending_;
-  std::size_t searched_ = 0;  // bytes of pending_ that hold no line's end
+  std::size_t searched_ = 0;  // bytes of pending_ known to hold no newline
   bool atEnd_ = false;
   std::size_t lineNumber_ = 0;
 };

@@ -33,7 +33,7 @@ class InputLinesTest : public testing::Test {
   std::string fault;
 };
 
-TEST_F(InputLinesTest, YieldsLinesAsTheyComplete) {
+TEST_F(InputLinesTest, ReturnsLinesAsTheyComplete) {
   InputLines lines(reader);
   put("one\ntw");
   ASSERT_TRUE(lines.read(fault));
@@ -46,7 +46,7 @@ TEST_F(InputLinesTest, YieldsLinesAsTheyComplete) {
   EXPECT_FALSE(lines.atEnd());
 }
 
-TEST_F(InputLinesTest, LastLineNeedsNoEnd) {
+TEST_F(InputLinesTest, TheLastLineNeedsNoNewline) {
   InputLines lines(reader);
   put("one");
   close();
@@ -58,7 +58,7 @@ TEST_F(InputLinesTest, LastLineNeedsNoEnd) {
   EXPECT_EQ(lines.next(), std::nullopt);
 }
 
-TEST_F(InputLinesTest, EmptyLinesAreLeftOutButCounted) {
+TEST_F(InputLinesTest, EmptyLinesAreSkippedButCounted) {
   InputLines lines(reader);
   put("\n  \r\n\tx\n");
   ASSERT_TRUE(lines.read(fault));
@@ -66,7 +66,7 @@ TEST_F(InputLinesTest, EmptyLinesAreLeftOutButCounted) {
   EXPECT_EQ(lines.lineNumber(), 3U);
 }
 
-TEST_F(InputLinesTest, UnreadableInputSaysWhy) {
+TEST_F(InputLinesTest, UnreadableInputIsReported) {
   InputLines lines(-1);
   EXPECT_FALSE(lines.read(fault));
   EXPECT_NE(fault.find("standard input"), std::string::npos);

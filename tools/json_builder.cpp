@@ -57,7 +57,7 @@ Meaning errorOf(const Value& parts) {
 
 Meaning meaningOf(Value::Map map);
 
-// The map itself. A map that stands first in it under "$map" was left undecided.
+// Returns the map itself, after converting an undecided first member "$map".
 Meaning literal(Value::Map map) {
   if (!map.empty() && map[0].key == "$map" && map[0].value.isMap()) {
     Meaning first = meaningOf(*map[0].value.as<Value::Map>());
@@ -67,7 +67,7 @@ Meaning literal(Value::Map map) {
   return Value(std::move(map));
 }
 
-// What a map stands for: itself, or what JSON lacks.
+// Converts a map that escapes a kind which JSON lacks; returns any other map unchanged.
 Meaning meaningOf(Value::Map map) {
   if (map.size() != 1) return literal(std::move(map));
   const std::string& key = map[0].key;
@@ -142,12 +142,12 @@ bool JsonBuilder::end_object() {
 
 bool JsonBuilder::parse_error(std::size_t position, const std::string&,
                               const nlohmann::detail::exception& fault) {
-  // The parser's words begin with its own error number in brackets.
-  const std::string words = fault.what();
-  const std::size_t after = words.find("] ");
+  // The parser's message begins with its own error number in brackets.
+  const std::string message = fault.what();
+  const std::size_t after = message.find("] ");
   return fail(
       fmt::format("not JSON at byte {}: {}", position,
-                  shownText(words.substr(after == std::string::npos ? 0 : after + 2), 300)));
+                  shownText(message.substr(after == std::string::npos ? 0 : after + 2), 300)));
 }
 
 }  // namespace keel

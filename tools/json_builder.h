@@ -11,8 +11,8 @@
 
 namespace keel {
 
-// Makes a Value from the events of the JSON parser, and never a tree of the parser's own: that
-// would lose the order of the members and turn integers that are too large into something else.
+// Builds a Value from the events of the JSON parser. The parser's own tree would lose the order of
+// members and convert integers out of range.
 class JsonBuilder final : public nlohmann::json::json_sax_t {
  public:
   std::expected<Value, std::string> take();
@@ -33,7 +33,7 @@ class JsonBuilder final : public nlohmann::json::json_sax_t {
                    const nlohmann::detail::exception& fault) override;
 
  private:
-  // A map or list that is not complete yet.
+  // An incomplete map or list.
   struct Open {
     bool isMap;
     Value::Map map;
@@ -44,8 +44,8 @@ class JsonBuilder final : public nlohmann::json::json_sax_t {
   bool fail(std::string why);
   bool add(Value value);
   bool open(Value empty);
-  // Whether the value that comes next is the first in what may become {"$map": ...}: only its end
-  // tells what a map there means.
+  // Returns true if the next value is the first in what may become {"$map": ...}: the meaning of a
+  // map there is known only at its end.
   bool isUndecided() const {
     return !open_.empty() && open_.back().map.size() == 1 && open_.back().map[0].key == "$map";
   }

@@ -14,7 +14,7 @@ namespace keel {
 
 namespace {
 
-// Whether a map with this only key would be taken for what JSON lacks.
+// Returns true if a map with this only key would be read as an escape.
 bool isReserved(std::string_view key) {
   return key == "$date" || key == "$data" || key == "$error" || key == "$real" || key == "$map";
 }
@@ -67,7 +67,7 @@ class JsonWriter {
     json_ += ']';
   }
   void operator()(const Value::Map& map) {
-    // A key that stands twice counts with its last value.
+    // Of duplicate keys the last one counts.
     std::unordered_map<std::string_view, const Member*> last;
     for (const Member& member : map) last[member.key] = &member;
     const bool wrapped = last.size() == 1 && isReserved(map.front().key);

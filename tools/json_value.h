@@ -7,14 +7,14 @@
 
 #include "runtime/foundation/value.h"
 
-// Published data as JSON (RFC 8259), both ways without loss. What JSON lacks stands as a map with
-// one member:
+// Lossless conversion of published data to and from JSON (RFC 8259). Kinds that JSON lacks are
+// escaped as a map with one member:
 //
 //   a date            {"$date": SECONDS}       since 1970-01-01T00:00:00Z
 //   bytes             {"$data": "BASE64"}      RFC 4648, with padding
 //   an error          {"$error": {"domain": TEXT, "code": INTEGER, "userInfo": MAP or null}}
-//   not a number ...  {"$real": "NaN"}, {"$real": "Infinity"}, {"$real": "-Infinity"}
-//   a map that would itself look like one of these   {"$map": {...}}
+//   a real number     {"$real": "NaN"}, {"$real": "Infinity"}, {"$real": "-Infinity"}
+//   a map that would itself look like an escape   {"$map": {...}}
 //
 // Integers from -2^63 to 2^64-1 are exact; a number with a fraction or an exponent is a
 // floating-point number.
@@ -25,11 +25,11 @@ enum class JsonLetters { utf8, ascii };
 
 std::string jsonOf(const Value& value, JsonLetters letters = JsonLetters::utf8);
 
-// A JSON text, quotes included.
+// Returns a JSON string, quotes included.
 std::string jsonOfText(std::string_view text, JsonLetters letters = JsonLetters::utf8);
 
-// Says what is wrong with it, and where, for people. Refuses a key that stands twice, integers that
-// are out of range, and more than 200 levels.
+// Fails with a message for people that names the fault and its position. Refuses duplicate keys,
+// integers out of range, and more than 200 levels.
 std::expected<Value, std::string> valueOfJson(std::string_view json);
 
 }  // namespace keel

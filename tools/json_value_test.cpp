@@ -11,7 +11,7 @@ namespace {
 
 using testing::HasSubstr;
 
-// What comes back when `json` is read and written again.
+// Reads `json` and writes it again.
 std::string again(std::string_view json) {
   const auto value = valueOfJson(json);
   return value ? jsonOf(*value) : "refused: " + value.error();
@@ -22,7 +22,7 @@ std::string faultOf(std::string_view json) {
   return value ? "accepted" : value.error();
 }
 
-TEST(JsonOfValue, PlainKindsAreWrittenAsTheyAre) {
+TEST(JsonOfValue, PlainKindsAreWrittenDirectly) {
   const Value value = Value::map(
       {{"b", true}, {"a", Value::list({1, -2, 1.5, "x", nullptr})}, {"", Value::map({})}});
   EXPECT_EQ(jsonOf(value), R"({"b":true,"a":[1,-2,1.5,"x",null],"":{}})");
@@ -40,21 +40,21 @@ TEST(ValueOfJson, IntegersBeyondTheLimitsAreRefused) {
   EXPECT_THAT(faultOf("-9223372036854775809"), HasSubstr("-2^63"));
 }
 
-TEST(JsonOfValue, FloatingPointNumbersStaySuch) {
+TEST(JsonOfValue, FloatingPointNumbersStayFloatingPoint) {
   EXPECT_EQ(again("1.0"), "1.0");
   EXPECT_EQ(again("-0.0"), "-0.0");
   EXPECT_EQ(again("0.1"), "0.1");
   EXPECT_EQ(again("1e300"), "1e+300");
 }
 
-TEST(JsonOfValue, WhatIsNoNumberHasItsEscape) {
+TEST(JsonOfValue, NonFiniteNumbersAreEscaped) {
   for (const char* json :
        {R"({"$real":"NaN"})", R"({"$real":"Infinity"})", R"({"$real":"-Infinity"})"})
     EXPECT_EQ(again(json), json);
   EXPECT_TRUE(std::isnan(*valueOfJson(R"({"$real":"NaN"})")->as<double>()));
 }
 
-TEST(JsonOfValue, DatesBytesAndErrorsHaveTheirEscapes) {
+TEST(JsonOfValue, DatesBytesAndErrorsAreEscaped) {
   const Value value = Value::map({{"when", Date{1.5}},
                                   {"then", Date{1'700'000'000}},
                                   {"bytes", Value::Bytes{std::byte{0}, std::byte{255}}},
@@ -67,7 +67,7 @@ TEST(JsonOfValue, DatesBytesAndErrorsHaveTheirEscapes) {
   EXPECT_EQ(valueOfJson(jsonOf(value)), value);
 }
 
-TEST(JsonOfValue, MapsThatLookLikeEscapesComeBack) {
+TEST(JsonOfValue, MapsThatLookLikeEscapesRoundTrip) {
   const Value date = Value::map({{"$date", 5}});
   const Value maps[] = {date,
                         Value::map({{"$data", "no base64"}}),
@@ -82,20 +82,20 @@ TEST(JsonOfValue, MapsThatLookLikeEscapesComeBack) {
   for (const Value& map : maps) EXPECT_EQ(valueOfJson(jsonOf(map)), map) << jsonOf(map);
 }
 
-TEST(JsonOfValue, KeyThatStandsTwiceCountsWithItsLastValue) {
+TEST(JsonOfValue, TheLastOfDuplicateKeysWins) {
   EXPECT_EQ(jsonOf(Value::map({{"a", 1}, {"b", 2}, {"a", 3}})), R"({"b":2,"a":3})");
 }
 
-TEST(JsonOfValue, LettersAreKeptOrEscaped) {
+TEST(JsonOfValue, CharactersAreKeptOrEscaped) {
   EXPECT_EQ(jsonOf("Zürich\x1b\u202e"), "\"Zürich\\u001b\u202e\"");
   EXPECT_EQ(jsonOf("Zürich\x1b\u202e", JsonLetters::ascii), R"("Z\u00fcrich\u001b\u202e")");
 }
 
-TEST(ValueOfJson, OrderOfMembersIsKept) {
+TEST(ValueOfJson, TheOrderOfMembersIsKept) {
   EXPECT_EQ(again(R"({"z":1,"a":2,"m":3})"), R"({"z":1,"a":2,"m":3})");
 }
 
-TEST(ValueOfJson, SenselessEscapesAreRefused) {
+TEST(ValueOfJson, InvalidEscapesAreRefused) {
   EXPECT_THAT(faultOf(R"({"$date":"today"})"), HasSubstr("seconds"));
   EXPECT_THAT(faultOf(R"({"$date":{"$real":"NaN"}})"), HasSubstr("seconds"));
   EXPECT_THAT(faultOf(R"({"$data":"?"})"), HasSubstr("base64"));
@@ -104,7 +104,7 @@ TEST(ValueOfJson, SenselessEscapesAreRefused) {
   EXPECT_THAT(faultOf(R"({"$map":3})"), HasSubstr("$map"));
 }
 
-TEST(ValueOfJson, FaultsSayWhereAndWhat) {
+TEST(ValueOfJson, FaultsNamePositionAndReason) {
   EXPECT_THAT(faultOf("{\"a\":"), HasSubstr("at byte"));
   EXPECT_THAT(faultOf(""), HasSubstr("not JSON"));
   EXPECT_THAT(faultOf("{} {}"), HasSubstr("not JSON"));
@@ -112,7 +112,7 @@ TEST(ValueOfJson, FaultsSayWhereAndWhat) {
   EXPECT_THAT(faultOf(R"({"a":1,"a":2})"), HasSubstr("\"a\" stands twice"));
 }
 
-TEST(ValueOfJson, TwoHundredLevelsWorkAndOneMoreIsRefused) {
+TEST(ValueOfJson, Depth200WorksAnd201IsRefused) {
   const auto nested = [](std::size_t levels) {
     return std::string(levels, '[') + std::string(levels, ']');
   };

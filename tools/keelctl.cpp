@@ -44,7 +44,7 @@ Exit status:
   130  ended by SIGINT
   143  ended by SIGTERM)";
 
-// What the command line fills in.
+// The parsed command line.
 struct Parsed {
   CommonOptions common;
   PublishOptions publish;
@@ -59,7 +59,7 @@ struct Parsed {
   std::function<int(Console&)> run;
 };
 
-// Options that stand before or behind the command.
+// Adds the options that may precede or follow the command.
 void addCommonOptions(CLI::App& app, CommonOptions& common) {
   app.add_flag("--json", common.json, "write JSON also to a terminal");
   app.add_option("--service-directory", common.serviceDirectory,
@@ -67,7 +67,7 @@ void addCommonOptions(CLI::App& app, CommonOptions& common) {
       ->type_name("DIR");
 }
 
-// Adds a command with the options that all have.
+// Adds a command with the common options.
 CLI::App* addCommand(CLI::App& app, Parsed& parsed, const char* name, const char* description,
                      std::function<int(Console&)> run) {
   CLI::App* command = app.add_subcommand(name, description);
@@ -267,7 +267,7 @@ void addDigest(CLI::App& app, Parsed& parsed) {
       [&](Console& console) { return digestRemoveCommand(console, parsed.digest); }));
 }
 
-// What stands behind "--" belongs to the command that subscribe runs.
+// Splits off the arguments behind "--", the command that subscribe runs.
 std::vector<std::string> takeEventCommand(std::vector<std::string>& arguments) {
   const auto separator = std::ranges::find(arguments, "--");
   if (separator == arguments.end()) return {};
@@ -276,8 +276,8 @@ std::vector<std::string> takeEventCommand(std::vector<std::string>& arguments) {
   return command;
 }
 
-// The parser takes "[a,b]" for two words where there may be several. A letter in front of what
-// begins so, or like that letter, keeps it whole.
+// The parser splits "[a,b]" into two words where several are allowed. A prefix letter on words that
+// begin with the bracket, or with that letter, prevents it.
 constexpr char kKept = '\x01';
 
 void keepWhole(std::vector<std::string>& arguments) {
@@ -292,7 +292,7 @@ void takeKept(std::vector<std::string>& names) {
   }
 }
 
-// What is exited with after `code`: nobody takes a result for complete that was lost on its way.
+// Returns the final exit status: a failed write overrides `code`, since the output is incomplete.
 int exitCodeWith(Console& console, int code) {
   if (console.outputError() == 0) return code;
   console.note(std::string("the output cannot be written: ") +
@@ -300,7 +300,7 @@ int exitCodeWith(Console& console, int code) {
   return kExitOutputFailed;
 }
 
-// Common options may stand before the command; the values that those take are no commands.
+// Common options may precede the command; their values are not commands.
 bool isSubscribe(const std::vector<std::string>& arguments) {
   auto argument = arguments.begin();
   while (argument != arguments.end() && argument->starts_with('-')) {

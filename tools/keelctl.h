@@ -8,8 +8,8 @@
 
 namespace keel {
 
-// keelctl, but for what concerns the process: reads the command line (without the program's name),
-// does what it says, and yields what to exit with.
+// Runs a keelctl command line, given without the program's name, and returns the exit status. The
+// parts of keelctl that concern the process are in main.cpp.
 int runKeelctl(std::vector<std::string> arguments, Console& console);
 
 }  // namespace keel

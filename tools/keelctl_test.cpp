@@ -20,7 +20,7 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
-// Runs keelctl in this process, with files for its input and outputs.
+// Runs keelctl in this process with files as its standard streams.
 class Keelctl : public testing::Test {
  protected:
   ~Keelctl() override {
@@ -30,7 +30,7 @@ class Keelctl : public testing::Test {
     Console console(input, output, errors);
     return runKeelctl(std::move(arguments), console);
   }
-  // With a service directory where nobody serves.
+  // Uses a service directory without services.
   int runAlone(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin() + 1, {"--service-directory", "/nonexistent/keeld"});
     return run(std::move(arguments));
@@ -62,12 +62,12 @@ TEST_F(Keelctl, HelpNamesEveryCommandAndExitStatus) {
   EXPECT_EQ(said(), "");
 }
 
-TEST_F(Keelctl, HelpOfACommandSaysWhatItTakes) {
+TEST_F(Keelctl, HelpOfACommandListsItsArguments) {
   EXPECT_EQ(run({"subscribe", "--help"}), kExitOk);
   EXPECT_THAT(contentOf(output), AllOf(HasSubstr("--count"), HasSubstr("KEELCTL_NAME")));
 }
 
-TEST_F(Keelctl, NoLineOfHelpIsLongerThanATerminalIsWide) {
+TEST_F(Keelctl, HelpFitsTheTerminal) {
   const std::vector<std::vector<std::string>> commands = {{},
                                                           {"publish"},
                                                           {"update"},
@@ -103,7 +103,7 @@ TEST_F(Keelctl, VersionIsThatOfTheProject) {
   EXPECT_THAT(contentOf(output), MatchesRegex("keelctl [0-9]+\\.[0-9]+\\.[0-9]+\n"));
 }
 
-TEST_F(Keelctl, SaysWhichWordIsWrong) {
+TEST_F(Keelctl, NamesTheWrongWord) {
   const std::vector<std::pair<std::vector<std::string>, std::string>> lines = {
       {{"subscibe", "a"}, "unknown command subscibe (did you mean subscribe?); see keelctl --help"},
       {{"frobnicate"}, "unknown command frobnicate; see keelctl --help"},
@@ -144,13 +144,13 @@ TEST_F(Keelctl, SaysWhichWordIsWrong) {
   }
 }
 
-TEST_F(Keelctl, NumbersMayBeWrittenAsInC) {
+TEST_F(Keelctl, AcceptsNumbersInCNotation) {
   EXPECT_EQ(runAlone({"publish", "a", "{}", "--flags", "0xffffffffffffffff", "--value", "-0x10"}),
             kExitUnreachable);
   EXPECT_EQ(runAlone({"dump", "--timeout", "1e1"}), kExitUnreachable);
 }
 
-TEST_F(Keelctl, SenselessCommandLinesAreUsageErrors) {
+TEST_F(Keelctl, InvalidCommandLinesAreUsageErrors) {
   const std::vector<std::vector<std::string>> lines = {
       {},
       {"frobnicate"},
@@ -180,7 +180,7 @@ TEST_F(Keelctl, SenselessCommandLinesAreUsageErrors) {
   EXPECT_EQ(contentOf(output), "");
 }
 
-TEST_F(Keelctl, SenselessDataIsAUsageErrorBeforeKeeldIsAsked) {
+TEST_F(Keelctl, InvalidDataIsAUsageErrorBeforeConnecting) {
   EXPECT_EQ(runAlone({"publish", "a", "{"}), kExitUsage);
   EXPECT_EQ(runAlone({"publish", "a", "[1]"}), kExitUsage);
   EXPECT_EQ(runAlone({"update", "a", "3"}), kExitUsage);
@@ -193,7 +193,7 @@ TEST_F(Keelctl, NamesThatAreNotUtf8AreUsageErrors) {
   EXPECT_EQ(runAlone({"dump", "\xff"}), kExitUsage);
 }
 
-TEST_F(Keelctl, EveryCommandSaysThatKeeldIsNotRunning) {
+TEST_F(Keelctl, EveryCommandReportsThatKeeldIsNotRunning) {
   const std::vector<std::vector<std::string>> lines = {{"publish", "a", "{}"},
                                                        {"update", "a", "{}"},
                                                        {"remove", "a"},
@@ -218,7 +218,7 @@ TEST_F(Keelctl, EveryCommandSaysThatKeeldIsNotRunning) {
   EXPECT_EQ(contentOf(output), "");
 }
 
-TEST_F(Keelctl, NobodyIsToldOfANameThatNobodyTyped) {
+TEST_F(Keelctl, ADumpWithoutANameIsADumpOfAllItems) {
   EXPECT_EQ(runAlone({"dump"}), kExitUnreachable);
   EXPECT_THAT(said(), StartsWith("keelctl: could not dump all items: keeld is not running"));
 }
@@ -229,7 +229,7 @@ TEST_F(Keelctl, PublishFromAnEmptyInputIsAUsageError) {
   EXPECT_THAT(said(), HasSubstr("nothing to publish"));
 }
 
-TEST_F(Keelctl, PublishNamesTheLineThatIsWrong) {
+TEST_F(Keelctl, PublishNamesTheInvalidLine) {
   give("\n{\"a\"}\n");
   EXPECT_EQ(runAlone({"publish", "a", "-", "--reconnect"}), kExitUsage);
   EXPECT_THAT(said(), HasSubstr("line 2 of standard input: not JSON"));
@@ -252,7 +252,7 @@ TEST_F(Keelctl, AnOutputThatCannotBeWrittenIsAFailure) {
   EXPECT_EQ(said(), "keelctl: the output cannot be written: No space left on device\n");
 }
 
-TEST_F(Keelctl, MoreNamesThanMayWaitAreToldOf) {
+TEST_F(Keelctl, TooManyNamesAreReported) {
   std::vector<std::string> line{"subscribe", "--reconnect"};
   for (int i = 0; i < 5000; ++i) line.push_back(std::to_string(i));
   EXPECT_EQ(runAlone(line), kExitRefused);

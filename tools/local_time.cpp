@@ -10,10 +10,10 @@ namespace keel {
 
 namespace {
 
-// `dateFormat` is for strftime(3), of what stands in front of the seconds.
+// `dateFormat` is the strftime(3) format of the part in front of the seconds.
 std::string shown(Date date, const char* dateFormat) {
   const double seconds = std::floor(date.secondsSinceEpoch);
-  // Rounded down, so that no time is shown that has not come.
+  // Rounded down, so that no future time is shown.
   const auto milliseconds = static_cast<int>((date.secondsSinceEpoch - seconds) * 1000);
   // Beyond it std::time_t would overflow.
   constexpr double kLatest = 1e15;

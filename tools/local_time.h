@@ -7,8 +7,8 @@
 
 namespace keel {
 
-// Times for people: in the time zone of this process (TZ, else that of the machine), to the
-// millisecond, with the offset from UTC. What no calendar has is shown as Date::description() does.
+// Times for people: in the time zone of this process (TZ, else the machine's), to the millisecond,
+// with the offset from UTC. A date outside the calendar is shown as in Date::description().
 
 // "14:03:21.125 +0200".
 std::string shownTimeOfDay(Date date);

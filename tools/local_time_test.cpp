@@ -19,17 +19,17 @@ TEST(LocalTime, HasAnOffsetWestOfGreenwich) {
   EXPECT_EQ(shownDateAndTime(Date{0}), "1969-12-31 20:30:00.000 -0330");
 }
 
-TEST(LocalTime, OfUtcSaysSo) {
+TEST(LocalTime, UtcHasAZeroOffset) {
   const LocalZone utc("UTC0");
   EXPECT_EQ(shownTimeOfDay(Date{1763630400.9999}), "09:20:00.999 +0000");
 }
 
-TEST(LocalTime, DatesBeforeTheEpochAreNoExceptions) {
+TEST(LocalTime, ShowsDatesBeforeTheEpoch) {
   const LocalZone utc("UTC0");
   EXPECT_EQ(shownDateAndTime(Date{-0.25}), "1969-12-31 23:59:59.750 +0000");
 }
 
-TEST(LocalTime, WhatNoCalendarHasIsShownInSeconds) {
+TEST(LocalTime, DatesOutsideTheCalendarAreShownInSeconds) {
   const LocalZone utc("UTC0");
   EXPECT_EQ(shownDateAndTime(Date{1e300}), Date{1e300}.description());
 }

@@ -9,8 +9,8 @@
 
 namespace keel {
 
-// Another time zone for this process, for tests; the former one is back at its end. A zone that is
-// given as a rule ("CET-1") needs no file of the system.
+// Sets the time zone of this process, for tests, and restores the former one on destruction. A zone
+// given as a rule ("CET-1") needs no time zone files.
 class LocalZone {
  public:
   explicit LocalZone(const char* zone) {

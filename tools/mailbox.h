@@ -13,9 +13,9 @@
 
 namespace keel {
 
-// Messages from the library's thread to the one that waits for them with poll(2). Full, it makes
-// the sender wait: then the daemon is not read any more, and its limit for slow readers holds, not
-// our memory.
+// Bounded queue of messages from the library's thread to a thread that polls. A full mailbox blocks
+// the sender: the library then stops reading, so the daemon's limit for slow readers applies, and
+// memory here stays bounded.
 template <class Message>
 class Mailbox {
  public:
@@ -27,10 +27,10 @@ class Mailbox {
   Mailbox& operator=(const Mailbox&) = delete;
   ~Mailbox() { ::close(readable_); }
 
-  // Readable when there may be messages.
+  // Returns a descriptor that is readable while there may be messages.
   int descriptor() const { return readable_; }
 
-  // `bytes` is what the message holds.
+  // `bytes` is the size of the message.
   void push(Message message, std::size_t bytes = 0) {
     std::unique_lock lock(mutex_);
     room_.wait(lock, [&] {
@@ -55,7 +55,7 @@ class Mailbox {
     return std::move(message);
   }
 
-  // Senders wait no more, and what they send is dropped.
+  // Unblocks senders and drops their messages from now on.
   void close() {
     const std::lock_guard lock(mutex_);
     closed_ = true;

@@ -14,7 +14,7 @@ bool isReadable(int descriptor) {
   return ::poll(&watched, 1, 0) == 1;
 }
 
-TEST(Mailbox, YieldsMessagesInOrderAndShowsThatThereAreSome) {
+TEST(Mailbox, ReturnsMessagesInOrderAndIsReadableMeanwhile) {
   Mailbox<int> mailbox;
   EXPECT_FALSE(isReadable(mailbox.descriptor()));
   mailbox.push(1);
@@ -27,7 +27,7 @@ TEST(Mailbox, YieldsMessagesInOrderAndShowsThatThereAreSome) {
   EXPECT_EQ(mailbox.take(), std::nullopt);
 }
 
-TEST(Mailbox, SenderWaitsForRoomAndNothingIsLost) {
+TEST(Mailbox, AFullMailboxBlocksTheSenderAndLosesNothing) {
   Mailbox<int> mailbox;
   constexpr int kCount = 3 * static_cast<int>(Mailbox<int>::kMessages);
   std::thread sender([&] {
@@ -41,13 +41,13 @@ TEST(Mailbox, SenderWaitsForRoomAndNothingIsLost) {
   sender.join();
 }
 
-TEST(Mailbox, MessageLargerThanTheRoomIsTakenWhenNothingElseWaits) {
+TEST(Mailbox, AMessageOverTheLimitIsAcceptedWhenEmpty) {
   Mailbox<int> mailbox;
   mailbox.push(1, Mailbox<int>::kBytes + 1);
   EXPECT_EQ(mailbox.take(), 1);
 }
 
-TEST(Mailbox, ClosedItLetsTheSenderGo) {
+TEST(Mailbox, CloseUnblocksTheSender) {
   Mailbox<int> mailbox;
   mailbox.push(0, Mailbox<int>::kBytes);
   std::thread sender([&] { mailbox.push(1, 1); });

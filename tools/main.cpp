@@ -10,8 +10,8 @@
 
 namespace {
 
-// A standard descriptor that is missing would be given to the next file that is opened. Opened for
-// the wrong direction, reading and writing there fail as they should.
+// Opens missing standard descriptors, which the next opened file would get otherwise. They are
+// opened for the wrong direction, so that reading and writing fail as they should.
 void fillStandardDescriptors() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (::fcntl(descriptor, F_GETFD) < 0)
@@ -26,7 +26,7 @@ int main(int count, char** words) {
   keel::endOnSignals();
   keel::Console console(STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO);
   const int code = keel::runKeelctl(std::vector<std::string>(words + 1, words + count), console);
-  // All output is written. The library's thread goes on running, so nothing that it uses may be
+  // All output is written. The library's thread is still running, so static objects must not be
   // destroyed.
   _exit(code);
 }

@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t kLettersForASlip = 3;
 constexpr std::size_t kLongestWord = 64;
 
-// The edits from one word to the other, no letter being edited twice (optimal string alignment).
+// Returns the optimal string alignment distance between two words.
 std::size_t distanceOf(std::string_view left, std::string_view right) {
   std::vector<std::size_t> before(right.size() + 1), last(right.size() + 1), row(right.size() + 1);
   for (std::size_t j = 0; j <= right.size(); ++j) last[j] = j;
@@ -40,7 +40,7 @@ std::string nearestWord(std::string_view typed, const std::vector<std::string>& 
   for (const std::string& word : known) {
     const std::size_t distance =
         typed.size() > 1 && word.starts_with(typed) ? 1 : distanceOf(typed, word);
-    // A word of one letter would be one slip away from every other.
+    // A word of one letter would be one typo away from every other.
     if (distance >= least || distance >= word.size()) continue;
     least = distance;
     nearest = word;

@@ -7,9 +7,9 @@
 
 namespace keel {
 
-// Returns the word of `known` that `typed` was most likely meant to be, or an empty text when none
-// is near: one that it begins, or one that a slip of the fingers in each three letters explains
-// (a letter too many, too few, another one, or two that changed places).
+// Returns the word of `known` that `typed` was most likely meant to be, or an empty text: a word of
+// which it is a prefix, or one within one typo per three letters (an insertion, deletion,
+// substitution or transposition).
 std::string nearestWord(std::string_view typed, const std::vector<std::string>& known);
 
 }  // namespace keel

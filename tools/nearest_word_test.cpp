@@ -9,18 +9,18 @@ namespace {
 const std::vector<std::string> kWords = {"publish", "update", "subscribe",
                                          "dump",    "digest", "list"};
 
-TEST(NearestWord, OneSlipOfEachKindIsFollowed) {
+TEST(NearestWord, OneTypoOfEachKindIsNear) {
   EXPECT_EQ(nearestWord("subscibe", kWords), "subscribe");
   EXPECT_EQ(nearestWord("subscrribe", kWords), "subscribe");
   EXPECT_EQ(nearestWord("dunp", kWords), "dump");
   EXPECT_EQ(nearestWord("pubilsh", kWords), "publish");
 }
 
-TEST(NearestWord, TheBeginningOfAWordIsThatWord) {
+TEST(NearestWord, APrefixMatchesItsWord) {
   EXPECT_EQ(nearestWord("sub", kWords), "subscribe");
 }
 
-TEST(NearestWord, TwoSlipsNeedSixLetters) {
+TEST(NearestWord, TwoTyposNeedSixLetters) {
   EXPECT_EQ(nearestWord("dugesy", kWords), "digest");
   EXPECT_EQ(nearestWord("dgset", kWords), "");
 }

@@ -20,12 +20,13 @@ namespace {
 
 using Failure = std::unexpected<std::string>;
 
-// A line without its end, which the end of the input may take the place of.
+// Reads a line, terminated by a newline or the end of the input, and returns it without the
+// newline.
 std::expected<Secret, std::string> readLine(int descriptor) {
   Secret line(kLongestPasswordBytes + 1);
   std::size_t size = 0;
   for (;;) {
-    // Letter by letter: what follows the line is left to whoever reads on.
+    // Byte by byte: the rest of the input is left to the next reader.
     const ssize_t count = ::read(descriptor, line.bytes().data() + size, 1);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0)
@@ -40,7 +41,7 @@ std::expected<Secret, std::string> readLine(int descriptor) {
   return line;
 }
 
-// While this lives, what is typed is not shown. A signal that ends keelctl undoes that too.
+// Disables the terminal's echo while it lives. A signal that ends keelctl restores it, too.
 class Unseen {
  public:
   explicit Unseen(int terminal) {
@@ -79,7 +80,7 @@ std::expected<Secret, std::string> promptFor(int terminal, std::string_view prom
   if (!unseen || !write(prompt))
     return Failure(fmt::format("cannot ask on the terminal: {}", std::strerror(errno)));
   auto line = readLine(terminal);
-  // The end of the line was not shown either.
+  // The newline was not echoed either.
   write("\n");
   return line;
 }

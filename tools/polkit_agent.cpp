@@ -16,7 +16,7 @@
 namespace keel {
 
 PolkitAgent::PolkitAgent() {
-  // It asks at the terminal that controls the process, whatever standard input is.
+  // It prompts at the controlling terminal, whatever standard input is.
   const FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
   int both[2];
   if (!terminal || ::pipe2(both, O_CLOEXEC) != 0) return;
@@ -45,7 +45,7 @@ PolkitAgent::PolkitAgent() {
   ::posix_spawn_file_actions_destroy(&actions);
   ::posix_spawnattr_destroy(&attributes);
   written.reset();
-  // It closes its end when it is ready, and so does its end.
+  // It closes its end when it is ready; its exit does, too.
   char byte;
   while (process_ != 0 && ::read(ready.get(), &byte, 1) < 0 && errno == EINTR) {
   }

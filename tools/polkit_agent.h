@@ -5,10 +5,10 @@
 
 namespace keel {
 
-// While this lives, polkit asks the person at the terminal of this process for a password:
-// pkttyagent(1) runs for it. Without a terminal, or without pkttyagent, an agent of the desktop's
-// asks if there is one. It is no fall-back behind that one: polkit does not know of fall-backs for
-// processes outside of login sessions.
+// Runs pkttyagent(1) while it lives, so that polkit prompts at the terminal of this process for a
+// password. Without a terminal or pkttyagent, a desktop agent prompts if there is one. It is not
+// registered as a fallback for that agent: polkit supports no fallbacks for processes outside login
+// sessions.
 class PolkitAgent {
  public:
   // Returns once the agent is ready.
@@ -18,7 +18,7 @@ class PolkitAgent {
   PolkitAgent& operator=(const PolkitAgent&) = delete;
 
  private:
-  pid_t process_ = 0;  // 0: none runs
+  pid_t process_ = 0;  // 0: not running
 };
 
 }  // namespace keel

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t kShownErrorColumns = 400;
 
-// One run of `keelctl publish`.
+// A run of `keelctl publish`.
 class Publisher {
  public:
   Publisher(Console& console, const CommonOptions& common, const PublishOptions& options)
@@ -55,7 +55,7 @@ class Publisher {
         readInput();
         break;
       case Waiting::Reason::timeIsUp:
-        // A request that is under way ends now too, and says why.
+        // A request in flight fails, too, and reports the reason.
         timeIsUp_ = true;
         waiting_.dropEnd();
         break;
@@ -95,8 +95,7 @@ class Publisher {
     }
   }
 
-  // Publishes, or updates what is published. One request at a time: input is not read while keeld
-  // owes an answer.
+  // Publishes or updates. One request at a time: input is not read while an answer is pending.
   void send(const std::string& json, const std::string& where) {
     auto data = dataOfJson(console_, json, where);
     if (!data) {
@@ -159,7 +158,7 @@ class Publisher {
   bool readsInput_ = false;
   bool asking_ = false;
   bool timeIsUp_ = false;
-  std::optional<ClientError::Kind> loss_;  // why there is no connection now
+  std::optional<ClientError::Kind> loss_;  // the reason of the current disconnection
   std::size_t versions_ = 0;
   std::optional<int> exit_;
   std::unique_ptr<KLNClient> client_;
@@ -169,14 +168,14 @@ class Publisher {
 
 int publishCommand(Console& console, const CommonOptions& common, const PublishOptions& options) {
   if (!isName(console, options.name)) return kExitUsage;
-  // What cannot be parsed is to be said before what cannot be reached.
+  // Reports a parse error before a connection error.
   if (options.json != "-" && !dataOfJson(console, options.json, "the data")) return kExitUsage;
   return Publisher(console, common, options).run();
 }
 
 namespace {
 
-// keeld serves updates and removals on the publisher's connection alone.
+// keeld accepts updates and removals on the publisher's connection only.
 ExitCode reportNotOurs(Console& console, const ClientError& error, const char* advice) {
   const ExitCode code = report(console, error);
   if (error.kind() == ClientError::Kind::notFound) {

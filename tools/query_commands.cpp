@@ -33,8 +33,8 @@ ClientResult<T> ask(Request<T> request, const CommonOptions& common) {
   return std::move(request).within(common.timeout().value_or(kAnswerTimeout)).wait();
 }
 
-// Whether the job is synthesized. Not known when the bundle has gone, or this user may not read the
-// job file, as root may.
+// Returns true if the job is synthesized; nothing if the bundle is gone or this user, unlike root,
+// may not read the job file.
 std::optional<bool> isSynthesized(const JobDescription& description) {
   using JobFile = JobDescription::JobFile;
   if (description.jobFile == JobFile::noBundle || description.jobFile == JobFile::denied)

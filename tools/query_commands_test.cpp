@@ -30,17 +30,17 @@ TEST(DumpTable, ShowsPublishersAndSubscribers) {
             "         subscriber  (gone)          (never updated)\n");
 }
 
-TEST(DumpTable, ShowsDataWhenAskedFor) {
+TEST(DumpTable, ShowsDataIfRequested) {
   const std::string table = tableOf({kPlaceholder, kPublished}, /*withData=*/true, kNoTerminal);
   EXPECT_THAT(table, HasSubstr(R"({"n":1})"));
   EXPECT_THAT(table, HasSubstr("(none)"));
 }
 
-TEST(DumpTable, EmptyNameIsSeen) {
+TEST(DumpTable, AnEmptyNameIsVisible) {
   EXPECT_THAT(tableOf({DumpEntry{}}, /*withData=*/false, kNoTerminal), HasSubstr("(empty)"));
 }
 
-TEST(DumpJson, OneLineHasAll) {
+TEST(DumpJson, AnEntryIsOneLine) {
   EXPECT_EQ(
       jsonLineOf(kPublished, /*withData=*/true, JsonLetters::utf8),
       R"({"name":"weather","publisher":"<connection 1>","publishDate":{"$date":0},"subscribers":[)"
@@ -49,7 +49,7 @@ TEST(DumpJson, OneLineHasAll) {
       "\n");
 }
 
-TEST(DumpJson, AbsentThingsAreNullAndDataIsLeftOutUnlessAskedFor) {
+TEST(DumpJson, AbsentMembersAreNullAndDataIsOptional) {
   EXPECT_EQ(jsonLineOf(kPlaceholder, /*withData=*/true, JsonLetters::utf8),
             "{\"name\":\"later\",\"publisher\":null,\"publishDate\":null,\"subscribers\":[],"
             "\"publishedData\":null}\n");
@@ -57,7 +57,7 @@ TEST(DumpJson, AbsentThingsAreNullAndDataIsLeftOutUnlessAskedFor) {
               Not(HasSubstr("publishedData")));
 }
 
-TEST(DumpJson, NamesStayExact) {
+TEST(DumpJson, NamesAreUnchanged) {
   DumpEntry entry;
   entry.name = std::string("a\nb\0c", 5);
   EXPECT_THAT(jsonLineOf(entry, /*withData=*/false, JsonLetters::utf8),
@@ -66,7 +66,7 @@ TEST(DumpJson, NamesStayExact) {
   EXPECT_GT(jsonLineOf(entry, /*withData=*/false, JsonLetters::utf8).size(), 1u << 20);
 }
 
-TEST(ModuleJob, IsShownAsPeopleWouldSayIt) {
+TEST(ModuleJob, IsShownInPlainWords) {
   JobState job{.label = "l", .known = true, .enabled = true, .listening = true};
   EXPECT_EQ(shownJob(job), "ready");
   job.program = JobState::Program::running;
@@ -80,14 +80,14 @@ TEST(ModuleJob, IsShownAsPeopleWouldSayIt) {
   EXPECT_EQ(shownJob(job), "disabled, not listening");
 }
 
-TEST(ModuleJob, ThatIsNotKnownIsShownAsNothingElse) {
+TEST(ModuleJob, AnUnknownStateIsShownAsUnknown) {
   EXPECT_EQ(shownJob({.label = "l", .problem = "systemd did not answer within 5 s"}),
             "unknown: systemd did not answer within 5 s");
   EXPECT_EQ(shownJob({.problem = "no job has that service"}), "unknown: no job has that service");
   EXPECT_EQ(shownJob({}), "unknown");
 }
 
-TEST(ModuleJob, JsonHasAll) {
+TEST(ModuleJob, JsonHasEveryMember) {
   EXPECT_EQ(
       jsonOfJob({.label = "l",
                  .known = true,
@@ -103,7 +103,7 @@ TEST(ModuleJob, JsonHasAll) {
       R"({"label":"l","enabled":false,"listening":false,"program":"none","pid":null,"problem":null})");
 }
 
-TEST(ModuleJob, JsonSaysNothingOfWhatIsNotKnown) {
+TEST(ModuleJob, JsonOmitsUnknownMembers) {
   EXPECT_EQ(
       jsonOfJob({.label = "l", .problem = "p"}, JsonLetters::utf8),
       R"({"label":"l","enabled":null,"listening":null,"program":"unknown","pid":null,"problem":"p"})");
@@ -112,13 +112,13 @@ TEST(ModuleJob, JsonSaysNothingOfWhatIsNotKnown) {
       R"({"label":null,"enabled":null,"listening":null,"program":"unknown","pid":null,"problem":null})");
 }
 
-TEST(ModuleJob, OfTheBundlesOwnNeedsNoRemark) {
+TEST(ModuleJob, AJobFromTheBundleHasNoRemark) {
   const JobDescription own{.jobFile = JobDescription::JobFile::used};
   EXPECT_EQ(shownSynthesis("keel_mail", own), "");
   EXPECT_EQ(jsonOfSynthesis(own, JsonLetters::utf8), R"("synthesized":false,"reason":null)");
 }
 
-TEST(ModuleJob, ThatIsSynthesizedIsShownWithTheReasons) {
+TEST(ModuleJob, ASynthesizedJobIsShownWithItsReasons) {
   const JobDescription missing{.jobFile = JobDescription::JobFile::missing,
                                .reasons = {"job file missing"}};
   EXPECT_EQ(shownSynthesis("keel_mail", missing),
@@ -135,7 +135,7 @@ TEST(ModuleJob, ThatIsSynthesizedIsShownWithTheReasons) {
             R"("synthesized":true,"reason":"job file: \u001b[31m; Info.plist: y")");
 }
 
-TEST(ModuleJob, MayBeSynthesizedWhenItsFileCannotBeSeen) {
+TEST(ModuleJob, AJobWithAnUnreadableFileMayBeSynthesized) {
   using JobFile = JobDescription::JobFile;
   for (const JobFile jobFile : {JobFile::noBundle, JobFile::denied}) {
     const JobDescription unseen{.jobFile = jobFile, .reasons = {"r"}};

@@ -12,7 +12,7 @@ namespace keel {
 
 namespace {
 
-// Longer than anybody waits, and no clock overflows on it.
+// Practically unlimited, without overflowing a clock.
 constexpr std::chrono::milliseconds kForGood = std::chrono::years(100);
 
 constexpr std::size_t kShownNameColumns = 200;

@@ -14,41 +14,41 @@
 
 namespace keel {
 
-// What all commands of keelctl have in common.
+// Options common to all commands of keelctl.
 struct CommonOptions {
-  std::string serviceDirectory;  // empty: the fixed one
+  std::string serviceDirectory;  // empty: the default
   bool json = false;
   std::optional<double> timeoutSeconds;
 
   std::optional<std::chrono::milliseconds> timeout() const;
 };
 
-// How long one request waits for keeld's answer.
+// Default timeout of a request.
 inline constexpr std::chrono::milliseconds kAnswerTimeout{10'000};
 
-// Whoever waits for keeld itself (`reconnect`) does so for good.
+// Returns the timeout of a request: unlimited for a command that reconnects.
 std::chrono::milliseconds answerTimeout(bool reconnect);
 
-// Its requests wait for their answers as long as answerTimeout() says.
+// Creates a client whose requests have the timeout answerTimeout().
 std::unique_ptr<KLNClient> connectClient(const CommonOptions& options, bool reconnect);
 
-// Tells a person what went wrong; yields what to exit with.
+// Prints the error and returns the exit status.
 ExitCode report(Console& console, const ClientError& error);
-// `command` is the one whose --help tells more.
+// Prints a usage error and refers to the --help of `command`.
 ExitCode reportUsage(Console& console, const std::string& what,
                      const std::string& command = "keelctl");
 
-// Whether it is a name that can be sent; tells a person when it is not.
+// Returns true if `name` can be sent; prints the reason otherwise.
 bool isName(Console& console, const std::string& name);
 
-// The audit session of this process, as the kernel has it; -1 when unset.
+// Returns the audit session of this process; -1 if unset.
 std::int32_t ownAuditSession();
 
-// A name for people, who must see the empty one too.
+// Returns a name for people; makes an empty one visible.
 std::string shownName(std::string_view name);
 
-// The JSON of an item's data: an object, or null. Tells a person when it is not; `where` says which
-// it is.
+// Parses the JSON of an item's data: an object or null. Prints the reason if it is neither; `where`
+// identifies the text in that message.
 std::optional<Value> dataOfJson(Console& console, const std::string& json,
                                 const std::string& where);
 

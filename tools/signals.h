@@ -5,15 +5,15 @@
 
 namespace keel {
 
-// From now on SIGINT and SIGTERM end the process at once, whatever its threads are doing, with 128
-// and the signal's number; keeld sees the connection end. A reader that went away shows in the
-// result of write(2) instead of SIGPIPE. Before any thread exists.
+// Makes SIGINT and SIGTERM end the process immediately, whatever its threads are doing, with 128
+// plus the signal's number; the connection to keeld ends with it. Ignores SIGPIPE: write(2) reports
+// a reader that is gone. Call it before any thread exists.
 void endOnSignals();
 
-// What such a signal does before; null for nothing. Called on a thread of its own.
+// Sets the function that such a signal calls first, on a separate thread; null for none.
 void callAtEndBySignal(void (*function)());
 
-// The child that gets the signal too; 0 for none.
+// Sets the child that receives the signal, too; 0 for none.
 void passSignalsTo(pid_t child);
 
 }  // namespace keel

@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t kShownDataColumns = 2000;
 
-// One run of `keelctl subscribe`.
+// A run of `keelctl subscribe`.
 class Subscriber {
  public:
   Subscriber(Console& console, const CommonOptions& common, const SubscribeOptions& options)
@@ -29,7 +29,7 @@ class Subscriber {
         command_(options.command),
         waiting_(mailbox_.descriptor(), console.output(), common.timeout()),
         client_(connectClient(common, options.reconnect)) {}
-  // A callback that waits for room would have the client wait for it.
+  // The client's destructor waits for a callback, which may be blocked on a full mailbox.
   ~Subscriber() { mailbox_.close(); }
 
   int run() {
@@ -72,7 +72,7 @@ class Subscriber {
         if (auto message = mailbox_.take()) std::visit([this](auto& it) { take(it); }, *message);
         break;
       case Waiting::Reason::timeIsUp:
-        // Requests that are under way end now too, and say why.
+        // Requests in flight fail, too, and report the reason.
         timeIsUp_ = true;
         waiting_.dropEnd();
         break;
@@ -96,7 +96,7 @@ class Subscriber {
   void take(Subscribed& it) {
     --pendingCount_;
     if (!it.result) {
-      // The state that explains it is on its way too, and need not be told twice.
+      // The state change that explains it follows; the reason is printed once.
       exit_ = report(console_, it.result.error());
       return;
     }
@@ -156,9 +156,9 @@ class Subscriber {
   Mailbox<Message> mailbox_;
   Waiting waiting_;
   std::vector<Subscription> subscriptions_;
-  std::size_t pendingCount_ = 0;  // subscriptions that keeld has not answered
+  std::size_t pendingCount_ = 0;  // unanswered subscriptions
   bool timeIsUp_ = false;
-  std::optional<ClientError::Kind> loss_;  // why there is no connection now
+  std::optional<ClientError::Kind> loss_;  // the reason of the current disconnection
   std::size_t events_ = 0;
   ExitCode outcome_ = kExitOk;
   std::optional<int> exit_;

@@ -12,9 +12,8 @@ namespace keel {
 
 struct SubscribeOptions {
   std::vector<std::string> names;
-  std::vector<std::string>
-      command;            // to run for each event; empty: events are written to the output
-  std::size_t count = 0;  // events after which it ends; 0 for no end
+  std::vector<std::string> command;  // run for each event; empty: events are written to the output
+  std::size_t count = 0;             // number of events after which it ends; 0: unlimited
   bool reconnect = false;
 };
 

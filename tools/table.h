@@ -8,18 +8,18 @@
 
 namespace keel {
 
-// Rows of cells, aligned for a person. Cells may hold anything: what a terminal would act upon is
-// escaped, and what is too long is shortened.
+// Formats rows of cells as an aligned table. Cells may hold any text: terminal controls are escaped
+// and long cells truncated.
 class Table {
  public:
-  // What one cell may take of a line; the last column may take more.
+  // Maximum width of a cell; the last column may be wider.
   static constexpr std::size_t kCellColumns = 60;
   static constexpr std::size_t kLastCellColumns = 200;
 
   explicit Table(std::vector<std::string> heads) : heads_(std::move(heads)) {}
-  // As many cells as there are heads.
+  // `cells` has one element per head.
   void add(std::vector<std::string> cells);
-  // All lines, without blanks at their ends.
+  // Returns all lines, without trailing blanks.
   std::string text(const Console& console) const;
 
  private:

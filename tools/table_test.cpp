@@ -20,21 +20,21 @@ std::vector<std::string> linesOf(const std::string& text) {
 
 const Console kNoTerminal(-1, -1, -1);
 
-TEST(Table, CellsAreAlignedWithoutBlanksAtTheEnd) {
+TEST(Table, CellsAreAlignedWithoutTrailingBlanks) {
   Table table({"NAME", "X", "LAST"});
   table.add({"a", "12345", "z"});
   table.add({"longer", "", ""});
   EXPECT_EQ(table.text(kNoTerminal), "NAME    X      LAST\na       12345  z\nlonger\n");
 }
 
-TEST(Table, WideLettersKeepTheColumns) {
+TEST(Table, WideCharactersKeepTheColumns) {
   Table table({"NAME", "X"});
   table.add({"中文", "1"});
   table.add({"abcd", "2"});
   EXPECT_EQ(table.text(kNoTerminal), "NAME  X\n中文  1\nabcd  2\n");
 }
 
-TEST(Table, SignsKeepTheColumns) {
+TEST(Table, SymbolsKeepTheColumns) {
   Table table({"NAME", "X"});
   table.add({"✅🫠", "1"});
   table.add({"नमस्ते", "2"});
@@ -42,7 +42,7 @@ TEST(Table, SignsKeepTheColumns) {
   EXPECT_EQ(table.text(kNoTerminal), "NAME  X\n✅🫠  1\nनमस्ते  2\nabcd  3\n");
 }
 
-TEST(Table, ControlsAndEndsOfLinesDoNotBreakIt) {
+TEST(Table, ControlsAndNewlinesAreEscaped) {
   Table table({"NAME", "X"});
   table.add({"a\nb\x1b[31m", "\r\t"});
   const auto lines = linesOf(table.text(kNoTerminal));
@@ -50,7 +50,7 @@ TEST(Table, ControlsAndEndsOfLinesDoNotBreakIt) {
   EXPECT_EQ(lines[1], "a\\nb\\u{1b}[31m  \\r\\t");
 }
 
-TEST(Table, LongCellsAreShortenedWithTheirLength) {
+TEST(Table, LongCellsAreTruncatedWithTheirLength) {
   Table table({"NAME", "X"});
   table.add({std::string(1u << 20, 'n'), std::string(1u << 20, 'x')});
   const auto lines = linesOf(table.text(kNoTerminal));

@@ -21,7 +21,7 @@ std::optional<std::chrono::milliseconds> Waiting::left() const {
 
 Waiting::Reason Waiting::next(int input) const {
   for (;;) {
-    // A pipe whose reader went away reports an error without being asked.
+    // poll(2) reports POLLERR on a pipe without a reader even if no event is requested.
     pollfd watched[] = {{message_, POLLIN, 0}, {input, POLLIN, 0}, {output_, 0, 0}};
     int timeout = -1;
     if (end_) {

@@ -6,8 +6,8 @@
 
 namespace keel {
 
-// What a command that stays waits for: messages, input, the end of its time, or that nobody reads
-// its output any more.
+// Waits on behalf of a long-running command for messages, input, its deadline, or the loss of the
+// reader of its output.
 class Waiting {
  public:
   using Clock = std::chrono::steady_clock;
@@ -16,13 +16,13 @@ class Waiting {
   // `message` and `output` are descriptors to watch, borrowed, or -1; `timeout` counts from now.
   Waiting(int message, int output, std::optional<std::chrono::milliseconds> timeout);
 
-  // What is left of the time, rounded up; none when there is no end.
+  // Returns the time left, rounded up; none without a deadline.
   std::optional<std::chrono::milliseconds> left() const;
-  // From now on there is no end.
+  // Removes the deadline.
   void dropEnd() { end_.reset(); }
 
-  // Waits. `input` is watched too unless it is negative. Messages come before all else, the end of
-  // the time last.
+  // Waits. `input` is watched too unless it is negative. Messages have the highest priority, the
+  // deadline the lowest.
   Reason next(int input) const;
 
  private:

@@ -9,19 +9,19 @@ namespace keel {
 
 namespace {
 
-// Bytes in front of what a broken line goes on under.
+// Returns the indentation of the continuation lines of `line`.
 std::size_t indentOf(std::string_view line, std::size_t columns) {
   const std::size_t first = std::min(line.find_first_not_of(' '), line.size());
   const std::size_t gap = line.find("  ", first);
   if (gap == line.npos) return first;
   const std::size_t second = line.find_first_not_of(' ', gap);
-  // Of the second part no more than a sliver would be left.
+  // The second part's column would be too narrow.
   return second == line.npos || second > columns / 2 ? first : second;
 }
 
 void appendWrapped(std::string& output, std::string_view line, std::size_t columns) {
   const std::size_t indent = indentOf(line, columns);
-  std::size_t start = 0;  // of blanks that a break may replace
+  std::size_t start = 0;  // of the blanks that a line break may replace
   std::string row;
   while (start < line.size()) {
     const std::size_t word = std::min(line.find_first_not_of(' ', start), line.size());

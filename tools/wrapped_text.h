@@ -7,10 +7,10 @@
 
 namespace keel {
 
-// Returns `text` with every line that is longer than `columns` broken at blanks. What follows a
-// break is indented like the line; in a line of two parts with two or more blanks between them,
-// as in the lists of --help, like its second part. A word that is too long stays whole. Blanks at
-// the ends of lines are dropped.
+// Returns `text` with every line longer than `columns` wrapped at blanks. Continuation lines are
+// indented like their line; if the line has two parts separated by two or more blanks, as in the
+// lists of --help, like its second part. A word that is too long is not broken. Trailing blanks are
+// dropped.
 std::string wrappedText(std::string_view text, std::size_t columns);
 
 }  // namespace keel
