@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Has the example module greet somebody; the module is started if it does not run. With - as the
-// name it stays connected, and has each line of its input greeted.
+// Calls the example module, which is started on demand. With - as the name it stays connected and
+// sends each line of its input.
 //
 //   greet SERVICE NAME
 //   greet SERVICE -

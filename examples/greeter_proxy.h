@@ -5,14 +5,14 @@
 #include "runtime/wire/method_table.h"
 #include "runtime/xpc/reply.h"
 
-// What the example module offers to its clients. A protocol is an abstract class and, beneath it,
-// its method table: one ':' in a selector for each parameter. A reply block comes last and answers
-// once, at once or later.
+// The protocol of the example module. A protocol is an abstract class and, beneath it, its method
+// table: one ':' in a selector for each parameter. The reply block is the last parameter and
+// answers exactly once, immediately or later.
 class GreeterProxy {
  public:
   virtual ~GreeterProxy() = default;
 
-  // A greeting for that name. The module publishes whom it has greeted as "example.greeted".
+  // Answers with a greeting for that name, and publishes the name as "example.greeted".
   virtual void greet(keel::String name, keel::xpc::Reply<keel::String> withHandler) = 0;
 };
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The program of the module keel_example.bundle: greets its clients, and publishes whom it has
-// greeted. It is started when a client connects, and ends when it has had none for a while.
+// The program of the module keel_example.bundle: greets its clients and publishes their names. It
+// is started when a client connects, and exits after a while without clients.
 //
 //   keel_example SERVICE [IDLE-MILLISECONDS]
 #include <chrono>
@@ -17,8 +17,8 @@ namespace {
 
 constexpr const char* kItem = "example.greeted";
 
-// One for each client. Its methods run on the library's thread, so that it asks keeld without
-// waiting.
+// One object per client. Its methods run on the library's thread, so its requests to keeld must not
+// block.
 class Greeter final : public GreeterProxy {
  public:
   Greeter(keel::KLNClient& client, uid_t uid) : client_(client), uid_(uid) {}
@@ -26,7 +26,7 @@ class Greeter final : public GreeterProxy {
   void greet(keel::String name, keel::xpc::Reply<keel::String> withHandler) override {
     const std::string who(name.view());
     auto data = keel::Value::map({{"name", who}, {"uid", uid_}, {"greeted", keel::Date::now()}});
-    // The client hears its greeting when all who follow the item are about to.
+    // The client is answered once keeld has accepted the update.
     auto reply = std::make_shared<keel::xpc::Reply<keel::String>>(std::move(withHandler));
     const auto begun =
         client_.update(kItem, std::move(data)).then([reply, who](const auto& result) {

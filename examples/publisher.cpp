@@ -26,8 +26,7 @@ int main(int count, char** words) {
   const std::string_view name = words[1];
   const auto client = keel::KLNClient::create();
 
-  // After a lost connection the client publishes anew by itself. This tells when somebody else was
-  // faster.
+  // The client republishes after a lost connection. This reports that another publisher was faster.
   client->setPublicationHandler([](const keel::PublicationState& state) {
     std::cerr << "publisher: lost the name: " << state.error.description() << "\n";
   });

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Follows one name and prints its news until standard input ends.
+// Follows one name and prints its events until standard input ends.
 //
 //   subscriber greeting
 #include <iostream>

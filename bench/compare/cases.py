@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What is measured: the cases in which all systems are compared, and the series that show how
+"""Defines the cases in which all systems are compared, and the series that show how
 keeld's cost grows.
 """
 
@@ -8,7 +8,7 @@ from dataclasses import dataclass, field
 
 @dataclass
 class Figure:
-    """One figure of a case. `goal` is a ratio to the relay, or with `absolute` a value of its own.
+    """A figure of a case. `goal` is a ratio to the relay, or with `absolute` a plain value.
     """
 
     key: str
@@ -129,7 +129,7 @@ CASES = [
 
 @dataclass
 class Series:
-    """Runs of keeld alone that differ in one count."""
+    """A series: runs of keeld alone over one parameter."""
 
     name: str
     title: str

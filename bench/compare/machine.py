@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the figures were measured on."""
+"""Describes the machine that was measured."""
 
 import datetime
 import os
@@ -18,7 +18,7 @@ def value_of(path, key):
 
 
 def describe(build, revision):
-    """Facts by name, for the page."""
+    """Returns facts by name, for the page."""
     with open("/etc/os-release") as file:
         release = dict(line.strip().split("=", 1) for line in file if "=" in line)
     compiler = subprocess.run(["g++", "--version"], capture_output=True, text=True,

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Runs a system and the load against it, once for each measurement, and collects the figures."""
+"""Runs a system and its load once per measurement, and collects the figures."""
 
 import json
 import os
@@ -25,7 +25,7 @@ class Measurements:
         self.failures = {}
 
     def run(self, case, key, system_name, options, one_processor=False):
-        """One run, on a system of its own."""
+        """Makes one run, on a fresh system."""
         result = None
         folder = tempfile.mkdtemp(prefix="keel-bench-")
         try:
@@ -60,7 +60,7 @@ class Measurements:
 
     @staticmethod
     def applies(figure, key):
-        """Returns false for the time to an answer where nothing is acknowledged."""
+        """Returns false for acknowledgement times of systems that acknowledge nothing."""
         return figure.key != "answer_p50_us" or systems.ALL[key].answers
 
     def of(self, case_name, key, figure):

@@ -83,7 +83,7 @@ def table(head, rows):
 
 
 def best_other(case, figure, measurements):
-    """Who comes first without relay and keeld."""
+    """Returns the fastest system other than relay and keeld."""
     found = []
     for name in systems.ALL:
         spread = Spread(measurements.of(case.name, name, figure))
@@ -117,7 +117,7 @@ def glance(measurements):
 
 
 def plot_growth(folder, measurements):
-    """Draws how the cost of each series grows; returns the page's text about it."""
+    """Plots the cost of each series; returns the page's text about it."""
     parts = []
     for line in SERIES:
         lines = []
@@ -131,7 +131,7 @@ def plot_growth(folder, measurements):
 
 
 def plot_systems(folder, measurements):
-    """Draws every figure of every case, system by system."""
+    """Plots every figure of every case, system by system."""
     groups = []
     for case in CASES:
         for figure in case.figures:

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Plots as SVG, drawn with nothing but text."""
+"""Writes plots as SVG, without a library."""
 
 import math
 from html import escape
@@ -13,7 +13,7 @@ LINES = ["#0969da", "#bc4c00", "#1a7f37", "#8250df"]
 
 
 class Drawing:
-    """Shapes on a white sheet."""
+    """An SVG drawing on white."""
 
     def __init__(self, width, height):
         self.parts = [
@@ -77,7 +77,7 @@ def panels(path, groups):
 
 
 class Axis:
-    """Maps values to places, by logarithm or from 0."""
+    """Maps values to coordinates, logarithmic or linear from 0."""
 
     def __init__(self, values, start, end, logarithmic):
         self.logarithmic, self.start, self.end = logarithmic, start, end
@@ -97,7 +97,7 @@ class Axis:
 
 
 def growth(path, title, along, lines):
-    """Lines over a count: each (title with unit, [(count, Spread)])."""
+    """Plots lines over a count: each (title with unit, [(count, Spread)])."""
     width, height = 620, 330
     drawing = Drawing(width, height)
     drawing.text(16, 22, title, weight="600")

@@ -1,11 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What several rounds say together."""
+"""Aggregates the rounds of a measurement."""
 
 import statistics
 
 
 class Spread:
-    """Median, minimum and maximum of what the rounds measured. False when no round succeeded."""
+    """Median, minimum and maximum over the rounds. False if no round succeeded."""
 
     def __init__(self, values):
         self.values = [value for value in values if value is not None]
@@ -26,7 +26,7 @@ class Spread:
         return max(self.values)
 
     def text(self):
-        """For a table: the median, and how far the rounds lie apart."""
+        """Returns the median and the spread, for a table."""
         if not self:
             return "–"
         if len(self.values) == 1:
@@ -35,7 +35,7 @@ class Spread:
 
 
 def number(value):
-    """Three digits that count."""
+    """Returns a number with three significant digits."""
     if value == 0:
         return "0"
     if abs(value) >= 100:
@@ -46,6 +46,6 @@ def number(value):
 
 
 def ratios(values, references):
-    """Round by round, since what disturbs a round disturbs all systems in it."""
+    """Returns ratios per round, since a disturbance affects all systems of its round."""
     return Spread([value / reference for value, reference in zip(values, references)
                    if value is not None and reference])

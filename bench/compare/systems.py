@@ -14,7 +14,7 @@ STARTING_SECONDS = 20
 
 
 class System:
-    """One running system. As a context manager it ends with the block."""
+    """A running system. As a context manager it is stopped at the end of the block."""
 
     name = ""
     title = ""

@@ -7,13 +7,13 @@
 
 namespace keel::bench {
 
-// Where a system listens: the path of a Unix socket, or a port of the loopback device, as in
+// The address of a system: the path of a Unix socket or a port of the loopback device, as in
 // "/run/x" and "4222".
 class Address {
  public:
   explicit Address(std::string text) : text_(std::move(text)) {}
 
-  // A new connection, which does not block from then on. Throws std::system_error.
+  // Returns a new, non-blocking connection. Throws std::system_error.
   FileDescriptor connect() const;
 
  private:

@@ -10,9 +10,9 @@ namespace keel::bench {
 
 namespace {
 
-// Arrivals that are under way at one time.
+// Number of arrivals in flight.
 constexpr std::size_t kAtOnce = 64;
-// They come before memory is measured, so that what is made once does not count.
+// Arrivals before memory is measured, so that one-time allocations do not count.
 constexpr std::size_t kFirstCount = 100;
 
 }  // namespace

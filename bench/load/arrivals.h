@@ -10,13 +10,13 @@
 
 namespace keel::bench {
 
-// Clients that connect and follow one name, and then stay: how fast they are served, and what
-// memory each one takes.
+// Measures clients that connect, follow one name and stay idle: the rate at which they are served,
+// and the memory per client.
 class Arrivals {
  public:
   Arrivals(Crowd& crowd, pid_t daemon) : crowd_(crowd), daemon_(daemon) {}
 
-  // So many arrive, a few at a time.
+  // Has `count` clients arrive, a few at a time.
   Result measure(std::size_t count);
 
  private:

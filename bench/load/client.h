@@ -10,11 +10,11 @@
 
 namespace keel::bench {
 
-// One connection of the load: says hello when it is made, then sends what stands in its session and
-// counts what comes.
+// A connection of the load: sends its system's greeting on creation, then the contents of its
+// session, and counts what it receives.
 class Client {
  public:
-  // `number` is the owner's own name for it. The system outlives the client.
+  // `number` identifies it to its owner. The system outlives the client.
   Client(System& system, const Address& address, Role role, std::size_t number);
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
@@ -24,10 +24,9 @@ class Client {
   Session& session() { return session_; }
   const Seen& seen() const { return seen_; }
 
-  // Sends what waits, as far as it goes. True when nothing is left.
+  // Sends pending bytes until the socket is full. Returns true if none are left.
   bool flush();
-  // Reads once. Throws std::runtime_error when the system ended the connection or refused
-  // something.
+  // Reads once. Throws std::runtime_error if the system ended the connection or refused a request.
   void receive();
 
  private:
@@ -40,7 +39,7 @@ class Client {
   const std::size_t number_;
   Session session_;
   std::size_t sentBytes_ = 0;
-  std::string rest_;  // a frame that has come in part
+  std::string rest_;  // an incomplete frame
   Seen seen_;
 };
 

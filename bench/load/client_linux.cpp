@@ -16,7 +16,7 @@ namespace keel::bench {
 
 namespace {
 
-// One read takes all that a socket holds in most cases.
+// Usually larger than the contents of a socket, so one read empties it.
 constexpr std::size_t kReadBytes = 512u << 10;
 
 std::vector<char>& readBuffer() {
@@ -72,7 +72,7 @@ bool Client::flush() {
   return true;
 }
 
-// What is appended while something waits must not pile up behind what went long ago.
+// Sent bytes are dropped from the front, so that a backlog does not grow without bound.
 void Client::forgetSent() {
   if (sentBytes_ < session_.out.size() / 2) return;
   session_.out.erase(0, sentBytes_);

@@ -17,11 +17,11 @@ namespace keel::bench {
 
 using Clock = std::chrono::steady_clock;
 
-// All clients of a load, on one epoll and one thread: with the system on one processor, the load
-// has the other.
+// All clients of a load, on one epoll instance and one thread: the system runs on one processor,
+// the load on the other.
 class Crowd {
  public:
-  // Some systems hear publishers and subscribers at different addresses.
+  // Some systems have different addresses for publishers and subscribers.
   Crowd(System& system, Address publishers, Address subscribers);
 
   System& system() { return system_; }
@@ -30,10 +30,11 @@ class Crowd {
   // Ends that client's connection.
   void remove(const Client& client) { clients_[client.number()].reset(); }
 
-  // Sends what stands in the client's session; what does not go at once goes with the next turns.
+  // Sends the contents of the client's session; what the socket does not take follows in later
+  // turns.
   void flush(Client& client);
-  // Waits until something comes, or until then, and reads once from each client that has something.
-  // `heard` is called for each.
+  // Waits for input until the deadline, reads once from each client that has some, and calls
+  // `heard` for each.
   template <class Heard>
   void turn(std::optional<Clock::time_point> until, Heard heard) {
     for (const epoll_event& event : wait(until)) {
@@ -41,13 +42,12 @@ class Crowd {
       if ((event.events & EPOLLOUT) != 0) flush(client);
       if ((event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) == 0) continue;
       client.receive();
-      // Now and then a system asks whether somebody is there. A publisher's answer goes with its
-      // next publishes.
+      // Some systems send pings. A publisher's answer is sent with its next publishes.
       if (client.session().role == Role::subscriber && !client.session().out.empty()) flush(client);
       heard(client);
     }
   }
-  // Turns until that is so. Throws std::runtime_error when it does not come about in half a minute.
+  // Turns until the condition holds. Throws std::runtime_error after half a minute.
   void until(const std::function<bool()>& isSo, const char* what);
 
  private:

@@ -8,17 +8,17 @@
 
 namespace keel::bench {
 
-// What a process has used up to now, all of its threads together, by /proc.
+// Resources used by all threads of a process up to now, from /proc.
 struct DaemonUsage {
   std::chrono::nanoseconds processor{};
-  std::uint64_t wakeUpCount = 0;  // times that a thread had nothing to do and slept
+  std::uint64_t wakeUpCount = 0;  // voluntary context switches
   std::uint64_t residentBytes = 0;
 
-  // Throws std::runtime_error when there is no such process.
+  // Throws std::runtime_error if there is no such process.
   static DaemonUsage of(pid_t process);
 };
 
-// Processor time of this process, which is the load.
+// Returns the processor time of this process, the load.
 std::chrono::nanoseconds ownProcessorTime();
 
 }  // namespace keel::bench

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// D-Bus. A publish is a signal, which is not answered; a batch of them is followed by a call of
-// Ping to the bus itself, whose return acknowledges them all, since messages of one connection keep
+// D-Bus. A publish is a signal, which has no reply; a batch of them is followed by a call of Ping
+// to the bus itself, whose return acknowledges the batch, since messages of one connection keep
 // their order. It retains nothing.
 #include <fmt/format.h>
 #include <unistd.h>
@@ -27,7 +27,7 @@ void appendText(std::string& out, std::string_view text) {
   out += '\0';
 }
 
-// One message whose serial is still 0. Bodies have one value, aligned to 4.
+// Returns a message with serial 0. Bodies have one value, aligned to 4.
 struct Message {
   Type type;
   std::string_view path, interface, member, destination, signature;
@@ -128,7 +128,7 @@ class DbusSystem final : public System {
     if (head[1] == kError) throw std::runtime_error("the bus refused a call");
     if (head[1] == kReturn) return readReturn(session, bytes);
     if (session.stage == kReady) return {bytes, Frame::Kind::delivery};
-    session.stage = kReady;  // The first signal tells the connection its name.
+    session.stage = kReady;  // The first signal carries the connection's name.
     return {bytes, Frame::Kind::nothing};
   }
 

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::chrono::seconds kQuietTime{1};
 constexpr std::chrono::seconds kLongestTime{30};
-// What comes after a connection was closed has no end that others see; it is over long before this.
+// The work after a closed connection has no visible end; it takes much less than this.
 constexpr std::chrono::milliseconds kCleanUpTime{1500};
 constexpr std::chrono::milliseconds kAfterTime{200};
 constexpr std::size_t kOutstanding = 1u << 16;
@@ -59,7 +59,7 @@ Result Disturbance::cleanUp(std::size_t itemCount) {
       [&end] { return Clock::now() >= end; });
 }
 
-// A client that publishes, or follows, so many names.
+// A client that publishes, or follows, `itemCount` names.
 Client& Disturbance::owner(std::size_t itemCount, Role role) {
   Client& client = crowd_.add(role);
   for (std::size_t number = 0; number < itemCount; ++number) {
@@ -90,7 +90,7 @@ Result Disturbance::measure(const std::function<void()>& begin,
   begin();
   steady_.run(kLongestTime, isOver);
   const auto took = Clock::now() - start;
-  // Whoever still waits counts, too.
+  // A publish still pending counts, too.
   steady_.run(kAfterTime);
   const auto usageAfter = DaemonUsage::of(daemon_);
   const double quietShare =
@@ -100,7 +100,7 @@ Result Disturbance::measure(const std::function<void()>& begin,
   result.add("took_ms", milliseconds(took));
   result.add("longest_hold_up_ms", steady_.completions().quantile(1) / 1000);
   result.add("longest_quiet_ms", quiet / 1000);
-  // Without what the steady publisher costs.
+  // Minus the cost of the steady publisher.
   result.add("daemon_ms", milliseconds(usageAfter.processor - usage.processor) -
                               quietShare * milliseconds(Clock::now() - start));
   result.add("resident_bytes", static_cast<double>(usage.residentBytes));

@@ -8,20 +8,20 @@
 
 namespace keel::bench {
 
-// How long one client's large affair holds up others: a publisher and its subscriber go on at a
-// steady rate meanwhile.
+// Measures how long a large operation of one client delays others: a publisher and its subscriber
+// continue at a steady rate meanwhile.
 class Disturbance {
  public:
   Disturbance(Crowd& crowd, pid_t daemon);
 
-  // The dump of `itemCount` items.
+  // Measures a dump of `itemCount` items.
   Result dump(std::size_t itemCount);
-  // The end of a connection with `itemCount` items and as many subscriptions.
+  // Measures the end of a connection with `itemCount` items and as many subscriptions.
   Result cleanUp(std::size_t itemCount);
 
  private:
   Client& owner(std::size_t itemCount, Role role);
-  // Runs quietly, then does it, and goes on until `isOver`.
+  // Runs undisturbed, starts the operation, and continues until `isOver`.
   Result measure(const std::function<void()>& begin, const std::function<bool()>& isOver);
 
   Crowd& crowd_;

@@ -12,7 +12,7 @@ namespace keel::bench {
 
 namespace {
 
-// Where nothing tells that a subscription is in force, publishes wait for so long.
+// Delay before publishing to a system that does not confirm subscriptions.
 constexpr std::chrono::milliseconds kSubscriptionTime{500};
 
 double microseconds(Clock::duration time) {
@@ -47,7 +47,7 @@ Result FanOut::measure() {
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   const auto usageAfter = DaemonUsage::of(plan_.daemon);
   const auto deliveries = static_cast<double>(deliveredCount_ - delivered);
-  // A slow system may not get to the end of a single one.
+  // A slow system may not complete a single one.
   const double publishes = deliveries / static_cast<double>(plan_.subscriberCount);
   if (deliveries < 1) throw std::runtime_error("nothing was delivered");
   const double daemonMicroseconds = microseconds(usageAfter.processor - usage.processor);
@@ -109,7 +109,7 @@ void FanOut::publishEachOnce() {
   }
 }
 
-// How many publishes may begin now.
+// Returns how many publishes may begin now.
 std::size_t FanOut::allowed(Clock::time_point now) const {
   const std::size_t free = plan_.outstanding - (publishedCount_ - completedCount_);
   if (plan_.publishesPerSecond <= 0) return free;
@@ -141,12 +141,12 @@ void FanOut::publish(std::size_t count) {
   }
   crowd_.system().endBatch(from.session(), count);
   publishedCount_ += count;
-  // Of a pipeline no single publish is timed.
+  // In a pipeline single publishes are not timed.
   if (plan_.outstanding == 1 || plan_.publishesPerSecond > 0) sentTimes_.push_back(Clock::now());
   crowd_.flush(from);
 }
 
-// Takes over what a client has counted.
+// Adds a client's counts.
 void FanOut::heard(const Client& client) {
   if (client.number() == 0) {
     acknowledgedCount_ = client.seen().acknowledged;
@@ -155,8 +155,8 @@ void FanOut::heard(const Client& client) {
     const std::uint64_t before = count;
     count = client.seen().delivered;
     deliveredCount_ += count - before;
-    // Who was the last at the lowest count lets it rise: looked for once in a whole round of all
-    // subscribers.
+    // When the last subscriber leaves the lowest count, the minimum is recomputed: once per round
+    // of all subscribers.
     if (before == lowestDelivered_ && count > before && --lowestHolders_ == 0) {
       lowestDelivered_ = std::ranges::min(deliveredCounts_);
       lowestHolders_ =

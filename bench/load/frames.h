@@ -12,7 +12,7 @@
 
 namespace keel::bench {
 
-// What stands at the beginning of some bytes. 0 bytes: too little has come to tell.
+// The frame at the beginning of some bytes. 0 bytes: its head is incomplete.
 struct Frame {
   enum class Kind : std::uint8_t { nothing, acknowledgement, delivery, confirmation };
   std::size_t bytes = 0;
@@ -62,7 +62,7 @@ std::size_t consumeFrames(Session& session, std::string_view bytes, Seen& seen, 
   return place;
 }
 
-// The number in 4 bytes, lowest first.
+// Returns the little-endian number in 4 bytes.
 inline std::uint32_t littleEndian(const char* bytes) {
   std::uint32_t value = 0;
   std::memcpy(&value, bytes, sizeof value);

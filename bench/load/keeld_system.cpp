@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// keeld, by docs/protocol.md. A payload is the bytes under one key of the published dictionary.
+// keeld, as in docs/protocol.md. A payload is a byte string at one key of the published dictionary.
 #include <fmt/format.h>
 
 #include <span>
@@ -15,14 +15,14 @@ namespace {
 constexpr std::size_t kFileBytes = 64u << 10;  // From here on a value may travel as a memory file.
 constexpr char kNull = '\xf6';
 
-// Nothing that comes is shorter.
+// No received frame is shorter.
 constexpr std::size_t kHeadBytes = 9;
-// Where the name's head stands in a delivery; behind the name stands the item.
+// Offset of the name's head in a delivery; the item follows the name.
 constexpr std::size_t kNameHead = 8;
 
-// Whoever subscribes to a name that others wait for, too, is told that there is nothing yet. That
-// is no publish.
-bool bringsNothing(std::string_view delivery) {
+// A subscriber of an unpublished name that has other subscribers receives a null item. It does not
+// count as a publish.
+bool isNullItem(std::string_view delivery) {
   const auto nameBytes = static_cast<unsigned char>(delivery[kNameHead]) - 0x60u;
   if (nameBytes >= 24)
     throw std::runtime_error("names of 24 bytes and more are not understood here");
@@ -30,7 +30,7 @@ bool bringsNothing(std::string_view delivery) {
   return item < delivery.size() && delivery[item] == kNull;
 }
 
-// Places in the daemon's list of methods; version 1 never changes them.
+// Indexes into the daemon's list of methods; version 1 never changes them.
 enum Method : char { kSubscribe = 1, kPublish = 3, kUpdate = 4, kDump = 7 };
 
 void appendHead(std::string& out, unsigned major, std::uint64_t value) {
@@ -112,8 +112,8 @@ class KeeldSystem final : public System {
             case 0:
               return {size, Frame::Kind::nothing};
             case 2:
-              return bringsNothing(head) ? Frame{size, Frame::Kind::nothing}
-                                         : Frame{size, Frame::Kind::delivery};
+              return isNullItem(head) ? Frame{size, Frame::Kind::nothing}
+                                      : Frame{size, Frame::Kind::delivery};
             case 3:
               if (size <= head.size() && head[size - 1] != kNull)
                 throw std::runtime_error("keeld refused a request");
@@ -137,7 +137,7 @@ class KeeldSystem final : public System {
     appendText(out, topic.name);
   }
 
-  // A file of its own for each publish, as a publisher with new data would make it.
+  // A new file per publish, as for a publisher with new data.
   void attachFile(Session& session) const {
     if (!session.out.empty()) throw std::runtime_error("a large value must be sent alone");
     const std::span<const char> item(item_);

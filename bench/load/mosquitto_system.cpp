@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // MQTT 3.1.1. Publishes have QoS 1, so that they are acknowledged, and are retained; subscriptions
-// have QoS 0, so that nobody has to acknowledge deliveries.
+// have QoS 0, so that deliveries need no acknowledgement.
 #include "bench/load/frames.h"
 #include "bench/load/systems.h"
 
@@ -29,7 +29,7 @@ class MosquittoSystem final : public System {
     std::string body;
     appendText(body, "MQTT");
     body += std::string{4, 2, 0, 0};  // Version, clean session, no keep-alive.
-    appendText(body, "");             // It chooses the client's name.
+    appendText(body, "");             // The broker chooses the client's name.
     appendPacket(session.out, 0x10, body);
   }
   void subscribe(Session& session, const Topic& topic) override {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// NATS. A batch of publishes is followed by PING, whose PONG acknowledges them all: what its
+// NATS. A batch of publishes is followed by PING, whose PONG acknowledges the batch, which its
 // clients call a flush. It has no Unix sockets, and retains nothing.
 #include <fmt/format.h>
 
@@ -57,7 +57,7 @@ class NatsSystem final : public System {
   }
 
   static Frame readPing(Session& session, std::string_view head, std::size_t bytes) {
-    if (head[1] == 'I') {  // Its own PING, now and then.
+    if (head[1] == 'I') {  // The server's own PING.
       session.out += "PONG\r\n";
       return {bytes, Frame::Kind::nothing};
     }

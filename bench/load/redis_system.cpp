@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Redis, RESP2. A publish is SET and PUBLISH in one pipeline, since the last value is to be kept;
-// PUBLISH's answer counts.
+// Redis, RESP2. A publish is SET and PUBLISH in one pipeline, since the last value must be
+// retained; the answer to PUBLISH counts.
 #include <fmt/format.h>
 
 #include <charconv>
@@ -16,7 +16,7 @@ void appendBulk(std::string& out, std::string_view text) {
   out += fmt::format("${}\r\n{}\r\n", text.size(), text);
 }
 
-// Hops over a bulk string at `place`; npos when it has not all come, or not even its length.
+// Returns the offset behind the bulk string at `place`; npos if it is incomplete.
 constexpr std::size_t kUnknown = std::string_view::npos;
 std::size_t behindBulk(std::string_view bytes, std::size_t place) {
   if (place + 1 >= bytes.size()) return kUnknown;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The bare relay: a length of 4 bytes, a letter, and the payload. It acknowledges each read with
-// one frame that has a count.
+// one frame that carries a count.
 #include "bench/load/frames.h"
 #include "bench/load/systems.h"
 
@@ -17,7 +17,7 @@ class RelaySystem final : public System {
   }
 
   void greet(Session&) override {}
-  // The relay knows no names: everybody hears everything.
+  // The relay has no names: every subscriber receives everything.
   void subscribe(Session& session, const Topic&) override {
     appendLittleEndian(session.out, 1);
     session.out += 'S';

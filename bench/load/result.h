@@ -7,11 +7,11 @@
 
 namespace keel::bench {
 
-// What one run measured: figures by name, with the unit in the name.
+// The result of a run: figures by name, with the unit in the name.
 class Result {
  public:
   void add(std::string name, double value) { figures_.emplace_back(std::move(name), value); }
-  // One line of JSON.
+  // Returns one line of JSON.
   std::string toJson() const;
 
  private:

@@ -12,24 +12,22 @@
 
 namespace keel::bench {
 
-// What one read brought. Counts, since nothing else matters to a load generator.
+// The result of a read. Only counts matter to a load generator.
 struct Seen {
   std::uint64_t acknowledged = 0;  // publishes, or requests of other kinds
   std::uint64_t delivered = 0;
   std::uint64_t confirmed = 0;  // subscriptions
 };
 
-// A name to publish under. A system keeps here what it has encoded of a publish, so that each
-// further one is a copy.
+// A name to publish under. A system caches an encoded publish here, so that later ones are copies.
 struct Topic {
   std::string name;
   std::string frame;
   bool published = false;
 };
 
-// Speaks one system's raw protocol, as its best clients do: everything is pipelined, nothing is
-// decoded that need not be. All connections of one run share it; what differs between them is in
-// their Session.
+// Speaks one system's raw protocol like its best clients: everything is pipelined, and nothing is
+// decoded needlessly. Shared by all connections of a run; their own state is in Session.
 class System {
  public:
   // Payloads are the same bytes for every system.
@@ -38,25 +36,24 @@ class System {
   System(const System&) = delete;
   System& operator=(const System&) = delete;
 
-  // False where a publish is not answered in any way: then its delivery alone counts.
+  // Returns false if publishes are not acknowledged: then only deliveries count.
   virtual bool acknowledges() const { return true; }
-  // False where nothing tells when a subscription is in force.
+  // Returns false if subscriptions are not confirmed.
   virtual bool confirms() const { return true; }
-  // True where large values travel as files beside the bytes.
+  // Returns true if large values are sent as files.
   virtual bool passesFiles() const { return false; }
 
-  // What a connection says first; its answers are not awaited.
+  // Appends the greeting; its answers are not awaited.
   virtual void greet(Session& session) = 0;
   virtual void subscribe(Session& session, const Topic& topic) = 0;
   virtual void publish(Session& session, Topic& topic) = 0;
-  // After the last of `count` publishes that are sent together, for systems that acknowledge them
-  // together.
+  // Called after the last publish of a batch of `count`, for systems that acknowledge batches.
   virtual void endBatch(Session&, std::size_t /*count*/) {}
-  // Asks for a description of everything. Only where there is such a thing.
+  // Requests a dump of everything, for systems that have one.
   virtual void dump(Session&) {}
 
-  // Counts the frames at the beginning of `bytes`; how many bytes they are. What is left is offered
-  // again, with more behind it. Throws std::runtime_error when the system refused something.
+  // Counts the complete frames at the beginning of `bytes` and returns their size. The rest is
+  // passed again with more behind it. Throws std::runtime_error if the system refused a request.
   virtual std::size_t consume(Session& session, std::string_view bytes, Seen& seen) = 0;
 
  protected:
@@ -66,8 +63,8 @@ class System {
   const std::string payload_;
 };
 
-// keeld, relay, redis, nats, mosquitto, zeromq or dbus; throws std::runtime_error for any other
-// name.
+// Creates keeld, relay, redis, nats, mosquitto, zeromq or dbus; throws std::runtime_error for any
+// other name.
 std::unique_ptr<System> systemOfName(std::string_view name, std::size_t payloadBytes);
 
 }  // namespace keel::bench

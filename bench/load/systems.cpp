@@ -20,7 +20,7 @@ std::unique_ptr<System> systemOfName(std::string_view name, std::size_t payloadB
       {"zeromq", zeromqSystem},
       {"dbus", dbusSystem},
   }};
-  // Letters, so that a system that looks at its payloads has nothing to escape.
+  // Letters, so that a system that parses its payloads has nothing to escape.
   std::string payload(payloadBytes, ' ');
   for (std::size_t place = 0; place < payload.size(); ++place)
     payload[place] = static_cast<char>('a' + place % 26);

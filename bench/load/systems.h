@@ -6,7 +6,7 @@
 
 #include "bench/load/system.h"
 
-// The systems that are compared, each in a file of its own.
+// Factories of the systems compared, each in its own file.
 
 namespace keel::bench {
 

@@ -12,7 +12,7 @@ class Times {
   void add(double microseconds) { all_.push_back(microseconds); }
   void clear() { all_.clear(); }
   std::size_t count() const { return all_.size(); }
-  // The time that `share` of them do not exceed (0.5: the median); 0 when there are none.
+  // Returns the quantile `share` (0.5: the median); 0 if there are no times.
   double quantile(double share);
 
  private:

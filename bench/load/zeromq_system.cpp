@@ -25,7 +25,7 @@ class ZeromqSystem final : public System {
   using System::System;
 
   bool acknowledges() const override { return false; }
-  // That the connection is up is all that can be known.
+  // The protocol reveals only that the connection is up.
   bool confirms() const override { return false; }
 
   void greet(Session& session) override {
@@ -70,7 +70,7 @@ class ZeromqSystem final : public System {
         session.out += std::exchange(session.afterGreeting, {});
         return {size, Frame::Kind::confirmation};
       }
-      // A publisher is told of subscriptions.
+      // A publisher receives subscriptions.
       return {size, session.role == Role::publisher ? Frame::Kind::nothing : Frame::Kind::delivery};
     });
   }

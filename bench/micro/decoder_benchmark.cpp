@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The one pass over published data, and decoding, which only clients do.
+// Validation, the daemon's only pass over published data, and decoding, which only clients do.
 #include <benchmark/benchmark.h>
 
 #include <string>
@@ -11,7 +11,7 @@
 namespace keel {
 namespace {
 
-// An item as modules publish them, of at least so many bytes: texts, numbers, a nested dictionary.
+// Returns a typical item of at least that size: texts, numbers, a nested dictionary.
 std::vector<std::byte> sampleItem(std::size_t bytes) {
   ByteSink pairs;
   cbor::Writer writer(pairs);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One update of an item, from the registry to the transport of each of its subscribers.
+// An update of an item, from the registry to the transport of each of its subscribers.
 #include <benchmark/benchmark.h>
 
 #include <array>
@@ -18,7 +18,7 @@ void updateSubscribers(benchmark::State& state) {
   const bench::SinkClient publisher;
   const std::vector<bench::SinkClient> subscribers(static_cast<std::size_t>(state.range(0)));
   const Name name("benchmark");
-  // By turns, so that each update is encoded anew.
+  // Alternating, so that each update is encoded.
   const std::array items{bench::itemOf(static_cast<std::size_t>(state.range(1))),
                          bench::itemOf(static_cast<std::size_t>(state.range(1)))};
   service.publishItem(items[0], name, 0, 0, publisher.connection(), nullptr);

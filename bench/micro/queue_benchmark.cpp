@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What it takes to submit a block to a serial queue and run it, by batches of different size, and
-// to hand it to another thread.
+// Submitting a block to a serial queue and running it, in batches of different sizes and on another
+// thread.
 #include <benchmark/benchmark.h>
 
 #include <semaphore>

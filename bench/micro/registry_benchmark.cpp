@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Names come, are found, and go, in a registry that holds so many already.
+// Insertion, lookup and removal of a name in a registry of a given size.
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 

@@ -16,7 +16,7 @@ class SinkClient::SinkTransport final : public xpc::Transport {
   explicit SinkTransport(SinkClient& client) : client_(client) {}
 
   xpc::TransportContext& context() override { return context_; }
-  // The client says hello at once.
+  // The client sends its hello immediately.
   void start(Receiver& receiver) override {
     xpc::OutgoingMessage hello;
     cbor::Writer writer = hello.begin();

@@ -8,8 +8,8 @@
 
 namespace keel::bench {
 
-// A client whose connection takes callbacks and forgets them: what is measured ends where bytes
-// would go to a socket. All on one thread.
+// A client whose connection discards callbacks: the measured path ends where bytes would be written
+// to a socket. Used on one thread.
 class SinkClient {
  public:
   SinkClient();
@@ -18,7 +18,7 @@ class SinkClient {
   SinkClient& operator=(const SinkClient&) = delete;
 
   const std::shared_ptr<xpc::Connection>& connection() const { return connection_; }
-  // Bytes that its connection was given to send.
+  // Returns the number of bytes sent to its connection.
   std::uint64_t sentBytes() const { return sentBytes_; }
 
  private:
@@ -28,7 +28,7 @@ class SinkClient {
   std::shared_ptr<xpc::Connection> connection_;
 };
 
-// An item with one value of so many bytes.
+// Returns an item with one value of that size.
 Dictionary itemOf(std::size_t bytes);
 
 }  // namespace keel::bench

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The bare relay: what sockets alone can do. One thread, one epoll. A frame is a length of 4 bytes,
-// lowest first, and a letter with what belongs to it:
+// The bare relay: the limit of what sockets can do. One thread, one epoll instance. A frame is a
+// little-endian length of 4 bytes, and a letter with its parameters:
 //   S          from a client: follow; the same frame answers it
-//   P payload  a publish: the frame goes to every follower as it is
-//   A count    to a publisher: so many were passed on (4 bytes)
-// All publishes that one read brought are passed on with one write per follower and answered with
-// one frame. There are no names, nothing is kept, checked or limited.
+//   P payload  a publish: the frame is forwarded unchanged to every follower
+//   A count    to a publisher: the number of forwarded publishes (4 bytes)
+// All publishes of one read are forwarded with one write per follower and answered with one frame.
+// There are no names; nothing is retained, checked or limited.
 //
 // usage: keel-relay PATH
 #include <sys/epoll.h>
@@ -33,8 +33,8 @@ constexpr std::size_t kReadBytes = 512u << 10;
 
 struct Peer {
   keel::FileDescriptor socket;
-  std::string rest;     // a frame that has come in part
-  std::string waiting;  // what its socket did not take
+  std::string rest;     // an incomplete frame
+  std::string waiting;  // the backlog
 };
 
 class Relay {
@@ -114,7 +114,7 @@ void Relay::read(Peer& peer) {
   peer.rest.assign(bytes.substr(pass(peer, bytes)));
 }
 
-// How many bytes at the beginning are whole frames. They are passed on.
+// Returns the size of the complete frames at the beginning, which are forwarded.
 std::size_t Relay::pass(Peer& peer, std::string_view bytes) {
   std::size_t start = 0, end = 0;
   std::uint32_t count = 0;
@@ -143,7 +143,7 @@ void Relay::send(Peer& peer, std::string_view bytes) {
   if (peer.waiting.empty()) {
     const ssize_t sent = ::send(peer.socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (sent > 0) bytes.remove_prefix(static_cast<std::size_t>(sent));
-    // An error comes back as the end of the connection.
+    // An error is reported as the end of the connection.
     if (bytes.empty()) return;
     listenTo(peer, EPOLL_CTL_MOD, /*forRoom=*/true);
   }

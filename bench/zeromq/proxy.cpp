@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Passes what publishers of ZeroMQ send on to its subscribers: usage keel-zeromq-proxy PUBLISHERS
-// SUBSCRIBERS, two addresses such as ipc:///run/x. Queues are not limited, so that nothing is
-// dropped; it is the load that limits what is under way.
+// Forwards messages of ZeroMQ publishers to subscribers: usage keel-zeromq-proxy PUBLISHERS
+// SUBSCRIBERS, two addresses such as ipc:///run/x. Queues are unlimited, so that nothing is
+// dropped; the load limits the messages in flight.
 #include <zmq.h>
 
 #include <cstdio>
