@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// An NSS source for tests, "keeltest": other names of the accounts in /etc/passwd, as directories
-// have them. Each line of /etc/keel-aliases is NAME ACCOUNT. Who asks for NAME gets the entry of
-// ACCOUNT, which has the account's own name in it.
+// An NSS source for tests, "keeltest": aliases of the accounts in /etc/passwd, as directories have
+// them. Each line of /etc/keel-aliases is NAME ACCOUNT. A lookup of NAME returns the entry of
+// ACCOUNT, which holds the account's own name.
 
 #include <nss.h>
 #include <pwd.h>
@@ -30,8 +30,8 @@ std::string accountOf(std::string_view name) {
   return {};
 }
 
-// The entry of that account in the file at `path`. `next` reads one entry, and `nameOf` is its
-// name.
+// Returns the entry of that account in the file at `path`. `next` reads one entry, `nameOf` returns
+// its name.
 template <class Entry, class Next>
 nss_status find(const char* path, const std::string& account, Entry* result, Next next,
                 char* Entry::* nameOf, int* problem) {

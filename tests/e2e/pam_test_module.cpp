@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// A PAM module for tests, which does what its first argument in the service's file says:
-//   hang FILE              makes the file, and does not return
+// A PAM module for tests, controlled by its first argument in the service's file:
+//   hang FILE              creates the file and does not return
 //   crash, exit            ends the process that way
 //   leak                   leaves open descriptors and a process behind, and accepts
-//   rename USER            puts another account in the place of the one asked about, and accepts
-//   prompt                 asks for something that is shown while it is typed
-//   report FILE            writes what it sees of its process to a file, and accepts
+//   rename USER            substitutes another account, and accepts
+//   prompt                 prompts for input with echo
+//   report FILE            writes its view of the process to a file, and accepts
 //   permit                 accepts
 
 #include <fcntl.h>
@@ -63,7 +63,7 @@ void report(const char* path) {
 int act(pam_handle_t* pam, std::span<const char*> arguments) {
   const std::string_view task = arguments.empty() ? "" : arguments[0];
   if (task == "hang") std::ofstream(arguments[1]).close(), hang();
-  // A sanitizer in the process would catch it.
+  // A sanitizer in the process would intercept it.
   if (task == "crash") ::signal(SIGSEGV, SIG_DFL), ::raise(SIGSEGV);
   if (task == "exit") std::_Exit(0);
   if (task == "leak") leak();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Asks a keeld that does not run, with the types that programs have at hand, and prints what kind
-// of error each answer is.
+// Sends requests, with arguments of ordinary types, to a keeld that is not running, and prints the
+// kind of each error.
 #include <cstdio>
 #include <string>
 

@@ -6,8 +6,8 @@
 #include "runtime/foundation/base64.h"
 #include "runtime/foundation/check.h"
 
-// Fuzzes what reads the answers to basic challenges: the text itself, and the text as what was
-// encoded.
+// Fuzzes the decoder of answers to basic challenges, with the input as the answer and as its
+// decoded content.
 
 namespace {
 
@@ -20,7 +20,7 @@ void check(std::string_view text) {
   KEEL_CHECK(!answer->user().empty() && !answer->user().contains(':'));
   const std::string both = std::string(answer->user()) + ":" + std::string(answer->password());
   KEEL_CHECK(!both.contains('\0'));
-  // There is one text only for the same bytes.
+  // The encoding of bytes is unique.
   KEEL_CHECK(text.ends_with(keel::encodeBase64(std::as_bytes(std::span(both)))));
 }
 

@@ -8,8 +8,7 @@
 #include "runtime/foundation/check.h"
 #include "runtime/foundation/utf8.h"
 
-// Fuzzes everything that reads encoded items. The first byte of the input is the depth that is
-// allowed.
+// Fuzzes every decoder of encoded items. The first byte of the input is the maximum depth.
 
 namespace {
 
@@ -20,8 +19,8 @@ using keel::cbor::Cursor;
 
 using Bytes = std::span<const std::byte>;
 
-// decode() accepts what validate() accepts, refuses the rest for the same reason, and what it
-// yields survives encoding.
+// decode() accepts exactly what validate() accepts, reports the same faults, and its values
+// round-trip.
 void checkDecoding(Bytes input, std::size_t maximumDepth) {
   const auto valid = keel::cbor::validate(input, maximumDepth);
   const auto decoded = keel::cbor::decode(input, maximumDepth);
@@ -33,14 +32,13 @@ void checkDecoding(Bytes input, std::size_t maximumDepth) {
   const std::vector<std::byte> encoded = keel::cbor::encode(*decoded);
   const auto again = keel::cbor::decode(encoded, maximumDepth);
   KEEL_CHECK(again.has_value());
-  // A value that holds a NaN is not even equal to itself, but its encoding is.
+  // A value with a NaN is unequal to itself, so compare encodings.
   KEEL_CHECK(keel::cbor::encode(*again) == encoded);
   KEEL_CHECK((*again == *decoded) == (*decoded == *decoded));
   KEEL_CHECK(!decoded->description().empty());
 }
 
-// One read: what it yields lies within the bytes, it goes forward on success and nowhere on
-// failure.
+// Checks one read: its result lies within the bytes, success advances the cursor, failure does not.
 template <class Read>
 bool reads(const Cursor& before, Cursor& after, Read read) {
   after = before;
@@ -59,8 +57,7 @@ void checkWithin(Bytes whole, const void* begin, std::size_t size) {
   for (const std::byte byte : Bytes(first, size)) sum = sum + std::to_integer<unsigned>(byte);
 }
 
-// Tries every read at each place that some read leads to, heads before whole items, until none
-// succeeds.
+// Tries every read at each reachable position, heads before whole items, until none succeeds.
 void checkCursor(Bytes input, std::size_t maximumDepth) {
   Cursor at(input), next(input);
   for (bool moved = true; moved;) {

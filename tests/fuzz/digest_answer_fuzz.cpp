@@ -7,8 +7,8 @@
 #include "platform/authenticator/digest_answer.h"
 #include "runtime/foundation/check.h"
 
-// Fuzzes what reads the answers to digest challenges. What is taken, written anew in one plain
-// form, is taken again as the same.
+// Fuzzes the parser of answers to digest challenges. An accepted answer, rewritten in canonical
+// form, parses to the same result.
 
 namespace {
 
@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   KEEL_CHECK(answer->response.size() == hexLettersOf(answer->algorithm));
   KEEL_CHECK(!answer->user.empty() && !answer->realm.empty() && !answer->uri.empty());
   const std::string text = written(*answer);
-  // What an extended name may spell is more than a quoted one may, and quoting makes a text longer.
+  // An extended name can spell more than a quoted one, and quoting lengthens a text.
   if (hasControl(answer->user) || text.size() > DigestAnswer::kMaxBytes) return 0;
   const auto again = DigestAnswer::parse(text);
   KEEL_CHECK(again && isSame(*again, *answer));

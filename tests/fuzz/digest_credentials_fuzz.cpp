@@ -5,8 +5,8 @@
 #include "platform/authenticator/digest_credentials.h"
 #include "runtime/foundation/check.h"
 
-// Fuzzes what reads and edits the file of digest credentials: an edit changes the lines of its user
-// alone.
+// Fuzzes reading and editing of the file of digest credentials: an edit changes only the lines of
+// its user.
 
 namespace {
 

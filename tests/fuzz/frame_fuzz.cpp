@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A peer that sends anything at all: the input is the byte stream behind its hello, cut into reads
-// of odd sizes. Whatever comes, the connection must not read outside, must answer each request at
-// most once, and must never answer an answer.
+// Fuzzes a connection's peer: the input is the byte stream behind its hello, split into reads of
+// odd sizes. Whatever arrives, the connection must not read out of bounds, must answer each request
+// at most once, and must never answer an answer.
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
@@ -25,7 +25,7 @@ namespace {
 // Small, so that the fuzzer reaches the frames beyond it.
 constexpr std::size_t kFrameLimitBytes = 2048;
 
-// Answers everything at once, with values that came in where there are any.
+// Answers everything immediately, echoing received values.
 class Service final : public protocols::NotifyProxy {
  public:
   void authCheckForUser(String user, std::int32_t asid, xpc::Reply<bool, Error> reply) override {
@@ -40,7 +40,7 @@ class Service final : public protocols::NotifyProxy {
     reply(Error(name, 13, item));
   }
   void updatePublishedItem(Dictionary item, Name, xpc::Reply<Error> reply) override {
-    // What was let in can be decoded.
+    // Every accepted value can be decoded.
     static_cast<void>(item.value());
     reply(nullptr);
   }
@@ -118,7 +118,7 @@ void run(std::span<const std::byte> input) {
   connection->setRemoteObjectInterface(
       xpc::Interface::interfaceWithProtocol<protocols::SubscriberProxy>());
   connection->resume();
-  // The first byte says whether the peer begins well, and how its bytes are cut.
+  // The first byte selects whether the hello is valid and how the bytes are split.
   const std::uint8_t mode = input.empty() ? 0 : std::to_integer<std::uint8_t>(input.front());
   if (!input.empty()) input = input.subspan(1);
   if (mode % 4 != 0) {

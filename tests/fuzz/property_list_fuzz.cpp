@@ -7,9 +7,8 @@
 #include "runtime/foundation/check.h"
 #include "runtime/foundation/utf8.h"
 
-// Fuzzes both forms of property lists. What is accepted is a value like any other: it can be
-// encoded, and what is encoded is valid, so that texts are UTF-8 and nothing nests too deep. What
-// is refused says why.
+// Fuzzes both formats of property lists. An accepted value can be encoded, and its encoding is
+// valid: texts are UTF-8 and the depth is bounded. A refusal gives a reason.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const auto* first = reinterpret_cast<const std::byte*>(data);
   // A copy of exactly that size, so that the address sanitizer sees every read beyond it.

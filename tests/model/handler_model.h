@@ -14,9 +14,8 @@
 
 namespace keel::model {
 
-// What the notify service means to its clients, as plainly as it can be said: requests wait in one
-// line; each client has the texts of what it was sent. It knows of no behaviours, no weak
-// references and no indexes.
+// The simplest possible model of the notify service: one queue of requests, and for each client the
+// texts of the messages sent to it. It has no behaviours, weak references or indexes.
 class HandlerModel {
  public:
   using ClientId = std::size_t;
@@ -24,7 +23,7 @@ class HandlerModel {
   // `description` is the text of the connection.
   ClientId connect(std::string description);
 
-  // Requests, under the number by which the client knows them.
+  // Requests; `number` is the client's id of them.
   void publish(ClientId client, std::uint64_t request, const ModelName& name,
                std::optional<int> value);
   void update(ClientId client, std::uint64_t request, const ModelName& name,
@@ -36,14 +35,14 @@ class HandlerModel {
   void interrupt(ClientId client);
   void die(ClientId client);
 
-  // Serves what waits now; what this adds to the line waits for the next turn.
+  // Serves the requests queued now; requests queued meanwhile are left for the next call.
   void runTurn();
   bool isIdle() const { return line_.empty(); }
 
-  // What the client was sent since it was last asked, but for the answers to its dumps.
+  // Returns the messages sent to the client since the last call, except replies to dumps.
   std::vector<std::string> take(ClientId client);
-  // All answers to its dumps: each shows the moment at which the dump was its turn, and may be sent
-  // later.
+  // Returns all replies to its dumps: each is a snapshot of the moment the dump was served, and may
+  // be sent later.
   const std::vector<std::string>& dumps(ClientId client) const { return clients_[client].dumps; }
 
  private:
@@ -62,7 +61,7 @@ class HandlerModel {
   struct Client {
     std::string description;
     bool alive = true;
-    int waitingCount = 0;  // requests in the line, which keep its connection
+    int waitingCount = 0;  // queued requests, which keep its connection alive
     std::set<std::string> publications;
     std::map<std::string, std::shared_ptr<Subscription>> subscriptions;
     std::vector<std::string> sent;

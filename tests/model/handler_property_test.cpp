@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Several clients, each on a connection of its own with a handler as the listener makes it, send
-// requests over the wire and die at any moment, with or without work in the queue. After each step
-// every client has received exactly what the model predicts, in that order. Dumps of all items are
-// written at once or in slices of one item; the latter are answered later than the model predicts,
+// Several clients, each on a connection with a handler as the listener creates it, send requests
+// over the wire and die at any moment, with or without work in the queue. After each step every
+// client has received exactly what the model predicts, in that order. Dumps of all items are
+// written whole or in slices of one item; the latter are answered later than the model predicts,
 // but with the same content. Runs at the default log level, where pipelined updates form batches,
 // and at the debug level, where they do not.
 #include <fmt/format.h>
@@ -84,7 +84,7 @@ std::string dumpText(const Array& array) {
 
 constexpr int kPipelinedUpdateCount = 4;
 
-// A client of the production classes, and its id in the model.
+// A client of the production classes and its id in the model.
 class ModelClient {
  public:
   ModelClient(ManualExecutor& executor, HandlerModel& model)

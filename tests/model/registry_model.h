@@ -12,8 +12,8 @@
 
 namespace keel::model {
 
-// What the registry's operations mean when they are called for clients directly, whoever cleans up
-// after these: nobody does.
+// A model of the registry's operations called directly, without handlers that clean up after
+// clients.
 class RegistryModel {
  public:
   using ClientId = std::size_t;
@@ -21,7 +21,7 @@ class RegistryModel {
   ClientId connect();
   void die(ClientId client) { clients_[client].alive = false; }
 
-  // Each returns "yes", or "no" with the text of the error, as the operation of the same name.
+  // Each models the operation of the same name; returns "yes", or "no" with the text of the error.
   std::string publish(ClientId client, const ModelName& name, std::optional<int> value);
   std::string publishItem(ClientId client, const ModelName& name, std::optional<int> value);
   std::string updatePublishedItem(ClientId client, const ModelName& name, std::optional<int> value);
@@ -29,13 +29,13 @@ class RegistryModel {
   std::string subscribe(ClientId client, const ModelName& name);
   std::string subscribeTo(ClientId client, const ModelName& name);
   std::string removeSubscriptionForName(ClientId client, const ModelName& name);
-  // The publisher of that item is lost.
+  // Loses the publisher of that item.
   void losePublisher(const std::string& name);
 
   void runTurn();
 
   std::vector<std::string> take(ClientId client);
-  // One text for each entry, in the order of the names.
+  // Returns one text per entry, ordered by name.
   std::vector<std::string> table() const;
 
  private:

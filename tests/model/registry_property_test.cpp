@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The registry's own operations, called for several connections directly, most of them such as no
-// handler uses. After each step the results, the deliveries and the whole table are those of the
-// model.
+// Calls the registry's operations for several connections directly, most of them in ways that no
+// handler does. After each step the results, the deliveries and the whole table match the model.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
@@ -79,7 +78,7 @@ class World {
     const auto& connection = client.client.connection();
     const Name name = toName(step.name);
     const Dictionary data = toData(step.value);
-    // Results must be the same whether the caller wants the error or not.
+    // Results must not depend on whether the caller requests the error.
     Error error;
     Error* const wanted = step.flag ? nullptr : &error;
     const auto expectSame = [&](bool yes, std::string expected) {

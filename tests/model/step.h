@@ -22,7 +22,7 @@ namespace keel::model {
 using ModelName = std::optional<std::string>;
 inline const std::vector<ModelName> kNames = {"a", "b", "_all", std::nullopt};
 
-// Number of clients. One that dies is replaced by a new one.
+// Number of clients. A client that dies is replaced by a new one.
 inline constexpr std::size_t kClientCount = 4;
 
 // One step of a sequence. Every step is valid in every state.

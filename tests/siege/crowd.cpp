@@ -48,7 +48,7 @@ class Crowd {
     const auto serveUntilTheEnd = [this, end](const FileDescriptor& epoll) {
       while (std::chrono::steady_clock::now() < end) serve(epoll);
     };
-    // Publishers have a thread of their own, so that they do not wait for followers.
+    // Publishers run on a separate thread, so that they do not wait for followers.
     std::thread publishing(serveUntilTheEnd, std::cref(publishers_));
     serveUntilTheEnd(followers_);
     publishing.join();
@@ -98,7 +98,7 @@ class Crowd {
       } else {
         pump(member);
       }
-      // Behind the others that are ready.
+      // Requeued behind the others that are ready.
       watch(epoll, EPOLL_CTL_MOD, member);
     }
   }

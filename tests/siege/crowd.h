@@ -20,9 +20,9 @@ struct CrowdOutcome {
   std::uint64_t deliveryCount = 0;
 };
 
-// Publishes every name from a connection of its own and pipelines updates as fast as they are
-// answered, while all followers read as fast as one thread can: more comes for them than that.
-// Throws std::system_error when it cannot connect.
+// Publishes every name from a separate connection and pipelines updates as fast as they are
+// answered, while one thread reads for all followers: more is sent to them than it can read.
+// Throws std::system_error if it cannot connect.
 CrowdOutcome runCrowd(const CrowdPlan& plan);
 
 }  // namespace keel::siege

@@ -11,7 +11,7 @@
 
 namespace {
 
-// Root's rights are given up before anything is sent: the attacks are those of an ordinary user.
+// Drops root's rights before anything is sent: the attacks are those of an ordinary user.
 bool become(uid_t user) {
   rlimit files{};
   ::getrlimit(RLIMIT_NOFILE, &files);

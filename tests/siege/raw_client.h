@@ -21,8 +21,7 @@ enum class NotifyMethod : int {
   dump = 7
 };
 
-// One connection to the daemon that writes whatever it is given and counts what comes back.
-// Non-blocking.
+// A non-blocking connection to the daemon that writes arbitrary bytes and counts received frames.
 class RawClient {
  public:
   // Connects and appends a hello that exports the delivery method. Throws std::system_error.
@@ -53,8 +52,8 @@ class RawClient {
   std::uint64_t lastId_ = 0;
   std::uint64_t replyCount_ = 0;
   std::uint64_t deliveryCount_ = 0;
-  std::string head_;              // of the frame that comes, as far as its kind
-  std::size_t skippedBytes_ = 0;  // of that frame, still to come
+  std::string head_;              // of the incoming frame, up to its kind
+  std::size_t skippedBytes_ = 0;  // of that frame, not yet received
   bool ended_ = false;
 };
 

@@ -22,7 +22,7 @@ std::span<const std::byte> requireItem(cbor::Cursor& cursor) {
 
 }  // namespace
 
-// Everything happens on the test's thread, which counts as the I/O thread.
+// Everything runs on the test's thread, which acts as the I/O thread.
 class FakeClient::FakeTransport final : public xpc::Transport {
  public:
   FakeTransport(FakeClient& client, ManualExecutor& executor)
@@ -56,7 +56,7 @@ class FakeClient::FakeTransport final : public xpc::Transport {
     std::vector<FileDescriptor> noFiles;
     if (receiver_ != nullptr) receiver_->onFrame(frame, noFiles);
   }
-  // The client is gone: nothing comes and nothing goes any more.
+  // The client is dead: nothing is sent or received any more.
   Receiver* detach() {
     if (client_ != nullptr) client_->transport_ = nullptr;
     client_ = nullptr;
@@ -72,7 +72,7 @@ class FakeClient::FakeTransport final : public xpc::Transport {
   xpc::TransportContext context_{reactor_};
 };
 
-// What the client exports.
+// The object that the client exports.
 class FakeClient::Recorder final : public SubscriberProxy {
  public:
   explicit Recorder(std::vector<Received>& received) : received_(received) {}
@@ -116,7 +116,7 @@ xpc::PeerIdentity FakeClient::identity(pid_t pid, std::int32_t auditSession) {
 
 void FakeClient::die(std::string_view reason) {
   xpc::Transport::Receiver* const receiver = transport_ != nullptr ? transport_->detach() : nullptr;
-  // The connection lives through the call by its own means, as it does in the daemon.
+  // The connection keeps itself alive during the call, as in the daemon.
   connection_.reset();
   if (receiver != nullptr) receiver->onClosed(reason);
 }

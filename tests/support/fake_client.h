@@ -16,14 +16,14 @@
 
 namespace keel::testing {
 
-// What the daemon sent to a client, decoded.
+// A decoded message of the daemon to a client.
 struct Received {
   enum class Kind : std::uint8_t { update, reply, failure, goodbye };
 
   Kind kind;
   // Of a reply or failure.
   std::uint64_t requestId = 0;
-  // Of a reply: its results as they came. FakeClient::resultsOf() decodes them.
+  // Of a reply: its encoded results. FakeClient::resultsOf() decodes them.
   std::vector<std::byte> results{};
   // Of an update: the arguments of updateSubscriptionFor:withItem:flags:error:.
   Name name{};
@@ -34,49 +34,50 @@ struct Received {
   std::string text{};
 };
 
-// A client at the other end of a connection, without a socket: it says hello, makes requests, and
-// decodes and notes all that the daemon sends back, dispatching callbacks as any client does. It
-// dies whenever the test says so. The test configures and resumes connection(), as a listener's
-// delegate would. All on the test's thread; what a connection does "later" runs on the executor.
+// A client at the other end of a connection, without a socket: sends a hello and requests, decodes
+// and records every message of the daemon, and dispatches callbacks like any client. It dies
+// whenever the test wants. The test configures and resumes connection(), as a listener's delegate
+// would. Everything runs on the test's thread; deferred work runs on the executor.
 class FakeClient {
  public:
   explicit FakeClient(ManualExecutor& executor) : FakeClient(executor, identity(100)) {}
   FakeClient(ManualExecutor& executor, xpc::PeerIdentity peer);
-  // A client that still lives dies.
+  // Dies, if still alive.
   ~FakeClient();
   FakeClient(const FakeClient&) = delete;
   FakeClient& operator=(const FakeClient&) = delete;
 
-  // A made-up process of that pid in that audit session.
+  // Returns the identity of a fictitious process.
   static xpc::PeerIdentity identity(pid_t pid, std::int32_t auditSession = 7);
 
-  // The daemon's end, which this holds until the client dies; null afterwards.
+  // Returns the daemon's end, owned until the client dies; null afterwards.
   const std::shared_ptr<xpc::Connection>& connection() const { return connection_; }
-  // Leaves out methods that an old client does not know; before connection() is resumed.
+  // Omits methods that an old client lacks. Call it before connection() is resumed.
   void exportSelectors(std::vector<std::string> selectors) { selectors_ = std::move(selectors); }
 
-  // Sends a request as of method `Member` of a protocol that the daemon exports; returns its id.
+  // Sends a request for method `Member` of a protocol that the daemon exports; returns its id.
   template <auto Member, class... Arguments>
   std::uint64_t request(Arguments... arguments);
-  // The same for a method without a reply.
+  // Sends a one-way message for a method without a reply.
   template <auto Member, class... Arguments>
   void tell(Arguments... arguments);
   // Sends a message that the daemon cannot serve: the connection is interrupted.
   void sendNonsense();
-  // Closes the client's end. This lets go of the connection.
+  // Closes the client's end and releases the connection.
   void die(std::string_view reason = {});
 
-  // Everything received and not taken yet, in order.
+  // Returns the messages received and not yet taken, in order.
   const std::vector<Received>& received() const { return received_; }
-  // Takes what was received: the next are those that follow.
+  // Returns those messages and clears them.
   std::vector<Received> take();
-  // The results of that request; nothing when it was not answered, or was answered with a failure.
+  // Returns the results of that request; nothing if it is unanswered or was answered with a
+  // failure.
   template <auto Member>
   auto resultsOf(std::uint64_t requestId) const;
   bool isAnswered(std::uint64_t requestId) const;
-  // How often something was sent to it. What travels together counts once.
+  // Returns the number of sends to it. A batch counts once.
   int sendCount() const { return sendCount_; }
-  // The selectors of the daemon's hello.
+  // Returns the selectors of the daemon's hello.
   const std::vector<std::string>& daemonSelectors() const { return daemonSelectors_; }
 
  private:
@@ -106,7 +107,7 @@ class FakeClient {
   std::vector<Received> received_;
   std::uint64_t lastRequestId_ = 0;
   int sendCount_ = 0;
-  FakeTransport* transport_ = nullptr;  // owned by the connection; null once that is gone
+  FakeTransport* transport_ = nullptr;  // owned by the connection; null once that is destroyed
   std::shared_ptr<Recorder> recorder_;
   std::shared_ptr<xpc::Connection> connection_;
 };

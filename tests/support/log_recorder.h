@@ -20,15 +20,15 @@ struct LogLine {
 std::ostream& operator<<(std::ostream& stream, const LogLine& line);
 
 // Records every message of level `least` and above while it lives, and enables exactly those
-// levels. From any thread. The default is the daemon's own; a test that checks debug lines asks for
+// levels. From any thread. The default is the daemon's own; a test that checks debug lines passes
 // debug.
 class LogRecorder {
  public:
   explicit LogRecorder(LogLevel least = LogLevel::standard);
 
-  // All recorded lines that were not taken yet, in order.
+  // Returns all recorded lines that were not taken yet, in order.
   std::vector<LogLine> lines() const;
-  // Those of one category.
+  // Returns those of one category.
   std::vector<LogLine> linesOf(std::string_view category) const;
   // Returns the recorded lines and clears them.
   std::vector<LogLine> take();

@@ -14,7 +14,7 @@
 
 namespace keel::testing {
 
-// A client of the notify service with its handler, connected the way the listener's delegate does.
+// A client of the notify service with its handler, connected as by the listener's delegate.
 class NotifyClient : public FakeClient {
  public:
   explicit NotifyClient(ManualExecutor& executor) : NotifyClient(executor, identity(100)) {}

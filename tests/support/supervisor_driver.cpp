@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Calls the supervisor of this system for a test: each line of standard input is a call in JSON,
-// each line of standard output its answer.
+// Calls this system's supervisor for a test: each line of standard input is a call in JSON, each
+// line of standard output its answer.
 //
 //   {"call": "create", "job": {...}}  {"call": "enabled", "label": "..."}  {"call": "set", "label":
 //   "...", "enabled": true}
