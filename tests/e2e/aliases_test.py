@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Names that the accounts resolve to another, as directories have them: real NSS, real PAM."""
+"""Tests user names that NSS resolves to another account, with real NSS and real PAM."""
 
 import shutil
 import sys

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""keelctl auth: every way to prove an administrator, as people and scripts do it."""
+"""Tests keelctl auth: every method of administrator proof, interactive and scripted."""
 
 import json
 import os
@@ -29,7 +29,7 @@ class KeelctlTest(AuthTest):
             self.fail("call this test with the path of keelctl behind that of keeld")
 
     def auth_command(self, *arguments, password=None, uid=0):
-        """Runs keelctl auth; its status, standard output and standard error."""
+        """Runs keelctl auth; returns its status, standard output and standard error."""
         descriptors, extra = [], []
         if password is not None:
             read, write = os.pipe()
@@ -139,7 +139,7 @@ class Proofs(KeelctlTest):
 
 
 class Terminal:
-    """keelctl auth at a terminal of its own."""
+    """keelctl auth on a pseudo-terminal."""
 
     def __init__(self, test, *arguments, uid=0):
         self._test = test
@@ -151,7 +151,7 @@ class Terminal:
         test.addCleanup(os.close, self._terminal)
 
     def expect(self, text):
-        """Waits until that is shown."""
+        """Waits until the terminal shows that text."""
         while text.encode() not in self._shown:
             self._read()
         self._shown = self._shown[self._shown.index(text.encode()) + len(text) :]
@@ -176,7 +176,7 @@ class Terminal:
         os.write(self._terminal, line.encode() + b"\n")
 
     def end(self):
-        """The rest of what is shown, and the exit status."""
+        """Returns the rest of the output and the exit status."""
         while True:
             try:
                 data = os.read(self._terminal, 4096)

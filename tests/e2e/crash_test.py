@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""What a crash leaves in the log."""
+"""Tests the crash report in the log."""
 
 import os
 import re
@@ -46,7 +46,7 @@ class Crash(DaemonTest):
             return daemon
 
     def report_of(self, daemon, number):
-        """The lines that it writes when that signal ends it."""
+        """Returns the lines that it logs when that signal ends it."""
         # A signal to the process goes to its main thread, unless another is just being started.
         # Each gives itself a name.
         while sum(name.startswith("keel-") for name in thread_names(daemon.pid)) < STARTED_THREADS:

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""What the diagnostic dump tells of names, publishers and followers."""
+"""Tests the diagnostic dump of names, publishers and followers."""
 
 import os
 import re
@@ -29,7 +29,7 @@ class Dump(DaemonTest):
         self.assertLessEqual(date.seconds, latest.seconds)
 
     def now(self):
-        """The daemon's time, asked the daemon."""
+        """Returns the daemon's present time."""
         with Client() as client:
             client.publish({}, "what time is it")
             date = client.dump("what time is it")[0][0]["publishDate"]

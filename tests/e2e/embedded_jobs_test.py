@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Jobs where no systemd runs, and where one seems to run that is of no use."""
+"""Tests jobs without a systemd, and with one that is unusable."""
 
 import ctypes
 import os
@@ -124,7 +124,7 @@ class Embedded(JobsTest):
             caller.close()
 
     def program(self, name, *words, **more):
-        """A bundle whose job is another program."""
+        """Creates a bundle whose job is another program."""
         self.bundle(name, **more)
         path = f"{BUNDLES}keel_{name}.bundle/launchd.plist"
         with open(path, "rb") as file:
@@ -134,7 +134,7 @@ class Embedded(JobsTest):
             plistlib.dump(job, file, sort_keys=False)
 
     def test_has_its_sockets_again_at_once_whatever_the_old_program_does(self):
-        """It traps SIGTERM, and so lives on, with the old socket, for as long as it likes."""
+        """The old program ignores SIGTERM and keeps the old socket."""
         stubborn = ("import signal\nsignal.signal(signal.SIGTERM, signal.SIG_IGN)\n"
                     + TELL + "signal.pause()\n")
         # Not keeld's standard error, whose end the test waits for.
@@ -163,7 +163,7 @@ class Embedded(JobsTest):
         self.assertEqual(ask("com.e.changed")["environment"]["A"], "old")
         self.daemon.wait_for_log("the job com.e.changed exited with status 0")
         self.assertEqual(self.daemon.stop(), 0)
-        # Nobody listens meanwhile.
+        # No process listens meanwhile.
         for name in ("changed", "removed"):
             self.assertRaises(ConnectionRefusedError, Caller, f"com.e.{name}")
             remove(f"{BUNDLES}keel_{name}.bundle")
@@ -230,7 +230,7 @@ class Embedded(JobsTest):
 
 
 class UselessSystemd(JobsTest):
-    """Something that looks like a systemd, and does not answer as one."""
+    """A systemd by appearance, which does not answer."""
 
     SOCKET = "/run/systemd/private"
 

@@ -59,7 +59,7 @@ class Jobs(JobTest):
         other = self.make_supervisor(**spy.environment)
         self.assertDone(other.is_enabled("com.t.cost"))
         self.assertEqual(spy.take(), ["GetUnitFileState"])
-        # And a new one is made without reading all units anew.
+        # A new job is created without reloading all units.
         self.assertDone(other.create(telling_job("com.t.new", "com.t.new")))
         self.assertDone(other.set_enabled("com.t.new"))
         self.assertEqual(spy.take(), ["UnitPath", "StartUnit", "EnableUnitFiles"])
@@ -176,7 +176,7 @@ class Nasty(JobTest):
 
 
 class Trouble(JobTest):
-    """With a systemd, or a bus, that does not do what it should."""
+    """With a systemd or a bus that misbehaves."""
 
     def freeze(self, *, frozen):
         with open("/sys/fs/cgroup/init.scope/cgroup.freeze", "w") as file:
@@ -288,7 +288,7 @@ class WithKeeld(DaemonTest):
         self.assertEqual((jobs["keel_broken"]["listening"], jobs["keel_broken"]["problem"]),
                          (False, "com.k.broken.socket is inactive (success)"))
         self.assertFalse(jobs["keel_off"]["enabled"])
-        # Nobody was started for it, and anybody may ask.
+        # No job was started for it, and any user may ask.
         self.assertEqual(state_of("com.k.idle.service"), "inactive")
         os.seteuid(65534)
         try:
@@ -297,7 +297,7 @@ class WithKeeld(DaemonTest):
             os.seteuid(0)
 
     def assertUnknown(self, why):
-        """What is shown of the jobs of keel_mute and keel_quiet."""
+        """Asserts that the states of both jobs are shown as unknown."""
         unknown = {"enabled": None, "listening": None, "program": "unknown", "pid": None,
                    "problem": why}
         self.assertEqual(shown_jobs(),
@@ -348,7 +348,7 @@ class WithKeeld(DaemonTest):
         self.assertEqual(self.client().module_table(), {})
 
     def loading_of(self, daemon, name):
-        """What was logged while that module was loaded, in order."""
+        """Returns the log of loading that module, in order."""
         lines = []
         for line in (line for line in daemon.log if line.category == "startup"):
             lines.append(f"{line.level} {line.text}")
@@ -399,7 +399,7 @@ class WithKeeld(DaemonTest):
                                  enabling=r"com.k.blocked.socket did not start \(failed\); .*")
 
     def hide_systemd(self):
-        """Nobody reaches it where systemctl does, either."""
+        """Hides systemd's private socket, too."""
         os.rename(PRIVATE, PRIVATE + ".real")
         self.addCleanup(os.rename, PRIVATE + ".real", PRIVATE)
 

@@ -64,7 +64,7 @@ def add_accounts():
 
 
 def install_service(text=None):
-    """The PAM service: our own file, or `text`."""
+    """Installs the PAM service: our own file, or `text`."""
     if text is None:
         shutil.copyfile(OWN_SERVICE_FILE, SERVICE_FILE)
     else:
@@ -73,7 +73,7 @@ def install_service(text=None):
 
 
 class AccountsTest(DaemonTest):
-    """Each case has a daemon, and the PAM service as we install it."""
+    """Each case runs a daemon with the PAM service as we install it."""
 
     @classmethod
     def setUpClass(cls):
@@ -90,7 +90,7 @@ class AccountsTest(DaemonTest):
         return self.client(AUTH, exports=())
 
     def password_error(self, user, password, client=None):
-        """The error of the reply, None when it worked."""
+        """Returns the error of the reply, None on success."""
         client = client or self.auth_client()
         return client.call("authenticateUser:withPassword:andHandler:", user, password)[0]
 
@@ -103,5 +103,5 @@ class AccountsTest(DaemonTest):
                                              code)
 
     def no_messages(self):
-        """Nothing that is wrong was logged."""
+        """Asserts that no error was logged."""
         self.assertEqual([line for line in self.daemon.log if line.level in ("error", "fault")], [])

@@ -45,7 +45,7 @@ class AuthClient(Client):
         return self.call("authenticateForUser:using:withHandler:", user, form)[0]
 
     def own_reference(self, user):
-        """With the form of the process that this connection belongs to."""
+        """Proves with the form of the process that owns this connection."""
         return self.reference(user, own_form())
 
     def realm(self):
@@ -64,7 +64,7 @@ class AuthClient(Client):
         return self.call("isAuthedASID:withHandler:", session)[0]
 
     def answered_so_far(self):
-        """Whether an answer has come, without waiting for one."""
+        """Returns true if the answer has arrived; does not wait."""
         self._read()
         return any(self._answers.values())
 
@@ -86,12 +86,12 @@ def own_form():
 
 
 def basic(user, password):
-    """The answer to a basic challenge."""
+    """Returns the answer to a basic challenge."""
     return "Basic " + base64.b64encode(f"{user}:{password}".encode()).decode()
 
 
 def could_not_say(pid, uid, why):
-    """The error of a right that polkit could not be asked about, as a pattern."""
+    """Returns the pattern of the error of a right that polkit failed to check."""
     return re.compile(
         f"polkit could not say whether pid {pid} \\(uid {uid}\\) "
         f"holds the right {re.escape(RIGHT)}: {why}")
@@ -103,7 +103,7 @@ HASHES = {"MD5": hashlib.md5, "SHA-256": hashlib.sha256}
 
 
 def parameters_of(text):
-    """Those of a challenge or response: NAME=TOKEN or NAME="QUOTED"."""
+    """Parses the parameters of a challenge or response: NAME=TOKEN or NAME="QUOTED"."""
     return {name: quoted or token
             for name, quoted, token in re.findall(r'([\w-]+)=(?:"([^"]*)"|([^",\s]+))', text)}
 
@@ -126,7 +126,7 @@ def answer_to(challenge, user, password, **changes):
 
 
 def set_digest_password(user, password):
-    """As keelctl digest set does it."""
+    """Writes digest credentials as keelctl digest set does."""
     folder = "/etc/keeld"
     os.makedirs(folder, mode=0o755, exist_ok=True)
     with open(f"{folder}/digest", "a", opener=functools.partial(os.open, mode=0o600)) as file:
@@ -165,7 +165,7 @@ class HeldUpPasswords:
     def __enter__(self):
         os.mkfifo(self._GATE, 0o600)
         os.mkfifo(self._ARRIVALS, 0o600)
-        # Opened for both directions, neither this nor the other end waits for somebody to open it.
+        # Opened for both directions, so that neither end blocks in open(2).
         self._arrivals = os.open(self._ARRIVALS, os.O_RDWR)
         self._gate = None
         with open(self._WAITER, "w") as file:
@@ -181,18 +181,18 @@ esac
         return self
 
     def wait_until_held_up(self, count=1):
-        """Waits until that many checks more have come to the gate."""
+        """Waits until that many more checks have reached the gate."""
         for _ in range(count):
             if not select.select([self._arrivals], [], [], HANG_GUARD)[0]:
                 raise AssertionError("no check has come to the gate")
             os.read(self._arrivals, 1)
 
     def release(self):
-        """Lets all go on that wait now or will."""
+        """Releases all pending and later checks."""
         if self._gate is None:
             self.released += 1
             install_service()
-            # A line for each that waits, also for those on their way.
+            # A line per waiting check, also for checks that arrive later.
             self._gate = os.open(self._GATE, os.O_RDWR | os.O_NONBLOCK)
             os.write(self._gate, b"\n" * 4096)
 
@@ -240,7 +240,7 @@ polkit.addRule(function(action, subject) {{
         self.daemon = None
 
     def start(self):
-        """polkitd; returns when it answers on the bus."""
+        """Starts polkitd; returns when it answers on the bus."""
         self.daemon = subprocess.Popen(["/usr/lib/polkit-1/polkitd"], stdout=subprocess.DEVNULL,
                                        stderr=subprocess.DEVNULL)
         subprocess.run(["pkaction", "--action-id", RIGHT], stdout=subprocess.DEVNULL,
@@ -285,6 +285,6 @@ class AuthTest(AccountsTest):
         self.assertError(error, status, domain="NSOSStatusErrorDomain")
 
     def auth_log(self):
-        """Ends the daemon; then all it logged in the category auth, as level and text."""
+        """Ends the daemon; returns its log of the category auth, as levels and texts."""
         self.assertEqual(self.daemon.stop(), 0)
         return [f"{line.level} {line.text}" for line in self.daemon.log if line.category == "auth"]

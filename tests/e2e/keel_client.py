@@ -34,7 +34,7 @@ HANG_GUARD = float(os.environ.get("KEEL_HANG_GUARD", "60"))  # seconds
 
 
 class Code(enum.IntEnum):
-    """Why a message could not be served."""
+    """Codes of failures."""
 
     undecodable = 1
     unknownMethod = 2
@@ -47,7 +47,7 @@ class Code(enum.IntEnum):
 
 
 class Ended(Exception):
-    """The connection ended; `goodbye` is the daemon's last text, None when it gave none."""
+    """The connection ended; `goodbye` is the daemon's reason, None without one."""
 
     def __init__(self, goodbye):
         super().__init__(f"the connection ended, goodbye {goodbye!r}")
@@ -55,7 +55,7 @@ class Ended(Exception):
 
 
 class Hung(Exception):
-    """Nothing came for so long that nothing will."""
+    """The hang guard expired."""
 
 
 class Refused(Exception):
@@ -212,7 +212,7 @@ class Client:
         return ready[0][1]
 
     def _read(self):
-        """One read; what it completes goes to the inbox."""
+        """Reads once and puts completed messages into the inbox."""
         try:
             data, ancillary, flags, _ = self.socket.recvmsg(1 << 20, socket.CMSG_SPACE(64 * 4),
                                                             socket.MSG_CMSG_CLOEXEC)
@@ -277,7 +277,7 @@ class Client:
     # -- messages
 
     def _take(self, inbox):
-        """The oldest message of that inbox, as soon as there is one."""
+        """Waits for the oldest message of that inbox and returns it."""
         deadline = time.monotonic() + HANG_GUARD
         while not inbox:
             if self.ended:
@@ -304,7 +304,7 @@ class Client:
         self.send([ONE_WAY, self.selectors.index(selector), list(arguments)])
 
     def answer(self, identifier):
-        """The reply or failure with that id; None: the failure without one."""
+        """Returns the reply or failure with that id; None selects the failure without one."""
         message = self._take(self._answers[identifier])
         if not self._answers[identifier]:
             del self._answers[identifier]
@@ -320,7 +320,7 @@ class Client:
         return self.results(self.request(selector, *arguments, files=files))
 
     def failure(self, identifier):
-        """The code of the failure with that id."""
+        """Returns the code of the failure with that id."""
         message = self.answer(identifier)
         if message.kind != FAILURE:
             raise AssertionError(f"a reply where a failure was due: {message.fields}")
@@ -354,7 +354,7 @@ class Client:
         return self.call("removePublishedItemForName:withHandler:", name)[0]
 
     def dump(self, name="_all", with_data=False):
-        """The entries and the error."""
+        """Returns the entries and the error."""
         return self.call("dumpNotification:withData:andHandler:", name, with_data)
 
     def auth_check(self, user, asid):

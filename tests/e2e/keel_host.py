@@ -66,7 +66,7 @@ class Daemon:
             variables["KEELD_LOG"] = log
         variables.update(environment or {})
 
-        # Only the process itself knows its id, and the device of its standard error.
+        # Only the process itself can know its id and the device of its standard error.
         wrapper, handed = "", list((sockets or {}).values())
         if sockets:
             variables.update(LISTEN_FDS=str(len(handed)), LISTEN_FDNAMES=":".join(sockets))
@@ -124,7 +124,7 @@ class Daemon:
     # -- its log
 
     def logged(self, text, level=None, category=None):
-        """The lines so far whose text is `text` (or matches it, a compiled pattern)."""
+        """Returns the lines so far whose text is `text` (or matches it, a compiled pattern)."""
         matches = text.fullmatch if isinstance(text, re.Pattern) else text.__eq__
         with self._changed:
             return [
@@ -134,7 +134,7 @@ class Daemon:
             ]
 
     def wait_for_log(self, text, count=1, level=None, category=None):
-        """Waits until that many such lines were logged and returns the last of them."""
+        """Waits for `count` such lines and returns the last one."""
         with self._changed:
             came = self._changed.wait_for(
                 lambda: self._ended or len(self.logged(text, level, category)) >= count,
@@ -158,7 +158,7 @@ class Daemon:
         os.kill(self.pid, number)
 
     def pause(self):
-        """Has it stand still; all its threads do when this returns."""
+        """Stops it (SIGSTOP); returns once all its threads are stopped."""
         self.signal(signal.SIGSTOP)
         os.waitid(os.P_PID, self.pid, os.WSTOPPED)
 
@@ -175,7 +175,7 @@ class Daemon:
         return status
 
     def stop(self):
-        """Ends it in good order, unless it has ended. Returns its exit status."""
+        """Terminates it unless it has ended; returns its exit status."""
         if self._process.poll() is None:
             self.signal(signal.SIGTERM)
         try:
@@ -219,7 +219,7 @@ def memory_factor():
 
 
 def thread_priorities(pid):
-    """The sets of nice values that a process's threads have, by the threads' names."""
+    """Returns the sets of nice values of a process's threads, by thread name."""
     priorities = {}
     for thread in os.listdir(f"/proc/{pid}/task"):
         with open(f"/proc/{pid}/task/{thread}/stat") as file:
@@ -229,7 +229,7 @@ def thread_priorities(pid):
 
 
 def preferred_priority():
-    """What keeld's I/O thread gets here. Not on every machine may root have it."""
+    """Returns the nice value of keeld's I/O thread here; some machines refuse it even to root."""
     return int(subprocess.run(["nice", "-n", "-5", "nice"], capture_output=True, check=True).stdout)
 
 
@@ -241,7 +241,7 @@ def remove(path):
 
 
 def listening_socket(path):
-    """A socket as a service manager makes it. Clients can connect before anybody accepts."""
+    """A listening socket as a service manager passes it. Clients can connect immediately."""
     remove(path)
     os.makedirs(os.path.dirname(path), exist_ok=True)
     listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
@@ -251,7 +251,7 @@ def listening_socket(path):
 
 
 class Journal:
-    """Stands where journald listens. Entries are dictionaries of the fields."""
+    """A fake journald. Entries are dictionaries of their fields."""
 
     PATH = "/run/systemd/journal/socket"
 
@@ -273,7 +273,7 @@ class Journal:
         return fields
 
     def until(self, message):
-        """All entries up to the one with that text."""
+        """Returns all entries up to the one with that text."""
         entries = [self.next()]
         while entries[-1].get("MESSAGE") != message:
             entries.append(self.next())
@@ -331,7 +331,7 @@ class DaemonTest(unittest.TestCase):
         counted from its start. Needs the debug level of the category runtime.
         """
         self.daemon.wait_for_log(INVALIDATED, count)
-        # The clean-up stands in the line of requests before this one.
+        # The clean-up is queued in front of this request.
         self.own_client().dump("")
 
     def own_client(self):
@@ -359,7 +359,7 @@ class DaemonTest(unittest.TestCase):
         return process
 
     def file(self, descriptor):
-        """Has a descriptor closed at the end of the case."""
+        """Closes a descriptor at the end of the case."""
         self.addCleanup(os.close, descriptor)
         return descriptor
 
@@ -374,11 +374,11 @@ class DaemonTest(unittest.TestCase):
         self.assertEqual(error.description, description)
 
     def assertMemoryWithin(self, before, allowed):
-        """The daemon's memory has grown by less than `allowed` bytes since it was `before`."""
+        """Asserts that memory grew by less than `allowed` bytes since `before`."""
         self.assertLess(self.daemon.resident_bytes() - before, allowed * memory_factor())
 
     def notes(self):
-        """What to show beside a failure."""
+        """Returns context for a failure message."""
         for daemon in getattr(self, "daemons", []):
             yield f"the last of {len(daemon.lines)} lines of keeld, process {daemon.pid}:"
             yield from (f"    {line[:500]}" for line in daemon.lines[-SHOWN_LOG_LINES:])
@@ -400,7 +400,7 @@ class Bystanders:
         self._expect()
 
     def step(self):
-        """One update, which must arrive next."""
+        """Publishes an update, which must be the next delivery."""
         self._number += 1
         self._test.assertWorked(self._publisher.update({"number": self._number}, self._name))
         self._expect()

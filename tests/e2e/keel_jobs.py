@@ -47,7 +47,7 @@ class Caller:
         self._socket.connect(f"{DIRECTORY}/{service}")
 
     def told(self):
-        """What the program says; None when it went without a word."""
+        """Returns the program's report; None if it ended without one."""
         try:
             line = self._socket.makefile("rb").readline()
         except ConnectionResetError:
@@ -59,7 +59,7 @@ class Caller:
 
 
 def shown_jobs():
-    """What keelctl shows of each module's job."""
+    """Returns keelctl's description of each module's job."""
     shown = subprocess.run([keel_host.keelctl, "modules", "--json"], check=True,
                            capture_output=True, text=True).stdout
     return {line["module"]: line["job"] for line in map(json.loads, shown.splitlines())}
@@ -74,7 +74,7 @@ def ask(service):
 
 
 class Supervisor:
-    """A process that calls the supervisor of this system, without a keeld."""
+    """A process that calls this system's supervisor, without a keeld."""
 
     def __init__(self, **environment):
         self._process = subprocess.Popen(
@@ -88,7 +88,7 @@ class Supervisor:
         answer = json.loads(self._process.stdout.readline())
         return answer["answer"], answer["error"]
 
-    # Each yields whether it says yes, and its error or None.
+    # Each returns its answer and its error or None.
 
     def create(self, job):
         return self._call(call="create", job=job)
@@ -138,7 +138,7 @@ class SpyBus:
     def _pass_on(self, source, target, noted):
         try:
             while data := source.recv(1 << 16):
-                # Each call is sent by itself, since each waits for its answer.
+                # Calls are sent one at a time, since each waits for its answer.
                 if noted:
                     self.calls += [found.decode() for found in self.QUESTIONS.findall(data)]
                 if noted and self._answers is not None and len(self.calls) > self._answers:
@@ -148,7 +148,7 @@ class SpyBus:
                     return
                 target.sendall(data)
         except OSError:
-            pass  # one of the two has gone
+            pass  # one end has closed
 
     def take(self):
         calls, self.calls = self.calls, []

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""keelctl as people and scripts use it: what it writes where, and what it exits with."""
+"""Tests keelctl's output, errors and exit statuses, on terminals and in scripts."""
 
 import json
 import os
@@ -192,7 +192,7 @@ class Questions(KeelctlTest):
             self.assertGreater(max(map(len, lines)), columns - 20)
 
     def on_terminal(self, *arguments, environment=None, columns=200):
-        """What it shows on a terminal."""
+        """Returns its output on a terminal."""
         ours, theirs = pty.openpty()
         termios.tcsetwinsize(theirs, (50, columns))
         process = subprocess.Popen([keel_host.keelctl, *arguments],
@@ -204,7 +204,7 @@ class Questions(KeelctlTest):
             while piece := os.read(ours, 1 << 16):
                 screen += piece
         except OSError:
-            pass  # EIO: nobody has the other end open any more
+            pass  # EIO: the other end is closed
         os.close(ours)
         self.assertEqual(process.wait(), OK)
         return screen.decode()
@@ -380,7 +380,7 @@ class Subscribe(KeelctlTest):
 
 
 class Json(KeelctlTest):
-    """What JSON says and what keeld carries, both ways."""
+    """Conversion between JSON and published data, both ways."""
 
     PAIRS = (
         ('{"a":null,"b":true,"c":false,"d":"text","e":[],"f":{},"g":[1,[2]]}',

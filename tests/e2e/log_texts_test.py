@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""The messages that clients cause: texts, levels, categories and order."""
+"""Tests the log messages that clients cause: texts, levels, categories and order."""
 
 import os
 import re

@@ -80,7 +80,7 @@ class ModulesTest(DaemonTest):
         return self.client().module_table()
 
     def startup(self, level=None):
-        """What was logged of the modules, in order."""
+        """Returns the log of the modules, in order."""
         lines = [line for line in self.daemon.log if line.category == "startup"]
         return [line.text for line in lines if level in (None, line.level)]
 

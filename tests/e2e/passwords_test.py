@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Passwords of real accounts, checked by real PAM; and PAM modules that do what they must not."""
+"""Tests passwords of real accounts with real PAM, and misbehaving PAM modules."""
 
 import os
 import re
@@ -363,7 +363,7 @@ class Secrets(AccountsTest):
             self.assertNotIn(secret.encode(), self.memory())
 
     def memory(self):
-        """All that the daemon can read and write."""
+        """Returns all writable memory of the daemon."""
         found = bytearray()
         with open(f"/proc/{self.daemon.pid}/maps") as maps, open(f"/proc/{self.daemon.pid}/mem",
                                                                  "rb", buffering=0) as memory:

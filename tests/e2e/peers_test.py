@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Clients that are processes of their own: of other users, in other audit sessions, and dying."""
+"""Tests clients in separate processes: of other users, in other audit sessions, and dying."""
 
 import os
 import re

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""The states of a name in the tables of docs/protocol.md: each row against the daemon."""
+"""Tests the daemon against each row of the tables of a name's states in docs/protocol.md."""
 
 import itertools
 

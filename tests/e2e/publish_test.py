@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Publishing, updating, withdrawing, following and no longer following, as clients see it."""
+"""Tests publish, update, remove, subscribe and unsubscribe over the wire."""
 
 import keel_host
 from keel_client import CLIENT_INFO, ONE_WAY, REPLY, REQUEST, UPDATE, Client

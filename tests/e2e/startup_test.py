@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""How keeld starts, what it refuses, and how it ends."""
+"""Tests keeld's start, its refusals to start, and its end."""
 
 import ctypes
 import errno
@@ -32,7 +32,7 @@ class StartTest(DaemonTest):
         self.addCleanup(remove, DIRECTORY)
 
     def failing(self, status, **options):
-        """A daemon that must end by itself, with that status."""
+        """Starts a daemon that must exit with that status."""
         daemon = self.start(ready=False, **options)
         daemon.expected_status = status
         self.assertEqual(daemon.wait(), status)

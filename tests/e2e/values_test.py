@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Names and data: what is passed on untouched, what is told apart, and what is refused."""
+"""Tests which names and data are passed on unchanged, distinguished, and refused."""
 
 import struct
 
@@ -247,7 +247,7 @@ METHODS = {
 
 class Arguments(ValueTest):
     def outcome(self, kind, selector, arguments):
-        """The code of the failure that a call of that kind gets, None when it is served."""
+        """Returns the code of the failure that answers the call, None if it is served."""
         place = self.sender.selectors.index(selector)
         if kind == REQUEST:
             identifier = self.sender.request(selector, *arguments)
@@ -324,7 +324,7 @@ class Arguments(ValueTest):
 
 class Decoding(ValueTest):
     def test_of_the_examples_here_is_right(self):
-        """The client's own decoder, which everything above leans on."""
+        """Tests the client's own decoder, on which all tests above depend."""
         for what, item in PASSED_ON.items():
             self.assertIsInstance(decode(item), dict, what)
         for what, item in REFUSED.items():
