@@ -66,17 +66,17 @@ class Aliases(AuthTest):
         self.assertFailed(client.password("no.alias", password_of("alice")))
         self.assertRecorded()
 
-    def test_membership_is_that_of_the_account_and_the_name_sent_is_recorded(self):
+    def test_membership_is_the_accounts_and_the_alias_is_recorded(self):
         self.assertWorked(self.auth_client.password(ALIAS, password_of("alice")))
         self.assertRecorded(ALIAS)
 
-    def test_a_member_of_the_name_of_the_alias_is_nobody(self):
+    def test_group_membership_of_the_alias_does_not_count(self):
         self.addCleanup(change_group, "admin", "alice")
         change_group("admin", ALIAS)
         self.assertNotAdmin(self.auth_client.password(ALIAS, password_of("alice")))
         self.assertRecorded()
 
-    def test_answers_to_challenges_name_them_too(self):
+    def test_challenges_accept_aliases(self):
         _, auth_id, _ = self.auth_client.start_basic()
         self.assertEqual(self.auth_client.validate(basic(ALIAS, password_of("alice")), auth_id)[1:],
                          [ALIAS, None])
@@ -87,12 +87,12 @@ class Aliases(AuthTest):
         self.assertNotAdmin(error)
         self.assertRecorded(ALIAS)
 
-    def test_may_have_digest_passwords(self):
+    def test_an_alias_may_have_digest_passwords(self):
         set_digest_password(ALIAS, "of the alias")
         self.assertEqual(self.digest(ALIAS, "of the alias"), [ALIAS, None])
         self.assertRecorded(ALIAS)
 
-    def test_of_a_locked_account_are_locked_whether_or_not_they_lead_to_its_password(self):
+    def test_an_alias_of_a_locked_account_is_locked(self):
         set_digest_password(ALIAS, "of the alias")
         set_digest_password(LOCKED_ALIAS, "of the alias")
         install_service("auth required pam_unix.so\naccount required pam_permit.so\n")
@@ -103,13 +103,13 @@ class Aliases(AuthTest):
                 self.assertWorked(self.digest(ALIAS, "of the alias")[1])
         self.assertRecorded(ALIAS)
 
-    def test_a_pam_module_may_put_the_accounts_own_name_in_their_place(self):
+    def test_a_pam_module_may_substitute_the_accounts_own_name(self):
         install_service(f"auth required {PAM_MODULE} rename alice\n{UNIX}")
         self.assertWorked(self.auth_client.password(ALIAS, password_of("alice")))
         self.assertFailed(self.auth_client.password(ALIAS, password_of("bob")))
         self.assertRecorded(ALIAS)
 
-    def test_a_pam_module_may_not_put_another_account_in_their_place(self):
+    def test_a_pam_module_may_not_substitute_another_account(self):
         install_service(f"auth required {PAM_MODULE} rename alice\n{UNIX}")
         self.assertFailed(self.auth_client.password(BOBS_ALIAS, password_of("alice")))
         self.assertFailed(self.auth_client.password("no.alias", password_of("alice")))

@@ -33,7 +33,7 @@ def try_passwords(count, password):
 
 
 class Passwords(AuthTest):
-    def test_that_are_tried_on_200_connections_hold_up_nobody(self):
+    def test_attempts_on_200_connections_do_not_delay_others(self):
         attackers = [self.process(ALICE), self.process(ALICE)]
         friend = self.process(BOB, new_session=True)
         bystanders = Bystanders(self)
@@ -60,7 +60,7 @@ class Passwords(AuthTest):
         self.assertWorked(proving.password("alice", ALICES))
         self.assertTrue(quick.is_authed(friend.session))
 
-    def test_that_are_asked_in_great_numbers_on_one_connection_are_answered_in_order(self):
+    def test_pipelined_requests_are_answered_in_order(self):
         client = self.auth()
         # None of these reaches an account: such names and passwords cannot be.
         asked = [client.ask_password("a/b", "x") for _ in range(2000)]
@@ -70,7 +70,7 @@ class Passwords(AuthTest):
 
 
 class Challenges(AuthTest):
-    def test_of_which_10000_are_open_take_bounded_memory_and_end_with_the_connection(self):
+    def test_ten_thousand_take_bounded_memory_and_end_with_the_connection(self):
         attacker, other = self.auth(), self.auth()
         first = self.measured_bytes()
         ids = self.open(attacker, CHALLENGES)
@@ -116,7 +116,7 @@ class Challenges(AuthTest):
             client.validate("nonsense", start()[1])
         return self.daemon.resident_bytes()
 
-    def test_of_one_user_are_refused_once_they_take_too_much(self):
+    def test_a_user_over_quota_is_refused(self):
         attacker = self.process(BOB)
         opened, code = attacker.do(open_challenges_until_refused)
         self.assertEqual(code, Code.overQuota)
@@ -226,7 +226,7 @@ class Leavers(AuthTest):
 
     ROUNDS = 20
 
-    def test_of_each_step_leave_nothing(self):
+    def test_a_client_may_leave_at_any_step(self):
         steps = [
             lambda client: client.ask_password("alice", "wrong"),
             lambda client: client.ask_password("nobody-here", "wrong"),
@@ -256,7 +256,7 @@ class Leavers(AuthTest):
         # descriptors.
         self.assertEqual(self.daemon.descriptor_count(), descriptors)
 
-    def test_while_their_password_is_checked_are_recorded_rightly(self):
+    def test_leaving_during_a_password_check_records_only_the_proof(self):
         right, wrong = self.process(ALICE, new_session=True), self.process(ALICE, new_session=True)
         session, other_session = right.session, wrong.session
         with HeldUpPasswords() as gate:
@@ -300,16 +300,16 @@ class Leavers(AuthTest):
         self.assertFalse(stays.is_authed(bobs_session))
         self.assertFalse(stays.is_authed(-1))
 
-    def test_while_their_basic_answer_is_checked_are_recorded_rightly(self):
+    def test_leaving_during_a_basic_check_records_only_the_proof(self):
         self.assertRecorded(*self.leaving(HeldUpPasswords(), begin_answer, "basic"))
 
-    def test_while_their_digest_answer_is_checked_are_recorded_rightly(self):
+    def test_leaving_during_a_digest_check_records_only_the_proof(self):
         for user in ("alice", "bob"):
             set_digest_password(user, password_of(user))
         self.assertRecorded(*self.leaving(HeldUpPasswords(question="account"), begin_answer,
                                           "digest"))
 
-    def test_while_polkit_is_asked_are_recorded_rightly(self):
+    def test_leaving_during_a_polkit_check_records_only_the_proof(self):
         polkit = Polkit().start()
         self.addCleanup(polkit.close)
         held_up = HeldUpPolkit(polkit, self.daemon)
@@ -319,7 +319,7 @@ class Leavers(AuthTest):
         for session in self.leaving(held_up, begin_reference):
             self.assertFalse(self.auth().is_authed(session))
 
-    def test_do_not_keep_the_daemon_from_ending(self):
+    def test_checks_in_flight_do_not_delay_termination(self):
         with HeldUpPasswords() as gate:
             self.auth().ask_password("alice", ALICES)
             gate.wait_until_held_up()
@@ -327,7 +327,7 @@ class Leavers(AuthTest):
 
 
 class Floods(AuthTest):
-    def test_of_quick_requests_hold_up_nobody(self):
+    def test_a_flood_of_requests_does_not_delay_others(self):
         flooder, other = self.auth(), self.auth()
         asked = [flooder.request("authServiceCheckWithHandler:") for _ in range(20_000)]
         bystanders = Bystanders(self)
@@ -337,7 +337,7 @@ class Floods(AuthTest):
         for number in asked:
             self.assertWorked(flooder.results(number)[0])
 
-    def test_of_references_are_all_refused(self):
+    def test_a_flood_of_references_is_refused(self):
         client = self.process(BOB).client(maker=AuthClient)
         asked = [client.request("authenticateForUser:using:withHandler:", "alice", own_form())
                  for _ in range(500)]

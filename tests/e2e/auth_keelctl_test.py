@@ -112,11 +112,11 @@ class Proofs(KeelctlTest):
         self.assertRefused(self.auth_command("reference", "bob"), "(error 14)")
         self.assertRefused(self.auth_command("reference", "alice", uid=BOB), "(status -60005)")
 
-    def test_what_makes_no_sense_is_no_use(self):
+    def test_invalid_arguments_are_usage_errors(self):
         for arguments in (["frobnicate"], [], ["session", "x"]):
             self.assertEqual(self.auth_command(*arguments)[0], USAGE)
 
-    def test_without_a_password_or_a_terminal_is_no_use(self):
+    def test_without_password_and_terminal_it_is_a_usage_error(self):
         for scheme in ("password", "basic", "digest"):
             with self.subTest(scheme):
                 self.assertEqual(self.auth_command(scheme)[0], USAGE)
@@ -133,7 +133,7 @@ class Proofs(KeelctlTest):
                 self.assertEqual(ended.returncode, USAGE)
                 self.assertIn("the input has ended", ended.stderr)
 
-    def test_without_keeld_says_so(self):
+    def test_without_keeld_it_is_unreachable(self):
         self.daemon.stop()
         self.assertRefused(self.auth_command("check"), "keeld is not running", UNREACHABLE)
 
@@ -189,7 +189,7 @@ class Terminal:
 
 
 class Terminals(KeelctlTest):
-    def test_passwords_are_asked_for_and_not_shown(self):
+    def test_prompts_for_passwords_without_echo(self):
         terminal = Terminal(self, "password", "alice")
         terminal.expect("Password of alice: ")
         terminal.type_unseen(password_of("alice"))
@@ -198,7 +198,7 @@ class Terminals(KeelctlTest):
         self.assertIn("alice is proved an administrator in audit session", shown)
         self.assertNotIn(password_of("alice"), shown)
 
-    def test_people_are_told_in_words(self):
+    def test_output_on_a_terminal_is_text(self):
         shown, status = Terminal(self, "session", "77").end()
         self.assertEqual((shown.strip(), status),
                          ("no: in audit session 77 nobody was proved an administrator", REFUSED))

@@ -44,20 +44,20 @@ RIGHT_MISSING = "didn't find the correct right in the authRef"
 
 
 class Rights(ReferenceTest):
-    def test_who_holds_the_right_is_recorded(self):
+    def test_a_holder_of_the_right_is_recorded(self):
         process, client = self.user(ALICE)
         self.assertWorked(client.own_reference("alice"))
         self.assertTrue(client.is_authed(process.session))
         self.assertEqual(self.client().auth_check("alice", process.session), [True, None])
         self.assertLogged("debug authenitcateForUser: auth request with authRef for alice")
 
-    def test_who_does_not_hold_it_is_refused(self):
+    def test_a_process_without_the_right_is_refused(self):
         process, client = self.user(BOB)
         self.assertStatus(client.own_reference("alice"), DENIED)
         self.assertFalse(client.is_authed(process.session))
         self.assertLogged(*self.refusal_lines("alice", RIGHT_MISSING, DENIED))
 
-    def test_the_name_has_to_be_that_of_an_administrator_and_need_not_be_ones_own(self):
+    def test_the_user_must_be_an_administrator_and_may_be_another(self):
         process, client = self.user(ALICE)
         self.assertNotAdmin(client.own_reference("bob"))
         self.assertNotAdmin(client.own_reference("nobody-here"))
@@ -85,7 +85,7 @@ class Forms(ReferenceTest):
         return ("fault authenitcateForUser: authRefext is the wrong size "
                 f"(expected 32 got {size})")
 
-    def test_of_this_very_process_counts(self):
+    def test_a_form_of_the_process_itself_is_accepted(self):
         self.assertWorked(self.root.reference("alice", own_form()))
 
     def test_forged_ones_are_refused(self):
@@ -121,7 +121,7 @@ class Forms(ReferenceTest):
         self.assertStatus(other.client(maker=AuthClient).reference("alice", own_form()),
                           INVALID_REFERENCE)
 
-    def test_stale_ones_are_refused_also_when_their_number_is_taken_again(self):
+    def test_stale_ones_are_refused_even_if_the_pid_is_reused(self):
         old = self.process()
         stale = old.do(own_form)
         pid, start = old.pid, start_time(old.pid)
@@ -188,7 +188,7 @@ class Ended(ReferenceTest):
     on with the connection.
     """
 
-    def test_its_rights_are_not_those_of_who_has_its_number_now(self):
+    def test_a_process_that_reuses_the_pid_does_not_lend_its_right(self):
         path = "/run/keel-test-told"
         listener = keel_host.listening_socket(path)
         os.chmod(path, 0o666)
@@ -222,7 +222,7 @@ class WithoutPolkit(ReferenceTest):
         for uid in (ALICE, BOB):
             self.assertStatus(self.user(uid)[1].own_reference("alice"), DENIED)
 
-    def test_also_where_there_is_a_bus(self):
+    def test_root_alone_holds_the_right_on_a_bus_without_polkit(self):
         keel_host.remove(
             "/usr/share/dbus-1/system-services/org.freedesktop.PolicyKit1.service.away")
         service = "/usr/share/dbus-1/system-services/org.freedesktop.PolicyKit1.service"
@@ -275,17 +275,17 @@ class TroubleTest(ReferenceTest):
 
 
 class TroubledPolkit(TroubleTest):
-    def test_that_is_stopped_grants_nothing(self):
+    def test_a_stopped_polkit_grants_nothing(self):
         self.polkit.signal(signal.SIGSTOP)
         self.assertRefusedOnceItWaitedLongEnough()
         self.polkit.signal(signal.SIGCONT)
         self.assertWorked(self.user(ALICE)[1].own_reference("alice"))
 
-    def test_on_a_bus_that_is_stopped_grants_nothing(self):
+    def test_a_stopped_bus_grants_nothing(self):
         os.kill(self.polkit.bus.pid, signal.SIGSTOP)
         self.assertRefusedOnceItWaitedLongEnough()
 
-    def test_that_was_killed_is_started_again_by_the_bus(self):
+    def test_a_killed_polkit_is_restarted_by_the_bus(self):
         self.polkit.kill()
         self.assertWorked(self.user(ALICE)[1].own_reference("alice"))
         self.assertStatus(self.user(BOB)[1].own_reference("alice"), DENIED)

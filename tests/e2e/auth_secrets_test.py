@@ -79,7 +79,7 @@ class Secrets(AuthTest):
         self.secrets += [base64.b64encode(secret)[:12] for secret in self.secrets]
         self.assertLeftNowhere()
 
-    def test_of_messages_that_come_in_parts_or_cannot_be_served(self):
+    def test_of_split_and_undecodable_messages(self):
         client = self.auth()
         client.failure(client.request(USER_AND_PASSWORD, self.secret("too-few")))
         client.failure(client.request("authServiceCheckWithHandler:", self.secret("too-many")))
@@ -95,7 +95,7 @@ class Secrets(AuthTest):
             self.assertFailed(client.results(client.last_id)[0])
         self.assertLeftNowhere()
 
-    def test_of_clients_that_leave_in_the_middle(self):
+    def test_of_clients_that_leave_early(self):
         cut = self.auth()
         cut.send_bytes(
             framed(encode([REQUEST, 1, 1, ["alice", self.secret("cut-off"), "more"]]))[:-3])

@@ -26,10 +26,10 @@ class Service(AuthTest):
     def test_lists_its_methods_in_order(self):
         self.assertEqual(self.auth().selectors, SELECTORS)
 
-    def test_says_that_it_is_alive(self):
+    def test_answers_that_it_is_alive(self):
         self.assertWorked(self.auth().check())
 
-    def test_everybody_may_ask(self):
+    def test_any_user_may_connect(self):
         other = self.process(BOB).client(maker=AuthClient)
         self.assertWorked(other.check())
         self.assertFalse(other.is_authed(3))
@@ -60,12 +60,12 @@ class Service(AuthTest):
 
 
 class Passwords(AuthTest):
-    def test_right_one_of_an_administrator_is_accepted(self):
+    def test_an_administrators_password_is_accepted(self):
         client = self.auth()
         self.assertWorked(client.password("alice", ALICES))
         self.assertEqual(self.auth_log(), [])
 
-    def test_wrong_ones_are_refused_without_a_word(self):
+    def test_wrong_ones_are_refused_and_not_logged(self):
         client = self.auth()
         for user, password in (("alice", "wrong"), ("alice", ""), ("alice", ALICES + "\0"),
                                ("alice", "x" * 5000),
@@ -78,13 +78,13 @@ class Passwords(AuthTest):
         self.assertFalse(client.is_authed(-1))
         self.assertEqual(self.auth_log(), [])
 
-    def test_right_one_of_no_administrator_is_refused(self):
+    def test_the_password_of_another_user_is_refused(self):
         client = self.auth()
         self.assertNotAdmin(client.password("bob", BOBS))
         self.assertFalse(client.is_authed(-1))
         self.assertEqual(self.auth_log(), ["debug user is not in admin group"])
 
-    def test_the_group_is_asked_anew_each_time(self):
+    def test_the_group_is_looked_up_each_time(self):
         self.addCleanup(change_group, "admin", "alice")
         client = self.auth()
         self.assertNotAdmin(client.password("bob", BOBS))
@@ -94,7 +94,7 @@ class Passwords(AuthTest):
         self.assertNotAdmin(client.password("bob", BOBS))
         self.assertNotAdmin(client.password("alice", ALICES))
 
-    def test_that_wait_hold_up_their_own_connection_alone(self):
+    def test_a_pending_check_delays_only_its_own_connection(self):
         slow, quick = self.auth(), self.auth()
         with HeldUpPasswords() as gate:
             first = slow.ask_password("alice", ALICES)
@@ -111,7 +111,7 @@ class Passwords(AuthTest):
 
 
 class Sessions(AuthTest):
-    def test_a_success_counts_in_the_session_of_the_process_alone(self):
+    def test_a_proof_holds_in_the_processs_session_only(self):
         first = self.process(ALICE, new_session=True)
         second = self.process(BOB, new_session=True)
         self.assertNotEqual(first.session, second.session)
@@ -126,7 +126,7 @@ class Sessions(AuthTest):
         self.assertWorked(two.password("alice", ALICES))
         self.assertTrue(one.is_authed(second.session))
 
-    def test_the_notify_service_knows_who_it_was(self):
+    def test_the_notify_service_confirms_the_proof(self):
         other = self.process(ALICE, new_session=True)
         notify = self.client()
         self.assertEqual(notify.auth_check("alice", other.session), [False, None])
@@ -145,7 +145,7 @@ class Sessions(AuthTest):
         self.assertTrue(self.auth().is_authed(-1))
         self.assertEqual(self.client().auth_check("alice", -1), [True, None])
 
-    def test_outlive_the_connection(self):
+    def test_a_proof_outlives_the_connection(self):
         other = self.process(ALICE, new_session=True)
         session = other.session
         self.assertWorked(other.client(maker=AuthClient).password("alice", ALICES))
@@ -153,7 +153,7 @@ class Sessions(AuthTest):
         self.daemon.wait_for_log("AuthListenerDelgate: connection is invalidated")
         self.assertTrue(self.auth().is_authed(session))
 
-    def test_any_may_be_asked_about(self):
+    def test_any_session_may_be_queried(self):
         client = self.auth()
         for session in (0, 1, -1, 2147483647, -2147483648):
             self.assertFalse(client.is_authed(session))
@@ -161,7 +161,7 @@ class Sessions(AuthTest):
 
 
 class Challenges(AuthTest):
-    def test_have_ids_of_their_own(self):
+    def test_challenges_have_distinct_ids(self):
         client = self.auth()
         ids = {client.start_basic()[1] for _ in range(200)} | {client.start_digest()[1]
                                                                for _ in range(200)}
@@ -169,7 +169,7 @@ class Challenges(AuthTest):
         for auth_id in ids:
             self.assertRegex(auth_id, r"\Amyob-[a-zA-Z0-9]{32}\Z")
 
-    def test_basic_one_is_answered_once(self):
+    def test_a_basic_challenge_is_answered_once(self):
         client = self.auth()
         challenge, auth_id, error = client.start_basic()
         self.assertWorked(error)
@@ -180,14 +180,14 @@ class Challenges(AuthTest):
         self.assertEqual(client.validate(basic("alice", ALICES), auth_id)[:2], [None, None])
         self.assertError(client.validate(basic("alice", ALICES), auth_id)[2], 6)
 
-    def test_a_wrong_answer_uses_it_up(self):
+    def test_a_wrong_answer_consumes_the_challenge(self):
         client = self.auth()
         for start in (client.start_basic, client.start_digest):
             _, auth_id, _ = start()
             self.assertEqual(client.validate("nonsense", auth_id)[:2], [None, None])
             self.assertError(client.validate(basic("alice", ALICES), auth_id)[2], 6)
 
-    def test_a_right_answer_of_no_administrator_comes_back_with_the_name(self):
+    def test_a_right_answer_of_no_administrator_returns_the_name(self):
         client = self.auth()
         _, auth_id, _ = client.start_basic()
         response, user, error = client.validate(basic("bob", BOBS), auth_id)

@@ -50,7 +50,7 @@ class Messages(BadInputTest):
             self.assertTrue(text, "a failure without a text")
         self.bystanders.step()
 
-    def test_that_are_no_message_are_undecodable(self):
+    def test_bytes_that_are_no_message_are_undecodable(self):
         for body in (
             b"", b"\0", b"\xff", b"\xf6", b"\x80", b"\xa0", b"\x60", b"\x81", b"\x82\x02",
             b"\x9f\xff", b"\xc1\x00", b"hello",
@@ -60,17 +60,17 @@ class Messages(BadInputTest):
         ):
             self.assertFails(body, [Code.undecodable])
 
-    def test_of_an_unknown_kind_are_undecodable(self):
+    def test_unknown_kinds_are_undecodable(self):
         for kind in (6, 7, 23, 24, 255, 2**32, 2**64 - 1, -1, "1", None, [1], 1.0, True):
             self.assertFails(encode([kind, 1, 2, []]), [Code.undecodable])
 
-    def test_of_another_length_are_undecodable(self):
+    def test_wrong_lengths_are_undecodable(self):
         for message in ([], [1], [1, 50], [1, 50, 7], [1, 50, 7, [], None], [2], [2, 2],
                         [2, 2, ["x"], None],
                         [1, 50, 7, [], [], []]):
             self.assertFails(encode(message), [Code.undecodable], (None, 50))
 
-    def test_whose_parts_are_of_another_kind_are_undecodable(self):
+    def test_wrong_types_are_undecodable(self):
         for message in ([1, -1, 6, []], [1, "1", 6, []], [1, None, 6, []], [1, 1.0, 6, []],
                         [1, [1], 6, []], [2, -1, []],
                         [2, "unsubscribeFrom:", []],
@@ -81,25 +81,25 @@ class Messages(BadInputTest):
                         [1, 50, 6, 0]):
             self.assertFails(encode(message), [Code.undecodable], (None, 50))
 
-    def test_cut_anywhere_are_undecodable(self):
+    def test_truncated_messages_are_undecodable(self):
         whole = encode([REQUEST, 50, 3, [{"key": [1, 2.5, "text", b"bytes", None]}, "name", 0, 0]])
         for cut in range(len(whole)):
             self.assertFails(whole[:cut], [Code.undecodable], (None, 50))
         self.assertEqual(self.sender.dump("name")[1].code, 11)
 
-    def test_with_bytes_behind_are_undecodable(self):
+    def test_trailing_bytes_are_undecodable(self):
         whole = encode([REQUEST, 50, 3, [{}, "name", 0, 0]])
         for more in (b"\0", b"\xff", whole):
             self.assertFails(whole + more, [Code.undecodable], (50,))
         self.assertEqual(self.sender.dump("name")[1].code, 11)
 
-    def test_of_unknown_methods_name_their_request(self):
+    def test_failures_of_unknown_methods_carry_the_request_id(self):
         for identifier, method in ((1, 100), (ABOVE, 2**64 - 1)):
             self.assertFails(encode([REQUEST, identifier, method, []]), [Code.unknownMethod],
                              (identifier,))
         self.assertFails(encode([ONE_WAY, 99, [1, 2, 3]]), [Code.unknownMethod])
 
-    def test_with_a_request_id_that_was_used_do_nothing(self):
+    def test_a_reused_request_id_is_refused(self):
         self.sender.last_id = 10
         self.assertWorked(self.sender.publish({}, "name"))
         for identifier in (11, 10, 1, 0):
@@ -108,7 +108,7 @@ class Messages(BadInputTest):
             self.assertEqual(self.sender.failure(identifier), Code.badRequestId)
             self.assertEqual(self.sender.dump(f"never {identifier}")[1].code, 11)
 
-    def test_whose_request_was_refused_used_up_their_id(self):
+    def test_a_refused_request_consumes_its_id(self):
         self.sender.send([REQUEST, 10, 99, []])
         self.assertEqual(self.sender.failure(10), Code.unknownMethod)
         self.sender.send([REQUEST, 10, 6, []])
@@ -116,7 +116,7 @@ class Messages(BadInputTest):
         self.sender.send([REQUEST, 11, 6, []])
         self.assertEqual(self.sender.results(11), [{}])
 
-    def test_with_the_last_of_all_ids_leave_only_one_way_ones(self):
+    def test_after_the_largest_id_only_one_way_messages_are_accepted(self):
         self.sender.send([REQUEST, 2**64 - 1, 6, []])
         self.assertEqual(self.sender.results(2**64 - 1), [{}])
         self.sender.send([REQUEST, 2**64 - 1, 6, []])
@@ -124,14 +124,14 @@ class Messages(BadInputTest):
         self.sender.send([ONE_WAY, 99, []])
         self.assertEqual(self.sender.failure(None), Code.unknownMethod)
 
-    def test_that_answer_what_was_never_asked_are_ignored(self):
+    def test_unexpected_answers_are_ignored(self):
         for message in ([REPLY, 1, []], [REPLY, 2**64 - 1, [None, {}, "x"]],
                         [FAILURE, 1, 1, "what"], [FAILURE, None, 99, ""]):
             self.sender.send(message)
         self.assertEqual(self.sender.dump(), [self.sender.dump()[0], None])
         self.assertEqual({message.kind for message in self.sender.history[1:]}, {REPLY})
 
-    def test_are_logged_in_full_once_for_each_connection(self):
+    def test_bad_messages_are_logged_once_per_connection(self):
         for count in range(1, 4):
             sender = self.client()
             for _ in range(500):
@@ -163,12 +163,12 @@ class Endings(BadInputTest):
             self.assertDropped(struct.pack("<I", length), greet=True)
             self.assertDropped(struct.pack("<I", length))
 
-    def test_a_first_frame_that_is_no_hello(self):
+    def test_a_missing_hello(self):
         for message in ([REQUEST, 1, 6, []], [ONE_WAY, 2, ["name"]], [REPLY, 1, []],
                         [FAILURE, None, 1, "x"], [6], []):
             self.assertDropped(framed(encode(message)))
 
-    def test_a_hello_that_cannot_be_decoded(self):
+    def test_an_undecodable_hello(self):
         good = encode([HELLO, 1, list(EXPORTS), {"descriptors": False}])
         for body in (b"", b"\0", b"\xff", good[:-1], good + b"\0", encode([HELLO]),
                      encode([HELLO, 1]), encode([HELLO, 1, []]),
@@ -201,7 +201,7 @@ class Endings(BadInputTest):
         filling = size - len(message) - 2
         return encode([HELLO, 1, list(EXPORTS), {"x": bytes(filling)}])
 
-    def test_a_hello_that_is_too_long(self):
+    def test_a_too_long_hello(self):
         body = self.hello_of(HELLO_LIMIT)
         self.assertEqual(len(body), HELLO_LIMIT)
         client = self.client(greet=False)
@@ -214,14 +214,14 @@ class Endings(BadInputTest):
         self.assertDropped(framed(self.hello_of(1 << 20)))
         self.assertDropped(struct.pack("<I", 16 << 20) + bytes(HELLO_LIMIT + 1))
 
-    def test_unknown_options_and_selectors_are_no_reason(self):
+    def test_unknown_options_and_selectors_are_ignored(self):
         for exports, options in (([], {"zip": True, "": None, "descriptors": False}),
                                  (["a:", "a:", ""], {"deep": [[[{}]]]}),
                                  ([str(number) for number in range(5000)], {})):
             client = self.client(exports=exports, options=options)
             self.assertEqual(client.module_table(), {})
 
-    def test_a_goodbye_of_ones_own_ends_the_connection_without_a_word(self):
+    def test_a_clients_goodbye_ends_the_connection_silently(self):
         client = self.client()
         self.assertWorked(client.publish({}, "name"))
         client.send([GOODBYE, "done"])
@@ -230,7 +230,7 @@ class Endings(BadInputTest):
 
 
 class Silence(BadInputTest):
-    def test_half_a_frame_holds_up_nobody_and_costs_nothing(self):
+    def test_an_incomplete_frame_delays_nothing_and_costs_nothing(self):
         halves = [b"", b"\x10", b"\x10\0\0\0", b"\x10\0\0\0\x84",
                   struct.pack("<I", 16 << 20) + bytes(100),
                   struct.pack("<I", GIBIBYTE) + bytes(100)]
@@ -246,7 +246,7 @@ class Silence(BadInputTest):
         self.assertMemoryWithin(before, 32 << 20)
         self.after_clean_up(lambda: [client.close() for client in silent], len(silent))
 
-    def test_a_frame_may_come_byte_by_byte(self):
+    def test_a_frame_may_arrive_byte_by_byte(self):
         client = self.client(greet=False)
         for byte in framed(encode([HELLO, 1, list(EXPORTS), {}])) + framed(
             encode([REQUEST, 1, 6, []])):
@@ -254,14 +254,14 @@ class Silence(BadInputTest):
         client.take_hello()
         self.assertEqual(client.results(1), [{}])
 
-    def test_many_frames_may_come_in_one_piece(self):
+    def test_many_frames_may_arrive_in_one_write(self):
         client = self.client()
         client.send_bytes(b"".join(framed(encode([REQUEST, number, 4, [{}, "unknown"]]))
                                    for number in range(1, 5001)))
         for number in range(1, 5001):
             self.assertEqual(client.results(number), [Error("KLNErrorDomain", 11)])
 
-    def test_a_frame_that_is_skipped_may_come_in_pieces(self):
+    def test_a_skipped_frame_may_arrive_in_pieces(self):
         client = self.client()
         size = (16 << 20) + 1
         client.send_bytes(struct.pack("<I", size) + b"\x84\x01\x07")

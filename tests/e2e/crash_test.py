@@ -77,19 +77,19 @@ class Crash(DaemonTest):
     def test_leaves_banner_build_and_backtrace(self):
         self.assertIsReport(self.report_of(self.start(), self.number), self.number)
 
-    def test_of_our_own_making_does_too(self):
+    def test_a_failed_check_leaves_the_same(self):
         self.assertIsReport(self.report_of(self.start(), signal.SIGABRT), signal.SIGABRT)
 
-    def test_leaves_it_whatever_the_level_of_the_log(self):
+    def test_leaves_them_at_every_log_level(self):
         self.assertIsReport(self.report_of(self.start_and_wait(log="fault"), self.number),
                             self.number)
 
-    def test_leaves_it_in_the_journal(self):
+    def test_leaves_them_in_the_journal(self):
         lines = self.report_of(self.start_and_wait(journal=True), self.number)
         self.assertTrue(all(line.startswith("<2>") for line in lines), lines)
         self.assertIsReport([line.removeprefix("<2>") for line in lines], self.number)
 
-    def test_does_not_reach_a_client_where_standard_error_is_closed(self):
+    def test_is_never_written_to_a_clients_socket(self):
         daemon = self.start_and_wait(before_exec=lambda: os.close(2))
         # one of their sockets is what standard error would have been
         clients = [self.client() for _ in range(10)]

@@ -64,7 +64,7 @@ class Crowd(DaemonTest):
         while self.sockets:
             self.sockets.pop().close()
 
-    def test_10000_connections_one_after_the_other_leave_nothing_behind(self):
+    def test_ten_thousand_sequential_connections_leak_nothing(self):
         def connect_and_leave(count):
             for number in range(count):
                 client = Client(greet=number % 2 == 0)
@@ -82,7 +82,7 @@ class Crowd(DaemonTest):
         self.assertMemoryWithin(memory, 8 * MEBIBYTE)
         self.assertEqual(self.client().dump("weather")[0][0]["subscribers"], [])
 
-    def test_thousands_of_idle_connections_are_borne(self):
+    def test_thousands_of_idle_connections_work(self):
         before = self.daemon.resident_bytes()
         clients = [self.client() for _ in range(MANY)]
         for _ in range(10):
@@ -109,7 +109,7 @@ class Crowd(DaemonTest):
         self.after_clean_up(leave, MANY)
         self.assertEqual(publisher.dump("weather")[0][0]["subscribers"], [])
 
-    def test_a_crowd_that_comes_while_the_daemon_stands_still_is_served(self):
+    def test_a_crowd_that_connects_to_a_stopped_daemon_is_served(self):
         self.daemon.pause()
         self.sockets += [connect() for _ in range(1000)]
         self.daemon.go_on()
@@ -152,7 +152,7 @@ class Full(Crowd):
         self.assertEqual(len(self.daemon.logged(FULL, "error", "runtime")), 1)
         self.assertEqual(readable(waiting), [])
 
-    def test_those_who_wait_get_in_when_others_leave(self):
+    def test_waiting_clients_are_accepted_when_others_leave(self):
         let_in, waiting = self.fill()
         for client, successor in list(zip(let_in, waiting))[:10]:
             client.close()
@@ -161,7 +161,7 @@ class Full(Crowd):
         self.sockets = [client for client in self.sockets if client.fileno() >= 0]
         self.bystanders.step()
 
-    def test_all_recovers_when_they_have_left(self):
+    def test_recovers_once_they_have_left(self):
         for _ in range(3):
             self.fill()
             self.close_all()
@@ -171,7 +171,7 @@ class Full(Crowd):
                 client.close()
         self.bystanders.step()
 
-    def test_it_is_logged_once_although_a_few_come_and_go(self):
+    def test_the_shortage_is_logged_once(self):
         let_in, waiting = self.fill()
         for client, successor in list(zip(let_in, waiting))[:10]:
             client.close()
@@ -180,7 +180,7 @@ class Full(Crowd):
             self.bystanders.step()
         self.assertEqual(len(self.daemon.logged(FULL)), 1)
 
-    def test_terminate_works_in_a_crowd(self):
+    def test_sigterm_works_in_a_crowd(self):
         self.fill()
         self.assertEqual(self.daemon.stop(), 0)
         self.daemon = self.start()
@@ -214,7 +214,7 @@ class VeryFewDescriptors(Full):
             self.assertEqual(existing.delivery().item, item)
         self.assertEqual(readable(waiting), [])
 
-    def test_all_recovers_when_they_have_left(self):
+    def test_recovers_once_they_have_left(self):
         self.fill()
         self.close_all()
         for client in [self.client() for _ in range(20)]:
@@ -244,7 +244,7 @@ class OneUser(Crowd):
                 client.close()
                 return end.goodbye
 
-    def test_is_turned_away_beyond_that_and_others_get_in(self):
+    def test_is_refused_beyond_the_limit_and_others_are_accepted(self):
         self.assertEqual(self.fill(), f"too many connections of uid {ALICE}")
         half = len(self.sockets)
         self.assertEqual(self.fill(), f"too many connections of uid {ALICE}")
@@ -270,7 +270,7 @@ class OneUser(Crowd):
         # The bystanders are two more; the last that were connected may wait.
         self.assertLessEqual(abs(share - (share + others) * 7 / 16), 5)
 
-    def test_gets_in_again_after_leaving(self):
+    def test_is_accepted_again_after_leaving(self):
         self.fill()
         for client in [self.sockets.pop() for _ in range(10)]:
             self.after_clean_up(client.close)

@@ -214,7 +214,7 @@ class HttpClients(ChallengeTest):
         for first in (0, 1):
             self.assertLetIn(with_requests, "digest", lambda lines: lines[first : first + 1])
 
-    def test_requests_which_takes_both_challenges_for_one(self):
+    def test_requests_with_both_challenges_in_one_field(self):
         self.assertLetIn(with_requests, "digest")
 
     def test_urllib(self):
@@ -226,7 +226,7 @@ class HttpClients(ChallengeTest):
 
 
 class Digest(ChallengeTest):
-    def test_each_algorithm_is_taken_and_answered(self):
+    def test_every_algorithm_is_accepted_and_answered(self):
         for algorithm in HASHES:
             client = self.auth_client()
             challenge, identifier = self.challenge(client, algorithm)
@@ -238,12 +238,12 @@ class Digest(ChallengeTest):
                 "qop": "auth", "nc": "00000001", "cnonce": "0a4f113b",
                 "rspauth": proof(challenge, "alice", password, "")})
 
-    def test_who_is_no_administrator_gets_the_response_too(self):
+    def test_another_user_gets_the_response_too(self):
         response, name, code = self.validated("bob")
         self.assertEqual((name, code), ("bob", NOT_ADMIN))
         self.assertIn("rspauth", response)
 
-    def test_challenges_differ_and_are_of_one_realm(self):
+    def test_challenges_differ_and_share_the_realm(self):
         client = self.auth_client()
         realm = client.call("authGetDefaultRealm:")[0]
         self.assertEqual(realm, REALM)
@@ -258,7 +258,7 @@ class Digest(ChallengeTest):
         self.assertRejected("nobody-of-that-name")
         self.assertRejected("grace")  # an account without digest credentials
 
-    def test_an_answer_counts_for_its_challenge_alone_and_once(self):
+    def test_an_answer_is_valid_once_and_for_its_challenge_only(self):
         client = self.auth_client()
         challenge, identifier = self.challenge(client)
         other, other_identifier = self.challenge(client)
@@ -283,7 +283,7 @@ class Digest(ChallengeTest):
             with self.subTest(user):
                 self.assertRejected(user)
 
-    def test_an_account_needs_no_password_of_its_own(self):
+    def test_an_account_needs_no_password(self):
         keel_accounts.append("/etc/passwd", f"mary:x:516:{keel_accounts.ADMIN_GROUP}::/tmp:/bin/sh")
         keel_accounts.append("/etc/shadow", "mary:*:19000:0:99999:7:::")
         self.set("mary")
@@ -293,14 +293,14 @@ class Digest(ChallengeTest):
         self.set("nobody-of-that-name")
         self.assertRejected("nobody-of-that-name")
 
-    def test_changed_credentials_count_at_once(self):
+    def test_changed_credentials_take_effect_immediately(self):
         self.set("alice", "new")
         self.assertRejected("alice")
         self.assertEqual(self.validated("alice", "new")[2], None)
         self.assertEqual(keelctl("remove", "alice").returncode, 0)
         self.assertRejected("alice", "new")
 
-    def test_credentials_that_others_may_read_count_for_nothing(self):
+    def test_credentials_readable_by_others_are_ignored(self):
         os.chmod(FILE, 0o640)
         self.assertRejected("alice")
         self.assertRejected("alice")
@@ -324,7 +324,7 @@ class Basic(ChallengeTest):
         response, name, error = client.call(VALIDATE, f"Basic {credentials}", identifier)
         return response, name, error and error.code
 
-    def test_the_accounts_password_is_taken(self):
+    def test_the_accounts_password_is_accepted(self):
         self.assertEqual(self.answered("alice"), (None, "alice", None))
 
     def test_all_others_are_rejected(self):
@@ -334,24 +334,24 @@ class Basic(ChallengeTest):
             with self.subTest(user):
                 self.assertEqual(self.answered(user, password), (None, None, AUTH_FAILED))
 
-    def test_who_is_no_administrator_is_told_so(self):
+    def test_another_user_is_not_admin(self):
         self.assertEqual(self.answered("bob"), (None, "bob", NOT_ADMIN))
 
 
 class Keelctl(ChallengeTest):
-    def test_asks_twice_on_the_terminal_and_shows_nothing(self):
+    def test_prompts_twice_without_echo(self):
         shown, status = self.type("a new one", "a new one")
         self.assertEqual(shown, f"Digest password of alice in {REALM}: \r\nOnce more: \r\n")
         self.assertEqual(status, 0)
         self.assertEqual(self.validated("alice", "a new one")[2], None)
 
-    def test_two_that_differ_change_nothing(self):
+    def test_two_different_passwords_change_nothing(self):
         shown, status = self.type("one", "another")
         self.assertIn("keelctl: the two differ; nothing was changed", shown)
         self.assertEqual(status, 2)
         self.assertEqual(self.validated("alice")[2], None)
 
-    def test_without_a_terminal_it_says_what_to_do(self):
+    def test_without_a_terminal_it_names_the_option(self):
         done = keelctl("set", "alice", start_new_session=True, stdin=subprocess.DEVNULL)
         self.assertEqual(done.returncode, 2)
         self.assertEqual(done.stderr,
@@ -365,7 +365,7 @@ class Keelctl(ChallengeTest):
             self.assertRegex(done.stderr, r"keelctl: .*/etc/keeld/digest.*|keelctl: .*/etc/keeld.*")
         self.assertEqual(self.validated("alice")[2], None)
 
-    def test_a_signal_while_it_asks_shows_again_what_is_typed(self):
+    def test_a_signal_at_the_prompt_restores_the_echo(self):
         def type_interrupt(terminal, _):
             os.write(terminal, b"\x03")
 

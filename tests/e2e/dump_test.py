@@ -66,7 +66,7 @@ class Dump(DaemonTest):
         self.assertEqual(entry["subscribers"], [])
         self.assertEqual(entry["publishedData"], {"n": 1})
 
-    def test_without_data_leaves_the_data_out(self):
+    def test_without_data_omits_the_data(self):
         publisher = self.client()
         publisher.publish({"n": 1}, "weather")
         self.asker.subscribe("hoped for")
@@ -75,7 +75,7 @@ class Dump(DaemonTest):
         for entry in self.asker.dump("_all", False)[0]:
             self.assertNotIn("publishedData", entry)
 
-    def test_of_a_name_that_is_only_followed_has_placeholders(self):
+    def test_of_an_unpublished_name_has_placeholders(self):
         follower = self.client()
         follower.subscribe("weather")
         entry = self.entry("weather")
@@ -88,7 +88,7 @@ class Dump(DaemonTest):
         self.assertRegex(entry["subscribers"][0]["subscriber"],
                          r"\A<connection \d+ pid \d+ \(.*\) uid 0 session -?\d+>\Z")
 
-    def test_of_followers_tells_when_each_was_sent_something(self):
+    def test_has_the_date_of_each_followers_last_update(self):
         followers = [self.client() for _ in range(3)]
         for follower in followers:
             follower.subscribe("weather")
@@ -112,7 +112,7 @@ class Dump(DaemonTest):
         follower.delivery()
         self.assertEqual(self.entry("weather"), self.entry("weather"))
 
-    def test_equal_updates_have_a_date_each(self):
+    def test_equal_updates_change_the_date(self):
         follower, publisher = self.client(), self.client()
         follower.subscribe("weather")
         publisher.publish({"n": 1}, "weather")
@@ -136,7 +136,7 @@ class Dump(DaemonTest):
         # The connection that published it last is still there.
         self.assertEqual(self.entry("weather"), before)
 
-    def test_of_a_name_whose_publisher_has_gone(self):
+    def test_of_a_name_whose_publisher_is_gone(self):
         publisher = self.client()
         publisher.publish({"n": 1}, "weather")
         date = self.entry("weather")["publishDate"]
@@ -152,7 +152,7 @@ class Dump(DaemonTest):
         self.assertGreater(entry["publishDate"].seconds, date.seconds)
         self.assertEqual(entry["publishedData"], "<no data>")
 
-    def test_of_all_tells_of_each_name_once(self):
+    def test_of_all_lists_each_name_once(self):
         publisher = self.client()
         names = {f"name {number}" for number in range(500)} | {"", "\0", "é", "e\u0301",
                                                                "<no data>"}
@@ -164,7 +164,7 @@ class Dump(DaemonTest):
         self.assertEqual({entry["name"]: entry["publishedData"] for entry in entries},
                          {name: {"of": name} for name in names})
 
-    def test_an_item_of_the_name_that_means_all_is_among_all(self):
+    def test_of_all_includes_an_item_of_the_reserved_name(self):
         publisher = self.client()
         publisher.publish({}, "_all")
         publisher.publish({}, "weather")
@@ -182,7 +182,7 @@ class Dump(DaemonTest):
         numbers = [int(re.match(r"<connection (\d+) ", text).group(1)) for text in texts]
         self.assertEqual(numbers, sorted(numbers))
 
-    def test_shows_one_moment_and_not_what_is_delivered_later(self):
+    def test_is_a_snapshot(self):
         """A dump in slices, and updates of every item that the daemon finds beside it, in the order
         of the names.
         """
@@ -237,7 +237,7 @@ class Dump(DaemonTest):
     def entries_by_name(self):
         return {entry["name"]: entry for entry in self.asker.dump("_all", True)[0]}
 
-    def test_stands_in_line_with_the_requests_of_its_connection(self):
+    def test_is_queued_with_the_requests_of_its_connection(self):
         identifiers = []
         for number in range(50):
             identifiers.append(self.asker.request("publishItem:name:flags:value:withHandler:",

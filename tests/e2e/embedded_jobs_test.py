@@ -38,7 +38,7 @@ class JobsTest(DaemonTest):
 
 
 class Embedded(JobsTest):
-    def test_is_started_by_its_first_client_and_handed_its_sockets(self):
+    def test_is_started_by_its_first_client_and_inherits_its_sockets(self):
         words = ["a b", "%n $HOME ;\"'\\\n\t", "", "ü"]
         self.bundle("first", "com.e.first.a", "com.e.first.b", arguments=words,
                     EnvironmentVariables={"A": "%n $X \"\n\\"},
@@ -80,7 +80,7 @@ class Embedded(JobsTest):
         self.daemon.wait_for_log(why, level="error")
         self.assertEqual(ask("com.e.root")["uid"], 0)
 
-    def test_is_started_again_after_it_has_ended(self):
+    def test_is_restarted_on_demand(self):
         self.bundle("again")
         self.daemon = self.start()
         first = ask("com.e.again")
@@ -97,7 +97,7 @@ class Embedded(JobsTest):
         self.daemon.wait_for_log("the job com.e.again exited with status 0")
         self.assertNotEqual(ask("com.e.again")["pid"], first["pid"])
 
-    def test_that_crashes_at_once_is_paused(self):
+    def test_a_crash_loop_is_paused(self):
         self.bundle("crash", ThrottleInterval=3600)
         path = f"{BUNDLES}keel_crash.bundle/launchd.plist"
         with open(path, "rb") as file:
@@ -111,7 +111,7 @@ class Embedded(JobsTest):
         self.daemon.wait_for_log(re.compile(r"the job com.e.crash was killed by signal 11 .*"),
                                  level="error")
 
-    def test_ends_with_keeld_however_that_ends(self):
+    def test_ends_with_keeld(self):
         self.bundle("end")
         for end in (lambda daemon: daemon.stop(), lambda daemon: daemon.kill()):
             self.daemon = self.start()
@@ -133,7 +133,7 @@ class Embedded(JobsTest):
         with open(path, "wb") as file:
             plistlib.dump(job, file, sort_keys=False)
 
-    def test_has_its_sockets_again_at_once_whatever_the_old_program_does(self):
+    def test_gets_new_sockets_whatever_the_old_program_does(self):
         """The old program ignores SIGTERM and keeps the old socket."""
         stubborn = ("import signal\nsignal.signal(signal.SIGTERM, signal.SIG_IGN)\n"
                     + TELL + "signal.pause()\n")
@@ -156,7 +156,7 @@ class Embedded(JobsTest):
         self.addCleanup(caller.close)
         self.assertNotEqual(caller.told()["pid"], pid)
 
-    def test_is_enabled_at_each_start_as_its_bundle_says_then(self):
+    def test_is_enabled_from_its_bundle_at_each_start(self):
         self.bundle("changed", EnvironmentVariables={"A": "old"})
         self.bundle("removed")
         self.daemon = self.start()
@@ -174,7 +174,7 @@ class Embedded(JobsTest):
         self.assertEqual(ask("com.e.changed")["environment"]["A"], "new")
         self.assertRaises(ConnectionRefusedError, Caller, "com.e.removed")
 
-    def test_of_a_second_keeld_come_to_nothing_and_leave_those_of_the_first(self):
+    def test_a_second_keeld_starts_no_jobs(self):
         self.bundle("idle")
         self.program("load", "/bin/sh", "-c", "echo >>/run/loaded; exec sleep 1000", RunAtLoad=True)
         self.addCleanup(remove, "/run/loaded")
@@ -195,7 +195,7 @@ class Embedded(JobsTest):
         self.assertEqual(self.daemon.logged(re.compile("the job com.e.idle runs .*")), [])
         self.assertIsNotNone(ask("com.e.idle"))
 
-    def test_tells_how_their_jobs_stand(self):
+    def test_reports_job_states(self):
         self.bundle("idle")
         self.bundle("busy")
         self.bundle("bad", UserName="nobody-of-that-name", ThrottleInterval=3600)
@@ -215,7 +215,7 @@ class Embedded(JobsTest):
                          {**ready, "label": "com.e.busy", "program": "running", "pid": pid})
         self.assertIn("the user nobody-of-that-name", jobs["keel_bad"]["problem"])
 
-    def test_does_not_hold_up_the_others(self):
+    def test_a_slow_program_does_not_delay_others(self):
         """A program that cannot be started, and one that is slow to do so, are the business of a
         worker.
         """
@@ -258,14 +258,14 @@ class UselessSystemd(JobsTest):
         for failure in failures:
             self.assertRegex(failure.text, why)
 
-    def test_that_is_absent(self):
+    def test_is_absent(self):
         self.assertStartsWithoutModules("systemd cannot be reached")
 
-    def test_that_does_not_answer(self):
+    def test_does_not_answer(self):
         self.systemd(None)
         self.assertStartsWithoutModules("systemd cannot be reached|did not answer before")
 
-    def test_that_hangs_up(self):
+    def test_hangs_up(self):
         def serve(listener):
             while True:
                 listener.accept()[0].close()
@@ -273,7 +273,7 @@ class UselessSystemd(JobsTest):
         self.systemd(serve)
         self.assertStartsWithoutModules("systemd cannot be reached")
 
-    def test_that_dies_in_the_middle(self):
+    def test_dies_during_a_call(self):
         def serve(listener):
             while True:
                 client, _ = listener.accept()
@@ -285,7 +285,7 @@ class UselessSystemd(JobsTest):
         self.systemd(serve)
         self.assertStartsWithoutModules("systemd")
 
-    def test_that_talks_nonsense(self):
+    def test_answers_nonsense(self):
         def serve(listener):
             while True:
                 client, _ = listener.accept()

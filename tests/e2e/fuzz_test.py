@@ -236,7 +236,7 @@ class Fuzz(DaemonTest):
             if number % STEP == STEP - 1:
                 self.look_around(number + 1)
 
-    def test_good_sessions_have_every_answer(self):
+    def test_unchanged_sessions_receive_every_answer(self):
         """The ground that the others stand on: unchanged, every request has its reply."""
         for number in range(STEP):
             messages = session(random.Random(f"{SEED} good {number}"))

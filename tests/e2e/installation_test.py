@@ -64,12 +64,12 @@ class Installation(unittest.TestCase):
                               check=False)
         return done.returncode, done.stdout + done.stderr
 
-    def test_is_a_service_that_is_up_now_and_at_each_boot(self):
+    def test_is_a_service_enabled_at_boot(self):
         self.assertUnits("is-active", "active")
         self.assertUnits("is-enabled", "enabled")
         self.assertEqual(self.keelctl("auth", "check", uid=ALICE), (0, '{"alive":true}\n'))
 
-    def test_logs_first_of_all_that_it_runs(self):
+    def test_logs_that_it_runs_first(self):
         self.systemctl("restart", "keeld")
         shown = subprocess.run(["systemctl", "show", "--value", "--property=MainPID", "keeld"],
                                capture_output=True, check=True)
@@ -105,7 +105,7 @@ class Installation(unittest.TestCase):
         self.assertUnits("is-active", "active")
         self.assertUnits("is-enabled", "enabled")
 
-    def test_sockets_that_were_stopped_come_back_with_the_next_start(self):
+    def test_stopped_sockets_return_with_the_next_start(self):
         self.systemctl("stop", "keeld-auth.socket", "keeld-notify.socket")
         self.systemctl("restart", "keeld")
         self.assertUnits("is-active", "active")
@@ -141,7 +141,7 @@ class Installation(unittest.TestCase):
         self.assertEqual(priorities.pop("keel-io"), {keel_host.preferred_priority()})
         self.assertEqual(set().union(*priorities.values()), {0})
 
-    def test_has_all_that_proofs_need(self):
+    def test_has_everything_for_proofs(self):
         status, said = self.keelctl("auth", "password", "alice", password="wrong")
         self.assertEqual(status, 1)
         self.assertIn("(error 5)", said)

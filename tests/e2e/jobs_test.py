@@ -27,7 +27,7 @@ PACKAGING = os.path.join(os.path.dirname(__file__), "../../packaging/systemd")
 
 
 class Jobs(JobTest):
-    def test_is_started_by_its_first_client_and_handed_its_sockets(self):
+    def test_is_started_by_its_first_client_and_inherits_its_sockets(self):
         words = ["a b", "%n $HOME ${HOME} ;\"'\\\n\t", ";", "", "ü"]
         self.assertEqual(self.supervisor.is_enabled("com.t.first"), (False, None))
         self.enable(telling_job("com.t.first", "com.t.first.a", "com.t.first.b", arguments=words,
@@ -43,7 +43,7 @@ class Jobs(JobTest):
         self.assertEqual(environment["A"], "%n $X \"\n\\")
         self.assertEqual((told["uid"], told["directory"], told["nice"]), (0, "/usr", 3))
 
-    def test_is_started_again_after_it_has_ended(self):
+    def test_is_restarted_on_demand(self):
         self.enable(telling_job("com.t.again", "com.t.again"))
         self.assertNotEqual(ask("com.t.again")["pid"], ask("com.t.again")["pid"])
 
@@ -52,7 +52,7 @@ class Jobs(JobTest):
         told = ask("com.t.user")
         self.assertEqual((told["uid"], told["environment"]["USER"]), (1, "daemon"))
 
-    def test_that_is_enabled_costs_the_next_keeld_one_question(self):
+    def test_an_enabled_job_costs_the_next_keeld_one_call(self):
         self.enable(telling_job("com.t.cost", "com.t.cost.a", "com.t.cost.b"))
         spy = SpyBus()
         self.addCleanup(spy.close)
@@ -64,7 +64,7 @@ class Jobs(JobTest):
         self.assertDone(other.set_enabled("com.t.new"))
         self.assertEqual(spy.take(), ["UnitPath", "StartUnit", "EnableUnitFiles"])
 
-    def test_that_changed_gets_what_is_new(self):
+    def test_a_changed_job_is_updated(self):
         self.enable(telling_job("com.t.change", "com.t.change", arguments=["old"]))
         self.assertEqual(ask("com.t.change")["arguments"][-1], "old")
         self.enable(telling_job("com.t.change", "com.t.change", arguments=["new"]))
@@ -81,7 +81,7 @@ class Jobs(JobTest):
         self.enable(telling_job("com.t.off", "com.t.off"))
         self.assertIsNotNone(ask("com.t.off"))
 
-    def test_that_lasts_is_in_etc(self):
+    def test_a_persistent_job_is_in_etc(self):
         job = telling_job("com.t.lasting", "com.t.lasting")
         del job["Transient"]
         self.enable(job)
@@ -90,14 +90,14 @@ class Jobs(JobTest):
         self.assertEqual(systemctl("is-enabled", "com.t.lasting.socket"), "enabled")
         self.assertIsNotNone(ask("com.t.lasting"))
 
-    def test_runs_from_the_beginning_when_it_says_so(self):
+    def test_run_at_load_starts_it_immediately(self):
         self.enable(telling_job("com.t.load", "com.t.load", RunAtLoad=True))
         caller = Caller("com.t.load")
         self.addCleanup(caller.close)
         self.assertIsNotNone(caller.told())
         self.assertEqual(state_of("com.t.load.service"), "active")
 
-    def test_that_crashes_at_once_keeps_its_socket(self):
+    def test_a_crash_loop_keeps_the_socket(self):
         job = telling_job("com.t.crash", "com.t.crash", ThrottleInterval=3600)
         job["ProgramArguments"] = ["/bin/sh", "-c", "kill -SEGV $$"]
         self.enable(job)
@@ -111,7 +111,7 @@ class Jobs(JobTest):
 
 
 class Nasty(JobTest):
-    def test_labels_lead_nowhere_else(self):
+    def test_labels_cannot_escape_the_folder(self):
         before = set(os.listdir("/etc"))
         for number, label in enumerate(["../../etc/x",
                                         "a b%n$HOME\n[Service]\nExecStart=/bin/false", "@x", "-x",
@@ -129,7 +129,7 @@ class Nasty(JobTest):
             self.assertRefused(self.supervisor.set_enabled(label), "label")
             self.assertRefused(self.supervisor.is_enabled(label), "label")
 
-    def test_units_of_others_are_left_alone(self):
+    def test_foreign_units_are_not_changed(self):
         for label in ("dbus", "systemd-journald", "dbus-org.freedesktop.login1"):
             self.assertRefused(self.supervisor.create(telling_job(label, "com.t.no")),
                                "is there already")
@@ -185,7 +185,7 @@ class Trouble(JobTest):
             while f"frozen {int(frozen)}" not in events.read():
                 events.seek(0)
 
-    def test_systemd_that_does_not_answer_is_waited_for_once(self):
+    def test_an_unresponsive_systemd_is_waited_for_once(self):
         self.enable(telling_job("com.t.slow", "com.t.slow"))
         other = self.make_supervisor()
         self.freeze(frozen=True)
@@ -196,7 +196,7 @@ class Trouble(JobTest):
         self.freeze(frozen=False)
         self.assertDone(self.supervisor.is_enabled("com.t.slow"))
 
-    def test_bus_that_does_not_answer_is_gone_around(self):
+    def test_an_unresponsive_bus_is_bypassed(self):
         self.enable(telling_job("com.t.busless", "com.t.busless"))
         bus = int(systemctl("show", "--property=MainPID", "--value", "dbus.service"))
         os.kill(bus, signal.SIGSTOP)
@@ -205,14 +205,14 @@ class Trouble(JobTest):
         finally:
             os.kill(bus, signal.SIGCONT)
 
-    def test_bus_that_is_not_there_is_gone_around(self):
+    def test_a_missing_bus_is_bypassed(self):
         other = self.make_supervisor(**NO_BUS)
         self.assertDone(other.create(telling_job("com.t.direct", "com.t.direct")))
         self.assertDone(other.set_enabled("com.t.direct"))
         self.assertDone(other.is_enabled("com.t.direct"))
         self.assertIsNotNone(ask("com.t.direct"))
 
-    def test_systemd_that_starts_anew_is_asked_again(self):
+    def test_a_restarted_systemd_is_called_again(self):
         self.enable(telling_job("com.t.reexec", "com.t.reexec"))
         other = self.make_supervisor(**NO_BUS)
         self.assertDone(other.is_enabled("com.t.reexec"))
@@ -220,7 +220,7 @@ class Trouble(JobTest):
         self.assertDone(other.is_enabled("com.t.reexec"))
         self.assertDone(self.supervisor.is_enabled("com.t.reexec"))
 
-    def test_folder_that_cannot_be_written_is_told_of(self):
+    def test_an_unwritable_folder_is_reported(self):
         subprocess.run(["mount", "--bind", RUNTIME, RUNTIME], check=True)
         subprocess.run(["mount", "-o", "remount,bind,ro", RUNTIME], check=True)
         try:
@@ -230,7 +230,7 @@ class Trouble(JobTest):
         finally:
             subprocess.run(["umount", RUNTIME], check=True)
 
-    def test_socket_that_cannot_be_made_leaves_the_job_disabled(self):
+    def test_a_failed_socket_leaves_the_job_disabled(self):
         os.makedirs(f"{DIRECTORY}/com.t.blocked/inside")
         self.addCleanup(shutil.rmtree, f"{DIRECTORY}/com.t.blocked")
         self.assertDone(self.supervisor.create(telling_job("com.t.blocked", "com.t.blocked")))
@@ -257,7 +257,7 @@ class WithKeeld(DaemonTest):
         return [line.text.rpartition("/")[2] for line in daemon.log
                 if line.text.startswith("loadAllModules: loaded ")]
 
-    def test_modules_outlive_it_and_are_found_again(self):
+    def test_modules_outlive_keeld_and_are_found_again(self):
         self.bundle("one")
         self.bundle("two")
         first = self.start()
@@ -270,7 +270,7 @@ class WithKeeld(DaemonTest):
         self.assertCountEqual(self.loaded(second), ["keel_one.bundle", "keel_two.bundle"])
         self.assertEqual(second.logged(re.compile(".*is not enabled ")), [])
 
-    def test_tells_how_their_jobs_stand(self):
+    def test_keelctl_reports_job_states(self):
         for name in ("idle", "busy", "broken", "off"):
             self.bundle(name)
         self.start()
@@ -304,7 +304,7 @@ class WithKeeld(DaemonTest):
                          {f"keel_{name}": {"label": f"com.k.{name}", **unknown}
                           for name in ("mute", "quiet")})
 
-    def test_jobs_are_unknown_when_systemd_does_not_answer_and_it_is_asked_once(self):
+    def test_jobs_are_unknown_if_systemd_does_not_answer_one_call(self):
         self.bundle("mute")
         self.bundle("quiet")
         self.start()
@@ -319,7 +319,7 @@ class WithKeeld(DaemonTest):
         self.assertEqual(spy.take(), ["ActiveState"])
         self.assertEqual({job["program"] for job in shown_jobs().values()}, {"none"})
 
-    def test_jobs_are_unknown_when_the_bus_does_not_let_anybody_in(self):
+    def test_jobs_are_unknown_if_the_bus_refuses_access(self):
         self.bundle("mute")
         self.bundle("quiet")
         self.start()
@@ -333,7 +333,7 @@ class WithKeeld(DaemonTest):
         with unittest.mock.patch.dict(os.environ, NO_BUS):
             self.assertUnknown("systemd cannot be queried: No such file or directory")
 
-    def test_starts_when_systemd_does_not_answer(self):
+    def test_keeld_starts_without_an_answer_from_systemd(self):
         self.bundle("frozen")
         Trouble.freeze(self, frozen=True)
         try:
@@ -377,7 +377,7 @@ class WithKeeld(DaemonTest):
         for line, pattern in zip(lines, patterns):
             self.assertIsNotNone(re.fullmatch(pattern, line), f"{line!r} is not {pattern!r}")
 
-    def test_refusals_cost_the_refused_modules_alone(self):
+    def test_a_refused_module_does_not_affect_others(self):
         for name in ("masked", "taken", "blocked", "fine"):
             self.bundle(name)
         systemctl("mask", "com.k.masked.socket")
@@ -403,7 +403,7 @@ class WithKeeld(DaemonTest):
         os.rename(PRIVATE, PRIVATE + ".real")
         self.addCleanup(os.rename, PRIVATE + ".real", PRIVATE)
 
-    def test_starts_when_systemd_is_lost(self):
+    def test_keeld_starts_if_systemd_is_unreachable(self):
         self.bundle("lost")
         self.start().stop()
         self.hide_systemd()
@@ -412,7 +412,7 @@ class WithKeeld(DaemonTest):
                                  after=UNREACHABLE)
         self.assertEqual(self.client().module_table(), {})
 
-    def test_starts_when_systemd_dies_between_two_questions(self):
+    def test_keeld_starts_if_systemd_dies_between_two_calls(self):
         asked = ["UnitPath", "StartUnit", "EnableUnitFiles", "GetUnitFileState"]
         neither = {"enabling": UNREACHABLE, "after": UNREACHABLE}
         # After so many answers: what the module that is being made fails with, and the next one,
@@ -439,7 +439,7 @@ class WithKeeld(DaemonTest):
                 self.daemons[-1].stop()
                 remove(BUNDLES.rstrip("/"))
 
-    def test_bus_that_dies_between_two_questions_is_gone_around(self):
+    def test_a_bus_that_dies_between_two_calls_is_bypassed(self):
         for answers in range(1, 4):
             with self.subTest(answers=answers):
                 self.bundle(f"around{answers}")
@@ -451,7 +451,7 @@ class WithKeeld(DaemonTest):
                 daemon.stop()
                 remove(BUNDLES.rstrip("/"))
 
-    def test_is_a_service_that_makes_its_modules_while_it_is_being_started(self):
+    def test_keeld_creates_its_modules_while_its_own_unit_starts(self):
         self.bundle("a")
         self.bundle("b", RunAtLoad=True)
         os.makedirs("/private/var", exist_ok=True)

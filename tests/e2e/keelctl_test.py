@@ -20,14 +20,14 @@ USER = 1001
 
 
 class CommandLine(KeelctlTest):
-    def test_help_is_no_mistake(self):
+    def test_help_succeeds(self):
         for arguments in (["--help"], ["publish", "--help"], ["subscribe", "-h"]):
             code, out, told = self.run_keelctl(*arguments)
             self.assertEqual((code, told), (OK, ""))
             for status in ("0", "1", "2", "3", "4", "5", "6", "130", "143"):
                 self.assertRegex(out, rf"(?m)^  {status} +\S")
 
-    def test_mistakes_are_told_and_nothing_is_done(self):
+    def test_usage_errors_are_reported_and_do_nothing(self):
         for arguments in (
             [], ["nonsense"], ["publish"], ["publish", "name"], ["publish", "name", "{}", "more"],
             ["publish", "name", "{}", "--nonsense"],
@@ -57,19 +57,19 @@ class CommandLine(KeelctlTest):
                           ["authcheck", "root", "3"]):
             self.assertExits(UNREACHABLE, *arguments, told=f".*{NOTIFY_PATH}")
 
-    def test_a_daemon_that_does_not_let_one_in_is_unreachable(self):
+    def test_a_daemon_that_refuses_access_is_unreachable(self):
         os.chmod(NOTIFY_PATH, 0o600)
         self.assertExits(UNREACHABLE, "dump", uid=USER, told=".*")
         self.assertExits(OK, "dump")
 
-    def test_a_daemon_that_does_not_answer_is_given_up(self):
+    def test_an_unresponsive_daemon_times_out(self):
         self.daemon.pause()
         try:
             self.assertExits(TIMED_OUT, "dump", "--timeout", "0.2", told=".*")
         finally:
             self.daemon.go_on()
 
-    def test_waiting_for_a_daemon_in_vain_is_unreachable(self):
+    def test_a_timeout_waiting_for_a_daemon_is_unreachable(self):
         self.daemon.stop()
         for command, deed in ((["publish", "weather", "{}"], "publish"),
                               (["subscribe", "weather"], "subscribe to"),
@@ -78,7 +78,7 @@ class CommandLine(KeelctlTest):
                                     told="keeld is not running")
             self.assertIn(f'could not {deed} "weather" within 0.2 s: keeld is not running', told)
 
-    def test_waiting_for_an_answer_in_vain_is_given_up(self):
+    def test_a_timeout_waiting_for_an_answer_times_out(self):
         self.daemon.pause()
         try:
             for command in (["publish", "weather", "{}"], ["subscribe", "weather"]):
@@ -144,7 +144,7 @@ class Questions(KeelctlTest):
             else:
                 self.assertNotIn("publishedData", weather)
 
-    def test_dump_of_one_name_writes_that_one(self):
+    def test_dump_of_a_name_writes_that_item(self):
         publisher = self.client()
         publisher.publish({}, "one")
         publisher.publish({}, "two")
@@ -161,12 +161,12 @@ class Questions(KeelctlTest):
         self.assertExits(REFUSED, "authcheck", "alice", "-1",
                          out='{"user":"alice","auditSession":-1,"authenticated":false}\n')
 
-    def test_any_user_may_ask(self):
+    def test_any_user_may_query(self):
         self.client().publish({}, "weather")
         code, out, _ = self.run_keelctl("dump", uid=USER)
         self.assertEqual((code, json.loads(out)["name"]), (OK, "weather"))
 
-    def test_on_a_terminal_it_writes_for_people(self):
+    def test_output_on_a_terminal_is_a_table(self):
         self.client().publish({"n": 1}, "weather\x1b[31m")
         screen = self.on_terminal("dump")
         self.assertIn("weather", screen)
@@ -175,7 +175,7 @@ class Questions(KeelctlTest):
         self.assertIn('{"name"', self.on_terminal("dump", "--json"))
         self.assertNotIn("\x1b", self.on_terminal("dump", environment={"NO_COLOR": "1"}))
 
-    def test_on_a_terminal_times_are_local_and_say_so(self):
+    def test_times_on_a_terminal_are_local_with_their_offset(self):
         publisher = self.client()
         publisher.publish({}, "weather")
         zone = {"TZ": "IST-5:30"}
@@ -185,7 +185,7 @@ class Questions(KeelctlTest):
                                   r"weather .* \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \+0530")):
             self.assertRegex(self.on_terminal(*command, environment=zone), pattern)
 
-    def test_help_is_as_wide_as_the_terminal(self):
+    def test_help_fits_the_terminal(self):
         for columns in (60, 120):
             lines = self.on_terminal("subscribe", "--help", columns=columns).splitlines()
             self.assertLessEqual(max(map(len, lines)), columns)
@@ -211,7 +211,7 @@ class Questions(KeelctlTest):
 
 
 class Publish(KeelctlTest):
-    def test_stays_until_a_signal_ends_it_and_the_name_is_left(self):
+    def test_runs_until_a_signal_and_leaves_the_name(self):
         for number, status in ((signal.SIGTERM, 143), (signal.SIGINT, 130)):
             publisher = self.start_keelctl("publish", "weather", '{"n":1}')
             self.assertEqual(publisher.told(), "published weather")
@@ -222,7 +222,7 @@ class Publish(KeelctlTest):
             self.assertEqual(publisher.end()[:2], (status, ""))
             self.assertEqual(self.client().dump("weather")[0][0]["publisher"], "<unconnected>")
 
-    def test_takes_each_line_for_a_version(self):
+    def test_publishes_each_line_as_a_version(self):
         follower = self.client()
         follower.subscribe("weather")
         publisher = self.start_keelctl("publish", "weather", "-")
@@ -235,13 +235,13 @@ class Publish(KeelctlTest):
         self.assertEqual(follower.deliveries_so_far(), [])
         self.assertNotEqual(follower.dump("weather")[0][0]["publisher"], "<unconnected>")
 
-    def test_ends_after_as_many_versions_as_asked_for(self):
+    def test_ends_after_count_versions(self):
         self.assertExits(OK, "publish", "weather", "-", "--count", "2",
                          text='{"n":1}\n{"n":2}\n{"n":3}\n',
                          told="published weather")
         self.assertEqual(self.client().dump("weather", True)[0][0]["publishedData"], {"n": 2})
 
-    def test_with_too_few_versions_in_time_says_so(self):
+    def test_too_few_versions_in_time_are_reported(self):
         publisher = self.start_keelctl("publish", "weather", "-", "--timeout", "0.2")
         self.assertEqual(publisher.told(),
                          "keelctl: no line of standard input came in time: nothing was published")
@@ -251,11 +251,11 @@ class Publish(KeelctlTest):
                          told="published weather\nupdated weather\n"
                               "keelctl: 2 of 3 versions were published in time\n")
 
-    def test_ends_well_when_its_time_is_up(self):
+    def test_succeeds_at_its_timeout(self):
         self.assertExits(OK, "publish", "weather", "{}", "--timeout", "1",
                          told="published weather\n")
 
-    def test_of_a_daemon_that_does_not_come_back_is_unreachable(self):
+    def test_a_daemon_that_does_not_return_is_unreachable(self):
         for command in (["publish", "weather", "{}"], ["subscribe", "weather"]):
             running = self.start_keelctl(*command, "--reconnect", "--timeout", "3")
             self.assertIn("weather", running.told())
@@ -265,7 +265,7 @@ class Publish(KeelctlTest):
             self.assertIn("keeld did not come back in time", told)
             self.daemon = self.start(**self.options)
 
-    def test_of_a_name_that_is_published_is_refused(self):
+    def test_a_published_name_is_refused(self):
         publisher = self.client()
         publisher.publish({}, "weather")
         self.assertExits(REFUSED, "publish", "weather", "{}",
@@ -282,7 +282,7 @@ class Publish(KeelctlTest):
         self.daemon.stop()
         self.assertEqual(publisher.end()[0], UNREACHABLE)
 
-    def test_reconnecting_publishes_anew(self):
+    def test_republishes_after_a_reconnection(self):
         publisher = self.start_keelctl("publish", "weather", '{"n":1}', "--reconnect")
         self.assertEqual(publisher.told(), "published weather")
         self.daemon.kill()
@@ -310,7 +310,7 @@ class Subscribe(KeelctlTest):
         subscriber.signal(signal.SIGTERM)
         self.assertEqual(subscriber.end()[:2], (143, ""))
 
-    def test_ends_after_as_many_events_as_asked_for(self):
+    def test_ends_after_count_events(self):
         publisher = self.client()
         publisher.publish({"n": 1}, "weather")
         self.assertExits(OK, "subscribe", "weather", "--count", "1",
@@ -319,12 +319,12 @@ class Subscribe(KeelctlTest):
         publisher.update({"n": 2}, "weather")
         self.assertEqual(publisher.dump("weather")[0][0]["subscribers"], [])
 
-    def test_with_too_few_events_in_time_says_so(self):
+    def test_too_few_events_in_time_are_reported(self):
         self.client().publish({"n": 1}, "weather")
         self.assertExits(TIMED_OUT, "subscribe", "weather", "--count", "2", "--timeout", "0.2",
                          out=self.events(("weather", '{"n":1}')), told="subscribed to weather")
 
-    def test_without_a_count_the_time_is_just_the_end(self):
+    def test_succeeds_at_its_timeout_without_a_count(self):
         self.assertExits(OK, "subscribe", "weather", "--timeout", "0.1",
                          told="subscribed to weather")
 
@@ -335,7 +335,7 @@ class Subscribe(KeelctlTest):
                          'echo "$KEELCTL_NAME $KEELCTL_EVENT $(cat)"',
                          out='weather data {"n":1}\n', told="subscribed to weather")
 
-    def test_tells_of_a_command_that_fails(self):
+    def test_reports_a_failing_command(self):
         self.client().publish({}, "weather")
         told = self.assertExits(COMMAND_FAILED, "subscribe", "weather", "--count", "1", "--", "sh",
                                 "-c", "exit 3",
@@ -346,7 +346,7 @@ class Subscribe(KeelctlTest):
                                 told="subscribed")
         self.assertIn("/no/such/program", told)
 
-    def test_whose_reader_goes_away_ends_quietly(self):
+    def test_ends_quietly_when_its_reader_is_gone(self):
         reading, writing = os.pipe()
         subscriber = self.start_keelctl("subscribe", "weather", stdout=writing)
         os.close(writing)
@@ -365,7 +365,7 @@ class Subscribe(KeelctlTest):
         self.assertEqual((code, out), (UNREACHABLE, ""))
         self.assertIn("closed the connection", told)
 
-    def test_reconnecting_hears_what_was_missed(self):
+    def test_receives_missed_updates_after_a_reconnection(self):
         publisher = self.client()
         publisher.publish({"n": 1}, "weather")
         subscriber = self.start_keelctl("subscribe", "weather", "--reconnect")
@@ -398,7 +398,7 @@ class Json(KeelctlTest):
         ('{"é":"\\u0000\\u001b"}', {"é": "\0\x1b"}),
     )
 
-    def test_is_published_as_what_it_says(self):
+    def test_is_published_as_its_value(self):
         follower = self.client()
         follower.subscribe("weather")
         publisher = self.start_keelctl("publish", "weather", "-")
@@ -406,7 +406,7 @@ class Json(KeelctlTest):
             publisher.write(text)
             self.assertEqual(follower.delivery().item, value)
 
-    def test_is_written_for_what_is_published(self):
+    def test_is_written_from_published_data(self):
         publisher = self.client()
         publisher.publish({}, "weather")
         subscriber = self.start_keelctl("subscribe", "weather")
@@ -417,13 +417,13 @@ class Json(KeelctlTest):
         publisher.update({"nan": float("nan")}, "weather")
         self.assertEqual(json.loads(subscriber.out())["data"], {"nan": {"$real": "NaN"}})
 
-    def test_a_doubled_key_counts_with_its_last_value(self):
+    def test_the_last_of_duplicate_keys_wins(self):
         publisher = self.client()
         publisher.publish(Raw(b"\xa2\x61a\x01\x61a\x02"), "weather")
         code, out, _ = self.run_keelctl("subscribe", "weather", "--count", "1")
         self.assertEqual((code, json.loads(out)["data"]), (OK, {"a": 2}))
 
-    def test_large_items_are_nothing_special(self):
+    def test_large_items_round_trip(self):
         text = "x" * 1000000
         follower = self.client()
         follower.subscribe("weather")
@@ -433,7 +433,7 @@ class Json(KeelctlTest):
         code, out, _ = self.run_keelctl("subscribe", "weather", "--count", "1")
         self.assertEqual((code, json.loads(out)["data"]), (OK, {"text": text}))
 
-    def test_a_line_that_is_no_json_ends_the_publisher_or_is_told(self):
+    def test_an_invalid_line_is_reported(self):
         publisher = self.start_keelctl("publish", "weather", "-")
         publisher.write('{"n":1}')
         self.assertEqual(publisher.told(), "published weather")

@@ -50,7 +50,7 @@ class LargeValueTest(DaemonTest):
 
 
 class ToTheDaemon(LargeValueTest):
-    def test_a_value_in_a_file_is_as_good_as_inline(self):
+    def test_a_value_in_a_file_equals_the_inline_value(self):
         item = item_of(70014)
         follower = self.client()
         self.assertWorked(follower.subscribe("camera"))
@@ -62,7 +62,7 @@ class ToTheDaemon(LargeValueTest):
                          [None])
         self.assertEqual(follower.delivery().raw_item, item)
 
-    def test_a_value_of_16_mebibytes_in_a_file_is_taken_and_one_byte_more_refused(self):
+    def test_a_value_of_16_mebibytes_in_a_file_works_and_one_byte_more_is_refused(self):
         self.assertWorked(self.sender.publish({}, "camera"))
         follower = self.client(descriptors=True)
         self.assertWorked(follower.subscribe("camera"))
@@ -74,7 +74,7 @@ class ToTheDaemon(LargeValueTest):
                          [None])
         self.assertEqual(follower.delivery().raw_item, item)
 
-    def test_a_frame_of_16_mebibytes_is_taken_and_one_byte_more_refused(self):
+    def test_a_frame_of_16_mebibytes_works_and_one_byte_more_is_refused(self):
         self.assertWorked(self.sender.publish({}, "camera"))
         follower = self.client()
         self.assertWorked(follower.subscribe("camera"))
@@ -91,7 +91,7 @@ class ToTheDaemon(LargeValueTest):
                 self.assertEqual(self.sender.failure(identifier), Code.tooLarge)
         self.assertEqual(follower.deliveries_so_far(), [])
 
-    def test_a_frame_that_is_too_large_is_skipped_whatever_is_in_it(self):
+    def test_a_too_large_frame_is_skipped_whatever_its_content(self):
         for first, identifier in ((encode([REQUEST, 2**64 - 1, 4, []])[:-1], 2**64 - 1),
                                   (b"\x83\x02\x02", None),
                                   (b"\0\0\0\0", None)):
@@ -102,7 +102,7 @@ class ToTheDaemon(LargeValueTest):
                 client.send([ONE_WAY, 99, []])
                 self.assertEqual(client.failure(None), Code.unknownMethod)
 
-    def test_many_large_values_do_not_pile_up(self):
+    def test_superseded_large_values_are_released(self):
         self.assertWorked(self.sender.publish({}, "camera"))
         before = self.daemon.descriptor_count()
         for number in range(300):
@@ -111,7 +111,7 @@ class ToTheDaemon(LargeValueTest):
             self.assertEqual(self.sender.results(identifier), [None])
         self.assertLessEqual(self.daemon.descriptor_count(), before + 1)
 
-    def test_requests_sent_at_once_keep_their_files_in_order(self):
+    def test_pipelined_requests_keep_their_files_in_order(self):
         follower = self.client()
         self.assertWorked(follower.subscribe("camera"))
         self.assertWorked(self.sender.publish({}, "camera"))
@@ -153,13 +153,13 @@ class FromTheDaemon(LargeValueTest):
         self.assertEqual(delivery.raw_item, item)
         self.assertFalse(delivery.from_file)
 
-    def test_a_value_travels_as_a_file_from_64_kibibytes_on(self):
+    def test_values_from_64_kibibytes_on_are_sent_as_files(self):
         for size, in_file in ((IN_FILE_LEAST - 1, False), (IN_FILE_LEAST, True),
                               (IN_FILE_LEAST + 1, True), (5 << 20, True)):
             self.assertWorked(self.sender.update(Raw(item_of(size, b"\3")), "camera"))
             self.assertDelivered(item_of(size, b"\3"), in_file)
 
-    def test_a_value_that_came_as_a_file_travels_as_one(self):
+    def test_a_value_received_as_a_file_is_sent_as_one(self):
         item = item_of(IN_FILE_LEAST)
         self.assertEqual(self.sender.results(self.send_in_file(self.sender, item, "camera")),
                          [None])
@@ -168,7 +168,7 @@ class FromTheDaemon(LargeValueTest):
         self.assertWorked(late.subscribe("camera"))
         self.assertEqual(late.delivery().raw_item, item)
 
-    def test_a_large_dump_travels_as_a_file(self):
+    def test_a_large_dump_is_sent_as_a_file(self):
         self.assertWorked(self.sender.update(Raw(item_of(IN_FILE_LEAST)), "camera"))
         for client, files in ((self.with_files, 1), (self.inline, 0)):
             identifier = client.request("dumpNotification:withData:andHandler:", "_all", True)
@@ -238,7 +238,7 @@ class BadFiles(LargeValueTest):
         for size in (0, 1, 70013, 70015, FRAME_LIMIT, FRAME_LIMIT + 1, 2**63, 2**64 - 1):
             self.assertRefused(self.send_in_file(self.sender, self.item, "camera", size=size))
 
-    def test_that_is_no_memory_file_ends_the_connection(self):
+    def test_another_kind_of_file_ends_the_connection(self):
         reading, writing = os.pipe()
         ordinary = os.open("/var/ordinary", os.O_RDWR | os.O_CREAT)
         os.write(ordinary, self.item)
@@ -261,7 +261,7 @@ class BadFiles(LargeValueTest):
         client.request(selector, *arguments, files=files)
         self.assertTrue(client.end())
 
-    def test_whose_content_breaks_a_rule_is_refused(self):
+    def test_invalid_content_is_refused(self):
         deep = b"\xa1\x60" + 65 * b"\x81" + b"\x00"
         padding = encode("x" * 70000)
         for content in (b"\x80", b"\x81" + padding, padding, self.item + b"\0", self.item[:-1],
@@ -272,10 +272,10 @@ class BadFiles(LargeValueTest):
                         b"\xa1\x01" + padding):
             self.assertRefused(self.send_in_file(self.sender, content, "camera"))
 
-    def test_that_is_missing_is_refused(self):
+    def test_a_missing_file_is_refused(self):
         self.assertRefused(self.request_with())
 
-    def test_that_no_tag_of_its_message_claims_ends_the_connection(self):
+    def test_an_unclaimed_file_ends_the_connection(self):
         file = self.file(sealed_file(self.item))
         for selector, arguments, count in (
             ("getModuleTableWithHandler:", [], 1),
@@ -294,7 +294,7 @@ class BadFiles(LargeValueTest):
         self.send_and_end(client, "authServiceCheckWithHandler:", [], [file])
         client.close()
 
-    def test_in_a_place_that_takes_none_is_refused(self):
+    def test_a_tag_outside_an_argument_is_refused(self):
         file = sealed_file(self.item)
         for arguments in ([InFile(70014), InFile(70014)], [{}, InFile(70014)], [InFile(70014)],
                           [InFile(70014), "camera", 1]):
@@ -304,7 +304,7 @@ class BadFiles(LargeValueTest):
                                                0, files=[file]))
         os.close(file)
 
-    def test_with_a_refused_message_is_closed_and_the_next_has_its_own(self):
+    def test_the_file_of_a_refused_message_is_closed(self):
         other = sealed_file(item_of(70014, b"\1"))
         file = sealed_file(self.item)
         self.sender.last_id += 1
@@ -317,7 +317,7 @@ class BadFiles(LargeValueTest):
         os.close(file)
         os.close(other)
 
-    def test_behind_other_messages_stays_with_its_own(self):
+    def test_a_file_behind_other_messages_stays_with_its_own(self):
         # Both messages come in one read: one that is refused, and one that waits for its turn, with
         # the file behind it.
         file = self.file(sealed_file(self.item))
@@ -333,7 +333,7 @@ class BadFiles(LargeValueTest):
             self.assertEqual(self.sender.results(self.sender.last_id), [None])
             self.assertEqual(self.follower.delivery().raw_item, self.item)
 
-    def test_that_its_sender_cannot_change_any_more_stays_what_it_was(self):
+    def test_a_sealed_file_cannot_be_changed_by_its_sender(self):
         file = sealed_file(self.item)
         self.assertEqual(self.sender.results(self.request_with(file)), [None])
         for change in (lambda: os.ftruncate(file, 0), lambda: os.ftruncate(file, 1 << 20),
@@ -342,7 +342,7 @@ class BadFiles(LargeValueTest):
         self.assertEqual(self.follower.delivery().raw_item, self.item)
         os.close(file)
 
-    def test_cut_in_the_middle_comes_with_the_first_byte_only(self):
+    def test_the_descriptor_arrives_with_the_first_byte_of_a_split_frame(self):
         """The descriptor leaves with the first byte; the rest of the frame comes one byte at a
         time.
         """
@@ -357,7 +357,7 @@ class BadFiles(LargeValueTest):
         self.assertEqual(self.follower.delivery().raw_item, self.item)
 
 
-    def test_of_a_connection_that_ends_within_a_frame_are_closed_with_it(self):
+    def test_files_of_an_incomplete_frame_are_closed_with_the_connection(self):
         file = self.file(sealed_file(self.item))
         for count in (1, UNCLAIMED_MOST):
             client = self.client()

@@ -93,7 +93,7 @@ class Requests(LogTest):
             "error unsubscribeFrom (null) failed to find subscription",
         )
 
-    def test_the_address_of_a_subscription_is_the_same_throughout(self):
+    def test_a_subscription_keeps_its_address(self):
         self.one.subscribe("weather")
         self.one.subscribe("weather")
         self.one.unsubscribe("weather")
@@ -122,7 +122,7 @@ class Requests(LogTest):
             *delivered,
         )
 
-    def test_a_dump_and_the_side_questions_log_nothing(self):
+    def test_dumps_and_queries_log_nothing(self):
         for name in ("_all", "unknown", None):
             self.one.dump(name, True)
         self.one.auth_check("alice", 3)
@@ -167,7 +167,7 @@ class Connections(LogTest):
             category="runtime",
         )
 
-    def test_that_end_are_logged_and_cleaned_up_in_order(self):
+    def test_ends_are_logged_and_cleaned_up_in_order(self):
         publisher, follower = self.client(), self.client()
         publisher.subscribe("followed")
         publisher.publish({}, "weather")
@@ -192,7 +192,7 @@ class Connections(LogTest):
         )
         self.assertEqual({line.level for line in self.daemon.log}, {"debug", "default"})
 
-    def test_that_end_are_logged_with_the_process_that_has_gone(self):
+    def test_ends_are_logged_with_the_gone_process(self):
         other = self.process(new_session=True)
         pid, session = other.pid, other.session
         other.client()
@@ -203,7 +203,7 @@ class Connections(LogTest):
                                  level="debug",
                                  category="notification")
 
-    def test_a_message_that_cannot_be_served_interrupts_and_is_told_in_full_once(self):
+    def test_a_bad_message_interrupts_and_is_logged_once(self):
         one = self.client()
         for _ in range(3):
             one.send([ONE_WAY, 99, []])

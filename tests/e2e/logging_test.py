@@ -47,7 +47,7 @@ class Levels(LogTest):
         self.assertEqual(self.levels_of(None),
                          {("daemon", "default"), ("notification", "error"), ("runtime", "default")})
 
-    def test_one_level_counts_for_all(self):
+    def test_a_plain_level_applies_to_all_categories(self):
         self.assertEqual(self.levels_of("error"), {("notification", "error")})
         self.assertEqual(self.levels_of("fault"), set())
         self.assertEqual(
@@ -59,12 +59,12 @@ class Levels(LogTest):
             },
         )
 
-    def test_a_category_may_have_its_own(self):
+    def test_a_category_may_have_its_own_level(self):
         self.assertEqual(
             self.levels_of("fault,notification=debug"),
             {("notification", "debug"), ("notification", "error")})
 
-    def test_what_is_not_understood_is_named_and_the_rest_counts(self):
+    def test_invalid_entries_are_named_and_the_others_apply(self):
         daemon = self.start(log="chatty,runtime=debug,notification=loud")
         line = daemon.wait_for_log("KEELD_LOG: not understood: chatty,notification=loud")
         self.assertEqual((line.level, line.category), ("error", "runtime"))
@@ -96,7 +96,7 @@ class StandardError(LogTest):
         os.close(writing)
         return daemon, reading
 
-    def test_that_nobody_reads_holds_up_nothing(self):
+    def test_a_full_pipe_does_not_block_the_daemon(self):
         self.daemon, _ = self.stuck_daemon()
         client = self.client()
         before = self.daemon.resident_bytes()
@@ -107,7 +107,7 @@ class StandardError(LogTest):
         self.assertMemoryWithin(before, 32 << 20)
         self.assertEqual(self.daemon.stop(), 0)
 
-    def test_that_is_read_again_says_how_much_was_lost(self):
+    def test_losses_are_reported_once_it_is_read_again(self):
         daemon, reading = self.stuck_daemon()
         client = self.client()
         self.flood_the_log(client)
@@ -122,7 +122,7 @@ class StandardError(LogTest):
         self.assertGreater(int(lost.group()), 0)
         self.assertLess(int(lost.group()), 5 * MANY)
 
-    def test_whose_reader_has_gone_does_not_matter(self):
+    def test_a_reader_that_is_gone_is_harmless(self):
         reading, writing = os.pipe()
         daemon = self.start_silent(stderr=writing)
         os.close(writing)
@@ -132,7 +132,7 @@ class StandardError(LogTest):
         self.assertWorked(client.publish({}, "name"))
         self.assertEqual(daemon.stop(), 0)
 
-    def test_that_is_closed_is_no_clients_socket(self):
+    def test_a_closed_one_is_never_a_clients_socket(self):
         daemon = self.start_silent(before_exec=lambda: os.close(2))
         # one of their sockets is what standard error would have been
         clients = [self.client() for _ in range(10)]
@@ -169,7 +169,7 @@ class InTheJournal(LogTest):
         self.assertEqual(daemon.wait(), 0)
         self.assertEqual(daemon.lines, [])
 
-    def test_texts_arrive_as_they_are(self):
+    def test_texts_are_unchanged(self):
         self.start_in_journal()
         name = "line\nand bell \a, é " + "long " * 300
         self.client().subscribe(name)
@@ -179,21 +179,21 @@ class InTheJournal(LogTest):
         daemon = self.start(environment={"JOURNAL_STREAM": "1:2"})
         self.assertTrue(daemon.logged("up and running"))
 
-    def test_a_journal_that_has_stopped_holds_up_nothing(self):
+    def test_a_stopped_journal_does_not_block_the_daemon(self):
         daemon, _ = self.start_in_journal()
         client = self.client()
         self.flood_the_log(client)
         self.assertWorked(client.publish({}, "name"))
         self.assertEqual(daemon.stop(), 0)
 
-    def test_a_journal_that_goes_on_hears_how_much_was_lost(self):
+    def test_losses_are_reported_once_the_journal_continues(self):
         self.start_in_journal()
         self.flood_the_log(self.client())
         while "lost" not in (entry := self.journal.next())["MESSAGE"]:
             pass
         self.assertGreater(int(re.search(r"\d+", entry["MESSAGE"]).group()), 0)
 
-    def test_a_journal_that_has_gone_holds_up_nothing(self):
+    def test_a_journal_that_is_gone_does_not_block_the_daemon(self):
         daemon, _ = self.start_in_journal()
         self.journal.close()
         client = self.client()

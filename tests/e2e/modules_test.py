@@ -205,7 +205,7 @@ class Loading(ModulesTest):
             listed = [entry.path for entry in entries]
         self.assertEqual(self.daemon_texts("loadAllModules: loaded "), listed)
 
-    def test_an_empty_directory_is_said_to_hold_no_modules(self):
+    def test_an_empty_directory_is_reported(self):
         self.run_daemon()
         self.assertEqual(self.startup(), ["loadAllModules: moduleTable is {}"])
         self.assertEqual(self.table(), {})
@@ -257,7 +257,7 @@ class Loading(ModulesTest):
         for name in names:
             self.assertIn(table[f"keel_{name}"], (DEFAULT + name, f"com.vantor.{name}.own"))
 
-    def test_what_is_logged_of_one_module(self):
+    def test_the_log_of_one_module(self):
         self.bundle("one")
         self.run_daemon()
         label = DEFAULT + "one"
@@ -311,7 +311,7 @@ class Loading(ModulesTest):
         modules = map(json.loads, shown.stdout.splitlines())
         return {module["module"]: (module["synthesized"], module["reason"]) for module in modules}
 
-    def test_what_is_enabled_already_is_only_recorded(self):
+    def test_an_enabled_job_is_only_recorded(self):
         self.bundle("one")
         self.assertEqual(self.run_daemon().stop(), 0)
         self.run_daemon()
@@ -332,7 +332,7 @@ class Loading(ModulesTest):
 
 
 class Start(ModulesTest):
-    def test_modules_come_before_any_listener(self):
+    def test_modules_are_loaded_before_any_listener(self):
         self.bundle("one")
         self.run_daemon()
         texts = [line.text for line in self.daemon.log if line.category != "daemon"]
@@ -341,7 +341,7 @@ class Start(ModulesTest):
         self.assertEqual(texts[closing + 1 : closing + 4],
                          ["Auth listener created", "Notify listener created", "up and running"])
 
-    def test_terminate_while_modules_are_loaded_ends_in_good_order_after_the_start(self):
+    def test_sigterm_during_loading_ends_it_after_the_start(self):
         for number in range(200):
             self.bundle(f"m{number}")
         daemon = self.run_daemon(ready=False)
@@ -357,7 +357,7 @@ class Start(ModulesTest):
         self.assertFalse(os.path.lexists(NOTIFY_PATH))
         self.assertFalse(os.path.lexists(AUTH_PATH))
 
-    def test_hangup_while_modules_are_loaded_does_nothing(self):
+    def test_sighup_during_loading_does_nothing(self):
         for number in range(100):
             self.bundle(f"m{number}")
         daemon = self.run_daemon(ready=False)
@@ -378,7 +378,7 @@ class Readiness(ModulesTest):
         self.manager.settimeout(keel_host.HANG_GUARD)
         self.manager.bind(self.PATH)
 
-    def test_is_told_when_both_services_can_be_reached(self):
+    def test_is_signalled_once_both_services_listen(self):
         self.bundle("one")
         daemon = self.run_daemon(ready=False, environment={"NOTIFY_SOCKET": self.PATH})
         self.assertEqual(self.manager.recv(1000), b"READY=1")
@@ -390,7 +390,7 @@ class Readiness(ModulesTest):
         self.assertEqual(self.manager.recv(1000), b"STOPPING=1")
         self.assertEqual(daemon.wait(), 0)
 
-    def test_nobody_need_listen(self):
+    def test_works_without_a_notify_socket(self):
         self.manager.close()
         daemon = self.run_daemon(environment={"NOTIFY_SOCKET": self.PATH})
         self.assertEqual(daemon.stop(), 0)

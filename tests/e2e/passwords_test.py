@@ -62,15 +62,15 @@ class Accounts(AccountsTest):
         self.assertAccepted("alice")
         self.no_messages()
 
-    def test_a_wrong_one_is_refused_and_nothing_is_logged(self):
+    def test_a_wrong_password_is_refused_and_not_logged(self):
         self.assertRefused("alice", "wrong")
         self.assertEqual([line for line in self.daemon.log if line.category == "auth"], [])
 
-    def test_an_unknown_user_is_refused_and_nothing_is_logged(self):
+    def test_an_unknown_user_is_refused_and_not_logged(self):
         self.assertRefused("nobody-of-that-name", password_of("alice"))
         self.assertEqual([line for line in self.daemon.log if line.category == "auth"], [])
 
-    def test_who_is_no_administrator_is_told_so_when_the_password_is_right(self):
+    def test_another_user_is_not_admin_if_the_password_is_right(self):
         self.assertRefused("bob", code=NOT_ADMIN)
         self.assertRefused("bob", "wrong", code=AUTH_FAILED)
 
@@ -80,7 +80,7 @@ class Accounts(AccountsTest):
                 self.assertRefused(user)
         self.no_messages()
 
-    def test_an_empty_password_is_refused_also_where_an_account_has_none(self):
+    def test_an_empty_password_is_refused_even_for_an_account_without_one(self):
         keel_accounts.append("/etc/passwd", "frank:x:510:80::/tmp:/bin/sh")
         keel_accounts.append("/etc/shadow", "frank::19000:0:99999:7:::")
         service("auth required pam_unix.so nullok", "account required pam_unix.so")
@@ -88,14 +88,14 @@ class Accounts(AccountsTest):
         self.assertRefused("alice", "")
         self.assertRefused("root", "")
 
-    def test_what_cannot_be_a_name_or_a_password_is_refused(self):
+    def test_invalid_names_and_passwords_are_refused(self):
         for user in ("", "alice\0", "alice\n", "/alice", "a" * 256):
             self.assertRefused(user, password_of("alice"))
         for password in (password_of("alice") + "\0", password_of("alice") + "\0x"):
             self.assertRefused("alice", password)
         self.no_messages()
 
-    def test_passwords_of_511_bytes_are_accepted_and_longer_ones_are_not(self):
+    def test_passwords_of_511_bytes_work_and_longer_ones_are_refused(self):
         longest = "p" * 511
         add_account("henry", 511, ADMIN_GROUP, password=longest)
         self.assertAccepted("henry", longest)
@@ -106,7 +106,7 @@ class Accounts(AccountsTest):
         add_account("ida", 512, ADMIN_GROUP, password=password)
         self.assertAccepted("ida", password)
 
-    def test_a_changed_password_counts_at_once(self):
+    def test_a_changed_password_takes_effect_immediately(self):
         add_account("jack", 513, ADMIN_GROUP, password="old")
         self.assertAccepted("jack", "old")
         with open("/etc/shadow") as file:
@@ -122,7 +122,7 @@ class Administrators(AccountsTest):
     def test_the_primary_group_counts(self):
         self.assertAccepted("grace")
 
-    def test_the_group_is_asked_anew_each_time(self):
+    def test_the_group_is_looked_up_each_time(self):
         self.addCleanup(change_group, "admin", "alice")
         client = self.auth_client()
         self.assertError(self.password_error("bob", password_of("bob"), client), NOT_ADMIN)
@@ -131,7 +131,7 @@ class Administrators(AccountsTest):
         change_group("admin")
         self.assertError(self.password_error("alice", password_of("alice"), client), NOT_ADMIN)
 
-    def test_without_the_group_nobody_is_one(self):
+    def test_without_the_group_there_are_no_administrators(self):
         self.addCleanup(change_group, "admin", "alice")
         change_group("administrators", "alice")
         with open("/etc/group") as file:
@@ -140,18 +140,18 @@ class Administrators(AccountsTest):
             file.writelines(lines)
         self.assertRefused("alice", code=NOT_ADMIN)
 
-    def test_an_entry_too_large_for_its_short_name_is_no_hindrance(self):
+    def test_an_entry_larger_than_the_usual_buffer_works(self):
         add_account("kate", 514, ADMIN_GROUP, remark="r" * 3000)
         self.assertAccepted("kate")
 
-    def test_a_group_of_very_many_members_is_no_hindrance(self):
+    def test_a_group_of_very_many_members_works(self):
         self.addCleanup(change_group, "admin", "alice")
         change_group("admin", *(f"member{number}" for number in range(3000)), "bob")
         self.assertAccepted("bob")
 
 
 class Service(AccountsTest):
-    def test_without_its_file_everybody_is_refused_whatever_the_fall_back_says(self):
+    def test_without_its_file_all_are_refused_whatever_the_fallback(self):
         os.unlink(SERVICE_FILE)
         with open("/etc/pam.d/other", "w") as file:
             file.write("auth required pam_permit.so\naccount required pam_permit.so\n")
@@ -166,7 +166,7 @@ class Service(AccountsTest):
         self.assertRefused("alice")
         self.assertEqual(self.daemon.times_logged(said, 2), 2)
 
-    def test_that_cannot_be_used_refuses_everybody(self):
+    def test_an_unusable_service_refuses_all(self):
         with open("/etc/pam.d/other", "w") as file:
             file.write("auth required pam_permit.so\naccount required pam_permit.so\n")
         for text in ("nonsense\n", "", "auth required pam_unix.so\n",
@@ -204,13 +204,13 @@ class Service(AccountsTest):
         service(f"@include {part}")
         self.assertRefused("alice")
 
-    def test_account_management_has_the_last_word(self):
+    def test_account_management_decides(self):
         service("auth required pam_permit.so", "account required pam_deny.so")
         self.assertRefused("alice")
         service("auth required pam_permit.so", "account required pam_permit.so")
         self.assertAccepted("alice")
 
-    def test_it_does_not_delay(self):
+    def test_refusals_are_not_delayed_by_pam(self):
         """The module asks for a delay of an hour, which would be the daemon's to wait for."""
         service("auth optional pam_faildelay.so delay=3600000000", "auth required pam_unix.so",
                 "account required pam_unix.so")
@@ -236,7 +236,7 @@ class BadModules(AccountsTest):
         self.assertTrue(self.daemon.running)
         self.assertTrue(all(await_end(pid) for pid in helpers()))
 
-    def test_one_that_hangs_is_ended_and_holds_up_nobody_else(self):
+    def test_a_hanging_module_is_killed_and_delays_no_others(self):
         service(f"auth {own_module('hang', HANGING)}", "account required pam_permit.so")
         waiting = self.auth_client()
         request = waiting.request("authenticateUser:withPassword:andHandler:", "alice",
@@ -253,17 +253,17 @@ class BadModules(AccountsTest):
         self.daemon.wait_for_log(
             re.compile("keel-pam did not answer within 8000 ms and was killed; .*"), level="error")
 
-    def test_one_that_crashes_is_a_refusal(self):
+    def test_a_crashing_module_is_a_refusal(self):
         service(f"auth {own_module('crash')}", "account required pam_permit.so")
         self.assertRefused("alice")
         self.daemon.wait_for_log(re.compile("keel-pam was killed by signal 11; .*"), level="error")
 
-    def test_one_that_ends_the_process_is_a_refusal(self):
+    def test_an_exiting_module_is_a_refusal(self):
         service(f"auth {own_module('exit')}", "account required pam_permit.so")
         self.assertRefused("alice")
         self.daemon.wait_for_log(re.compile("keel-pam exited without an answer; .*"), level="error")
 
-    def test_one_that_leaks_leaves_nothing_behind(self):
+    def test_a_leaking_module_leaves_nothing_behind(self):
         client = self.auth_client()
         self.assertWorked(self.password_error("alice", password_of("alice"), client))
         before = self.daemon.descriptor_count()
@@ -275,7 +275,7 @@ class BadModules(AccountsTest):
         self.assertEqual(self.daemon.descriptor_count(), before)
         self.assertTrue(all(await_end(pid) for pid in helpers()))
 
-    def test_one_that_leaks_leaves_nothing_behind_even_if_sigchld_was_ignored(self):
+    def test_a_leaking_module_leaves_nothing_behind_even_if_sigchld_was_ignored(self):
         """Who starts keeld may ignore it, and an ignored signal is inherited."""
         self.daemon.stop()
         self.daemon = self.start(before_exec=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
@@ -284,13 +284,13 @@ class BadModules(AccountsTest):
         self.assertRefused("alice")
         self.assertTrue(all(await_end(pid) for pid in helpers()))
 
-    def test_one_that_exchanges_the_user_is_a_refusal(self):
+    def test_a_substituted_user_is_a_refusal(self):
         service(f"auth {own_module('rename', 'bob')}", "account required pam_permit.so")
         self.assertRefused("alice")
         service(f"auth {own_module('rename', 'alice')}", "account required pam_permit.so")
         self.assertAccepted("alice")
 
-    def test_one_that_asks_for_more_than_the_password_is_refused(self):
+    def test_a_second_prompt_is_a_refusal(self):
         service(f"auth {own_module('prompt')}", "account required pam_permit.so")
         self.assertRefused("alice")
 
@@ -305,7 +305,7 @@ class BadModules(AccountsTest):
         self.assertTrue(await_end(running[0]))
         self.daemon = self.start()
 
-    def test_without_the_helper_everybody_is_refused(self):
+    def test_without_the_helper_all_are_refused(self):
         helper = os.path.join(os.path.dirname(keel_host.keeld), "../libexec/keeld/keel-pam")
         helper = os.path.realpath(helper)
         os.rename(helper, f"{helper}.away")
@@ -325,7 +325,7 @@ class Secrets(AccountsTest):
         if "\nlucy:" not in open("/etc/passwd").read():
             add_account("lucy", 515, ADMIN_GROUP, password=self.SECRET)
 
-    def test_the_helper_shows_nothing_and_inherits_nothing(self):
+    def test_the_helper_exposes_nothing_and_inherits_nothing(self):
         service(f"auth {own_module('report', REPORT)}", "auth required pam_unix.so",
                 "account required pam_unix.so")
         self.assertAccepted("lucy", self.SECRET)
@@ -351,7 +351,7 @@ class Secrets(AccountsTest):
         self.assertRegex(descriptors["3"], r"socket:\[\d+\]")
         self.assertEqual(len(descriptors), 4)
 
-    def test_are_in_no_message_and_not_in_the_daemons_memory_afterwards(self):
+    def test_are_neither_logged_nor_left_in_memory(self):
         if keel_host.memory_factor() > 1:
             self.skipTest("a sanitizer keeps what is freed, and needs too much memory to search")
         client = self.auth_client()

@@ -44,14 +44,14 @@ class Identity(PeerTest):
                              (process.pid, "python3", uid, process.session))
             self.assertGreater(number, 0)
 
-    def test_of_two_connections_of_a_process_differs_in_the_number_alone(self):
+    def test_two_connections_of_a_process_differ_in_their_number_only(self):
         process = self.process(uid=ALICE)
         first, second = process.client(), process.client()
         texts = [self.text_of(first, "first"), self.text_of(second, "second")]
         self.assertNotEqual(texts[0][0], texts[1][0])
         self.assertEqual(texts[0][1:], texts[1][1:])
 
-    def test_tells_the_audit_session(self):
+    def test_includes_the_audit_session(self):
         if not os.path.exists("/proc/self/sessionid"):
             skip_or_fail(self, "this kernel has no audit sessions")
         sessions = []
@@ -72,7 +72,7 @@ class Identity(PeerTest):
         after = self.text_of(process.client(), "other name")
         self.assertEqual((before[3], after[3]), (0, ALICE))
 
-    def test_shows_an_unusual_program_name_harmlessly(self):
+    def test_escapes_an_unusual_program_name(self):
         process = self.process()
         process.do(set_program_name, b"a) uid 0 \n\x1b[")
         client = process.client()
@@ -80,7 +80,7 @@ class Identity(PeerTest):
         self.assertTrue(self.publisher_of("name").isprintable())
         self.assertTrue(self.publisher_of("name").endswith(f" uid 0 session {process.session}>"))
 
-    def test_a_connection_whose_maker_has_gone_is_dropped_without_a_word(self):
+    def test_a_connection_whose_maker_is_gone_is_dropped_silently(self):
         """A process connects, leaves the connection to its child and is gone when the daemon
         accepts.
         """
@@ -118,7 +118,7 @@ class Users(PeerTest):
         self.assertError(bob.publish({}, "weather"), 9,
                          "the key weather has already been published")
 
-    def test_cannot_touch_what_others_published_root_included(self):
+    def test_cannot_change_items_of_others_root_included(self):
         alice = self.process(uid=ALICE).client()
         self.assertWorked(alice.publish({"by": "alice"}, "weather"))
         for other in (self.process(uid=BOB).client(), self.process(uid=ALICE).client(),
@@ -127,7 +127,7 @@ class Users(PeerTest):
             self.assertEqual(other.remove("weather").code, 11)
         self.assertEqual(self.asker.dump("weather", True)[0][0]["publishedData"], {"by": "alice"})
 
-    def test_hear_the_same_about_sessions(self):
+    def test_get_the_same_answers_about_sessions(self):
         alice = self.process(uid=ALICE).client()
         self.assertEqual(alice.auth_check("alice", 3), [False, None])
 
@@ -156,7 +156,7 @@ class KilledProcesses(PeerTest):
         for entry in self.asker.dump()[0]:
             self.assertEqual((entry["publisher"], entry["subscribers"]), ("<unconnected>", []))
 
-    def test_followers_that_die_during_a_fan_out_disturb_nobody(self):
+    def test_followers_that_die_during_a_fan_out_do_not_affect_others(self):
         publisher = self.client()
         self.assertWorked(publisher.publish({"n": 0}, "weather"))
         survivors = [self.client() for _ in range(5)]

@@ -49,7 +49,7 @@ class PressureTest(DaemonTest):
 
 
 class SlowReaders(PressureTest):
-    def test_one_is_dropped_beyond_64_mebibytes_and_told_so(self):
+    def test_a_slow_reader_is_dropped_beyond_64_mebibytes_with_a_goodbye(self):
         self.assertWorked(self.publisher.publish(inline_item(0), "camera"))
         slow, quick = self.deaf_follower("camera"), self.client()
         self.assertWorked(quick.subscribe("camera"))
@@ -76,7 +76,7 @@ class SlowReaders(PressureTest):
         self.assertWorked(self.publisher.update(inline_item(-1), "camera"))
         self.assertEqual(quick.delivery().item["number"], -1)
 
-    def test_one_that_reads_again_in_time_misses_nothing(self):
+    def test_a_reader_that_resumes_in_time_misses_nothing(self):
         self.assertWorked(self.publisher.publish(inline_item(0), "camera"))
         slow = self.deaf_follower("camera")
         count = WAITING_MOST // IN_FILE_LEAST // 2
@@ -85,7 +85,7 @@ class SlowReaders(PressureTest):
         self.assertEqual([slow.delivery().item["number"] for _ in range(count)], list(range(count)))
         self.assertFalse(self.dropped())
 
-    def test_together_they_are_dropped_earlier(self):
+    def test_many_slow_readers_are_dropped_earlier(self):
         """Each follows a name of its own, so that nothing is shared: the bound of all is reached
         before that of any.
         """
@@ -116,7 +116,7 @@ class SlowReaders(PressureTest):
                 self.assertLess(int(GOODBYE_TOO_SLOW.fullmatch(end.goodbye).group(1)), WAITING_MOST)
         self.assertEqual(ended, len(self.dropped()))
 
-    def test_values_that_many_wait_for_are_held_once(self):
+    def test_values_in_many_backlogs_are_held_once(self):
         self.assertWorked(self.publisher.publish({}, "camera"))
         slow = [self.deaf_follower("camera") for _ in range(20)]
         before = self.daemon.resident_bytes()
@@ -126,7 +126,7 @@ class SlowReaders(PressureTest):
         for client in slow:
             client.close()
 
-    def test_one_that_takes_files_costs_no_descriptors_without_end(self):
+    def test_a_slow_reader_of_files_costs_bounded_descriptors(self):
         self.assertWorked(self.publisher.publish({}, "camera"))
         slow = self.deaf_follower("camera", descriptors=True)
         before = self.daemon.descriptor_count()
@@ -171,7 +171,7 @@ class RequestersThatDoNotRead(PressureTest):
             sent += 1
         return sent, b""
 
-    def test_one_is_not_read_any_more_and_gets_all_answers_in_the_end(self):
+    def test_reading_pauses_and_all_answers_arrive(self):
         for number in range(200):
             self.assertWorked(self.publisher.publish({}, f"name {number:0100}"))
         before = self.daemon.resident_bytes()
@@ -187,7 +187,7 @@ class RequestersThatDoNotRead(PressureTest):
         requester.last_id = sent + 1
         self.assertEqual(requester.module_table(), {})
 
-    def test_one_that_goes_away_takes_its_answers_along(self):
+    def test_pending_answers_end_with_the_connection(self):
         before = self.daemon.resident_bytes()
         for number in range(200):
             self.assertWorked(self.publisher.publish({}, f"name {number:0100}"))
@@ -197,7 +197,7 @@ class RequestersThatDoNotRead(PressureTest):
             self.end_of(requester)
         self.assertMemoryWithin(before, 32 * MEBIBYTE)
 
-    def test_small_answers_hold_one_up_too(self):
+    def test_small_answers_pause_reading_too(self):
         requester = self.client()
         requests = (framed(encode([REQUEST, number, 4, [{}, "unknown"]]))
                     for number in range(1, 2000001))
@@ -216,7 +216,7 @@ class RequestersThatDoNotRead(PressureTest):
             b"".join(framed(encode([REQUEST, number, 6, []])) for number in range(1, count + 1)))
         self.assertEqual([client.results(number) for number in range(1, count + 1)], [[{}]] * count)
 
-    def test_a_client_that_never_says_hello_may_not_send_for_ever(self):
+    def test_a_client_without_a_hello_is_limited(self):
         client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self.addCleanup(client.close)
         client.connect(NOTIFY_PATH)
@@ -249,7 +249,7 @@ class Quota(PressureTest):
     def in_user(self, uid, function, *arguments):
         return self.process(uid=uid).do(function, *arguments)
 
-    def test_of_data_is_refused_beyond_and_free_again_when_withdrawn(self):
+    def test_data_over_quota_is_refused_until_some_is_withdrawn(self):
         alice = as_user(ALICE)
         self.addCleanup(alice.close)
         count = self.fill(alice, FRAME_LIMIT, QUOTA // FRAME_LIMIT)
@@ -271,7 +271,7 @@ class Quota(PressureTest):
         # Replacing data needs no more than before.
         self.assertWorked(alice.update({}, "another"))
 
-    def test_counts_all_connections_of_the_user_and_what_they_left_behind(self):
+    def test_counts_all_connections_of_the_user_and_their_remaining_items(self):
         alice = as_user(ALICE)
         self.fill(alice, FRAME_LIMIT, QUOTA // FRAME_LIMIT)
         self.end_of(alice)
@@ -282,7 +282,7 @@ class Quota(PressureTest):
         self.assertEqual(refused.exception.code, Code.overQuota)
         self.assertMemoryWithin(0, 3 * QUOTA)
 
-    def test_of_names_is_refused_beyond(self):
+    def test_names_over_quota_are_refused(self):
         alice = as_user(ALICE)
         self.addCleanup(alice.close)
         names = 0
@@ -301,13 +301,13 @@ class Quota(PressureTest):
         self.assertWorked(bob.subscribe("x" * MEBIBYTE))
         self.bystanders.step()
 
-    def test_does_not_bind_root(self):
+    def test_does_not_limit_root(self):
         for number in range(QUOTA // FRAME_LIMIT + 2):
             self.assertWorked(self.publish_in_file(self.publisher, f"item {number}", FRAME_LIMIT))
 
 
 class Descriptors(PressureTest):
-    def test_half_frames_of_one_user_do_not_keep_others_from_sending_files(self):
+    def test_incomplete_frames_of_one_user_do_not_block_files_of_others(self):
         content = encode({"picture": bytes(IN_FILE_LEAST)})
         file = self.file(sealed_file(content))
         for _ in range(20):

@@ -46,7 +46,7 @@ class BadFrames(DaemonTest):
             with self.subTest(why), self.client() as client:
                 self.assertAnswered(client, frame, answer)
 
-    def test_in_place_of_a_hello_too(self):
+    def test_also_instead_of_a_hello(self):
         for frame, answer, why in IN_PLACE_OF_A_HELLO:
             with self.subTest(why), self.client(greet=False) as client:
                 client.take_hello()

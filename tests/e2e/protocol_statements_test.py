@@ -40,7 +40,7 @@ class StatementTest(DaemonTest):
 
 
 class Hello(StatementTest):
-    def test_of_the_daemon_need_not_be_awaited(self):
+    def test_a_client_need_not_await_the_daemons_hello(self):
         client = self.client(greet=False)
         client.send_bytes(frames([HELLO, 1, [UPDATE], {}], [REQUEST, 1, SUBSCRIBE, ["weather", 0]],
                                  [REQUEST, 2, PUBLISH, [{"n": 1}, "weather", 0, 0]]))
@@ -49,7 +49,7 @@ class Hello(StatementTest):
         self.assertEqual(client.results(2), [None])
         self.assertEqual(client.delivery().item, {"n": 1})
 
-    def test_may_come_as_late_as_one_likes(self):
+    def test_the_clients_hello_has_no_deadline(self):
         bystanders = Bystanders(self)
         client = self.client(greet=False)
         client.take_hello()
@@ -62,7 +62,7 @@ class Hello(StatementTest):
 
 
 class Order(StatementTest):
-    def test_of_deliveries_is_that_of_the_changes_over_all_names(self):
+    def test_deliveries_are_in_the_order_of_changes_over_all_names(self):
         names = ("wind", "rain", "snow")
         publishers = [self.client(), self.client()]
         followers = [self.client(), self.client(descriptors=True)]
@@ -86,7 +86,7 @@ class Order(StatementTest):
             own = names[place::2]
             self.assertEqual([each for each in received[0] if each[0] in own], sent[place])
 
-    def test_has_deliveries_before_the_answers_to_what_is_asked_later(self):
+    def test_deliveries_precede_answers_to_later_requests(self):
         publisher, follower = self.client(), self.client()
         self.assertWorked(publisher.publish({"n": 0}, "weather"))
         self.assertWorked(follower.subscribe("weather"))
@@ -102,7 +102,7 @@ class Order(StatementTest):
             self.assertEqual([message.kind for message in follower.history[before:]],
                              [ONE_WAY, (REPLY, FAILURE)[number % 2]])
 
-    def test_of_a_subscription_and_updates_behind_it_repeats_the_newest(self):
+    def test_a_subscription_followed_by_updates_repeats_the_newest(self):
         client = self.client()
         self.at_once(client, [REQUEST, 1, PUBLISH, [{"n": 1}, "weather", 0, 0]],
                      [REQUEST, 2, SUBSCRIBE, ["weather", 0]],
@@ -115,7 +115,7 @@ class Order(StatementTest):
         kinds = [message.kind for message in client.history[1:4]]
         self.assertEqual(kinds, [REPLY, REPLY, ONE_WAY])
 
-    def test_of_a_subscription_and_its_end_may_yield_a_delivery(self):
+    def test_a_subscription_and_its_end_may_cause_a_delivery(self):
         client = self.client()
         self.assertWorked(client.publish({"n": 1}, "weather"))
         self.at_once(client, [REQUEST, 2, SUBSCRIBE, ["weather", 0]],
@@ -126,7 +126,7 @@ class Order(StatementTest):
 
 
 class Endings(StatementTest):
-    def test_by_the_daemon_leave_the_goodbye_to_be_read(self):
+    def test_the_daemons_goodbye_stays_readable(self):
         client = self.client()
         self.daemon.pause()
         # As much as fits: some of it stays unread.
@@ -147,13 +147,13 @@ class Endings(StatementTest):
         self.assertTrue(client.end())
         self.assertFalse(client.cut_off)
 
-    def test_by_half_are_endings(self):
+    def test_a_half_close_ends_the_connection(self):
         publisher = self.client()
         self.assertWorked(publisher.publish({}, "weather"))
         self.after_clean_up(lambda: publisher.socket.shutdown(socket.SHUT_WR))
         self.assertWorked(self.own_client().publish({}, "weather"))
 
-    def test_come_of_a_file_with_a_frame_that_is_skipped(self):
+    def test_a_file_with_a_skipped_frame_ends_the_connection(self):
         client = self.client()
         file = self.file(sealed_file(encode({"picture": bytes(70000)})))
         body = encode([REQUEST, 1, PUBLISH, [InFile(70014), "camera", 0, 0]])
@@ -253,13 +253,13 @@ class Charges(StatementTest):
         self.user.unsubscribe("weather")
         self.assertHeld(before)
 
-    def test_of_data_end_with_other_data(self):
+    def test_a_charge_for_data_ends_with_its_replacement(self):
         before = self.held()
         self.assertWorked(self.user.update({}, "large 0"))
         self.publish_large("large again")
         self.assertHeld(before, 1, 11 + 640)
 
-    def test_of_challenges_end_with_their_answer_or_connection(self):
+    def test_a_charge_for_a_challenge_ends_with_its_answer_or_connection(self):
         before = self.held()
         auth = self.as_user(Client, AUTH, exports=())
         identifiers = [auth.call("authBasicStartWithHandler:")[1] for _ in range(3)]
@@ -268,7 +268,7 @@ class Charges(StatementTest):
         self.assertEqual(error.code, 5)
         self.assertHeld(before, 1024, 1024)
 
-    def test_of_what_a_connection_leaves_behind_stay(self):
+    def test_charges_for_items_outlive_the_connection(self):
         before = self.held()
         self.end_of(self.user)
         self.user = self.as_user(Client)

@@ -93,7 +93,7 @@ class Calls(StatesTest):
                     for data in ({"n": 1}, None):
                         yield row, state, who, followers, data
 
-    def test_do_what_their_row_says(self):
+    def test_calls_match_their_row(self):
         for (_, call, _, error, delivered, then), state, who, followers, data in self.cases():
             with self.subTest(state=state, call=call, who=who, followers=followers, data=data):
                 name = self.name_in(state, data, followers)
@@ -134,7 +134,7 @@ class Calls(StatesTest):
         error = self.asker.publish({}, name)
         self.assertEqual(error and error.code, 9 if state == "published" else None)
 
-    def test_by_the_end_of_a_followers_connection_are_those_of_an_unsubscription(self):
+    def test_the_end_of_a_followers_connection_unsubscribes(self):
         for state in ("awaited", "published", "orphaned, withdrawn"):
             name = self.name_in(state, {"n": 1}, ONE)
             before = self.entry(name)
@@ -143,7 +143,7 @@ class Calls(StatesTest):
             self.clients["follower"] = self.client()
             self.assertEqual(self.entry(name), before | {"subscribers": []})
 
-    def test_for_a_name_of_nobody_can_make_it_unknown_again(self):
+    def test_an_unpublished_name_can_become_unknown_again(self):
         for state in ("awaited", "orphaned, withdrawn", "orphaned by the end of a connection"):
             name = self.name_in(state, {"n": 1}, NOBODY)
             self.assertWorked(self.clients["another"].publish(None, name))
@@ -178,7 +178,7 @@ class Dumps(StatesTest):
         self.assertEqual([entry["publisher"], entry["publishDate"], entry["publishedData"]],
                          [cells[cell] for cell in shown])
 
-    def test_show_what_the_row_of_the_state_says(self):
+    def test_dumps_match_the_row_of_the_state(self):
         for state, *shown in SHOWN:
             for data in ({"n": 1}, None):
                 with self.subTest(state=state, data=data):

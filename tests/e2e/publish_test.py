@@ -70,7 +70,7 @@ class Publish(NotifyTest):
         self.assertEqual(self.entry("weather")["publishedData"], "<no data>")
         self.assertNotEqual(self.entry("weather")["publishDate"], "<never published>")
 
-    def test_flags_and_value_of_any_content_change_nothing(self):
+    def test_flags_and_value_have_no_effect(self):
         for place, (flags,
                     value) in enumerate([(0, 0), (1, -1), (MOST, (1 << 63) - 1),
                                          (1 << 63, -(1 << 63)), (0x5555, 42)]):
@@ -89,7 +89,7 @@ class Publish(NotifyTest):
             self.assertWorked(self.publisher.remove("weather"))
         self.assertWorked(self.client().publish({}, "weather"))
 
-    def test_the_publisher_may_follow_its_own_name_and_hears_before_the_reply(self):
+    def test_its_own_follower_is_notified_before_the_reply(self):
         self.assertWorked(self.publisher.subscribe("weather"))
         self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
         self.assertWorked(self.publisher.update({"n": 2}, "weather"))
@@ -116,7 +116,7 @@ class Update(NotifyTest):
             for number in range(1, 101):
                 self.assertDelivered(follower, "weather", {"n": number})
 
-    def test_that_changes_nothing_is_delivered_and_dated_all_the_same(self):
+    def test_an_equal_value_is_delivered_and_dated_too(self):
         self.assertWorked(self.follower.subscribe("weather"))
         self.assertDelivered(self.follower, "weather", {"n": 0})
         before = self.entry("weather")["publishDate"].seconds
@@ -125,7 +125,7 @@ class Update(NotifyTest):
             self.assertDelivered(self.follower, "weather", {"n": 0})
         self.assertGreater(self.entry("weather")["publishDate"].seconds, before)
 
-    def test_with_null_is_allowed(self):
+    def test_null_is_allowed(self):
         self.assertWorked(self.follower.subscribe("weather"))
         self.assertDelivered(self.follower, "weather", {"n": 0})
         self.assertWorked(self.publisher.update(None, "weather"))
@@ -140,7 +140,7 @@ class Update(NotifyTest):
         self.assertEqual(self.publisher.update({}, None), Error("KLNErrorDomain", 11, None))
         self.assertEqual(self.client().dump("unknown")[1].code, 11)
 
-    def test_of_a_name_one_only_follows_is_not_found(self):
+    def test_of_a_followed_name_is_not_found(self):
         self.assertWorked(self.follower.subscribe("hoped for"))
         self.assertEqual(self.follower.update({}, "hoped for").code, 11)
         self.assertEqual(self.entry("hoped for")["publishedData"], "<no data>")
@@ -192,7 +192,7 @@ class PipelinedUpdates(NotifyTest):
         self.assertEqual(received, [[REPLY, request] for request in requests])
         self.assertAllDelivered()
 
-    def test_are_delivered_to_their_own_publisher_before_each_reply(self):
+    def test_reach_their_own_publisher_before_each_reply(self):
         self.assertWorked(self.publisher.subscribe("weather"))
         self.assertDelivered(self.publisher, "weather", None)
         start = len(self.publisher.history)
@@ -219,7 +219,7 @@ class Remove(NotifyTest):
         self.assertEqual(self.publisher.update({}, "weather").code, 11)
         self.assertEqual(self.publisher.remove("weather").code, 11)
 
-    def test_with_followers_keeps_the_name_and_tells_nobody(self):
+    def test_with_followers_keeps_the_name_and_notifies_none(self):
         self.assertWorked(self.follower.subscribe("weather"))
         self.assertDelivered(self.follower, "weather", {"n": 0})
         self.assertWorked(self.publisher.remove("weather"))
@@ -233,7 +233,7 @@ class Remove(NotifyTest):
         self.assertDelivered(self.follower, "weather", {"n": 1})
         self.assertDelivered(late, "weather", {"n": 1})
 
-    def test_of_a_name_of_others_or_of_nobody_is_not_found(self):
+    def test_of_a_name_not_published_by_the_client_is_not_found(self):
         for name in ("weather", "unknown", None):
             self.assertEqual(self.follower.remove(name), Error("KLNErrorDomain", 11, None))
         self.assertEqual(self.entry("weather")["publishedData"], {"n": 0})
@@ -247,14 +247,14 @@ class Remove(NotifyTest):
 
 
 class Subscribe(NotifyTest):
-    def test_to_a_published_name_is_answered_first_and_then_gets_the_data_once(self):
+    def test_to_a_published_name_is_answered_before_its_data_arrives(self):
         self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
         self.assertWorked(self.follower.subscribe("weather"))
         self.assertDelivered(self.follower, "weather", {"n": 1})
         self.assertNothingDelivered(self.follower)
         self.assertEqual([message.kind for message in self.follower.history[1:3]], [REPLY, ONE_WAY])
 
-    def test_to_a_name_of_nobody_hears_nothing_until_it_is_published(self):
+    def test_to_an_unpublished_name_receives_nothing_until_it_is_published(self):
         self.assertWorked(self.follower.subscribe("weather"))
         self.assertNothingDelivered(self.follower)
         self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
@@ -291,13 +291,13 @@ class Subscribe(NotifyTest):
         self.assertEqual(self.follower.subscribe(None), Error("KLNErrorDomain", 12, None))
         self.assertEqual(self.client().dump(), [[], None])
 
-    def test_to_a_null_name_is_answered_at_once_also_behind_others(self):
+    def test_to_a_null_name_is_answered_ahead_of_queued_requests(self):
         first = self.follower.request("subscribeTo:withFlags:andHandler:", "weather", 0)
         refused = self.follower.request("subscribeTo:withFlags:andHandler:", None, 0)
         self.assertEqual(self.follower.results(refused)[1].code, 12)
         self.assertEqual(self.follower.results(first), [None, None])
 
-    def test_to_the_name_that_means_all_in_a_dump_is_a_subscription_to_that_very_name(self):
+    def test_to_the_reserved_name_of_dumps_is_an_ordinary_subscription(self):
         self.assertWorked(self.follower.subscribe("_all"))
         self.assertWorked(self.publisher.publish({}, "weather"))
         self.assertNothingDelivered(self.follower)
@@ -313,7 +313,7 @@ class Subscribe(NotifyTest):
         self.assertWorked(self.publisher.update({"n": 2}, "weather"))
         self.assertNothingDelivered(deaf)
 
-    def test_the_place_of_the_method_is_that_of_the_clients_hello(self):
+    def test_deliveries_use_the_method_index_of_the_clients_hello(self):
         unusual = self.client(exports=["somethingElse:", CLIENT_INFO, UPDATE])
         self.assertWorked(unusual.subscribe("weather"))
         self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
@@ -332,7 +332,7 @@ class Unsubscribe(NotifyTest):
         self.assertNothingDelivered(self.follower)
         self.assertEqual(self.entry("weather")["subscribers"], [])
 
-    def test_of_what_is_not_followed_does_nothing(self):
+    def test_from_a_name_not_followed_does_nothing(self):
         self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
         other = self.client()
         self.assertWorked(other.subscribe("weather"))
@@ -353,7 +353,7 @@ class Unsubscribe(NotifyTest):
             self.follower.unsubscribe("weather")
         self.assertNothingDelivered(self.follower)
 
-    def test_leaves_a_name_of_nobody_known(self):
+    def test_keeps_an_unpublished_name_known(self):
         self.assertWorked(self.follower.subscribe("weather"))
         self.follower.unsubscribe("weather")
         self.follower.dump("")
@@ -370,7 +370,7 @@ class TheEndOfAConnection(NotifyTest):
         self.assertEqual(self.entry("weather")["subscribers"], [])
         self.assertWorked(self.publisher.publish({}, "weather"))
 
-    def test_of_a_publisher_leaves_name_and_data_and_tells_nobody(self):
+    def test_of_a_publisher_keeps_name_and_data_and_notifies_none(self):
         self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
         self.assertWorked(self.follower.subscribe("weather"))
         self.assertDelivered(self.follower, "weather", {"n": 1})
@@ -382,7 +382,7 @@ class TheEndOfAConnection(NotifyTest):
         self.assertEqual(late.update({}, "weather").code, 11)
         self.assertEqual(late.remove("weather").code, 11)
 
-    def test_of_a_publisher_lets_the_next_one_take_over_with_the_followers(self):
+    def test_of_a_publisher_leaves_its_followers_to_the_next(self):
         self.assertWorked(self.publisher.publish({"n": 1}, "weather"))
         self.assertWorked(self.follower.subscribe("weather"))
         self.assertDelivered(self.follower, "weather", {"n": 1})
@@ -405,7 +405,7 @@ class TheEndOfAConnection(NotifyTest):
         self.assertNothingDelivered(self.follower)
         self.assertEqual(len(self.entry("weather")["subscribers"]), 1)
 
-    def test_with_requests_under_way_harms_nobody(self):
+    def test_with_requests_in_flight_does_not_affect_others(self):
         self.assertWorked(self.follower.subscribe("weather"))
         for number in range(200):
             self.publisher.request("publishItem:name:flags:value:withHandler:", {},
@@ -416,12 +416,12 @@ class TheEndOfAConnection(NotifyTest):
 
 
 class SideQuestions(NotifyTest):
-    def test_nobody_is_authenticated_at_first(self):
+    def test_no_user_is_authenticated_at_first(self):
         for user, asid in (("root", 0), ("alice", 3), ("", -1), (None, 2147483647),
                            ("alice", -2147483648)):
             self.assertEqual(self.follower.auth_check(user, asid), [False, None])
 
-    def test_without_modules_their_table_is_empty(self):
+    def test_without_modules_the_module_table_is_empty(self):
         self.assertEqual(self.follower.module_table(), {})
 
 

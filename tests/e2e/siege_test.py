@@ -27,7 +27,7 @@ class Siege(DaemonTest):
                                 timeout=SECONDS + HANG_GUARD)
         self.assertEqual(attack.returncode, 0, attack.stderr)
 
-    def test_a_crowd_that_reads_more_slowly_than_updates_come(self):
+    def test_a_crowd_slower_than_the_updates(self):
         for shape in (("--names", "20", "--followers", "5000"),
                       ("--names", "100", "--followers", "1000")):
             with self.subTest(shape=shape):

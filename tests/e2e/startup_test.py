@@ -56,7 +56,7 @@ class Root(StartTest):
     def test_a_real_user_other_than_root_is_refused_whatever_the_effective_one(self):
         self.assertRefused(before_exec=lambda: os.setresuid(USER, 0, 0))
 
-    def test_the_effective_user_is_not_looked_at(self):
+    def test_the_effective_user_is_ignored(self):
         if keel_host.memory_factor() > 1:
             self.skipTest("a sanitizer cannot look at a process of two users")
         daemon = self.failing(2, before_exec=lambda: os.setresuid(0, USER, USER))
@@ -65,13 +65,13 @@ class Root(StartTest):
 
 
 class LockDirectory(StartTest):
-    def test_is_made(self):
+    def test_is_created(self):
         self.start()
         status = os.lstat(LOCK_DIRECTORY)
         self.assertTrue(stat.S_ISDIR(status.st_mode))
         self.assertEqual(stat.S_IMODE(status.st_mode), 0o755)
 
-    def test_that_exists_is_left_as_it_is(self):
+    def test_an_existing_one_is_not_changed(self):
         os.mkdir(LOCK_DIRECTORY)
         os.chmod(LOCK_DIRECTORY, 0o700)
         self.start()
@@ -84,7 +84,7 @@ class LockDirectory(StartTest):
         with open(LOCK_DIRECTORY) as file:
             self.assertEqual(file.read(), "mine")
 
-    def test_may_be_a_link_to_nothing(self):
+    def test_may_be_a_dangling_link(self):
         os.symlink("/nowhere", LOCK_DIRECTORY)
         self.start()
         self.assertEqual(os.readlink(LOCK_DIRECTORY), "/nowhere")
@@ -96,11 +96,11 @@ class LockDirectory(StartTest):
         self.assertEqual(daemon.log[0][:2], ("error", "runtime"))
         self.assertFalse(os.path.lexists(NOTIFY_PATH))
 
-    def test_without_its_parent_ends_the_start(self):
+    def test_a_missing_parent_fails_the_start(self):
         remove("/private/var")
         self.assertStartFails(2)
 
-    def test_whose_parent_is_a_file_ends_the_start(self):
+    def test_a_parent_that_is_a_file_fails_the_start(self):
         remove("/private/var")
         with open("/private/var", "w"):
             pass
@@ -108,7 +108,7 @@ class LockDirectory(StartTest):
 
 
 class Banner(StartTest):
-    def test_is_found_by_whoever_reads_the_process(self):
+    def test_is_readable_in_the_process(self):
         daemon = self.start()
         with open(f"/proc/{daemon.pid}/mem", "rb", buffering=0) as memory:
             memory.seek(self.load_address(daemon) + self.section("keel_crash_info"))
@@ -181,11 +181,11 @@ class Priority(StartTest):
         self.assertEqual(priorities.pop("keel-io"), {keel_host.preferred_priority()})
         self.assertEqual(set().union(*priorities.values()), {0})
 
-    def test_that_was_chosen_is_kept(self):
+    def test_a_chosen_priority_is_kept(self):
         priorities = self.priorities(self.start(before_exec=lambda: os.nice(3)))
         self.assertEqual(set().union(*priorities.values()), {3})
 
-    def test_may_be_forbidden(self):
+    def test_a_refused_priority_is_harmless(self):
         def drop_privilege():
             set_bounding_capability, nice = 24, 23
             if ctypes.CDLL(None, use_errno=True).prctl(set_bounding_capability, nice, 0, 0, 0) != 0:
@@ -218,14 +218,14 @@ class Threads(StartTest):
 
         return limit
 
-    def test_one_that_is_needed_and_cannot_be_started_ends_the_start(self):
+    def test_a_required_thread_that_fails_to_start_fails_the_start(self):
         for count in range(self.NEEDED):
             with self.subTest(count=count):
                 daemon = self.failing(4, before_exec=self.limited_to(count))
                 self.assertIn("cannot start ", daemon.lines[-1])
                 self.assertFalse(os.path.lexists(AUTH_PATH))
 
-    def test_those_that_cannot_be_started_later_are_done_without(self):
+    def test_later_threads_are_optional(self):
         self.daemon = self.start(before_exec=self.limited_to(self.NEEDED + self.SIGNALS))
         method = "authenticateUser:withPassword:andHandler:"
         clients = [self.client(AUTH, exports=()) for _ in range(3)]
@@ -244,20 +244,20 @@ class Threads(StartTest):
 
 
 class Sockets(StartTest):
-    def test_everybody_may_connect(self):
+    def test_any_user_may_connect(self):
         self.start()
         for path in (AUTH_PATH, NOTIFY_PATH):
             self.assertEqual(stat.S_IMODE(os.lstat(path).st_mode), 0o666)
         self.assertEqual(stat.S_IMODE(os.lstat(DIRECTORY).st_mode), 0o755)
 
-    def test_one_left_behind_is_replaced(self):
+    def test_a_stale_socket_is_replaced(self):
         os.mkdir(DIRECTORY)
         listening_socket(NOTIFY_PATH).close()
         self.assertTrue(stat.S_ISSOCK(os.lstat(NOTIFY_PATH).st_mode))
         self.start()
         self.assertWorked(self.client().publish({}, "name"))
 
-    def test_a_killed_daemon_can_be_started_again_and_knows_nothing(self):
+    def test_a_killed_daemon_restarts_empty(self):
         first = self.start()
         old = self.client()
         self.assertWorked(old.publish({"kept": False}, "name"))
@@ -269,7 +269,7 @@ class Sockets(StartTest):
         self.assertEqual(new.dump(), [[], None])
         self.assertWorked(new.publish({}, "name"))
 
-    def test_a_second_daemon_is_refused_and_the_first_unharmed(self):
+    def test_a_second_daemon_is_refused_without_effect_on_the_first(self):
         first = self.start()
         client = self.client()
         self.assertWorked(client.publish({"of": 1}, "name"))
@@ -285,13 +285,13 @@ class Sockets(StartTest):
         self.assertEqual(len(self.client().dump("name")[0]), 1)
         self.assertTrue(first.running)
 
-    def test_a_directory_that_others_may_write_is_refused(self):
+    def test_a_directory_writable_by_others_is_refused(self):
         os.mkdir(DIRECTORY)
         os.chmod(DIRECTORY, 0o777)
         daemon = self.failing(3)
         daemon.wait_for_log(re.compile(f".*{DIRECTORY} must belong to uid 0 .*"), level="error")
 
-    def test_a_directory_of_somebody_else_is_refused(self):
+    def test_a_directory_of_another_user_is_refused(self):
         os.mkdir(DIRECTORY)
         os.chown(DIRECTORY, USER, USER)
         daemon = self.failing(3)
@@ -307,7 +307,7 @@ class SocketActivation(StartTest):
         self.addCleanup(self.handed.close)
         self.addCleanup(remove, os.path.dirname(self.PATH))
 
-    def test_a_socket_that_was_handed_over_is_used_and_left_where_it_is(self):
+    def test_a_passed_socket_is_used_and_not_removed(self):
         early = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)  # before anybody accepts
         self.addCleanup(early.close)
         early.connect(self.PATH)
@@ -321,7 +321,7 @@ class SocketActivation(StartTest):
         self.addCleanup(waiting.close)
         waiting.connect(self.PATH)
 
-    def test_a_socket_at_the_usual_place_is_left_there_too(self):
+    def test_a_passed_socket_at_the_default_path_is_not_removed(self):
         handed = listening_socket(NOTIFY_PATH)
         self.addCleanup(handed.close)
         daemon = self.start(sockets={NOTIFY: handed})
@@ -329,22 +329,22 @@ class SocketActivation(StartTest):
         self.assertEqual(daemon.stop(), 0)
         self.assertTrue(stat.S_ISSOCK(os.lstat(NOTIFY_PATH).st_mode))
 
-    def test_the_next_daemon_takes_it_over(self):
+    def test_a_passed_socket_serves_the_next_daemon(self):
         self.assertEqual(self.start(sockets={NOTIFY: self.handed}).stop(), 0)
         self.start(sockets={NOTIFY: self.handed})
         self.assertEqual(self.client(path=self.PATH).dump(), [[], None])
 
-    def test_is_found_behind_others(self):
+    def test_a_passed_socket_is_found_behind_others(self):
         other = listening_socket("/run/elsewhere/other")
         self.addCleanup(other.close)
         self.start(sockets={"com.vantor.other": other, NOTIFY: self.handed})
         self.assertWorked(self.client(path=self.PATH).publish({}, "name"))
 
-    def test_a_socket_under_another_name_is_not_taken(self):
+    def test_a_socket_under_another_name_is_ignored(self):
         self.start(sockets={"com.vantor.other": self.handed})
         self.assertWorked(self.client().publish({}, "name"))
 
-    def test_what_was_meant_for_another_process_is_not_taken(self):
+    def test_sockets_for_another_process_are_ignored(self):
         self.start(environment={"LISTEN_FDS": "1", "LISTEN_FDNAMES": NOTIFY, "LISTEN_PID": "1"})
         self.assertWorked(self.client().publish({}, "name"))
 
@@ -365,7 +365,7 @@ def deny_signal_sources():
 
 
 class Signals(StartTest):
-    def test_the_start_goes_on_without_sources_for_them(self):
+    def test_the_start_continues_without_signal_sources(self):
         daemon = self.start(before_exec=deny_signal_sources)
         self.assertEqual([line for line in daemon.log if line.level in ("error", "fault")], [])
         client = self.client()
@@ -389,7 +389,7 @@ class Signals(StartTest):
         self.assertRegex(text, r"\Akeeld \d+\.\d+\.\d+ is running \(build id [0-9a-f]+\)\Z")
         self.assertEqual(len([line for line in daemon.log if line.level != "debug"]), 1)
 
-    def test_hangup_does_nothing(self):
+    def test_sighup_does_nothing(self):
         daemon = self.start()
         client = self.client()
         self.assertWorked(client.publish({}, "name"))
@@ -410,7 +410,7 @@ class Signals(StartTest):
             ],
         )
 
-    def test_terminate_ends_in_good_order(self):
+    def test_sigterm_ends_it_cleanly(self):
         daemon = self.start()
         client = self.client()
         self.assertWorked(client.publish({}, "name"))
@@ -422,7 +422,7 @@ class Signals(StartTest):
         self.assertFalse(os.path.lexists(AUTH_PATH))
         self.start()
 
-    def test_terminate_ends_it_also_when_its_manager_reads_nothing(self):
+    def test_sigterm_ends_it_even_if_its_manager_reads_nothing(self):
         path = "/run/unread"
         self.addCleanup(remove, path)
         with socket.socket(socket.AF_UNIX,
@@ -438,7 +438,7 @@ class Signals(StartTest):
                     other.send(b"x")
             self.assertEqual(daemon.stop(), 0)
 
-    def test_terminate_is_heard_from_the_first_moment_on(self):
+    def test_sigterm_works_from_the_first_moment_on(self):
         daemon = self.start_silent(log=None)
         self.client()
         daemon.signal(signal.SIGTERM)
@@ -447,7 +447,7 @@ class Signals(StartTest):
         self.assertEqual(daemon.log[-1].text, SHUTTING_DOWN)
         self.assertEqual(len(daemon.lines), 2)
 
-    def test_terminate_sent_during_the_start_is_not_lost(self):
+    def test_sigterm_during_the_start_is_not_lost(self):
         def terminate_ourselves():
             signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM])
             os.kill(os.getpid(), signal.SIGTERM)
@@ -456,7 +456,7 @@ class Signals(StartTest):
         self.assertEqual(daemon.wait(), 0)
         self.assertTrue(daemon.logged(SHUTTING_DOWN))
 
-    def test_terminate_while_clients_flood_it(self):
+    def test_sigterm_during_a_flood_of_requests(self):
         daemon = self.start()
         listener = self.client()
         flooders = [self.process() for _ in range(4)]

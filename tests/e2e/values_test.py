@@ -148,7 +148,7 @@ class ValueTest(DaemonTest):
 
 
 class Data(ValueTest):
-    def test_is_passed_on_byte_for_byte(self):
+    def test_is_delivered_unchanged(self):
         for what, item in PASSED_ON.items():
             with self.subTest(what):
                 self.assertWorked(self.follower.subscribe(what))
@@ -160,7 +160,7 @@ class Data(ValueTest):
                 self.assertWorked(late.subscribe(what))
                 self.assertEqual(late.delivery().raw_item, item)
 
-    def test_stands_in_a_dump_byte_for_byte(self):
+    def test_is_dumped_unchanged(self):
         for what, item in PASSED_ON.items():
             with self.subTest(what):
                 self.assertWorked(self.sender.publish(Raw(item), what))
@@ -169,7 +169,7 @@ class Data(ValueTest):
                 entries = self.sender.answer(identifier).raw_arguments[0]
                 self.assertTrue(entries.endswith(text("publishedData") + item), entries.hex())
 
-    def test_that_breaks_a_rule_is_refused_and_nothing_is_done(self):
+    def test_invalid_data_is_refused_without_effect(self):
         for what, item in REFUSED.items():
             with self.subTest(what):
                 identifier = self.sender.request(PUBLISH, Raw(item), what, 0, 0)
@@ -177,7 +177,7 @@ class Data(ValueTest):
                 self.assertError(self.sender.dump(what)[1], 11, f"{what} not found")
         self.assertWorked(self.sender.publish({}, "still here"))
 
-    def test_that_breaks_a_rule_does_not_change_what_is_published(self):
+    def test_invalid_data_does_not_change_the_item(self):
         self.assertWorked(self.follower.subscribe("weather"))
         self.assertWorked(self.sender.publish({"n": 1}, "weather"))
         for item in REFUSED.values():
@@ -190,7 +190,7 @@ class Data(ValueTest):
 
 
 class Names(ValueTest):
-    def test_are_told_apart_byte_by_byte(self):
+    def test_are_compared_byte_by_byte(self):
         names = ["", "\0", "\0\0", " ", "a", "A", "a ", "\u00e9", "e\u0301", "\n", "\x1b[31m",
                  "\x7f", "\ufeff", "\ufeffa",
                  "\U0001f600",
@@ -216,7 +216,7 @@ class Names(ValueTest):
         self.assertError(error, 9, f"the key {names[0]} has already been published")
         self.assertEqual(self.sender.dump("x" + names[0])[1].description, f"x{names[0]} not found")
 
-    def test_that_are_no_text_are_refused(self):
+    def test_that_are_not_text_are_refused(self):
         for name in (1, b"weather", ["weather"], {}, True, 1.5, Date(1), Error("d", 1)):
             identifier = self.sender.request(PUBLISH, {}, name, 0, 0)
             self.assertEqual(self.sender.failure(identifier), Code.wrongArguments, name)
@@ -265,14 +265,14 @@ class Arguments(ValueTest):
         super().setUp()
         self.failures_taken = 0
 
-    def test_all_methods_are_there(self):
+    def test_all_methods_exist(self):
         self.assertEqual(self.sender.selectors[: len(METHODS)], list(METHODS))
 
-    def test_that_fit_are_served(self):
+    def test_matching_ones_are_accepted(self):
         for selector, (kind, arguments, _) in METHODS.items():
             self.assertIsNone(self.outcome(kind, selector, arguments), selector)
 
-    def test_of_another_type_are_refused(self):
+    def test_of_a_wrong_type_are_refused(self):
         for selector, (kind, arguments, wrong) in METHODS.items():
             for place, values in enumerate(wrong):
                 for value in values:
@@ -282,7 +282,7 @@ class Arguments(ValueTest):
                                                                   Raw) else Code.wrongArguments
                         self.assertEqual(self.outcome(kind, selector, changed), expected)
 
-    def test_in_another_number_are_refused(self):
+    def test_in_a_wrong_number_are_refused(self):
         for selector, (kind, arguments, _) in METHODS.items():
             with self.subTest(selector):
                 self.assertEqual(self.outcome(kind, selector, [*arguments, None]),
@@ -291,19 +291,19 @@ class Arguments(ValueTest):
                     self.assertEqual(self.outcome(kind, selector, arguments[:-1]),
                                      Code.wrongArguments)
 
-    def test_asked_the_other_way_round_are_refused(self):
+    def test_of_the_other_kind_of_call_are_refused(self):
         for selector, (kind, arguments, _) in METHODS.items():
             other = ONE_WAY if kind == REQUEST else REQUEST
             self.assertEqual(self.outcome(other, selector, arguments), Code.wrongArguments,
                              selector)
 
-    def test_numbers_at_their_limits_are_taken(self):
+    def test_numbers_at_their_limits_are_accepted(self):
         for asid in (2**31 - 1, -(2**31)):
             self.assertEqual(self.sender.auth_check("user", asid), [False, None])
         for flags, value in ((2**64 - 1, 2**63 - 1), (0, -(2**63))):
             self.assertWorked(self.sender.publish({}, f"{flags} {value}", flags, value))
 
-    def test_of_a_method_that_does_not_exist_are_refused(self):
+    def test_of_an_unknown_method_are_refused(self):
         place = len(self.sender.selectors)
         for method in (place, place + 1, 255, 256, 2**32, 2**64 - 1):
             self.sender.last_id += 1
@@ -323,7 +323,7 @@ class Arguments(ValueTest):
 
 
 class Decoding(ValueTest):
-    def test_of_the_examples_here_is_right(self):
+    def test_decodes_these_examples(self):
         """Tests the client's own decoder, on which all tests above depend."""
         for what, item in PASSED_ON.items():
             self.assertIsInstance(decode(item), dict, what)
