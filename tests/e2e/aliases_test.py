@@ -22,8 +22,7 @@ UNIX = "auth required pam_unix.so\naccount required pam_unix.so\n"
 
 
 def switch(shadow="files keeltest"):
-    """Has the accounts' names looked up in the aliases, too; and their passwords, unless told
-    otherwise.
+    """Resolves account names through the aliases, too; also for passwords, unless told otherwise.
     """
     with open(SWITCH, "w") as file:
         file.write(f"passwd: files keeltest\nshadow: {shadow}\ngroup: files\n")
@@ -45,9 +44,7 @@ class Aliases(AuthTest):
         self.auth_client = self.other.client(maker=AuthClient)
 
     def assertRecorded(self, *names):
-        """Of the aliases and the accounts' own names these, and no others, are recorded in the
-        session.
-        """
+        """Asserts that exactly these aliases and account names are recorded in the session."""
         asker = self.client()
         known = [name for name in (*NAMES, *NAMES.values())
                  if asker.auth_check(name, self.other.session)[0]]

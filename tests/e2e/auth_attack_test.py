@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""The auth service under attack: nobody else waits for what an attacker does, and nothing of it
-stays.
+"""Tests the auth service under attack: an attacker delays no other client and leaves nothing
+behind.
 """
 
 import re
@@ -48,7 +48,7 @@ class Passwords(AuthTest):
                 bystanders.step()
                 self.assertWorked(quick.check())
                 self.assertFalse(quick.is_authed(friend.session))
-            # Not even the password of another user waits for those.
+            # Not even the password of another user is delayed.
             self.assertNotAdmin(proving.password("bob", password_of("bob")))
             self.assertEqual(gate.released, 0)
             self.assertEqual(len(self.daemon.logged(INVALIDATED)), 0)
@@ -62,7 +62,7 @@ class Passwords(AuthTest):
 
     def test_pipelined_requests_are_answered_in_order(self):
         client = self.auth()
-        # None of these reaches an account: such names and passwords cannot be.
+        # None of these reaches an account: such names and passwords are invalid.
         asked = [client.ask_password("a/b", "x") for _ in range(2000)]
         for number in asked:
             self.assertFailed(client.results(number)[0])
@@ -102,7 +102,7 @@ class Challenges(AuthTest):
 
     @staticmethod
     def open(client, count):
-        """As many challenges, one half each of digest and basic; their IDs."""
+        """Opens challenges, half digest and half basic; returns their IDs."""
         ids = []
         for start in ("authDigestStartWithHandler:", "authBasicStartWithHandler:"):
             asked = [client.request(start) for _ in range(count // 2)]
@@ -110,7 +110,7 @@ class Challenges(AuthTest):
         return ids
 
     def measured_bytes(self):
-        """The daemon's memory once it has served each kind of request."""
+        """Returns the daemon's memory once it has served each kind of request."""
         client = self.auth()
         for start in (client.start_basic, client.start_digest):
             client.validate("nonsense", start()[1])
@@ -140,8 +140,8 @@ class Challenges(AuthTest):
 
 
 def open_challenges_until_refused():
-    """How many they are, and the code of the refusal. At the end one at a time: requests that wait
-    take room, too.
+    """Returns their number and the code of the refusal. Sends the last ones one at a time, since
+    pending requests are charged, too.
     """
     client = AuthClient()
     kept.append(client)
@@ -157,8 +157,8 @@ def open_challenges_until_refused():
 
 
 def answer_challenges(count):
-    """Open ones of the process's first connection, with nonsense, which ends them; the codes of the
-    errors.
+    """Consumes open challenges of the process's first connection with wrong answers; returns the
+    codes of the errors.
     """
     client = kept[0]
     ids = [message.fields[2][1] for message in client.history if message.kind == REPLY][-count:]
@@ -201,7 +201,7 @@ kept = []
 
 
 class HeldUpPolkit:
-    """While it is entered, nobody is told what rights he has."""
+    """A context in which polkit answers no question about a right."""
 
     def __init__(self, polkit, daemon):
         self._polkit = polkit
@@ -222,7 +222,7 @@ class HeldUpPolkit:
 
 
 class Leavers(AuthTest):
-    """Clients that are gone in the middle."""
+    """Clients that leave during a request."""
 
     ROUNDS = 20
 
@@ -268,13 +268,13 @@ class Leavers(AuthTest):
             gate.release()
             self.daemon.wait_for_log(INVALIDATED, 2)
         stays = self.auth()
-        # What was proved is proved, in the session of who proved it, and in no other.
+        # A proof holds in the session of its process and in no other.
         self.assertTrue(stays.is_authed(session))
         self.assertFalse(stays.is_authed(other_session))
         self.assertFalse(stays.is_authed(-1))
 
     def leaving(self, held_up, *what, leave=OtherProcess.kill):
-        """alice and bob leave in the middle of something right, which `held_up` holds up; alice's
+        """Has alice and bob leave during a correct attempt that `held_up` delays; returns alice's
         session and bob's.
         """
         users = {"alice": self.process(ALICE, new_session=True),
@@ -293,7 +293,7 @@ class Leavers(AuthTest):
         return sessions
 
     def assertRecorded(self, alices_session, bobs_session):
-        """What was proved counts, where it was proved. bob is who he says, but no administrator."""
+        """Asserts that only alice is proved, in her session: bob is no administrator."""
         stays = self.auth()
         self.assertTrue(stays.is_authed(alices_session))
         self.assertEqual(self.client().auth_check("alice", alices_session), [True, None])

@@ -168,9 +168,7 @@ class Terminal:
         self._shown += data
 
     def type_unseen(self, line):
-        """Types a password once the terminal does not show it any more: what was typed before then
-        is thrown away.
-        """
+        """Types a password once the terminal's echo is off: earlier input is discarded."""
         while termios.tcgetattr(self._terminal)[3] & termios.ECHO:
             os.sched_yield()
         os.write(self._terminal, line.encode() + b"\n")
@@ -206,7 +204,7 @@ class Terminals(KeelctlTest):
 
 
 class Interaction(KeelctlTest):
-    """polkit asks for a proof, at the terminal of who wants the right."""
+    """polkit prompts for a proof on the terminal of the requesting process."""
 
     def setUp(self):
         super().setUp()

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Authorization references: whose count, and what polkit has to say. With a real polkitd on a
-system bus.
+"""Tests authorization references: which are valid, and polkit's part in it. With a real polkitd on
+a system bus.
 """
 
 import os
@@ -27,7 +27,7 @@ class ReferenceTest(AuthTest):
             self.addCleanup(self.polkit.close)
 
     def user(self, uid):
-        """A process of that user and its connection."""
+        """Starts a process of that user; returns it and its connection."""
         process = self.process(uid, new_session=True)
         return process, process.client(maker=AuthClient)
 
@@ -165,8 +165,8 @@ class Forms(ReferenceTest):
 
 
 def connect_and_leave(path):
-    """Connects to the auth service and leaves the connection to a child, which says on a socket at
-    `path` what came of using the reference of the process that has ended.
+    """Connects to the auth service and leaves the connection to a child, which reports on a socket
+    at `path` the result of using the reference of the ended process.
     """
     client = AuthClient()
     form = own_form()
@@ -184,8 +184,8 @@ def connect_and_leave(path):
 
 
 class Ended(ReferenceTest):
-    """The process that connected has ended, and its number was given to another, while a child goes
-    on with the connection.
+    """The process that connected has ended and its pid was reused, while a child keeps the
+    connection.
     """
 
     def test_a_process_that_reuses_the_pid_does_not_lend_its_right(self):
@@ -299,8 +299,8 @@ class EndlessRule(TroubleTest):
 
 
 def ask_in_vain():
-    """The question for a right, and a probe behind it on the same connection: whether that was
-    answered first, and the status.
+    """Requests the right with a probe behind it on the same connection; returns whether the probe
+    was answered first, and the status.
     """
     client = AuthClient()
     asked = client.request("authenticateForUser:using:withHandler:", "alice", own_form())

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""No password is left in the daemon's memory once its attempt is over, nor in its log: the memory
-is searched.
+"""Tests that no password is left in the daemon's memory or log once its attempt is over, by
+searching the memory.
 """
 
 import base64
@@ -36,7 +36,7 @@ class Secrets(AuthTest):
         self.secrets = []
 
     def secret(self, text):
-        """A password that nobody else has."""
+        """Returns a unique password."""
         self.secrets.append(text.encode())
         return f"{text}-{TAIL}"
 

@@ -1,8 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""The auth service against real accounts: passwords, sessions, challenges, texts, and where secrets
-are left.
-"""
+"""Tests the auth service with real accounts: passwords, sessions, challenges and texts."""
 
 import keel_host
 from keel_accounts import change_group, password_of
@@ -122,7 +120,7 @@ class Sessions(AuthTest):
             self.assertTrue(asking.is_authed(first.session))
             self.assertFalse(asking.is_authed(second.session))
             self.assertFalse(asking.is_authed(-1))
-        # Who sits in a session need not be the one who proved to be an administrator.
+        # The user of a session need not be the administrator who was proved.
         self.assertWorked(two.password("alice", ALICES))
         self.assertTrue(one.is_authed(second.session))
 

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""What clients must not send: each gets the failure or the goodbye that the protocol names, and
-nobody else notices.
+"""Tests forbidden messages: each gets the failure or goodbye of the protocol, and no other client
+is affected.
 """
 
 import re
@@ -29,15 +29,15 @@ class BadInputTest(DaemonTest):
 
 
 class Messages(BadInputTest):
-    """After a failure the connection stays usable, and nothing was done."""
+    """Asserts that after a failure the connection is usable and nothing has changed."""
 
     def setUp(self):
         super().setUp()
         self.sender = self.client()
 
     def assertFails(self, body, codes, identifiers=(None,)):
-        """On a connection of its own the frame is answered with exactly one failure, and the
-        connection goes on.
+        """Asserts that the frame, on a new connection, is answered with exactly one failure, and
+        that the connection stays usable.
         """
         with self.subTest(body[:60].hex()), self.client() as sender:
             sender.send_frame(body)
@@ -143,7 +143,7 @@ class Messages(BadInputTest):
 
 
 class Endings(BadInputTest):
-    """What ends a connection with a goodbye that says why, and one line in the log."""
+    """Tests messages that end a connection with a goodbye and one line in the log."""
 
     def assertDropped(self, data, greet=False):
         client = self.client(greet=greet)
@@ -196,7 +196,7 @@ class Endings(BadInputTest):
         self.assertDropped(framed(encode([HELLO, 2, [], {}])), greet=True)
 
     def hello_of(self, size):
-        """A hello frame of that many bytes behind the length."""
+        """Returns a hello frame of that size, without the length."""
         message = encode([HELLO, 1, list(EXPORTS), {"x": b""}])
         filling = size - len(message) - 2
         return encode([HELLO, 1, list(EXPORTS), {"x": bytes(filling)}])

@@ -36,7 +36,7 @@ class Crash(DaemonTest):
         self.number = signal.SIGSEGV if keel_host.memory_factor() == 1 else signal.SIGABRT
 
     def start_and_wait(self, **options):
-        """A daemon whose main thread is parked, or about to be; whatever it logs."""
+        """Starts a daemon and waits until its main thread is parked, at any log level."""
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
             manager.bind(READINESS)
             self.addCleanup(remove, READINESS)

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Very many connections: at once, one after the other, more than fit, and more than one user may
-have.
+"""Tests very many connections: at once, in sequence, beyond the daemon's limit, and beyond a
+user's.
 """
 
 import os
@@ -23,7 +23,7 @@ TOO_MANY = re.compile(r".*: too many connections of uid 1001; new ones are turne
 
 
 def connect(uid=0):
-    """A connection, made by that user, whose hello has not been looked at."""
+    """Returns a connection of that user whose hello was not read yet."""
     os.seteuid(uid)
     try:
         client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
@@ -34,7 +34,7 @@ def connect(uid=0):
 
 
 def readable(sockets):
-    """Those of them on which something has come."""
+    """Returns the readable ones."""
     poll = select.poll()
     for client in sockets:
         poll.register(client, select.POLLIN)
@@ -119,13 +119,13 @@ class Crowd(DaemonTest):
 
 
 class Full(Crowd):
-    """With few descriptors: what goes beyond waits until there is room, and is not refused."""
+    """With few descriptors: connections beyond them wait and are not refused."""
 
     options = {"descriptors": 1200}
 
     def fill(self):
-        """Connects until the daemon says that it takes no more. Those that were let in, and those
-        that wait.
+        """Connects until the daemon reports the shortage. Returns the accepted and the pending
+        connections.
         """
         before = len(self.daemon.logged(FULL))
         while len(self.daemon.logged(FULL)) == before:
@@ -222,14 +222,16 @@ class VeryFewDescriptors(Full):
 
 
 class OneUser(Crowd):
-    """A user other than root may have as many connections as are still free of seven eighths of
-    all.
+    """A user other than root may have as many connections as are still free of seven eighths of the
+    total.
     """
 
     options = {"descriptors": 1200}
 
     def fill(self):
-        """Connects as Alice until she is turned away; the connection with that goodbye."""
+        """Connects until the daemon reports the shortage. Returns the accepted and the pending
+        connections.
+        """
         while True:
             os.seteuid(ALICE)
             try:
@@ -282,7 +284,7 @@ class OneUser(Crowd):
 
 
 def load_tests(loader, standard, pattern):
-    """The cases of Crowd itself are not repeated by those that build on it."""
+    """Omits the inherited cases of Crowd from its subclasses."""
     del standard, pattern
     suite = unittest.TestSuite()
     inherited = set(loader.getTestCaseNames(Crowd))

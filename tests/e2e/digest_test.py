@@ -1,8 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Digest and basic challenges, answered by HTTP clients that know nothing of keeld, and by answers
-made here.
-"""
+"""Tests digest and basic challenges with ordinary HTTP clients and with answers computed here."""
 
 import base64
 import functools
@@ -52,8 +50,8 @@ def keelctl(*arguments, password=None, **options):
 
 
 class WebServer:
-    """Lets users in whom the auth service lets in: a challenge goes out and its answer comes back
-    as HTTP has it.
+    """An HTTP server that authenticates with the auth service: it forwards the challenge and its
+    answer.
     """
 
     def __init__(self, scheme, fields_of):
@@ -104,8 +102,8 @@ class WebServer:
         self._thread.start()
 
     def start(self):
-        """A challenge's text, and its nonce, or in the scheme basic its ID: under either that ID is
-        found.
+        """Returns a challenge's text and the key of its ID: the nonce, or in the scheme basic the
+        ID itself.
         """
         text, identifier, _ = self.client.call(START[self._scheme])
         key = parameters_of(text).get("nonce", identifier)
@@ -170,7 +168,7 @@ class ChallengeTest(AccountsTest):
         return server
 
     def challenge(self, client, algorithm="SHA-256", scheme="digest"):
-        """The parameters of one, and its ID."""
+        """Returns the parameters of a challenge and its ID."""
         text, identifier, error = client.call(START[scheme])
         self.assertWorked(error)
         offered = [parameters_of(line) for line in text.split("\n")]
@@ -178,7 +176,7 @@ class ChallengeTest(AccountsTest):
                     if challenge.get("algorithm") in (algorithm, None)), identifier
 
     def validated(self, user, password=None, algorithm="SHA-256", **changes):
-        """Response, user's name and code of a fresh challenge's answer."""
+        """Answers a new challenge; returns response, user's name and code."""
         client = self.auth_client()
         challenge, identifier = self.challenge(client, algorithm)
         answer = answer_to(challenge, user, password or digest_password_of(user), **changes)
@@ -190,7 +188,7 @@ class ChallengeTest(AccountsTest):
 
 
 class HttpClients(ChallengeTest):
-    """What a challenge has is understood as it was meant, and what they answer is taken."""
+    """Ordinary clients understand the challenges, and keeld accepts their answers."""
 
     def assertLetIn(self, get, scheme, fields_of=lambda lines: lines, password=digest_password_of):
         server = self.server(scheme, fields_of)
@@ -378,8 +376,8 @@ class Keelctl(ChallengeTest):
                                 _: os.write(terminal, typed.pop(0).encode() + b"\n"))
 
     def on_terminal(self, answer, check_echo=False):
-        """Runs keelctl digest set alice on a terminal of its own; `answer` is called for each
-        prompt. What it showed, and its status.
+        """Runs keelctl digest set alice on a pseudo-terminal; `answer` is called for each prompt.
+        Returns its output and its status.
         """
         import termios
 

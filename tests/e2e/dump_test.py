@@ -183,9 +183,7 @@ class Dump(DaemonTest):
         self.assertEqual(numbers, sorted(numbers))
 
     def test_is_a_snapshot(self):
-        """A dump in slices, and updates of every item that the daemon finds beside it, in the order
-        of the names.
-        """
+        """Runs a dump in slices while every item is updated, in the order of the names."""
         names = [f"name {number:03}" for number in range(300)]
         publisher = self.client()
         for name in names:
@@ -224,7 +222,7 @@ class Dump(DaemonTest):
 
     @staticmethod
     def send_updates(publisher, names, item):
-        """All with one system call: a socket that nobody reads takes few messages, however small.
+        """Sends all with one system call, since an unread socket holds few messages, however small.
         Returns the requests' ids.
         """
         method = publisher.selectors.index("updatePublishedItem:name:withHandler:")

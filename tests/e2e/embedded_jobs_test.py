@@ -90,7 +90,7 @@ class Embedded(JobsTest):
         self.assertNotEqual(ask("com.e.again")["pid"], first["pid"])
 
     def test_is_watched_even_if_sigchld_was_ignored(self):
-        """Who starts keeld may ignore it, and an ignored signal is inherited."""
+        """keeld inherits the signal as ignored if its parent ignores it."""
         self.bundle("again")
         self.daemon = self.start(before_exec=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
         first = ask("com.e.again")
@@ -216,9 +216,7 @@ class Embedded(JobsTest):
         self.assertIn("the user nobody-of-that-name", jobs["keel_bad"]["problem"])
 
     def test_a_slow_program_does_not_delay_others(self):
-        """A program that cannot be started, and one that is slow to do so, are the business of a
-        worker.
-        """
+        """Programs that fail to start, or start slowly, are handled on a worker."""
         self.bundle("good")
         self.bundle("bad", UserName="nobody-of-that-name")
         self.daemon = self.start()

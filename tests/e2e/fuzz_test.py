@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Sessions that began as good ones: thousands of them, with bytes, items and frames changed, left
-out, doubled and exchanged.
+"""Mutates valid sessions: thousands of them, with bytes, items and frames changed, removed,
+duplicated and swapped.
 
 Each is a function of KEEL_FUZZ_SEED (a fixed number unless given) and its own number, both of which
 a failure names.
@@ -45,7 +45,7 @@ def name(random):
 
 
 def requests(random):
-    """The messages of a good session, without ids."""
+    """Returns the messages of a valid session, without ids."""
     for _ in range(random.randrange(1, 12)):
         yield random.choice([
             lambda: [REQUEST, 3,
@@ -68,7 +68,7 @@ def session(random):
 
 
 def changed_value(random, value):
-    """The value with something in it exchanged."""
+    """Returns the value with a part replaced."""
     if isinstance(value, list) and value and random.random() < 0.8:
         place = random.randrange(len(value))
         what = random.random()
@@ -100,7 +100,7 @@ def changed_bytes(random, data):
 
 
 def mutated(random, messages):
-    """The bytes of a session, changed in one of several ways."""
+    """Returns the bytes of a session, mutated."""
     bodies = [encode(message) for message in messages]
     what = random.random()
     # most keep their hello, else nothing behind it is looked at
@@ -134,7 +134,7 @@ def mutated(random, messages):
 
 
 def padding(data):
-    """What completes the last frame; None when that would be too much."""
+    """Returns the missing bytes of the last frame; None if they are too many."""
     padded = bytearray(data)
     at = 0
     while at < len(padded):
@@ -148,8 +148,8 @@ def padding(data):
 
 
 def ids_sent(data):
-    """How often each request id may be answered: once for each frame that could be a request with
-    it.
+    """Returns how often each request id may be answered: once per frame that could be a request
+    with it.
     """
     ids = collections.Counter()
     at = 0
@@ -180,9 +180,8 @@ class Fuzz(DaemonTest):
         self.files_kept = 0  # at most, in published items
 
     def run_session(self, data, number, files=()):
-        """Sends the bytes, and waits until the daemon has looked at all of them; the client checks
-        what it says to them. Every other session has a last request behind it, the rest end their
-        sending half.
+        """Sends the bytes and waits until the daemon has read all of them; the client validates the
+        daemon's messages. Every other session ends with a request, the rest with a half-close.
         """
         with Client(greet=False) as client:
             client.take_hello()
@@ -211,8 +210,8 @@ class Fuzz(DaemonTest):
         self.assertLessEqual(kinds.count(GOODBYE), 1)
 
     def look_around(self, count):
-        """Nobody else notices, nothing is kept, and the log stays short: for each connection at
-        most one line of each kind.
+        """Asserts that other clients are unaffected, nothing is retained, and each connection has
+        logged at most one line of each kind.
         """
         self.bystanders.step()
         self.wait_for_clean_up(count)
@@ -237,7 +236,7 @@ class Fuzz(DaemonTest):
                 self.look_around(number + 1)
 
     def test_unchanged_sessions_receive_every_answer(self):
-        """The ground that the others stand on: unchanged, every request has its reply."""
+        """Validates the generator: without mutations every request has its reply."""
         for number in range(STEP):
             messages = session(random.Random(f"{SEED} good {number}"))
             asked = [message[1] for message in messages if message[0] == REQUEST]
@@ -258,7 +257,7 @@ class Fuzz(DaemonTest):
                 self.look_around(number + 1)
 
     def test_sessions_with_files(self):
-        """The same with descriptors thrown in, good and bad."""
+        """Mutated sessions with valid and invalid descriptors."""
         self.files_kept = len(NAMES)
         good = self.file(sealed_file(encode({"picture": b"\0" * 70000})))
         empty = self.file(sealed_file(b"", seals=0))

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""keeld as it is installed and set up by hand, step by step as docs/operations.md has it, as a
-service of a real systemd.
+"""Tests keeld installed and set up as a service of a real systemd, following docs/operations.md
+step by step.
 """
 
 import json
@@ -21,14 +21,14 @@ DROP_INS = "/etc/systemd/system/keeld.service.d"
 
 
 def steps():
-    """The commands of the guide's first block of a shell."""
+    """Returns the commands of the guide's first shell block."""
     with open(os.path.join(TOP, "docs/operations.md")) as file:
         block = file.read().split("## Installing\n", 1)[1].split("```sh\n", 1)[1].split("```", 1)[0]
     return block.replace(BUILD, os.path.dirname(os.path.dirname(keel_host.keeld)))
 
 
 def connects(pid):
-    """Whether a process has a socket: keelctl has one when it has connected."""
+    """Returns true if a process has a socket: keelctl has one once connected."""
     try:
         links = [os.readlink(f"/proc/{pid}/fd/{number}")
                  for number in os.listdir(f"/proc/{pid}/fd")]
@@ -55,7 +55,7 @@ class Installation(unittest.TestCase):
             raise AssertionError(f"the guide's steps failed: {done.stdout}{done.stderr}")
 
     def keelctl(self, *words, password=None, uid=0):
-        """The status of the installed keelctl, and what it wrote."""
+        """Runs the installed keelctl; returns its status and output."""
         if password is not None:
             words = (*words, "--password-fd", "0")
         done = subprocess.run(["setpriv", f"--reuid={uid}", f"--regid={uid}", "--clear-groups",

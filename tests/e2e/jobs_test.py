@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Jobs as units of a real systemd, which is process 1 of the private host; and keeld as one of its
+"""Tests jobs as units of a real systemd, process 1 of the private host, and keeld as one of its
 services.
 """
 
@@ -359,7 +359,7 @@ class WithKeeld(DaemonTest):
         self.fail(f"nothing was logged of {name}")
 
     def assertLoadingFailed(self, daemon, name, *, before=None, enabling=None, after=None):
-        """With these errors (patterns) of the check before, of enabling, and of the check after."""
+        """Patterns: errors of the check before, of enabling, and of the check after."""
         label, path = f"com.k.{name}", f"{BUNDLES}keel_{name}.bundle"
         check = "error loadModuleIfNeededFromPath QZSupervisorGetServiceEnabled returns "
         expected = [

@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Real accounts on the private host, and what a client of the auth service does to prove that it
-knows them.
+"""Real accounts on the private host, and proofs by clients of the auth service.
 
 alice is an administrator and bob is not; carol's account has expired, dave's is locked, erin must
 change her password first; grace is an administrator by her primary group.

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The auth service for the end-to-end tests: its client, passwords that wait, and polkit on a
-system bus of its own.
+"""The auth service for the end-to-end tests: a client, delayed password checks, and polkit on a
+private system bus.
 """
 
 import base64
@@ -24,8 +24,8 @@ TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__)
 
 
 class AuthClient(Client):
-    """A connection to the auth service. Each method returns what the reply holds, the error last or
-    alone.
+    """A connection to the auth service. Each method returns the results of the reply, the error
+    last or alone.
     """
 
     def __init__(self, **options):
@@ -148,9 +148,9 @@ def set_password(user, password):
 
 
 class HeldUpPasswords:
-    """While it is entered, every check of a password waits for release(), or for being ended; or
-    those of one user's. With the question "account" it is every look whether an account may be
-    used: right answers to digest challenges wait for that.
+    """A context in which every password check, or those of one user, blocks until release() or
+    until it is killed. With the question "account" it blocks every check whether an account may be
+    used, which digest challenges need.
     """
 
     _GATE = "/run/keel-test-gate"
@@ -208,8 +208,8 @@ esac
 
 
 class Polkit:
-    """A system bus, and polkitd on it, with the policy of this source tree. Administrators hold the
-    right unless other rules are given.
+    """A system bus with a polkitd and the policy of this source tree. Administrators hold the right
+    unless other rules are given.
     """
 
     RULES = "/etc/polkit-1/rules.d/40-keel-test.rules"

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A client of keeld's services, written from docs/protocol.md alone: a second opinion on the wire.
+"""A client of keeld's services, written from docs/protocol.md alone: an independent implementation
+of the wire protocol.
 
 Whatever the daemon sends that the page does not allow raises Malformed. It never waits without
 reading, and no wait lasts longer than HANG_GUARD, which no working daemon comes near.
@@ -72,8 +73,8 @@ class Refused(Exception):
 
 @dataclass
 class Message:
-    """One frame of the daemon's. Values that came as files stand in `fields` and `raw_arguments` as
-    if they had come inline.
+    """A frame of the daemon. Values received as files are in `fields` and `raw_arguments` as if
+    they were inline.
     """
 
     fields: list
@@ -133,8 +134,8 @@ def _message_of(body, files):
 
 
 class Client:
-    """One connection. Every method that waits reads whatever comes meanwhile; `history` keeps all
-    of it in order.
+    """A connection. Every method that waits reads all messages meanwhile; `history` keeps them in
+    order.
     """
 
     def __init__(self, service=NOTIFY, *, exports=EXPORTS, descriptors=False, options=None,
@@ -174,8 +175,8 @@ class Client:
     # -- bytes
 
     def send_bytes(self, data, files=()):
-        """Sends all of `data`, the files with its first byte, and reads meanwhile. Raises Ended
-        when the daemon closed.
+        """Sends all of `data`, the files with its first byte, and reads meanwhile. Raises Ended if
+        the daemon closed the connection.
         """
         left = memoryview(data)
         rights = [(socket.SOL_SOCKET, socket.SCM_RIGHTS,
@@ -327,9 +328,7 @@ class Client:
         return Code(message.fields[2])
 
     def end(self):
-        """Reads to the end of the connection and returns the goodbye's text, None when there was
-        none.
-        """
+        """Reads to the end of the connection and returns the goodbye's text, None without one."""
         self._read_to_end()
         return self.goodbye_text
 
@@ -371,8 +370,7 @@ class Client:
         return Delivery(name, item, flags, error, message.raw_arguments[1], message.files_taken > 0)
 
     def deliveries_so_far(self):
-        """All that were sent before the answer to a request that is made now: then no other is
-        under way.
+        """Returns all deliveries sent before the answer to a new request: none is in flight then.
         """
         self.dump("")
         return self.deliveries_that_came()

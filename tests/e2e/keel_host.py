@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the end-to-end tests stand on: the real daemon at its real paths on a private host
-(scripts/private-host), watched.
+"""The harness of the end-to-end tests: the real daemon at its real paths on a private host
+(scripts/private-host).
 
 A test program is called with the path of keeld, and of keelctl if it needs that one. Nothing here
 waits for time to pass: every wait is for an event, and its limit only ends a test that hangs.
@@ -44,7 +44,7 @@ class LogLine(NamedTuple):
 
 
 class Daemon:
-    """A running keeld. What it writes to standard error is in `lines`; what of that is log in
+    """A running keeld. `lines` are its lines on standard error; those that are log messages are in
     `log`.
 
     log          the value of KEELD_LOG; None: not set
@@ -146,8 +146,8 @@ class Daemon:
         return found[count - 1]
 
     def times_logged(self, text, least, level=None, category=None):
-        """How many such lines there are once there are `least`: lines may be read later than an
-        answer that they came before.
+        """Returns the number of such lines once there are at least `least`: a line may be read
+        after a later answer.
         """
         self.wait_for_log(text, least, level, category)
         return len(self.logged(text, level, category))
@@ -166,8 +166,8 @@ class Daemon:
         self.signal(signal.SIGCONT)
 
     def wait(self):
-        """Its exit status (negative: the signal it died of), when it has ended and all it wrote was
-        read.
+        """Waits for its end and the end of its output; returns its exit status (negative: the
+        signal that ended it).
         """
         status = self._process.wait(timeout=HANG_GUARD)
         if self._process.stderr:
@@ -210,9 +210,7 @@ class Daemon:
 
 @functools.cache
 def memory_factor():
-    """How much more memory this build of keeld may take than an ordinary one: sanitizers keep
-    books.
-    """
+    """Returns the memory overhead of this build of keeld as a factor: sanitizers need more."""
     with open(keeld, "rb") as program:
         code = program.read()
     return 8 if b"__tsan_init" in code or b"__asan_init" in code else 1
@@ -285,7 +283,7 @@ class Journal:
 
 
 class DaemonTest(unittest.TestCase):
-    """Each case has a daemon of its own, which must be alive at the end and exit cleanly.
+    """Each case runs its own daemon, which must be alive at the end and exit cleanly.
 
     log      KEELD_LOG of the daemons that a case starts. The category runtime is at its debug
              level: "up and running" and the ends of connections are logged there. A class that
@@ -309,8 +307,8 @@ class DaemonTest(unittest.TestCase):
         return daemon
 
     def start_silent(self, **options):
-        """A daemon whose log does not tell when it is ready. Its socket is there before it, so that
-        clients just connect.
+        """Starts a daemon whose log does not show when it is ready. Its socket exists before it, so
+        clients can connect.
         """
         listener = listening_socket(NOTIFY_PATH)
         self.addCleanup(listener.close)
@@ -335,16 +333,16 @@ class DaemonTest(unittest.TestCase):
         self.own_client().dump("")
 
     def own_client(self):
-        """A connection that is kept throughout the test: its end would be counted among those
-        waited for.
+        """Returns a connection that is kept throughout the test, so that its end is not counted
+        among those waited for.
         """
         if self._own_client is None:
             self._own_client = self.client()
         return self._own_client
 
     def after_clean_up(self, end, count=1):
-        """Calls `end`, which ends `count` connections to the notify service, and waits until that
-        is cleaned up.
+        """Calls `end`, which ends `count` connections to the notify service, and waits for their
+        clean-up.
         """
         before = len(self.daemon.logged(INVALIDATED))
         end()
@@ -385,9 +383,7 @@ class DaemonTest(unittest.TestCase):
 
 
 class Bystanders:
-    """A publisher and a follower who are no part of what a test does, and must be served as if
-    nothing happened.
-    """
+    """A publisher and a follower that take no part in a test and must be served normally."""
 
     def __init__(self, test, name="bystanders"):
         self._test = test
@@ -417,8 +413,7 @@ class _Result(unittest.TextTestResult):
 
 
 def skip_or_fail(test, why):
-    """For what this machine does not have. A test that cannot run is a failure where all must run.
-    """
+    """Skips a test that this machine cannot run, or fails it where all tests must run."""
     if os.environ.get("CI") == "true":
         test.fail(why)
     test.skipTest(why)

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Jobs for the tests of the service managers: a program that tells what it was given, and a way to
-call the supervisor alone.
+"""Jobs for the tests of the service managers: a program that reports its environment, and a driver
+of the supervisor alone.
 """
 
 import json
@@ -104,7 +104,7 @@ class Supervisor:
 
 
 class SpyBus:
-    """Stands between a process and the system bus, or systemd, and notes what is asked of systemd:
+    """A proxy between a process and the system bus or systemd that records calls to systemd:
     methods and properties.
 
     path     where it stands

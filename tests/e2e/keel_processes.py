@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Clients in processes of their own, told what to do from here."""
+"""Clients in other processes, controlled by the test."""
 
 import os
 import pickle
@@ -13,8 +13,8 @@ from keel_client import Client
 
 
 class OtherProcess:
-    """A process with clients of its own, as another user or in an audit session of its own. It does
-    what it is told, and lives until it is killed.
+    """A process with clients, as another user or in another audit session. It executes commands and
+    lives until it is killed.
     """
 
     def __init__(self, uid=0, new_session=False):
@@ -89,11 +89,11 @@ class OtherProcess:
         return self.result()
 
     def do(self, function, *arguments):
-        """Calls a function over there and returns what it returns."""
+        """Calls a function in that process and returns its result."""
         return self._do(None, function, arguments, {})
 
     def begin(self, function, *arguments):
-        """The same without waiting; result() does."""
+        """Calls it without waiting; result() returns the result."""
         self._send((None, function, arguments, {}))
 
     def result(self):
@@ -103,9 +103,7 @@ class OtherProcess:
         return value
 
     def client(self, *arguments, **options):
-        """A Client over there. `options` may name another class or function that makes one as
-        `maker`.
-        """
+        """Returns a Client in that process. `options` may name another factory as `maker`."""
         maker = options.pop("maker", Client)
         return RemoteClient(self, self._do(None, maker, arguments, options))
 
@@ -129,7 +127,7 @@ class OtherProcess:
 
 
 class RemoteClient:
-    """A Client in an OtherProcess: every method is called there."""
+    """A proxy of a Client in an OtherProcess."""
 
     def __init__(self, process, place):
         self._process = process

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The values of keeld's wire protocol, written from docs/protocol.md alone: a second opinion on the
-encoding.
+"""The values of keeld's wire protocol, written from docs/protocol.md alone: an independent
+implementation of the encoding.
 
 It decodes strictly: what the page does not allow raises Malformed.
 """
@@ -17,7 +17,7 @@ DESCRIPTION = "NSLocalizedDescription"
 
 
 class Malformed(Exception):
-    """The daemon broke a rule of the wire."""
+    """The daemon violated the wire protocol."""
 
 
 @dataclass(frozen=True)
@@ -43,7 +43,7 @@ class InFile:
 
 @dataclass(frozen=True)
 class Raw:
-    """Bytes that stand for a value in what is encoded."""
+    """Bytes that are encoded verbatim."""
 
     encoded: bytes
 
@@ -148,7 +148,7 @@ class _Reader:
 
 
 def decode(data):
-    """The one value that `data` holds."""
+    """Decodes the single value in `data`."""
     reader = _Reader(data)
     value = reader.value()
     if reader.at != len(data):
@@ -157,7 +157,7 @@ def decode(data):
 
 
 def split(data):
-    """The encoded items of the array that `data` holds."""
+    """Returns the encoded items of the array in `data`."""
     reader = _Reader(data)
     major, _, count = reader.head()
     if major != 4:
@@ -177,7 +177,7 @@ def framed(body):
 def sealed_file(content,
                 seals=fcntl.F_SEAL_WRITE | fcntl.F_SEAL_GROW | fcntl.F_SEAL_SHRINK
                 | fcntl.F_SEAL_SEAL):
-    """A memory file that holds `content`, as a large value travels. The caller closes it."""
+    """Returns a memory file with `content`, as large values are sent. The caller closes it."""
     file = os.memfd_create("value", os.MFD_CLOEXEC | os.MFD_ALLOW_SEALING)
     with open(file, "wb", closefd=False) as stream:
         stream.write(content)

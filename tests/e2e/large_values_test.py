@@ -1,8 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Large values: as files to those who take them and inline to others, both ways; and files that are
-not what they should be.
-"""
+"""Tests large values, as files and inline, in both directions, and invalid files."""
 
 import fcntl
 import os
@@ -23,7 +21,7 @@ UNCLAIMED_MOST = 8
 
 
 def item_of(size, fill=b"\0"):
-    """An encoded item of exactly that many bytes."""
+    """Returns an encoded item of exactly that size."""
     key = encode("picture")
     for head, form in ((b"\x59", ">H"), (b"\x5a", ">I")):
         filling = size - 1 - len(key) - 1 - struct.calcsize(form)
@@ -199,8 +197,8 @@ class FromTheDaemon(LargeValueTest):
 
 
 class BadFiles(LargeValueTest):
-    """What is not an exact sealed file of the right kind is refused, changes nothing and leaves no
-    descriptor open.
+    """Anything but a sealed file of the exact size and right kind is refused, changes nothing and
+    leaves no descriptor open.
     """
 
     def setUp(self):
@@ -214,7 +212,7 @@ class BadFiles(LargeValueTest):
         self.item = item_of(70014)
 
     def tearDown(self):
-        # Whatever was refused: the connection and the item are as before.
+        # After a refusal the connection and the item are unchanged.
         self.assertWorked(self.sender.update({"n": 2}, "camera"))
         self.assertEqual([delivery.item for delivery in self.follower.deliveries_so_far()],
                          [{"n": 2}])
@@ -343,9 +341,7 @@ class BadFiles(LargeValueTest):
         os.close(file)
 
     def test_the_descriptor_arrives_with_the_first_byte_of_a_split_frame(self):
-        """The descriptor leaves with the first byte; the rest of the frame comes one byte at a
-        time.
-        """
+        """Sends the descriptor with the first byte and the rest of the frame byte by byte."""
         file = sealed_file(self.item)
         self.sender.last_id += 1
         frame = framed(encode([REQUEST, self.sender.last_id, 4, [InFile(70014), "camera"]]))

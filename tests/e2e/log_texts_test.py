@@ -29,9 +29,7 @@ class LogTest(DaemonTest):
     log = "debug"
 
     def assertLogged(self, *expected, category="notification"):
-        """Ends the daemon, and compares all it logged in that category with lines of level and
-        text.
-        """
+        """Ends the daemon and compares its log of that category with the given levels and texts."""
         self.assertEqual(self.daemon.stop(), 0)
         lines = [f"{line.level} {line.text}" for line in self.daemon.log
                  if line.category == category]

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Where keeld's messages go, which are written, and that nobody who fails to take them holds it up.
+"""Tests keeld's log outputs and levels, and that a reader that does not read never blocks the
+daemon.
 """
 
 import fcntl
@@ -33,8 +34,8 @@ class LogTest(DaemonTest):
 
 class Levels(LogTest):
     def levels_of(self, setting):
-        """What is logged of a refused publication, and of the end, under that setting: the
-        categories and levels.
+        """Returns the categories and levels logged, under that setting, for a refused publication
+        and the end.
         """
         daemon = self.start_silent(log=setting)
         client = self.client()
@@ -88,7 +89,7 @@ class StandardError(LogTest):
             [line for line in daemon.lines if "line\\x0aand" in line or "line\\nand" in line])
 
     def stuck_daemon(self):
-        """A daemon whose standard error is a pipe that nobody reads, and the end to read from."""
+        """Starts a daemon whose standard error is an unread pipe; returns both."""
         reading, writing = os.pipe()
         self.addCleanup(os.close, reading)
         fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)

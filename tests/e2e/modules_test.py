@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Bundles of modules: which are found, what becomes of broken ones, and that keeld starts whatever
-there is.
+"""Tests module bundles: which are found, how broken ones are handled, and that keeld starts in any
+case.
 """
 
 import glob
@@ -39,7 +39,7 @@ def forget_jobs():
 
 
 class ModulesTest(DaemonTest):
-    """Each case makes its bundles, then starts a daemon. With a systemd or without."""
+    """Each case creates bundles, then starts a daemon, with or without a systemd."""
 
     log = "runtime=debug,startup=debug,bundle=debug"
 
@@ -63,7 +63,7 @@ class ModulesTest(DaemonTest):
             output.write(content)
 
     def bundle(self, name, *, info=None, job=None, contents=True, form=plistlib.FMT_XML):
-        """A bundle with these dictionaries."""
+        """Creates a bundle with these dictionaries."""
         os.makedirs(self.path(name), exist_ok=True)
         inside, resources = ("Contents/", "Contents/Resources/") if contents else ("", "")
         if info is not None:
@@ -297,7 +297,7 @@ class Loading(ModulesTest):
                            'Info.plist: "QZJobLabel" is no text'),
         }
         self.assertEqual(self.shown_synthesis(), expected)
-        # Whoever may not look is not told that it was synthesized.
+        # A user without access to the bundle does not see that it was synthesized.
         shown = self.shown_synthesis(user=1001)
         self.assertIsNone(shown["keel_own"][0])
         self.assertIn("Permission denied", shown["keel_own"][1])
@@ -305,7 +305,7 @@ class Loading(ModulesTest):
 
     @staticmethod
     def shown_synthesis(user=0):
-        """What keelctl shows that user of each module: whether its job is synthesized, and why."""
+        """Returns keelctl's output for that user: synthesized or not, and why, by module."""
         shown = subprocess.run([keel_host.keelctl, "modules", "--json"], check=True,
                                capture_output=True, text=True, user=user)
         modules = map(json.loads, shown.stdout.splitlines())

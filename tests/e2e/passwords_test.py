@@ -30,13 +30,13 @@ def own_module(*task):
 
 
 def helpers():
-    """Process ids of running keel-pam, or of what it left behind."""
+    """Returns the pids of keel-pam and its children."""
     found = []
     for pid in filter(str.isdigit, os.listdir("/proc")):
         try:
             with open(f"/proc/{pid}/stat") as file:
                 stat = file.read()
-            # One that has ended and only waits for its parent to notice is not running.
+            # A zombie is not running.
             if "(keel-pam) " in stat and "(keel-pam) Z" not in stat:
                 found.append(int(pid))
         except FileNotFoundError:
@@ -179,7 +179,7 @@ class Service(AccountsTest):
         self.assertEqual(self.daemon.times_logged(said, 1, "error"), 1)
 
     def test_included_files_must_have_the_rules(self):
-        """PAM takes those of the fall-back for a question that has none, in whichever file."""
+        """PAM uses the fallback service for a facility without rules."""
         with open("/etc/pam.d/other", "w") as file:
             file.write("auth required pam_permit.so\naccount required pam_permit.so\n")
         part = "/etc/pam.d/keeld-part"
@@ -211,7 +211,7 @@ class Service(AccountsTest):
         self.assertAccepted("alice")
 
     def test_refusals_are_not_delayed_by_pam(self):
-        """The module asks for a delay of an hour, which would be the daemon's to wait for."""
+        """The module requests a delay of an hour from its caller."""
         service("auth optional pam_faildelay.so delay=3600000000", "auth required pam_unix.so",
                 "account required pam_unix.so")
         self.assertRefused("alice", "wrong")
@@ -231,7 +231,7 @@ class BadModules(AccountsTest):
             self.assertWorked(client.call("authServiceCheckWithHandler:")[0])
 
     def tearDown(self):
-        """Nothing is left of what they did."""
+        """Asserts that they left no process and no descriptor behind."""
         self.auth_client()
         self.assertTrue(self.daemon.running)
         self.assertTrue(all(await_end(pid) for pid in helpers()))
@@ -246,7 +246,7 @@ class BadModules(AccountsTest):
         self.assertEqual(len(hanging), 1)
         install_service()
         self.assertAccepted("alice")
-        # One that has answered may take a moment to end.
+        # A process that has answered may take a moment to end.
         self.assertTrue(all(await_end(pid) for pid in helpers() if pid not in hanging))
         self.assertEqual(helpers(), hanging)
         self.assertError(waiting.results(request)[0], AUTH_FAILED)
@@ -276,7 +276,7 @@ class BadModules(AccountsTest):
         self.assertTrue(all(await_end(pid) for pid in helpers()))
 
     def test_a_leaking_module_leaves_nothing_behind_even_if_sigchld_was_ignored(self):
-        """Who starts keeld may ignore it, and an ignored signal is inherited."""
+        """keeld inherits the signal as ignored if its parent ignores it."""
         self.daemon.stop()
         self.daemon = self.start(before_exec=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
         service(f"auth {own_module('leak')}", f"auth {own_module('crash')}",

@@ -26,8 +26,8 @@ class PeerTest(DaemonTest):
         return entries[0]["publisher"]
 
     def text_of(self, client, name):
-        """Number, process, program, user and session of a connection, as the daemon tells of its
-        publisher.
+        """Returns the number, process, program, user and session of a connection, from the
+        publisher in a dump.
         """
         self.assertWorked(client.publish({}, name))
         found = TEXT.fullmatch(self.publisher_of(name))
@@ -81,7 +81,7 @@ class Identity(PeerTest):
         self.assertTrue(self.publisher_of("name").endswith(f" uid 0 session {process.session}>"))
 
     def test_a_connection_whose_maker_is_gone_is_dropped_silently(self):
-        """A process connects, leaves the connection to its child and is gone when the daemon
+        """A process connects, leaves the connection to its child and ends before the daemon
         accepts.
         """
         self.daemon.pause()
@@ -192,9 +192,7 @@ class KilledProcesses(PeerTest):
         self.assertEqual(self.process().do(publish_many, 5000), 5000)
 
     def test_a_client_may_die_at_any_byte(self):
-        """Clients end after each byte of a session that publishes, follows and updates; the daemon
-        goes on.
-        """
+        """Ends clients after each byte of a session that publishes, follows and updates."""
         bystander = self.client()
         self.assertWorked(bystander.publish({"n": 0}, "watched"))
         self.assertWorked(self.asker.subscribe("watched"))

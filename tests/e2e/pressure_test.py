@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Clients that do not read, and users who want too much: they are held up or dropped, and others
-are not.
+"""Tests clients that do not read and users over quota: they are paused or dropped, without effect
+on others.
 """
 
 import os
@@ -39,7 +39,7 @@ class PressureTest(DaemonTest):
         self.bystanders.step()
 
     def deaf_follower(self, name, descriptors=False):
-        """A client that follows a name and reads nothing behind the reply to that."""
+        """Returns a client that follows a name and reads nothing after the reply."""
         client = self.client(descriptors=descriptors)
         self.assertWorked(client.subscribe(name))
         return client
@@ -66,7 +66,7 @@ class SlowReaders(PressureTest):
         self.assertGreater(waiting, WAITING_MOST)
         self.assertLess(waiting, WAITING_MOST + 2 * MEBIBYTE)
         self.assertMemoryWithin(before, 3 * WAITING_MOST)
-        # What it gets in the end is in order and ends with the reason.
+        # The deliveries are in order and end with the goodbye.
         self.assertEqual(slow.end(), f"too slow: {waiting} bytes were waiting")
         received = [delivery.item["number"] for delivery in slow.deliveries_that_came()]
         self.assertEqual(received, list(range(len(received))))
@@ -86,8 +86,8 @@ class SlowReaders(PressureTest):
         self.assertFalse(self.dropped())
 
     def test_many_slow_readers_are_dropped_earlier(self):
-        """Each follows a name of its own, so that nothing is shared: the bound of all is reached
-        before that of any.
+        """Each follows a different name, so that nothing is shared: the total limit is reached
+        first.
         """
         names = [f"camera {number}" for number in range(2 * WAITING_MOST_OF_ALL // WAITING_MOST)]
         for name in names:
@@ -103,7 +103,7 @@ class SlowReaders(PressureTest):
             self.bystanders.step()
         self.assertGreater(number * IN_FILE_LEAST * len(names), WAITING_MOST_OF_ALL // 2)
         self.assertMemoryWithin(before, WAITING_MOST_OF_ALL + 2 * WAITING_MOST)
-        # Whoever is left is served on, and those who were dropped are told why.
+        # The remaining clients are served, and the dropped ones receive the reason.
         for name in names:
             self.assertWorked(self.publisher.update({"last": True}, name))
         ended = 0
@@ -144,15 +144,15 @@ class SlowReaders(PressureTest):
 
 
 def many_dumps():
-    """The frames of more requests than any buffer holds, each for a long answer."""
+    """Returns frames of more requests than any buffer holds, with long answers."""
     for number in range(1, 200001):
         yield framed(encode([REQUEST, number, 7, ["_all", False]]))
 
 
 class RequestersThatDoNotRead(PressureTest):
     def send_until_held_up(self, client, frames):
-        """Sends frames without reading until the daemon takes no more, although it has had every
-        occasion. How many were sent whole; what is left of the last is sent when it can be.
+        """Sends frames without reading until the daemon reads no more. Returns the number of
+        complete frames; the rest of the last one is sent later.
         """
         sent, rest, patience = 0, b"", 0
         for frame in frames:
@@ -225,7 +225,7 @@ class RequestersThatDoNotRead(PressureTest):
 
 
 class Quota(PressureTest):
-    """What one user may hold, other than root."""
+    """The quota of a user other than root."""
 
     def publish_in_file(self, client, name, size, fill=0):
         content = encode({"picture": bytes([fill]) * (size - 14)})
@@ -237,7 +237,7 @@ class Quota(PressureTest):
             os.close(file)
 
     def fill(self, client, size, most):
-        """Publishes items of that size until the quota is used up; their number."""
+        """Publishes items of that size until the quota is exhausted; returns their number."""
         for number in range(most + 1):
             try:
                 self.assertWorked(self.publish_in_file(client, f"item {number}", size))
@@ -327,7 +327,7 @@ class Descriptors(PressureTest):
 
 
 def as_user(uid):
-    """A client of that user in this very process: the kernel notes who one is when connecting."""
+    """Returns a client of that user in this process: connect(2) fixes the credentials."""
     os.seteuid(uid)
     try:
         return Client()

@@ -1,7 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""docs/protocol.md against the daemon: its bad frames, its bytes and its programs, read out of it.
-"""
+"""Tests the daemon against docs/protocol.md: its bad frames, its bytes and its programs."""
 
 import contextlib
 import io
@@ -22,7 +21,7 @@ BEHIND_A_HELLO, IN_PLACE_OF_A_HELLO = PAGE.tables("frame", "answer", "why")
 
 class BadFrames(DaemonTest):
     def assertAnswered(self, client, frame, answer):
-        """That is all that the frame is answered with."""
+        """Asserts that this is the only answer to the frame."""
         before = len(client.history)
         with contextlib.suppress(Ended):
             client.send_bytes(bytes.fromhex(frame.strip("`")))
@@ -68,7 +67,7 @@ class BadFrames(DaemonTest):
 
 
 class Session(AccountsTest):
-    """The client's frames, sent as the page shows them, and what comes back."""
+    """Sends the client's frames of the page and compares the answers."""
 
     def assertReceives(self, client, *names):
         for name in names:

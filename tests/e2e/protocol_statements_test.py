@@ -1,7 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""What docs/protocol.md says in prose, and no other test is about: greetings, order, endings,
-sessions.
+"""Tests statements of docs/protocol.md that no other test covers: hellos, order, endings, sessions.
 """
 
 import errno
@@ -183,7 +182,7 @@ class Sessions(StatementTest):
 
 
 class Charges(StatementTest):
-    """What a user holds stands in the text of failure 8."""
+    """The text of failure 8 names the charge of a user."""
 
 
     USER = 501
@@ -229,7 +228,7 @@ class Charges(StatementTest):
         return int(re.search(r"holds (\d+) bytes", refused.exception.text)[1])
 
     def assertHeld(self, before, *charges):
-        """So much more than `before`, and some bookkeeping for each."""
+        """Asserts that the charge exceeds `before` by that much, plus some overhead for each."""
         more = self.held() - before
         self.assertGreaterEqual(more, sum(charges))
         self.assertLessEqual(more, sum(charges) + BOOKKEEPING * len(charges))

@@ -23,7 +23,7 @@ CALLS = {
     "`removePublishedItemForName`": lambda client, name: client.remove(name),
     "`dumpNotification`": lambda client, name: client.dump(name)[1],
 }
-# What the cells of `by` stand for: who calls, and how many of the two followers there are.
+# Meaning of the cells of `by`: the caller, and the number of followers.
 BOTH, ONE, NOBODY = 2, 1, 0
 CALLERS = {
     "anyone": [("another", BOTH), ("another", NOBODY)],
@@ -48,7 +48,7 @@ class StatesTest(DaemonTest):
         self.numbers = itertools.count()
 
     def name_in(self, state, data, followers):
-        """A new name in that state, with that many followers. All was read that was delivered."""
+        """Returns a new name in that state with that many followers, all deliveries read."""
         name = f"name {next(self.numbers)}"
         following = [self.clients["follower"], self.clients["second follower"]]
         if state not in ("unknown", "awaited"):
@@ -77,7 +77,7 @@ class StatesTest(DaemonTest):
         return entries[0]
 
     def states_named(self, state):
-        """Every way to get there."""
+        """Returns every path to that state."""
         ways = ["orphaned, withdrawn", "orphaned by the end of a connection"]
         return ways if state == "orphaned" else [state]
 
@@ -87,7 +87,7 @@ class Calls(StatesTest):
         for row in STATES:
             for state in self.states_named(row[0]):
                 for who, followers in CALLERS[row[2]]:
-                    # Who follows a name that is unknown?
+                    # An unknown name has no followers.
                     if state == "unknown" and followers:
                         continue
                     for data in ({"n": 1}, None):
@@ -123,7 +123,7 @@ class Calls(StatesTest):
                              [(name, item, 0, None) for item in wanted])
 
     def assertNameIs(self, name, state, data):
-        """By its dump, and by whether somebody else can publish it."""
+        """Determines the state from a dump and from publishing by another client."""
         if state == "unknown":
             self.assertEqual(self.asker.dump(name)[1].code, 11)
             return
@@ -153,7 +153,7 @@ class Calls(StatesTest):
 
 class Dumps(StatesTest):
     def text_of(self, who):
-        """What dumps call that connection."""
+        """Returns the text of that connection in dumps."""
         name = f"name {next(self.numbers)}"
         self.assertWorked(self.clients[who].publish({}, name))
         return self.entry(name)["publisher"]

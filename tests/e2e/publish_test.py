@@ -147,7 +147,7 @@ class Update(NotifyTest):
 
 
 class PipelinedUpdates(NotifyTest):
-    """The daemon reads many of these at once, and its default log level lets them form batches."""
+    """The daemon reads many at once; at its default log level they form batches."""
 
     COUNT = 10_000
 

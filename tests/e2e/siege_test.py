@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Users without rights at full speed (tests/siege): the daemon lives on, and serves whoever asks
-next.
+"""Tests the daemon under unprivileged users at full speed (tests/siege): it survives and serves
+others.
 """
 
 import subprocess

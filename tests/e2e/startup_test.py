@@ -23,7 +23,7 @@ SHUTTING_DOWN = "signal handler: received SIGTERM, shutting down"
 
 
 class StartTest(DaemonTest):
-    """Without a daemon of its own: each case starts one as it needs it."""
+    """setUp() starts no daemon: each case starts its own."""
 
     def setUp(self):
         self.daemons = []
@@ -120,7 +120,7 @@ class Banner(StartTest):
 
     @staticmethod
     def section(name):
-        """The address of a section in the program (ELF, 64 bits)."""
+        """Returns the address of a section in the program (ELF, 64 bits)."""
         with open(keel_host.keeld, "rb") as file:
             program = file.read()
         table, size, count, names_at = (
@@ -144,8 +144,8 @@ class Banner(StartTest):
 
 
 class Cores(StartTest):
-    """The kernel writes a core of those processes only into which one like it could look without a
-    privilege.
+    """The kernel dumps the core of a process only if a process without CAP_SYS_PTRACE may read its
+    memory.
     """
 
     @staticmethod
@@ -169,10 +169,10 @@ class Cores(StartTest):
 
 
 class Priority(StartTest):
-    """The I/O thread goes before ordinary ones, unless somebody has chosen a priority."""
+    """The I/O thread has a higher priority unless the administrator chose one."""
 
     def priorities(self, daemon):
-        """Of the daemon's threads. The I/O thread has its own once it has served somebody."""
+        """Returns the priorities of the threads. The I/O thread has set its own once it serves."""
         self.client().module_table()
         return keel_host.thread_priorities(daemon.pid)
 
@@ -196,8 +196,7 @@ class Priority(StartTest):
 
 
 class Threads(StartTest):
-    """On a machine that gives only so many of them: each has a stack of 8 GiB, and the addresses do
-    not suffice for more.
+    """Limits the number of threads: each has a stack of 8 GiB, so the address space allows no more.
     """
 
     STACK = 8 << 30
@@ -350,8 +349,7 @@ class SocketActivation(StartTest):
 
 
 def deny_signal_sources():
-    """From now on signalfd(2) fails in this process: as if there were no descriptors left, but for
-    it alone.
+    """Makes signalfd(2), and it alone, fail in this process as if there were no descriptors left.
     """
     load_number, equal, answer, allow, fail = 0x20, 0x15, 0x06, 0x7FFF0000, 0x00050000
     number = {"x86_64": 289, "aarch64": 74}[os.uname().machine]

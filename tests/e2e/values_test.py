@@ -13,7 +13,7 @@ PUBLISH = "publishItem:name:flags:value:withHandler:"
 
 
 def head(major, value):
-    """A head of CBOR in its shortest form."""
+    """Returns a CBOR head in its shortest form."""
     if value < 24:
         return bytes([major << 5 | value])
     for short, (size, form) in enumerate((("B", 1), ("H", 2), ("I", 4), ("Q", 8)), start=24):
@@ -28,12 +28,12 @@ def text(characters):
 
 
 def dictionary(*pairs):
-    """A dictionary of encoded values, in that order and with those doubles."""
+    """Encodes a dictionary of encoded values, keeping order and duplicates."""
     return head(5, len(pairs)) + b"".join(text(key) + value for key, value in pairs)
 
 
 def nested(depth, kind="array"):
-    """An encoded value that is nested that deeply."""
+    """Returns an encoded value of that depth."""
     if depth == 0:
         return b"\x00"
     inner = nested(depth - 1, kind)

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""A project that takes keeld in with add_subdirectory: it gets the client library, and nothing
+"""Tests a project that embeds keeld with add_subdirectory: it gets the client library and nothing
 else.
 
 Called with the paths of cmake, the compiler, keeld's sources and a build folder, which is kept:

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Reads CBOR into nodes that remember their bytes, so that they can be shown one below the other.
+"""Decodes CBOR into nodes that keep their bytes, so that they can be annotated.
 
 Independent of cbor2 on purpose: what the one encodes, the other has to read the same way.
 """
@@ -14,7 +14,7 @@ _FLOAT_FORMATS = {25: ">e", 26: ">f", 27: ">d"}
 
 @dataclass
 class Node:
-    """One item. `value` is its number, text, bytes, boolean, null or float; of a container its
+    """An item. `value` is its number, text, bytes, boolean, null or float; of a container its
     count; of a tag its number.
     """
 
@@ -25,7 +25,7 @@ class Node:
 
 
 def parse(data):
-    """The one item that `data` holds."""
+    """Decodes the single item in `data`."""
     node, end = _item(data, 0)
     if end != len(data):
         raise ValueError("bytes follow the item")

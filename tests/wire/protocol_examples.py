@@ -249,7 +249,7 @@ def examples():
     return made
 
 
-# What is compared.
+# The checks.
 
 def compare_examples(page):
     wanted = examples()
@@ -311,7 +311,7 @@ def items_and_rule(message, node, pending, table):
 
 
 def compare_reader(page):
-    """What tests read out of the page is what was put into it."""
+    """Checks that parsing the page yields what was written to it."""
     read = Page(page)
     for name, (message, _) in FRAMES.items():
         if read.example(name) != frame_bytes(message):
@@ -321,7 +321,7 @@ def compare_reader(page):
 
 
 def compare_dates(_):
-    """What the page says of cbor2 and dates."""
+    """Checks the page's statement about cbor2 and dates."""
     whole, fraction = (cbor2.dumps(ITEMS[name][0]) for name in ("date-whole", "date-fraction"))
     moment = datetime.datetime(2026, 11, 21, 9, 30, tzinfo=datetime.timezone.utc)
     if (cbor2.loads(whole), cbor2.loads(fraction)) != (moment, moment.replace(microsecond=250000)):

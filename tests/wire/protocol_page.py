@@ -5,7 +5,7 @@ import re
 from pathlib import Path
 
 PATH = Path(__file__).resolve().parents[2] / "docs/protocol.md"
-# What stands between the marks of an example, or of an exchange, is the third group.
+# The third group is the content of an example or exchange.
 EXAMPLE = re.compile(
     r"(<!-- (?:example|exchange): ([\w-]+) -->\n```text\n)((?:(?!```).*\n)*)(```\n)"
 )
@@ -18,14 +18,14 @@ class Page:
         self.text = PATH.read_text() if text is None else text
 
     def example(self, name):
-        """The bytes of an example, read from what the page shows."""
+        """Parses the bytes of an example on the page."""
         shown = {match[2]: match[3] for match in EXAMPLE.finditer(self.text)}[name]
         if "more bytes" in shown:
             raise ValueError(f"example {name} is not shown in full")
         return bytes.fromhex("".join(_HEX.findall(shown)))
 
     def exchange(self, name):
-        """The texts of an exchange by their names, unfolded."""
+        """Returns the texts of an exchange by name, unfolded."""
         shown = {match[2]: match[3] for match in EXAMPLE.finditer(self.text)}[name]
         return {part[1]: unfolded(part[2]) for part in _PART.finditer(shown)}
 
@@ -33,12 +33,12 @@ class Page:
         return re.findall(r"```python\n(.*?)```", self.text, re.DOTALL)
 
     def program(self, containing):
-        """The one program with that text in it."""
+        """Returns the only program that contains that text."""
         (found,) = (program for program in self.programs() if containing in program)
         return found
 
     def tables(self, *head):
-        """The rows, as lists of cells, of each table whose first row is that."""
+        """Returns the rows, as lists of cells, of each table with that first row."""
         wanted = "| " + " | ".join(head) + " |"
         found = []
         lines = iter(self.text.splitlines())
@@ -58,7 +58,7 @@ class Page:
 
 
 def folded(text):
-    """A header field's values, a parameter a line."""
+    """Formats a header field's values, one parameter per line."""
     return "".join("  " + line.replace(", ", ",\n    ") + "\n" for line in text.split("\n"))
 
 

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Runs the programs of docs/protocol.md against stand-ins for the daemon, which say what the page's
-examples say. Each function yields what is wrong.
+"""Runs the programs of docs/protocol.md against fakes of the daemon that send the page's examples.
+Each function yields the faults.
 """
 
 import contextlib
@@ -28,7 +28,7 @@ def framed(message):
 
 @contextlib.contextmanager
 def stand_in(serve):
-    """The path of a socket whose first connection `serve` is called with, on a thread of its own.
+    """Yields the path of a socket and calls `serve` with its first connection, on another thread.
     """
     listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     with tempfile.TemporaryDirectory() as folder, listener:
@@ -49,7 +49,7 @@ def stand_in(serve):
 
 
 def outcome_of(program, names, path, stand_in_path):
-    """What a program prints that connects to `path`, and the exception that it ended with."""
+    """Runs a program that connects to `path`; returns its output and its exception."""
     printed = io.StringIO()
     problem = None
     try:
@@ -87,7 +87,7 @@ def first_client(program, daemons, wanted):
 
 
 def sealed_sender(program, item, wanted):
-    """What comes out of the socket, and what the file holds."""
+    """Returns the bytes from the socket and the content of the file."""
     sender, receiver = socket.socketpair(socket.AF_UNIX, socket.SOCK_STREAM)
     with sender, receiver:
         names = {}
@@ -106,7 +106,7 @@ def sealed_sender(program, item, wanted):
 
 
 def receiver_of_files(program, item):
-    """Files in two messages, and messages without: cut anywhere, and several in one piece."""
+    """Messages with and without files, split anywhere and several in one write."""
     content = cbor2.dumps(item)
     in_file = cbor2.CBORTag(51742, len(content))
 
@@ -146,7 +146,7 @@ def sealed_file(content):
 
 
 def reference_maker(program, pattern):
-    """A reference to the process that runs it, in the form of `pattern`."""
+    """A reference to the process that runs it, matching `pattern`."""
     names = {}
     exec(program, names)
     made = names["own_reference"]()
@@ -172,7 +172,7 @@ def digest_answerer(program, challenge, answer, cnonce):
 
 
 def helpers_of(first_program):
-    """The functions of the first program, under their names."""
+    """Returns the functions of the first program by name."""
     names = {}
     exec(first_program[: first_program.index("daemon = ")], names)
     return names
