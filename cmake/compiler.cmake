@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# One set of warnings and hardening for everything that is ours: target keel_compiler.
+# The warnings and hardening of all our targets: target keel_compiler.
 add_library(keel_compiler INTERFACE)
 # A project that embeds this one may use a compiler with more warnings.
 set(KEEL_WARNINGS_ARE_ERRORS $<$<BOOL:${PROJECT_IS_TOP_LEVEL}>:-Werror>)

@@ -14,8 +14,8 @@ from keel_auth import AuthTest, basic, set_password
 from keel_client import REQUEST
 from keel_values import encode, framed
 
-# What stands in every password behind a text of its own. Repeated, since the first bytes of freed
-# memory are used anew; and with a period of 3, so that its base64 has one of 4.
+# The end of every password, after a unique text. Repeated, since the first bytes of freed memory
+# are reused; with a period of 3, so that its base64 has a period of 4.
 TAIL = "Q7w" * 12
 TRACES = [tail.encode() * 2 for tail in ("Q7w", "UTd3", "N3dR", "d1E3")]
 # Found there, or the search is no search.

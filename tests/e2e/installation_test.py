@@ -43,8 +43,7 @@ class Installation(unittest.TestCase):
         add_account("alice", ALICE, ALICE)
         keel_host.remove("/private")
         keel_host.remove("/Applications")
-        # What looks for leaks at the end of a program may not do so there, and makes systemd wait
-        # for it.
+        # A leak check at exit is not permitted there, and would make systemd wait for it.
         os.makedirs(DROP_INS)
         with open(f"{DROP_INS}/test.conf", "w") as file:
             file.write("[Service]\nEnvironment=ASAN_OPTIONS=detect_leaks=0\n")

@@ -1,15 +1,15 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Keeps docs/protocol.md true.
+"""Checks the examples of docs/protocol.md against the code.
 
-    protocol_examples.py PAGE            makes every example anew and compares; exits 1 on any
-    difference protocol_examples.py --write PAGE    puts the examples into the page
+    protocol_examples.py PAGE            rebuilds every example and compares; exits 1 if one differs
+    protocol_examples.py --write PAGE    writes the examples into the page
 
-What is checked: the bytes and annotations behind each "<!-- example: NAME -->", and the texts
-behind each "<!-- exchange: NAME -->"; that the page's tables name the selectors of protocols/*.h in
-their order, and its bad frames have the length that they should; that every example matches the
-page's grammar; and that the page's programs, run against the bytes of the examples, send and
-understand exactly those. tests/e2e/protocol_page_test.py holds the page against the daemon.
+Checks the bytes and annotations behind each "<!-- example: NAME -->" and the texts behind each
+"<!-- exchange: NAME -->"; that the page's tables list the selectors of protocols/*.h in order, and
+that its bad frames have the right length; that every example matches the page's grammar; and that
+the page's programs, run against the bytes of the examples, send and understand exactly those.
+tests/e2e/protocol_page_test.py checks the page against the daemon.
 """
 
 import datetime
