@@ -145,7 +145,7 @@ class Subscriber {
     if (status && *status == 0) return;
     outcome_ = kExitCommandFailed;
     console_.note(status
-                      ? fmt::format("{} ended with status {}", options_.command[0], *status)
+                      ? fmt::format("{} exited with status {}", options_.command[0], *status)
                       : fmt::format("{} cannot be run: {}", options_.command[0], status.error()));
   }
 
