@@ -2,6 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Tests publish, update, remove, subscribe and unsubscribe over the wire."""
 
+import re
+
 import keel_host
 from keel_client import CLIENT_INFO, ONE_WAY, REPLY, REQUEST, UPDATE, Client
 from keel_host import DaemonTest
@@ -181,7 +183,10 @@ class PipelinedUpdates(NotifyTest):
                 self.assertDelivered(follower, "weather", item)
             self.assertNothingDelivered(follower)
         self.assertEqual(self.entry("weather")["publishedData"], self.items[-1])
-        self.assertFalse([line for line in self.daemon.log if line.category == "notification"])
+        self.assertLogged()
+
+    def assertLogged(self):
+        self.assertFalse(self.daemon.logged(re.compile(".*"), category="notification"))
 
     def test_reach_every_follower_and_are_answered_in_order(self):
         start = len(self.publisher.history)
@@ -206,6 +211,15 @@ class PipelinedUpdates(NotifyTest):
         for place, (message, wanted) in enumerate(zip(received, expected)):
             self.assertEqual(message, wanted, place)
         self.assertAllDelivered()
+
+
+class PipelinedUpdatesWithDebugLines(PipelinedUpdates):
+    """The same promises hold where each update is logged, and travels alone."""
+
+    log = "debug"
+
+    def assertLogged(self):
+        self.assertTrue(self.daemon.logged(re.compile(".*"), "debug", "notification"))
 
 
 class Remove(NotifyTest):
