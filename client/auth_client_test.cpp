@@ -4,15 +4,15 @@
 #include <gmock/gmock.h>
 
 #include "client/client_core.h"
-#include "client/loop_transport.h"
 #include "platform/authorization/external_form.h"
 #include "platform/product/product.h"
 #include "protocols/auth_proxy.h"
+#include "tests/support/loop_transport.h"
 
 namespace keel {
 namespace {
 
-using testing::HasSubstr;
+using ::testing::HasSubstr;
 using Kind = ClientError::Kind;
 
 // A fake of the daemon's end: records calls and sends scripted answers.
@@ -52,12 +52,12 @@ class FakeAuth final : public protocols::AuthProxy {
   AuthorizationExternalForm form;
 };
 
-class AuthClientTest : public testing::Test {
+class AuthClientTest : public ::testing::Test {
  protected:
   AuthClientTest() {
     reactor.turn(/*wait=*/false);
     auto connector = [this]() -> std::expected<std::shared_ptr<xpc::Connection>, Error> {
-      auto [here, there] = LoopTransport::pair(reactor);
+      auto [here, there] = testing::LoopTransport::pair(reactor);
       served = xpc::Connection::create({}, std::move(there), {});
       served->setExportedInterface(xpc::Interface::interfaceWithProtocol<protocols::AuthProxy>());
       served->setExportedObject<protocols::AuthProxy>(service);

@@ -5,8 +5,8 @@ namespace keel {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using Kind = ClientError::Kind;
 
 class ClientReconnect : public ClientWorld {

@@ -5,9 +5,9 @@ namespace keel {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::StartsWith;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 using Kind = ClientError::Kind;
 
 class ClientRequest : public ClientWorld {};
@@ -248,7 +248,7 @@ TEST_F(ClientRequest, ModuleTableReturnsNamesAndServices) {
   shared.modules = Value::map({{"keel_mail", "com.vantor.keeld.mail"}});
   const auto modules = resultOf(client->moduleTable());
   ASSERT_TRUE(modules.has_value());
-  EXPECT_THAT(*modules, ElementsAre(testing::Pair("keel_mail", "com.vantor.keeld.mail")));
+  EXPECT_THAT(*modules, ElementsAre(::testing::Pair("keel_mail", "com.vantor.keeld.mail")));
 }
 
 TEST_F(ClientRequest, AMalformedAnswerIsRefused) {

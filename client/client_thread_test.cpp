@@ -18,7 +18,7 @@ using Kind = ClientError::Kind;
 
 const Value kData = Value::map({{"n", 1}});
 
-class ClientThread : public testing::Test {
+class ClientThread : public ::testing::Test {
  protected:
   ClientThread() {
     auto connector = [this]() -> std::expected<std::shared_ptr<xpc::Connection>, Error> {

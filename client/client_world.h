@@ -9,13 +9,13 @@
 #include "client/client.h"
 #include "client/client_core.h"
 #include "client/fake_service.h"
-#include "client/loop_transport.h"
+#include "tests/support/loop_transport.h"
 
 namespace keel {
 
 // A fixture: one client and the services that it connects to, on a reactor with a clock, both
 // driven by hand.
-class ClientWorld : public testing::Test {
+class ClientWorld : public ::testing::Test {
  protected:
   ClientWorld() { reactor.turn(/*wait=*/false); }
   ~ClientWorld() override {
@@ -28,7 +28,7 @@ class ClientWorld : public testing::Test {
     auto connector = [this]() -> std::expected<std::shared_ptr<xpc::Connection>, Error> {
       ++attempts;
       if (connectErrno != 0) return std::unexpected(Error(NSPOSIXErrorDomain, connectErrno));
-      auto [here, there] = LoopTransport::pair(reactor);
+      auto [here, there] = testing::LoopTransport::pair(reactor);
       services.push_back(
           std::make_shared<FakeService>(shared, xpc::Connection::create({}, std::move(there), {})));
       FakeService::serve(services.back());

@@ -4,7 +4,7 @@
 namespace keel {
 namespace {
 
-using testing::ElementsAre;
+using ::testing::ElementsAre;
 using Kind = ClientError::Kind;
 
 class ClientSubscription : public ClientWorld {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "runtime/wire/message.h"
@@ -26,19 +27,27 @@ inline std::vector<std::byte> flat(const OutgoingMessage& message) {
   return all;
 }
 
-// Calls `visit` with each frame of a message, without its length. For tests.
+// Calls `visit` with each whole frame that `bytes` begin with, without its length. Returns how many
+// bytes these frames take. For tests.
 template <class Visit>
-void forEachFrame(const OutgoingMessage& message, Visit visit) {
-  const std::vector<std::byte> all = flat(message);
-  std::span<const std::byte> rest = all;
+std::size_t forEachFrame(std::span<const std::byte> bytes, Visit visit) {
+  std::span<const std::byte> rest = bytes;
   while (rest.size() >= kLengthBytes) {
     std::size_t length = 0;
     for (std::size_t i = 0; i < kLengthBytes; ++i) {
       length |= std::to_integer<std::size_t>(rest[i]) << (8 * i);
     }
+    if (rest.size() - kLengthBytes < length) break;
     visit(rest.subspan(kLengthBytes, length));
     rest = rest.subspan(kLengthBytes + length);
   }
+  return bytes.size() - rest.size();
+}
+
+// Calls `visit` with each frame of a message, without its length. For tests.
+template <class Visit>
+void forEachFrame(const OutgoingMessage& message, Visit visit) {
+  forEachFrame(std::span<const std::byte>(flat(message)), std::move(visit));
 }
 
 }  // namespace keel::xpc

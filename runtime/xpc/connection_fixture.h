@@ -16,6 +16,7 @@
 #include "runtime/foundation/value.h"
 #include "runtime/logging/log_system.h"
 #include "runtime/transport/frame_stream.h"
+#include "runtime/wire/flat_message.h"
 #include "runtime/wire/limits.h"
 #include "runtime/xpc/client_endpoint.h"
 #include "runtime/xpc/connection.h"
@@ -139,15 +140,12 @@ class RawPeer : public testing::Test {
       turns();
     }
     std::vector<Value> messages;
-    while (pending.size() >= 4) {
-      std::uint32_t length = 0;
-      std::memcpy(&length, pending.data(), 4);
-      if (pending.size() < 4 + length) break;
-      const auto value = cbor::decode(std::as_bytes(std::span(pending)).subspan(4, length), 64);
+    const auto decode = [&messages](std::span<const std::byte> frame) {
+      const auto value = cbor::decode(frame, 64);
       EXPECT_TRUE(value);
       if (value) messages.push_back(*value);
-      pending.erase(0, 4 + length);
-    }
+    };
+    pending.erase(0, forEachFrame(std::as_bytes(std::span(pending)), decode));
     return messages;
   }
   bool peerSeesTheEnd() {

@@ -7,6 +7,7 @@
 
 #include "runtime/dispatch/serial_queue.h"
 #include "runtime/wire/flat_message.h"
+#include "tests/support/memory_transport.h"
 
 namespace keel::testing {
 
@@ -23,7 +24,7 @@ std::span<const std::byte> requireItem(cbor::Cursor& cursor) {
 }  // namespace
 
 // Everything runs on the test's thread, which acts as the I/O thread.
-class FakeClient::FakeTransport final : public xpc::Transport {
+class FakeClient::FakeTransport final : public MemoryTransport {
  public:
   FakeTransport(FakeClient& client, ManualExecutor& executor)
       : client_(&client), later_(SerialQueue::create("fake I/O thread", executor)) {}
@@ -37,24 +38,22 @@ class FakeClient::FakeTransport final : public xpc::Transport {
     client_->sayHello();
   }
   void send(const xpc::OutgoingMessage& message, EndOfTurnHook::Urgency) override {
-    if (client_ != nullptr) client_->onSent(message);
+    if (client_ == nullptr) return;
+    ++client_->sendCount_;
+    carryAll(message);
   }
-  void setReading(bool) override {}
-  void liftHelloBound() override {}
   void close(std::string_view goodbye) override {
     if (client_ == nullptr) return;
     if (!goodbye.empty())
       client_->received_.push_back({.kind = Received::Kind::goodbye, .text = std::string(goodbye)});
     detach();
   }
-  bool maySendFiles() override { return true; }
   void perform(Block block) override { block(); }
   bool onIoThread() const override { return true; }
   void performLater(Block block) override { later_->async(std::move(block)); }
 
   void deliver(std::span<const std::byte> frame) {
-    std::vector<FileDescriptor> noFiles;
-    if (receiver_ != nullptr) receiver_->onFrame(frame, noFiles);
+    if (receiver_ != nullptr) arrive(*receiver_, frame);
   }
   // The client is dead: nothing is sent or received any more.
   Receiver* detach() {
@@ -64,6 +63,10 @@ class FakeClient::FakeTransport final : public xpc::Transport {
   }
 
  private:
+  void carry(std::span<const std::byte> frame) override {
+    if (client_ != nullptr) client_->onMessage(frame);
+  }
+
   FakeClient* client_;
   Receiver* receiver_ = nullptr;
   std::shared_ptr<SerialQueue> later_;
@@ -156,11 +159,6 @@ void FakeClient::deliver(const xpc::OutgoingMessage& message) {
   xpc::forEachFrame(message, [this](std::span<const std::byte> frame) {
     if (transport_ != nullptr) transport_->deliver(frame);
   });
-}
-
-void FakeClient::onSent(const xpc::OutgoingMessage& message) {
-  ++sendCount_;
-  xpc::forEachFrame(message, [this](std::span<const std::byte> frame) { onMessage(frame); });
 }
 
 void FakeClient::onMessage(std::span<const std::byte> frame) {

@@ -96,7 +96,6 @@ class FakeClient {
 
   void sayHello();
   void deliver(const xpc::OutgoingMessage& message);
-  void onSent(const xpc::OutgoingMessage& message);
   void onMessage(std::span<const std::byte> frame);
   void onHello(cbor::Cursor& cursor);
   void onAnswer(xpc::MessageKind kind, cbor::Cursor& cursor);

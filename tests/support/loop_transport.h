@@ -9,15 +9,14 @@
 #include <vector>
 
 #include "runtime/dispatch/reactor.h"
-#include "runtime/transport/transport.h"
 #include "runtime/transport/transport_context.h"
-#include "runtime/wire/flat_message.h"
+#include "tests/support/memory_transport.h"
 
-namespace keel {
+namespace keel::testing {
 
 // One end of an in-process connection for tests: frames and the end of the connection arrive in
 // order, delivered by reactor posts alone.
-class LoopTransport final : public xpc::Transport {
+class LoopTransport final : public MemoryTransport {
  public:
   static std::pair<std::unique_ptr<LoopTransport>, std::unique_ptr<LoopTransport>> pair(
       Reactor& reactor) {
@@ -34,23 +33,20 @@ class LoopTransport final : public xpc::Transport {
     reactor_.post([own = own_] { own->deliver(); });
   }
   void send(const xpc::OutgoingMessage& message, EndOfTurnHook::Urgency) override {
-    if (own_->open) put(message);
+    if (own_->open) carryAll(message);
   }
-  void setReading(bool) override {}
-  void liftHelloBound() override {}
   void close(std::string_view goodbye) override {
     if (!std::exchange(own_->open, false)) return;
     if (!goodbye.empty()) {
       xpc::OutgoingMessage message;
       xpc::writeGoodbye(message, goodbye);
-      put(message);
+      carryAll(message);
     }
     put([peer = peer_.get()](Receiver& receiver) {
       peer->open = false;
       receiver.onClosed({});
     });
   }
-  bool maySendFiles() override { return false; }
   void perform(Block block) override {
     if (reactor_.isCurrent()) return block();
     reactor_.post(std::move(block));
@@ -81,12 +77,9 @@ class LoopTransport final : public xpc::Transport {
   LoopTransport(Reactor& reactor, std::shared_ptr<End> own, std::shared_ptr<End> peer)
       : reactor_(reactor), own_(std::move(own)), peer_(std::move(peer)) {}
 
-  void put(const xpc::OutgoingMessage& message) {
-    xpc::forEachFrame(message, [this](std::span<const std::byte> frame) {
-      put([bytes = std::vector(frame.begin(), frame.end())](Receiver& receiver) {
-        std::vector<FileDescriptor> files;
-        receiver.onFrame(bytes, files);
-      });
+  void carry(std::span<const std::byte> frame) override {
+    put([bytes = std::vector(frame.begin(), frame.end())](Receiver& receiver) {
+      arrive(receiver, bytes);
     });
   }
   void put(Arrival arrival) {
@@ -99,4 +92,4 @@ class LoopTransport final : public xpc::Transport {
   const std::shared_ptr<End> peer_;
 };
 
-}  // namespace keel
+}  // namespace keel::testing
