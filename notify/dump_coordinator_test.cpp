@@ -29,9 +29,6 @@ class DumpOfAllItems : public NotifyTest {
     while (executor.scheduledCount() > 0) turn();
   }
   DumpCoordinator& coordinator() { return service->work().dumps(); }
-  std::shared_ptr<KLNPublishedObject> entry(const Name& name) {
-    return service->published().at(name);
-  }
   void clearRecords() {
     for (NotifyClient* client : {&one, &other, &asker}) {
       if (client->connection()) client->take();

@@ -28,9 +28,6 @@ class NotificationDump : public NotifyTest {
     for (const Member& member : *entry.as<Value::Map>()) keys.push_back(member.key);
     return keys;
   }
-  std::shared_ptr<KLNPublishedObject> entry(const Name& name) const {
-    return service->published().at(name);
-  }
 
   NotifyClient one{executor, FakeClient::identity(11)};
   NotifyClient other{executor, FakeClient::identity(12)};

@@ -72,10 +72,6 @@ class NotificationHandler : public NotifyTest {
     other.take();
     log.take();
   }
-  std::shared_ptr<KLNPublishedObject> entry(const Name& name) const {
-    const auto found = service->published().find(name);
-    return found == service->published().end() ? nullptr : found->second;
-  }
 
   NotifyClient one{executor, FakeClient::identity(11, 3)};
   NotifyClient other{executor, FakeClient::identity(12, 4)};

@@ -132,6 +132,12 @@ class NotifyTest : public ::testing::Test {
   // Recorded lines of the category notification.
   std::vector<LogLine> lines() const { return log.linesOf("notification"); }
 
+  // Returns the entry of that name; null if there is none.
+  std::shared_ptr<KLNPublishedObject> entry(const Name& name) const {
+    const auto found = service->published().find(name);
+    return found == service->published().end() ? nullptr : found->second;
+  }
+
   // Send a request of `client` and return its id.
   static std::uint64_t publish(NotifyClient& client, Name name, Dictionary item,
                                std::uint64_t flags = 0, std::int64_t value = 0) {

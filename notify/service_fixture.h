@@ -27,10 +27,6 @@ class NotificationService : public NotifyTest {
     EXPECT_TRUE(service->publish(item, nullptr));
     return item;
   }
-  std::shared_ptr<KLNPublishedObject> entry(const Name& name) const {
-    const auto found = service->published().find(name);
-    return found == service->published().end() ? nullptr : found->second;
-  }
 
   FakeClient one{executor, FakeClient::identity(1)};
   FakeClient other{executor, FakeClient::identity(2)};
