@@ -175,7 +175,7 @@ void ClientCore::configureForNotify() {
                                                                        Error error) {
     const auto self = weak.lock();
     if (self && self->connectionNumber_ == number)
-      self->deliver(name, std::move(item), std::move(error));
+      self->records_.deliver(name, std::move(item), std::move(error));
   };
   connection_->setExportedObject<protocols::SubscriberProxy>(
       std::make_shared<SubscriberEndpoint>(std::move(deliver)));
@@ -188,7 +188,7 @@ void ClientCore::connected() {
     if (const auto self = weak.lock()) self->backOff_.reset();
   });
   setState({.kind = ConnectionState::Kind::connected, .reason = {}});
-  restore();
+  records_.connected({shared_from_this(), &records_}, connection_);
   std::vector<std::shared_ptr<Operation>> waiting;
   for (const auto& [id, operation] : operations_) waiting.push_back(operation);
   for (const auto& operation : waiting) send(*operation);
@@ -199,8 +199,7 @@ void ClientCore::disconnected(ClientError reason) {
   connection_ = nullptr;
   ready_ = false;
   reactor_.cancel(std::exchange(steadyTimer_, 0));
-  for (auto& [name, record] : publications_) record.kind = PublicationState::Kind::waiting;
-  for (auto& [name, record] : subscriptions_) record->state = Subscription::State::waiting;
+  records_.disconnected();
   disconnection_ = std::move(reason);
   setState({ConnectionState::Kind::disconnected, disconnection_.message(), disconnection_.kind()});
   failOperations(/*all=*/!options_.reconnect, [&](const Operation& operation) {
@@ -235,8 +234,15 @@ void ClientCore::setPublicationHandler(
     std::move_only_function<void(const PublicationState&)> handler) {
   if (isForked()) return;
   reactor_.post([self = shared_from_this(), handler = std::move(handler)]() mutable {
-    self->publicationHandler_ = std::move(handler);
+    self->records_.setPublicationHandler(std::move(handler));
   });
+}
+
+void ClientCore::cancel(std::shared_ptr<SubscriptionRecord> record) {
+  if (isForked()) return;
+  gate_.afterRunning(onIoThread(), [&] { record->cancelled = true; });
+  reactor_.post(
+      [self = shared_from_this(), record = std::move(record)] { self->records_.drop(*record); });
 }
 
 void ClientCore::close() {
@@ -253,7 +259,7 @@ void ClientCore::abandon() {
   reactor_.post([self = shared_from_this()] {
     self->end();
     self->stateHandler_ = nullptr;
-    self->publicationHandler_ = nullptr;
+    self->records_.setPublicationHandler(nullptr);
   });
 }
 
@@ -267,9 +273,7 @@ void ClientCore::end() {
   if (const auto connection = std::exchange(connection_, nullptr)) connection->invalidate();
   failOperations(/*all=*/true,
                  [](const Operation& operation) { return diagnosis::ofClosing(operation.what()); });
-  publications_.clear();
-  for (const auto& [name, record] : std::exchange(subscriptions_, {}))
-    record->state = Subscription::State::ended;
+  records_.end();
   setState(
       {.kind = ConnectionState::Kind::closed, .reason = {}, .error = ClientError::Kind::closed});
 }

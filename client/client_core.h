@@ -10,15 +10,13 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "client/back_off.h"
 #include "client/client.h"
+#include "client/client_records.h"
 #include "client/gate.h"
 #include "client/operation.h"
-#include "client/publication_record.h"
-#include "client/subscription_record.h"
 #include "protocols/auth_proxy.h"
 #include "protocols/notify_proxy.h"
 #include "runtime/dispatch/reactor.h"
@@ -89,22 +87,12 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   }
   ClientError answerError(const Operation& operation, const Error& error) const;
 
-  void published(PublicationRecord record);
-  void updated(const String& name, Dictionary item);
-  void removed(const String& name);
-  std::vector<PublicationState> publications() const;
-  std::shared_ptr<SubscriptionRecord> subscribed(String name, EventCallback callback);
-  // Undo a request that was accepted too late.
-  void revertPublication(const String& name);
-  void revertSubscription(const String& name);
-
-  // For the object exported to the daemon.
-  void deliver(const String& name, Dictionary item, Error error);
+  ClientRecords& records() { return records_; }
 
  private:
   bool isForked() const { return process_ != ::getpid(); }
 
-  template <class Protocol = protocols::NotifyProxy, class ErrorHandler>
+  template <class Protocol, class ErrorHandler>
   auto proxy(ErrorHandler onError) {
     return connection_->remoteObjectProxyWithErrorHandler<Protocol>(std::move(onError));
   }
@@ -125,13 +113,6 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   void setState(ConnectionState state);
   void end();
 
-  void restore();
-  void restorePublication(const PublicationRecord& record);
-  void restoreSubscription(const std::shared_ptr<SubscriptionRecord>& record);
-  void publicationRestored(std::uint64_t order, const String& name, Error error);
-  void subscriptionRestored(const std::shared_ptr<SubscriptionRecord>& record, Error error);
-  void drop(SubscriptionRecord& record);
-
   Reactor& reactor_;
   const Connector connector_;
   const std::string socketPath_;
@@ -144,6 +125,7 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   std::shared_ptr<ClientCore> leakedAfterFork_;
   bool started_ = false;  // written before the core is shared with other threads
   Gate gate_;
+  ClientRecords records_{gate_};
   std::atomic<std::size_t> waitingRequests_{0};
   std::atomic<std::size_t> waitingBytes_{0};
 
@@ -160,11 +142,7 @@ class ClientCore final : public std::enable_shared_from_this<ClientCore> {
   std::map<std::uint64_t, std::shared_ptr<Operation>>
       operations_;  // by id, in the order of submission
   std::uint64_t nextId_ = 1;
-  std::uint64_t nextOrder_ = 1;
-  std::unordered_map<String, PublicationRecord, StringHash> publications_;
-  std::unordered_map<String, std::shared_ptr<SubscriptionRecord>, StringHash> subscriptions_;
   std::move_only_function<void(const ConnectionState&)> stateHandler_;
-  std::move_only_function<void(const PublicationState&)> publicationHandler_;
 };
 
 }  // namespace keel

@@ -71,7 +71,7 @@ class Publish final : public WithData {
  private:
   static void answered(ClientCore& core, Publish& it, bool inTime, const Error& error) {
     if (!inTime) {
-      if (!error) core.revertPublication(it.name_);
+      if (!error) core.records().revertPublication(it.name_);
       return;
     }
     if (error) return core.finish<void>(it, std::unexpected(core.answerError(it, error)));
@@ -80,7 +80,7 @@ class Publish final : public WithData {
     record.item = it.item_;
     record.flags = it.flags_;
     record.value = it.value_;
-    core.published(std::move(record));
+    core.records().published(std::move(record));
     core.finish<void>(it, {});
   }
 
@@ -99,7 +99,7 @@ class Update final : public WithData {
  private:
   static void answered(ClientCore& core, Update& it, bool inTime, const Error& error) {
     // Also after the timeout: the daemon has accepted the data.
-    if (!error) core.updated(it.name_, it.item_);
+    if (!error) core.records().updated(it.name_, it.item_);
     if (!inTime) return;
     if (error) return core.finish<void>(it, std::unexpected(core.answerError(it, error)));
     core.finish<void>(it, {});
@@ -117,7 +117,7 @@ class Remove final : public Named<void> {
  private:
   static void answered(ClientCore& core, Remove& it, bool inTime, const Error& error) {
     // A publication that the daemon no longer has must not be restored either.
-    if (!error || error.code() == errNotFound) core.removed(it.name_);
+    if (!error || error.code() == errNotFound) core.records().removed(it.name_);
     if (!inTime) return;
     if (error) return core.finish<void>(it, std::unexpected(core.answerError(it, error)));
     core.finish<void>(it, {});
@@ -137,11 +137,12 @@ class Subscribe final : public Named<Subscription> {
   static void answered(ClientCore& core, Subscribe& it, bool inTime, const Dictionary&,
                        const Error& error) {
     if (!inTime) {
-      if (!error) core.revertSubscription(it.name_);
+      if (!error) core.records().revertSubscription(it.name_);
       return;
     }
     if (error) return core.finish<Subscription>(it, std::unexpected(core.answerError(it, error)));
-    const auto record = core.subscribed(it.name_, std::move(it.events_));
+    const auto record =
+        core.records().subscribed(it.name_, std::move(it.events_), core.weak_from_this());
     core.runCallback([&] { it.finish(Subscription(record)); });
     it.drop();
   }
@@ -224,7 +225,8 @@ class Publications final : public OperationOf<std::vector<PublicationState>> {
   bool isLocal() const override { return true; }
   void send(ClientCore& core) override {
     const auto kept = shared_from_this();
-    if (core.settle(*this)) core.finish<std::vector<PublicationState>>(*this, core.publications());
+    if (core.settle(*this))
+      core.finish<std::vector<PublicationState>>(*this, core.records().publications());
   }
 };
 

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "client/client_core.h"
-#include "client/subscription_record.h"
 
 namespace keel {
 
