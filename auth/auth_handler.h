@@ -5,13 +5,26 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <unordered_map>
 
-#include "auth/auth_back_ends.h"
+#include "platform/authenticator/authenticator.h"
+#include "platform/authorization/authorization.h"
+#include "platform/membership/membership.h"
 #include "protocols/auth_proxy.h"
+#include "runtime/foundation/random_bytes.h"
 #include "runtime/xpc/connection.h"
 
 namespace keel {
+
+// The auth handlers' back ends, by default this machine's. All are borrowed and outlive the
+// handlers.
+struct AuthBackEnds {
+  Membership& membership = systemMembership();
+  Authenticators& authenticators = systemAuthenticators();
+  Authorization& authorization = systemAuthorization();
+  std::function<int(std::span<std::byte>)> randomBytes = SecRandomCopyBytes;
+};
 
 // Serves one client of the auth service. Runs on the connection's queue, one request at a time, and
 // may block there: passwords, rights and accounts are checked synchronously, and the request is

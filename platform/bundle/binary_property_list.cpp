@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "platform/bundle/binary_property_list.h"
+#include "platform/bundle/property_list_forms.h"
 
 #include <fmt/format.h>
 
@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "platform/bundle/property_list.h"
-#include "platform/bundle/property_list_keys.h"
 
 // The format: the magic "bplist00", the objects, a table of their offsets, and a trailer of 32
 // bytes with the table's offset and entry width. Integers are big-endian. An object begins with a

@@ -5,9 +5,8 @@
 
 #include <cerrno>
 
-#include "platform/bundle/binary_property_list.h"
+#include "platform/bundle/property_list_forms.h"
 #include "platform/bundle/regular_file.h"
-#include "platform/bundle/xml_property_list.h"
 
 namespace keel {
 

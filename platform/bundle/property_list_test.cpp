@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "platform/bundle/property_list_keys.h"
+#include "platform/bundle/property_list_forms.h"
 #include "runtime/foundation/temporary_folder.h"
 #include "runtime/foundation/test_bytes.h"
 

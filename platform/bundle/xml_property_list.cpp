@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "platform/bundle/xml_property_list.h"
+#include "platform/bundle/property_list_forms.h"
 
 #include <expat.h>
 #include <fmt/format.h>
@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "platform/bundle/property_list.h"
-#include "platform/bundle/property_list_keys.h"
 #include "platform/bundle/property_list_scalar.h"
 #include "runtime/foundation/check.h"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "platform/bundle/xml_property_list.h"
+#include "platform/bundle/property_list_forms.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "platform/bundle/property_list_keys.h"
+#include "platform/bundle/property_list_forms.h"
 
 #include <algorithm>
 #include <vector>
