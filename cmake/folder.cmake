@@ -28,7 +28,8 @@ function(keel_library folder)
 endfunction()
 
 # keel_test(NAME SOURCES file... USES folder-or-target...): a GoogleTest program; each case is a
-# test of its own. With sanitizers, which make programs slow to start, the program is one test.
+# test of its own. With sanitizers or coverage counters, which make programs slow to start or to
+# end, the program is one test.
 function(keel_test name)
   if(NOT KEEL_TESTS)
     return()
@@ -38,7 +39,7 @@ function(keel_test name)
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE keel_compiler ${uses} GTest::gmock_main)
   keel_precompile(${name} keel_test_headers)
-  if(KEEL_SANITIZERS)
+  if(KEEL_SANITIZERS OR KEEL_COVERAGE)
     add_test(NAME ${name} COMMAND ${name})
     set_tests_properties(${name} PROPERTIES LABELS unit TIMEOUT 300)
   else()
