@@ -36,6 +36,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private Sh
   TransportContext& context() override { return context_; }
   void send(const OutgoingMessage& message, EndOfTurnHook::Urgency urgency) override;
   void setReading(bool reading) override;
+  void returnFiles(std::vector<FileDescriptor> files) override;
   void liftHelloBound() override;
   void setConfidential() override;
   void close(std::string_view goodbye) override;

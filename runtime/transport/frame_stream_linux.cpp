@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 #include "runtime/transport/foreign_descriptors.h"
@@ -118,6 +119,13 @@ void FrameStream::queueInput() {
 
 void FrameStream::queueOutput(EndOfTurnHook::Urgency urgency) {
   context_.reactor().atEndOfTurn(share(), *this, urgency);
+}
+
+void FrameStream::returnFiles(std::vector<FileDescriptor> files) {
+  if (!socket_) return;
+  reader_.files().insert(reader_.files().begin(), std::move_iterator(files.begin()),
+                         std::move_iterator(files.end()));
+  updateFileCount();
 }
 
 void FrameStream::liftHelloBound() {

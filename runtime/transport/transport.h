@@ -52,6 +52,8 @@ class Transport {
   // Pauses and resumes reading: back-pressure on a peer with too many unanswered requests. Takes
   // effect before the next frame; resuming delivers what arrived meanwhile at the end of the turn.
   virtual void setReading(bool reading) = 0;
+  // Takes back files of the last frame that its message does not claim: they belong to the next.
+  virtual void returnFiles(std::vector<FileDescriptor>) {}
   // Lifts the bound on frames before the hello to the regular limit.
   virtual void liftHelloBound() = 0;
   // Marks messages as secret: their bytes are wiped wherever they are held here. Call it before

@@ -6,6 +6,8 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "runtime/dispatch/system.h"
+#include "runtime/dispatch/worker_pool.h"
 #include "runtime/wire/limits.h"
 
 namespace keel::xpc {
@@ -40,6 +42,7 @@ UserAccount& UserAccount::of(uid_t uid) {
                      .total = &allUsers,
                      .totalLimitBytes = limitOfAll};
   }
+  if (isNew) account.checks = SerialQueue::create("KeelChecks", globalQueue().laneOf(uid));
   return account;
 }
 

@@ -3,7 +3,10 @@
 
 #include <sys/types.h>
 
+#include <memory>
+
 #include "runtime/dispatch/fair_share.h"
+#include "runtime/dispatch/serial_queue.h"
 #include "runtime/foundation/memory_account.h"
 
 namespace keel::xpc {
@@ -13,6 +16,8 @@ namespace keel::xpc {
 struct UserAccount {
   MemoryQuota quota;
   Share share;
+  // Where large messages of the user are checked, one at a time.
+  std::shared_ptr<SerialQueue> checks;
 
   // Returns the account of that user, created on the first call. From any thread; the share belongs
   // to the I/O thread.

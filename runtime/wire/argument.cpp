@@ -2,7 +2,6 @@
 #include "runtime/wire/argument.h"
 
 #include "runtime/foundation/cbor.h"
-#include "runtime/foundation/sealed_memory.h"
 #include "runtime/wire/limits.h"
 
 namespace keel::xpc {
@@ -15,10 +14,6 @@ constexpr std::uint8_t kTagType = 6;
 
 bool isOfType(std::span<const std::byte> item, std::uint8_t major) {
   return !item.empty() && std::to_integer<std::uint8_t>(item.front()) >> 5 == major;
-}
-
-std::size_t depthOf(std::uint8_t major) {
-  return limits::kDepth + (major == kArrayType ? limits::kArrayWrapping : 0);
 }
 
 }  // namespace
@@ -55,23 +50,15 @@ bool ArgumentReader::fitsQuota(std::size_t moreBytes, std::size_t limitBytes) {
 
 bool ArgumentReader::sealedItem(std::uint8_t major, BufferRef& item) {
   cbor::Cursor attempt = cursor;
-  std::uint64_t number = 0;
-  std::uint64_t sizeBytes = 0;
-  if (!attempt.tag(number) || number != kSealedMemoryTag || !attempt.unsignedInteger(sizeBytes))
+  const std::optional<std::uint64_t> sizeBytes = skipSealedArgument(attempt);
+  if (!sizeBytes || values_.empty() || *sizeBytes > sealedLimitBytes_) return false;
+  SealedValue value = std::move(values_.front());
+  values_.erase(values_.begin());
+  value.check(static_cast<std::size_t>(*sizeBytes), quota_);
+  overQuota_ = value.state == SealedValue::State::overQuota;
+  if (value.state != SealedValue::State::accepted || !isOfType(value.value->bytes(), major))
     return false;
-  if (files_.empty() || sizeBytes > sealedLimitBytes_) return false;
-  FileDescriptor file = std::move(files_.front());
-  files_.erase(files_.begin());
-  if (!fitsQuota(static_cast<std::size_t>(sizeBytes), quota_.grantedBytes())) return false;
-  auto mapped =
-      openSealedMemory(std::move(file), static_cast<std::size_t>(sizeBytes), *quota_.account);
-  if (!mapped || !isOfType((*mapped)->bytes(), major)) return false;
-  if (!cbor::validate((*mapped)->bytes(), depthOf(major))) return false;
-  // Every mapping holds a descriptor; beyond a number of them the bytes are copied, so that values
-  // cannot exhaust the descriptor table.
-  item = Buffer::sealedFileCount() > limits::kSealedFiles
-             ? Buffer::copyOf((*mapped)->bytes(), *quota_.account)
-             : std::move(*mapped);
+  item = std::move(value.value);
   cursor = attempt;
   return true;
 }

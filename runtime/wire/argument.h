@@ -11,18 +11,19 @@
 #include "runtime/foundation/string.h"
 #include "runtime/wire/message.h"
 #include "runtime/wire/name_cache.h"
+#include "runtime/wire/sealed_value.h"
 
 // How each type that may occur in a protocol travels.
 
 namespace keel::xpc {
 
-// Reads the arguments of one message in place. `files` are the sealed memory files of the message,
+// Reads the arguments of one message in place. `values` are those that travel beside the message,
 // consumed in order; none may be larger than `sealedLimitBytes`.
 class ArgumentReader {
  public:
-  ArgumentReader(std::span<const std::byte> items, std::vector<FileDescriptor>& files,
+  ArgumentReader(std::span<const std::byte> items, SealedValues& values,
                  std::size_t sealedLimitBytes, const MemoryQuota& quota = MemoryQuota::ofProcess())
-      : cursor(items), files_(files), sealedLimitBytes_(sealedLimitBytes), quota_(quota) {}
+      : cursor(items), values_(values), sealedLimitBytes_(sealedLimitBytes), quota_(quota) {}
 
   // Reads the next item whole, inline or from a sealed memory file. Returns false if it is no
   // acceptable item of CBOR major type `major`.
@@ -45,7 +46,7 @@ class ArgumentReader {
   bool sealedItem(std::uint8_t major, BufferRef& item);
   bool fitsQuota(std::size_t moreBytes, std::size_t limitBytes);
 
-  std::vector<FileDescriptor>& files_;
+  SealedValues& values_;
   std::size_t sealedLimitBytes_;
   const MemoryQuota& quota_;
   bool overQuota_ = false;

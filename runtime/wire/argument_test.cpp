@@ -31,7 +31,7 @@ bool roundTrip(const T& value, T& result) {
     const auto at = bytes.begin() + static_cast<std::ptrdiff_t>(splice.offset - kLengthBytes);
     bytes.insert(at, splice.buffer->bytes().begin(), splice.buffer->bytes().end());
   }
-  std::vector<FileDescriptor> files;
+  SealedValues files;
   ArgumentReader reader(bytes, files, limits::kFrameBytes);
   return Argument<T>::read(reader, result) && reader.cursor.atEnd();
 }
@@ -75,7 +75,7 @@ bool reads(void (*write)(cbor::Writer&)) {
   ByteSink bytes;
   cbor::Writer writer(bytes);
   write(writer);
-  std::vector<FileDescriptor> files;
+  SealedValues files;
   ArgumentReader reader(bytes, files, limits::kFrameBytes);
   T value{};
   return Argument<T>::read(reader, value);
@@ -108,8 +108,8 @@ TEST(Argument, SealedMemoryIsMappedAndNotCopied) {
   ASSERT_TRUE(message.finish());
   ASSERT_EQ(message.files().size(), 1u);
   EXPECT_LT(message.wireBytes(), 20u);
-  std::vector<FileDescriptor> files;
-  files.emplace_back(::dup(message.files()[0]->sealedFile()));
+  SealedValues files;
+  files.emplace_back(FileDescriptor(::dup(message.files()[0]->sealedFile())));
   ArgumentReader reader(content(message), files, limits::kFrameBytes);
   Dictionary result;
   ASSERT_TRUE(Argument<Dictionary>::read(reader, result));
@@ -126,11 +126,11 @@ TEST(Argument, SealedMemoryWithoutItsFileOrOverTheLimitIsRefused) {
   Argument<Dictionary>::write(writer, large);
   ASSERT_TRUE(message.finish());
   Dictionary result;
-  std::vector<FileDescriptor> files;
+  SealedValues files;
   ArgumentReader without(content(message), files, limits::kFrameBytes);
   EXPECT_FALSE(Argument<Dictionary>::read(without, result));
   const std::size_t size = large.encoded().size();
-  files.emplace_back(::dup(message.files()[0]->sealedFile()));
+  files.emplace_back(FileDescriptor(::dup(message.files()[0]->sealedFile())));
   ArgumentReader above(content(message), files, size - 1);
   EXPECT_FALSE(Argument<Dictionary>::read(above, result));
   ArgumentReader atLimit(content(message), files, size);
@@ -145,8 +145,8 @@ TEST(Argument, SealedMemoryWithBadContentIsRefused) {
   cbor::Writer writer(bytes);
   writer.tag(kSealedMemoryTag);
   writer.unsignedInteger(garbage.size());
-  std::vector<FileDescriptor> files;
-  files.push_back(std::move(*file));
+  SealedValues files;
+  files.emplace_back(std::move(*file));
   ArgumentReader reader(bytes, files, limits::kFrameBytes);
   Dictionary result;
   EXPECT_FALSE(Argument<Dictionary>::read(reader, result));

@@ -72,6 +72,10 @@ inline constexpr std::size_t kSharedPieceBytes = 4u << 10;
 inline constexpr std::size_t kSharedMessageBytes = 2u << 10;
 inline constexpr std::size_t kReceiversOfCopies = 64;
 
+// Messages of up to this size are checked on the I/O thread, in about 0.1 ms at most; larger ones,
+// and memory files, on a thread of the pool.
+inline constexpr std::size_t kCheckedInPlaceBytes = 64u << 10;
+
 // Consecutive updates of one name are delivered as one batch up to this size.
 inline constexpr std::size_t kBatchBytes = 32u << 10;
 

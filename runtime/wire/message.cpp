@@ -14,17 +14,6 @@ namespace keel::xpc {
 
 namespace {
 
-// Consumes an argument that travels as a sealed memory file.
-bool skipSealedArgument(cbor::Cursor& cursor) {
-  cbor::Cursor attempt = cursor;
-  std::uint64_t number = 0;
-  std::uint64_t sizeBytes = 0;
-  if (!attempt.tag(number) || number != kSealedMemoryTag || !attempt.unsignedInteger(sizeBytes))
-    return false;
-  cursor = attempt;
-  return true;
-}
-
 // Consumes an inline argument.
 bool skipInlineArgument(cbor::Cursor& cursor) {
   constexpr std::uint8_t kArrayType = 4;
@@ -33,6 +22,34 @@ bool skipInlineArgument(cbor::Cursor& cursor) {
 }
 
 }  // namespace
+
+std::optional<std::uint64_t> skipSealedArgument(cbor::Cursor& cursor) {
+  cbor::Cursor attempt = cursor;
+  std::uint64_t number = 0;
+  std::uint64_t sizeBytes = 0;
+  if (!attempt.tag(number) || number != kSealedMemoryTag || !attempt.unsignedInteger(sizeBytes))
+    return std::nullopt;
+  cursor = attempt;
+  return sizeBytes;
+}
+
+std::optional<std::uint64_t> skipToArguments(cbor::Cursor& cursor) {
+  std::uint64_t count = 0;
+  std::uint64_t kind = 0;
+  if (!cursor.array(count) || !cursor.unsignedInteger(kind)) return std::nullopt;
+  const bool isRequest = kind == static_cast<std::uint64_t>(MessageKind::request);
+  const bool isOneWay = kind == static_cast<std::uint64_t>(MessageKind::oneWay);
+  const bool isReply = kind == static_cast<std::uint64_t>(MessageKind::reply);
+  if (!isRequest && !isOneWay && !isReply) return std::nullopt;
+  // A request has its id and its method first, a one-way message its method, a reply its id.
+  std::uint64_t number = 0;
+  for (int i = 0; i < (isRequest ? 2 : 1); ++i) {
+    if (!cursor.unsignedInteger(number)) return std::nullopt;
+  }
+  std::uint64_t argumentCount = 0;
+  if (!cursor.array(argumentCount)) return std::nullopt;
+  return argumentCount;
+}
 
 void OutgoingMessage::wipe() {
   keel::wipe(bytes_.bytes());
@@ -118,22 +135,10 @@ bool areWellFormedArguments(std::span<const std::byte> items, std::uint64_t coun
 
 std::size_t countSealedArguments(std::span<const std::byte> frame) {
   cbor::Cursor cursor(frame);
-  std::uint64_t count = 0;
-  std::uint64_t kind = 0;
-  if (!cursor.array(count) || !cursor.unsignedInteger(kind)) return 0;
-  const bool isRequest = kind == static_cast<std::uint64_t>(MessageKind::request);
-  const bool isOneWay = kind == static_cast<std::uint64_t>(MessageKind::oneWay);
-  const bool isReply = kind == static_cast<std::uint64_t>(MessageKind::reply);
-  if (!isRequest && !isOneWay && !isReply) return 0;
-  // A request has its id and its method first, a one-way message its method, a reply its id.
-  std::uint64_t number = 0;
-  for (int i = 0; i < (isRequest ? 2 : 1); ++i) {
-    if (!cursor.unsignedInteger(number)) return 0;
-  }
-  std::uint64_t argumentCount = 0;
-  if (!cursor.array(argumentCount)) return 0;
+  const std::optional<std::uint64_t> argumentCount = skipToArguments(cursor);
+  if (!argumentCount) return 0;
   std::size_t sealedCount = 0;
-  for (std::uint64_t i = 0; i < argumentCount; ++i) {
+  for (std::uint64_t i = 0; i < *argumentCount; ++i) {
     if (skipSealedArgument(cursor)) {
       ++sealedCount;
     } else if (!skipInlineArgument(cursor)) {

@@ -114,6 +114,13 @@ std::optional<Envelope> peekEnvelope(std::span<const std::byte> beginningOfFrame
 // their method expects.
 bool areWellFormedArguments(std::span<const std::byte> items, std::uint64_t count);
 
+// Moves to the first argument or result of a message. Returns their number, or nothing if the
+// message has none.
+std::optional<std::uint64_t> skipToArguments(cbor::Cursor& cursor);
+// Moves past an argument that travels as a sealed memory file. Returns its size in bytes, or
+// nothing if the next argument does not.
+std::optional<std::uint64_t> skipSealedArgument(cbor::Cursor& cursor);
+
 // Counts the arguments or results of a message that travel as sealed memory files, up to the first
 // that cannot be read.
 std::size_t countSealedArguments(std::span<const std::byte> frame);

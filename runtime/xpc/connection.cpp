@@ -28,10 +28,9 @@ Logger& logger() {
 // Log texts identify connections by number. They may be created on any thread that runs a reactor.
 std::atomic<std::uint32_t> lastConnectionNumber{0};
 
-std::vector<FileDescriptor> takeFirst(std::vector<FileDescriptor>& files, std::size_t count) {
+SealedValues takeFirst(std::vector<FileDescriptor>& files, std::size_t count) {
   const auto end = files.begin() + static_cast<std::ptrdiff_t>(std::min(count, files.size()));
-  std::vector<FileDescriptor> taken(std::make_move_iterator(files.begin()),
-                                    std::make_move_iterator(end));
+  SealedValues taken(std::make_move_iterator(files.begin()), std::make_move_iterator(end));
   files.erase(files.begin(), end);
   return taken;
 }
@@ -110,10 +109,33 @@ void Connection::onFrame(std::span<const std::byte> bytes, std::vector<FileDescr
   if (!helloReceived_) return receiveHello(bytes);
   // A read may return a message and the files of the next: each message takes the files that it
   // claims, served or refused.
-  std::vector<FileDescriptor> claimed;
+  const bool isLarge = bytes.size() > limits::kCheckedInPlaceBytes;
+  // Finding out which files a large message claims takes as long as checking it.
+  if (isLarge && !queue_ && options_.checks)
+    return checkFrame(bytes, takeFirst(files, files.size()));
+  SealedValues claimed;
   if (!files.empty()) claimed = takeFirst(files, countSealedArguments(bytes));
-  if (!queue_) return receive(bytes, claimed);
-  queueFrame(bytes, claimed);
+  if (queue_) return queueFrame(bytes, claimed);
+  if (!claimed.empty() && options_.checks) return checkFrame(bytes, std::move(claimed));
+  receive(bytes, claimed);
+}
+
+// Handing a message over costs more than checking a small one, but checking a large one takes
+// milliseconds, for which nobody else should wait. The connection is not read meanwhile, so the
+// order holds.
+void Connection::checkFrame(std::span<const std::byte> bytes, SealedValues values) {
+  server_.checkBegun();
+  options_.checks->async([self = shared_from_this(),
+                          frame = Buffer::copyOf(bytes, *options_.quota->account),
+                          held = std::move(values)]() mutable {
+    auto checked = std::make_unique<CheckedMessage>(checkMessage(
+        frame->bytes(), std::move(held), self->options_.receiveLimitBytes, *self->options_.quota));
+    self->transport_->performLater([self, message = std::move(checked)] {
+      if (!message->unclaimed.empty()) self->transport_->returnFiles(std::move(message->unclaimed));
+      self->server_.checkEnded();
+      if (self->state_ == State::running) self->receive(message->frame, message->values);
+    });
+  });
 }
 
 void Connection::receiveHello(std::span<const std::byte> bytes) {
@@ -132,7 +154,7 @@ void Connection::receiveHello(std::span<const std::byte> bytes) {
   if (asking_ && asking_->readyHandler) std::exchange(asking_->readyHandler, {})();
 }
 
-void Connection::queueFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
+void Connection::queueFrame(std::span<const std::byte> bytes, SealedValues& values) {
   if (options_.quota->account->bytes() > options_.quota->grantedNameBytes()) {
     return protocolViolation("its user holds too much here for a message to wait");
   }
@@ -141,7 +163,7 @@ void Connection::queueFrame(std::span<const std::byte> bytes, std::vector<FileDe
   server_.messageQueued(bytes.size());
   Executor* const slow = server_.weightOf(bytes) == Weight::slow ? slowRequests_ : nullptr;
   Block work = [self = shared_from_this(), frame = std::move(copy),
-                taken = std::move(files)]() mutable {
+                taken = std::move(values)]() mutable {
     if (self->state_ == State::running) self->receive(frame->bytes(), taken);
     if (self->confidential_) wipeStack();
     self->transport_->perform([self, size = frame->size()] { self->server_.messageServed(size); });
@@ -174,7 +196,7 @@ void Connection::onClosed(std::string_view reason) {
   end({}, /*transportIsClosed=*/true);
 }
 
-void Connection::receive(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
+void Connection::receive(std::span<const std::byte> bytes, SealedValues& values) {
   cbor::Cursor cursor(bytes);
   std::uint64_t count = 0;
   std::uint64_t kind = 0;
@@ -183,11 +205,11 @@ void Connection::receive(std::span<const std::byte> bytes, std::vector<FileDescr
   }
   switch (static_cast<MessageKind>(std::min<std::uint64_t>(kind, 0xff))) {
     case MessageKind::request:
-      return server_.receiveRequest(cursor, count, files);
+      return server_.receiveRequest(cursor, count, values);
     case MessageKind::oneWay:
-      return server_.receiveOneWay(cursor, count, files);
+      return server_.receiveOneWay(cursor, count, values);
     case MessageKind::reply:
-      return receiveReply(cursor, count, files);
+      return receiveReply(cursor, count, values);
     case MessageKind::failure:
       return receiveFailure(cursor, count);
     case MessageKind::goodbye:
@@ -206,13 +228,12 @@ std::optional<PendingReplies::Reply> Connection::takePending(cbor::Cursor& curso
   return asking_->pending.take(id);
 }
 
-void Connection::receiveReply(cbor::Cursor& cursor, std::uint64_t count,
-                              std::vector<FileDescriptor>& files) {
+void Connection::receiveReply(cbor::Cursor& cursor, std::uint64_t count, SealedValues& values) {
   auto pending = takePending(cursor);
   if (!pending) return interrupted("an answer to no request");
   std::uint64_t resultCount = 0;
   const bool framed = count == 3 && cursor.array(resultCount);
-  ArgumentReader reader(cursor.rest(), files, options_.receiveLimitBytes);
+  ArgumentReader reader(cursor.rest(), values, options_.receiveLimitBytes);
   if (framed && pending->read(reader, resultCount)) return;
   pending->onError(
       connectionError(ConnectionErrorCode::badReply, "the peer's answer does not fit the method"));

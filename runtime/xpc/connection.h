@@ -64,6 +64,8 @@ class Connection final : public std::enable_shared_from_this<Connection>,
     std::size_t receiveLimitBytes = limits::kFrameBytes;
     // Pays for what the peer sends; borrowed.
     const MemoryQuota* quota = &MemoryQuota::ofProcess();
+    // Where large messages are checked, one of a user at a time. Null: where they are received.
+    std::shared_ptr<SerialQueue> checks{};
     // Shared with the other connections of the service.
     std::shared_ptr<HeavyRequestQueue> heavyRequests = std::make_shared<HeavyRequestQueue>();
   };
@@ -164,10 +166,11 @@ class Connection final : public std::enable_shared_from_this<Connection>,
 
   Asking& asking();
   void receiveHello(std::span<const std::byte> bytes);
-  void queueFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files);
+  void checkFrame(std::span<const std::byte> bytes, SealedValues values);
+  void queueFrame(std::span<const std::byte> bytes, SealedValues& values);
   // On the connection's queue.
-  void receive(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files);
-  void receiveReply(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  void receive(std::span<const std::byte> bytes, SealedValues& values);
+  void receiveReply(cbor::Cursor& cursor, std::uint64_t count, SealedValues& values);
   void receiveFailure(cbor::Cursor& cursor, std::uint64_t count);
   void receiveGoodbye(cbor::Cursor& cursor, std::uint64_t count);
   std::optional<PendingReplies::Reply> takePending(cbor::Cursor& cursor);

@@ -53,7 +53,7 @@ bool dispatchRecord(RecordingSample& object, std::uint64_t count, void (*write)(
   ByteSink bytes;
   cbor::Writer writer(bytes);
   write(writer);
-  std::vector<FileDescriptor> files;
+  SealedValues files;
   ArgumentReader reader(bytes, files, 1000);
   Interface::Call call{nullptr, 0};
   return Interface::interfaceWithProtocol<Sample>().dispatchAt(0)(static_cast<Sample*>(&object),

@@ -16,6 +16,7 @@
 namespace keel::xpc {
 
 class Listener;
+struct UserAccount;
 
 // Decides on each new connection and configures it. Called on the I/O thread.
 class ListenerDelegate {
@@ -59,9 +60,10 @@ class Listener final : private Reactor::Watcher, public std::enable_shared_from_
   // Returns false if there is nothing more to accept now.
   bool acceptOne();
   bool admit(uid_t uid, FileDescriptor& socket, FrameStream::Terms& terms);
-  void identify(FileDescriptor socket, FrameStream::Terms terms);
+  void identify(FileDescriptor socket, FrameStream::Terms terms, UserAccount& user);
   void turnAwayUnidentified(FileDescriptor socket, std::error_code why);
-  void connect(FileDescriptor socket, PeerIdentity peer, FrameStream::Terms terms);
+  void connect(FileDescriptor socket, PeerIdentity peer, FrameStream::Terms terms,
+               UserAccount& user);
   void pauseAccepting(const char* why);
   void stopWatching();
   void close();

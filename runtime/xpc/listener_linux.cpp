@@ -143,18 +143,18 @@ bool Listener::acceptOne() {
       .frameLimitBytes = limits::kFrameBytes, .quota = &user.quota, .share = &user.share};
   if (!admit(credentials.uid, socket, terms)) return true;
   // The rest is expensive, so it is done at the turn of the peer's user.
-  context_.reactor().post(user.share, [self = shared_from_this(), held = std::move(socket),
+  context_.reactor().post(user.share, [self = shared_from_this(), &user, held = std::move(socket),
                                        moved = std::move(terms)]() mutable {
-    self->identify(std::move(held), std::move(moved));
+    self->identify(std::move(held), std::move(moved), user);
   });
   return true;
 }
 
-void Listener::identify(FileDescriptor socket, FrameStream::Terms terms) {
+void Listener::identify(FileDescriptor socket, FrameStream::Terms terms, UserAccount& user) {
   if (!socket_) return;
   auto peer = PeerIdentity::ofSocket(socket.get());
   if (!peer) return turnAwayUnidentified(std::move(socket), peer.error());
-  connect(std::move(socket), std::move(*peer), std::move(terms));
+  connect(std::move(socket), std::move(*peer), std::move(terms), user);
 }
 
 void Listener::turnAwayUnidentified(FileDescriptor socket, std::error_code why) {
@@ -185,9 +185,11 @@ bool Listener::admit(uid_t uid, FileDescriptor& socket, FrameStream::Terms& term
   return false;
 }
 
-void Listener::connect(FileDescriptor socket, PeerIdentity peer, FrameStream::Terms terms) {
+void Listener::connect(FileDescriptor socket, PeerIdentity peer, FrameStream::Terms terms,
+                       UserAccount& user) {
   Connection::Options options;
   options.quota = terms.quota;
+  options.checks = user.checks;
   options.heavyRequests = heavyRequests_;
   auto stream = std::make_unique<FrameStream>(std::move(socket), context_, std::move(terms));
   const auto connection = Connection::create(std::move(peer), std::move(stream), options);

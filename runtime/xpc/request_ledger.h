@@ -33,13 +33,16 @@ class RequestLedger {
     return true;
   }
 
+  void setChecking(bool isChecking) { isChecking_ = isChecking; }
+
   bool isPaused() const { return isPaused_.load(std::memory_order_relaxed); }
   // Re-evaluates the limits. Returns the decision if it has changed: true pauses reading.
   // Hysteresis: once paused, half of each limit must be free again.
   std::optional<bool> decide() {
     const std::size_t divisor = isPaused() ? 2 : 1;
     const bool pause = unansweredCount_ > limits::kUnansweredRequests / divisor ||
-                       queuedBytes_ > limits::kPauseReadingBytes / divisor || heavyRequestId_ != 0;
+                       queuedBytes_ > limits::kPauseReadingBytes / divisor ||
+                       heavyRequestId_ != 0 || isChecking_;
     if (pause == isPaused()) return std::nullopt;
     isPaused_ = pause;
     return pause;
@@ -60,6 +63,7 @@ class RequestLedger {
   std::atomic<std::uint32_t> unansweredCount_{0};
   std::atomic<bool> isPaused_{false};
   bool isShared_ = false;
+  bool isChecking_ = false;
 };
 
 }  // namespace keel::xpc

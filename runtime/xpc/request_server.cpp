@@ -42,7 +42,7 @@ Weight RequestServer::weightOf(std::span<const std::byte> frame) const {
 }
 
 void RequestServer::receiveRequest(cbor::Cursor& cursor, std::uint64_t count,
-                                   std::vector<FileDescriptor>& files) {
+                                   SealedValues& values) {
   std::uint64_t id = 0;
   std::uint64_t method = 0;
   if (!cursor.unsignedInteger(id))
@@ -52,17 +52,16 @@ void RequestServer::receiveRequest(cbor::Cursor& cursor, std::uint64_t count,
   if (count != 4 || !cursor.unsignedInteger(method))
     return refuse(id, FailureCode::undecodable, kUndecodable);
   Interface::Call call{connection_.shared_from_this(), id};
-  dispatch(method, cursor, files, call);
+  dispatch(method, cursor, values, call);
 }
 
-void RequestServer::receiveOneWay(cbor::Cursor& cursor, std::uint64_t count,
-                                  std::vector<FileDescriptor>& files) {
+void RequestServer::receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, SealedValues& values) {
   std::uint64_t method = 0;
   if (count != 3 || !cursor.unsignedInteger(method)) {
     return refuse(std::nullopt, FailureCode::undecodable, kUndecodable);
   }
   Interface::Call call{nullptr, 0};
-  dispatch(method, cursor, files, call);
+  dispatch(method, cursor, values, call);
 }
 
 void RequestServer::refuseOversized(std::optional<std::uint64_t> requestId, std::string_view text) {
@@ -74,8 +73,8 @@ void RequestServer::refuseOversized(std::optional<std::uint64_t> requestId, std:
   refuse(requestId, FailureCode::tooLarge, text);
 }
 
-void RequestServer::dispatch(std::uint64_t method, cbor::Cursor& cursor,
-                             std::vector<FileDescriptor>& files, Interface::Call& call) {
+void RequestServer::dispatch(std::uint64_t method, cbor::Cursor& cursor, SealedValues& values,
+                             Interface::Call& call) {
   const std::optional<std::uint64_t> id = call.route ? std::optional(call.requestId) : std::nullopt;
   if (interface_ == nullptr || interface_->dispatchAt(method) == nullptr || !object_) {
     return refuse(id, FailureCode::unknownMethod, fmt::format("there is no method {}", method));
@@ -86,9 +85,9 @@ void RequestServer::dispatch(std::uint64_t method, cbor::Cursor& cursor,
   const MemoryQuota& quota = connection_.quota();
   if (weight == Weight::heavy && call.route && !connection_.hasQueue()) {
     return queueHeavy({method, argumentCount, Buffer::copyOf(cursor.rest(), *quota.account),
-                       std::move(files), std::move(call)});
+                       std::move(values), std::move(call)});
   }
-  ArgumentReader reader(cursor.rest(), files, connection_.options().receiveLimitBytes, quota);
+  ArgumentReader reader(cursor.rest(), values, connection_.options().receiveLimitBytes, quota);
   reader.setConfidential(connection_.isConfidential());
   if (weight == Weight::brief && !connection_.hasQueue())
     reader.setNameCache(connection_.context().names());
@@ -112,7 +111,7 @@ void RequestServer::queueHeavy(HeavyRequest request) {
 
 void RequestServer::serveHeavy(HeavyRequest request) {
   if (!connection_.isValid()) return requestAnswered(request.call.requestId);
-  ArgumentReader reader(request.arguments->bytes(), request.files,
+  ArgumentReader reader(request.arguments->bytes(), request.values,
                         connection_.options().receiveLimitBytes, connection_.quota());
   serve(request.method, reader, request.argumentCount, request.call);
 }
@@ -219,6 +218,16 @@ bool RequestServer::sendReplies(std::span<const std::uint64_t> requestIds, std::
     for (const std::uint64_t id : some) requestAnswered(id);
   }
   return true;
+}
+
+void RequestServer::checkBegun() {
+  ledger_.setChecking(true);
+  decideOnReading();
+}
+
+void RequestServer::checkEnded() {
+  ledger_.setChecking(false);
+  decideOnReading();
 }
 
 void RequestServer::messageQueued(std::size_t sizeBytes) {

@@ -38,9 +38,8 @@ class RequestServer {
   void setShared() { ledger_.setShared(); }
 
   // `cursor` is behind the message's kind; `count` is the number of the message's elements.
-  void receiveRequest(cbor::Cursor& cursor, std::uint64_t count,
-                      std::vector<FileDescriptor>& files);
-  void receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, std::vector<FileDescriptor>& files);
+  void receiveRequest(cbor::Cursor& cursor, std::uint64_t count, SealedValues& values);
+  void receiveOneWay(cbor::Cursor& cursor, std::uint64_t count, SealedValues& values);
   // Refuses a message whose frame was skipped; `requestId` is empty if it has none.
   void refuseOversized(std::optional<std::uint64_t> requestId, std::string_view text);
   // Answers a message that cannot be served (`requestId` empty for a one-way message) and runs the
@@ -57,6 +56,9 @@ class RequestServer {
   bool sendReplies(std::span<const std::uint64_t> requestIds, std::size_t resultCount,
                    ReplyRoute::WriteResults write, void* results);
 
+  // Mark that a message is being checked elsewhere, so the peer is not read. On the I/O thread.
+  void checkBegun();
+  void checkEnded();
   // Count the messages pending on the connection's queue. On the I/O thread.
   void messageQueued(std::size_t sizeBytes);
   void messageServed(std::size_t sizeBytes);
@@ -67,11 +69,11 @@ class RequestServer {
     std::uint64_t method;
     std::uint64_t argumentCount;
     BufferRef arguments;
-    std::vector<FileDescriptor> files;
+    SealedValues values;
     Interface::Call call;
   };
 
-  void dispatch(std::uint64_t method, cbor::Cursor& cursor, std::vector<FileDescriptor>& files,
+  void dispatch(std::uint64_t method, cbor::Cursor& cursor, SealedValues& values,
                 Interface::Call& call);
   void queueHeavy(HeavyRequest request);
   void serveHeavy(HeavyRequest request);

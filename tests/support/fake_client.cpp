@@ -177,7 +177,7 @@ void FakeClient::onMessage(std::span<const std::byte> frame) {
       const auto& interface = xpc::Interface::interfaceWithProtocol<SubscriberProxy>();
       const auto place = std::ranges::find(interface.selectors(), selectors_[method]) -
                          interface.selectors().begin();
-      std::vector<FileDescriptor> noFiles;
+      xpc::SealedValues noFiles;
       xpc::ArgumentReader reader(cursor.rest(), noFiles, xpc::limits::kFrameBytes);
       xpc::Interface::Call call{nullptr, 0};
       SubscriberProxy* const object = recorder_.get();

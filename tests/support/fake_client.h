@@ -142,7 +142,7 @@ struct FakeClient::ResultsOf<xpc::Reply<Results...>> {
     cbor::Cursor cursor(bytes);
     std::uint64_t count = 0;
     if (!cursor.array(count) || count != sizeof...(Results)) return std::nullopt;
-    std::vector<FileDescriptor> noFiles;
+    xpc::SealedValues noFiles;
     xpc::ArgumentReader reader(cursor.rest(), noFiles, xpc::limits::kFrameBytesFromDaemon);
     std::tuple<Results...> results;
     const bool read = std::apply(
