@@ -61,17 +61,21 @@ struct MemoryQuota {
   // free, so no single one takes it all.
   const MemoryAccount* total = nullptr;
   std::size_t totalLimitBytes = 0;
+  // Its account may take all that the others leave, rather than no more than is left then.
+  bool mayTakeAll = false;
 
   std::size_t grantedBytes() const {
     if (total == nullptr) return limitBytes;
-    const std::size_t held = total->bytes();
+    const std::size_t held = total->bytes() - (mayTakeAll ? account->bytes() : 0);
     return std::min(limitBytes, held < totalLimitBytes ? totalLimitBytes - held : 0);
   }
-  // Names may exceed the quota by half: a client over quota must still be able to name what it
-  // releases.
+  // Returns true while the account holds more than it is granted, names included.
+  bool isExceeded() const { return account->bytes() > grantedNameBytes(); }
+  // Names may exceed the quota by a sixteenth: a client over quota must still be able to name what
+  // it releases.
   std::size_t grantedNameBytes() const {
     const std::size_t granted = grantedBytes();
-    return granted + std::min(granted / 2, std::numeric_limits<std::size_t>::max() - granted);
+    return granted + std::min(granted / 16, std::numeric_limits<std::size_t>::max() - granted);
   }
 };
 

@@ -55,7 +55,11 @@ class FrameReader {
   // Keeps the rest of the last read; from here on others may use the buffer. Idempotent.
   void endRead();
 
-  FrameSplitter::Found next() { return splitter_.next(); }
+  FrameSplitter::Found next() {
+    const FrameSplitter::Found found = splitter_.next();
+    hasFound_ = hasFound_ || found != FrameSplitter::Found::nothing;
+    return found;
+  }
   std::span<const std::byte> frame() const { return splitter_.frame(); }
   std::size_t frameSizeBytes() const { return splitter_.frameSizeBytes(); }
   // Returns the received memory files that no message has claimed, in order of arrival.
@@ -77,6 +81,7 @@ class FrameReader {
   std::vector<FileDescriptor> files_;
   std::span<std::byte> filled_;  // part of the context's buffer, until endRead()
   bool inRead_ = false;
+  bool hasFound_ = false;  // a frame in this read
   bool confidential_ = false;
   bool reachedEnd_ = false;
 };

@@ -90,10 +90,12 @@ void FrameReader::resume() {
 void FrameReader::endRead() {
   if (!std::exchange(inRead_, false)) return;
   splitter_.keepRest();
-  if (confidential_ && !filled_.empty()) {
-    wipe(filled_);
-    wipeStack();
+  if (confidential_) {
+    if (!filled_.empty()) wipe(filled_);
+    // Only what handled a frame has had secrets on its stack.
+    if (hasFound_) wipeStack();
   }
+  hasFound_ = false;
   filled_ = {};
 }
 

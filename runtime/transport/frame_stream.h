@@ -47,7 +47,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private Sh
 
  private:
   // Once it is no longer open, a stream sends and takes nothing more, and ends with the turn.
-  enum class State : std::uint8_t { open, writeFailed, tooSlow, tooManyFiles };
+  enum class State : std::uint8_t { open, writeFailed, tooSlow, stalled, tooManyFiles };
 
   void onReady(std::uint32_t events) override;
   bool takeInput() override;
@@ -69,11 +69,17 @@ class FrameStream final : public Transport, private Reactor::Watcher, private Sh
 
   void retryLater();
   void retry();
-  // Accounts for the backlog, and drops the largest one if all together are too large.
+  // Accounts for the backlog, and drops the largest ones if they are too large together.
   void updateBacklog();
+  // Drops the largest backlogs of `user`, or if it is null of the user who holds most. Returns
+  // false if there are none.
+  bool dropSlowReaders(const MemoryAccount* user);
+  // Watches, once a second, a peer that has something to read.
+  void watchProgress();
+  void checkProgress();
   void updateFileCount();
-  // Charges the kept part of an incomplete frame. Returns false when the peer's user is over quota.
-  bool chargeKept();
+  // Charges what the peer makes this process hold: an incomplete frame, the backlog, unread files.
+  void updateCharge();
   void endWithTurn(State how);
   void dropSlowReader();
 
@@ -104,9 +110,12 @@ class FrameStream final : public Transport, private Reactor::Watcher, private Sh
   FrameReader reader_;
   Terms terms_;
   std::size_t accountedFiles_ = 0;
-  std::size_t chargedKeptBytes_ = 0;
-  Reactor::TimerId retryTimer_ = 0;  // 0: none
-  std::uint32_t watchedEvents_ = 0;  // 0: the socket is not watched
+  std::size_t chargedBytes_ = 0;
+  std::size_t droppedBytes_ = 0;        // the backlog of a reader that is too slow
+  Reactor::TimerId retryTimer_ = 0;     // 0: none
+  Reactor::TimerId progressTimer_ = 0;  // 0: none
+  std::uint8_t idleSeconds_ = 0;        // since the peer last read anything it was sent
+  std::uint32_t watchedEvents_ = 0;     // 0: the socket is not watched
 };
 
 }  // namespace keel::xpc

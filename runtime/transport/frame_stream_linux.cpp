@@ -81,25 +81,66 @@ void FrameStream::updateBacklog() {
   const bool counts = writer_.isBlocked() || backlogFull_;
   accountedOwnBytes_ = counts ? writer_.ownBytes() : 0;
   context_.backlogs().update(this, user(), counts ? waiting : 0, accountedOwnBytes_);
+  updateCharge();
+  watchProgress();
   if (!counts) return;
   if (waiting > limits::kWaitingBytes) return dropSlowReader();
-  // Superseded values are charged to the process (see Buffer::chargeTo). One stream is dropped at a
-  // time: its memory is free only once it has ended.
-  if (context_.beingDropped() != nullptr) return;
-  if (context_.backlogs().exclusiveTotal() + MemoryAccount::ofProcess().bytes() <=
-      limits::kTotalWaitingBytes)
-    return;
-  context_.beingDropped() = context_.backlogs().largestHolder();
-  context_.beingDropped()->dropSlowReader();
+  while (terms_.quota->isExceeded() && dropSlowReaders(user())) {
+  }
+  // Superseded values are charged to the process (see Buffer::chargeTo).
+  if (context_.droppedReaderCount() == 0 &&
+      context_.backlogs().exclusiveTotal() + MemoryAccount::ofProcess().bytes() >
+          limits::kTotalWaitingBytes)
+    dropSlowReaders(nullptr);
 }
 
+bool FrameStream::dropSlowReaders(const MemoryAccount* user) {
+  const auto largest = context_.backlogs().largestHolders(user);
+  for (FrameStream* each : largest) each->dropSlowReader();
+  return !largest.empty();
+}
+
+// Releases the backlog at once; the goodbye goes out at the end of the turn.
 void FrameStream::dropSlowReader() {
-  // Another stream is the largest from now on.
+  if (state_ != State::open) return;
+  ++context_.droppedReaderCount();
+  droppedBytes_ = writer_.waitingBytes();
+  writer_.dropUnbegunFrames();
+  accountedOwnBytes_ = 0;
   context_.backlogs().update(this, user(), 0, 0);
   endWithTurn(State::tooSlow);
+  updateCharge();
+}
+
+void FrameStream::updateCharge() {
+  const std::size_t charge = reader_.keptBytes() + accountedOwnBytes_ + writer_.unreadFileBytes();
+  if (charge == chargedBytes_) return;
+  terms_.quota->account->charge(charge);
+  terms_.quota->account->refund(std::exchange(chargedBytes_, charge));
+}
+
+void FrameStream::watchProgress() {
+  if (!writer_.isBlocked() && writer_.unreadFileBytes() == 0) {
+    idleSeconds_ = 0;
+    return;
+  }
+  if (progressTimer_ == 0)
+    progressTimer_ = context_.reactor().after(std::chrono::seconds(1), [this] { checkProgress(); });
+}
+
+void FrameStream::checkProgress() {
+  progressTimer_ = 0;
+  if (writer_.unreadFileBytes() > 0) {
+    writer_.updateUnread(socket_.get());
+    updateCharge();
+  }
+  if (writer_.isBlocked() && ++idleSeconds_ >= limits::kStallSeconds)
+    return endWithTurn(State::stalled);
+  watchProgress();
 }
 
 void FrameStream::endWithTurn(State how) {
+  if (state_ != State::open) return;
   state_ = how;
   queueOutput(EndOfTurnHook::Urgency::normal);
 }
@@ -182,15 +223,18 @@ void FrameStream::suspendInput() {
   reader_.endRead();
   if (!wasInRead || !socket_) return;
   keepsFrames_ = reader_.keptBytes() > 0;
-  chargeKept();
+  updateCharge();
   queueInput();
 }
 
 void FrameStream::onEndOfTurn() {
   const std::shared_ptr<void> alive = receiver_ != nullptr ? receiver_->holdAlive() : nullptr;
   if (state_ == State::tooSlow) {
-    const std::string reason =
-        fmt::format("too slow: {} bytes were waiting", writer_.waitingBytes());
+    const std::string reason = fmt::format("too slow: {} bytes were waiting", droppedBytes_);
+    return fail(reason, reason);
+  }
+  if (state_ == State::stalled) {
+    const std::string reason = fmt::format("nothing was read for {} s", int{limits::kStallSeconds});
     return fail(reason, reason);
   }
   if (state_ == State::tooManyFiles) return fail(kUnclaimed, kUnclaimed);
@@ -239,19 +283,12 @@ void FrameStream::updateFileCount() {
   context_.unclaimedFiles().update(this, user(), accountedFiles_, accountedFiles_);
 }
 
-bool FrameStream::chargeKept() {
-  const std::size_t kept = reader_.keptBytes();
-  if (kept == chargedKeptBytes_) return true;
-  terms_.quota->account->charge(kept);
-  terms_.quota->account->refund(std::exchange(chargedKeptBytes_, kept));
-  return kept < limits::kHelloBytes ||
-         terms_.quota->account->bytes() <= terms_.quota->grantedNameBytes();
-}
-
 // Charges and checks what is left when all complete frames have been delivered.
 bool FrameStream::endInput() {
   reader_.endRead();
-  if (!chargeKept()) {
+  updateCharge();
+  // A user over quota must still be able to send small messages, to release what it holds.
+  if (reader_.keptBytes() >= limits::kSmallMessageBytes && terms_.quota->isExceeded()) {
     constexpr std::string_view kOverQuota =
         "its user is over quota: no memory for a message of this size";
     fail(kOverQuota, kOverQuota);
@@ -301,16 +338,17 @@ FrameStream::Stop FrameStream::deliverFrames() {
 }
 
 bool FrameStream::flush() {
+  const std::size_t waiting = writer_.waitingBytes();
   if (writeProblem_ == 0) writeProblem_ = writer_.flush(socket_.get(), context_);
   if (writeProblem_ != 0) {
     // The peer's remaining requests are not read: no answer could reach it.
     failWith(writeProblem_);
     return false;
   }
+  if (writer_.waitingBytes() < waiting) idleSeconds_ = 0;
   if (writer_.isStuck()) retryLater();
-  if (writer_.isBlocked() || backlogFull_ || accountedOwnBytes_ > 0) {
+  if (writer_.isBlocked() || backlogFull_ || chargedBytes_ > 0 || writer_.unreadFileBytes() > 0)
     updateBacklog();
-  }
   return true;
 }
 
@@ -357,10 +395,12 @@ void FrameStream::sendGoodbyeAndClose(std::string_view goodbye) {
 }
 
 void FrameStream::detach() {
+  if (state_ == State::tooSlow) --context_.droppedReaderCount();
+  state_ = State::writeFailed;
   stopWatching();
   cancelEndOfTurn();
   context_.backlogs().update(this, user(), 0, 0);
-  if (context_.beingDropped() == this) context_.beingDropped() = nullptr;
+  if (progressTimer_ != 0) context_.reactor().cancel(std::exchange(progressTimer_, 0));
   if (retryTimer_ != 0) {
     context_.reactor().cancel(std::exchange(retryTimer_, 0));
     --context_.stuckStreamCount();
@@ -368,7 +408,9 @@ void FrameStream::detach() {
   accountedOwnBytes_ = 0;
   reader_.files().clear();
   updateFileCount();
-  terms_.quota->account->refund(std::exchange(chargedKeptBytes_, 0));
+  context_.noteReleased(chargedBytes_ + droppedBytes_);
+  droppedBytes_ = 0;
+  terms_.quota->account->refund(std::exchange(chargedBytes_, 0));
   // A stream that was never started has read nothing.
   if (socket_ && !reader_.hasReachedEnd()) {
     return closeInBackground(std::move(socket_), std::move(terms_.admission), user());

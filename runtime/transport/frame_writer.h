@@ -36,6 +36,10 @@ class FrameWriter {
   std::size_t waitingBytes() const { return queue_ ? queue_->waitingBytes() : 0; }
   std::size_t ownBytes() const { return queue_ ? queue_->ownBytes() : 0; }
 
+  // Returns the contents of sealed files that the peer may not have read yet.
+  std::size_t unreadFileBytes() const { return unreadFileBytes_; }
+  // Asks the kernel whether the peer has read everything sent to it.
+  void updateUnread(int socket);
   // Returns true while the peer has few enough unread files to be sent more.
   bool maySendFiles(int socket, TransportContext& context);
 

@@ -29,10 +29,13 @@ int FrameWriter::flush(int socket, TransportContext& context) {
 bool FrameWriter::maySendFiles(int socket, TransportContext& context) {
   if (context.stuckStreamCount() > 0) return false;
   if (unreadFileBytes_ <= limits::kUnreadSealedBytes) return true;
+  updateUnread(socket);
+  return unreadFileBytes_ == 0;
+}
+
+void FrameWriter::updateUnread(int socket) {
   int unread = 0;
-  if (::ioctl(socket, SIOCOUTQ, &unread) != 0 || unread != 0) return false;
-  unreadFileBytes_ = 0;
-  return true;
+  if (::ioctl(socket, SIOCOUTQ, &unread) == 0 && unread == 0) unreadFileBytes_ = 0;
 }
 
 void FrameWriter::dropUnbegunFrames() {

@@ -4,7 +4,10 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "runtime/foundation/memory_account.h"
 
@@ -50,6 +53,30 @@ class Holdings {
     return std::ranges::max_element(most.second.entries, isSmaller)->first;
   }
 
+  // Returns the largest holders of `user`, or of the user who holds most if it is null: as few as
+  // hold half of that user's amount. Empty if nobody holds anything.
+  std::vector<Holder*> largestHolders(const MemoryAccount* user = nullptr) const {
+    if (users_.empty()) return {};
+    const auto found = users_.find(user);
+    const User& most = user == nullptr
+                           ? std::ranges::max_element(
+                                 users_, {}, [](const auto& each) { return each.second.amount; })
+                                 ->second
+                       : found == users_.end() ? kNobody
+                                               : found->second;
+    std::vector<std::pair<std::size_t, Holder*>> sorted;
+    for (const auto& [holder, entry] : most.entries) sorted.emplace_back(entry.amount, holder);
+    std::ranges::sort(sorted, std::ranges::greater(), &decltype(sorted)::value_type::first);
+    std::vector<Holder*> largest;
+    std::size_t sum = 0;
+    for (const auto& [amount, holder] : sorted) {
+      if (sum >= most.amount / 2 && !largest.empty()) break;
+      sum += amount;
+      largest.push_back(holder);
+    }
+    return largest;
+  }
+
  private:
   struct Entry {
     std::size_t amount = 0;
@@ -60,6 +87,8 @@ class Holdings {
     std::unordered_map<Holder*, Entry> entries;
     std::size_t amount = 0;
   };
+
+  static inline const User kNobody{};
 
   std::unordered_map<const MemoryAccount*, User> users_;
   std::size_t exclusiveTotal_ = 0;

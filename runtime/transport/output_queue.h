@@ -48,8 +48,10 @@ class OutputQueue {
   bool empty() const { return appendedBytes_ == sentBytes_; }
   // Returns the backlog, the contents of sealed files included.
   std::size_t waitingBytes() const { return appendedBytes_ - sentBytes_ + waitingFileBytes_; }
-  // Returns the part of it held in memory for this queue alone.
-  std::size_t ownBytes() const { return ownBytes_; }
+  // Returns the part of it held in memory for this queue alone, and the memory of the queue itself.
+  std::size_t ownBytes() const {
+    return ownBytes_ + pieces_.size() * sizeof(Piece) + frameEnds_.size() * sizeof(std::uint64_t);
+  }
   // Returns the bytes of sealed files sent since the last call.
   std::size_t takeSentFileBytes() { return std::exchange(sentFileBytes_, 0); }
 

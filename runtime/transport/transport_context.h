@@ -49,10 +49,14 @@ class TransportContext {
   Holdings<FrameStream>& backlogs() { return backlogs_; }
   // Received descriptors whose message is incomplete.
   Holdings<FrameStream>& unclaimedFiles() { return unclaimedFiles_; }
-  // The stream being dropped because all backlogs together are too large, or null.
-  FrameStream*& beingDropped() { return beingDropped_; }
   // Number of streams that wait for the system to take more descriptors.
   std::size_t& stuckStreamCount() { return stuckStreamCount_; }
+  // Number of slow readers that were dropped and have not ended yet.
+  std::size_t& droppedReaderCount() { return droppedReaderCount_; }
+
+  // Notes that a connection has released memory. In the context of the I/O thread, free memory is
+  // given back to the system some time after a burst, on a thread of the pool.
+  void noteReleased(std::size_t bytes);
 
   // Peers of one kind list their methods in the same order and share the matching.
   using MethodIndexes = std::shared_ptr<const std::vector<std::int64_t>>;
@@ -66,8 +70,11 @@ class TransportContext {
   NameCache names_;
   Holdings<FrameStream> backlogs_;
   Holdings<FrameStream> unclaimedFiles_;
-  FrameStream* beingDropped_ = nullptr;
   std::size_t stuckStreamCount_ = 0;
+  std::size_t droppedReaderCount_ = 0;
+  bool givesBack_ = false;
+  std::size_t releasedBytes_ = 0;   // since memory was last given back
+  Reactor::TimerId trimTimer_ = 0;  // 0: none
   MethodIndexes lastMethodIndexes_;
 };
 

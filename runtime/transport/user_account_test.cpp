@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <limits>
-
 #include "runtime/wire/limits.h"
 
 namespace keel::xpc {
@@ -19,17 +17,39 @@ TEST(MemoryQuota, AUserIsGrantedAtMostWhatIsStillFree) {
   EXPECT_EQ(quota.grantedBytes(), 50'000u);
   alice.charge(80'000);
   EXPECT_EQ(quota.grantedBytes(), 20'000u);
-  EXPECT_EQ(quota.grantedNameBytes(), 30'000u);
+  EXPECT_EQ(quota.grantedNameBytes(), 21'250u);
   alice.charge(80'000);
   EXPECT_EQ(quota.grantedBytes(), 0u);
   alice.refund(160'000);
   EXPECT_EQ(quota.grantedBytes(), 50'000u);
 }
 
-TEST(MemoryQuota, RootHasNoLimit) {
-  EXPECT_EQ(UserAccount::of(0).quota.grantedBytes(), std::numeric_limits<std::size_t>::max());
-  EXPECT_EQ(UserAccount::of(0).quota.grantedNameBytes(), std::numeric_limits<std::size_t>::max());
-  EXPECT_LE(UserAccount::of(501).quota.grantedBytes(), limits::kMemoryOfOneUserBytes);
+TEST(MemoryQuota, RootIsGrantedWhatTheOthersLeave) {
+  MemoryAccount all;
+  MemoryAccount alice(all);
+  MemoryAccount root(all);
+  const MemoryQuota quota{
+      .account = &root, .total = &all, .totalLimitBytes = 100'000, .mayTakeAll = true};
+  root.charge(80'000);
+  EXPECT_EQ(quota.grantedBytes(), 100'000u);
+  alice.charge(20'000);
+  EXPECT_EQ(quota.grantedBytes(), 80'000u);
+  EXPECT_FALSE(quota.isExceeded());
+  alice.charge(20'000);
+  EXPECT_TRUE(quota.isExceeded());
+  alice.refund(40'000);
+  root.refund(80'000);
+}
+
+TEST(UserAccount, OneUserAloneMayHoldHalfOfTheBudget) {
+  const MemoryQuota& quota = UserAccount::of(501).quota;
+  EXPECT_LE(quota.grantedBytes(), limits::kClientMemoryBytes);
+  const std::size_t half = quota.grantedBytes() / 2;
+  quota.account->charge(half);
+  EXPECT_FALSE(quota.isExceeded());
+  EXPECT_NEAR(static_cast<double>(quota.grantedBytes()), static_cast<double>(half), 10'000);
+  quota.account->refund(half);
+  EXPECT_EQ(&UserAccount::of(501).quota, &quota);
 }
 
 }  // namespace

@@ -23,13 +23,13 @@ inline constexpr std::size_t kDepth = 64;
 // Additional nesting of arrays: a dump wraps published values in two more levels.
 inline constexpr std::size_t kArrayWrapping = 2;
 
-// Quota of one user other than root: published data, and names with what is built around each. It
-// outlives the user's connections, as items do. Beyond it, data is refused; names are refused
-// beyond one and a half times it.
-inline constexpr std::size_t kMemoryOfOneUserBytes = 256u << 20;
-// Share of the machine's memory for all of these users together, so that many user ids do not
-// exhaust it either. Each is granted at most what is still free.
-inline constexpr double kMemoryShareOfUsers = 0.25;
+// Budget of all that clients make the daemon hold: published data and names, which outlive their
+// connections, backlogs, unread files, incomplete and waiting messages, challenges. It is smaller
+// where a quarter of the memory that the process may use is less. Every user is granted what is
+// still free, so one alone gets half of it; root gets what the others leave. Beyond it, data is
+// refused; names beyond it and a sixteenth.
+inline constexpr std::size_t kClientMemoryBytes = 1u << 30;
+inline constexpr std::size_t kClientMemoryDivisor = 4;
 // Charged for each name on top of its bytes: about the size of an item, a subscription and their
 // table entries.
 inline constexpr std::uint32_t kRecordBytes = 640;
@@ -54,6 +54,12 @@ inline constexpr std::size_t kTotalWaitingBytes = 512u << 20;
 // Backlog of a connection beyond which its own requests are not read: back-pressure on a client
 // that does not take its answers.
 inline constexpr std::size_t kPauseReadingBytes = 1u << 20;
+
+// How long a peer may leave unread what it was sent, if more waits, before its connection ends.
+inline constexpr std::uint8_t kStallSeconds = 60;
+
+// A message of up to this size may wait for its rest even if its user is over quota.
+inline constexpr std::size_t kSmallMessageBytes = 4u << 10;
 
 // How long an invalidated connection lingers to send its backlog and the goodbye.
 inline constexpr std::chrono::seconds kLinger{5};

@@ -166,7 +166,8 @@ class RawPeer : public testing::Test {
     if (message.level >= LogLevel::error) logged.emplace_back(message.text);
   }};
   TransportContext context{reactor};
-  Reactor reactor;
+  Reactor::Clock::time_point clock = Reactor::Clock::now();  // advanced by hand
+  Reactor reactor{[this] { return clock; }};
   ManualExecutor executor;
   FileDescriptor peer;
   std::string pending;

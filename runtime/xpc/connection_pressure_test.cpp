@@ -2,6 +2,8 @@
 // Back-pressure: peers that request more than they read.
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include "runtime/xpc/connection_fixture.h"
 
 namespace keel::xpc {
@@ -336,6 +338,33 @@ TEST_F(RawPeer, AnIncompleteLargeFrameIsChargedToItsUser) {
   ASSERT_EQ(words.size(), 1u);
   EXPECT_EQ(words[0].as<Value::List>()->at(0), Value(5));
   EXPECT_EQ(account.bytes(), 0u);
+}
+
+TEST_F(RawPeer, APeerThatReadsNothingForAMinuteIsDropped) {
+  start(Value::list({"echo:reply:", "tell:"}));
+  const String text(std::string(1u << 20, 'a'));
+  connection->remoteObjectProxyWithErrorHandler<Echo>([](Error) {}).call<&Echo::tell>(text);
+  turns();
+  for (int second = 0; second < limits::kStallSeconds; ++second) {
+    EXPECT_EQ(invalidations, 0);
+    clock += std::chrono::seconds(1);
+    turns();
+  }
+  EXPECT_EQ(invalidations, 1);
+}
+
+TEST_F(RawPeer, APeerThatReadsALittleEverySecondStays) {
+  start(Value::list({"echo:reply:", "tell:"}));
+  const String text(std::string(8u << 20, 'a'));
+  connection->remoteObjectProxyWithErrorHandler<Echo>([](Error) {}).call<&Echo::tell>(text);
+  turns();
+  for (int second = 0; second < 3 * limits::kStallSeconds; ++second) {
+    std::array<char, 40'000> some;
+    ASSERT_GT(::read(peer.get(), some.data(), some.size()), 0);
+    clock += std::chrono::seconds(1);
+    turns();
+  }
+  EXPECT_EQ(invalidations, 0);
 }
 
 TEST_F(RawPeer, AStalledQueuePausesReading) {
