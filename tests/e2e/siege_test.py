@@ -28,11 +28,11 @@ class Siege(DaemonTest):
         self.assertEqual(attack.returncode, 0, attack.stderr)
 
     def test_a_crowd_slower_than_the_updates(self):
-        for shape in (("--names", "20", "--followers", "5000"),
-                      ("--names", "100", "--followers", "1000")):
+        for shape in (("--names", "20", "--connections", "5000"),
+                      ("--names", "100", "--connections", "1000")):
             with self.subTest(shape=shape):
                 bystanders = Bystanders(self, name=" ".join(shape))
-                self.attack("crowd", *shape)
+                self.attack(*shape, "crowd")
                 self.assertTrue(self.daemon.running)
                 bystanders.step()
 

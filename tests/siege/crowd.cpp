@@ -62,7 +62,7 @@ class Crowd {
   }
 
  private:
-  static std::string name(std::size_t number) { return "siege.crowd." + std::to_string(number); }
+  std::string name(std::size_t number) const { return plan_.namePrefix + std::to_string(number); }
   Value item() const { return Value::map({{"v", std::string(plan_.itemBytes, 'x')}}); }
 
   Member& add(const FileDescriptor& epoll) {

@@ -8,6 +8,7 @@ namespace keel::siege {
 
 struct CrowdPlan {
   std::string path;  // of the notify service's socket
+  std::string namePrefix = "siege.crowd.";
   std::size_t nameCount = 20;
   std::size_t followerCount = 5000;  // over all names
   std::size_t itemBytes = 4000;
