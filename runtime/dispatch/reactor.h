@@ -108,6 +108,8 @@ class Reactor final : public Executor, private FairShare::Host {
   // Notes what a member has read. Call it before processing it: the time from the exhaustion of the
   // budget to the end of the turn decides.
   void noteRead(std::size_t bytes);
+  // Returns true while several users compete.
+  bool isContended() const { return fairShare_.isContended(); }
   // Returns true if as many blocks are queued as may run before the clock is read.
   bool hasEnoughBlocks() const;
   static constexpr std::size_t kMaximumReadBudgetBytes = 256u << 10;

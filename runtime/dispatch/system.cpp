@@ -16,7 +16,9 @@ namespace {
 
 // Threads start on demand, and an idle one costs a stack that is hardly touched.
 constexpr std::size_t kWorkerLimit = 32;
-constexpr std::size_t kWorkerLimitPerUser = 12;
+// Quick requests use a thread fully, so more threads for one user would only take processors from
+// everybody.
+constexpr std::size_t kWorkerLimitPerUser = 2;
 
 // Slow checks (password, rights, membership) at once: as many as an administrator could plausibly
 // want. One user cannot occupy all threads, so the checks of another never wait for those of the

@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
 
@@ -12,8 +13,9 @@
 
 namespace keel {
 
-WorkerPool::WorkerPool(std::size_t threadLimit, std::size_t threadLimitPerLane)
-    : threadLimit_(threadLimit), threadLimitPerLane_(threadLimitPerLane) {
+WorkerPool::WorkerPool(std::size_t threadLimit, std::size_t threadLimitPerLane,
+                       std::chrono::milliseconds idleTime)
+    : threadLimit_(threadLimit), threadLimitPerLane_(threadLimitPerLane), idleTime_(idleTime) {
   KEEL_CHECK(threadLimit > 0 && threadLimitPerLane > 0);
 }
 
@@ -61,7 +63,8 @@ void WorkerPool::schedule(std::shared_ptr<SerialQueue> queue, Lane& lane) {
 
 // Returns true if work of the lane may begin now.
 bool WorkerPool::makeReady(Lane& lane) {
-  if (lane.scheduled.empty() || lane.runningCount == threadLimitPerLane_) return false;
+  const std::size_t limit = &lane == &common_ ? threadLimit_ : threadLimitPerLane_;
+  if (lane.scheduled.empty() || lane.runningCount >= limit) return false;
   if (!std::exchange(lane.isReady, true)) ready_.push_back(&lane);
   return true;
 }
@@ -83,15 +86,34 @@ std::error_code WorkerPool::startThread() {
   return {};
 }
 
+std::size_t WorkerPool::threadCount() {
+  const std::lock_guard lock(mutex_);
+  return threads_.size();
+}
+
+bool WorkerPool::awaitWork(std::unique_lock<std::mutex>& lock) {
+  const auto hasWork = [this] { return ending_ || !ready_.empty(); };
+  while (threads_.size() > 1) {
+    if (readied_.wait_for(lock, idleTime_, hasWork)) return !ending_;
+    if (threads_.size() <= 1) break;
+    const auto self = std::ranges::find(threads_, std::this_thread::get_id(), &std::thread::get_id);
+    self->detach();
+    threads_.erase(self);
+    return false;
+  }
+  readied_.wait(lock, hasWork);
+  return !ending_;
+}
+
 void WorkerPool::work() {
   pthread_setname_np(pthread_self(), "keel-worker");
   const CrashStack crashStack;
   std::unique_lock lock(mutex_);
   for (;;) {
     ++idleCount_;
-    readied_.wait(lock, [this] { return ending_ || !ready_.empty(); });
+    const bool goesOn = awaitWork(lock);
     --idleCount_;
-    if (ending_) return;
+    if (!goesOn) return;
     Lane& lane = *ready_.front();
     ready_.pop_front();
     lane.isReady = false;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -18,14 +19,18 @@
 namespace keel {
 
 // A bounded number of threads for work that may block. Threads start as work arrives, up to the
-// bound, and are kept. If the system has no more, the existing ones do the work.
+// bound, and end when they have been idle. If the system has no more, the existing ones do the
+// work.
 //
 // Work may be split into lanes, one per owner whose work must not hold up that of others: lanes
 // with work are served round-robin, and one lane occupies no more than a bounded number of threads.
 class WorkerPool final : public Executor {
  public:
   explicit WorkerPool(std::size_t threadLimit) : WorkerPool(threadLimit, threadLimit) {}
-  WorkerPool(std::size_t threadLimit, std::size_t threadLimitPerLane);
+  // A thread ends once it was idle for `idleTime`, except the last one.
+  WorkerPool(std::size_t threadLimit, std::size_t threadLimitPerLane,
+             std::chrono::milliseconds idleTime = kIdleTime);
+  static constexpr std::chrono::milliseconds kIdleTime{2000};
   // Waits for running batches, drops those not begun, joins the threads.
   ~WorkerPool() override;
   WorkerPool(const WorkerPool&) = delete;
@@ -35,8 +40,9 @@ class WorkerPool final : public Executor {
   // leaves work undone until it can start one for work that comes later, so whoever depends on its
   // work calls this first.
   std::error_code start();
+  std::size_t threadCount();
 
-  // Schedules in a lane shared by all that is scheduled here.
+  // Schedules in a lane shared by all that is scheduled here, which may occupy all threads.
   void schedule(std::shared_ptr<SerialQueue> queue) override { common_.schedule(std::move(queue)); }
 
   // Returns the lane of that owner, created on the first call and kept as long as the pool. From
@@ -66,9 +72,12 @@ class WorkerPool final : public Executor {
   bool makeReady(Lane& lane);
   std::shared_ptr<SerialQueue> takeFrom(Lane& lane);
   std::error_code startThread();
+  // Returns false if the calling thread was idle for too long and has to end.
+  bool awaitWork(std::unique_lock<std::mutex>& lock);
 
   const std::size_t threadLimit_;
   const std::size_t threadLimitPerLane_;
+  const std::chrono::milliseconds idleTime_;
   std::mutex mutex_;
   std::condition_variable readied_;
   Lane common_{*this};

@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include "runtime/dispatch/serial_queue.h"
@@ -253,6 +254,24 @@ TEST(WorkerPool, WorkWaitsForTheFirstThread) {
 
 TEST(WorkerPool, CanBeDestroyedUnused) {
   WorkerPool pool(1);
+}
+
+TEST(WorkerPool, IdleThreadsEndExceptTheLastOne) {
+  constexpr std::ptrdiff_t kThreads = 4;
+  WorkerPool pool(kThreads, kThreads, std::chrono::milliseconds(0));
+  for (int round = 0; round < 3; ++round) {
+    std::barrier together(kThreads);
+    std::latch done(kThreads);
+    for (std::ptrdiff_t i = 0; i < kThreads; ++i) {
+      SerialQueue::create("busy", pool)->async([&] {
+        together.arrive_and_wait();
+        done.count_down();
+      });
+    }
+    done.wait();
+    while (pool.threadCount() > 1) std::this_thread::yield();
+    EXPECT_EQ(pool.threadCount(), 1u);
+  }
 }
 
 }  // namespace
