@@ -115,6 +115,7 @@ void FrameStream::dropSlowReader() {
 void FrameStream::updateCharge() {
   const std::size_t charge = reader_.keptBytes() + accountedOwnBytes_ + writer_.unreadFileBytes();
   if (charge == chargedBytes_) return;
+  if (charge < chargedBytes_) context_.noteReleased(chargedBytes_ - charge);
   terms_.quota->account->charge(charge);
   terms_.quota->account->refund(std::exchange(chargedBytes_, charge));
 }
@@ -332,7 +333,10 @@ FrameStream::Stop FrameStream::deliverFrames() {
     const bool tookFile = reader_.files().size() < accountedFiles_;
     updateFileCount();
     if (tookFile) return Stop::tookFile;
-    if (context_.reactor().hasEnoughBlocks()) return Stop::enoughBlocks;
+    // A large message may ask for as much work as many small ones.
+    const bool wasLarge = reader_.frame().size() > limits::kSmallMessageBytes;
+    if (context_.reactor().hasEnoughBlocks() || (wasLarge && context_.reactor().isContended()))
+      return Stop::enoughBlocks;
   }
   return Stop::paused;
 }
@@ -408,8 +412,7 @@ void FrameStream::detach() {
   accountedOwnBytes_ = 0;
   reader_.files().clear();
   updateFileCount();
-  context_.noteReleased(chargedBytes_ + droppedBytes_);
-  droppedBytes_ = 0;
+  context_.noteReleased(chargedBytes_ + limits::kConnectionBytes);
   terms_.quota->account->refund(std::exchange(chargedBytes_, 0));
   // A stream that was never started has read nothing.
   if (socket_ && !reader_.hasReachedEnd()) {

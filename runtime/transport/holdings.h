@@ -54,7 +54,10 @@ class Holdings {
   }
 
   // Returns the largest holders of `user`, or of the user who holds most if it is null: as few as
-  // hold half of that user's amount. Empty if nobody holds anything.
+  // hold a part of that user's amount that is worth the search, and no more than kHoldersAtOnce.
+  // Empty if nobody holds anything.
+  static constexpr std::size_t kHoldersAtOnce = 64;
+  static constexpr std::size_t kWorthwhilePart = 16;
   std::vector<Holder*> largestHolders(const MemoryAccount* user = nullptr) const {
     if (users_.empty()) return {};
     const auto found = users_.find(user);
@@ -66,13 +69,15 @@ class Holdings {
                                                : found->second;
     std::vector<std::pair<std::size_t, Holder*>> sorted;
     for (const auto& [holder, entry] : most.entries) sorted.emplace_back(entry.amount, holder);
-    std::ranges::sort(sorted, std::ranges::greater(), &decltype(sorted)::value_type::first);
+    const auto end =
+        sorted.begin() + static_cast<std::ptrdiff_t>(std::min(sorted.size(), kHoldersAtOnce));
+    std::ranges::partial_sort(sorted, end, std::ranges::greater(),
+                              &decltype(sorted)::value_type::first);
     std::vector<Holder*> largest;
     std::size_t sum = 0;
-    for (const auto& [amount, holder] : sorted) {
-      if (sum >= most.amount / 2 && !largest.empty()) break;
-      sum += amount;
-      largest.push_back(holder);
+    for (auto each = sorted.begin(); each != end && sum <= most.amount / kWorthwhilePart; ++each) {
+      sum += each->first;
+      largest.push_back(each->second);
     }
     return largest;
   }

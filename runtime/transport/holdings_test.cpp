@@ -61,19 +61,23 @@ TEST_F(HoldingsTest, AHolderOfNothingIsNotTracked) {
   EXPECT_EQ(holdings.largestHolder(), &streams[1]);
 }
 
-TEST_F(HoldingsTest, TheLargestHoldersHoldHalfOfTheirUsersAmount) {
-  holdings.update(&streams[0], &alice, 100, 0);
+TEST_F(HoldingsTest, TheLargestHoldersAreThoseOfOneUser) {
+  holdings.update(&streams[0], &alice, 10, 0);
   holdings.update(&streams[1], &alice, 300, 0);
-  holdings.update(&streams[2], &alice, 200, 0);
+  holdings.update(&streams[2], &alice, 290, 0);
   holdings.update(&streams[3], &bob, 500, 0);
   EXPECT_EQ(holdings.largestHolders(), std::vector<Stream*>{&streams[1]});
   EXPECT_EQ(holdings.largestHolders(&bob), std::vector<Stream*>{&streams[3]});
   holdings.update(&streams[1], &alice, 0, 0);
   EXPECT_EQ(holdings.largestHolders(&alice), std::vector<Stream*>{&streams[2]});
-  holdings.update(&streams[0], &alice, 200, 0);
-  EXPECT_EQ(holdings.largestHolders(&alice).size(), 1u);
   MemoryAccount carol;
   EXPECT_TRUE(holdings.largestHolders(&carol).empty());
+}
+
+TEST_F(HoldingsTest, ManySmallHoldersAreReturnedABoundedNumberAtOnce) {
+  std::array<Stream, 10'000> many;
+  for (Stream& each : many) holdings.update(&each, &alice, 100, 0);
+  EXPECT_EQ(holdings.largestHolders().size(), Holdings<Stream>::kHoldersAtOnce);
 }
 
 }  // namespace

@@ -55,6 +55,9 @@ inline constexpr std::size_t kTotalWaitingBytes = 512u << 20;
 // that does not take its answers.
 inline constexpr std::size_t kPauseReadingBytes = 1u << 20;
 
+// A generous estimate of what a connection and its objects take, handlers and challenges included.
+inline constexpr std::size_t kConnectionBytes = 64u << 10;
+
 // How long a peer may leave unread what it was sent, if more waits, before its connection ends.
 inline constexpr std::uint8_t kStallSeconds = 60;
 
@@ -106,7 +109,7 @@ inline constexpr std::size_t kSealedFiles = 512;
 inline constexpr std::size_t kConnections = 1u << 20;
 
 // Connections accepted per turn, so that a rush of them starves nobody.
-inline constexpr int kAcceptsPerTurn = 64;
+inline constexpr int kAcceptsPerTurn = 16;
 
 // Descriptors reserved for the daemon's own needs (journal, memory files, supervisor, helpers).
 inline constexpr std::size_t kReservedDescriptors = 256 + kSealedFiles;
