@@ -37,7 +37,7 @@ class KLNAuthHandler final : public protocols::AuthProxy {
   using AuthTable = std::unordered_map<String, std::shared_ptr<QZAuthenticator>, StringHash>;
 
   // Approximate size of an open challenge, charged to its user's quota.
-  static constexpr std::uint32_t kChallengeBytes = 1024;
+  static constexpr std::uint32_t kChallengeBytes = 1536;
   static constexpr std::size_t kAuthIDLength = 37;
 
   explicit KLNAuthHandler(AuthBackEnds backEnds = {}) : backEnds_(std::move(backEnds)) {}

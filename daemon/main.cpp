@@ -19,6 +19,7 @@ int main(int, char** arguments) {
   startDaemonLogging();
   warnIfNoAuditSessions();
   makeLockDirectory(kLockDirectory);
+  limitHeap();
   startThreads();
   preferIoThread();
   loadModules();

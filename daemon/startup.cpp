@@ -2,6 +2,7 @@
 #include "daemon/startup.h"
 
 #include <fmt/format.h>
+#include <malloc.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -159,6 +160,15 @@ void warnIfNoAuditSessions(const char* ownSession) {
       "this kernel has no audit sessions: all processes are in session -1, and a proof by one "
       "of them "
       "counts for all; use a kernel with CONFIG_AUDIT");
+}
+
+void limitHeap() {
+  // Fixed, else it grows with what is freed: large values go back to the system at once.
+  constexpr int kMapFromBytes = 256 << 10;
+  // One for nearly every thread otherwise, each with free memory of its own after a burst.
+  constexpr int kArenas = 4;
+  ::mallopt(M_MMAP_THRESHOLD, kMapFromBytes);
+  ::mallopt(M_ARENA_MAX, kArenas);
 }
 
 void startThreads() {

@@ -40,6 +40,9 @@ void startDaemonLogging();
 // is the kernel's file with this process's session.
 void warnIfNoAuditSessions(const char* ownSession = "/proc/self/sessionid");
 
+// Has memory that clients made the daemon take go back to the system soon.
+void limitHeap();
+
 // Starts the I/O thread and the first thread of each pool: if the system refuses more threads
 // later, keeld is only slower. Ends with kExitNoThread if one cannot be started.
 void startThreads();
