@@ -163,7 +163,10 @@ class Siege:
                             stderr=log.write_end, ready=False)
             os.close(log.write_end)
             stack.callback(daemon.stop)
-            return self._attack(daemon, log, case, options)
+            outcome = self._attack(daemon, log, case, options)
+            if status := daemon.stop():
+                raise RuntimeError(f"the daemon ended with status {status}")
+            return outcome
 
     def _attack(self, daemon, log, case, options):
         patience = ("--patience", str(self.patience_seconds))
