@@ -71,6 +71,9 @@ class Besieged(DaemonTest):
         self.besiege("connects", 1)
         self.besiege("strangers", 1)
 
+    def test_cheap_requests(self):
+        self.besiege("requests", 200)
+
     def test_two_attackers_at_once(self):
         self.besiege("drip", 200, attacker_count=2)
 
