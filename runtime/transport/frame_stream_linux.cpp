@@ -100,12 +100,13 @@ bool FrameStream::dropSlowReaders(const MemoryAccount* user) {
   return !largest.empty();
 }
 
-// Releases the backlog at once; the goodbye goes out at the end of the turn.
+// The backlog counts as released. It is freed, and the goodbye sent, at the end of the turn that
+// serves the peer's user: with thousands of frames that takes up to 0.3 ms, and thousands of
+// readers may be dropped at once.
 void FrameStream::dropSlowReader() {
   if (state_ != State::open) return;
   ++context_.droppedReaderCount();
   droppedBytes_ = writer_.waitingBytes();
-  writer_.dropUnbegunFrames();
   accountedOwnBytes_ = 0;
   context_.backlogs().update(this, user(), 0, 0);
   endWithTurn(State::tooSlow);
