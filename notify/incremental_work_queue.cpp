@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "runtime/dispatch/current_user.h"
 #include "runtime/dispatch/serial_queue.h"
 
 namespace keel {
@@ -11,7 +12,10 @@ IncrementalWorkQueue::IncrementalWorkQueue(std::shared_ptr<SerialQueue> inputQue
     : inputQueue_(std::move(inputQueue)) {}
 
 void IncrementalWorkQueue::add(Step step) {
-  waiting_.push_back(std::move(step));
+  waiting_.push_back([user = currentUser(), own = std::move(step)]() mutable {
+    const WorkingFor working(user);
+    return own();
+  });
   queueNext();
 }
 

@@ -18,6 +18,7 @@
 #include "notify/update_coalescer.h"
 #include "platform/product/product.h"
 #include "runtime/dispatch/block_clock.h"
+#include "runtime/dispatch/current_user.h"
 #include "runtime/foundation/value.h"
 #include "runtime/logging/logger.h"
 
@@ -33,8 +34,14 @@ using Service = std::shared_ptr<KLNNotificationService>;
 // for each.
 template <class Work>
 void queueWork(const Service& service, Work work) {
-  static_assert(sizeof(Work) <= Block::kInlineBytes && std::is_nothrow_move_constructible_v<Work>);
-  service->inputQueue()->async(std::move(work));
+  auto block = [user = currentUser(), run = std::move(work)]() mutable {
+    const WorkingFor working(user);
+    run();
+  };
+  using Queued = decltype(block);
+  static_assert(sizeof(Queued) <= Block::kInlineBytes &&
+                std::is_nothrow_move_constructible_v<Queued>);
+  service->inputQueue()->async(std::move(block));
 }
 
 std::string describe(const std::shared_ptr<xpc::Connection>& connection) {

@@ -11,6 +11,7 @@
 #include "notify/same_object.h"
 #include "notify/subscriber_behavior.h"
 #include "platform/product/product.h"
+#include "runtime/dispatch/current_user.h"
 #include "runtime/dispatch/reactor.h"
 #include "runtime/dispatch/serial_queue.h"
 #include "runtime/dispatch/system.h"
@@ -236,11 +237,13 @@ void KLNNotificationService::follow(const std::shared_ptr<KLNSubscriptionObject>
 
 void KLNNotificationService::queueFirstDelivery(std::shared_ptr<KLNSubscriptionObject> subscription,
                                                 std::shared_ptr<KLNPublishedObject> item) {
-  inputQ()->async([subscription = std::move(subscription), item = std::move(item)] {
-    const Dictionary data = item->data();
-    item->willChange();
-    subscription->updateWithData(data);
-  });
+  inputQ()->async(
+      [user = currentUser(), subscription = std::move(subscription), item = std::move(item)] {
+        const WorkingFor working(user);
+        const Dictionary data = item->data();
+        item->willChange();
+        subscription->updateWithData(data);
+      });
 }
 
 KLNNotificationService::Override::Override(std::shared_ptr<KLNNotificationService> service)

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "notify/notification_handler.h"
+#include "runtime/dispatch/current_user.h"
 #include "runtime/dispatch/serial_queue.h"
 #include "runtime/logging/logger.h"
 #include "runtime/wire/limits.h"
@@ -44,6 +45,7 @@ class UpdateCoalescer::QueuedBatch {
   void operator()() {
     // A running batch accepts no more updates.
     if (coalescer_->last_ == batch_.get()) coalescer_->last_ = nullptr;
+    const WorkingFor working(batch_->user);
     batch_->handler->update(*batch_);
   }
 
@@ -64,6 +66,7 @@ void UpdateCoalescer::add(KLNNotificationHandler& handler, Name name, Dictionary
   if (!canJoin(handler, name, bytes)) {
     begun = takeIdle();
     begun->handler = handler.shared_from_this();
+    begun->user = currentUser();
     begun->name = std::move(name);
     last_ = begun.get();
   }

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "runtime/foundation/collections.h"
@@ -19,6 +22,7 @@ class SerialQueue;
 // carries them out, as if each had a block of its own.
 struct UpdateBatch {
   std::shared_ptr<KLNNotificationHandler> handler;
+  std::optional<uid_t> user;  // the client's
   Name name;
   std::vector<Dictionary> data;
   std::vector<xpc::Reply<Error>> replies;  // one per update

@@ -32,9 +32,15 @@ class SignalsBlocked {
   sigset_t before_;
 };
 
+// Neither root's lines nor the daemon's own are limited: root may do anything anyway.
+bool isLimited(std::optional<uid_t> user) {
+  return user && *user != 0;
+}
+
 }  // namespace
 
-LogQueue::LogQueue(std::unique_ptr<LogOutput> output) : output_(std::move(output)) {
+LogQueue::LogQueue(std::unique_ptr<LogOutput> output, std::function<Clock::time_point()> now)
+    : output_(std::move(output)), now_(std::move(now)) {
   const SignalsBlocked blocked;
   thread_ = std::thread([this] { run(); });
   pthread_setname_np(thread_.native_handle(), "keel-log");
@@ -49,32 +55,82 @@ LogQueue::~LogQueue() {
   thread_.join();
 }
 
+bool LogQueue::admits(std::optional<uid_t> user, LogLevel level,
+                      std::string_view category) noexcept {
+  if (!isLimited(user)) return true;
+  try {
+    const std::lock_guard lock(mutex_);
+    if (limits_.admits(*user, level, category, now_())) return true;
+    if (leftOutReportAt_) return false;
+    leftOutReportAt_ = Clock::now() + kLeftOutReportInterval;
+  } catch (...) {  // Out of memory: no line either.
+    return false;
+  }
+  pushed_.notify_one();
+  return false;
+}
+
 void LogQueue::push(LogLevel level, std::string_view category, std::string text,
-                    std::size_t fullBytes) noexcept {
+                    std::size_t fullBytes, std::optional<uid_t> user) noexcept {
   const auto now = std::chrono::system_clock::now();
   {
     const std::lock_guard lock(mutex_);
-    if (pending_.size() >= kLogQueueMessages || text.size() > kLogQueueBytes - pendingBytes_) {
-      ++lostCount_;
-      return;
-    }
-    const std::size_t textBytes = text.size();
-    try {
-      pending_.push_back({level, category, std::move(text), now, fullBytes});
-    } catch (...) {  // Out of memory.
-      ++lostCount_;
-      return;
-    }
-    pendingBytes_ += textBytes;
-    ++pushedCount_;
+    add({level, category, std::move(text), now, fullBytes, user});
   }
   pushed_.notify_one();
 }
 
+void LogQueue::add(Entry entry) noexcept {
+  const std::size_t textBytes = entry.text.size();
+  if (pending_.size() >= kLogQueueMessages || textBytes > kLogQueueBytes - pendingBytes_) {
+    ++lostCount_;
+    return;
+  }
+  try {
+    pending_.push_back(std::move(entry));
+  } catch (...) {  // Out of memory.
+    ++lostCount_;
+    return;
+  }
+  pendingBytes_ += textBytes;
+  ++pushedCount_;
+}
+
+void LogQueue::reportLeftOut() noexcept try {
+  leftOutReportAt_.reset();
+  for (const LineLimits::LeftOut& leftOut : limits_.takeLeftOut()) {
+    const std::string who =
+        leftOut.user
+            ? fmt::format("uid {}", *leftOut.user)
+            : fmt::format("users beyond the {} whose lines are counted one by one", kCountedUsers);
+    add({leftOut.level, leftOut.category,
+         fmt::format("{} {} caused by {} {} left out", leftOut.count,
+                     leftOut.count == 1 ? "line" : "lines", who,
+                     leftOut.count == 1 ? "was" : "were"),
+         std::chrono::system_clock::now(), 0, leftOut.user});
+  }
+} catch (...) {  // Out of memory.
+}
+
 bool LogQueue::flush(std::chrono::milliseconds timeout) {
   std::unique_lock lock(mutex_);
+  reportLeftOut();
+  pushed_.notify_one();
   const std::uint64_t target = pushedCount_;
   return written_.wait_for(lock, timeout, [&] { return writtenCount_ >= target; });
+}
+
+// Returns once there is something to write, or the queue ends.
+void LogQueue::awaitWork(std::unique_lock<std::mutex>& lock) {
+  while (true) {
+    if (ending_ || (leftOutReportAt_ && Clock::now() >= *leftOutReportAt_)) reportLeftOut();
+    if (!pending_.empty() || ending_) return;
+    if (leftOutReportAt_) {
+      pushed_.wait_until(lock, *leftOutReportAt_);
+    } else {
+      pushed_.wait(lock);
+    }
+  }
 }
 
 void LogQueue::run() noexcept {
@@ -82,7 +138,7 @@ void LogQueue::run() noexcept {
   std::vector<Entry> batch;
   std::unique_lock lock(mutex_);
   while (true) {
-    pushed_.wait(lock, [this] { return !pending_.empty() || ending_; });
+    awaitWork(lock);
     if (pending_.empty()) return;
     std::swap(batch, pending_);
     pendingBytes_ = 0;
@@ -107,7 +163,8 @@ std::uint64_t LogQueue::writeBatch(const std::vector<Entry>& batch) noexcept {
   std::uint64_t lostCount = 0;
   for (const Entry& entry : batch) {
     try {
-      if (output_->write({entry.level, entry.category, entry.text, entry.time, entry.fullBytes}))
+      if (output_->write(
+              {entry.level, entry.category, entry.text, entry.time, entry.fullBytes, entry.user}))
         continue;
     } catch (...) {  // Out of memory.
     }

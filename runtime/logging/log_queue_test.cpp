@@ -176,6 +176,54 @@ TEST(LogQueue, AnOutputThatThrowsLosesOnlyTheMessage) {
   EXPECT_TRUE(queue.flush(kHangTimeout));
 }
 
+class LimitedLogQueue : public ::testing::Test {
+ protected:
+  // How many of `count` lines that a user causes are admitted; those are pushed.
+  int pushed(std::optional<uid_t> user, int count, LogLevel level = LogLevel::error) {
+    int pushedCount = 0;
+    for (int i = 0; i < count; ++i) {
+      if (!queue_.admits(user, level, "auth")) continue;
+      queue_.push(level, "auth", "x", 0, user);
+      ++pushedCount;
+    }
+    return pushedCount;
+  }
+
+  Recorder recorder_;
+  LogQueue queue_{recorder_.output(), [] { return LogQueue::Clock::time_point(); }};
+};
+
+TEST_F(LimitedLogQueue, LinesBeyondAUsersLimitAreLeftOutAndReported) {
+  EXPECT_EQ(pushed(501, kLineBurst + 23), kLineBurst);
+  ASSERT_TRUE(queue_.flush(kHangTimeout));
+  const auto lines = recorder_.lines();
+  ASSERT_THAT(lines, SizeIs(kLineBurst + 1));
+  EXPECT_EQ(lines.back().text, "23 lines caused by uid 501 were left out");
+  EXPECT_EQ(lines.back().level, LogLevel::error);
+  EXPECT_EQ(lines.back().category, "auth");
+  EXPECT_EQ(lines.back().user, 501);
+}
+
+TEST_F(LimitedLogQueue, TheReportComesWithoutAFlush) {
+  EXPECT_EQ(pushed(501, kLineBurst + 1), kLineBurst);
+  recorder_.awaitText("1 line caused by uid 501 was left out");
+}
+
+TEST_F(LimitedLogQueue, TheEndReportsToo) {
+  Recorder recorder;
+  {
+    LogQueue queue(recorder.output(), [] { return LogQueue::Clock::time_point(); });
+    for (int i = 0; i < kLineBurst + 2; ++i) queue.admits(501, LogLevel::debug, "auth");
+    for (int i = 0; i < kLineBurst + 2; ++i) queue.admits(501, LogLevel::error, "auth");
+  }
+  EXPECT_THAT(recorder.texts(), ElementsAre("2 lines caused by uid 501 were left out"));
+}
+
+TEST_F(LimitedLogQueue, NeitherRootNorTheDaemonItselfIsLimited) {
+  EXPECT_EQ(pushed(0, 10 * kLineBurst), 10 * kLineBurst);
+  EXPECT_EQ(pushed(std::nullopt, 10 * kLineBurst), 10 * kLineBurst);
+}
+
 struct ThreadFacts {
   std::string name;
   bool pipeBlocked = false;

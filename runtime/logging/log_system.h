@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -23,6 +26,8 @@ struct LogMessage {
   std::chrono::system_clock::time_point time{};
   // Size of the text before it was truncated at kLogMessageBytes; 0 if it was not.
   std::size_t fullBytes = 0;
+  // The user whose request caused it; none for the daemon's own work.
+  std::optional<uid_t> user{};
 };
 
 // Writes messages to their destination. Called on the logging thread alone, one at a time; may
@@ -62,8 +67,8 @@ bool flushLog(std::chrono::milliseconds timeout);
 
 // For tests: enables the levels from `least` on and passes each message to `receive`, on the thread
 // that logs it, instead of to the output, until the token is destroyed; `receive` is not called
-// after that. Calls are serialised; `receive` must not log. Of several captures the newest live one
-// receives.
+// after that. Meanwhile users are not limited. Calls are serialised; `receive` must not log. Of
+// several captures the newest live one receives.
 class LogCapture {
  public:
   explicit LogCapture(std::function<void(const LogMessage&)> receive,

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "runtime/dispatch/current_user.h"
 #include "runtime/logging/logger_table.h"
 #include "runtime/logging/printable_text.h"
 
@@ -15,6 +16,8 @@ Logger& _loggerForCategory(const char* category) {
 // Logging must not make its caller fail: out of memory, the message is lost.
 void Logger::write(LogLevel level, fmt::string_view format, fmt::format_args arguments) noexcept
     try {
+  const std::optional<uid_t> user = currentUser();
+  if (!table_.admits(*this, level, user)) return;
   std::string text = fmt::vformat(format, arguments);
   std::size_t fullBytes = 0;
   if (text.size() > kLogMessageBytes) {
@@ -22,7 +25,7 @@ void Logger::write(LogLevel level, fmt::string_view format, fmt::format_args arg
     text.resize(utf8PrefixBytes(text, kLogMessageBytes));
     text += fmt::format("... ({} bytes)", fullBytes);
   }
-  table_.submit(*this, level, std::move(text), fullBytes);
+  table_.submit(*this, level, std::move(text), fullBytes, user);
 } catch (...) {
 }
 

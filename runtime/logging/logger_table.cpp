@@ -54,16 +54,21 @@ void LoggerTable::endCapture(const Receiver& receiver) {
   refreshThresholds();
 }
 
+bool LoggerTable::admits(const Logger& logger, LogLevel level, std::optional<uid_t> user) noexcept {
+  LogQueue* const queue = startedQueue_.load(std::memory_order_acquire);
+  return queue == nullptr || capturing_.load() || queue->admits(user, level, logger.category());
+}
+
 void LoggerTable::submit(const Logger& logger, LogLevel level, std::string text,
-                         std::size_t fullBytes) noexcept {
+                         std::size_t fullBytes, std::optional<uid_t> user) noexcept {
   if (capturing_.load() &&
-      capture({level, logger.category(), text, std::chrono::system_clock::now(), fullBytes}))
+      capture({level, logger.category(), text, std::chrono::system_clock::now(), fullBytes, user}))
     return;
   // Checked again: a capture that has just ended may have enabled a level that the output must not
   // get.
   LogQueue* const queue = startedQueue_.load(std::memory_order_acquire);
   if (queue != nullptr && logger.enabled(level))
-    queue->push(level, logger.category(), std::move(text), fullBytes);
+    queue->push(level, logger.category(), std::move(text), fullBytes, user);
 }
 
 bool LoggerTable::capture(const LogMessage& message) {

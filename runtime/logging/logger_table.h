@@ -42,9 +42,11 @@ class LoggerTable {
   void beginCapture(const Receiver& receiver, LogLevel least = LogLevel::debug);
   void endCapture(const Receiver& receiver);
 
+  // Returns false if the line is to be left out because `user` has reached its limit.
+  bool admits(const Logger& logger, LogLevel level, std::optional<uid_t> user) noexcept;
   // Submits a message of `logger`, which may already be truncated.
-  void submit(const Logger& logger, LogLevel level, std::string text,
-              std::size_t fullBytes) noexcept;
+  void submit(const Logger& logger, LogLevel level, std::string text, std::size_t fullBytes,
+              std::optional<uid_t> user) noexcept;
 
  private:
   // Passes the message to the newest capture; returns false if there is none.

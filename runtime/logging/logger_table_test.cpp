@@ -7,6 +7,7 @@
 
 #include <new>
 
+#include "runtime/dispatch/current_user.h"
 #include "runtime/logging/recording_output.h"
 
 namespace keel {
@@ -33,7 +34,9 @@ struct fmt::formatter<keel::CountedFormatting> : fmt::formatter<std::string_view
 namespace keel {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -92,6 +95,41 @@ TEST_F(LoggerTableTest, DisabledMessagesAreNotEvenFormatted) {
   logger.fault("fault {} {}", 7, String());
   EXPECT_THAT(writtenTexts(), ElementsAre("error counted", "fault 7 (null)"));
   EXPECT_EQ(formatCount, 1);
+}
+
+TEST_F(LoggerTableTest, LinesBeyondTheLimitOfTheirUserAreNotFormatted) {
+  constexpr int kLines = 100000;
+  table_.start(recorder_.output(), "");
+  Logger& logger = table_.loggerForCategory("auth");
+  int formedCount = 0;
+  {
+    const WorkingFor alice(501);
+    for (int i = 0; i < kLines; ++i) logger.error("{}", CountedFormatting{formedCount});
+  }
+  EXPECT_GE(formedCount, kLineBurst);
+  EXPECT_LT(formedCount, kLines);
+  logger.error("mine");
+  const auto texts = writtenTexts();
+  EXPECT_THAT(texts, Contains("mine"));
+  EXPECT_THAT(texts, Contains(HasSubstr("lines caused by uid 501 were left out")));
+  EXPECT_EQ(recorder_.lines().front().user, 501);
+}
+
+TEST_F(LoggerTableTest, ACaptureReceivesAllLinesOfAUser) {
+  table_.start(recorder_.output(), "");
+  Logger& logger = table_.loggerForCategory("auth");
+  int count = 0;
+  std::optional<uid_t> user;
+  const LoggerTable::Receiver receiver = [&](const LogMessage& message) {
+    ++count;
+    user = message.user;
+  };
+  table_.beginCapture(receiver);
+  const WorkingFor alice(501);
+  for (int i = 0; i < 2 * kLineBurst; ++i) logger.error("x");
+  table_.endCapture(receiver);
+  EXPECT_EQ(count, 2 * kLineBurst);
+  EXPECT_EQ(user, 501);
 }
 
 TEST_F(LoggerTableTest, NullTextsAndErrorsAreFormattedAsNull) {

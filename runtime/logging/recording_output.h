@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,6 +23,7 @@ class Recorder {
     std::string text;
     std::chrono::system_clock::time_point time;
     std::size_t fullBytes;
+    std::optional<uid_t> user;
   };
 
   // Returns an output that records every message here and returns accept(index), counted from 0.
@@ -43,6 +46,14 @@ class Recorder {
     changed_.wait(lock, [this] { return atGate_; });
   }
 
+  // Waits until a line with that text was written.
+  void awaitText(std::string_view text) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] {
+      return std::ranges::any_of(lines_, [text](const Line& line) { return line.text == text; });
+    });
+  }
+
   std::vector<Line> lines() {
     const std::lock_guard lock(mutex_);
     return lines_;
@@ -60,7 +71,8 @@ class Recorder {
     changed_.wait(lock, [this] { return open_; });
     atGate_ = false;
     lines_.push_back({message.level, std::string(message.category), std::string(message.text),
-                      message.time, message.fullBytes});
+                      message.time, message.fullBytes, message.user});
+    changed_.notify_all();
     return lines_.size() - 1;
   }
 

@@ -11,6 +11,7 @@
 #include <iterator>
 #include <utility>
 
+#include "runtime/dispatch/current_user.h"
 #include "runtime/foundation/secret.h"
 #include "runtime/foundation/value.h"
 #include "runtime/logging/logger.h"
@@ -106,6 +107,7 @@ void Connection::invalidate(std::string_view goodbye) {
 // ---- Receiving
 
 void Connection::onFrame(std::span<const std::byte> bytes, std::vector<FileDescriptor>& files) {
+  const WorkingFor user(peer_.uid);
   if (!helloReceived_) return receiveHello(bytes);
   // A read may return a message and the files of the next: each message takes the files that it
   // claims, served or refused.
@@ -128,9 +130,11 @@ void Connection::checkFrame(std::span<const std::byte> bytes, SealedValues value
   options_.checks->async([self = shared_from_this(),
                           frame = Buffer::copyOf(bytes, *options_.quota->account),
                           held = std::move(values)]() mutable {
+    const WorkingFor user(self->peer_.uid);
     auto checked = std::make_unique<CheckedMessage>(checkMessage(
         frame->bytes(), std::move(held), self->options_.receiveLimitBytes, *self->options_.quota));
     self->transport_->performLater([self, message = std::move(checked)] {
+      const WorkingFor receivedFor(self->peer_.uid);
       if (!message->unclaimed.empty()) self->transport_->returnFiles(std::move(message->unclaimed));
       self->server_.checkEnded();
       if (self->state_ == State::running) self->receive(message->frame, message->values);
@@ -164,6 +168,7 @@ void Connection::queueFrame(std::span<const std::byte> bytes, SealedValues& valu
   Executor* const slow = server_.weightOf(bytes) == Weight::slow ? slowRequests_ : nullptr;
   Block work = [self = shared_from_this(), frame = std::move(copy),
                 taken = std::move(values)]() mutable {
+    const WorkingFor user(self->peer_.uid);
     if (self->state_ == State::running) self->receive(frame->bytes(), taken);
     if (self->confidential_) wipeStack();
     self->transport_->perform([self, size = frame->size()] { self->server_.messageServed(size); });
@@ -176,6 +181,7 @@ void Connection::queueFrame(std::span<const std::byte> bytes, SealedValues& valu
 }
 
 void Connection::onOversizedFrame(std::size_t sizeBytes, std::span<const std::byte> beginning) {
+  const WorkingFor user(peer_.uid);
   if (!helloReceived_)
     return protocolViolation(fmt::format("a hello of {} bytes is too large", sizeBytes));
   const std::optional<Envelope> envelope = peekEnvelope(beginning);
@@ -190,6 +196,7 @@ void Connection::onOversizedFrame(std::size_t sizeBytes, std::span<const std::by
 }
 
 void Connection::onClosed(std::string_view reason) {
+  const WorkingFor user(peer_.uid);
   if (!reason.empty() && state_ == State::running)
     logger().error("{} dropped: {}", description(), reason);
   if (goodbye_.isNull() && !reason.empty()) goodbye_ = String(reason);
@@ -278,6 +285,7 @@ void Connection::interrupted(std::string_view why) {
 }
 
 void Connection::protocolViolation(std::string_view what) {
+  const WorkingFor user(peer_.uid);
   if (state_ == State::running) logger().error("{} dropped: {}", description(), what);
   end(what, /*transportIsClosed=*/false);
 }
@@ -297,7 +305,9 @@ std::expected<std::int64_t, Error> Connection::indexAt(const Interface& interfac
 }
 
 void Connection::reportError(ErrorBlock onError, Error error) {
-  Block report = [onError = std::move(onError), error = std::move(error)]() mutable {
+  Block report = [uid = peer_.uid, onError = std::move(onError),
+                  error = std::move(error)]() mutable {
+    const WorkingFor user(uid);
     onError(std::move(error));
   };
   if (queue_) {
@@ -349,6 +359,7 @@ void Connection::failPending(const String& goodbye) {
 }
 
 void Connection::release() {
+  const WorkingFor user(peer_.uid);
   if (invalidationHandler_) invalidationHandler_();
   invalidationHandler_ = {};
   interruptionHandler_ = {};
@@ -358,7 +369,10 @@ void Connection::release() {
 
 void Connection::runOnQueue(Block block) {
   if (queue_) {
-    queue_->async(std::move(block));
+    queue_->async([uid = peer_.uid, run = std::move(block)]() mutable {
+      const WorkingFor user(uid);
+      run();
+    });
   } else {
     block();
   }

@@ -37,6 +37,16 @@ TEST_F(CheckedElsewhere, SmallMessagesAreServedAtOnce) {
   EXPECT_EQ(executor.scheduledCount(), 0u);
 }
 
+TEST_F(CheckedElsewhere, MessagesOfAnySizeAreServedOnBehalfOfThePeersUser) {
+  start();
+  sendMessage(request(1, 100));
+  EXPECT_EQ(std::exchange(service->user, std::nullopt), 501);
+  sendMessage(request(2, limits::kCheckedInPlaceBytes));
+  check();
+  EXPECT_EQ(service->user, 501);
+  EXPECT_EQ(currentUser(), std::nullopt);
+}
+
 TEST_F(CheckedElsewhere, MessagesBehindALargeOneWaitForIt) {
   start();
   Bytes bytes = framed(encoded(request(1, limits::kCheckedInPlaceBytes)));

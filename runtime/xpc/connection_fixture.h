@@ -8,8 +8,10 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <optional>
 #include <thread>
 
+#include "runtime/dispatch/current_user.h"
 #include "runtime/dispatch/manual_executor.h"
 #include "runtime/foundation/cbor.h"
 #include "runtime/foundation/sealed_memory.h"
@@ -43,16 +45,21 @@ EchoMethods methodTableOf(const Echo*);
 
 struct EchoService final : Echo {
   void echo(Dictionary item, Reply<Dictionary, Error> reply) override {
+    user = currentUser();
     reply(std::move(item), nullptr);
   }
   void tell(String text) override { told.emplace_back(text.view()); }
   void keep(Reply<Error> reply) override { kept.push_back(std::move(reply)); }
-  void survey(Reply<Error> reply) override { kept.push_back(std::move(reply)); }
+  void survey(Reply<Error> reply) override {
+    user = currentUser();
+    kept.push_back(std::move(reply));
+  }
   void ponder(String text, Reply<Error> reply) override {
     told.emplace_back(text.view());
     reply(nullptr);
   }
   void settle(Reply<Error> reply) override { reply(nullptr); }
+  std::optional<uid_t> user;  // see currentUser(), of the last echo or survey
   std::vector<std::string> told;
   std::vector<Reply<Error>> kept;
 };

@@ -286,14 +286,17 @@ TEST_F(PeerWithHeavyRequests, HeavyRequestsOfOneUserAreServedOneAtATimeOverAllCo
   service->kept.clear();
   turns();
   EXPECT_EQ(otherService->kept.size(), 1u);
+  EXPECT_EQ(otherService->user, PeerIdentity().uid);
   sendMessage(Value::list({1, 2, 3, Value::list({})}));
   turns();
   EXPECT_EQ(service->kept.size(), 0u);
+  service->user.reset();
   // A connection that ends releases its place in the queue.
   otherService->kept.clear();
   other->invalidate();
   turns();
   EXPECT_EQ(service->kept.size(), 1u);
+  EXPECT_EQ(service->user, 501);
 }
 
 TEST_F(PeerWithHeavyRequests, APendingHeavyRequestEndsWithItsConnection) {

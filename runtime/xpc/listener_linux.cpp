@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "runtime/dispatch/current_user.h"
 #include "runtime/logging/logger.h"
 #include "runtime/transport/admissions.h"
 #include "runtime/transport/frame_stream.h"
@@ -138,15 +139,18 @@ bool Listener::acceptOne() {
   ucred credentials{};
   socklen_t size = sizeof credentials;
   if (::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return true;
+  const WorkingFor acceptedFor(credentials.uid);
   UserAccount& user = UserAccount::of(credentials.uid);
   FrameStream::Terms terms{
       .frameLimitBytes = limits::kFrameBytes, .quota = &user.quota, .share = &user.share};
   if (!admit(credentials.uid, socket, terms)) return true;
   // The rest is expensive, so it is done at the turn of the peer's user.
-  context_.reactor().post(user.share, [self = shared_from_this(), &user, held = std::move(socket),
-                                       moved = std::move(terms)]() mutable {
+  Block identify = [self = shared_from_this(), uid = credentials.uid, &user,
+                    held = std::move(socket), moved = std::move(terms)]() mutable {
+    const WorkingFor identifiedFor(uid);
     self->identify(std::move(held), std::move(moved), user);
-  });
+  };
+  context_.reactor().post(user.share, std::move(identify));
   return true;
 }
 
@@ -199,6 +203,7 @@ void Listener::connect(FileDescriptor socket, PeerIdentity peer, FrameStream::Te
 }
 
 void Listener::pauseAccepting(const char* why) {
+  const WorkingFor nobody(std::nullopt);  // The peer has not caused the shortage.
   if (!std::exchange(pauseLogged_, true)) {
     logger().error("no more connections are accepted at {} for now: {}", path_, why);
   }

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 
+#include "runtime/dispatch/current_user.h"
 #include "runtime/foundation/temporary_folder.h"
 #include "runtime/transport/service_socket.h"
 #include "runtime/xpc/client_endpoint.h"
@@ -21,6 +22,7 @@ struct CountingDelegate final : ListenerDelegate {
   bool listenerShouldAcceptNewConnection(Listener&,
                                          const std::shared_ptr<Connection>& connection) override {
     seen.push_back(connection->processIdentifier());
+    user = currentUser();
     if (accept) {
       connection->resume();
       connections.push_back(connection);
@@ -29,6 +31,7 @@ struct CountingDelegate final : ListenerDelegate {
   }
   bool accept = true;
   std::vector<pid_t> seen;
+  std::optional<uid_t> user;  // whose connection was accepted last, see currentUser()
   std::vector<std::shared_ptr<Connection>> connections;
 };
 
@@ -78,6 +81,15 @@ TEST_F(Service, AcceptsOnceResumedAndNotWhileSuspended) {
   listener->resume();
   turns();
   EXPECT_EQ(delegate->seen.size(), 2u);
+}
+
+TEST_F(Service, AcceptsOnBehalfOfThePeersUser) {
+  open();
+  listener->resume();
+  const FileDescriptor peer = connectNow();
+  turns();
+  EXPECT_EQ(delegate->user, ::getuid());
+  EXPECT_EQ(currentUser(), std::nullopt);
 }
 
 TEST_F(Service, TheSocketIsAccessibleToEveryUser) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "runtime/dispatch/current_user.h"
 #include "runtime/xpc/connection.h"
 
 namespace keel::xpc {
@@ -110,6 +111,7 @@ void RequestServer::queueHeavy(HeavyRequest request) {
 }
 
 void RequestServer::serveHeavy(HeavyRequest request) {
+  const WorkingFor user(connection_.effectiveUserIdentifier());
   if (!connection_.isValid()) return requestAnswered(request.call.requestId);
   ArgumentReader reader(request.arguments->bytes(), request.values,
                         connection_.options().receiveLimitBytes, connection_.quota());

@@ -10,6 +10,7 @@ import re
 import signal
 
 import keel_host
+from keel_client import Client
 from keel_host import DaemonTest, Journal
 
 SHUTTING_DOWN = "signal handler: received SIGTERM, shutting down"
@@ -71,6 +72,41 @@ class Levels(LogTest):
         self.assertEqual((line.level, line.category), ("error", "runtime"))
         self.assertWorked(self.client().publish({}, "name"))
         self.assertFalse([line for line in daemon.log if line.category == "notification"])
+
+
+def unsubscribe_often(name, count):
+    """Causes `count` lines of level error."""
+    client = Client()
+    for _ in range(count):
+        client.unsubscribe(name)
+    client.dump("nothing")
+    client.close()
+
+
+class Limits(LogTest):
+    LEFT_OUT = re.compile(r"(\d+) lines? caused by uid 501 (?:was|were) left out")
+
+    def test_lines_of_one_user_are_limited_and_counted(self):
+        daemon = self.start(log="runtime=debug")
+        noisy, quiet = self.process(uid=501), self.process(uid=502)
+        noisy.do(unsubscribe_often, "noise", MANY)
+        quiet.do(unsubscribe_often, "fault", 1)
+        daemon.wait_for_log("unsubscribeFrom fault failed to find subscription", level="error")
+        daemon.wait_for_log(self.LEFT_OUT, level="error", category="notification")
+        self.assertEqual(daemon.stop(), 0)
+        written = len(daemon.logged("unsubscribeFrom noise failed to find subscription"))
+        self.assertGreaterEqual(written, 100)
+        self.assertLess(written, MANY // 2)
+        left_out = sum(
+            int(self.LEFT_OUT.fullmatch(line.text).group(1))
+            for line in daemon.logged(self.LEFT_OUT)
+        )
+        self.assertEqual(written + left_out, MANY)
+
+    def test_roots_lines_are_not_limited(self):
+        daemon = self.start(log="runtime=debug")
+        unsubscribe_often("mine", 1000)
+        daemon.wait_for_log("unsubscribeFrom mine failed to find subscription", 1000)
 
 
 class StandardError(LogTest):
