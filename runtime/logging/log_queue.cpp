@@ -80,14 +80,30 @@ void LogQueue::push(LogLevel level, std::string_view category, std::string text,
   pushed_.notify_one();
 }
 
+bool LogQueue::hasRoomFor(const Entry& entry) const {
+  const std::size_t freeMessages = kLogQueueMessages - pending_.size();
+  const std::size_t freeBytes = kLogQueueBytes - pendingBytes_;
+  if (freeMessages == 0 || entry.text.size() > freeBytes) return false;
+  if (!isLimited(entry.user)) return true;
+  const auto found = usageByUser_.find(*entry.user);
+  const Usage usage = found != usageByUser_.end() ? found->second : Usage();
+  return usage.messages < freeMessages / kLogQueueUserPart &&
+         usage.bytes + entry.text.size() <= freeBytes / kLogQueueUserPart;
+}
+
 void LogQueue::add(Entry entry) noexcept {
   const std::size_t textBytes = entry.text.size();
-  if (pending_.size() >= kLogQueueMessages || textBytes > kLogQueueBytes - pendingBytes_) {
+  if (!hasRoomFor(entry)) {
     ++lostCount_;
     return;
   }
   try {
+    Usage* const usage = isLimited(entry.user) ? &usageByUser_[*entry.user] : nullptr;
     pending_.push_back(std::move(entry));
+    if (usage != nullptr) {
+      ++usage->messages;
+      usage->bytes += textBytes;
+    }
   } catch (...) {  // Out of memory.
     ++lostCount_;
     return;
@@ -142,6 +158,7 @@ void LogQueue::run() noexcept {
     if (pending_.empty()) return;
     std::swap(batch, pending_);
     pendingBytes_ = 0;
+    usageByUser_.clear();
     std::uint64_t lostCount = std::exchange(lostCount_, 0);
     lock.unlock();
 

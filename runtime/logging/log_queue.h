@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "runtime/logging/line_limits.h"
@@ -25,6 +26,9 @@ inline constexpr std::size_t kLogQueueMessages = 8192;
 // Memory that a stalled journal may take. The batch being written is no longer counted, so up to
 // twice this may be held.
 inline constexpr std::size_t kLogQueueBytes = 4 * 1024 * 1024;
+// A user's messages may fill a quarter of the room that all others leave: a fifth of the queue for
+// a single such user, and so on. Even twenty such users leave room for another's faults.
+inline constexpr std::size_t kLogQueueUserPart = 4;
 // Delay after which the lines that a limit has left out are reported.
 inline constexpr std::chrono::seconds kLeftOutReportInterval{1};
 
@@ -68,8 +72,14 @@ class LogQueue {
     std::optional<uid_t> user;
   };
 
+  struct Usage {
+    std::size_t messages = 0;
+    std::size_t bytes = 0;
+  };
+
   void run() noexcept;
-  // All three under mutex_.
+  // All under mutex_.
+  bool hasRoomFor(const Entry& entry) const;
   void awaitWork(std::unique_lock<std::mutex>& lock);
   void add(Entry entry) noexcept;
   void reportLeftOut() noexcept;
@@ -84,6 +94,7 @@ class LogQueue {
   std::condition_variable written_;
   std::vector<Entry> pending_;
   std::size_t pendingBytes_ = 0;
+  std::unordered_map<uid_t, Usage> usageByUser_;  // of pending_
   LineLimits limits_;
   std::optional<Clock::time_point> leftOutReportAt_;  // while there is something to report
   std::uint64_t lostCount_ = 0;

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <csignal>
 #include <stdexcept>
 
@@ -14,12 +15,13 @@
 namespace keel {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-void push(LogQueue& queue, std::string text) {
-  queue.push(LogLevel::error, "auth", std::move(text), 0);
+void push(LogQueue& queue, std::string text, std::optional<uid_t> user = std::nullopt) {
+  queue.push(LogLevel::error, "auth", std::move(text), 0, user);
 }
 
 TEST(LogQueue, WritesMessagesInOrderWithAllTheirParts) {
@@ -65,6 +67,10 @@ TEST(LogQueue, DatesAMessageWhenItIsPushed) {
   ASSERT_THAT(lines, SizeIs(1));
   EXPECT_GE(lines[0].time, before);
   EXPECT_LE(lines[0].time, after);
+}
+
+std::size_t countOf(std::string_view text, const std::vector<std::string>& texts) {
+  return static_cast<std::size_t>(std::ranges::count(texts, text));
 }
 
 // Stalls the output on one message and fills the queue after it.
@@ -131,6 +137,49 @@ TEST_F(FullLogQueue, OneByteMoreIsLost) {
   ASSERT_THAT(texts, SizeIs(4));
   EXPECT_EQ(texts[2], "z");
   EXPECT_EQ(texts[3], "1 log message was lost because the output did not keep up");
+}
+
+TEST_F(FullLogQueue, MessagesOfOneUserLeaveRoomForAnothers) {
+  for (std::size_t i = 0; i < kLogQueueMessages; ++i) push(queue_, "x", 501);
+  push(queue_, "fault", 502);
+  push(queue_, "ours");
+  recorder_.openGate();
+  ASSERT_TRUE(queue_.flush(kHangTimeout));
+
+  const auto texts = recorder_.texts();
+  EXPECT_THAT(texts, Contains("fault"));
+  EXPECT_THAT(texts, Contains("ours"));
+  EXPECT_EQ(countOf("x", texts), kLogQueueMessages / (kLogQueueUserPart + 1));
+}
+
+TEST_F(FullLogQueue, BytesOfOneUsersMessagesLeaveRoomForAnothers) {
+  const std::string large(kLogMessageBytes, 'x');
+  for (std::size_t bytes = 0; bytes < kLogQueueBytes; bytes += large.size())
+    push(queue_, large, 501);
+  push(queue_, large + "fault", 502);
+  recorder_.openGate();
+  ASSERT_TRUE(queue_.flush(kHangTimeout));
+
+  const auto texts = recorder_.texts();
+  EXPECT_THAT(texts, Contains(large + "fault"));
+  EXPECT_LE(countOf(large, texts) * large.size(), kLogQueueBytes / (kLogQueueUserPart + 1));
+}
+
+TEST_F(FullLogQueue, TwentyUsersTogetherDoNotFillIt) {
+  for (uid_t user = 1000; user < 1020; ++user) {
+    for (std::size_t i = 0; i < kLogQueueMessages; ++i) push(queue_, "x", user);
+  }
+  push(queue_, "fault", 501);
+  recorder_.openGate();
+  ASSERT_TRUE(queue_.flush(kHangTimeout));
+  EXPECT_THAT(recorder_.texts(), Contains("fault"));
+}
+
+TEST_F(FullLogQueue, RootMayFillIt) {
+  for (std::size_t i = 0; i < kLogQueueMessages; ++i) push(queue_, "x", 0);
+  recorder_.openGate();
+  ASSERT_TRUE(queue_.flush(kHangTimeout));
+  EXPECT_THAT(recorder_.lines(), SizeIs(1 + kLogQueueMessages));
 }
 
 TEST_F(FullLogQueue, FlushReturnsFalseAfterItsTimeout) {
