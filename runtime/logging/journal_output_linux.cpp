@@ -7,8 +7,16 @@
 #include <syslog.h>
 #include <systemd/sd-journal.h>
 
+#include <limits>
+#include <utility>
+
+#include "runtime/logging/printable_text.h"
+
 namespace keel {
 namespace {
+
+// The text was truncated when it was logged; escaping quadruples it at most.
+constexpr std::size_t kUnlimited = std::numeric_limits<std::size_t>::max();
 
 int priorityOf(LogLevel level) {
   switch (level) {
@@ -26,16 +34,22 @@ int priorityOf(LogLevel level) {
 
 }  // namespace
 
-std::array<std::string, 4> journalFields(const LogMessage& message) {
-  return {fmt::format("MESSAGE={}", message.text),
-          fmt::format("PRIORITY={}", priorityOf(message.level)), "SUBSYSTEM=com.vantor.keeld",
-          fmt::format("CATEGORY={}", message.category)};
+std::vector<std::string> journalFields(const LogMessage& message) {
+  // journald accepts any bytes, but journalctl prints them as they are (--output=cat) or replaces
+  // the whole text by "[blob data]".
+  std::string text = "MESSAGE=";
+  appendPrintable(text, message.text, kUnlimited);
+  std::vector<std::string> fields{
+      std::move(text), fmt::format("PRIORITY={}", priorityOf(message.level)),
+      "SUBSYSTEM=com.vantor.keeld", fmt::format("CATEGORY={}", message.category)};
+  if (message.user) fields.push_back(fmt::format("KEEL_UID={}", *message.user));
+  return fields;
 }
 
 bool JournalOutput::write(const LogMessage& message) {
   auto fields = journalFields(message);
-  std::array<iovec, 4> vectors;
-  for (std::size_t i = 0; i < fields.size(); ++i) vectors[i] = {fields[i].data(), fields[i].size()};
+  std::vector<iovec> vectors;
+  for (std::string& field : fields) vectors.push_back({field.data(), field.size()});
   return send_(vectors.data(), static_cast<int>(vectors.size())) >= 0;
 }
 

@@ -10,7 +10,10 @@
 namespace keel {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::Not;
+using ::testing::StartsWith;
 
 TEST(JournalFields, HoldTextLevelSubsystemAndCategory) {
   EXPECT_THAT(journalFields({LogLevel::error, "auth", "no such user"}),
@@ -26,9 +29,24 @@ TEST(JournalFields, EachLevelHasItsPriority) {
   EXPECT_EQ(priority(LogLevel::fault), "PRIORITY=2");
 }
 
-TEST(JournalFields, TextIsPassedUnchanged) {
-  const std::string text("a\nPRIORITY=0\0\x1b\xff", 15);
-  EXPECT_EQ(journalFields({LogLevel::debug, "auth", text})[0], "MESSAGE=" + text);
+TEST(JournalFields, NameTheUserWhoCausedTheMessage) {
+  LogMessage message{LogLevel::error, "auth", "text"};
+  message.user = 501;
+  EXPECT_THAT(journalFields(message), Contains("KEEL_UID=501"));
+  message.user = std::nullopt;
+  EXPECT_THAT(journalFields(message), Not(Contains(StartsWith("KEEL_UID"))));
+}
+
+TEST(JournalFields, HostileTextStaysOnItsLine) {
+  const std::string text("a\nPRIORITY=0\0\x1b\xff\u202e \u00e9 %", 23);
+  EXPECT_EQ(journalFields({LogLevel::debug, "auth", text})[0],
+            "MESSAGE=a\\nPRIORITY=0\\x00\\x1b\\xff\\u202e \u00e9 %");
+}
+
+TEST(JournalFields, AnEscapedTextIsNotTruncated) {
+  const std::string text(kLogMessageBytes, '\x1b');
+  EXPECT_EQ(journalFields({LogLevel::debug, "auth", text})[0].size(),
+            sizeof("MESSAGE=") - 1 + 4 * text.size());
 }
 
 std::vector<std::string> sentFields;

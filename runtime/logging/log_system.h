@@ -41,11 +41,13 @@ class LogOutput {
 };
 
 // Returns an output that speaks journald's native protocol, with the fields SUBSYSTEM, CATEGORY and
-// PRIORITY.
+// PRIORITY, and KEEL_UID if a user caused the message. Control characters and invalid UTF-8 are
+// escaped.
 std::unique_ptr<LogOutput> journalOutput();
 // Returns an output that writes one line each to standard error, "12:34:56.789 error notification:
-// text", in local time. Control characters and invalid UTF-8 are escaped and texts truncated after
-// 1 KiB, so that no message can affect a terminal. Colours only if `colour`.
+// text", in local time, with "[uid 501] " before the category if a user caused it. Control
+// characters and invalid UTF-8 are escaped and texts truncated after 1 KiB, so that no message can
+// affect a terminal. Colours only if `colour`.
 std::unique_ptr<LogOutput> standardErrorOutput(bool colour);
 // Returns the journal if standard error is connected to it (JOURNAL_STREAM, see systemd.exec(5)),
 // else standard error, in colour on a terminal unless NO_COLOR is set.

@@ -52,6 +52,7 @@ std::string logLine(const LogMessage& message, bool colour) {
   const std::string_view begin = colour ? colourOf(message.level) : "";
   fmt::format_to(std::back_inserter(line), " {}{}{} ", begin, nameOf(message.level),
                  begin.empty() ? "" : "\x1b[0m");
+  if (message.user) fmt::format_to(std::back_inserter(line), "[uid {}] ", *message.user);
   appendPrintable(line, message.category, kShownCategoryBytes);
   line += ": ";
   if (!appendPrintable(line, message.text, kShownTextBytes))

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <limits>
 
 namespace keel {
 namespace {
@@ -82,6 +83,12 @@ TEST_F(LogLine, EveryLevelHasItsNameAndColour) {
               EndsWith(" \x1b[1;31mfault\x1b[0m notification: x\n"));
 }
 
+TEST_F(LogLine, NamesTheUserWhoCausedTheMessage) {
+  LogMessage logged = message("x");
+  logged.user = 501;
+  EXPECT_THAT(logLine(logged, false), EndsWith(" error [uid 501] notification: x\n"));
+}
+
 TEST_F(LogLine, HostileTextStaysOnItsLine) {
   EXPECT_THAT(logLine(message("a\n12:00:00.000 fault auth: forged\x1b]0;x\x07"), false),
               EndsWith("notification: a\\n12:00:00.000 fault auth: forged\\x1b]0;x\\x07\n"));
@@ -108,6 +115,7 @@ TEST_F(LogLine, ATruncatedTextShowsItsFullSize) {
 TEST_F(LogLine, StaysBelowAnAtomicPipeWrite) {
   const std::string hostile(kLogMessageBytes, '\x1b');
   LogMessage logged{LogLevel::fault, hostile, hostile};
+  logged.user = std::numeric_limits<uid_t>::max();
   EXPECT_LE(logLine(logged, /*colour=*/true).size(), static_cast<std::size_t>(PIPE_BUF));
 }
 

@@ -28,7 +28,9 @@ LOCK_DIRECTORY = "/private/var/keeld"
 BUNDLES = "/Applications/Calder.app/Contents/CalderRoot/usr/share/keeld/bundles/"
 NOTIFY_PATH = f"{DIRECTORY}/{NOTIFY}"
 AUTH_PATH = f"{DIRECTORY}/{AUTH}"
-LOG_LINE = re.compile(r"\d\d:\d\d:\d\d\.\d{3} (debug|default|error|fault) (\w+): (.*)")
+LOG_LINE = re.compile(
+    r"\d\d:\d\d:\d\d\.\d{3} (debug|default|error|fault) (?:\[uid (\d+)\] )?(\w+): (.*)"
+)
 SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: \w+Sanitizer|runtime error: ")
 SHOWN_LOG_LINES = 40
 INVALIDATED = re.compile(r"Dispatcher: connection from \d+ is invalidated")
@@ -37,10 +39,8 @@ keeld = ""
 keelctl = ""
 
 
-class LogLine(NamedTuple):
-    level: str
-    category: str
-    text: str
+class LogLine(NamedTuple("LogLine", [("level", str), ("category", str), ("text", str)])):
+    uid = None  # of the user who caused it, if any; not compared
 
 
 class Daemon:
@@ -115,7 +115,9 @@ class Daemon:
             with self._changed:
                 self.lines.append(line)
                 if found:
-                    self.log.append(LogLine(*found.groups()))
+                    level, uid, category, text = found.groups()
+                    self.log.append(LogLine(level, category, text))
+                    self.log[-1].uid = None if uid is None else int(uid)
                 self._changed.notify_all()
         with self._changed:
             self._ended = True

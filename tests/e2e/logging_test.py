@@ -10,7 +10,7 @@ import re
 import signal
 
 import keel_host
-from keel_client import Client
+from keel_client import AUTH, HELLO, NOTIFY, Client
 from keel_host import DaemonTest, Journal
 
 SHUTTING_DOWN = "signal handler: received SIGTERM, shutting down"
@@ -83,6 +83,39 @@ def unsubscribe_often(name, count):
     client.close()
 
 
+def cause_lines_of_all_kinds():
+    """Sends valid, invalid and malformed requests to both services."""
+    one, other = Client(), Client()
+    for _ in range(2):
+        one.subscribe("weather")
+        other.publish({}, "weather")
+    for name in ("weather", "unknown", None):
+        other.update({}, name)
+        one.unsubscribe(name)
+        other.remove(name)
+    one.send_frame(b"nonsense")
+    other.subscribe("weather")
+    one.publish({}, "weather")
+    one.dump("_all")
+    with Client(exports=()) as deaf:  # exports no method that receives updates
+        deaf.subscribe("weather")
+        one.update({}, "weather")
+        one.dump("weather")
+    auth = Client(AUTH, exports=())
+    auth.call("authDigestStartWithHandler:")
+    auth.call("authBasicStartWithHandler:")
+    auth.call("authValidate:andID:withHandler:", "answer", "unknown")
+    auth.call("authenticateForUser:using:withHandler:", "alice", b"short")
+    auth.send_frame(b"nonsense")
+    auth.call("authServiceCheckWithHandler:")
+    for service in (NOTIFY, AUTH):
+        twice = Client(service, exports=())
+        twice.send([HELLO, 1, [], {}])
+        twice.end()
+    for client in (one, other, auth):
+        client.close()
+
+
 class Limits(LogTest):
     LEFT_OUT = re.compile(r"(\d+) lines? caused by uid 501 (?:was|were) left out")
 
@@ -95,6 +128,9 @@ class Limits(LogTest):
         daemon.wait_for_log(self.LEFT_OUT, level="error", category="notification")
         self.assertEqual(daemon.stop(), 0)
         written = len(daemon.logged("unsubscribeFrom noise failed to find subscription"))
+        users = {".*noise.*|.*left out": 501, ".*fault.*": 502, "up and running": None}
+        for text, uid in users.items():
+            self.assertEqual({line.uid for line in daemon.logged(re.compile(text))}, {uid}, text)
         self.assertGreaterEqual(written, 100)
         self.assertLess(written, MANY // 2)
         left_out = sum(
@@ -102,6 +138,17 @@ class Limits(LogTest):
             for line in daemon.logged(self.LEFT_OUT)
         )
         self.assertEqual(written + left_out, MANY)
+
+    def test_every_line_that_a_client_causes_names_its_user(self):
+        daemon = self.start()
+        before = len(daemon.log)
+        self.process(uid=501).do(cause_lines_of_all_kinds)
+        daemon.wait_for_log(re.compile("Dispatcher: connection from .* is invalidated"), 4)
+        daemon.wait_for_log("AuthListenerDelgate: connection is invalidated", 2)
+        self.assertEqual(daemon.stop(), 0)
+        lines = [line for line in daemon.log[before:] if line.text != SHUTTING_DOWN]
+        self.assertGreater(len({line.text for line in lines}), 40)
+        self.assertEqual([line for line in lines if line.uid != 501], [])
 
     def test_roots_lines_are_not_limited(self):
         daemon = self.start(log="runtime=debug")
@@ -155,7 +202,7 @@ class StandardError(LogTest):
             text += piece
         lines = text.decode().split("\n")
         at = next(place for place, line in enumerate(lines) if "lost" in line)
-        lost = re.search(r"\d+", keel_host.LOG_LINE.match(lines[at]).group(3))
+        lost = re.search(r"\d+", keel_host.LOG_LINE.match(lines[at]).group(4))
         self.assertGreater(int(lost.group()), 0)
         self.assertLess(int(lost.group()), 5 * MANY)
 
@@ -206,11 +253,24 @@ class InTheJournal(LogTest):
         self.assertEqual(daemon.wait(), 0)
         self.assertEqual(daemon.lines, [])
 
-    def test_texts_are_unchanged(self):
+    def test_texts_are_escaped_and_not_truncated(self):
+        """`journalctl --output=cat` prints them as they are: a name must not forge a line."""
         self.start_in_journal()
-        name = "line\nand bell \a, é " + "long " * 300
-        self.client().subscribe(name)
-        self.journal.until(f"NotificationHandler we have a subscription request: {name}")
+        long = "long " * 300
+        self.client().subscribe("line\nforged \a, é \u202e" + long)
+        self.journal.until(
+            "NotificationHandler we have a subscription request: "
+            f"line\\nforged \\x07, é \\u202e{long}"
+        )
+
+    def test_an_entry_names_the_user_who_caused_it(self):
+        daemon, entries = self.start_in_journal()
+        self.assertFalse([entry for entry in entries if "KEEL_UID" in entry])
+        self.process(uid=501).do(unsubscribe_often, "name", 1)
+        entry = self.journal.until("unsubscribeFrom name failed to find subscription")[-1]
+        self.assertEqual(entry["KEEL_UID"], "501")
+        daemon.signal(signal.SIGTERM)
+        self.assertNotIn("KEEL_UID", self.journal.until(SHUTTING_DOWN)[-1])
 
     def test_is_used_only_when_standard_error_is_connected_to_it(self):
         daemon = self.start(environment={"JOURNAL_STREAM": "1:2"})
