@@ -166,6 +166,25 @@ TEST_F(NotificationHandlerCleanUp, OneStepIsOneBlock) {
   EXPECT_EQ(executor.scheduledCount(), 0u);
 }
 
+TEST_F(NotificationHandlerCleanUp, SubscriptionsAreGoneFromTheFirstStepOn) {
+  for (std::size_t i = 0; i < 2 * kStep; ++i) mustPublish(one, nameOf(i), 1);
+  loseClient(0, 2 * kStep);
+  turn(kStep, 0);
+  for (std::size_t i = 0; i < 2 * kStep; ++i) {
+    entry(nameOf(i))->updateWithData(number(2));
+    entry(nameOf(i))->updateWithError(Error("d", 1));
+  }
+  EXPECT_THAT(lines(), IsEmpty());
+  turn(0, 0);
+}
+
+TEST_F(NotificationHandlerCleanUp, UpdatesBeforeTheFirstStepAreLogged) {
+  mustPublish(one, nameOf(0), 1);
+  loseClient(0, 1);
+  entry(nameOf(0))->updateWithData(number(2));
+  EXPECT_THAT(lines(), ElementsAre(errorLine("behavior updateWithData: connection is nil")));
+}
+
 TEST_F(LoggedNotificationHandlerCleanUp, MoreThanAStepTakesSeveralBlocks) {
   loseClient(kStep, kStep + 1);
   turn(1, kStep);

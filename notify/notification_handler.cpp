@@ -151,6 +151,7 @@ Error KLNNotificationHandler::subscribe(KLNNotificationService& service, const N
   log.debug("NotificationHandler subscribing {} with {}", name, fmt::ptr(subscription.get()));
   Error error;
   if (!subscription || !service.subscribe(subscription, &error)) return error;
+  subscription->setCleanUp(std::shared_ptr<const bool>(shared_from_this(), &cleanUpHasBegun_));
   // Most clients follow one name or a few, fewer than the default bucket count.
   if (subscriptions_.empty()) subscriptions_.reserve(1);
   subscriptions_[name] = subscription;
@@ -287,6 +288,7 @@ void KLNNotificationHandler::connectionInvalidated() {
 
 void KLNNotificationHandler::cleanUp(const Service& service) {
   log.debug("NotifyService unsubscribing");
+  cleanUpHasBegun_ = true;
   CleanUp stage = CleanUp::subscriptions;
   if (!cleanUpStep(stage)) return;
   service->beginCleanUp(xpcConnection_);

@@ -87,6 +87,8 @@ class KLNNotificationHandler final : public protocols::NotifyProxy,
   std::unique_ptr<PublishedItems> publishedItems_;  // null: most clients publish nothing
   Subscriptions subscriptions_;
   std::weak_ptr<xpc::Connection> xpcConnection_;
+  // Shared by its subscriptions, which are ended in steps.
+  bool cleanUpHasBegun_ = false;
 };
 
 }  // namespace keel

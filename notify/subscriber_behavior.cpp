@@ -52,6 +52,7 @@ void SubscriberBehavior::deliverData(Delivery& delivery) {
   xpc::Connection* const connection =
       subscription != nullptr ? subscription->borrowedOwner() : nullptr;
   if (connection == nullptr) {
+    if (subscription != nullptr && subscription->isCleanedUp()) return;
     // One error per update.
     for (std::size_t i = 0; i < delivery.batch().size(); ++i)
       log.error("behavior updateWithData: connection is nil");
@@ -77,7 +78,10 @@ void SubscriberBehavior::deliverError(Delivery& delivery) {
   }
   xpc::Connection* const connection =
       subscription != nullptr ? subscription->borrowedOwner() : nullptr;
-  if (connection == nullptr) return log.error("behavior updateWithError: connection is nil");
+  if (connection == nullptr) {
+    if (subscription != nullptr && subscription->isCleanedUp()) return;
+    return log.error("behavior updateWithError: connection is nil");
+  }
   delivery.sendTo(*connection, subscription->name(), [subscription, &error] {
     return [held = subscription->shared_from_this(), sent = error](const Error& sendError) {
       log.error(

@@ -54,6 +54,7 @@ void KLNSubscriptionObject::deliverData(Delivery& delivery) {
   if (delegate_) return delegate_->deliver(delivery);
   const auto connection = owner();
   if (!connection) {
+    if (isCleanedUp()) return;
     // One error per update.
     for (std::size_t i = 0; i < delivery.batch().size(); ++i)
       log.error("updateWithData: connection is nil");
@@ -77,6 +78,7 @@ void KLNSubscriptionObject::deliverError(Delivery& delivery) {
                      error.code());
   }
   const auto connection = owner();
+  if (!connection && isCleanedUp()) return;
   if (!connection) return log.error("updateWithError: connection is nil");
   delivery.sendTo(*connection, name_, [this, &error] {
     return [subscription = shared_from_this(), sent = error](const Error& sendError) {

@@ -56,6 +56,14 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
   xpc::Connection* borrowedOwner() const { return owner_.expired() ? nullptr : borrowedOwner_; }
   const std::weak_ptr<xpc::Connection>& ownerReference() const { return owner_; }
   void setOwner(const std::shared_ptr<xpc::Connection>& owner);
+  // Once `*cleanUp` is true, its client's clean-up has begun: updates are dropped silently,
+  // although connectionIsInvalid() may be called much later.
+  void setCleanUp(std::weak_ptr<const bool> cleanUp) { cleanUp_ = std::move(cleanUp); }
+  // A cache miss in the client's handler: do not call it for every delivery.
+  bool isCleanedUp() const {
+    const auto cleanUp = cleanUp_.lock();
+    return cleanUp && *cleanUp;
+  }
   // The item that it follows.
   std::shared_ptr<KLNPublishedObject> target() const { return target_.lock(); }
   void setTarget(const std::shared_ptr<KLNPublishedObject>& target) { target_ = target; }
@@ -88,6 +96,7 @@ class KLNSubscriptionObject final : public protocols::SubscriberBehavior,
   std::weak_ptr<xpc::Connection> owner_;
   // Connections are destroyed on the input queue's thread, so none disappears while a block runs.
   xpc::Connection* borrowedOwner_ = nullptr;
+  std::weak_ptr<const bool> cleanUp_;
   std::weak_ptr<KLNPublishedObject> target_;
   Name name_;
 };

@@ -338,6 +338,28 @@ TEST_F(LoggedSubscriptionBehavior, AGoneClientIsLoggedAndNothingChanges) {
   EXPECT_EQ(subscription->lastUpdated(), kPast);
 }
 
+TEST_F(SubscriptionBehavior, UpdatesDuringTheClientsCleanUpAreNotLogged) {
+  connect();
+  const auto behavior = withBehavior();
+  const auto own = plain();
+  const auto cleanUpHasBegun = std::make_shared<bool>(false);
+  behavior->setCleanUp(cleanUpHasBegun);
+  own->setCleanUp(cleanUpHasBegun);
+  client.die();
+  for (const auto& subscription : {behavior, own}) {
+    subscription->updateWithData(number(1));
+    subscription->updateWithError(Error("d", 1));
+  }
+  EXPECT_EQ(log.take().size(), 4u);
+  *cleanUpHasBegun = true;
+  for (const auto& subscription : {behavior, own}) {
+    subscription->updateWithData(number(1));
+    subscription->updateWithError(Error("d", 1));
+  }
+  EXPECT_THAT(log.take(), IsEmpty());
+  EXPECT_FALSE(behavior->lastUpdated());
+}
+
 TEST_F(LoggedSubscriptionBehavior, AGoneSubscriptionCountsAsAGoneClient) {
   const auto behavior = std::make_shared<SubscriberBehavior>();
   behavior->addTarget(plain());
