@@ -114,11 +114,24 @@ bool isStillAbout(pam_handle_t* pam, const std::string& user) {
   return asked && asked == accountName(now);
 }
 
+// Returns the login name, or the uid if it has no account.
+std::string nameOf(uid_t user) {
+  const passwd* const entry = ::getpwuid(user);
+  return entry != nullptr && entry->pw_name != nullptr ? entry->pw_name : std::to_string(user);
+}
+
+// Sets PAM_RUSER. PAM_RHOST stays unset: all clients are local.
+bool nameAskingUser(pam_handle_t* pam, const PamQuestion& question) {
+  return !question.askingUser ||
+         ::pam_set_item(pam, PAM_RUSER, nameOf(*question.askingUser).c_str()) == PAM_SUCCESS;
+}
+
 PamVerdict ask(pam_handle_t* pam, const PamQuestion& question) {
   constexpr int kFlags = PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK;
   using Delay = void (*)(int, unsigned, void*);
   const Delay delay = doNotDelay;
-  if (::pam_set_item(pam, PAM_FAIL_DELAY, reinterpret_cast<const void*>(delay)) != PAM_SUCCESS)
+  if (::pam_set_item(pam, PAM_FAIL_DELAY, reinterpret_cast<const void*>(delay)) != PAM_SUCCESS ||
+      !nameAskingUser(pam, question))
     return PamVerdict::failed;
   if (question.task == PamQuestion::Task::password) {
     if (::pam_authenticate(pam, kFlags) != PAM_SUCCESS) {

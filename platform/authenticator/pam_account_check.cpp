@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/authenticator/helper_process.h"
+#include "runtime/dispatch/current_user.h"
 
 namespace keel {
 
@@ -58,12 +59,19 @@ PamAccountCheck::PamAccountCheck(Settings settings, const RefusalTime& refusalTi
     : settings_(std::move(settings)), refusalTime_(refusalTime), admissions_(settings_.atOnce) {}
 
 bool PamAccountCheck::isPassword(std::string_view user, std::string_view password) {
-  return ask({.task = PamQuestion::Task::password, .user = user, .password = password},
+  return ask({.task = PamQuestion::Task::password,
+              .askingUser = currentUser(),
+              .user = user,
+              .password = password},
              std::nullopt);
 }
 
 bool PamAccountCheck::mayBeUsed(std::string_view user, Clock::time_point attemptStart) {
-  return ask({.task = PamQuestion::Task::account, .user = user, .password = {}}, attemptStart);
+  return ask({.task = PamQuestion::Task::account,
+              .askingUser = currentUser(),
+              .user = user,
+              .password = {}},
+             attemptStart);
 }
 
 bool PamAccountCheck::ask(const PamQuestion& question,

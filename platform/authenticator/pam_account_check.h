@@ -20,6 +20,9 @@ namespace keel {
 // All refusals are indistinguishable, in time too: an unknown user is refused faster than a
 // password is hashed. An attempt therefore keeps its slot until its refusal is returned, so that
 // the queue's progress leaks nothing either.
+//
+// PAM modules find currentUser() of the calling thread in PAM_RUSER: what they log or lock names
+// who tried.
 class PamAccountCheck final : public AccountCheck {
  public:
   struct Settings {

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -26,6 +29,8 @@ struct PamQuestion {
                      // there is no password
   };
   Task task;
+  // The user who makes the attempt, for PAM_RUSER; none if unknown.
+  std::optional<uid_t> askingUser{};
   std::string_view user;      // 1 to kUserNameBytes; followed by a NUL where a packet was decoded
   std::string_view password;  // 0 to kPasswordBytes; likewise
 };
@@ -37,8 +42,9 @@ enum class PamVerdict : std::uint8_t {
   failed = 'f',          // PAM could not be queried
 };
 
-// Task, user, NUL, password, NUL.
-inline constexpr std::size_t kPamQuestionBytes = 1 + kUserNameBytes + 1 + kPasswordBytes + 1;
+// Task, the asking user's decimal digits or nothing, NUL, user, NUL, password, NUL.
+inline constexpr std::size_t kPamQuestionBytes =
+    1 + std::numeric_limits<uid_t>::digits10 + 1 + 1 + kUserNameBytes + 1 + kPasswordBytes + 1;
 
 // Returns nothing for a request that PAM cannot take: a size out of bounds, a NUL in the password,
 // a control character or "/" in the name.

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <string>
 
 namespace keel {
@@ -19,17 +20,41 @@ bool canBeAsked(Task task, std::string_view user, std::string_view password) {
 }
 
 TEST(PamQuestion, RoundTrips) {
-  auto packet =
-      encodePamQuestion({.task = Task::password, .user = "alice", .password = "open sesame"});
+  auto packet = encodePamQuestion(
+      {.task = Task::password, .askingUser = 501, .user = "alice", .password = "open sesame"});
   ASSERT_TRUE(packet);
-  EXPECT_EQ(packet->text(), std::string_view("palice\0open sesame\0", 19));
+  EXPECT_EQ(packet->text(), std::string_view("p501\0alice\0open sesame\0", 23));
   const auto question = decodePamQuestion(packet->bytes());
   ASSERT_TRUE(question);
   EXPECT_EQ(question->task, Task::password);
+  EXPECT_EQ(question->askingUser, 501);
   EXPECT_EQ(question->user, "alice");
   EXPECT_EQ(question->password, "open sesame");
   EXPECT_EQ(question->user.data()[question->user.size()], '\0');
   EXPECT_EQ(question->password.data()[question->password.size()], '\0');
+}
+
+TEST(PamQuestion, OmitsAnUnknownAskingUser) {
+  auto packet = encodePamQuestion({.task = Task::password, .user = "a", .password = "x"});
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->text(), std::string_view("p\0a\0x\0", 6));
+  const auto question = decodePamQuestion(packet->bytes());
+  ASSERT_TRUE(question);
+  EXPECT_EQ(question->askingUser, std::nullopt);
+}
+
+TEST(PamQuestion, LargestFitsItsBound) {
+  const std::string user(kUserNameBytes, 'u');
+  const std::string password(kPasswordBytes, 'p');
+  auto packet = encodePamQuestion({.task = Task::password,
+                                   .askingUser = std::numeric_limits<uid_t>::max(),
+                                   .user = user,
+                                   .password = password});
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->bytes().size(), kPamQuestionBytes);
+  const auto question = decodePamQuestion(packet->bytes());
+  ASSERT_TRUE(question);
+  EXPECT_EQ(question->askingUser, std::numeric_limits<uid_t>::max());
 }
 
 TEST(PamQuestion, OmitsThePasswordForAnAccountCheck) {
@@ -71,15 +96,18 @@ TEST(PamQuestion, RefusesNamesUnsafeForModules) {
 }
 
 TEST(PamQuestion, RefusesMalformedPackets) {
-  EXPECT_TRUE(decoded({"pa\0x\0", 5}));
+  EXPECT_TRUE(decoded({"p1\0a\0x\0", 7}));
   for (const std::string_view packet : {
-           std::string_view(), std::string_view("p\0\0", 3),
-           std::string_view("p\0x\0", 4),      // no user
-           std::string_view("pa\0x", 4),       // unterminated
-           std::string_view("paaa\0", 5),      // no password
-           std::string_view("pa\0x\0y\0", 7),  // an extra text
-           std::string_view("aa\0x\0", 5),     // an unexpected password
-           std::string_view("xa\0x\0", 5),     // unknown task
+           std::string_view(), std::string_view("p\0\0\0", 4),
+           std::string_view("p\0\0x\0", 5),             // no user
+           std::string_view("p\0a\0x", 5),              // unterminated
+           std::string_view("p\0aaa\0", 6),             // no password
+           std::string_view("p\0a\0x\0y\0", 8),         // an extra text
+           std::string_view("a\0a\0x\0", 6),            // an unexpected password
+           std::string_view("x\0a\0x\0", 6),            // unknown task
+           std::string_view("pbob\0a\0x\0", 9),         // an asking user that is no number
+           std::string_view("p1 \0a\0x\0", 8),          // trailing characters
+           std::string_view("p4294967296\0a\0x\0", 16)  // out of range
        }) {
     EXPECT_FALSE(decoded(packet)) << packet;
   }

@@ -6,6 +6,7 @@
 //   rename USER            substitutes another account, and accepts
 //   prompt                 prompts for input with echo
 //   report FILE            writes its view of the process to a file, and accepts
+//   asker FILE             writes PAM_RUSER and PAM_RHOST to a file, and accepts
 //   permit                 accepts
 
 #include <fcntl.h>
@@ -60,6 +61,16 @@ void report(const char* path) {
        << (::getsid(0) == ::getpid()) << "\n";
 }
 
+std::string itemOf(pam_handle_t* pam, int type) {
+  const void* item = nullptr;
+  if (::pam_get_item(pam, type, &item) != PAM_SUCCESS || item == nullptr) return "-";
+  return static_cast<const char*>(item);
+}
+
+void reportAsker(pam_handle_t* pam, const char* path) {
+  std::ofstream(path) << itemOf(pam, PAM_RUSER) << ' ' << itemOf(pam, PAM_RHOST) << '\n';
+}
+
 int act(pam_handle_t* pam, std::span<const char*> arguments) {
   const std::string_view task = arguments.empty() ? "" : arguments[0];
   if (task == "hang") std::ofstream(arguments[1]).close(), hang();
@@ -69,6 +80,7 @@ int act(pam_handle_t* pam, std::span<const char*> arguments) {
   if (task == "leak") leak();
   if (task == "prompt") return prompt(pam);
   if (task == "rename") ::pam_set_item(pam, PAM_USER, arguments[1]);
+  if (task == "asker") reportAsker(pam, arguments[1]);
   if (task == "report") report(arguments[1]);
   return PAM_SUCCESS;
 }

@@ -9,12 +9,13 @@ import signal
 import sys
 
 import keel_accounts
+import keel_auth
 import keel_host
 from keel_accounts import (
     ADMIN_GROUP, AUTH_FAILED, NOT_ADMIN, SERVICE_FILE, AccountsTest, add_account, change_group,
     install_service, password_of,
 )
-from keel_client import HANG_GUARD
+from keel_client import AUTH, HANG_GUARD
 
 MODULE = next((argument for argument in sys.argv[1:] if argument.endswith(".so")), "")
 REPORT = "/run/report"
@@ -216,6 +217,49 @@ class Service(AccountsTest):
                 "account required pam_unix.so")
         self.assertRefused("alice", "wrong")
         self.no_messages()
+
+
+class AskingUser(AccountsTest):
+    """PAM_RUSER names the user who tries a password."""
+
+    def setUp(self):
+        super().setUp()
+        keel_host.remove(REPORT)
+
+    def asker(self):
+        with open(REPORT) as file:
+            return file.read()
+
+    def try_as(self, uid, user, password):
+        client = self.process(uid=uid).client(AUTH, exports=())
+        return client.call("authenticateUser:withPassword:andHandler:", user, password)[0]
+
+    def test_is_named_when_a_password_is_refused(self):
+        service(
+            f"auth {own_module('asker', REPORT)}",
+            "auth required pam_unix.so",
+            "account required pam_unix.so",
+        )
+        self.assertError(self.try_as(502, "alice", "wrong"), AUTH_FAILED)
+        self.assertEqual(self.asker(), "bob -\n")
+
+    def test_is_a_uid_without_an_account(self):
+        service(
+            f"auth {own_module('asker', REPORT)}",
+            "auth required pam_unix.so",
+            "account required pam_unix.so",
+        )
+        self.assertError(self.try_as(4711, "alice", "wrong"), AUTH_FAILED)
+        self.assertEqual(self.asker(), "4711 -\n")
+
+    def test_is_named_for_account_management_and_basic_challenges(self):
+        service("auth required pam_unix.so", f"account {own_module('asker', REPORT)}")
+        client = self.process(uid=502).client(AUTH, exports=())
+        challenge, auth_id, error = client.call("authBasicStartWithHandler:")
+        self.assertWorked(error)
+        answer = keel_auth.basic("alice", password_of("alice"))
+        self.assertWorked(client.call("authValidate:andID:withHandler:", answer, auth_id)[2])
+        self.assertEqual(self.asker(), "bob -\n")
 
 
 class BadModules(AccountsTest):
