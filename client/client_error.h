@@ -25,7 +25,7 @@ class ClientError {
     badArgument,     // the argument cannot be sent: no dictionary, not UTF-8, nested too deeply, an
                      // invalid date
     duplicate,       // the name is published already, or followed already by this client
-    notOwner,        // another client publishes the name
+    notOwner,        // another client publishes the name, or it is reserved for another user
     notFound,        // no such name, or this client does not publish it
     nilName,         // a name is required
     authFailed,      // wrong user name, password or answer, or an account that may not be used

@@ -48,7 +48,8 @@ ClientError ofDaemonError(const std::string& what, const Error& error) {
     case errDuplicate:
       return refusal(Kind::duplicate, "this client does so already");
     case errNotOwner:
-      return refusal(Kind::notOwner, "another connection publishes it");
+      return refusal(Kind::notOwner,
+                     "another connection publishes it, or the name is reserved for another user");
     case errNotFound:
       return refusal(Kind::notFound, "this client does not publish it");
     case errNilName:

@@ -28,6 +28,12 @@ bool refuse(Error* error, int code, Dictionary userInfo = nullptr) {
   return false;
 }
 
+bool refuseReserved(Error* error, const Name& name) {
+  const std::string text = fmt::format("the name {} is reserved for another user", name);
+  return refuse(error, errNotOwner,
+                Dictionary(Value::map({{std::string(NSLocalizedDescriptionKey), text}})));
+}
+
 // Neither null nor an owner that is gone owns anything.
 bool isOwner(const KLNPublishedObject& item, const std::shared_ptr<xpc::Connection>& connection) {
   return connection && item.owner() == connection;
@@ -71,6 +77,7 @@ std::shared_ptr<KLNPublishBehavior> KLNNotificationService::newPublishBehaviorFr
 
 bool KLNNotificationService::publish(std::shared_ptr<KLNPublishedObject>& item, Error* error) {
   if (!item) return refuse(error, errRequestFailed);
+  if (!mayPublish(item->name(), item->owner())) return refuseReserved(error, item->name());
   const auto placeholder = itemOfName(item->name());
   if (!placeholder) {
     enter(item->name(), item);
@@ -93,6 +100,7 @@ bool KLNNotificationService::publishItem(Dictionary data, Name name, std::uint64
                                          std::int64_t value,
                                          const std::shared_ptr<xpc::Connection>& fromConnection,
                                          Error* error) {
+  if (!mayPublish(name, fromConnection)) return refuseReserved(error, name);
   const auto placeholder = itemOfName(name);
   if (!placeholder) {
     auto item = newPublishedObjectWith(std::move(data), name, flags, value, fromConnection);
@@ -203,6 +211,14 @@ void KLNNotificationService::addPublisher(const std::shared_ptr<xpc::Connection>
 std::shared_ptr<KLNNotificationService>& KLNNotificationService::overridingService() {
   static auto& service = *new std::shared_ptr<KLNNotificationService>();
   return service;
+}
+
+bool KLNNotificationService::mayPublish(const Name& name,
+                                        const std::shared_ptr<xpc::Connection>& connection) const {
+  if (reservations_.count() == 0 || name.isNull()) return true;
+  // The client has disconnected, so its user is unknown.
+  if (!connection) return !reservations_.ownerOf(name.view());
+  return reservations_.mayPublish(connection->effectiveUserIdentifier(), name.view());
 }
 
 std::shared_ptr<KLNPublishedObject> KLNNotificationService::itemOfName(const Name& name) const {

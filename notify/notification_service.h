@@ -4,8 +4,10 @@
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
+#include "notify/name_reservations.h"
 #include "notify/notification_work.h"
 #include "notify/published_object.h"
 #include "notify/subscription_object.h"
@@ -52,10 +54,10 @@ class KLNNotificationService {
   virtual std::shared_ptr<KLNPublishBehavior> newPublishBehaviorFromFlags(std::uint64_t flags,
                                                                           std::int64_t value);
   // Enters `item`. A placeholder of that name takes over owner, behaviour and data of `item`, its
-  // subscribers receive the data, and `item` refers to it on return. Codes 9 (with a description)
-  // and 13 (null item).
+  // subscribers receive the data, and `item` refers to it on return. Codes 9 and 10 (the name is
+  // reserved for another user), both with a description, and 13 (null item).
   bool publish(std::shared_ptr<KLNPublishedObject>& item, Error* error);
-  // Creates and publishes an item in one step. Codes 9, 13 (no item could be created).
+  // Creates and publishes an item in one step. Codes 9, 10, 13 (no item could be created).
   bool publishItem(Dictionary data, Name name, std::uint64_t flags, std::int64_t value,
                    const std::shared_ptr<xpc::Connection>& fromConnection, Error* error);
   // Codes 10, 11.
@@ -96,6 +98,8 @@ class KLNNotificationService {
   // Exists but receives no work.
   const std::shared_ptr<SerialQueue>& updateQ() const { return work_->updateQueue(); }
   NotificationWork& work() const { return *work_; }
+  // Sets the rules for who may publish which names. Call it before the first client is accepted.
+  void setReservations(NameReservations reservations) { reservations_ = std::move(reservations); }
   PublishedItems& published() { return published_; }
   const CountedConnections& publishers() const { return publishers_; }
   // Bracket the clean-up of a client's publications, which takes several steps. In between all of
@@ -106,6 +110,7 @@ class KLNNotificationService {
  private:
   static std::shared_ptr<KLNNotificationService>& overridingService();
 
+  bool mayPublish(const Name& name, const std::shared_ptr<xpc::Connection>& connection) const;
   // Returns null if there is none.
   std::shared_ptr<KLNPublishedObject> itemOfName(const Name& name) const;
   // Returns true if somebody publishes it. First ends a publication whose clean-up is in progress.
@@ -118,6 +123,7 @@ class KLNNotificationService {
 
   const std::shared_ptr<NotificationWork> work_;
   PublishedItems published_;
+  NameReservations reservations_;
   const CountedConnections publishers_;
   // Owners whose clean-up is in progress.
   std::vector<std::weak_ptr<xpc::Connection>> cleanedUp_;

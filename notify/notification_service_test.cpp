@@ -372,5 +372,70 @@ TEST_F(NotificationService, HoldsItemsAndTheyTheirSubscriptionsButNoConnection) 
   EXPECT_TRUE(subscription.expired());
 }
 
+// The name "mine" is reserved for user 501.
+class ReservedName : public NotificationService {
+ protected:
+  static xpc::PeerIdentity peerOf(uid_t user) {
+    xpc::PeerIdentity peer = FakeClient::identity(3);
+    peer.uid = user;
+    return peer;
+  }
+  ReservedName() {
+    NameReservations reservations;
+    reservations.add("mine 501", "test", [](const std::string&) { return std::nullopt; });
+    service->setReservations(std::move(reservations));
+  }
+  // Publishes in both ways, which must return the same error.
+  Error publishError(const Name& name, const std::shared_ptr<xpc::Connection>& connection) {
+    Error error;
+    auto item = service->newPublishedObjectWith(number(1), name, 0, 0, connection);
+    const bool published = service->publish(item, &error);
+    EXPECT_EQ(published, !error);
+    if (!error) service->removePublishedItemForName(name, connection, nullptr);
+    Error second;
+    const bool publishedAgain = service->publishItem(number(1), name, 0, 0, connection, &second);
+    EXPECT_EQ(publishedAgain, !second);
+    if (!second) service->removePublishedItemForName(name, connection, nullptr);
+    EXPECT_EQ(error, second);
+    return error;
+  }
+
+  FakeClient owner{executor, peerOf(501)};
+  FakeClient stranger{executor, peerOf(502)};
+  FakeClient root{executor, peerOf(0)};
+};
+
+TEST_F(ReservedName, IsPublishedByItsUserAndRootAlone) {
+  EXPECT_FALSE(publishError("mine", owner.connection()));
+  EXPECT_FALSE(publishError("mine", root.connection()));
+  const Error refusal = publishError("mine", stranger.connection());
+  EXPECT_EQ(refusal.domain(), KLNErrorDomain);
+  EXPECT_EQ(refusal.code(), errNotOwner);
+  EXPECT_EQ(refusal.userInfo().value().textOf(NSLocalizedDescriptionKey),
+            "the name mine is reserved for another user");
+  EXPECT_EQ(entry("mine"), nullptr);
+}
+
+TEST_F(ReservedName, LeavesOtherNamesToEverybody) {
+  EXPECT_FALSE(publishError("other", stranger.connection()));
+}
+
+TEST_F(ReservedName, IsNotPublishedForADisconnectedClient) {
+  EXPECT_EQ(publishError("mine", nullptr).code(), errNotOwner);
+  Error error;
+  EXPECT_TRUE(service->publishItem(number(1), "other", 0, 0, nullptr, &error));
+}
+
+TEST_F(ReservedName, MayBeFollowedByEverybodyAndStaysReserved) {
+  const auto subscription =
+      service->newSubscriptionObjectForName("mine", 0, 0, stranger.connection());
+  EXPECT_TRUE(service->subscribe(subscription, nullptr));
+  Error error;
+  EXPECT_FALSE(service->publishItem(number(1), "mine", 0, 0, stranger.connection(), &error));
+  EXPECT_EQ(error.code(), errNotOwner);
+  EXPECT_EQ(entry("mine")->delegate(), nullptr);
+  EXPECT_TRUE(service->publishItem(number(1), "mine", 0, 0, owner.connection(), &error));
+}
+
 }  // namespace
 }  // namespace keel

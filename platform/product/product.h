@@ -21,7 +21,7 @@ inline constexpr int errAuthIDNotFound =
 inline constexpr int errPublisherDisconnected = 8;  // the publisher's connection went away
 inline constexpr int errDuplicate =
     9;  // already published, or already subscribed from this connection
-inline constexpr int errNotOwner = 10;  // the calling connection is not the item's publisher
+inline constexpr int errNotOwner = 10;  // another connection publishes it, or it is reserved
 inline constexpr int errNotFound = 11;  // no item of that name, or not published by this connection
 inline constexpr int errNilName = 12;   // a required name was missing
 inline constexpr int errRequestFailed =

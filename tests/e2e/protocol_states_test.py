@@ -12,7 +12,7 @@ from keel_values import Date
 
 STATES = PAGE.table("the name is", "call", "by", "error", "delivered", "the name is then")
 SHOWN = PAGE.table("the name is", "`publisher`", "`publishDate`", "`publishedData`")
-ERRORS = PAGE.table("call", "null name", "9", "11", "13")
+ERRORS = PAGE.table("call", "null name", "9", "10", "11", "13")
 
 NEW = {"new": True}
 CALLS = {
