@@ -23,6 +23,7 @@ int main(int, char** arguments) {
   startThreads();
   preferIoThread();
   loadModules();
+  reserveNames();
   openListeners();
   logStarted();
   installSignalHandling();

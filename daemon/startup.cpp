@@ -15,10 +15,13 @@
 #include <memory>
 #include <string>
 #include <system_error>
+#include <utility>
 
+#include "daemon/name_files.h"
 #include "daemon/readiness.h"
 #include "daemon/services.h"
 #include "modules/module_manager.h"
+#include "notify/notification_service.h"
 #include "platform/product/build_id.h"
 #include "platform/product/crash_report.h"
 #include "platform/product/product.h"
@@ -59,6 +62,11 @@ Process& process() {
 Logger& logger() {
   static Logger& runtime = _loggerForCategory("runtime");
   return runtime;
+}
+
+Logger& startupLogger() {
+  static Logger& startup = _loggerForCategory("startup");
+  return startup;
 }
 
 [[noreturn]] void endProcess(int exitCode) {
@@ -203,6 +211,17 @@ void loadModules() {
   // Modules may have sockets, too.
   xpc::raiseDescriptorLimit();
   KLNModuleManager::defaultManager()->loadAllModules();
+}
+
+void reserveNames() {
+  NamesRead read = readNameReservations();
+  for (const std::string& problem : read.problems) startupLogger().error("{}", problem);
+  if (const std::size_t count = read.reservations.count(); count > 0)
+    startupLogger().debug("{} rules reserve names", count);
+  // Runs before the listeners accept the first client.
+  ioReactor().post([reservations = std::move(read.reservations)]() mutable {
+    KLNNotificationService::defaultService()->setReservations(std::move(reservations));
+  });
 }
 
 void openListeners() {

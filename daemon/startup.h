@@ -59,6 +59,10 @@ void makeLockDirectory(const char* path);
 // does not stop the start.
 void loadModules();
 
+// Reads which names are reserved for which users (name_files.h), before any client can connect.
+// Problems are logged and do not stop the start.
+void reserveNames();
+
 // Creates the listeners and resumes each before creating the next. Ends with kExitNoListener if a
 // service's socket cannot be had.
 void openListeners();
