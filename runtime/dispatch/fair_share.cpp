@@ -27,8 +27,9 @@ namespace keel {
 
 namespace {
 
-// Hooks, or posts, between two readings of the clock.
+// Hooks, or posts of a user who is served alone, between two readings of the clock.
 constexpr std::size_t kHooksAtOnce = 8;
+constexpr std::size_t kPostsAtOnce = 16;
 // Hooks between two polls while one user is served alone: some 100 us.
 constexpr std::size_t kHooksPerPoll = 64;
 
@@ -99,7 +100,8 @@ bool FairShare::serveAll() {
     while (!members.empty() && host_.mayReadMore())
       takeInputOf(static_cast<ShareMember&>(members.front()), std::nullopt);
     share->inputs_.prepend(members);
-    share->posts_.run();
+    while (share->posts_.runSome(kPostsAtOnce) && (!begin || now_() - *begin < kQuantum)) {
+    }
   }
   const bool ranBlocks = host_.runQueuedBlocks(kRoundsAlone);
   const bool served = !serving_.empty() || !runnable_.empty();
@@ -181,7 +183,8 @@ void FairShare::serveQuantum() {
     }
   };
   write();
-  while (share.posts_.runSome(kHooksAtOnce) && inTime()) {
+  // One by one: a post may be a large message.
+  while (share.posts_.runSome(1) && inTime()) {
   }
   while (!share.inputs_.empty() && inTime()) {
     takeInputOf(static_cast<ShareMember&>(share.inputs_.front()), deadline);
