@@ -66,7 +66,9 @@ struct MemoryQuota {
 
   std::size_t grantedBytes() const {
     if (total == nullptr) return limitBytes;
-    const std::size_t held = total->bytes() - (mayTakeAll ? account->bytes() : 0);
+    std::size_t held = total->bytes();
+    // The total lags behind its accounts (see MemoryAccount).
+    if (mayTakeAll) held -= std::min(held, account->bytes());
     return std::min(limitBytes, held < totalLimitBytes ? totalLimitBytes - held : 0);
   }
   // Returns true while the account holds more than it is granted, names included.

@@ -30,6 +30,9 @@ TEST(MemoryQuota, RootIsGrantedWhatTheOthersLeave) {
   MemoryAccount root(all);
   const MemoryQuota quota{
       .account = &root, .total = &all, .totalLimitBytes = 100'000, .mayTakeAll = true};
+  root.charge(100);  // too little to be in the total yet
+  EXPECT_EQ(quota.grantedBytes(), 100'000u);
+  root.refund(100);
   root.charge(80'000);
   EXPECT_EQ(quota.grantedBytes(), 100'000u);
   alice.charge(20'000);
