@@ -98,7 +98,7 @@ class Update final : public WithData {
 
  private:
   static void answered(ClientCore& core, Update& it, bool inTime, const Error& error) {
-    // Also after the timeout: the daemon has accepted the data.
+    // Records the data even after the timeout: the daemon has accepted it.
     if (!error) core.records().updated(it.name_, it.item_);
     if (!inTime) return;
     if (error) return core.finish<void>(it, std::unexpected(core.answerError(it, error)));

@@ -29,8 +29,8 @@ struct Event {
 using EventCallback = std::move_only_function<void(const Event&)>;
 
 // A subscription of a client. Its callback receives the current data when the subscription is made,
-// and again after a reconnection, then every new version. The end of a publisher is no event: the
-// subscription stays for the name's next publisher.
+// and again after a reconnection, then every new version. The callback is not called when the
+// publisher disconnects. The subscription stays for the name's next publisher.
 //
 // Destroying it unsubscribes. Once the destructor has returned, the callback is not running and
 // will not run again, unless the callback itself destroys it. The destructor waits for a running

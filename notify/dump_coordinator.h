@@ -47,7 +47,8 @@ class DumpCoordinator : public std::enable_shared_from_this<DumpCoordinator> {
   // Drops the requests of a connection that ends but still exists.
   void connectionEnds(const std::shared_ptr<xpc::Connection>& connection);
 
-  // Returns the number of the last dump that began. An item captured for it is missing in no dump.
+  // Returns the number of the last dump that began. Every dump up to this one contains
+  // an item captured for it.
   std::uint64_t lastNumber() const { return lastNumber_; }
   // Captures the item for all dumps that lack it.
   void capture(KLNPublishedObject& item);

@@ -15,7 +15,8 @@ class SerialQueue;
 class IncrementalWorkQueue : public std::enable_shared_from_this<IncrementalWorkQueue> {
  public:
   // Runs one step, of about 0.1 ms, and returns true while work remains. The reactor runs up to 16
-  // rounds of blocks before it polls the sockets again.
+  // rounds of blocks before it polls the sockets again; in a quantum, up to 2 before it reads the
+  // clock (FairShare).
   using Step = std::move_only_function<bool()>;
 
   explicit IncrementalWorkQueue(std::shared_ptr<SerialQueue> inputQueue);

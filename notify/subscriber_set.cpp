@@ -10,8 +10,7 @@
 //   address, only those indexed last can have an owner that is alive, since the earlier owners died
 //   before it was created.
 // - An owner may be replaced after insertion. KLNSubscriptionObject counts such changes, which
-// never
-//   happen to subscriptions of clients; when the count has changed, the index is rebuilt.
+//   never happen to subscriptions of clients; when the count has changed, the index is rebuilt.
 #include "notify/subscriber_set.h"
 
 #include <utility>

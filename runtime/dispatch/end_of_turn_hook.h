@@ -8,7 +8,7 @@ namespace keel {
 
 class LinkList;
 
-// A link of one of the lists of EndOfTurnHooks or FairShare, or of none.
+// Links its object into one of the lists of EndOfTurnHooks or FairShare, or into none.
 class EndOfTurnLink {
  public:
   // Urgent hooks run first: an answer goes out before the fan-out it caused.
@@ -37,8 +37,8 @@ class EndOfTurnLink {
   std::uint8_t round_ = kNoRound;  // index into EndOfTurnHooks::rounds_
 };
 
-// Work to be done once at the end of the current turn of the reactor, such as flushing a
-// connection. Destroying the hook, or calling cancelEndOfTurn(), takes it off the list.
+// Does work once at the end of the current turn of the reactor, such as flushing a connection.
+// Destroying the hook, or calling cancelEndOfTurn(), removes it from its list.
 class EndOfTurnHook : public EndOfTurnLink {
  public:
   // May register itself again, destroy itself and others, and cancel others.
@@ -48,8 +48,8 @@ class EndOfTurnHook : public EndOfTurnLink {
   ~EndOfTurnHook() = default;
 };
 
-// Links in the order in which they were appended. Owns none of them; destroying the list takes all
-// off.
+// Keeps links in the order in which they were appended. Owns none of them; destroying the list
+// removes all.
 class LinkList {
  public:
   LinkList() { sentinel_.previous_ = sentinel_.next_ = &sentinel_; }
@@ -71,7 +71,7 @@ class LinkList {
   Sentinel sentinel_;
 };
 
-// The hooks of the current turn. Owns none of them; registering allocates nothing. A hook
+// Runs the hooks of the current turn. Owns none of them; registering allocates nothing. A hook
 // registered while hooks run is left for the next run, so a run always ends.
 class EndOfTurnHooks {
  public:
@@ -85,8 +85,8 @@ class EndOfTurnHooks {
   // Runs the urgent hooks, then the others, each in the order in which they were added. Returns
   // false if there were none.
   bool run();
-  // Runs up to `count` hooks. Returns true if hooks of the same run are left, which run first when
-  // it is called again.
+  // Runs up to `count` hooks. Returns true if hooks of the same run are left; the next call runs
+  // them first.
   bool runSome(std::size_t count);
 
  private:

@@ -2,22 +2,22 @@
 //
 // Fair share. Users are scheduled as a kernel schedules processes: the user with the smallest
 // virtual time, which is the time of this thread that it has used, is served next, for one quantum.
-// A user that was idle starts at the present time, so absence earns nothing; a user seen for the
-// first time starts a quantum later, so fresh user ids earn nothing either. Whoever asks for little
-// thus waits for one quantum of another, however many connections that other has.
+// A user that was idle resumes at the present virtual time, so it cannot save up time; a user seen
+// for the first time starts a quantum later, so fresh uids gain nothing either. A user that asks
+// for little thus waits for one quantum of another, however many connections that other has.
 //
-// A quantum first writes what is still owed to the user's connections, then runs blocks that other
-// threads have posted for the user, then takes input, connection by connection. What the input asks
-// for is queued as blocks, as ever, and these run after every few, so that the clock can be read:
-// a member returns from takeInput() when enough are queued. Last, it writes what it owes to its own
-// connections. What it owes to those of other users is written on their account.
+// A quantum first flushes the pending output of the user's connections, then runs blocks that other
+// threads have posted for the user, then takes input, connection by connection. Requests are queued
+// as blocks, which run after every few so that the clock can be read: a member returns from
+// takeInput() when enough are queued. Last, the quantum flushes the user's connections again. What
+// it has sent to connections of other users is flushed in their quanta, and charged to them.
 //
-// With one user there is nothing to share. Then everything that waits is served in one turn: all
-// input, all blocks, all output, so that as much as possible is coalesced; the clock is not read.
-// It stays like that until two users have input at once, or one has input while another is being
-// written to; from then on users are served by quanta for kContentionMemory. An attacker who floods
+// With one user there is nothing to share. Then one turn serves everything that waits: all input,
+// all blocks, all output, so that as much as possible is coalesced. Before a second user has been
+// seen, the clock is not even read. Quanta begin when two users have input at once, or one has
+// input while another's output is written, and go on for kContentionMemory. An attacker who floods
 // the daemon is alone most of the time, since a quiet user's requests take no time: without that
-// memory each of those requests would meet a full turn of the attacker.
+// memory each of those requests would wait for a full turn that serves the attacker.
 #include "runtime/dispatch/fair_share.h"
 
 #include <algorithm>
@@ -27,10 +27,10 @@ namespace keel {
 
 namespace {
 
-// Hooks, or posts of a user who is served alone, between two readings of the clock.
+// Hooks, or posts of a user who is served alone, to run before the clock is read again.
 constexpr std::size_t kHooksAtOnce = 8;
 constexpr std::size_t kPostsAtOnce = 16;
-// Hooks between two polls while one user is served alone: some 100 us.
+// Hooks to run before the sockets are polled while one user is served alone: some 100 us.
 constexpr std::size_t kHooksPerPoll = 64;
 
 }  // namespace
@@ -118,7 +118,7 @@ bool FairShare::serveAll() {
   return served || ranBlocks;
 }
 
-// First the output of those who had input: answers go out before the fan-out that they caused.
+// Writes the output of users with input first: answers go out before the fan-out they caused.
 void FairShare::writeAll() {
   ++turn_;
   for (std::size_t i = 0; i < serving_.size(); ++i) {

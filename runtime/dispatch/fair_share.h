@@ -14,14 +14,14 @@
 
 namespace keel {
 
-// Takes input on behalf of one user, and writes what is owed at the end of a turn: a connection.
-// It is in at most one list of its share: destroying it takes it off.
+// Takes input on behalf of one user, and flushes output at the end of a turn: a connection. It is
+// in at most one list of its share, which it leaves when it is destroyed.
 class ShareMember : public EndOfTurnHook {
  public:
-  // Reads once, within the read budget, and queues what was asked for as blocks. Returns true if it
+  // Reads once, within the read budget, and queues the requests as blocks. Returns true if it
   // stopped because enough blocks are queued: it is called again once they have run.
   virtual bool takeInput() = 0;
-  // Ends the input that takeInput() has begun: it is not called again in this quantum.
+  // Ends the input that takeInput() has begun, when time is up.
   virtual void suspendInput() = 0;
   // Keeps the member alive while its input is taken.
   virtual std::shared_ptr<void> holdAlive() = 0;
@@ -30,8 +30,8 @@ class ShareMember : public EndOfTurnHook {
   ~ShareMember() = default;
 };
 
-// One user's part of the time of the I/O thread: what waits to be done for that user, and how much
-// time was used. Lives on the reactor's thread, and outlives the reactor.
+// Holds the work that waits for one user, and the time of the I/O thread that the user has used.
+// Lives on the reactor's thread, and outlives the reactor.
 class Share {
  public:
   Share() = default;
@@ -61,13 +61,13 @@ class FairShare {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // The reactor, for what belongs to no single share.
+  // Does what concerns no single share: the reactor.
   class Host {
    public:
-    // Runs the blocks that were queued. `rounds` bounds how often what they queue is run, too.
-    // Returns false if there were none.
+    // Runs the queued blocks, then those that they queue, up to `rounds` rounds in all. Returns
+    // false if there were none.
     virtual bool runQueuedBlocks(int rounds) = 0;
-    // Lists members with new input, without waiting.
+    // Polls the sockets without waiting, which adds members with new input.
     virtual void pollInput() = 0;
     // Returns true while members may read more in this turn.
     virtual bool mayReadMore() const = 0;
@@ -76,11 +76,11 @@ class FairShare {
     ~Host() = default;
   };
 
-  // Time that one user is served before it is another's turn, if others wait: long enough that
-  // switching costs little, short enough that nobody notices the wait.
+  // Bounds how long one user is served while others wait: long enough that switching costs little,
+  // short enough that nobody notices the wait.
   static constexpr std::chrono::microseconds kQuantum{100};
-  // How long users that have met are assumed to meet again. Meanwhile each is served by quanta even
-  // if no other happens to wait at this moment.
+  // Users count as competing for this long after they last did. Meanwhile they are served by quanta
+  // even if no other happens to wait at this moment.
   static constexpr std::chrono::milliseconds kContentionMemory{100};
   // Rounds of blocks in a turn, see Host::runQueuedBlocks().
   static constexpr int kRoundsAlone = 16;
@@ -90,21 +90,22 @@ class FairShare {
   FairShare(const FairShare&) = delete;
   FairShare& operator=(const FairShare&) = delete;
 
-  // `share` serves `member` once, in a later call of serve(). No effect on a member whose output
-  // waits: that is written first, and the member adds its input then.
+  // Has a later call of serve() take the input of `member` once. No effect on a member whose output
+  // waits: that is written first, and the member then adds its input.
   void addInput(Share& share, ShareMember& member);
   void addOutput(Share& share, EndOfTurnHook& hook, EndOfTurnHook::Urgency urgency);
   void addPosts(Share& share, BlockBatch& posts);
 
   bool isIdle() const { return runnable_.empty(); }
-  // Returns true while several users compete, so members take input in small pieces.
+  // Returns true while several users compete; members then take input in small pieces.
   bool isContended() const { return isContended_; }
 
-  // Serves everything that waits if it is one user's, else one quantum of the user who was served
-  // least. Runs the queued blocks in either case. Returns false if there was nothing to do.
+  // Serves one quantum of the user with the smallest virtual time while users compete, else
+  // everything that waits. Runs the queued blocks in either case. Returns false if there was
+  // nothing to do.
   bool serve();
 
-  // Drops posts. For the reactor's end.
+  // Drops all posts; called by the reactor's destructor.
   void abandon();
 
  private:
@@ -118,7 +119,7 @@ class FairShare {
 
   bool serveAll();
   void writeAll();
-  // Returns false if it was interrupted because another user has input.
+  // Returns false if another user's input interrupted it.
   bool writeOutputOf(Share& share);
   void dropIdle();
 
@@ -127,7 +128,7 @@ class FairShare {
 
   const std::function<Clock::time_point()>& now_;
   Host& host_;
-  std::vector<Share*> runnable_;  // a heap, the share served least first
+  std::vector<Share*> runnable_;  // a heap, the smallest virtual time first
   std::vector<Share*> serving_;   // by serveAll()
   std::chrono::nanoseconds virtualNow_{0};
   std::uint64_t turn_ = 0;

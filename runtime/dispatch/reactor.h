@@ -26,8 +26,8 @@ namespace keel {
 // The event loop of the I/O thread: sockets through epoll(7), serial queues, timers. One turn waits
 // for events, dispatches them to watchers, runs due timers, has connections take their input, runs
 // the queues that have work, then the end-of-turn hooks. An idle daemon thus answers immediately,
-// and a busy one coalesces its writes without a timer. When several users compete, a turn serves
-// one of them for a short time (FairShare).
+// and a busy one coalesces its writes without a timer. While several users compete, a turn serves
+// one quantum of one of them (FairShare).
 //
 // schedule(), post(), stop() and isCurrent() may be called from any thread; everything else belongs
 // on the thread that runs the reactor, or happens before it runs.
@@ -61,8 +61,7 @@ class Reactor final : public Executor, private FairShare::Host {
   void watch(int descriptor, std::uint32_t events, Watcher& watcher);
   // Changes the events that `watcher` receives.
   void rewatch(int descriptor, std::uint32_t events, Watcher& watcher);
-  // Afterwards `watcher` receives no event of this descriptor, not even one already fetched in this
-  // turn.
+  // Stops the events of this descriptor, even those already fetched in this turn.
   void unwatch(int descriptor, Watcher& watcher);
 
   // Runs `block` once on the reactor's thread, after `delay`.
@@ -70,11 +69,11 @@ class Reactor final : public Executor, private FairShare::Host {
   // Has no effect on a timer that has run or was cancelled.
   void cancel(TimerId timer);
 
-  // The share of work that is done for no other user. Shares are borrowed for as long as the
-  // reactor lives.
+  // Returns the share of work that is done for no particular user. Shares are borrowed for as long
+  // as the reactor lives.
   Share& ownShare() { return ownShare_; }
 
-  // Has `member` take its input once, at its user's next turn.
+  // Has `member` take its input once, when its user is next served.
   void addInput(Share& share, ShareMember& member) { fairShare_.addInput(share, member); }
   // Runs `hook` once at the end of this turn, or of the next one that serves its user. Idempotent,
   // except that urgent wins over normal. A hook registered while hooks run is left for the end of
@@ -87,7 +86,7 @@ class Reactor final : public Executor, private FairShare::Host {
   // Runs `block` on the reactor's thread, in the order of the calls, never from within this call.
   // From any thread.
   void post(Block block);
-  // The same, at the turn of that user.
+  // Runs `block` likewise, when that user is next served.
   void post(Share& share, Block block);
   // Returns true on the thread that runs the reactor or last called turn().
   bool isCurrent() const {
@@ -98,9 +97,9 @@ class Reactor final : public Executor, private FairShare::Host {
   void run();
   // From any thread.
   void stop();
-  // Upper bound of the bytes that a member should read now. What is read in one turn is bounded;
-  // the bound doubles after a short turn that exhausted it, and halves after any other turn: in a
-  // long one few bytes asked for much work, and all other peers waited for it.
+  // Returns an upper bound of what a member should read now. A budget bounds what all members read
+  // in one turn. It doubles after a short turn that exhausted it, and halves after any other: a
+  // long turn did much work for few bytes, and made all other peers wait.
   std::size_t readBudgetBytes() const {
     if (fairShare_.isContended()) return kContendedReadBytes;
     return readBytes_ < readBudgetBytes_ ? readBudgetBytes_ - readBytes_ : kContendedReadBytes;
@@ -120,7 +119,7 @@ class Reactor final : public Executor, private FairShare::Host {
   // The budget grows only if processing a full read, and the rest of that turn, took no longer: a
   // delay that nobody notices.
   static constexpr std::chrono::milliseconds kLongTurn{2};
-  // One read while users compete.
+  // Upper bound of one read while users compete.
   static constexpr std::size_t kContendedReadBytes = 4u << 10;
 
   // Runs one turn on the calling thread, which becomes the reactor's. `wait`: blocks until there is

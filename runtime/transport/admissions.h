@@ -13,8 +13,8 @@ namespace keel::xpc {
 
 class Admissions;
 
-// One counted connection, or none; released on destruction. A copy is counted as a further
-// connection, whatever the limits. From any thread.
+// Counts one connection, or none, until it is destroyed. A copy counts a further connection,
+// whatever the limits. From any thread.
 class Admission {
  public:
   Admission() = default;
@@ -52,8 +52,8 @@ class Admissions {
   // Returns true well below the limit, where a shortage is over and not merely interrupted.
   bool hasRoom() const;
   // Admits one connection of `uid` and sets `admission`, which counts it; a refusal sets nothing.
-  // Root is bounded by the total only. All others share a part of it, of which each is granted at
-  // most as many as are still free, so no single user locks the others out.
+  // Root is bounded by the total only. The others share a part of it, and each is granted at most
+  // as many as are still free, so no single user locks the others out.
   Refusal admit(uid_t uid, Admission& admission);
 
  private:

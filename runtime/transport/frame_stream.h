@@ -12,8 +12,8 @@
 
 namespace keel::xpc {
 
-// Frames over a connected stream socket (unix(7)), with back-pressure both ways: a slow reader is
-// dropped, and a peer that does not take what it is sent is not read.
+// Carries frames over a connected stream socket (unix(7)), with back-pressure both ways: a slow
+// reader is dropped, and a peer that does not take what it is sent is not read.
 class FrameStream final : public Transport, private Reactor::Watcher, private ShareMember {
  public:
   // The limits of a stream, and the quota that pays for it.
@@ -22,7 +22,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private Sh
     std::size_t frameLimitBytes;
     // Pays for incomplete frames; borrowed.
     const MemoryQuota* quota = &MemoryQuota::ofProcess();
-    // The peer's user is served as one; borrowed. Null: the reactor's own.
+    // Schedules all connections of the peer's user; borrowed. Null: the reactor's own share.
     Share* share = nullptr;
     // Held until the socket is closed: the connection counts as open until then.
     Admission admission{};
@@ -46,7 +46,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private Sh
   bool onIoThread() const override;
 
  private:
-  // Once it is no longer open, a stream sends and takes nothing more, and ends with the turn.
+  // A stream that is no longer open neither sends nor reads, and ends with the turn.
   enum class State : std::uint8_t { open, writeFailed, tooSlow, stalled, tooManyFiles };
 
   void onReady(std::uint32_t events) override;
@@ -61,7 +61,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private Sh
   bool endInput();
   bool flush();
 
-  // Why delivering frames stopped.
+  // The reason for which deliverFrames() stopped.
   enum class Stop : std::uint8_t { nothingLeft, paused, enoughBlocks, tookFile, ended };
   Stop deliverFrames();
   void queueInput();
@@ -69,7 +69,7 @@ class FrameStream final : public Transport, private Reactor::Watcher, private Sh
 
   void retryLater();
   void retry();
-  // Accounts for the backlog, and drops the largest ones if they are too large together.
+  // Accounts for the backlog, and drops the largest ones if their total is too large.
   void updateBacklog();
   // Drops the largest backlogs of `user`, or if it is null of the user who holds most. Returns
   // false if there are none.

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Receiving: readiness, which epoll(7) reports once (edge-triggered), puts the stream on the list
-// of its user (FairShare). When it is its turn, one recvmsg(2) takes what the socket has, up to the
-// reactor's read budget, and the complete frames are delivered in place (FrameReader); if they
+// of its user (FairShare). When the user is served, one recvmsg(2) takes what the socket has, up to
+// the reactor's read budget, and the complete frames are delivered in place (FrameReader); if they
 // queue many blocks, these run in between. A stream leaves the list when the socket is known to be
 // empty.
 //
@@ -11,7 +11,7 @@
 // not take stays queued, and the stream waits for EPOLLOUT.
 //
 // Ending: the receiver is never called from within a call that it made. A stream that must end
-// because of what was sent, or because all backlogs together are too large, is marked (State) and
+// because of what was sent, or because the total backlog is too large, is marked (State) and
 // ends with the turn. Once marked it neither reads nor writes: its queue stays as it is until the
 // goodbye goes through it.
 #include "runtime/transport/frame_stream.h"
@@ -311,7 +311,8 @@ bool FrameStream::endInput() {
   return true;
 }
 
-// Stops after a value in a memory file, which may be large: the rest waits for the next turn.
+// Stops after a value in a memory file, which may be large: the rest waits until the stream's input
+// is next taken.
 FrameStream::Stop FrameStream::deliverFrames() {
   while (!paused_ && state_ == State::open) {
     switch (reader_.next()) {

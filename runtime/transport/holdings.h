@@ -19,7 +19,7 @@ namespace keel::xpc {
 template <class Holder>
 class Holdings {
  public:
-  // Sets what `holder` has now; an amount of 0 removes it. `exclusiveAmount` is the part that no
+  // Sets what `holder` holds now; an amount of 0 removes it. `exclusiveAmount` is the part that no
   // other holder shares.
   void update(Holder* holder, const MemoryAccount* user, std::size_t amount,
               std::size_t exclusiveAmount) {
@@ -53,9 +53,9 @@ class Holdings {
     return std::ranges::max_element(most.second.entries, isSmaller)->first;
   }
 
-  // Returns the largest holders of `user`, or of the user who holds most if it is null: as few as
-  // hold a part of that user's amount that is worth the search, and no more than kHoldersAtOnce.
-  // Empty if nobody holds anything.
+  // Returns the largest holders of `user`, or of the user who holds most if it is null: just enough
+  // to exceed 1 / kWorthwhilePart of that user's amount, so that the search pays, and at most
+  // kHoldersAtOnce. Empty if nobody holds anything.
   static constexpr std::size_t kHoldersAtOnce = 64;
   static constexpr std::size_t kWorthwhilePart = 16;
   std::vector<Holder*> largestHolders(const MemoryAccount* user = nullptr) const {

@@ -50,7 +50,8 @@ class Transport {
   // Sends one message after those sent before. It may be reused immediately.
   virtual void send(const OutgoingMessage& message, EndOfTurnHook::Urgency urgency) = 0;
   // Pauses and resumes reading: back-pressure on a peer with too many unanswered requests. Takes
-  // effect before the next frame; resuming delivers what arrived meanwhile at the end of the turn.
+  // effect before the next frame; what arrived meanwhile is delivered when the peer's user is next
+  // served.
   virtual void setReading(bool reading) = 0;
   // Takes back files of the last frame that its message does not claim: they belong to the next.
   virtual void returnFiles(std::vector<FileDescriptor>) {}

@@ -11,15 +11,15 @@
 
 namespace keel::xpc {
 
-// What one user makes this process hold and do, over all its connections: the account of its memory
-// with its limit, and its share of the I/O thread. Kept for the life of the process.
+// Accounts for what one user makes this process hold and do, over all its connections: memory, with
+// its limit, and time of the I/O thread. Kept for the life of the process.
 struct UserAccount {
   MemoryQuota quota;
   Share share;
-  // Where large messages of the user are checked, one at a time.
+  // Checks large messages of the user, one at a time.
   std::shared_ptr<SerialQueue> checks;
 
-  // Returns the account of that user, created on the first call. From any thread; the share belongs
+  // Returns the account of that user, created by the first call. From any thread; the share belongs
   // to the I/O thread.
   static UserAccount& of(uid_t uid);
 };

@@ -26,8 +26,8 @@ inline constexpr std::size_t kArrayWrapping = 2;
 // Budget of all that clients make the daemon hold: published data and names, which outlive their
 // connections, backlogs, unread files, incomplete and waiting messages, challenges. It is smaller
 // where a quarter of the memory that the process may use is less. Every user is granted what is
-// still free, so one alone gets half of it; root gets what the others leave. Beyond it, data is
-// refused; names beyond it and a sixteenth.
+// still free, so one alone gets half of it; root gets what the others leave. Data is refused beyond
+// the grant, names beyond 17/16 of it.
 inline constexpr std::size_t kClientMemoryBytes = 1u << 30;
 inline constexpr std::size_t kClientMemoryDivisor = 4;
 // Charged for each name on top of its bytes: about the size of an item, a subscription and their
@@ -47,8 +47,8 @@ inline constexpr std::uint32_t kQueuedMessageBytes = 256;
 
 // Backlog of a slow reader before its connection is invalidated.
 inline constexpr std::size_t kWaitingBytes = 64u << 20;
-// Memory that slow readers may pin all together: copies and superseded values. Beyond it, the
-// largest backlog is dropped first.
+// Memory that all slow readers may pin: copies and superseded values. Beyond it, the largest
+// backlog is dropped first.
 inline constexpr std::size_t kTotalWaitingBytes = 512u << 20;
 
 // Backlog of a connection beyond which its own requests are not read: back-pressure on a client
@@ -114,9 +114,8 @@ inline constexpr int kAcceptsPerTurn = 16;
 // Descriptors reserved for the daemon's own needs (journal, memory files, supervisor, helpers).
 inline constexpr std::size_t kReservedDescriptors = 256 + kSealedFiles;
 
-// Share of all connections for users other than root, so that root can always look at what is going
-// on. One of them is granted at most as many as are still free, so no single user locks the others
-// out.
+// Share of all connections for users other than root, so that root can always connect. Each of them
+// is granted at most as many as are still free, so no single user locks the others out.
 inline constexpr double kConnectionShareOfUsers = 0.875;
 // How long sending pauses when the system is out of memory or has too many descriptors in flight.
 inline constexpr std::chrono::milliseconds kSendPause{100};

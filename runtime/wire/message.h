@@ -32,7 +32,7 @@ enum class MessageKind : std::uint8_t {
   goodbye = 5,  // [5, text]
 };
 
-// The code of a failure: why a message could not be served.
+// The code of a failure: the reason for which a message was not served.
 enum class FailureCode : std::uint8_t {
   undecodable = 1,     // not one well-formed message of a known kind
   unknownMethod = 2,   // no method of that index in the receiver's list
@@ -44,8 +44,8 @@ enum class FailureCode : std::uint8_t {
   overQuota = 8,       // the sender's user is over its quota
 };
 
-// Frames to be sent together, in pieces: bytes of its own, and between them references to larger
-// values. Reused from message to message, so building one allocates nothing in the steady state.
+// Encodes one frame, or several that are queued at once: as bytes, and as references to larger
+// values, which are spliced in. Reused, so the steady state allocates nothing.
 class OutgoingMessage {
  public:
   struct Splice {
@@ -57,7 +57,7 @@ class OutgoingMessage {
   OutgoingMessage(OutgoingMessage&&) = default;
   OutgoingMessage& operator=(OutgoingMessage&&) = default;
 
-  // Drops everything but the memory.
+  // Clears the contents, keeps the capacity.
   void clear();
   // Starts over with the first frame.
   cbor::Writer begin() {
@@ -69,8 +69,8 @@ class OutgoingMessage {
   // Completes the length. Returns false if the frame is longer than any peer accepts.
   bool finish();
 
-  // For finished frames with several receivers: moves the bytes into a buffer that the output
-  // queues share. Frames that refer to larger values or files stay as they are.
+  // Moves the bytes of finished frames into a buffer that the output queues of several receivers
+  // share. No effect on frames that refer to larger values or files.
   void share();
 
   // Overwrites its bytes; only begin() may follow.
@@ -89,7 +89,7 @@ class OutgoingMessage {
   const std::vector<BufferRef>& files() const { return files_; }
   // Returns the length on the wire, length fields included.
   std::size_t wireBytes() const { return bytes_.size() + splicedBytes_; }
-  // Returns the memory that it keeps.
+  // Returns the allocated capacity.
   std::size_t capacityBytes() const { return bytes_.capacity(); }
 
  private:
@@ -102,8 +102,8 @@ class OutgoingMessage {
   std::size_t frameBeginOnWire_ = 0;
 };
 
-// The first elements of a message, as far as the beginning of its frame reveals them: enough to
-// answer a request whose frame is skipped.
+// Holds the first elements of a message, as far as the beginning of its frame reveals them: enough
+// to answer a request whose frame is skipped.
 struct Envelope {
   MessageKind kind;
   std::optional<std::uint64_t> requestId;
@@ -118,7 +118,7 @@ bool areWellFormedArguments(std::span<const std::byte> items, std::uint64_t coun
 // message has none.
 std::optional<std::uint64_t> skipToArguments(cbor::Cursor& cursor);
 // Moves past an argument that travels as a sealed memory file. Returns its size in bytes, or
-// nothing if the next argument does not.
+// nothing, without moving, if the next argument is none.
 std::optional<std::uint64_t> skipSealedArgument(cbor::Cursor& cursor);
 
 // Counts the arguments or results of a message that travel as sealed memory files, up to the first

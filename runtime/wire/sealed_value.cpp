@@ -18,7 +18,7 @@ namespace {
 constexpr std::uint8_t kArrayType = 4;
 constexpr std::uint8_t kMapType = 5;
 
-// Smaller ones are checked again where they are read.
+// Smaller items are copied, and checked again when they are read.
 constexpr std::size_t kLargeItemBytes = 4096;
 
 bool fits(std::size_t bytes, const MemoryQuota& quota) {
@@ -92,7 +92,7 @@ CheckedMessage checkMessage(std::span<const std::byte> frame, SealedValues value
     const std::uint8_t major = majorOf(before);
     const auto item = cursor.item(depthOf(major));
     if (!item) {
-      // One byte that begins no item: the rest need not be read again.
+      // A byte that begins no item keeps it malformed; the rest need not be read again.
       constexpr std::byte kBreak{0xff};
       copy({&kBreak, 1});
       break;

@@ -11,14 +11,14 @@
 
 namespace keel::xpc {
 
-// A value that travels beside its message: the memory file as it was received, or the value once it
+// Holds a value that travels beside its message: the memory file as received, or the value once it
 // is checked.
 struct SealedValue {
   enum class State : std::uint8_t {
     received,   // `file` is not opened yet
     accepted,   // `value` is one well-formed array or map
     refused,    // it is anything else
-    overQuota,  // the sender's user may not have it kept
+    overQuota,  // the sender's user lacks the quota for it
   };
 
   SealedValue() = default;
@@ -38,17 +38,17 @@ using SealedValues = std::vector<SealedValue>;
 // Returns the permitted nesting of a value of that CBOR major type.
 std::size_t depthOf(std::uint8_t major);
 
-// A message whose large values have been checked and stand in `values`, so that reading its
-// arguments takes no time that depends on their size.
+// Holds a message whose large values have been checked and moved to `values`, so that the time to
+// read its arguments does not depend on their size.
 struct CheckedMessage {
   std::vector<std::byte> frame;
   SealedValues values;
-  std::vector<FileDescriptor> unclaimed;  // values that it does not refer to
+  std::vector<FileDescriptor> unclaimed;  // files that it does not refer to
 };
 
-// Checks the large arguments and the sealed values of a message: in the frame that is returned,
-// each large array or map is replaced by a reference to its value. What is not well-formed stays
-// so, and is found at once. From any thread.
+// Checks the large arguments and the sealed values of a message. Returns a frame in which a
+// reference to its value replaces each large array or map. A malformed message stays malformed, and
+// its reader finds that at once. From any thread.
 CheckedMessage checkMessage(std::span<const std::byte> frame, SealedValues values,
                             std::size_t sealedLimitBytes, const MemoryQuota& quota);
 

@@ -26,7 +26,7 @@ Logger& logger() {
   return runtime;
 }
 
-// Log texts identify connections by number. They may be created on any thread that runs a reactor.
+// Identifies connections in log texts. Any thread that runs a reactor may create one.
 std::atomic<std::uint32_t> lastConnectionNumber{0};
 
 SealedValues takeFirst(std::vector<FileDescriptor>& files, std::size_t count) {

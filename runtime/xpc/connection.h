@@ -64,7 +64,7 @@ class Connection final : public std::enable_shared_from_this<Connection>,
     std::size_t receiveLimitBytes = limits::kFrameBytes;
     // Pays for what the peer sends; borrowed.
     const MemoryQuota* quota = &MemoryQuota::ofProcess();
-    // Where large messages are checked, one of a user at a time. Null: where they are received.
+    // Checks large messages, one of a user at a time. Null: they are checked as they are received.
     std::shared_ptr<SerialQueue> checks{};
     // Shared with the other connections of the service.
     std::shared_ptr<HeavyRequestQueue> heavyRequests = std::make_shared<HeavyRequestQueue>();
@@ -204,8 +204,7 @@ class Connection final : public std::enable_shared_from_this<Connection>,
   bool helloReceived_ = false;
   bool peerTakesDescriptors_ = false;
   bool interruptionLogged_ = false;
-  bool inCallee_ =
-      false;  // in a method of the exported object, or in the handler of an interruption
+  bool inCallee_ = false;  // in the exported object or the interruption handler
   bool confidential_ = false;
   const Interface* remoteInterface_ = nullptr;
   TransportContext::MethodIndexes methodIndexes_;

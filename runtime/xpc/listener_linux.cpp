@@ -144,7 +144,7 @@ bool Listener::acceptOne() {
   FrameStream::Terms terms{
       .frameLimitBytes = limits::kFrameBytes, .quota = &user.quota, .share = &user.share};
   if (!admit(credentials.uid, socket, terms)) return true;
-  // The rest is expensive, so it is done at the turn of the peer's user.
+  // The rest is expensive, so it is done when the peer's user is next served.
   Block identify = [self = shared_from_this(), uid = credentials.uid, &user,
                     held = std::move(socket), moved = std::move(terms)]() mutable {
     const WorkingFor identifiedFor(uid);
