@@ -85,12 +85,16 @@ void FrameStream::updateBacklog() {
   watchProgress();
   if (!counts) return;
   if (waiting > limits::kWaitingBytes) return dropSlowReader();
-  while (terms_.quota->isExceeded() && dropSlowReaders(user())) {
+  // A user is left a small backlog even when others hold everything.
+  if (waiting > limits::kHelloBytes) {
+    while (user()->bytes() > terms_.quota->grantedBytes() && dropSlowReaders(user())) {
+    }
   }
-  // Superseded values are charged to the process (see Buffer::chargeTo).
+  // Superseded values are charged to the process (see Buffer::chargeTo). An eighth is left for the
+  // backlogs that are dropped and not freed yet.
+  constexpr std::size_t kLimitBytes = limits::kTotalWaitingBytes / 8 * 7;
   if (context_.droppedReaderCount() == 0 &&
-      context_.backlogs().exclusiveTotal() + MemoryAccount::ofProcess().bytes() >
-          limits::kTotalWaitingBytes)
+      context_.backlogs().exclusiveTotal() + MemoryAccount::ofProcess().bytes() > kLimitBytes)
     dropSlowReaders(nullptr);
 }
 
