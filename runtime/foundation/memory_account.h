@@ -71,13 +71,20 @@ struct MemoryQuota {
     if (mayTakeAll) held -= std::min(held, account->bytes());
     return std::min(limitBytes, held < totalLimitBytes ? totalLimitBytes - held : 0);
   }
+  // Returns how many more bytes may be charged within `limit`, a grant. Where a
+  // grant is what others leave, it shrinks as the account grows.
+  std::size_t roomBytes(std::size_t limit) const {
+    const std::size_t held = account->bytes();
+    const std::size_t left = limit > held ? limit - held : 0;
+    return total == nullptr || mayTakeAll ? left : left / 2 - left / 32;
+  }
   // Returns true while the account holds more than it is granted, names included.
   bool isExceeded() const { return account->bytes() > grantedNameBytes(); }
-  // Names may exceed the quota by a sixteenth: a client over quota must still be able to name what
+  // Names may exceed the quota by an eighth: a client over quota must still be able to name what
   // it releases.
   std::size_t grantedNameBytes() const {
     const std::size_t granted = grantedBytes();
-    return granted + std::min(granted / 16, std::numeric_limits<std::size_t>::max() - granted);
+    return granted + std::min(granted / 8, std::numeric_limits<std::size_t>::max() - granted);
   }
 };
 

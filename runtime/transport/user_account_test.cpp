@@ -17,11 +17,29 @@ TEST(MemoryQuota, AUserIsGrantedAtMostWhatIsStillFree) {
   EXPECT_EQ(quota.grantedBytes(), 50'000u);
   alice.charge(80'000);
   EXPECT_EQ(quota.grantedBytes(), 20'000u);
-  EXPECT_EQ(quota.grantedNameBytes(), 21'250u);
+  EXPECT_EQ(quota.grantedNameBytes(), 22'500u);
   alice.charge(80'000);
   EXPECT_EQ(quota.grantedBytes(), 0u);
   alice.refund(160'000);
   EXPECT_EQ(quota.grantedBytes(), 50'000u);
+}
+
+TEST(MemoryQuota, WhatFitsLeavesItsAccountWithinItsGrant) {
+  MemoryAccount all;
+  MemoryAccount alice(all);
+  MemoryAccount bob(all);
+  const MemoryQuota quota{.account = &bob, .total = &all, .totalLimitBytes = 10'000'000};
+  alice.charge(1'000'000);
+  for (const bool isName : {false, true}) {
+    const auto limit = [&] { return isName ? quota.grantedNameBytes() : quota.grantedBytes(); };
+    for (std::size_t bytes = 3'000'000; bytes >= 10'000; bytes /= 2) {
+      while (bytes <= quota.roomBytes(limit())) bob.charge(bytes);
+      EXPECT_LE(bob.bytes(), limit());
+    }
+  }
+  EXPECT_GT(bob.bytes(), 4'000'000u);
+  bob.refund(bob.bytes());
+  alice.refund(1'000'000);
 }
 
 TEST(MemoryQuota, RootIsGrantedWhatTheOthersLeave) {

@@ -43,8 +43,7 @@ bool ArgumentReader::string(String& value) {
 }
 
 bool ArgumentReader::fitsQuota(std::size_t moreBytes, std::size_t limitBytes) {
-  const std::size_t held = quota_.account->bytes();
-  overQuota_ = held > limitBytes || moreBytes > limitBytes - held;
+  overQuota_ = quota_.account->bytes() > limitBytes || moreBytes > quota_.roomBytes(limitBytes);
   return !overQuota_;
 }
 

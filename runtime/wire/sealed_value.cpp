@@ -22,9 +22,7 @@ constexpr std::uint8_t kMapType = 5;
 constexpr std::size_t kLargeItemBytes = 4096;
 
 bool fits(std::size_t bytes, const MemoryQuota& quota) {
-  const std::size_t held = quota.account->bytes();
-  const std::size_t granted = quota.grantedBytes();
-  return held <= granted && bytes <= granted - held;
+  return bytes <= quota.roomBytes(quota.grantedBytes());
 }
 
 std::uint8_t majorOf(std::span<const std::byte> item) {

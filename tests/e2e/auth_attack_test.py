@@ -70,6 +70,9 @@ class Passwords(AuthTest):
 
 
 class Challenges(AuthTest):
+    # Only few lines of the user who floods the daemon: more would be limited.
+    log = "runtime=debug"
+
     def test_ten_thousand_take_bounded_memory_and_end_with_the_connection(self):
         attacker, other = self.auth(), self.auth()
         first = self.measured_bytes()
