@@ -195,7 +195,9 @@ class VeryFewDescriptors(Full):
         before = len(self.daemon.logged(FULL))
         while len(self.daemon.logged(FULL)) == before:
             self.sockets.append(connect())
-            self.assertLess(len(self.sockets), 200, "never full")
+            # More than can have been accepted: only the line may be late, on a busy machine.
+            if len(self.sockets) == 150:
+                self.daemon.wait_for_log(FULL, before + 1)
             self.bystanders.step()
         self.sockets += [connect() for _ in range(50)]
         self.bystanders.step()
