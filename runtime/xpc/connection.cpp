@@ -133,6 +133,8 @@ void Connection::checkFrame(std::span<const std::byte> bytes, SealedValues value
     const WorkingFor user(self->peer_.uid);
     auto checked = std::make_unique<CheckedMessage>(checkMessage(
         frame->bytes(), std::move(held), self->options_.receiveLimitBytes, *self->options_.quota));
+    // Not with this block: its charge would count, or not, when the message is received.
+    frame = BufferRef();
     self->transport_->performLater([self, message = std::move(checked)] {
       const WorkingFor receivedFor(self->peer_.uid);
       if (!message->unclaimed.empty()) self->transport_->returnFiles(std::move(message->unclaimed));

@@ -262,10 +262,10 @@ class Charges(StatementTest):
         before = self.held()
         auth = self.as_user(Client, AUTH, exports=())
         identifiers = [auth.call("authBasicStartWithHandler:")[1] for _ in range(3)]
-        self.assertHeld(before, 1024, 1024, 1024)
+        self.assertHeld(before, 1536, 1536, 1536)
         error = auth.call("authValidate:andID:withHandler:", "nonsense", identifiers[0])[2]
         self.assertEqual(error.code, 5)
-        self.assertHeld(before, 1024, 1024)
+        self.assertHeld(before, 1536, 1536)
 
     def test_charges_for_items_outlive_the_connection(self):
         before = self.held()
