@@ -79,22 +79,7 @@ FloodOutcome runExits(const AttackPlan& plan) {
 
 // Sends one end of a connection through that very connection.
 void passItself(const FileDescriptor& socket) {
-  char byte = 0;
-  iovec part{.iov_base = &byte, .iov_len = sizeof byte};
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = control.data();
-  message.msg_controllen = control.size();
-  cmsghdr* const head = CMSG_FIRSTHDR(&message);
-  head->cmsg_level = SOL_SOCKET;
-  head->cmsg_type = SCM_RIGHTS;
-  head->cmsg_len = CMSG_LEN(sizeof(int));
-  const int file = socket.get();
-  std::copy_n(reinterpret_cast<const char*>(&file), sizeof file,
-              reinterpret_cast<char*>(CMSG_DATA(head)));
-  ::sendmsg(socket.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+  sendWith(socket.get(), std::string_view("\0", 1), socket.get());
 }
 
 // A connection that leaves its deliveries unread is not read either. So the descriptor that waits

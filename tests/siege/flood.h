@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "runtime/foundation/file_descriptor.h"
@@ -40,6 +43,10 @@ struct FloodOutcome {
   std::uint64_t sentBytes = 0;
   std::uint64_t receivedBytes = 0;
 };
+
+// Sends bytes without waiting, and `file` with the first of them unless it is -1. Returns as
+// sendmsg(2) does.
+ssize_t sendWith(int socket, std::string_view bytes, int file);
 
 // Connects, and waits at most until `deadline` while the backlog of the listener is full. Returns
 // none then. Throws std::system_error on any other failure.

@@ -27,7 +27,8 @@ constexpr std::chrono::milliseconds kReconnectPatience{100};
   throw std::system_error(errno, std::system_category(), what);
 }
 
-// Sends bytes, and `file` with the first of them unless it is -1.
+}  // namespace
+
 ssize_t sendWith(int socket, std::string_view bytes, int file) {
   if (file < 0) return ::send(socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   iovec part{.iov_base = const_cast<char*>(bytes.data()), .iov_len = bytes.size()};
@@ -44,8 +45,6 @@ ssize_t sendWith(int socket, std::string_view bytes, int file) {
   std::memcpy(CMSG_DATA(head), &file, sizeof file);
   return ::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
-
-}  // namespace
 
 FileDescriptor connectTo(const std::string& path, Deadline deadline) {
   sockaddr_un address{};
