@@ -61,8 +61,8 @@ class FrameStream final : public Transport, private Reactor::Watcher, private Sh
   bool endInput();
   bool flush();
 
-  // The reason for which deliverFrames() stopped.
-  enum class Stop : std::uint8_t { nothingLeft, paused, enoughBlocks, tookFile, ended };
+  // The reason for which deliverFrames() stopped. Interrupted: by the receiver, or after a file.
+  enum class Stop : std::uint8_t { nothingLeft, enoughBlocks, interrupted };
   Stop deliverFrames();
   void queueInput();
   void queueOutput(EndOfTurnHook::Urgency urgency);

@@ -326,7 +326,7 @@ FrameStream::Stop FrameStream::deliverFrames() {
         const std::string reason =
             fmt::format("a frame of {} bytes is beyond all limits", reader_.frameSizeBytes());
         fail(reason, reason);
-        return Stop::ended;
+        return Stop::interrupted;
       }
       case FrameSplitter::Found::frame:
         receiver_->onFrame(reader_.frame(), reader_.files());
@@ -335,16 +335,16 @@ FrameStream::Stop FrameStream::deliverFrames() {
         receiver_->onOversizedFrame(reader_.frameSizeBytes(), reader_.frame());
         break;
     }
-    if (!socket_) return Stop::ended;
+    if (!socket_) return Stop::interrupted;
     const bool tookFile = reader_.files().size() < accountedFiles_;
     updateFileCount();
-    if (tookFile) return Stop::tookFile;
+    if (tookFile) return Stop::interrupted;
     // A large message may ask for as much work as many small ones.
     const bool wasLarge = reader_.frame().size() > limits::kSmallMessageBytes;
     if (context_.reactor().hasEnoughBlocks() || (wasLarge && context_.reactor().isContended()))
       return Stop::enoughBlocks;
   }
-  return Stop::paused;
+  return Stop::interrupted;
 }
 
 bool FrameStream::flush() {

@@ -65,14 +65,13 @@ void SealedValue::check(std::size_t sizeBytes, const MemoryQuota& quota) {
 CheckedMessage checkMessage(std::span<const std::byte> frame, SealedValues values,
                             std::size_t sealedLimitBytes, const MemoryQuota& quota) {
   CheckedMessage checked;
-  const auto unchanged = [&] {
-    checked.frame.assign(frame.begin(), frame.end());
-    for (SealedValue& value : values) checked.unclaimed.push_back(std::move(value.file));
-    return std::move(checked);
-  };
   cbor::Cursor cursor(frame);
   const auto argumentCount = skipToArguments(cursor);
-  if (!argumentCount) return unchanged();
+  if (!argumentCount) {
+    checked.frame.assign(frame.begin(), frame.end());
+    for (SealedValue& value : values) checked.unclaimed.push_back(std::move(value.file));
+    return checked;
+  }
 
   ByteSink bytes;
   const auto copy = [&](std::span<const std::byte> some) { bytes.append(some); };
